@@ -1,0 +1,13 @@
+# Compiler settings shared by every target: include path, warnings, sanitizers.
+add_library(kestro_build INTERFACE)
+target_include_directories(kestro_build INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_definitions(kestro_build INTERFACE _FILE_OFFSET_BITS=64)
+target_compile_options(kestro_build INTERFACE
+  -Wall -Wextra -Wshadow -Wformat=2 -Wconversion
+  $<$<BOOL:${KESTRO_WERROR}>:-Werror>)
+
+if(KESTRO_SANITIZE)
+  target_compile_options(kestro_build INTERFACE
+    -fsanitize=${KESTRO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
+  target_link_options(kestro_build INTERFACE -fsanitize=${KESTRO_SANITIZE})
+endif()

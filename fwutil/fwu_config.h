@@ -1,0 +1,37 @@
+// The configuration file: names the log directory and, for tools that write
+// the log, how large log files grow and which databases, datasets and items
+// there are.  Its grammar is described in docs/forward-log.md.
+#ifndef FWUTIL_FWU_CONFIG_H
+#define FWUTIL_FWU_CONFIG_H
+
+#include "fwutil/fwu_items.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+constexpr int64_t FWU_LOG_FILE_SIZE_DEFAULT = 64 * 1024 * 1024;
+
+// One dataset of the configuration.
+struct fwu_dataset {
+    fwu_layout layout;
+    std::string table; // "schema.table" that feeds it; empty: found by its name
+    int line = 0;      // line in the configuration file, for messages
+    int null_map = -1; // index of the item that tells which items are null; -1: none
+};
+
+struct fwu_config {
+    std::string path;          // the file read, for messages
+    std::string log_directory; // absolute, or relative to the working directory
+    int64_t log_file_size = FWU_LOG_FILE_SIZE_DEFAULT; // bytes after which a new file begins
+    bool big_endian = false;                           // byte order of the numbers inside images
+    std::vector<fwu_dataset> datasets;                 // in file order
+    std::vector<std::string> skip_tables; // "schema.table": left out of the log on purpose
+};
+
+// Reads the file at path, or, when path is null, the one named by the
+// environment variable FWUTIL_CFG, else "fwutil.cfg".  Returns 0; or -1 after
+// reporting an error with file and line on standard error.
+int fwu_config_read(fwu_config &config, const char *path);
+
+#endif

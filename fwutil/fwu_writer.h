@@ -1,0 +1,57 @@
+// Appending whole transactions to a forward log.  A transaction is collected in
+// memory, in a spill file once it is large, and reaches the log at its commit,
+// so the log never shows part of one that was given up.  Errors are reported on
+// standard error where they are found; calls return 0 or -1.
+#ifndef FWUTIL_FWU_WRITER_H
+#define FWUTIL_FWU_WRITER_H
+
+#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_items.h"
+#include "fwutil/fwu_session.h"
+
+#include <cstdint>
+
+struct fwu_writer; // opaque
+
+// What a commit entry says of its transaction.
+struct fwu_commit {
+    int64_t time_us = 0; // commit time, microseconds since 1970 UTC
+    uint64_t xid = 0;    // the source's transaction id
+    uint64_t lsn = 0;    // the source's log position of the commit; ascends from commit to commit
+};
+
+// Opens the log of the configuration for appending and creates its directory
+// when that is missing.  One writer at a time: another one's lock is an error.
+// A torn tail, left by a writer that died, is cut back to the last whole
+// transaction and the cut is reported.
+int fwu_writer_open(fwu_writer **writer, const fwu_config &config);
+
+// Position of the last commit in the log; 0 when it holds none.
+uint64_t fwu_writer_last_lsn(const fwu_writer *writer);
+
+// Begins a transaction.  session may be null: no session is known.
+int fwu_writer_begin(fwu_writer *writer, const fwu_session *session);
+
+// Adds one change.  opcode is FWU_OP_INSERT (after only), FWU_OP_UPDATE (both
+// images) or FWU_OP_DELETE (before only); logtime in seconds since 1970.  The
+// layout is put into the log where it is first used in a file or has changed.
+// reclen is the length of each image and must be the layout's.
+int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layout, int64_t logtime,
+                      int32_t reclen, const void *before_image, const void *after_image);
+
+// Appends the transaction to the log, in a new log file when the present one
+// has reached its size.  After a failure the log ends with the transaction
+// before it.  A transaction without records appends nothing.
+int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit);
+
+// Forgets the transaction begun last.
+void fwu_writer_rollback(fwu_writer *writer);
+
+// Brings the log to disk (fsync).
+int fwu_writer_sync(fwu_writer *writer);
+
+// Syncs, releases the lock and frees the writer; null is allowed.  An open
+// transaction is forgotten.
+int fwu_writer_close(fwu_writer *writer);
+
+#endif

@@ -1,0 +1,80 @@
+// The forward-log library's calls, C linkage.  libfwutil.so exports these and
+// nothing else, so that any other library with the same calls can take its
+// place.  One thread at a time; pointers handed out belong to the library.
+#ifndef FWUTIL_FWUTIL_H
+#define FWUTIL_FWUTIL_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Operation codes that the record callback receives.
+#define FWU_OP_UPDATE 1
+#define FWU_OP_INSERT 3
+#define FWU_OP_DELETE 5
+
+// Called once per insert, update and delete record of a committed transaction,
+// in log order.  logtime is in seconds since 1970, reclen the length in bytes
+// of one image.  before_image is null for an insert, after_image null for a
+// delete.  Names and images are valid until the callback returns.  Result: 0
+// to go on; anything else stops Fwu_process at this record.
+typedef int (*fwu_callback)(uint32_t reserved, const char *dbname, const char *dsetname,
+                            int32_t logtime, int32_t opcode, int32_t recnum, int32_t reclen,
+                            const void *before_image, const void *after_image);
+
+// Delivers the log's records to the callback.  cfg: configuration file, or null
+// for the file named by FWUTIL_CFG, else "fwutil.cfg".  status: status file, or
+// null for "fwutil.status".  start: log file number ("25") or full position
+// ("1-25.340"), or null to go on behind the position in the status file (the
+// oldest record when that names none).  Returns 0 at the end of the data when
+// Fwu_synconly is set and on SIGTERM or SIGINT, which it handles for the length
+// of the call; otherwise waits for more records.  Nonzero after an error, which
+// it has reported on standard error, or when the callback returned nonzero; that
+// record is delivered again by the next run.
+int Fwu_process(fwu_callback callback, const char *cfg, const char *status, const char *start);
+
+// Nonzero: report on standard error what is opened, where reading starts,
+// waits and why it stops.
+void Fwu_verbose(int on);
+
+// Nonzero: Fwu_process returns at the end of the data present.
+void Fwu_synconly(int on);
+
+// Prints the contents of the status file (null: "fwutil.status") and how far it
+// is behind the end of the log on standard output; more with verbose nonzero.
+// Returns 0, or nonzero after an error reported on standard error.
+int Fwu_status(const char *status, int verbose);
+
+// Prints the library's name and version, one line, on standard output.
+void Fwu_version(void);
+
+// Next item of the dataset of the record being delivered: returns 1 and sets
+// name (at most 17 bytes and a NUL, valid until the callback returns) and the
+// four words; returns 0 and sets nothing after the last item, and starts again
+// with the first item at the next call.  Any pointer may be null.
+int Fwu_get_item(const char **name, int32_t *type, int32_t *size, int32_t *count,
+                 int32_t *item_aux);
+
+// Position of the record delivered last; before the first record the position
+// at which reading started, 0 when that was the beginning of the log.
+int Fwu_CurrentLogGeneration(void);
+int Fwu_CurrentLogSequence(void);
+int Fwu_CurrentTagSequence(void);
+
+// Text of the entry "pname", "user", "login", "pid" or "info" of the session
+// that made the current change, valid until the callback returns; null when
+// there is none, for any other key and for null.
+const char *Fwu_get_session_entry(const char *key);
+
+// Number of data elements of that session, and the text of one of them (null
+// for an index outside 0 to the number less 1).
+int Fwu_get_session_elements(void);
+const char *Fwu_get_session_data(int index);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
