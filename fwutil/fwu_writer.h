@@ -6,19 +6,13 @@
 #define FWUTIL_FWU_WRITER_H
 
 #include "fwutil/fwu_config.h"
+#include "fwutil/fwu_entry.h"
 #include "fwutil/fwu_items.h"
 #include "fwutil/fwu_session.h"
 
 #include <cstdint>
 
 struct fwu_writer; // opaque
-
-// What a commit entry says of its transaction.
-struct fwu_commit {
-    int64_t time_us = 0; // commit time, microseconds since 1970 UTC
-    uint64_t xid = 0;    // the source's transaction id
-    uint64_t lsn = 0;    // the source's log position of the commit; ascends from commit to commit
-};
 
 // Opens the log of the configuration for appending and creates its directory
 // when that is missing.  One writer at a time: another one's lock is an error.

@@ -1,0 +1,141 @@
+// The bytes of a log file: its header and its entries.  Decoding is safe on any
+// input; the layout is described in docs/forward-log.md.
+#ifndef FWUTIL_FWU_ENTRY_H
+#define FWUTIL_FWU_ENTRY_H
+
+#include "fwutil/fwu_items.h"
+#include "fwutil/fwu_session.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// File header: 64 bytes.
+//   0  c[8]  magic       "KFWLOG\r\n"
+//   8  u16   version     1
+//  10  u16   length      64
+//  12  u8    byte order  'L' or 'B': the numbers inside record images
+//  13  c[3]  zero
+//  16  i32   generation
+//  20  i32   sequence
+//  24  i64   created     microseconds since 1970 UTC
+//  32  c[28] zero
+//  60  u32   CRC of bytes 0 to 59
+constexpr size_t FWU_FILE_HEADER_SIZE = 64;
+
+// Entry header: 24 bytes; the payload stands behind it, zeros up to a multiple
+// of 8 behind the payload.
+//   0  u32   length       header and payload, without the zeros behind
+//   4  u16   kind
+//   6  u16   zero
+//   8  i32   tag          1, 2, 3, ... within the file
+//  12  u32   CRC of bytes 0 to 11
+//  16  u32   CRC of the payload
+//  20  c[4]  zero
+constexpr size_t FWU_ENTRY_HEADER_SIZE = 24;
+constexpr size_t FWU_ENTRY_MAX = 64 * 1024 * 1024;
+constexpr size_t FWU_ENTRY_ALIGN = 8;
+constexpr size_t FWU_ENTRY_CRC_AT = 12; // both CRC words: what the chain covers
+constexpr size_t FWU_ENTRY_CRC_SIZE = 8;
+constexpr size_t FWU_COMMIT_SIZE = 56; // length of every commit entry
+
+constexpr int FWU_NAME_MAX = 16; // bytes of a database or dataset name
+
+enum fwu_kind : uint16_t {
+    FWU_KIND_LAYOUT = 1,
+    FWU_KIND_SESSION = 2,
+    FWU_KIND_INSERT = 3,
+    FWU_KIND_UPDATE = 4,
+    FWU_KIND_DELETE = 5,
+    FWU_KIND_COMMIT = 6,
+};
+
+struct fwu_file_header {
+    bool big_endian = false;
+    int32_t generation = 0;
+    int32_t sequence = 0;
+    int64_t created_us = 0; // microseconds since 1970 UTC
+};
+
+// An entry in a buffer that belongs to whoever read it.
+struct fwu_entry {
+    uint32_t length = 0; // with header, without padding
+    uint16_t kind = 0;
+    int32_t tag = 0;
+    const unsigned char *payload = nullptr;
+    size_t payload_length = 0;
+};
+
+// A change; names and images point into the entry, names end with a NUL.
+struct fwu_change {
+    const char *dbname = nullptr;
+    const char *dsetname = nullptr;
+    int64_t logtime = 0; // seconds since 1970
+    int32_t opcode = 0;  // FWU_OP_INSERT, FWU_OP_UPDATE or FWU_OP_DELETE
+    int32_t recnum = 0;
+    int32_t reclen = 0;                    // bytes of each image
+    const unsigned char *before = nullptr; // null for an insert
+    const unsigned char *after = nullptr;  // null for a delete
+};
+
+// A session; the texts point into the entry and end with a NUL.
+constexpr int FWU_SESSION_ENTRIES = 5;
+struct fwu_session_view {
+    const char *entry[FWU_SESSION_ENTRIES] = {}; // as FWU_SESSION_KEYS; null when absent
+    std::vector<const char *> data;
+};
+extern const char *const FWU_SESSION_KEYS[FWU_SESSION_ENTRIES]; // pname user login pid info
+
+// What a commit entry says of its transaction.
+struct fwu_commit {
+    int64_t time_us = 0; // commit time, microseconds since 1970 UTC
+    uint64_t xid = 0;    // the source's transaction id
+    uint64_t lsn = 0;    // the source's log position of the commit; ascends from commit to commit
+};
+
+struct fwu_commit_entry {
+    fwu_commit commit;
+    uint32_t entries = 0; // entries of the transaction before the commit entry
+    uint32_t chain = 0;   // CRC over the CRC words of these entries, in order
+};
+
+inline size_t fwu_entry_padded(size_t length)
+{
+    return (length + FWU_ENTRY_ALIGN - 1) & ~(FWU_ENTRY_ALIGN - 1);
+}
+
+void fwu_file_header_put(unsigned char *out, const fwu_file_header &header);
+// Null, or what is wrong with the 64 bytes.
+const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in);
+
+// Checks the 24 bytes of a header and fills all but payload; null, or what is
+// wrong with them.
+const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag);
+// Checks the whole entry, all padded bytes of which stand at in, behind a good
+// header; null, or what is wrong.
+const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in);
+// Whether a whole commit entry, tag unknown, stands in these 56 bytes.
+bool fwu_entry_is_commit(const unsigned char *in);
+
+// Decode a payload; false when the entry is of another kind or malformed.
+bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout);
+bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session);
+bool fwu_entry_change(const fwu_entry &entry, fwu_change &change);
+bool fwu_entry_commit(const fwu_entry &entry, fwu_commit_entry &commit);
+
+// Append a whole padded entry to a buffer.  The caller has checked names, texts
+// (no NUL inside) and lengths.
+void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout);
+void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag,
+                           const fwu_session &session);
+void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fwu_change &change);
+void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
+                          const fwu_commit_entry &commit);
+
+// Lengths that these entries will have, without padding.
+uint64_t fwu_entry_session_length(const fwu_session &session);
+uint64_t fwu_entry_change_length(const fwu_change &change);
+uint64_t fwu_entry_layout_length(const fwu_layout &layout);
+
+#endif

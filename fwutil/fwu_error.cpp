@@ -1,0 +1,63 @@
+// One report is one write to standard error, so that lines of several processes
+// do not mix.
+#include "fwutil/fwu_error.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+static const char *program = "fwutil";
+static int verbose = 0;
+
+void fwu_set_program(const char *name)
+{
+    program = name;
+}
+
+void fwu_set_verbose(int on)
+{
+    verbose = on;
+}
+
+__attribute__((format(printf, 1, 0))) static void report(const char *format, va_list args)
+{
+    const int saved_errno = errno;
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    (void)vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    text = std::string(program) + ": " + text + "\n";
+    (void)fwrite(text.data(), 1, text.size(), stderr); // nobody is left to tell
+    (void)fflush(stderr);
+    errno = saved_errno;
+}
+
+int fwu_error(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    report(format, args);
+    va_end(args);
+    return -1;
+}
+
+void fwu_warn(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    report(format, args);
+    va_end(args);
+}
+
+void fwu_note(const char *format, ...)
+{
+    if (verbose == 0)
+        return;
+    va_list args;
+    va_start(args, format);
+    report(format, args);
+    va_end(args);
+}

@@ -1,0 +1,21 @@
+// Reports of the library on standard error: "fwutil: ..." lines.
+#ifndef FWUTIL_FWU_ERROR_H
+#define FWUTIL_FWU_ERROR_H
+
+// The name in front of every line; a program that uses the library's parts sets
+// its own.  The text is not copied.
+void fwu_set_program(const char *name);
+
+// Turns fwu_note on (nonzero) or off.
+void fwu_set_verbose(int on);
+
+// Prints one line about an error; always returns -1.  Leaves errno alone.
+__attribute__((format(printf, 1, 2))) int fwu_error(const char *format, ...);
+
+// Prints one line that is no error but that an operator has to see.
+__attribute__((format(printf, 1, 2))) void fwu_warn(const char *format, ...);
+
+// Prints one line when verbose.
+__attribute__((format(printf, 1, 2))) void fwu_note(const char *format, ...);
+
+#endif

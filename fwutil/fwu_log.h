@@ -1,0 +1,59 @@
+// A forward log as a directory of files, and its walk from entry to entry.
+// Calls report errors on standard error and return -1.
+#ifndef FWUTIL_FWU_LOG_H
+#define FWUTIL_FWU_LOG_H
+
+#include "fwutil/fwu_cursor.h"
+#include "fwutil/fwu_entry.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+// Fills files with the directory's log files, oldest first; other names are
+// passed over.
+int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files);
+
+// Reading a log transaction by transaction, from file to file.
+struct fwu_log {
+    std::string directory;
+    fwu_cursor cursor;
+    bool look = true; // the directory may hold files that were not there before
+};
+
+// Goes on to the next committed transaction, whose entries fwu_cursor_entry
+// then gives.  FWU_END: no more for now.  FWU_FAILED: reported.
+fwu_found fwu_log_next(fwu_log &log);
+
+// Next entry of that transaction, its commit entry included; FWU_END behind it.
+fwu_found fwu_log_entry(fwu_log &log, fwu_entry &entry);
+
+// Reports damage that the cursor found; returns -1.
+int fwu_log_damage(const fwu_cursor &cursor);
+
+// For programs that show a log: what there is, in order.
+enum fwu_walk_what {
+    FWU_WALK_FILE,   // a log file begins: header is filled
+    FWU_WALK_ENTRY,  // an entry of a committed transaction: entry is filled
+    FWU_WALK_TAIL,   // no commit lies behind offset: length bytes are not there yet
+    FWU_WALK_DAMAGE, // reason says what is wrong at offset
+};
+
+struct fwu_walk_item {
+    fwu_walk_what what = FWU_WALK_FILE;
+    const fwu_log_file *file = nullptr;
+    int64_t offset = 0;           // in the file
+    int64_t length = 0;           // of a tail, in bytes
+    const char *reason = nullptr; // of damage; of a tail, or null when it is merely unfinished
+    fwu_file_header header;
+    fwu_entry entry; // valid during the visit
+};
+
+// Visits everything from the log's oldest file on until visit returns nonzero,
+// which it then returns.  Damage is visited, then reported, and ends the walk
+// with -1.  0 at the end of the log.
+int fwu_log_walk(const std::string &directory,
+                 const std::function<int(const fwu_walk_item &)> &visit);
+
+#endif
