@@ -1,0 +1,96 @@
+// The capture configuration: the run's capinfo, the options pending for the
+// next capture file, and the capture files.
+#ifndef CAPTURE_CAPINFO_H
+#define CAPTURE_CAPINFO_H
+
+#include "driver/dsetinfo.h"
+
+#include <cstdint>
+
+struct ebmf;
+struct hdritem;
+struct slist;
+
+// Header options.
+constexpr uint32_t HDR_EXTHDR = 1; // -exthdr
+constexpr uint32_t HDR_YYYY = 2;   // -yyyy
+constexpr uint32_t HDR_RECNUM = 4; // -recnum
+constexpr uint32_t HDR_FGA = 8;    // -fga
+
+// ASCII flags; 0 is a message capture file.
+constexpr uint32_t ASCII_ON = 1;      // -ascii
+constexpr uint32_t ASCII_REVERSE = 2; // -asciirev, together with ASCII_ON
+constexpr uint32_t ASCII_DIRTY = 4;   // -dirty
+constexpr uint32_t ASCII_BWFMT = 8;   // -bwfmt
+
+// Bytes of a fresh record buffer behind the header, and bytes past its size
+// that are always there for the end of a text line.
+constexpr int RECBUF_ROOM = 256;
+constexpr int RECBUF_SPARE = 2;
+
+// Options pending for the next capture file.
+struct capcfg {
+    uint32_t hdropts;     // HDR_ bits
+    int32_t share_mode;   // 1: open the message file in shared mode; no option sets it
+    uint32_t ascii_flags; // ASCII_ bits
+    int32_t info_item;    // header item kind that -info replaces; 0: none
+    int32_t ndsets;       // number of patterns
+    char *progterm;       // owned; program-name terminator or null
+    char **dsets;         // owned; patterns as typed
+};
+
+// One capture file.
+struct capfil {
+    char *name;           // owned; the next file's name after a rollover
+    int32_t share_mode;   // as in capcfg
+    ebmf *fp;             // owned; null until the first record is written
+    char *recbuf;         // owned; the record under construction: header, then data
+    char *progterm;       // owned; program-name terminator or null
+    int32_t bufsize;      // bytes of recbuf, RECBUF_SPARE not counted; only grows
+    int32_t hdrsize;      // bytes of the header
+    uint32_t hdropts;     // HDR_ bits
+    uint32_t ascii_flags; // ASCII_ bits; nonzero: a text file
+    int32_t rollover;     // 1: next file at the size limit; 0: a full file is an error
+    int32_t maxbytes;     // size limit in bytes
+    int32_t fnum;         // file number, shown as "#%d"
+    int32_t info_item;    // as in capcfg
+    hdritem **hdritems;   // owned; null-terminated header layout
+    int32_t nwritten;     // write attempts, over the whole run
+    char op[3];           // operation code of the record: IP, IU or ID
+    int32_t npats;        // number of patterns; 0 exactly when pats is null
+    char **pats;          // owned; normalised patterns
+    slist *stats;         // owned; counts by database and dataset, or null
+};
+
+// The run.
+struct capinfo {
+    int32_t ncf;       // number of capture files
+    capfil **capfiles; // owned; in command-line order
+    slist *skipstats;  // owned; counts of records no file took, or null
+    dsetinfo *dsets;   // owned; item layout of the current record's dataset
+};
+
+capinfo *new_capinfo();
+int32_t ci_get_ncf(const capinfo *ci); // 0 for null
+
+void init_capcfg(capcfg *cfg); // all fields zero
+
+// Adds a pattern; returns 0, or the code of the message that refused it.
+int add_capcfg_dset(capcfg *cfg, const char *pattern);
+
+// Releases what the options own; init_capcfg comes next.
+void free_capcfg_data(capcfg *cfg);
+
+capfil *new_capfil();
+void capfile_init(capfil *cf, const char *name, const capcfg *cfg);
+
+// Adds a capture file with the pending options.  The file itself is not
+// touched before its first record.
+void add_capfile(capinfo *ci, const char *name, const capcfg *cfg);
+
+// Releases a file's record; recbuf and fp belong to closing the file.
+void free_capfil(capfil *cf);
+
+void free_ci(capinfo *ci); // null is allowed
+
+#endif

@@ -1,0 +1,239 @@
+// Writing log records to the capture files.  Inserts, updates and deletes take
+// one way and differ by a row of a table.
+#include "capture/write.h"
+
+#include "ascii/put_ascii.h"
+#include "capture/capinfo.h"
+#include "capture/dsetpat.h"
+#include "capture/ebmf.h"
+#include "capture/header.h"
+#include "capture/stats.h"
+#include "driver/dump.h"
+#include "driver/globals.h"
+#include "driver/log.h"
+#include "driver/logrec.h"
+#include "driver/mem.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+// Mode of a message file that all users may write.
+constexpr int TMF_MODE_SHARED = 8;
+
+constexpr int MAX_IMAGES = 2;
+
+// What sets one operation apart from the others.
+struct write_kind {
+    char op[3];                                 // operation code in the header
+    int stat;                                   // what it is counted as
+    int nimages;                                // images in the capture record
+    const void *log_record::*image[MAX_IMAGES]; // which, in order
+    void (*dump)(const log_record *record);     // -dumprecs
+};
+
+static void dump_insert(const log_record *record)
+{
+    dumprec(record->after_image, record->reclen, "Insert log record length %d (0x%04x) for %s.%s",
+            record->reclen, static_cast<unsigned>(record->reclen), logrec_dbname(record),
+            logrec_dsetname(record));
+}
+
+static void dump_update(const log_record *record)
+{
+    dumprec(record->before_image, record->reclen,
+            "Update log record length %d (0x%04x) (Before) for %s.%s", record->reclen,
+            static_cast<unsigned>(record->reclen), logrec_dbname(record), logrec_dsetname(record));
+    dumprec(record->after_image, record->reclen,
+            "Update log record length %d (0x%04x) (After) for %s.%s", record->reclen,
+            static_cast<unsigned>(record->reclen), logrec_dbname(record), logrec_dsetname(record));
+}
+
+static void dump_delete(const log_record *record)
+{
+    dumprec(record->before_image, record->reclen, "Delete log record length %d (0x%04x) for %s.%s",
+            record->reclen, static_cast<unsigned>(record->reclen), logrec_dbname(record),
+            logrec_dsetname(record));
+}
+
+// clang-format off
+static const write_kind insert_kind = {
+    "IP", STAT_INSERT, 1, {&log_record::after_image, nullptr}, dump_insert};
+static const write_kind update_kind = {
+    "IU", STAT_UPDATE, 2, {&log_record::before_image, &log_record::after_image}, dump_update};
+static const write_kind delete_kind = {
+    "ID", STAT_DELETE, 1, {&log_record::before_image, nullptr}, dump_delete};
+// clang-format on
+
+// The record comes from another library: refuses a length that is negative or
+// too long for a capture record, and an image that is not there.
+static int check_record(const capfil *cf, const log_record *record, const write_kind &kind)
+{
+    constexpr int64_t longest = std::numeric_limits<int32_t>::max() - RECBUF_SPARE;
+    const int64_t body = static_cast<int64_t>(record->reclen) * kind.nimages;
+    if (record->reclen < 0 || body > longest - cf->hdrsize)
+        return set_error_f("Invalid log record length %d for %s.%s", record->reclen,
+                           logrec_dbname(record), logrec_dsetname(record));
+    for (int i = 0; i < kind.nimages; i++) {
+        if (record->reclen > 0 && record->*kind.image[i] == nullptr)
+            return set_error_f("Log record without its image for %s.%s", logrec_dbname(record),
+                               logrec_dsetname(record));
+    }
+    return 0;
+}
+
+// Appends the images behind the header as they are; the record's length.
+static int32_t build_binary(capfil *cf, const log_record *record, const write_kind &kind)
+{
+    const int32_t size = cf->hdrsize + record->reclen * kind.nimages;
+    if (size > cf->bufsize) {
+        cf->bufsize = size;
+        cf->recbuf =
+            static_cast<char *>(mem_realloc(cf->recbuf, static_cast<size_t>(size) + RECBUF_SPARE));
+    }
+    const auto reclen = static_cast<size_t>(record->reclen);
+    char *out = cf->recbuf + cf->hdrsize;
+    for (int i = 0; i < kind.nimages && reclen != 0; i++) {
+        memcpy(out, record->*kind.image[i], reclen);
+        out += reclen;
+    }
+    return size;
+}
+
+// Appends the text of the images behind the header; the record's length goes to
+// length, the first conversion error is the result.
+static int build_ascii(capfil *cf, const log_record *record, const write_kind &kind,
+                       const dsetinfo *dsets, int32_t *length)
+{
+    int result = 0;
+    *length = cf->hdrsize;
+    for (int i = 0; i < kind.nimages; i++) {
+        const int rc = put_ascii(cf->ascii_flags, &cf->recbuf, length, &cf->bufsize,
+                                 record->*kind.image[i], record->reclen, dsets);
+        if (result == 0)
+            result = rc;
+    }
+    return result;
+}
+
+static int capture_write(capinfo *ci, const log_record *record, const write_kind &kind)
+{
+    int conversion = 0;
+    int failed = 0;
+    int taken = 0;
+    for (int i = 0; i < ci->ncf; i++) {
+        capfil *cf = ci->capfiles[i];
+        if (dset_qualifies(cf, record) == 0)
+            continue;
+        taken++;
+        if (check_record(cf, record, kind) != 0) {
+            failed++;
+            continue;
+        }
+        if ((g_flags & FLAG_DUMPRECS) != 0)
+            kind.dump(record);
+        memcpy(cf->op, kind.op, sizeof cf->op);
+        cap_header_put(cf, record);
+
+        int32_t length = 0;
+        // Kept: each text file's conversion result replaces the one before it, and a
+        // record that did not convert is written all the same.
+        if (cf->ascii_flags != 0)
+            conversion = build_ascii(cf, record, kind, ci->dsets, &length);
+        else
+            length = build_binary(cf, record, kind);
+
+        if (cap_write_buf(cf, length) != 0)
+            failed++;
+        else if (cf->stats != nullptr)
+            add_capstat(cf->stats, record, kind.stat);
+    }
+    if (taken == 0 && ci->skipstats != nullptr)
+        add_capstat(ci->skipstats, record, kind.stat);
+    if (conversion != 0)
+        return conversion;
+    return failed != 0 ? -1 : 0;
+}
+
+int capture_write_insert(capinfo *ci, const log_record *record)
+{
+    return capture_write(ci, record, insert_kind);
+}
+
+int capture_write_update(capinfo *ci, const log_record *record)
+{
+    return capture_write(ci, record, update_kind);
+}
+
+int capture_write_delete(capinfo *ci, const log_record *record)
+{
+    return capture_write(ci, record, delete_kind);
+}
+
+int cap_write_buf(capfil *cf, int32_t length)
+{
+    if (cf->fp == nullptr) {
+        const int rc = cap_open_capture_file(cf);
+        if (rc != 0)
+            return rc;
+    }
+    if ((g_flags & FLAG_DUMPRECS) != 0)
+        dumprec(cf->recbuf, length, "Writing capture record length %d (0x%04x) to %s", length,
+                static_cast<unsigned>(length), cf->name);
+
+    int rc = ebmf_fwrite(cf->fp, cf->recbuf, length);
+    if (rc != 0)
+        rc = set_error_emf(cf->fp, "Error writing to capture file: %s", cf->name);
+    // Kept: a failed attempt counts too; the header's sequence number goes on.
+    cf->nwritten++;
+    return rc;
+}
+
+int cap_open_capture_file(capfil *cf)
+{
+    const int mode = cf->share_mode == 1 ? TMF_MODE_SHARED : 0;
+    cf->fp = ebmf_fopen(cf->name, mode, cf->ascii_flags);
+    if (cf->fp == nullptr) {
+        if (cf->ascii_flags == 0)
+            return set_error_mf(nullptr, "Error opening message capture file: %s", cf->name);
+        return set_error_emf(nullptr, "Error opening ASCII capture file: %s", cf->name);
+    }
+    const int rc = ebmf_getfnum(cf->fp, &cf->fnum);
+    if (mode == TMF_MODE_SHARED)
+        logmsg(LOG_VERBOSE, "Opened capture file %s in shr mode, #%d", cf->name, cf->fnum);
+    else
+        logmsg(LOG_VERBOSE, "Opened capture file %s, #%d", cf->name, cf->fnum);
+    return rc;
+}
+
+int cap_close_capture_file(capfil *cf)
+{
+    free(cf->recbuf);
+    cf->recbuf = nullptr;
+    if (cf->fp != nullptr) {
+        const int rc = ebmf_fclose(cf->fp);
+        cf->fp = nullptr;
+        if (rc != 0)
+            return rc;
+    }
+    if ((g_flags & FLAG_CAPSTATS) == 0)
+        printf("%ld records written to capture file %s\n", static_cast<long>(cf->nwritten),
+               cf->name);
+    logmsg(LOG_VERBOSE, "Closed capture file %s, #%d", cf->name, cf->fnum);
+    return 0;
+}
+
+int capture_close(capinfo *ci)
+{
+    if (ci == nullptr)
+        return 0;
+    int result = 0;
+    for (int i = 0; i < ci->ncf; i++) {
+        const int rc = cap_close_capture_file(ci->capfiles[i]);
+        if (result == 0)
+            result = rc;
+    }
+    free_ci(ci);
+    return result;
+}

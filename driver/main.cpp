@@ -1,0 +1,43 @@
+// The program's entry.
+#include "capture/capinfo.h"
+#include "driver/globals.h"
+#include "driver/help.h"
+#include "driver/process.h"
+
+#include <cstdio>
+
+static capinfo *init()
+{
+    init_globals();
+    g_ci = new_capinfo();
+    return g_ci;
+}
+
+// The place for end-of-run clean-up.
+static void shut()
+{
+}
+
+static void pause_for_enter()
+{
+    printf("Press ENTER to continue...");
+    fflush(stdout);
+    char line[256];
+    (void)fgets(line, sizeof line, stdin); // whatever comes, or nothing, is as good
+}
+
+int main(int argc, char **argv)
+{
+    if (argc <= 1) {
+        printusage(argc == 1 ? argv[0] : "Kestro");
+        return 0;
+    }
+    init();
+    const int rc = process(argc, argv);
+    if (rc != 0)
+        printf("ERROR encountered during processing.\n");
+    shut();
+    if ((g_flags & FLAG_PAUSE) != 0)
+        pause_for_enter();
+    return rc != 0 ? 1 : 0;
+}

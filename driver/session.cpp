@@ -1,0 +1,108 @@
+// The capture session.  One thread: the callback runs inside Fwu_process,
+// between the library's reads of the log.
+#include "driver/session.h"
+
+#include "capture/capinfo.h"
+#include "capture/write.h"
+#include "driver/dsetinfo.h"
+#include "driver/globals.h"
+#include "driver/log.h"
+#include "driver/logrec.h"
+#include "fwutil/fwutil.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+static void go_to_background()
+{
+    // What is still in a stdio buffer would be printed by both processes.
+    fflush(nullptr);
+    // Kept: a failed fork ends the program like a parent, with status 0.
+    if (fork() != 0)
+        exit(0);
+}
+
+int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const char *statfile,
+                const char *startspec)
+{
+    if ((g_flags & FLAG_BG) != 0)
+        go_to_background();
+    if (pidfile != nullptr) {
+        const int rc = write_pidfile(pidfile);
+        if (rc != 0)
+            return rc;
+    }
+    // A capture file may be a pipe: a reader that is gone is a write error of the
+    // record, not the end of the process.
+    signal(SIGPIPE, SIG_IGN);
+
+    g_ci = ci;
+    if ((g_flags & FLAG_VERBOSE) != 0)
+        Fwu_verbose(1);
+    if ((g_flags & FLAG_SYNCONLY) != 0)
+        Fwu_synconly(1);
+    if (Fwu_process(kestro_cb, cfgfile, statfile, startspec) != 0)
+        return set_error("Fwu_process() failed.");
+    return 0;
+}
+
+int write_pidfile(const char *path)
+{
+    FILE *fp = fopen(path, "we");
+    if (fp == nullptr)
+        return set_error_f("Error opening pidfile %s: %s", path, strerror(errno));
+    logmsg(LOG_VERBOSE, "Opened pid file %s, #%d", path, fileno(fp));
+    int rc = 0;
+    // The flush belongs to the write: without it a full disk would go unseen.
+    if (fprintf(fp, "%ld\n", static_cast<long>(getpid())) < 0 || fflush(fp) != 0)
+        rc = set_error_f("Error writing to pidfile %s: %m", path);
+    logmsg(LOG_VERBOSE, "Closed pid file %s, #%d", path, fileno(fp));
+    fclose(fp);
+    return rc;
+}
+
+static int dispatch(const log_record *record)
+{
+    switch (record->opcode) {
+    case OP_UPDATE:
+        return capture_write_update(g_ci, record);
+    case OP_INSERT:
+        return capture_write_insert(g_ci, record);
+    case OP_DELETE:
+        return capture_write_delete(g_ci, record);
+    default:
+        // Kept: the message ends its line itself, so an empty line follows it.
+        return set_error_f("Unrecognized operation: #%d\n", record->opcode);
+    }
+}
+
+extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dsetname,
+                         int32_t logtime, int32_t opcode, int32_t recnum, int32_t reclen,
+                         const void *before_image, const void *after_image)
+{
+    const log_record record = {reserved, dbname, dsetname,     logtime,    opcode,
+                               recnum,   reclen, before_image, after_image};
+    // For every record: nothing says that a dataset's layout stays as it is.
+    if (g_needsetinfo != 0)
+        get_dsetinfo(g_ci->dsets);
+    if ((g_flags & FLAG_SHOWSETS) != 0)
+        show_sets(g_ci, &record);
+    if (dispatch(&record) != 0)
+        return -1;
+    g_nlogrecs++;
+    return 0;
+}
+
+const char *get_fwlog_gst()
+{
+    static char text[64];
+    const int generation = Fwu_CurrentLogGeneration();
+    const int sequence = Fwu_CurrentLogSequence();
+    const int tag = Fwu_CurrentTagSequence();
+    snprintf(text, sizeof text, "%d-%d.%d", generation, sequence, tag);
+    return text;
+}
