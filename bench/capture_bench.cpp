@@ -1,0 +1,204 @@
+// Changes per second through Kestro for a backlog in the forward log into one
+// text capture file, and its peak memory, beside a loop that does nothing but
+// one write of the same bytes per record.  The two run in turn; the ratio of the
+// medians is what to quote.
+//
+// usage: capture_bench [CHANGES [ROUNDS]]
+#include "fwutil/fwu_writer.h"
+#include "fwutil/fwutil.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+// An order line as in examples/orders: seven items and a null map.
+static fwu_layout order_lines()
+{
+    fwu_layout layout;
+    layout.dbname = "SALES";
+    layout.dsetname = "ORDER-LINES";
+    layout.items = {{"ORDER-NO", 'I', 4, 1, 0}, {"LINE-NO", 'I', 2, 1, 0},
+                    {"ITEM-NO", 'X', 8, 1, 0},  {"QTY", 'I', 2, 1, 0},
+                    {"PRICE", 'P', 5, 1, 2},    {"DISC-PCT", 'E', 4, 1, 0},
+                    {"AMOUNT", 'P', 6, 1, 2},   {"NULL-MAP", 'X', 7, 1, 0}};
+    return layout;
+}
+
+static void make_image(char *image, int n)
+{
+    const int32_t order_no = 700000 + n / 4;
+    const auto line_no = static_cast<int16_t>(n % 4 + 1);
+    const auto qty = static_cast<int16_t>(n % 50);
+    const float disc = static_cast<float>(n % 20) * 0.5F;
+    char *at = image;
+    const auto put = [&](const void *bytes, size_t size) {
+        memcpy(at, bytes, size);
+        at += size;
+    };
+    put(&order_no, 4);
+    put(&line_no, 2);
+    put("BR-00017", 8);
+    put(&qty, 2);
+    put("\x00\x00\x12\x34\x5C", 5);
+    put(&disc, 4);
+    put("\x00\x00\x00\x98\x76\x5D", 6);
+    put(".......", 7);
+}
+
+[[noreturn]] static void fail(const char *what)
+{
+    fprintf(stderr, "capture_bench: %s\n", what);
+    exit(1);
+}
+
+// A log of inserts and updates in turn, five to a transaction.
+static void make_log(const std::string &directory, int changes)
+{
+    std::ofstream(directory + "/fwutil.cfg") << "log-directory log\n";
+    fwu_config config;
+    fwu_writer *writer = nullptr;
+    if (fwu_config_read(config, (directory + "/fwutil.cfg").c_str()) != 0 ||
+        fwu_writer_open(&writer, config) != 0)
+        fail("cannot make the log");
+    const fwu_layout layout = order_lines();
+    const auto length = static_cast<int32_t>(fwu_layout_image_length(layout));
+    fwu_session session;
+    session.pname = "custserv";
+    session.user = "SERVICEDESK";
+    session.login = "service";
+    session.pid = "24141";
+    for (int n = 0; n < changes;) {
+        int rc = fwu_writer_begin(writer, &session);
+        for (int i = 0; i < 5 && n < changes; i++, n++) {
+            char before[64];
+            char after[64];
+            make_image(before, n);
+            make_image(after, n + 1);
+            rc |= n % 2 == 0 ? fwu_writer_record(writer, FWU_OP_INSERT, layout,
+                                                 1763676518 + n / 100, length, nullptr, after)
+                             : fwu_writer_record(writer, FWU_OP_UPDATE, layout,
+                                                 1763676518 + n / 100, length, before, after);
+        }
+        fwu_commit commit;
+        commit.lsn = static_cast<uint64_t>(n);
+        if (rc != 0 || fwu_writer_commit(writer, commit) != 0)
+            fail("cannot write the log");
+    }
+    if (fwu_writer_close(writer) != 0)
+        fail("cannot close the log");
+}
+
+struct measure {
+    double seconds = 0;
+    long peak_kib = 0;
+};
+
+template <typename F> static measure run_child(F body)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    const pid_t pid = fork();
+    if (pid == 0)
+        body();
+    int status = 0;
+    struct rusage usage = {};
+    if (wait4(pid, &status, 0, &usage) != pid || status != 0)
+        fail("a run failed");
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+    return {taken.count(), usage.ru_maxrss};
+}
+
+static measure run_kestro(const std::string &kestro, const std::string &directory)
+{
+    fs::remove(directory + "/fwutil.status");
+    fs::remove(directory + "/capture.txt");
+    return run_child([&] {
+        if (chdir(directory.c_str()) != 0 || freopen("/dev/null", "w", stdout) == nullptr)
+            _exit(1);
+        execl(kestro.c_str(), "Kestro", "-synconly", "-ascii", "capture.txt", nullptr);
+        _exit(127);
+    });
+}
+
+// The bare loop: the same lines, one write each, nothing else.
+static measure run_loop(const std::string &bytes, const std::string &file)
+{
+    fs::remove(file);
+    return run_child([&] {
+        const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        for (size_t at = 0; at < bytes.size();) {
+            const size_t end = bytes.find('\n', at) + 1;
+            if (write(fd, bytes.data() + at, end - at) != static_cast<ssize_t>(end - at))
+                _exit(1);
+            at = end;
+        }
+        _exit(close(fd) == 0 ? 0 : 1);
+    });
+}
+
+static double median(std::vector<measure> runs)
+{
+    std::sort(runs.begin(), runs.end(),
+              [](const measure &a, const measure &b) { return a.seconds < b.seconds; });
+    return runs[runs.size() / 2].seconds;
+}
+
+static void bench(const std::string &kestro, const std::string &directory, int changes, int rounds)
+{
+    make_log(directory, changes);
+    run_kestro(kestro, directory);
+    std::ifstream in(directory + "/capture.txt", std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (std::count(bytes.begin(), bytes.end(), '\n') != changes)
+        fail("the capture file does not hold every change");
+
+    std::vector<measure> captures;
+    std::vector<measure> loops;
+    for (int round = 0; round < rounds; round++) {
+        captures.push_back(run_kestro(kestro, directory));
+        loops.push_back(run_loop(bytes, directory + "/loop.txt"));
+    }
+    long peak = 0;
+    for (const measure &m : captures)
+        peak = std::max(peak, m.peak_kib);
+    const double capture = median(captures);
+    const double loop = median(loops);
+    printf("%9d changes, %5.1f bytes a record: Kestro %9.0f changes/s, loop %9.0f writes/s, "
+           "ratio %.2f, peak %ld KiB\n",
+           changes, static_cast<double>(bytes.size()) / changes, changes / capture, changes / loop,
+           loop / capture, peak);
+}
+
+int main(int argc, char **argv)
+{
+    const int changes = argc > 1 ? atoi(argv[1]) : 500000;
+    const int rounds = argc > 2 ? atoi(argv[2]) : 5;
+    if (changes < 10 || rounds < 1) {
+        fprintf(stderr, "usage: capture_bench [CHANGES [ROUNDS]]\n");
+        return 2;
+    }
+    const std::string kestro = fs::read_symlink("/proc/self/exe").parent_path() / "Kestro";
+    std::string directory = fs::temp_directory_path() / "capture_bench-XXXXXX";
+    if (mkdtemp(directory.data()) == nullptr)
+        fail("cannot make a temporary directory");
+    // A tenth first: peak memory must not depend on the backlog.
+    for (const int n : {changes / 10, changes}) {
+        const std::string part = directory + "/" + std::to_string(n);
+        fs::create_directory(part);
+        bench(kestro, part, n, rounds);
+    }
+    fs::remove_all(directory);
+    return 0;
+}
