@@ -61,7 +61,8 @@ struct fwu_cursor {
     int32_t scan_tag = 1;
     uint32_t scan_entries = 0;
     uint32_t scan_chain = 0;
-    int64_t scan_last_at = 0; // the entry before scan_at, whose header was
+    bool scan_in_window = true; // nothing scanned was dropped from the window and read again
+    int64_t scan_last_at = 0;   // the entry before scan_at, whose header was
     unsigned char scan_last[FWU_ENTRY_HEADER_SIZE] = {};
 
     // The next entry that fwu_cursor_entry gives.

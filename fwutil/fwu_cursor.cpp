@@ -1,0 +1,374 @@
+// Reading one log file.  A transaction is scanned up to its commit entry first;
+// only then are its entries given, from the window when all of it is there,
+// else by reading it once more.  A writer that recovers may cut off what is
+// scanned already and append other bytes: the header scanned last is compared
+// with the file before a scan goes on, the chain CRC of the commit covers the
+// rest, and whatever looks wrong is looked at afresh before it counts.
+#include "fwutil/fwu_cursor.h"
+
+#include "fwutil/fwu_bytes.h"
+#include "fwutil/fwu_crc32c.h"
+#include "fwutil/fwu_error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+constexpr size_t WINDOW_SIZE = 1024 * 1024;
+constexpr int64_t NS_PER_S = 1000000000;
+constexpr size_t NAME_LENGTH = sizeof "fw0001-00000025.log" - 1;
+
+std::string fwu_log_file_name(int32_t generation, int32_t sequence)
+{
+    char name[40];
+    (void)snprintf(name, sizeof name, "fw%04d-%08d.log", generation, sequence); // fits any int32
+    return name;
+}
+
+bool fwu_log_file_parse(const char *name, int32_t &generation, int32_t &sequence)
+{
+    if (strlen(name) != NAME_LENGTH)
+        return false;
+    const auto number = [name](size_t from, size_t to) {
+        int32_t value = 0;
+        for (size_t i = from; i < to; i++) {
+            if (name[i] < '0' || name[i] > '9')
+                return -1;
+            value = value * 10 + (name[i] - '0');
+        }
+        return value;
+    };
+    generation = number(2, 6);
+    sequence = number(7, 15);
+    return generation >= 1 && sequence >= 1 &&
+           fwu_log_file_name(generation, sequence) == name; // the letters between the numbers
+}
+
+int fwu_cursor_open(fwu_cursor &cursor, const fwu_log_file &file)
+{
+    const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return fwu_error("%s: cannot open the log file: %s", file.path.c_str(), strerror(errno));
+    fwu_cursor_close(cursor);
+    std::vector<unsigned char> window = std::move(cursor.window);
+    if (window.size() < WINDOW_SIZE)
+        window.resize(WINDOW_SIZE);
+    cursor = fwu_cursor();
+    cursor.window = std::move(window);
+    cursor.file = file;
+    cursor.fd = fd;
+    return 0;
+}
+
+void fwu_cursor_close(fwu_cursor &cursor)
+{
+    if (cursor.fd >= 0)
+        close(cursor.fd);
+    cursor.fd = -1;
+}
+
+static fwu_found read_error(const fwu_cursor &c)
+{
+    fwu_error("%s: cannot read the log file: %s", c.file.path.c_str(), strerror(errno));
+    return FWU_FAILED;
+}
+
+static fwu_found file_stamp(const fwu_cursor &c, fwu_stamp &stamp)
+{
+    struct stat st = {};
+    if (fstat(c.fd, &st) != 0)
+        return read_error(c);
+    stamp.size = st.st_size;
+    stamp.mtime_ns = st.st_mtim.tv_sec * NS_PER_S + st.st_mtim.tv_nsec;
+    return FWU_FOUND;
+}
+
+static void drop_window(fwu_cursor &c, int64_t from)
+{
+    if (c.window_at + static_cast<int64_t>(c.window_length) > from)
+        c.window_length = from > c.window_at ? static_cast<size_t>(from - c.window_at) : 0;
+}
+
+// Points p to length bytes of the file at offset.  FWU_END: the file ends before
+// that.  What stands from keep_at on stays in the window when all of it fits.
+static fwu_found fetch(fwu_cursor &c, int64_t at, size_t length, const unsigned char *&p)
+{
+    const auto need = static_cast<int64_t>(length);
+    if (at < c.window_at || at + need > c.window_at + static_cast<int64_t>(c.window_length)) {
+        if (length > c.window.size()) {
+            fwu_stamp stamp; // a length is believed only when the file has as much
+            if (file_stamp(c, stamp) != FWU_FOUND)
+                return FWU_FAILED;
+            if (stamp.size < at + need)
+                return FWU_END;
+            c.window.resize(length);
+        }
+        const auto room = static_cast<int64_t>(c.window.size());
+        const int64_t from = c.keep_at <= at && at + need - c.keep_at <= room ? c.keep_at : at;
+        const int64_t end = c.window_at + static_cast<int64_t>(c.window_length);
+        if (from >= c.window_at && from < end) {
+            c.window_length = static_cast<size_t>(end - from);
+            memmove(c.window.data(), c.window.data() + (from - c.window_at), c.window_length);
+        } else {
+            c.window_length = 0;
+            if (from < at)
+                c.scan_in_window = false; // bytes read anew have not been checked
+        }
+        c.window_at = from;
+        while (c.window_at + static_cast<int64_t>(c.window_length) < at + need) {
+            const ssize_t n =
+                pread(c.fd, c.window.data() + c.window_length, c.window.size() - c.window_length,
+                      c.window_at + static_cast<int64_t>(c.window_length));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return read_error(c);
+            if (n == 0)
+                return FWU_END;
+            c.window_length += static_cast<size_t>(n);
+        }
+    }
+    p = c.window.data() + (at - c.window_at);
+    return FWU_FOUND;
+}
+
+// Reads and checks the file header; FWU_END: it is not all there yet.
+static fwu_found read_file_header(fwu_cursor &c)
+{
+    const unsigned char *p = nullptr;
+    drop_window(c, 0);
+    c.bad_at = 0;
+    c.reason = nullptr;
+    const fwu_found found = fetch(c, 0, FWU_FILE_HEADER_SIZE, p);
+    if (found != FWU_FOUND)
+        return found;
+    const char *wrong = fwu_file_header_get(c.header, p);
+    if (wrong == nullptr &&
+        (c.header.generation != c.file.generation || c.header.sequence != c.file.sequence))
+        wrong = "its file header names another generation or sequence than its file name";
+    if (wrong != nullptr) {
+        c.reason = wrong;
+        return FWU_DAMAGED;
+    }
+    c.header_read = true;
+    c.tx_end = FWU_FILE_HEADER_SIZE;
+    return FWU_FOUND;
+}
+
+static void begin_scan(fwu_cursor &c)
+{
+    c.keep_at = c.tx_end;
+    c.scan_at = c.tx_end;
+    c.scan_tag = c.tx_last_tag + 1;
+    c.scan_entries = 0;
+    c.scan_chain = 0;
+    c.scan_in_window = true;
+}
+
+// Begins again with what the file holds now.
+static void restart_scan(fwu_cursor &c)
+{
+    drop_window(c, c.tx_end);
+    begin_scan(c);
+}
+
+// Reads and checks the entry at an offset, payload included.  FWU_END: the file
+// ends in it.  FWU_DAMAGED: reason is set.
+static fwu_found read_entry(fwu_cursor &c, int64_t at, int32_t tag, fwu_entry &entry)
+{
+    const unsigned char *p = nullptr;
+    c.reason = nullptr;
+    c.bad_at = at;
+    fwu_found found = fetch(c, at, FWU_ENTRY_HEADER_SIZE, p);
+    if (found != FWU_FOUND)
+        return found;
+    c.reason = fwu_entry_header_get(entry, p, tag);
+    if (c.reason != nullptr)
+        return FWU_DAMAGED;
+    found = fetch(c, at, fwu_entry_padded(entry.length), p);
+    if (found != FWU_FOUND)
+        return found;
+    c.reason = fwu_entry_body_get(entry, p);
+    return c.reason != nullptr ? FWU_DAMAGED : FWU_FOUND;
+}
+
+static bool check_commit(fwu_cursor &c, const fwu_entry &entry)
+{
+    if (!fwu_entry_commit(entry, c.commit))
+        c.reason = "the commit entry is malformed";
+    else if (c.commit.entries != c.scan_entries || c.commit.chain != c.scan_chain)
+        c.reason = "the commit entry does not belong to the entries before it";
+    return c.reason == nullptr;
+}
+
+// Goes on from scan_at to the commit entry of the transaction.
+static fwu_found scan(fwu_cursor &c)
+{
+    fwu_entry entry;
+    for (;;) {
+        const fwu_found found = read_entry(c, c.scan_at, c.scan_tag, entry);
+        if (found != FWU_FOUND)
+            return found;
+        const unsigned char *header = entry.payload - FWU_ENTRY_HEADER_SIZE;
+        const int64_t end = c.scan_at + static_cast<int64_t>(fwu_entry_padded(entry.length));
+        if (entry.kind == FWU_KIND_COMMIT) {
+            if (!check_commit(c, entry))
+                return FWU_DAMAGED;
+            c.tx_start = c.tx_end;
+            c.tx_first_tag = c.tx_last_tag + 1;
+            c.tx_end = end;
+            c.tx_last_tag = c.scan_tag;
+            c.tx_in_window = c.scan_in_window && c.window_at <= c.tx_start;
+            return FWU_FOUND;
+        }
+        if (entry.kind == FWU_KIND_SESSION && c.scan_entries > 0) {
+            c.reason = "a session entry does not begin its transaction";
+            return FWU_DAMAGED;
+        }
+        c.scan_chain = fwu_crc32c(c.scan_chain, header + FWU_ENTRY_CRC_AT, FWU_ENTRY_CRC_SIZE);
+        memcpy(c.scan_last, header, FWU_ENTRY_HEADER_SIZE);
+        c.scan_last_at = c.scan_at;
+        c.scan_entries++;
+        c.scan_tag++;
+        c.scan_at = end;
+    }
+}
+
+// Whether the entry scanned last still stands in the file as it was.
+static fwu_found scanned_still_there(const fwu_cursor &c, bool &there)
+{
+    unsigned char now[FWU_ENTRY_HEADER_SIZE];
+    const ssize_t n = pread(c.fd, now, sizeof now, c.scan_last_at);
+    if (n < 0)
+        return read_error(c);
+    there = n == static_cast<ssize_t>(sizeof now) && memcmp(now, c.scan_last, sizeof now) == 0;
+    return FWU_FOUND;
+}
+
+// Looks for a commit entry at or behind an offset.
+static fwu_found find_commit(fwu_cursor &c, int64_t at)
+{
+    drop_window(c, at); // as the file is now
+    const unsigned char *p = nullptr;
+    for (;; at += FWU_ENTRY_ALIGN) {
+        c.keep_at = at;
+        const fwu_found found = fetch(c, at, FWU_COMMIT_SIZE, p);
+        if (found != FWU_FOUND || fwu_entry_is_commit(p))
+            return found;
+    }
+}
+
+// Remembers that there is nothing more in the file as it was in the stamp, unless
+// its time is so recent that another change might leave the same time.
+static fwu_found nothing_more(fwu_cursor &c, const fwu_stamp &before)
+{
+    drop_window(c, c.scan_at);
+    c.size = before.size;
+    timespec now = {};
+    if (clock_gettime(CLOCK_REALTIME, &now) == 0 &&
+        now.tv_sec * NS_PER_S + now.tv_nsec - before.mtime_ns > NS_PER_S)
+        c.settled = before;
+    return FWU_END;
+}
+
+fwu_found fwu_cursor_next(fwu_cursor &c)
+{
+    fwu_stamp stamp;
+    if (!c.header_read) {
+        if (file_stamp(c, stamp) != FWU_FOUND)
+            return FWU_FAILED;
+        c.size = stamp.size;
+        const fwu_found found = read_file_header(c);
+        if (found != FWU_FOUND)
+            return found;
+    }
+    c.keep_at = c.tx_end;
+    if (c.scan_at <= c.tx_end)
+        begin_scan(c);
+    if (c.scan_at == c.tx_end && c.window_at + static_cast<int64_t>(c.window_length) > c.tx_end) {
+        // Mostly the whole next transaction has been read along with the last one.
+        const fwu_found found = scan(c);
+        if (found == FWU_FOUND || found == FWU_FAILED)
+            return found;
+    }
+
+    if (file_stamp(c, stamp) != FWU_FOUND)
+        return FWU_FAILED;
+    if (stamp == c.settled)
+        return FWU_END;
+    if (stamp.size < c.tx_end) {
+        fwu_error("%s: the log file has become shorter than what was read from it already "
+                  "(%lld of %lld bytes); restore it from a copy",
+                  c.file.path.c_str(), static_cast<long long>(stamp.size),
+                  static_cast<long long>(c.tx_end));
+        return FWU_FAILED;
+    }
+    bool fresh = false; // the scan began at the transaction's start, with nothing read before
+    bool there = true;
+    if (c.scan_at > c.tx_end && scanned_still_there(c, there) != FWU_FOUND)
+        return FWU_FAILED;
+    if (c.scan_at == c.tx_end || !there) {
+        restart_scan(c);
+        fresh = true;
+    }
+
+    int64_t suspect = -1; // a commit was seen behind this offset, which looked wrong
+    for (;;) {
+        fwu_found found = scan(c);
+        if (found == FWU_FOUND || found == FWU_FAILED)
+            return found;
+        if (found == FWU_DAMAGED && !fresh) {
+            restart_scan(c);
+            fresh = true;
+            continue;
+        }
+        if (suspect == c.bad_at) {
+            if (c.reason == nullptr)
+                c.reason = "the entry ends behind the end of the file";
+            return FWU_DAMAGED;
+        }
+        const int64_t bad_at = c.bad_at;
+        found = find_commit(c, bad_at);
+        if (found == FWU_FAILED)
+            return found;
+        c.bad_at = bad_at;
+        if (found == FWU_END)
+            return nothing_more(c, stamp);
+        suspect = bad_at;
+        restart_scan(c);
+        fresh = true;
+    }
+}
+
+fwu_found fwu_cursor_entry(fwu_cursor &c, fwu_entry &entry)
+{
+    if (c.read_at < c.tx_start || c.read_at > c.tx_end) {
+        c.read_at = c.tx_start;
+        c.read_tag = c.tx_first_tag;
+    }
+    if (c.read_at == c.tx_end)
+        return FWU_END;
+    if (c.tx_in_window) {
+        const unsigned char *p = c.window.data() + (c.read_at - c.window_at);
+        c.reason = fwu_entry_header_get(entry, p, c.read_tag);
+        entry.payload = p + FWU_ENTRY_HEADER_SIZE;
+        c.bad_at = c.read_at;
+        if (c.reason != nullptr)
+            return FWU_DAMAGED;
+    } else {
+        c.keep_at = c.read_at;
+        const fwu_found found = read_entry(c, c.read_at, c.read_tag, entry);
+        if (found == FWU_END)
+            c.reason = "the log file has become shorter";
+        if (found != FWU_FOUND)
+            return found == FWU_END ? FWU_DAMAGED : found;
+    }
+    c.read_at += static_cast<int64_t>(fwu_entry_padded(entry.length));
+    c.read_tag++;
+    return FWU_FOUND;
+}

@@ -1,0 +1,193 @@
+// A forward log as a directory of files.  The next file is looked for before the
+// present one is read to its end for the last time: a writer that begins a new
+// file never touches the old one again, so nothing is missed in between.
+#include "fwutil/fwu_log.h"
+
+#include "fwutil/fwu_error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+
+int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
+{
+    files.clear();
+    DIR *dir = opendir(directory.c_str());
+    if (dir == nullptr)
+        return fwu_error("%s: cannot open the log directory: %s; check log-directory in the "
+                         "configuration file",
+                         directory.c_str(), strerror(errno));
+    errno = 0;
+    while (const dirent *row = readdir(dir)) {
+        fwu_log_file file;
+        if (fwu_log_file_parse(row->d_name, file.generation, file.sequence)) {
+            file.name = row->d_name;
+            file.path = directory + "/" + file.name;
+            files.push_back(std::move(file));
+        }
+        errno = 0;
+    }
+    const int read_errno = errno;
+    closedir(dir);
+    if (read_errno != 0)
+        return fwu_error("%s: cannot read the log directory: %s", directory.c_str(),
+                         strerror(read_errno));
+    // The numbers have leading zeros: order of names is order of files.
+    std::sort(files.begin(), files.end(),
+              [](const fwu_log_file &a, const fwu_log_file &b) { return a.name < b.name; });
+    return 0;
+}
+
+int fwu_log_damage(const fwu_cursor &cursor)
+{
+    return fwu_error(
+        "%s: damaged at offset %lld: %s; restore the file from a copy, or go on behind "
+        "the damage with a start position",
+        cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at), cursor.reason);
+}
+
+// Opens the file behind the one being read, the first one when there is none.
+// FWU_END: there is no such file.
+static fwu_found find_next_file(const fwu_log &log, fwu_log_file &next)
+{
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(log.directory, files) != 0)
+        return FWU_FAILED;
+    const fwu_log_file &present = log.cursor.file;
+    const auto found =
+        log.cursor.fd < 0 ? files.begin()
+                          : std::find_if(files.begin(), files.end(), [&](const fwu_log_file &file) {
+                                return file.name > present.name;
+                            });
+    if (found == files.end())
+        return FWU_END;
+    if (log.cursor.fd >= 0 && found->generation == present.generation &&
+        found->sequence != present.sequence + 1) {
+        fwu_error("%s/%s: the log file is missing, the next one there is %s; restore it, or begin "
+                  "with that file (start position %d-%d.0)",
+                  log.directory.c_str(),
+                  fwu_log_file_name(present.generation, present.sequence + 1).c_str(),
+                  found->name.c_str(), found->generation, found->sequence);
+        return FWU_FAILED;
+    }
+    next = std::move(*found);
+    return FWU_FOUND;
+}
+
+// A file that another one follows holds whole transactions and nothing else.
+static bool ends_whole(fwu_cursor &cursor)
+{
+    if (cursor.header_read && cursor.size == cursor.tx_end)
+        return true;
+    if (!cursor.header_read)
+        cursor.reason = "its file header is incomplete, but a newer log file follows";
+    else if (cursor.reason == nullptr)
+        cursor.reason = "it ends inside a transaction, but a newer log file follows";
+    return false;
+}
+
+fwu_found fwu_log_next(fwu_log &log)
+{
+    fwu_cursor &cursor = log.cursor;
+    for (;;) {
+        fwu_found found = FWU_END;
+        if (cursor.fd >= 0)
+            found = fwu_cursor_next(cursor);
+        if (found == FWU_END && !log.look)
+            return FWU_END;
+        fwu_log_file next;
+        if (found == FWU_END) {
+            found = find_next_file(log, next);
+            log.look = found != FWU_END;
+            if (found != FWU_FOUND)
+                return found;
+            found = cursor.fd >= 0 ? fwu_cursor_next(cursor) : FWU_END;
+            if (found == FWU_END && cursor.fd >= 0 && !ends_whole(cursor))
+                found = FWU_DAMAGED;
+        }
+        if (found == FWU_DAMAGED) {
+            fwu_log_damage(cursor);
+            return FWU_FAILED;
+        }
+        if (found != FWU_END)
+            return found;
+        if (fwu_cursor_open(cursor, next) != 0)
+            return FWU_FAILED;
+        fwu_note("reading %s", next.path.c_str());
+    }
+}
+
+fwu_found fwu_log_entry(fwu_log &log, fwu_entry &entry)
+{
+    const fwu_found found = fwu_cursor_entry(log.cursor, entry);
+    if (found != FWU_DAMAGED)
+        return found;
+    fwu_log_damage(log.cursor);
+    return FWU_FAILED;
+}
+
+static int walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
+                            const std::function<int(const fwu_walk_item &)> &visit,
+                            fwu_found &found)
+{
+    int result = 0;
+    item.what = FWU_WALK_ENTRY;
+    do {
+        item.offset = cursor.read_at < cursor.tx_start ? cursor.tx_start : cursor.read_at;
+        found = fwu_cursor_entry(cursor, item.entry);
+        if (found == FWU_FOUND)
+            result = visit(item);
+    } while (found == FWU_FOUND && result == 0);
+    return result;
+}
+
+int fwu_log_walk(const std::string &directory,
+                 const std::function<int(const fwu_walk_item &)> &visit)
+{
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(directory, files) != 0)
+        return -1;
+    fwu_cursor cursor;
+    int result = 0;
+    for (size_t i = 0; i < files.size() && result == 0; i++) {
+        fwu_walk_item item;
+        item.file = &files[i];
+        bool announced = false;
+        fwu_found found = fwu_cursor_open(cursor, files[i]) == 0 ? FWU_FOUND : FWU_FAILED;
+        while (found == FWU_FOUND && result == 0) {
+            found = fwu_cursor_next(cursor);
+            if (cursor.header_read && !announced) {
+                announced = true;
+                item.what = FWU_WALK_FILE;
+                item.header = cursor.header;
+                result = visit(item);
+            }
+            if (found == FWU_FOUND && result == 0) {
+                result = walk_transaction(cursor, item, visit, found);
+                found = found == FWU_END ? FWU_FOUND : found;
+            }
+        }
+        if (result != 0)
+            break;
+        if (found == FWU_END && i + 1 < files.size() && !ends_whole(cursor))
+            found = FWU_DAMAGED;
+        item.offset = cursor.tx_end;
+        item.length = cursor.size - cursor.tx_end;
+        item.reason = cursor.reason;
+        if (found == FWU_END && item.length > 0) {
+            item.what = FWU_WALK_TAIL;
+            result = visit(item);
+        } else if (found == FWU_DAMAGED) {
+            item.what = FWU_WALK_DAMAGE;
+            item.offset = cursor.bad_at;
+            item.length = 0;
+            (void)visit(item); // the walk ends here in any case
+            result = fwu_log_damage(cursor);
+        } else if (found == FWU_FAILED) {
+            result = -1;
+        }
+    }
+    fwu_cursor_close(cursor);
+    return result;
+}

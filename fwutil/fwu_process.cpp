@@ -1,0 +1,234 @@
+// The record loop.
+#include "fwutil/fwu_process.h"
+
+#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_current.h"
+#include "fwutil/fwu_error.h"
+#include "fwutil/fwu_log.h"
+#include "fwutil/fwu_start.h"
+#include "fwutil/fwu_status.h"
+#include "fwutil/fwu_wait.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+constexpr int SYNC_AFTER_MS = 200;   // idle time after which the status goes to disk
+constexpr int CHECK_AFTER_MS = 1000; // for file systems that do not tell of changes
+
+struct run {
+    fwu_callback callback = nullptr;
+    bool sync_only = false;
+    std::string start_text; // where the start position comes from, for messages
+    fwu_position start;     // records up to here are not delivered; sequence 0: none
+    fwu_log log;
+    fwu_status status;
+    fwu_watch watch;
+    int32_t generation = 0; // of the file whose layouts are known
+    int32_t sequence = 0;
+    bool idle_noted = false;
+};
+
+enum outcome { GO_ON, STOPPED, FAILED };
+
+static int malformed(run &r, const fwu_entry &entry)
+{
+    fwu_cursor &cursor = r.log.cursor;
+    cursor.bad_at = cursor.read_at - static_cast<int64_t>(fwu_entry_padded(entry.length));
+    cursor.reason = "the entry's content is malformed";
+    return fwu_log_damage(cursor);
+}
+
+static outcome deliver_change(run &r, const fwu_entry &entry, const fwu_position &position)
+{
+    fwu_change change;
+    if (!fwu_entry_change(entry, change)) {
+        malformed(r, entry);
+        return FAILED;
+    }
+    fwu_current_set(change, position);
+    const int result =
+        r.callback(0, change.dbname, change.dsetname, static_cast<int32_t>(change.logtime),
+                   change.opcode, change.recnum, change.reclen, change.before, change.after);
+    if (result != 0) {
+        fwu_note("stopped: the record at %s was refused and will be delivered again",
+                 fwu_position_text(position).c_str());
+        return FAILED;
+    }
+    if (fwu_status_acknowledge(r.status, position, r.log.cursor.commit.commit.time_us) != 0)
+        return FAILED;
+    return fwu_stop != 0 ? STOPPED : GO_ON;
+}
+
+// Passes over the transaction found, keeping its layouts and delivering its
+// records behind the start position.
+static outcome deliver_transaction(run &r)
+{
+    const fwu_log_file &file = r.log.cursor.file;
+    if (file.generation != r.generation || file.sequence != r.sequence) {
+        fwu_current_begin_file();
+        r.generation = file.generation;
+        r.sequence = file.sequence;
+    }
+    fwu_current_begin_transaction();
+    fwu_position position = {file.generation, file.sequence, 0};
+    const int32_t passed_over =
+        r.start.generation == file.generation && r.start.sequence == file.sequence ? r.start.tag
+                                                                                   : 0;
+    fwu_entry entry;
+    for (;;) {
+        const fwu_found found = fwu_log_entry(r.log, entry);
+        if (found == FWU_END)
+            return GO_ON;
+        if (found != FWU_FOUND)
+            return FAILED;
+        bool good = true;
+        outcome result = GO_ON;
+        position.tag = entry.tag;
+        if (entry.kind == FWU_KIND_LAYOUT)
+            good = fwu_current_take_layout(entry);
+        else if (entry.kind == FWU_KIND_SESSION)
+            good = fwu_current_take_session(entry);
+        else if (entry.kind != FWU_KIND_COMMIT && entry.tag > passed_over)
+            result = deliver_change(r, entry, position);
+        if (!good) {
+            malformed(r, entry);
+            return FAILED;
+        }
+        if (result != GO_ON)
+            return result;
+    }
+}
+
+// Opens the file of the start position and goes through it up to there.
+static outcome go_to_start(run &r)
+{
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(r.log.directory, files) != 0)
+        return FAILED;
+    const fwu_log_file *file = nullptr;
+    if (fwu_start_find(files, r.start, r.start_text, file) != 0 ||
+        fwu_cursor_open(r.log.cursor, *file) != 0)
+        return FAILED;
+    fwu_note("reading %s", file->path.c_str());
+    outcome result = GO_ON;
+    fwu_cursor &cursor = r.log.cursor;
+    while (result == GO_ON && cursor.tx_last_tag < r.start.tag) {
+        const fwu_found found = fwu_cursor_next(cursor);
+        if (found == FWU_FOUND) {
+            result = fwu_stop != 0 ? STOPPED : deliver_transaction(r);
+            continue;
+        }
+        result = FAILED;
+        if (found == FWU_DAMAGED)
+            fwu_log_damage(cursor);
+        else if (found == FWU_END)
+            fwu_error("%s: %s holds positions up to %d-%d.%d only; the log has %s to %s",
+                      r.start_text.c_str(), file->name.c_str(), file->generation, file->sequence,
+                      cursor.tx_last_tag, files.front().name.c_str(), files.back().name.c_str());
+    }
+    return result;
+}
+
+static outcome wait_for_more(run &r)
+{
+    if (!r.idle_noted)
+        fwu_note("waiting for more records behind %s",
+                 fwu_position_text(fwu_current_position()).c_str());
+    r.idle_noted = true;
+    const fwu_wake wake =
+        fwu_watch_wait(r.watch, r.status.unsynced ? SYNC_AFTER_MS : CHECK_AFTER_MS);
+    if (wake == FWU_WAKE_STOP)
+        return STOPPED;
+    if (wake != FWU_WAKE_DATA)
+        r.log.look = true;
+    if (wake == FWU_WAKE_TIMEOUT && fwu_status_sync(r.status) != 0)
+        return FAILED;
+    return GO_ON;
+}
+
+static outcome read_log(run &r)
+{
+    outcome result = r.start.sequence != 0 ? go_to_start(r) : GO_ON;
+    while (result == GO_ON) {
+        if (fwu_stop != 0)
+            return STOPPED;
+        const fwu_found found = fwu_log_next(r.log);
+        if (found == FWU_FOUND) {
+            r.idle_noted = false;
+            result = deliver_transaction(r);
+        } else if (found == FWU_FAILED) {
+            result = FAILED;
+        } else if (r.sync_only) {
+            fwu_note("stopped: end of the log");
+            return STOPPED;
+        } else {
+            result = wait_for_more(r);
+        }
+    }
+    return result;
+}
+
+static int find_log_directory(const fwu_config &config, std::string &directory)
+{
+    char *real = realpath(config.log_directory.c_str(), nullptr);
+    if (real == nullptr)
+        return fwu_error("%s: cannot find the log directory: %s; create it, or correct "
+                         "log-directory in %s",
+                         config.log_directory.c_str(), strerror(errno), config.path.c_str());
+    directory = real;
+    free(real);
+    return 0;
+}
+
+static int prepare(run &r, const char *cfg, const char *status, const char *start)
+{
+    fwu_config config;
+    if (fwu_config_read(config, cfg) != 0)
+        return -1;
+    fwu_note("configuration %s", config.path.c_str());
+    if (start != nullptr && fwu_start_parse(start, r.start) != 0)
+        return -1;
+    if (find_log_directory(config, r.log.directory) != 0)
+        return -1;
+    fwu_note("log directory %s", r.log.directory.c_str());
+    if (fwu_status_open(r.status, status != nullptr ? status : FWU_STATUS_DEFAULT, r.log.directory,
+                        start != nullptr) != 0)
+        return -1;
+    fwu_note("status file %s", r.status.path.c_str());
+    if (start != nullptr) {
+        r.start_text = std::string("start position \"") + start + "\"";
+    } else if (r.status.text.have_position) {
+        r.start = r.status.text.position;
+        r.start_text = r.status.path + ": position " + fwu_position_text(r.start);
+    }
+    fwu_note("starting %s",
+             r.start_text.empty() ? "with the oldest record" : ("at " + r.start_text).c_str());
+    return 0;
+}
+
+int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, const char *start,
+                    bool sync_only)
+{
+    if (callback == nullptr)
+        return fwu_error("Fwu_process was called without a callback");
+    const fwu_signals signals;
+    run r;
+    r.callback = callback;
+    r.sync_only = sync_only;
+    fwu_current_reset(fwu_position());
+    if (prepare(r, cfg, status, start) != 0)
+        return -1;
+    fwu_current_reset(r.start);
+    if (!sync_only)
+        fwu_watch_open(r.watch, r.log.directory);
+    const outcome result = read_log(r);
+    if (fwu_stop != 0 && result == STOPPED)
+        fwu_note("stopped: signal");
+    fwu_current_clear();
+    const int synced = fwu_status_sync(r.status);
+    fwu_watch_close(r.watch);
+    fwu_cursor_close(r.log.cursor);
+    fwu_status_close(r.status);
+    return result == STOPPED && synced == 0 ? 0 : -1;
+}

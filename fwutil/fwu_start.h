@@ -1,0 +1,31 @@
+// Positions in the log, and the start specification "25" or "1-25.340".
+#ifndef FWUTIL_FWU_START_H
+#define FWUTIL_FWU_START_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct fwu_log_file;
+
+// An entry of the log.  Tag 0: before the first entry of the file.
+struct fwu_position {
+    int32_t generation = 0;
+    int32_t sequence = 0;
+    int32_t tag = 0;
+    bool operator==(const fwu_position &) const = default;
+};
+
+// "1-25.340"
+std::string fwu_position_text(const fwu_position &position);
+
+// Reads a start specification.  A file number alone leaves generation 0 and tag
+// 0: the newest generation that has the file.  0, or -1 (reported).
+int fwu_start_parse(const char *text, fwu_position &position);
+
+// Finds the file that a position names and completes the generation; what says
+// where the position comes from.  0, or -1 after reporting which files there are.
+int fwu_start_find(const std::vector<fwu_log_file> &files, fwu_position &position,
+                   const std::string &what, const fwu_log_file *&file);
+
+#endif

@@ -1,0 +1,43 @@
+// Waiting for the log to change, and for SIGTERM or SIGINT, which end a run.
+#ifndef FWUTIL_FWU_WAIT_H
+#define FWUTIL_FWU_WAIT_H
+
+#include <csignal>
+#include <string>
+
+// Set while fwu_signals is in force and one of the two signals has come.
+extern volatile sig_atomic_t fwu_stop;
+
+// Handles the signals as long as it lives; the handlers before are then put back.
+class fwu_signals {
+  public:
+    fwu_signals();
+    ~fwu_signals();
+    fwu_signals(const fwu_signals &) = delete;
+    fwu_signals &operator=(const fwu_signals &) = delete;
+
+  private:
+    struct sigaction term_ = {};
+    struct sigaction int_ = {};
+};
+
+// A log directory being watched; poll only when the system gives no watch.
+struct fwu_watch {
+    int fd = -1;
+};
+
+void fwu_watch_open(fwu_watch &watch, const std::string &directory);
+void fwu_watch_close(fwu_watch &watch);
+
+enum fwu_wake {
+    FWU_WAKE_DATA,    // a log file has grown
+    FWU_WAKE_FILE,    // a log file may have been added
+    FWU_WAKE_TIMEOUT, // milliseconds are over
+    FWU_WAKE_STOP,    // fwu_stop is set
+};
+
+// Blocks until something happens to a log file, a signal comes or the time is
+// over.  Changes before the call that nobody waited for are reported at once.
+fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds);
+
+#endif

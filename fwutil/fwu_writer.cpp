@@ -1,0 +1,492 @@
+// Appending transactions.  Entries get their final bytes while the transaction
+// is collected (its file and first tag are known when it begins), so that the
+// commit writes them out as they are: a small transaction in one write.
+#include "fwutil/fwu_writer.h"
+
+#include "fwutil/fwu_error.h"
+#include "fwutil/fwu_log.h"
+#include "fwutil/fwu_txn.h"
+#include "fwutil/fwutil.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
+
+using layout_map = std::unordered_map<std::string, fwu_layout>;
+
+struct fwu_writer {
+    std::string directory;
+    int64_t log_file_size = 0;
+    bool big_endian = false;
+    int lock_fd = -1;
+
+    // The last log file; its generation is 0 until there is one.
+    fwu_log_file file;
+    int fd = -1;
+    int64_t end = 0;       // offset behind its last transaction
+    int32_t last_tag = 0;  // tag of its last commit entry
+    bool torn = false;     // bytes behind end could not be cut off yet
+    bool new_name = false; // the directory has not been synced since the file was made
+    layout_map layouts;    // that stand in it
+
+    uint64_t last_lsn = 0;
+    int32_t last_recnum = 0; // 0: no record in the log
+
+    bool open = false;      // a transaction has begun
+    bool failed = false;    // ... and one of its records was refused
+    bool next_file = false; // it goes into a new file
+    bool records = false;   // it has some
+    int32_t recnum = 0;     // last one that it uses
+    fwu_txn txn;
+    layout_map txn_layouts; // that it puts into the log
+    std::string key;        // scratch for the maps' keys
+};
+
+static int file_error(const std::string &path, const char *what)
+{
+    return fwu_error("%s: %s: %s", path.c_str(), what, strerror(errno));
+}
+
+static int64_t now_us()
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail with this clock
+    return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
+}
+
+static void set_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname)
+{
+    w.key = dbname;
+    w.key += '\0';
+    w.key += dsetname;
+}
+
+static int take_lock(fwu_writer &w)
+{
+    const std::string path = w.directory + "/writer.lock";
+    w.lock_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (w.lock_fd < 0)
+        return file_error(path, "cannot open the writer's lock file");
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(w.lock_fd, F_SETLK, &lock) == 0)
+        return 0;
+    if (errno != EACCES && errno != EAGAIN)
+        return file_error(path, "cannot lock the log for writing");
+    if (fcntl(w.lock_fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
+        return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
+                         path.c_str(), static_cast<long>(lock.l_pid));
+    return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
+}
+
+// Takes layouts, record numbers and source position from a transaction found.
+static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
+{
+    fwu_entry entry;
+    fwu_change change;
+    fwu_layout layout;
+    fwu_found found = FWU_FOUND;
+    w.last_lsn = cursor.commit.commit.lsn;
+    while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
+        if (fwu_entry_change(entry, change)) {
+            w.last_recnum = change.recnum;
+        } else if (with_layouts && fwu_entry_layout(entry, layout)) {
+            set_key(w, layout.dbname, layout.dsetname);
+            w.layouts[w.key] = layout;
+        }
+    }
+    return found;
+}
+
+// Reads a file to its end; FWU_END when that went well.
+static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file, bool last)
+{
+    if (fwu_cursor_open(cursor, file) != 0)
+        return FWU_FAILED;
+    fwu_found found = FWU_FOUND;
+    while ((found = fwu_cursor_next(cursor)) == FWU_FOUND) {
+        found = learn(w, cursor, last);
+        if (found != FWU_END)
+            break;
+    }
+    if (found == FWU_DAMAGED)
+        fwu_log_damage(cursor);
+    return found;
+}
+
+static int cut_tail(fwu_writer &w)
+{
+    if (ftruncate(w.fd, w.end) != 0) {
+        w.torn = true;
+        return file_error(w.file.path, "cannot cut the log file back to its last transaction");
+    }
+    w.torn = false;
+    return 0;
+}
+
+static int put_header(const fwu_writer &w, int fd, const fwu_log_file &file)
+{
+    unsigned char bytes[FWU_FILE_HEADER_SIZE];
+    fwu_file_header header;
+    header.big_endian = w.big_endian;
+    header.generation = file.generation;
+    header.sequence = file.sequence;
+    header.created_us = now_us();
+    fwu_file_header_put(bytes, header);
+    return fwu_write_all(fd, bytes, sizeof bytes, 0);
+}
+
+// Makes the last file ready to go on with: nothing behind its last transaction.
+static int recover(fwu_writer &w, const fwu_cursor &cursor)
+{
+    w.file = cursor.file;
+    w.fd = open(w.file.path.c_str(), O_RDWR | O_CLOEXEC);
+    if (w.fd < 0)
+        return file_error(w.file.path, "cannot open the log file for writing");
+    w.end = cursor.tx_end;
+    w.last_tag = cursor.tx_last_tag;
+    struct stat st = {};
+    if (fstat(w.fd, &st) != 0)
+        return file_error(w.file.path, "cannot get the log file's size");
+    if (st.st_size > w.end) {
+        fwu_warn("%s: cut %lld bytes behind offset %lld: the rest of a transaction that was not "
+                 "finished",
+                 w.file.path.c_str(), static_cast<long long>(st.st_size - w.end),
+                 static_cast<long long>(w.end));
+        if (cut_tail(w) != 0)
+            return -1;
+    }
+    if (!cursor.header_read) {
+        if (put_header(w, w.fd, w.file) != 0)
+            return file_error(w.file.path, "cannot write to the log file");
+        w.end = FWU_FILE_HEADER_SIZE;
+    }
+    if (cursor.header_read && cursor.header.big_endian != w.big_endian)
+        return fwu_error("%s: the log holds images of %s-endian numbers, but the configuration "
+                         "says otherwise; correct byte-order in it",
+                         w.file.path.c_str(), cursor.header.big_endian ? "big" : "little");
+    return 0;
+}
+
+// Finds the log's end: reads the last file for its layouts and, when that holds
+// no transaction, older ones for the last record.
+static int find_end(fwu_writer &w)
+{
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(w.directory, files) != 0)
+        return -1;
+    if (files.empty())
+        return 0;
+    fwu_cursor cursor;
+    if (learn_file(w, cursor, files.back(), true) != FWU_END || recover(w, cursor) != 0) {
+        fwu_cursor_close(cursor);
+        return -1;
+    }
+    fwu_found found = FWU_END;
+    for (size_t i = files.size() - 1; i > 0 && w.last_recnum == 0 && found == FWU_END; i--)
+        found = learn_file(w, cursor, files[i - 1], false);
+    fwu_cursor_close(cursor);
+    return found == FWU_END ? 0 : -1;
+}
+
+static void release(fwu_writer *w)
+{
+    fwu_txn_end(w->txn);
+    if (w->fd >= 0)
+        close(w->fd);
+    if (w->lock_fd >= 0)
+        close(w->lock_fd);
+    delete w;
+}
+
+int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
+{
+    *writer = nullptr;
+    auto w = std::make_unique<fwu_writer>();
+    w->directory = config.log_directory;
+    w->log_file_size = config.log_file_size;
+    w->big_endian = config.big_endian;
+    int result = 0;
+    if (mkdir(w->directory.c_str(), 0777) != 0 && errno != EEXIST)
+        result = file_error(w->directory, "cannot create the log directory");
+    if (result == 0 && take_lock(*w) == 0 && find_end(*w) == 0) {
+        *writer = w.release();
+        return 0;
+    }
+    release(w.release());
+    return -1;
+}
+
+uint64_t fwu_writer_last_lsn(const fwu_writer *writer)
+{
+    return writer->last_lsn;
+}
+
+static bool text_ok(const std::string &text)
+{
+    return text.find('\0') == text.npos;
+}
+
+static int check_session(const fwu_session &session)
+{
+    bool ok = true;
+    for (const char *key : FWU_SESSION_KEYS)
+        if (const std::optional<std::string> &text = *fwu_session_entry(session, key))
+            ok = ok && text_ok(*text);
+    for (const std::string &text : session.data)
+        ok = ok && text_ok(text);
+    if (!ok)
+        return fwu_error("a session text holds a zero byte");
+    if (fwu_entry_session_length(session) > FWU_ENTRY_MAX)
+        return fwu_error("the session's texts are too long for a log entry (%zu bytes)",
+                         FWU_ENTRY_MAX);
+    return 0;
+}
+
+// A transaction that an entry failed to join cannot be committed any more.
+static int refuse(fwu_writer &w)
+{
+    w.failed = true;
+    return -1;
+}
+
+int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
+{
+    fwu_writer &w = *writer;
+    if (w.open)
+        return fwu_error("%s: a transaction is open already; commit it or roll it back first",
+                         w.directory.c_str());
+    if (session != nullptr && check_session(*session) != 0)
+        return -1;
+    w.next_file = w.file.generation == 0 || w.end >= w.log_file_size;
+    fwu_txn_begin(w.txn, w.next_file ? 1 : w.last_tag + 1);
+    w.txn_layouts.clear();
+    w.recnum = w.last_recnum;
+    w.open = true;
+    w.failed = false;
+    w.records = false;
+    if (session == nullptr)
+        return 0;
+    fwu_entry_put_session(w.txn.entries, w.txn.tag + 1, *session);
+    return fwu_txn_added(w.txn, w.directory) != 0 ? refuse(w) : 0;
+}
+
+static int check_layout(const fwu_layout &layout)
+{
+    const auto name_ok = [](const std::string &name, size_t max) {
+        return !name.empty() && name.size() <= max && text_ok(name);
+    };
+    if (!name_ok(layout.dbname, FWU_NAME_MAX) || !name_ok(layout.dsetname, FWU_NAME_MAX))
+        return fwu_error("\"%s\".\"%s\": database and dataset names have 1 to %d bytes, none zero",
+                         layout.dbname.c_str(), layout.dsetname.c_str(), FWU_NAME_MAX);
+    for (const fwu_item &item : layout.items) {
+        if (!name_ok(item.name, FWU_ITEM_NAME_MAX))
+            return fwu_error("%s.%s: item name \"%s\": item names have 1 to %d bytes, none zero",
+                             layout.dbname.c_str(), layout.dsetname.c_str(), item.name.c_str(),
+                             FWU_ITEM_NAME_MAX);
+        if (item.size < 1 || item.count < 1)
+            return fwu_error("%s.%s: item %s: size and count must be at least 1",
+                             layout.dbname.c_str(), layout.dsetname.c_str(), item.name.c_str());
+    }
+    if (fwu_entry_layout_length(layout) > FWU_ENTRY_MAX)
+        return fwu_error("%s.%s: too many items for a log entry", layout.dbname.c_str(),
+                         layout.dsetname.c_str());
+    return 0;
+}
+
+static int check_change(const fwu_layout &layout, const fwu_change &change)
+{
+    const char *db = layout.dbname.c_str();
+    const char *set = layout.dsetname.c_str();
+    const bool wants_before = change.opcode != FWU_OP_INSERT;
+    const bool wants_after = change.opcode != FWU_OP_DELETE;
+    if (change.opcode != FWU_OP_INSERT && change.opcode != FWU_OP_UPDATE &&
+        change.opcode != FWU_OP_DELETE)
+        return fwu_error("%s.%s: operation %d is none of update (1), insert (3) and delete (5)", db,
+                         set, change.opcode);
+    if ((change.before != nullptr) != wants_before || (change.after != nullptr) != wants_after)
+        return fwu_error("%s.%s: operation %d takes %s", db, set, change.opcode,
+                         !wants_before  ? "an after image only"
+                         : !wants_after ? "a before image only"
+                                        : "a before and an after image");
+    if (change.reclen < 0 || change.reclen != fwu_layout_image_length(layout))
+        return fwu_error("%s.%s: a record of %d bytes, but the layout's items add up to %lld", db,
+                         set, change.reclen,
+                         static_cast<long long>(fwu_layout_image_length(layout)));
+    if (fwu_entry_change_length(change) > FWU_ENTRY_MAX)
+        return fwu_error("%s.%s: a record of %d bytes is too long for a log entry (%zu bytes)", db,
+                         set, change.reclen, FWU_ENTRY_MAX);
+    return 0;
+}
+
+// Puts the layout into the transaction unless it stands in the file already.
+static int put_layout(fwu_writer &w, const fwu_layout &layout)
+{
+    set_key(w, layout.dbname, layout.dsetname);
+    auto known = w.txn_layouts.find(w.key);
+    if (known == w.txn_layouts.end() && !w.next_file) {
+        known = w.layouts.find(w.key);
+        if (known != w.layouts.end() && known->second == layout)
+            return 0;
+    } else if (known != w.txn_layouts.end() && known->second == layout) {
+        return 0;
+    }
+    if (check_layout(layout) != 0)
+        return -1;
+    fwu_entry_put_layout(w.txn.entries, w.txn.tag + 1, layout);
+    if (fwu_txn_added(w.txn, w.directory) != 0)
+        return refuse(w);
+    w.txn_layouts[w.key] = layout;
+    return 0;
+}
+
+int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layout, int64_t logtime,
+                      int32_t reclen, const void *before_image, const void *after_image)
+{
+    fwu_writer &w = *writer;
+    if (!w.open)
+        return fwu_error("%s: a record outside a transaction", w.directory.c_str());
+    fwu_change change;
+    change.dbname = layout.dbname.c_str();
+    change.dsetname = layout.dsetname.c_str();
+    change.logtime = logtime;
+    change.opcode = opcode;
+    change.recnum = w.recnum == INT32_MAX ? 1 : w.recnum + 1;
+    change.reclen = reclen;
+    change.before = static_cast<const unsigned char *>(before_image);
+    change.after = static_cast<const unsigned char *>(after_image);
+    if (check_change(layout, change) != 0)
+        return -1;
+    if (w.txn.tag > INT32_MAX - 4)
+        return fwu_error("%s: the transaction has too many entries for one log file",
+                         w.directory.c_str());
+    if (put_layout(w, layout) != 0)
+        return -1;
+    fwu_entry_put_change(w.txn.entries, w.txn.tag + 1, change);
+    if (fwu_txn_added(w.txn, w.directory) != 0)
+        return refuse(w);
+    w.recnum = change.recnum;
+    w.records = true;
+    return 0;
+}
+
+// Makes the file behind the last one.  It gets its name when its header is
+// there, so that no reader sees less of it.
+static int begin_file(fwu_writer &w)
+{
+    fwu_log_file file;
+    file.generation = w.file.generation == 0 ? 1 : w.file.generation;
+    file.sequence = w.file.sequence + 1;
+    if (file.sequence > FWU_SEQUENCE_MAX)
+        return fwu_error("%s: the log has used all its %d file numbers", w.directory.c_str(),
+                         FWU_SEQUENCE_MAX);
+    file.name = fwu_log_file_name(file.generation, file.sequence);
+    file.path = w.directory + "/" + file.name;
+    const std::string temporary = w.directory + "/new-log-file";
+    if (w.fd >= 0 && fdatasync(w.fd) != 0)
+        return file_error(w.file.path, "cannot bring the log file to disk");
+    const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return file_error(temporary, "cannot create a log file");
+    if (put_header(w, fd, file) != 0 || rename(temporary.c_str(), file.path.c_str()) != 0) {
+        const int result = file_error(file.path, "cannot create the log file");
+        close(fd);
+        (void)unlink(temporary.c_str()); // the next attempt would truncate it
+        return result;
+    }
+    if (w.fd >= 0)
+        close(w.fd);
+    w.fd = fd;
+    w.file = file;
+    w.end = FWU_FILE_HEADER_SIZE;
+    w.last_tag = 0;
+    w.torn = false;
+    w.new_name = true;
+    w.layouts.clear();
+    return 0;
+}
+
+static int append(fwu_writer &w, const fwu_commit &commit)
+{
+    if (w.torn && cut_tail(w) != 0)
+        return -1;
+    if (w.next_file && begin_file(w) != 0)
+        return -1;
+    fwu_commit_entry entry;
+    entry.commit = commit;
+    entry.entries = w.txn.count;
+    entry.chain = w.txn.chain;
+    fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry);
+    if (fwu_txn_write(w.txn, w.fd, w.file.path, w.end) != 0) {
+        (void)cut_tail(w); // reported, and tried again before the next transaction
+        return -1;
+    }
+    w.end += w.txn.spilled + static_cast<int64_t>(w.txn.entries.size());
+    w.last_tag = w.txn.tag + 1;
+    w.last_recnum = w.recnum;
+    w.last_lsn = commit.lsn;
+    for (auto &[key, layout] : w.txn_layouts)
+        w.layouts[key] = std::move(layout);
+    return 0;
+}
+
+int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit)
+{
+    fwu_writer &w = *writer;
+    if (!w.open)
+        return fwu_error("%s: a commit outside a transaction", w.directory.c_str());
+    int result = 0;
+    if (w.failed)
+        result = fwu_error("%s: the transaction is given up: part of it could not be kept",
+                           w.directory.c_str());
+    else if (w.records)
+        result = append(w, commit);
+    fwu_writer_rollback(writer);
+    return result;
+}
+
+void fwu_writer_rollback(fwu_writer *writer)
+{
+    writer->open = false;
+    fwu_txn_end(writer->txn);
+    writer->txn_layouts.clear();
+}
+
+static int sync_directory(fwu_writer &w)
+{
+    const int fd = open(w.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0) {
+        const int result = file_error(w.directory, "cannot bring the log directory to disk");
+        if (fd >= 0)
+            close(fd);
+        return result;
+    }
+    close(fd);
+    w.new_name = false;
+    return 0;
+}
+
+int fwu_writer_sync(fwu_writer *writer)
+{
+    fwu_writer &w = *writer;
+    if (w.fd >= 0 && fdatasync(w.fd) != 0)
+        return file_error(w.file.path, "cannot bring the log file to disk");
+    return w.new_name ? sync_directory(w) : 0;
+}
+
+int fwu_writer_close(fwu_writer *writer)
+{
+    if (writer == nullptr)
+        return 0;
+    const int result = fwu_writer_sync(writer);
+    release(writer);
+    return result;
+}
