@@ -4,6 +4,8 @@ target_include_directories(kestro_build INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(kestro_build INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(kestro_build INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2 -Wconversion
+  # g++ 12 sees overlaps in std::string's own operator+ that are not there.
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
   $<$<BOOL:${KESTRO_WERROR}>:-Werror>)
 
 if(KESTRO_SANITIZE)
