@@ -27,7 +27,7 @@ struct fake_record {
     int32_t recnum = 0;
     std::optional<std::string> before; // image bytes, or a null image
     std::optional<std::string> after;
-    std::optional<int32_t> reclen; // default: the length of the image given
+    std::optional<int32_t> reclen;               // default: the length of the image given
     std::optional<std::vector<fake_item>> items; // from this record on
 };
 
