@@ -1,0 +1,310 @@
+// The dump command on logs put together entry by entry, so that every byte of
+// its output is known.
+#include "fwutil/fwu_crc32c.h"
+#include "fwutil/fwu_cursor.h"
+#include "fwutil/fwu_entry.h"
+#include "fwutil/fwutil.h"
+#include "tests/support/run.h"
+#include "tests/support/tempdir.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+static const std::string program = KESTRO_BUILD_DIR "/bin/fwlog";
+
+// A log file being put together; images are those of dataset SALES.ORDERS.
+struct log_file {
+    explicit log_file(int32_t sequence, bool big_endian)
+    {
+        bytes.resize(FWU_FILE_HEADER_SIZE);
+        // 1.5 seconds behind 1970-01-02 00:00:00
+        fwu_file_header_put(bytes.data(), {.big_endian = big_endian,
+                                           .generation = 1,
+                                           .sequence = sequence,
+                                           .created_us = 86'401'500'000});
+    }
+
+    void layout()
+    {
+        fwu_layout orders{.dbname = "SALES", .dsetname = "ORDERS", .items = {}};
+        orders.items.push_back({.name = "NO", .type = 'I', .size = 2});
+        orders.items.push_back({.name = "NET", .type = 'P', .size = 2, .item_aux = 1});
+        orders.items.push_back({.name = "TAG", .type = 'X', .size = 2, .count = 2});
+        fwu_entry_put_layout(bytes, ++tag, orders);
+        added();
+    }
+
+    void session()
+    {
+        fwu_session session;
+        session.user = "J\xFCrg";
+        session.info = "";
+        session.data = {"xid=7"};
+        fwu_entry_put_session(bytes, ++tag, session);
+        added();
+    }
+
+    void change(int32_t opcode, const char *before, const char *after,
+                const char *dsetname = "ORDERS")
+    {
+        const fwu_change change{.dbname = "SALES",
+                                .dsetname = dsetname,
+                                .logtime = 86'461,
+                                .opcode = opcode,
+                                .recnum = 12,
+                                .reclen = 8,
+                                .before = reinterpret_cast<const unsigned char *>(before),
+                                .after = reinterpret_cast<const unsigned char *>(after)};
+        fwu_entry_put_change(bytes, ++tag, change);
+        added();
+    }
+
+    void commit()
+    {
+        fwu_entry_put_commit(bytes, ++tag,
+                             {.commit = {.time_us = 86'461'000'250, .xid = 7, .lsn = 0x1A0000002B},
+                              .entries = entries,
+                              .chain = chain});
+        entries = 0;
+        chain = 0;
+        counted = bytes.size();
+    }
+
+    // The commit entry covers both CRC words of each entry before it.
+    void added()
+    {
+        chain = fwu_crc32c(chain, bytes.data() + counted + FWU_ENTRY_CRC_AT, FWU_ENTRY_CRC_SIZE);
+        counted = bytes.size();
+        entries++;
+    }
+
+    std::vector<unsigned char> bytes;
+    int32_t tag = 0;
+    uint32_t entries = 0;
+    uint32_t chain = 0;
+    size_t counted = FWU_FILE_HEADER_SIZE;
+};
+
+static const char NEW_IMAGE[] = "\x05\x00\x12\x3C"
+                                "a b "; // 5, 12.3, "a", "b"
+static const char OLD_IMAGE[] = "\xFF\xFF\x00\x5D"
+                                "    "; // -1, -0.5, "", ""
+
+// A directory with a configuration and log files.
+struct place {
+    place()
+    {
+        write_file(dir.file("fwutil.cfg"), "log-directory log\n");
+        std::filesystem::create_directory(dir.file("log"));
+    }
+
+    void add(int32_t sequence, const std::vector<unsigned char> &bytes)
+    {
+        write_file(dir.file("log/") + fwu_log_file_name(1, sequence), {bytes.begin(), bytes.end()});
+    }
+
+    run_result dump(const std::vector<std::string> &more = {})
+    {
+        std::vector<std::string> words = {program, "dump", "-cfg", dir.file("fwutil.cfg")};
+        words.insert(words.end(), more.begin(), more.end());
+        return run_program(words);
+    }
+
+    tempdir dir;
+};
+
+// One transaction with every kind of entry.
+static log_file whole_file(int32_t sequence)
+{
+    log_file file(sequence, false);
+    file.session();
+    file.layout();
+    file.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
+    file.change(FWU_OP_UPDATE, OLD_IMAGE, NEW_IMAGE);
+    file.change(FWU_OP_DELETE, OLD_IMAGE, nullptr);
+    file.commit();
+    return file;
+}
+
+TEST(FwlogDump, PrintsEveryEntryWithItsPosition)
+{
+    place here;
+    here.add(25, whole_file(25).bytes);
+    const run_result result = here.dump();
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
+              R"(1-25 file fw0001-00000025.log, little-endian, created 1970-01-02 00:00:01.500000
+1-25.1 @64 session
+    user "Jürg"
+    info ""
+    data "xid=7"
+1-25.2 @120 layout SALES.ORDERS: 3 items, 8 bytes
+    NO I 2
+    NET P 2 scale=1
+    TAG X 2 x2
+1-25.3 @224 insert SALES.ORDERS 1970-01-02 00:01:01 record 12, 8 bytes
+    after NO=5 NET=12.3 TAG={"a","b"}
+1-25.4 @296 update SALES.ORDERS 1970-01-02 00:01:01 record 12, 8 bytes
+    before NO=-1 NET=-0.5 TAG={"",""}
+    after NO=5 NET=12.3 TAG={"a","b"}
+1-25.5 @376 delete SALES.ORDERS 1970-01-02 00:01:01 record 12, 8 bytes
+    before NO=-1 NET=-0.5 TAG={"",""}
+1-25.6 @448 commit 1970-01-02 00:01:01.000250 xid 7 lsn 1A/2B, 5 entries
+)");
+}
+
+TEST(FwlogDump, HexShowsTheBytesOfImages)
+{
+    place here;
+    here.add(25, whole_file(25).bytes);
+    const run_result result = here.dump({"--hex", "--from", "1-25.4", "--to", "1-25.4"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
+              R"(1-25 file fw0001-00000025.log, little-endian, created 1970-01-02 00:00:01.500000
+1-25.4 @296 update SALES.ORDERS 1970-01-02 00:01:01 record 12, 8 bytes
+    before FFFF005D20202020
+    after 0500123C61206220
+)");
+}
+
+TEST(FwlogDump, NumbersAreReadInTheByteOrderOfTheFile)
+{
+    log_file file(1, true);
+    file.layout();
+    file.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
+    file.commit();
+    place here;
+    here.add(1, file.bytes);
+    const run_result result = here.dump();
+    EXPECT_THAT(result.out, StartsWith("1-1 file fw0001-00000001.log, big-endian, created "));
+    EXPECT_THAT(result.out, HasSubstr("    after NO=1280 NET=12.3 TAG={\"a\",\"b\"}\n"));
+}
+
+TEST(FwlogDump, ImageWithoutItsLayoutInTheFileIsShownAsBytes)
+{
+    log_file file(1, false);
+    file.layout();
+    file.change(FWU_OP_DELETE, OLD_IMAGE, nullptr, "OTHER");
+    file.commit();
+    place here;
+    here.add(1, file.bytes);
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr(" delete SALES.OTHER 1970-01-02 00:01:01 record 12, 8 bytes\n"
+                                      "    before FFFF005D20202020\n"));
+}
+
+// First words of the lines that are not indented: the positions printed.
+static std::string positions(const std::string &out)
+{
+    std::string found;
+    size_t at = 0;
+    while (at < out.size()) {
+        const size_t end = out.find('\n', at);
+        if (out[at] != ' ')
+            found += out.substr(at, out.find(' ', at) - at) + " ";
+        at = end + 1;
+    }
+    return found;
+}
+
+TEST(FwlogDump, RangeChoosesFilesAndEntries)
+{
+    place here;
+    for (const int32_t sequence : {1, 2, 3}) {
+        log_file file(sequence, false);
+        file.layout();
+        file.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
+        file.commit();
+        here.add(sequence, file.bytes);
+    }
+    const auto chosen = [&here](const std::vector<std::string> &words) {
+        const run_result result = here.dump(words);
+        EXPECT_EQ(result.status, 0);
+        return positions(result.out);
+    };
+    EXPECT_EQ(chosen({"--from", "2", "--to", "2"}), "1-2 1-2.1 1-2.2 1-2.3 ");
+    EXPECT_EQ(chosen({"--from", "1-3"}), "1-3 1-3.1 1-3.2 1-3.3 ");
+    EXPECT_EQ(chosen({"--from", "1-3.0"}), "1-3 1-3.1 1-3.2 1-3.3 ");
+    EXPECT_EQ(chosen({"--to", "1-1.2"}), "1-1 1-1.1 1-1.2 ");
+    EXPECT_EQ(chosen({"--from", "1-1.3", "--to", "1-2.1"}), "1-1 1-1.3 1-2 1-2.1 ");
+    EXPECT_EQ(chosen({"--from", "2-1"}), "");
+    EXPECT_EQ(chosen({"--to", "3"}),
+              "1-1 1-1.1 1-1.2 1-1.3 1-2 1-2.1 1-2.2 1-2.3 1-3 1-3.1 1-3.2 1-3.3 ");
+    // The layout stands before the range and is used all the same.
+    EXPECT_THAT(here.dump({"--from", "1-2.2", "--to", "1-2.2"}).out, HasSubstr("NO=5"));
+}
+
+TEST(FwlogDump, WhatNoCommitFollowsIsSaidToBeATail)
+{
+    log_file file = whole_file(1);
+    const size_t whole = file.bytes.size();
+    file.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
+    place here;
+    here.add(1, file.bytes);
+    const run_result result = here.dump();
+    EXPECT_EQ(whole, 504U);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(result.out.ends_with("1-1 @504 tail: 72 bytes behind the last commit\n"))
+        << result.out;
+}
+
+TEST(FwlogDump, DamageIsShownAndIsAFailure)
+{
+    log_file file = whole_file(1);
+    file.bytes[224 + 40] ^= 1; // inside the insert entry
+    place here;
+    here.add(1, file.bytes);
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("1-1 @224 damage: "));
+    EXPECT_THAT(result.err, StartsWith("fwlog: "));
+}
+
+TEST(FwlogDump, EmptyLogPrintsNothing)
+{
+    place here;
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST(FwlogDump, MissingLogDirectoryIsAFailure)
+{
+    place here;
+    std::filesystem::remove(here.dir.file("log"));
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("No such file or directory"));
+}
+
+TEST(FwlogDump, WrongCommandLinesAreRefusedWithStatusTwo)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--bogus"}, "fwlog: unknown option: --bogus\n"},
+        {{"word"}, "fwlog: unexpected word: word\n"},
+        {{"--from"}, "fwlog: option lacks its position: --from\n"},
+        {{"--to"}, "fwlog: option lacks its position: --to\n"},
+        {{"-cfg"}, "fwlog: option lacks its file name: -cfg\n"},
+    };
+    place here;
+    for (const auto &[words, error] : cases) {
+        const run_result result = here.dump(words);
+        EXPECT_EQ(result.status, 2) << error;
+        EXPECT_EQ(result.err, error + "Try \"fwlog --help\".\n");
+    }
+    for (const char *position :
+         {"", "x", "0", "-1", "1-", "1-0", "1.5", "1-2.", "1-2.-3", "1-2.3x", "99999999999"}) {
+        const run_result result = here.dump({"--from", position});
+        EXPECT_EQ(result.status, 2) << position;
+        EXPECT_EQ(result.err, std::string("fwlog: not a position (25, 1-25 or 1-25.340): ") +
+                                  position + "\nTry \"fwlog --help\".\n");
+    }
+}

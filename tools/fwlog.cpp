@@ -1,0 +1,113 @@
+// fwlog: writes forward logs from a PostgreSQL change stream and prints them.
+// This file has the subcommands and the help texts.
+#include "tools/fwlog.h"
+
+#include "fwutil/fwu_error.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+static const char help_text[] =
+    "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
+    "       fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
+    "       fwlog --help | --version\n"
+    "\n"
+    "Writes forward logs from a PostgreSQL change stream, and prints them.\n"
+    "\n"
+    "  load    appends a change stream to the forward log\n"
+    "  dump    prints the entries of a forward log\n"
+    "\n"
+    "\"fwlog load --help\" and \"fwlog dump --help\" say more.\n";
+
+static const char load_help_text[] =
+    "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
+    "\n"
+    "Reads a change stream, JSON lines of wal2json's format version 2, from the\n"
+    "file or from standard input (\"-\" or no file) and appends it to the forward\n"
+    "log, transaction by transaction.  Transactions that the log has already are\n"
+    "skipped, so that an interrupted load is simply run again.\n"
+    "\n"
+    "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
+    "               fwutil.cfg): log directory, datasets and their items\n"
+    "  --truncate   cut texts that are too long for their item and go on\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 all loaded; 1 error (whole transactions before it are in the\n"
+    "log); 2 wrong command line; 128 + signal number when SIGINT or SIGTERM ended\n"
+    "it after a whole transaction.\n";
+
+static const char dump_help_text[] =
+    "Usage: fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
+    "\n"
+    "Prints the committed transactions of the forward log entry by entry.\n"
+    "\n"
+    "  -cfg FILE        configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                   fwutil.cfg), which names the log directory\n"
+    "  --hex            print record images as hexadecimal bytes instead of values\n"
+    "  --from POSITION  begin with the log file of this number (\"25\"), or with this\n"
+    "                   entry (\"1-25.340\": generation, number, tag)\n"
+    "  --to POSITION    end with that log file or entry\n"
+    "  --help           print this\n"
+    "\n"
+    "Exit status: 0 done; 1 error or damage; 2 wrong command line.\n";
+
+struct subcommand {
+    const char *name;
+    int (*run)(int argc, char **argv);
+    const char *help;
+};
+
+static const subcommand subcommands[] = {
+    {"load", fwlog_load_main, load_help_text},
+    {"dump", fwlog_dump_main, dump_help_text},
+};
+
+int fwlog_usage_error(const char *text, const char *word)
+{
+    fprintf(stderr, "fwlog: %s: %s\nTry \"fwlog --help\".\n", text, word);
+    return FWLOG_EXIT_USAGE;
+}
+
+int fwlog_flush_output(int status)
+{
+    if (fflush(stdout) == 0 && ferror(stdout) == 0)
+        return status;
+    fprintf(stderr, "fwlog: writing standard output: %s\n", strerror(errno));
+    return FWLOG_EXIT_FAILED;
+}
+
+static bool asks_help(int argc, char **argv)
+{
+    for (int i = 0; i < argc; i++) {
+        if (strcmp(argv[i], "--help") == 0)
+            return true;
+    }
+    return false;
+}
+
+int main(int argc, char **argv)
+{
+    fwu_set_program("fwlog");
+    if (argc < 2) {
+        fputs(help_text, stderr);
+        return FWLOG_EXIT_USAGE;
+    }
+    for (const subcommand &command : subcommands) {
+        if (strcmp(argv[1], command.name) != 0)
+            continue;
+        if (!asks_help(argc - 2, argv + 2))
+            return command.run(argc - 2, argv + 2);
+        fputs(command.help, stdout);
+        return fwlog_flush_output(FWLOG_EXIT_OK);
+    }
+    if (strcmp(argv[1], "--help") == 0) {
+        fputs(help_text, stdout);
+        return fwlog_flush_output(FWLOG_EXIT_OK);
+    }
+    if (strcmp(argv[1], "--version") == 0) {
+        puts("fwlog " KESTRO_VERSION);
+        return fwlog_flush_output(FWLOG_EXIT_OK);
+    }
+    return fwlog_usage_error(argv[1][0] == '-' ? "unknown option" : "unknown subcommand", argv[1]);
+}

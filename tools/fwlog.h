@@ -1,0 +1,22 @@
+// What the subcommands of fwlog share: exit statuses, complaints about the
+// command line, their entry points.
+#ifndef TOOLS_FWLOG_H
+#define TOOLS_FWLOG_H
+
+constexpr int FWLOG_EXIT_OK = 0;
+constexpr int FWLOG_EXIT_FAILED = 1;
+constexpr int FWLOG_EXIT_USAGE = 2;
+constexpr int FWLOG_EXIT_SIGNAL = 128; // and the signal's number
+
+// Subcommands; argv[0] is the first word behind the subcommand's name.
+int fwlog_load_main(int argc, char **argv);
+int fwlog_dump_main(int argc, char **argv);
+
+// Prints "fwlog: text: word" and where help is to be had; FWLOG_EXIT_USAGE.
+int fwlog_usage_error(const char *text, const char *word);
+
+// Flushes standard output; FWLOG_EXIT_FAILED, reported, when it could not be
+// written, else status.
+int fwlog_flush_output(int status);
+
+#endif

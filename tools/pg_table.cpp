@@ -1,0 +1,174 @@
+// A table is looked up once: by the "table=" of a dataset, else by its own name
+// put in upper case.
+#include "tools/pg_table.h"
+
+#include "tools/pg_text.h"
+
+#include <algorithm>
+#include <climits>
+
+static constexpr size_t NAME_MAX_LENGTH = 16; // of a database or dataset
+
+static bool size_allowed(const fwu_item &item)
+{
+    switch (item.type) {
+    case 'I':
+    case 'J':
+    case 'K':
+        return item.size == 2 || item.size == 4 || item.size == 8;
+    case 'E':
+    case 'R':
+        return item.size == 4 || item.size == 8;
+    case 'P':
+    case 'Z':
+    case 'X':
+    case 'U':
+        return item.size > 0;
+    default:
+        return false;
+    }
+}
+
+static std::string dataset_name(const fwu_dataset &dataset)
+{
+    return dataset.layout.dbname + "." + dataset.layout.dsetname;
+}
+
+static bool is_skipped(const fwu_config &config, const std::string &name)
+{
+    return std::find(config.skip_tables.begin(), config.skip_tables.end(), name) !=
+           config.skip_tables.end();
+}
+
+static const fwu_dataset *find_dataset(const fwu_config &config, const std::string &name,
+                                       std::string_view schema, std::string_view table,
+                                       std::string &error)
+{
+    for (const fwu_dataset &dataset : config.datasets) {
+        if (dataset.table == name)
+            return &dataset;
+    }
+    const std::string dbname = pgt_name(schema);
+    const std::string dsetname = pgt_name(table);
+    const bool too_long = dbname.size() > NAME_MAX_LENGTH || dsetname.size() > NAME_MAX_LENGTH;
+    if (too_long) {
+        error = "table " + name + ": " + (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
+                " is longer than the 16 characters of a name: give the dataset a short name in " +
+                config.path + " with table=" + name +
+                ", or leave the table out with the line skip-table " + name;
+        return nullptr;
+    }
+    for (const fwu_dataset &dataset : config.datasets) {
+        if (dataset.table.empty() && dataset.layout.dbname == dbname &&
+            dataset.layout.dsetname == dsetname)
+            return &dataset;
+    }
+    error = "table " + name + " is not in " + config.path + ": describe dataset " + dsetname +
+            " of database " + dbname + " there, or leave the table out with the line skip-table " +
+            name;
+    return nullptr;
+}
+
+static bool measure(pgt_table &table, const fwu_config &config, std::string &error)
+{
+    const fwu_dataset &dataset = *table.dataset;
+    const std::vector<fwu_item> &items = dataset.layout.items;
+    const std::string where =
+        config.path + ":" + std::to_string(dataset.line) + ": dataset " + dataset_name(dataset);
+    int64_t offset = 0;
+    for (const fwu_item &item : items) {
+        if (!size_allowed(item) || item.count < 1) {
+            error = where + ": item " + item.name + " has a type and size that cannot be loaded";
+            return false;
+        }
+        table.offsets.push_back(offset);
+        offset += int64_t{item.size} * item.count;
+        if (offset > INT32_MAX) {
+            error = where + ": the record image is longer than 2 GB";
+            return false;
+        }
+    }
+    table.image_length = static_cast<int32_t>(offset);
+
+    if (dataset.null_map < 0)
+        return true;
+    const size_t index = static_cast<size_t>(dataset.null_map);
+    if (index >= items.size() || items[index].type != 'X' ||
+        int64_t{items[index].size} * items[index].count < static_cast<int64_t>(items.size()) - 1) {
+        error = where + ": the null map must be an X item with a character for each other item, " +
+                std::to_string(items.size() - 1);
+        return false;
+    }
+    return true;
+}
+
+pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
+                    std::string &error)
+{
+    tables.key.assign(schema);
+    tables.key.push_back('.');
+    tables.key.append(table);
+    const auto found = tables.known.find(tables.key);
+    if (found != tables.known.end())
+        return found->second.get();
+
+    auto made = std::make_unique<pgt_table>();
+    made->name = tables.key;
+    if (!is_skipped(*tables.config, made->name)) {
+        made->dataset = find_dataset(*tables.config, made->name, schema, table, error);
+        if (made->dataset == nullptr || !measure(*made, *tables.config, error))
+            return nullptr;
+    }
+    return tables.known.emplace(tables.key, std::move(made)).first->second.get();
+}
+
+static bool same_columns(const pgt_map &map, const w2j_row &row)
+{
+    if (map.column_of_item.empty() || map.names.size() != row.count)
+        return false;
+    for (size_t i = 0; i < row.count; i++) {
+        if (map.names[i] != row.columns[i].name)
+            return false;
+    }
+    return true;
+}
+
+static bool feed_item(pgt_map &map, const pgt_table &table, const w2j_row &row, size_t column,
+                      std::string &error)
+{
+    const std::vector<fwu_item> &items = table.dataset->layout.items;
+    const std::string name = pgt_name(row.columns[column].name);
+    for (size_t i = 0; i < items.size(); i++) {
+        if (items[i].name != name || static_cast<int>(i) == table.dataset->null_map)
+            continue;
+        if (map.column_of_item[i] != PGT_NO_COLUMN) {
+            error = pgt_column_name(table, row.columns[column]) + ": item " + name +
+                    " is already fed by column " +
+                    row.columns[static_cast<size_t>(map.column_of_item[i])].name;
+            return false;
+        }
+        map.column_of_item[i] = static_cast<int>(column);
+    }
+    return true;
+}
+
+bool pgt_map_columns(pgt_map &map, const pgt_table &table, const w2j_row &row, std::string &error)
+{
+    if (same_columns(map, row))
+        return true;
+    map.names.clear();
+    map.column_of_item.assign(table.dataset->layout.items.size(), PGT_NO_COLUMN);
+    for (size_t i = 0; i < row.count; i++) {
+        if (!feed_item(map, table, row, i, error)) {
+            map.column_of_item.clear(); // not taken for a finished map by the next row
+            return false;
+        }
+        map.names.push_back(row.columns[i].name);
+    }
+    return true;
+}
+
+std::string pgt_column_name(const pgt_table &table, const w2j_column &column)
+{
+    return table.name + "." + column.name;
+}
