@@ -62,6 +62,12 @@ static int64_t second_of(int64_t time_us)
     return time_us >= 0 ? time_us / US_PER_S : -((-(time_us + 1)) / US_PER_S) - 1;
 }
 
+static int64_t microsecond_of(int64_t time_us)
+{
+    const int64_t rest = time_us % US_PER_S;
+    return rest < 0 ? rest + US_PER_S : rest;
+}
+
 // Formats a second of the years 0 to 9999; others become the nearest of them.
 static void put_second(char *p, int64_t second)
 {
@@ -84,7 +90,7 @@ std::string fwu_time_text(int64_t time_us)
     std::string text(TIME_SIZE, ' ');
     const int64_t second = second_of(time_us);
     put_second(text.data(), second);
-    put_digits(text.data() + 20, time_us - second * US_PER_S, 6);
+    put_digits(text.data() + 20, microsecond_of(time_us), 6);
     return text;
 }
 
@@ -325,7 +331,7 @@ int fwu_status_acknowledge(fwu_status &status, const fwu_position &position, int
         put_second(time, second);
         status.second = second;
     }
-    put_digits(time + 20, time_us - second * US_PER_S, 6);
+    put_digits(time + 20, microsecond_of(time_us), 6);
     put_position(varying, position);
     status.text.have_position = true;
     status.text.position = position;

@@ -1,0 +1,186 @@
+// The configuration file: everything it may say, and every error.
+#include "fwutil/fwu_config.h"
+
+#include "tests/fwutil/log_fixture.h"
+
+#include <bit>
+#include <cstdlib>
+#include <gmock/gmock.h>
+
+struct config_row {
+    const char *text;
+    const char *error; // behind "fwutil: FILE:"
+};
+
+class ConfigTest : public ::testing::Test {
+  protected:
+    int read(const std::string &text)
+    {
+        write_file(path, text);
+        int result = 0;
+        err = stderr_of([&] { result = fwu_config_read(config, path.c_str()); });
+        return result;
+    }
+    tempdir dir;
+    std::string path = dir.file("x.cfg");
+    std::string err;
+    fwu_config config;
+};
+
+TEST_F(ConfigTest, ReadsEveryStatement)
+{
+    ASSERT_EQ(read("# comment\n"
+                   "log-directory  log   # relative\r\n"
+                   "log-file-size  2M\n"
+                   "byte-order     big\n"
+                   "\n"
+                   "skip-table     audit.journal\n"
+                   "database SALES\n"
+                   "dataset ORDER-LINES\n"
+                   "dataset A+*/?'#%&-9 table=sales.a_very_long_table_name\n"
+                   "item ORDER-NO   I 4\n"
+                   "item WEEK-QTY   I 2 x4\n"
+                   "item PRICE      P 5 scale=9\n"
+                   "item SEVENTEEN-BYTES-X Z 28 x2 scale=28\n"
+                   "item NULL-MAP   X 4 null-map"),
+              0)
+        << err;
+    EXPECT_EQ(config.log_directory, dir.file("log"));
+    EXPECT_EQ(config.log_file_size, 2 * 1024 * 1024);
+    EXPECT_TRUE(config.big_endian);
+    EXPECT_EQ(config.skip_tables, std::vector<std::string>{"audit.journal"});
+    ASSERT_EQ(config.datasets.size(), 2U);
+    EXPECT_EQ(config.datasets[0].layout, (fwu_layout{"SALES", "ORDER-LINES", {}}));
+    EXPECT_EQ(config.datasets[0].line, 8);
+    EXPECT_EQ(config.datasets[0].null_map, -1);
+    EXPECT_EQ(config.datasets[1].table, "sales.a_very_long_table_name");
+    EXPECT_EQ(config.datasets[1].null_map, 4);
+    EXPECT_EQ(config.datasets[1].layout, (fwu_layout{"SALES",
+                                                     "A+*/?'#%&-9",
+                                                     {{"ORDER-NO", 'I', 4, 1, 0},
+                                                      {"WEEK-QTY", 'I', 2, 4, 0},
+                                                      {"PRICE", 'P', 5, 1, 9},
+                                                      {"SEVENTEEN-BYTES-X", 'Z', 28, 2, 28},
+                                                      {"NULL-MAP", 'X', 4, 1, 0}}}));
+}
+
+TEST_F(ConfigTest, DefaultsAreTheMachinesByteOrderAnd64M)
+{
+    ASSERT_EQ(read("log-directory \"/a b/c # d\"\n"), 0) << err;
+    EXPECT_EQ(config.log_directory, "/a b/c # d");
+    EXPECT_EQ(config.log_file_size, 64 * 1024 * 1024);
+    EXPECT_EQ(config.big_endian, std::endian::native == std::endian::big);
+}
+
+#define LOGDIR "log-directory l\n"
+#define SET LOGDIR "database D\ndataset S\n"
+
+// clang-format off
+static const config_row ERRORS[] = {
+    {"", "0: the log-directory line is missing"},
+    {"log-directory\n", "1: log-directory takes one path (in double quotes when it holds blanks)"},
+    {"log-directory a b\n", "1: log-directory takes one path (in double quotes when it holds blanks)"},
+    {"log-directory \"\"\n", "1: log-directory takes one path (in double quotes when it holds blanks)"},
+    {LOGDIR LOGDIR, "2: log-directory is given twice"},
+    {"log-directory \"a\n", "1: the closing quote is missing"},
+    {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
+    {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
+    {"\nlog-directory a\x01\n", "2: the line holds a control character"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, skip-table, database, dataset or item"},
+    {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
+    {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
+    {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
+    {LOGDIR "log-file-size M\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
+    {LOGDIR "log-file-size -8K\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
+    {LOGDIR "log-file-size\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
+    {LOGDIR "log-file-size 8K\nlog-file-size 8K\n", "3: log-file-size is given twice"},
+    {LOGDIR "byte-order middle\n", "2: byte-order takes the word little or big"},
+    {LOGDIR "byte-order\n", "2: byte-order takes the word little or big"},
+    {LOGDIR "byte-order big\nbyte-order big\n", "3: byte-order is given twice"},
+    {LOGDIR "byte-order \"big\"\n", "2: only a path is written in quotes"},
+    {LOGDIR "skip-table journal\n", "2: skip-table takes one name of the form schema.table"},
+    {LOGDIR "skip-table a.b.c\n", "2: skip-table takes one name of the form schema.table"},
+    {LOGDIR "skip-table .b\n", "2: skip-table takes one name of the form schema.table"},
+    {LOGDIR "skip-table a.b\nskip-table a.b\n", "3: table a.b is skipped twice"},
+    {LOGDIR "skip-table a.b\ndatabase D\ndataset S table=a.b\n", "4: table a.b is also named by a skip-table line"},
+    {LOGDIR "database D\ndataset S table=a.b\nskip-table a.b\n", "4: table a.b is skipped here, but feeds the dataset of line 3"},
+    {LOGDIR "database\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
+    {LOGDIR "database 1D\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
+    {LOGDIR "database D+\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
+    {LOGDIR "database SEVENTEEN-LETTERS\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
+    {LOGDIR "database D\ndatabase D\n", "3: database D is given twice"},
+    {LOGDIR "dataset S\n", "2: dataset S stands before the first database line"},
+    {LOGDIR "database D\ndataset\n", "3: dataset takes one name of at most 16 characters: a letter, then letters, digits and - + * / ? ' # % &; table=schema.table may follow"},
+    {LOGDIR "database D\ndataset A_B\n", "3: dataset takes one name of at most 16 characters: a letter, then letters, digits and - + * / ? ' # % &; table=schema.table may follow"},
+    {LOGDIR "database D\ndataset S b.c\n", "3: b.c is not of the form table=schema.table"},
+    {LOGDIR "database D\ndataset S table=c\n", "3: table=c is not of the form table=schema.table"},
+    {SET "dataset S\n", "4: dataset S is given twice, first in line 3"},
+    {LOGDIR "database D\ndataset S table=a.b\ndataset T table=a.b\n", "4: table a.b feeds the dataset of line 3 already"},
+    {LOGDIR "item A I 4\n", "2: item stands before the first dataset line of its database"},
+    {SET "database E\nitem A I 4\n", "5: item stands before the first dataset line of its database"},
+    {SET "item A I\n", "4: item takes name, type and size"},
+    {SET "item EIGHTEEN-BYTES-XXX I 4\n", "4: the item name EIGHTEEN-BYTES-XXX has more than 17 bytes"},
+    {SET "item A I 4\nitem A I 4\n", "5: item A is given twice"},
+    {SET "item A Q 4\n", "4: Q is not an item type: E R I J K P Z X U"},
+    {SET "item A II 4\n", "4: II is not an item type: E R I J K P Z X U"},
+    {SET "item A i 4\n", "4: i is not an item type: E R I J K P Z X U"},
+    {SET "item A E 2\n", "4: an item of type E has a size of 4 or 8 bytes, not 2"},
+    {SET "item A R 6\n", "4: an item of type R has a size of 4 or 8 bytes, not 6"},
+    {SET "item A I 3\n", "4: an item of type I has a size of 2, 4 or 8 bytes, not 3"},
+    {SET "item A J 16\n", "4: an item of type J has a size of 2, 4 or 8 bytes, not 16"},
+    {SET "item A K x\n", "4: an item of type K has a size of 2, 4 or 8 bytes, not x"},
+    {SET "item A P 15\n", "4: an item of type P has a size of 1 to 14 bytes, not 15"},
+    {SET "item A Z 29\n", "4: an item of type Z has a size of 1 to 28 bytes, not 29"},
+    {SET "item A X 0\n", "4: an item of type X has a size of 1 to 32767 bytes, not 0"},
+    {SET "item A U 32768\n", "4: an item of type U has a size of 1 to 32767 bytes, not 32768"},
+    {SET "item A I 4 x0\n", "4: x0 is not a count from x1 to x32767"},
+    {SET "item A I 4 x32768\n", "4: x32768 is not a count from x1 to x32767"},
+    {SET "item A I 4 x\n", "4: x is not a count from x1 to x32767"},
+    {SET "item A I 4 x2 x2\n", "4: x2 is not known or given twice; behind name, type and size stand xCOUNT, scale=N and null-map"},
+    {SET "item A I 4 scale=1\n", "4: scale is for items of type P and Z only"},
+    {SET "item A P 5 scale=10\n", "4: scale=10 is not a scale from 0 to the item's 9 digits"},
+    {SET "item A Z 5 scale=6\n", "4: scale=6 is not a scale from 0 to the item's 5 digits"},
+    {SET "item A Z 5 scale=\n", "4: scale= is not a scale from 0 to the item's 5 digits"},
+    {SET "item A Z 5 key\n", "4: key is not known or given twice; behind name, type and size stand xCOUNT, scale=N and null-map"},
+    {SET "item A X 32767 x512\nitem B X 513\n", "5: the record of dataset S is longer than 16777216 bytes"},
+    {SET "item A I 4\nitem N U 1 null-map\n", "5: the null-map item must have type X"},
+    {SET "item A X 1 null-map\nitem N X 1 null-map\n", "5: dataset S has two null-map items"},
+    {SET "item A I 4\nitem N X 2 null-map\n", "3: the null-map item N must have one byte for each other item: type X, size 1, no count"},
+    {SET "item A I 4\nitem N X 1 x2 null-map\n", "3: the null-map item N must have one byte for each other item: type X, size 1, no count"},
+};
+// clang-format on
+
+TEST_F(ConfigTest, ErrorsNameFileAndLine)
+{
+    for (const config_row &row : ERRORS) {
+        EXPECT_EQ(read(row.text), -1) << row.text;
+        EXPECT_EQ(err, "fwutil: " + path + ":" + row.error + "\n") << row.text;
+    }
+}
+
+TEST_F(ConfigTest, AMissingFileIsNamed)
+{
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fwu_config_read(config, path.c_str()), -1); }),
+              "fwutil: " + path +
+                  ": cannot open the configuration file: No such file or directory; name it with "
+                  "the cfg argument or in FWUTIL_CFG\n");
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fwu_config_read(config, dir.path().c_str()), -1); }),
+              "fwutil: " + dir.path() + ": cannot read the configuration file: Is a directory\n");
+}
+
+TEST_F(ConfigTest, AnOverlongFileIsRefused)
+{
+    EXPECT_EQ(read(std::string(17 * 1024 * 1024, '\n')), -1);
+    EXPECT_EQ(err, "fwutil: " + path + ": the configuration file is larger than 16 MiB\n");
+}
+
+TEST_F(ConfigTest, TheEnvironmentNamesTheFile)
+{
+    write_file(path, LOGDIR);
+    setenv("FWUTIL_CFG", path.c_str(), 1);
+    EXPECT_EQ(fwu_config_read(config, nullptr), 0);
+    EXPECT_EQ(config.path, path);
+    unsetenv("FWUTIL_CFG");
+    EXPECT_THAT(stderr_of([&] { EXPECT_EQ(fwu_config_read(config, nullptr), -1); }),
+                testing::StartsWith("fwutil: fwutil.cfg: cannot open"));
+}

@@ -1,0 +1,187 @@
+// The status file's text, byte for byte and damaged, and its use by a run.
+#include "fwutil/fwu_status.h"
+
+#include "tests/fwutil/log_fixture.h"
+#include "tests/fwutil/system_calls.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using testing::HasSubstr;
+
+static const char WITH_POSITION[] = "fwutil status 1\n"
+                                    "log /var/log/sales\n"
+                                    "position 0001-00000025.0000000340\n"
+                                    "time 2023-11-14 22:13:24.000005 UTC\n"
+                                    "crc b7554699\n";
+static const char WITHOUT_POSITION[] = "fwutil status 1\n"
+                                       "log /var/log/sales\n"
+                                       "position none                    \n"
+                                       "time none                          \n"
+                                       "crc 156b7672\n";
+static const char DAMAGED[] =
+    ": the status file is damaged; give the position that you know as start position, or remove "
+    "the file to begin with the log's oldest record\n";
+
+class StatusTest : public log_test {
+  protected:
+    int open(const std::string &directory = "/var/log/sales", bool overridden = false)
+    {
+        int result = 0;
+        err = stderr_of([&] { result = fwu_status_open(held, status, directory, overridden); });
+        return result;
+    }
+    ~StatusTest() override
+    {
+        fwu_status_close(held);
+    }
+    fwu_status held;
+    std::string err;
+};
+
+TEST_F(StatusTest, IsWrittenByteForByte)
+{
+    ASSERT_EQ(open(), 0) << err;
+    EXPECT_EQ(read_file(status), WITHOUT_POSITION);
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 340}, 1700000004000005), 0);
+    EXPECT_EQ(read_file(status), WITH_POSITION);
+    fwu_status_text text;
+    ASSERT_EQ(fwu_status_get(text, WITH_POSITION), 0);
+    EXPECT_EQ(fwu_status_put(text), WITH_POSITION);
+    EXPECT_EQ(text.position, (fwu_position{1, 25, 340}));
+    EXPECT_EQ(text.time_us, 1700000004000005);
+    ASSERT_EQ(fwu_status_get(text, WITHOUT_POSITION), 0);
+    EXPECT_EQ(fwu_status_put(text), WITHOUT_POSITION);
+}
+
+TEST_F(StatusTest, EachByteChangedOrCutOffIsDamage)
+{
+    for (const std::string good : {WITH_POSITION, WITHOUT_POSITION}) {
+        for (size_t i = 0; i < good.size(); i++) {
+            fwu_status_text text;
+            std::string bytes = good;
+            bytes[i] = static_cast<char>(bytes[i] ^ 1);
+            EXPECT_EQ(fwu_status_get(text, bytes), -1) << i;
+            if (i > 0) {
+                EXPECT_EQ(fwu_status_get(text, good.substr(0, i)), -1) << i;
+            }
+        }
+    }
+    write_file(status, std::string(WITH_POSITION).substr(0, 40));
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err, "fwutil: " + status + DAMAGED);
+    EXPECT_EQ(open("/var/log/sales", true), 0) << "a start position stands in for it";
+}
+
+TEST_F(StatusTest, TimesOutsideFourDigitYearsStillGiveAValidFile)
+{
+    EXPECT_EQ(fwu_time_text(0), "1970-01-01 00:00:00.000000 UTC");
+    EXPECT_EQ(fwu_time_text(-1), "1969-12-31 23:59:59.999999 UTC");
+    ASSERT_EQ(open(), 0);
+    for (const int64_t time : {INT64_MIN, INT64_MAX, int64_t{-1}}) {
+        ASSERT_EQ(fwu_status_acknowledge(held, {1, 1, 1}, time), 0);
+        fwu_status_text text;
+        EXPECT_EQ(fwu_status_read(status, text), 0);
+    }
+}
+
+TEST_F(StatusTest, AnExistingFileStaysUntouchedUntilTheFirstRecord)
+{
+    write_file(status, WITH_POSITION);
+    ASSERT_EQ(open(), 0) << err;
+    EXPECT_TRUE(held.text.have_position);
+    EXPECT_EQ(read_file(status), WITH_POSITION);
+    fwu_status_close(held);
+    ASSERT_EQ(open("/x", true), 0);
+    EXPECT_EQ(read_file(status), WITH_POSITION);
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 1, 1}, 0), 0);
+    EXPECT_THAT(read_file(status), HasSubstr("log /x\nposition 0001-00000001.0000000001\n"));
+    fwu_status_text text;
+    EXPECT_EQ(fwu_status_get(text, read_file(status)), 0);
+    EXPECT_EQ(fwu_status_put(text), read_file(status)) << "nothing of the longer text is left";
+}
+
+TEST_F(StatusTest, AFileOfAnotherLogIsRefused)
+{
+    write_file(status, WITH_POSITION);
+    EXPECT_EQ(open("/var/log/other"), -1);
+    EXPECT_EQ(err, "fwutil: " + status +
+                       ": the status file belongs to the log in /var/log/sales, the configuration "
+                       "names /var/log/other; use another status file, or give a start position\n");
+}
+
+TEST_F(StatusTest, AnEmptyFileIsFresh)
+{
+    write_file(status, "");
+    ASSERT_EQ(open(), 0);
+    EXPECT_FALSE(held.text.have_position);
+    EXPECT_EQ(read_file(status), WITHOUT_POSITION);
+}
+
+TEST_F(StatusTest, PathsThatDoNotFitAreRefused)
+{
+    EXPECT_EQ(open("/" + std::string(4096, 'x')), -1);
+    EXPECT_THAT(err, HasSubstr("too long or holds a line end"));
+    EXPECT_EQ(open("/a\nb"), -1);
+    EXPECT_THAT(err, HasSubstr("too long or holds a line end"));
+    status = dir.file("none/fwutil.status");
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err,
+              "fwutil: " + status + ": cannot open the status file: No such file or directory\n");
+}
+
+TEST_F(StatusTest, AStatusThatCannotBeWrittenStopsTheRun)
+{
+    const system_calls_guard guard;
+    open_writer();
+    add({insert(1), insert(2)});
+    close_writer();
+    calls.fail_pwrite = true;
+    run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_TRUE(outcome.records.empty()) << "a full disk shows before the first record";
+    EXPECT_EQ(outcome.err,
+              "fwutil: " + status + ": cannot write to the status file: No space left on device\n");
+    calls.fail_pwrite = false;
+    on_record = [](const seen &) {
+        calls.fail_pwrite = true;
+        return 0;
+    };
+    outcome = run();
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.records, written_from(1, 1));
+}
+
+TEST_F(StatusTest, ASecondRunIsRefusedAndToldWhoRuns)
+{
+    std::filesystem::create_directory(log);
+    int ready[2];
+    int end[2];
+    ASSERT_EQ(pipe(ready) | pipe(end), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        fwu_status mine;
+        char c = 'x';
+        const bool good =
+            fwu_status_open(mine, status, log, false) == 0 && ::write(ready[1], &c, 1) == 1;
+        close(end[1]);
+        (void)!::read(end[0], &c, 1);
+        _exit(good ? 0 : 1);
+    }
+    close(end[0]);
+    char c = 0;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.err, "fwutil: " + status + ": the status file is in use by process " +
+                               std::to_string(child) +
+                               "; stop that, or name another status file\n");
+    close(end[1]);
+    int result = -1;
+    EXPECT_EQ(waitpid(child, &result, 0), child);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(run().result, 0) << "the lock went with its process";
+}

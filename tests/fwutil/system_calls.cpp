@@ -1,0 +1,73 @@
+// The linker leads calls of these functions here.
+#include "tests/fwutil/system_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <unistd.h>
+
+system_calls calls;
+
+extern "C" {
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
+ssize_t __real_write(int fd, const void *data, size_t length);
+ssize_t __wrap_write(int fd, const void *data, size_t length);
+ssize_t __wrap_write(int fd, const void *data, size_t length)
+{
+    calls.writes++;
+    if (calls.write_room < 0)
+        return __real_write(fd, data, length);
+    if (calls.write_room == 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    const ssize_t n =
+        __real_write(fd, data, std::min(length, static_cast<size_t>(calls.write_room)));
+    calls.write_room -= std::max<ssize_t>(n, 0);
+    return n;
+}
+
+int __real_ftruncate64(int fd, off_t length);
+int __wrap_ftruncate64(int fd, off_t length);
+int __wrap_ftruncate64(int fd, off_t length)
+{
+    if (!calls.fail_ftruncate)
+        return __real_ftruncate64(fd, length);
+    errno = EIO;
+    return -1;
+}
+
+ssize_t __real_pwrite64(int fd, const void *data, size_t length, off_t offset);
+ssize_t __wrap_pwrite64(int fd, const void *data, size_t length, off_t offset);
+ssize_t __wrap_pwrite64(int fd, const void *data, size_t length, off_t offset)
+{
+    if (!calls.fail_pwrite)
+        return __real_pwrite64(fd, data, length, offset);
+    errno = ENOSPC;
+    return -1;
+}
+
+int __real_clock_gettime(clockid_t clock, struct timespec *time);
+int __wrap_clock_gettime(clockid_t clock, struct timespec *time);
+int __wrap_clock_gettime(clockid_t clock, struct timespec *time)
+{
+    if (calls.clock_us == 0 || clock != CLOCK_REALTIME)
+        return __real_clock_gettime(clock, time);
+    time->tv_sec = calls.clock_us / 1000000;
+    time->tv_nsec = calls.clock_us % 1000000 * 1000;
+    return 0;
+}
+
+int __real_inotify_init1(int flags);
+int __wrap_inotify_init1(int flags);
+int __wrap_inotify_init1(int flags)
+{
+    if (!calls.fail_inotify)
+        return __real_inotify_init1(flags);
+    errno = EMFILE;
+    return -1;
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+} // extern "C"

@@ -1,0 +1,30 @@
+// System calls that a test makes fail or counts; the real ones otherwise.
+#ifndef TESTS_FWUTIL_SYSTEM_CALLS_H
+#define TESTS_FWUTIL_SYSTEM_CALLS_H
+
+#include <cstdint>
+
+struct system_calls {
+    int writes = 0;              // calls of write so far
+    int64_t write_room = -1;     // bytes that write still takes before ENOSPC; -1: all
+    bool fail_ftruncate = false; // with EIO
+    bool fail_pwrite = false;    // with ENOSPC
+    bool fail_inotify = false;   // with EMFILE
+    int64_t clock_us = 0;        // what the real-time clock shows; 0: the real time
+};
+
+extern system_calls calls;
+
+// Puts everything back at the end of a test.
+struct system_calls_guard {
+    system_calls_guard()
+    {
+        calls = system_calls();
+    }
+    ~system_calls_guard()
+    {
+        calls = system_calls();
+    }
+};
+
+#endif
