@@ -38,6 +38,8 @@ void fwlog_stream_abandon(fwlog_stream &stream)
 {
     if (stream.begun)
         fwu_writer_rollback(stream.writer);
+    if (stream.open)
+        stream.work.truncated = stream.truncated_before;
     stream.begun = false;
     stream.open = false;
 }
@@ -72,6 +74,7 @@ static fwlog_result take_begin(fwlog_stream &stream, uint64_t number, std::strin
     stream.skipping = commit.lsn <= fwu_writer_last_lsn(stream.writer);
     stream.has_session = false;
     stream.changes = {};
+    stream.truncated_before = stream.work.truncated;
     return FWLOG_OK;
 }
 

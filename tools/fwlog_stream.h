@@ -41,6 +41,7 @@ struct fwlog_stream {
     std::string lsn;     // as its B line writes it
     std::string content; // of its session message
     fwlog_totals changes;
+    uint64_t truncated_before = 0; // work.truncated at its B line
 
     w2j_line line;
     fwu_session session;

@@ -85,6 +85,12 @@ static bool put_number(const pgi_work &work, const fwu_item &item, const value &
     return result == PGD_OK || number_error(item, text, result, error);
 }
 
+// "timestamp(3) without time zone", but no type of somebody's own with such a name.
+static bool is_timestamp(std::string_view type)
+{
+    return type.starts_with("timestamp ") || type.starts_with("timestamp(");
+}
+
 // The timestamp as work.text; one with time zone becomes UTC.
 static bool make_stamp(pgi_work &work, const fwu_item &item, std::string_view text,
                        std::string &error)
@@ -139,7 +145,7 @@ static bool put_text(pgi_work &work, const fwu_item &item, const value &from, un
         work.text = from.kind == W2J_TRUE ? "T" : "F";
     } else if (from.kind == W2J_NUMBER) {
         work.text = from.text;
-    } else if (from.type.starts_with("timestamp")) {
+    } else if (is_timestamp(from.type)) {
         if (!make_stamp(work, item, from.text, error))
             return false;
     } else {

@@ -356,3 +356,19 @@ TEST(FwlogLoad, TransactionsReachTheLogWhileTheInputIsStillOpen)
     EXPECT_EQ(wait_program(load.pid), 0);
     EXPECT_EQ(read_file(here.dir.file("err")), "");
 }
+
+TEST(FwlogLoad, SecondLoadAtTheSameTimeIsRefused)
+{
+    place here(small_cfg);
+    fed_load load(here);
+    load.feed(transaction(1, "0/1", "a"));
+    ASSERT_TRUE(load.commits(1));
+    const run_result second = here.load(transaction(2, "0/2", "b"));
+    EXPECT_EQ(second.status, 1);
+    EXPECT_THAT(second.err, StartsWith("fwlog: " + here.dir.file("log")));
+    EXPECT_EQ(second.out, "");
+    close(load.fd);
+    load.fd = -1;
+    EXPECT_EQ(wait_program(load.pid), 0);
+    EXPECT_EQ(count_lines(here.log(), "commit "), 1U);
+}

@@ -304,3 +304,16 @@ TEST_F(FwlogStream, CommitTimeIsUtcAndLogtimeItsFullSeconds)
     EXPECT_EQ(lines.at(2), "insert SALES.ORDERS -3602 1 <|6E20>");
     EXPECT_EQ(lines.at(3), "commit -3601750000 7 10");
 }
+
+TEST_F(FwlogStream, TextsCutInATransactionThatIsNotLoadedDoNotCount)
+{
+    stream.work.settings.truncate = true;
+    EXPECT_EQ(
+        take({begin(7, "0/A"), change('I', 7, "long", nullptr), commit(7, "0/A"), begin(8, "0/B"),
+              change('I', 8, "long", nullptr), change('I', 8, "long", nullptr)}),
+        "");
+    EXPECT_EQ(stream.work.truncated, 3U);
+    fwlog_stream_abandon(stream);
+    EXPECT_EQ(stream.work.truncated, 1U);
+    EXPECT_EQ(count_lines(log(), "insert "), 1U);
+}

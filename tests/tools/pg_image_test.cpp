@@ -133,6 +133,7 @@ TEST(PgImage, TextIsFilledUpWithBlanks)
         {value_item('X', 12), text("uuid", "a0eebc99-9c0"), "a0eebc99-9c0"},
         {value_item('X', 8), text("time without time zone", "08:18:01"), "08:18:01"},
         {value_item('X', 9), text("smallint[]", "{1,2}"), "{1,2}    "},
+        {value_item('X', 5), text("timestamp_kind", "early"), "early"},
     });
 }
 
