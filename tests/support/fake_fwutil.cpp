@@ -7,8 +7,6 @@
 #include <cstring>
 #include <memory>
 
-fake_fwutil g_fwu;
-
 static void note(const std::string &call)
 {
     g_fwu.calls.push_back(call);

@@ -49,6 +49,6 @@ struct fake_fwutil {
     size_t next_item = 0;
 };
 
-extern fake_fwutil g_fwu;
+inline fake_fwutil g_fwu;
 
 #endif
