@@ -306,7 +306,7 @@ static int take_item(reading &r, const words &w)
                      type->sizes, w[3].c_str());
     fwu_item item;
     item.name = w[1];
-    item.type = type->letter;
+    item.type = static_cast<unsigned char>(type->letter);
     item.size = static_cast<int32_t>(size);
     if (take_item_options(r, w, item, dataset) != 0)
         return -1;

@@ -6,6 +6,7 @@
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwutil.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -310,8 +311,7 @@ void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fw
     p = put_text(p, layout.dsetname);
     for (const fwu_item &item : layout.items) {
         *p++ = static_cast<unsigned char>(item.name.size());
-        memcpy(p, item.name.data(), item.name.size());
-        p += item.name.size();
+        p = std::copy(item.name.begin(), item.name.end(), p);
         put_le32(p, static_cast<uint32_t>(item.type));
         put_le32(p + 4, static_cast<uint32_t>(item.size));
         put_le32(p + 8, static_cast<uint32_t>(item.count));

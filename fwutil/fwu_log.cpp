@@ -41,10 +41,10 @@ int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
 
 int fwu_log_damage(const fwu_cursor &cursor)
 {
-    return fwu_error(
-        "%s: damaged at offset %lld: %s; restore the file from a copy, or go on behind "
-        "the damage with a start position",
-        cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at), cursor.reason);
+    return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, or leave the "
+                     "rest of it out with the next file as start position (%d-%d.0)",
+                     cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at), cursor.reason,
+                     cursor.file.generation, cursor.file.sequence + 1);
 }
 
 // Opens the file behind the one being read, the first one when there is none.

@@ -8,7 +8,6 @@
 
 #include <gmock/gmock.h>
 
-using testing::AnyOf;
 using testing::HasSubstr;
 
 class CursorTest : public log_test {
@@ -117,8 +116,8 @@ TEST_F(CursorTest, DamageNamesTheOffsetOfTheEntryAndWhatIsWrong)
     const run_outcome outcome = run_with(1, bytes);
     EXPECT_EQ(outcome.err, "fwutil: " + file(1) +
                                ": damaged at offset 288: the checksum of the entry's payload "
-                               "is wrong; restore the file from a copy, or go on behind the "
-                               "damage with a start position\n");
+                               "is wrong; restore the file from a copy, or leave the "
+                               "rest of it out with the next file as start position (1-2.0)\n");
 }
 
 // Makes both checksums of the entry at offset fit its changed bytes.

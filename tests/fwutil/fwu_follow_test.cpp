@@ -223,6 +223,23 @@ TEST_F(FollowTest, AWriterThatDiesAndRecoversIsFollowedThrough)
     EXPECT_EQ(end(SIGTERM), 0) << read_file(dir.file("err"));
 }
 
+TEST_F(FollowTest, ALargeTransactionThatArrivesInManyPiecesIsDeliveredOnceItIsWhole)
+{
+    configure("database SALES\ndataset ORDERS\nitem TEXT X 30000\n");
+    std::filesystem::create_directory(log);
+    start();
+    ASSERT_TRUE(waiting());
+    open_writer();
+    const std::vector<seen> many(
+        700, {"SALES", "ORDERS", 1, FWU_OP_INSERT, 0, "", std::string(30000, 'a')});
+    for (int32_t round = 0; round < 3; round++) {
+        add(many);
+        for (int32_t i = 1; i <= 700; i++)
+            ASSERT_EQ(next(), round * 700 + i) << read_file(dir.file("err"));
+    }
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
 TEST_F(FollowTest, AStatusReportWorksWhileItsProcessRuns)
 {
     two_files();

@@ -3,6 +3,7 @@
 #include "tests/fwutil/log_fixture.h"
 #include "tests/fwutil/system_calls.h"
 
+#include <iostream>
 #include <random>
 
 class ModelTest : public log_test, public testing::WithParamInterface<unsigned> {};
@@ -11,6 +12,7 @@ TEST_P(ModelTest, EveryCommittedRecordIsDeliveredOnceAndInOrder)
 {
     const system_calls_guard guard;
     const unsigned seed = GetParam() != 0 ? GetParam() : std::random_device()();
+    std::cout << "seed " << seed << "\n";
     RecordProperty("seed", std::to_string(seed));
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);

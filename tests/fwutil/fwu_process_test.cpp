@@ -283,6 +283,7 @@ TEST_F(ProcessTest, ATransactionLargerThanTheWindowIsDeliveredWhole)
     configure("database SALES\ndataset ORDERS\nitem NO I 4\nitem TEXT X 12\n");
     open_writer();
     std::vector<seen> many;
+    many.reserve(40000);
     for (int32_t i = 0; i < 40000; i++) // 3 MB
         many.push_back(i % 3 == 0 ? insert(i) : i % 3 == 1 ? update(i) : erase(i));
     add(many);

@@ -59,6 +59,7 @@ TEST(Start, AcceptsAFileNumberOrAWholePosition)
 static std::vector<fwu_log_file> files(const std::vector<std::pair<int, int>> &numbers)
 {
     std::vector<fwu_log_file> list;
+    list.reserve(numbers.size());
     for (const auto &[generation, sequence] : numbers)
         list.push_back({generation, sequence, fwu_log_file_name(generation, sequence), ""});
     return list;

@@ -346,6 +346,7 @@ TEST_F(WriterTest, ALargeTransactionGoesThroughASpillFileThatHasNoName)
     configure("database SALES\ndataset ORDERS\nitem TEXT X 30000\n");
     open_writer();
     std::vector<seen> many;
+    many.reserve(700);
     for (int32_t i = 0; i < 700; i++) // 21 MB
         many.push_back({"SALES", "ORDERS", i, FWU_OP_INSERT, 0, "",
                         std::string(30000, static_cast<char>('a' + i % 26))});
