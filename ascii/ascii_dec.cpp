@@ -4,6 +4,7 @@
 #include "ascii/put_ascii.h"
 #include "capture/capinfo.h"
 
+#include <array>
 #include <cstring>
 
 // Shows the raw bytes of an element that holds no number.
@@ -16,9 +17,26 @@ static void put_invalid(uint32_t flags, char *column, int64_t width, const unsig
     clean_tgt(flags, column, width);
 }
 
-static bool put_packed(char *column, int64_t width, const unsigned char *element, int32_t n)
+// The two digits of every byte; a byte that holds no two digits has a NUL first.
+static constexpr std::array<char[2], 256> make_digit_pairs()
 {
-    switch (element[n - 1] & 0x0F) {
+    std::array<char[2], 256> pairs = {};
+    for (int high = 0; high <= 9; high++) {
+        for (int low = 0; low <= 9; low++) {
+            auto &pair = pairs[static_cast<size_t>(high * 16 + low)];
+            pair[0] = static_cast<char>('0' + high);
+            pair[1] = static_cast<char>('0' + low);
+        }
+    }
+    return pairs;
+}
+
+static constexpr auto digit_pairs = make_digit_pairs();
+
+static bool put_packed(char *column, const unsigned char *element, int32_t n)
+{
+    const unsigned char last = element[n - 1];
+    switch (last & 0x0F) {
     case 0x0C:
         column[0] = '+';
         break;
@@ -31,15 +49,14 @@ static bool put_packed(char *column, int64_t width, const unsigned char *element
     default:
         return false;
     }
-    // Column c holds half c - 1 of the element: the high half of a byte first.
-    for (int64_t c = width - 1; c >= 1; c--) {
-        const unsigned byte = element[(c - 1) / 2];
-        const unsigned digit = (c - 1) % 2 == 0 ? byte >> 4 : byte & 0x0F;
-        if (digit > 9)
-            return false;
-        column[c] = static_cast<char>('0' + digit);
+    bool valid = last >> 4 <= 9;
+    char *out = column + 1;
+    for (int32_t i = 0; i < n - 1; i++, out += 2) {
+        memcpy(out, digit_pairs[element[i]], 2);
+        valid = valid && out[0] != '\0';
     }
-    return true;
+    *out = static_cast<char>('0' + (last >> 4));
+    return valid;
 }
 
 void put_ascii_p(uint32_t flags, char *column, int64_t width, const unsigned char *element,
@@ -47,7 +64,7 @@ void put_ascii_p(uint32_t flags, char *column, int64_t width, const unsigned cha
 {
     if (n == 0)
         return; // a column of no width
-    if (!put_packed(column, width, element, n))
+    if (!put_packed(column, element, n))
         put_invalid(flags, column, width, element, n);
     else if ((flags & ASCII_BWFMT) != 0)
         strip_leading_zeros_pz(column, width);

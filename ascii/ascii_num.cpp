@@ -1,10 +1,11 @@
 // Binary numbers as text columns: IEEE floating point and integers.
 #include "ascii/ascii_num.h"
 
+#include "ascii/ascii_digits.h"
+#include "ascii/ascii_float.h"
 #include "capture/capinfo.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <type_traits>
 
@@ -31,18 +32,19 @@ static void put_right(char *column, int32_t width, const char *text, int length)
     memcpy(column + width - n, text + length - n, static_cast<size_t>(n));
 }
 
+// The widest text is shorter than its column, so that blanks in front make it the
+// right-aligned form.
 void put_ascii_e2(uint32_t flags, char *column, int32_t width, const unsigned char *element)
 {
-    char text[64];
-    const int n =
-        snprintf(text, sizeof text, "%15.7G", static_cast<double>(load<float>(flags, element)));
+    char text[FLOAT_TEXT_SIZE];
+    const int n = float_to_text(text, static_cast<double>(load<float>(flags, element)), 7);
     put_right(column, width, text, n);
 }
 
 void put_ascii_e4(uint32_t flags, char *column, int32_t width, const unsigned char *element)
 {
-    char text[64];
-    const int n = snprintf(text, sizeof text, "%25.12G", load<double>(flags, element));
+    char text[FLOAT_TEXT_SIZE];
+    const int n = float_to_text(text, load<double>(flags, element), 12);
     put_right(column, width, text, n);
 }
 
@@ -51,15 +53,11 @@ void put_ascii_e4(uint32_t flags, char *column, int32_t width, const unsigned ch
 template <typename T> static void put_integer(T value, bool zero_fill, char *column, int32_t width)
 {
     // The absolute value of the most negative number has a place here.
-    using magnitude = std::make_unsigned_t<T>;
+    using magnitude = std::conditional_t<sizeof(T) == 8, uint64_t, uint32_t>;
     const bool negative = value < 0;
-    uint64_t rest = negative ? static_cast<magnitude>(0U - static_cast<magnitude>(value))
-                             : static_cast<magnitude>(value);
-    int at = width;
-    do {
-        column[--at] = static_cast<char>('0' + rest % 10);
-        rest /= 10;
-    } while (rest != 0);
+    const auto bits = static_cast<magnitude>(value);
+    char *first = digits_before(column + width, negative ? magnitude{0} - bits : bits);
+    auto at = first - column;
     while (zero_fill && at > ZERO_FILL_FROM)
         column[--at] = '0';
     if (negative)

@@ -8,51 +8,84 @@
 #include "driver/log.h"
 #include "driver/mem.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
-// A column of fixed width, by type letter and element size.
+// A column of fixed width: of which element size, how wide, made by what.
 struct ascii_column {
-    const char *letters;
     int32_t size;
     int32_t width;
     void (*put)(uint32_t flags, char *column, int32_t width, const unsigned char *element);
 };
 
+// The columns of a group of type letters; none for the letters of no group.
+struct ascii_columns {
+    const ascii_column *begin;
+    const ascii_column *end;
+};
+
 // clang-format off
-static const ascii_column columns[] = {
-    {"ER",  4, 15, put_ascii_e2},
-    {"ER",  8, 25, put_ascii_e4},
-    {"IJ",  2, 14, put_ascii_i1},
-    {"IJ",  4, 14, put_ascii_i2},
-    {"IJ",  8, 30, put_ascii_i4},
-    {"K",   2, 15, put_ascii_k1},
-    {"K",   4, 15, put_ascii_k2},
-    {"K",   8, 30, put_ascii_k4},
+static const ascii_column float_columns[] = {    // E, R
+    {4, 15, put_ascii_e2},
+    {8, 25, put_ascii_e4},
+};
+static const ascii_column signed_columns[] = {   // I, J
+    {2, 14, put_ascii_i1},
+    {4, 14, put_ascii_i2},
+    {8, 30, put_ascii_i4},
+};
+static const ascii_column unsigned_columns[] = { // K
+    {2, 15, put_ascii_k1},
+    {4, 15, put_ascii_k2},
+    {8, 30, put_ascii_k4},
 };
 // clang-format on
 
-static bool is_one_of(int32_t type, const char *letters)
+static ascii_columns find_columns(int32_t type)
 {
-    return type > 0 && type < 128 && strchr(letters, type) != nullptr;
+    switch (type) {
+    case 'E':
+    case 'R':
+        return {std::begin(float_columns), std::end(float_columns)};
+    case 'I':
+    case 'J':
+        return {std::begin(signed_columns), std::end(signed_columns)};
+    case 'K':
+        return {std::begin(unsigned_columns), std::end(unsigned_columns)};
+    default:
+        return {nullptr, nullptr};
+    }
 }
 
+// Eight bytes at a time, of which mostly none has to be replaced.
 void clean_tgt(uint32_t flags, char *bytes, int64_t n)
 {
     if ((flags & ASCII_DIRTY) != 0)
         return;
-    for (int64_t i = 0; i < n; i++) {
-        if (bytes[i] < 0x20 || bytes[i] > 0x7E)
-            bytes[i] = '~';
+    constexpr uint64_t ONES = 0x0101010101010101;
+    constexpr uint64_t HIGH_BITS = 0x80 * ONES;
+    for (int64_t i = 0; i < n;) {
+        uint64_t word = 0;
+        if (n - i >= 8) {
+            memcpy(&word, bytes + i, 8);
+            // A high bit shows in a byte below 0x20, of 0x7F, or above it.
+            if (((word | (word - 0x20 * ONES) | (word + ONES)) & HIGH_BITS) == 0) {
+                i += 8;
+                continue;
+            }
+        }
+        for (const int64_t end = std::min(i + 8, n); i < end; i++) {
+            if (bytes[i] < 0x20 || bytes[i] > 0x7E)
+                bytes[i] = '~';
+        }
     }
 }
 
-int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width)
+static int grow_buf(char **buffer, int32_t *bufsize, int64_t needed)
 {
-    const int64_t needed = length + width;
-    if (needed <= *bufsize)
-        return 0;
     if (needed > std::numeric_limits<int32_t>::max() - RECBUF_SPARE)
         return set_error("ASCII mode record too long.");
     *buffer = static_cast<char *>(mem_realloc(*buffer, static_cast<size_t>(needed) + RECBUF_SPARE));
@@ -60,6 +93,12 @@ int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width)
     memset(*buffer + *bufsize, ' ', static_cast<size_t>(needed - *bufsize));
     *bufsize = static_cast<int32_t>(needed);
     return 0;
+}
+
+int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width)
+{
+    const int64_t needed = length + width;
+    return needed <= *bufsize ? 0 : grow_buf(buffer, bufsize, needed);
 }
 
 // How one item's elements become columns.
@@ -71,12 +110,13 @@ struct item_format {
 
 static item_format find_format(const dsetitem *item)
 {
-    for (const ascii_column &column : columns) {
-        if (item->size == column.size && is_one_of(item->type, column.letters))
-            return {true, column.width, &column};
+    const ascii_columns group = find_columns(item->type);
+    for (const ascii_column *column = group.begin; column != group.end; column++) {
+        if (item->size == column->size)
+            return {true, column->width, column};
     }
     // A size below zero can only come from a broken layout.
-    if (is_one_of(item->type, "ERIJK") || item->size < 0)
+    if (group.begin != nullptr || item->size < 0)
         return {false, 0, nullptr};
     const int64_t size = item->size;
     if (item->type == 'P')
@@ -108,9 +148,36 @@ static void convert_cut(uint32_t flags, const dsetitem *item, const item_format 
 {
     const auto size = static_cast<size_t>(item->size);
     auto *whole = static_cast<unsigned char *>(mem_calloc(size + 1, 1));
-    memcpy(whole, element, static_cast<size_t>(there));
+    if (there > 0)
+        memcpy(whole, element, static_cast<size_t>(there));
     convert(flags, item, format, column, whole);
     free(whole);
+}
+
+// Converts an item's elements into columns that have room, from the bytes of the
+// image that are left.
+static void convert_item(uint32_t flags, const dsetitem *item, const item_format &format,
+                         char *column, const unsigned char *element, int64_t left)
+{
+    for (int32_t k = 0; k < item->count; k++) {
+        if (item->size <= left)
+            convert(flags, item, format, column, element);
+        else
+            convert_cut(flags, item, format, column, element, left);
+        column += format.width;
+        left -= item->size;
+        if (left >= 0)
+            element += item->size;
+    }
+}
+
+// Reports each of an item's elements.
+static int refuse_item(const dsetitem *item)
+{
+    int rc = 0;
+    for (int32_t k = 0; k < item->count; k++)
+        rc = set_error_f("ASCII unsupported data type: %c size %d", item->type, item->size);
+    return rc;
 }
 
 int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, const void *image,
@@ -125,28 +192,24 @@ int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, 
         // Kept: looked at once for an item, for the size of one of its elements.
         if (consumed + item->size > image_length)
             return set_error("ASCII mode source buffer too small.");
+        if (item->count <= 0)
+            continue;
 
         const item_format format = find_format(item);
-        int rc = 0;
-        for (int32_t k = 0; k < item->count; k++) {
-            // Kept: an unsupported element takes the width of the column before it.
-            const int64_t width = format.supported ? format.width : last_width;
-            const int room = check_buf(buffer, *length, bufsize, width);
-            if (room != 0)
-                return room;
-            char *column = *buffer + *length;
-            if (!format.supported)
-                rc = set_error_f("ASCII unsupported data type: %c size %d", item->type, item->size);
-            else if (consumed + item->size <= image_length)
-                convert(flags, item, format, column, bytes + consumed);
-            else if (consumed < image_length)
-                convert_cut(flags, item, format, column, bytes + consumed, image_length - consumed);
-            else
-                convert_cut(flags, item, format, column, no_bytes, 0);
-            consumed += item->size;
-            *length += static_cast<int32_t>(width);
-            last_width = width;
-        }
+        // Kept: an unsupported element takes the width of the column before it.
+        if (format.supported)
+            last_width = format.width;
+        const int64_t width = last_width * item->count;
+        int rc = check_buf(buffer, *length, bufsize, width);
+        if (rc != 0)
+            return rc;
+        if (format.supported)
+            convert_item(flags, item, format, *buffer + *length, bytes + consumed,
+                         image_length - consumed);
+        else
+            rc = refuse_item(item);
+        consumed += int64_t{item->size} * item->count;
+        *length += static_cast<int32_t>(width);
         if (rc != 0)
             return rc;
     }

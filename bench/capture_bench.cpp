@@ -106,9 +106,19 @@ struct measure {
     long peak_kib = 0;
 };
 
+using bench_clock = std::chrono::steady_clock;
+
+static double since(bench_clock::time_point begin)
+{
+    return std::chrono::duration<double>(bench_clock::now() - begin).count();
+}
+
+// Runs body in a child process.  This process stays small, since a child's peak
+// memory begins with what it was forked from.
 template <typename F> static measure run_child(F body)
 {
-    const auto begin = std::chrono::steady_clock::now();
+    fflush(stdout);
+    const auto begin = bench_clock::now();
     const pid_t pid = fork();
     if (pid == 0)
         body();
@@ -116,8 +126,7 @@ template <typename F> static measure run_child(F body)
     struct rusage usage = {};
     if (wait4(pid, &status, 0, &usage) != pid || status != 0)
         fail("a run failed");
-    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
-    return {taken.count(), usage.ru_maxrss};
+    return {since(begin), usage.ru_maxrss};
 }
 
 static measure run_kestro(const std::string &kestro, const std::string &directory)
@@ -132,11 +141,23 @@ static measure run_kestro(const std::string &kestro, const std::string &director
     });
 }
 
-// The bare loop: the same lines, one write each, nothing else.
-static measure run_loop(const std::string &bytes, const std::string &file)
+static std::string read_all(const std::string &file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The bare loop: the same lines, one write each, nothing else.  Only the writing
+// counts; the child has read the lines before and tells how long it took.
+static measure run_loop(const std::string &lines, const std::string &file)
 {
     fs::remove(file);
-    return run_child([&] {
+    int fds[2];
+    if (pipe(fds) != 0)
+        fail("cannot make a pipe");
+    measure result = run_child([&] {
+        const std::string bytes = read_all(lines);
+        const auto begin = bench_clock::now();
         const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
         for (size_t at = 0; at < bytes.size();) {
             const size_t end = bytes.find('\n', at) + 1;
@@ -144,8 +165,15 @@ static measure run_loop(const std::string &bytes, const std::string &file)
                 _exit(1);
             at = end;
         }
-        _exit(close(fd) == 0 ? 0 : 1);
+        const bool closed = close(fd) == 0;
+        const double seconds = since(begin);
+        _exit(closed && write(fds[1], &seconds, sizeof seconds) == sizeof seconds ? 0 : 1);
     });
+    if (read(fds[0], &result.seconds, sizeof result.seconds) != sizeof result.seconds)
+        fail("the loop did not tell its time");
+    close(fds[0]);
+    close(fds[1]);
+    return result;
 }
 
 static double median(std::vector<measure> runs)
@@ -157,18 +185,23 @@ static double median(std::vector<measure> runs)
 
 static void bench(const std::string &kestro, const std::string &directory, int changes, int rounds)
 {
-    make_log(directory, changes);
+    run_child([&] {
+        make_log(directory, changes);
+        _exit(0);
+    });
+    const std::string lines = directory + "/lines.txt";
     run_kestro(kestro, directory);
-    std::ifstream in(directory + "/capture.txt", std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (std::count(bytes.begin(), bytes.end(), '\n') != changes)
-        fail("the capture file does not hold every change");
+    fs::rename(directory + "/capture.txt", lines);
+    run_child([&] {
+        const std::string bytes = read_all(lines);
+        _exit(std::count(bytes.begin(), bytes.end(), '\n') == changes ? 0 : 1);
+    });
 
     std::vector<measure> captures;
     std::vector<measure> loops;
     for (int round = 0; round < rounds; round++) {
         captures.push_back(run_kestro(kestro, directory));
-        loops.push_back(run_loop(bytes, directory + "/loop.txt"));
+        loops.push_back(run_loop(lines, directory + "/loop.txt"));
     }
     long peak = 0;
     for (const measure &m : captures)
@@ -177,8 +210,8 @@ static void bench(const std::string &kestro, const std::string &directory, int c
     const double loop = median(loops);
     printf("%9d changes, %5.1f bytes a record: Kestro %9.0f changes/s, loop %9.0f writes/s, "
            "ratio %.2f, peak %ld KiB\n",
-           changes, static_cast<double>(bytes.size()) / changes, changes / capture, changes / loop,
-           loop / capture, peak);
+           changes, static_cast<double>(fs::file_size(lines)) / changes, changes / capture,
+           changes / loop, loop / capture, peak);
 }
 
 int main(int argc, char **argv)

@@ -56,14 +56,15 @@ int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
     buffer[length] = '\n';
     buffer[length + 1] = '\0';
     // Kept: the line is written up to its first NUL, which only -dirty lets into one.
-    if (fputs(buffer, file->textfp) == EOF) {
+    const size_t size = strlen(buffer);
+    if (fwrite(buffer, 1, size, file->textfp) != size) {
         const int error = errno;
         clearerr(file->textfp);
         cut_to_whole_records(file);
         errno = error;
         return 1;
     }
-    file->text_size += static_cast<int64_t>(strlen(buffer));
+    file->text_size += static_cast<int64_t>(size);
     return 0;
 }
 

@@ -14,121 +14,152 @@
 #include <cstdlib>
 #include <cstring>
 
-// Room for the text of any item, movefga's bytes included.
-constexpr int VALUE_SIZE = HDRDATE_SIZE;
+// Work space of an item whose text has to be built, movefga's bytes included.
+using value_buf = char[HDRDATE_SIZE];
 
-using value_buf = char[VALUE_SIZE];
+// The functions below give an item's text, in the work space or where it is
+// already; null for a blank field.
 
-static void put_sequence(value_buf &out, const capfil *cf, const log_record *)
+// A number in zero-filled digits, as many as the width at least.
+static const char *zero_filled(value_buf &buf, int32_t number, int width)
 {
-    snprintf(out, sizeof out, "%06ld", static_cast<long>(cf->nwritten));
+    if (number < 0) {
+        snprintf(buf, sizeof buf, "%0*ld", width, static_cast<long>(number));
+        return buf;
+    }
+    constexpr int DIGITS = 15;
+    char *out = buf + DIGITS;
+    *out = '\0';
+    for (; number != 0; number /= 10)
+        *--out = static_cast<char>('0' + number % 10);
+    while (buf + DIGITS - out < width)
+        *--out = '0';
+    return out;
 }
 
-static void put_dbname(value_buf &out, const capfil *, const log_record *record)
+static const char *sequence_text(value_buf &buf, const capfil *cf, const log_record *)
 {
-    if (record != nullptr)
-        strmcpy(out, logrec_dbname(record), sizeof out);
+    return zero_filled(buf, cf->nwritten, 6);
 }
 
-static void put_dbfga(value_buf &out, const capfil *, const log_record *record)
+static const char *dbname_text(value_buf &, const capfil *, const log_record *record)
 {
-    if (record != nullptr && record->dbname != nullptr)
-        movefga(out, record->dbname);
+    return record == nullptr ? nullptr : record->dbname;
 }
 
-static void put_dsetname(value_buf &out, const capfil *, const log_record *record)
+static const char *dbfga_text(value_buf &buf, const capfil *, const log_record *record)
 {
-    if (record != nullptr)
-        strmcpy(out, logrec_dsetname(record), sizeof out);
+    if (record == nullptr || record->dbname == nullptr)
+        return nullptr;
+    movefga(buf, record->dbname);
+    return buf;
 }
 
-static void put_date4(value_buf &out, const capfil *, const log_record *record)
+static const char *dsetname_text(value_buf &, const capfil *, const log_record *record)
 {
-    if (record != nullptr)
-        cap_header_get_date(record->logtime, out, 4);
+    return record == nullptr ? nullptr : record->dsetname;
 }
 
-static void put_date2(value_buf &out, const capfil *, const log_record *record)
+// Records come in the order of their times: the text of the second formatted last
+// serves most of them.
+static const char *date_text(const log_record *record, int yeardigits)
 {
-    if (record != nullptr)
-        cap_header_get_date(record->logtime, out, 2);
+    static struct {
+        int yeardigits;
+        int32_t time;
+        value_buf text;
+    } last;
+    if (record == nullptr)
+        return nullptr;
+    if (last.yeardigits != yeardigits || last.time != record->logtime) {
+        cap_header_get_date(record->logtime, last.text, yeardigits);
+        last.yeardigits = yeardigits;
+        last.time = record->logtime;
+    }
+    return last.text;
 }
 
-static void put_op(value_buf &out, const capfil *cf, const log_record *)
+static const char *date4_text(value_buf &, const capfil *, const log_record *record)
 {
-    memcpy(out, cf->op, 2);
+    return date_text(record, 4);
 }
 
-static void put_prog(value_buf &out, const capfil *cf, const log_record *)
+static const char *date2_text(value_buf &, const capfil *, const log_record *record)
+{
+    return date_text(record, 2);
+}
+
+static const char *op_text(value_buf &, const capfil *cf, const log_record *)
+{
+    return cf->op;
+}
+
+static const char *prog_text(value_buf &buf, const capfil *cf, const log_record *)
 {
     const char *pname = Fwu_get_session_entry("pname");
     if (pname == nullptr)
-        return;
+        return nullptr;
     const int width = cap_header_item_size(HDRKIND_PROG);
     if (cf->progterm != nullptr)
-        mov_progterm(pname, cf->progterm, out, width);
+        mov_progterm(pname, cf->progterm, buf, width);
     else
-        moveprogname(out, pname, width);
+        moveprogname(buf, pname, width);
+    buf[width] = '\0';
+    return buf;
 }
 
-static void put_entry(value_buf &out, const char *key)
+static const char *session_text(value_buf &, const capfil *, const log_record *)
 {
-    const char *entry = Fwu_get_session_entry(key);
-    if (entry != nullptr)
-        strmcpy(out, entry, sizeof out);
+    return Fwu_get_session_entry("user");
 }
 
-static void put_session(value_buf &out, const capfil *, const log_record *)
+static const char *dbuser_text(value_buf &, const capfil *, const log_record *)
 {
-    put_entry(out, "user");
+    return Fwu_get_session_entry("login");
 }
 
-static void put_dbuser(value_buf &out, const capfil *, const log_record *)
-{
-    put_entry(out, "login");
-}
-
-static void put_pid(value_buf &out, const capfil *, const log_record *)
+static const char *pid_text(value_buf &buf, const capfil *, const log_record *)
 {
     const char *pid = Fwu_get_session_entry("pid");
     if (pid == nullptr)
-        return;
+        return nullptr;
     const auto width = static_cast<size_t>(cap_header_item_size(HDRKIND_PID));
     const size_t length = strnlen(pid, width);
-    if (length < width) {
-        memset(out, '0', width - length);
-        out[0] = ' ';
-    }
-    memcpy(out + width - length, pid, length);
+    if (length == width)
+        return pid;
+    memset(buf, '0', width - length);
+    buf[0] = ' ';
+    memcpy(buf + width - length, pid, length);
+    buf[width] = '\0';
+    return buf;
 }
 
-static void put_recnum(value_buf &out, const capfil *, const log_record *record)
+static const char *recnum_text(value_buf &buf, const capfil *, const log_record *record)
 {
-    if (record != nullptr)
-        snprintf(out, sizeof out, "%015ld", static_cast<long>(record->recnum));
+    return record == nullptr ? nullptr : zero_filled(buf, record->recnum, 15);
 }
 
 // What an item kind is: its width and what fills it.
 struct hdrkind_row {
     int32_t width;
-    void (*put)(value_buf &out, const capfil *cf, const log_record *record);
+    const char *(*text)(value_buf &buf, const capfil *cf, const log_record *record);
 };
 
 static const hdrkind_row hdrkinds[HDRKINDS] = {
     // clang-format off
     /* HDRKIND_NONE     */ {0,  nullptr},
-    /* HDRKIND_SEQUENCE */ {6,  put_sequence},
-    /* HDRKIND_DBNAME   */ {24, put_dbname},
-    /* HDRKIND_DBFGA    */ {24, put_dbfga},
-    /* HDRKIND_DSETNAME */ {16, put_dsetname},
-    /* HDRKIND_DATE4    */ {16, put_date4},
-    /* HDRKIND_DATE2    */ {14, put_date2},
-    /* HDRKIND_OP       */ {2,  put_op},
-    /* HDRKIND_PROG     */ {24, put_prog},
-    /* HDRKIND_SESSION  */ {8,  put_session},
-    /* HDRKIND_DBUSER   */ {24, put_dbuser},
-    /* HDRKIND_PID      */ {6,  put_pid},
-    /* HDRKIND_RECNUM   */ {15, put_recnum},
+    /* HDRKIND_SEQUENCE */ {6,  sequence_text},
+    /* HDRKIND_DBNAME   */ {24, dbname_text},
+    /* HDRKIND_DBFGA    */ {24, dbfga_text},
+    /* HDRKIND_DSETNAME */ {16, dsetname_text},
+    /* HDRKIND_DATE4    */ {16, date4_text},
+    /* HDRKIND_DATE2    */ {14, date2_text},
+    /* HDRKIND_OP       */ {2,  op_text},
+    /* HDRKIND_PROG     */ {24, prog_text},
+    /* HDRKIND_SESSION  */ {8,  session_text},
+    /* HDRKIND_DBUSER   */ {24, dbuser_text},
+    /* HDRKIND_PID      */ {6,  pid_text},
+    /* HDRKIND_RECNUM   */ {15, recnum_text},
     // clang-format on
 };
 
@@ -191,17 +222,17 @@ void cap_header_put(capfil *cf, const log_record *record)
 
 void cap_header_put_item(capfil *cf, const hdritem *item, const log_record *record)
 {
-    value_buf value = {};
+    value_buf buf;
+    const char *text = nullptr;
     if (item->kind > HDRKIND_NONE && item->kind < HDRKINDS)
-        hdrkinds[item->kind].put(value, cf, record);
-    cap_header_put_value(cf, value, item);
+        text = hdrkinds[item->kind].text(buf, cf, record);
+    cap_header_put_value(cf, text == nullptr ? "" : text, item);
 }
 
 void cap_header_put_info(capfil *cf, const hdritem *item)
 {
-    value_buf value = {};
-    put_entry(value, "info");
-    cap_header_put_value(cf, value, item);
+    const char *info = Fwu_get_session_entry("info");
+    cap_header_put_value(cf, info == nullptr ? "" : info, item);
 }
 
 void cap_header_put_value(capfil *cf, const char *text, const hdritem *item)

@@ -40,9 +40,12 @@ void get_dsetinfo(dsetinfo *info)
         const char *name = nullptr;
         if (Fwu_get_item(&name, &item->type, &item->size, &item->count, &item->item_aux) == 0)
             return;
-        memset(item->name, 0, sizeof item->name);
-        if (name != nullptr)
-            memcpy(item->name, name, strnlen(name, DSETITEM_NAME_MAX));
+        // Mostly the name is there already, from the record before.  The bytes behind
+        // the copied ones are zero from the start.
+        if (name == nullptr)
+            name = "";
+        if (strcmp(item->name, name) != 0)
+            strncpy(item->name, name, DSETITEM_NAME_MAX);
         info->nitems++;
     }
 }

@@ -3,7 +3,6 @@
 #include "tests/procs/growing_log.h"
 
 #include <algorithm>
-#include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 #include "tests/procs/growing_log.h"
 
 #include <algorithm>
-#include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <random>
 #include <sys/wait.h>
@@ -14,11 +14,12 @@ constexpr int ROUNDS = 50;
 
 // Appends transactions of one to nine records until told to stop by the end of
 // its pipe; then writes how many records there are to the file.
-static pid_t start_writer(const tempdir &dir, int stop_fd)
+static pid_t start_writer(const tempdir &dir, const int (&stop)[2])
 {
     const pid_t pid = fork();
     if (pid != 0)
         return pid;
+    close(stop[1]);
     fwu_config config;
     fwu_writer *writer = nullptr;
     if (fwu_config_read(config, dir.file("fwutil.cfg").c_str()) != 0 ||
@@ -32,7 +33,7 @@ static pid_t start_writer(const tempdir &dir, int stop_fd)
         if (!append_transaction(writer, next, n))
             _exit(1);
         next += n;
-        if (read(stop_fd, &byte, 1) == 0)
+        if (read(stop[0], &byte, 1) == 0)
             break;
         usleep(200); // a pace that Kestro follows, so that it waits as well as reads
     }
@@ -58,7 +59,7 @@ TEST(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
     write_config(dir, "64K"); // many small files, so that kills meet crossings too
     int stop[2];
     ASSERT_EQ(pipe2(stop, O_NONBLOCK | O_CLOEXEC), 0);
-    const pid_t writer = start_writer(dir, stop[0]);
+    const pid_t writer = start_writer(dir, stop);
     ASSERT_TRUE(poll_until([&] { return access(dir.file("log").c_str(), F_OK) == 0; }));
 
     const unsigned seed = std::random_device{}();
@@ -74,9 +75,10 @@ TEST(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
         const pid_t pid = start_program(argv, options, "", dir.file("err"));
         // Half of the kills come at any moment of the start, the others when
         // records are being written.
-        if (round % 2 == 0)
+        if (round % 2 == 0) {
             ASSERT_TRUE(poll_until([&] { return !record_numbers(files.back()).empty(); }))
                 << read_file(dir.file("err"));
+        }
         usleep(static_cast<useconds_t>(random() % 20000));
         kill(pid, SIGKILL);
         ASSERT_EQ(wait_program(pid), 128 + SIGKILL) << read_file(dir.file("err"));

@@ -255,6 +255,18 @@ static std::string packed(const std::string &text, int scale, int width)
            std::string(static_cast<size_t>(width - 1) - digits.size(), '0') + digits;
 }
 
+// A time stamp in the form that its item's width asks for: the database drops
+// trailing zeros of the fraction.
+static void pad_fraction(std::string &text, size_t width)
+{
+    constexpr size_t SECONDS_SIZE = 19; // 2026-03-09 08:18:01
+    if (text.size() < SECONDS_SIZE || text[4] != '-' || text[13] != ':' || width <= SECONDS_SIZE)
+        return;
+    if (text.size() == SECONDS_SIZE)
+        text += '.';
+    text.resize(width, '0');
+}
+
 // The text column of one value.
 static std::string column(const replay_item &item, const csv_field &field)
 {
@@ -278,6 +290,8 @@ static std::string column(const replay_item &item, const csv_field &field)
         return packed(field.null ? "0" : field.text, item.scale, width);
     default: {
         std::string text = field.null ? "" : shown(field.text);
+        if (item.type == 'X')
+            pad_fraction(text, static_cast<size_t>(width));
         text.resize(static_cast<size_t>(width), ' ');
         return text;
     }
