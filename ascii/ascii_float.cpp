@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 __extension__ typedef unsigned __int128 uint128;
 
@@ -166,6 +167,36 @@ static int put_digits(char *text, uint64_t number, int exponent, int precision)
     return n + 1;
 }
 
+// Whole numbers, halves, quarters and eighths that have no more digits than asked
+// for: their digits are all there is, and none of them has to be rounded away.
+// 0 for other numbers.
+static int put_exact(char *text, const binary &number, int precision)
+{
+    static constexpr uint64_t fives[] = {1, 5, 25, 125};
+    constexpr int MANTISSA_BITS = 53;
+    const int places = number.exponent < 0 ? -number.exponent : 0; // behind the point
+    if (places >= static_cast<int>(std::size(fives)) || number.exponent > 64 - MANTISSA_BITS - 1)
+        return 0;
+    const uint64_t shifted = places != 0 ? number.mantissa : number.mantissa << number.exponent;
+    if (shifted >= static_cast<uint64_t>(power_of_ten[16]))
+        return 0;
+    const uint64_t digits = shifted * fives[places];
+    if (digits >= static_cast<uint64_t>(power_of_ten[static_cast<size_t>(precision)]))
+        return 0;
+    char buf[2 * DIGITS_MAX];
+    char *const end = buf + DIGITS_MAX;
+    char *first = digits_before(end, digits);
+    while (end - first <= places)
+        *--first = '0'; // at least one digit before the point
+    const auto whole = static_cast<int>(end - first) - places;
+    copy_digits(text, first);
+    if (places == 0)
+        return whole;
+    text[whole] = '.';
+    copy_digits(text + whole + 1, first + whole);
+    return whole + 1 + places;
+}
+
 int float_to_text(char (&text)[FLOAT_TEXT_SIZE], double value, int precision)
 {
     if (!std::isfinite(value))
@@ -177,9 +208,12 @@ int float_to_text(char (&text)[FLOAT_TEXT_SIZE], double value, int precision)
         *out++ = '0';
         return static_cast<int>(out - text);
     }
+    const binary number = split(value);
+    if (const int exact = put_exact(out, number, precision); exact != 0)
+        return static_cast<int>(out - text) + exact;
     uint64_t digits = 0;
     int exponent = 0;
-    if (!round_to(split(value), precision, digits, exponent))
+    if (!round_to(number, precision, digits, exponent))
         return snprintf(text, sizeof text, "%.*G", precision, value);
     return static_cast<int>(out - text) + put_digits(out, digits, exponent, precision);
 }

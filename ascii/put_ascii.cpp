@@ -14,50 +14,71 @@
 #include <iterator>
 #include <limits>
 
-// A column of fixed width: of which element size, how wide, made by what.
-struct ascii_column {
-    int32_t size;
-    int32_t width;
+constexpr int UNSUPPORTED = -1; // width of a column that there is none for
+
+// How an item's elements become columns.
+struct item_format {
+    // Null: packed, zoned or text, whose columns follow the element's size.
     void (*put)(uint32_t flags, char *column, int32_t width, const unsigned char *element);
+    int64_t width; // of one column
 };
 
-// The columns of a group of type letters; none for the letters of no group.
-struct ascii_columns {
-    const ascii_column *begin;
-    const ascii_column *end;
-};
-
+// Columns of binary numbers, by element size: 2, 4 and 8 bytes.
+constexpr int BINARY_SIZES = 3;
 // clang-format off
-static const ascii_column float_columns[] = {    // E, R
-    {4, 15, put_ascii_e2},
-    {8, 25, put_ascii_e4},
+static const item_format float_columns[BINARY_SIZES] = {    // E, R
+    {nullptr,      UNSUPPORTED},
+    {put_ascii_e2, 15},
+    {put_ascii_e4, 25},
 };
-static const ascii_column signed_columns[] = {   // I, J
-    {2, 14, put_ascii_i1},
-    {4, 14, put_ascii_i2},
-    {8, 30, put_ascii_i4},
+static const item_format signed_columns[BINARY_SIZES] = {   // I, J
+    {put_ascii_i1, 14},
+    {put_ascii_i2, 14},
+    {put_ascii_i4, 30},
 };
-static const ascii_column unsigned_columns[] = { // K
-    {2, 15, put_ascii_k1},
-    {4, 15, put_ascii_k2},
-    {8, 30, put_ascii_k4},
+static const item_format unsigned_columns[BINARY_SIZES] = { // K
+    {put_ascii_k1, 15},
+    {put_ascii_k2, 15},
+    {put_ascii_k4, 30},
 };
 // clang-format on
 
-static ascii_columns find_columns(int32_t type)
+static item_format find_binary(const item_format (&columns)[BINARY_SIZES], int32_t size)
 {
-    switch (type) {
+    switch (size) {
+    case 2:
+        return columns[0];
+    case 4:
+        return columns[1];
+    case 8:
+        return columns[2];
+    default:
+        return {nullptr, UNSUPPORTED};
+    }
+}
+
+static item_format find_format(const dsetitem *item)
+{
+    const int64_t size = item->size;
+    switch (item->type) {
     case 'E':
     case 'R':
-        return {std::begin(float_columns), std::end(float_columns)};
+        return find_binary(float_columns, item->size);
     case 'I':
     case 'J':
-        return {std::begin(signed_columns), std::end(signed_columns)};
+        return find_binary(signed_columns, item->size);
     case 'K':
-        return {std::begin(unsigned_columns), std::end(unsigned_columns)};
+        return find_binary(unsigned_columns, item->size);
     default:
-        return {nullptr, nullptr};
+        break;
     }
+    if (size < 0)
+        return {nullptr, UNSUPPORTED}; // from a broken layout only
+    if (item->type == 'P')
+        return {nullptr, 2 * size};
+    if (item->type == 'Z')
+        return {nullptr, size + 1};
+    return {nullptr, size};
 }
 
 // Eight bytes at a time, of which mostly none has to be replaced.
@@ -101,36 +122,11 @@ int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width)
     return needed <= *bufsize ? 0 : grow_buf(buffer, bufsize, needed);
 }
 
-// How one item's elements become columns.
-struct item_format {
-    bool supported;
-    int64_t width;             // of one column
-    const ascii_column *fixed; // null: packed, zoned or text
-};
-
-static item_format find_format(const dsetitem *item)
-{
-    const ascii_columns group = find_columns(item->type);
-    for (const ascii_column *column = group.begin; column != group.end; column++) {
-        if (item->size == column->size)
-            return {true, column->width, column};
-    }
-    // A size below zero can only come from a broken layout.
-    if (group.begin != nullptr || item->size < 0)
-        return {false, 0, nullptr};
-    const int64_t size = item->size;
-    if (item->type == 'P')
-        return {true, 2 * size, nullptr};
-    if (item->type == 'Z')
-        return {true, size + 1, nullptr};
-    return {true, size, nullptr};
-}
-
 static void convert(uint32_t flags, const dsetitem *item, const item_format &format, char *column,
                     const unsigned char *element)
 {
-    if (format.fixed != nullptr) {
-        format.fixed->put(flags, column, format.fixed->width, element);
+    if (format.put != nullptr) {
+        format.put(flags, column, static_cast<int32_t>(format.width), element);
     } else if (item->type == 'P') {
         put_ascii_p(flags, column, format.width, element, item->size);
     } else if (item->type == 'Z') {
@@ -155,7 +151,7 @@ static void convert_cut(uint32_t flags, const dsetitem *item, const item_format 
 }
 
 // Converts an item's elements into columns that have room, from the bytes of the
-// image that are left.
+// image that are left.  The first element is always there.
 static void convert_item(uint32_t flags, const dsetitem *item, const item_format &format,
                          char *column, const unsigned char *element, int64_t left)
 {
@@ -197,17 +193,19 @@ int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, 
 
         const item_format format = find_format(item);
         // Kept: an unsupported element takes the width of the column before it.
-        if (format.supported)
+        if (format.width != UNSUPPORTED)
             last_width = format.width;
         const int64_t width = last_width * item->count;
         int rc = check_buf(buffer, *length, bufsize, width);
         if (rc != 0)
             return rc;
-        if (format.supported)
-            convert_item(flags, item, format, *buffer + *length, bytes + consumed,
-                         image_length - consumed);
-        else
+        char *column = *buffer + *length;
+        if (format.width == UNSUPPORTED)
             rc = refuse_item(item);
+        else if (item->count == 1)
+            convert(flags, item, format, column, bytes + consumed);
+        else
+            convert_item(flags, item, format, column, bytes + consumed, image_length - consumed);
         consumed += int64_t{item->size} * item->count;
         *length += static_cast<int32_t>(width);
         if (rc != 0)

@@ -30,9 +30,6 @@ ebmf *ebmf_fopen(const char *path, int /*tmf_mode*/, uint32_t ascii_flags)
         fil_open_os_errno = errno;
         return nullptr;
     }
-    // Without a buffer each record is one write: it is there for a reader, and a
-    // full disk is seen, before the call returns.
-    setvbuf(fp, nullptr, _IONBF, 0);
     auto *file = mem_new<ebmf>();
     file->is_text = static_cast<int32_t>(ascii_flags);
     file->textfp = fp;
@@ -48,7 +45,23 @@ static void cut_to_whole_records(ebmf *file)
         st.st_size <= file->text_size)
         return;
     if (ftruncate(fileno(file->textfp), file->text_size) == 0)
-        (void)fseeko(file->textfp, file->text_size, SEEK_SET); // regular file: cannot fail
+        (void)lseek(fileno(file->textfp), file->text_size, SEEK_SET); // regular: cannot fail
+}
+
+// Writes the whole text past the stream's buffer: it is there for a reader, and a
+// full disk is seen, before the call returns.
+static bool write_text(int fd, const char *text, size_t size)
+{
+    while (size != 0) {
+        const ssize_t n = write(fd, text, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return false;
+        text += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
 }
 
 int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
@@ -57,9 +70,8 @@ int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
     buffer[length + 1] = '\0';
     // Kept: the line is written up to its first NUL, which only -dirty lets into one.
     const size_t size = strlen(buffer);
-    if (fwrite(buffer, 1, size, file->textfp) != size) {
+    if (!write_text(fileno(file->textfp), buffer, size)) {
         const int error = errno;
-        clearerr(file->textfp);
         cut_to_whole_records(file);
         errno = error;
         return 1;

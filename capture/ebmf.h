@@ -9,7 +9,7 @@
 struct ebmf {
     int32_t is_text;   // the ascii_flags given at open; nonzero: a text file
     void *tmfh;        // owned; message-file handle, null for a text file
-    FILE *textfp;      // owned; stream of a text file, unbuffered
+    FILE *textfp;      // owned; stream of a text file; its buffer stays empty
     int32_t os_errno;  // error number shown for text files; nothing sets it
     int64_t text_size; // bytes of whole records written to the text file
 };

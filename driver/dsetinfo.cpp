@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 dsetinfo *new_dsetinfo()
 {
@@ -23,6 +22,17 @@ void free_dsetinfo(dsetinfo *info)
         free(info->items[i]);
     free(info->items);
     free(info);
+}
+
+// Copies at most DSETITEM_NAME_MAX characters; what a longer name left behind them
+// becomes zero.  Names are short, so a loop is quicker than the library's routines.
+static void copy_name(char *dst, const char *name)
+{
+    int n = 0;
+    for (; n < DSETITEM_NAME_MAX && name[n] != '\0'; n++)
+        dst[n] = name[n];
+    for (; dst[n] != '\0'; n++)
+        dst[n] = '\0';
 }
 
 void get_dsetinfo(dsetinfo *info)
@@ -40,12 +50,7 @@ void get_dsetinfo(dsetinfo *info)
         const char *name = nullptr;
         if (Fwu_get_item(&name, &item->type, &item->size, &item->count, &item->item_aux) == 0)
             return;
-        // Mostly the name is there already, from the record before.  The bytes behind
-        // the copied ones are zero from the start.
-        if (name == nullptr)
-            name = "";
-        if (strcmp(item->name, name) != 0)
-            strncpy(item->name, name, DSETITEM_NAME_MAX);
+        copy_name(item->name, name == nullptr ? "" : name);
         info->nitems++;
     }
 }

@@ -5,6 +5,7 @@
 #include "fwutil/fwu_current.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_log.h"
+#include "fwutil/fwu_map.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status.h"
 #include "fwutil/fwu_wait.h"
@@ -213,6 +214,7 @@ int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, 
     if (callback == nullptr)
         return fwu_error("Fwu_process was called without a callback");
     const fwu_signals signals;
+    const fwu_map_faults faults;
     run r;
     r.callback = callback;
     r.sync_only = sync_only;

@@ -61,7 +61,7 @@ class Cli : public testing::Test {
     }
 
     const tempdir dir;
-    run_options options;
+    run_setup options;
 };
 
 inline const char failed[] = "ERROR encountered during processing.\n";

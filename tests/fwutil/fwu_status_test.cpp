@@ -12,16 +12,27 @@
 
 using testing::HasSubstr;
 
-static const char WITH_POSITION[] = "fwutil status 1\n"
-                                    "log /var/log/sales\n"
-                                    "position 0001-00000025.0000000340\n"
-                                    "time 2023-11-14 22:13:24.000005 UTC\n"
-                                    "crc b7554699\n";
-static const char WITHOUT_POSITION[] = "fwutil status 1\n"
-                                       "log /var/log/sales\n"
-                                       "position none                    \n"
-                                       "time none                          \n"
-                                       "crc 156b7672\n";
+static const char PREFIX[] = "fwutil status 1\n"
+                             "log /var/log/sales\n";
+// A record that was the first one of its run, and the ones behind it: the lines
+// are written in turn.
+static const char LINE_0[] =
+    "0 position 0001-00000025.0000000340 time 2023-11-14 22:13:24.000005 UTC "
+    "crc 7569f801\n";
+static const char LINE_1[] =
+    "1 position 0001-00000025.0000000340 time 2023-11-14 22:13:24.000005 UTC "
+    "crc 6f1d1e48\n";
+static const char LINE_2[] =
+    "2 position 0001-00000025.0000000341 time 2023-11-14 22:13:24.000005 UTC "
+    "crc bee54531\n";
+static const char LINE_5[] =
+    "5 position 0001-00000025.0000000340 time 2023-11-14 22:13:24.000005 UTC "
+    "crc 06ce876c\n";
+static const std::string WITH_POSITION = std::string(PREFIX) + LINE_0 + LINE_1;
+static const std::string WITHOUT_POSITION =
+    std::string(PREFIX) +
+    "0 position none                     time none                           crc 00ecb5a1\n"
+    "1 position none                     time none                           crc 1a9853e8\n";
 static const char DAMAGED[] =
     ": the status file is damaged; give the position that you know as start position, or remove "
     "the file to begin with the log's oldest record\n";
@@ -46,8 +57,12 @@ TEST_F(StatusTest, IsWrittenByteForByte)
 {
     ASSERT_EQ(open(), 0) << err;
     EXPECT_EQ(read_file(status), WITHOUT_POSITION);
+    fwu_status_close(held);
+    ASSERT_EQ(open(), 0) << err;
     ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 340}, 1700000004000005), 0);
     EXPECT_EQ(read_file(status), WITH_POSITION);
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 341}, 1700000004000005), 0);
+    EXPECT_EQ(read_file(status), std::string(PREFIX) + LINE_2 + LINE_1);
     fwu_status_text text;
     ASSERT_EQ(fwu_status_get(text, WITH_POSITION), 0);
     EXPECT_EQ(fwu_status_put(text), WITH_POSITION);
@@ -57,9 +72,70 @@ TEST_F(StatusTest, IsWrittenByteForByte)
     EXPECT_EQ(fwu_status_put(text), WITHOUT_POSITION);
 }
 
+TEST_F(StatusTest, EveryRecordIsNamedByTheNewerLine)
+{
+    for (const bool mapped : {true, false}) {
+        const system_calls_guard guard;
+        calls.fail_mmap = !mapped;
+        std::filesystem::remove(status);
+        ASSERT_EQ(open(), 0) << err;
+        EXPECT_EQ(held.map.at != nullptr, mapped);
+        for (int32_t tag = 1; tag <= 25; tag++) { // numbers of lines come round again
+            const fwu_position position = {1 + tag / 20, 25 + tag / 10, tag * 7};
+            ASSERT_EQ(fwu_status_acknowledge(held, position, tag * int64_t{300000}), 0);
+            fwu_status_text text;
+            ASSERT_EQ(fwu_status_get(text, read_file(status)), 0);
+            EXPECT_EQ(text.position, position);
+            EXPECT_EQ(text.time_us, tag * int64_t{300000});
+        }
+        fwu_status_close(held);
+    }
+}
+
+TEST_F(StatusTest, ALineThatWasBeingChangedIsPassedOver)
+{
+    fwu_status_text text;
+    std::string bytes = std::string(PREFIX) + LINE_2 + LINE_1;
+    bytes.replace(sizeof PREFIX - 1, 40, "*" + std::string(39, 'x'));
+    ASSERT_EQ(fwu_status_get(text, bytes), 0);
+    EXPECT_EQ(text.position, (fwu_position{1, 25, 340}));
+    bytes = std::string(PREFIX) + LINE_2 + LINE_1;
+    bytes[sizeof PREFIX - 1 + sizeof LINE_2 - 1] = '*';
+    ASSERT_EQ(fwu_status_get(text, bytes), 0);
+    EXPECT_EQ(text.position, (fwu_position{1, 25, 341}));
+    bytes[sizeof PREFIX - 1] = '*';
+    EXPECT_EQ(fwu_status_get(text, bytes), -1) << "no line is left";
+}
+
+TEST_F(StatusTest, LinesThatDoNotFollowEachOtherAreDamage)
+{
+    fwu_status_text text;
+    EXPECT_EQ(fwu_status_get(text, std::string(PREFIX) + LINE_0 + LINE_5), -1);
+    EXPECT_EQ(fwu_status_get(text, std::string(PREFIX) + LINE_0 + LINE_0), -1);
+}
+
+TEST_F(StatusTest, AFileCutWhileInUseIsWrittenAnew)
+{
+    const fwu_map_faults faults;
+    const system_calls_guard guard;
+    ASSERT_EQ(open(), 0) << err;
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 339}, 1700000004000005), 0);
+    ASSERT_EQ(truncate(status.c_str(), 0), 0);
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 340}, 1700000004000005), 0);
+    EXPECT_EQ(read_file(status), WITH_POSITION);
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 341}, 1700000004000005), 0);
+    EXPECT_EQ(read_file(status), std::string(PREFIX) + LINE_2 + LINE_1);
+    ASSERT_EQ(truncate(status.c_str(), 0), 0);
+    calls.fail_pwrite = true;
+    EXPECT_EQ(stderr_of([&] {
+                  EXPECT_EQ(fwu_status_acknowledge(held, {1, 25, 342}, 1700000004000005), -1);
+              }),
+              "fwutil: " + status + ": cannot write to the status file: No space left on device\n");
+}
+
 TEST_F(StatusTest, EachByteChangedOrCutOffIsDamage)
 {
-    for (const std::string good : {WITH_POSITION, WITHOUT_POSITION}) {
+    for (const std::string &good : {WITH_POSITION, WITHOUT_POSITION}) {
         for (size_t i = 0; i < good.size(); i++) {
             fwu_status_text text;
             std::string bytes = good;
@@ -70,7 +146,7 @@ TEST_F(StatusTest, EachByteChangedOrCutOffIsDamage)
             }
         }
     }
-    write_file(status, std::string(WITH_POSITION).substr(0, 40));
+    write_file(status, WITH_POSITION.substr(0, 40));
     EXPECT_EQ(open(), -1);
     EXPECT_EQ(err, "fwutil: " + status + DAMAGED);
     EXPECT_EQ(open("/var/log/sales", true), 0) << "a start position stands in for it";
@@ -98,7 +174,7 @@ TEST_F(StatusTest, AnExistingFileStaysUntouchedUntilTheFirstRecord)
     ASSERT_EQ(open("/x", true), 0);
     EXPECT_EQ(read_file(status), WITH_POSITION);
     ASSERT_EQ(fwu_status_acknowledge(held, {1, 1, 1}, 0), 0);
-    EXPECT_THAT(read_file(status), HasSubstr("log /x\nposition 0001-00000001.0000000001\n"));
+    EXPECT_THAT(read_file(status), HasSubstr("log /x\n0 position 0001-00000001.0000000001 time "));
     fwu_status_text text;
     EXPECT_EQ(fwu_status_get(text, read_file(status)), 0);
     EXPECT_EQ(fwu_status_put(text), read_file(status)) << "nothing of the longer text is left";
@@ -146,12 +222,15 @@ TEST_F(StatusTest, AStatusThatCannotBeWrittenStopsTheRun)
     EXPECT_EQ(outcome.err,
               "fwutil: " + status + ": cannot write to the status file: No space left on device\n");
     calls.fail_pwrite = false;
+    calls.fail_mmap = true;
     on_record = [](const seen &) {
         calls.fail_pwrite = true;
         return 0;
     };
     outcome = run();
     EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.err,
+              "fwutil: " + status + ": cannot write to the status file: No space left on device\n");
     EXPECT_EQ(outcome.records, written_from(1, 1));
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <sys/mman.h>
 #include <unistd.h>
 
 system_calls calls;
@@ -46,6 +47,16 @@ ssize_t __wrap_pwrite64(int fd, const void *data, size_t length, off_t offset)
         return __real_pwrite64(fd, data, length, offset);
     errno = ENOSPC;
     return -1;
+}
+
+void *__real_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset);
+void *__wrap_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset);
+void *__wrap_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset)
+{
+    if (!calls.fail_mmap)
+        return __real_mmap64(at, length, protection, flags, fd, offset);
+    errno = ENODEV;
+    return MAP_FAILED;
 }
 
 int __real_clock_gettime(clockid_t clock, struct timespec *time);

@@ -32,7 +32,7 @@ class OrdersTest : public testing::Test {
 
     run_result run(const std::vector<std::string> &argv)
     {
-        run_options options;
+        run_setup options;
         options.directory = dir.path();
         options.env = {{"TZ", "UTC"}};
         return run_program(argv, options);

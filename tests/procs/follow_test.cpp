@@ -57,7 +57,7 @@ class FollowTest : public testing::Test {
     }
 
     tempdir dir;
-    run_options options;
+    run_setup options;
     fwu_writer *writer = nullptr;
 };
 

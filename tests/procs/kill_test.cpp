@@ -65,7 +65,7 @@ TEST(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    run_options options;
+    run_setup options;
     options.directory = dir.path();
 
     std::vector<std::string> files;

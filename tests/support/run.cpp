@@ -16,7 +16,7 @@ static void redirect(const std::string &path, int flags, int target)
     close(fd);
 }
 
-static pid_t start_redirected(const std::vector<std::string> &argv, const run_options &options,
+static pid_t start_redirected(const std::vector<std::string> &argv, const run_setup &options,
                               const std::string &in, const std::string &out, const std::string &err)
 {
     std::vector<char *> words;
@@ -48,7 +48,7 @@ int wait_program(pid_t pid)
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-run_result run_program(const std::vector<std::string> &argv, const run_options &options)
+run_result run_program(const std::vector<std::string> &argv, const run_setup &options)
 {
     const tempdir dir;
     write_file(dir.file("in"), options.input);
@@ -61,7 +61,7 @@ run_result run_program(const std::vector<std::string> &argv, const run_options &
     return result;
 }
 
-pid_t start_program(const std::vector<std::string> &argv, const run_options &options,
+pid_t start_program(const std::vector<std::string> &argv, const run_setup &options,
                     const std::string &out_file, const std::string &err_file)
 {
     return start_redirected(argv, options, "/dev/null", out_file.empty() ? "/dev/null" : out_file,

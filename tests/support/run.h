@@ -8,7 +8,7 @@
 #include <sys/types.h>
 #include <vector>
 
-struct run_options {
+struct run_setup {
     std::string directory;                  // working directory; empty: the caller's
     std::string input;                      // standard input
     std::map<std::string, std::string> env; // added to or replacing the caller's
@@ -22,11 +22,11 @@ struct run_result {
 };
 
 // Runs argv[0] to its end.
-run_result run_program(const std::vector<std::string> &argv, const run_options &options = {});
+run_result run_program(const std::vector<std::string> &argv, const run_setup &options = {});
 
 // Starts argv[0] in the background, standard output and error into the files
 // named (empty: /dev/null), and returns its process id.
-pid_t start_program(const std::vector<std::string> &argv, const run_options &options,
+pid_t start_program(const std::vector<std::string> &argv, const run_setup &options,
                     const std::string &out_file, const std::string &err_file);
 
 // Waits for a process that start_program started; status as in run_result.

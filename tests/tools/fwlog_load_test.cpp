@@ -30,7 +30,7 @@ struct place {
     {
         std::vector<std::string> words = {program, "load", "-cfg", dir.file("fwutil.cfg")};
         words.insert(words.end(), more.begin(), more.end());
-        run_options options;
+        run_setup options;
         options.input = input;
         return run_program(words, options);
     }
@@ -228,7 +228,7 @@ TEST(FwlogLoad, ConfigurationAndInputMustBeReadable)
 TEST(FwlogLoad, ConfigurationIsFoundThroughTheEnvironment)
 {
     place here(small_cfg);
-    run_options options;
+    run_setup options;
     options.input = transaction(1, "0/1", "a");
     options.env["FWUTIL_CFG"] = here.dir.file("fwutil.cfg");
     EXPECT_EQ(run_program({program, "load"}, options).status, 0);
