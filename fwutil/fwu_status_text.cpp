@@ -51,17 +51,17 @@ static void put_number(char *p, int32_t value, size_t digits)
     put_digits(p, static_cast<uint64_t>(value < 0 ? 0 : value), digits);
 }
 
-static int64_t second_of(int64_t time_us)
-{
-    return time_us >= 0 ? time_us / US_PER_S : -((-(time_us + 1)) / US_PER_S) - 1;
-}
-
 // Formats a time of the years 0 to 9999; others become the nearest of them.
 static void put_time(char *p, int64_t time_us)
 {
     constexpr int64_t YEAR_0 = -62167219200;
     constexpr int64_t YEAR_9999_END = 253402300799;
-    const int64_t second = second_of(time_us);
+    int64_t second = time_us / US_PER_S;
+    int64_t microseconds = time_us % US_PER_S;
+    if (microseconds < 0) {
+        second--;
+        microseconds += US_PER_S;
+    }
     const time_t when = second < YEAR_0 ? YEAR_0 : second > YEAR_9999_END ? YEAR_9999_END : second;
     struct tm tm = {};
     (void)gmtime_r(&when, &tm); // in range
@@ -72,7 +72,7 @@ static void put_time(char *p, int64_t time_us)
     put_number(p + 11, tm.tm_hour, 2);
     put_number(p + 14, tm.tm_min, 2);
     put_number(p + 17, tm.tm_sec, 2);
-    put_digits(p + MICROSECONDS_AT, static_cast<uint64_t>(time_us - second * US_PER_S), 6);
+    put_digits(p + MICROSECONDS_AT, static_cast<uint64_t>(microseconds), 6);
 }
 
 std::string fwu_time_text(int64_t time_us)
