@@ -21,9 +21,9 @@ static void put_invalid(uint32_t flags, char *column, int64_t width, const unsig
 static constexpr std::array<char[2], 256> make_digit_pairs()
 {
     std::array<char[2], 256> pairs = {};
-    for (int high = 0; high <= 9; high++) {
-        for (int low = 0; low <= 9; low++) {
-            auto &pair = pairs[static_cast<size_t>(high * 16 + low)];
+    for (size_t high = 0; high <= 9; high++) {
+        for (size_t low = 0; low <= 9; low++) {
+            auto &pair = pairs[high * 16 + low];
             pair[0] = static_cast<char>('0' + high);
             pair[1] = static_cast<char>('0' + low);
         }

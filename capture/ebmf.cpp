@@ -94,7 +94,8 @@ int ebmf_fclose(ebmf *file)
 }
 
 // Prints the detail, then reports the message in its place.
-static int report(const char *detail, const char *fmt, va_list args)
+__attribute__((format(printf, 2, 0))) static int report(const char *detail, const char *fmt,
+                                                        va_list args)
 {
     char buf[DETAIL_SIZE];
     strmcpy(buf, detail, sizeof buf);

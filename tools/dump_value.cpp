@@ -87,7 +87,7 @@ static bool put_float(std::string &out, const fwu_item &item, bool big_endian,
 }
 
 // Writes a sign and digits with the decimal point in its place.
-static bool put_decimal(std::string &out, bool negative, std::string digits, int32_t scale)
+static bool put_decimal(std::string &out, bool negative, const std::string &digits, int32_t scale)
 {
     if (scale < 0 || static_cast<size_t>(scale) > digits.size())
         return false;
