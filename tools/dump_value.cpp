@@ -114,7 +114,7 @@ static bool put_packed(std::string &out, const fwu_item &item, const unsigned ch
     const int sign = in[item.size - 1] & 0x0F;
     if (sign != 0xC && sign != 0xD && sign != 0xF)
         return false;
-    return put_decimal(out, sign == 0xD, std::move(digits), item.item_aux);
+    return put_decimal(out, sign == 0xD, digits, item.item_aux);
 }
 
 static bool put_zoned(std::string &out, const fwu_item &item, const unsigned char *in)
@@ -128,7 +128,7 @@ static bool put_zoned(std::string &out, const fwu_item &item, const unsigned cha
         return false;
     const auto index = static_cast<int>(found - OVERPUNCHED);
     digits.push_back(static_cast<char>('0' + index % 10));
-    return put_decimal(out, index / 10 == 1, std::move(digits), item.item_aux);
+    return put_decimal(out, index / 10 == 1, digits, item.item_aux);
 }
 
 static bool put_element(std::string &out, const fwu_item &item, bool big_endian,
