@@ -23,38 +23,38 @@ struct item_format {
     int64_t width; // of one column
 };
 
-// Columns of binary numbers, by element size: 2, 4 and 8 bytes.
-constexpr int BINARY_SIZES = 3;
+// Columns of binary numbers, by element size; none for the sizes left out.
+constexpr int BINARY_SIZE_MAX = 8;
+constexpr item_format NO_COLUMN = {nullptr, UNSUPPORTED};
+using binary_columns = item_format[BINARY_SIZE_MAX + 1];
 // clang-format off
-static const item_format float_columns[BINARY_SIZES] = {    // E, R
-    {nullptr,      UNSUPPORTED},
+static const binary_columns float_columns = {    // E, R
+    NO_COLUMN, NO_COLUMN, NO_COLUMN, NO_COLUMN,
     {put_ascii_e2, 15},
+    NO_COLUMN, NO_COLUMN, NO_COLUMN,
     {put_ascii_e4, 25},
 };
-static const item_format signed_columns[BINARY_SIZES] = {   // I, J
+static const binary_columns signed_columns = {   // I, J
+    NO_COLUMN, NO_COLUMN,
     {put_ascii_i1, 14},
+    NO_COLUMN,
     {put_ascii_i2, 14},
+    NO_COLUMN, NO_COLUMN, NO_COLUMN,
     {put_ascii_i4, 30},
 };
-static const item_format unsigned_columns[BINARY_SIZES] = { // K
+static const binary_columns unsigned_columns = { // K
+    NO_COLUMN, NO_COLUMN,
     {put_ascii_k1, 15},
+    NO_COLUMN,
     {put_ascii_k2, 15},
+    NO_COLUMN, NO_COLUMN, NO_COLUMN,
     {put_ascii_k4, 30},
 };
 // clang-format on
 
-static item_format find_binary(const item_format (&columns)[BINARY_SIZES], int32_t size)
+static const item_format &find_binary(const binary_columns &columns, int32_t size)
 {
-    switch (size) {
-    case 2:
-        return columns[0];
-    case 4:
-        return columns[1];
-    case 8:
-        return columns[2];
-    default:
-        return {nullptr, UNSUPPORTED};
-    }
+    return columns[size >= 0 && size <= BINARY_SIZE_MAX ? size : 0];
 }
 
 static item_format find_format(const dsetitem *item)
@@ -73,7 +73,7 @@ static item_format find_format(const dsetitem *item)
         break;
     }
     if (size < 0)
-        return {nullptr, UNSUPPORTED}; // from a broken layout only
+        return NO_COLUMN; // from a broken layout only
     if (item->type == 'P')
         return {nullptr, 2 * size};
     if (item->type == 'Z')
@@ -122,8 +122,8 @@ int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width)
     return needed <= *bufsize ? 0 : grow_buf(buffer, bufsize, needed);
 }
 
-static void convert(uint32_t flags, const dsetitem *item, const item_format &format, char *column,
-                    const unsigned char *element)
+static inline void convert(uint32_t flags, const dsetitem *item, const item_format &format,
+                           char *column, const unsigned char *element)
 {
     if (format.put != nullptr) {
         format.put(flags, column, static_cast<int32_t>(format.width), element);
@@ -176,42 +176,71 @@ static int refuse_item(const dsetitem *item)
     return rc;
 }
 
+// How far an image has come: the bytes read, and where its next column stands.
+struct image_walk {
+    int64_t consumed;
+    int32_t length;
+    int64_t last_width; // of the column converted last
+};
+
+// Converts an item of several elements, one that needs more room, or one that
+// there is no column for.
+static int put_item(uint32_t flags, char **buffer, int32_t *bufsize, const dsetitem *item,
+                    const item_format &format, const unsigned char *bytes, int32_t image_length,
+                    image_walk &walk)
+{
+    if (item->count <= 0)
+        return 0;
+    // Kept: an unsupported element takes the width of the column before it.
+    if (format.width != UNSUPPORTED)
+        walk.last_width = format.width;
+    const int64_t width = walk.last_width * item->count;
+    int rc = check_buf(buffer, walk.length, bufsize, width);
+    if (rc != 0)
+        return rc;
+    if (format.width == UNSUPPORTED)
+        rc = refuse_item(item);
+    else
+        convert_item(flags, item, format, *buffer + walk.length, bytes + walk.consumed,
+                     image_length - walk.consumed);
+    walk.consumed += int64_t{item->size} * item->count;
+    walk.length += static_cast<int32_t>(width);
+    return rc;
+}
+
 int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, const void *image,
               int32_t image_length, const dsetinfo *dsets)
 {
     static const unsigned char no_bytes[1] = {};
     const auto *bytes = image == nullptr ? no_bytes : static_cast<const unsigned char *>(image);
-    int64_t consumed = 0;
-    int64_t last_width = 0;
-    for (int i = 0; i < dsets->nitems; i++) {
+    // Copies, so that the columns' bytes do not count as changes to them.
+    image_walk walk = {0, *length, 0};
+    char *text = *buffer;
+    int32_t size = *bufsize;
+    int rc = 0;
+    for (int i = 0; i < dsets->nitems && rc == 0; i++) {
         const dsetitem *item = dsets->items[i];
         // Kept: looked at once for an item, for the size of one of its elements.
-        if (consumed + item->size > image_length)
-            return set_error("ASCII mode source buffer too small.");
-        if (item->count <= 0)
-            continue;
-
+        if (walk.consumed + item->size > image_length) {
+            rc = set_error("ASCII mode source buffer too small.");
+            break;
+        }
         const item_format format = find_format(item);
-        // Kept: an unsupported element takes the width of the column before it.
-        if (format.width != UNSUPPORTED)
-            last_width = format.width;
-        const int64_t width = last_width * item->count;
-        int rc = check_buf(buffer, *length, bufsize, width);
-        if (rc != 0)
-            return rc;
-        char *column = *buffer + *length;
-        if (format.width == UNSUPPORTED)
-            rc = refuse_item(item);
-        else if (item->count == 1)
-            convert(flags, item, format, column, bytes + consumed);
-        else
-            convert_item(flags, item, format, column, bytes + consumed, image_length - consumed);
-        consumed += int64_t{item->size} * item->count;
-        *length += static_cast<int32_t>(width);
-        if (rc != 0)
-            return rc;
+        if (item->count == 1 && format.width != UNSUPPORTED && walk.length + format.width <= size) {
+            // Nearly every item: one element, with room for its column.
+            convert(flags, item, format, text + walk.length, bytes + walk.consumed);
+            walk = {walk.consumed + item->size, walk.length + static_cast<int32_t>(format.width),
+                    format.width};
+            continue;
+        }
+        image_walk slow = walk;
+        rc = put_item(flags, buffer, bufsize, item, format, bytes, image_length, slow);
+        walk = slow;
+        text = *buffer;
+        size = *bufsize;
     }
-    if (consumed != image_length)
-        return set_error("ASCII mode source buffer too large.");
-    return 0;
+    *length = walk.length;
+    if (rc == 0 && walk.consumed != image_length)
+        rc = set_error("ASCII mode source buffer too large.");
+    return rc;
 }
