@@ -110,8 +110,6 @@ static int grow_buf(char **buffer, int32_t *bufsize, int64_t needed)
     if (needed > std::numeric_limits<int32_t>::max() - RECBUF_SPARE)
         return set_error("ASCII mode record too long.");
     *buffer = static_cast<char *>(mem_realloc(*buffer, static_cast<size_t>(needed) + RECBUF_SPARE));
-    // Columns that an unsupported element skips are never written: blanks.
-    memset(*buffer + *bufsize, ' ', static_cast<size_t>(needed - *bufsize));
     *bufsize = static_cast<int32_t>(needed);
     return 0;
 }
@@ -155,6 +153,8 @@ static void convert_cut(uint32_t flags, const dsetitem *item, const item_format 
 static void convert_item(uint32_t flags, const dsetitem *item, const item_format &format,
                          char *column, const unsigned char *element, int64_t left)
 {
+    if (format.width == 0)
+        return; // no columns, however many elements
     for (int32_t k = 0; k < item->count; k++) {
         if (item->size <= left)
             convert(flags, item, format, column, element);
@@ -167,10 +167,12 @@ static void convert_item(uint32_t flags, const dsetitem *item, const item_format
     }
 }
 
-// Reports each of an item's elements.
-static int refuse_item(const dsetitem *item)
+// Reports each of an item's elements and leaves their place blank, since a record
+// before may have left other bytes there.
+static int refuse_item(const dsetitem *item, char *column, int64_t width)
 {
     int rc = 0;
+    memset(column, ' ', static_cast<size_t>(width));
     for (int32_t k = 0; k < item->count; k++)
         rc = set_error_f("ASCII unsupported data type: %c size %d", item->type, item->size);
     return rc;
@@ -199,7 +201,7 @@ static int put_item(uint32_t flags, char **buffer, int32_t *bufsize, const dseti
     if (rc != 0)
         return rc;
     if (format.width == UNSUPPORTED)
-        rc = refuse_item(item);
+        rc = refuse_item(item, *buffer + walk.length, width);
     else
         convert_item(flags, item, format, *buffer + walk.length, bytes + walk.consumed,
                      image_length - walk.consumed);

@@ -56,7 +56,7 @@ static bool write_text(int fd, const char *text, size_t size)
         const ssize_t n = write(fd, text, size);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0)
+        if (n <= 0)
             return false;
         text += n;
         size -= static_cast<size_t>(n);
@@ -68,7 +68,7 @@ int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
 {
     buffer[length] = '\n';
     buffer[length + 1] = '\0';
-    // Kept: the line is written up to its first NUL, which only -dirty lets into one.
+    // Kept: the line is written up to its first NUL; only -dirty lets one in.
     const size_t size = strlen(buffer);
     if (!write_text(fileno(file->textfp), buffer, size)) {
         const int error = errno;

@@ -60,20 +60,21 @@ static const char *dsetname_text(value_buf &, const capfil *, const log_record *
     return record == nullptr ? nullptr : record->dsetname;
 }
 
-// Records come in the order of their times: the text of the second formatted last
-// serves most of them.
-static const char *date_text(const log_record *record, int yeardigits)
+// The date text of one second.  Records come in the order of their times: the
+// text made last serves most of them.
+struct date_cache {
+    bool made;
+    int32_t time;
+    value_buf text;
+};
+
+static const char *date_text(date_cache &last, const log_record *record, int yeardigits)
 {
-    static struct {
-        int yeardigits;
-        int32_t time;
-        value_buf text;
-    } last;
     if (record == nullptr)
         return nullptr;
-    if (last.yeardigits != yeardigits || last.time != record->logtime) {
+    if (!last.made || last.time != record->logtime) {
         cap_header_get_date(record->logtime, last.text, yeardigits);
-        last.yeardigits = yeardigits;
+        last.made = true;
         last.time = record->logtime;
     }
     return last.text;
@@ -81,12 +82,14 @@ static const char *date_text(const log_record *record, int yeardigits)
 
 static const char *date4_text(value_buf &, const capfil *, const log_record *record)
 {
-    return date_text(record, 4);
+    static date_cache last;
+    return date_text(last, record, 4);
 }
 
 static const char *date2_text(value_buf &, const capfil *, const log_record *record)
 {
-    return date_text(record, 2);
+    static date_cache last;
+    return date_text(last, record, 2);
 }
 
 static const char *op_text(value_buf &, const capfil *cf, const log_record *)

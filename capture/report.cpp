@@ -19,16 +19,22 @@ struct totals {
     int deletes = 0;
 };
 
+// Sums of 32-bit counters, which like them start again at the other end.
+static int add(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
+}
+
 static void add_totals(totals &sum, const totals &part)
 {
-    sum.inserts += part.inserts;
-    sum.updates += part.updates;
-    sum.deletes += part.deletes;
+    sum.inserts = add(sum.inserts, part.inserts);
+    sum.updates = add(sum.updates, part.updates);
+    sum.deletes = add(sum.deletes, part.deletes);
 }
 
 static int all(const totals &t)
 {
-    return t.inserts + t.updates + t.deletes;
+    return add(add(t.inserts, t.updates), t.deletes);
 }
 
 const char *hdroptsstr(uint32_t hdropts)

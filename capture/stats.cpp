@@ -3,6 +3,7 @@
 
 #include "capture/capinfo.h"
 #include "capture/slist.h"
+#include "driver/globals.h"
 #include "driver/logrec.h"
 #include "driver/mem.h"
 
@@ -29,13 +30,13 @@ void add_capstat(slist *stats, const log_record *record, int code)
     }
     switch (code) {
     case STAT_INSERT:
-        set->inserts++;
+        count_one(set->inserts);
         break;
     case STAT_UPDATE:
-        set->updates++;
+        count_one(set->updates);
         break;
     case STAT_DELETE:
-        set->deletes++;
+        count_one(set->deletes);
         break;
     default:
         break;

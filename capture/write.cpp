@@ -186,7 +186,7 @@ int cap_write_buf(capfil *cf, int32_t length)
     if (rc != 0)
         rc = set_error_emf(cf->fp, "Error writing to capture file: %s", cf->name);
     // Kept: a failed attempt counts too; the header's sequence number goes on.
-    cf->nwritten++;
+    count_one(cf->nwritten);
     return rc;
 }
 

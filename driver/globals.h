@@ -35,6 +35,12 @@ extern char g_logfname[LOG_FNAME_SIZE]; // log file name; empty: standard error
 extern capinfo *g_ci;                   // the run's capture configuration
 extern int32_t g_needsetinfo;           // 1: item layouts are fetched for every record
 
+// Adds one to a 32-bit counter, which starts again at the other end after 2^31 - 1.
+inline void count_one(int32_t &counter)
+{
+    counter = static_cast<int32_t>(static_cast<uint32_t>(counter) + 1);
+}
+
 // Sets all of the above to their start values, without a capture configuration.
 void init_globals();
 

@@ -2,6 +2,7 @@
 #include "capture/capinfo.h"
 #include "driver/globals.h"
 #include "driver/help.h"
+#include "driver/log.h"
 #include "driver/process.h"
 
 #include <cstdio>
@@ -33,11 +34,14 @@ int main(int argc, char **argv)
         return 0;
     }
     init();
-    const int rc = process(argc, argv);
+    int rc = process(argc, argv);
     if (rc != 0)
         printf("ERROR encountered during processing.\n");
     shut();
     if ((g_flags & FLAG_PAUSE) != 0)
         pause_for_enter();
+    // Totals and reports that nobody gets are an error too.
+    if (fflush(stdout) != 0 || ferror(stdout) != 0)
+        rc = set_error("Error writing to standard output.");
     return rc != 0 ? 1 : 0;
 }

@@ -1,5 +1,6 @@
 // Heap blocks of the plain records.  Nobody checks an allocation's result, so
-// one that fails ends the program here with a message.
+// one that fails ends the program here with a message and exit status 1, like a
+// kill: without totals, the record in hand delivered again by the next run.
 #ifndef DRIVER_MEM_H
 #define DRIVER_MEM_H
 

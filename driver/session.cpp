@@ -36,9 +36,10 @@ int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const cha
         if (rc != 0)
             return rc;
     }
-    // A capture file may be a pipe: a reader that is gone is a write error of the
+    // A pipe without a reader and a file at its size limit are write errors of the
     // record, not the end of the process.
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
 
     g_ci = ci;
     if ((g_flags & FLAG_VERBOSE) != 0)
@@ -86,6 +87,12 @@ extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dset
 {
     const log_record record = {reserved, dbname, dsetname,     logtime,    opcode,
                                recnum,   reclen, before_image, after_image};
+    // What is asked for on standard output counts like a capture file: once it is
+    // lost, no record is taken on that would leave no trace there.
+    if (ferror(stdout) != 0) {
+        set_error("Error writing to standard output.");
+        return -1;
+    }
     // For every record: nothing says that a dataset's layout stays as it is.
     if (g_needsetinfo != 0)
         get_dsetinfo(g_ci->dsets);
@@ -93,7 +100,7 @@ extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dset
         show_sets(g_ci, &record);
     if (dispatch(&record) != 0)
         return -1;
-    g_nlogrecs++;
+    count_one(g_nlogrecs);
     return 0;
 }
 

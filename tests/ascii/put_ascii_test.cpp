@@ -203,8 +203,8 @@ TEST(PutAscii, UnsupportedElementTakesTheWidthBeforeIt)
     EXPECT_EQ(-1, result.rc);
     EXPECT_EQ("ASCII unsupported data type: I size 3\nASCII unsupported data type: I size 3\n",
               result.err);
-    EXPECT_EQ("HDabcde__________", buffer.text())
-        << "nothing is written, the item behind is not met";
+    EXPECT_EQ("HDabcde          ", buffer.text())
+        << "its place stays blank, the item behind is not met";
 }
 
 TEST(PutAscii, SecondImageGoesBehindTheFirst)

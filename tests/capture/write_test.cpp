@@ -220,17 +220,20 @@ TEST_F(Write, RecordThatDoesNotConvertIsWrittenAndReportedFailed)
     EXPECT_EQ(1, stats_of(cf->stats).updates) << "it is in the file";
 }
 
-TEST_F(Write, ConversionErrorIsKeptPastAMessageFile)
+TEST_F(Write, NothingOfARecordBeforeShowsWhereAnElementIsUnsupported)
 {
     text_file("f");
-    capcfg cfg = {};
-    add_capcfg_dset(&cfg, "other");
-    add_file(dir.file("other"), cfg);
-    free_capcfg_data(&cfg);
-    g_fwu.items = {};
+    g_fwu.items = {{"SECRET", 'X', 4}};
     get_dsetinfo(g_ci->dsets);
+    record.after_image = "1234";
+    EXPECT_EQ(0, write(capture_write_insert));
+    // Its place reaches over the line end of the record before.
+    g_fwu.items = {{"A", 'X', 1}, {"B", 'I', 3, 5}};
+    get_dsetinfo(g_ci->dsets);
+    record.after_image = "Zbbbbbbbbbbbbbbb";
+    record.reclen = 16;
     EXPECT_EQ(-1, write(capture_write_insert));
-    EXPECT_EQ(HEADER("000000", "IP") "\n", content("f"));
+    EXPECT_EQ(HEADER("000000", "IP") "1234\n" HEADER("000001", "IP") "Z     \n", content("f"));
 }
 
 TEST_F(Write, StatisticsCountOneOfEachKind)

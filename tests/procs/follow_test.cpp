@@ -3,8 +3,10 @@
 #include "tests/procs/growing_log.h"
 
 #include <algorithm>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 using testing::HasSubstr;
 
@@ -123,4 +125,58 @@ TEST_F(FollowTest, AFullDiskStopsAtItsRecordAndLosesNothing)
     const run_result next = run_program({kestro, "-synconly", "-ascii", "cap.txt"}, options);
     EXPECT_EQ(next.status, 0);
     EXPECT_EQ(lines("cap.txt"), 3U);
+}
+
+TEST_F(FollowTest, AFileSizeLimitStopsAtItsRecordAndLosesNothing)
+{
+    ASSERT_TRUE(append_transaction(writer, 1, 100));
+    // Blocks of 512 bytes; a record has 62 + 14 + 20 characters and a line end.
+    const run_result limited = run_program(
+        {"sh", "-c", "ulimit -f 4; exec " + kestro + " -synconly -ascii cap.txt"}, options);
+    EXPECT_EQ(limited.status, 1);
+    EXPECT_THAT(limited.err, HasSubstr("Error writing to capture file: cap.txt\n"));
+    EXPECT_EQ(read_file(dir.file("cap.txt")).size() % 97, 0U) << "whole lines only";
+    const size_t first = lines("cap.txt");
+    EXPECT_GT(first, 0U);
+    const run_result next = run_program({kestro, "-synconly", "-ascii", "next.txt"}, options);
+    EXPECT_EQ(next.status, 0);
+    EXPECT_EQ(first + lines("next.txt"), 100U);
+}
+
+TEST_F(FollowTest, APipeWhoseReaderIsGoneIsAWriteError)
+{
+    ASSERT_EQ(mkfifo(dir.file("pipe").c_str(), 0600), 0);
+    ASSERT_TRUE(append_transaction(writer, 1, 1));
+    const pid_t pid =
+        start_program({kestro, "-ascii", "pipe"}, options, dir.file("out"), dir.file("err"));
+    {
+        std::ifstream reader(dir.file("pipe"));
+        std::string line;
+        std::getline(reader, line);
+        EXPECT_EQ(line.substr(0, 6), "000000");
+    }
+    ASSERT_TRUE(append_transaction(writer, 2, 1));
+    EXPECT_EQ(wait_program(pid), 1);
+    EXPECT_EQ(read_file(dir.file("err")), "CAPERR: Success\n"
+                                          "Error writing to capture file: pipe\n"
+                                          "Fwu_process() failed.\n");
+}
+
+TEST_F(FollowTest, LostStandardOutputStopsARunThatReportsThere)
+{
+    ASSERT_TRUE(append_transaction(writer, 1, 1000));
+    const run_result run = run_program(
+        {"sh", "-c", "exec " + kestro + " -synconly -showsets -showskip >/dev/full"}, options);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "Error writing to standard output.\n"
+                       "Fwu_process() failed.\n"
+                       "Error writing to standard output.\n");
+}
+
+TEST_F(FollowTest, TotalsThatCannotBePrintedAreAnError)
+{
+    const run_result run = run_program(
+        {"sh", "-c", "exec " + kestro + " -synconly -ascii cap.txt >/dev/full"}, options);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "Error writing to standard output.\n");
 }
