@@ -200,6 +200,19 @@ TEST(FwlogDump, ImageWithoutItsLayoutInTheFileIsShownAsBytes)
                                       "    before FFFF005D20202020\n"));
 }
 
+TEST(FwlogDump, LayoutOfAnotherFileIsNotUsed)
+{
+    log_file second(2, false);
+    second.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
+    second.commit();
+    place here;
+    here.add(1, whole_file(1).bytes);
+    here.add(2, second.bytes);
+    const run_result result = here.dump({"--from", "2"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr("\n    after 0500123C61206220\n"));
+}
+
 // First words of the lines that are not indented: the positions printed.
 static std::string positions(const std::string &out)
 {
