@@ -3,7 +3,7 @@
 // line that is whole.  Where the file cannot be mapped, or has lost its place,
 // it is written instead.  It is brought to disk when reading rests, not for each
 // record: after a power failure the position may be older than the records that
-// were delivered, never newer than what the log on disk holds and was read.
+// were delivered.
 #include "fwutil/fwu_status.h"
 
 #include "fwutil/fwu_crc32c.h"
@@ -105,13 +105,15 @@ static int write_whole(fwu_status &status)
     return 0;
 }
 
-static int open_locked(fwu_status &status, const std::string &log_directory, bool overridden)
+static int open_locked(fwu_status &status, const std::string &log_directory, bool overridden,
+                       bool created)
 {
     std::string bytes;
     if (lock_file(status) != 0 || read_fd(status.path, status.fd, bytes) != 0)
         return -1;
     fwu_status_text text;
-    const int bad = fwu_status_get(text, bytes);
+    // A file that was there and holds nothing has lost what it held.
+    const int bad = bytes.empty() && !created ? -1 : fwu_status_get(text, bytes);
     if (bad != 0 && !overridden)
         return damaged(status.path);
     if (bad == 0 && !overridden && !text.fresh && text.log_directory != log_directory)
@@ -125,9 +127,12 @@ static int open_locked(fwu_status &status, const std::string &log_directory, boo
     status.line.prefix_crc = fwu_crc32c(0, prefix.data(), prefix.size());
     // A new file is written and brought to disk at once, so that a full disk shows
     // now; an existing one stays as it is until there is something better to say.
-    if (!bytes.empty())
+    if (!created)
         return 0;
-    return write_whole(status) != 0 ? -1 : fwu_status_sync(status);
+    if (write_whole(status) == 0 && fwu_status_sync(status) == 0)
+        return 0;
+    (void)unlink(status.path.c_str()); // an empty file left behind would be refused
+    return -1;
 }
 
 int fwu_status_open(fwu_status &status, const std::string &path, const std::string &log_directory,
@@ -138,10 +143,13 @@ int fwu_status_open(fwu_status &status, const std::string &path, const std::stri
     if (!fwu_status_fits(log_directory))
         return fwu_error("%s: the log directory's path is too long or holds a line end",
                          log_directory.c_str());
-    status.fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    status.fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const bool created = status.fd >= 0;
+    if (!created && errno == EEXIST)
+        status.fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (status.fd < 0)
         return fwu_error("%s: cannot open the status file: %s", path.c_str(), strerror(errno));
-    if (open_locked(status, log_directory, overridden) == 0)
+    if (open_locked(status, log_directory, overridden, created) == 0)
         return 0;
     fwu_status_close(status);
     return -1;
@@ -169,10 +177,27 @@ int fwu_status_acknowledge(fwu_status &status, const fwu_position &position, int
     return write_whole(status);
 }
 
+// The next run looks for the file by its name.
+static int check_name(const fwu_status &status)
+{
+    struct stat named = {};
+    struct stat held = {};
+    if (stat(status.path.c_str(), &named) == 0 && fstat(status.fd, &held) == 0 &&
+        named.st_dev == held.st_dev && named.st_ino == held.st_ino)
+        return 0;
+    return fwu_error("%s: the status file was removed or replaced while in use; the position is "
+                     "%s, give it as start position",
+                     status.path.c_str(),
+                     status.text.have_position ? fwu_position_text(status.text.position).c_str()
+                                               : "that of the oldest record");
+}
+
 int fwu_status_sync(fwu_status &status)
 {
     if (!status.unsynced)
         return 0;
+    if (check_name(status) != 0)
+        return -1;
     if (fdatasync(status.fd) != 0)
         return fwu_error("%s: cannot bring the status file to disk: %s", status.path.c_str(),
                          strerror(errno));

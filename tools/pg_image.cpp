@@ -129,6 +129,13 @@ static bool make_latin1(pgi_work &work, std::string_view text, std::string &erro
     return false;
 }
 
+// Types whose values mean something when they are cut.
+static bool is_text_type(std::string_view type)
+{
+    return type == "text" || type == "name" || type == "character" ||
+           type.starts_with("character(") || type.starts_with("character varying");
+}
+
 // Blanks at the end of a char(n) are filling, not text.
 static void drop_filling(std::string &text, size_t width)
 {
@@ -151,7 +158,7 @@ static bool put_text(pgi_work &work, const fwu_item &item, const value &from, un
     } else {
         if (!make_latin1(work, from.text, error))
             return false;
-        may_cut = from.type != "date";
+        may_cut = is_text_type(from.type);
         if (from.type == "character" || from.type.starts_with("character("))
             drop_filling(work.text, width);
     }
@@ -236,8 +243,9 @@ static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &i
         put_null(item, out);
         return true;
     }
+    // An array that goes into one element is taken as it is written.
     std::string_view type = column.type;
-    if (type.ends_with("[]"))
+    if (item.count > 1 && type.ends_with("[]"))
         type.remove_suffix(2);
     const value from{.kind = column.kind, .text = column.value, .type = type};
     return item.count > 1 ? put_array(work, item, from, out, error)

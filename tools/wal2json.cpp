@@ -7,6 +7,11 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+// The parser refuses numbers beyond the range of its floating-point type, although
+// only their digits are used here: the widest type refuses least.
+using wide_json =
+    nlohmann::basic_json<std::map, std::vector, std::string, bool, int64_t, uint64_t, long double>;
+
 // Members of a line, in the order of the table below; the bit of a member tells
 // that it has been seen.
 enum member : unsigned {
@@ -161,7 +166,7 @@ struct handler {
         return integer(value);
     }
 
-    bool number_float(double, const std::string &digits)
+    bool number_float(long double, const std::string &digits)
     {
         return passed_over() || column_value(W2J_NUMBER, digits);
     }
@@ -214,7 +219,7 @@ struct handler {
         }
     }
 
-    bool binary(nlohmann::json::binary_t &)
+    bool binary(wide_json::binary_t &)
     {
         return wrong_type();
     }
@@ -312,7 +317,7 @@ struct handler {
 
     // The library's text runs "[id] parse error at line 1, column N: syntax error
     // while parsing ... - reason; last read: '...'"; the end may repeat the line.
-    bool parse_error(size_t position, const std::string &, const nlohmann::json::exception &what)
+    bool parse_error(size_t position, const std::string &, const wide_json::exception &what)
     {
         std::string reason = what.what();
         const size_t dash = reason.find(" - ");
@@ -374,7 +379,7 @@ bool w2j_parse(w2j_line &line, std::string_view text, std::string &error)
         return false;
     }
     handler calls{.line = line, .error = error};
-    return nlohmann::json::sax_parse(text.data(), text.data() + text.size(), &calls) &&
+    return wide_json::sax_parse(text.data(), text.data() + text.size(), &calls) &&
            check_members(line, calls.seen, error);
 }
 

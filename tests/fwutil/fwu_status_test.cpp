@@ -189,12 +189,36 @@ TEST_F(StatusTest, AFileOfAnotherLogIsRefused)
                        "names /var/log/other; use another status file, or give a start position\n");
 }
 
-TEST_F(StatusTest, AnEmptyFileIsFresh)
+TEST_F(StatusTest, AnEmptyFileIsDamageUnlessAStartPositionStandsInForIt)
 {
     write_file(status, "");
-    ASSERT_EQ(open(), 0);
-    EXPECT_FALSE(held.text.have_position);
-    EXPECT_EQ(read_file(status), WITHOUT_POSITION);
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err, "fwutil: " + status + DAMAGED);
+    ASSERT_EQ(open("/var/log/sales", true), 0);
+    ASSERT_EQ(fwu_status_acknowledge(held, {1, 25, 340}, 1700000004000005), 0);
+    EXPECT_EQ(read_file(status), WITH_POSITION);
+}
+
+TEST_F(StatusTest, AFileRemovedOrReplacedWhileInUseIsAnError)
+{
+    open_writer();
+    add({insert(1), insert(2)});
+    close_writer();
+    for (const bool replaced : {false, true}) {
+        std::filesystem::remove(status);
+        on_record = [&](const seen &) {
+            std::filesystem::remove(status);
+            if (replaced)
+                write_file(status, WITHOUT_POSITION);
+            return 0;
+        };
+        const run_outcome outcome = run();
+        EXPECT_EQ(outcome.result, -1);
+        EXPECT_EQ(outcome.err, "fwutil: " + status +
+                                   ": the status file was removed or replaced while in use; the "
+                                   "position is 1-1.3, give it as start position\n");
+        EXPECT_EQ(outcome.records, written_from(1));
+    }
 }
 
 TEST_F(StatusTest, PathsThatDoNotFitAreRefused)
@@ -219,6 +243,7 @@ TEST_F(StatusTest, AStatusThatCannotBeWrittenStopsTheRun)
     run_outcome outcome = run();
     EXPECT_EQ(outcome.result, -1);
     EXPECT_TRUE(outcome.records.empty()) << "a full disk shows before the first record";
+    EXPECT_FALSE(std::filesystem::exists(status)) << "nothing is left that the next run refuses";
     EXPECT_EQ(outcome.err,
               "fwutil: " + status + ": cannot write to the status file: No space left on device\n");
     calls.fail_pwrite = false;

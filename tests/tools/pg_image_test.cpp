@@ -296,6 +296,38 @@ TEST(PgImage, TruncateNeverCutsNumbersDatesAndTimestamps)
     }
 }
 
+TEST(PgImage, TruncateNeverCutsArraysNorValuesThatMeanSomethingElseThen)
+{
+    const struct {
+        int32_t count;
+        w2j_column column;
+    } rows[] = {
+        {2, text("integer[]", "{12345,1}")},
+        {2, text("numeric[]", "{1,123.45}")},
+        {1, text("text[]", "{abc,def}")},
+        {1, text("time without time zone", "12:00:00")},
+        {1, text("uuid", "11111111-2222-3333-4444-555555555555")},
+    };
+    for (const auto &row : rows) {
+        fwu_item item = value_item('X', 3);
+        item.count = row.count;
+        maker make(config_of({item}));
+        make.work.settings.truncate = true;
+        EXPECT_EQ(make.fresh(row_of({row.column})).substr(0, 6), "error:") << row.column.type;
+        EXPECT_EQ(make.work.truncated, 0U);
+    }
+}
+
+TEST(PgImage, TruncateCutsTheTextsOfAnArray)
+{
+    fwu_item item = value_item('X', 3);
+    item.count = 2;
+    maker make(config_of({item}));
+    make.work.settings.truncate = true;
+    EXPECT_EQ(make.fresh(row_of({text("text[]", "{abcd,xy}")})), "abcxy ");
+    EXPECT_EQ(make.work.truncated, 1U);
+}
+
 static fwu_config nullable()
 {
     return config_of({item_of("NOTE", 'X', 3), item_of("QTY", 'I', 2, 2), item_of("NET", 'P', 2),

@@ -45,8 +45,9 @@ TEST(Wal2json, RowKeepsTheDigitsOfNumbers)
                R"({"name":"e","type":"numeric","value":123456789012345678901234567890.10},)"
                R"({"name":"f","type":"double precision","value":-0},)"
                R"({"name":"g","type":"numeric","value":99999999999999999999},)"
-               R"({"name":"h","type":"integer","value":0}]})");
-    ASSERT_EQ(line.columns.count, 8U);
+               R"({"name":"h","type":"integer","value":0},)"
+               R"({"name":"i","type":"numeric","value":1e400}]})");
+    ASSERT_EQ(line.columns.count, 9U);
     const char *const digits[] = {"871.20",
                                   "1.2e-05",
                                   "9100000000000001",
@@ -54,7 +55,8 @@ TEST(Wal2json, RowKeepsTheDigitsOfNumbers)
                                   "123456789012345678901234567890.10",
                                   "-0",
                                   "99999999999999999999",
-                                  "0"};
+                                  "0",
+                                  "1e400"}; // beyond any double
     for (size_t i = 0; i < line.columns.count; i++) {
         EXPECT_EQ(line.columns.columns[i].value, digits[i]);
         EXPECT_EQ(line.columns.columns[i].kind, W2J_NUMBER);
@@ -139,7 +141,7 @@ TEST(Wal2json, TextThatIsNotJsonIsAnErrorWithItsPlace)
               "is not valid JSON at byte 12: invalid string: ill-formed UTF-8 byte");
     EXPECT_EQ(error_of("{\"table\":\"\xED\xA0\x80\"}").substr(0, 40),
               "is not valid JSON at byte 12: invalid st");
-    EXPECT_EQ(error_of(R"({"xid":1e999})").substr(0, 29), "is not valid JSON at byte 12:");
+    EXPECT_EQ(error_of(R"({"xid":1e9999})").substr(0, 29), "is not valid JSON at byte 13:");
 }
 
 TEST(Wal2json, LineThatIsNoObjectIsAnError)
