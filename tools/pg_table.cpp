@@ -102,6 +102,20 @@ static bool measure(pgt_table &table, const fwu_config &config, std::string &err
     return true;
 }
 
+// Two tables whose names differ in case or in "_" and "-" only come to one dataset.
+static bool feeds_alone(const pgt_tables &tables, const pgt_table &table, std::string &error)
+{
+    for (const auto &[name, other] : tables.known) {
+        if (other->dataset != table.dataset)
+            continue;
+        error = "table " + table.name + " goes into dataset " + dataset_name(*table.dataset) +
+                " like table " + name + ": describe a dataset of its own in " +
+                tables.config->path + " with table=" + table.name;
+        return false;
+    }
+    return true;
+}
+
 pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
                     std::string &error)
 {
@@ -116,7 +130,8 @@ pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_vie
     made->name = tables.key;
     if (!is_skipped(*tables.config, made->name)) {
         made->dataset = find_dataset(*tables.config, made->name, schema, table, error);
-        if (made->dataset == nullptr || !measure(*made, *tables.config, error))
+        if (made->dataset == nullptr || !measure(*made, *tables.config, error) ||
+            !feeds_alone(tables, *made, error))
             return nullptr;
     }
     return tables.known.emplace(tables.key, std::move(made)).first->second.get();

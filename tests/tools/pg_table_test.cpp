@@ -57,6 +57,20 @@ TEST(PgTable, DatasetWithATableOfItsOwnIsNotFoundByName)
               "there, or leave the table out with the line skip-table sales.renamed");
 }
 
+TEST(PgTable, TwoTablesCannotFeedOneDataset)
+{
+    const fwu_config config = names();
+    pgt_tables tables;
+    tables.config = &config;
+    std::string error;
+    ASSERT_NE(pgt_find(tables, "sales", "order_lines", error), nullptr);
+    EXPECT_EQ(pgt_find(tables, "Sales", "ORDER-LINES", error), nullptr);
+    EXPECT_EQ(error, "table Sales.ORDER-LINES goes into dataset SALES.ORDER-LINES like table "
+                     "sales.order_lines: describe a dataset of its own in test.cfg with "
+                     "table=Sales.ORDER-LINES");
+    EXPECT_NE(pgt_find(tables, "sales", "order_lines", error), nullptr);
+}
+
 TEST(PgTable, SkippedTablesHaveNoDataset)
 {
     EXPECT_EQ(fed("sales", "audit"), "skipped");
