@@ -353,3 +353,14 @@ TEST_F(ProcessTest, VerboseTellsWhatIsOpenedAndWhyItStops)
     EXPECT_THAT(failed.err, HasSubstr("fwutil: starting at start position \"1-2.2\"\n"));
     EXPECT_THAT(failed.err, HasSubstr("fwutil: stopped: the record at 1-2.3 was refused"));
 }
+
+TEST_F(ProcessTest, LogFilesThatCannotBeOpenedOrReadStopTheRun)
+{
+    std::filesystem::create_directory(log);
+    std::filesystem::create_symlink("nowhere", file(1));
+    EXPECT_EQ(run().err,
+              "fwutil: " + file(1) + ": cannot open the log file: No such file or directory\n");
+    std::filesystem::remove(file(1));
+    std::filesystem::create_directory(file(1));
+    EXPECT_EQ(run().err, "fwutil: " + file(1) + ": cannot read the log file: Is a directory\n");
+}

@@ -259,6 +259,28 @@ TEST_F(StatusTest, AStatusThatCannotBeWrittenStopsTheRun)
     EXPECT_EQ(outcome.records, written_from(1, 1));
 }
 
+TEST_F(StatusTest, AFileThatCannotBeCutOrSyncedStopsTheRun)
+{
+    const system_calls_guard guard;
+    calls.fail_ftruncate = true;
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err, "fwutil: " + status +
+                       ": cannot cut the status file to its length: Input/output error\n");
+    calls.fail_ftruncate = false;
+    calls.fail_fdatasync = true;
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err,
+              "fwutil: " + status + ": cannot bring the status file to disk: Input/output error\n");
+    EXPECT_FALSE(std::filesystem::exists(status));
+}
+
+TEST_F(StatusTest, AFileThatCannotBeReadIsRefused)
+{
+    ASSERT_EQ(mkfifo(status.c_str(), 0600), 0);
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err, "fwutil: " + status + ": cannot read the status file: Illegal seek\n");
+}
+
 TEST_F(StatusTest, ASecondRunIsRefusedAndToldWhoRuns)
 {
     std::filesystem::create_directory(log);

@@ -49,6 +49,16 @@ ssize_t __wrap_pwrite64(int fd, const void *data, size_t length, off_t offset)
     return -1;
 }
 
+int __real_fdatasync(int fd);
+int __wrap_fdatasync(int fd);
+int __wrap_fdatasync(int fd)
+{
+    if (!calls.fail_fdatasync)
+        return __real_fdatasync(fd);
+    errno = EIO;
+    return -1;
+}
+
 void *__real_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset);
 void *__wrap_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset);
 void *__wrap_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset)

@@ -10,6 +10,7 @@ struct system_calls {
     bool fail_ftruncate = false; // with EIO
     bool fail_pwrite = false;    // with ENOSPC
     bool fail_inotify = false;   // with EMFILE
+    bool fail_fdatasync = false; // with EIO
     bool fail_mmap = false;      // with ENODEV
     int64_t clock_us = 0;        // what the real-time clock shows; 0: the real time
 };
