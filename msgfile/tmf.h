@@ -1,0 +1,255 @@
+/* Message files: an ordinary disk file that several processes share as a
+ * first-in-first-out queue of variable-length records.  Writers append at the
+ * end; readers take from the front, or read without removing.
+ *
+ * Results    0 or more is success; a negative result is one of the TMF_E codes
+ *            below, which is also kept in the handle for tmf_geterrno and
+ *            tmf_geterrmsg.  A success does not clear an earlier code.  A few
+ *            failures give 1: a lock that another process holds unexpectedly.
+ * Handles    belong to the caller from tmf_fopen to tmf_fclose, which frees them
+ *            in every case.  One thread at a time uses a handle, and one thread
+ *            at a time opens files.  A null handle gives TMF_EHANDLE (kept where
+ *            a failed open keeps its code), unless a call says otherwise.
+ * Memory     Buffers are the caller's and are not kept.  Lengths are in bytes.
+ * Processes  Readers and writers run on one host, on a file system with POSIX
+ *            record locks.  A handle is not inherited: after a fork only the
+ *            process that opened it may use it.  Descriptors and sockets are
+ *            close-on-exec.
+ * One file   Closing any descriptor of a file drops all locks that the process
+ *            has on it, so a file is opened once per process and by nothing but
+ *            this library while it is open; use stat or tmf_getinfo for its
+ *            size.  Opened twice in a process, a file stays intact, but other
+ *            processes may take the process's other handle for a dead user and
+ *            free its slot.
+ * Locks      Every call that looks at the file first waits for the file's common
+ *            lock, which other processes hold for the length of one call.  There
+ *            is no time limit to that wait; a signal whose handler was set
+ *            without SA_RESTART ends it with TMF_ELOCK_WAIT.
+ * Signals    The library sets no handlers.  A write beyond the file size limit
+ *            raises SIGXFSZ; a caller that ignores it gets TMF_EWRITE_DATA.
+ * Bad files  A damaged or foreign file gives a code, never an access outside the
+ *            caller's buffer; what cannot be read stays in the file.
+ *
+ * The format and the protocol are described in docs/message-file.md.
+ */
+#ifndef MSGFILE_TMF_H
+#define MSGFILE_TMF_H
+
+#if defined(__GNUC__)
+#define TMF_API __attribute__((visibility("default")))
+#else
+#define TMF_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* An open message file. */
+typedef struct tmf_handle tmf_handle;
+
+/* Mode bits of tmf_fopen.  0 opens as a writer. */
+#define TMF_MODE_READ 1      /* open as a reader */
+#define TMF_MODE_EXCLUSIVE 2 /* no other user of the same kind, now or while it is open */
+#define TMF_MODE_COPY 4      /* read all records without removing any; needs 1 and 2 as well */
+#define TMF_MODE_ALL_USERS 8 /* create with permissions 0666 whatever the umask, not 0600 */
+
+/* Flag bits of tmf_fread and tmf_freadx. */
+#define TMF_READ_KEEP 1   /* leave the record in the file */
+#define TMF_READ_WAIT 2   /* wait for a record even when no writer is registered */
+#define TMF_READ_LIMIT 4  /* limit the wait to a number of seconds */
+#define TMF_READ_SIGNAL 8 /* a signal ends the wait with TMF_ESIGNAL */
+
+/* Items of tmf_getinfo. */
+#define TMF_INFO_RECORDS 1      /* records in the file */
+#define TMF_INFO_READERS 2      /* readers registered */
+#define TMF_INFO_WRITERS 3      /* writers registered */
+#define TMF_INFO_DESCRIPTOR 4   /* the handle's file descriptor; stays the handle's */
+#define TMF_INFO_WRITE_OFFSET 5 /* used length of the file: offset behind the last record */
+
+/* Items of tmf_finfo. */
+#define TMF_FINFO_ZERO 1 /* always 0 */
+#define TMF_FINFO_RECORD_END                                            \
+    2 /* writer: offset behind its last record; reader: of its last one \
+       */
+
+#define TMF_MAX_DATA 32761  /* longest record in bytes of data */
+#define TMF_ERRMSG_SIZE 256 /* a buffer of this size holds every text of tmf_geterrmsg */
+
+/* Error codes, from the last to the first; those marked "reserved" are never
+ * produced on this platform. */
+enum {
+    TMF_ESIGNAL = -5282,            /* a signal ended the wait (TMF_READ_SIGNAL) */
+    TMF_EMPE_ACCESS = -5281,        /* reserved, as all TMF_EMPE_ codes */
+    TMF_EMPE_NOTMSG = -5280,        /* reserved */
+    TMF_EMPE_WRITE_EOF = -5279,     /* reserved */
+    TMF_EMPE_CONTROL_WAIT = -5278,  /* reserved */
+    TMF_EMPE_CONTROL_LIMIT = -5277, /* reserved */
+    TMF_EMPE_CONTROL_NDR = -5276,   /* reserved */
+    TMF_EMPE_WRITE = -5275,         /* reserved */
+    TMF_EMPE_READ = -5274,          /* reserved */
+    TMF_EMPE_READ_EOF = -5273,      /* reserved */
+    TMF_EMPE_INFO = -5272,          /* reserved */
+    TMF_EMPE_CLOSE = -5271,         /* reserved */
+    TMF_EINTERRUPT = -5270,         /* internal: a signal interrupted a wait */
+    TMF_ENONAME = -5269,            /* tmf_fopen without a file name */
+    TMF_ETIMEOUT = -5268,           /* the time of a limited wait is over */
+    TMF_EPLATFORM = -5267,          /* reserved */
+    TMF_ECOPYMODE = -5266,          /* copy mode without read and exclusive */
+    TMF_ETRUNCATE = -5265,          /* an emptied file could not be cut down */
+    TMF_EPORTBUSY = -5264,          /* 15 UDP ports in a row are in use */
+    TMF_EWRITER_PRESENT = -5263,    /* exclusive writing asked for beside a writer */
+    TMF_EREADER_PRESENT = -5262,    /* exclusive reading asked for beside a reader */
+    TMF_EWRITER_EXCLUSIVE = -5261,  /* a writer has the file exclusively */
+    TMF_EREADER_EXCLUSIVE = -5260,  /* a reader has the file exclusively */
+    TMF_EINFO = -5259,              /* unknown item of tmf_getinfo */
+    TMF_ECOMMIT = -5258,            /* reserved */
+    TMF_EREAD_WRITER_EOF = -5257,   /* a writer's slot could not be read whole */
+    TMF_EREAD_WRITER = -5256,       /* a writer's slot could not be read */
+    TMF_EREAD_READER_EOF = -5255,   /* a reader's slot could not be read whole */
+    TMF_EREAD_READER = -5254,       /* a reader's slot could not be read */
+    TMF_EBADSIGNAL = -5253,         /* a wake-up that is not one; none is refused here */
+    TMF_ENONBLOCK = -5252,          /* system error on the waiting socket's mode */
+    TMF_ERECEIVE = -5251,           /* system error while waiting for a wake-up */
+    TMF_ESEND = -5250,              /* system error while waking a reader */
+    TMF_ENETSTOP = -5249,           /* reserved */
+    TMF_ENETSTART = -5248,          /* reserved */
+    TMF_EWRITE_WRITER_EOF = -5247,  /* a writer's slot could not be written whole */
+    TMF_EWRITE_WRITER = -5246,      /* a writer's slot could not be written */
+    TMF_ESEEK_WRITER = -5245,       /* a writer's slot is no place in the file */
+    TMF_EWRITER_LOCKED = -5244,     /* a writer's slot has an unknown lock state */
+    TMF_EWRITE_READER_EOF = -5243,  /* a reader's slot could not be written whole */
+    TMF_EWRITE_READER = -5242,      /* a reader's slot could not be written */
+    TMF_ESEEK_READER = -5241,       /* a reader's slot is no place in the file */
+    TMF_EREADER_LOCKED = -5240,     /* a reader's slot has an unknown lock state */
+    TMF_EUNLOCK = -5239,            /* an unlock failed */
+    TMF_ELOCK_TEST = -5238,         /* a lock could not be tested */
+    TMF_ELOCK_NOWAIT = -5237,       /* a slot lock failed */
+    TMF_ELOCK_WAIT = -5236,         /* the wait for a lock failed or was interrupted */
+    TMF_EHANDLE = -5235,            /* no handle, or a descriptor that cannot seek */
+    TMF_EINTERNAL = -5234,          /* bookkeeping that does not agree; out of memory */
+    TMF_EMAXREADERS = -5233,        /* 16 readers are registered */
+    TMF_EMAXWRITERS = -5232,        /* 1008 writers are registered */
+    TMF_EWRITE_ACCESS = -5231,      /* a read on a writer's handle */
+    TMF_EREAD_ACCESS = -5230,       /* a write on a reader's handle */
+    TMF_EREAD_DATA_EOF = -5229,     /* a record is cut off or its length is wrong */
+    TMF_EREAD_DATA = -5228,         /* a record could not be read */
+    TMF_EWRITE_DATA_EOF = -5227,    /* a record could not be written whole: disk full */
+    TMF_EWRITE_DATA = -5226,        /* a record could not be written */
+    TMF_ESEEK_DATA_EOF = -5225,     /* a record's offset is outside the data area */
+    TMF_ESEEK_DATA = -5224,         /* a record's offset is no place in a file (2 GiB) */
+    TMF_EWRITE_COMMON_EOF = -5223,  /* the common area could not be written whole */
+    TMF_EWRITE_COMMON = -5222,      /* the common area could not be written */
+    TMF_EREAD_COMMON_EOF = -5221,   /* the file is shorter than the common area */
+    TMF_EREAD_COMMON = -5220,       /* the common area could not be read */
+    TMF_ESEEK_COMMON_EOF = -5219,   /* a seek to the common area went elsewhere */
+    TMF_ESEEK_COMMON = -5218,       /* a seek to the common area failed */
+    TMF_EBUFFER_SIZE = -5217,       /* a negative buffer length; no buffer */
+    TMF_ERECORD_SIZE = -5216,       /* a record of less than 1 or too many bytes; no data */
+    TMF_EFORMAT = -5215,            /* a record format other than 2 */
+    TMF_ESEEK_LOCKS_EOF = -5214,    /* new file: a seek to the lock area went elsewhere */
+    TMF_ESEEK_LOCKS = -5213,        /* new file: a seek to the lock area failed */
+    TMF_EWRITE_LOCKS_EOF = -5212,   /* new file: the lock area could not be written whole */
+    TMF_EWRITE_LOCKS = -5211,       /* new file: the lock area could not be written */
+    TMF_EINCOMPATIBLE = -5210,      /* an unknown byte order, or one that changed */
+    TMF_ENOTMSG = -5209,            /* not a message file */
+    TMF_EINIT_WRITE_EOF = -5208,    /* new file: the common area could not be written whole */
+    TMF_EINIT_WRITE = -5207,        /* new file: the common area could not be written */
+    TMF_EINIT_READ = -5206,         /* the first read of the common area failed */
+    TMF_EOPEN = -5205,              /* the system refuses to open the file */
+    TMF_EUNUSED_1 = -5204,          /* reserved */
+    TMF_EPERMISSION_1 = -5203,      /* reserved */
+    TMF_EPERMISSION_2 = -5202,      /* reserved */
+    TMF_EDELETE = -5201             /* reserved */
+};
+
+/* Opens the message file at path and registers the caller as a reader or a
+ * writer.  A file that does not exist or is empty becomes a new message file.
+ * path: not null, not empty.  mode: TMF_MODE_ bits, others are ignored.
+ * Users that died without closing are removed first.  A file written in the
+ * other byte order is converted, which wants no other user at that time.
+ * Returns the handle, or null; then tmf_geterrno(NULL) and tmf_geterrmsg(NULL, ..)
+ * tell why: TMF_ENONAME, TMF_ECOPYMODE, TMF_EOPEN (with the system's text),
+ * TMF_EHANDLE and TMF_ELOCK_ codes (not a file that can seek and be locked),
+ * TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT (a foreign file: left unchanged),
+ * TMF_EMAX, _EXCLUSIVE, _PRESENT codes (no place for this user), TMF_EINIT_,
+ * _LOCKS and _COMMON codes (input or output failed; a new file that could not
+ * be begun is empty again), 1 (the slot is locked by a process that did not
+ * register).  Waiting readers are not woken. */
+TMF_API tmf_handle *tmf_fopen(const char *path, int mode);
+
+/* Removes the caller's registration, closes the file and frees the handle, in
+ * every case.  A writer first wakes all waiting readers, so that those that wait
+ * for a writer's next record see that it has gone.  0 or a code of the lock or
+ * the common area; after a code the registration may still be in the file and
+ * is removed by the next user that opens it. */
+TMF_API int tmf_fclose(tmf_handle *h);
+
+/* Appends one record and wakes all waiting readers.
+ * buf: the data.  len: its length, 1 to TMF_MAX_DATA.
+ * Returns 0, or TMF_EREAD_ACCESS, TMF_ERECORD_SIZE, TMF_ESEEK_DATA,
+ * TMF_EWRITE_DATA, TMF_EWRITE_DATA_EOF (nothing was appended; the same call may
+ * be repeated), TMF_ESEEK_DATA_EOF (a damaged file), codes of the lock or the
+ * common area, TMF_ESEND (the record is in the file, but a reader could not be
+ * woken: do not repeat the call). */
+TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
+
+/* Takes the first record, or reads it and leaves it (TMF_READ_KEEP).  In copy
+ * mode reads the records one after the other, removing none and never waiting.
+ * buf: receives the data; may be null when len is 0.  len: its size, 0 or more.
+ * Data beyond len is lost with the record.  flags: TMF_READ_ bits.
+ * Without a record the call waits while a writer is registered, or with
+ * TMF_READ_WAIT, or when this handle has not read anything yet; without a time
+ * limit the wait may last forever.  TMF_READ_LIMIT waits 4 seconds at most; time
+ * counts for rounds in which nothing happened, not for those that another
+ * process's wake-up ended.
+ * Returns the number of bytes put into buf; 0 when there is no record and no
+ * reason to wait: end of file (also after a record was taken with len 0).  Or
+ * TMF_EWRITE_ACCESS, TMF_EBUFFER_SIZE, TMF_ETIMEOUT, TMF_ESIGNAL, TMF_EREAD_DATA,
+ * TMF_EREAD_DATA_EOF, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF (the record stays in the
+ * file), TMF_ETRUNCATE (the record is removed), TMF_EPORTBUSY, TMF_ERECEIVE,
+ * TMF_ENONBLOCK (waiting failed), codes of the lock or the common area. */
+TMF_API int tmf_fread(tmf_handle *h, void *buf, int len, int flags);
+
+/* As tmf_fread with TMF_READ_LIMIT and TMF_READ_SIGNAL, and a limit of
+ * timeout_seconds (below 1: 4); the end of the time and a signal return 0. */
+TMF_API int tmf_freadx(tmf_handle *h, void *buf, int len, int flags, int timeout_seconds);
+
+/* Stores facts about the file: pairs of an item (int, TMF_INFO_) and where to
+ * store it (pointer to a 32-bit int, null to store nothing), ended by item 0.
+ *   tmf_getinfo(h, TMF_INFO_RECORDS, &records, TMF_INFO_WRITERS, &writers, 0);
+ * Users that died without closing are removed first.  Returns 0, TMF_EINFO at
+ * the first unknown item (those before it are stored), or codes of the locks,
+ * slots or the common area.  The code is not kept in the handle. */
+TMF_API int tmf_getinfo(tmf_handle *h, ...);
+
+/* Stores what the handle itself knows; takes no lock and reads nothing.
+ * item: TMF_FINFO_, stored as a 32-bit int when len is at least 4; any other
+ * item fills len bytes with zeros.  out: may be null to store nothing.
+ * Always 0, for a null handle too (which stores nothing). */
+TMF_API int tmf_finfo(tmf_handle *h, int item, void *out, int len);
+
+/* Always 0: every change is in the file when its call returns.  The system may
+ * still hold it in memory; a power cut can lose it, a killed process cannot. */
+TMF_API int tmf_fflush(tmf_handle *h);
+
+/* Does nothing; 0. */
+TMF_API int tmf_fctl(tmf_handle *h, ...);
+
+/* The last error code of the handle, or of tmf_fopen for null; 0 for none. */
+TMF_API int tmf_geterrno(const tmf_handle *h);
+
+/* Writes the text of tmf_geterrno(h) with its terminating NUL into buf, which
+ * holds TMF_ERRMSG_SIZE bytes, and returns buf (null for null).  h may be null.
+ * The system's part of a text is given once: a second call leaves it out.  The
+ * code stays. */
+TMF_API char *tmf_geterrmsg(tmf_handle *h, char *buf);
+
+/* Clears the handle's code.  Null is allowed and does nothing. */
+TMF_API void tmf_clearerr(tmf_handle *h);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

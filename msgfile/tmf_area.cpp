@@ -1,0 +1,152 @@
+// Locking, reading and writing of the common area; the making of a new file.
+#include "msgfile/tmf_area.h"
+
+#include "msgfile/tmf_common.h"
+#include "msgfile/tmf_io.h"
+#include "msgfile/tmf_lock.h"
+#include "msgfile/tmf_record.h"
+
+#include <algorithm>
+#include <unistd.h>
+
+static int lock_common(tmf_handle *h)
+{
+    const int result = h->seek_proven ? tf_lock_range_wait(h->fd, 0, TMF_COMMON_SIZE)
+                                      : tf_lock_file_wait(h->fd, 0, TMF_COMMON_SIZE);
+    if (result == 0)
+        h->common_locked = 1;
+    // A waiting lock that reports another holder has failed; as a result of a read
+    // its 1 would stand for one byte.
+    return result > 0 ? TMF_ELOCK_WAIT : result;
+}
+
+int tmf_unlock_common(tmf_handle *h)
+{
+    if (h->common_locked == 0)
+        return 0;
+    h->common_locked = 0;
+    return h->seek_proven ? tf_unlock_range(h->fd, 0, TMF_COMMON_SIZE)
+                          : tf_unlock_file(h->fd, 0, TMF_COMMON_SIZE);
+}
+
+// Writes a new file's 4096 zero bytes behind the common area.
+static int tmf_write_lock_area(tmf_handle *h)
+{
+    static const unsigned char zeros[TMF_LOCK_AREA_SIZE] = {};
+    const int32_t at = h->common_copy.lock_area_offset;
+    const int code = tmf_seek(h, at, TMF_ESEEK_LOCKS, TMF_ESEEK_LOCKS_EOF);
+    if (code != 0)
+        return code;
+    const ssize_t written = tmf_write_at(h, at, zeros, sizeof(zeros));
+    if (written < 0)
+        return TMF_EWRITE_LOCKS;
+    // Kept: a short write passes from the size of the common area on.
+    return written < TMF_COMMON_SIZE ? TMF_EWRITE_LOCKS_EOF : 0;
+}
+
+// Makes a message file of the empty file.
+static int init_file(tmf_handle *h)
+{
+    tmfc_init_tmc(&h->common_copy);
+    int code = tmf_reset(h);
+    if (code == 0)
+        code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
+    if (code != 0)
+        return code;
+    const ssize_t written = tmf_write_at(h, 0, &h->common_copy, TMF_COMMON_SIZE);
+    if (written == TMF_COMMON_SIZE)
+        return tmf_write_lock_area(h);
+    // A part of the area would be taken for a foreign file by the next user, who
+    // may find room on the disk: leave the file as it was, empty.
+    if (written < 0)
+        return TMF_EINIT_WRITE;
+    [[maybe_unused]] const int ignored =
+        ftruncate(h->fd, 0); // the write's error is the one to report
+    return TMF_EINIT_WRITE_EOF;
+}
+
+static int read_first(tmf_handle *h)
+{
+    // The lock has just positioned the descriptor at 0.
+    const ssize_t got = tmf_read_at(h, 0, &h->common_copy, TMF_COMMON_SIZE);
+    if (got < 0)
+        return TMF_EINIT_READ;
+    h->common = &h->common_copy;
+    if (got == 0) {
+        const int code = init_file(h);
+        if (code != 0)
+            return code;
+    }
+    return tmfc_check(h->common);
+}
+
+int tmf_ensure_common(tmf_handle *h)
+{
+    int code = lock_common(h);
+    if (code != 0)
+        return code;
+    code = read_first(h);
+    if (code == 0) {
+        // An area in the other byte order may have any version: a frame never has
+        // less than its three words (version 2), nor so much that no data fits.
+        h->record_overhead = std::clamp<int>(TMF_OVERHEAD_UNIT * h->common->format_version,
+                                             TMF_FRAME_SIZE, TMF_MAX_FRAME - 1);
+        h->max_record_len = TMF_MAX_FRAME - h->record_overhead;
+        code = tmf_grow_record_buffer(h, TMF_FIRST_BUFFER);
+    }
+    if (code != 0) {
+        (void)tmf_unlock_common(h); // the first error is the one to report
+        return code;
+    }
+    h->copy_offset = h->common->read_offset;
+    h->copy_count = 0;
+    h->last_record_end = 0;
+    return 0;
+}
+
+int tmf_get_common(tmf_handle *h)
+{
+    int code = lock_common(h);
+    if (code != 0)
+        return code;
+    code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
+    // Kept: a failed seek does not keep the area from being read, and only a
+    // failed read takes the place of its code.
+    const ssize_t got = tmf_read_at(h, 0, &h->common_copy, TMF_COMMON_SIZE);
+    if (got < 0) {
+        code = TMF_EREAD_COMMON;
+    } else if (got < TMF_COMMON_SIZE) {
+        code = TMF_EREAD_COMMON_EOF;
+    } else {
+        tmfc_set_dirty(h->common, 0);
+        if (code == 0)
+            code = tmfc_recheck(h->common);
+    }
+    if (code != 0)
+        (void)tmf_unlock_common(h); // the first error is the one to report
+    return code;
+}
+
+int tmf_write_common(tmf_handle *h)
+{
+    int code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
+    if (code == 0) {
+        const ssize_t written = tmf_write_at(h, 0, h->common, TMF_COMMON_SIZE);
+        if (written < 0)
+            code = TMF_EWRITE_COMMON;
+        else if (written < TMF_COMMON_SIZE)
+            code = TMF_EWRITE_COMMON_EOF;
+    }
+    tmfc_set_dirty(h->common, 0);
+    return code;
+}
+
+int tmf_release_common(tmf_handle *h)
+{
+    const bool dirty = tmfc_is_dirty(h->common);
+    if (h->common_locked == 0)
+        return dirty ? TMF_EINTERNAL : 0;
+    const int write_code = dirty ? tmf_write_common(h) : 0;
+    const int unlock_code = tmf_unlock_common(h);
+    return write_code != 0 ? write_code : unlock_code;
+}

@@ -1,0 +1,232 @@
+// Records: framing, appending, reading, removing.
+#include "msgfile/tmf_record.h"
+
+#include "msgfile/tmf_area.h"
+#include "msgfile/tmf_common.h"
+#include "msgfile/tmf_error.h"
+#include "msgfile/tmf_io.h"
+#include "msgfile/tmf_wait.h"
+#include "msgfile/tmu.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+// Positions and counts are signed 32-bit numbers that wrap.
+static int32_t wrapping_add(int32_t a, int32_t b)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+static int saturating_increment(int count)
+{
+    return count < INT_MAX ? count + 1 : count;
+}
+
+int tmf_grow_record_buffer(tmf_handle *h, int n)
+{
+    if (h->record_buffer_size >= n)
+        return 0;
+    unsigned char *buffer = static_cast<unsigned char *>(malloc(static_cast<size_t>(n)));
+    if (buffer == nullptr)
+        return TMF_EINTERNAL;
+    free(h->record_buffer);
+    h->record_buffer = buffer;
+    h->record_buffer_size = n;
+    return 0;
+}
+
+// Goes to a place of the data area.  A damaged area may name a place before it,
+// where the bookkeeping lies.
+static int seek_data(const tmf_handle *h, int32_t at)
+{
+    const int code = tmf_seek(h, at, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF);
+    if (code != 0)
+        return code;
+    const int32_t first = std::max(h->common->data_start, TMF_COMMON_SIZE);
+    return at < first ? TMF_ESEEK_DATA_EOF : 0;
+}
+
+// ---- writing
+
+int tmf_write_record(tmf_handle *h, const void *buf, int n)
+{
+    tmf_common *common = h->common;
+    const int user = h->user_id + 1 + (h->is_reader != 0 ? 0 : common->max_readers);
+    const int length = h->record_overhead + n;
+    const int framed = length + TMF_END_MARK_SIZE;
+    int code = 0;
+    if (h->record_buffer_size < framed)
+        code = tmf_grow_record_buffer(h, framed + TMF_BUFFER_SLACK);
+    if (code != 0)
+        return code;
+    unsigned char *p = h->record_buffer;
+    put_be16(p, static_cast<uint16_t>(length));
+    put_be16(p + 2, static_cast<uint16_t>(user));
+    memcpy(p + TMF_FRAME_DATA_AT, buf, static_cast<size_t>(n));
+    p += TMF_FRAME_DATA_AT + n;
+    put_be16(p, static_cast<uint16_t>(length));
+    put_be16(p + 2, 0xFFFF);
+    if (h->record_overhead > TMF_FRAME_SIZE) // another version in the other byte order
+        memset(p + 4, 0, static_cast<size_t>(h->record_overhead - TMF_FRAME_SIZE));
+
+    const int32_t at = common->write_offset;
+    code = seek_data(h, at);
+    if (code != 0)
+        return code;
+    const ssize_t written = tmf_write_at(h, at, h->record_buffer, static_cast<size_t>(framed));
+    if (written < 0)
+        return TMF_EWRITE_DATA;
+    if (written < length) // a part of the end mark is enough
+        return TMF_EWRITE_DATA_EOF;
+
+    common->record_count = wrapping_add(common->record_count, 1);
+    common->write_offset = wrapping_add(at, length);
+    h->last_record_end = common->write_offset;
+    common->high_water = std::max(common->high_water, common->write_offset);
+    tmfc_set_dirty(common, 1);
+    h->seek_proven = true;
+    return 0;
+}
+
+// ---- reading
+
+struct record_view {
+    int length; // with its frame
+    int copied; // bytes given to the caller
+};
+
+// Reads the record at offset at into buf of len bytes.
+static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_view *record)
+{
+    // No record is longer than its length can say.
+    const int wanted = std::min(len, TMF_MAX_LENGTH) + TMF_FRAME_SIZE;
+    int code = 0;
+    if (h->record_buffer_size < wanted)
+        code = tmf_grow_record_buffer(h, wanted + TMF_BUFFER_SLACK);
+    if (code == 0)
+        code = seek_data(h, at);
+    if (code != 0)
+        return code;
+    const ssize_t got = tmf_read_at(h, at, h->record_buffer, static_cast<size_t>(wanted));
+    if (got < 0)
+        return TMF_EREAD_DATA;
+    if (got < TMF_FRAME_SIZE)
+        return TMF_EREAD_DATA_EOF;
+    record->length = get_be16(h->record_buffer);
+    record->copied = std::min(record->length - TMF_FRAME_SIZE, len);
+    // A damaged length: less than a frame, beyond the newest record (the distance
+    // is right on both sides of 2 GiB), or of data that the file does not have.
+    const uint32_t used =
+        static_cast<uint32_t>(h->common->write_offset) - static_cast<uint32_t>(at);
+    if (record->copied < 0 || static_cast<uint32_t>(record->length) > used ||
+        got < TMF_FRAME_DATA_AT + record->copied)
+        return TMF_EREAD_DATA_EOF;
+    if (record->copied > 0)
+        memcpy(buf, h->record_buffer + TMF_FRAME_DATA_AT, static_cast<size_t>(record->copied));
+    h->seek_proven = true;
+    return 0;
+}
+
+int tmf_read_record(tmf_handle *h, void *buf, int len, int flags)
+{
+    if (h->common->record_count == 0)
+        return 0;
+    const int32_t at = h->common->read_offset;
+    record_view record;
+    int code = read_record_at(h, at, buf, len, &record);
+    if (code != 0)
+        return code;
+    h->records_read = saturating_increment(h->records_read);
+    h->last_record_end = at;
+    if ((flags & TMF_READ_KEEP) == 0)
+        code = tmf_delete_record(h, record.length);
+    return code != 0 ? code : record.copied;
+}
+
+int tmf_read_record_copy(tmf_handle *h, void *buf, int len)
+{
+    if (h->copy_count >= h->common->record_count)
+        return 0;
+    record_view record;
+    const int code = read_record_at(h, h->copy_offset, buf, len, &record);
+    if (code != 0)
+        return code;
+    h->records_read = saturating_increment(h->records_read);
+    h->copy_count = saturating_increment(h->copy_count);
+    h->copy_offset = wrapping_add(h->copy_offset, record.length);
+    return record.copied;
+}
+
+// ---- removing
+
+int tmf_delete_record(tmf_handle *h, int length)
+{
+    tmf_common *common = h->common;
+    common->read_offset = wrapping_add(common->read_offset, length);
+    common->record_count = wrapping_add(common->record_count, -1);
+    const int code = common->record_count == 0 ? tmf_reset(h) : 0;
+    tmfc_set_dirty(common, 1);
+    return code;
+}
+
+int tmf_reset(tmf_handle *h)
+{
+    tmf_common *common = h->common;
+    common->read_offset = common->data_start;
+    common->write_offset = common->data_start;
+    if (common->high_water <= TMF_EMPTY_SIZE_LIMIT)
+        return 0;
+    // The file says that it is empty before its records go, so that a reader that
+    // is killed in between leaves no count of records that are not there.
+    const int code = tmf_write_common(h);
+    if (code != 0)
+        return code;
+    if (ftruncate(h->fd, TMF_EMPTY_SIZE_LIMIT) != 0)
+        return TMF_ETRUNCATE;
+    common->high_water = common->write_offset;
+    return 0;
+}
+
+// ---- the public reads
+
+// The record, having waited for it where that is called for; the area is locked
+// unless get_code tells otherwise.
+static int next_record(tmf_handle *h, void *buf, int len, int flags, int timeout, int get_code)
+{
+    if (h->copy_mode != 0)
+        return tmf_read_record_copy(h, buf, len);
+    if (h->records_read == 0)
+        flags |= TMF_READ_WAIT;
+    int code = get_code;
+    if (tmfc_need_to_wait(h->common, flags))
+        code = tmf_fread_wait(h, flags, timeout);
+    return code != 0 ? code : tmf_read_record(h, buf, len, flags);
+}
+
+int tmf_fread_record(tmf_handle *h, void *buf, int len, int flags, int timeout)
+{
+    int code = 0;
+    int copied = 0;
+    if (h->is_reader == 0) {
+        code = TMF_EWRITE_ACCESS;
+    } else if (len < 0 || (buf == nullptr && len > 0)) {
+        code = TMF_EBUFFER_SIZE;
+    } else {
+        // Kept: a common area that cannot be had does not end the call at once;
+        // what follows works on the copy read last.
+        code = tmf_get_common(h);
+        copied = next_record(h, buf, len, flags, timeout, code);
+        if (copied < 0)
+            code = copied;
+        const int release_code = tmf_release_common(h);
+        if (code == 0)
+            code = release_code;
+    }
+    if (code == 0)
+        return copied;
+    tmf_set_error(h, code);
+    return code;
+}
