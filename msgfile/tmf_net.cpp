@@ -118,6 +118,9 @@ int tmf_udp_send(tmf_handle *h, const unsigned char addr[4], uint16_t port, cons
 
 int tmf_signal_readers(tmf_handle *h, char kind)
 {
+    static const unsigned char nobody[sizeof(tmf_common::wait_list)] = {};
+    if (memcmp(h->common->wait_list, nobody, sizeof(nobody)) == 0)
+        return 0;
     unsigned char message[TMF_SIGNAL_SIZE];
     tmfc_calc_msg(h->common, kind, message);
     const int slots = tmfc_reader_slots(h->common);
