@@ -3,12 +3,19 @@
 #define TESTS_MSGFILE_MESSAGE_FILE_H
 
 #include "msgfile/tmf.h"
+#include "msgfile/tmf_handle.h"
+#include "tests/support/golden.h"
 #include "tests/support/tempdir.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 // A number at an offset of a file's bytes, in this host's order.
 template <typename T> T number_at(const std::string &bytes, size_t at)
@@ -27,11 +34,44 @@ template <typename T> void put_number(std::string &bytes, size_t at, T value)
     memcpy(bytes.data() + at, &value, sizeof(T));
 }
 
+// The bytes of a .hex file of tests/golden: pairs of hex digits, "00*40" stands
+// for 40 of them, "#" begins a comment.
+inline std::string golden_bytes(const std::string &name)
+{
+    std::istringstream lines(golden(name));
+    std::string bytes;
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line.substr(0, line.find('#')));
+        for (std::string word; words >> word;) {
+            const size_t times = word.size() == 2 ? 1 : std::stoul(word.substr(3));
+            bytes.append(times, static_cast<char>(std::stoi(word.substr(0, 2), nullptr, 16)));
+        }
+    }
+    return bytes;
+}
+
+// Offset of the first difference, or of the end of the shorter one; npos for none.
+inline size_t first_difference(const std::string &a, const std::string &b)
+{
+    const size_t common = std::min(a.size(), b.size());
+    for (size_t at = 0; at < common; at++)
+        if (a[at] != b[at])
+            return at;
+    return a.size() == b.size() ? std::string::npos : common;
+}
+
+#define EXPECT_SAME_BYTES(actual, expected)                                      \
+    EXPECT_EQ(first_difference(actual, expected), std::string::npos)             \
+        << "bytes differ at this offset; lengths " << (actual).size() << " and " \
+        << (expected).size()
+
 class MessageFile : public ::testing::Test {
   protected:
     tempdir dir;
     std::string path = dir.file("queue");
 
+    // Not while a handle is open in this process: closing a second descriptor of
+    // the file drops its locks.
     std::string bytes() const
     {
         return read_file(path);
@@ -39,6 +79,17 @@ class MessageFile : public ::testing::Test {
     template <typename T> T stored(size_t at) const
     {
         return number_at<T>(bytes(), at);
+    }
+    // The bytes as a handle's own descriptor sees them, which keeps its locks.
+    static std::string bytes_through(const tmf_handle *h)
+    {
+        struct stat info;
+        if (fstat(h->fd, &info) != 0)
+            throw std::runtime_error("no file behind the handle");
+        std::string all(static_cast<size_t>(info.st_size), '\0');
+        if (pread(h->fd, all.data(), all.size(), 0) != info.st_size)
+            throw std::runtime_error("cannot read the file");
+        return all;
     }
     // Changes a number of the closed file.
     template <typename T> void store(size_t at, T value) const
