@@ -4,6 +4,7 @@
 #include "msgfile/tmf.h"
 #include "tests/support/tempdir.h"
 
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <memory>
@@ -70,14 +71,15 @@ void other_process::kill()
     if (pid_ < 0)
         return;
     ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR)
+        continue; // a test's own signal
     pid_ = -1;
 }
 
-bool other_process::is_asleep() const
+bool is_asleep(pid_t pid)
 {
     // "pid (name) state ..."; the name may hold anything.
-    const std::string stat = read_file("/proc/" + std::to_string(pid_) + "/stat");
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
     const size_t name_end = stat.rfind(')');
     return name_end != std::string::npos && stat.compare(name_end, 4, ") S ") == 0;
 }

@@ -25,8 +25,6 @@ class other_process {
     int result();
     // Ends the process with no chance to clean up; on return it holds no lock.
     void kill();
-    // Whether the process sleeps in a system call (or is about to run again).
-    bool is_asleep() const;
     pid_t pid() const
     {
         return pid_;
@@ -36,6 +34,9 @@ class other_process {
     pid_t pid_ = -1;
     int socket_ = -1; // a byte out for each step begun, its result back
 };
+
+// Whether a process sleeps in a system call: how to see that it waits.
+bool is_asleep(pid_t pid);
 
 // Opens a message file at once, throws when that fails; the next step closes it.
 class other_user : public other_process {

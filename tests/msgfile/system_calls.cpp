@@ -40,6 +40,41 @@ std::vector<call_made> calls_made(call_kind kind)
     return found;
 }
 
+static std::string call_as_text(const call_made &call)
+{
+    static const char *const lockf_names[] = {"unlock", "lock", "trylock", "testlock"};
+    static_assert(F_ULOCK == 0 && F_LOCK == 1 && F_TLOCK == 2 && F_TEST == 3);
+    static const char *const names[CALL_KINDS] = {
+        "open",   "lseek", "read",   "write",    "pread", "pwrite", "ftruncate", "lockf",  "fcntl",
+        "socket", "bind",  "sendto", "recvfrom", "poll",  "malloc", "calloc",    "strdup", "time"};
+    const std::string number = std::to_string(call.a);
+    switch (call.kind) {
+    case CALL_OPEN:
+    case CALL_SOCKET:
+    case CALL_TIME:
+        return names[call.kind];
+    case CALL_PREAD:
+    case CALL_PWRITE:
+        return names[call.kind] + (" " + number) + " at " + std::to_string(call.b);
+    case CALL_LOCKF:
+        return lockf_names[call.a] + (" " + std::to_string(call.b));
+    case CALL_FCNTL:
+        if (call.a == F_SETLK || call.a == F_SETLKW)
+            return (call.a == F_SETLK ? "setlk " : "setlkw ") + std::to_string(call.b);
+        return "fcntl";
+    default:
+        return names[call.kind] + (" " + number);
+    }
+}
+
+std::vector<std::string> calls_as_text()
+{
+    std::vector<std::string> texts;
+    for (const call_made &call : log_of_calls)
+        texts.push_back(call_as_text(call));
+    return texts;
+}
+
 void forget_calls()
 {
     log_of_calls.clear();

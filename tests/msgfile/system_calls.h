@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 enum call_kind {
@@ -47,6 +48,10 @@ struct call_made {
 const std::vector<call_made> &calls_made();
 // Those of one kind.
 std::vector<call_made> calls_made(call_kind kind);
+// All calls as text, with what matters of their arguments: "open", "lseek 0",
+// "lock 256" (lockf: also "trylock", "testlock", "unlock"), "pwrite 18 at 4352",
+// "setlkw 0" (fcntl: also "setlk"), "sendto 12", "time".
+std::vector<std::string> calls_as_text();
 void forget_calls();
 
 // Makes calls of a kind fail with os_errno: the next one, or after letting `after`
