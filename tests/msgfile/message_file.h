@@ -98,6 +98,20 @@ class MessageFile : public ::testing::Test {
         put_number(changed, at, value);
         write_file(path, changed);
     }
+    // The process id in a slot.
+    int32_t slot(int number) const
+    {
+        return stored<int32_t>(256 + 4 * static_cast<size_t>(number));
+    }
+    // Expects no user in the file.
+    void expect_nobody() const
+    {
+        const std::string file = bytes();
+        EXPECT_EQ(number_at<int16_t>(file, 68), 0);
+        EXPECT_EQ(number_at<int16_t>(file, 70), 0);
+        EXPECT_EQ(number_at<uint16_t>(file, 72) & 6, 0);
+        EXPECT_EQ(file.substr(124, 4096 + 256 - 124), std::string(4096 + 256 - 124, '\0'));
+    }
     tmf_handle *open(int mode) const
     {
         return tmf_fopen(path.c_str(), mode);
