@@ -7,26 +7,31 @@
  *            tmf_geterrmsg.  A success does not clear an earlier code.  A few
  *            failures give 1: a lock that another process holds unexpectedly.
  * Handles    belong to the caller from tmf_fopen to tmf_fclose, which frees them
- *            in every case.  One thread at a time uses a handle, and one thread
- *            at a time opens files.  A null handle gives TMF_EHANDLE (kept where
- *            a failed open keeps its code), unless a call says otherwise.
+ *            in every case.  One thread at a time uses the handles of a file, and
+ *            one thread at a time opens files.  A null handle gives TMF_EHANDLE
+ *            (kept where a failed open keeps its code), unless a call says
+ *            otherwise.
  * Memory     Buffers are the caller's and are not kept.  Lengths are in bytes.
  * Processes  Readers and writers run on one host, on a file system with POSIX
  *            record locks.  A handle is not inherited: after a fork only the
  *            process that opened it may use it.  Descriptors and sockets are
  *            close-on-exec.
- * One file   Closing any descriptor of a file drops all locks that the process
- *            has on it, so a file is opened once per process and by nothing but
- *            this library while it is open; use stat or tmf_getinfo for its
- *            size.  Opened twice in a process, a file stays intact, but other
- *            processes may take the process's other handle for a dead user and
- *            free its slot.
+ * One file   A process does not conflict with its own locks, and closing any
+ *            descriptor of a file drops all that it has on it.  So a file is
+ *            opened once per process and by nothing but this library while it is
+ *            open; use stat or tmf_getinfo for its size.  Opened twice and used by
+ *            one thread, a file stays intact, but each open takes the process's
+ *            other handles for dead users and frees their slots, and when one of
+ *            the handles is closed other processes do so as well.
  * Locks      Every call that looks at the file first waits for the file's common
  *            lock, which other processes hold for the length of one call.  There
  *            is no time limit to that wait; a signal whose handler was set
- *            without SA_RESTART ends it with TMF_ELOCK_WAIT.
+ *            without SA_RESTART ends it with TMF_ELOCK_WAIT.  (A read goes by what
+ *            it knew last then: see tmf_fread.)
  * Signals    The library sets no handlers.  A write beyond the file size limit
- *            raises SIGXFSZ; a caller that ignores it gets TMF_EWRITE_DATA.
+ *            raises SIGXFSZ; a caller that ignores it gets TMF_EWRITE_DATA,
+ *            TMF_EWRITE_DATA_EOF or, while it opens a new file, a TMF_EINIT_ or
+ *            _LOCKS code.
  * Bad files  A damaged or foreign file gives a code, never an access outside the
  *            caller's buffer; what cannot be read stays in the file.
  *
@@ -68,10 +73,8 @@ typedef struct tmf_handle tmf_handle;
 #define TMF_INFO_WRITE_OFFSET 5 /* used length of the file: offset behind the last record */
 
 /* Items of tmf_finfo. */
-#define TMF_FINFO_ZERO 1 /* always 0 */
-#define TMF_FINFO_RECORD_END                                            \
-    2 /* writer: offset behind its last record; reader: of its last one \
-       */
+#define TMF_FINFO_ZERO 1       /* always 0 */
+#define TMF_FINFO_RECORD_END 2 /* writer: behind its last record; reader: start of its last */
 
 #define TMF_MAX_DATA 32761  /* longest record in bytes of data */
 #define TMF_ERRMSG_SIZE 256 /* a buffer of this size holds every text of tmf_geterrmsg */
@@ -173,25 +176,28 @@ enum {
  * TMF_EHANDLE and TMF_ELOCK_ codes (not a file that can seek and be locked),
  * TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT (a foreign file: left unchanged),
  * TMF_EMAX, _EXCLUSIVE, _PRESENT codes (no place for this user), TMF_EINIT_,
- * _LOCKS and _COMMON codes (input or output failed; a new file that could not
- * be begun is empty again), 1 (the slot is locked by a process that did not
- * register).  Waiting readers are not woken. */
+ * _LOCKS and _COMMON codes (input or output failed; behind a TMF_EINIT_ code a
+ * new file is empty again), slot codes TMF_ESEEK_READER to TMF_EWRITE_WRITER_EOF
+ * (damaged slots), TMF_EUNLOCK, TMF_EINTERNAL (counts and maps do not agree, or out
+ * of memory), 1 (the slot is locked by a process that did not register).  Waiting
+ * readers are not woken. */
 TMF_API tmf_handle *tmf_fopen(const char *path, int mode);
 
 /* Removes the caller's registration, closes the file and frees the handle, in
  * every case.  A writer first wakes all waiting readers, so that those that wait
- * for a writer's next record see that it has gone.  0 or a code of the lock or
- * the common area; after a code the registration may still be in the file and
- * is removed by the next user that opens it. */
+ * for a writer's next record see that it has gone; a reader wakes nobody.  0 or a
+ * code of the lock or the common area; after a code the registration may still be
+ * in the file and is removed by the next user that opens it. */
 TMF_API int tmf_fclose(tmf_handle *h);
 
 /* Appends one record and wakes all waiting readers.
  * buf: the data.  len: its length, 1 to TMF_MAX_DATA.
  * Returns 0, or TMF_EREAD_ACCESS, TMF_ERECORD_SIZE, TMF_ESEEK_DATA,
- * TMF_EWRITE_DATA, TMF_EWRITE_DATA_EOF (nothing was appended; the same call may
- * be repeated), TMF_ESEEK_DATA_EOF (a damaged file), codes of the lock or the
- * common area, TMF_ESEND (the record is in the file, but a reader could not be
- * woken: do not repeat the call). */
+ * TMF_EWRITE_DATA, TMF_EWRITE_DATA_EOF, TMF_EINTERNAL (out of memory; behind all
+ * of these nothing was appended and the same call may be repeated),
+ * TMF_ESEEK_DATA_EOF (a damaged file), codes of the lock or the common area,
+ * TMF_ESEND (the record is in the file, but a reader could not be woken: do not
+ * repeat the call). */
 TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
 
 /* Takes the first record, or reads it and leaves it (TMF_READ_KEEP).  In copy
@@ -200,19 +206,25 @@ TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
  * Data beyond len is lost with the record.  flags: TMF_READ_ bits.
  * Without a record the call waits while a writer is registered, or with
  * TMF_READ_WAIT, or when this handle has not read anything yet; without a time
- * limit the wait may last forever.  TMF_READ_LIMIT waits 4 seconds at most; time
- * counts for rounds in which nothing happened, not for those that another
- * process's wake-up ended.
+ * limit the wait may last forever.  TMF_READ_LIMIT waits 4 seconds at most.  Time
+ * counts by rounds of at most 60 seconds: whole for a round in which nothing
+ * happened or that a signal ended (without TMF_READ_SIGNAL), not at all for one
+ * that another process's wake-up ended.  No other reader is woken.
  * Returns the number of bytes put into buf; 0 when there is no record and no
  * reason to wait: end of file (also after a record was taken with len 0).  Or
  * TMF_EWRITE_ACCESS, TMF_EBUFFER_SIZE, TMF_ETIMEOUT, TMF_ESIGNAL, TMF_EREAD_DATA,
  * TMF_EREAD_DATA_EOF, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF (the record stays in the
- * file), TMF_ETRUNCATE (the record is removed), TMF_EPORTBUSY, TMF_ERECEIVE,
- * TMF_ENONBLOCK (waiting failed), codes of the lock or the common area. */
+ * file), TMF_ETRUNCATE, TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF (the record may be
+ * removed), TMF_EPORTBUSY, TMF_ERECEIVE, TMF_ENONBLOCK (waiting failed),
+ * TMF_EINTERNAL (out of memory), codes of the lock, the slots or the common area.
+ * When the lock itself failed, the call goes by the common area as it was read last:
+ * it may end with TMF_EINTERNAL instead of the lock's code, still wait and return a
+ * record, or, in copy mode, pass over one record, which its code then stands for. */
 TMF_API int tmf_fread(tmf_handle *h, void *buf, int len, int flags);
 
 /* As tmf_fread with TMF_READ_LIMIT and TMF_READ_SIGNAL, and a limit of
- * timeout_seconds (below 1: 4); the end of the time and a signal return 0. */
+ * timeout_seconds (below 1: 4); the end of the time and a signal return 0, but
+ * TMF_ETIMEOUT or TMF_ESIGNAL is kept in the handle. */
 TMF_API int tmf_freadx(tmf_handle *h, void *buf, int len, int flags, int timeout_seconds);
 
 /* Stores facts about the file: pairs of an item (int, TMF_INFO_) and where to
@@ -220,7 +232,8 @@ TMF_API int tmf_freadx(tmf_handle *h, void *buf, int len, int flags, int timeout
  *   tmf_getinfo(h, TMF_INFO_RECORDS, &records, TMF_INFO_WRITERS, &writers, 0);
  * Users that died without closing are removed first.  Returns 0, TMF_EINFO at
  * the first unknown item (those before it are stored), or codes of the locks,
- * slots or the common area.  The code is not kept in the handle. */
+ * slots or the common area.  The code is not kept in the handle.  Waiting readers
+ * are not woken. */
 TMF_API int tmf_getinfo(tmf_handle *h, ...);
 
 /* Stores what the handle itself knows; takes no lock and reads nothing.
@@ -229,11 +242,11 @@ TMF_API int tmf_getinfo(tmf_handle *h, ...);
  * Always 0, for a null handle too (which stores nothing). */
 TMF_API int tmf_finfo(tmf_handle *h, int item, void *out, int len);
 
-/* Always 0: every change is in the file when its call returns.  The system may
- * still hold it in memory; a power cut can lose it, a killed process cannot. */
+/* Always 0, for a null handle too: every change is in the file when its call returns.  The system
+ * may still hold it in memory; a power cut can lose it, a killed process cannot. */
 TMF_API int tmf_fflush(tmf_handle *h);
 
-/* Does nothing; 0. */
+/* Does nothing; 0, for a null handle too. */
 TMF_API int tmf_fctl(tmf_handle *h, ...);
 
 /* The last error code of the handle, or of tmf_fopen for null; 0 for none. */

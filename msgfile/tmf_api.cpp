@@ -12,6 +12,8 @@
 #include <cstdarg>
 #include <cstring>
 
+static_assert(TMF_MAX_DATA == TMF_MAX_FRAME - TMF_FRAME_SIZE);
+
 // The default wait of a limited tmf_fread, in seconds.
 static constexpr int fread_timeout = 4;
 
@@ -117,11 +119,13 @@ static int tmf_getmsginfo(tmf_handle *h, va_list pairs)
         const int item = va_arg(pairs, int);
         if (item == 0)
             break;
-        int32_t *out = va_arg(pairs, int32_t *);
         int32_t value = 0;
-        if (!info_value(h, item, &value))
-            code = TMF_EINFO;
-        else if (out != nullptr)
+        if (!info_value(h, item, &value)) {
+            code = TMF_EINFO; // and what stands behind the item is not looked at
+            break;
+        }
+        int32_t *out = va_arg(pairs, int32_t *);
+        if (out != nullptr)
             *out = value;
     }
     const int release_code = tmf_release_common(h);
@@ -161,10 +165,10 @@ static int tmf_commit(tmf_handle * /*h*/)
 
 int tmf_fflush(tmf_handle *h)
 {
-    return h == nullptr ? no_handle() : tmf_commit(h);
+    return tmf_commit(h);
 }
 
-int tmf_fctl(tmf_handle *h, ...)
+int tmf_fctl(tmf_handle * /*h*/, ...)
 {
-    return h == nullptr ? no_handle() : 0;
+    return 0;
 }

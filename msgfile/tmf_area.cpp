@@ -5,8 +5,8 @@
 #include "msgfile/tmf_io.h"
 #include "msgfile/tmf_lock.h"
 #include "msgfile/tmf_record.h"
+#include "msgfile/tmu.h"
 
-#include <algorithm>
 #include <unistd.h>
 
 static int lock_common(tmf_handle *h)
@@ -89,8 +89,8 @@ int tmf_ensure_common(tmf_handle *h)
     if (code == 0) {
         // An area in the other byte order may have any version: a frame never has
         // less than its three words (version 2), nor so much that no data fits.
-        h->record_overhead = std::clamp<int>(TMF_OVERHEAD_UNIT * h->common->format_version,
-                                             TMF_FRAME_SIZE, TMF_MAX_FRAME - 1);
+        h->record_overhead = tmu_within(TMF_OVERHEAD_UNIT * h->common->format_version,
+                                        TMF_FRAME_SIZE, TMF_MAX_FRAME - 1);
         h->max_record_len = TMF_MAX_FRAME - h->record_overhead;
         code = tmf_grow_record_buffer(h, TMF_FIRST_BUFFER);
     }
@@ -112,15 +112,20 @@ int tmf_get_common(tmf_handle *h)
     code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
     // Kept: a failed seek does not keep the area from being read, and only a
     // failed read takes the place of its code.
-    const ssize_t got = tmf_read_at(h, 0, &h->common_copy, TMF_COMMON_SIZE);
+    tmf_common fresh;
+    const ssize_t got = tmf_read_at(h, 0, &fresh, TMF_COMMON_SIZE);
     if (got < 0) {
         code = TMF_EREAD_COMMON;
     } else if (got < TMF_COMMON_SIZE) {
         code = TMF_EREAD_COMMON_EOF;
     } else {
-        tmfc_set_dirty(h->common, 0);
-        if (code == 0)
-            code = tmfc_recheck(h->common);
+        const int foreign = tmfc_recheck(&fresh);
+        if (foreign == 0) {
+            *h->common = fresh;
+            tmfc_set_dirty(h->common, 0);
+        } else if (code == 0) {
+            code = foreign; // the copy stays that of a message file
+        }
     }
     if (code != 0)
         (void)tmf_unlock_common(h); // the first error is the one to report

@@ -4,7 +4,6 @@
 #include "msgfile/tmf.h"
 #include "msgfile/tmu.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -23,8 +22,7 @@ void tmfc_init_tmc(tmf_common *common)
     common->format_version = TMF_FORMAT_VERSION;
     common->writer_slot_size = TMF_SLOT_SIZE;
     common->reader_slot_size = TMF_SLOT_SIZE;
-    const unsigned char loopback[4] = {127, 0, 0, 1};
-    memcpy(common->signal_addr, loopback, sizeof(loopback));
+    memcpy(common->signal_addr, TMF_SIGNAL_ADDR, sizeof(TMF_SIGNAL_ADDR));
 }
 
 int tmfc_check(tmf_common *common)
@@ -78,12 +76,12 @@ void tmfc_first_user_setup(tmf_common *common)
 
 int tmfc_reader_slots(const tmf_common *common)
 {
-    return std::clamp<int>(common->max_readers, 0, TMF_MAX_READERS);
+    return tmu_within(common->max_readers, 0, TMF_MAX_READERS);
 }
 
 int tmfc_writer_slots(const tmf_common *common)
 {
-    return std::clamp<int>(common->max_writers, 0, TMF_MAX_WRITERS);
+    return tmu_within(common->max_writers, 0, TMF_MAX_WRITERS);
 }
 
 int32_t tmfc_calc_user_lock_offset(const tmf_common *common, int id, bool is_reader)

@@ -106,7 +106,7 @@ static constexpr std::string_view attached_mark = "%s";
 
 // Codes without a gap, so that a code finds its row; four texts with a place for
 // the attached text; all of them within the caller's buffer.
-constexpr bool table_is_sound()
+static constexpr bool table_is_sound()
 {
     int code = first_code;
     int with_mark = 0;
@@ -158,7 +158,8 @@ void tmf_code_text(int code, const char *attached, char *buf)
     if (mark != std::string_view::npos) {
         buf = append(buf, {text.data(), mark});
         buf = append(buf, {attached, strnlen(attached, TMF_ATTACHED_TEXT)});
-        text.remove_prefix(mark + attached_mark.size());
+        const size_t rest = mark + attached_mark.size();
+        text = {text.data() + rest, text.size() - rest};
     }
     *append(buf, text) = '\0';
 }

@@ -37,6 +37,7 @@ struct tmf_handle {
     int common_locked;      // 1 while the common area is locked by this handle
     int slot_locked;        // 1 while the own slot is locked
     int32_t slot_offset;    // of the own slot in the file
+    int slot_size;          // bytes locked there
     tmf_common *common;     // common_copy once it has been read, null before
     tmf_common common_copy; // the area as last read, with changes not yet written
     int max_record_len;     // bytes of data

@@ -83,8 +83,10 @@ constexpr int32_t TMF_DATA_START = TMF_LOCK_AREA_OFFSET + TMF_LOCK_AREA_SIZE;
 constexpr int16_t TMF_MAX_READERS = 16;
 constexpr int16_t TMF_MAX_WRITERS = 1008;
 constexpr int16_t TMF_SLOT_SIZE = 4;
+static_assert(TMF_SLOT_SIZE == sizeof(int32_t)); // a process id
 constexpr int16_t TMF_FORMAT_VERSION = 2;
 constexpr size_t TMF_STAMP_SIZE = 8;
+constexpr unsigned char TMF_SIGNAL_ADDR[4] = {127, 0, 0, 1};
 
 // An emptied file longer than this is cut down to it.
 constexpr int32_t TMF_EMPTY_SIZE_LIMIT = 65536;
@@ -181,19 +183,45 @@ constexpr tmf_word TMF_HOST_WORDS[] = {{0, 2},  {2, 2},  {8, 4},  {12, 4}, {16, 
                                        {52, 4}, {56, 4}, {60, 4}, {64, 2}, {66, 2}, {68, 2},
                                        {70, 2}, {72, 2}, {74, 2}, {76, 2}, {78, 2}};
 
+// All words from the beginning to signal_addr but the magic and reserved_1.
+constexpr bool tmf_host_words_are_whole()
+{
+    int at = 0;
+    for (const tmf_word &word : TMF_HOST_WORDS) {
+        if (at == 4)
+            at += 4; // magic
+        if (at == 20)
+            at += 4; // reserved_1
+        if (word.at != at)
+            return false;
+        at += word.width;
+    }
+    return at == offsetof(tmf_common, signal_addr);
+}
+static_assert(tmf_host_words_are_whole());
+
 // The record frame.
-constexpr int32_t TMF_FRAME_DATA_AT = 4;  // data behind length and user number
-constexpr int32_t TMF_FRAME_SIZE = 6;     // what a record costs beside its data
-constexpr int32_t TMF_OVERHEAD_UNIT = 3;  // of a record's cost, times the format version
-constexpr int32_t TMF_END_MARK_SIZE = 2;  // FF FF behind the newest record
+constexpr int32_t TMF_FRAME_LENGTH_AT = 0;
+constexpr int32_t TMF_FRAME_USER_AT = 2;
+constexpr int32_t TMF_FRAME_DATA_AT = 4; // data behind length and user number
+constexpr int32_t TMF_FRAME_TRAILER_SIZE = 2;
+constexpr int32_t TMF_FRAME_SIZE = 6;    // what a record costs beside its data
+constexpr int32_t TMF_OVERHEAD_UNIT = 3; // of a record's cost, times the format version
+constexpr int32_t TMF_END_MARK_SIZE = 2; // behind the newest record
+constexpr uint16_t TMF_END_MARK = 0xFFFF;
 constexpr int32_t TMF_MAX_FRAME = 32767;  // longest record, frame included
 constexpr int32_t TMF_MAX_LENGTH = 65535; // greatest length that a frame can state
 static_assert(TMF_FRAME_SIZE == TMF_OVERHEAD_UNIT * TMF_FORMAT_VERSION);
+static_assert(TMF_FRAME_SIZE == TMF_FRAME_DATA_AT + TMF_FRAME_TRAILER_SIZE);
 
 // The wake-up datagram.
+constexpr unsigned char TMF_SIGNAL_FIRST = 'm';
 constexpr size_t TMF_SIGNAL_KIND_AT = 1;
+constexpr size_t TMF_SIGNAL_ZERO_AT = 2;
+constexpr size_t TMF_SIGNAL_LENGTH_AT = 3;
 constexpr size_t TMF_SIGNAL_STAMP_AT = 4;
 constexpr size_t TMF_SIGNAL_SIZE = TMF_SIGNAL_STAMP_AT + TMF_STAMP_SIZE;
+static_assert(TMF_SIGNAL_SIZE == 12);
 constexpr char TMF_SIGNAL_WRITE = 'W';
 constexpr char TMF_SIGNAL_CLOSE = 'C';
 

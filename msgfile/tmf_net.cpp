@@ -76,10 +76,10 @@ static sockaddr_in address_of(const unsigned char addr[4], uint16_t port)
 
 void tmfc_calc_msg(const tmf_common *common, char kind, unsigned char *message)
 {
-    message[0] = 'm';
+    message[0] = TMF_SIGNAL_FIRST;
     message[TMF_SIGNAL_KIND_AT] = static_cast<unsigned char>(kind);
-    message[2] = 0;
-    message[3] = TMF_STAMP_SIZE;
+    message[TMF_SIGNAL_ZERO_AT] = 0;
+    message[TMF_SIGNAL_LENGTH_AT] = TMF_STAMP_SIZE;
     memcpy(message + TMF_SIGNAL_STAMP_AT, common->file_stamp, TMF_STAMP_SIZE);
 }
 

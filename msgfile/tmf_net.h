@@ -30,8 +30,8 @@ int tmf_signal_readers(tmf_handle *h, char kind);
 int tmf_udp_send(tmf_handle *h, const unsigned char addr[4], uint16_t port, const void *buf,
                  size_t n);
 
-// Receives a datagram of at most n bytes on port, waiting for seconds (0: without
-// limit).  Its length, 0 when the time is over, TMF_EPORTBUSY, TMF_EINTERRUPT, or
+// Receives a datagram of at most n bytes on port, waiting for seconds (below 1:
+// without limit).  Its length, 0 when the time is over, TMF_EPORTBUSY, TMF_EINTERRUPT, or
 // another code.  The socket stays bound for the next call.
 int tmf_udp_recv(tmf_handle *h, uint16_t port, int seconds, void *buf, size_t n);
 

@@ -63,14 +63,15 @@ int tmf_write_record(tmf_handle *h, const void *buf, int n)
     if (code != 0)
         return code;
     unsigned char *p = h->record_buffer;
-    put_be16(p, static_cast<uint16_t>(length));
-    put_be16(p + 2, static_cast<uint16_t>(user));
+    put_be16(p + TMF_FRAME_LENGTH_AT, static_cast<uint16_t>(length));
+    put_be16(p + TMF_FRAME_USER_AT, static_cast<uint16_t>(user));
     memcpy(p + TMF_FRAME_DATA_AT, buf, static_cast<size_t>(n));
     p += TMF_FRAME_DATA_AT + n;
     put_be16(p, static_cast<uint16_t>(length));
-    put_be16(p + 2, 0xFFFF);
+    p += TMF_FRAME_TRAILER_SIZE;
+    put_be16(p, TMF_END_MARK);
     if (h->record_overhead > TMF_FRAME_SIZE) // another version in the other byte order
-        memset(p + 4, 0, static_cast<size_t>(h->record_overhead - TMF_FRAME_SIZE));
+        memset(p + TMF_END_MARK_SIZE, 0, static_cast<size_t>(h->record_overhead - TMF_FRAME_SIZE));
 
     const int32_t at = common->write_offset;
     code = seek_data(h, at);
@@ -115,7 +116,7 @@ static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_
         return TMF_EREAD_DATA;
     if (got < TMF_FRAME_SIZE)
         return TMF_EREAD_DATA_EOF;
-    record->length = get_be16(h->record_buffer);
+    record->length = get_be16(h->record_buffer + TMF_FRAME_LENGTH_AT);
     record->copied = std::min(record->length - TMF_FRAME_SIZE, len);
     // A damaged length: less than a frame, beyond the newest record (the distance
     // is right on both sides of 2 GiB), or of data that the file does not have.
@@ -151,12 +152,14 @@ int tmf_read_record_copy(tmf_handle *h, void *buf, int len)
     if (h->copy_count >= h->common->record_count)
         return 0;
     record_view record;
-    const int code = read_record_at(h, h->copy_offset, buf, len, &record);
+    const int32_t at = h->copy_offset;
+    const int code = read_record_at(h, at, buf, len, &record);
     if (code != 0)
         return code;
     h->records_read = saturating_increment(h->records_read);
     h->copy_count = saturating_increment(h->copy_count);
-    h->copy_offset = wrapping_add(h->copy_offset, record.length);
+    h->copy_offset = wrapping_add(at, record.length);
+    h->last_record_end = at;
     return record.copied;
 }
 
@@ -192,18 +195,33 @@ int tmf_reset(tmf_handle *h)
 
 // ---- the public reads
 
-// The record, having waited for it where that is called for; the area is locked
-// unless get_code tells otherwise.
-static int next_record(tmf_handle *h, void *buf, int len, int flags, int timeout, int get_code)
+// Takes the record, having waited for it where that is called for, and gives the
+// bytes copied.  code is the result of locking the area before and of the whole
+// call behind it: a wait puts its own result in the place of the lock's.
+static int next_record(tmf_handle *h, void *buf, int len, int flags, int timeout, int *code)
 {
-    if (h->copy_mode != 0)
-        return tmf_read_record_copy(h, buf, len);
-    if (h->records_read == 0)
-        flags |= TMF_READ_WAIT;
-    int code = get_code;
-    if (tmfc_need_to_wait(h->common, flags))
-        code = tmf_fread_wait(h, flags, timeout);
-    return code != 0 ? code : tmf_read_record(h, buf, len, flags);
+    int result = 0;
+    if (h->copy_mode != 0) {
+        result = tmf_read_record_copy(h, buf, len);
+    } else {
+        if (h->records_read == 0)
+            flags |= TMF_READ_WAIT;
+        if (tmfc_need_to_wait(h->common, flags))
+            *code = tmf_fread_wait(h, flags, timeout);
+        if (*code == 0)
+            result = tmf_read_record(h, buf, len, flags);
+    }
+    if (result >= 0)
+        return result;
+    *code = result;
+    return 0;
+}
+
+// Whether a common area that could not be had is that of no message file (any
+// more); nothing may be done to the file then.
+static bool is_foreign(int code)
+{
+    return code == TMF_ENOTMSG || code == TMF_EINCOMPATIBLE;
 }
 
 int tmf_fread_record(tmf_handle *h, void *buf, int len, int flags, int timeout)
@@ -218,9 +236,8 @@ int tmf_fread_record(tmf_handle *h, void *buf, int len, int flags, int timeout)
         // Kept: a common area that cannot be had does not end the call at once;
         // what follows works on the copy read last.
         code = tmf_get_common(h);
-        copied = next_record(h, buf, len, flags, timeout, code);
-        if (copied < 0)
-            code = copied;
+        if (!is_foreign(code))
+            copied = next_record(h, buf, len, flags, timeout, &code);
         const int release_code = tmf_release_common(h);
         if (code == 0)
             code = release_code;

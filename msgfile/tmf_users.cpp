@@ -7,7 +7,6 @@
 #include "msgfile/tmf_wait.h"
 #include "msgfile/tmu.h"
 
-#include <algorithm>
 #include <unistd.h>
 
 struct user_kind {
@@ -133,15 +132,15 @@ int tmfc_clear_writer_user_id(tmf_common *common, int id)
 // leaves the rest of a slot unused.
 static size_t pid_bytes(const tmf_handle *h, const user_kind &kind)
 {
-    return static_cast<size_t>(
-        std::clamp<int>(h->common->*kind.slot_size, 0, int{sizeof(int32_t)}));
+    return static_cast<size_t>(tmu_within(h->common->*kind.slot_size, 0, sizeof(int32_t)));
 }
 
 // A damaged area may put slots into the common area or among the records, or
 // give them no size, which a lock would take for the rest of the file.
 static bool slot_is_sound(const tmf_handle *h, int32_t at, const user_kind &kind)
 {
-    return h->common->*kind.slot_size > 0 && at >= TMF_COMMON_SIZE && at < h->common->data_start;
+    return h->common->*kind.slot_size > 0 && at >= TMF_COMMON_SIZE &&
+           at + static_cast<int64_t>(pid_bytes(h, kind)) <= h->common->data_start;
 }
 
 static int seek_slot(tmf_handle *h, int i, const user_kind &kind)
@@ -206,7 +205,8 @@ static int lock_user(tmf_handle *h, const user_kind &kind)
     h->slot_offset = tmfc_calc_user_lock_offset(h->common, h->user_id, kind.is_reader);
     if (!slot_is_sound(h, h->slot_offset, kind))
         return kind.seek;
-    const int result = tf_lock_file_nowait(h->fd, h->slot_offset, h->common->*kind.slot_size);
+    h->slot_size = h->common->*kind.slot_size;
+    const int result = tf_lock_file_nowait(h->fd, h->slot_offset, h->slot_size);
     if (result > 1)
         return kind.locked;
     // Kept: a slot that another process holds counts as locked, too, so that the
@@ -222,7 +222,7 @@ static int unlock_user(tmf_handle *h, const user_kind &kind)
     if (h->slot_locked == 0)
         return 0;
     const int write_code = h->record_pids != 0 ? write_data(h, h->user_id, 0, kind) : 0;
-    const int unlock_code = tf_unlock_file(h->fd, h->slot_offset, h->common->*kind.slot_size);
+    const int unlock_code = tf_unlock_file(h->fd, h->slot_offset, h->slot_size);
     h->slot_locked = 0;
     return unlock_code != 0 ? unlock_code : write_code;
 }

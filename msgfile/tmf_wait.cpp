@@ -18,7 +18,7 @@ void tmc_add_waitlist(tmf_common *common, int id, uint16_t port)
 {
     if (tmu_get_bit(common->wait_list, id) == 0)
         tmu_set_bit(common->wait_list, id);
-    else if (tmc_get_signal_port(common, id) == port)
+    else if (get_be16(common->signal_ports[id]) == port)
         return;
     tmc_set_signal_port(common, id, port);
     tmfc_set_dirty(common, 1);
@@ -100,6 +100,8 @@ int tmf_fread_wait(tmf_handle *h, int flags, int timeout)
             ready = !tmfc_need_to_wait(h->common, flags);
         }
     }
+    // Kept: behind a wait that ended without the lock (time over, signal, error) the
+    // bit stays set in the file, and wake-ups meanwhile end the next wait at once.
     tmc_remove_waitlist(h->common, h->user_id);
     return r;
 }

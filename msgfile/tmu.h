@@ -13,6 +13,13 @@ void tmu_clear_bit(unsigned char *map, int b);
 // Reverses 2 or 4 bytes in place; any other n does nothing.
 void tmu_reverse(void *bytes, int n);
 
+// The number, or the limit that it lies beyond.
+inline int tmu_within(int value, int lowest, int highest)
+{
+    const int raised = value < lowest ? lowest : value;
+    return raised > highest ? highest : raised;
+}
+
 // Big-endian words of records and port entries.
 inline uint16_t get_be16(const unsigned char *bytes)
 {
@@ -26,7 +33,7 @@ inline void put_be16(unsigned char *bytes, uint16_t value)
 }
 
 // 1 on a big-endian host, 0 otherwise.  The library itself goes by the
-// byte-order mark; tests build expected bytes with this.
+// byte-order mark.
 int is_big_endian();
 
 #endif
