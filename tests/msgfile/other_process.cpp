@@ -24,7 +24,7 @@
     _exit(0); // without the parent's clean-up
 }
 
-other_process::other_process(std::vector<std::function<int()>> steps)
+other_process::other_process(const std::vector<std::function<int()>> &steps)
 {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)

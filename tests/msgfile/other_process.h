@@ -12,7 +12,7 @@
 // result is sent back; what a step changes stays in the process.
 class other_process {
   public:
-    explicit other_process(std::vector<std::function<int()>> steps);
+    explicit other_process(const std::vector<std::function<int()>> &steps);
     ~other_process(); // kills it
     other_process(const other_process &) = delete;
     other_process &operator=(const other_process &) = delete;

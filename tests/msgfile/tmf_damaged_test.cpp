@@ -216,12 +216,10 @@ TEST_F(TmfDamaged, FileOfTheOtherByteOrderMayBeDamagedToo)
     const unsigned seed = std::random_device{}();
     std::mt19937 random(seed);
     std::string turned = good;
-    for (const size_t at : {0, 2, 64, 66, 68, 70, 72, 74, 76, 78})
-        std::reverse(turned.begin() + static_cast<long>(at),
-                     turned.begin() + static_cast<long>(at) + 2);
-    for (const size_t at : {8, 12, 16, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60})
-        std::reverse(turned.begin() + static_cast<long>(at),
-                     turned.begin() + static_cast<long>(at) + 4);
+    for (const int at : {0, 2, 64, 66, 68, 70, 72, 74, 76, 78})
+        std::reverse(turned.begin() + at, turned.begin() + at + 2);
+    for (const int at : {8, 12, 16, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60})
+        std::reverse(turned.begin() + at, turned.begin() + at + 4);
     use(turned);
     for (int round = 0; round < 500; round++) {
         std::string file = turned;
