@@ -70,6 +70,7 @@ static std::string call_as_text(const call_made &call)
 std::vector<std::string> calls_as_text()
 {
     std::vector<std::string> texts;
+    texts.reserve(log_of_calls.size());
     for (const call_made &call : log_of_calls)
         texts.push_back(call_as_text(call));
     return texts;
