@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <stdexcept>
@@ -48,6 +49,15 @@ inline std::string golden_bytes(const std::string &name)
         }
     }
     return bytes;
+}
+
+// Descriptors that the process has open.
+inline size_t open_descriptors()
+{
+    size_t n = 0;
+    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        n++;
+    return n;
 }
 
 // Offset of the first difference, or of the end of the shorter one; npos for none.

@@ -24,6 +24,7 @@ class TmfDamaged : public MessageFile {
     void use(const std::string &file)
     {
         for (const int mode : {0, 1, 7}) {
+            unlink(path.c_str()); // a file cut to nothing is flushed to the disk at its close
             write_file(path, file);
             forget_calls();
             tmf_handle *h = open(mode);
@@ -271,5 +272,46 @@ TEST_F(TmfDamaged, SlotOutsideTheLockAreaHasTheSeeksCode)
                 EXPECT_EQ(tmf_fclose(h), 0) << row.name << mode;
             }
         }
+    }
+}
+
+TEST_F(TmfDamaged, DeadUserOutsideTheLockAreaIsNotLookedFor)
+{
+    const struct {
+        const char *name;
+        size_t at;
+        int width;
+        int32_t value;
+        int code;
+    } rows[] = {
+        {"before the file", 52, 4, -4096, -5245},
+        {"in the common area", 52, 4, 128, -5245},
+        {"among the records", 52, 4, 4352, -5245},
+        {"of no size", 76, 2, 0, -5245},
+    };
+    for (const auto &row : rows) {
+        std::string damaged = good;
+        put(damaged, row.at, row.width, row.value);
+        write_file(path, damaged);
+        EXPECT_EQ(open(1), nullptr) << row.name;
+        EXPECT_EQ(tmf_geterrno(nullptr), row.code) << row.name;
+        EXPECT_SAME_BYTES(bytes(), damaged);
+        EXPECT_EQ(calls_made(CALL_LOCKF).size(), 2U) << row.name; // none of a slot
+        forget_calls();
+    }
+}
+
+// The area is read again by each call, and may be another one.
+TEST_F(TmfDamaged, CloseWritesNoSlotOutsideTheLockArea)
+{
+    for (const int32_t lock_area : {-64, 64, 4352}) {
+        write_file(path, good);
+        tmf_handle *h = open(0);
+        ASSERT_NE(h, nullptr);
+        ASSERT_EQ(pwrite(h->fd, &lock_area, 4, 52), 4);
+        const std::string before = bytes_through(h);
+        EXPECT_EQ(tmf_fclose(h), 0);
+        EXPECT_EQ(bytes().substr(0, 68), before.substr(0, 68));
+        EXPECT_SAME_BYTES(bytes().substr(129), before.substr(129));
     }
 }

@@ -256,3 +256,17 @@ TEST_F(TmfError, SuccessDoesNotClearTheHandlesCode)
     EXPECT_EQ(tmf_geterrno(writer), 0);
     EXPECT_EQ(tmf_fclose(writer), 0);
 }
+
+TEST_F(TmfError, FailedWakeUpNamesTheSystemsErrorOnce)
+{
+    tmf_handle *writer = open(0);
+    ASSERT_NE(writer, nullptr);
+    ASSERT_EQ(pwrite(writer->fd, "\1", 1, 124), 1); // a reader is said to wait
+    fail_call(CALL_SENDTO, 111);
+    EXPECT_EQ(tmf_fwrite(writer, "x", 1), -5250);
+    EXPECT_EQ(tmf_geterrno(writer), -5250);
+    EXPECT_EQ(message_of(writer), "Error #111 on sendto() sending udp data.");
+    EXPECT_EQ(message_of(writer), "Error  sending udp data.");
+    answer_call(CALL_SENDTO, 12, 0, -1);
+    EXPECT_EQ(tmf_fclose(writer), 0);
+}

@@ -20,6 +20,7 @@ class TmfLayout : public MessageFile {
     void refuses(const std::string &file, int code) const
     {
         for (const int mode : {0, 1, 7}) {
+            unlink(path.c_str());
             write_file(path, file);
             EXPECT_EQ(open(mode), nullptr) << mode;
             EXPECT_EQ(tmf_geterrno(nullptr), code) << mode;

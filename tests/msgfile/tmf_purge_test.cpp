@@ -220,6 +220,19 @@ TEST_F(TmfPurge, SlotThatCannotBeTestedEndsThePurge)
     expect_nobody();
 }
 
+TEST_F(TmfPurge, CheckOfAUserThatIsNotRegisteredIsAnInternalError)
+{
+    tmf_handle *h = open(0);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(tmf_get_common(h), 0);
+    EXPECT_EQ(tmf_check_reader(h, 3), -5234);
+    EXPECT_EQ(tmf_check_writer(h, 3), -5234);
+    EXPECT_EQ(h->common->num_readers, 0);
+    EXPECT_EQ(h->common->num_writers, 1);
+    EXPECT_EQ(tmf_release_common(h), 0);
+    EXPECT_EQ(tmf_fclose(h), 0);
+}
+
 // Kept: only the readers' flag is looked after when nobody is registered.
 TEST_F(TmfPurge, ExclusiveFlagOfNobodyIsClearedForReadersAlone)
 {
