@@ -1,0 +1,331 @@
+// Waiting for a record: when a reader waits, for how long, on which port, and what
+// ends the wait.  No round takes its time: poll is answered, or something happens.
+#include "msgfile/tmf_wait.h"
+
+#include "msgfile/tmf_common.h"
+#include "tests/msgfile/message_file.h"
+#include "tests/msgfile/other_process.h"
+#include "tests/msgfile/system_calls.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+TEST(TmfWaitList, EntryIsStoredWhenItIsNewOrHasAnotherPort)
+{
+    tmf_common common = {};
+    tmc_add_waitlist(&common, 9, 0xD009);
+    EXPECT_EQ(common.wait_list[1], 0x02);
+    EXPECT_EQ(common.signal_ports[9][0], 0xD0);
+    EXPECT_EQ(common.signal_ports[9][1], 0x09);
+    EXPECT_TRUE(tmfc_is_dirty(&common));
+    tmfc_set_dirty(&common, 0);
+    tmc_add_waitlist(&common, 9, 0xD009);
+    EXPECT_FALSE(tmfc_is_dirty(&common)) << "it stands there already";
+    tmc_add_waitlist(&common, 9, 0xD019);
+    EXPECT_TRUE(tmfc_is_dirty(&common));
+    EXPECT_EQ(common.signal_ports[9][1], 0x19);
+    tmfc_set_dirty(&common, 0);
+    tmc_remove_waitlist(&common, 9);
+    EXPECT_EQ(common.wait_list[1], 0);
+    EXPECT_TRUE(tmfc_is_dirty(&common));
+}
+
+TEST(TmfWaitList, ReasonToWaitIsNoRecordAndAWriterOrTheFlag)
+{
+    const struct {
+        int32_t records;
+        int16_t writers;
+        int flags;
+        bool wait;
+    } rows[] = {
+        {0, 0, 0, false}, {0, 0, 1, false},  {0, 0, 12, false}, {0, 0, 2, true},  {0, 1, 0, true},
+        {1, 1, 2, false}, {-1, 1, 2, false}, {0, -1, 0, false}, {0, 3, 15, true},
+    };
+    for (const auto &row : rows) {
+        tmf_common common = {};
+        common.record_count = row.records;
+        common.num_writers = row.writers;
+        EXPECT_EQ(tmfc_need_to_wait(&common, row.flags), row.wait)
+            << row.records << " " << row.writers << " " << row.flags;
+    }
+}
+
+// Sends a byte to a port of the loopback address, as any wake-up would come.
+static void send_to(uint16_t port)
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(sendto(fd, "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)), 1);
+    ::close(fd);
+}
+
+class TmfWait : public MessageFile {
+  protected:
+    TmfWait()
+    {
+        make();
+    }
+    ~TmfWait() override
+    {
+        if (h != nullptr)
+            tmf_fclose(h);
+    }
+    void reader()
+    {
+        h = open(TMF_MODE_READ);
+        ASSERT_NE(h, nullptr);
+    }
+    // Appends a record in another process.
+    static std::function<int()> append(const std::string &path)
+    {
+        return [path] {
+            tmf_handle *w = tmf_fopen(path.c_str(), 0);
+            return tmf_fwrite(w, "late", 4) + tmf_fclose(w);
+        };
+    }
+    // Seconds of the rounds so far.
+    static std::vector<int> rounds()
+    {
+        std::vector<int> seconds;
+        for (const call_made &call : calls_made(CALL_POLL)) {
+            EXPECT_EQ(call.a % 1000, 0);
+            seconds.push_back(static_cast<int>(call.a / 1000));
+        }
+        return seconds;
+    }
+    bool listed() const
+    {
+        return (bytes_through(h)[124] & 1) != 0;
+    }
+    int read(int flags)
+    {
+        char buf[20];
+        return tmf_fread(h, buf, sizeof(buf), flags);
+    }
+    int readx(int timeout, int flags = 0)
+    {
+        char buf[20];
+        return tmf_freadx(h, buf, sizeof(buf), flags, timeout);
+    }
+    using seconds = std::vector<int>;
+    const system_calls_guard guard;
+    tmf_handle *h = nullptr;
+};
+
+TEST_F(TmfWait, UnlimitedWaitTakes4SecondsAndThen60UntilARecordComes)
+{
+    other_user writer(path, 0);
+    other_process late({append(path)});
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    int before_it_comes = 3;
+    before_call(CALL_POLL, [&] {
+        EXPECT_TRUE(listed());
+        if (--before_it_comes == 0) {
+            EXPECT_EQ(late.run(), 0);
+        }
+    });
+    EXPECT_EQ(read(0), 4);
+    EXPECT_EQ(rounds(), (seconds{4, 60, 60}));
+    EXPECT_FALSE(listed());
+    EXPECT_EQ(tmf_geterrno(h), 0);
+}
+
+TEST_F(TmfWait, LimitedWaitsTakeTheirTimeInRoundsOfAMinute)
+{
+    const struct {
+        int timeout;
+        seconds expected;
+    } rows[] = {
+        {10, {10}}, {100, {60, 40}}, {0, {4}},      {-5, {4}},
+        {1, {1}},   {60, {60}},      {61, {60, 1}}, {INT32_MIN, {4}},
+    };
+    other_user writer(path, 0);
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    for (const auto &row : rows) {
+        forget_calls();
+        EXPECT_EQ(readx(row.timeout), 0);
+        EXPECT_EQ(rounds(), row.expected) << row.timeout;
+        EXPECT_EQ(tmf_geterrno(h), -5268);
+    }
+    forget_calls();
+    EXPECT_EQ(read(TMF_READ_LIMIT), -5268);
+    EXPECT_EQ(message_of(h), "Timeout on read of message file.");
+    EXPECT_EQ(rounds(), seconds{4});
+}
+
+TEST_F(TmfWait, EntryStaysInTheFileBehindAWaitThatTimeEnded)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    EXPECT_FALSE(listed());
+    EXPECT_EQ(readx(1), 0);
+    EXPECT_TRUE(listed()) << "its end is not written, since the area is not locked then";
+}
+
+TEST_F(TmfWait, SignalEndsTheWaitThatAsksForItAndCostsOthersARound)
+{
+    reader();
+    fail_call(CALL_POLL, EINTR, 0, -1);
+    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_SIGNAL), -5282);
+    EXPECT_EQ(message_of(h), "Signal received while reading message file.");
+    EXPECT_EQ(readx(100), 0);
+    EXPECT_EQ(tmf_geterrno(h), -5282);
+    forget_calls();
+    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_LIMIT), -5268);
+    EXPECT_EQ(rounds(), seconds{4});
+}
+
+TEST_F(TmfWait, WakeUpThatBringsNothingCostsNoTime)
+{
+    reader();
+    int wake_ups = 3;
+    answer_call(CALL_POLL, 0, 3, -1); // behind three that find a datagram
+    before_call(CALL_POLL, [&] {
+        if (wake_ups-- > 0)
+            send_to(h->signal_port);
+    });
+    EXPECT_EQ(readx(10), 0);
+    EXPECT_EQ(tmf_geterrno(h), -5268);
+    EXPECT_EQ(rounds(), (seconds{10, 10, 10, 10}));
+}
+
+TEST_F(TmfWait, WakeUpThatCameBeforehandEndsTheNextWaitAtOnce)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    EXPECT_EQ(readx(1), 0); // binds the socket
+    send_to(h->signal_port);
+    forget_calls();
+    EXPECT_EQ(readx(1), 0);
+    EXPECT_EQ(calls_made(CALL_RECVFROM).size(), 2U) << "the one that came, and then none";
+    EXPECT_TRUE(calls_made(CALL_SOCKET).empty());
+}
+
+TEST_F(TmfWait, FirstReadWaitsForAWriterAndLaterOnesEndTheFile)
+{
+    other_process late({append(path)});
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    before_call(CALL_POLL, [&] {
+        if (calls_made(CALL_POLL).size() == 2) {
+            EXPECT_EQ(late.run(), 0);
+        }
+    });
+    EXPECT_EQ(read(0), 4) << "nobody was there to write when the wait began";
+    EXPECT_EQ(rounds(), (seconds{4, 60}));
+    forget_calls();
+    EXPECT_EQ(read(0), 0);
+    EXPECT_EQ(readx(100), 0);
+    EXPECT_TRUE(rounds().empty());
+    answer_call(CALL_POLL, 0, 0, -1);
+    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_LIMIT), -5268);
+}
+
+TEST_F(TmfWait, DeathOfTheLastWriterEndsTheWait)
+{
+    make({"one"});
+    other_user writer(path, 0);
+    reader();
+    EXPECT_EQ(read(0), 3);
+    answer_call(CALL_POLL, 0, 0, -1);
+    before_call(CALL_POLL, [&] { writer.kill(); });
+    EXPECT_EQ(read(0), 0);
+    EXPECT_EQ(rounds(), seconds{4});
+    EXPECT_FALSE(listed());
+}
+
+TEST_F(TmfWait, DeadWriterIsNoReasonToWait)
+{
+    make({"one"});
+    other_user writer(path, 0);
+    reader();
+    EXPECT_EQ(read(0), 3);
+    writer.kill();
+    EXPECT_EQ(read(0), 0);
+    EXPECT_TRUE(rounds().empty());
+}
+
+TEST_F(TmfWait, BusyPortIsChangedAndStoredAtTheNextWait)
+{
+    reader();
+    fail_call(CALL_BIND, EADDRINUSE);
+    answer_call(CALL_POLL, 0, 0, -1);
+    EXPECT_EQ(readx(1), 0);
+    const std::vector<call_made> binds = calls_made(CALL_BIND);
+    ASSERT_GE(binds.size(), 2U);
+    EXPECT_EQ(binds[0].a, 53248);
+    EXPECT_EQ(binds[1].a, 53264);
+    EXPECT_EQ(h->signal_port, binds.back().a); // the first free one
+    EXPECT_EQ(bytes_through(h).substr(92, 2), "\xD0" + std::string(1, '\0'));
+    EXPECT_EQ(readx(1), 0);
+    const std::string stored = bytes_through(h).substr(92, 2);
+    EXPECT_EQ(static_cast<unsigned char>(stored[0]) << 8 | static_cast<unsigned char>(stored[1]),
+              binds.back().a);
+}
+
+TEST_F(TmfWait, FifteenBusyPortsEndTheWait)
+{
+    store<uint16_t>(92, htons(55290));
+    reader();
+    fail_call(CALL_BIND, EADDRINUSE, 0, -1);
+    EXPECT_EQ(readx(1), -5264);
+    EXPECT_EQ(message_of(h), "Error waiting: UDP port already in use.");
+    const std::vector<call_made> binds = calls_made(CALL_BIND);
+    ASSERT_EQ(binds.size(), 15U);
+    EXPECT_EQ(binds[0].a, 55290);
+    EXPECT_EQ(binds[1].a, 53258); // begins again at the range's start
+    EXPECT_EQ(binds[14].a, 53258 + 13 * 16);
+}
+
+TEST_F(TmfWait, ErrorsOfTheAreaEndTheWait)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    fail_call(CALL_WRITE, EIO); // writing the entry
+    EXPECT_EQ(readx(100), -5222);
+    EXPECT_TRUE(rounds().empty());
+    int polls = 0;
+    before_call(CALL_POLL, [&] {
+        if (++polls == 1)
+            fail_call(CALL_LOCKF, ENOLCK); // the lock behind the wait
+    });
+    EXPECT_EQ(readx(100), -5236);
+    EXPECT_EQ(polls, 1);
+}
+
+TEST_F(TmfWait, ReadGoesOnWithTheCopyReadLastWhenTheLockFails)
+{
+    make({"one"});
+    reader();
+    EXPECT_EQ(read(TMF_READ_KEEP), 3);
+    fail_call(CALL_FCNTL, EINTR);
+    EXPECT_EQ(read(0), -5236) << "a record is known of, but the lock's failure stands";
+    EXPECT_EQ(read(0), 3);
+    // The copy knows of no record now, and the entry cannot be written.
+    fail_call(CALL_FCNTL, EINTR);
+    EXPECT_EQ(read(TMF_READ_WAIT), -5234);
+    EXPECT_TRUE(rounds().empty());
+}
+
+TEST_F(TmfWait, ResultOfTheWaitTakesThePlaceOfAFailedLocks)
+{
+    make({"one"});
+    other_process late({append(path), append(path)});
+    reader();
+    EXPECT_EQ(read(0), 3);
+    answer_call(CALL_POLL, 0, 0, -1);
+    EXPECT_EQ(readx(1, TMF_READ_WAIT), 0); // leaves the entry in the file
+    EXPECT_EQ(late.run(), 0);              // and two wake-ups in the socket
+    EXPECT_EQ(read(0), 4);                 // the copy: entry there, no record, not dirty
+    EXPECT_EQ(late.run(), 0);
+    fail_call(CALL_FCNTL, EINTR);
+    EXPECT_EQ(read(TMF_READ_WAIT), 4) << "the wake-up led to a lock and a record";
+    EXPECT_EQ(number_at<int32_t>(bytes_through(h), 16), 0);
+}
