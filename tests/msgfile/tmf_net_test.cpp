@@ -1,0 +1,284 @@
+// Wake-up datagrams: their bytes, who gets them, and what the network's failures
+// leave behind.
+#include "msgfile/tmf_net.h"
+
+#include "msgfile/tmf_area.h"
+#include "msgfile/tmf_common.h"
+#include "msgfile/tmf_wait.h"
+#include "tests/msgfile/message_file.h"
+#include "tests/msgfile/system_calls.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+// A UDP socket on a port that the system chose.
+class listener {
+  public:
+    listener() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0))
+    {
+        sockaddr_in here = {};
+        here.sin_family = AF_INET;
+        here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(here);
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&here), length) != 0 ||
+            getsockname(fd_, reinterpret_cast<sockaddr *>(&here), &length) != 0)
+            throw std::runtime_error("no UDP port");
+        port_ = ntohs(here.sin_port);
+    }
+    ~listener()
+    {
+        ::close(fd_);
+    }
+    listener(const listener &) = delete;
+    listener &operator=(const listener &) = delete;
+    // The next datagram; "(none)" when none is there.
+    std::string next() const
+    {
+        char buf[100];
+        const ssize_t n = recv(fd_, buf, sizeof(buf), 0);
+        return n < 0 ? "(none)" : std::string(buf, static_cast<size_t>(n));
+    }
+    uint16_t port() const
+    {
+        return port_;
+    }
+
+  private:
+    int fd_;
+    uint16_t port_ = 0;
+};
+
+class TmfNet : public MessageFile {
+  protected:
+    ~TmfNet() override
+    {
+        if (h != nullptr)
+            tmf_fclose(h);
+    }
+    // Enters a port in the wait list of the closed file, as a reader of slot i does.
+    void enter(int i, uint16_t port) const
+    {
+        std::string changed = bytes();
+        changed[124 + i / 8] = static_cast<char>(changed[124 + i / 8] | 1 << i % 8);
+        put_number(changed, 92 + 2 * static_cast<size_t>(i), htons(port));
+        write_file(path, changed);
+    }
+    int write()
+    {
+        return tmf_fwrite(h, "x", 1);
+    }
+    int readx()
+    {
+        char buf[5];
+        return tmf_freadx(h, buf, sizeof(buf), 0, 1);
+    }
+    tmf_handle *h = nullptr;
+};
+
+TEST_F(TmfNet, EachRecordAndTheCloseWakeEveryReaderOfTheList)
+{
+    const listener first;
+    const listener last;
+    {
+        const system_calls_guard guard;
+        answer_call(CALL_TIME, 0x6553F100);
+        make();
+    }
+    enter(0, first.port());
+    enter(15, last.port());
+    const system_calls_guard guard;
+    answer_call(CALL_TIME, 0x6553F100);
+    h = open(0);
+    EXPECT_EQ(first.next(), "(none)") << "an open wakes nobody";
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(write(), 0);
+    const std::string wrote("mW\0\x08"
+                            "6553f100",
+                            12);
+    for (const listener *reader : {&first, &last}) {
+        EXPECT_EQ(reader->next(), wrote);
+        EXPECT_EQ(reader->next(), wrote);
+        EXPECT_EQ(reader->next(), "(none)");
+    }
+    EXPECT_EQ(tmf_fclose(h), 0);
+    h = nullptr;
+    EXPECT_EQ(first.next(), std::string("mC\0\x08"
+                                        "6553f100",
+                                        12));
+    EXPECT_EQ(last.next().substr(0, 2), "mC");
+    EXPECT_EQ(stored<uint16_t>(124), number_at<uint16_t>("\x01\x80", 0))
+        << "readers leave it alone";
+}
+
+TEST_F(TmfNet, WakeUpsGoOutBeforeTheUnlock)
+{
+    const listener reader;
+    make();
+    enter(3, reader.port());
+    h = open(0);
+    EXPECT_EQ(write(), 0);
+    const system_calls_guard guard;
+    EXPECT_EQ(write(), 0);
+    std::vector<call_kind> order;
+    for (const call_made &call : calls_made())
+        order.push_back(call.kind);
+    EXPECT_EQ(order, (std::vector<call_kind>{CALL_FCNTL, CALL_PREAD, CALL_PWRITE, CALL_SENDTO,
+                                             CALL_PWRITE, CALL_FCNTL}));
+    EXPECT_EQ(calls_made(CALL_SENDTO)[0].b, reader.port());
+}
+
+TEST_F(TmfNet, ReaderThatClosesWakesNobody)
+{
+    const listener reader;
+    make();
+    enter(3, reader.port());
+    h = open(TMF_MODE_READ);
+    EXPECT_EQ(tmf_fclose(h), 0);
+    h = nullptr;
+    EXPECT_EQ(reader.next(), "(none)");
+}
+
+TEST_F(TmfNet, SocketIsKeptForTheSamePortAndMadeAnewForAnother)
+{
+    const listener first;
+    const listener second;
+    make();
+    enter(1, first.port());
+    const system_calls_guard guard;
+    h = open(0);
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(calls_made(CALL_SOCKET).size(), 1U);
+    for (const call_made &call : calls_made(CALL_SOCKET))
+        EXPECT_EQ(call.a, SOCK_DGRAM | SOCK_CLOEXEC);
+    const unsigned char loopback[4] = {127, 0, 0, 1};
+    EXPECT_EQ(tmf_udp_send(h, loopback, second.port(), "y", 1), 0);
+    EXPECT_EQ(calls_made(CALL_SOCKET).size(), 2U);
+    EXPECT_EQ(second.next(), "y");
+}
+
+TEST_F(TmfNet, FailedWakeUpIsReportedThoughTheRecordIsThere)
+{
+    const listener reader;
+    make();
+    enter(0, reader.port());
+    const system_calls_guard guard;
+    h = open(0);
+    fail_call(CALL_SENDTO, 111);
+    EXPECT_EQ(write(), -5250);
+    EXPECT_EQ(message_of(h), "Error #111 on sendto() sending udp data.");
+    EXPECT_EQ(message_of(h), "Error  sending udp data.") << "the system's part is told once";
+    EXPECT_EQ(number_at<int32_t>(bytes_through(h), 16), 1);
+    EXPECT_EQ(h->send.socket, 0);
+    fail_call(CALL_SOCKET, EMFILE);
+    EXPECT_EQ(write(), -5250);
+    EXPECT_EQ(message_of(h), "Error #24 on socket() sending udp data.");
+    EXPECT_EQ(h->send.port, 0);
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(number_at<int32_t>(bytes_through(h), 16), 3);
+}
+
+TEST_F(TmfNet, FullQueueIsAsGoodAsAWakeUp)
+{
+    const listener reader;
+    make();
+    enter(0, reader.port());
+    const system_calls_guard guard;
+    h = open(0);
+    fail_call(CALL_SENDTO, EAGAIN);
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(tmf_geterrno(h), 0);
+}
+
+TEST_F(TmfNet, FirstFailedSendEndsTheRound)
+{
+    const listener reader;
+    make();
+    enter(0, reader.port());
+    enter(5, reader.port());
+    const system_calls_guard guard;
+    h = open(0);
+    fail_call(CALL_SENDTO, ENETDOWN);
+    EXPECT_EQ(write(), -5250);
+    EXPECT_EQ(calls_made(CALL_SENDTO).size(), 1U);
+    EXPECT_EQ(reader.next(), "(none)");
+    fail_call(CALL_SENDTO, ENETDOWN);
+    EXPECT_EQ(tmf_fclose(h), 0) << "a close goes on without its wake-ups";
+    h = nullptr;
+}
+
+TEST_F(TmfNet, FailuresOfTheWaitingSocketHaveTheirTexts)
+{
+    const struct {
+        call_kind kind;
+        int os_errno;
+        int after;
+        int code;
+        const char *text;
+    } rows[] = {
+        {CALL_SOCKET, EMFILE, 0, -5251, "Error #24 on socket() receiving udp data."},
+        {CALL_BIND, EACCES, 0, -5251, "Error #13 on bind() receiving udp data."},
+        {CALL_RECVFROM, EIO, 0, -5251, "Error #5 on recvfrom() receiving udp data."},
+        {CALL_POLL, ENOMEM, 0, -5251, "Error #12 on select() receiving udp data."},
+        {CALL_FCNTL, EIO, 0, -5252, "Error #5 on fcntl() setting non-blocking socket."},
+    };
+    make();
+    for (const auto &row : rows) {
+        const system_calls_guard guard;
+        h = open(TMF_MODE_READ);
+        fail_call(row.kind, row.os_errno, row.after);
+        EXPECT_EQ(readx(), row.code) << row.text;
+        EXPECT_EQ(tmf_geterrno(h), row.code);
+        EXPECT_EQ(message_of(h), row.text);
+        if (row.kind != CALL_RECVFROM && row.kind != CALL_POLL) {
+            EXPECT_EQ(h->receive.socket, 0);
+        }
+        answer_call(CALL_POLL, 0, 0, -1);
+        EXPECT_EQ(readx(), 0) << "the next wait begins anew";
+        EXPECT_EQ(tmf_fclose(h), 0);
+        h = nullptr;
+    }
+}
+
+TEST_F(TmfNet, DatagramThatCannotBeReadAfterTheWaitIsAnError)
+{
+    make();
+    const system_calls_guard guard;
+    h = open(TMF_MODE_READ);
+    answer_call(CALL_POLL, 1, 0, -1);
+    EXPECT_EQ(readx(), -5251) << "poll tells of one that is not there";
+    EXPECT_EQ(message_of(h), "Error #11 on recvfrom() receiving udp data.");
+}
+
+TEST_F(TmfNet, SixteenBytesAreTakenOfADatagramWhateverItHolds)
+{
+    make();
+    const system_calls_guard guard;
+    h = open(TMF_MODE_READ);
+    answer_call(CALL_POLL, 0, 0, -1);
+    EXPECT_EQ(readx(), 0);
+    for (const call_made &call : calls_made(CALL_RECVFROM))
+        EXPECT_EQ(call.a, 16);
+    EXPECT_TRUE(tmfc_valid_msg(nullptr, 0));
+    EXPECT_EQ(tmf_start_net(), 0);
+    EXPECT_EQ(tmf_net_cleanup(), 0);
+}
+
+TEST_F(TmfNet, WaitWithoutALimitUsesABlockingSocket)
+{
+    make();
+    const system_calls_guard guard;
+    h = open(TMF_MODE_READ);
+    answer_call(CALL_RECVFROM, 1);
+    char buf[16];
+    EXPECT_EQ(tmf_udp_recv(h, 0, 0, buf, sizeof(buf)), 1);
+    EXPECT_TRUE(calls_made(CALL_FCNTL).empty());
+    EXPECT_TRUE(calls_made(CALL_POLL).empty());
+    fail_call(CALL_RECVFROM, EAGAIN);
+    EXPECT_EQ(tmf_udp_recv(h, 0, 0, buf, sizeof(buf)), -5251);
+    EXPECT_EQ(tmf_set_nonblocking(h, h->receive.socket, 0), 0);
+    fail_call(CALL_FCNTL, EIO);
+    EXPECT_EQ(tmf_set_nonblocking(h, h->receive.socket, 0), 0) << "only switching on may fail";
+}
