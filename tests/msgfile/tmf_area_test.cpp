@@ -286,6 +286,8 @@ TEST_F(TmfArea, AreaThatIsNoneAnyMoreIsRefused)
         EXPECT_EQ(tmf_fwrite(writer, "x", 1), row.code);
         EXPECT_EQ(tmf_getinfo(writer, 0), row.code);
         EXPECT_SAME_BYTES(bytes_through(writer), before);
+        EXPECT_EQ(writer->common->byte_order_mark, 0xFEFF); // the copy is the last good one
+        EXPECT_EQ(std::string(writer->common->magic, 4), "TM01");
         EXPECT_EQ(holder_of(path, 0, 256), 0);
         ASSERT_EQ(pwrite(writer->fd, good.data(), 256, 0), 256);
     }

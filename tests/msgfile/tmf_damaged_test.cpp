@@ -4,8 +4,10 @@
 #include "tests/msgfile/message_file.h"
 #include "tests/msgfile/system_calls.h"
 
+#include <algorithm>
 #include <climits>
 #include <random>
+#include <string>
 #include <vector>
 
 class TmfDamaged : public MessageFile {
@@ -248,6 +250,8 @@ TEST_F(TmfDamaged, SlotOutsideTheLockAreaHasTheSeeksCode)
         {"readers' slots in the common area", 52, 4, 192, -5241, 0},
         {"lock area at the start", 52, 4, -64, -5241, -5245},
         {"lock area among the records", 52, 4, 4352, -5241, -5245},
+        {"slot that reaches into the records", 52, 4, 4349, -5241, -5245},
+        {"slot just before the records", 52, 4, 4348, 0, -5245},
         {"lock area at the end of numbers", 52, 4, INT_MAX, -5241, -5245},
         {"no room for a reader", 78, 2, 0, -5241, 0},
         {"no room for a writer", 76, 2, 0, 0, -5245},
@@ -313,5 +317,20 @@ TEST_F(TmfDamaged, CloseWritesNoSlotOutsideTheLockArea)
         EXPECT_EQ(tmf_fclose(h), 0);
         EXPECT_EQ(bytes().substr(0, 68), before.substr(0, 68));
         EXPECT_SAME_BYTES(bytes().substr(129), before.substr(129));
+    }
+}
+
+TEST_F(TmfDamaged, CloseUnlocksWhatTheOpenLocked)
+{
+    for (const int mode : {0, 1}) {
+        unlink(path.c_str());
+        tmf_handle *h = open(mode);
+        ASSERT_NE(h, nullptr);
+        const int16_t size = 2;
+        ASSERT_EQ(pwrite(h->fd, &size, 2, mode == 1 ? 78 : 76), 2);
+        forget_calls();
+        EXPECT_EQ(tmf_fclose(h), 0);
+        const std::vector<std::string> calls = calls_as_text();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "unlock 4"), 1);
     }
 }
