@@ -182,13 +182,17 @@ static int wait_readable(int socket, int seconds)
     return poll(&readable, 1, limit);
 }
 
+int tmf_udp_bind(tmf_handle *h, uint16_t port, int seconds)
+{
+    const bool bound = h->receive.socket != 0 && h->receive.port == port;
+    return bound ? 0 : open_receiver(h, port, seconds);
+}
+
 int tmf_udp_recv(tmf_handle *h, uint16_t port, int seconds, void *buf, size_t n)
 {
-    if (h->receive.socket == 0 || h->receive.port != port) {
-        const int code = open_receiver(h, port, seconds);
-        if (code != 0)
-            return code;
-    }
+    const int code = tmf_udp_bind(h, port, seconds);
+    if (code != 0)
+        return code;
     ssize_t got = recvfrom(h->receive.socket, buf, n, 0, nullptr, nullptr);
     if (got >= 0)
         return static_cast<int>(got);

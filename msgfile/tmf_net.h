@@ -30,6 +30,10 @@ int tmf_signal_readers(tmf_handle *h, char kind);
 int tmf_udp_send(tmf_handle *h, const unsigned char addr[4], uint16_t port, const void *buf,
                  size_t n);
 
+// Has the receive socket bound to port before a wait for seconds begins, so that no
+// wake-up of that wait is lost.  0, or the code that tmf_udp_recv would give.
+int tmf_udp_bind(tmf_handle *h, uint16_t port, int seconds);
+
 // Receives a datagram of at most n bytes on port, waiting for seconds (below 1:
 // without limit).  Its length, 0 when the time is over, TMF_EPORTBUSY, TMF_EINTERRUPT, or
 // another code.  The socket stays bound for the next call.

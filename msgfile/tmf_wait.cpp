@@ -76,12 +76,16 @@ int tmf_fread_wait(tmf_handle *h, int flags, int timeout)
     int round = timeout < 1 ? default_round : std::min(timeout, longest_round);
     int64_t remaining = timeout;
     while (r == 0 && !ready) {
+        // The port is there before a writer can see it in the wait list.  One that is
+        // busy is changed in the wait, and announced at the next one.
+        const int bound = tmf_udp_bind(h, h->signal_port, round);
         tmc_add_waitlist(h->common, h->user_id, h->signal_port);
         r = tmf_release_common(h);
         if (r != 0)
             break;
         // Kept: a wake-up costs no time, even when another reader was faster.
-        const int w = tmf_wait(h, &h->signal_port, round);
+        const bool can_wait = bound == 0 || bound == TMF_EPORTBUSY;
+        const int w = can_wait ? tmf_wait(h, &h->signal_port, round) : bound;
         if (w == TMF_WAIT_SIGNAL && (flags & TMF_READ_SIGNAL) != 0)
             r = TMF_ESIGNAL;
         else if (w == TMF_WAIT_TIMEOUT || w == TMF_WAIT_SIGNAL)

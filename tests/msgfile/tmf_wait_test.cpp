@@ -64,11 +64,27 @@ static void send_to(uint16_t port)
     ::close(fd);
 }
 
+// A UDP port that nobody uses at this moment.
+static uint16_t free_port()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in here = {};
+    here.sin_family = AF_INET;
+    socklen_t length = sizeof(here);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&here), length), 0);
+    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&here), &length), 0);
+    ::close(fd);
+    return ntohs(here.sin_port);
+}
+
 class TmfWait : public MessageFile {
   protected:
+    // Other tests wait on the default ports at the same time.
     TmfWait()
     {
         make();
+        store<uint16_t>(92, htons(free_port()));
+        forget_calls();
     }
     ~TmfWait() override
     {
@@ -254,20 +270,41 @@ TEST_F(TmfWait, DeadWriterIsNoReasonToWait)
 
 TEST_F(TmfWait, BusyPortIsChangedAndStoredAtTheNextWait)
 {
+    store<uint16_t>(92, 0);
     reader();
-    fail_call(CALL_BIND, EADDRINUSE);
+    fail_call(CALL_BIND, EADDRINUSE, 0, 2); // before the entry is written, and in the wait
     answer_call(CALL_POLL, 0, 0, -1);
     EXPECT_EQ(readx(1), 0);
     const std::vector<call_made> binds = calls_made(CALL_BIND);
-    ASSERT_GE(binds.size(), 2U);
+    ASSERT_GE(binds.size(), 3U);
     EXPECT_EQ(binds[0].a, 53248);
-    EXPECT_EQ(binds[1].a, 53264);
+    EXPECT_EQ(binds[1].a, 53248);
+    EXPECT_EQ(binds[2].a, 53264);
     EXPECT_EQ(h->signal_port, binds.back().a); // the first free one
-    EXPECT_EQ(bytes_through(h).substr(92, 2), "\xD0" + std::string(1, '\0'));
+    EXPECT_EQ(bytes_through(h).substr(92, 2), std::string("\xD0\0", 2)) << "announced before";
     EXPECT_EQ(readx(1), 0);
     const std::string stored = bytes_through(h).substr(92, 2);
     EXPECT_EQ(static_cast<unsigned char>(stored[0]) << 8 | static_cast<unsigned char>(stored[1]),
               binds.back().a);
+}
+
+TEST_F(TmfWait, PortIsBoundBeforeWritersSeeTheEntry)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    forget_calls();
+    EXPECT_EQ(readx(1), 0);
+    size_t last_bind = 0;
+    size_t entry_written = 0;
+    for (size_t i = 0; i < calls_made().size(); i++) {
+        if (calls_made()[i].kind == CALL_BIND)
+            last_bind = i;
+        if (calls_made()[i].kind == CALL_WRITE)
+            entry_written = i;
+    }
+    if (calls_made(CALL_BIND).size() == 1) { // else the port was busy
+        EXPECT_LT(last_bind, entry_written);
+    }
 }
 
 TEST_F(TmfWait, FifteenBusyPortsEndTheWait)
@@ -278,10 +315,10 @@ TEST_F(TmfWait, FifteenBusyPortsEndTheWait)
     EXPECT_EQ(readx(1), -5264);
     EXPECT_EQ(message_of(h), "Error waiting: UDP port already in use.");
     const std::vector<call_made> binds = calls_made(CALL_BIND);
-    ASSERT_EQ(binds.size(), 15U);
-    EXPECT_EQ(binds[0].a, 55290);
-    EXPECT_EQ(binds[1].a, 53258); // begins again at the range's start
-    EXPECT_EQ(binds[14].a, 53258 + 13 * 16);
+    ASSERT_EQ(binds.size(), 1 + 15U);
+    EXPECT_EQ(binds[1].a, 55290);
+    EXPECT_EQ(binds[2].a, 53258); // begins again at the range's start
+    EXPECT_EQ(binds[15].a, 53258 + 13 * 16);
 }
 
 TEST_F(TmfWait, ErrorsOfTheAreaEndTheWait)
