@@ -14,7 +14,7 @@ static bool held_by_another(int os_errno)
 
 static int lock_by_seek(int fd, off_t offset, off_t length, int command, int code)
 {
-    if (lseek(fd, offset, SEEK_SET) != offset)
+    if (offset < 0 || lseek(fd, offset, SEEK_SET) != offset)
         return TMF_EHANDLE;
     if (lockf(fd, command, length) == 0)
         return 0;

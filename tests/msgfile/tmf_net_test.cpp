@@ -5,6 +5,7 @@
 #include "msgfile/tmf_area.h"
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_wait.h"
+#include "msgfile/tmu.h"
 #include "tests/msgfile/message_file.h"
 #include "tests/msgfile/system_calls.h"
 
@@ -61,7 +62,7 @@ class TmfNet : public MessageFile {
     void enter(int i, uint16_t port) const
     {
         std::string changed = bytes();
-        changed[124 + i / 8] = static_cast<char>(changed[124 + i / 8] | 1 << i % 8);
+        tmu_set_bit(reinterpret_cast<unsigned char *>(changed.data()) + 124, i);
         put_number(changed, 92 + 2 * static_cast<size_t>(i), htons(port));
         write_file(path, changed);
     }
