@@ -1,5 +1,5 @@
-// The file layer under a capture file.  Message files are refused at open until
-// the message-file library is linked in; text files are whole.
+// The file layer under a capture file: message files through the message-file
+// library, text files a line a record.
 #include "capture/ebmf.h"
 
 #include "driver/log.h"
@@ -12,26 +12,32 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-constexpr size_t DETAIL_SIZE = 1024;
-
-// What the detail line says of any message-file call.
-static const char no_message_files[] =
-    "This build writes text capture files only: give -ascii before the file name.";
-
 int32_t fil_open_os_errno;
 
-ebmf *ebmf_fopen(const char *path, int /*tmf_mode*/, uint32_t ascii_flags)
+static ebmf *new_ebmf(uint32_t ascii_flags)
+{
+    auto *file = mem_new<ebmf>();
+    file->is_text = static_cast<int32_t>(ascii_flags);
+    return file;
+}
+
+ebmf *ebmf_fopen(const char *path, int tmf_mode, uint32_t ascii_flags)
 {
     fil_open_os_errno = 0;
-    if (ascii_flags == 0)
-        return nullptr;
+    if (ascii_flags == 0) {
+        tmf_handle *tmfh = tmf_fopen(path, tmf_mode);
+        if (tmfh == nullptr)
+            return nullptr;
+        ebmf *file = new_ebmf(ascii_flags);
+        file->tmfh = tmfh;
+        return file;
+    }
     FILE *fp = fopen(path, "we");
     if (fp == nullptr) {
         fil_open_os_errno = errno;
         return nullptr;
     }
-    auto *file = mem_new<ebmf>();
-    file->is_text = static_cast<int32_t>(ascii_flags);
+    ebmf *file = new_ebmf(ascii_flags);
     file->textfp = fp;
     return file;
 }
@@ -64,7 +70,7 @@ static bool write_text(int fd, const char *text, size_t size)
     return true;
 }
 
-int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
+static int write_line(ebmf *file, char *buffer, int32_t length)
 {
     buffer[length] = '\n';
     buffer[length + 1] = '\0';
@@ -80,52 +86,77 @@ int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
     return 0;
 }
 
+int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)
+{
+    return file->is_text != 0 ? write_line(file, buffer, length)
+                              : tmf_fwrite(file->tmfh, buffer, length);
+}
+
 int ebmf_getfnum(const ebmf *file, int32_t *number)
 {
+    if (file->is_text == 0)
+        return tmf_getinfo(file->tmfh, TMF_INFO_DESCRIPTOR, number, 0);
     *number = fileno(file->textfp);
     return 0;
 }
 
 int ebmf_fclose(ebmf *file)
 {
-    const int rc = fclose(file->textfp);
+    const int rc = file->is_text != 0 ? fclose(file->textfp) : tmf_fclose(file->tmfh);
     free(file);
     return rc;
 }
 
-// Prints the detail, then reports the message in its place.
-__attribute__((format(printf, 2, 0))) static int report(const char *detail, const char *fmt,
-                                                        va_list args)
+void ebmf_detail(const ebmf *file, char *detail)
 {
-    char buf[DETAIL_SIZE];
-    strmcpy(buf, detail, sizeof buf);
-    fprintf(stderr, "CAPERR: %s\n", buf);
-    vsnprintf(buf, sizeof buf, fmt, args);
-    return set_error(buf);
+    if (file == nullptr) {
+        strmcpy(detail, strerror(fil_open_os_errno), EBMF_DETAIL_SIZE);
+        fil_open_os_errno = 0;
+    } else if (file->is_text != 0) {
+        // Kept: nothing sets os_errno, so a failed write reads as error 0.
+        strmcpy(detail, strerror(file->os_errno), EBMF_DETAIL_SIZE);
+    } else {
+        tmf_geterrmsg(file->tmfh, detail);
+    }
 }
 
-int set_error_mf(const void * /*tmfh*/, const char *fmt, ...)
+// Prints the detail and then, from the same buffer, the message.
+__attribute__((format(printf, 2, 0))) static int report(char *detail, const char *fmt, va_list args)
 {
+    fprintf(stderr, "CAPERR: %s\n", detail);
+    vsnprintf(detail, EBMF_DETAIL_SIZE, fmt, args);
+    return set_error(detail);
+}
+
+int set_error_mf(tmf_handle *tmfh, const char *fmt, ...)
+{
+    char buf[EBMF_DETAIL_SIZE];
+    tmf_geterrmsg(tmfh, buf);
     va_list args;
     va_start(args, fmt);
-    const int rc = report(no_message_files, fmt, args);
+    const int rc = report(buf, fmt, args);
     va_end(args);
     return rc;
 }
 
 int set_error_emf(const ebmf *file, const char *fmt, ...)
 {
-    const char *detail;
-    if (file == nullptr) {
-        detail = strerror(fil_open_os_errno);
-        fil_open_os_errno = 0;
-    } else {
-        // Kept: nothing sets os_errno, so a failed write reads as error 0.
-        detail = strerror(file->os_errno);
-    }
+    char buf[EBMF_DETAIL_SIZE];
+    ebmf_detail(file, buf);
     va_list args;
     va_start(args, fmt);
-    const int rc = report(detail, fmt, args);
+    const int rc = report(buf, fmt, args);
+    va_end(args);
+    return rc;
+}
+
+int set_error_detail(const char *detail, const char *fmt, ...)
+{
+    char buf[EBMF_DETAIL_SIZE];
+    strmcpy(buf, detail, sizeof buf);
+    va_list args;
+    va_start(args, fmt);
+    const int rc = report(buf, fmt, args);
     va_end(args);
     return rc;
 }

@@ -1,6 +1,9 @@
 // The size limit of message capture files.
 #include "capture/rollover.h"
 
+#include "capture/capinfo.h"
+#include "capture/ebmf.h"
+#include "capture/rollname.h"
 #include "driver/globals.h"
 #include "driver/log.h"
 
@@ -22,4 +25,69 @@ int32_t get_cap_maxbytes()
     }
     logmsg(LOG_VERBOSE, "Capture file maximum size is %ld bytes.", static_cast<long>(limit));
     return limit;
+}
+
+int cap_open_mode(const capfil *cf)
+{
+    return cf->share_mode == 1 ? TMF_MODE_ALL_USERS : 0;
+}
+
+// A file past 2 GiB shows a negative end.
+static bool within_limit(const capfil *cf, int32_t end)
+{
+    return end >= 0 && end <= cf->maxbytes;
+}
+
+int check_msg_full(capfil *cf)
+{
+    int32_t end = 0;
+    if (tmf_getinfo(cf->fp->tmfh, TMF_INFO_WRITE_OFFSET, &end, 0) != 0) {
+        // Kept: the number shown is 0, not the library's code.
+        return set_error_f("Error %d checking capture file EOF on file %s", 0, cf->name);
+    }
+    if (within_limit(cf, end))
+        return 0;
+    if (cf->rollover == 0)
+        return set_error_f("Capture file %s is full.", cf->name);
+    logmsg(LOG_NOTICE, "Capture file %s is full.", cf->name);
+    return cap_rollover(cf);
+}
+
+int cap_check_eof(capfil *cf)
+{
+    if (cf->ascii_flags != 0)
+        return 0;
+    int32_t end = 0;
+    const int rc = tmf_finfo(cf->fp->tmfh, TMF_FINFO_RECORD_END, &end, sizeof end);
+    if (rc != 0)
+        return set_error_f("Error %d getting capture file EOF on file %s", rc, cf->name);
+    if (within_limit(cf, end))
+        return 0;
+    if (cf->rollover == 0)
+        return set_error_f("End of file on capture file %s", cf->name);
+    return cap_rollover(cf);
+}
+
+int cap_rollover(capfil *cf)
+{
+    // Closing releases the handle in any case, and with it what it can tell.
+    char detail[EBMF_DETAIL_SIZE];
+    ebmf_detail(cf->fp, detail);
+    int rc = ebmf_fclose(cf->fp);
+    cf->fp = nullptr;
+    if (rc != 0)
+        return set_error_detail(detail, "Error closing capture file %s for rollover.", cf->name);
+    logmsg(LOG_VERBOSE, "Closed capture file %s for rollover.", cf->name);
+
+    char *next = rollover_fname(cf->name);
+    if (next == nullptr)
+        return set_error_f("Unable to find available rollover file for %s", cf->name);
+    free(cf->name);
+    cf->name = next;
+    cf->fp = ebmf_fopen(cf->name, cap_open_mode(cf), cf->ascii_flags);
+    if (cf->fp == nullptr)
+        return set_error_mf(nullptr, "Error opening capture file %s for rollover.", cf->name);
+    rc = ebmf_getfnum(cf->fp, &cf->fnum);
+    logmsg(LOG_NOTICE, "Rolled over to capture file %s", cf->name);
+    return rc;
 }

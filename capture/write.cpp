@@ -7,6 +7,7 @@
 #include "capture/dsetpat.h"
 #include "capture/ebmf.h"
 #include "capture/header.h"
+#include "capture/rollover.h"
 #include "capture/stats.h"
 #include "driver/dump.h"
 #include "driver/globals.h"
@@ -18,9 +19,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-
-// Mode of a message file that all users may write.
-constexpr int TMF_MODE_SHARED = 8;
 
 constexpr int MAX_IMAGES = 2;
 
@@ -185,6 +183,8 @@ int cap_write_buf(capfil *cf, int32_t length)
     int rc = ebmf_fwrite(cf->fp, cf->recbuf, length);
     if (rc != 0)
         rc = set_error_emf(cf->fp, "Error writing to capture file: %s", cf->name);
+    else
+        rc = cap_check_eof(cf);
     // Kept: a failed attempt counts too; the header's sequence number goes on.
     count_one(cf->nwritten);
     return rc;
@@ -192,7 +192,7 @@ int cap_write_buf(capfil *cf, int32_t length)
 
 int cap_open_capture_file(capfil *cf)
 {
-    const int mode = cf->share_mode == 1 ? TMF_MODE_SHARED : 0;
+    const int mode = cap_open_mode(cf);
     cf->fp = ebmf_fopen(cf->name, mode, cf->ascii_flags);
     if (cf->fp == nullptr) {
         if (cf->ascii_flags == 0)
@@ -200,10 +200,12 @@ int cap_open_capture_file(capfil *cf)
         return set_error_emf(nullptr, "Error opening ASCII capture file: %s", cf->name);
     }
     const int rc = ebmf_getfnum(cf->fp, &cf->fnum);
-    if (mode == TMF_MODE_SHARED)
+    if (mode == TMF_MODE_ALL_USERS)
         logmsg(LOG_VERBOSE, "Opened capture file %s in shr mode, #%d", cf->name, cf->fnum);
     else
         logmsg(LOG_VERBOSE, "Opened capture file %s, #%d", cf->name, cf->fnum);
+    if (rc == 0 && cf->ascii_flags == 0)
+        return check_msg_full(cf);
     return rc;
 }
 

@@ -1,4 +1,4 @@
-// The file layer under a capture file: text files and error details.
+// The file layer under a capture file: text files, message files, error details.
 #include "capture/ebmf.h"
 
 #include "capture/capinfo.h"
@@ -135,12 +135,52 @@ TEST(Ebmf, MessageFileThatCannotBeOpenedIsNoTextFileError)
     fil_open_os_errno = ENOSPC;
     EXPECT_EQ(nullptr, ebmf_fopen(dir.file("no/f").c_str(), 0, 0));
     EXPECT_EQ(0, fil_open_os_errno);
-    const captured printed =
+    captured printed =
         capture([] { EXPECT_EQ(-1, set_error_mf(nullptr, "Trouble with %s", "f")); });
-    const size_t line_end = printed.err.find('\n');
-    EXPECT_EQ("CAPERR: ", printed.err.substr(0, 8));
-    EXPECT_LT(8U, line_end) << "there is a detail";
-    EXPECT_EQ("Trouble with f\n", printed.err.substr(line_end + 1));
+    EXPECT_EQ("CAPERR: Error opening file: No such file or directory\nTrouble with f\n",
+              printed.err);
+    printed = capture([] { set_error_mf(nullptr, "Again"); });
+    EXPECT_EQ("CAPERR: Error opening file: \nAgain\n", printed.err)
+        << "the system's text is told once";
+}
+
+TEST(Ebmf, MessageFileTakesRecordsAndTellsItsDescriptor)
+{
+    const tempdir dir;
+    ebmf *file = ebmf_fopen(dir.file("f").c_str(), 0, 0);
+    ASSERT_NE(nullptr, file);
+    EXPECT_EQ(0, file->is_text);
+    EXPECT_EQ(nullptr, file->textfp);
+    int32_t number = -1;
+    EXPECT_EQ(0, ebmf_getfnum(file, &number));
+    EXPECT_EQ(0, fcntl(number, F_GETFL) & O_WRONLY);
+    char record[] = "abcdef";
+    EXPECT_EQ(0, ebmf_fwrite(file, record, 3));
+    EXPECT_STREQ("abcdef", record) << "nothing goes behind a message record";
+    EXPECT_EQ(std::string("\0\x09\0\x11"
+                          "abc"
+                          "\0\x09\xFF\xFF",
+                          11),
+              read_file(dir.file("f")).substr(4352));
+    EXPECT_EQ(0, ebmf_fclose(file));
+}
+
+TEST(Ebmf, MessageFileErrorsShowTheLibrarysText)
+{
+    const tempdir dir;
+    ebmf *file = ebmf_fopen(dir.file("f").c_str(), 0, 0);
+    ASSERT_NE(nullptr, file);
+    char record[] = "";
+    EXPECT_EQ(TMF_ERECORD_SIZE, ebmf_fwrite(file, record, 0));
+    captured printed = capture([&] { EXPECT_EQ(-1, set_error_emf(file, "Trouble with %s", "f")); });
+    EXPECT_EQ("CAPERR: Invalid record size.\nTrouble with f\n", printed.err);
+    printed = capture([&] { EXPECT_EQ(-1, set_error_mf(file->tmfh, "%d", 7)); });
+    EXPECT_EQ("CAPERR: Invalid record size.\n7\n", printed.err);
+    int32_t number = -1;
+    ASSERT_EQ(0, ebmf_getfnum(file, &number));
+    close(number);
+    EXPECT_NE(0, ebmf_getfnum(file, &number));
+    EXPECT_EQ(TMF_EHANDLE, ebmf_fclose(file));
 }
 
 TEST(Ebmf, FailedWriteReadsAsErrorZero)

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <set>
 #include <sstream>
 
 constexpr int HEADER_SIZE = 62;
+constexpr int MESSAGE_HEADER_SIZE = 141; // with year, session and record number
 
 static const std::map<std::string, std::vector<std::string>> table_keys = {
     {"depot.items", {"ITEM-NO"}},       {"depot.stock", {"DEPOT-NO", "ITEM-NO"}},
@@ -140,37 +142,48 @@ static void put_in(replay &state, replay_table &table, const std::string &row,
         state.errors.push_back("row is there already: " + line);
 }
 
+// The table that a record's header names; null when there is none.
+static replay_table *table_of(replay &state, const std::string &record)
+{
+    const auto found = state.tables.find(
+        to_table_name(trimmed(record.substr(6, 24)), trimmed(record.substr(30, 16))));
+    if (found == state.tables.end()) {
+        state.errors.push_back("unknown dataset: " + record);
+        return nullptr;
+    }
+    return &found->second;
+}
+
+// Applies a change; body has the columns of its image or images.
+static void apply(replay &state, replay_table &table, const std::string &op,
+                  const std::string &body, const std::string &record)
+{
+    const auto width = static_cast<size_t>(replay_width(table));
+    if (body.size() != (op == "IU" ? 2 * width : width)) {
+        state.errors.push_back("wrong length: " + record);
+        return;
+    }
+    if (op == "IP") {
+        put_in(state, table, body, record);
+    } else if (op == "ID") {
+        take_out(state, table, body, record);
+    } else if (op == "IU") {
+        take_out(state, table, body.substr(0, width), record);
+        put_in(state, table, body.substr(width), record);
+    } else {
+        state.errors.push_back("unknown operation: " + record);
+    }
+    table.changes++;
+}
+
 void replay_line(replay &state, const std::string &line)
 {
     if (line.size() < HEADER_SIZE) {
         state.errors.push_back("short record: " + line);
         return;
     }
-    const auto found =
-        state.tables.find(to_table_name(trimmed(line.substr(6, 24)), trimmed(line.substr(30, 16))));
-    if (found == state.tables.end()) {
-        state.errors.push_back("unknown dataset: " + line);
-        return;
-    }
-    replay_table &table = found->second;
-    const std::string op = line.substr(60, 2);
-    const std::string body = line.substr(HEADER_SIZE);
-    const auto width = static_cast<size_t>(replay_width(table));
-    if (body.size() != (op == "IU" ? 2 * width : width)) {
-        state.errors.push_back("wrong length: " + line);
-        return;
-    }
-    if (op == "IP") {
-        put_in(state, table, body, line);
-    } else if (op == "ID") {
-        take_out(state, table, body, line);
-    } else if (op == "IU") {
-        take_out(state, table, body.substr(0, width), line);
-        put_in(state, table, body.substr(width), line);
-    } else {
-        state.errors.push_back("unknown operation: " + line);
-    }
-    table.changes++;
+    if (replay_table *table = table_of(state, line))
+        apply(state, *table, line.substr(60, 2), line.substr(HEADER_SIZE), line);
 }
 
 void replay_file(replay &state, const std::string &path)
@@ -323,6 +336,102 @@ static std::string expected_row(const replay_table &table,
         row += nulls;
     return row;
 }
+
+// ---- images
+
+static int64_t whole_number(const std::string &bytes)
+{
+    uint64_t value = 0;
+    for (size_t i = bytes.size(); i-- > 0;)
+        value = value << 8 | static_cast<unsigned char>(bytes[i]);
+    const auto unused = static_cast<int>(64 - 8 * bytes.size());
+    return static_cast<int64_t>(value << unused) >> unused;
+}
+
+template <typename T> static T real_number(const std::string &bytes)
+{
+    T value = 0;
+    if (bytes.size() == sizeof value)
+        memcpy(&value, bytes.data(), sizeof value);
+    return value;
+}
+
+// Two digits a byte, the last half byte a sign: D is minus.
+static std::string packed_number(const std::string &bytes)
+{
+    std::string digits;
+    for (const char c : bytes) {
+        digits += "0123456789ABCDEF"[static_cast<unsigned char>(c) >> 4];
+        digits += "0123456789ABCDEF"[c & 15];
+    }
+    const char sign = digits.back() == 'D' ? '-' : '+';
+    digits.pop_back();
+    return sign + digits;
+}
+
+// The text column of one element of an image.
+static std::string image_column(const replay_item &item, const std::string &bytes)
+{
+    char buf[64];
+    switch (item.type) {
+    case 'E':
+        if (item.size == 4)
+            snprintf(buf, sizeof buf, "%15.7G", static_cast<double>(real_number<float>(bytes)));
+        else
+            snprintf(buf, sizeof buf, "%25.12G", real_number<double>(bytes));
+        return buf;
+    case 'I':
+        return right(std::to_string(whole_number(bytes)), column_width(item));
+    case 'P':
+        return packed_number(bytes);
+    default: {
+        std::string text = bytes;
+        for (char &c : text)
+            c = c < 0x20 || c > 0x7E ? '~' : c;
+        return text;
+    }
+    }
+}
+
+// The columns of one image, which is taken off the front of bytes.
+static std::string image_row(const replay_table &table, std::string &bytes)
+{
+    std::string row;
+    for (const replay_item &item : table.items) {
+        for (int i = 0; i < item.count; i++) {
+            const auto size = static_cast<size_t>(item.size);
+            if (bytes.size() < size)
+                return "";
+            row += image_column(item, bytes.substr(0, size));
+            bytes.erase(0, size);
+        }
+    }
+    return row;
+}
+
+void replay_message(replay &state, const std::string &record)
+{
+    if (record.size() < MESSAGE_HEADER_SIZE) {
+        state.errors.push_back("short record: " + record);
+        return;
+    }
+    replay_table *table = table_of(state, record);
+    if (table == nullptr)
+        return;
+    std::string images = record.substr(MESSAGE_HEADER_SIZE);
+    std::string body;
+    while (!images.empty()) {
+        const std::string row = image_row(*table, images);
+        body += row;
+        if (row.empty()) {
+            state.errors.push_back("image of a wrong length: " + record);
+            return;
+        }
+    }
+    apply(state, *table, record.substr(62, 2), body, record);
+}
+
+// ---- final contents
 
 void replay_compare(replay &state, const std::string &final_csv)
 {

@@ -1,6 +1,6 @@
 // Replays capture records of the order-entry example into tables held in memory
 // and compares them with the database's final contents.  A second, naive reading
-// of the column formats: rows are kept as the text of their columns.
+// of the column and image formats: rows are kept as the text of their columns.
 #ifndef TESTS_SUPPORT_REPLAY_H
 #define TESTS_SUPPORT_REPLAY_H
 
@@ -42,6 +42,10 @@ void replay_line(replay &state, const std::string &line);
 
 // Applies every line of a capture file; line ends belong to no record.
 void replay_file(replay &state, const std::string &path);
+
+// Applies one message record whose header has the fields of -exthdr -yyyy -recnum
+// and whose images are as the log has them, numbers in little-endian order.
+void replay_message(replay &state, const std::string &record);
 
 // Compares all tables with the final contents; what differs goes to errors.
 void replay_compare(replay &state, const std::string &final_csv);
