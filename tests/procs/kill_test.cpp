@@ -1,9 +1,11 @@
 // Kestro killed at random moments while it follows a growing log, and started
 // again: nothing is lost, and at most the record in hand is written twice.
+#include "msgfile/tmf.h"
 #include "tests/procs/growing_log.h"
 
 #include <algorithm>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
 #include <sys/wait.h>
@@ -53,44 +55,64 @@ static std::vector<int> record_numbers(const std::string &path)
     return numbers;
 }
 
-TEST(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
-{
-    const tempdir dir;
-    write_config(dir, "64K"); // many small files, so that kills meet crossings too
-    int stop[2];
-    ASSERT_EQ(pipe2(stop, O_NONBLOCK | O_CLOEXEC), 0);
-    const pid_t writer = start_writer(dir, stop);
-    ASSERT_TRUE(poll_until([&] { return access(dir.file("log").c_str(), F_OK) == 0; }));
+// A growing log, and Kestro killed at random moments while it follows it.
+class KillTest : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        write_config(dir, "64K"); // many small files, so that kills meet crossings too
+        ASSERT_EQ(pipe2(stop, O_NONBLOCK | O_CLOEXEC), 0);
+        writer = start_writer(dir, stop);
+        ASSERT_TRUE(poll_until([&] { return access(dir.file("log").c_str(), F_OK) == 0; }));
+        options.directory = dir.path();
+    }
 
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    run_setup options;
-    options.directory = dir.path();
-
-    std::vector<std::string> files;
-    for (int round = 0; round < ROUNDS; round++) {
-        files.push_back(dir.file("cap" + std::to_string(round) + ".txt"));
-        const std::vector<std::string> argv = {kestro, "-ascii", "-recnum", files.back()};
+    // Starts a capture and kills it: half of the times at any moment of its start, the
+    // others when it has captured something.
+    void run_and_kill(int round, const std::vector<std::string> &argv,
+                      const std::function<bool()> &begun)
+    {
         const pid_t pid = start_program(argv, options, "", dir.file("err"));
-        // Half of the kills come at any moment of the start, the others when
-        // records are being written.
         if (round % 2 == 0) {
-            ASSERT_TRUE(poll_until([&] { return !record_numbers(files.back()).empty(); }))
-                << read_file(dir.file("err"));
+            ASSERT_TRUE(poll_until(begun)) << read_file(dir.file("err"));
         }
         usleep(static_cast<useconds_t>(random() % 20000));
         kill(pid, SIGKILL);
         ASSERT_EQ(wait_program(pid), 128 + SIGKILL) << read_file(dir.file("err"));
     }
 
-    close(stop[1]);
-    ASSERT_EQ(wait_program(writer), 0);
-    close(stop[0]);
+    // Stops the writer and captures the rest of the log.
+    void finish(const std::vector<std::string> &argv)
+    {
+        close(stop[1]);
+        ASSERT_EQ(wait_program(writer), 0);
+        close(stop[0]);
+        const run_result last = run_program(argv, options);
+        ASSERT_EQ(last.status, 0) << last.err;
+    }
+
+    tempdir dir;
+    run_setup options;
+    std::vector<std::string> files;
+    unsigned seed = std::random_device{}();
+    std::mt19937 random{seed};
+
+  private:
+    int stop[2] = {-1, -1};
+    pid_t writer = -1;
+};
+
+TEST_F(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
+{
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    for (int round = 0; round < ROUNDS; round++) {
+        files.push_back(dir.file("cap" + std::to_string(round) + ".txt"));
+        ASSERT_NO_FATAL_FAILURE(
+            run_and_kill(round, {kestro, "-ascii", "-recnum", files.back()},
+                         [&] { return !record_numbers(files.back()).empty(); }));
+    }
     files.push_back(dir.file("last.txt"));
-    const run_result last =
-        run_program({kestro, "-synconly", "-ascii", "-recnum", files.back()}, options);
-    ASSERT_EQ(last.status, 0) << last.err;
+    ASSERT_NO_FATAL_FAILURE(finish({kestro, "-synconly", "-ascii", "-recnum", files.back()}));
 
     int newest = 0;
     for (const std::string &file : files) {
@@ -104,4 +126,45 @@ TEST(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
         }
     }
     EXPECT_EQ(std::to_string(newest), read_file(dir.file("written")));
+}
+
+// Record numbers in a message file with -recnum; all of them stay in it.
+static std::vector<int> message_numbers(const std::string &path)
+{
+    std::vector<int> numbers;
+    tmf_handle *reader =
+        tmf_fopen(path.c_str(), TMF_MODE_READ | TMF_MODE_EXCLUSIVE | TMF_MODE_COPY);
+    std::string buffer(TMF_MAX_DATA, '\0');
+    int n = 0;
+    while ((n = tmf_fread(reader, buffer.data(), TMF_MAX_DATA, 0)) > 0)
+        numbers.push_back(atoi(buffer.substr(62, 15).c_str()));
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(tmf_fclose(reader), 0);
+    return numbers;
+}
+
+TEST_F(KillTest, OneMessageFileOutlivesAllKills)
+{
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    files = {dir.file("cap.msg")};
+    const std::vector<std::string> argv = {kestro, "-recnum", files[0]};
+    for (int round = 0; round < ROUNDS; round++) {
+        const size_t before = read_file(files[0]).size();
+        ASSERT_NO_FATAL_FAILURE(
+            run_and_kill(round, argv, [&] { return read_file(files[0]).size() > before + 5000; }));
+    }
+    ASSERT_NO_FATAL_FAILURE(finish({kestro, "-synconly", "-recnum", files[0]}));
+
+    int newest = 0;
+    int repeated = 0;
+    for (const int number : message_numbers(files[0])) {
+        if (number == newest) {
+            repeated++;
+            continue;
+        }
+        ASSERT_EQ(number, newest + 1);
+        newest = number;
+    }
+    EXPECT_EQ(std::to_string(newest), read_file(dir.file("written")));
+    EXPECT_LE(repeated, ROUNDS) << "at most the record in hand at each kill";
 }
