@@ -1,11 +1,14 @@
 // Changes per second through Kestro for a backlog in the forward log into one
-// text capture file, and its peak memory, beside a loop that does nothing but
-// one write of the same bytes per record.  The two run in turn; the ratio of the
-// medians is what to quote.
+// capture file, text or message file, and its peak memory, beside a loop that does
+// nothing but the file's own work for the same records: one write a line, or the
+// five system calls of a message file's append.  The two run in turn; the ratio of
+// the medians is what to quote.
 //
 // usage: capture_bench [CHANGES [ROUNDS]]
+#include "bench/message_queue.h"
 #include "fwutil/fwu_writer.h"
 #include "fwutil/fwutil.h"
+#include "msgfile/tmf.h"
 
 #include <algorithm>
 #include <chrono>
@@ -15,7 +18,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -129,45 +131,71 @@ template <typename F> static measure run_child(F body)
     return {since(begin), usage.ru_maxrss};
 }
 
-static measure run_kestro(const std::string &kestro, const std::string &directory)
+static measure run_kestro(const std::string &kestro, const std::string &directory, bool text)
 {
     fs::remove(directory + "/fwutil.status");
-    fs::remove(directory + "/capture.txt");
+    fs::remove(directory + "/capture");
     return run_child([&] {
         if (chdir(directory.c_str()) != 0 || freopen("/dev/null", "w", stdout) == nullptr)
             _exit(1);
-        execl(kestro.c_str(), "Kestro", "-synconly", "-ascii", "capture.txt", nullptr);
+        if (text)
+            execl(kestro.c_str(), "Kestro", "-synconly", "-ascii", "capture", nullptr);
+        execl(kestro.c_str(), "Kestro", "-synconly", "capture", nullptr);
         _exit(127);
     });
 }
 
-static std::string read_all(const std::string &file)
+// The records of a capture file, lines with their ends.
+static std::vector<std::string> records_of(const std::string &file, bool text)
 {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::vector<std::string> records;
+    if (text) {
+        std::ifstream in(file, std::ios::binary);
+        for (std::string line; std::getline(in, line);)
+            records.push_back(line + '\n');
+        return records;
+    }
+    tmf_handle *reader =
+        tmf_fopen(file.c_str(), TMF_MODE_READ | TMF_MODE_EXCLUSIVE | TMF_MODE_COPY);
+    std::string buffer(TMF_MAX_DATA, '\0');
+    for (int n = 0; (n = tmf_fread(reader, buffer.data(), TMF_MAX_DATA, 0)) > 0;)
+        records.push_back(buffer.substr(0, static_cast<size_t>(n)));
+    (void)tmf_fclose(reader); // nothing was changed
+    return records;
 }
 
-// The bare loop: the same lines, one write each, nothing else.  Only the writing
-// counts; the child has read the lines before and tells how long it took.
-static measure run_loop(const std::string &lines, const std::string &file)
+static bool write_lines(const std::vector<std::string> &lines, const std::string &file)
+{
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    for (const std::string &line : lines)
+        if (write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+            return false;
+    return close(fd) == 0;
+}
+
+static bool append_messages(const std::vector<std::string> &records, const std::string &file)
+{
+    void *queue = least_queue.open(file.c_str(), false);
+    for (const std::string &record : records)
+        least_queue.append(queue, record.data(), static_cast<int>(record.size()));
+    least_queue.close(queue);
+    return true;
+}
+
+// The bare loop: the same records, nothing else.  Only the writing counts; the child
+// has read them before and tells how long it took.
+static measure run_loop(const std::string &captured, const std::string &file, bool text)
 {
     fs::remove(file);
     int fds[2];
     if (pipe(fds) != 0)
         fail("cannot make a pipe");
     measure result = run_child([&] {
-        const std::string bytes = read_all(lines);
+        const std::vector<std::string> records = records_of(captured, text);
         const auto begin = bench_clock::now();
-        const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-        for (size_t at = 0; at < bytes.size();) {
-            const size_t end = bytes.find('\n', at) + 1;
-            if (write(fd, bytes.data() + at, end - at) != static_cast<ssize_t>(end - at))
-                _exit(1);
-            at = end;
-        }
-        const bool closed = close(fd) == 0;
+        const bool done = text ? write_lines(records, file) : append_messages(records, file);
         const double seconds = since(begin);
-        _exit(closed && write(fds[1], &seconds, sizeof seconds) == sizeof seconds ? 0 : 1);
+        _exit(done && write(fds[1], &seconds, sizeof seconds) == sizeof seconds ? 0 : 1);
     });
     if (read(fds[0], &result.seconds, sizeof result.seconds) != sizeof result.seconds)
         fail("the loop did not tell its time");
@@ -183,35 +211,31 @@ static double median(std::vector<measure> runs)
     return runs[runs.size() / 2].seconds;
 }
 
-static void bench(const std::string &kestro, const std::string &directory, int changes, int rounds)
+static void bench(const std::string &kestro, const std::string &directory, int changes, int rounds,
+                  bool text)
 {
-    run_child([&] {
-        make_log(directory, changes);
-        _exit(0);
-    });
-    const std::string lines = directory + "/lines.txt";
-    run_kestro(kestro, directory);
-    fs::rename(directory + "/capture.txt", lines);
-    run_child([&] {
-        const std::string bytes = read_all(lines);
-        _exit(std::count(bytes.begin(), bytes.end(), '\n') == changes ? 0 : 1);
-    });
+    const std::string sample = directory + "/captured";
+    run_kestro(kestro, directory, text);
+    fs::rename(directory + "/capture", sample);
+    run_child(
+        [&] { _exit(records_of(sample, text).size() == static_cast<size_t>(changes) ? 0 : 1); });
 
     std::vector<measure> captures;
     std::vector<measure> loops;
     for (int round = 0; round < rounds; round++) {
-        captures.push_back(run_kestro(kestro, directory));
-        loops.push_back(run_loop(lines, directory + "/loop.txt"));
+        captures.push_back(run_kestro(kestro, directory, text));
+        loops.push_back(run_loop(sample, directory + "/loop", text));
     }
     long peak = 0;
     for (const measure &m : captures)
         peak = std::max(peak, m.peak_kib);
     const double capture = median(captures);
     const double loop = median(loops);
-    printf("%9d changes, %5.1f bytes a record: Kestro %9.0f changes/s, loop %9.0f writes/s, "
+    printf("%-7s %9d changes, %5.1f bytes a record: Kestro %9.0f changes/s, loop %9.0f records/s, "
            "ratio %.2f, peak %ld KiB\n",
-           changes, static_cast<double>(fs::file_size(lines)) / changes, changes / capture,
-           changes / loop, loop / capture, peak);
+           text ? "text" : "message", changes, static_cast<double>(fs::file_size(sample)) / changes,
+           changes / capture, changes / loop, loop / capture, peak);
+    fflush(stdout);
 }
 
 int main(int argc, char **argv)
@@ -230,7 +254,12 @@ int main(int argc, char **argv)
     for (const int n : {changes / 10, changes}) {
         const std::string part = directory + "/" + std::to_string(n);
         fs::create_directory(part);
-        bench(kestro, part, n, rounds);
+        run_child([&] {
+            make_log(part, n);
+            _exit(0);
+        });
+        for (const bool text : {true, false})
+            bench(kestro, part, n, rounds, text);
     }
     fs::remove_all(directory);
     return 0;
