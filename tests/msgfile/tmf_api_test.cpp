@@ -1,5 +1,6 @@
 // The public calls' own promises: facts, null handles, calls that do nothing.
 #include "tests/msgfile/message_file.h"
+#include "tests/msgfile/other_process.h"
 #include "tests/msgfile/system_calls.h"
 
 #include <cerrno>
@@ -63,6 +64,52 @@ TEST_F(TmfApi, InfoFailsWithTheAreasCodes)
     fail_call(CALL_READ, EIO);
     EXPECT_EQ(tmf_getinfo(h, 1, &records, 0), -5220);
     EXPECT_EQ(records, -1);
+    EXPECT_EQ(tmf_fclose(h), 0);
+}
+
+// The purge changes the file, so that its end may fail when all is stored.
+TEST_F(TmfApi, InfoThatPurgesHasThePurgesAndTheReleasesCodes)
+{
+    const struct {
+        const char *name;
+        void (*plan)();
+        int last_item;
+        int code;
+        bool stored;
+    } rows[] = {
+        {"test of a slot", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, 0, -5238, false},
+        {"write of the area", [] { fail_call(CALL_WRITE, EIO, 1); }, 0, -5222, true},
+        {"short write of it", [] { answer_call(CALL_WRITE, 255, 1); }, 0, -5223, true},
+        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, 0, -5239, true},
+        {"unknown item, and the write", [] { fail_call(CALL_WRITE, EIO, 1); }, 6, -5259, true},
+    };
+    for (const auto &row : rows) {
+        unlink(path.c_str());
+        other_user dying(path, 0);
+        tmf_handle *h = open(TMF_MODE_READ);
+        ASSERT_NE(h, nullptr);
+        dying.kill();
+        const system_calls_guard guard;
+        int writers = -1;
+        row.plan();
+        EXPECT_EQ(tmf_getinfo(h, 3, &writers, row.last_item), row.code) << row.name;
+        EXPECT_EQ(writers, row.stored ? 0 : -1) << row.name;
+        EXPECT_EQ(tmf_geterrno(h), 0) << row.name;
+        EXPECT_EQ(tmf_getinfo(h, 3, &writers, 0), 0) << row.name;
+        EXPECT_EQ(writers, 0) << row.name;
+        EXPECT_EQ(tmf_fclose(h), 0);
+    }
+}
+
+TEST_F(TmfApi, UnknownItemDoesNotKeepThePurgeFromTheFile)
+{
+    other_user dying(path, 0);
+    tmf_handle *h = open(TMF_MODE_READ);
+    ASSERT_NE(h, nullptr);
+    dying.kill();
+    EXPECT_EQ(tmf_getinfo(h, 6), -5259);
+    EXPECT_EQ(number_at<int16_t>(bytes_through(h), 70), 0);
+    EXPECT_EQ(holder_of(path, 0, 256), 0);
     EXPECT_EQ(tmf_fclose(h), 0);
 }
 

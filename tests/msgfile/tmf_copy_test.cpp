@@ -1,7 +1,10 @@
 // Copy mode: all records are read and none is removed.
 #include "tests/msgfile/message_file.h"
 #include "tests/msgfile/other_process.h"
+#include "tests/msgfile/records.h"
 #include "tests/msgfile/system_calls.h"
+
+#include <cerrno>
 
 static constexpr int copy_mode = TMF_MODE_READ | TMF_MODE_EXCLUSIVE | TMF_MODE_COPY;
 
@@ -81,4 +84,74 @@ TEST_F(TmfCopy, FailedLockStillPassesARecord)
     EXPECT_EQ(read(h), "-5236");
     EXPECT_EQ(read(h), "two") << "the copy read last told where the first one was";
     EXPECT_EQ(tmf_fclose(h), 0);
+}
+
+TEST_F(TmfCopy, CopyBeginsAtTheOldestRecordAndEachHandleAnew)
+{
+    make({"gone", "one", "two"});
+    {
+        const opened_file reader(path, TMF_MODE_READ);
+        EXPECT_EQ(read_record(reader, 9), whole("gone"));
+    }
+    for (int i = 0; i < 2; i++) {
+        const opened_file copier(path, copy_mode);
+        EXPECT_EQ(read_record(copier, 9), whole("one"));
+        EXPECT_EQ(read_record(copier, 9), whole("two"));
+        EXPECT_EQ(read_record(copier, 9), whole(""));
+    }
+    EXPECT_EQ(positions_in(bytes()), (positions{2, 4362, 4380, 4380}));
+}
+
+TEST_F(TmfCopy, ReaderMayTakeTheRecordsOnceTheCopyIsClosed)
+{
+    make({"one"});
+    {
+        const opened_file copier(path, copy_mode);
+        EXPECT_EQ(open_elsewhere(path, TMF_MODE_READ), -5260);
+        EXPECT_EQ(open_elsewhere(path, 0), 0);
+        EXPECT_EQ(write_record(copier, "x"), -5230);
+        EXPECT_EQ(read_record(copier, 9), whole("one"));
+    }
+    const opened_file reader(path, TMF_MODE_READ);
+    EXPECT_EQ(read_record(reader, 9), whole("one"));
+}
+
+TEST_F(TmfCopy, FailedReadStaysAtItsRecord)
+{
+    make({"one", std::string(2000, 't')});
+    const system_calls_guard guard;
+    const opened_file copier(path, copy_mode);
+    EXPECT_EQ(read_record(copier, 9), whole("one"));
+    const struct {
+        const char *name;
+        void (*plan)();
+        int code;
+    } rows[] = {
+        {"memory", [] { fail_call(CALL_MALLOC, ENOMEM); }, -5234},
+        {"read", [] { fail_call(CALL_PREAD, EIO, 1); }, -5228},
+        {"read of five bytes", [] { answer_call(CALL_PREAD, 5, 1); }, -5229},
+        {"read of nothing", [] { answer_call(CALL_PREAD, 0, 1); }, -5229},
+        {"read short of the data", [] { answer_call(CALL_PREAD, 2003, 1); }, -5229},
+    };
+    for (const auto &row : rows) {
+        row.plan();
+        EXPECT_EQ(read_record(copier, 2000), (record_read{row.code, ""})) << row.name;
+        EXPECT_EQ(tmf_geterrno(copier), row.code) << row.name;
+        EXPECT_EQ(copier->copy_count, 1) << row.name;
+        EXPECT_EQ(copier->copy_offset, 4361) << row.name;
+        EXPECT_EQ(copier->last_record_end, 4352) << row.name;
+    }
+    EXPECT_EQ(read_record(copier, 2000), whole(std::string(2000, 't')));
+    EXPECT_EQ(positions_of(copier).records, 2);
+}
+
+TEST_F(TmfCopy, UnlockThatFailsBehindACopiedRecordHasItsCode)
+{
+    make({"one", "two"});
+    const system_calls_guard guard;
+    const opened_file copier(path, copy_mode);
+    EXPECT_EQ(read_record(copier, 9), whole("one"));
+    fail_call(CALL_FCNTL, ENOLCK, 1);
+    EXPECT_EQ(tmf_fread(copier, nullptr, 0, 0), -5239);
+    EXPECT_EQ(read_record(copier, 9), whole("")); // the record was read
 }
