@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <memory>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <vector>
@@ -43,6 +44,24 @@ struct pipe_ends {
             ::close(fd[end]);
         fd[end] = -1;
     }
+    // Everything up to the end, or so many bytes.
+    std::string read_all(size_t most = SIZE_MAX)
+    {
+        std::string got;
+        char piece[4096];
+        while (got.size() < most) {
+            const ssize_t n = ::read(fd[0], piece, std::min(sizeof piece, most - got.size()));
+            if (n <= 0)
+                break;
+            got.append(piece, static_cast<size_t>(n));
+        }
+        return got;
+    }
+    int bytes_inside() const
+    {
+        int n = 0;
+        return ioctl(fd[0], FIONREAD, &n) == 0 ? n : -1;
+    }
     int fd[2];
 };
 
@@ -54,59 +73,101 @@ class TmfTool : public MessageFile {
         argv.insert(argv.end(), words.begin(), words.end());
         return argv;
     }
-    static run_result tmf(const std::vector<std::string> &words, const std::string &input = "")
+    // Runs it to its end.
+    run_result tmf(const std::vector<std::string> &words, const std::string &input = "") const
     {
-        run_setup setup;
-        setup.input = input;
-        return run_program(command(words), setup);
+        write_file(dir.file("run-in"), input);
+        const int in = ::open(dir.file("run-in").c_str(), O_RDONLY | O_CLOEXEC);
+        const int out = create("run-out");
+        run_result result;
+        result.status = finish(start_at(words, in, out, "run-err"));
+        ::close(in);
+        ::close(out);
+        result.out = read_file(dir.file("run-out"));
+        result.err = read_file(dir.file("run-err"));
+        return result;
     }
     // Starts it in the background, standard output and error into "out" and "err".
-    pid_t start(const std::vector<std::string> &words) const
+    pid_t start(const std::vector<std::string> &words, const std::string &out_name = "out") const
     {
-        return start_program(command(words), {}, dir.file("out"), dir.file("err"));
+        const int out = create(out_name);
+        const pid_t pid = start_at(words, -1, out);
+        ::close(out);
+        return pid;
     }
-    // The same with its standard input or output at these descriptors (below 0:
+    // The same with its standard input and output at these descriptors (below 0:
     // /dev/null), and no file growing beyond limit.
     pid_t start_at(const std::vector<std::string> &words, int in, int out,
-                   rlim_t limit = RLIM_INFINITY) const
+                   const std::string &err_name = "err", rlim_t limit = RLIM_INFINITY) const
     {
-        std::vector<std::string> argv = command(words);
+        std::vector<std::string> argv = {KESTRO_BUILD_DIR "/bin/tmf"};
+        argv.insert(argv.end(), words.begin(), words.end());
         std::vector<char *> pointers;
         for (std::string &word : argv)
             pointers.push_back(word.data());
         pointers.push_back(nullptr);
+        const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        const int err = create(err_name);
         const pid_t pid = fork();
-        if (pid != 0)
-            return pid;
-        const int null = ::open("/dev/null", O_RDWR);
-        const int err = ::open(dir.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(in < 0 ? null : in, 0);
-        dup2(out < 0 ? null : out, 1);
-        dup2(err, 2);
-        const rlimit most = {.rlim_cur = limit, .rlim_max = RLIM_INFINITY};
-        if (limit != RLIM_INFINITY)
-            setrlimit(RLIMIT_FSIZE, &most);
-        execv(pointers[0], pointers.data());
-        _exit(127);
+        if (pid == 0) {
+            dup2(in < 0 ? null : in, 0);
+            dup2(out < 0 ? null : out, 1);
+            dup2(err, 2);
+            const rlimit most = {.rlim_cur = limit, .rlim_max = RLIM_INFINITY};
+            if (limit != RLIM_INFINITY)
+                setrlimit(RLIMIT_FSIZE, &most);
+            execv(pointers[0], pointers.data());
+            _exit(127);
+        }
+        ::close(null);
+        ::close(err);
+        return pid;
+    }
+    // Waits for a program and gives its exit status, or 128 + signal number; kills
+    // one that does not end.
+    static int finish(pid_t pid)
+    {
+        int status = 0;
+        const auto gone = [&] { return waitpid(pid, &status, WNOHANG) == pid; };
+        if (!poll_until(gone)) {
+            ADD_FAILURE() << "the program does not end";
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+        return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    int create(const std::string &name) const
+    {
+        return ::open(dir.file(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     }
     // Sends SIGTERM, once the program is ready for it, until it ends; its status.
     static int signalled_to_its_end(pid_t pid)
     {
-        int status = -1;
-        EXPECT_TRUE(poll_until([&] { return notes_sigterm(pid); }));
+        EXPECT_TRUE(poll_until([&] { return signals_of(pid, "SigCgt:"); }));
+        siginfo_t gone = {};
         EXPECT_TRUE(poll_until([&] {
             kill(pid, SIGTERM);
-            return waitpid(pid, &status, WNOHANG) == pid;
+            return waitid(P_PID, static_cast<id_t>(pid), &gone, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                   gone.si_pid == pid;
         }));
-        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+        return finish(pid);
     }
-    // Whether a process has a handler for SIGTERM.
-    static bool notes_sigterm(pid_t pid)
+    // Sends SIGTERM to a program that sleeps in a system call, and waits until it
+    // has noted it and sleeps again.
+    static void signal_asleep(pid_t pid)
+    {
+        ASSERT_TRUE(poll_until([&] { return is_asleep(pid); }));
+        kill(pid, SIGTERM);
+        ASSERT_TRUE(poll_until([&] { return !signals_of(pid, "ShdPnd:") && is_asleep(pid); }));
+    }
+    // Whether SIGTERM is among these signals of a process: those with a handler
+    // ("SigCgt:"), those not delivered yet ("ShdPnd:").
+    static bool signals_of(pid_t pid, const std::string &set)
     {
         const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-        const size_t at = status.find("SigCgt:");
+        const size_t at = status.find(set);
         return at != std::string::npos &&
-               (std::stoull(status.substr(at + 7), nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+               (std::stoull(status.substr(at + set.size()), nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
     }
     std::string output() const
     {
@@ -117,7 +178,7 @@ class TmfTool : public MessageFile {
         return read_file(dir.file("err"));
     }
 
-    // What is in the closed file, in order.
+    // What is in the file, in order.
     std::vector<std::string> records() const
     {
         return split(tmf({"read", "--keep", path}).out);

@@ -101,7 +101,7 @@ TEST_F(TmfInfo, ShowsUsersThatHoldTheirLocks)
     EXPECT_EQ(holder_of(path, 320, 4), writer.pid());
     EXPECT_EQ(tmf({"info", path}).out, result.out);
     kill(waiting, SIGTERM);
-    EXPECT_EQ(wait_program(waiting), 143);
+    EXPECT_EQ(finish(waiting), 143);
 }
 
 TEST_F(TmfInfo, ShowsAnotherHolderOfALock)
@@ -235,6 +235,9 @@ TEST_F(TmfInfo, SaysWhereAFileContradictsItself)
         {"readers", [](std::string &file) { file[126] = 3; },
          "0 readers are counted, 2 have a slot"},
         {"lock area", [](std::string &file) { put_number<int32_t>(file, 52, 0x7fffffff); },
+         "slots of writers are outside the lock area"},
+        {"lock area among the records",
+         [](std::string &file) { put_number<int32_t>(file, 52, 4292); },
          "slots of writers are outside the lock area"},
         {"slot size", [](std::string &file) { file[76] = 0; },
          "slots of writers are outside the lock area"},

@@ -43,7 +43,7 @@ TEST_F(TmfTool, JsonOfUsersParses)
     ASSERT_TRUE(poll_until([&] { return reader_waits(); }));
     const json info = json::parse(tmf({"info", "--json", path}).out);
     kill(reader, SIGTERM);
-    EXPECT_EQ(wait_program(reader), 143);
+    EXPECT_EQ(finish(reader), 143);
     EXPECT_EQ(info["reader_exclusive"], true);
     EXPECT_EQ(info["writer_exclusive"], false);
     ASSERT_EQ(info["readers"].size(), 1U);

@@ -2,7 +2,6 @@
 #include "tests/tools/tmf_fixture.h"
 
 #include <csignal>
-#include <sys/ioctl.h>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -114,7 +113,7 @@ TEST_F(TmfTool, ReadGoesOnWhileAWriterHasTheFileOpen)
         ASSERT_EQ(writer.write(), 0);
         ASSERT_TRUE(poll_until([&] { return output().find("two") != std::string::npos; }));
         ASSERT_EQ(writer.close(), 0);
-        EXPECT_EQ(wait_program(pid), 0);
+        EXPECT_EQ(finish(pid), 0);
         EXPECT_EQ(errors(), "");
         expect_no_user();
     }
@@ -131,7 +130,7 @@ TEST_F(TmfTool, ReadEndsWhenTheOnlyWriterGoesWithoutARecord)
             writer.kill();
         else
             ASSERT_EQ(writer.close(), 0);
-        EXPECT_EQ(wait_program(pid), 0);
+        EXPECT_EQ(finish(pid), 0);
         EXPECT_EQ(output() + errors(), "");
     }
 }
@@ -145,7 +144,7 @@ TEST_F(TmfTool, ReadFollowsBeyondTheEndOfWriters)
         ASSERT_EQ(tmf({"write", path}, std::string(record) + "\n").status, 0);
         ASSERT_TRUE(poll_until([&] { return output().find(record) != std::string::npos; }));
     }
-    EXPECT_EQ(wait_program(pid), 0);
+    EXPECT_EQ(finish(pid), 0);
     EXPECT_EQ(output(), "one\ntwo\nthree\n");
     expect_no_user();
 }
@@ -169,7 +168,7 @@ TEST_F(TmfTool, ReadWithATimeLimitIsWokenByARecord)
     const pid_t pid = start({"read", "--wait", "600", "--count", "1", path});
     ASSERT_TRUE(poll_until([&] { return reader_waits(); }));
     ASSERT_EQ(tmf({"write", path}, "late\n").status, 0);
-    EXPECT_EQ(wait_program(pid), 0);
+    EXPECT_EQ(finish(pid), 0);
     EXPECT_EQ(output(), "late\n");
 }
 
@@ -192,7 +191,7 @@ TEST_F(TmfTool, ReadLosesNothingWhenStandardOutputFails)
     make({"one", "two", "three"});
     for (const auto &row : table) {
         for (const char *how : {"--raw", "--json", "--follow"}) {
-            EXPECT_EQ(wait_program(start_at({"read", how, path}, -1, row.fd)), 1);
+            EXPECT_EQ(finish(start_at({"read", how, path}, -1, row.fd)), 1);
             EXPECT_EQ(errors(), "tmf: writing standard output: " + row.text + "\n");
             EXPECT_EQ(record_count(), 3);
             expect_nobody();
@@ -213,7 +212,7 @@ TEST_F(TmfTool, ReadGivesARecordAgainThatWasWrittenInPart)
     const std::string name = dir.file("limited");
     const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     // The message file is longer than the limit; a read writes only to its front.
-    EXPECT_EQ(wait_program(start_at({"read", path}, -1, fd, 1024)), 1);
+    EXPECT_EQ(finish(start_at({"read", path}, -1, fd, "err", 1024)), 1);
     ::close(fd);
     EXPECT_EQ(errors(), "tmf: writing standard output: File too large\n");
     EXPECT_EQ(read_file(name), input.substr(0, 1024));
@@ -225,7 +224,7 @@ TEST_F(TmfTool, SharedReadRemovesARecordBeforeItIsWritten)
 {
     make({"one", "two", "three"});
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
-    EXPECT_EQ(wait_program(start_at({"read", "--shared", path}, -1, full)), 1);
+    EXPECT_EQ(finish(start_at({"read", "--shared", path}, -1, full)), 1);
     ::close(full);
     EXPECT_THAT(records(), ElementsAre("two", "three"));
 }
@@ -240,12 +239,8 @@ TEST_F(TmfTool, ReadWaitsForAPipeThatDoesNotBlock)
     ASSERT_EQ(fcntl(out.fd[1], F_SETFL, O_NONBLOCK), 0);
     const pid_t pid = start_at({"read", path}, -1, out.fd[1]);
     out.close_end(1);
-    std::string got;
-    char piece[1000];
-    for (ssize_t n; (n = ::read(out.fd[0], piece, sizeof piece)) > 0;)
-        got.append(piece, static_cast<size_t>(n));
-    EXPECT_EQ(wait_program(pid), 0);
-    EXPECT_TRUE(got == input);
+    EXPECT_TRUE(out.read_all() == input);
+    EXPECT_EQ(finish(pid), 0);
     EXPECT_EQ(record_count(), 0);
 }
 
@@ -264,7 +259,7 @@ TEST_F(TmfTool, ReadThatWaitsDeregistersOnASignal)
                 with_writer ? start({"read", path}) : start({"read", "--follow", path});
             ASSERT_TRUE(poll_until([&] { return reader_waits(); }));
             kill(pid, number);
-            EXPECT_EQ(wait_program(pid), 128 + number);
+            EXPECT_EQ(finish(pid), 128 + number);
             EXPECT_EQ(output(), "one\n");
             EXPECT_EQ(errors(), "");
             if (with_writer) {
@@ -286,16 +281,13 @@ TEST_F(TmfTool, ReadStoppedBeforeARecordLeavesItInTheFile)
     const pid_t pid = start_at({"read", path}, -1, out.fd[1]);
     out.close_end(1);
     ASSERT_TRUE(poll_until([&] {
-        int filled = 0;
-        ioctl(out.fd[0], FIONREAD, &filled);
+        const int filled = out.bytes_inside();
         return filled > 60000 && filled == (30 - record_count()) * 4001 && is_asleep(pid);
     }));
     kill(pid, SIGTERM);
-    EXPECT_EQ(wait_program(pid), 143);
+    EXPECT_EQ(finish(pid), 143);
     expect_nobody();
-    std::string got(70000, '\0');
-    got.resize(static_cast<size_t>(::read(out.fd[0], got.data(), got.size())));
-    EXPECT_TRUE(got + tmf({"read", path}).out == input);
+    EXPECT_TRUE(out.read_all() + tmf({"read", path}).out == input);
 }
 
 // Two records of 30001 bytes and a part of the third.
@@ -310,21 +302,15 @@ TEST_F(TmfTool, ReadStoppedWithinARecordWritesItWhole)
         pipe_ends out;
         const pid_t pid = start_at({"read", path}, -1, out.fd[1]);
         out.close_end(1);
-        ASSERT_TRUE(poll_until([&] {
-            int filled = 0;
-            ioctl(out.fd[0], FIONREAD, &filled);
-            return filled > 60002 && record_count() == 3 && is_asleep(pid);
-        }));
+        ASSERT_TRUE(poll_until(
+            [&] { return out.bytes_inside() > 60002 && record_count() == 3 && is_asleep(pid); }));
         if (impatient) // more than one signal gives the rest up
             EXPECT_EQ(signalled_to_its_end(pid), 143);
         else
             kill(pid, SIGTERM);
-        std::string got;
-        char piece[10000];
-        for (ssize_t n; (n = ::read(out.fd[0], piece, sizeof piece)) > 0;)
-            got.append(piece, static_cast<size_t>(n));
+        const std::string got = out.read_all();
         if (!impatient) {
-            EXPECT_EQ(wait_program(pid), 143);
+            EXPECT_EQ(finish(pid), 143);
         }
         expect_nobody();
         EXPECT_EQ(record_count(), impatient ? 3 : 2);
@@ -347,13 +333,92 @@ TEST_F(TmfTool, ReadWaitingForTheFileEndsOnASignal)
     }
 }
 
+// A pipe of one page holds the program in the output of its first record until the
+// file is locked and the record's line of 30001 bytes has been read.
+class TmfReadLocked : public TmfTool {
+  protected:
+    void begin(const std::vector<std::string> &words, int records)
+    {
+        for (int i = 0; i < records; i++)
+            input += std::string(30000, static_cast<char>('a' + i)) + "\n";
+        ASSERT_EQ(tmf({"write", path}, input).status, 0);
+        ASSERT_GE(fcntl(out.fd[1], F_SETPIPE_SZ, 4096), 4096);
+        pid = start_at(words, -1, out.fd[1]);
+        out.close_end(1);
+        ASSERT_TRUE(poll_until([&] { return out.bytes_inside() > 0 && is_asleep(pid); }));
+        holder = std::make_unique<lock_holder>(path, 0, 256);
+        ASSERT_EQ(out.read_all(30001), input.substr(0, 30001));
+    }
+    // Ends what begin has begun; the program's exit status.
+    int unlock_and_finish()
+    {
+        EXPECT_EQ(holder->unlock(), 0);
+        const int status = finish(pid);
+        EXPECT_EQ(out.read_all(), "");
+        expect_nobody();
+        return status;
+    }
+    pipe_ends out;
+    std::string input;
+    pid_t pid = -1;
+    std::unique_ptr<lock_holder> holder;
+};
+
+TEST_F(TmfReadLocked, SignalEndsTheLookForMoreRecords)
+{
+    begin({"read", "--keep", path}, 1);
+    signal_asleep(pid);
+    EXPECT_EQ(unlock_and_finish(), 143);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(TmfReadLocked, SignalEndsTheReadOfTheNextRecord)
+{
+    begin({"read", "--keep", path}, 2);
+    signal_asleep(pid);
+    EXPECT_EQ(unlock_and_finish(), 143);
+    EXPECT_EQ(errors(), "");
+}
+
+TEST_F(TmfReadLocked, SignalDoesNotKeepAWrittenRecordInTheFile)
+{
+    begin({"read", path}, 2);
+    signal_asleep(pid);
+    EXPECT_EQ(unlock_and_finish(), 143);
+    EXPECT_EQ(errors(), "");
+    EXPECT_EQ(record_count(), 1);
+}
+
+TEST_F(TmfReadLocked, SecondSignalLeavesAWrittenRecordInTheFileAndSaysSo)
+{
+    begin({"read", path}, 2);
+    signal_asleep(pid);
+    signal_asleep(pid);
+    EXPECT_EQ(unlock_and_finish(), 1);
+    EXPECT_EQ(errors(), complaint("record 1 is written, but may still be in the file: "
+                                  "Error applying wait lock."));
+    EXPECT_EQ(record_count(), 2);
+}
+
+// The close is the last to want the lock: what it leaves is removed by the next user.
+TEST_F(TmfReadLocked, ManySignalsEndItAlthoughTheFileIsLocked)
+{
+    begin({"read", "--keep", path}, 1);
+    EXPECT_EQ(signalled_to_its_end(pid), 143);
+    EXPECT_EQ(errors(), complaint("Error applying wait lock."));
+    EXPECT_EQ(holder->unlock(), 0);
+    EXPECT_EQ(number_at<int16_t>(bytes(), 68), 1);
+    EXPECT_EQ(tmf({"read", path}).out, input);
+    expect_nobody();
+}
+
 TEST_F(TmfTool, KilledReadLeavesItsPlaceToTheNextOne)
 {
     make();
     const pid_t pid = start({"read", "--follow", path});
     ASSERT_TRUE(poll_until([&] { return reader_waits(); }));
     kill(pid, SIGKILL);
-    EXPECT_EQ(wait_program(pid), 137);
+    EXPECT_EQ(finish(pid), 137);
     ASSERT_EQ(tmf({"write", path}, "one\n").status, 0);
     EXPECT_EQ(tmf({"read", path}).out, "one\n");
     expect_nobody();
@@ -466,11 +531,10 @@ TEST_F(TmfTool, SharedReadersTakeEachRecordOnce)
     ASSERT_EQ(tmf({"write", path}, input).status, 0);
     std::vector<pid_t> readers;
     for (int i = 0; i < 3; i++)
-        readers.push_back(start_program(command({"read", "--shared", path}), {},
-                                        dir.file("out" + std::to_string(i)), dir.file("err")));
+        readers.push_back(start({"read", "--shared", path}, "out" + std::to_string(i)));
     std::vector<std::string> all;
     for (size_t i = 0; i < readers.size(); i++) {
-        EXPECT_EQ(wait_program(readers[i]), 0);
+        EXPECT_EQ(finish(readers[i]), 0);
         const std::vector<std::string> part = split(read_file(dir.file("out" + std::to_string(i))));
         EXPECT_TRUE(std::is_sorted(part.begin(), part.end()));
         all.insert(all.end(), part.begin(), part.end());
@@ -484,7 +548,7 @@ TEST_F(TmfTool, ReadDoesNotWriteIntoItsOwnFile)
     make({"one"});
     const std::string before = bytes();
     const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    EXPECT_EQ(wait_program(start_at({"read", path}, -1, fd)), 1);
+    EXPECT_EQ(finish(start_at({"read", path}, -1, fd)), 1);
     ::close(fd);
     EXPECT_EQ(errors(), complaint("is standard output, too"));
     EXPECT_EQ(bytes(), before);

@@ -102,7 +102,7 @@ TEST_F(TmfTool, FailingStandardOutputIsAnError)
     make();
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     for (const auto &words : {std::vector<std::string>{"--version"}, {"info", path}}) {
-        EXPECT_EQ(wait_program(start_at(words, -1, full)), 1);
+        EXPECT_EQ(finish(start_at(words, -1, full)), 1);
         EXPECT_EQ(errors(), "tmf: writing standard output: No space left on device\n");
     }
     ::close(full);
@@ -270,7 +270,7 @@ TEST_F(TmfTool, WriteBeyondAFileSizeLimitNamesTheRecord)
     pipe_ends in;
     ASSERT_EQ(::write(in.fd[1], input.data(), input.size()), ssize_t{5005});
     in.close_end(1);
-    EXPECT_EQ(wait_program(start_at({"write", path}, in.fd[0], -1, 8192)), 1);
+    EXPECT_EQ(finish(start_at({"write", path}, in.fd[0], -1, "err", 8192)), 1);
     EXPECT_EQ(errors(), complaint("record 4: EOF writing data."));
     EXPECT_EQ(record_count(), 3);
     expect_nobody();
@@ -302,12 +302,22 @@ TEST_F(TmfTool, WriteEndsOnASignalAfterAWholeRecord)
             return std::filesystem::exists(path) && bytes().size() > 4352 && record_count() == 2;
         }));
         kill(pid, number);
-        EXPECT_EQ(wait_program(pid), 128 + number);
+        EXPECT_EQ(finish(pid), 128 + number);
         EXPECT_EQ(errors(),
                   complaint("stopped by signal " + std::to_string(number) + " after 2 records"));
         expect_nobody();
         EXPECT_THAT(records(), ElementsAre("one", "two"));
     }
+}
+
+TEST_F(TmfTool, WriteOfInputWithoutEndEndsOnASignal)
+{
+    const int zero = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    const pid_t pid = start_at({"write", "--size", "1", path}, zero, -1, "err", rlim_t{1} << 26);
+    ::close(zero);
+    EXPECT_EQ(signalled_to_its_end(pid), 143);
+    EXPECT_THAT(errors(), MatchesRegex(".*: stopped by signal 15 after [0-9]+ records\n"));
+    expect_nobody();
 }
 
 TEST_F(TmfTool, WriteWaitingForTheFileEndsOnASignal)
@@ -325,7 +335,7 @@ TEST_F(TmfTool, WriteDoesNotReadItsOwnFile)
     make({"one"});
     const std::string before = bytes();
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(wait_program(start_at({"write", path}, fd, -1)), 1);
+    EXPECT_EQ(finish(start_at({"write", path}, fd, -1)), 1);
     ::close(fd);
     EXPECT_EQ(errors(), complaint("is standard input, too"));
     EXPECT_EQ(bytes(), before);
