@@ -24,20 +24,19 @@ void die_inside_write(int n)
     writes_left = n;
 }
 
-void live_on()
-{
-    calls_left = 0;
-    writes_left = 0;
-}
-
 void set_wait_style(wait_style style)
 {
     waits = style;
 }
 
-void count_calls(call_counts *where)
+calls_counted::calls_counted(call_counts *where)
 {
     counts = where;
+}
+
+calls_counted::~calls_counted()
+{
+    counts = nullptr;
 }
 
 static void die()

@@ -14,9 +14,6 @@ void die_before_call(int n);
 // with the bytes up to there written: a write that is killed stops between pages.
 void die_inside_write(int n);
 
-// Takes both back.
-void live_on();
-
 // How a reader of this process waits for a datagram.
 enum wait_style {
     WAIT_AS_ASKED,
@@ -33,6 +30,14 @@ struct call_counts {
     std::atomic<uint32_t> waits;
     std::atomic<uint32_t> truncations;
 };
-void count_calls(call_counts *counts);
+
+// Has them counted as long as it lives.
+class calls_counted {
+  public:
+    explicit calls_counted(call_counts *counts);
+    ~calls_counted();
+    calls_counted(const calls_counted &) = delete;
+    calls_counted &operator=(const calls_counted &) = delete;
+};
 
 #endif

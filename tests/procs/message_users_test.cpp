@@ -92,7 +92,7 @@ static int read_all(message_board &board, int worker, const std::string &path)
 TEST_F(MessageUsers, EachRecordGoesToOneReaderInTheOrderOfItsWriter)
 {
     const shared_memory<message_board> board;
-    count_calls(&board->calls);
+    const calls_counted counted(&board->calls);
     std::vector<std::unique_ptr<user_process>> workers;
     for (int i = 0; i < int{WRITERS + READERS}; i++) {
         const bool writer = i < int{WRITERS};

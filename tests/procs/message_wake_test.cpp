@@ -18,11 +18,11 @@ class MessageWake : public ::testing::Test {
     tempdir dir;
     std::string path = dir.file("queue");
     const shared_memory<call_counts> calls;
+    const calls_counted counted{&*calls};
 
     void SetUp() override
     {
         make_message_file(path);
-        count_calls(&*calls);
     }
     // Whether these reader slots' processes come to wait.
     bool come_to_wait(const std::vector<int> &slots) const
@@ -77,14 +77,18 @@ TEST_F(MessageWake, RecordWakesAllWaitingReadersAndOneTakesIt)
         readers.back()->begin();
     }
     ASSERT_TRUE(come_to_wait({0, 1, 2, 3}));
-    append({"1"});
+    user_process writer({opens(path, 0), writes("1"), closes()});
+    ASSERT_EQ(writer.run(), 0);
+    ASSERT_EQ(writer.run(), 0);
     const auto ended = [&] {
         return std::count_if(readers.begin(), readers.end(),
                              [](const auto &reader) { return reader->has_ended(); });
     };
     ASSERT_TRUE(poll_until([&] { return ended() == 1; }));
-    // None of the others has read anything, so they wait on without a writer.
     ASSERT_TRUE(come_to_waits(4 + 3));
+    // None of the others has read anything, so they wait on without a writer.
+    ASSERT_EQ(writer.run(), 0);
+    ASSERT_TRUE(come_to_waits(4 + 3 + 3));
     for (int i = 0; i < 4; i++)
         EXPECT_TRUE(readers[static_cast<size_t>(i)]->has_ended() || come_to_wait({i}));
     EXPECT_EQ(ended(), 1);
@@ -138,6 +142,11 @@ struct wake_up {
     const char *name;
     void (*wake)(const std::function<void(int)> &datagram, const std::string &path);
 };
+
+static void PrintTo(const wake_up &wake, std::ostream *out)
+{
+    *out << wake.name;
+}
 
 class MessageDeadWriter : public MessageWake, public ::testing::WithParamInterface<wake_up> {};
 

@@ -83,7 +83,7 @@ void user_process::begin()
 
 int user_process::result()
 {
-    if (!poll_until([&] { return has_ended() || is_dead(); }))
+    if (!poll_until([&] { return has_ended() || ended_by() != 0; }))
         return NO_ANSWER;
     return has_ended() ? process_.result() : DIED;
 }
@@ -93,11 +93,15 @@ bool user_process::has_ended() const
     return *ended_ == begun_;
 }
 
-bool user_process::is_dead() const
+int user_process::ended_by() const
 {
     siginfo_t info = {};
-    return waitid(P_PID, static_cast<id_t>(pid()), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-           info.si_pid != 0;
+    const int flags = WEXITED | WNOHANG | WNOWAIT;
+    if (waitid(P_PID, static_cast<id_t>(pid()), &info, flags) != 0)
+        return -1;
+    if (info.si_pid == 0)
+        return 0;
+    return info.si_code == CLD_EXITED ? -1 : info.si_status;
 }
 
 void user_process::kill()

@@ -76,7 +76,8 @@ class user_process {
     int result();
     // Whether the step begun has ended; false while the process is in it.
     bool has_ended() const;
-    bool is_dead() const;
+    // The signal that has ended the process; 0 while it lives, -1 for an exit.
+    int ended_by() const;
     // Ends the process with no chance to clean up; on return it holds no lock.
     void kill();
     pid_t pid() const
