@@ -1,7 +1,9 @@
-// Random operations beside a queue in memory.  After each the header's fields and
-// the frames in the data area are compared with the queue.
-#include "tests/msgfile/message_file.h"
+// Random operations beside a queue in memory, some of which fail.  After each the
+// header's fields and the frames in the data area are compared with the queue.
+#include "tests/msgfile/records.h"
+#include "tests/msgfile/system_calls.h"
 
+#include <cerrno>
 #include <deque>
 #include <random>
 
@@ -11,8 +13,9 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
   protected:
     struct record {
         std::string data;
-        int user;
+        size_t user;
     };
+    const system_calls_guard guard;
     std::mt19937 random;
     std::deque<record> queue;
     int32_t read_offset = data_start;
@@ -22,7 +25,15 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
     int mode = 0;
     bool has_read = false;
     size_t copied = 0; // records that a copying handle has read
+    bool torn = false; // a failed write stands where the end mark was
+    int cuts = 0;
+    int faults = 0;
 
+    void SetUp() override
+    {
+        answer_call(CALL_POLL, 0, 0, -1); // waits end at once, and need no port
+        answer_call(CALL_BIND, 0, 0, -1);
+    }
     int below(int n)
     {
         return static_cast<int>(random() % static_cast<unsigned>(n));
@@ -38,71 +49,138 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
             return 1 + below(300);
         }
     }
+    // Percent.  So chosen that files become long and empty again.
+    int change_chance() const
+    {
+        if ((mode & 1) == 0)
+            return 4;
+        return queue.empty() || copied == queue.size() ? 30 : 1;
+    }
     void change_handle()
     {
         if (h != nullptr) {
             ASSERT_EQ(tmf_fclose(h), 0);
         }
-        const int modes[] = {0, 0, 8, 1, 1, 2, 3, 7};
+        const int modes[] = {0, 8, 2, 1, 1, 1, 3, 7};
         mode = modes[below(8)];
         h = open(mode);
         ASSERT_NE(h, nullptr);
         has_read = false;
         copied = 0;
     }
+    // Lets a call behind `after` others of its kind fail, or move less than it
+    // should; the code that this has.
+    int fail_some(call_kind kind, int after, int less_than, int error, int eof)
+    {
+        faults++;
+        if (below(2) == 0) {
+            fail_call(kind, EIO, after);
+            return error;
+        }
+        answer_call(kind, below(less_than), after);
+        return eof;
+    }
     void write()
     {
-        const std::string data(static_cast<size_t>(some_length()),
-                               static_cast<char>('a' + below(26)));
-        const int result = tmf_fwrite(h, data.data(), static_cast<int>(data.size()));
+        const int length = below(20) == 0 ? 32762 * below(2) : some_length();
+        const std::string data(static_cast<size_t>(length), static_cast<char>('a' + below(26)));
+        const bool possible = (mode & 1) == 0 && length > 0 && length < 32762;
+        int code = 0;
+        bool reaches_file = true;
         if ((mode & 1) != 0) {
-            EXPECT_EQ(result, -5230);
+            code = -5230;
+        } else if (!possible) {
+            code = -5216;
+        } else if (below(12) == 0) { // the first operation of a handle writes, later ones pwrite
+            const call_kind kind = h->seek_proven ? CALL_PWRITE : CALL_WRITE;
+            code = fail_some(kind, 0, length + 6, -5226, -5227);
+            reaches_file = code == -5227;
+        } else if (below(12) == 0) { // the data is there, the header does not know of it
+            code = fail_some(CALL_PWRITE, h->seek_proven ? 1 : 0, 1, -5222, -5223);
+        }
+        ASSERT_EQ(write_record(h, data), code);
+        if (code != 0) {
+            EXPECT_EQ(tmf_geterrno(h), code);
+            torn = torn || (possible && reaches_file);
             return;
         }
-        EXPECT_EQ(result, 0);
+        torn = false;
         queue.push_back({data, 17});
-        write_offset += static_cast<int32_t>(data.size()) + 6;
+        write_offset += length + 6;
         high_water = std::max(high_water, write_offset);
         int32_t end = 0;
         EXPECT_EQ(tmf_finfo(h, 2, &end, 4), 0);
         EXPECT_EQ(end, write_offset);
     }
-    void remove()
+    bool last_one_cuts() const
     {
+        return queue.size() == 1 && high_water > 65536;
+    }
+    void remove(bool cut = true)
+    {
+        if (last_one_cuts() && cut) {
+            high_water = data_start;
+            cuts++;
+        }
         read_offset += static_cast<int32_t>(queue.front().data.size()) + 6;
         queue.pop_front();
-        if (!queue.empty())
-            return;
-        read_offset = write_offset = data_start;
-        if (high_water > 65536)
-            high_water = data_start;
+        if (queue.empty())
+            read_offset = write_offset = data_start;
+    }
+    // No record: the end of the file, or a wait that comes to nothing.
+    void read_nothing(int room, int flags)
+    {
+        const bool waits = mode != 7 && (!has_read || (flags & TMF_READ_WAIT) != 0);
+        tmf_clearerr(h);
+        const record_read got =
+            watched_read(room, [&](void *buf, int n) { return tmf_freadx(h, buf, n, flags, 1); });
+        EXPECT_EQ(got, whole(""));
+        EXPECT_EQ(tmf_geterrno(h), waits ? -5268 : 0);
     }
     void read()
     {
         const int room = below(4) == 0 ? below(50) : 40000;
-        const int flags = below(3) == 0 ? TMF_READ_KEEP : 0;
-        std::string buffer(static_cast<size_t>(room), '-');
+        const int flags = 2 * below(8) + (below(4) == 0 ? TMF_READ_KEEP : 0);
         const bool copies = mode == 7;
+        const bool removes = !copies && (flags & TMF_READ_KEEP) == 0;
         const size_t next = copies ? copied : 0;
-        if ((mode & 1) != 0 && next >= queue.size() && !copies && !has_read)
-            return; // would wait for a writer
-        const int result = tmf_fread(h, buffer.data(), room, flags);
         if ((mode & 1) == 0) {
-            EXPECT_EQ(result, -5231);
+            EXPECT_EQ(read_record(h, room, flags).result, -5231);
             return;
         }
         if (next >= queue.size()) {
-            EXPECT_EQ(result, 0);
+            read_nothing(room, flags);
             return;
         }
-        const std::string expected = queue[next].data.substr(0, buffer.size());
-        ASSERT_EQ(result, static_cast<int>(expected.size()));
-        EXPECT_EQ(buffer.substr(0, expected.size()), expected);
-        EXPECT_EQ(buffer.find_first_not_of('-', expected.size()), std::string::npos);
+        const record_read expected = whole(queue[next].data.substr(0, static_cast<size_t>(room)));
+        const bool cuts_now = removes && last_one_cuts();
+        if (below(12) == 0) {
+            const call_kind kind = h->seek_proven ? CALL_PREAD : CALL_READ;
+            const int code = fail_some(kind, 1, 6, -5228, -5229); // behind that of the header
+            EXPECT_EQ(read_record(h, room, flags), (record_read{code, ""}));
+            return;
+        }
+        if (cuts_now && below(3) == 0) {
+            faults++;
+            fail_call(CALL_FTRUNCATE, EIO);
+            EXPECT_EQ(tmf_fread(h, nullptr, 0, flags), -5265);
+            has_read = true;
+            remove(false);
+            return;
+        }
+        if (removes && below(12) == 0) { // the header that is to tell of it
+            const int code = fail_some(CALL_PWRITE, 0, 1, -5222, -5223);
+            EXPECT_EQ(tmf_fread(h, nullptr, 0, flags), code);
+            has_read = true;
+            if (cuts_now) // it was written once more, but the file not cut
+                remove(false);
+            return;
+        }
+        ASSERT_EQ(read_record(h, room, flags), expected);
         has_read = true;
         if (copies)
             copied++;
-        else if (flags == 0)
+        else if (removes)
             remove();
     }
     void ask()
@@ -123,12 +201,9 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         EXPECT_EQ(number_at<int16_t>(file, 68), mode & 1);
         EXPECT_EQ(number_at<int16_t>(file, 70), 1 - (mode & 1));
         std::string frames;
-        for (const record &r : queue) {
-            const size_t length = r.data.size() + 6;
-            const std::string word = {static_cast<char>(length >> 8), static_cast<char>(length)};
-            frames += word + '\0' + static_cast<char>(r.user) + r.data + word;
-        }
-        if (!queue.empty())
+        for (const record &r : queue)
+            frames += framed(r.data, r.user);
+        if (!queue.empty() && !torn)
             frames += "\xFF\xFF";
         EXPECT_SAME_BYTES(file.substr(static_cast<size_t>(read_offset), frames.size()), frames);
     }
@@ -140,17 +215,22 @@ TEST_P(TmfModel, FileIsTheQueue)
     SCOPED_TRACE("seed " + std::to_string(seed));
     random.seed(seed);
     change_handle();
-    for (int step = 0; step < 600 && !HasFailure(); step++) {
+    for (int step = 0; step < 1500 && !HasFailure(); step++) {
         const int what = below(100);
-        if (what < 6)
+        if (below(100) < change_chance())
             change_handle();
-        else if (what < 12)
+        else if (what < 8)
             ask();
-        else if ((mode & 1) != 0 || what < 15)
+        else if ((mode & 1) != 0 ? what < 97 : what < 12)
             read();
         else
             write();
         compare();
+        forget_calls();
+    }
+    if (GetParam() != 0) { // what these seeds are known to lead to
+        EXPECT_GT(cuts, 0);
+        EXPECT_GT(faults, 100);
     }
     EXPECT_EQ(tmf_fclose(h), 0);
 }

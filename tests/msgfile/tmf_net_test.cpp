@@ -7,10 +7,12 @@
 #include "msgfile/tmf_wait.h"
 #include "msgfile/tmu.h"
 #include "tests/msgfile/message_file.h"
+#include "tests/msgfile/records.h"
 #include "tests/msgfile/system_calls.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -282,4 +284,167 @@ TEST_F(TmfNet, WaitWithoutALimitUsesABlockingSocket)
     EXPECT_EQ(tmf_set_nonblocking(h, h->receive.socket, 0), 0);
     fail_call(CALL_FCNTL, EIO);
     EXPECT_EQ(tmf_set_nonblocking(h, h->receive.socket, 0), 0) << "only switching on may fail";
+}
+
+TEST_F(TmfNet, WakeUpsGoInTheOrderOfSlotsToTheAddressOfTheFile)
+{
+    make();
+    enter(0, 0); // no port stored
+    enter(9, 0);
+    enter(15, 40000);
+    std::string changed = bytes();
+    changed.replace(80, 4, "\x7F\0\0\x09", 4);
+    write_file(path, changed);
+    const system_calls_guard guard;
+    answer_call(CALL_SENDTO, 12, 0, -1);
+    std::vector<std::string> addresses;
+    h = open(0);
+    before_call(CALL_SENDTO, [&] { addresses.emplace_back(inet_ntoa(h->send.addr.sin_addr)); });
+    EXPECT_EQ(write(), 0);
+    std::vector<int64_t> ports;
+    for (const call_made &call : calls_made(CALL_SENDTO)) {
+        EXPECT_EQ(call.a, 12);
+        ports.push_back(call.b);
+    }
+    EXPECT_EQ(ports, (std::vector<int64_t>{53248, 53257, 40000}));
+    EXPECT_EQ(addresses, std::vector<std::string>(3, "127.0.0.9"));
+    EXPECT_EQ(calls_made(CALL_SOCKET).size(), 3U) << "a socket serves one port";
+}
+
+TEST_F(TmfNet, NobodyWaitingNeedsNoSocket)
+{
+    make();
+    const system_calls_guard guard;
+    h = open(0);
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(tmf_fclose(h), 0);
+    h = nullptr;
+    EXPECT_TRUE(calls_made(CALL_SOCKET).empty());
+}
+
+TEST_F(TmfNet, SendToAReaderThatIsGoneIsNotNoticed)
+{
+    uint16_t port = 0;
+    {
+        const listener gone;
+        port = gone.port();
+    }
+    make();
+    enter(0, port);
+    h = open(0);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(write(), 0);
+}
+
+TEST_F(TmfNet, ReceivingSocketStaysUntilAnotherPortIsWanted)
+{
+    make();
+    h = open(TMF_MODE_READ);
+    const listener known;
+    uint16_t ports[2];
+    {
+        const listener first;
+        const listener second;
+        ports[0] = first.port();
+        ports[1] = second.port();
+    }
+    const size_t descriptors = open_descriptors();
+    const system_calls_guard guard;
+    char buf[16];
+    const unsigned char loopback[4] = {127, 0, 0, 1};
+    for (const uint16_t port : {ports[0], ports[0], ports[1]}) {
+        ASSERT_EQ(tmf_udp_bind(h, port, 1), 0);
+        EXPECT_EQ(tmf_udp_send(h, loopback, port, "01234567890123456789", 20), 0);
+        EXPECT_EQ(tmf_udp_recv(h, port, 1, buf, sizeof(buf)), 16) << "as much as there is room";
+        EXPECT_EQ(std::string(buf, 16), "0123456789012345");
+        EXPECT_EQ(h->receive.port, port);
+    }
+    EXPECT_EQ(calls_made(CALL_BIND).size(), 2U);
+    EXPECT_EQ(open_descriptors(), descriptors + 2); // this and the sending one
+    sockaddr_in here = {};
+    socklen_t length = sizeof(here);
+    ASSERT_EQ(getsockname(h->receive.socket, reinterpret_cast<sockaddr *>(&here), &length), 0);
+    EXPECT_EQ(here.sin_addr.s_addr, htonl(INADDR_ANY));
+
+    EXPECT_EQ(tmf_udp_recv(h, known.port(), 1, buf, sizeof(buf)), -5264);
+    EXPECT_STREQ(h->net_error_text, "");
+    EXPECT_EQ(h->receive.socket, 0);
+    tmf_net_close(h);
+    EXPECT_EQ(h->send.socket, 0);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    tmf_net_close(h);
+}
+
+TEST_F(TmfNet, WaitTakesTheSecondsAskedForOrAnyTime)
+{
+    make();
+    const system_calls_guard guard;
+    h = open(TMF_MODE_READ);
+    answer_call(CALL_BIND, 0, 0, -1);
+    answer_call(CALL_POLL, 0, 0, -1);
+    char buf[16];
+    for (const int seconds : {1, 60, 3600, INT_MAX, -1, INT_MIN})
+        EXPECT_EQ(tmf_udp_recv(h, 53248, seconds, buf, sizeof(buf)), 0);
+    std::vector<int64_t> times;
+    for (const call_made &call : calls_made(CALL_POLL)) {
+        EXPECT_EQ(call.fd, h->receive.socket);
+        times.push_back(call.a);
+    }
+    EXPECT_EQ(times, (std::vector<int64_t>{1000, 60000, 3600000, 2147483000, -1, -1}));
+    fail_call(CALL_POLL, EINTR);
+    EXPECT_EQ(tmf_udp_recv(h, 53248, 1, buf, sizeof(buf)), -5270);
+    EXPECT_STREQ(h->net_error_text, "");
+}
+
+TEST_F(TmfNet, FailedSocketsLeaveNoDescriptor)
+{
+    make();
+    enter(0, 40000);
+    const struct {
+        call_kind kind;
+        int os_errno;
+    } receiving[] = {
+        {CALL_SOCKET, EMFILE}, {CALL_BIND, EACCES}, {CALL_BIND, EADDRINUSE}, {CALL_FCNTL, EIO}};
+    const system_calls_guard guard;
+    h = open(0);
+    const size_t descriptors = open_descriptors();
+    char buf[16];
+    for (const auto &row : receiving) {
+        fail_call(row.kind, row.os_errno);
+        EXPECT_LT(tmf_udp_recv(h, 0, 1, buf, sizeof(buf)), 0);
+        EXPECT_EQ(h->receive.socket, 0);
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+    for (const call_kind kind : {CALL_SOCKET, CALL_SENDTO}) {
+        fail_call(kind, EMFILE);
+        EXPECT_EQ(write(), -5250);
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+    answer_call(CALL_SENDTO, 12, 0, -1); // the close's
+    EXPECT_EQ(tmf_fclose(h), 0);
+    h = nullptr;
+    EXPECT_EQ(open_descriptors(), descriptors - 1);
+}
+
+// Whatever the network did, the record is the file's, and the next call's success
+// does not clear the code.
+TEST_F(TmfNet, WriteWithAFailedWakeUpIsWrittenBackAndUnlocked)
+{
+    make();
+    enter(0, 40000);
+    const system_calls_guard guard;
+    h = open(0);
+    fail_call(CALL_SENDTO, EPERM);
+    EXPECT_EQ(write_record(h, "abc"), -5250);
+    EXPECT_EQ(positions_of(h), (positions{1, 4352, 4361, 4361}));
+    EXPECT_EQ(bytes_through(h).substr(4352), framed("abc") + "\xFF\xFF");
+    EXPECT_EQ(h->common_locked, 0);
+    EXPECT_EQ(h->last_record_end, 4361);
+    fail_call(CALL_SENDTO, EPERM);
+    fail_call(CALL_PWRITE, EIO, 1); // the header's, behind the data's
+    EXPECT_EQ(write_record(h, "de"), -5250) << "the first error counts";
+    EXPECT_EQ(positions_of(h).records, 1);
+    answer_call(CALL_SENDTO, 12, 0, -1);
+    EXPECT_EQ(write_record(h, "f"), 0);
+    EXPECT_EQ(message_of(h), "Error #1 on sendto() sending udp data.");
 }

@@ -3,8 +3,10 @@
 #include "msgfile/tmf_wait.h"
 
 #include "msgfile/tmf_common.h"
+#include "msgfile/tmf_record.h"
 #include "tests/msgfile/message_file.h"
 #include "tests/msgfile/other_process.h"
+#include "tests/msgfile/records.h"
 #include "tests/msgfile/system_calls.h"
 
 #include <arpa/inet.h>
@@ -365,4 +367,137 @@ TEST_F(TmfWait, ResultOfTheWaitTakesThePlaceOfAFailedLocks)
     fail_call(CALL_FCNTL, EINTR);
     EXPECT_EQ(read(TMF_READ_WAIT), 4) << "the wake-up led to a lock and a record";
     EXPECT_EQ(number_at<int32_t>(bytes_through(h), 16), 0);
+}
+
+TEST_F(TmfWait, NothingIsLockedWhileAReaderWaitsButItsSlot)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    int waits = 0;
+    before_call(CALL_POLL, [&] {
+        waits++;
+        EXPECT_EQ(holder_of(path, 0, 256), 0);
+        EXPECT_EQ(holder_of(path, 256, 4), getpid());
+        EXPECT_EQ(bytes_through(h).substr(92, 2), be16(h->signal_port));
+    });
+    EXPECT_EQ(readx(100), 0);
+    EXPECT_EQ(waits, 2);
+    EXPECT_EQ(holder_of(path, 0, 256), 0);
+}
+
+TEST_F(TmfWait, SignalsWithoutTheirFlagCostWholeRounds)
+{
+    other_process late({append(path)});
+    reader();
+    fail_call(CALL_POLL, EINTR, 0, -1);
+    char buf[20];
+    EXPECT_EQ(tmf_fread_record(h, buf, sizeof(buf), TMF_READ_LIMIT, 100), -5268);
+    EXPECT_EQ(rounds(), (seconds{60, 40}));
+    forget_calls();
+    before_call(CALL_POLL, [&] {
+        if (calls_made(CALL_POLL).size() == 3) {
+            EXPECT_EQ(late.run(), 0);
+        }
+    });
+    EXPECT_EQ(read(0), 4) << "without a limit it waits on";
+    EXPECT_EQ(rounds(), (seconds{4, 60, 60}));
+}
+
+TEST_F(TmfWait, WakeUpInALaterRoundRepeatsThatRound)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    before_call(CALL_POLL, [&] {
+        if (calls_made(CALL_POLL).size() == 2) {
+            send_to(h->signal_port);
+            answer_call(CALL_POLL, 0, 1, -1); // this one finds it
+        }
+    });
+    EXPECT_EQ(readx(100), 0);
+    EXPECT_EQ(rounds(), (seconds{60, 40, 40}));
+}
+
+// A datagram without a byte is told from none by nothing that a receive gives.
+TEST_F(TmfWait, EmptyDatagramCostsARound)
+{
+    reader();
+    answer_call(CALL_RECVFROM, 0, 0, -1);
+    EXPECT_EQ(readx(100), 0);
+    EXPECT_EQ(tmf_geterrno(h), -5268);
+    EXPECT_EQ(calls_made(CALL_RECVFROM).size(), 2U);
+    EXPECT_TRUE(rounds().empty());
+}
+
+TEST_F(TmfWait, RecordWaitedForMayBeKept)
+{
+    other_process late({append(path)});
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    before_call(CALL_POLL, [&] {
+        if (calls_made(CALL_POLL).size() == 1) {
+            EXPECT_EQ(late.run(), 0);
+        }
+    });
+    EXPECT_EQ(readx(100, TMF_READ_KEEP), 4);
+    EXPECT_EQ(positions_of(h).records, 1);
+    EXPECT_FALSE(listed());
+    EXPECT_EQ(read(0), 4);
+    EXPECT_EQ(rounds(), seconds{60});
+}
+
+TEST_F(TmfWait, PurgeThatFailsBeforehandLeavesNoEntry)
+{
+    other_user writer(path, 0);
+    reader();
+    forget_calls();
+    fail_call(CALL_LOCKF, ENOLCK, 1); // the test of the writer's slot
+    EXPECT_EQ(readx(10), -5238);
+    EXPECT_TRUE(rounds().empty());
+    EXPECT_TRUE(calls_made(CALL_SOCKET).empty());
+    EXPECT_FALSE(listed());
+    EXPECT_EQ(holder_of(path, 0, 256), 0);
+}
+
+// With the area locked, the entry is taken off; without it, it stays.
+TEST_F(TmfWait, ErrorsBehindARoundEndTheWait)
+{
+    const struct {
+        const char *name;
+        void (*plan)();
+        int code;
+        bool listed;
+    } rows[] = {
+        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, -5236, true},
+        {"seek", [] { fail_call(CALL_LSEEK, EIO, 1); }, -5218, true},
+        {"read", [] { fail_call(CALL_READ, EIO); }, -5220, true},
+        {"short read", [] { answer_call(CALL_READ, 255); }, -5221, true},
+        {"purge", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, -5238, false},
+    };
+    other_user writer(path, 0);
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    for (const auto &row : rows) {
+        forget_calls();
+        before_call(CALL_POLL, row.plan);
+        EXPECT_EQ(readx(100), row.code) << row.name;
+        EXPECT_EQ(tmf_geterrno(h), row.code) << row.name;
+        EXPECT_EQ(rounds(), seconds{60}) << row.name;
+        EXPECT_EQ(listed(), row.listed) << row.name;
+        EXPECT_EQ(holder_of(path, 0, 256), 0) << row.name;
+    }
+}
+
+TEST_F(TmfWait, FileThatBecameAnotherOneIsNotWrittenTo)
+{
+    reader();
+    answer_call(CALL_POLL, 0, 0, -1);
+    const std::string area = bytes_through(h).substr(0, 256);
+    std::string foreign;
+    before_call(CALL_POLL, [&] {
+        ASSERT_EQ(pwrite(h->fd, "text", 4, 4), 4);
+        foreign = bytes_through(h);
+    });
+    EXPECT_EQ(readx(100), -5209);
+    EXPECT_SAME_BYTES(bytes_through(h), foreign);
+    ASSERT_EQ(pwrite(h->fd, area.data(), 256, 0), 256);
 }
