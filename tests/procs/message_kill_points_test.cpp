@@ -117,10 +117,11 @@ class MessageKillPoints : public ::testing::TestWithParam<kill_case> {
     std::string path = dir.file("queue");
     bool made_once = false; // some earlier victim came as far as making the call
 
-    void make_file() const
+    std::string file; // as the victim finds it
+
+    void SetUp() override
     {
         const kill_case &c = GetParam();
-        std::filesystem::remove(path);
         if (c.no_file)
             return;
         make_message_file(path);
@@ -135,6 +136,14 @@ class MessageKillPoints : public ::testing::TestWithParam<kill_case> {
         user_process maker(steps);
         for (size_t i = 0; i < steps.size(); i++)
             ASSERT_GE(maker.run(), 0);
+        file = read_file(path);
+    }
+
+    void renew_file() const
+    {
+        std::filesystem::remove(path);
+        if (!file.empty())
+            write_file(path, file);
     }
 
     bool comes_to_wait(const user_process &reader) const
@@ -203,30 +212,36 @@ class MessageKillPoints : public ::testing::TestWithParam<kill_case> {
     void kill_at(int n, bool inside_write, bool *completed)
     {
         const kill_case &c = GetParam();
-        ASSERT_NO_FATAL_FAILURE(make_file());
+        renew_file();
         const run_notes notes;
-        user_process dying_writer({opens(path, 0)});
-        user_process reader(steps_of_the_reader(notes));
+        std::unique_ptr<user_process> dying_writer;
+        std::unique_ptr<user_process> reader;
         const std::vector<deed> steps = steps_of_the_victim(notes, n, inside_write);
         user_process victim(steps);
 
         // Everyone comes, and does what comes before the call.
-        ASSERT_EQ(c.beside == DYING_USERS ? dying_writer.run() : 0, 0);
-        ASSERT_EQ(c.beside != NOBODY ? reader.run() : 0, 0);
-        ASSERT_GE(c.beside == READER ? reader.run() : 0, 0);
+        if (c.beside == DYING_USERS) {
+            dying_writer = std::make_unique<user_process>(std::vector{opens(path, 0)});
+            ASSERT_EQ(dying_writer->run(), 0);
+        }
+        if (c.beside != NOBODY) {
+            reader = std::make_unique<user_process>(steps_of_the_reader(notes));
+            ASSERT_EQ(reader->run(), 0);
+            ASSERT_GE(c.beside == READER ? reader->run() : 0, 0);
+        }
         for (size_t i = 0; i + 1 < steps.size(); i++)
             ASSERT_GE(victim.run(), 0);
         if (c.beside != NOBODY) {
-            reader.begin();
-            ASSERT_TRUE(comes_to_wait(reader));
+            reader->begin();
+            ASSERT_TRUE(comes_to_wait(*reader));
         }
         killed_users killed = {{victim.pid()}, {}};
         if (c.appended != 0)
             killed.records.push_back(data_of(c.appended));
         if (c.beside == DYING_USERS) {
-            killed.pids.insert(killed.pids.end(), {dying_writer.pid(), reader.pid()});
-            dying_writer.kill();
-            reader.kill();
+            killed.pids.insert(killed.pids.end(), {dying_writer->pid(), reader->pid()});
+            dying_writer.reset();
+            reader.reset();
         }
 
         victim.begin();
@@ -241,12 +256,11 @@ class MessageKillPoints : public ::testing::TestWithParam<kill_case> {
         victim.kill();
         *completed = *notes.completed;
         EXPECT_TRUE(!*completed || notes.by_victim->all() == c.given);
-        const bool reader_lives = c.beside == FRESH_READER || c.beside == READER;
-        expect_others_go_on(notes, killed, reader_lives ? &reader : nullptr);
+        expect_others_go_on(notes, killed, reader.get());
     }
 
     // The next user opens the file, appends a record and closes it; then all that
-    // is there is read.  reader: the one that waits, if any.
+    // is there is read.  reader: the one that waits and lives, if any.
     void expect_others_go_on(const run_notes &notes, const killed_users &killed,
                              user_process *reader)
     {
