@@ -10,19 +10,27 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <vector>
 
 // Seconds of a wait in the library, after which everything is looked at again:
-// a signal that came just before the wait, a writer that has gone before the
-// first record.
+// the time, a signal that came just before the wait, a writer that has gone
+// before the first record.
 static constexpr int round_seconds = 1;
+
+// The library charges no time for wake-ups, and those of other files come, too: a
+// file may keep a port in its wait list that is another file's reader's by now.
+// So a timer ends the round; it goes on, since it may come between two waits.
+static constexpr int timer_again_ms = 50;
+static volatile sig_atomic_t g_round_over = 0;
 
 enum read_format { FORMAT_LINES, FORMAT_RAW, FORMAT_HEX, FORMAT_JSON };
 
@@ -174,16 +182,49 @@ static output_result write_out(const read_state &state)
     return OUTPUT_WRITTEN;
 }
 
+// ---- waiting
+
+extern "C" {
+static void note_round_over(int /*number*/)
+{
+    g_round_over = 1;
+}
+}
+
+static void install_timer()
+{
+    struct sigaction action = {};
+    action.sa_handler = note_round_over; // and no SA_RESTART: it ends a wait
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, nullptr);
+}
+
+static void set_timer(bool on)
+{
+    itimerval timer = {};
+    if (on) {
+        g_round_over = 0;
+        timer.it_value.tv_sec = round_seconds;
+        timer.it_interval.tv_usec = timer_again_ms * 1000;
+    }
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+// Whether a failure comes from a signal that ended a wait for the file's lock,
+// which a read of an empty file reports as an internal error.
+static bool interrupted(int code)
+{
+    return code == TMF_ELOCK_WAIT || code == TMF_EINTERNAL;
+}
+
+static bool caused_by_stop(int code)
+{
+    return stop_signal_get() != 0 && interrupted(code);
+}
+
 // ---- records
 
 enum read_found { READ_RECORD, READ_NOTHING_YET, READ_END, READ_STOPPED, READ_FAILED };
-
-// A failure in which the signal to stop shows: it ends a wait for the file's
-// lock, which a read of an empty file reports as an internal error.
-static bool caused_by_stop(int code)
-{
-    return stop_signal_get() != 0 && (code == TMF_ELOCK_WAIT || code == TMF_EINTERNAL);
-}
 
 // Counts the records that are there and the writers.
 static read_found look(read_state &state)
@@ -231,11 +272,18 @@ static read_found next_record(read_state &state)
         flags |= TMF_READ_KEEP;
     if (options.follow || options.wait >= 0)
         flags |= TMF_READ_WAIT;
+    const bool waits = state.known == 0;
+    if (waits)
+        set_timer(true);
     const int got = tmf_freadx(state.h, state.record.data(), static_cast<int>(state.record.size()),
                                flags, round_seconds);
+    if (waits)
+        set_timer(false);
     if (got < 0) {
         if (caused_by_stop(got))
             return READ_STOPPED;
+        if (waits && g_round_over != 0 && interrupted(got))
+            return READ_NOTHING_YET;
         tmft_complain_handle(options.file, state.h);
         return READ_FAILED;
     }
@@ -345,6 +393,7 @@ int tmft_read_main(int argc, char **argv)
     if (!may_open(file))
         return TMFT_EXIT_FAILED;
     stop_signal_install();
+    install_timer();
     int mode = TMF_MODE_READ;
     if (!state.options.shared)
         mode |= TMF_MODE_EXCLUSIVE;
