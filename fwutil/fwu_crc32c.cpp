@@ -54,15 +54,28 @@ __attribute__((target("sse4.2"))) static uint32_t crc32c_sse42(uint32_t crc, con
         wide = __builtin_ia32_crc32di(wide, word);
     }
     auto narrow = static_cast<uint32_t>(wide);
-    for (; length > 0; p++, length--)
+    if ((length & 4) != 0) {
+        uint32_t word = 0;
+        memcpy(&word, p, 4);
+        narrow = __builtin_ia32_crc32si(narrow, word);
+        p += 4;
+    }
+    if ((length & 2) != 0) {
+        uint16_t word = 0;
+        memcpy(&word, p, 2);
+        narrow = __builtin_ia32_crc32hi(narrow, word);
+        p += 2;
+    }
+    if ((length & 1) != 0)
         narrow = __builtin_ia32_crc32qi(narrow, *p);
     return ~narrow;
 }
 
+static const bool has_sse42 = __builtin_cpu_supports("sse4.2") != 0;
+
 uint32_t fwu_crc32c(uint32_t crc, const void *data, size_t length)
 {
-    static const bool fast = __builtin_cpu_supports("sse4.2") != 0;
-    return fast ? crc32c_sse42(crc, data, length) : fwu_crc32c_tables(crc, data, length);
+    return has_sse42 ? crc32c_sse42(crc, data, length) : fwu_crc32c_tables(crc, data, length);
 }
 #else
 uint32_t fwu_crc32c(uint32_t crc, const void *data, size_t length)

@@ -354,12 +354,7 @@ fwu_found fwu_cursor_entry(fwu_cursor &c, fwu_entry &entry)
     if (c.read_at == c.tx_end)
         return FWU_END;
     if (c.tx_in_window) {
-        const unsigned char *p = c.window.data() + (c.read_at - c.window_at);
-        c.reason = fwu_entry_header_get(entry, p, c.read_tag);
-        entry.payload = p + FWU_ENTRY_HEADER_SIZE;
-        c.bad_at = c.read_at;
-        if (c.reason != nullptr)
-            return FWU_DAMAGED;
+        fwu_entry_fields(entry, c.window.data() + (c.read_at - c.window_at)); // scanned before
     } else {
         c.keep_at = c.read_at;
         const fwu_found found = read_entry(c, c.read_at, c.read_tag, entry);

@@ -59,6 +59,15 @@ const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in
     return nullptr;
 }
 
+void fwu_entry_fields(fwu_entry &entry, const unsigned char *in)
+{
+    entry.length = get_le32(in);
+    entry.kind = get_le16(in + 4);
+    entry.tag = static_cast<int32_t>(get_le32(in + 8));
+    entry.payload_length = entry.length - FWU_ENTRY_HEADER_SIZE;
+    entry.payload = in + FWU_ENTRY_HEADER_SIZE;
+}
+
 const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag)
 {
     const uint32_t length = get_le32(in);
@@ -68,10 +77,7 @@ const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int3
         return "the checksum of the entry's header is wrong";
     if (get_le16(in + 6) != 0 || get_le32(in + 20) != 0)
         return "reserved bytes of the entry's header are not zero";
-    entry.length = length;
-    entry.kind = get_le16(in + 4);
-    entry.tag = static_cast<int32_t>(get_le32(in + 8));
-    entry.payload_length = length - FWU_ENTRY_HEADER_SIZE;
+    fwu_entry_fields(entry, in);
     if (entry.kind < FWU_KIND_LAYOUT || entry.kind > FWU_KIND_COMMIT)
         return "the entry's kind is unknown; a newer libfwutil may be needed to read it";
     if (entry.tag != expected_tag)
@@ -81,7 +87,8 @@ const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int3
 
 const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in)
 {
-    entry.payload = in + FWU_ENTRY_HEADER_SIZE;
+    entry.payload =
+        in + FWU_ENTRY_HEADER_SIZE; // the bytes may have moved since the header was read
     if (get_le32(in + FWU_ENTRY_CRC_AT + 4) != fwu_crc32c(0, entry.payload, entry.payload_length))
         return "the checksum of the entry's payload is wrong";
     if (!all_zero(in + entry.length, fwu_entry_padded(entry.length) - entry.length))

@@ -109,8 +109,11 @@ void fwu_file_header_put(unsigned char *out, const fwu_file_header &header);
 // Null, or what is wrong with the 64 bytes.
 const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in);
 
-// Checks the 24 bytes of a header and fills all but payload; null, or what is
-// wrong with them.
+// Fills entry from an entry in memory that was checked before.
+void fwu_entry_fields(fwu_entry &entry, const unsigned char *in);
+
+// Checks the 24 bytes of a header and fills entry; null, or what is wrong with
+// them.
 const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag);
 // Checks the whole entry, all padded bytes of which stand at in, behind a good
 // header; null, or what is wrong.
