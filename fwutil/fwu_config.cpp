@@ -23,6 +23,7 @@ constexpr int64_t LOG_FILE_SIZE_MAX = 64LL * 1024 * 1024 * 1024; // tags stay wi
 constexpr int64_t IMAGE_MAX = 16 * 1024 * 1024;
 constexpr size_t CONFIG_MAX = 16 * 1024 * 1024;
 constexpr int32_t COUNT_MAX = 32767;
+constexpr int64_t SYNC_INTERVAL_MAX = 3'600'000; // milliseconds: an hour
 
 // A configuration file being read.
 struct reading {
@@ -32,6 +33,7 @@ struct reading {
     int database_line = 0; // 0: no database line yet
     bool have_size = false;
     bool have_order = false;
+    bool have_sync = false;
     std::set<std::string> databases;
 };
 
@@ -161,6 +163,26 @@ static int take_byte_order(reading &r, const words &w)
     if (w.size() != 2 || (w[1] != "little" && w[1] != "big"))
         return wrong(r, "byte-order takes the word little or big");
     r.config->big_endian = w[1] == "big";
+    return 0;
+}
+
+static int take_sync(reading &r, const words &w)
+{
+    if (r.have_sync)
+        return wrong(r, "sync is given twice");
+    r.have_sync = true;
+    fwu_config &config = *r.config;
+    if (w.size() == 2 && w[1] == "commit") {
+        config.sync = FWU_SYNC_COMMIT;
+    } else if (w.size() == 2 && w[1] == "none") {
+        config.sync = FWU_SYNC_NONE;
+    } else if (w.size() == 3 && w[1] == "interval" && number(w[2], SYNC_INTERVAL_MAX) > 0) {
+        config.sync = FWU_SYNC_INTERVAL;
+        config.sync_interval_ms = number(w[2], SYNC_INTERVAL_MAX);
+    } else {
+        return wrong(r, "sync takes the word commit, none, or interval and 1 to 3600000 "
+                        "milliseconds");
+    }
     return 0;
 }
 
@@ -325,6 +347,7 @@ static constexpr statement_row STATEMENTS[] = {
     {"log-directory", take_log_directory},
     {"log-file-size", take_log_file_size},
     {"byte-order", take_byte_order},
+    {"sync", take_sync},
     {"skip-table", take_skip_table},
     {"database", take_database},
     {"dataset", take_dataset},
@@ -351,7 +374,7 @@ static int take_line(reading &r, std::string_view line)
     }
     return wrong(r,
                  "%s is not known here; a line begins with log-directory, log-file-size, "
-                 "byte-order, skip-table, database, dataset or item",
+                 "byte-order, sync, skip-table, database, dataset or item",
                  w[0].c_str());
 }
 

@@ -12,6 +12,13 @@
 
 constexpr int64_t FWU_LOG_FILE_SIZE_DEFAULT = 64 * 1024 * 1024;
 
+// When a writer brings transactions to disk.
+enum fwu_sync_mode {
+    FWU_SYNC_COMMIT,   // before they count as logged; one fsync for all that are waiting
+    FWU_SYNC_INTERVAL, // so many milliseconds after the first one that is not there
+    FWU_SYNC_NONE,     // never: the system does it in its own time
+};
+
 // One dataset of the configuration.
 struct fwu_dataset {
     fwu_layout layout;
@@ -25,7 +32,9 @@ struct fwu_config {
     std::string log_directory; // absolute, or relative to the working directory
     int64_t log_file_size = FWU_LOG_FILE_SIZE_DEFAULT; // bytes after which a new file begins
     bool big_endian = false;                           // byte order of the numbers inside images
-    std::vector<fwu_dataset> datasets;                 // in file order
+    fwu_sync_mode sync = FWU_SYNC_COMMIT;
+    int64_t sync_interval_ms = 0;         // for FWU_SYNC_INTERVAL
+    std::vector<fwu_dataset> datasets;    // in file order
     std::vector<std::string> skip_tables; // "schema.table": left out of the log on purpose
 };
 

@@ -4,10 +4,10 @@
 #include "fwutil/fwu_writer.h"
 
 #include "fwutil/fwu_error.h"
-#include "fwutil/fwu_log.h"
-#include "fwutil/fwu_txn.h"
+#include "fwutil/fwu_writer_state.h"
 #include "fwutil/fwutil.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -17,41 +17,17 @@
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <unordered_map>
 
-using layout_map = std::unordered_map<std::string, fwu_layout>;
-
-struct fwu_writer {
-    std::string directory;
-    int64_t log_file_size = 0;
-    bool big_endian = false;
-    int lock_fd = -1;
-
-    // The last log file; its generation is 0 until there is one.
-    fwu_log_file file;
-    int fd = -1;
-    int64_t end = 0;       // offset behind its last transaction
-    int32_t last_tag = 0;  // tag of its last commit entry
-    bool torn = false;     // bytes behind end could not be cut off yet
-    bool new_name = false; // the directory has not been synced since the file was made
-    layout_map layouts;    // that stand in it
-
-    uint64_t last_lsn = 0;
-    int32_t last_recnum = 0; // 0: no record in the log
-
-    bool open = false;      // a transaction has begun
-    bool failed = false;    // ... and one of its records was refused
-    bool next_file = false; // it goes into a new file
-    bool records = false;   // it has some
-    int32_t recnum = 0;     // last one that it uses
-    fwu_txn txn;
-    layout_map txn_layouts; // that it puts into the log
-    std::string key;        // scratch for the maps' keys
-};
-
-static int file_error(const std::string &path, const char *what)
+int fwu_file_error(const std::string &path, const char *what)
 {
     return fwu_error("%s: %s: %s", path.c_str(), what, strerror(errno));
+}
+
+static int64_t monotonic_ms()
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
+    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
 }
 
 static int64_t now_us()
@@ -61,78 +37,24 @@ static int64_t now_us()
     return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
 }
 
-static void set_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname)
+void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname)
 {
     w.key = dbname;
     w.key += '\0';
     w.key += dsetname;
 }
 
-static int take_lock(fwu_writer &w)
-{
-    const std::string path = w.directory + "/writer.lock";
-    w.lock_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (w.lock_fd < 0)
-        return file_error(path, "cannot open the writer's lock file");
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (fcntl(w.lock_fd, F_SETLK, &lock) == 0)
-        return 0;
-    if (errno != EACCES && errno != EAGAIN)
-        return file_error(path, "cannot lock the log for writing");
-    if (fcntl(w.lock_fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
-        return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
-                         path.c_str(), static_cast<long>(lock.l_pid));
-    return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
-}
-
-// Takes layouts, record numbers and source position from a transaction found.
-static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
-{
-    fwu_entry entry;
-    fwu_change change;
-    fwu_layout layout;
-    fwu_found found = FWU_FOUND;
-    w.last_lsn = cursor.commit.commit.lsn;
-    while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
-        if (fwu_entry_change(entry, change)) {
-            w.last_recnum = change.recnum;
-        } else if (with_layouts && fwu_entry_layout(entry, layout)) {
-            set_key(w, layout.dbname, layout.dsetname);
-            w.layouts[w.key] = layout;
-        }
-    }
-    return found;
-}
-
-// Reads a file to its end; FWU_END when that went well.
-static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file, bool last)
-{
-    if (fwu_cursor_open(cursor, file) != 0)
-        return FWU_FAILED;
-    fwu_found found = FWU_FOUND;
-    while ((found = fwu_cursor_next(cursor)) == FWU_FOUND) {
-        found = learn(w, cursor, last);
-        if (found != FWU_END)
-            break;
-    }
-    if (found == FWU_DAMAGED)
-        fwu_log_damage(cursor);
-    return found;
-}
-
-static int cut_tail(fwu_writer &w)
+int fwu_writer_cut_tail(fwu_writer &w)
 {
     if (ftruncate(w.fd, w.end) != 0) {
         w.torn = true;
-        return file_error(w.file.path, "cannot cut the log file back to its last transaction");
+        return fwu_file_error(w.file.path, "cannot cut the log file back to its last transaction");
     }
     w.torn = false;
     return 0;
 }
 
-static int put_header(const fwu_writer &w, int fd, const fwu_log_file &file)
+int fwu_writer_put_header(const fwu_writer &w, int fd, const fwu_log_file &file)
 {
     unsigned char bytes[FWU_FILE_HEADER_SIZE];
     fwu_file_header header;
@@ -144,57 +66,23 @@ static int put_header(const fwu_writer &w, int fd, const fwu_log_file &file)
     return fwu_write_all(fd, bytes, sizeof bytes, 0);
 }
 
-// Makes the last file ready to go on with: nothing behind its last transaction.
-static int recover(fwu_writer &w, const fwu_cursor &cursor)
+static int take_lock(fwu_writer &w)
 {
-    w.file = cursor.file;
-    w.fd = open(w.file.path.c_str(), O_RDWR | O_CLOEXEC);
-    if (w.fd < 0)
-        return file_error(w.file.path, "cannot open the log file for writing");
-    w.end = cursor.tx_end;
-    w.last_tag = cursor.tx_last_tag;
-    struct stat st = {};
-    if (fstat(w.fd, &st) != 0)
-        return file_error(w.file.path, "cannot get the log file's size");
-    if (st.st_size > w.end) {
-        fwu_warn("%s: cut %lld bytes behind offset %lld: the rest of a transaction that was not "
-                 "finished",
-                 w.file.path.c_str(), static_cast<long long>(st.st_size - w.end),
-                 static_cast<long long>(w.end));
-        if (cut_tail(w) != 0)
-            return -1;
-    }
-    if (!cursor.header_read) {
-        if (put_header(w, w.fd, w.file) != 0)
-            return file_error(w.file.path, "cannot write to the log file");
-        w.end = FWU_FILE_HEADER_SIZE;
-    }
-    if (cursor.header_read && cursor.header.big_endian != w.big_endian)
-        return fwu_error("%s: the log holds images of %s-endian numbers, but the configuration "
-                         "says otherwise; correct byte-order in it",
-                         w.file.path.c_str(), cursor.header.big_endian ? "big" : "little");
-    return 0;
-}
-
-// Finds the log's end: reads the last file for its layouts and, when that holds
-// no transaction, older ones for the last record.
-static int find_end(fwu_writer &w)
-{
-    std::vector<fwu_log_file> files;
-    if (fwu_log_list(w.directory, files) != 0)
-        return -1;
-    if (files.empty())
+    const std::string path = w.directory + "/writer.lock";
+    w.lock_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (w.lock_fd < 0)
+        return fwu_file_error(path, "cannot open the writer's lock file");
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(w.lock_fd, F_SETLK, &lock) == 0)
         return 0;
-    fwu_cursor cursor;
-    if (learn_file(w, cursor, files.back(), true) != FWU_END || recover(w, cursor) != 0) {
-        fwu_cursor_close(cursor);
-        return -1;
-    }
-    fwu_found found = FWU_END;
-    for (size_t i = files.size() - 1; i > 0 && w.last_recnum == 0 && found == FWU_END; i--)
-        found = learn_file(w, cursor, files[i - 1], false);
-    fwu_cursor_close(cursor);
-    return found == FWU_END ? 0 : -1;
+    if (errno != EACCES && errno != EAGAIN)
+        return fwu_file_error(path, "cannot lock the log for writing");
+    if (fcntl(w.lock_fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
+        return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
+                         path.c_str(), static_cast<long>(lock.l_pid));
+    return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
 }
 
 static void release(fwu_writer *w)
@@ -214,10 +102,12 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
     w->directory = config.log_directory;
     w->log_file_size = config.log_file_size;
     w->big_endian = config.big_endian;
+    w->sync = config.sync;
+    w->sync_interval_ms = config.sync_interval_ms;
     int result = 0;
     if (mkdir(w->directory.c_str(), 0777) != 0 && errno != EEXIST)
-        result = file_error(w->directory, "cannot create the log directory");
-    if (result == 0 && take_lock(*w) == 0 && find_end(*w) == 0) {
+        result = fwu_file_error(w->directory, "cannot create the log directory");
+    if (result == 0 && take_lock(*w) == 0 && fwu_recover(*w) == 0) {
         *writer = w.release();
         return 0;
     }
@@ -330,7 +220,7 @@ static int check_change(const fwu_layout &layout, const fwu_change &change)
 // Puts the layout into the transaction unless it stands in the file already.
 static int put_layout(fwu_writer &w, const fwu_layout &layout)
 {
-    set_key(w, layout.dbname, layout.dsetname);
+    fwu_writer_key(w, layout.dbname, layout.dsetname);
     auto known = w.txn_layouts.find(w.key);
     if (known == w.txn_layouts.end() && !w.next_file) {
         known = w.layouts.find(w.key);
@@ -391,13 +281,14 @@ static int begin_file(fwu_writer &w)
     file.name = fwu_log_file_name(file.generation, file.sequence);
     file.path = w.directory + "/" + file.name;
     const std::string temporary = w.directory + "/new-log-file";
-    if (w.fd >= 0 && fdatasync(w.fd) != 0)
-        return file_error(w.file.path, "cannot bring the log file to disk");
+    if (w.fd >= 0 && w.sync != FWU_SYNC_NONE && fdatasync(w.fd) != 0)
+        return fwu_file_error(w.file.path, "cannot bring the log file to disk");
     const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0)
-        return file_error(temporary, "cannot create a log file");
-    if (put_header(w, fd, file) != 0 || rename(temporary.c_str(), file.path.c_str()) != 0) {
-        const int result = file_error(file.path, "cannot create the log file");
+        return fwu_file_error(temporary, "cannot create a log file");
+    if (fwu_writer_put_header(w, fd, file) != 0 ||
+        rename(temporary.c_str(), file.path.c_str()) != 0) {
+        const int result = fwu_file_error(file.path, "cannot create the log file");
         close(fd);
         (void)unlink(temporary.c_str()); // the next attempt would truncate it
         return result;
@@ -416,7 +307,7 @@ static int begin_file(fwu_writer &w)
 
 static int append(fwu_writer &w, const fwu_commit &commit)
 {
-    if (w.torn && cut_tail(w) != 0)
+    if (w.torn && fwu_writer_cut_tail(w) != 0)
         return -1;
     if (w.next_file && begin_file(w) != 0)
         return -1;
@@ -426,13 +317,16 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     entry.chain = w.txn.chain;
     fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry);
     if (fwu_txn_write(w.txn, w.fd, w.file.path, w.end) != 0) {
-        (void)cut_tail(w); // reported, and tried again before the next transaction
+        (void)fwu_writer_cut_tail(w); // reported, and tried again before the next transaction
         return -1;
     }
     w.end += w.txn.spilled + static_cast<int64_t>(w.txn.entries.size());
     w.last_tag = w.txn.tag + 1;
     w.last_recnum = w.recnum;
     w.last_lsn = commit.lsn;
+    if (!w.unsynced)
+        w.unsynced_since = monotonic_ms();
+    w.unsynced = true;
     for (auto &[key, layout] : w.txn_layouts)
         w.layouts[key] = std::move(layout);
     return 0;
@@ -464,7 +358,7 @@ static int sync_directory(fwu_writer &w)
 {
     const int fd = open(w.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 || fsync(fd) != 0) {
-        const int result = file_error(w.directory, "cannot bring the log directory to disk");
+        const int result = fwu_file_error(w.directory, "cannot bring the log directory to disk");
         if (fd >= 0)
             close(fd);
         return result;
@@ -478,15 +372,53 @@ int fwu_writer_sync(fwu_writer *writer)
 {
     fwu_writer &w = *writer;
     if (w.fd >= 0 && fdatasync(w.fd) != 0)
-        return file_error(w.file.path, "cannot bring the log file to disk");
-    return w.new_name ? sync_directory(w) : 0;
+        return fwu_file_error(w.file.path, "cannot bring the log file to disk");
+    if (w.new_name && sync_directory(w) != 0)
+        return -1;
+    w.unsynced = false;
+    w.synced_lsn = w.last_lsn;
+    return 0;
+}
+
+// How long a commit may wait for its sync.
+static int64_t longest_wait_ms(const fwu_writer &w, bool more_waits)
+{
+    constexpr int64_t longest_group_ms = 1000;
+    if (w.sync == FWU_SYNC_INTERVAL)
+        return w.sync_interval_ms;
+    return more_waits ? longest_group_ms : 0;
+}
+
+int fwu_writer_settle(fwu_writer *writer, bool more_waits)
+{
+    const fwu_writer &w = *writer;
+    if (!w.unsynced || w.sync == FWU_SYNC_NONE)
+        return 0;
+    const int64_t longest = longest_wait_ms(w, more_waits);
+    if (longest > 0 && monotonic_ms() - w.unsynced_since < longest)
+        return 0;
+    return fwu_writer_sync(writer);
+}
+
+int fwu_writer_settle_in(const fwu_writer *writer)
+{
+    const fwu_writer &w = *writer;
+    if (!w.unsynced || w.sync == FWU_SYNC_NONE)
+        return -1;
+    const int64_t waited = monotonic_ms() - w.unsynced_since;
+    return static_cast<int>(std::max<int64_t>(longest_wait_ms(w, false) - waited, 0));
+}
+
+uint64_t fwu_writer_logged_lsn(const fwu_writer *writer)
+{
+    return writer->sync == FWU_SYNC_COMMIT ? writer->synced_lsn : writer->last_lsn;
 }
 
 int fwu_writer_close(fwu_writer *writer)
 {
     if (writer == nullptr)
         return 0;
-    const int result = fwu_writer_sync(writer);
+    const int result = writer->sync == FWU_SYNC_NONE ? 0 : fwu_writer_sync(writer);
     release(writer);
     return result;
 }

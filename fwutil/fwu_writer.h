@@ -41,8 +41,21 @@ int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit);
 // Forgets the transaction begun last.
 void fwu_writer_rollback(fwu_writer *writer);
 
-// Brings the log to disk (fsync).
+// Brings the log to disk (fsync), whatever the configuration's sync says.
 int fwu_writer_sync(fwu_writer *writer);
+
+// Brings to disk what sync asks for at this moment.  more_waits: the caller has
+// further transactions at hand, which a grouped sync should wait for (but a
+// second at most).
+int fwu_writer_settle(fwu_writer *writer, bool more_waits);
+
+// Milliseconds until fwu_writer_settle(writer, false) has something to do; 0: now,
+// -1: nothing waits for it.
+int fwu_writer_settle_in(const fwu_writer *writer);
+
+// Position of the last commit that counts as logged: on disk, unless sync says
+// interval or none, which count a commit once it is appended.
+uint64_t fwu_writer_logged_lsn(const fwu_writer *writer);
 
 // Syncs, releases the lock and frees the writer; null is allowed.  An open
 // transaction is forgotten.

@@ -143,6 +143,11 @@ static int load(const load_options &options, int fd, const char *name)
 
     line_reader reader;
     reader.fd = fd;
+    bool on_disk = true;
+    reader.before_wait = [&] {
+        on_disk = on_disk && fwu_writer_settle(stream.writer, false) == 0;
+        return on_disk ? fwu_writer_settle_in(stream.writer) : -1;
+    };
     struct stat about = {};
     load_progress progress;
     progress.on_terminal = isatty(STDERR_FILENO) == 1;

@@ -29,7 +29,9 @@ static line_found fill(line_reader &reader)
 {
     make_room(reader);
     for (;;) {
-        const stop_wait wait = stop_signal_wait(reader.fd);
+        stop_wait wait = stop_signal_wait(reader.fd, 0);
+        while (wait == STOP_TIMEOUT)
+            wait = stop_signal_wait(reader.fd, reader.before_wait ? reader.before_wait() : -1);
         if (wait == STOP_ASKED)
             return LINE_STOPPED;
         if (wait == STOP_ERROR)

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string_view>
 #include <vector>
 
@@ -12,6 +13,9 @@ constexpr size_t LINE_LENGTH_MAX = size_t{256} * 1024 * 1024;
 struct line_reader {
     int fd = -1;
     size_t longest = LINE_LENGTH_MAX;
+    // Called when the next line has to be waited for, and again after the time in
+    // milliseconds that it returned; negative: there is no need to.
+    std::function<int()> before_wait;
     uint64_t number = 0; // of the line given last, from 1
     uint64_t bytes = 0;  // given so far, line ends included
     bool torn = false;   // the line given last has no line end: the input ends within it

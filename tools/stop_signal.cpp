@@ -29,7 +29,7 @@ int stop_signal_get()
     return g_stop_signal;
 }
 
-stop_wait stop_signal_wait(int fd)
+stop_wait stop_signal_wait(int fd, int limit_ms)
 {
     sigset_t both;
     sigset_t before;
@@ -42,8 +42,9 @@ stop_wait stop_signal_wait(int fd)
     int found = 0;
     int code = 0;
     do {
-        const timespec at_once = {};
-        found = ppoll(&wanted, 1, g_stop_signal != 0 ? &at_once : nullptr, &before);
+        const int ms = g_stop_signal != 0 ? 0 : limit_ms;
+        const timespec limit = {.tv_sec = ms / 1000, .tv_nsec = ms % 1000 * 1'000'000L};
+        found = ppoll(&wanted, 1, ms < 0 ? nullptr : &limit, &before);
         code = errno;
     } while (found < 0 && code == EINTR);
 
@@ -51,5 +52,7 @@ stop_wait stop_signal_wait(int fd)
     errno = code;
     if (found < 0)
         return STOP_ERROR;
-    return found > 0 ? STOP_READABLE : STOP_ASKED;
+    if (found > 0)
+        return STOP_READABLE;
+    return g_stop_signal != 0 ? STOP_ASKED : STOP_TIMEOUT;
 }

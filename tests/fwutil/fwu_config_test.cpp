@@ -72,6 +72,27 @@ TEST_F(ConfigTest, DefaultsAreTheMachinesByteOrderAnd64M)
     EXPECT_EQ(config.big_endian, std::endian::native == std::endian::big);
 }
 
+TEST_F(ConfigTest, SyncIsForEveryCommitUnlessSaidOtherwise)
+{
+    const struct {
+        const char *text;
+        fwu_sync_mode sync;
+        int64_t interval_ms;
+    } rows[] = {
+        {"", FWU_SYNC_COMMIT, 0},
+        {"sync commit\n", FWU_SYNC_COMMIT, 0},
+        {"sync interval 250\n", FWU_SYNC_INTERVAL, 250},
+        {"sync interval 3600000\n", FWU_SYNC_INTERVAL, 3600000},
+        {"sync none\n", FWU_SYNC_NONE, 0},
+    };
+    for (const auto &row : rows) {
+        config = {};
+        ASSERT_EQ(read(std::string("log-directory l\n") + row.text), 0) << err;
+        EXPECT_EQ(config.sync, row.sync) << row.text;
+        EXPECT_EQ(config.sync_interval_ms, row.interval_ms) << row.text;
+    }
+}
+
 #define LOGDIR "log-directory l\n"
 #define SET LOGDIR "database D\ndataset S\n"
 
@@ -86,7 +107,7 @@ static const config_row ERRORS[] = {
     {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
     {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
     {"\nlog-directory a\x01\n", "2: the line holds a control character"},
-    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, skip-table, database, dataset or item"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, sync, skip-table, database, dataset or item"},
     {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
@@ -97,6 +118,12 @@ static const config_row ERRORS[] = {
     {LOGDIR "byte-order middle\n", "2: byte-order takes the word little or big"},
     {LOGDIR "byte-order\n", "2: byte-order takes the word little or big"},
     {LOGDIR "byte-order big\nbyte-order big\n", "3: byte-order is given twice"},
+    {LOGDIR "sync\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
+    {LOGDIR "sync interval\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
+    {LOGDIR "sync interval 0\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
+    {LOGDIR "sync interval 3600001\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
+    {LOGDIR "sync commit 5\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
+    {LOGDIR "sync none\nsync none\n", "3: sync is given twice"},
     {LOGDIR "byte-order \"big\"\n", "2: only a path is written in quotes"},
     {LOGDIR "skip-table journal\n", "2: skip-table takes one name of the form schema.table"},
     {LOGDIR "skip-table a.b.c\n", "2: skip-table takes one name of the form schema.table"},

@@ -1,0 +1,96 @@
+// Where a writer goes on: behind the last whole transaction of the log.
+#include "fwutil/fwu_error.h"
+#include "fwutil/fwu_writer_state.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Takes layouts, record numbers and source position from a transaction found.
+static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
+{
+    fwu_entry entry;
+    fwu_change change;
+    fwu_layout layout;
+    fwu_found found = FWU_FOUND;
+    w.last_lsn = cursor.commit.commit.lsn;
+    while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
+        if (fwu_entry_change(entry, change)) {
+            w.last_recnum = change.recnum;
+        } else if (with_layouts && fwu_entry_layout(entry, layout)) {
+            fwu_writer_key(w, layout.dbname, layout.dsetname);
+            w.layouts[w.key] = layout;
+        }
+    }
+    return found;
+}
+
+// Reads a file to its end; FWU_END when that went well.
+static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file, bool last)
+{
+    if (fwu_cursor_open(cursor, file) != 0)
+        return FWU_FAILED;
+    fwu_found found = FWU_FOUND;
+    while ((found = fwu_cursor_next(cursor)) == FWU_FOUND) {
+        found = learn(w, cursor, last);
+        if (found != FWU_END)
+            break;
+    }
+    if (found == FWU_DAMAGED)
+        fwu_log_damage(cursor);
+    return found;
+}
+
+// Makes the last file ready to go on with: nothing behind its last transaction.
+static int make_ready(fwu_writer &w, const fwu_cursor &cursor)
+{
+    w.file = cursor.file;
+    w.fd = open(w.file.path.c_str(), O_RDWR | O_CLOEXEC);
+    if (w.fd < 0)
+        return fwu_file_error(w.file.path, "cannot open the log file for writing");
+    w.end = cursor.tx_end;
+    w.last_tag = cursor.tx_last_tag;
+    // The process that wrote the file may have died before it was on disk.
+    w.unsynced = true;
+    w.new_name = true;
+    struct stat st = {};
+    if (fstat(w.fd, &st) != 0)
+        return fwu_file_error(w.file.path, "cannot get the log file's size");
+    if (st.st_size > w.end) {
+        fwu_warn("%s: cut %lld bytes behind offset %lld: the rest of a transaction that was not "
+                 "finished",
+                 w.file.path.c_str(), static_cast<long long>(st.st_size - w.end),
+                 static_cast<long long>(w.end));
+        if (fwu_writer_cut_tail(w) != 0)
+            return -1;
+    }
+    if (!cursor.header_read) {
+        if (fwu_writer_put_header(w, w.fd, w.file) != 0)
+            return fwu_file_error(w.file.path, "cannot write to the log file");
+        w.end = FWU_FILE_HEADER_SIZE;
+    }
+    if (cursor.header_read && cursor.header.big_endian != w.big_endian)
+        return fwu_error("%s: the log holds images of %s-endian numbers, but the configuration "
+                         "says otherwise; correct byte-order in it",
+                         w.file.path.c_str(), cursor.header.big_endian ? "big" : "little");
+    return 0;
+}
+
+int fwu_recover(fwu_writer &w)
+{
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(w.directory, files) != 0)
+        return -1;
+    if (files.empty())
+        return 0;
+    fwu_cursor cursor;
+    if (learn_file(w, cursor, files.back(), true) != FWU_END || make_ready(w, cursor) != 0) {
+        fwu_cursor_close(cursor);
+        return -1;
+    }
+    fwu_found found = FWU_END;
+    for (size_t i = files.size() - 1; i > 0 && w.last_recnum == 0 && found == FWU_END; i--)
+        found = learn_file(w, cursor, files[i - 1], false);
+    fwu_cursor_close(cursor);
+    return found == FWU_END ? 0 : -1;
+}
