@@ -371,10 +371,17 @@ static int sync_directory(fwu_writer &w)
 int fwu_writer_sync(fwu_writer *writer)
 {
     fwu_writer &w = *writer;
-    if (w.fd >= 0 && fdatasync(w.fd) != 0)
+    if (w.sync_failed)
+        return fwu_error("%s: the log file could not be brought to disk before; start anew",
+                         w.file.path.c_str());
+    if (w.fd >= 0 && fdatasync(w.fd) != 0) {
+        w.sync_failed = true;
         return fwu_file_error(w.file.path, "cannot bring the log file to disk");
-    if (w.new_name && sync_directory(w) != 0)
+    }
+    if (w.new_name && sync_directory(w) != 0) {
+        w.sync_failed = true;
         return -1;
+    }
     w.unsynced = false;
     w.synced_lsn = w.last_lsn;
     return 0;
@@ -418,7 +425,8 @@ int fwu_writer_close(fwu_writer *writer)
 {
     if (writer == nullptr)
         return 0;
-    const int result = writer->sync == FWU_SYNC_NONE ? 0 : fwu_writer_sync(writer);
+    const bool wants_sync = writer->sync != FWU_SYNC_NONE && !writer->sync_failed;
+    const int result = wants_sync ? fwu_writer_sync(writer) : 0;
     release(writer);
     return result;
 }

@@ -41,7 +41,9 @@ int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit);
 // Forgets the transaction begun last.
 void fwu_writer_rollback(fwu_writer *writer);
 
-// Brings the log to disk (fsync), whatever the configuration's sync says.
+// Brings the log to disk (fsync), whatever the configuration's sync says.  Once
+// that has failed it fails for good: the system may have dropped what it did not
+// write, and only a new start looks at the file again.
 int fwu_writer_sync(fwu_writer *writer);
 
 // Brings to disk what sync asks for at this moment.  more_waits: the caller has

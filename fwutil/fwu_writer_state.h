@@ -31,6 +31,7 @@ struct fwu_writer {
     int64_t sync_interval_ms = 0;
     bool unsynced = false;      // a commit is not known to be on disk
     int64_t unsynced_since = 0; // when the first of those was appended, monotonic milliseconds
+    bool sync_failed = false;   // what the system did not write it may have dropped
     uint64_t synced_lsn = 0;    // last commit that is on disk as far as the setting asks
 
     uint64_t last_lsn = 0;

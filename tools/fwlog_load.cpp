@@ -155,6 +155,8 @@ static int load(const load_options &options, int fd, const char *name)
         progress.size = static_cast<uint64_t>(about.st_size);
 
     int status = run(stream, reader, progress, name);
+    if (!on_disk)
+        status = FWLOG_EXIT_FAILED;
     load_progress_erase(progress);
     if (status >= FWLOG_EXIT_SIGNAL)
         fprintf(stderr,

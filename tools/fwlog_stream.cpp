@@ -98,6 +98,8 @@ static fwlog_result take_commit(fwlog_stream &stream, std::string &error)
         stream.begun = false; // a commit that fails has forgotten the transaction, too
         if (fwu_writer_commit(stream.writer, stream.commit) != 0)
             return FWLOG_FAILED;
+        if (fwu_writer_settle(stream.writer, true) != 0)
+            return FWLOG_FAILED;
         stream.totals.transactions++;
         add_changes(stream.totals, stream.changes);
     }

@@ -53,6 +53,7 @@ int __real_fdatasync(int fd);
 int __wrap_fdatasync(int fd);
 int __wrap_fdatasync(int fd)
 {
+    calls.fdatasyncs++;
     if (!calls.fail_fdatasync)
         return __real_fdatasync(fd);
     errno = EIO;
@@ -73,10 +74,15 @@ int __real_clock_gettime(clockid_t clock, struct timespec *time);
 int __wrap_clock_gettime(clockid_t clock, struct timespec *time);
 int __wrap_clock_gettime(clockid_t clock, struct timespec *time)
 {
-    if (calls.clock_us == 0 || clock != CLOCK_REALTIME)
+    int64_t us = 0;
+    if (clock == CLOCK_REALTIME)
+        us = calls.clock_us;
+    else if (clock == CLOCK_MONOTONIC)
+        us = calls.monotonic_ms * 1000;
+    if (us == 0)
         return __real_clock_gettime(clock, time);
-    time->tv_sec = calls.clock_us / 1000000;
-    time->tv_nsec = calls.clock_us % 1000000 * 1000;
+    time->tv_sec = us / 1000000;
+    time->tv_nsec = us % 1000000 * 1000;
     return 0;
 }
 
