@@ -142,6 +142,46 @@ static int walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
     return result;
 }
 
+fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool last,
+                            const std::function<int(const fwu_walk_item &)> &visit, int &result)
+{
+    fwu_walk_item item;
+    item.file = &file;
+    bool announced = false;
+    result = 0;
+    fwu_found found = fwu_cursor_open(cursor, file) == 0 ? FWU_FOUND : FWU_FAILED;
+    while (found == FWU_FOUND && result == 0) {
+        found = fwu_cursor_next(cursor);
+        if (cursor.header_read && !announced) {
+            announced = true;
+            item.what = FWU_WALK_FILE;
+            item.header = cursor.header;
+            result = visit(item);
+        }
+        if (found == FWU_FOUND && result == 0) {
+            result = walk_transaction(cursor, item, visit, found);
+            found = found == FWU_END ? FWU_FOUND : found;
+        }
+    }
+    if (result != 0)
+        return found;
+    if (found == FWU_END && !last && !ends_whole(cursor))
+        found = FWU_DAMAGED;
+    item.offset = cursor.tx_end;
+    item.length = cursor.size - cursor.tx_end;
+    item.reason = cursor.reason;
+    if (found == FWU_END && item.length > 0) {
+        item.what = FWU_WALK_TAIL;
+        result = visit(item);
+    } else if (found == FWU_DAMAGED) {
+        item.what = FWU_WALK_DAMAGE;
+        item.offset = cursor.bad_at;
+        item.length = 0;
+        result = visit(item);
+    }
+    return found;
+}
+
 int fwu_log_walk(const std::string &directory,
                  const std::function<int(const fwu_walk_item &)> &visit)
 {
@@ -151,42 +191,12 @@ int fwu_log_walk(const std::string &directory,
     fwu_cursor cursor;
     int result = 0;
     for (size_t i = 0; i < files.size() && result == 0; i++) {
-        fwu_walk_item item;
-        item.file = &files[i];
-        bool announced = false;
-        fwu_found found = fwu_cursor_open(cursor, files[i]) == 0 ? FWU_FOUND : FWU_FAILED;
-        while (found == FWU_FOUND && result == 0) {
-            found = fwu_cursor_next(cursor);
-            if (cursor.header_read && !announced) {
-                announced = true;
-                item.what = FWU_WALK_FILE;
-                item.header = cursor.header;
-                result = visit(item);
-            }
-            if (found == FWU_FOUND && result == 0) {
-                result = walk_transaction(cursor, item, visit, found);
-                found = found == FWU_END ? FWU_FOUND : found;
-            }
-        }
-        if (result != 0)
-            break;
-        if (found == FWU_END && i + 1 < files.size() && !ends_whole(cursor))
-            found = FWU_DAMAGED;
-        item.offset = cursor.tx_end;
-        item.length = cursor.size - cursor.tx_end;
-        item.reason = cursor.reason;
-        if (found == FWU_END && item.length > 0) {
-            item.what = FWU_WALK_TAIL;
-            result = visit(item);
-        } else if (found == FWU_DAMAGED) {
-            item.what = FWU_WALK_DAMAGE;
-            item.offset = cursor.bad_at;
-            item.length = 0;
-            (void)visit(item); // the walk ends here in any case
+        const bool last = i + 1 == files.size();
+        const fwu_found found = fwu_log_walk_file(cursor, files[i], last, visit, result);
+        if (found == FWU_DAMAGED)
             result = fwu_log_damage(cursor);
-        } else if (found == FWU_FAILED) {
+        else if (found == FWU_FAILED)
             result = -1;
-        }
     }
     fwu_cursor_close(cursor);
     return result;

@@ -50,6 +50,12 @@ struct fwu_walk_item {
     fwu_entry entry; // valid during the visit
 };
 
+// Visits everything in one file, until visit returns nonzero, which then is result.
+// last: no other file follows it, so that it may have a tail.  FWU_END: walked to the
+// end; FWU_DAMAGED: visited, not reported; FWU_FAILED: reported.
+fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool last,
+                            const std::function<int(const fwu_walk_item &)> &visit, int &result);
+
 // Visits everything from the log's oldest file on until visit returns nonzero,
 // which it then returns.  Damage is visited, then reported, and ends the walk
 // with -1.  0 at the end of the log.

@@ -11,14 +11,18 @@
 static const char help_text[] =
     "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
     "       fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
+    "       fwlog verify [-cfg FILE] [--json]\n"
+    "       fwlog info [-cfg FILE] [--json]\n"
     "       fwlog --help | --version\n"
     "\n"
-    "Writes forward logs from a PostgreSQL change stream, and prints them.\n"
+    "Writes forward logs from a PostgreSQL change stream, and tells about them.\n"
     "\n"
     "  load    appends a change stream to the forward log\n"
     "  dump    prints the entries of a forward log\n"
+    "  verify  reads every entry of a forward log and says what is damaged\n"
+    "  info    tells files, positions, times and datasets of a forward log\n"
     "\n"
-    "\"fwlog load --help\" and \"fwlog dump --help\" say more.\n";
+    "\"fwlog load --help\" and so on say more.\n";
 
 static const char load_help_text[] =
     "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
@@ -52,6 +56,36 @@ static const char dump_help_text[] =
     "\n"
     "Exit status: 0 done; 1 error or damage; 2 wrong command line.\n";
 
+static const char verify_help_text[] =
+    "Usage: fwlog verify [-cfg FILE] [--json]\n"
+    "\n"
+    "Reads every entry of the forward log, checks all checksums, tags and file names,\n"
+    "and prints a line for each log file: what it holds, or what is damaged and at\n"
+    "which offset.  What stands behind a damaged place in a file is not looked at; the\n"
+    "next file is.\n"
+    "\n"
+    "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
+    "               fwutil.cfg), which names the log directory\n"
+    "  --json       one JSON object a line for each file\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 sound (a transaction being written at the end is); 1 damage, a\n"
+    "missing file, or the log could not be read; 2 wrong command line.\n";
+
+static const char info_help_text[] =
+    "Usage: fwlog info [-cfg FILE] [--json]\n"
+    "\n"
+    "Tells of each file of the forward log its size, its transactions with the times of\n"
+    "the first and the last commit, and the position of the last one in the log and in\n"
+    "the source; then the changes of each dataset.\n"
+    "\n"
+    "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
+    "               fwutil.cfg), which names the log directory\n"
+    "  --json       one JSON object\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 done; 1 damage, or the log could not be read; 2 wrong command line.\n";
+
 struct subcommand {
     const char *name;
     int (*run)(int argc, char **argv);
@@ -61,7 +95,26 @@ struct subcommand {
 static const subcommand subcommands[] = {
     {"load", fwlog_load_main, load_help_text},
     {"dump", fwlog_dump_main, dump_help_text},
+    {"verify", fwlog_verify_main, verify_help_text},
+    {"info", fwlog_info_main, info_help_text},
 };
+
+int fwlog_scan_log_options(fwlog_log_options &options, int argc, char **argv)
+{
+    for (int i = 0; i < argc; i++) {
+        const char *const word = argv[i];
+        if (strcmp(word, "-cfg") == 0) {
+            if (++i == argc)
+                return fwlog_usage_error("option lacks its file name", word);
+            options.cfg = argv[i];
+        } else if (strcmp(word, "--json") == 0) {
+            options.json = true;
+        } else {
+            return fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
+        }
+    }
+    return FWLOG_EXIT_OK;
+}
 
 int fwlog_usage_error(const char *text, const char *word)
 {

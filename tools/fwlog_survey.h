@@ -1,0 +1,54 @@
+// What there is in a forward log, file by file: for the subcommands that tell about
+// a log without printing its entries.
+#ifndef TOOLS_FWLOG_SURVEY_H
+#define TOOLS_FWLOG_SURVEY_H
+
+#include "fwutil/fwu_log.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+struct survey_counts {
+    uint64_t inserts = 0;
+    uint64_t updates = 0;
+    uint64_t deletes = 0;
+};
+
+using survey_datasets = std::map<std::pair<std::string, std::string>, survey_counts>;
+
+struct survey_file {
+    fwu_log_file file;
+    bool has_header = false;
+    fwu_file_header header;
+    int64_t size = 0;
+    uint64_t transactions = 0;
+    uint64_t entries = 0; // of whole transactions
+    int32_t last_tag = 0; // of the last commit; 0: none
+    int64_t first_us = 0; // commit times, microseconds since 1970
+    int64_t last_us = 0;
+    uint64_t last_lsn = 0;
+    survey_datasets datasets;
+
+    int64_t tail = 0;         // bytes behind the last transaction that are not there yet
+    int64_t tail_at = 0;      // where they begin
+    std::string damage;       // what is wrong; empty: nothing
+    int64_t damage_at = 0;    // in the file
+    int32_t missing_from = 0; // log files that should stand before this one; 0: none
+    int32_t missing_to = 0;
+};
+
+// Reads every entry of every file and checks all there is to check.  The files go to
+// take one by one.  0, or -1 when the log could not be read (reported).
+int fwlog_survey(const std::string &directory,
+                 const std::function<void(const survey_file &)> &take);
+
+// "1-25.340"
+std::string survey_position(const survey_file &file);
+
+// Text for JSON, in double quotes; bytes above 7E and below 20 as \u00XX.
+std::string survey_quoted(const std::string &text);
+
+#endif
