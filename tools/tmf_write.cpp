@@ -77,7 +77,7 @@ static source_found fill(record_source &source)
         source.begin = 0;
     }
     for (;;) {
-        const stop_wait wait = stop_signal_wait(STDIN_FILENO);
+        const stop_wait wait = stop_signal_wait(STDIN_FILENO, -1);
         if (wait == STOP_ASKED)
             return SOURCE_STOPPED;
         if (wait == STOP_ERROR)
