@@ -201,6 +201,40 @@ static int take_skip_table(reading &r, const words &w)
     return 0;
 }
 
+static int take_column(reading &r, const words &w)
+{
+    const size_t dot = w.size() < 2 ? std::string::npos : w[1].rfind('.');
+    if (w.size() < 3 || dot == std::string::npos || dot + 1 == w[1].size() ||
+        !table_ok(w[1].substr(0, dot)))
+        return wrong(r, "column takes one name of the form schema.table.column, then item=NAME, "
+                        "width=N or both");
+    fwu_column column;
+    column.table = w[1].substr(0, dot);
+    column.column = w[1].substr(dot + 1);
+    for (size_t i = 2; i < w.size(); i++) {
+        const std::string &word = w[i];
+        if (word.rfind("item=", 0) == 0 && column.item.empty()) {
+            column.item = word.substr(5);
+            if (column.item.empty() || column.item.size() > FWU_ITEM_NAME_MAX)
+                return wrong(r, "%s: an item name has 1 to 17 bytes", word.c_str());
+        } else if (word.rfind("width=", 0) == 0 && column.width == 0) {
+            column.width = static_cast<int32_t>(number(word.substr(6), COUNT_MAX));
+            if (column.width < 1)
+                return wrong(r, "%s is not a width from 1 to 32767 bytes", word.c_str());
+        } else {
+            return wrong(r,
+                         "%s is not known or given twice; behind the column's name stand "
+                         "item=NAME and width=N",
+                         word.c_str());
+        }
+    }
+    for (const fwu_column &known : r.config->columns)
+        if (known.table == column.table && known.column == column.column)
+            return wrong(r, "column %s is given twice", w[1].c_str());
+    r.config->columns.push_back(std::move(column));
+    return 0;
+}
+
 static int take_database(reading &r, const words &w)
 {
     if (w.size() != 2 || !name_ok(w[1], FWU_NAME_MAX, DATABASE_OTHERS))
@@ -349,6 +383,7 @@ static constexpr statement_row STATEMENTS[] = {
     {"byte-order", take_byte_order},
     {"sync", take_sync},
     {"skip-table", take_skip_table},
+    {"column", take_column},
     {"database", take_database},
     {"dataset", take_dataset},
     {"item", take_item},
@@ -374,7 +409,7 @@ static int take_line(reading &r, std::string_view line)
     }
     return wrong(r,
                  "%s is not known here; a line begins with log-directory, log-file-size, "
-                 "byte-order, sync, skip-table, database, dataset or item",
+                 "byte-order, sync, skip-table, column, database, dataset or item",
                  w[0].c_str());
 }
 

@@ -27,6 +27,14 @@ struct fwu_dataset {
     int null_map = -1; // index of the item that tells which items are null; -1: none
 };
 
+// What is said of one column of a table whose items come from its source.
+struct fwu_column {
+    std::string table;  // "schema.table"
+    std::string column; // as the source names it
+    std::string item;   // name of its item; empty: made from the column's
+    int32_t width = 0;  // bytes of its item, which is text; 0: by the column's type
+};
+
 struct fwu_config {
     std::string path;          // the file read, for messages
     std::string log_directory; // absolute, or relative to the working directory
@@ -36,6 +44,7 @@ struct fwu_config {
     int64_t sync_interval_ms = 0;         // for FWU_SYNC_INTERVAL
     std::vector<fwu_dataset> datasets;    // in file order
     std::vector<std::string> skip_tables; // "schema.table": left out of the log on purpose
+    std::vector<fwu_column> columns;
 };
 
 // Reads the file at path, or, when path is null, the one named by the

@@ -3,6 +3,7 @@
 #include "tools/fwlog_stream.h"
 #include "tools/line_reader.h"
 #include "tools/load_progress.h"
+#include "tools/pg_lsn.h"
 #include "tools/stop_signal.h"
 
 #include <cerrno>
@@ -51,7 +52,7 @@ static void say_incomplete(const fwlog_stream &stream, const char *name, uint64_
             "fwlog: %s:%" PRIu64 ": the input ends inside transaction %" PRIu64
             " (begun in line %" PRIu64 "): the last transaction is incomplete and not loaded; "
             "load the whole stream again\n",
-            name, line, stream.commit.xid, stream.opened_at);
+            name, line, stream.tx.commit.xid, stream.opened_at);
 }
 
 static void say_bad_line(const fwlog_stream &stream, const line_reader &reader, const char *name,
@@ -71,14 +72,14 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
 {
     std::string error;
     for (;;) {
-        if (stop_signal_get() != 0 && !stream.open)
+        if (stop_signal_get() != 0 && !stream.tx.open)
             return FWLOG_EXIT_SIGNAL + stop_signal_get();
         std::string_view line;
         const line_found found = line_reader_next(reader, line);
         if (found == LINE_FOUND) {
             if (blank(line))
                 continue;
-            const bool was_open = stream.open;
+            const bool was_open = stream.tx.open;
             const fwlog_result result = fwlog_stream_line(stream, line, reader.number, error);
             if (result != FWLOG_OK) {
                 load_progress_erase(progress);
@@ -86,14 +87,14 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
                     say_bad_line(stream, reader, name, was_open, error);
                 return FWLOG_EXIT_FAILED;
             }
-            load_progress_show(progress, stream.totals, reader.bytes);
+            load_progress_show(progress, stream.tx.totals, reader.bytes);
             continue;
         }
 
         const int code = errno;
-        const bool was_open = stream.open;
+        const bool was_open = stream.tx.open;
         load_progress_erase(progress);
-        fwlog_stream_abandon(stream);
+        fwlog_abandon(stream.tx);
         switch (found) {
         case LINE_STOPPED:
             return FWLOG_EXIT_SIGNAL + stop_signal_get();
@@ -117,15 +118,15 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
 
 static void print_summary(const fwlog_stream &stream)
 {
-    const fwlog_totals &totals = stream.totals;
+    const fwlog_totals &totals = stream.tx.totals;
     printf("fwlog: %" PRIu64 " transactions loaded: %" PRIu64 " inserts, %" PRIu64
            " updates, %" PRIu64 " deletes; %" PRIu64 " without changes, %" PRIu64
            " skipped as loaded before; log at %s\n",
            totals.transactions, totals.inserts, totals.updates, totals.deletes, totals.empty,
-           totals.skipped, w2j_lsn_text(fwu_writer_last_lsn(stream.writer)).c_str());
-    if (stream.work.settings.truncate)
+           totals.skipped, pgl_text(fwu_writer_last_lsn(stream.tx.writer)).c_str());
+    if (stream.tx.work.settings.truncate)
         printf("fwlog: %" PRIu64 " texts cut to the length of their items\n",
-               stream.work.truncated);
+               stream.tx.work.truncated);
 }
 
 static int load(const load_options &options, int fd, const char *name)
@@ -136,17 +137,17 @@ static int load(const load_options &options, int fd, const char *name)
 
     fwlog_stream stream;
     stream.tables.config = &config;
-    stream.work.settings = {.big_endian = config.big_endian, .truncate = options.truncate};
+    stream.tx.work.settings = {.big_endian = config.big_endian, .truncate = options.truncate};
     stop_signal_install();
-    if (fwu_writer_open(&stream.writer, config) != 0)
+    if (fwu_writer_open(&stream.tx.writer, config) != 0)
         return FWLOG_EXIT_FAILED;
 
     line_reader reader;
     reader.fd = fd;
     bool on_disk = true;
     reader.before_wait = [&] {
-        on_disk = on_disk && fwu_writer_settle(stream.writer, false) == 0;
-        return on_disk ? fwu_writer_settle_in(stream.writer) : -1;
+        on_disk = on_disk && fwu_writer_settle(stream.tx.writer, false) == 0;
+        return on_disk ? fwu_writer_settle_in(stream.tx.writer) : -1;
     };
     struct stat about = {};
     load_progress progress;
@@ -165,7 +166,7 @@ static int load(const load_options &options, int fd, const char *name)
                 status - FWLOG_EXIT_SIGNAL);
     // The position is read before the writer is gone, the log is safe after it.
     print_summary(stream);
-    if (fwu_writer_close(stream.writer) != 0)
+    if (fwu_writer_close(stream.tx.writer) != 0)
         status = FWLOG_EXIT_FAILED;
     return fwlog_flush_output(status);
 }

@@ -2,7 +2,7 @@
 #ifndef TOOLS_LOAD_PROGRESS_H
 #define TOOLS_LOAD_PROGRESS_H
 
-#include "tools/fwlog_stream.h"
+#include "tools/fwlog_transaction.h"
 
 #include <cstdint>
 

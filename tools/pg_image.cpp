@@ -15,7 +15,7 @@ static constexpr size_t STAMP_LENGTH = 19; // "YYYY-MM-DD HH:MM:SS"
 static constexpr size_t STAMP_DECIMALS_MAX = 6;
 
 struct value {
-    w2j_kind kind;
+    pgr_kind kind;
     std::string_view text;
     std::string_view type; // of the column, without "[]"
 };
@@ -62,8 +62,8 @@ static bool number_error(const fwu_item &item, std::string_view text, pgd_result
 static bool put_number(const pgi_work &work, const fwu_item &item, const value &from,
                        unsigned char *out, std::string &error)
 {
-    const std::string_view text = from.kind == W2J_TRUE    ? "1"
-                                  : from.kind == W2J_FALSE ? "0"
+    const std::string_view text = from.kind == PGR_TRUE    ? "1"
+                                  : from.kind == PGR_FALSE ? "0"
                                                            : from.text;
     const bool big_endian = work.settings.big_endian;
     pgd_result result = PGD_OK;
@@ -148,9 +148,9 @@ static bool put_text(pgi_work &work, const fwu_item &item, const value &from, un
 {
     const size_t width = static_cast<size_t>(item.size);
     bool may_cut = false;
-    if (from.kind == W2J_TRUE || from.kind == W2J_FALSE) {
-        work.text = from.kind == W2J_TRUE ? "T" : "F";
-    } else if (from.kind == W2J_NUMBER) {
+    if (from.kind == PGR_TRUE || from.kind == PGR_FALSE) {
+        work.text = from.kind == PGR_TRUE ? "T" : "F";
+    } else if (from.kind == PGR_NUMBER) {
         work.text = from.text;
     } else if (is_timestamp(from.type)) {
         if (!make_stamp(work, item, from.text, error))
@@ -188,7 +188,7 @@ static bool put_value(pgi_work &work, const fwu_item &item, const value &from, u
 static bool put_array(pgi_work &work, const fwu_item &item, const value &from, unsigned char *out,
                       std::string &error)
 {
-    if (from.kind != W2J_STRING) {
+    if (from.kind != PGR_STRING) {
         error = "is not an array, item " + item.name + " has " + std::to_string(item.count) +
                 " elements: give it one element";
         return false;
@@ -205,9 +205,9 @@ static bool put_array(pgi_work &work, const fwu_item &item, const value &from, u
         return false;
     }
     for (const std::string &element : work.elements) {
-        value one{.kind = W2J_STRING, .text = element, .type = from.type};
+        value one{.kind = PGR_STRING, .text = element, .type = from.type};
         if (from.type == "boolean" && (element == "t" || element == "f"))
-            one.kind = element == "t" ? W2J_TRUE : W2J_FALSE;
+            one.kind = element == "t" ? PGR_TRUE : PGR_FALSE;
         if (!put_value(work, item, one, out, error))
             return false;
         out += item.size;
@@ -230,9 +230,9 @@ static void put_null(const fwu_item &item, unsigned char *out)
 }
 
 static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &item,
-                       const w2j_column &column, unsigned char *out, std::string &error)
+                       const pgr_column &column, unsigned char *out, std::string &error)
 {
-    if (column.kind == W2J_NULL) {
+    if (column.kind == PGR_NULL) {
         if (table.dataset->null_map < 0) {
             error = "is null, and dataset " + table.dataset->layout.dbname + "." +
                     table.dataset->layout.dsetname +
@@ -252,7 +252,7 @@ static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &i
                           : put_value(work, item, from, out, error);
 }
 
-static const w2j_column *column_at(const pgt_map &map, const w2j_row &row, size_t item)
+static const pgr_column *column_at(const pgt_map &map, const pgr_row &row, size_t item)
 {
     const int index = map.column_of_item[item];
     return index == PGT_NO_COLUMN ? nullptr : &row.columns[static_cast<size_t>(index)];
@@ -288,7 +288,7 @@ static bool make_image(pgi_work &work, std::vector<unsigned char> &image, const 
     for (size_t i = 0; i < items.size(); i++) {
         if (static_cast<int>(i) == null_map)
             continue;
-        const w2j_column *column = find(i);
+        const pgr_column *column = find(i);
         if (column == nullptr) {
             return missing_error(table, items[i], is_old, error);
         }
@@ -297,20 +297,20 @@ static bool make_image(pgi_work &work, std::vector<unsigned char> &image, const 
             return false;
         }
         if (nulls != nullptr)
-            *nulls++ = column->kind == W2J_NULL ? 'N' : '.';
+            *nulls++ = column->kind == PGR_NULL ? 'N' : '.';
     }
     return true;
 }
 
 bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const w2j_row &row, const w2j_row *old_row, std::string &error)
+                   const pgr_row &row, const pgr_row *old_row, std::string &error)
 {
     if (!pgt_map_columns(table.columns_map, table, row, error))
         return false;
     if (old_row != nullptr && !pgt_map_columns(table.identity_map, table, *old_row, error))
         return false;
     const auto find = [&](size_t item) {
-        const w2j_column *column = column_at(table.columns_map, row, item);
+        const pgr_column *column = column_at(table.columns_map, row, item);
         if (column == nullptr && old_row != nullptr)
             column = column_at(table.identity_map, *old_row, item);
         return column;
@@ -319,7 +319,7 @@ bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table 
 }
 
 bool pgi_old_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const w2j_row &old_row, std::string &error)
+                   const pgr_row &old_row, std::string &error)
 {
     if (!pgt_map_columns(table.identity_map, table, old_row, error))
         return false;

@@ -3,7 +3,7 @@
 #define TOOLS_PG_IMAGE_H
 
 #include "tools/pg_table.h"
-#include "tools/wal2json.h"
+#include "tools/pg_row.h"
 
 #include <cstdint>
 #include <string>
@@ -26,10 +26,10 @@ struct pgi_work {
 // lacks are taken from the old row, when there is one (null: there is none).
 // False, with the column and the reason in error, when a value does not fit.
 bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const w2j_row &row, const w2j_row *old_row, std::string &error);
+                   const pgr_row &row, const pgr_row *old_row, std::string &error);
 
 // The image of an old row, which must have all columns.
 bool pgi_old_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const w2j_row &old_row, std::string &error);
+                   const pgr_row &old_row, std::string &error);
 
 #endif

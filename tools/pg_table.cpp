@@ -106,7 +106,8 @@ static bool measure(pgt_table &table, const fwu_config &config, std::string &err
 static bool feeds_alone(const pgt_tables &tables, const pgt_table &table, std::string &error)
 {
     for (const auto &[name, other] : tables.known) {
-        if (other->dataset != table.dataset)
+        if (other->dataset == nullptr || name == table.name ||
+            dataset_name(*other->dataset) != dataset_name(*table.dataset))
             continue;
         error = "table " + table.name + " goes into dataset " + dataset_name(*table.dataset) +
                 " like table " + name + ": describe a dataset of its own in " +
@@ -137,7 +138,50 @@ pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_vie
     return tables.known.emplace(tables.key, std::move(made)).first->second.get();
 }
 
-static bool same_columns(const pgt_map &map, const w2j_row &row)
+bool pgt_is_configured(const fwu_config &config, std::string_view schema, std::string_view table)
+{
+    const std::string name = std::string(schema) + "." + std::string(table);
+    if (is_skipped(config, name))
+        return true;
+    const std::string dbname = pgt_name(schema);
+    const std::string dsetname = pgt_name(table);
+    for (const fwu_dataset &dataset : config.datasets) {
+        if (dataset.table == name || (dataset.table.empty() && dataset.layout.dbname == dbname &&
+                                      dataset.layout.dsetname == dsetname))
+            return true;
+    }
+    return false;
+}
+
+pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
+                   std::string &error)
+{
+    auto made = std::make_unique<pgt_table>();
+    made->name = name;
+    made->own = std::make_unique<fwu_dataset>(std::move(dataset));
+    made->dataset = made->own.get();
+    if (!measure(*made, *tables.config, error) || !feeds_alone(tables, *made, error))
+        return nullptr;
+    std::unique_ptr<pgt_table> &place = tables.known[name];
+    place = std::move(made);
+    return place.get();
+}
+
+std::string pgt_truncated_text(const pgt_table &table)
+{
+    return "table " + table.name +
+           " was truncated, which a log of record changes cannot express: delete the rows "
+           "instead, or leave the table out with the line skip-table " +
+           table.name;
+}
+
+std::string pgt_no_old_row_text(const pgt_table &table)
+{
+    return table.name + ": the change comes without the old row: run ALTER TABLE " + table.name +
+           " REPLICA IDENTITY FULL";
+}
+
+static bool same_columns(const pgt_map &map, const pgr_row &row)
 {
     if (map.column_of_item.empty() || map.names.size() != row.count)
         return false;
@@ -148,7 +192,7 @@ static bool same_columns(const pgt_map &map, const w2j_row &row)
     return true;
 }
 
-static bool feed_item(pgt_map &map, const pgt_table &table, const w2j_row &row, size_t column,
+static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, size_t column,
                       std::string &error)
 {
     const std::vector<fwu_item> &items = table.dataset->layout.items;
@@ -167,7 +211,7 @@ static bool feed_item(pgt_map &map, const pgt_table &table, const w2j_row &row, 
     return true;
 }
 
-bool pgt_map_columns(pgt_map &map, const pgt_table &table, const w2j_row &row, std::string &error)
+bool pgt_map_columns(pgt_map &map, const pgt_table &table, const pgr_row &row, std::string &error)
 {
     if (same_columns(map, row))
         return true;
@@ -183,7 +227,7 @@ bool pgt_map_columns(pgt_map &map, const pgt_table &table, const w2j_row &row, s
     return true;
 }
 
-std::string pgt_column_name(const pgt_table &table, const w2j_column &column)
+std::string pgt_column_name(const pgt_table &table, const pgr_column &column)
 {
     return table.name + "." + column.name;
 }

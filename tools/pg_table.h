@@ -4,7 +4,7 @@
 #define TOOLS_PG_TABLE_H
 
 #include "fwutil/fwu_config.h"
-#include "tools/wal2json.h"
+#include "tools/pg_row.h"
 
 #include <memory>
 #include <string>
@@ -24,6 +24,7 @@ struct pgt_map {
 struct pgt_table {
     std::string name;                     // "sales.orders"
     const fwu_dataset *dataset = nullptr; // null: left out of the log on purpose
+    std::unique_ptr<fwu_dataset> own;     // the dataset, when the configuration does not have it
     std::vector<int64_t> offsets;         // of each item in the image
     int32_t image_length = 0;
     pgt_map columns_map;  // for new rows
@@ -43,11 +44,25 @@ struct pgt_tables {
 pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
                     std::string &error);
 
+// Whether the configuration says anything of the table: a dataset that it feeds, or
+// that it is skipped.
+bool pgt_is_configured(const fwu_config &config, std::string_view schema, std::string_view table);
+
+// Registers a table with a dataset that the configuration does not have, in the
+// place of what was known by this name.  dataset.line is not used.  Null, with the
+// reason in error, when another table feeds a dataset of this name.
+pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
+                   std::string &error);
+
+// What is wrong with a truncate of the table, and with a change without its old row.
+std::string pgt_truncated_text(const pgt_table &table);
+std::string pgt_no_old_row_text(const pgt_table &table);
+
 // Brings map up to date for the row's columns.  False, with the reason in error,
 // when two columns have one name or feed one item.
-bool pgt_map_columns(pgt_map &map, const pgt_table &table, const w2j_row &row, std::string &error);
+bool pgt_map_columns(pgt_map &map, const pgt_table &table, const pgr_row &row, std::string &error);
 
 // "sales.orders.note", as messages name a column.
-std::string pgt_column_name(const pgt_table &table, const w2j_column &column);
+std::string pgt_column_name(const pgt_table &table, const pgr_column &column);
 
 #endif

@@ -3,7 +3,6 @@
 #include "tools/wal2json.h"
 
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -84,7 +83,7 @@ struct handler {
     unsigned column_seen = 0;
     unsigned column_now = OTHER_OF_COLUMN;
 
-    w2j_row &row()
+    pgr_row &row()
     {
         return now == COLUMNS ? line.columns : line.identity;
     }
@@ -114,11 +113,11 @@ struct handler {
                (at == IN_COLUMN && column_now == OTHER_OF_COLUMN);
     }
 
-    bool column_value(w2j_kind kind, std::string_view text)
+    bool column_value(pgr_kind kind, std::string_view text)
     {
         if (at != IN_COLUMN || column_now != VALUE)
             return wrong_type();
-        w2j_column &column = row().columns[row().count];
+        pgr_column &column = row().columns[row().count];
         column.kind = kind;
         column.value = text;
         return true;
@@ -126,7 +125,7 @@ struct handler {
 
     bool null()
     {
-        return passed_over() || column_value(W2J_NULL, {});
+        return passed_over() || column_value(PGR_NULL, {});
     }
 
     bool boolean(bool value)
@@ -137,14 +136,14 @@ struct handler {
             line.transactional = value;
             return true;
         }
-        return column_value(value ? W2J_TRUE : W2J_FALSE, {});
+        return column_value(value ? PGR_TRUE : PGR_FALSE, {});
     }
 
     template <typename Integer> bool integer(Integer value)
     {
         char digits[32];
         const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-        return column_value(W2J_NUMBER, {digits, static_cast<size_t>(end - digits)});
+        return column_value(PGR_NUMBER, {digits, static_cast<size_t>(end - digits)});
     }
 
     // Called for numbers with a minus sign only, so that 0 was written "-0".
@@ -152,7 +151,7 @@ struct handler {
     {
         if (passed_over())
             return true;
-        return value == 0 ? column_value(W2J_NUMBER, "-0") : integer(value);
+        return value == 0 ? column_value(PGR_NUMBER, "-0") : integer(value);
     }
 
     bool number_unsigned(uint64_t value)
@@ -168,7 +167,7 @@ struct handler {
 
     bool number_float(long double, const std::string &digits)
     {
-        return passed_over() || column_value(W2J_NUMBER, digits);
+        return passed_over() || column_value(PGR_NUMBER, digits);
     }
 
     bool string(const std::string &text)
@@ -184,7 +183,7 @@ struct handler {
         else if (column_now == TYPE)
             row().columns[row().count].type = text;
         else
-            return column_value(W2J_STRING, text);
+            return column_value(PGR_STRING, text);
         return true;
     }
 
@@ -381,27 +380,4 @@ bool w2j_parse(w2j_line &line, std::string_view text, std::string &error)
     handler calls{.line = line, .error = error};
     return wide_json::sax_parse(text.data(), text.data() + text.size(), &calls) &&
            check_members(line, calls.seen, error);
-}
-
-bool w2j_lsn(uint64_t &lsn, std::string_view text)
-{
-    uint32_t high = 0;
-    uint32_t low = 0;
-    const char *const end = text.data() + text.size();
-    const auto [slash, code] = std::from_chars(text.data(), end, high, 16);
-    if (code != std::errc() || slash == end || *slash != '/')
-        return false;
-    const auto [rest, low_code] = std::from_chars(slash + 1, end, low, 16);
-    if (low_code != std::errc() || rest != end)
-        return false;
-    lsn = uint64_t{high} << 32 | low;
-    return true;
-}
-
-std::string w2j_lsn_text(uint64_t lsn)
-{
-    char text[32];
-    const int length = snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),
-                                static_cast<unsigned>(lsn & UINT32_MAX));
-    return {text, static_cast<size_t>(length)};
 }

@@ -93,6 +93,29 @@ TEST_F(ConfigTest, SyncIsForEveryCommitUnlessSaidOtherwise)
     }
 }
 
+TEST_F(ConfigTest, ColumnsOfTablesGetNamesAndWidths)
+{
+    ASSERT_EQ(read("log-directory l\n"
+                   "column sales.customers.remarks width=32767\n"
+                   "column sales.customers.telephone_extension width=6 item=PHONE-EXT\n"
+                   "column sales.orders.note item=SEVENTEEN-BYTES-X\n"),
+              0)
+        << err;
+    ASSERT_EQ(config.columns.size(), 3U);
+    const struct {
+        const char *table, *column, *item;
+        int32_t width;
+    } rows[] = {{"sales.customers", "remarks", "", 32767},
+                {"sales.customers", "telephone_extension", "PHONE-EXT", 6},
+                {"sales.orders", "note", "SEVENTEEN-BYTES-X", 0}};
+    for (size_t i = 0; i < 3; i++) {
+        EXPECT_EQ(config.columns[i].table, rows[i].table);
+        EXPECT_EQ(config.columns[i].column, rows[i].column);
+        EXPECT_EQ(config.columns[i].item, rows[i].item);
+        EXPECT_EQ(config.columns[i].width, rows[i].width);
+    }
+}
+
 #define LOGDIR "log-directory l\n"
 #define SET LOGDIR "database D\ndataset S\n"
 
@@ -107,7 +130,7 @@ static const config_row ERRORS[] = {
     {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
     {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
     {"\nlog-directory a\x01\n", "2: the line holds a control character"},
-    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, sync, skip-table, database, dataset or item"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, sync, skip-table, column, database, dataset or item"},
     {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
@@ -131,6 +154,18 @@ static const config_row ERRORS[] = {
     {LOGDIR "skip-table a.b\nskip-table a.b\n", "3: table a.b is skipped twice"},
     {LOGDIR "skip-table a.b\ndatabase D\ndataset S table=a.b\n", "4: table a.b is also named by a skip-table line"},
     {LOGDIR "database D\ndataset S table=a.b\nskip-table a.b\n", "4: table a.b is skipped here, but feeds the dataset of line 3"},
+    {LOGDIR "column\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
+    {LOGDIR "column a.b.c\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
+    {LOGDIR "column b.c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
+    {LOGDIR "column a.b. width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
+    {LOGDIR "column a..c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
+    {LOGDIR "column a.b.c item=\n", "2: item=: an item name has 1 to 17 bytes"},
+    {LOGDIR "column a.b.c item=EIGHTEEN-BYTES-XYZ\n", "2: item=EIGHTEEN-BYTES-XYZ: an item name has 1 to 17 bytes"},
+    {LOGDIR "column a.b.c width=0\n", "2: width=0 is not a width from 1 to 32767 bytes"},
+    {LOGDIR "column a.b.c width=32768\n", "2: width=32768 is not a width from 1 to 32767 bytes"},
+    {LOGDIR "column a.b.c width=3 width=4\n", "2: width=4 is not known or given twice; behind the column's name stand item=NAME and width=N"},
+    {LOGDIR "column a.b.c wide\n", "2: wide is not known or given twice; behind the column's name stand item=NAME and width=N"},
+    {LOGDIR "column a.b.c width=3\ncolumn a.b.c item=C\n", "3: column a.b.c is given twice"},
     {LOGDIR "database\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
     {LOGDIR "database 1D\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
     {LOGDIR "database D+\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},

@@ -62,7 +62,7 @@ struct subject {
         pgt_table *table = pgt_find(tables, line.schema, line.table, error);
         if (table == nullptr)
             return false;
-        const w2j_row *old_row = line.identity.present ? &line.identity : nullptr;
+        const pgr_row *old_row = line.identity.present ? &line.identity : nullptr;
         if (old_row != nullptr) {
             if (!pgi_old_image(work, image, *table, *old_row, error))
                 return false;

@@ -64,13 +64,13 @@ class FwlogStream : public testing::Test {
 
     void close_log()
     {
-        EXPECT_EQ(fwu_writer_close(stream.writer), 0);
-        stream.writer = nullptr;
+        EXPECT_EQ(fwu_writer_close(stream.tx.writer), 0);
+        stream.tx.writer = nullptr;
     }
 
     void open_log()
     {
-        ASSERT_EQ(fwu_writer_open(&stream.writer, config), 0);
+        ASSERT_EQ(fwu_writer_open(&stream.tx.writer, config), 0);
     }
 
     // Takes lines until one is wrong, whose error it returns; "" when none is.
@@ -106,10 +106,10 @@ TEST_F(FwlogStream, TransactionReachesTheLogAtItsEnd)
                                    "insert SALES.ORDERS 1 1 <|6E20>",
                                    "update SALES.ORDERS 1 2 <6E20|6F20>",
                                    "delete SALES.ORDERS 1 3 <6F20|>", "commit 1500000 7 10"));
-    EXPECT_EQ(stream.totals.transactions, 1U);
-    EXPECT_EQ(stream.totals.inserts, 1U);
-    EXPECT_EQ(stream.totals.updates, 1U);
-    EXPECT_EQ(stream.totals.deletes, 1U);
+    EXPECT_EQ(stream.tx.totals.transactions, 1U);
+    EXPECT_EQ(stream.tx.totals.inserts, 1U);
+    EXPECT_EQ(stream.tx.totals.updates, 1U);
+    EXPECT_EQ(stream.tx.totals.deletes, 1U);
 }
 
 TEST_F(FwlogStream, SessionMessageGivesEntriesAndDataElements)
@@ -186,9 +186,9 @@ TEST_F(FwlogStream, TransactionsWithoutChangesLeaveNoTrace)
                     change('T', 9, nullptr, nullptr, "audit"), commit(9, "0/C")}),
               "");
     EXPECT_THAT(log(), ElementsAre());
-    EXPECT_EQ(stream.totals.empty, 3U);
-    EXPECT_EQ(stream.totals.transactions, 0U);
-    EXPECT_EQ(stream.totals.inserts, 0U);
+    EXPECT_EQ(stream.tx.totals.empty, 3U);
+    EXPECT_EQ(stream.tx.totals.transactions, 0U);
+    EXPECT_EQ(stream.tx.totals.inserts, 0U);
 }
 
 TEST_F(FwlogStream, TransactionsThatTheLogHasAreSkipped)
@@ -202,8 +202,8 @@ TEST_F(FwlogStream, TransactionsThatTheLogHasAreSkipped)
     open_log();
     EXPECT_EQ(take(lines), "");
     EXPECT_EQ(log(), before);
-    EXPECT_EQ(stream.totals.skipped, 2U);
-    EXPECT_EQ(stream.totals.transactions, 2U);
+    EXPECT_EQ(stream.tx.totals.skipped, 2U);
+    EXPECT_EQ(stream.tx.totals.transactions, 2U);
     EXPECT_EQ(take({begin(6, "1/1"), change('I', 6, "k", nullptr), commit(6, "1/1")}), "");
     EXPECT_EQ(count_lines(log(), "insert "), 3U);
 }
@@ -277,8 +277,8 @@ TEST_F(FwlogStream, WrongLineLoadsNothingOfItsTransaction)
         EXPECT_THAT(log(), ElementsAre("session | <xid=6> <lsn=0/A>", "layout SALES.ORDERS",
                                        "insert SALES.ORDERS 1 1 <|6E20>", "commit 1500000 6 10"))
             << wrong.line;
-        EXPECT_EQ(stream.totals.transactions, 1U);
-        EXPECT_EQ(stream.totals.inserts, 1U);
+        EXPECT_EQ(stream.tx.totals.transactions, 1U);
+        EXPECT_EQ(stream.tx.totals.inserts, 1U);
     }
 }
 
@@ -307,13 +307,13 @@ TEST_F(FwlogStream, CommitTimeIsUtcAndLogtimeItsFullSeconds)
 
 TEST_F(FwlogStream, TextsCutInATransactionThatIsNotLoadedDoNotCount)
 {
-    stream.work.settings.truncate = true;
+    stream.tx.work.settings.truncate = true;
     EXPECT_EQ(
         take({begin(7, "0/A"), change('I', 7, "long", nullptr), commit(7, "0/A"), begin(8, "0/B"),
               change('I', 8, "long", nullptr), change('I', 8, "long", nullptr)}),
         "");
-    EXPECT_EQ(stream.work.truncated, 3U);
-    fwlog_stream_abandon(stream);
-    EXPECT_EQ(stream.work.truncated, 1U);
+    EXPECT_EQ(stream.tx.work.truncated, 3U);
+    fwlog_abandon(stream.tx);
+    EXPECT_EQ(stream.tx.work.truncated, 1U);
     EXPECT_EQ(count_lines(log(), "insert "), 1U);
 }

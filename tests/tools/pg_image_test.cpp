@@ -36,17 +36,17 @@ struct maker {
         return *found;
     }
 
-    std::string fresh(const w2j_row &row)
+    std::string fresh(const pgr_row &row)
     {
         return finish(pgi_new_image(work, image, table(), row, nullptr, error));
     }
 
-    std::string changed(const w2j_row &row, const w2j_row &old_row)
+    std::string changed(const pgr_row &row, const pgr_row &old_row)
     {
         return finish(pgi_new_image(work, image, table(), row, &old_row, error));
     }
 
-    std::string old(const w2j_row &row)
+    std::string old(const pgr_row &row)
     {
         return finish(pgi_old_image(work, image, table(), row, error));
     }
@@ -60,7 +60,7 @@ struct maker {
 
 struct value_case {
     fwu_item item; // named VALUE
-    w2j_column column;
+    pgr_column column;
     std::string expected; // image, or "error: ..."
 };
 
@@ -69,19 +69,19 @@ static fwu_item value_item(char type, int32_t size, int32_t count = 1, int32_t s
     return item_of("VALUE", type, size, count, scale);
 }
 
-static w2j_column text(const char *type, const char *value)
+static pgr_column text(const char *type, const char *value)
 {
     return text_column("value", type, value);
 }
 
-static w2j_column number(const char *type, const char *digits)
+static pgr_column number(const char *type, const char *digits)
 {
     return number_column("value", type, digits);
 }
 
-static w2j_column boolean(bool value)
+static pgr_column boolean(bool value)
 {
-    return bare_column("value", "boolean", value ? W2J_TRUE : W2J_FALSE);
+    return bare_column("value", "boolean", value ? PGR_TRUE : PGR_FALSE);
 }
 
 static void check(const std::vector<value_case> &cases)
@@ -286,9 +286,9 @@ TEST(PgImage, TruncateCutsTextsAndCountsThem)
 
 TEST(PgImage, TruncateNeverCutsNumbersDatesAndTimestamps)
 {
-    const w2j_column columns[] = {number("integer", "1234"), text("date", "2026-03-09"),
+    const pgr_column columns[] = {number("integer", "1234"), text("date", "2026-03-09"),
                                   text("timestamp without time zone", "2026-03-09 08:18:01")};
-    for (const w2j_column &column : columns) {
+    for (const pgr_column &column : columns) {
         maker make(config_of({value_item('X', 3)}));
         make.work.settings.truncate = true;
         EXPECT_EQ(make.fresh(row_of({column})).substr(0, 6), "error:") << column.type;
@@ -300,7 +300,7 @@ TEST(PgImage, TruncateNeverCutsArraysNorValuesThatMeanSomethingElseThen)
 {
     const struct {
         int32_t count;
-        w2j_column column;
+        pgr_column column;
     } rows[] = {
         {2, text("integer[]", "{12345,1}")},
         {2, text("numeric[]", "{1,123.45}")},
@@ -335,15 +335,15 @@ static fwu_config nullable()
                      5);
 }
 
-static w2j_row nullable_row(w2j_kind kind)
+static pgr_row nullable_row(pgr_kind kind)
 {
-    w2j_row row =
+    pgr_row row =
         row_of({text_column("note", "text", "ab"), text_column("qty", "smallint[]", "{1,2}"),
                 number_column("net", "numeric", "5"), number_column("tax", "numeric", "6"),
                 number_column("rate", "real", "1")});
-    if (kind == W2J_NULL) {
-        for (w2j_column &column : row.columns)
-            column.kind = W2J_NULL;
+    if (kind == PGR_NULL) {
+        for (pgr_column &column : row.columns)
+            column.kind = PGR_NULL;
     }
     return row;
 }
@@ -351,12 +351,12 @@ static w2j_row nullable_row(w2j_kind kind)
 TEST(PgImage, NullsAreBlanksAndZerosAndNamedInTheNullMap)
 {
     maker make(nullable());
-    EXPECT_EQ(make.fresh(nullable_row(W2J_NULL)), "   \x00\x00\x00\x00\x00\x0C"
+    EXPECT_EQ(make.fresh(nullable_row(PGR_NULL)), "   \x00\x00\x00\x00\x00\x0C"
                                                   "0{\x00\x00\x00\x00NNNNN"s);
-    EXPECT_EQ(make.fresh(nullable_row(W2J_STRING)), "ab \x00\x01\x00\x02\x00\x5C"
+    EXPECT_EQ(make.fresh(nullable_row(PGR_STRING)), "ab \x00\x01\x00\x02\x00\x5C"
                                                     "0F\x3F\x80\x00\x00....."s);
-    w2j_row row = nullable_row(W2J_STRING);
-    row.columns[2].kind = W2J_NULL;
+    pgr_row row = nullable_row(PGR_STRING);
+    row.columns[2].kind = PGR_NULL;
     EXPECT_EQ(make.old(row), "ab \x00\x01\x00\x02\x00\x0C"
                              "0F\x3F\x80\x00\x00..N.."s);
 }
@@ -365,14 +365,14 @@ TEST(PgImage, NullMapMayStandAnywhereAndHasNoColumn)
 {
     maker make(config_of({item_of("A", 'X', 1), item_of("B", 'X', 2), item_of("C", 'X', 1)}, 1));
     EXPECT_EQ(make.fresh(row_of({text_column("a", "text", "x"), text_column("b", "text", "column"),
-                                 bare_column("c", "text", W2J_NULL)})),
+                                 bare_column("c", "text", PGR_NULL)})),
               "x.N ");
 }
 
 TEST(PgImage, NullWithoutNullMapIsAnError)
 {
     maker make(config_of({value_item('X', 3)}));
-    EXPECT_EQ(make.fresh(row_of({bare_column("value", "text", W2J_NULL)})),
+    EXPECT_EQ(make.fresh(row_of({bare_column("value", "text", PGR_NULL)})),
               "error: sales.orders.value: is null, and dataset SALES.ORDERS has no item to say so: "
               "give it an X item with the word null-map in the configuration");
 }
@@ -410,7 +410,7 @@ TEST(PgImage, ItemWithoutColumnIsAnError)
 TEST(PgImage, ColumnThatTheNewRowLacksComesFromTheOldRow)
 {
     maker make(config_of({item_of("ORDER-NO", 'X', 2), item_of("NOTE", 'X', 3)}));
-    const w2j_row old_row =
+    const pgr_row old_row =
         row_of({text_column("note", "text", "old"), text_column("order_no", "text", "o1")});
     EXPECT_EQ(make.changed(row_of({text_column("order_no", "text", "o2")}), old_row), "o2old");
     EXPECT_EQ(make.changed(row_of({text_column("order_no", "text", "o3"),

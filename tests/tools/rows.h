@@ -3,29 +3,29 @@
 #define TESTS_TOOLS_ROWS_H
 
 #include "fwutil/fwu_config.h"
-#include "tools/wal2json.h"
+#include "tools/pg_row.h"
 
 #include <string>
 #include <vector>
 
-inline w2j_column text_column(const char *name, const char *type, const char *value)
+inline pgr_column text_column(const char *name, const char *type, const char *value)
 {
-    return {.name = name, .type = type, .value = value, .kind = W2J_STRING};
+    return {.name = name, .type = type, .value = value, .kind = PGR_STRING};
 }
 
-inline w2j_column number_column(const char *name, const char *type, const char *digits)
+inline pgr_column number_column(const char *name, const char *type, const char *digits)
 {
-    return {.name = name, .type = type, .value = digits, .kind = W2J_NUMBER};
+    return {.name = name, .type = type, .value = digits, .kind = PGR_NUMBER};
 }
 
-inline w2j_column bare_column(const char *name, const char *type, w2j_kind kind)
+inline pgr_column bare_column(const char *name, const char *type, pgr_kind kind)
 {
     return {.name = name, .type = type, .value = "", .kind = kind};
 }
 
-inline w2j_row row_of(std::vector<w2j_column> columns)
+inline pgr_row row_of(std::vector<pgr_column> columns)
 {
-    w2j_row row;
+    pgr_row row;
     row.present = true;
     row.count = columns.size();
     row.columns = std::move(columns);

@@ -59,7 +59,7 @@ TEST(Wal2json, RowKeepsTheDigitsOfNumbers)
                                   "1e400"}; // beyond any double
     for (size_t i = 0; i < line.columns.count; i++) {
         EXPECT_EQ(line.columns.columns[i].value, digits[i]);
-        EXPECT_EQ(line.columns.columns[i].kind, W2J_NUMBER);
+        EXPECT_EQ(line.columns.columns[i].kind, PGR_NUMBER);
         EXPECT_EQ(line.columns.columns[i].name, std::string(1, static_cast<char>('a' + i)));
     }
     EXPECT_EQ(line.columns.columns[0].type, "numeric");
@@ -75,11 +75,11 @@ TEST(Wal2json, OtherValuesAreStringsBooleansAndNull)
                                  R"({"name":"b","type":"text","value":null},)"
                                  R"({"name":"c","type":"text","value":"q\"\\\n\u00fc"}]})");
     ASSERT_EQ(line.columns.count, 1U);
-    EXPECT_EQ(line.columns.columns[0].kind, W2J_TRUE);
+    EXPECT_EQ(line.columns.columns[0].kind, PGR_TRUE);
     ASSERT_EQ(line.identity.count, 3U);
-    EXPECT_EQ(line.identity.columns[0].kind, W2J_FALSE);
-    EXPECT_EQ(line.identity.columns[1].kind, W2J_NULL);
-    EXPECT_EQ(line.identity.columns[2].kind, W2J_STRING);
+    EXPECT_EQ(line.identity.columns[0].kind, PGR_FALSE);
+    EXPECT_EQ(line.identity.columns[1].kind, PGR_NULL);
+    EXPECT_EQ(line.identity.columns[2].kind, PGR_STRING);
     EXPECT_EQ(line.identity.columns[2].value, "q\"\\\n\xC3\xBC");
 }
 
@@ -98,7 +98,7 @@ TEST(Wal2json, NothingIsLeftOverFromTheLineBefore)
                           R"("columns":[{"name":"a","type":"text","value":null}]})",
                           error));
     EXPECT_EQ(line.columns.count, 1U);
-    EXPECT_EQ(line.columns.columns[0].kind, W2J_NULL);
+    EXPECT_EQ(line.columns.columns[0].kind, PGR_NULL);
     EXPECT_FALSE(line.identity.present);
     EXPECT_EQ(line.identity.count, 0U);
     ASSERT_TRUE(w2j_parse(
@@ -225,20 +225,4 @@ TEST(Wal2json, EveryCutOfALineIsAnError)
     for (size_t length = 0; length < whole.size(); length++)
         EXPECT_NE(error_of(whole.substr(0, length)), "none") << length;
     EXPECT_EQ(error_of(whole), "none");
-}
-
-TEST(Wal2json, PositionsAreTwoHexadecimalNumbers)
-{
-    uint64_t lsn = 0;
-    ASSERT_TRUE(w2j_lsn(lsn, "0/195E398"));
-    EXPECT_EQ(lsn, 0x195E398U);
-    ASSERT_TRUE(w2j_lsn(lsn, "1A/2b"));
-    EXPECT_EQ(lsn, 0x1A0000002BU);
-    ASSERT_TRUE(w2j_lsn(lsn, "FFFFFFFF/FFFFFFFF"));
-    EXPECT_EQ(lsn, UINT64_MAX);
-    for (const char *text : {"", "/", "1", "1/", "/1", "1/2/3", "1/2 ", " 1/2", "-1/2", "1/-2",
-                             "100000000/0", "0/100000000", "0x1/2", "g/1"})
-        EXPECT_FALSE(w2j_lsn(lsn, text)) << text;
-    EXPECT_EQ(w2j_lsn_text(0x1A0000002BU), "1A/2B");
-    EXPECT_EQ(w2j_lsn_text(0), "0/0");
 }
