@@ -101,3 +101,27 @@ TEST_F(Report, SkippedDatabasesAreTotalled)
     count(g_ci->skipstats, "ORDERS", "CUST", STAT_INSERT);
     EXPECT_EQ(golden("skipped_two_databases.txt"), capture([] { show_skipped(g_ci); }).out);
 }
+
+TEST_F(Report, TwoCaptureFilesAreTotalled)
+{
+    add_file("a");
+    add_file("b");
+    init_capstats(g_ci);
+    EXPECT_EQ("\nNumber of records written to capture files:\n"
+              "\n  Capture file: a\n"
+              "\n    *Capture file total*                       0        0        0        0\n"
+              "\n  Capture file: b\n"
+              "\n    *Capture file total*                       0        0        0        0\n"
+              "\n  *Total for all capture files*                0        0        0        0\n"
+              "\n",
+              capture([] { show_capstats(g_ci); }).out);
+}
+
+TEST_F(Report, SkippedDatabasesKeepTheirNamesBesideFga)
+{
+    add_file("a", text_options(ASCII_ON, HDR_FGA));
+    g_ci->skipstats = slist_new();
+    count(g_ci->skipstats, "A.B.C", "CUST", STAT_INSERT);
+    const std::string report = capture([] { show_skipped(g_ci); }).out;
+    EXPECT_NE(std::string::npos, report.find("    Database A.B.C                      ")) << report;
+}

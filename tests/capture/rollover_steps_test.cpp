@@ -9,8 +9,11 @@
 #include "tests/support/core_state.h"
 #include "tests/support/tempdir.h"
 
+#include "capture/report.h"
+#include "capture/stats.h"
 #include <cstdarg>
 #include <sys/stat.h>
+#include <unistd.h>
 
 // Calls let through before one fails; -1: all.
 static int getinfo_left = -1;
@@ -43,7 +46,7 @@ int __wrap_tmf_fclose(tmf_handle *h);
 int __wrap_tmf_fclose(tmf_handle *h)
 {
     const int rc = __real_tmf_fclose(h);
-    return fclose_result != 0 ? fclose_result : rc;
+    return fclose_result != 0 ? fclose_result-- : rc;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }
@@ -329,4 +332,49 @@ TEST_F(RolloverSteps, OnlyFilesNamedBehindTheOptionRollOver)
     EXPECT_EQ(-1, write());
     EXPECT_EQ(dir.file("first.dat"), first->name);
     EXPECT_EQ(dir.file("second1.dat"), second->name);
+}
+
+TEST_F(RolloverSteps, NextFileHasItsOwnNumberAndTheFirstFilesMode)
+{
+    // A free number below the first file's, which the next file gets.
+    const int lower = dup(0);
+    capfil *cf = file_of(1, true);
+    cf->share_mode = 1;
+    cf->maxbytes += record_size;
+    EXPECT_EQ(0, write());
+    const int32_t first = cf->fnum;
+    close(lower);
+    EXPECT_EQ(0, write());
+    EXPECT_EQ(dir.file("cap1.dat"), cf->name);
+    EXPECT_NE(first, cf->fnum);
+    struct stat by_name = {};
+    struct stat by_number = {};
+    ASSERT_EQ(0, stat(cf->name, &by_name));
+    ASSERT_EQ(0, fstat(cf->fnum, &by_number));
+    EXPECT_EQ(by_name.st_ino, by_number.st_ino);
+    EXPECT_EQ(0666U, by_name.st_mode & 0777U);
+}
+
+TEST_F(RolloverSteps, ReportNamesTheLatestFile)
+{
+    file_of(1, true);
+    init_capstats(g_ci);
+    EXPECT_EQ(0, write());
+    const std::string report = capture([] { show_capstats(g_ci); }).out;
+    EXPECT_NE(std::string::npos, report.find("  Capture file: " + dir.file("cap1.dat") + "\n"))
+        << report;
+}
+
+TEST_F(RolloverSteps, FirstCloseErrorIsTheResultAndNothingIsLogged)
+{
+    file_of(9, false, "a");
+    file_of(9, false, "b");
+    EXPECT_EQ(0, write());
+    g_loglevel = LOG_VERBOSE;
+    fclose_result = -5222;
+    int rc = 0;
+    printed = capture([&] { rc = capture_close(g_ci); });
+    g_ci = nullptr;
+    EXPECT_EQ(-5222, rc);
+    EXPECT_EQ("", printed.out + printed.err);
 }

@@ -4,6 +4,7 @@
 
 #include "tests/support/core_state.h"
 #include "tests/support/golden.h"
+#include <unistd.h>
 
 class Process : public core_state {
   protected:
@@ -185,4 +186,17 @@ TEST_F(Process, CapturesWithBothReports)
                   "    Capture file -dset  : ORDERS:@\n");
     EXPECT_EQ("4 Vostrel forward log file records processed.\n" + report + no_skips, printed.out);
     EXPECT_EQ(4 * (77 + 4 + 1) + 4, static_cast<int>(read_file(dir.file("only.cap")).size()));
+}
+
+TEST_F(Process, FileThatCannotBeClosedFailsTheRun)
+{
+    g_fwu.records = {record("ORDERS", "CUST", 3)};
+    g_fwu.items = {{"TEXT", 'X', 4}};
+    g_fwu.on_call = [](const std::string &call) {
+        if (call == "generation") // asked behind the last record
+            close(g_ci->capfiles[0]->fnum);
+    };
+    EXPECT_NE(0, run({"-verbose", "-ascii", dir.file("f")}));
+    EXPECT_EQ("1 Vostrel forward log file records processed.\nCurrent position=0-0.0\n",
+              printed.out);
 }
