@@ -10,17 +10,19 @@
 
 static const char help_text[] =
     "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
+    "       fwlog postgresql [-cfg FILE] --conninfo \"...\" [--create] [--snapshot] ...\n"
     "       fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
     "       fwlog verify [-cfg FILE] [--json]\n"
     "       fwlog info [-cfg FILE] [--json]\n"
     "       fwlog --help | --version\n"
     "\n"
-    "Writes forward logs from a PostgreSQL change stream, and tells about them.\n"
+    "Writes forward logs from PostgreSQL, and tells about them.\n"
     "\n"
-    "  load    appends a change stream to the forward log\n"
-    "  dump    prints the entries of a forward log\n"
-    "  verify  reads every entry of a forward log and says what is damaged\n"
-    "  info    tells files, positions, times and datasets of a forward log\n"
+    "  load        appends a recorded change stream to the forward log\n"
+    "  postgresql  follows a running server and appends its changes\n"
+    "  dump        prints the entries of a forward log\n"
+    "  verify      reads every entry of a forward log and says what is damaged\n"
+    "  info        tells files, positions, times and datasets of a forward log\n"
     "\n"
     "\"fwlog load --help\" and so on say more.\n";
 
@@ -40,6 +42,36 @@ static const char load_help_text[] =
     "Exit status: 0 all loaded; 1 error (whole transactions before it are in the\n"
     "log); 2 wrong command line; 128 + signal number when SIGINT or SIGTERM ended\n"
     "it after a whole transaction.\n";
+
+static const char postgresql_help_text[] =
+    "Usage: fwlog postgresql [-cfg FILE] --conninfo \"...\" [--slot NAME]\n"
+    "           [--publication NAME] [--create] [--snapshot] [--truncate]\n"
+    "           [--ignore-truncate] [--once] [--status FILE] [-v]\n"
+    "\n"
+    "Follows a PostgreSQL server (12 or later) by logical replication and appends every\n"
+    "transaction to the forward log, until SIGINT or SIGTERM.  The server keeps what is\n"
+    "not in the log yet, so the command can be stopped and started at any time.\n"
+    "\n"
+    "  -cfg FILE            configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                       fwutil.cfg); tables that it does not describe become\n"
+    "                       datasets by the server's catalogue\n"
+    "  --conninfo \"...\"     how to connect, as libpq takes it\n"
+    "                       (\"host=db1 dbname=shop user=capture\"); the role needs\n"
+    "                       LOGIN and REPLICATION\n"
+    "  --slot NAME          replication slot (default kestro)\n"
+    "  --publication NAME   publication (default kestro)\n"
+    "  --create             create what is missing of slot and publication (of all tables)\n"
+    "  --snapshot           begin a new slot with the tables' contents as inserts\n"
+    "  --truncate           cut texts that are too long for their item and go on\n"
+    "  --ignore-truncate    go on when a table is truncated, with a warning\n"
+    "  --once               end when the log has what the server had at the start\n"
+    "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
+    "                       in the log directory); SIGUSR1 prints the same\n"
+    "  -v                   tell what is done, and every ten seconds how far it is\n"
+    "  --help               print this\n"
+    "\n"
+    "Exit status: 0 done (--once); 1 error (whole transactions before it are in the log);\n"
+    "2 wrong command line; 128 + signal number after SIGINT or SIGTERM.\n";
 
 static const char dump_help_text[] =
     "Usage: fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
@@ -94,6 +126,7 @@ struct subcommand {
 
 static const subcommand subcommands[] = {
     {"load", fwlog_load_main, load_help_text},
+    {"postgresql", fwlog_postgresql_main, postgresql_help_text},
     {"dump", fwlog_dump_main, dump_help_text},
     {"verify", fwlog_verify_main, verify_help_text},
     {"info", fwlog_info_main, info_help_text},

@@ -11,6 +11,7 @@ constexpr int FWLOG_EXIT_SIGNAL = 128; // and the signal's number
 // Subcommands; argv[0] is the first word behind the subcommand's name.
 int fwlog_load_main(int argc, char **argv);
 int fwlog_dump_main(int argc, char **argv);
+int fwlog_postgresql_main(int argc, char **argv);
 int fwlog_verify_main(int argc, char **argv);
 int fwlog_info_main(int argc, char **argv);
 

@@ -2,8 +2,8 @@
 #ifndef TOOLS_PG_IMAGE_H
 #define TOOLS_PG_IMAGE_H
 
-#include "tools/pg_table.h"
 #include "tools/pg_row.h"
+#include "tools/pg_table.h"
 
 #include <cstdint>
 #include <string>

@@ -34,38 +34,55 @@ static std::string dataset_name(const fwu_dataset &dataset)
     return dataset.layout.dbname + "." + dataset.layout.dsetname;
 }
 
-static bool is_skipped(const fwu_config &config, const std::string &name)
+bool pgt_is_skipped(const fwu_config &config, const std::string &name)
 {
     return std::find(config.skip_tables.begin(), config.skip_tables.end(), name) !=
            config.skip_tables.end();
 }
 
-static const fwu_dataset *find_dataset(const fwu_config &config, const std::string &name,
-                                       std::string_view schema, std::string_view table,
-                                       std::string &error)
+const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view schema,
+                                  std::string_view table)
 {
+    const std::string name = std::string(schema) + "." + std::string(table);
     for (const fwu_dataset &dataset : config.datasets) {
         if (dataset.table == name)
             return &dataset;
     }
     const std::string dbname = pgt_name(schema);
     const std::string dsetname = pgt_name(table);
-    const bool too_long = dbname.size() > NAME_MAX_LENGTH || dsetname.size() > NAME_MAX_LENGTH;
-    if (too_long) {
-        error = "table " + name + ": " + (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
-                " is longer than the 16 characters of a name: give the dataset a short name in " +
-                config.path + " with table=" + name +
-                ", or leave the table out with the line skip-table " + name;
-        return nullptr;
-    }
     for (const fwu_dataset &dataset : config.datasets) {
         if (dataset.table.empty() && dataset.layout.dbname == dbname &&
             dataset.layout.dsetname == dsetname)
             return &dataset;
     }
-    error = "table " + name + " is not in " + config.path + ": describe dataset " + dsetname +
-            " of database " + dbname + " there, or leave the table out with the line skip-table " +
-            name;
+    return nullptr;
+}
+
+std::string pgt_long_name_text(const fwu_config &config, const std::string &name,
+                               std::string_view schema, std::string_view table)
+{
+    const std::string dbname = pgt_name(schema);
+    const std::string dsetname = pgt_name(table);
+    if (dbname.size() <= NAME_MAX_LENGTH && dsetname.size() <= NAME_MAX_LENGTH)
+        return {};
+    return "table " + name + ": " + (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
+           " is longer than the 16 characters of a name: give the dataset a short name in " +
+           config.path + " with table=" + name +
+           ", or leave the table out with the line skip-table " + name;
+}
+
+static const fwu_dataset *find_dataset(const fwu_config &config, const std::string &name,
+                                       std::string_view schema, std::string_view table,
+                                       std::string &error)
+{
+    const fwu_dataset *dataset = pgt_configured(config, schema, table);
+    if (dataset != nullptr)
+        return dataset;
+    error = pgt_long_name_text(config, name, schema, table);
+    if (error.empty())
+        error = "table " + name + " is not in " + config.path + ": describe dataset " +
+                pgt_name(table) + " of database " + pgt_name(schema) +
+                " there, or leave the table out with the line skip-table " + name;
     return nullptr;
 }
 
@@ -129,7 +146,7 @@ pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_vie
 
     auto made = std::make_unique<pgt_table>();
     made->name = tables.key;
-    if (!is_skipped(*tables.config, made->name)) {
+    if (!pgt_is_skipped(*tables.config, made->name)) {
         made->dataset = find_dataset(*tables.config, made->name, schema, table, error);
         if (made->dataset == nullptr || !measure(*made, *tables.config, error) ||
             !feeds_alone(tables, *made, error))
@@ -138,26 +155,12 @@ pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_vie
     return tables.known.emplace(tables.key, std::move(made)).first->second.get();
 }
 
-bool pgt_is_configured(const fwu_config &config, std::string_view schema, std::string_view table)
-{
-    const std::string name = std::string(schema) + "." + std::string(table);
-    if (is_skipped(config, name))
-        return true;
-    const std::string dbname = pgt_name(schema);
-    const std::string dsetname = pgt_name(table);
-    for (const fwu_dataset &dataset : config.datasets) {
-        if (dataset.table == name || (dataset.table.empty() && dataset.layout.dbname == dbname &&
-                                      dataset.layout.dsetname == dsetname))
-            return true;
-    }
-    return false;
-}
-
 pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
-                   std::string &error)
+                   std::vector<std::string> columns, std::string &error)
 {
     auto made = std::make_unique<pgt_table>();
     made->name = name;
+    made->own_columns = std::move(columns);
     made->own = std::make_unique<fwu_dataset>(std::move(dataset));
     made->dataset = made->own.get();
     if (!measure(*made, *tables.config, error) || !feeds_alone(tables, *made, error))
@@ -198,7 +201,9 @@ static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, 
     const std::vector<fwu_item> &items = table.dataset->layout.items;
     const std::string name = pgt_name(row.columns[column].name);
     for (size_t i = 0; i < items.size(); i++) {
-        if (items[i].name != name || static_cast<int>(i) == table.dataset->null_map)
+        if (static_cast<int>(i) == table.dataset->null_map ||
+            (table.own == nullptr ? items[i].name != name
+                                  : table.own_columns[i] != row.columns[column].name))
             continue;
         if (map.column_of_item[i] != PGT_NO_COLUMN) {
             error = pgt_column_name(table, row.columns[column]) + ": item " + name +

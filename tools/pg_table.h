@@ -24,7 +24,8 @@ struct pgt_map {
 struct pgt_table {
     std::string name;                     // "sales.orders"
     const fwu_dataset *dataset = nullptr; // null: left out of the log on purpose
-    std::unique_ptr<fwu_dataset> own;     // the dataset, when the configuration does not have it
+    std::unique_ptr<fwu_dataset> own;     // the dataset, when its items are not configured
+    std::vector<std::string> own_columns; // then: which column feeds each item
     std::vector<int64_t> offsets;         // of each item in the image
     int32_t image_length = 0;
     pgt_map columns_map;  // for new rows
@@ -44,15 +45,21 @@ struct pgt_tables {
 pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
                     std::string &error);
 
-// Whether the configuration says anything of the table: a dataset that it feeds, or
-// that it is skipped.
-bool pgt_is_configured(const fwu_config &config, std::string_view schema, std::string_view table);
+// What the configuration says of a table: that it is skipped, or the dataset that it
+// feeds (null: nothing is said).
+bool pgt_is_skipped(const fwu_config &config, const std::string &name);
+const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view schema,
+                                  std::string_view table);
 
-// Registers a table with a dataset that the configuration does not have, in the
-// place of what was known by this name.  dataset.line is not used.  Null, with the
-// reason in error, when another table feeds a dataset of this name.
+// Registers a table with a dataset whose items the configuration does not have, in
+// the place of what was known by this name.  columns: which one feeds each item.
+// Null, with the reason in error, when another table feeds a dataset of this name.
 pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
-                   std::string &error);
+                   std::vector<std::string> columns, std::string &error);
+
+// What is wrong with a table's name for a dataset; empty: nothing.
+std::string pgt_long_name_text(const fwu_config &config, const std::string &name,
+                               std::string_view schema, std::string_view table);
 
 // What is wrong with a truncate of the table, and with a change without its old row.
 std::string pgt_truncated_text(const pgt_table &table);

@@ -1,0 +1,183 @@
+#include "tools/postgresql/server.h"
+
+#include <cstdio>
+#include <cstring>
+
+struct remedy_row {
+    const char *state;   // SQLSTATE, or its class
+    const char *message; // that the server's message holds; null: any
+    const char *remedy;
+};
+
+static constexpr remedy_row remedies[] = {
+    {"55000", "wal_level", "set wal_level = logical in postgresql.conf and restart the server"},
+    {"53400", "replication slots",
+     "raise max_replication_slots in postgresql.conf, or drop a slot that nobody uses"},
+    {"53300", nullptr,
+     "raise max_connections or max_wal_senders in postgresql.conf, or end other sessions"},
+    {"42501", "replication", "give the role the right: ALTER ROLE ... REPLICATION (and LOGIN)"},
+    {"42501", nullptr,
+     "give the role the right that is missing, or use --conninfo with another role"},
+    {"28", nullptr, "check role, password and pg_hba.conf (its lines for replication, too)"},
+    {"3D000", nullptr, "name an existing database in --conninfo (dbname=...)"},
+    {"42704", "replication slot", "create it with --create, or name another with --slot"},
+    {"42704", "publication",
+     "create it with --create, or name another with --publication; a publication that was made "
+     "later than the slot is unknown to the changes between"},
+    {"55000", "can no longer get changes",
+     "the server has removed what the slot needs: begin a new log with --create --snapshot"},
+};
+
+static const char *find_remedy(const char *state, const char *message)
+{
+    for (const remedy_row &row : remedies)
+        if (strncmp(state, row.state, strlen(row.state)) == 0 &&
+            (row.message == nullptr || strstr(message, row.message) != nullptr))
+            return row.remedy;
+    return nullptr;
+}
+
+// Whether a failure may pass by itself: no connection, or the server starts or stops.
+static bool passes(const PGconn *connection, const char *state)
+{
+    return PQstatus(connection) != CONNECTION_OK || strncmp(state, "08", 2) == 0 ||
+           strncmp(state, "57P", 3) == 0;
+}
+
+static std::string one_line(const char *message)
+{
+    std::string text = message;
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    for (char &c : text)
+        if (c == '\n' || c == '\t')
+            c = ' ';
+    return text;
+}
+
+pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
+                       const std::string &doing)
+{
+    const char *state = result == nullptr ? nullptr : PQresultErrorField(result, PG_DIAG_SQLSTATE);
+    if (state == nullptr)
+        state = "";
+    const char *primary =
+        result == nullptr ? nullptr : PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+    const std::string message = one_line(primary != nullptr ? primary : PQerrorMessage(connection));
+    server.slot_in_use = strcmp(state, "55006") == 0;
+    if (server.slot_in_use || passes(connection, state)) {
+        server.lost = message;
+        return PGS_LOST;
+    }
+    const char *remedy = find_remedy(state, message.c_str());
+    fprintf(stderr, "fwlog: %s: %s%s%s\n", doing.c_str(), message.c_str(),
+            remedy == nullptr ? "" : "; ", remedy == nullptr ? "" : remedy);
+    return PGS_REFUSED;
+}
+
+static pgs_outcome finish(pgs_server &server, PGconn *connection, const pgs_result &result,
+                          const char *query)
+{
+    switch (PQresultStatus(result.get())) {
+    case PGRES_COMMAND_OK:
+    case PGRES_TUPLES_OK:
+    case PGRES_COPY_OUT:
+    case PGRES_COPY_BOTH:
+        return PGS_OK;
+    default:
+        return pgs_failed(server, connection, result.get(), query);
+    }
+}
+
+pgs_outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result, const char *query,
+                      const std::vector<const char *> &parameters)
+{
+    result.reset(PQexecParams(connection, query, static_cast<int>(parameters.size()), nullptr,
+                              parameters.data(), nullptr, nullptr, 0));
+    return finish(server, connection, result, query);
+}
+
+pgs_outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
+                        const std::string &command)
+{
+    result.reset(PQexec(connection, command.c_str()));
+    return finish(server, connection, result, command.c_str());
+}
+
+// Connection parameters: the user's, then ours, which count where both are given.
+static pgs_connection open_connection(const std::string &conninfo, bool replication)
+{
+    const char *const keys[] = {"dbname", "fallback_application_name", "client_encoding",
+                                replication ? "replication" : nullptr, nullptr};
+    const char *const values[] = {conninfo.c_str(), "fwlog", "UTF8",
+                                  replication ? "database" : nullptr, nullptr};
+    return pgs_connection(PQconnectdbParams(keys, values, 1));
+}
+
+// Notices ("NOTICE: ...") would only disturb.
+static void drop_notice(void *, const PGresult *)
+{
+}
+
+static pgs_outcome open_one(pgs_server &server, pgs_connection &connection, bool replication)
+{
+    connection = open_connection(server.conninfo, replication);
+    if (PQstatus(connection.get()) != CONNECTION_OK) {
+        server.lost = one_line(PQerrorMessage(connection.get()));
+        server.slot_in_use = false;
+        return PGS_LOST;
+    }
+    PQsetNoticeReceiver(connection.get(), drop_notice, nullptr);
+    static constexpr const char *settings[] = {
+        "SET datestyle = ISO",       "SET intervalstyle = postgres",
+        "SET timezone = 'UTC'",      "SET extra_float_digits = 3",
+        "SET bytea_output = hex",    "SET search_path = pg_catalog",
+        "SET statement_timeout = 0",
+    };
+    pgs_result result;
+    for (const char *setting : settings) {
+        const pgs_outcome outcome = pgs_command(server, connection.get(), result, setting);
+        if (outcome != PGS_OK)
+            return outcome;
+    }
+    return PGS_OK;
+}
+
+pgs_outcome pgs_connect(pgs_server &server)
+{
+    const pgs_outcome outcome = open_one(server, server.sql, false);
+    return outcome == PGS_OK ? open_one(server, server.replication, true) : outcome;
+}
+
+void pgs_disconnect(pgs_server &server)
+{
+    server.sql.reset();
+    server.replication.reset();
+}
+
+std::string_view pgs_value(const pgs_result &result, int row, int column)
+{
+    return {PQgetvalue(result.get(), row, column),
+            static_cast<size_t>(PQgetlength(result.get(), row, column))};
+}
+
+static std::string quoted(std::string_view text, char quote)
+{
+    std::string out(1, quote);
+    for (const char c : text) {
+        out += c;
+        if (c == quote)
+            out += c;
+    }
+    return out + quote;
+}
+
+std::string pgs_name(std::string_view name)
+{
+    return quoted(name, '"');
+}
+
+std::string pgs_literal(std::string_view text)
+{
+    return quoted(text, '\'');
+}

@@ -1,0 +1,68 @@
+// Connections to a PostgreSQL server: owned handles, queries, and errors told with
+// what to do about them.
+#ifndef TOOLS_POSTGRESQL_SERVER_H
+#define TOOLS_POSTGRESQL_SERVER_H
+
+#include <libpq-fe.h>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct pgs_close {
+    void operator()(PGconn *connection) const
+    {
+        PQfinish(connection);
+    }
+    void operator()(PGresult *result) const
+    {
+        PQclear(result);
+    }
+};
+using pgs_connection = std::unique_ptr<PGconn, pgs_close>;
+using pgs_result = std::unique_ptr<PGresult, pgs_close>;
+
+enum pgs_outcome {
+    PGS_OK,
+    PGS_LOST,    // the connection could not be made or is gone: it may come back
+    PGS_REFUSED, // the server refuses, or something is not as it has to be: reported
+};
+
+struct pgs_server {
+    std::string conninfo;
+    std::string slot;
+    std::string publication;
+    pgs_connection sql;         // for queries
+    pgs_connection replication; // for the stream
+    std::string lost;           // after PGS_LOST: what the server or the system said
+    bool slot_in_use = false;   // after PGS_LOST: it was that another process has the slot
+};
+
+// Opens both connections, with the settings that make values look the same on every
+// server.
+pgs_outcome pgs_connect(pgs_server &server);
+
+void pgs_disconnect(pgs_server &server);
+
+// Runs a query whose parameters stand as $1, $2, ...; result has its rows.
+pgs_outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result, const char *query,
+                      const std::vector<const char *> &parameters = {});
+
+// The same without parameters, as the replication connection needs it.
+pgs_outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
+                        const std::string &command);
+
+// Reports the failed result, or that of the connection when result is null: what was
+// done, the server's message, the remedy if one is known.  PGS_LOST is not reported,
+// but left in server.lost.
+pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
+                       const std::string &doing);
+
+// A value of a result; nulls are empty.
+std::string_view pgs_value(const pgs_result &result, int row, int column);
+
+// A name or a text as SQL writes them.
+std::string pgs_name(std::string_view name);
+std::string pgs_literal(std::string_view text);
+
+#endif
