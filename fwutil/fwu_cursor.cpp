@@ -51,9 +51,16 @@ bool fwu_log_file_parse(const char *name, int32_t &generation, int32_t &sequence
 
 int fwu_cursor_open(fwu_cursor &cursor, const fwu_log_file &file)
 {
+    if (fwu_cursor_try_open(cursor, file) == 0)
+        return 0;
+    return fwu_error("%s: cannot open the log file: %s", file.path.c_str(), strerror(errno));
+}
+
+int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file)
+{
     const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        return fwu_error("%s: cannot open the log file: %s", file.path.c_str(), strerror(errno));
+        return -1;
     fwu_cursor_close(cursor);
     std::vector<unsigned char> window = std::move(cursor.window);
     if (window.size() < WINDOW_SIZE)

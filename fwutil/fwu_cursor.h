@@ -28,6 +28,7 @@ enum fwu_found {
     FWU_END,     // no more for now
     FWU_DAMAGED, // a commit stands behind bytes that are wrong: bad_at and reason say where, what
     FWU_FAILED,  // reported on standard error
+    FWU_GONE,    // the log file was removed, like all before it, since it was listed
 };
 
 // File size and time, to see that a file has not changed.
@@ -78,6 +79,8 @@ struct fwu_cursor {
 
 // Opens a log file; 0 or -1 (reported).  The cursor's window is kept.
 int fwu_cursor_open(fwu_cursor &cursor, const fwu_log_file &file);
+// The same without a report: -1 with errno, and the cursor is as it was.
+int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file);
 void fwu_cursor_close(fwu_cursor &cursor);
 
 // Finds the next committed transaction.

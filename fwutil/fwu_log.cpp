@@ -75,6 +75,25 @@ static fwu_found find_next_file(const fwu_log &log, fwu_log_file &next)
     return FWU_FOUND;
 }
 
+// Opens a file that was listed before.  Old files may be removed at any time, from
+// the front; one that is missing among others is an error.
+static fwu_found open_listed(fwu_cursor &cursor, const fwu_log_file &file)
+{
+    if (fwu_cursor_try_open(cursor, file) == 0)
+        return FWU_FOUND;
+    const int open_errno = errno;
+    const std::string directory = file.path.substr(0, file.path.size() - file.name.size() - 1);
+    std::vector<fwu_log_file> files;
+    if (open_errno == ENOENT) {
+        if (fwu_log_list(directory, files) != 0)
+            return FWU_FAILED;
+        if (files.empty() || files.front().name > file.name)
+            return FWU_GONE;
+    }
+    fwu_error("%s: cannot open the log file: %s", file.path.c_str(), strerror(open_errno));
+    return FWU_FAILED;
+}
+
 // A file that another one follows holds whole transactions and nothing else.
 static bool ends_whole(fwu_cursor &cursor)
 {
@@ -112,9 +131,11 @@ fwu_found fwu_log_next(fwu_log &log)
         }
         if (found != FWU_END)
             return found;
-        if (fwu_cursor_open(cursor, next) != 0)
+        found = open_listed(cursor, next);
+        if (found == FWU_FAILED)
             return FWU_FAILED;
-        fwu_note("reading %s", next.path.c_str());
+        if (found == FWU_FOUND)
+            fwu_note("reading %s", next.path.c_str());
     }
 }
 
@@ -149,7 +170,7 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
     item.file = &file;
     bool announced = false;
     result = 0;
-    fwu_found found = fwu_cursor_open(cursor, file) == 0 ? FWU_FOUND : FWU_FAILED;
+    fwu_found found = open_listed(cursor, file);
     while (found == FWU_FOUND && result == 0) {
         found = fwu_cursor_next(cursor);
         if (cursor.header_read && !announced) {
@@ -163,7 +184,7 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
             found = found == FWU_END ? FWU_FOUND : found;
         }
     }
-    if (result != 0)
+    if (result != 0 || found == FWU_GONE)
         return found;
     if (found == FWU_END && !last && !ends_whole(cursor))
         found = FWU_DAMAGED;

@@ -52,7 +52,8 @@ struct fwu_walk_item {
 
 // Visits everything in one file, until visit returns nonzero, which then is result.
 // last: no other file follows it, so that it may have a tail.  FWU_END: walked to the
-// end; FWU_DAMAGED: visited, not reported; FWU_FAILED: reported.
+// end; FWU_GONE: nothing visited; FWU_DAMAGED: visited, not reported; FWU_FAILED:
+// reported.
 fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool last,
                             const std::function<int(const fwu_walk_item &)> &visit, int &result);
 

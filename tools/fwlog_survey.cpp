@@ -77,7 +77,7 @@ int fwlog_survey(const std::string &directory, const std::function<void(const su
             },
             ignored);
         facts.size = cursor.size;
-        if (found != FWU_FAILED)
+        if (found != FWU_FAILED && found != FWU_GONE)
             take(facts);
     }
     fwu_cursor_close(cursor);

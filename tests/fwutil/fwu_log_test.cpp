@@ -129,3 +129,80 @@ TEST_F(LogTest, AMissingDirectoryIsAnError)
                        ": cannot open the log directory: No such file or directory; check "
                        "log-directory in the configuration file\n");
 }
+
+// Several files of one transaction each.
+class RemovedFileTest : public LogTest {
+  protected:
+    void make(int files)
+    {
+        config.log_file_size = 1;
+        open_writer();
+        for (int n = 1; n <= files; n++)
+            add({insert(n)});
+        close_writer();
+    }
+    void remove(std::initializer_list<int> sequences)
+    {
+        for (const int sequence : sequences)
+            std::filesystem::remove(file(sequence));
+    }
+};
+
+TEST_F(RemovedFileTest, TheWalkGoesOnWithTheOldestFileLeft)
+{
+    make(4);
+    std::string seen_files;
+    EXPECT_EQ(fwu_log_walk(log,
+                           [&](const fwu_walk_item &item) {
+                               if (item.what == FWU_WALK_FILE)
+                                   seen_files += std::to_string(item.file->sequence) + " ";
+                               if (item.file->sequence == 1)
+                                   remove({1, 2, 3});
+                               return 0;
+                           }),
+              0);
+    EXPECT_EQ(seen_files, "1 4 ");
+}
+
+TEST_F(RemovedFileTest, OneThatIsMissingAmongOthersEndsTheWalk)
+{
+    make(3);
+    int walked = 0;
+    err = stderr_of([&] {
+        walked = fwu_log_walk(log, [&](const fwu_walk_item &) {
+            remove({2});
+            return 0;
+        });
+    });
+    EXPECT_EQ(walked, -1);
+    EXPECT_EQ(err,
+              "fwutil: " + file(2) + ": cannot open the log file: No such file or directory\n");
+}
+
+TEST_F(RemovedFileTest, AReaderInsideARemovedFileReadsItToItsEndAndGoesOn)
+{
+    make(3);
+    on_record = [&](const seen &) {
+        remove({1});
+        return 0;
+    };
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, 0) << outcome.err;
+    EXPECT_EQ(outcome.records, written);
+}
+
+TEST_F(RemovedFileTest, AReaderWhoseNextFileIsRemovedSaysWhatThereIs)
+{
+    make(4);
+    on_record = [&](const seen &) {
+        remove({1, 2});
+        return 0;
+    };
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.records, written_from(1, 1));
+    EXPECT_EQ(outcome.err, "fwutil: " + std::filesystem::canonical(log).string() +
+                               "/fw0001-00000002.log: the log file is missing, the next one there "
+                               "is fw0001-00000003.log; restore it, or begin with that file (start "
+                               "position 1-3.0)\n");
+}
