@@ -14,6 +14,8 @@ static const char help_text[] =
     "       fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
     "       fwlog verify [-cfg FILE] [--json]\n"
     "       fwlog info [-cfg FILE] [--json]\n"
+    "       fwlog prune [-cfg FILE] (--keep N | --before POSITION) [--status FILE ...]\n"
+    "                   [--dry-run] [--json]\n"
     "       fwlog --help | --version\n"
     "\n"
     "Writes forward logs from PostgreSQL, and tells about them.\n"
@@ -23,6 +25,7 @@ static const char help_text[] =
     "  dump        prints the entries of a forward log\n"
     "  verify      reads every entry of a forward log and says what is damaged\n"
     "  info        tells files, positions, times and datasets of a forward log\n"
+    "  prune       removes old files of a forward log\n"
     "\n"
     "\"fwlog load --help\" and so on say more.\n";
 
@@ -118,6 +121,27 @@ static const char info_help_text[] =
     "\n"
     "Exit status: 0 done; 1 damage, or the log could not be read; 2 wrong command line.\n";
 
+static const char prune_help_text[] =
+    "Usage: fwlog prune [-cfg FILE] (--keep N | --before POSITION) [--status FILE ...]\n"
+    "                   [--dry-run] [--json]\n"
+    "\n"
+    "Removes the oldest files of the forward log, oldest first, also beside a writer\n"
+    "and readers.  The newest file and the one with the last transaction always stay.\n"
+    "\n"
+    "  -cfg FILE          configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                     fwutil.cfg), which names the log directory\n"
+    "  --keep N           keep the newest N files\n"
+    "  --before POSITION  keep the file of this position (\"25\", \"1-25\", \"1-25.340\")\n"
+    "                     and all behind it\n"
+    "  --status FILE      remove nothing if the run with this status file needs one of\n"
+    "                     the files; may be repeated\n"
+    "  --dry-run          only say what would be removed\n"
+    "  --json             one JSON object\n"
+    "  --help             print this\n"
+    "\n"
+    "Exit status: 0 done, also when nothing was old enough; 1 error, or a status file\n"
+    "forbids it; 2 wrong command line.\n";
+
 struct subcommand {
     const char *name;
     int (*run)(int argc, char **argv);
@@ -130,6 +154,7 @@ static const subcommand subcommands[] = {
     {"dump", fwlog_dump_main, dump_help_text},
     {"verify", fwlog_verify_main, verify_help_text},
     {"info", fwlog_info_main, info_help_text},
+    {"prune", fwlog_prune_main, prune_help_text},
 };
 
 int fwlog_scan_log_options(fwlog_log_options &options, int argc, char **argv)

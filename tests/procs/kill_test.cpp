@@ -1,5 +1,6 @@
 // Kestro killed at random moments while it follows a growing log, and started
-// again: nothing is lost, and at most the record in hand is written twice.
+// again: nothing is lost, and at most the record in hand is written twice.  The same
+// while old log files are removed.
 #include "msgfile/tmf.h"
 #include "tests/procs/growing_log.h"
 
@@ -11,6 +12,7 @@
 #include <sys/wait.h>
 
 static const std::string kestro = KESTRO_BUILD_DIR "/bin/Kestro";
+static const std::string fwlog = KESTRO_BUILD_DIR "/bin/fwlog";
 
 constexpr int ROUNDS = 50;
 
@@ -91,6 +93,24 @@ class KillTest : public testing::Test {
         ASSERT_EQ(last.status, 0) << last.err;
     }
 
+    // Every record of the log is in the capture files, once, but for the ones in hand
+    // at the kills.
+    void expect_all_captured() const
+    {
+        int newest = 0;
+        for (const std::string &file : files) {
+            bool first = true;
+            for (const int number : record_numbers(file)) {
+                if (first && number == newest)
+                    continue; // the record in hand at the kill, written again
+                first = false;
+                ASSERT_EQ(number, newest + 1) << file;
+                newest = number;
+            }
+        }
+        EXPECT_EQ(std::to_string(newest), read_file(dir.file("written")));
+    }
+
     tempdir dir;
     run_setup options;
     std::vector<std::string> files;
@@ -114,18 +134,36 @@ TEST_F(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
     files.push_back(dir.file("last.txt"));
     ASSERT_NO_FATAL_FAILURE(finish({kestro, "-synconly", "-ascii", "-recnum", files.back()}));
 
-    int newest = 0;
-    for (const std::string &file : files) {
-        bool first = true;
-        for (const int number : record_numbers(file)) {
-            if (first && number == newest)
-                continue; // the record in hand at the kill, written again
-            first = false;
-            ASSERT_EQ(number, newest + 1) << file;
-            newest = number;
+    expect_all_captured();
+}
+
+TEST_F(KillTest, OldLogFilesAreRemovedBesideTheWriterAndItsReader)
+{
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    const std::vector<std::string> prune = {fwlog, "prune",    "--keep",
+                                            "1",   "--status", "fwutil.status"};
+    int pruned = 0;
+    for (int round = 0; round < ROUNDS / 5; round++) {
+        files.push_back(dir.file("cap" + std::to_string(round) + ".txt"));
+        const pid_t pid = start_program({kestro, "-ascii", "-recnum", files.back()}, options, "",
+                                        dir.file("err"));
+        ASSERT_TRUE(poll_until([&] { return !record_numbers(files.back()).empty(); }))
+            << read_file(dir.file("err"));
+        for (int i = 0; i < 5; i++) {
+            const run_result verify = run_program({fwlog, "verify"}, options);
+            EXPECT_EQ(verify.status, 0) << verify.out << verify.err;
+            // It is refused while the reader is inside an older file.
+            pruned += run_program(prune, options).status == 0 ? 1 : 0;
         }
+        kill(pid, SIGKILL);
+        ASSERT_EQ(wait_program(pid), 128 + SIGKILL) << read_file(dir.file("err"));
     }
-    EXPECT_EQ(std::to_string(newest), read_file(dir.file("written")));
+    files.push_back(dir.file("last.txt"));
+    ASSERT_NO_FATAL_FAILURE(finish({kestro, "-synconly", "-ascii", "-recnum", files.back()}));
+    EXPECT_EQ(run_program(prune, options).status, 0);
+    EXPECT_GT(pruned, 0);
+    EXPECT_FALSE(std::filesystem::exists(dir.file("log/fw0001-00000001.log")));
+    expect_all_captured();
 }
 
 // Record numbers in a message file with -recnum; all of them stay in it.

@@ -1,0 +1,343 @@
+// fwlog prune on small logs: one transaction of three inserts in each file.
+#include "fwutil/fwu_log.h"
+#include "fwutil/fwu_status_text.h"
+#include "tests/procs/growing_log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+using testing::HasSubstr;
+
+static const std::string program = KESTRO_BUILD_DIR "/bin/fwlog";
+static const std::string kestro = KESTRO_BUILD_DIR "/bin/Kestro";
+
+class FwlogPruneTest : public testing::Test {
+  protected:
+    FwlogPruneTest()
+    {
+        write_config(dir, "64M");
+    }
+    // Each file has 480 bytes: its header of 64, a layout of 96, three inserts of 88
+    // and a commit of 56.
+    void make(int files)
+    {
+        fwu_config config;
+        fwu_writer *writer = nullptr;
+        ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+        config.log_file_size = 1;
+        ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+        for (int n = 0; n < files; n++)
+            ASSERT_TRUE(append_transaction(writer, 1 + 3 * n, 3));
+        ASSERT_EQ(fwu_writer_close(writer), 0);
+    }
+    run_result run(const std::vector<std::string> &words)
+    {
+        run_setup options;
+        options.directory = dir.path();
+        return run_program(words, options);
+    }
+    run_result prune(std::vector<std::string> words)
+    {
+        words.insert(words.begin(), {program, "prune"});
+        return run(words);
+    }
+    std::string file(int n, int generation = 1) const
+    {
+        return dir.file("log/" + fwu_log_file_name(generation, n));
+    }
+    // The numbers of the files that there are, as "2-1 2-2 ".
+    std::string left() const
+    {
+        std::vector<fwu_log_file> files;
+        EXPECT_EQ(fwu_log_list(dir.file("log"), files), 0);
+        std::string text;
+        for (const fwu_log_file &f : files)
+            text += std::to_string(f.generation) + "-" + std::to_string(f.sequence) + " ";
+        return text;
+    }
+    // A status file of this log, or of another one.
+    void status(const std::string &name, const fwu_position &position,
+                const std::string &directory = "")
+    {
+        fwu_status_text text;
+        text.fresh = false;
+        text.have_position = position.sequence != 0;
+        text.position = position;
+        text.time_us = 1700000000000000;
+        text.log_directory = directory.empty() ? real(dir.file("log")) : directory;
+        write_file(dir.file(name), fwu_status_put(text));
+    }
+    static std::string real(const std::string &path)
+    {
+        return std::filesystem::canonical(path).string();
+    }
+    tempdir dir;
+};
+
+TEST_F(FwlogPruneTest, KeepsTheNewestFiles)
+{
+    make(5);
+    const run_result result = prune({"--keep", "3"});
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
+              "removed fw0001-00000001.log, 480 bytes\n"
+              "removed fw0001-00000002.log, 480 bytes\n"
+              "2 files removed, 960 bytes; 3 files left, the oldest is fw0001-00000003.log\n");
+    EXPECT_EQ(left(), "1-3 1-4 1-5 ");
+    EXPECT_EQ(prune({"--keep", "3"}).out,
+              "0 files removed, 0 bytes; 3 files left, the oldest is fw0001-00000003.log\n");
+    EXPECT_EQ(prune({"--keep", "18446744073709551615"}).status, 0);
+    EXPECT_EQ(prune({"--keep", "1"}).status, 0);
+    EXPECT_EQ(left(), "1-5 ");
+}
+
+TEST_F(FwlogPruneTest, KeepsTheFileOfAPositionAndAllBehindIt)
+{
+    make(6);
+    for (const auto &[position, after] : std::vector<std::pair<std::string, std::string>>{
+             {"1", "1-1 1-2 1-3 1-4 1-5 1-6 "},
+             {"2", "1-2 1-3 1-4 1-5 1-6 "},
+             {"1", "1-2 1-3 1-4 1-5 1-6 "}, // gone already
+             {"1-3", "1-3 1-4 1-5 1-6 "},
+             {"1-4.0", "1-4 1-5 1-6 "},
+             {"1-5.2147483647", "1-5 1-6 "},
+             {"6", "1-6 "}}) {
+        EXPECT_EQ(prune({"--before", position}).status, 0) << position;
+        EXPECT_EQ(left(), after) << position;
+    }
+}
+
+TEST_F(FwlogPruneTest, APositionBehindTheLogIsRefused)
+{
+    make(2);
+    for (const std::string position : {"3", "1-3.1", "2-1"}) {
+        const run_result result = prune({"--before", position});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "fwlog: --before: the log does not have that file yet, its newest "
+                              "one is fw0001-00000002.log (position 1-2); nothing removed\n");
+    }
+    EXPECT_EQ(left(), "1-1 1-2 ");
+}
+
+TEST_F(FwlogPruneTest, AFileNumberMeansTheNewestGenerationThatHasIt)
+{
+    make(3);
+    std::string bytes = read_file(file(1));
+    for (const int sequence : {2, 3}) {
+        fwu_file_header_put(reinterpret_cast<unsigned char *>(bytes.data()),
+                            {.big_endian = false, .generation = 2, .sequence = sequence});
+        write_file(file(sequence, 2), bytes);
+    }
+    EXPECT_EQ(prune({"--before", "4"}).status, 1);
+    EXPECT_EQ(prune({"--before", "1"}).status, 0);
+    EXPECT_EQ(left(), "1-1 1-2 1-3 2-2 2-3 ") << "1-1 is the only file 1";
+    EXPECT_EQ(prune({"--before", "1-2"}).status, 0);
+    EXPECT_EQ(left(), "1-2 1-3 2-2 2-3 ");
+    EXPECT_EQ(prune({"--before", "3"}).status, 0);
+    EXPECT_EQ(left(), "2-3 ") << "2-3 is the newest file 3";
+}
+
+TEST_F(FwlogPruneTest, ADryRunRemovesNothing)
+{
+    make(3);
+    const run_result result = prune({"--before", "1-3.2", "--dry-run"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(
+        result.out,
+        "would remove fw0001-00000001.log, 480 bytes\n"
+        "would remove fw0001-00000002.log, 480 bytes\n"
+        "2 files would be removed, 960 bytes; 1 files left, the oldest is fw0001-00000003.log\n");
+    EXPECT_EQ(prune({"--keep", "2", "--dry-run", "--json"}).out,
+              "{\"directory\":\"log\",\"dry_run\":true,\"removed\":[{\"file\":\"fw0001-00000001."
+              "log\",\"size\":480}],\"files\":1,\"bytes\":480,\"left\":2,\"oldest\":\"fw0001-"
+              "00000002.log\"}\n");
+    EXPECT_EQ(left(), "1-1 1-2 1-3 ");
+}
+
+TEST_F(FwlogPruneTest, JsonIsOneObject)
+{
+    make(3);
+    EXPECT_EQ(prune({"--keep", "1", "--json"}).out,
+              "{\"directory\":\"log\",\"dry_run\":false,\"removed\":[{\"file\":\"fw0001-00000001."
+              "log\",\"size\":480},{\"file\":\"fw0001-00000002.log\",\"size\":480}],\"files\":2,"
+              "\"bytes\":960,\"left\":1,\"oldest\":\"fw0001-00000003.log\"}\n");
+    EXPECT_EQ(left(), "1-3 ");
+}
+
+TEST_F(FwlogPruneTest, AnEmptyLogHasNothingToRemove)
+{
+    std::filesystem::create_directory(dir.file("log"));
+    EXPECT_EQ(prune({"--keep", "1"}).out, "0 files removed, 0 bytes; 0 files left\n");
+    const run_result result = prune({"--before", "7", "--json"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "{\"directory\":\"log\",\"dry_run\":false,\"removed\":[],\"files\":0,"
+                          "\"bytes\":0,\"left\":0,\"oldest\":null}\n");
+}
+
+// A writer that starts anew has to find where the last one ended.
+TEST_F(FwlogPruneTest, TheFileWithTheLastTransactionStays)
+{
+    make(3);
+    std::string header(FWU_FILE_HEADER_SIZE, '\0');
+    for (const int sequence : {4, 5}) {
+        fwu_file_header_put(reinterpret_cast<unsigned char *>(header.data()),
+                            {.big_endian = false, .generation = 1, .sequence = sequence});
+        write_file(file(sequence), header);
+    }
+    EXPECT_EQ(prune({"--keep", "1"}).out,
+              "removed fw0001-00000001.log, 480 bytes\n"
+              "removed fw0001-00000002.log, 480 bytes\n"
+              "2 files removed, 960 bytes; 3 files left, the oldest is fw0001-00000003.log\n");
+    fwu_config config;
+    fwu_writer *writer = nullptr;
+    ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+    ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+    EXPECT_EQ(fwu_writer_last_lsn(writer), 8U) << "of the third transaction";
+    EXPECT_EQ(fwu_writer_close(writer), 0);
+}
+
+TEST_F(FwlogPruneTest, AFileThatAStatusNeedsForbidsIt)
+{
+    make(4);
+    status("one.status", {1, 4, 2});
+    status("two.status", {1, 2, 4}); // the last record of its file
+    const run_result result =
+        prune({"--keep", "2", "--status", "one.status", "--status", "two.status"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "fwlog: two.status: its position 1-2.4 needs fw0001-00000002.log and "
+                          "the files behind it; nothing removed; prune with --before 1-2, or when "
+                          "its run has gone on\n");
+    EXPECT_EQ(left(), "1-1 1-2 1-3 1-4 ");
+    EXPECT_EQ(prune({"--keep", "2", "--dry-run", "--status", "two.status"}).status, 1);
+    EXPECT_EQ(prune({"--before", "1-2", "--status", "one.status", "--status", "two.status"}).status,
+              0);
+    EXPECT_EQ(left(), "1-2 1-3 1-4 ");
+    EXPECT_EQ(prune({"--keep", "1", "--status", "one.status"}).status, 0);
+    EXPECT_EQ(left(), "1-4 ");
+}
+
+TEST_F(FwlogPruneTest, AStatusThatTellsNothingForbidsIt)
+{
+    make(3);
+    write_file(dir.file("torn.status"), "Kestro");
+    write_file(dir.file("empty.status"), "");
+    status("none.status", {});
+    status("other.status", {1, 3, 2}, "/var/other");
+    status("gone.status", {1, 7, 2});
+    const std::string unknown = ": what its run still needs is not known; nothing removed; mend "
+                                "the status file, or leave out its --status when the run is over\n";
+    const std::string none = ": the status file names no record yet, so its run begins with the "
+                             "log's oldest file; nothing removed; prune when it has captured "
+                             "something, or leave out its --status\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"absent.status",
+         "fwlog: absent.status: cannot open the status file: No such file or directory\n"
+         "fwlog: absent.status" +
+             unknown},
+        {"torn.status",
+         "fwlog: torn.status: the status file is damaged; give the position that you know as "
+         "start position, or remove the file to begin with the log's oldest record\n"
+         "fwlog: torn.status" +
+             unknown},
+        {"empty.status", "fwlog: empty.status" + none},
+        {"none.status", "fwlog: none.status" + none},
+        {"other.status", "fwlog: other.status: the status file belongs to the log in /var/other, "
+                         "not to the one in " +
+                             real(dir.file("log")) +
+                             "; nothing removed; name the right configuration, or leave out its "
+                             "--status\n"},
+        {"gone.status",
+         "fwlog: gone.status: position 1-7.2: the log does not have that file; it has "
+         "fw0001-00000001.log (start position 1-1.0) to fw0001-00000003.log (1-3.0)\n"
+         "fwlog: gone.status: its run cannot go on; nothing removed; mend that, or leave out its "
+         "--status\n"},
+    };
+    for (const auto &[name, message] : cases) {
+        const run_result result = prune({"--keep", "1", "--status", name});
+        EXPECT_EQ(result.status, 1) << name;
+        EXPECT_EQ(result.out, "") << name;
+        EXPECT_EQ(result.err, message);
+    }
+    EXPECT_EQ(left(), "1-1 1-2 1-3 ");
+}
+
+TEST_F(FwlogPruneTest, AFileThatCannotBeRemovedEndsItWithTheNewerOnesLeft)
+{
+    make(4);
+    // A directory of that name cannot be unlinked, whoever tries.
+    std::filesystem::remove(file(2));
+    std::filesystem::create_directory(file(2));
+    const run_result result = prune({"--keep", "1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              "removed fw0001-00000001.log, 480 bytes\n"
+              "1 files removed, 480 bytes; 3 files left, the oldest is fw0001-00000002.log\n");
+    EXPECT_EQ(result.err, "fwlog: log/fw0001-00000002.log: cannot remove the log file: Is a "
+                          "directory; it and the newer ones are left\n");
+    EXPECT_EQ(left(), "1-2 1-3 1-4 ");
+}
+
+TEST_F(FwlogPruneTest, APrunedLogIsSoundAndReadFromItsOldestFile)
+{
+    make(4);
+    ASSERT_EQ(prune({"--keep", "2"}).status, 0);
+    const run_result verify = run({program, "verify"});
+    EXPECT_EQ(verify.status, 0);
+    EXPECT_EQ(verify.out, "log/fw0001-00000003.log: 1 transactions, 5 entries\n"
+                          "log/fw0001-00000004.log: 1 transactions, 5 entries\n");
+    const run_result info = run({program, "info"});
+    EXPECT_EQ(info.status, 0);
+    EXPECT_THAT(info.out, HasSubstr("2 files, 960 bytes, 2 transactions\n"));
+    EXPECT_THAT(run({kestro, "-synconly", "-ascii", "cap.txt"}).out,
+                HasSubstr("6 records written to capture file cap.txt\n"));
+}
+
+TEST_F(FwlogPruneTest, ARunThatNeedsARemovedFileSaysWhereTheLogBegins)
+{
+    make(2);
+    ASSERT_EQ(run({kestro, "-synconly", "-ascii", "cap.txt"}).status, 0);
+    make(3);
+    ASSERT_EQ(prune({"--before", "1-3"}).status, 0);
+    const run_result result = run({kestro, "-synconly", "-ascii", "cap.txt"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "fwutil: fwutil.status: position 1-2.4: the log does not have that file; it has "
+              "fw0001-00000003.log (start position 1-3.0) to fw0001-00000005.log (1-5.0)\n"
+              "Fwu_process() failed.\n");
+}
+
+TEST_F(FwlogPruneTest, WrongCommandLinesAreRefusedWithStatusTwo)
+{
+    const std::string again = "Try \"fwlog --help\".\n";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "give --keep or --before: prune"},
+        {{"--dry-run"}, "give --keep or --before: prune"},
+        {{"--keep", "1", "--before", "1"}, "give only one of --keep and --before: prune"},
+        {{"--bad"}, "unknown option: --bad"},
+        {{"word"}, "unexpected word: word"},
+        {{"-cfg"}, "option lacks its file name: -cfg"},
+        {{"--keep", "1", "--status"}, "option lacks its file name: --status"},
+        {{"--keep"}, "option lacks its number: --keep"},
+        {{"--before"}, "option lacks its position: --before"},
+        {{"--keep", "0"}, "not a number of files (1 or more): 0"},
+        {{"--keep", "-1"}, "not a number of files (1 or more): -1"},
+        {{"--keep", "2x"}, "not a number of files (1 or more): 2x"},
+        {{"--keep", "18446744073709551616"},
+         "not a number of files (1 or more): 18446744073709551616"},
+        {{"--before", "1.2"}, "not a position (25, 1-25 or 1-25.340): 1.2"},
+    };
+    make(2);
+    for (const auto &[words, message] : cases) {
+        const run_result result = prune(words);
+        EXPECT_EQ(result.status, 2) << message;
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "fwlog: " + message + "\n" + again);
+    }
+    EXPECT_THAT(prune({"--help"}).out, testing::StartsWith("Usage: fwlog prune "));
+    EXPECT_EQ(left(), "1-1 1-2 ");
+    EXPECT_EQ(prune({"--keep", "1", "-cfg", "absent.cfg"}).status, 1);
+}
