@@ -20,12 +20,16 @@ static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 static std::string member(const std::string &json, const char *name)
 {
     const std::string key = std::string("\"") + name + "\":\"";
-    const size_t at = json.find(key);
-    if (at == std::string::npos)
-        return {};
-    const size_t begin = at + key.size();
-    const size_t end = json.find('"', begin);
-    return end == std::string::npos ? std::string() : json.substr(begin, end - begin);
+    const size_t found = json.find(key);
+    std::string text;
+    if (found == std::string::npos)
+        return text;
+    for (size_t at = found + key.size(); at < json.size() && json[at] != '"'; at++) {
+        if (json[at] == '\\' && at + 1 < json.size())
+            at++;
+        text += json[at];
+    }
+    return text;
 }
 
 void pgb_state_read(pgb_state &state)
