@@ -132,7 +132,7 @@ static int run(pgb_bridge &bridge)
     back_off off;
     for (;;) {
         const pgs_outcome outcome = connect_and_follow(bridge);
-        if (outcome == PGS_LOST && try_again(bridge, off))
+        if (outcome == PGS_LOST && stop_signal_get() == 0 && try_again(bridge, off))
             continue;
         if (stop_signal_get() != 0)
             return FWLOG_EXIT_SIGNAL + stop_signal_get();

@@ -13,11 +13,20 @@
 #include <ctime>
 
 constexpr int VERSION_WITH_MESSAGES = 140000;
-constexpr int64_t FEEDBACK_MS = 1000; // how often the server is told of the progress
-constexpr int64_t REPORT_MS = 10'000; // how often -v tells of it
-constexpr size_t DATA_HEADER = 25;    // 'w', start, end and time before the message
-constexpr size_t KEEPALIVE_SIZE = 18; // 'k', end, time, whether an answer is wanted
-constexpr int MESSAGES_A_LOOK = 256;  // messages between two looks at the clock
+constexpr int64_t FEEDBACK_MS = 1000;        // how often the server is told of the progress
+constexpr int64_t REPORT_MS = 10'000;        // how often -v tells of it
+constexpr size_t DATA_HEADER = 25;           // 'w', start, end and time before the message
+constexpr size_t KEEPALIVE_SIZE = 18;        // 'k', end, time, whether an answer is wanted
+constexpr int MESSAGES_A_LOOK = 256;         // messages between two looks at the clock
+constexpr int64_t ASK_AFTER_MS = 20'000;     // of silence, whether the server is there
+constexpr int64_t GIVE_UP_AFTER_MS = 60'000; // of silence
+
+static int64_t monotonic_ms()
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
+    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
+}
 
 struct follow {
     pgb_bridge &bridge;
@@ -28,14 +37,8 @@ struct follow {
     bool late_session_told = false;
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
+    int64_t heard_ms = monotonic_ms(); // when the server sent something
 };
-
-static int64_t monotonic_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
-}
 
 static uint64_t big_endian(const char *bytes)
 {
@@ -70,15 +73,17 @@ static pgs_outcome lost(follow &f)
     return pgs_failed(f.bridge.server, f.connection, nullptr, "following the server");
 }
 
+// Tells the server the positions; asks for an answer when it has been silent.
 static pgs_outcome send_feedback(follow &f)
 {
     const pgb_state &state = f.bridge.state;
+    const bool asks = monotonic_ms() - f.heard_ms > ASK_AFTER_MS;
     std::string text = "r";
     put_big_endian(text, state.received_lsn);
     put_big_endian(text, state.logged_lsn);
     put_big_endian(text, state.logged_lsn);
     put_big_endian(text, 0); // our clock says nothing to the server
-    text += '\0';
+    text += asks ? '\1' : '\0';
     f.answer = false;
     if (PQputCopyData(f.connection, text.data(), static_cast<int>(text.size())) != 1 ||
         PQflush(f.connection) < 0)
@@ -89,10 +94,15 @@ static pgs_outcome send_feedback(follow &f)
 // What is due by the clock: progress to the server, the state file, reports.
 static pgs_outcome keep_in_touch(follow &f)
 {
-    const pgb_bridge &bridge = f.bridge;
+    pgb_bridge &bridge = f.bridge;
     const int64_t now = monotonic_ms();
     if (report_signal_taken())
         pgb_state_print(bridge.state);
+    if (now - f.heard_ms > GIVE_UP_AFTER_MS) {
+        f.bridge.server.lost = "the server has been silent for a minute";
+        f.bridge.server.slot_in_use = false;
+        return PGS_LOST;
+    }
     if (now < f.feedback_due_ms && !f.answer)
         return PGS_OK;
     note_progress(f);
@@ -260,6 +270,7 @@ static pgs_outcome take_waiting(follow &f)
     for (int n = 1; outcome == PGS_OK; n++) {
         char *bytes = nullptr;
         const int length = PQgetCopyData(f.connection, &bytes, 1);
+        const pgs_memory owned(bytes);
         if (length == 0)
             return PGS_OK;
         if (length < 0) {
@@ -267,10 +278,9 @@ static pgs_outcome take_waiting(follow &f)
             return pgs_failed(f.bridge.server, f.connection, result.get(), "following the server");
         }
         outcome = take_copy_data(f, {bytes, static_cast<size_t>(length)});
-        PQfreemem(bytes);
         if (outcome == PGS_OK && (n % MESSAGES_A_LOOK == 0 || f.answer))
             outcome = keep_in_touch(f);
-        if (stop_signal_get() != 0 && !f.bridge.tx.open)
+        if (stop_signal_get() != 0) // what is in hand will be sent again
             return outcome;
     }
     return outcome;
@@ -282,33 +292,49 @@ static bool is_done(const follow &f)
            (f.bridge.options.once && f.bridge.state.logged_lsn >= f.bridge.stop_at);
 }
 
-static pgs_outcome wait_for_more(follow &f)
+// Waits limit_ms at most for the server to send something, and receives it.
+static pgs_outcome receive(follow &f, int limit_ms, bool &received)
+{
+    const stop_wait waited = stop_signal_wait(PQsocket(f.connection), limit_ms);
+    received = waited == STOP_READABLE;
+    if (waited == STOP_ERROR) {
+        fprintf(stderr, "fwlog: waiting for the server: %s\n", strerror(errno));
+        return PGS_REFUSED;
+    }
+    if (!received)
+        return PGS_OK;
+    f.heard_ms = monotonic_ms();
+    return PQconsumeInput(f.connection) == 1 ? PGS_OK : lost(f);
+}
+
+// Until something is due by the clock.
+static int patience_ms(const follow &f)
 {
     int64_t limit = std::max<int64_t>(f.feedback_due_ms - monotonic_ms(), 0);
     const int settle_in = fwu_writer_settle_in(f.bridge.tx.writer);
     if (settle_in >= 0)
         limit = std::min<int64_t>(limit, settle_in);
-    if (stop_signal_wait(PQsocket(f.connection), static_cast<int>(limit)) == STOP_ERROR) {
-        fprintf(stderr, "fwlog: waiting for the server: %s\n", strerror(errno));
-        return PGS_REFUSED;
-    }
-    return PQconsumeInput(f.connection) == 1 ? PGS_OK : lost(f);
+    return static_cast<int>(limit);
 }
 
 static pgs_outcome run(follow &f)
 {
     for (;;) {
         pgs_outcome outcome = take_waiting(f);
-        if (outcome == PGS_OK && fwu_writer_settle(f.bridge.tx.writer, false) != 0)
-            outcome = PGS_REFUSED;
-        if (outcome != PGS_OK)
-            return outcome;
-        note_progress(f);
-        if (is_done(f))
-            return PGS_OK;
-        outcome = keep_in_touch(f);
+        bool received = false;
         if (outcome == PGS_OK)
-            outcome = wait_for_more(f);
+            outcome = keep_in_touch(f);
+        // One sync for all that is on its way.
+        if (outcome == PGS_OK && stop_signal_get() == 0)
+            outcome = receive(f, 0, received);
+        if (outcome == PGS_OK && !received) {
+            if (fwu_writer_settle(f.bridge.tx.writer, false) != 0)
+                return PGS_REFUSED;
+            note_progress(f);
+            if (is_done(f))
+                return PGS_OK;
+            outcome = receive(f, patience_ms(f), received);
+        }
         if (outcome != PGS_OK)
             return outcome;
     }
@@ -338,6 +364,10 @@ pgs_outcome pgb_follow(pgb_bridge &bridge)
         return outcome;
     bridge.state.phase = "streaming";
     follow f = {.bridge = bridge, .connection = connection};
+    f.received_end = fwu_writer_last_lsn(bridge.tx.writer);
+    if (fwu_writer_settle(bridge.tx.writer, false) != 0)
+        return PGS_REFUSED;
+    note_progress(f);
     outcome = run(f);
     fwlog_abandon(bridge.tx);
     if (outcome == PGS_OK) {

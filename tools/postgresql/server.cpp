@@ -1,5 +1,7 @@
 #include "tools/postgresql/server.h"
 
+#include "tools/stop_signal.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -75,42 +77,101 @@ pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *r
     return PGS_REFUSED;
 }
 
-static pgs_outcome finish(pgs_server &server, PGconn *connection, const pgs_result &result,
-                          const char *query)
+// Waits until the answer to what was sent is there.  A signal to stop ends the wait:
+// some commands wait for other sessions' transactions.
+static pgs_outcome await(pgs_server &server, PGconn *connection, const std::string &query)
 {
-    switch (PQresultStatus(result.get())) {
-    case PGRES_COMMAND_OK:
-    case PGRES_TUPLES_OK:
-    case PGRES_COPY_OUT:
-    case PGRES_COPY_BOTH:
-        return PGS_OK;
-    default:
-        return pgs_failed(server, connection, result.get(), query);
+    while (PQisBusy(connection) != 0) {
+        const stop_wait waited = stop_signal_wait(PQsocket(connection), -1);
+        if (waited == STOP_ASKED || waited == STOP_ERROR)
+            return PGS_STOPPED;
+        if (PQconsumeInput(connection) != 1)
+            return pgs_failed(server, connection, nullptr, query);
+    }
+    return PGS_OK;
+}
+
+static pgs_outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_result &result,
+                          const std::string &query)
+{
+    result.reset();
+    if (!sent)
+        return pgs_failed(server, connection, nullptr, query);
+    for (;;) {
+        const pgs_outcome outcome = await(server, connection, query);
+        if (outcome != PGS_OK)
+            return outcome;
+        pgs_result next(PQgetResult(connection));
+        if (next == nullptr)
+            return PGS_OK;
+        switch (PQresultStatus(next.get())) {
+        case PGRES_COMMAND_OK:
+        case PGRES_TUPLES_OK:
+            result = std::move(next);
+            break;
+        case PGRES_COPY_OUT:
+        case PGRES_COPY_BOTH:
+            result = std::move(next);
+            return PGS_OK;
+        default: {
+            const pgs_outcome failure = pgs_failed(server, connection, next.get(), query);
+            while (await(server, connection, query) == PGS_OK &&
+                   (next.reset(PQgetResult(connection)), next != nullptr)) {
+            }
+            return failure;
+        }
+        }
     }
 }
 
-pgs_outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result, const char *query,
-                      const std::vector<const char *> &parameters)
+pgs_outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
+                      const std::string &query, const std::vector<const char *> &parameters)
 {
-    result.reset(PQexecParams(connection, query, static_cast<int>(parameters.size()), nullptr,
-                              parameters.data(), nullptr, nullptr, 0));
-    return finish(server, connection, result, query);
+    const bool sent =
+        PQsendQueryParams(connection, query.c_str(), static_cast<int>(parameters.size()), nullptr,
+                          parameters.data(), nullptr, nullptr, 0) == 1;
+    return finish(server, connection, sent, result, query);
 }
 
 pgs_outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
                         const std::string &command)
 {
-    result.reset(PQexec(connection, command.c_str()));
-    return finish(server, connection, result, command.c_str());
+    const bool sent = PQsendQuery(connection, command.c_str()) == 1;
+    return finish(server, connection, sent, result, command);
 }
 
-// Connection parameters: the user's, then ours, which count where both are given.
+pgs_outcome pgs_row(pgs_server &server, std::string_view &row)
+{
+    PGconn *const connection = server.sql.get();
+    for (;;) {
+        char *bytes = nullptr;
+        const int length = PQgetCopyData(connection, &bytes, 1);
+        server.row.reset(bytes);
+        row = {};
+        if (length > 0)
+            row = {bytes, static_cast<size_t>(length)};
+        if (length > 0)
+            return PGS_OK;
+        if (length == 0) {
+            const stop_wait waited = stop_signal_wait(PQsocket(connection), -1);
+            if (waited == STOP_ASKED || waited == STOP_ERROR)
+                return PGS_STOPPED;
+            if (PQconsumeInput(connection) == 1)
+                continue;
+        }
+        pgs_result result;
+        return length == -1 ? finish(server, connection, true, result, "COPY")
+                            : pgs_failed(server, connection, nullptr, "COPY");
+    }
+}
+
+// Connection parameters: ours that the user's replace, the user's, ours that stand.
 static pgs_connection open_connection(const std::string &conninfo, bool replication)
 {
-    const char *const keys[] = {"dbname", "fallback_application_name", "client_encoding",
-                                replication ? "replication" : nullptr, nullptr};
-    const char *const values[] = {conninfo.c_str(), "fwlog", "UTF8",
-                                  replication ? "database" : nullptr, nullptr};
+    const char *const keys[] = {"connect_timeout", "fallback_application_name",           "dbname",
+                                "client_encoding", replication ? "replication" : nullptr, nullptr};
+    const char *const values[] = {
+        "10", "fwlog", conninfo.c_str(), "UTF8", replication ? "database" : nullptr, nullptr};
     return pgs_connection(PQconnectdbParams(keys, values, 1));
 }
 

@@ -18,14 +18,20 @@ struct pgs_close {
     {
         PQclear(result);
     }
+    void operator()(char *bytes) const
+    {
+        PQfreemem(bytes);
+    }
 };
 using pgs_connection = std::unique_ptr<PGconn, pgs_close>;
 using pgs_result = std::unique_ptr<PGresult, pgs_close>;
+using pgs_memory = std::unique_ptr<char, pgs_close>;
 
 enum pgs_outcome {
     PGS_OK,
     PGS_LOST,    // the connection could not be made or is gone: it may come back
     PGS_REFUSED, // the server refuses, or something is not as it has to be: reported
+    PGS_STOPPED, // a signal asks to stop
 };
 
 struct pgs_server {
@@ -34,6 +40,7 @@ struct pgs_server {
     std::string publication;
     pgs_connection sql;         // for queries
     pgs_connection replication; // for the stream
+    pgs_memory row;             // that pgs_row gave last
     std::string lost;           // after PGS_LOST: what the server or the system said
     bool slot_in_use = false;   // after PGS_LOST: it was that another process has the slot
 };
@@ -45,12 +52,16 @@ pgs_outcome pgs_connect(pgs_server &server);
 void pgs_disconnect(pgs_server &server);
 
 // Runs a query whose parameters stand as $1, $2, ...; result has its rows.
-pgs_outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result, const char *query,
-                      const std::vector<const char *> &parameters = {});
+pgs_outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
+                      const std::string &query, const std::vector<const char *> &parameters = {});
 
 // The same without parameters, as the replication connection needs it.
 pgs_outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
                         const std::string &command);
+
+// The next row of a COPY ... TO STDOUT on the sql connection, valid until the next
+// call; empty at the end.
+pgs_outcome pgs_row(pgs_server &server, std::string_view &row);
 
 // Reports the failed result, or that of the connection when result is null: what was
 // done, the server's message, the remedy if one is known.  PGS_LOST is not reported,

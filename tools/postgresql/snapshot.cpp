@@ -1,7 +1,6 @@
 // The contents that the tables had when the slot was made, as inserts.
 #include "tools/pg_lsn.h"
 #include "tools/postgresql/bridge.h"
-#include "tools/stop_signal.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -135,21 +134,19 @@ static pgs_outcome copy_table(pgb_bridge &bridge, const copied_table &table)
     if (outcome != PGS_OK)
         return outcome;
     pgo_tuple tuple;
-    char *line = nullptr;
-    int length = 0;
+    std::string line;
+    std::string_view row;
     uint64_t rows = 0;
-    while (outcome == PGS_OK && (length = PQgetCopyData(server.sql.get(), &line, 0)) > 0) {
-        split(tuple, line, static_cast<size_t>(length));
-        outcome = stop_signal_get() != 0 ? PGS_REFUSED : add_row(bridge, *relation, tuple);
-        PQfreemem(line);
+    while ((outcome = pgs_row(server, row)) == PGS_OK && !row.empty()) {
+        line = row;
+        split(tuple, line.data(), line.size());
+        outcome = add_row(bridge, *relation, tuple);
+        if (outcome != PGS_OK)
+            return outcome;
         rows++;
     }
     if (outcome != PGS_OK)
         return outcome;
-    result.reset(PQgetResult(server.sql.get()));
-    if (PQresultStatus(result.get()) != PGRES_COMMAND_OK)
-        return pgs_failed(server, server.sql.get(), result.get(), table.command);
-    result.reset(PQgetResult(server.sql.get())); // the end of the command
     if (bridge.options.verbose)
         fprintf(stderr, "fwlog: snapshot: %s.%s, %" PRIu64 " rows\n", table.relation.schema.c_str(),
                 table.relation.name.c_str(), rows);
