@@ -130,6 +130,15 @@ void fwu_status_line_none(fwu_status_line &line, int number)
     finish_line(line, number);
 }
 
+// Adds one to a number in digits.
+static void increment(char *p, size_t digits)
+{
+    char *digit = p + digits - 1;
+    for (; *digit == '9' && digit > p; digit--)
+        *digit = '0';
+    ++*digit;
+}
+
 void fwu_status_line_set(fwu_status_line &line, int number, const fwu_position &position,
                          int64_t time_us)
 {
@@ -137,13 +146,18 @@ void fwu_status_line_set(fwu_status_line &line, int number, const fwu_position &
     const bool fresh = line.position.sequence == 0;
     if (fresh)
         begin_line(line);
-    if (fresh || position.generation != line.position.generation ||
-        position.sequence != line.position.sequence) {
+    const bool file_changes = fresh || position.generation != line.position.generation ||
+                              position.sequence != line.position.sequence;
+    if (file_changes) {
         memcpy(p, POSITION_FORM.data(), POSITION_FORM.size());
         put_number(p, position.generation, 4);
         put_number(p + SEQUENCE_AT, position.sequence, 8);
     }
-    put_number(p + TAG_AT, position.tag, TAG_DIGITS);
+    // The next record of the same file, mostly; a tag never needs more digits.
+    if (!file_changes && position.tag > 0 && line.position.tag == position.tag - 1)
+        increment(p + TAG_AT, TAG_DIGITS);
+    else
+        put_number(p + TAG_AT, position.tag, TAG_DIGITS);
     if (fresh || time_us != line.time_us)
         put_time(line.text + TIME_AT, time_us);
     line.position = position;

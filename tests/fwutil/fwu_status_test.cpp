@@ -72,6 +72,30 @@ TEST_F(StatusTest, IsWrittenByteForByte)
     EXPECT_EQ(fwu_status_put(text), WITHOUT_POSITION);
 }
 
+TEST_F(StatusTest, TagsCountUpDigitByDigit)
+{
+    fwu_status_line line;
+    const auto tag_after = [&line](int32_t sequence, int32_t tag) {
+        fwu_status_line_set(line, 0, {1, sequence, tag}, 0);
+        return std::string(line.text).substr(25, 10);
+    };
+    EXPECT_EQ(std::string(LINE_0).substr(25, 10), "0000000340") << "where a line has its tag";
+    const struct {
+        int32_t sequence, tag;
+        const char *digits;
+    } rows[] = {
+        {25, 8, "0000000008"},          {25, 9, "0000000009"},
+        {25, 10, "0000000010"},         {25, 199, "0000000199"},
+        {25, 200, "0000000200"},        {25, 99999, "0000099999"},
+        {26, 100000, "0000100000"},     {26, 999999999, "0999999999"},
+        {26, 1000000000, "1000000000"}, {26, 2147483646, "2147483646"},
+        {26, 2147483647, "2147483647"}, {27, 1, "0000000001"},
+        {27, 0, "0000000000"},          {27, 1, "0000000001"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(tag_after(row.sequence, row.tag), row.digits);
+}
+
 TEST_F(StatusTest, EveryRecordIsNamedByTheNewerLine)
 {
     for (const bool mapped : {true, false}) {
