@@ -75,9 +75,7 @@ static fwu_found find_next_file(const fwu_log &log, fwu_log_file &next)
     return FWU_FOUND;
 }
 
-// Opens a file that was listed before.  Old files may be removed at any time, from
-// the front; one that is missing among others is an error.
-static fwu_found open_listed(fwu_cursor &cursor, const fwu_log_file &file)
+fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file)
 {
     if (fwu_cursor_try_open(cursor, file) == 0)
         return FWU_FOUND;
@@ -131,7 +129,7 @@ fwu_found fwu_log_next(fwu_log &log)
         }
         if (found != FWU_END)
             return found;
-        found = open_listed(cursor, next);
+        found = fwu_log_open(cursor, next);
         if (found == FWU_FAILED)
             return FWU_FAILED;
         if (found == FWU_FOUND)
@@ -148,9 +146,9 @@ fwu_found fwu_log_entry(fwu_log &log, fwu_entry &entry)
     return FWU_FAILED;
 }
 
-static int walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
-                            const std::function<int(const fwu_walk_item &)> &visit,
-                            fwu_found &found)
+int fwu_log_walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
+                             const std::function<int(const fwu_walk_item &)> &visit,
+                             fwu_found &found)
 {
     int result = 0;
     item.what = FWU_WALK_ENTRY;
@@ -170,7 +168,7 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
     item.file = &file;
     bool announced = false;
     result = 0;
-    fwu_found found = open_listed(cursor, file);
+    fwu_found found = fwu_log_open(cursor, file);
     while (found == FWU_FOUND && result == 0) {
         found = fwu_cursor_next(cursor);
         if (cursor.header_read && !announced) {
@@ -180,7 +178,7 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
             result = visit(item);
         }
         if (found == FWU_FOUND && result == 0) {
-            result = walk_transaction(cursor, item, visit, found);
+            result = fwu_log_walk_transaction(cursor, item, visit, found);
             found = found == FWU_END ? FWU_FOUND : found;
         }
     }

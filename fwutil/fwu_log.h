@@ -15,6 +15,11 @@
 // passed over.
 int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files);
 
+// Opens a file that was listed before.  FWU_FOUND; FWU_GONE: old files may be removed
+// at any time, from the front; FWU_FAILED: reported, also that it is missing among
+// others.
+fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file);
+
 // Reading a log transaction by transaction, from file to file.
 struct fwu_log {
     std::string directory;
@@ -49,6 +54,13 @@ struct fwu_walk_item {
     fwu_file_header header;
     fwu_entry entry; // valid during the visit
 };
+
+// Visits the entries of the transaction that the cursor has found, until visit
+// returns nonzero, which is then returned.  The caller has set item.file.  found:
+// FWU_END behind the commit entry; FWU_DAMAGED: not reported; FWU_FAILED: reported.
+int fwu_log_walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
+                             const std::function<int(const fwu_walk_item &)> &visit,
+                             fwu_found &found);
 
 // Visits everything in one file, until visit returns nonzero, which then is result.
 // last: no other file follows it, so that it may have a tail.  FWU_END: walked to the

@@ -18,9 +18,9 @@ constexpr int POLL_WITHOUT_WATCH_MS = 200;
 
 volatile sig_atomic_t fwu_stop = 0;
 
-static void on_signal(int)
+static void on_signal(int number)
 {
-    fwu_stop = 1;
+    fwu_stop = number;
 }
 
 fwu_signals::fwu_signals()

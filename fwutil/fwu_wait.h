@@ -5,7 +5,7 @@
 #include <csignal>
 #include <string>
 
-// Set while fwu_signals is in force and one of the two signals has come.
+// The one of the two signals that came last while fwu_signals is in force; 0: none.
 extern volatile sig_atomic_t fwu_stop;
 
 // Handles the signals as long as it lives; the handlers before are then put back.

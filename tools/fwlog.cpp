@@ -12,6 +12,7 @@ static const char help_text[] =
     "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
     "       fwlog postgresql [-cfg FILE] --conninfo \"...\" [--create] [--snapshot] ...\n"
     "       fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
+    "       fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
     "       fwlog verify [-cfg FILE] [--json]\n"
     "       fwlog info [-cfg FILE] [--json]\n"
     "       fwlog prune [-cfg FILE] (--keep N | --before POSITION) [--status FILE ...]\n"
@@ -23,6 +24,7 @@ static const char help_text[] =
     "  load        appends a recorded change stream to the forward log\n"
     "  postgresql  follows a running server and appends its changes\n"
     "  dump        prints the entries of a forward log\n"
+    "  tail        prints the last transactions, and those to come\n"
     "  verify      reads every entry of a forward log and says what is damaged\n"
     "  info        tells files, positions, times and datasets of a forward log\n"
     "  prune       removes old files of a forward log\n"
@@ -91,6 +93,21 @@ static const char dump_help_text[] =
     "\n"
     "Exit status: 0 done; 1 error or damage; 2 wrong command line.\n";
 
+static const char tail_help_text[] =
+    "Usage: fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
+    "\n"
+    "Prints the entries of the last transactions of the forward log, as dump does.\n"
+    "\n"
+    "  -cfg FILE  configuration file (else the one named by FWUTIL_CFG, else\n"
+    "             fwutil.cfg), which names the log directory\n"
+    "  -f         go on with each transaction that is committed, until SIGINT or SIGTERM\n"
+    "  -n N       number of transactions (10 when not given; 0 with -f: new ones only)\n"
+    "  --hex      print record images as hexadecimal bytes instead of values\n"
+    "  --help     print this\n"
+    "\n"
+    "Exit status: 0 done; 1 error or damage; 2 wrong command line; 128 + signal number\n"
+    "when SIGINT or SIGTERM ended it behind a whole transaction.\n";
+
 static const char verify_help_text[] =
     "Usage: fwlog verify [-cfg FILE] [--json]\n"
     "\n"
@@ -152,6 +169,7 @@ static const subcommand subcommands[] = {
     {"load", fwlog_load_main, load_help_text},
     {"postgresql", fwlog_postgresql_main, postgresql_help_text},
     {"dump", fwlog_dump_main, dump_help_text},
+    {"tail", fwlog_tail_main, tail_help_text},
     {"verify", fwlog_verify_main, verify_help_text},
     {"info", fwlog_info_main, info_help_text},
     {"prune", fwlog_prune_main, prune_help_text},
@@ -184,6 +202,11 @@ int fwlog_flush_output(int status)
 {
     if (fflush(stdout) == 0 && ferror(stdout) == 0)
         return status;
+    return fwlog_output_error();
+}
+
+int fwlog_output_error()
+{
     fprintf(stderr, "fwlog: writing standard output: %s\n", strerror(errno));
     return FWLOG_EXIT_FAILED;
 }

@@ -15,6 +15,7 @@ int fwlog_postgresql_main(int argc, char **argv);
 int fwlog_verify_main(int argc, char **argv);
 int fwlog_info_main(int argc, char **argv);
 int fwlog_prune_main(int argc, char **argv);
+int fwlog_tail_main(int argc, char **argv);
 
 // The options of subcommands that only look at a log.
 struct fwlog_log_options {
@@ -30,5 +31,8 @@ int fwlog_usage_error(const char *text, const char *word);
 // Flushes standard output; FWLOG_EXIT_FAILED, reported, when it could not be
 // written, else status.
 int fwlog_flush_output(int status);
+
+// Reports errno as that of a write to standard output; FWLOG_EXIT_FAILED.
+int fwlog_output_error();
 
 #endif
