@@ -268,6 +268,14 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     return 0;
 }
 
+static int sync_file(fwu_writer &w)
+{
+    if (fdatasync(w.fd) == 0)
+        return 0;
+    w.sync_failed = true;
+    return fwu_file_error(w.file.path, "cannot bring the log file to disk");
+}
+
 // Makes the file behind the last one.  It gets its name when its header is
 // there, so that no reader sees less of it.
 static int begin_file(fwu_writer &w)
@@ -281,8 +289,8 @@ static int begin_file(fwu_writer &w)
     file.name = fwu_log_file_name(file.generation, file.sequence);
     file.path = w.directory + "/" + file.name;
     const std::string temporary = w.directory + "/new-log-file";
-    if (w.fd >= 0 && w.sync != FWU_SYNC_NONE && fdatasync(w.fd) != 0)
-        return fwu_file_error(w.file.path, "cannot bring the log file to disk");
+    if (w.fd >= 0 && w.sync != FWU_SYNC_NONE && sync_file(w) != 0)
+        return -1;
     const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0)
         return fwu_file_error(temporary, "cannot create a log file");
@@ -374,10 +382,8 @@ int fwu_writer_sync(fwu_writer *writer)
     if (w.sync_failed)
         return fwu_error("%s: the log file could not be brought to disk before; start anew",
                          w.file.path.c_str());
-    if (w.fd >= 0 && fdatasync(w.fd) != 0) {
-        w.sync_failed = true;
-        return fwu_file_error(w.file.path, "cannot bring the log file to disk");
-    }
+    if (w.fd >= 0 && sync_file(w) != 0)
+        return -1;
     if (w.new_name && sync_directory(w) != 0) {
         w.sync_failed = true;
         return -1;

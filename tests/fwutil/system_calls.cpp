@@ -9,6 +9,18 @@
 
 system_calls calls;
 
+// Numbers a call; whether it is one to fail, with errno set.
+static bool fails(bool is_write)
+{
+    calls.numbered++;
+    if (calls.numbered < calls.fail_from || calls.numbered > calls.fail_to ||
+        (calls.fail_writes && !is_write))
+        return false;
+    calls.failures++;
+    errno = calls.fail_errno;
+    return true;
+}
+
 extern "C" {
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
@@ -17,6 +29,10 @@ ssize_t __wrap_write(int fd, const void *data, size_t length);
 ssize_t __wrap_write(int fd, const void *data, size_t length)
 {
     calls.writes++;
+    if (fails(true)) {
+        const bool takes_half = calls.fail_short && calls.numbered == calls.fail_from;
+        return takes_half ? __real_write(fd, data, length / 2) : -1;
+    }
     if (calls.write_room < 0)
         return __real_write(fd, data, length);
     if (calls.write_room == 0) {
@@ -33,6 +49,8 @@ int __real_ftruncate64(int fd, off_t length);
 int __wrap_ftruncate64(int fd, off_t length);
 int __wrap_ftruncate64(int fd, off_t length)
 {
+    if (fails(false))
+        return -1;
     if (!calls.fail_ftruncate)
         return __real_ftruncate64(fd, length);
     errno = EIO;
@@ -54,10 +72,42 @@ int __wrap_fdatasync(int fd);
 int __wrap_fdatasync(int fd)
 {
     calls.fdatasyncs++;
+    if (fails(false))
+        return -1;
     if (!calls.fail_fdatasync)
-        return __real_fdatasync(fd);
+        return calls.skip_syncs ? 0 : __real_fdatasync(fd);
     errno = EIO;
     return -1;
+}
+
+ssize_t __real_pread64(int fd, void *data, size_t length, off_t offset);
+ssize_t __wrap_pread64(int fd, void *data, size_t length, off_t offset);
+ssize_t __wrap_pread64(int fd, void *data, size_t length, off_t offset)
+{
+    return fails(false) ? -1 : __real_pread64(fd, data, length, offset);
+}
+
+int __real_mkostemp64(char *name, int flags);
+int __wrap_mkostemp64(char *name, int flags);
+int __wrap_mkostemp64(char *name, int flags)
+{
+    return fails(false) ? -1 : __real_mkostemp64(name, flags);
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd);
+int __wrap_fsync(int fd)
+{
+    if (fails(false))
+        return -1;
+    return calls.skip_syncs ? 0 : __real_fsync(fd);
+}
+
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to)
+{
+    return fails(false) ? -1 : __real_rename(from, to);
 }
 
 void *__real_mmap64(void *at, size_t length, int protection, int flags, int fd, off_t offset);
