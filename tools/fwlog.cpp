@@ -5,6 +5,7 @@
 #include "fwutil/fwu_error.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -223,6 +224,8 @@ static bool asks_help(int argc, char **argv)
 int main(int argc, char **argv)
 {
     fwu_set_program("fwlog");
+    // A file size limit is an error of a write like a full disk.
+    signal(SIGXFSZ, SIG_IGN);
     if (argc < 2) {
         fputs(help_text, stderr);
         return FWLOG_EXIT_USAGE;

@@ -53,8 +53,9 @@ TEST_F(FwlogFullDiskTest, AFileSizeLimitStopsTheLoadAndWithoutItTheLoadGoesOn)
         const run_result stopped =
             sh("ulimit -f " + std::to_string(blocks) + "; " + load("full.cfg"));
         EXPECT_EQ(stopped.status, 1) << blocks;
-        if (blocks > 0) // else the message has no room either
+        if (blocks > 0) { // else the message has no room either
             EXPECT_THAT(stopped.err, HasSubstr(": File too large\n"));
+        }
         const run_result verify = sh(program + " verify -cfg full.cfg");
         EXPECT_EQ(verify.status, 0) << verify.out << verify.err;
         const size_t now = count_lines(log_lines(dir.file("log")), "commit ");
