@@ -65,8 +65,12 @@ class DiskTest : public log_test {
     std::map<std::string, std::string> everything() const
     {
         std::map<std::string, std::string> files;
-        for (const auto &entry : std::filesystem::directory_iterator(log))
-            files[entry.path().filename()] = read_file(entry.path());
+        for (const auto &entry : std::filesystem::directory_iterator(log)) {
+            std::string &bytes = files[entry.path().filename()];
+            bytes.resize(entry.file_size());
+            std::ifstream(entry.path(), std::ios::binary)
+                .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        }
         return files;
     }
 

@@ -281,6 +281,32 @@ TEST_F(FwlogPruneTest, AFileThatCannotBeRemovedEndsItWithTheNewerOnesLeft)
     EXPECT_EQ(left(), "1-2 1-3 1-4 ");
 }
 
+TEST_F(FwlogPruneTest, ASyncThatFailsIsTold)
+{
+    make(3);
+    status("run.status", {1, 3, 2});
+    run_setup options;
+    options.directory = dir.path();
+    options.env = {{"LD_PRELOAD", FAILING_FSYNC},
+                   {"FAILING_FSYNC", "file"},
+                   {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    const std::vector<std::string> words = {program, "prune",    "--keep",
+                                            "1",     "--status", "run.status"};
+    run_result result = run_program(words, options);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "fwlog: run.status: cannot bring the status file to disk: Input/output "
+                          "error; nothing removed\n");
+    EXPECT_EQ(left(), "1-1 1-2 1-3 ");
+
+    options.env["FAILING_FSYNC"] = "directory";
+    result = run_program(words, options);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("\n2 files removed, 960 bytes; 1 files left"));
+    EXPECT_EQ(result.err, "fwlog: log: cannot bring the log directory to disk: Input/output error; "
+                          "after a power cut removed files may be there again\n");
+}
+
 TEST_F(FwlogPruneTest, APrunedLogIsSoundAndReadFromItsOldestFile)
 {
     make(4);

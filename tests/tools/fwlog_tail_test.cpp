@@ -166,6 +166,10 @@ class FwlogTailFollowTest : public testing::Test {
     void TearDown() override
     {
         fwu_writer_close(writer);
+        if (tail_pid > 0) { // a case that failed halfway
+            kill(tail_pid, SIGKILL);
+            (void)wait_program(tail_pid);
+        }
     }
     void add(int first)
     {
@@ -180,29 +184,37 @@ class FwlogTailFollowTest : public testing::Test {
         ASSERT_TRUE(poll_until([&] { return printed().find(text) != std::string::npos; }))
             << printed() << read_file(dir.file("err"));
     }
-    pid_t start(const std::vector<std::string> &more = {})
+    void start(const std::vector<std::string> &more = {})
     {
         std::vector<std::string> words = {program, "tail", "-f"};
         words.insert(words.end(), more.begin(), more.end());
-        return start_program(words, options, dir.file("out"), dir.file("err"));
+        tail_pid = start_program(words, options, dir.file("out"), dir.file("err"));
+    }
+    // Its exit status once it has ended.
+    int ended()
+    {
+        const int status = wait_program(tail_pid);
+        tail_pid = -1;
+        return status;
     }
     tempdir dir;
     run_setup options;
     fwu_config config;
     fwu_writer *writer = nullptr;
+    pid_t tail_pid = -1;
 };
 
 TEST_F(FwlogTailFollowTest, TransactionsAreShownAsTheyComeAcrossFiles)
 {
     int n = 0;
     for (const int signal : {SIGTERM, SIGINT}) {
-        const pid_t pid = start({"-n", "1000000"});
+        start({"-n", "1000000"});
         for (int i = 0; i < 20; i++) {
             ASSERT_NO_FATAL_FAILURE(add(++n));
             ASSERT_NO_FATAL_FAILURE(wait_for(" NUMBER=" + std::to_string(n) + " "));
         }
-        kill(pid, signal);
-        EXPECT_EQ(wait_program(pid), 128 + signal);
+        kill(tail_pid, signal);
+        EXPECT_EQ(ended(), 128 + signal);
         EXPECT_EQ(read_file(dir.file("err")), "");
         EXPECT_EQ(printed(), run_program({program, "dump"}, options).out);
     }
@@ -213,12 +225,12 @@ TEST_F(FwlogTailFollowTest, ItBeginsWithTheLastTransactions)
 {
     for (int n = 1; n <= 20; n++)
         ASSERT_NO_FATAL_FAILURE(add(n));
-    const pid_t pid = start({"-n", "2"});
+    start({"-n", "2"});
     ASSERT_NO_FATAL_FAILURE(wait_for(" NUMBER=20 "));
     ASSERT_NO_FATAL_FAILURE(add(21));
     ASSERT_NO_FATAL_FAILURE(wait_for(" NUMBER=21 "));
-    kill(pid, SIGTERM);
-    EXPECT_EQ(wait_program(pid), 128 + SIGTERM);
+    kill(tail_pid, SIGTERM);
+    EXPECT_EQ(ended(), 128 + SIGTERM);
     EXPECT_THAT(printed(), HasSubstr(" NUMBER=19 "));
     EXPECT_THAT(printed(), testing::Not(HasSubstr(" NUMBER=18 ")));
 }
@@ -231,14 +243,14 @@ TEST_F(FwlogTailFollowTest, ATransactionThatIsNotCommittedIsNotShown)
     ASSERT_NO_FATAL_FAILURE(add(2));
     const std::string next = read_file(path).substr(whole.size());
     write_file(path, whole + next.substr(0, next.size() - 1));
-    const pid_t pid = start();
+    start();
     ASSERT_NO_FATAL_FAILURE(wait_for("commit"));
     const std::string before = printed();
     EXPECT_THAT(before, testing::Not(HasSubstr(" NUMBER=2 ")));
     std::ofstream(path, std::ios::binary | std::ios::app) << next.back();
     ASSERT_NO_FATAL_FAILURE(wait_for(" NUMBER=2 "));
-    kill(pid, SIGTERM);
-    EXPECT_EQ(wait_program(pid), 128 + SIGTERM);
+    kill(tail_pid, SIGTERM);
+    EXPECT_EQ(ended(), 128 + SIGTERM);
 }
 
 // Tail with a pipe as standard output.
@@ -263,11 +275,11 @@ TEST_F(FwlogTailFollowTest, APipeWhoseReaderIsGoneEndsItThoughNothingComes)
 {
     ASSERT_NO_FATAL_FAILURE(add(1));
     int reader = -1;
-    const pid_t pid = start_into_pipe(dir, reader);
+    tail_pid = start_into_pipe(dir, reader);
     char byte = 0;
     EXPECT_EQ(read(reader, &byte, 1), 1);
     close(reader);
-    EXPECT_EQ(wait_program(pid), 128 + SIGPIPE);
+    EXPECT_EQ(ended(), 128 + SIGPIPE);
 }
 
 TEST_F(FwlogTailFollowTest, ASignalEndsItThoughNobodyTakesItsOutput)
@@ -275,11 +287,11 @@ TEST_F(FwlogTailFollowTest, ASignalEndsItThoughNobodyTakesItsOutput)
     for (int n = 1; n <= 1000; n++) // more than a pipe holds
         ASSERT_NO_FATAL_FAILURE(add(n));
     int reader = -1;
-    const pid_t pid = start_into_pipe(dir, reader);
+    tail_pid = start_into_pipe(dir, reader);
     int held = 0;
     ASSERT_TRUE(poll_until([&] { return ioctl(reader, FIONREAD, &held) == 0 && held > 60000; }));
-    kill(pid, SIGTERM);
-    EXPECT_EQ(wait_program(pid), 128 + SIGTERM);
+    kill(tail_pid, SIGTERM);
+    EXPECT_EQ(ended(), 128 + SIGTERM);
     close(reader);
     EXPECT_EQ(read_file(dir.file("err")), "");
 }
