@@ -13,7 +13,7 @@
 constexpr int HEADER_SIZE = 62;
 constexpr int MESSAGE_HEADER_SIZE = 141; // with year, session and record number
 
-static const std::map<std::string, std::vector<std::string>> table_keys = {
+static const replay_keys order_keys = {
     {"depot.items", {"ITEM-NO"}},       {"depot.stock", {"DEPOT-NO", "ITEM-NO"}},
     {"depot.stock_moves", {"MOVE-NO"}}, {"sales.customers", {"CUST-NO"}},
     {"sales.orders", {"ORDER-NO"}},     {"sales.order_lines", {"ORDER-NO", "LINE-NO"}},
@@ -37,6 +37,11 @@ static std::string to_item_name(std::string column)
 
 replay replay_open(const std::string &cfg)
 {
+    return replay_open(cfg, order_keys);
+}
+
+replay replay_open(const std::string &cfg, const replay_keys &keys)
+{
     replay state;
     std::string dbname;
     replay_table *table = nullptr;
@@ -52,7 +57,7 @@ replay replay_open(const std::string &cfg)
             table = &state.tables[to_table_name(dbname, name)];
             table->dbname = dbname;
             table->dsetname = name;
-            table->key = table_keys.at(to_table_name(dbname, name));
+            table->key = keys.at(to_table_name(dbname, name));
         } else if (key == "item") {
             replay_item item;
             item.name = name;

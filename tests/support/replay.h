@@ -1,4 +1,4 @@
-// Replays capture records of the order-entry example into tables held in memory
+// Replays capture records, of the order-entry example as a rule, into tables held in memory
 // and compares them with the database's final contents.  A second, naive reading
 // of the column and image formats: rows are kept as the text of their columns.
 #ifndef TESTS_SUPPORT_REPLAY_H
@@ -31,8 +31,13 @@ struct replay {
     std::vector<std::string> errors;            // what did not fit, in words
 };
 
-// Reads databases, datasets and items from a configuration file.
+// Key columns by table: {"depot.stock", {"DEPOT-NO", "ITEM-NO"}}.
+using replay_keys = std::map<std::string, std::vector<std::string>>;
+
+// Reads databases, datasets and items from a configuration file: that of the
+// order-entry example, or of other tables whose keys are given.
 replay replay_open(const std::string &cfg);
+replay replay_open(const std::string &cfg, const replay_keys &keys);
 
 // Width in characters of a table's row.
 int replay_width(const replay_table &table);

@@ -1,0 +1,211 @@
+// What "fwlog postgresql" cannot work with: each is told with what to do about it, and
+// nothing of it reaches the log.
+#include "tests/postgresql/bridge_fixture.h"
+
+using testing::HasSubstr;
+
+class BridgeRefusalTest : public BridgeTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        if (server == nullptr)
+            return;
+        configure(ledger_cfg);
+        sql(ledger_sql);
+    }
+
+    // Runs the bridge, which must end with status 1 and say so much.
+    void expect_refused(const std::vector<std::string> &more,
+                        const std::vector<std::string> &texts) const
+    {
+        const run_result result = run_bridge(more);
+        EXPECT_EQ(result.status, 1) << result.err;
+        for (const std::string &text : texts)
+            EXPECT_THAT(result.err, HasSubstr(text));
+        EXPECT_THAT(result.err, HasSubstr("fwlog: "));
+    }
+
+    std::vector<std::string> with_conninfo(const std::string &conninfo_text,
+                                           const std::vector<std::string> &more) const
+    {
+        std::vector<std::string> words = {"--conninfo", conninfo_text};
+        words.insert(words.end(), more.begin(), more.end());
+        return words;
+    }
+};
+
+TEST_F(BridgeRefusalTest, NoServer)
+{
+    expect_refused(with_conninfo("host=" + dir.path() + " dbname=shop", {"--create"}),
+                   {dir.path() + "/.s.PGSQL.5432"});
+}
+
+TEST_F(BridgeRefusalTest, NoSuchDatabase)
+{
+    expect_refused(with_conninfo(server->conninfo("nowhere"), {"--create"}),
+                   {"database \"nowhere\" does not exist"});
+}
+
+TEST_F(BridgeRefusalTest, NoSlot)
+{
+    sql("CREATE PUBLICATION " + database + " FOR ALL TABLES");
+    expect_refused({"--once"}, {"slot \"" + database + "\"", "--create"});
+}
+
+TEST_F(BridgeRefusalTest, NoPublication)
+{
+    sql("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    expect_refused({"--once"}, {"publication \"" + database + "\"", "--create"});
+}
+
+TEST_F(BridgeRefusalTest, SlotOfAnotherPlugin)
+{
+    sql("SELECT pg_create_logical_replication_slot('" + database + "', 'test_decoding')");
+    expect_refused({"--once", "--create"}, {"test_decoding"});
+}
+
+TEST_F(BridgeRefusalTest, SlotOfAnotherDatabase)
+{
+    pg_client(server->conninfo())
+        .run("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    expect_refused({"--once", "--create"}, {"database \"postgres\""});
+}
+
+TEST_F(BridgeRefusalTest, SlotIsGoneAlthoughTheLogGoesOnFromIt)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
+    ASSERT_EQ(catch_up().status, 0);
+    sql("SELECT pg_drop_replication_slot('" + database + "')");
+    sql("INSERT INTO load.ledger VALUES (2, 0, 1, 'unseen', NULL)");
+    expect_refused({"--once", "--create"}, {"slot \"" + database + "\" is not there"});
+    EXPECT_EQ(occurrences(dump(), " insert LOAD.LEDGER "), 1);
+}
+
+TEST_F(BridgeRefusalTest, LogOfAnotherDatabase)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
+    ASSERT_EQ(catch_up().status, 0);
+    expect_refused(with_conninfo(server->conninfo(), {"--once", "--create", "--slot", "elsewhere",
+                                                      "--publication", "elsewhere"}),
+                   {"\"" + database + "\"", "\"postgres\""});
+}
+
+TEST_F(BridgeRefusalTest, RoleWithoutReplication)
+{
+    const std::string role = database + "_plain";
+    sql("CREATE ROLE " + role + " LOGIN");
+    expect_refused(with_conninfo(conninfo(role), {"--create"}), {"replication role"});
+}
+
+TEST_F(BridgeRefusalTest, RoleThatMayNotPublish)
+{
+    const std::string role = database + "_replicates";
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION");
+    expect_refused(with_conninfo(conninfo(role), {"--create"}), {"CREATE PUBLICATION"});
+    // With slot and publication made for it, it may follow.
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
+    const run_result result = run_bridge(with_conninfo(conninfo(role), {"--once"}));
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(logged("after ID=1 "));
+}
+
+TEST_F(BridgeRefusalTest, RoleThatMayNotRead)
+{
+    const std::string role = database + "_blind";
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; CREATE PUBLICATION " + database +
+        " FOR ALL TABLES; INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
+    const std::vector<std::string> words =
+        with_conninfo(conninfo(role), {"--create", "--snapshot", "--once"});
+    expect_refused(words, {"permission denied", "load", "right"});
+    sql("GRANT USAGE ON SCHEMA load TO " + role + "; GRANT SELECT ON load.ledger TO " + role);
+    const run_result result = run_bridge(words);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(logged("after ID=1 "));
+    sql("DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeRefusalTest, WalLevelBelowLogical)
+{
+    const pg_server replica({"wal_level = replica"});
+    expect_refused(with_conninfo(replica.conninfo(), {"--create"}),
+                   {"wal_level", "wal_level = logical"});
+}
+
+TEST_F(BridgeRefusalTest, TableThatKeepsNoWholeOldRows)
+{
+    sql("CREATE TABLE load.keyed (id integer PRIMARY KEY, note varchar(9))");
+    expect_refused({"--once", "--create"},
+                   {"load.keyed", "ALTER TABLE load.keyed REPLICA IDENTITY FULL"});
+    sql("ALTER TABLE load.keyed REPLICA IDENTITY FULL");
+    EXPECT_EQ(catch_up({"--create"}).status, 0);
+}
+
+TEST_F(BridgeRefusalTest, ChangeWithoutTheWholeOldRow)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("CREATE TABLE load.keyed (id integer PRIMARY KEY, note varchar(9))");
+    sql("INSERT INTO load.keyed VALUES (1, 'one')");
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=1 NOTE=\"one\""));
+    sql("UPDATE load.keyed SET note = 'two'");
+    expect_refused({"--once"}, {"load.keyed", "REPLICA IDENTITY FULL"});
+    EXPECT_EQ(occurrences(dump(), " update "), 0);
+    configure(std::string("skip-table load.keyed\n") + ledger_cfg);
+    EXPECT_EQ(catch_up().status, 0);
+}
+
+TEST_F(BridgeRefusalTest, Truncate)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
+    sql("TRUNCATE load.ledger");
+    sql("INSERT INTO load.ledger VALUES (2, 0, 1, 'row', NULL)");
+    expect_refused({"--once"}, {"load.ledger", "truncated", "--ignore-truncate"});
+    EXPECT_EQ(occurrences(dump(), " insert LOAD.LEDGER "), 1);
+    const run_result passed = catch_up({"--ignore-truncate"});
+    EXPECT_EQ(passed.status, 0);
+    EXPECT_THAT(passed.err, HasSubstr("load.ledger was truncated"));
+    EXPECT_EQ(occurrences(dump(), " insert LOAD.LEDGER "), 2);
+}
+
+TEST_F(BridgeRefusalTest, TruncateOfATableLeftOut)
+{
+    sql("CREATE TABLE load.scratch (id integer PRIMARY KEY)");
+    configure(std::string("skip-table load.scratch\n") + ledger_cfg);
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.scratch VALUES (1)");
+    sql("TRUNCATE load.scratch");
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=1 "));
+}
+
+TEST_F(BridgeRefusalTest, TextTooLongForItsItem)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("ALTER TABLE load.ledger ALTER body TYPE varchar(80)");
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, repeat('x', 70), NULL)");
+    expect_refused({"--once"}, {"load.ledger", "BODY", "70 characters"});
+    const run_result cut = catch_up({"--truncate"});
+    EXPECT_EQ(cut.status, 0) << cut.err;
+    EXPECT_TRUE(logged("BODY=\"" + std::string(60, 'x') + "\""));
+}
+
+TEST_F(BridgeRefusalTest, CharacterThatHasNoPlaceInTheLog)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.ledger VALUES (1, 0, 1, '5 \xE2\x82\xAC', NULL)");
+    expect_refused({"--once"}, {"load.ledger", "U+20AC"});
+}
+
+TEST_F(BridgeRefusalTest, WrongCommandLine)
+{
+    const std::string program = bridge_argv()[0];
+    EXPECT_EQ(run_program({program, "postgresql", "-cfg", "fwutil.cfg"}, options).status, 2);
+    EXPECT_EQ(run_bridge({"--no-such-option"}).status, 2);
+    EXPECT_EQ(run_program({program, "postgresql", "--help"}, options).status, 0);
+}

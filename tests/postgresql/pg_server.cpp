@@ -1,0 +1,184 @@
+// The temporary server: initdb and postgres as child processes of this one, under
+// another user where this one is root.
+#include "tests/postgresql/pg_server.h"
+
+#include "tests/support/run.h"
+#include "tests/support/tempdir.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <grp.h>
+#include <libpq-fe.h>
+#include <pwd.h>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// Settings of every server: small, quick, and ready for logical replication.  Nothing
+// here survives the machine, so nothing is brought to disk.
+static const char usual_settings[] = "listen_addresses = ''\n"
+                                     "fsync = off\n"
+                                     "shared_buffers = 16MB\n"
+                                     "max_wal_size = 512MB\n"
+                                     "autovacuum = off\n"
+                                     "jit = off\n"
+                                     "wal_level = logical\n"
+                                     "max_wal_senders = 8\n"
+                                     "max_replication_slots = 16\n"
+                                     "wal_sender_timeout = 5s\n"
+                                     "timezone = 'UTC'\n"
+                                     "datestyle = 'ISO, MDY'\n";
+
+std::string pg_server::programs()
+{
+    int newest = 0;
+    std::error_code ignored; // no such directory: no version
+    for (const auto &entry : std::filesystem::directory_iterator("/usr/lib/postgresql", ignored)) {
+        const int version = atoi(entry.path().filename().c_str());
+        if (version > newest && access((entry.path() / "bin/initdb").c_str(), X_OK) == 0)
+            newest = version;
+    }
+    if (newest != 0)
+        return "/usr/lib/postgresql/" + std::to_string(newest) + "/bin";
+    const run_result config = run_program({"pg_config", "--bindir"});
+    const std::string path = config.out.substr(0, config.out.find('\n'));
+    return config.status == 0 && access((path + "/initdb").c_str(), X_OK) == 0 ? path : "";
+}
+
+// The user that root gives the server to; null when this process is not root.
+static const passwd *server_user()
+{
+    if (geteuid() != 0)
+        return nullptr;
+    const passwd *user = getpwnam("postgres");
+    return user != nullptr ? user : getpwnam("nobody");
+}
+
+// Starts a program of the server, its output behind the log's.  It ends with this process.
+static pid_t start_as_server(const std::vector<std::string> &argv, const std::string &log)
+{
+    std::vector<char *> words;
+    words.reserve(argv.size() + 1);
+    for (const std::string &word : argv)
+        words.push_back(const_cast<char *>(word.c_str()));
+    words.push_back(nullptr);
+    const passwd *user = server_user();
+
+    const pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    const int in = open("/dev/null", O_RDONLY);
+    const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0)
+        _exit(126);
+    if (user != nullptr &&
+        (setgid(user->pw_gid) != 0 || initgroups(user->pw_name, user->pw_gid) != 0 ||
+         setuid(user->pw_uid) != 0))
+        _exit(126);
+    // Behind the change of user, which takes this setting away.
+    if (prctl(PR_SET_PDEATHSIG, SIGQUIT) != 0 || chdir("/") != 0)
+        _exit(126);
+    execv(words[0], words.data());
+    _exit(127);
+}
+
+std::string pg_server::missing()
+{
+    const std::string bin = programs();
+    if (bin.empty())
+        return "no PostgreSQL server here (Debian package postgresql-15)";
+    if (geteuid() == 0 && server_user() == nullptr)
+        return "no user postgres or nobody to run a PostgreSQL server";
+    const int status = wait_program(start_as_server({bin + "/postgres", "--version"}, "/dev/null"));
+    return status == 0 ? "" : bin + "/postgres cannot be run";
+}
+
+// Not below TMPDIR: the path of a socket has 107 characters at most, and the
+// server's user has to get there.
+static std::string make_directory()
+{
+    char name[] = "/tmp/kestro-pg-XXXXXX";
+    if (mkdtemp(name) == nullptr)
+        throw std::runtime_error("mkdtemp failed: " + std::string(name));
+    if (const passwd *user = server_user())
+        if (chown(name, user->pw_uid, user->pw_gid) != 0)
+            throw std::runtime_error("chown failed: " + std::string(name));
+    return name;
+}
+
+pg_server::pg_server(const std::vector<std::string> &settings) : directory(make_directory())
+{
+    const int status = wait_program(
+        start_as_server({programs() + "/initdb", "-D", directory + "/data", "-U", "postgres", "-A",
+                         "trust", "-E", "UTF8", "--locale=C.UTF-8", "-N", "--no-instructions"},
+                        directory + "/server.log"));
+    std::ofstream conf(directory + "/data/postgresql.conf", std::ios::app);
+    conf << usual_settings << "unix_socket_directories = '" << directory << "'\n";
+    for (const std::string &line : settings)
+        conf << line << '\n';
+    conf.close();
+    try {
+        if (status != 0 || !conf)
+            throw std::runtime_error("initdb failed: " + log());
+        start();
+    } catch (...) {
+        std::filesystem::remove_all(directory);
+        throw;
+    }
+}
+
+pg_server::~pg_server()
+{
+    crash();
+    std::error_code ignored; // a leftover directory must not fail the test
+    std::filesystem::remove_all(directory, ignored);
+}
+
+void pg_server::start()
+{
+    pid = start_as_server({programs() + "/postgres", "-D", directory + "/data"},
+                          directory + "/server.log");
+    const auto ended = [this] {
+        int status = 0;
+        return waitpid(pid, &status, WNOHANG) != 0;
+    };
+    bool gone = false;
+    const bool ready =
+        poll_until([&] { return (gone = ended()) || PQping(conninfo().c_str()) == PQPING_OK; });
+    if (gone)
+        pid = -1;
+    if (gone || !ready) {
+        crash();
+        throw std::runtime_error("the server does not start: " + log());
+    }
+}
+
+void pg_server::end(int signal)
+{
+    if (pid <= 0)
+        return;
+    kill(pid, signal);
+    wait_program(pid);
+    pid = -1;
+}
+
+void pg_server::stop()
+{
+    end(SIGINT);
+}
+
+void pg_server::crash()
+{
+    end(SIGQUIT);
+}
+
+std::string pg_server::conninfo(const std::string &database, const std::string &user) const
+{
+    return "host=" + directory + " dbname=" + database + " user=" + user;
+}
+
+std::string pg_server::log() const
+{
+    return read_file(directory + "/server.log");
+}
