@@ -113,6 +113,16 @@ static bool name_ok(std::string_view name, size_t max, std::string_view others)
 constexpr std::string_view DATABASE_OTHERS = "-";
 constexpr std::string_view DATASET_OTHERS = "-+*/?'#%&";
 
+bool fwu_database_name_ok(std::string_view name)
+{
+    return name_ok(name, FWU_NAME_MAX, DATABASE_OTHERS);
+}
+
+bool fwu_dataset_name_ok(std::string_view name)
+{
+    return name_ok(name, FWU_NAME_MAX, DATASET_OTHERS);
+}
+
 // "schema.table": one dot with something on both sides.
 static bool table_ok(std::string_view table)
 {
@@ -237,7 +247,7 @@ static int take_column(reading &r, const words &w)
 
 static int take_database(reading &r, const words &w)
 {
-    if (w.size() != 2 || !name_ok(w[1], FWU_NAME_MAX, DATABASE_OTHERS))
+    if (w.size() != 2 || !fwu_database_name_ok(w[1]))
         return wrong(r, "database takes one name of at most 16 characters: a letter, then letters, "
                         "digits and \"-\"");
     if (!r.databases.insert(w[1]).second)
@@ -249,7 +259,7 @@ static int take_database(reading &r, const words &w)
 
 static int take_dataset(reading &r, const words &w)
 {
-    if (w.size() < 2 || w.size() > 3 || !name_ok(w[1], FWU_NAME_MAX, DATASET_OTHERS))
+    if (w.size() < 2 || w.size() > 3 || !fwu_dataset_name_ok(w[1]))
         return wrong(r, "dataset takes one name of at most 16 characters: a letter, then letters, "
                         "digits and - + * / ? ' # %% &; table=schema.table may follow");
     if (r.database_line == 0)

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 constexpr int64_t FWU_LOG_FILE_SIZE_DEFAULT = 64 * 1024 * 1024;
@@ -46,6 +47,10 @@ struct fwu_config {
     std::vector<std::string> skip_tables; // "schema.table": left out of the log on purpose
     std::vector<fwu_column> columns;
 };
+
+// Whether databases and datasets of the configuration may have such names.
+bool fwu_database_name_ok(std::string_view name);
+bool fwu_dataset_name_ok(std::string_view name);
 
 // Reads the file at path, or, when path is null, the one named by the
 // environment variable FWUTIL_CFG, else "fwutil.cfg".  Returns 0; or -1 after

@@ -2,6 +2,7 @@
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_writer_state.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,7 +14,7 @@ static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
     fwu_change change;
     fwu_layout layout;
     fwu_found found = FWU_FOUND;
-    w.last_lsn = cursor.commit.commit.lsn;
+    w.last = cursor.commit.commit;
     while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
         if (fwu_entry_change(entry, change)) {
             w.last_recnum = change.recnum;
@@ -76,6 +77,32 @@ static int make_ready(fwu_writer &w, const fwu_cursor &cursor)
     return 0;
 }
 
+// The system tells once that it could not bring a file to disk; after that it may
+// take the bytes that it still shows for written.  Writes the same bytes again.
+static int write_again(fwu_writer &w)
+{
+    const std::string mark = w.directory + "/" + FWU_SYNC_FAILED;
+    if (access(mark.c_str(), F_OK) != 0)
+        return 0;
+    fwu_warn("%s: an earlier run could not bring it to disk: written again", w.file.path.c_str());
+    std::vector<unsigned char> bytes(size_t{1} << 20);
+    for (int64_t at = 0; at < w.end;) {
+        const auto wanted =
+            static_cast<size_t>(std::min(w.end - at, static_cast<int64_t>(bytes.size())));
+        const ssize_t n = pread(w.fd, bytes.data(), wanted, at);
+        if (n <= 0)
+            return fwu_file_error(w.file.path, "cannot read the log file");
+        if (fwu_write_all(w.fd, bytes.data(), static_cast<size_t>(n), at) != 0)
+            return fwu_file_error(w.file.path, "cannot write to the log file");
+        at += n;
+    }
+    if (fwu_writer_sync(&w) != 0)
+        return -1;
+    if (unlink(mark.c_str()) != 0)
+        return fwu_file_error(mark, "cannot remove the file");
+    return 0;
+}
+
 int fwu_recover(fwu_writer &w)
 {
     std::vector<fwu_log_file> files;
@@ -92,5 +119,5 @@ int fwu_recover(fwu_writer &w)
     for (size_t i = files.size() - 1; i > 0 && w.last_recnum == 0 && found == FWU_END; i--)
         found = learn_file(w, cursor, files[i - 1], false);
     fwu_cursor_close(cursor);
-    return found == FWU_END ? 0 : -1;
+    return found == FWU_END ? write_again(w) : -1;
 }

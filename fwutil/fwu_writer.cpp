@@ -117,7 +117,12 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
 
 uint64_t fwu_writer_last_lsn(const fwu_writer *writer)
 {
-    return writer->last_lsn;
+    return writer->last.lsn;
+}
+
+const fwu_commit &fwu_writer_last_commit(const fwu_writer *writer)
+{
+    return writer->last;
 }
 
 static bool text_ok(const std::string &text)
@@ -268,12 +273,23 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     return 0;
 }
 
+// Nothing counts as logged any more, neither here nor in the next run before the
+// file has been written again.
+static int sync_failed(fwu_writer &w, int result)
+{
+    w.sync_failed = true;
+    const std::string mark = w.directory + "/" + FWU_SYNC_FAILED;
+    const int fd = open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    if (fd >= 0)
+        close(fd);
+    return result;
+}
+
 static int sync_file(fwu_writer &w)
 {
     if (fdatasync(w.fd) == 0)
         return 0;
-    w.sync_failed = true;
-    return fwu_file_error(w.file.path, "cannot bring the log file to disk");
+    return sync_failed(w, fwu_file_error(w.file.path, "cannot bring the log file to disk"));
 }
 
 // Makes the file behind the last one.  It gets its name when its header is
@@ -331,7 +347,7 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     w.end += w.txn.spilled + static_cast<int64_t>(w.txn.entries.size());
     w.last_tag = w.txn.tag + 1;
     w.last_recnum = w.recnum;
-    w.last_lsn = commit.lsn;
+    w.last = commit;
     if (!w.unsynced)
         w.unsynced_since = monotonic_ms();
     w.unsynced = true;
@@ -384,12 +400,10 @@ int fwu_writer_sync(fwu_writer *writer)
                          w.file.path.c_str());
     if (w.fd >= 0 && sync_file(w) != 0)
         return -1;
-    if (w.new_name && sync_directory(w) != 0) {
-        w.sync_failed = true;
-        return -1;
-    }
+    if (w.new_name && sync_directory(w) != 0)
+        return sync_failed(w, -1);
     w.unsynced = false;
-    w.synced_lsn = w.last_lsn;
+    w.synced_lsn = w.last.lsn;
     return 0;
 }
 
@@ -424,7 +438,7 @@ int fwu_writer_settle_in(const fwu_writer *writer)
 
 uint64_t fwu_writer_logged_lsn(const fwu_writer *writer)
 {
-    return writer->sync == FWU_SYNC_COMMIT ? writer->synced_lsn : writer->last_lsn;
+    return writer->sync == FWU_SYNC_NONE ? writer->last.lsn : writer->synced_lsn;
 }
 
 int fwu_writer_close(fwu_writer *writer)

@@ -23,6 +23,9 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config);
 // Position of the last commit in the log; 0 when it holds none.
 uint64_t fwu_writer_last_lsn(const fwu_writer *writer);
 
+// The last commit in the log; all members are 0 when it holds none.
+const fwu_commit &fwu_writer_last_commit(const fwu_writer *writer);
+
 // Begins a transaction.  session may be null: no session is known.
 int fwu_writer_begin(fwu_writer *writer, const fwu_session *session);
 
@@ -55,8 +58,8 @@ int fwu_writer_settle(fwu_writer *writer, bool more_waits);
 // -1: nothing waits for it.
 int fwu_writer_settle_in(const fwu_writer *writer);
 
-// Position of the last commit that counts as logged: on disk, unless sync says
-// interval or none, which count a commit once it is appended.
+// Position of the last commit that counts as logged: on disk, unless sync says none,
+// which counts a commit once it is appended.
 uint64_t fwu_writer_logged_lsn(const fwu_writer *writer);
 
 // Syncs, releases the lock and frees the writer; null is allowed.  An open

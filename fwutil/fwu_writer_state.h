@@ -34,7 +34,7 @@ struct fwu_writer {
     bool sync_failed = false;   // what the system did not write it may have dropped
     uint64_t synced_lsn = 0;    // last commit that is on disk as far as the setting asks
 
-    uint64_t last_lsn = 0;
+    fwu_commit last; // commit of the last transaction; all 0: there is none
     int32_t last_recnum = 0; // 0: no record in the log
 
     bool open = false;      // a transaction has begun
@@ -58,6 +58,9 @@ int fwu_writer_cut_tail(fwu_writer &w);
 
 // Writes a log file's header; 0, or -1 with errno.
 int fwu_writer_put_header(const fwu_writer &w, int fd, const fwu_log_file &file);
+
+// Name of the file in the log directory that remembers a failed sync.
+constexpr char FWU_SYNC_FAILED[] = "sync-failed";
 
 // Finds the log's end: reads the last file for its layouts, cuts a torn tail off
 // and, when that file holds no transaction, asks older ones for the last record.

@@ -52,7 +52,7 @@ static const char load_help_text[] =
 static const char postgresql_help_text[] =
     "Usage: fwlog postgresql [-cfg FILE] --conninfo \"...\" [--slot NAME]\n"
     "           [--publication NAME] [--create] [--snapshot] [--truncate]\n"
-    "           [--ignore-truncate] [--once] [--status FILE] [-v]\n"
+    "           [--ignore-truncate] [--accept-gap] [--once] [--status FILE] [-v]\n"
     "\n"
     "Follows a PostgreSQL server (12 or later) by logical replication and appends every\n"
     "transaction to the forward log, until SIGINT or SIGTERM.  The server keeps what is\n"
@@ -70,6 +70,8 @@ static const char postgresql_help_text[] =
     "  --snapshot           begin a new slot with the tables' contents as inserts\n"
     "  --truncate           cut texts that are too long for their item and go on\n"
     "  --ignore-truncate    go on when a table is truncated, with a warning\n"
+    "  --accept-gap         go on with the slot although the log lacks what was changed\n"
+    "                       meanwhile, or the server what the log has\n"
     "  --once               end when the log has what the server had at the start\n"
     "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
     "                       in the log directory); SIGUSR1 prints the same\n"

@@ -46,6 +46,7 @@ static int scan_options(pgb_bridge &bridge, std::string &cfg, int argc, char **a
                                  {"--snapshot", &options.snapshot},
                                  {"--ignore-truncate", &options.ignore_truncate},
                                  {"--truncate", &bridge.tx.work.settings.truncate},
+                                 {"--accept-gap", &options.accept_gap},
                                  {"--once", &options.once},
                                  {"-v", &options.verbose}};
     for (int i = 0; i < argc; i++) {
@@ -75,6 +76,7 @@ static pgs_outcome connect_and_follow(pgb_bridge &bridge)
 {
     bridge.relations.known.clear(); // the server describes the tables anew
     pgs_outcome outcome = pgs_connect(bridge.server);
+    bridge.connected = bridge.connected || outcome == PGS_OK;
     if (outcome == PGS_OK)
         outcome = pgb_prepare(bridge);
     if (outcome == PGS_OK) {
@@ -89,7 +91,7 @@ static pgs_outcome connect_and_follow(pgb_bridge &bridge)
 
 // What is known of a connection that did not last.
 struct back_off {
-    bool followed = false; // the server was followed before
+    bool followed = false; // the server's stream was read before
     int pause_ms = FIRST_PAUSE_MS;
     int slot_waited_ms = 0;
 };
@@ -101,14 +103,14 @@ static bool try_again(pgb_bridge &bridge, back_off &off)
     const bool went_well = strcmp(bridge.state.phase, "streaming") == 0;
     if (went_well)
         off = {.followed = true};
-    if (server.slot_in_use && off.slot_waited_ms >= SLOT_WAIT_MS) {
+    if (server.slot_in_use && !off.followed && off.slot_waited_ms >= SLOT_WAIT_MS) {
         fprintf(stderr,
                 "fwlog: %s; stop the process that uses the slot, or name another slot with "
                 "--slot\n",
                 server.lost.c_str());
         return false;
     }
-    if (!server.slot_in_use && !off.followed) {
+    if (!bridge.connected) {
         fprintf(stderr,
                 "fwlog: cannot connect: %s; check --conninfo (host, port, dbname, user, password), "
                 "and pg_hba.conf on the server\n",

@@ -58,13 +58,19 @@ const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view sch
     return nullptr;
 }
 
-std::string pgt_long_name_text(const fwu_config &config, const std::string &name,
-                               std::string_view schema, std::string_view table)
+std::string pgt_bad_name_text(const fwu_config &config, const std::string &name,
+                              std::string_view schema, std::string_view table)
 {
     const std::string dbname = pgt_name(schema);
     const std::string dsetname = pgt_name(table);
     if (dbname.size() <= NAME_MAX_LENGTH && dsetname.size() <= NAME_MAX_LENGTH)
-        return {};
+        return fwu_database_name_ok(dbname) && fwu_dataset_name_ok(dsetname)
+                   ? std::string()
+                   : "table " + name + ": " + dbname + "." + dsetname +
+                         " has characters that names of databases and datasets cannot have: name "
+                         "the dataset in " +
+                         config.path + " with table=" + name +
+                         ", or leave the table out with the line skip-table " + name;
     return "table " + name + ": " + (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
            " is longer than the 16 characters of a name: give the dataset a short name in " +
            config.path + " with table=" + name +
@@ -78,7 +84,7 @@ static const fwu_dataset *find_dataset(const fwu_config &config, const std::stri
     const fwu_dataset *dataset = pgt_configured(config, schema, table);
     if (dataset != nullptr)
         return dataset;
-    error = pgt_long_name_text(config, name, schema, table);
+    error = pgt_bad_name_text(config, name, schema, table);
     if (error.empty())
         error = "table " + name + " is not in " + config.path + ": describe dataset " +
                 pgt_name(table) + " of database " + pgt_name(schema) +

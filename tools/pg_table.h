@@ -58,8 +58,8 @@ pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset data
                    std::vector<std::string> columns, std::string &error);
 
 // What is wrong with a table's name for a dataset; empty: nothing.
-std::string pgt_long_name_text(const fwu_config &config, const std::string &name,
-                               std::string_view schema, std::string_view table);
+std::string pgt_bad_name_text(const fwu_config &config, const std::string &name,
+                              std::string_view schema, std::string_view table);
 
 // What is wrong with a truncate of the table, and with a change without its old row.
 std::string pgt_truncated_text(const pgt_table &table);

@@ -61,7 +61,7 @@ TEST_F(SyncTest, AnIntervalBeginsWithTheFirstCommitThatWaits)
     config.sync_interval_ms = 250;
     open_writer();
     add({insert(1)});
-    EXPECT_EQ(fwu_writer_logged_lsn(writer), fwu_writer_last_lsn(writer)) << "counts at once";
+    EXPECT_EQ(fwu_writer_logged_lsn(writer), 0U) << "a power cut could still take it";
     EXPECT_EQ(fwu_writer_settle_in(writer), 250);
     calls.monotonic_ms += 200;
     add({insert(2)});
@@ -70,6 +70,7 @@ TEST_F(SyncTest, AnIntervalBeginsWithTheFirstCommitThatWaits)
     calls.monotonic_ms += 50;
     EXPECT_EQ(fwu_writer_settle_in(writer), 0);
     EXPECT_EQ(syncs([&] { settle(true); }), 1);
+    EXPECT_EQ(fwu_writer_logged_lsn(writer), fwu_writer_last_lsn(writer));
     EXPECT_EQ(fwu_writer_settle_in(writer), -1);
     close_writer();
 }
@@ -118,8 +119,37 @@ TEST_F(SyncTest, AFailedSyncIsReportedAndNothingCounts)
                   ": the log file could not be brought to disk before; start anew\n");
     EXPECT_EQ(fwu_writer_logged_lsn(writer), 0U) << "a later success would tell nothing";
     close_writer();
+}
+
+TEST_F(SyncTest, WhatCouldNotBeSyncedIsWrittenAgainByTheNextRun)
+{
     open_writer();
-    settle(false);
+    add({insert(1)});
+    calls.fail_fdatasync = true;
+    EXPECT_EQ(fwu_writer_settle(writer, false), -1);
+    close_writer();
+    const std::string mark = config.log_directory + "/sync-failed";
+    EXPECT_TRUE(std::filesystem::exists(mark));
+    const std::string bytes = read_file(file(1));
+
+    // Still failing: nothing may count, and the next run tries again.
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(fwu_writer_open(&writer, config), -1); }),
+              "fwutil: " + file(1) +
+                  ": an earlier run could not bring it to disk: written again\n"
+                  "fwutil: " +
+                  file(1) + ": cannot bring the log file to disk: Input/output error\n");
+    EXPECT_TRUE(std::filesystem::exists(mark));
+
+    calls.fail_fdatasync = false;
+    std::filesystem::last_write_time(file(1), std::filesystem::file_time_type());
+    open_writer();
     EXPECT_NE(fwu_writer_logged_lsn(writer), 0U);
+    EXPECT_FALSE(std::filesystem::exists(mark));
+    EXPECT_EQ(read_file(file(1)), bytes);
+    EXPECT_NE(std::filesystem::last_write_time(file(1)), std::filesystem::file_time_type())
+        << "it was not written";
+    close_writer();
+    open_writer();
+    EXPECT_EQ(fwu_writer_logged_lsn(writer), 0U) << "not again";
     close_writer();
 }

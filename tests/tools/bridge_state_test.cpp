@@ -27,6 +27,8 @@ TEST(BridgeState, FileTellsPositionsAndLag)
     state.server_lsn = 0x100000040;
     state.received_lsn = 0x100000030;
     state.logged_lsn = 0x100000030;
+    state.told_lsn = 0x100000028;
+    state.timeline = 3;
     state.transactions = 3;
     state.changes = 12;
     state.reconnects = 1;
@@ -38,8 +40,10 @@ TEST(BridgeState, FileTellsPositionsAndLag)
     EXPECT_EQ(text, "{\"state\":\"streaming\",\"pid\":" + std::to_string(getpid()) +
                         ",\"updated\":\"NOW\",\"slot\":\"kestro\",\"publication\":\"pub "
                         "\\\"x\\\"\",\"system_identifier\":\"7710567567421338994\","
-                        "\"database\":\"shop\",\"snapshot\":\"done\",\"server_lsn\":\"1/40\","
-                        "\"received_lsn\":\"1/30\",\"logged_lsn\":\"1/30\",\"lag_bytes\":16,"
+                        "\"database\":\"shop\",\"timeline\":\"3\",\"snapshot\":\"done\",\"server_"
+                        "lsn\":\"1/40\","
+                        "\"received_lsn\":\"1/30\",\"logged_lsn\":\"1/30\",\"told_lsn\":\"1/"
+                        "28\",\"lag_bytes\":16,"
                         "\"lag_seconds\":0.000,\"last_commit\":null,\"transactions\":3,"
                         "\"changes\":12,\"reconnects\":1}\n");
 }
@@ -50,15 +54,28 @@ TEST(BridgeState, NextRunKnowsTheServerAndTheSnapshot)
     pgb_state state;
     state.path = dir.file("state.json");
     state.system = "77";
-    state.database = "sh\"op\\";
+    state.database = "sh\"op\\\n\x7F\u00e9";
+    state.slot = "a";
     state.snapshot = "begun";
+    state.timeline = 12;
+    state.told_lsn = 0x200000001;
     ASSERT_TRUE(pgb_state_write(state, false));
     pgb_state next;
     next.path = state.path;
+    next.slot = "a";
     pgb_state_read(next);
     EXPECT_EQ(next.system, "77");
-    EXPECT_EQ(next.database, "sh\"op\\");
+    EXPECT_EQ(next.database, state.database);
+    EXPECT_EQ(next.timeline, 12U);
     EXPECT_EQ(next.snapshot, "begun");
+    EXPECT_EQ(next.told_lsn, 0x200000001U);
+    pgb_state other;
+    other.path = state.path;
+    other.slot = "b";
+    pgb_state_read(other);
+    EXPECT_EQ(other.system, "77");
+    EXPECT_EQ(other.snapshot, "none") << "of another slot";
+    EXPECT_EQ(other.told_lsn, 0U);
 }
 
 TEST(BridgeState, MissingOrTornFileLeavesNothingKnown)

@@ -142,6 +142,13 @@ TEST(Catalogue, WhatCannotBecomeAnItemIsToldWithTheRemedy)
          "app.parts.a_name_of_18_chars: A-NAME-OF-18-CHARS is longer than the 17 characters of an "
          "item name: put the line \"column app.parts.a_name_of_18_chars item=SHORTER-NAME\" into "
          "shop.cfg"},
+        {{"gr\xC3\xB6\xC3\x9F"
+          "e",
+          23, -1},
+         "app.parts.gr\xC3\xB6\xC3\x9F"
+         "e: an item name has no blanks and no characters outside ASCII: "
+         "put the line \"column app.parts.gr\xC3\xB6\xC3\x9F"
+         "e item=OTHER-NAME\" into shop.cfg"},
         {{"NO", 23, -1},
          "app.parts.NO: there is another item NO in this dataset: put the line \"column "
          "app.parts.NO item=OTHER-NAME\" into shop.cfg"},
@@ -151,4 +158,6 @@ TEST(Catalogue, WhatCannotBecomeAnItemIsToldWithTheRemedy)
     };
     for (const auto &row : rows)
         EXPECT_EQ(error_of(config_of(), table_of({{"no", 23, -1}, row.column})), row.error);
+    EXPECT_EQ(error_of(config_of(), table_of({})),
+              "table app.parts has no columns: leave it out with the line skip-table app.parts");
 }

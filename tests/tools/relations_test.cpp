@@ -77,6 +77,34 @@ TEST_F(Relations, NewTableOfAnOldNameTakesItsPlace)
     EXPECT_EQ(items_of(find(8)), "ORDERS: KEY NULL-MAP");
 }
 
+TEST_F(Relations, RenamedTableGivesItsDatasetFree)
+{
+    describe(7, "Parts", {{"no", 23, -1}});
+    find(7);
+    describe(7, "parts", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(7)), "PARTS: NO NULL-MAP");
+    describe(8, "new", {{"no", 23, -1}});
+    find(8);
+    // Two tables change their names for each other's.
+    describe(7, "new", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(7)), "NEW: NO NULL-MAP");
+    describe(8, "parts", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(8)), "PARTS: NO NULL-MAP");
+    EXPECT_EQ(items_of(find(7)), "NEW: NO NULL-MAP");
+}
+
+TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
+{
+    config.columns = {{"app.orders", "at", "", 40}, {"app.orders", "ok", "", 3}};
+    describe(7, "orders", {{"at", 1114, -1}, {"ok", 16, -1}, {"then", 1114, -1}});
+    pgb_relation &relation = find(7);
+    const pgr_row *row = pgb_row(
+        relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}), error);
+    EXPECT_EQ(row->columns[0].type, "");
+    EXPECT_EQ(row->columns[1].type, "boolean");
+    EXPECT_EQ(row->columns[2].type, "timestamp without time zone");
+}
+
 TEST_F(Relations, ConfiguredTableKeepsItsItems)
 {
     fwu_dataset dataset;
@@ -111,6 +139,11 @@ TEST_F(Relations, TablesThatCannotBecomeADatasetAreToldWithTheRemedy)
                      "characters of a name: give the dataset a short name in shop.cfg with "
                      "table=app.a_table_name_of_22, or leave the table out with the line "
                      "skip-table app.a_table_name_of_22");
+    describe(6, "2nd", {{"no", 23, -1}});
+    EXPECT_EQ(pgb_find(relations, 6, error), nullptr);
+    EXPECT_EQ(error, "table app.2nd: APP.2ND has characters that names of databases and datasets "
+                     "cannot have: name the dataset in shop.cfg with table=app.2nd, or leave the "
+                     "table out with the line skip-table app.2nd");
     describe(8, "parts", {{"no", 23, -1}});
     describe(9, "PARTS", {{"no", 23, -1}});
     find(8);

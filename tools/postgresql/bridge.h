@@ -15,6 +15,7 @@ struct pgb_options {
     bool create = false;          // make slot and publication when they are missing
     bool snapshot = false;        // begin a new slot with the tables' contents
     bool ignore_truncate = false; // pass over truncates instead of stopping
+    bool accept_gap = false;      // go on where the slot is although changes are missing
     bool once = false;            // end when the log has what the server had at the start
     bool verbose = false;
 };
@@ -26,7 +27,10 @@ struct pgb_bridge {
     pgb_state state;
     pgb_relations relations;
     fwlog_transaction tx;
-    uint64_t stop_at = 0; // --once: position that the log has to reach; 0: not known yet
+    bool expects_last = false;   // the server has to send the log's last transaction first
+    int64_t silence_ms = 60'000; // of the server after which it is taken for gone
+    bool connected = false;      // the server was reached once
+    uint64_t stop_at = 0;        // --once: position that the log has to reach; 0: not known yet
 };
 
 // Checks the server and what is to be followed; makes slot and publication and takes

@@ -186,6 +186,11 @@ static bool name_is_free(const fwu_layout &layout, const std::string &name)
                         [&](const fwu_item &item) { return item.name == name; });
 }
 
+static bool is_plain(const std::string &name)
+{
+    return std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
 static constexpr char NULL_MAP[] = "NULL-MAP";
 static constexpr int32_t WIDTH_MAX = 32767;
 
@@ -200,6 +205,13 @@ static bool add_item(fwu_dataset &dataset, const fwu_config &config, const std::
         error = where + ": " + item.name +
                 " is longer than the 17 characters of an item name: " + "put the line \"column " +
                 where + " item=SHORTER-NAME\" into " + config.path;
+        return false;
+    }
+    if (!is_plain(item.name)) {
+        error = where +
+                ": an item name has no blanks and no characters outside ASCII: put the "
+                "line \"column " +
+                where + " item=OTHER-NAME\" into " + config.path;
         return false;
     }
     if (item.name == NULL_MAP || !name_is_free(dataset.layout, item.name)) {
@@ -230,8 +242,11 @@ bool pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config, const pgo_
     for (const pgo_column &column : relation.columns)
         if (!add_item(dataset, config, table, column, error))
             return false;
-    if (dataset.layout.items.empty())
-        return true;
+    if (dataset.layout.items.empty()) {
+        error =
+            "table " + table + " has no columns: leave it out with the line skip-table " + table;
+        return false;
+    }
     fwu_item map;
     map.name = NULL_MAP;
     make(map, 'X', static_cast<int32_t>(dataset.layout.items.size()));

@@ -1,7 +1,7 @@
 // The stream: messages into transactions, positions back to the server.  It is told
 // a position only once all transactions before it are logged.
 #include "tools/pg_lsn.h"
-#include "tools/postgresql/bridge.h"
+#include "tools/postgresql/apply.h"
 #include "tools/postgresql/report_signal.h"
 #include "tools/stop_signal.h"
 
@@ -13,13 +13,13 @@
 #include <ctime>
 
 constexpr int VERSION_WITH_MESSAGES = 140000;
-constexpr int64_t FEEDBACK_MS = 1000;        // how often the server is told of the progress
-constexpr int64_t REPORT_MS = 10'000;        // how often -v tells of it
-constexpr size_t DATA_HEADER = 25;           // 'w', start, end and time before the message
-constexpr size_t KEEPALIVE_SIZE = 18;        // 'k', end, time, whether an answer is wanted
-constexpr int MESSAGES_A_LOOK = 256;         // messages between two looks at the clock
-constexpr int64_t ASK_AFTER_MS = 20'000;     // of silence, whether the server is there
-constexpr int64_t GIVE_UP_AFTER_MS = 60'000; // of silence
+constexpr int64_t FEEDBACK_MS = 1000;    // how often the server is told of the progress
+constexpr int64_t REPORT_MS = 10'000;    // how often -v tells of it
+constexpr size_t DATA_HEADER = 25;       // 'w', start, end and time before the message
+constexpr size_t KEEPALIVE_SIZE = 18;    // 'k', end, time, whether an answer is wanted
+constexpr int MESSAGES_A_LOOK = 256;     // messages between two looks at the clock
+constexpr int64_t ASK_AFTER_MS = 20'000; // of silence, whether the server is there
+constexpr int64_t SILENCE_MAX_MS = 3'600'000;
 
 static int64_t monotonic_ms()
 {
@@ -31,10 +31,8 @@ static int64_t monotonic_ms()
 struct follow {
     pgb_bridge &bridge;
     PGconn *connection;
-    pgo_message message = {};
-    uint64_t received_end = 0; // behind the last whole transaction, or the idle server's position
-    bool answer = false;       // the server wants to hear something now
-    bool late_session_told = false;
+    pgb_apply apply = {};
+    bool answer = false; // the server wants to hear something now
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
     int64_t heard_ms = monotonic_ms(); // when the server sent something
@@ -60,8 +58,8 @@ static void note_progress(follow &f)
     pgb_state &state = f.bridge.state;
     const fwu_writer *writer = f.bridge.tx.writer;
     if (fwu_writer_logged_lsn(writer) == fwu_writer_last_lsn(writer))
-        state.logged_lsn = std::max(state.logged_lsn, f.received_end);
-    state.received_lsn = std::max(state.received_lsn, f.received_end);
+        state.logged_lsn = std::max(state.logged_lsn, f.apply.end);
+    state.received_lsn = std::max(state.received_lsn, f.apply.end);
     state.server_lsn = std::max(state.server_lsn, state.received_lsn);
     const fwlog_totals &totals = f.bridge.tx.totals;
     state.transactions = totals.transactions;
@@ -71,6 +69,13 @@ static void note_progress(follow &f)
 static pgs_outcome lost(follow &f)
 {
     return pgs_failed(f.bridge.server, f.connection, nullptr, "following the server");
+}
+
+static pgs_outcome lost(follow &f, const char *why)
+{
+    f.bridge.server.lost = why;
+    f.bridge.server.slot_in_use = false;
+    return PGS_LOST;
 }
 
 // Tells the server the positions; asks for an answer when it has been silent.
@@ -96,152 +101,34 @@ static pgs_outcome keep_in_touch(follow &f)
 {
     pgb_bridge &bridge = f.bridge;
     const int64_t now = monotonic_ms();
-    if (report_signal_taken())
+    if (report_signal_taken()) {
+        pgs_server_lsn(bridge.server, bridge.state.server_lsn);
         pgb_state_print(bridge.state);
-    if (now - f.heard_ms > GIVE_UP_AFTER_MS) {
-        f.bridge.server.lost = "the server has been silent for a minute";
-        f.bridge.server.slot_in_use = false;
-        return PGS_LOST;
+    }
+    if (now - f.heard_ms > bridge.silence_ms) {
+        // It may have been busy with one huge change: it gets longer the next time.
+        bridge.silence_ms = std::min(2 * bridge.silence_ms, SILENCE_MAX_MS);
+        return lost(f, "the server has been silent for too long");
     }
     if (now < f.feedback_due_ms && !f.answer)
         return PGS_OK;
     note_progress(f);
-    const bool due = now >= f.feedback_due_ms;
-    if (due) {
-        f.feedback_due_ms = now + FEEDBACK_MS;
-        (void)pgb_state_write(bridge.state, false); // reported; following goes on
-    }
-    if (bridge.options.verbose && now >= f.report_due_ms) {
+    if (now >= f.report_due_ms) {
         f.report_due_ms = now + REPORT_MS;
-        pgb_state_print(bridge.state);
+        pgs_server_lsn(bridge.server, bridge.state.server_lsn);
+        if (bridge.options.verbose)
+            pgb_state_print(bridge.state);
+    }
+    // What the server is told stands on disk first, so that the next run can see
+    // whether somebody else has moved the slot.
+    const bool tells = bridge.state.logged_lsn > bridge.state.told_lsn;
+    bridge.state.told_lsn = std::max(bridge.state.told_lsn, bridge.state.logged_lsn);
+    if (tells || now >= f.feedback_due_ms) {
+        f.feedback_due_ms = now + FEEDBACK_MS;
+        if (!pgb_state_write(bridge.state, tells && bridge.config.sync != FWU_SYNC_NONE) && tells)
+            return PGS_REFUSED;
     }
     return send_feedback(f);
-}
-
-static pgs_outcome take_result(follow &f, fwlog_result result, const std::string &error)
-{
-    if (result == FWLOG_BAD)
-        return pgb_bad(f.bridge, error);
-    return result == FWLOG_OK ? PGS_OK : PGS_REFUSED;
-}
-
-static pgs_outcome take_begin(follow &f)
-{
-    fwu_commit commit;
-    commit.lsn = f.message.lsn;
-    commit.time_us = f.message.time_us;
-    commit.xid = f.message.xid;
-    fwlog_begin(f.bridge.tx, commit);
-    return PGS_OK;
-}
-
-static pgs_outcome take_commit(follow &f)
-{
-    fwlog_transaction &tx = f.bridge.tx;
-    const bool logs = tx.begun;
-    const pgs_outcome outcome = take_result(f, fwlog_commit(tx), {});
-    if (outcome != PGS_OK)
-        return outcome;
-    if (logs)
-        f.bridge.state.commit_us = tx.commit.time_us;
-    f.received_end = f.message.end_lsn;
-    note_progress(f);
-    return PGS_OK;
-}
-
-static pgs_outcome take_session(follow &f)
-{
-    fwlog_transaction &tx = f.bridge.tx;
-    if (!f.message.transactional || f.message.prefix != "session" || !tx.open)
-        return PGS_OK;
-    std::string content(f.message.content);
-    content.resize(strlen(content.c_str())); // a zero byte ends it
-    if (fwlog_set_session(tx, content) || f.late_session_told)
-        return PGS_OK;
-    f.late_session_told = true;
-    fprintf(stderr,
-            "fwlog: warning: transaction %" PRIu64
-            ": a session message comes behind the first change and is not taken; it must be the "
-            "first thing that a transaction does (this is told once)\n",
-            tx.commit.xid);
-    return PGS_OK;
-}
-
-static pgs_outcome take_change(follow &f)
-{
-    const pgo_message &message = f.message;
-    fwlog_transaction &tx = f.bridge.tx;
-    std::string error;
-    if (!tx.open)
-        return pgb_bad(f.bridge, "a change came outside a transaction");
-    if (tx.skipping)
-        return PGS_OK;
-    pgb_relation *relation = pgb_find(f.bridge.relations, message.relation_id, error);
-    if (relation == nullptr)
-        return pgb_bad(f.bridge, error);
-    pgt_table &table = *relation->table;
-    if (table.dataset == nullptr)
-        return PGS_OK;
-    if (message.kind != 'I' && message.old_row.kind != 'O')
-        return pgb_bad(f.bridge, pgt_no_old_row_text(table));
-    const pgr_row *fresh = nullptr;
-    const pgr_row *old = nullptr;
-    if (message.kind != 'D' && (fresh = pgb_row(*relation, message.new_row, error)) == nullptr)
-        return pgb_bad(f.bridge, error);
-    if (message.kind != 'I' && (old = pgb_row(*relation, message.old_row, error)) == nullptr)
-        return pgb_bad(f.bridge, error);
-    return take_result(f, fwlog_change(tx, table, fresh, old, error), error);
-}
-
-static pgs_outcome take_truncate(follow &f)
-{
-    if (f.bridge.tx.skipping)
-        return PGS_OK;
-    for (const uint32_t id : f.message.truncated) {
-        std::string error;
-        const pgb_relation *relation = pgb_find(f.bridge.relations, id, error);
-        if (relation == nullptr)
-            return pgb_bad(f.bridge, error);
-        if (relation->table->dataset == nullptr)
-            continue;
-        if (!f.bridge.options.ignore_truncate)
-            return pgb_bad(f.bridge, pgt_truncated_text(*relation->table) +
-                                         ", or pass over truncates with --ignore-truncate");
-        fprintf(stderr,
-                "fwlog: warning: table %s was truncated in transaction %" PRIu64
-                ", which the log does not tell\n",
-                relation->table->name.c_str(), f.bridge.tx.commit.xid);
-    }
-    return PGS_OK;
-}
-
-static pgs_outcome take_message(follow &f, std::string_view bytes)
-{
-    std::string error;
-    if (!pgo_decode(f.message, bytes, error))
-        return pgb_bad(f.bridge, error);
-    switch (f.message.kind) {
-    case 'B':
-        return take_begin(f);
-    case 'C':
-        return take_commit(f);
-    case 'M':
-        return take_session(f);
-    case 'O':
-        f.bridge.tx.data.push_back("origin=" + std::string(f.message.origin));
-        return PGS_OK;
-    case 'R':
-        pgb_describe(f.bridge.relations, f.message.relation);
-        return PGS_OK;
-    case 'I':
-    case 'U':
-    case 'D':
-        return take_change(f);
-    case 'T':
-        return take_truncate(f);
-    default:
-        return PGS_OK;
-    }
 }
 
 static pgs_outcome take_copy_data(follow &f, std::string_view bytes)
@@ -249,14 +136,16 @@ static pgs_outcome take_copy_data(follow &f, std::string_view bytes)
     pgb_state &state = f.bridge.state;
     if (bytes.size() >= DATA_HEADER && bytes[0] == 'w') {
         state.server_lsn = std::max(state.server_lsn, big_endian(bytes.data() + 9));
-        return take_message(f, bytes.substr(DATA_HEADER));
+        return pgb_apply_message(f.bridge, f.apply, bytes.substr(DATA_HEADER));
     }
     if (bytes.size() == KEEPALIVE_SIZE && bytes[0] == 'k') {
         const uint64_t end = big_endian(bytes.data() + 1);
         state.server_lsn = std::max(state.server_lsn, end);
+        if (f.bridge.expects_last && end > fwu_writer_last_lsn(f.bridge.tx.writer))
+            return pgb_diverged(f.bridge);
         // All that was committed before it has been sent.
         if (!f.bridge.tx.open)
-            f.received_end = std::max(f.received_end, end);
+            f.apply.end = std::max(f.apply.end, end);
         f.answer = f.answer || bytes[KEEPALIVE_SIZE - 1] != 0;
         return PGS_OK;
     }
@@ -275,6 +164,8 @@ static pgs_outcome take_waiting(follow &f)
             return PGS_OK;
         if (length < 0) {
             const pgs_result result(length == -1 ? PQgetResult(f.connection) : nullptr);
+            if (length == -1 && PQresultStatus(result.get()) != PGRES_FATAL_ERROR)
+                return lost(f, "the server has ended the stream");
             return pgs_failed(f.bridge.server, f.connection, result.get(), "following the server");
         }
         outcome = take_copy_data(f, {bytes, static_cast<size_t>(length)});
@@ -301,9 +192,9 @@ static pgs_outcome receive(follow &f, int limit_ms, bool &received)
         fprintf(stderr, "fwlog: waiting for the server: %s\n", strerror(errno));
         return PGS_REFUSED;
     }
-    if (!received)
-        return PGS_OK;
-    f.heard_ms = monotonic_ms();
+    if (received)
+        f.heard_ms = monotonic_ms();
+    // Encrypted connections may hold bytes that the socket does not show.
     return PQconsumeInput(f.connection) == 1 ? PGS_OK : lost(f);
 }
 
@@ -344,7 +235,7 @@ static pgs_outcome run(follow &f)
 // when this returns.
 static void say_good_bye(follow &f)
 {
-    if (send_feedback(f) == PGS_OK && PQputCopyEnd(f.connection, nullptr) == 1)
+    if (keep_in_touch(f) == PGS_OK && PQputCopyEnd(f.connection, nullptr) == 1)
         (void)PQflush(f.connection); // the connection is closed next
 }
 
@@ -362,9 +253,13 @@ pgs_outcome pgb_follow(pgb_bridge &bridge)
     pgs_outcome outcome = pgs_command(server, connection, result, start);
     if (outcome != PGS_OK)
         return outcome;
-    bridge.state.phase = "streaming";
+    server.sql.reset(); // an idle session would keep the server from shutting down
+    pgb_state &state = bridge.state;
+    state.phase = "streaming";
     follow f = {.bridge = bridge, .connection = connection};
-    f.received_end = fwu_writer_last_lsn(bridge.tx.writer);
+    f.apply.end = fwu_writer_last_lsn(bridge.tx.writer);
+    state.received_lsn = f.apply.end;
+    state.logged_lsn = 0;
     if (fwu_writer_settle(bridge.tx.writer, false) != 0)
         return PGS_REFUSED;
     note_progress(f);
@@ -372,6 +267,7 @@ pgs_outcome pgb_follow(pgb_bridge &bridge)
     fwlog_abandon(bridge.tx);
     if (outcome == PGS_OK) {
         note_progress(f);
+        f.feedback_due_ms = 0;
         say_good_bye(f);
     }
     return outcome;

@@ -3,7 +3,10 @@
 #include "tools/pg_lsn.h"
 #include "tools/postgresql/bridge.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <sstream>
 
 constexpr int OLDEST_VERSION = 120000;
 constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
@@ -12,6 +15,39 @@ static pgs_outcome refuse(const std::string &text)
 {
     fprintf(stderr, "fwlog: %s\n", text.c_str());
     return PGS_REFUSED;
+}
+
+// A server that was set back, or a standby that took over, begins a new timeline; the
+// log has to end before the place where it left the one that the log knows.
+static pgs_outcome check_timeline(pgb_bridge &bridge, const std::string &now)
+{
+    pgs_server &server = bridge.server;
+    pgb_state &state = bridge.state;
+    const auto timeline = static_cast<uint32_t>(strtoul(now.c_str(), nullptr, 10));
+    const uint32_t before = fwu_writer_last_lsn(bridge.tx.writer) == 0 ? 0 : state.timeline;
+    state.timeline = timeline;
+    if (before == 0 || before == timeline)
+        return PGS_OK;
+    pgs_result result;
+    const pgs_outcome outcome =
+        pgs_command(server, server.replication.get(), result, "TIMELINE_HISTORY " + now);
+    if (outcome != PGS_OK)
+        return outcome;
+    // Lines "timeline, a tab, where it was left, a tab, why".
+    std::istringstream history{std::string(pgs_value(result, 0, 1))};
+    for (std::string line; std::getline(history, line);) {
+        const size_t tab = line.find('\t');
+        if (tab == std::string::npos || strtoul(line.c_str(), nullptr, 10) != before)
+            continue;
+        uint64_t left = 0;
+        if (pgl_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) &&
+            fwu_writer_last_lsn(bridge.tx.writer) < left && state.told_lsn <= left)
+            return PGS_OK;
+    }
+    return refuse("the server's timeline " + now + " has left timeline " + std::to_string(before) +
+                  " before the log's end, " + pgl_text(fwu_writer_last_lsn(bridge.tx.writer)) +
+                  ": it lacks transactions that the log has; begin a new log directory with "
+                  "--create --snapshot");
 }
 
 static pgs_outcome check_system(pgb_bridge &bridge)
@@ -32,45 +68,29 @@ static pgs_outcome check_system(pgb_bridge &bridge)
     uint64_t now = 0;
     if (!pgl_parse(now, pgs_value(result, 0, 2)))
         return refuse("the server's answer to IDENTIFY_SYSTEM holds no position");
-    if (!state.system.empty() && (state.system != system || state.database != database))
+    const bool log_begun = fwu_writer_last_lsn(bridge.tx.writer) != 0 || state.told_lsn != 0 ||
+                           state.snapshot != "none";
+    if (log_begun && !state.system.empty() &&
+        (state.system != system || state.database != database))
         return refuse("the log belongs to database \"" + state.database + "\" of server system " +
                       state.system + ", this is database \"" + database + "\" of " + system +
                       "; use another log directory for it (" + state.path + " tells)");
     const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
-    if (last > now)
-        return refuse("the log goes up to " + pgl_text(last) + ", the server only to " +
+    const uint64_t known = std::max(last, state.told_lsn);
+    if (known > now)
+        return refuse("the log goes up to " + pgl_text(known) + ", the server only to " +
                       pgl_text(now) +
                       ": it is another server, or was set back to an older state; begin a new log "
                       "directory with --create --snapshot");
+    const pgs_outcome checked = check_timeline(bridge, std::string(pgs_value(result, 0, 1)));
+    if (checked != PGS_OK)
+        return checked;
     state.system = system;
     state.database = database;
     state.server_lsn = now;
     if (bridge.options.once && bridge.stop_at == 0)
         bridge.stop_at = now;
     return PGS_OK;
-}
-
-static pgs_outcome check_publication(pgb_bridge &bridge)
-{
-    pgs_server &server = bridge.server;
-    pgs_result result;
-    pgs_outcome outcome =
-        pgs_query(server, server.sql.get(), result,
-                  "SELECT 1 FROM pg_publication WHERE pubname = $1", {server.publication.c_str()});
-    if (outcome != PGS_OK || PQntuples(result.get()) == 1)
-        return outcome;
-    if (!bridge.options.create)
-        return refuse("publication \"" + server.publication +
-                      "\" is not there; make it with --create, or CREATE PUBLICATION ..., or name "
-                      "another with --publication");
-    std::string command = "CREATE PUBLICATION " + pgs_name(server.publication) + " FOR ALL TABLES";
-    if (PQserverVersion(server.sql.get()) >= VERSION_WITH_PARTITION_ROOT)
-        command += " WITH (publish_via_partition_root = true)";
-    outcome = pgs_command(server, server.sql.get(), result, command);
-    if (outcome == PGS_OK)
-        fprintf(stderr, "fwlog: publication \"%s\" of all tables created\n",
-                server.publication.c_str());
-    return outcome;
 }
 
 // Tables whose old rows the server would not send.  They are an error as long as
@@ -108,11 +128,56 @@ static pgs_outcome check_identities(pgb_bridge &bridge, bool refuses)
     return refuses ? PGS_REFUSED : PGS_OK;
 }
 
+static pgs_outcome check_publication(pgb_bridge &bridge)
+{
+    pgs_server &server = bridge.server;
+    pgs_result result;
+    pgs_outcome outcome =
+        pgs_query(server, server.sql.get(), result,
+                  "SELECT 1 FROM pg_publication WHERE pubname = $1", {server.publication.c_str()});
+    if (outcome != PGS_OK || PQntuples(result.get()) == 1)
+        return outcome;
+    if (!bridge.options.create)
+        return refuse("publication \"" + server.publication +
+                      "\" is not there; make it with --create, or CREATE PUBLICATION ..., or name "
+                      "another with --publication");
+    std::string command = "CREATE PUBLICATION " + pgs_name(server.publication) + " FOR ALL TABLES";
+    if (PQserverVersion(server.sql.get()) >= VERSION_WITH_PARTITION_ROOT)
+        command += " WITH (publish_via_partition_root = true)";
+    // Updates of a table without identity fail once it is published: it is looked at
+    // before that counts.
+    outcome = pgs_command(server, server.sql.get(), result, "BEGIN");
+    if (outcome == PGS_OK)
+        outcome = pgs_command(server, server.sql.get(), result, command);
+    if (outcome == PGS_OK)
+        outcome = check_identities(bridge, true);
+    if (outcome == PGS_OK)
+        outcome = pgs_command(server, server.sql.get(), result, "COMMIT");
+    if (outcome == PGS_OK)
+        fprintf(stderr, "fwlog: publication \"%s\" of all tables created\n",
+                server.publication.c_str());
+    return outcome;
+}
+
+// A snapshot that failed leaves no slot that would keep the server's log; a lost
+// connection leaves it to the next attempt.
+static pgs_outcome give_up_slot(pgb_bridge &bridge, pgs_outcome why)
+{
+    pgs_server &server = bridge.server;
+    pgs_result result;
+    if (why == PGS_LOST || pgs_command(server, server.replication.get(), result,
+                                       "DROP_REPLICATION_SLOT " + pgs_name(server.slot)) != PGS_OK)
+        return why;
+    bridge.state.snapshot = "none";
+    bridge.state.told_lsn = 0;
+    return why;
+}
+
 // Makes the slot, and takes the snapshot that it begins with.
 static pgs_outcome create_slot(pgb_bridge &bridge)
 {
     pgs_server &server = bridge.server;
-    const bool snapshot = bridge.options.snapshot;
+    const bool snapshot = bridge.options.snapshot && fwu_writer_last_lsn(bridge.tx.writer) == 0;
     pgs_outcome outcome = check_identities(bridge, true);
     if (outcome != PGS_OK)
         return outcome;
@@ -131,26 +196,50 @@ static pgs_outcome create_slot(pgb_bridge &bridge)
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position");
     fprintf(stderr, "fwlog: slot \"%s\" created, it begins at %s\n", server.slot.c_str(),
             pgl_text(lsn).c_str());
-    if (!snapshot)
-        return PGS_OK;
-    outcome = pgb_take_snapshot(bridge, std::string(pgs_value(result, 0, 2)), lsn);
-    if (outcome != PGS_OK)
-        return outcome;
-    bridge.state.snapshot = "done";
+    bridge.state.told_lsn = lsn;
+    if (snapshot) {
+        outcome = pgb_take_snapshot(bridge, std::string(pgs_value(result, 0, 2)), lsn);
+        if (outcome != PGS_OK)
+            return give_up_slot(bridge, outcome);
+        bridge.state.snapshot = "done";
+    }
     return pgb_state_write(bridge.state, true) ? PGS_OK : PGS_REFUSED;
 }
 
 static pgs_outcome slot_is_missing(pgb_bridge &bridge)
 {
     const std::string slot = "slot \"" + bridge.server.slot + "\" is not there";
+    const pgb_options &options = bridge.options;
     const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
-    if (last != 0)
-        return refuse(slot + ", and the log goes up to " + pgl_text(last) +
+    const uint64_t known = std::max(last, bridge.state.told_lsn);
+    const bool begins = known == 0 || (last == 0 && options.create && options.snapshot);
+    if (!begins && !options.accept_gap)
+        return refuse(slot + ", and the log goes up to " + pgl_text(known) +
                       ": what was changed since cannot be had any more; begin a new log directory "
-                      "with --create --snapshot");
+                      "with --create --snapshot, or go on as it is with --create --accept-gap");
     if (!bridge.options.create)
         return refuse(slot + "; make it with --create, or name another with --slot");
     return create_slot(bridge);
+}
+
+// Compares the position that the slot has with what the log and its state know.
+static pgs_outcome check_position(pgb_bridge &bridge, uint64_t confirmed)
+{
+    pgb_state &state = bridge.state;
+    const fwu_commit &last = fwu_writer_last_commit(bridge.tx.writer);
+    if (last.lsn == 0 && state.told_lsn == 0)
+        state.told_lsn = confirmed; // the log begins here
+    const uint64_t known = std::max(last.lsn, state.told_lsn);
+    if (confirmed > known && !bridge.options.accept_gap)
+        return refuse("slot \"" + bridge.server.slot + "\" stands at " + pgl_text(confirmed) +
+                      ", the log goes up to " + pgl_text(known) +
+                      " only: somebody else has used the slot or made it anew, and what was "
+                      "changed between is missing; begin a new log directory with --create "
+                      "--snapshot, or go on as it is with --accept-gap");
+    state.told_lsn = std::max(known, confirmed);
+    // What is sent first must then be the last transaction that the log has.
+    bridge.expects_last = confirmed <= last.lsn && last.xid != 0 && !bridge.options.accept_gap;
+    return PGS_OK;
 }
 
 static pgs_outcome check_slot(pgb_bridge &bridge)
@@ -159,7 +248,8 @@ static pgs_outcome check_slot(pgb_bridge &bridge)
     pgs_result result;
     pgs_outcome outcome =
         pgs_query(server, server.sql.get(), result,
-                  "SELECT plugin, database, current_database() FROM pg_replication_slots"
+                  "SELECT plugin, database, current_database(), confirmed_flush_lsn"
+                  " FROM pg_replication_slots"
                   " WHERE slot_name = $1",
                   {server.slot.c_str()});
     if (outcome != PGS_OK)
@@ -173,6 +263,9 @@ static pgs_outcome check_slot(pgb_bridge &bridge)
                       "\", not of pgoutput and this database; name another with --slot");
     const bool nothing_logged = fwu_writer_last_lsn(bridge.tx.writer) == 0;
     if (nothing_logged && bridge.state.snapshot == "begun") {
+        if (!bridge.options.create || !bridge.options.snapshot)
+            return refuse("the snapshot of " + slot +
+                          " was cut short; give --create and --snapshot to take it anew");
         fprintf(stderr, "fwlog: the snapshot of %s was cut short: it is taken anew\n",
                 slot.c_str());
         outcome = pgs_query(server, server.sql.get(), result, "SELECT pg_drop_replication_slot($1)",
@@ -184,12 +277,30 @@ static pgs_outcome check_slot(pgb_bridge &bridge)
                       " is there already, and a snapshot can only be taken when the slot is "
                       "made; drop it (SELECT pg_drop_replication_slot('" +
                       server.slot + "')), or leave --snapshot out");
-    return check_identities(bridge, false);
+    uint64_t confirmed = 0;
+    (void)pgl_parse(confirmed, pgs_value(result, 0, 3)); // nothing: the slot was never used
+    outcome = check_position(bridge, confirmed);
+    return outcome == PGS_OK ? check_identities(bridge, false) : outcome;
+}
+
+static pgs_outcome check_role(pgb_bridge &bridge)
+{
+    pgs_server &server = bridge.server;
+    pgs_result result;
+    const pgs_outcome outcome =
+        pgs_query(server, server.sql.get(), result, "SELECT pg_is_in_recovery()");
+    if (outcome != PGS_OK || pgs_value(result, 0, 0) != "t")
+        return outcome;
+    server.lost = "the server is a standby that has not taken over";
+    server.slot_in_use = false;
+    return PGS_LOST;
 }
 
 pgs_outcome pgb_prepare(pgb_bridge &bridge)
 {
-    pgs_outcome outcome = check_system(bridge);
+    pgs_outcome outcome = check_role(bridge);
+    if (outcome == PGS_OK)
+        outcome = check_system(bridge);
     if (outcome == PGS_OK)
         outcome = check_publication(bridge);
     if (outcome == PGS_OK)

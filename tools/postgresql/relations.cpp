@@ -23,6 +23,8 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
     pgb_relation &relation = relations.known[told.id];
     if (relation.told == told)
         return;
+    if (relation.table != nullptr && relation.told.name != told.name)
+        relations.tables.known.erase(relation.table->name); // renamed: its dataset is free
     relation.told = told;
     relation.table = nullptr;
     set_columns(relation.fresh, told);
@@ -41,7 +43,7 @@ static pgt_table *find_table(pgb_relations &relations, const pgo_relation &told,
     if (said != nullptr) {
         dataset.layout = said->layout;
     } else {
-        error = pgt_long_name_text(config, name, told.schema, told.name);
+        error = pgt_bad_name_text(config, name, told.schema, told.name);
         if (!error.empty())
             return nullptr;
         dataset.layout.dbname = pgt_name(told.schema);
@@ -59,6 +61,16 @@ static pgt_table *find_table(pgb_relations &relations, const pgo_relation &told,
     return pgt_put(relations.tables, name, std::move(dataset), std::move(columns), error);
 }
 
+// A timestamp of a width that the configuration gives is a text like others.
+static void set_types(pgr_row &row, const fwu_config &config, const pgo_relation &told)
+{
+    for (const fwu_column &said : config.columns)
+        for (size_t i = 0; i < row.count; i++)
+            if (said.width != 0 && said.table == told.schema + "." + told.name &&
+                said.column == row.columns[i].name && row.columns[i].type != "boolean")
+                row.columns[i].type.clear();
+}
+
 pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error)
 {
     const auto found = relations.known.find(id);
@@ -68,8 +80,13 @@ pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error
         return nullptr;
     }
     pgb_relation &relation = found->second;
-    if (relation.table == nullptr)
+    if (relation.table == nullptr) {
         relation.table = find_table(relations, relation.told, error);
+        if (relation.table != nullptr && relation.table->own != nullptr) {
+            set_types(relation.fresh, *relations.tables.config, relation.told);
+            set_types(relation.old, *relations.tables.config, relation.told);
+        }
+    }
     return relation.table == nullptr ? nullptr : &relation;
 }
 

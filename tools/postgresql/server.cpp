@@ -1,5 +1,6 @@
 #include "tools/postgresql/server.h"
 
+#include "tools/pg_lsn.h"
 #include "tools/stop_signal.h"
 
 #include <cstdio>
@@ -193,7 +194,7 @@ static pgs_outcome open_one(pgs_server &server, pgs_connection &connection, bool
         "SET datestyle = ISO",       "SET intervalstyle = postgres",
         "SET timezone = 'UTC'",      "SET extra_float_digits = 3",
         "SET bytea_output = hex",    "SET search_path = pg_catalog",
-        "SET statement_timeout = 0",
+        "SET statement_timeout = 0", "SET row_security = off", // hidden rows are an error
     };
     pgs_result result;
     for (const char *setting : settings) {
@@ -208,6 +209,18 @@ pgs_outcome pgs_connect(pgs_server &server)
 {
     const pgs_outcome outcome = open_one(server, server.sql, false);
     return outcome == PGS_OK ? open_one(server, server.replication, true) : outcome;
+}
+
+void pgs_server_lsn(const pgs_server &server, uint64_t &lsn)
+{
+    const pgs_connection connection = open_connection(server.conninfo, false);
+    if (PQstatus(connection.get()) != CONNECTION_OK)
+        return;
+    const pgs_result result(PQexec(connection.get(),
+                                   "SELECT CASE WHEN pg_is_in_recovery() THEN "
+                                   "pg_last_wal_replay_lsn() ELSE pg_current_wal_flush_lsn() END"));
+    if (PQresultStatus(result.get()) == PGRES_TUPLES_OK)
+        (void)pgl_parse(lsn, pgs_value(result, 0, 0)); // stays
 }
 
 void pgs_disconnect(pgs_server &server)

@@ -3,6 +3,7 @@
 #ifndef TOOLS_POSTGRESQL_SERVER_H
 #define TOOLS_POSTGRESQL_SERVER_H
 
+#include <cstdint>
 #include <libpq-fe.h>
 #include <memory>
 #include <string>
@@ -68,6 +69,10 @@ pgs_outcome pgs_row(pgs_server &server, std::string_view &row);
 // but left in server.lost.
 pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
                        const std::string &doing);
+
+// Gets the end of the server's log over a connection of its own; lsn stays as it is
+// when that cannot be had.
+void pgs_server_lsn(const pgs_server &server, uint64_t &lsn);
 
 // A value of a result; nulls are empty.
 std::string_view pgs_value(const pgs_result &result, int row, int column);

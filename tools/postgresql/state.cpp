@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -25,6 +26,11 @@ static std::string member(const std::string &json, const char *name)
     if (found == std::string::npos)
         return text;
     for (size_t at = found + key.size(); at < json.size() && json[at] != '"'; at++) {
+        if (json.compare(at, 4, "\\u00") == 0) {
+            text += static_cast<char>(strtol(json.substr(at + 4, 2).c_str(), nullptr, 16));
+            at += 5;
+            continue;
+        }
         if (json[at] == '\\' && at + 1 < json.size())
             at++;
         text += json[at];
@@ -42,7 +48,11 @@ void pgb_state_read(pgb_state &state)
         return;
     state.system = member(json, "system_identifier");
     state.database = member(json, "database");
+    state.timeline = static_cast<uint32_t>(strtoul(member(json, "timeline").c_str(), nullptr, 10));
+    if (member(json, "slot") != state.slot)
+        return;
     state.snapshot = member(json, "snapshot");
+    (void)pgl_parse(state.told_lsn, member(json, "told_lsn")); // stays 0
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
@@ -98,10 +108,12 @@ static std::string json_text(const pgb_state &state)
     put("publication", state.publication, true);
     put("system_identifier", state.system, true);
     put("database", state.database, true);
+    put("timeline", std::to_string(state.timeline), true);
     put("snapshot", state.snapshot, true);
     put("server_lsn", pgl_text(state.server_lsn), true);
     put("received_lsn", pgl_text(state.received_lsn), true);
     put("logged_lsn", pgl_text(state.logged_lsn), true);
+    put("told_lsn", pgl_text(state.told_lsn), true);
     put("lag_bytes", std::to_string(pgb_lag_bytes(state)), false);
     put("lag_seconds", seconds, false);
     put("last_commit", state.commit_us == 0 ? "null" : '"' + utc_text(state.commit_us) + '"',
@@ -110,6 +122,18 @@ static std::string json_text(const pgb_state &state)
     put("changes", std::to_string(state.changes), false);
     put("reconnects", std::to_string(state.reconnects), false);
     return out + "}\n";
+}
+
+// Brings the name of a file to disk.
+static bool sync_directory(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool good = fd >= 0 && fsync(fd) == 0;
+    if (fd >= 0)
+        close(fd);
+    return good;
 }
 
 bool pgb_state_write(const pgb_state &state, bool durable)
@@ -122,7 +146,8 @@ bool pgb_state_write(const pgb_state &state, bool durable)
     const int code = errno;
     if (fd >= 0)
         close(fd);
-    if (good && rename(fresh.c_str(), state.path.c_str()) == 0)
+    if (good && rename(fresh.c_str(), state.path.c_str()) == 0 &&
+        (!durable || sync_directory(state.path)))
         return true;
     fprintf(stderr, "fwlog: %s: cannot write the state: %s\n", state.path.c_str(),
             strerror(good ? errno : code));
