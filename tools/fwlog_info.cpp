@@ -2,6 +2,7 @@
 #include "fwutil/fwu_config.h"
 #include "tools/fwlog.h"
 #include "tools/fwlog_survey.h"
+#include "tools/pg_lsn.h"
 #include "tools/pg_time.h"
 
 #include <cinttypes>
@@ -26,14 +27,6 @@ static std::string time_text(int64_t us)
         stamp.seconds--;
     }
     return pgt_stamp_format(text, stamp, 6) ? text + " UTC" : std::to_string(us) + " us";
-}
-
-static std::string lsn_text(uint64_t lsn)
-{
-    char text[32];
-    (void)snprintf(text, sizeof text, "%" PRIX32 "/%" PRIX32, static_cast<uint32_t>(lsn >> 32),
-                   static_cast<uint32_t>(lsn));
-    return text;
 }
 
 static void add(log_totals &totals, const survey_file &facts)
@@ -62,7 +55,7 @@ static void print_file(const survey_file &facts)
         printf("    commits       %s to %s\n"
                "    last          position %s, source %s\n",
                time_text(facts.first_us).c_str(), time_text(facts.last_us).c_str(),
-               survey_position(facts).c_str(), lsn_text(facts.last_lsn).c_str());
+               survey_position(facts).c_str(), pgl_text(facts.last_lsn).c_str());
     if (facts.tail > 0)
         printf("    tail          %" PRId64 " bytes that are not a whole transaction (yet)\n",
                facts.tail);
@@ -94,7 +87,7 @@ static void print_json_file(const survey_file &facts, bool first)
            ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s}",
            first ? "" : ",", survey_quoted(facts.file.name).c_str(), facts.file.generation,
            facts.file.sequence, facts.size, facts.transactions, facts.entries, facts.last_tag,
-           facts.first_us, facts.last_us, survey_quoted(lsn_text(facts.last_lsn)).c_str(),
+           facts.first_us, facts.last_us, survey_quoted(pgl_text(facts.last_lsn)).c_str(),
            facts.tail, facts.damage.empty() ? "null" : survey_quoted(facts.damage).c_str());
 }
 
