@@ -34,7 +34,7 @@ struct fwu_writer {
     bool sync_failed = false;   // what the system did not write it may have dropped
     uint64_t synced_lsn = 0;    // last commit that is on disk as far as the setting asks
 
-    fwu_commit last; // commit of the last transaction; all 0: there is none
+    fwu_commit last;         // commit of the last transaction; all 0: there is none
     int32_t last_recnum = 0; // 0: no record in the log
 
     bool open = false;      // a transaction has begun

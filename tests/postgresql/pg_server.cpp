@@ -173,6 +173,40 @@ void pg_server::crash()
     end(SIGQUIT);
 }
 
+static void copy_directory(const std::string &from, const std::string &to)
+{
+    std::filesystem::remove_all(to);
+    const run_result copied = run_program({"cp", "-a", from, to});
+    if (copied.status != 0)
+        throw std::runtime_error("cp failed: " + copied.err);
+}
+
+void pg_server::save() const
+{
+    copy_directory(directory + "/data", directory + "/saved");
+}
+
+void pg_server::set_back() const
+{
+    copy_directory(directory + "/saved", directory + "/data");
+}
+
+void pg_server::begin_timeline()
+{
+    const std::string signal = directory + "/data/standby.signal";
+    write_file(signal, "");
+    if (const passwd *user = server_user())
+        if (chown(signal.c_str(), user->pw_uid, user->pw_gid) != 0)
+            throw std::runtime_error("chown failed: " + signal);
+    start();
+    const std::unique_ptr<PGconn, decltype(&PQfinish)> client(PQconnectdb(conninfo().c_str()),
+                                                              PQfinish);
+    const std::unique_ptr<PGresult, decltype(&PQclear)> result(
+        PQexec(client.get(), "SELECT pg_promote()"), PQclear);
+    if (PQresultStatus(result.get()) != PGRES_TUPLES_OK)
+        throw std::runtime_error(std::string("pg_promote failed: ") + PQerrorMessage(client.get()));
+}
+
 std::string pg_server::conninfo(const std::string &database, const std::string &user) const
 {
     return "host=" + directory + " dbname=" + database + " user=" + user;

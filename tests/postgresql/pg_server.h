@@ -33,6 +33,14 @@ class pg_server {
     // Ends all its processes at once, as a crash does; start() recovers.
     void crash();
 
+    // Keeps a copy of the server's data, and puts it in their place again, as a restore
+    // from a backup does.  The server must be stopped.
+    void save() const;
+    void set_back() const;
+
+    // Starts the stopped server as a standby without a primary and promotes it.
+    void begin_timeline();
+
     // Connection string of a superuser, or of the user named.
     std::string conninfo(const std::string &database = "postgres",
                          const std::string &user = "postgres") const;

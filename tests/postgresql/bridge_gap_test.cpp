@@ -1,0 +1,296 @@
+// Where "fwlog postgresql" cannot go on without a gap: it says so, and the log stays
+// as it is.
+#include "tests/postgresql/bridge_fixture.h"
+
+using testing::HasSubstr;
+
+class BridgeGapTest : public BridgeTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        if (server == nullptr)
+            return;
+        configure(ledger_cfg);
+        sql(ledger_sql);
+    }
+
+    void insert(int id) const
+    {
+        sql("INSERT INTO load.ledger VALUES (" + std::to_string(id) + ", 0, 1, 'row', NULL)");
+    }
+
+    void begin_with(int id) const
+    {
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+        insert(id);
+        ASSERT_EQ(catch_up().status, 0);
+    }
+
+    // The ids inserted in the log, "1 2 ".
+    std::string logged_ids() const
+    {
+        std::string ids;
+        const std::string text = dump();
+        for (size_t at = 0; (at = text.find("after ID=", at)) != std::string::npos;) {
+            at += 9;
+            ids += text.substr(at, text.find(' ', at) - at) + " ";
+        }
+        return ids;
+    }
+
+    void expect_refused(const std::vector<std::string> &texts,
+                        const std::vector<std::string> &more = {}) const
+    {
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 1) << result.err;
+        for (const std::string &text : texts)
+            EXPECT_THAT(result.err, HasSubstr(text));
+    }
+
+    void make_slot() const
+    {
+        sql("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    }
+    void drop_slot() const
+    {
+        sql("SELECT pg_drop_replication_slot('" + database + "')");
+    }
+};
+
+TEST_F(BridgeGapTest, SlotMadeAnewByHand)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    drop_slot();
+    insert(2);
+    make_slot();
+    insert(3);
+    expect_refused({"slot \"" + database + "\" stands at ", "--accept-gap"});
+    EXPECT_EQ(logged_ids(), "1 ");
+    const run_result result = catch_up({"--accept-gap"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(logged_ids(), "1 3 ");
+    insert(4);
+    EXPECT_EQ(catch_up().status, 0) << "the gap is behind it";
+    EXPECT_EQ(logged_ids(), "1 3 4 ");
+}
+
+TEST_F(BridgeGapTest, SlotMadeAnewBeforeAnythingWasLogged)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    drop_slot();
+    insert(1);
+    expect_refused({"slot \"" + database + "\" is not there, and the log goes up to "},
+                   {"--create"});
+    make_slot();
+    expect_refused({"stands at "}, {"--create"});
+}
+
+TEST_F(BridgeGapTest, SlotThatAnotherLogUses)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    std::filesystem::create_directory(dir.file("other"));
+    std::filesystem::copy_file(dir.file("fwutil.cfg"), dir.file("other/fwutil.cfg"));
+    insert(2);
+    const run_result other = catch_up({"-cfg", "other/fwutil.cfg"});
+    EXPECT_EQ(other.status, 0) << other.err; // an empty log begins where the slot is
+    expect_refused({"stands at "});
+    EXPECT_EQ(logged_ids(), "1 ");
+}
+
+TEST_F(BridgeGapTest, StateThatIsLostCannotTellThatNothingIsMissing)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    std::filesystem::remove(dir.file("log/postgresql.json"));
+    expect_refused({"stands at "});
+    EXPECT_EQ(catch_up({"--accept-gap"}).status, 0);
+    insert(2);
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_EQ(logged_ids(), "1 2 ");
+}
+
+TEST_F(BridgeGapTest, ServerSetBackBehindTheLog)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    server->stop();
+    server->save();
+    server->start();
+    for (int id = 2; id < 5; id++)
+        insert(id);
+    ASSERT_EQ(catch_up().status, 0);
+    server->stop();
+    server->set_back();
+    server->start();
+    expect_refused({"the log goes up to ", ", the server only to "});
+    EXPECT_EQ(logged_ids(), "1 2 3 4 ");
+}
+
+TEST_F(BridgeGapTest, ServerSetBackThatHasGrownPastTheLog)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    server->stop();
+    server->save();
+    server->start();
+    insert(2);
+    ASSERT_EQ(catch_up().status, 0);
+    server->stop();
+    server->set_back();
+    server->start();
+    for (int id = 3; id < 30; id++)
+        insert(id);
+    expect_refused({"the server does not have transaction ", "the last one in the log"});
+    EXPECT_EQ(logged_ids(), "1 2 ");
+}
+
+TEST_F(BridgeGapTest, LastTransactionThatComesAgainIsNotLoggedAgain)
+{
+    // Killed before the server was told of the commit.
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    start_bridge();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    insert(2);
+    ASSERT_TRUE(poll_until([&] { return logged("after ID=2 "); }));
+    bridge.end(SIGKILL);
+    insert(3);
+    const run_result result = catch_up();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(logged_ids(), "1 2 3 ");
+}
+
+TEST_F(BridgeGapTest, TellsTheServerNothingBeforeItIsOnDisk)
+{
+    configure(std::string("sync interval 3600000\n") + ledger_cfg);
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    start_bridge();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    insert(1);
+    ASSERT_TRUE(poll_until([&] { return logged("after ID=1 "); }));
+    const std::string position = value("SELECT pg_current_wal_lsn()");
+    insert(2);
+    ASSERT_TRUE(poll_until([&] { return logged("after ID=2 "); }));
+    ASSERT_TRUE(poll_until([&] { return status_member("transactions") == "2"; }));
+    EXPECT_EQ(value("SELECT confirmed_flush_lsn < '" + position +
+                    "' FROM pg_replication_slots WHERE slot_name = '" + database + "'"),
+              "t");
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+}
+
+TEST_F(BridgeGapTest, SnapshotOfOneSlotDoesNotDropAnother)
+{
+    for (int id = 1; id < 3; id++)
+        insert(id);
+    sql("CREATE PUBLICATION " + database + " FOR ALL TABLES");
+    std::filesystem::create_directory(dir.file("log"));
+    write_file(dir.file("log/postgresql.json"),
+               "{\"slot\":\"mine\",\"snapshot\":\"begun\",\"told_lsn\":\"0/0\"}\n");
+    make_slot();
+    expect_refused({"slot \"" + database + "\" is there already"}, {"--create", "--snapshot"});
+    EXPECT_EQ(
+        value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" + database + "'"),
+        "1");
+}
+
+TEST_F(BridgeGapTest, SnapshotCutShortIsNotForgotten)
+{
+    sql("CREATE PUBLICATION " + database + " FOR ALL TABLES");
+    insert(1);
+    make_slot();
+    std::filesystem::create_directory(dir.file("log"));
+    write_file(dir.file("log/postgresql.json"),
+               "{\"slot\":\"" + database + "\",\"snapshot\":\"begun\",\"told_lsn\":\"0/0\"}\n");
+    expect_refused({"was cut short; give --create and --snapshot"}, {"--create"});
+    const run_result result = catch_up({"--create", "--snapshot"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(logged_ids(), "1 ");
+}
+
+TEST_F(BridgeGapTest, SnapshotThatIsRefusedLeavesNoSlot)
+{
+    sql("CREATE TABLE load.notes (id integer PRIMARY KEY, note text);"
+        "ALTER TABLE load.notes REPLICA IDENTITY FULL");
+    expect_refused({"load.notes.note: values of type text have no greatest length"},
+                   {"--create", "--snapshot"});
+    EXPECT_EQ(value("SELECT count(*) FROM pg_replication_slots"), "0");
+    configure(std::string("column load.notes.note width=20\n") + ledger_cfg);
+    EXPECT_EQ(catch_up({"--create", "--snapshot"}).status, 0);
+}
+
+TEST_F(BridgeGapTest, RefusedPublicationIsNotLeftOnTheServer)
+{
+    sql("CREATE TABLE load.plain (a integer); INSERT INTO load.plain VALUES (1)");
+    expect_refused({"ALTER TABLE load.plain REPLICA IDENTITY FULL;"}, {"--create"});
+    sql("UPDATE load.plain SET a = 2");
+    EXPECT_EQ(value("SELECT count(*) FROM pg_publication"), "0");
+}
+
+TEST_F(BridgeGapTest, RowsHiddenFromTheRoleAreAnError)
+{
+    const std::string role = database + "_limited";
+    insert(1);
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; CREATE PUBLICATION " + database +
+        " FOR ALL TABLES; GRANT USAGE ON SCHEMA load TO " + role +
+        "; GRANT SELECT ON load.ledger TO " + role +
+        "; ALTER TABLE load.ledger ENABLE ROW LEVEL SECURITY;"
+        "CREATE POLICY upper_ids ON load.ledger USING (id > 1)");
+    expect_refused({"row-level security"},
+                   {"--conninfo", conninfo(role), "--create", "--snapshot"});
+    sql("DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeGapTest, FirstRunWithAWrongDatabaseDoesNotBindTheLog)
+{
+    EXPECT_EQ(catch_up({"--conninfo", server->conninfo()}).status, 1);
+    const run_result result = catch_up({"--create"});
+    EXPECT_EQ(result.status, 0) << result.err;
+}
+
+TEST_F(BridgeGapTest, TimelineThatLeftBeforeTheLogsEnd)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    server->stop();
+    server->save();
+    server->start();
+    insert(2);
+    ASSERT_EQ(catch_up().status, 0);
+    server->stop();
+    server->set_back();
+    server->begin_timeline();
+    for (int id = 3; id < 30; id++)
+        insert(id);
+    expect_refused({"the server's timeline 2 has left timeline 1 before the log's end"});
+    EXPECT_EQ(logged_ids(), "1 2 ");
+}
+
+TEST_F(BridgeGapTest, TimelineThatGoesOnFromTheLogIsFollowed)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    server->stop();
+    server->begin_timeline();
+    // A slot does not go over to a server that was promoted.
+    if (value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" + database + "'") ==
+        "0")
+        make_slot();
+    insert(2);
+    const run_result result = catch_up({"--accept-gap"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(logged_ids(), "1 2 ");
+}
+
+TEST_F(BridgeGapTest, LagTellsWhatWaitsOnTheServer)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    start_bridge();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    // Sent at its commit only.
+    pg_client open(conninfo());
+    open.run("BEGIN; INSERT INTO load.ledger SELECT g, 0, 1, 'row', NULL"
+             " FROM generate_series(1, 20000) g");
+    sql("SELECT pg_switch_wal()"); // brings the open transaction's records to disk
+    bridge.signal(SIGUSR1);
+    ASSERT_TRUE(bridge_says(" bytes and "));
+    const std::string text = bridge.err();
+    const size_t at = text.find(" bytes and ");
+    const size_t begin = text.rfind(' ', at - 1) + 1;
+    EXPECT_GT(atol(text.c_str() + begin), 1'000'000) << text;
+    open.run("COMMIT");
+}
