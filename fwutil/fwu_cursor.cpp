@@ -101,44 +101,55 @@ static void drop_window(fwu_cursor &c, int64_t from)
         c.window_length = from > c.window_at ? static_cast<size_t>(from - c.window_at) : 0;
 }
 
-// Points p to length bytes of the file at offset.  FWU_END: the file ends before
-// that.  What stands from keep_at on stays in the window when all of it fits.
-static fwu_found fetch(fwu_cursor &c, int64_t at, size_t length, const unsigned char *&p)
+// Reads on until the window has length bytes of the file at offset, or FWU_END.
+// What stands from keep_at on stays in the window when all of it fits.
+static fwu_found fill_window(fwu_cursor &c, int64_t at, size_t length)
 {
     const auto need = static_cast<int64_t>(length);
-    if (at < c.window_at || at + need > c.window_at + static_cast<int64_t>(c.window_length)) {
-        if (length > c.window.size()) {
-            fwu_stamp stamp; // a length is believed only when the file has as much
-            if (file_stamp(c, stamp) != FWU_FOUND)
-                return FWU_FAILED;
-            if (stamp.size < at + need)
-                return FWU_END;
-            c.window.resize(length);
-        }
-        const auto room = static_cast<int64_t>(c.window.size());
-        const int64_t from = c.keep_at <= at && at + need - c.keep_at <= room ? c.keep_at : at;
-        const int64_t end = c.window_at + static_cast<int64_t>(c.window_length);
-        if (from >= c.window_at && from < end) {
-            c.window_length = static_cast<size_t>(end - from);
-            memmove(c.window.data(), c.window.data() + (from - c.window_at), c.window_length);
-        } else {
-            c.window_length = 0;
-            if (from < at)
-                c.scan_in_window = false; // bytes read anew have not been checked
-        }
-        c.window_at = from;
-        while (c.window_at + static_cast<int64_t>(c.window_length) < at + need) {
-            const ssize_t n =
-                pread(c.fd, c.window.data() + c.window_length, c.window.size() - c.window_length,
-                      c.window_at + static_cast<int64_t>(c.window_length));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0)
-                return read_error(c);
-            if (n == 0)
-                return FWU_END;
-            c.window_length += static_cast<size_t>(n);
-        }
+    if (length > c.window.size()) {
+        fwu_stamp stamp; // a length is believed only when the file has as much
+        if (file_stamp(c, stamp) != FWU_FOUND)
+            return FWU_FAILED;
+        if (stamp.size < at + need)
+            return FWU_END;
+        c.window.resize(length);
+    }
+    const auto room = static_cast<int64_t>(c.window.size());
+    const int64_t from = c.keep_at <= at && at + need - c.keep_at <= room ? c.keep_at : at;
+    const int64_t end = c.window_at + static_cast<int64_t>(c.window_length);
+    if (from >= c.window_at && from < end) {
+        c.window_length = static_cast<size_t>(end - from);
+        memmove(c.window.data(), c.window.data() + (from - c.window_at), c.window_length);
+    } else {
+        c.window_length = 0;
+        if (from < at)
+            c.scan_in_window = false; // bytes read anew have not been checked
+    }
+    c.window_at = from;
+    while (c.window_at + static_cast<int64_t>(c.window_length) < at + need) {
+        const ssize_t n =
+            pread(c.fd, c.window.data() + c.window_length, c.window.size() - c.window_length,
+                  c.window_at + static_cast<int64_t>(c.window_length));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return read_error(c);
+        if (n == 0)
+            return FWU_END;
+        c.window_length += static_cast<size_t>(n);
+    }
+    return FWU_FOUND;
+}
+
+// Points p to length bytes of the file at offset.  FWU_END: the file ends before
+// that.
+static inline fwu_found fetch(fwu_cursor &c, int64_t at, size_t length, const unsigned char *&p)
+{
+    const int64_t end = c.window_at + static_cast<int64_t>(c.window_length);
+    if (at < c.window_at || at + static_cast<int64_t>(length) > end) {
+        const fwu_found found = fill_window(c, at, length);
+        if (found != FWU_FOUND)
+            return found;
     }
     p = c.window.data() + (at - c.window_at);
     return FWU_FOUND;
