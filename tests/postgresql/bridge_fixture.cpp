@@ -122,6 +122,12 @@ void BridgeTest::start_bridge(const std::vector<std::string> &more)
     bridge.start(bridge_argv(more), options, dir.file("bridge"));
 }
 
+void BridgeTest::begin_following()
+{
+    start_bridge({"--create"});
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+}
+
 bool BridgeTest::bridge_says(const std::string &text)
 {
     return poll_until([&] { return bridge.err().find(text) != std::string::npos; });
@@ -150,6 +156,13 @@ std::string BridgeTest::dump() const
 bool BridgeTest::logged(const std::string &text) const
 {
     return fwlog({"dump"}).out.find(text) != std::string::npos;
+}
+
+void BridgeTest::wait_for_row(int id)
+{
+    const auto there = [&] { return logged("after ID=" + std::to_string(id) + " "); };
+    ASSERT_TRUE(poll_until([&] { return there() || !bridge.running(); }) && there())
+        << bridge.err();
 }
 
 std::vector<std::string> BridgeTest::captured() const

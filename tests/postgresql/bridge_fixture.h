@@ -45,6 +45,9 @@ class BridgeTest : public testing::Test {
 
     void start_bridge(const std::vector<std::string> &more = {});
 
+    // Starts it with a slot of its own and waits until it follows the server.
+    void begin_following();
+
     // Waits for a text in what the bridge has said.
     bool bridge_says(const std::string &text);
 
@@ -60,6 +63,9 @@ class BridgeTest : public testing::Test {
 
     // Whether the log holds a text, as the dump shows it.
     bool logged(const std::string &text) const;
+
+    // Waits until a row of load.ledger has come to the log.
+    void wait_for_row(int id);
 
     // Captures the whole log into a message file and takes the records.
     std::vector<std::string> captured() const;

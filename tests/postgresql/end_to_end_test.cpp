@@ -22,8 +22,7 @@ TEST_F(EndToEndTest, CapturesReplayedGiveTheDatabasesTables)
 {
     write_file(dir.file("fwutil.cfg"), read_file(example + "/fwutil.cfg"));
     sql(read_file(example + "/orders-schema.sql"));
-    start_bridge({"--create"});
-    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    ASSERT_NO_FATAL_FAILURE(begin_following());
     background capture;
     capture.start({kestro, "-cfg", "fwutil.cfg", "-stat", "orders.status", "-ascii", "all.txt",
                    "-exthdr", "-yyyy", "-recnum", "all.msg"},

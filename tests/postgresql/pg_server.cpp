@@ -154,23 +154,35 @@ void pg_server::start()
     }
 }
 
-void pg_server::end(int signal)
+// False when the signal alone did not end it in time.
+bool pg_server::end(int signal, int seconds)
 {
     if (pid <= 0)
-        return;
+        return true;
     kill(pid, signal);
-    wait_program(pid);
+    int status = 0;
+    const bool in_time = poll_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds);
+    if (!in_time) {
+        kill(pid, SIGQUIT);
+        wait_program(pid);
+    }
     pid = -1;
+    return in_time;
 }
 
 void pg_server::stop()
 {
-    end(SIGINT);
+    end(SIGINT, 60);
+}
+
+bool pg_server::stop_when_unused()
+{
+    return end(SIGTERM, 30);
 }
 
 void pg_server::crash()
 {
-    end(SIGQUIT);
+    end(SIGQUIT, 60);
 }
 
 static void copy_directory(const std::string &from, const std::string &to)

@@ -30,6 +30,10 @@ class pg_server {
     // yet stay in its slot.
     void stop();
 
+    // Takes no new connections and stops when the sessions have ended by themselves;
+    // false, and stopped all the same, when they do not within half a minute.
+    bool stop_when_unused();
+
     // Ends all its processes at once, as a crash does; start() recovers.
     void crash();
 
@@ -49,7 +53,7 @@ class pg_server {
     std::string log() const;
 
   private:
-    void end(int signal);
+    bool end(int signal, int seconds);
 
     std::string directory;
     pid_t pid = -1;
