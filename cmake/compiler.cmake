@@ -9,7 +9,10 @@ target_compile_options(kestro_build INTERFACE
   $<$<BOOL:${KESTRO_WERROR}>:-Werror>)
 
 if(KESTRO_SANITIZE)
+  target_compile_definitions(kestro_build INTERFACE KESTRO_SANITIZED)
   target_compile_options(kestro_build INTERFACE
-    -fsanitize=${KESTRO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
+    -fsanitize=${KESTRO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g
+    # These checks of clang++ need the C++ runtime, which libtmf does without.
+    $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-fno-sanitize=function,vptr>)
   target_link_options(kestro_build INTERFACE -fsanitize=${KESTRO_SANITIZE})
 endif()

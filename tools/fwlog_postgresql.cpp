@@ -111,10 +111,11 @@ static bool try_again(pgb_bridge &bridge, back_off &off)
         return false;
     }
     if (!bridge.connected) {
-        fprintf(stderr,
-                "fwlog: cannot connect: %s; check --conninfo (host, port, dbname, user, password), "
-                "and pg_hba.conf on the server\n",
-                server.lost.c_str());
+        fprintf(stderr, "fwlog: cannot connect: %s; %s\n", server.lost.c_str(),
+                server.remedy != nullptr
+                    ? server.remedy
+                    : "check --conninfo (host, port, dbname, user, password), and that the "
+                      "server runs");
         return false;
     }
     if (off.pause_ms == FIRST_PAUSE_MS)
@@ -165,6 +166,10 @@ int fwlog_postgresql_main(int argc, char **argv)
     if (fwu_writer_open(&bridge.tx.writer, bridge.config) != 0)
         return FWLOG_EXIT_FAILED;
     pgb_state_read(bridge.state);
+    const fwu_commit &last = fwu_writer_last_commit(bridge.tx.writer);
+    bridge.state.commit_us = last.time_us;
+    if (last.lsn != 0 && bridge.state.snapshot == "begun")
+        bridge.state.snapshot = "done"; // cut short behind its commit
 
     int status = run(bridge);
     if (fwu_writer_close(bridge.tx.writer) != 0)

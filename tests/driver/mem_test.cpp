@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 
-#if !defined(__SANITIZE_ADDRESS__)
+#ifndef KESTRO_SANITIZED
 TEST(Mem, AnAllocationThatFailsEndsTheProgramWithAMessage)
 {
     EXPECT_EXIT(mem_calloc(1, SIZE_MAX / 2), testing::ExitedWithCode(1),

@@ -4,7 +4,7 @@
 
 using testing::HasSubstr;
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef KESTRO_SANITIZED
 constexpr int ROWS = 100'000;
 #else
 constexpr int ROWS = 1'000'000;
@@ -46,7 +46,7 @@ TEST_F(BridgeLargeTest, AMillionRowsInOneTransactionNeedLittleMemory)
     const std::string changes = std::to_string(ROWS);
     ASSERT_TRUE(poll_until([&] { return status_member("changes") == changes; }, 120))
         << bridge.err();
-#ifndef __SANITIZE_ADDRESS__
+#ifndef KESTRO_SANITIZED
     RecordProperty("peak_memory_kib", std::to_string(peak_memory()));
     EXPECT_GT(peak_memory(), 0);
     EXPECT_LT(peak_memory(), MEMORY_MAX_KIB);

@@ -12,7 +12,7 @@ using testing::IsEmpty;
 
 static const std::string kestro = KESTRO_BUILD_DIR "/bin/Kestro";
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef KESTRO_SANITIZED
 constexpr int ROUNDS = 8;
 #else
 constexpr int ROUNDS = 30;

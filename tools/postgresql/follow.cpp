@@ -59,6 +59,7 @@ static void note_progress(follow &f)
     const fwu_writer *writer = f.bridge.tx.writer;
     if (fwu_writer_logged_lsn(writer) == fwu_writer_last_lsn(writer))
         state.logged_lsn = std::max(state.logged_lsn, f.apply.end);
+    state.logged_lsn = std::max(state.logged_lsn, fwu_writer_logged_lsn(writer));
     state.received_lsn = std::max(state.received_lsn, f.apply.end);
     state.server_lsn = std::max(state.server_lsn, state.received_lsn);
     const fwlog_totals &totals = f.bridge.tx.totals;
@@ -105,13 +106,12 @@ static pgs_outcome keep_in_touch(follow &f)
         pgs_server_lsn(bridge.server, bridge.state.server_lsn);
         pgb_state_print(bridge.state);
     }
-    if (now - f.heard_ms > bridge.silence_ms) {
-        // It may have been busy with one huge change: it gets longer the next time.
-        bridge.silence_ms = std::min(2 * bridge.silence_ms, SILENCE_MAX_MS);
-        return lost(f, "the server has been silent for too long");
-    }
     if (now < f.feedback_due_ms && !f.answer)
         return PGS_OK;
+    // A server that asks may be waiting to shut down until it is told everything.
+    if (f.answer && fwu_writer_settle_in(bridge.tx.writer) >= 0 &&
+        fwu_writer_sync(bridge.tx.writer) != 0)
+        return PGS_REFUSED;
     note_progress(f);
     if (now >= f.report_due_ms) {
         f.report_due_ms = now + REPORT_MS;
@@ -194,6 +194,11 @@ static pgs_outcome receive(follow &f, int limit_ms, bool &received)
     }
     if (received)
         f.heard_ms = monotonic_ms();
+    if (monotonic_ms() - f.heard_ms > f.bridge.silence_ms) {
+        // It may have been busy with one huge change: it gets longer the next time.
+        f.bridge.silence_ms = std::min(2 * f.bridge.silence_ms, SILENCE_MAX_MS);
+        return lost(f, "the server has been silent for too long");
+    }
     // Encrypted connections may hold bytes that the socket does not show.
     return PQconsumeInput(f.connection) == 1 ? PGS_OK : lost(f);
 }

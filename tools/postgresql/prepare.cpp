@@ -24,10 +24,12 @@ static pgs_outcome check_timeline(pgb_bridge &bridge, const std::string &now)
     pgs_server &server = bridge.server;
     pgb_state &state = bridge.state;
     const auto timeline = static_cast<uint32_t>(strtoul(now.c_str(), nullptr, 10));
-    const uint32_t before = fwu_writer_last_lsn(bridge.tx.writer) == 0 ? 0 : state.timeline;
-    state.timeline = timeline;
-    if (before == 0 || before == timeline)
+    const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
+    const uint32_t before = last == 0 ? 0 : state.timeline;
+    if (before == 0 || before == timeline || bridge.options.accept_gap) {
+        state.timeline = timeline;
         return PGS_OK;
+    }
     pgs_result result;
     const pgs_outcome outcome =
         pgs_command(server, server.replication.get(), result, "TIMELINE_HISTORY " + now);
@@ -40,14 +42,18 @@ static pgs_outcome check_timeline(pgb_bridge &bridge, const std::string &now)
         if (tab == std::string::npos || strtoul(line.c_str(), nullptr, 10) != before)
             continue;
         uint64_t left = 0;
-        if (pgl_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) &&
-            fwu_writer_last_lsn(bridge.tx.writer) < left && state.told_lsn <= left)
-            return PGS_OK;
+        if (!pgl_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) ||
+            last >= left)
+            break;
+        // Beyond that place the old timeline had nothing for the log.
+        state.told_lsn = std::min(state.told_lsn, left);
+        state.timeline = timeline;
+        return PGS_OK;
     }
     return refuse("the server's timeline " + now + " has left timeline " + std::to_string(before) +
-                  " before the log's end, " + pgl_text(fwu_writer_last_lsn(bridge.tx.writer)) +
+                  " before the log's end, " + pgl_text(last) +
                   ": it lacks transactions that the log has; begin a new log directory with "
-                  "--create --snapshot");
+                  "--create --snapshot, or go on as it is with --accept-gap");
 }
 
 static pgs_outcome check_system(pgb_bridge &bridge)
@@ -75,6 +81,9 @@ static pgs_outcome check_system(pgb_bridge &bridge)
         return refuse("the log belongs to database \"" + state.database + "\" of server system " +
                       state.system + ", this is database \"" + database + "\" of " + system +
                       "; use another log directory for it (" + state.path + " tells)");
+    const pgs_outcome checked = check_timeline(bridge, std::string(pgs_value(result, 0, 1)));
+    if (checked != PGS_OK)
+        return checked;
     const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
     const uint64_t known = std::max(last, state.told_lsn);
     if (known > now)
@@ -82,9 +91,6 @@ static pgs_outcome check_system(pgb_bridge &bridge)
                       pgl_text(now) +
                       ": it is another server, or was set back to an older state; begin a new log "
                       "directory with --create --snapshot");
-    const pgs_outcome checked = check_timeline(bridge, std::string(pgs_value(result, 0, 1)));
-    if (checked != PGS_OK)
-        return checked;
     state.system = system;
     state.database = database;
     state.server_lsn = now;
@@ -232,8 +238,8 @@ static pgs_outcome check_position(pgb_bridge &bridge, uint64_t confirmed)
     const uint64_t known = std::max(last.lsn, state.told_lsn);
     if (confirmed > known && !bridge.options.accept_gap)
         return refuse("slot \"" + bridge.server.slot + "\" stands at " + pgl_text(confirmed) +
-                      ", the log goes up to " + pgl_text(known) +
-                      " only: somebody else has used the slot or made it anew, and what was "
+                      ", the log goes up to " + pgl_text(known) + " only as far as " + state.path +
+                      " tells: somebody else has used the slot or made it anew, and what was "
                       "changed between is missing; begin a new log directory with --create "
                       "--snapshot, or go on as it is with --accept-gap");
     state.told_lsn = std::max(known, confirmed);

@@ -1,6 +1,5 @@
 #include "tools/postgresql/server.h"
 
-#include "tools/pg_lsn.h"
 #include "tools/stop_signal.h"
 
 #include <cstdio>
@@ -37,6 +36,24 @@ static const char *find_remedy(const char *state, const char *message)
         if (strncmp(state, row.state, strlen(row.state)) == 0 &&
             (row.message == nullptr || strstr(message, row.message) != nullptr))
             return row.remedy;
+    return nullptr;
+}
+
+// A refused connection has no SQLSTATE, only its text.
+static const char *find_connection_remedy(const char *message)
+{
+    static constexpr struct {
+        const char *text;
+        const char *state;
+    } rows[] = {
+        {"replication role", "42501"}, {"WAL sender", "42501"},
+        {"max_wal_senders", "53300"},  {"too many clients", "53300"},
+        {"connection slots", "53300"}, {"authentication failed", "28"},
+        {"pg_hba.conf", "28"},         {"does not exist", "3D000"},
+    };
+    for (const auto &row : rows)
+        if (strstr(message, row.text) != nullptr)
+            return find_remedy(row.state, "replication");
     return nullptr;
 }
 
@@ -186,6 +203,7 @@ static pgs_outcome open_one(pgs_server &server, pgs_connection &connection, bool
     connection = open_connection(server.conninfo, replication);
     if (PQstatus(connection.get()) != CONNECTION_OK) {
         server.lost = one_line(PQerrorMessage(connection.get()));
+        server.remedy = find_connection_remedy(server.lost.c_str());
         server.slot_in_use = false;
         return PGS_LOST;
     }
@@ -209,18 +227,6 @@ pgs_outcome pgs_connect(pgs_server &server)
 {
     const pgs_outcome outcome = open_one(server, server.sql, false);
     return outcome == PGS_OK ? open_one(server, server.replication, true) : outcome;
-}
-
-void pgs_server_lsn(const pgs_server &server, uint64_t &lsn)
-{
-    const pgs_connection connection = open_connection(server.conninfo, false);
-    if (PQstatus(connection.get()) != CONNECTION_OK)
-        return;
-    const pgs_result result(PQexec(connection.get(),
-                                   "SELECT CASE WHEN pg_is_in_recovery() THEN "
-                                   "pg_last_wal_replay_lsn() ELSE pg_current_wal_flush_lsn() END"));
-    if (PQresultStatus(result.get()) == PGRES_TUPLES_OK)
-        (void)pgl_parse(lsn, pgs_value(result, 0, 0)); // stays
 }
 
 void pgs_disconnect(pgs_server &server)

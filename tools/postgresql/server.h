@@ -39,11 +39,12 @@ struct pgs_server {
     std::string conninfo;
     std::string slot;
     std::string publication;
-    pgs_connection sql;         // for queries
-    pgs_connection replication; // for the stream
-    pgs_memory row;             // that pgs_row gave last
-    std::string lost;           // after PGS_LOST: what the server or the system said
-    bool slot_in_use = false;   // after PGS_LOST: it was that another process has the slot
+    pgs_connection sql;           // for queries
+    pgs_connection replication;   // for the stream
+    pgs_memory row;               // that pgs_row gave last
+    std::string lost;             // after PGS_LOST: what the server or the system said
+    const char *remedy = nullptr; // after PGS_LOST: what to do about it, if that is known
+    bool slot_in_use = false;     // after PGS_LOST: it was that another process has the slot
 };
 
 // Opens both connections, with the settings that make values look the same on every
@@ -70,8 +71,8 @@ pgs_outcome pgs_row(pgs_server &server, std::string_view &row);
 pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
                        const std::string &doing);
 
-// Gets the end of the server's log over a connection of its own; lsn stays as it is
-// when that cannot be had.
+// Gets the end of the log of the server that is followed, over a connection of its
+// own; lsn stays as it is when that cannot be had within two seconds.
 void pgs_server_lsn(const pgs_server &server, uint64_t &lsn);
 
 // A value of a result; nulls are empty.

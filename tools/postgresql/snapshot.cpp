@@ -189,7 +189,8 @@ static pgs_outcome copy_tables(pgb_bridge &bridge, const std::string &snapshot)
 pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, uint64_t lsn)
 {
     bridge.state.phase = "snapshot";
-    (void)pgb_state_write(bridge.state, false); // reported; the next attempt comes soon
+    if (!pgb_state_write(bridge.state, true)) // where the slot begins
+        return PGS_REFUSED;
     fwu_commit commit;
     commit.lsn = lsn - 1; // the first transaction behind the snapshot may commit at lsn
     commit.time_us = now_us();

@@ -57,7 +57,8 @@ void pgb_state_read(pgb_state &state)
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
 {
-    return state.server_lsn > state.logged_lsn ? state.server_lsn - state.logged_lsn : 0;
+    const uint64_t reached = std::max(state.logged_lsn, state.told_lsn);
+    return state.server_lsn > reached ? state.server_lsn - reached : 0;
 }
 
 static int64_t now_us()
