@@ -204,11 +204,10 @@ static measure run_loop(const std::string &captured, const std::string &file, bo
     return result;
 }
 
-static double median(std::vector<measure> runs)
+static double median(std::vector<double> values)
 {
-    std::sort(runs.begin(), runs.end(),
-              [](const measure &a, const measure &b) { return a.seconds < b.seconds; });
-    return runs[runs.size() / 2].seconds;
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
 }
 
 static void bench(const std::string &kestro, const std::string &directory, int changes, int rounds,
@@ -220,21 +219,22 @@ static void bench(const std::string &kestro, const std::string &directory, int c
     run_child(
         [&] { _exit(records_of(sample, text).size() == static_cast<size_t>(changes) ? 0 : 1); });
 
-    std::vector<measure> captures;
-    std::vector<measure> loops;
-    for (int round = 0; round < rounds; round++) {
-        captures.push_back(run_kestro(kestro, directory, text));
-        loops.push_back(run_loop(sample, directory + "/loop", text));
-    }
+    std::vector<double> captures;
+    std::vector<double> loops;
+    std::vector<double> ratios; // of the two in the same round: the machine's speed changes
     long peak = 0;
-    for (const measure &m : captures)
-        peak = std::max(peak, m.peak_kib);
-    const double capture = median(captures);
-    const double loop = median(loops);
+    for (int round = 0; round < rounds; round++) {
+        const measure capture = run_kestro(kestro, directory, text);
+        const measure loop = run_loop(sample, directory + "/loop", text);
+        captures.push_back(capture.seconds);
+        loops.push_back(loop.seconds);
+        ratios.push_back(loop.seconds / capture.seconds);
+        peak = std::max(peak, capture.peak_kib);
+    }
     printf("%-7s %9d changes, %5.1f bytes a record: Kestro %9.0f changes/s, loop %9.0f records/s, "
            "ratio %.2f, peak %ld KiB\n",
            text ? "text" : "message", changes, static_cast<double>(fs::file_size(sample)) / changes,
-           changes / capture, changes / loop, loop / capture, peak);
+           changes / median(captures), changes / median(loops), median(ratios), peak);
     fflush(stdout);
 }
 
