@@ -2,6 +2,7 @@
 // inside ppoll, so that one coming just before the wait still ends it.
 #include "fwutil/fwu_wait.h"
 
+#include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_cursor.h"
 #include "fwutil/fwu_error.h"
 
@@ -83,13 +84,6 @@ static fwu_wake take_events(const fwu_watch &watch)
     return wake;
 }
 
-static int64_t now_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
-}
-
 fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds)
 {
     sigset_t both;
@@ -103,14 +97,14 @@ fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds)
         wake = watch.fd < 0 ? FWU_WAKE_FILE : FWU_WAKE_TIMEOUT;
         const int limit =
             watch.fd < 0 ? std::min(milliseconds, POLL_WITHOUT_WATCH_MS) : milliseconds;
-        const int64_t end = now_ms() + limit;
+        const int64_t end = fwu_monotonic_ms() + limit;
         pollfd row = {watch.fd, POLLIN, 0}; // a descriptor of -1 is passed over
         int64_t left = limit;
         do {
             const timespec time = {left / 1000, left % 1000 * 1000000};
             if (ppoll(&row, 1, &time, &before) > 0)
                 wake = take_events(watch);
-            left = end - now_ms();
+            left = end - fwu_monotonic_ms();
         } while (wake == FWU_WAKE_TIMEOUT && fwu_stop == 0 && left > 0);
         if (fwu_stop != 0)
             wake = FWU_WAKE_STOP;

@@ -3,6 +3,7 @@
 // commit writes them out as they are: a small transaction in one write.
 #include "fwutil/fwu_writer.h"
 
+#include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_writer_state.h"
 #include "fwutil/fwutil.h"
@@ -12,7 +13,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
@@ -21,20 +21,6 @@
 int fwu_file_error(const std::string &path, const char *what)
 {
     return fwu_error("%s: %s: %s", path.c_str(), what, strerror(errno));
-}
-
-static int64_t monotonic_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
-}
-
-static int64_t now_us()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1000000} + now.tv_nsec / 1000;
 }
 
 void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname)
@@ -61,7 +47,7 @@ int fwu_writer_put_header(const fwu_writer &w, int fd, const fwu_log_file &file)
     header.big_endian = w.big_endian;
     header.generation = file.generation;
     header.sequence = file.sequence;
-    header.created_us = now_us();
+    header.created_us = fwu_now_us();
     fwu_file_header_put(bytes, header);
     return fwu_write_all(fd, bytes, sizeof bytes, 0);
 }
@@ -349,7 +335,7 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     w.last_recnum = w.recnum;
     w.last = commit;
     if (!w.unsynced)
-        w.unsynced_since = monotonic_ms();
+        w.unsynced_since = fwu_monotonic_ms();
     w.unsynced = true;
     for (auto &[key, layout] : w.txn_layouts)
         w.layouts[key] = std::move(layout);
@@ -422,7 +408,7 @@ int fwu_writer_settle(fwu_writer *writer, bool more_waits)
     if (!w.unsynced || w.sync == FWU_SYNC_NONE)
         return 0;
     const int64_t longest = longest_wait_ms(w, more_waits);
-    if (longest > 0 && monotonic_ms() - w.unsynced_since < longest)
+    if (longest > 0 && fwu_monotonic_ms() - w.unsynced_since < longest)
         return 0;
     return fwu_writer_sync(writer);
 }
@@ -432,7 +418,7 @@ int fwu_writer_settle_in(const fwu_writer *writer)
     const fwu_writer &w = *writer;
     if (!w.unsynced || w.sync == FWU_SYNC_NONE)
         return -1;
-    const int64_t waited = monotonic_ms() - w.unsynced_since;
+    const int64_t waited = fwu_monotonic_ms() - w.unsynced_since;
     return static_cast<int>(std::max<int64_t>(longest_wait_ms(w, false) - waited, 0));
 }
 

@@ -2,24 +2,18 @@
 // writer, which does not know of this line, begins there and not behind it.
 #include "tools/load_progress.h"
 
+#include "fwutil/fwu_clock.h"
+
 #include <cinttypes>
 #include <cstdio>
-#include <ctime>
 
 static constexpr int64_t INTERVAL_MS = 250;
-
-static int64_t now_ms()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
 
 void load_progress_show(load_progress &progress, const fwlog_totals &totals, uint64_t bytes)
 {
     if (!progress.on_terminal)
         return;
-    const int64_t now = now_ms();
+    const int64_t now = fwu_monotonic_ms();
     if (now < progress.next_ms)
         return;
     progress.next_ms = now + INTERVAL_MS;

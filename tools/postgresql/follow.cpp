@@ -1,5 +1,6 @@
 // The stream: messages into transactions, positions back to the server.  It is told
 // a position only once all transactions before it are logged.
+#include "fwutil/fwu_clock.h"
 #include "tools/pg_lsn.h"
 #include "tools/postgresql/apply.h"
 #include "tools/postgresql/report_signal.h"
@@ -10,7 +11,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
+#include <poll.h>
 
 constexpr int VERSION_WITH_MESSAGES = 140000;
 constexpr int64_t FEEDBACK_MS = 1000;    // how often the server is told of the progress
@@ -19,14 +20,8 @@ constexpr size_t DATA_HEADER = 25;       // 'w', start, end and time before the 
 constexpr size_t KEEPALIVE_SIZE = 18;    // 'k', end, time, whether an answer is wanted
 constexpr int MESSAGES_A_LOOK = 256;     // messages between two looks at the clock
 constexpr int64_t ASK_AFTER_MS = 20'000; // of silence, whether the server is there
+constexpr int64_t GOOD_BYE_MS = 3000;    // for the server to end the stream
 constexpr int64_t SILENCE_MAX_MS = 3'600'000;
-
-static int64_t monotonic_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
-}
 
 struct follow {
     pgb_bridge &bridge;
@@ -35,7 +30,7 @@ struct follow {
     bool answer = false; // the server wants to hear something now
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
-    int64_t heard_ms = monotonic_ms(); // when the server sent something
+    int64_t heard_ms = fwu_monotonic_ms(); // when the server sent something
 };
 
 static uint64_t big_endian(const char *bytes)
@@ -83,7 +78,7 @@ static pgs_outcome lost(follow &f, const char *why)
 static pgs_outcome send_feedback(follow &f)
 {
     const pgb_state &state = f.bridge.state;
-    const bool asks = monotonic_ms() - f.heard_ms > ASK_AFTER_MS;
+    const bool asks = fwu_monotonic_ms() - f.heard_ms > ASK_AFTER_MS;
     std::string text = "r";
     put_big_endian(text, state.received_lsn);
     put_big_endian(text, state.logged_lsn);
@@ -101,7 +96,7 @@ static pgs_outcome send_feedback(follow &f)
 static pgs_outcome keep_in_touch(follow &f)
 {
     pgb_bridge &bridge = f.bridge;
-    const int64_t now = monotonic_ms();
+    const int64_t now = fwu_monotonic_ms();
     if (report_signal_taken()) {
         pgs_server_lsn(bridge.server, bridge.state.server_lsn);
         pgb_state_print(bridge.state);
@@ -193,8 +188,8 @@ static pgs_outcome receive(follow &f, int limit_ms, bool &received)
         return PGS_REFUSED;
     }
     if (received)
-        f.heard_ms = monotonic_ms();
-    if (monotonic_ms() - f.heard_ms > f.bridge.silence_ms) {
+        f.heard_ms = fwu_monotonic_ms();
+    if (fwu_monotonic_ms() - f.heard_ms > f.bridge.silence_ms) {
         // It may have been busy with one huge change: it gets longer the next time.
         f.bridge.silence_ms = std::min(2 * f.bridge.silence_ms, SILENCE_MAX_MS);
         return lost(f, "the server has been silent for too long");
@@ -206,7 +201,7 @@ static pgs_outcome receive(follow &f, int limit_ms, bool &received)
 // Until something is due by the clock.
 static int patience_ms(const follow &f)
 {
-    int64_t limit = std::max<int64_t>(f.feedback_due_ms - monotonic_ms(), 0);
+    int64_t limit = std::max<int64_t>(f.feedback_due_ms - fwu_monotonic_ms(), 0);
     const int settle_in = fwu_writer_settle_in(f.bridge.tx.writer);
     if (settle_in >= 0)
         limit = std::min<int64_t>(limit, settle_in);
@@ -236,12 +231,35 @@ static pgs_outcome run(follow &f)
     }
 }
 
-// Tells the server the last position and ends the stream, so that the slot is free
-// when this returns.
+// Receives what the server still sends; false when time is up or it is gone.
+static bool receive_until(PGconn *connection, int64_t deadline_ms)
+{
+    const int64_t left = deadline_ms - fwu_monotonic_ms();
+    struct pollfd wanted = {.fd = PQsocket(connection), .events = POLLIN, .revents = 0};
+    return left > 0 && poll(&wanted, 1, static_cast<int>(left)) > 0 &&
+           PQconsumeInput(connection) == 1;
+}
+
+// Tells the server the last position and ends the stream.  The server answers once it
+// has let the slot go, so that the slot is free for others when this returns.
 static void say_good_bye(follow &f)
 {
-    if (keep_in_touch(f) == PGS_OK && PQputCopyEnd(f.connection, nullptr) == 1)
-        (void)PQflush(f.connection); // the connection is closed next
+    if (keep_in_touch(f) != PGS_OK || PQputCopyEnd(f.connection, nullptr) != 1 ||
+        PQflush(f.connection) < 0)
+        return; // the connection is closed next in any case
+    const int64_t deadline = fwu_monotonic_ms() + GOOD_BYE_MS;
+    int length = 0;
+    while (length >= 0) {
+        char *bytes = nullptr;
+        length = PQgetCopyData(f.connection, &bytes, 1);
+        const pgs_memory passed_over(bytes);
+        if (length == 0 && !receive_until(f.connection, deadline))
+            return;
+    }
+    while (PQisBusy(f.connection) != 0)
+        if (!receive_until(f.connection, deadline))
+            return;
+    const pgs_result answer(PQgetResult(f.connection));
 }
 
 pgs_outcome pgb_follow(pgb_bridge &bridge)

@@ -1,24 +1,17 @@
 // The end of the server's log, asked for beside the stream.  Nothing may hold the
 // stream up: not a server that takes no connection, nor one that gives no answer.
+#include "fwutil/fwu_clock.h"
 #include "tools/pg_lsn.h"
 #include "tools/postgresql/server.h"
 
-#include <ctime>
 #include <poll.h>
 
 constexpr int64_t PATIENCE_MS = 2000;
 
-static int64_t monotonic_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1000} + now.tv_nsec / 1'000'000;
-}
-
 // Waits for the connection's socket; false when time is up or a signal came.
 static bool wait_for(const PGconn *connection, short events, int64_t deadline_ms)
 {
-    const int64_t left = deadline_ms - monotonic_ms();
+    const int64_t left = deadline_ms - fwu_monotonic_ms();
     struct pollfd wanted = {.fd = PQsocket(connection), .events = events, .revents = 0};
     return left > 0 && wanted.fd >= 0 && poll(&wanted, 1, static_cast<int>(left)) > 0;
 }
@@ -37,7 +30,7 @@ static bool connect(PGconn *connection, int64_t deadline_ms)
 
 void pgs_server_lsn(const pgs_server &server, uint64_t &lsn)
 {
-    const int64_t deadline = monotonic_ms() + PATIENCE_MS;
+    const int64_t deadline = fwu_monotonic_ms() + PATIENCE_MS;
     const PGconn *const followed = server.replication.get();
     const char *const address = PQhostaddr(followed);
     const bool remote = address != nullptr && *address != '\0';

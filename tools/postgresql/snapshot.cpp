@@ -1,19 +1,12 @@
 // The contents that the tables had when the slot was made, as inserts.
+#include "fwutil/fwu_clock.h"
 #include "tools/pg_lsn.h"
 #include "tools/postgresql/bridge.h"
 
 #include <cinttypes>
 #include <cstdio>
-#include <ctime>
 
 constexpr int VERSION_WITH_COLUMN_LISTS = 150000;
-
-static int64_t now_us()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1'000'000} + now.tv_nsec / 1000;
-}
 
 // The characters that COPY writes with a backslash.
 static char unescape(char c)
@@ -193,7 +186,7 @@ pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, u
         return PGS_REFUSED;
     fwu_commit commit;
     commit.lsn = lsn - 1; // the first transaction behind the snapshot may commit at lsn
-    commit.time_us = now_us();
+    commit.time_us = fwu_now_us();
     fwlog_begin(bridge.tx, commit);
     bridge.tx.data.push_back("snapshot=" + snapshot);
     const pgs_outcome outcome = copy_tables(bridge, snapshot);

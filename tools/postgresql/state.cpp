@@ -1,5 +1,6 @@
 #include "tools/postgresql/state.h"
 
+#include "fwutil/fwu_clock.h"
 #include "tools/pg_lsn.h"
 #include "tools/tmf_text.h"
 
@@ -61,18 +62,11 @@ uint64_t pgb_lag_bytes(const pgb_state &state)
     return state.server_lsn > reached ? state.server_lsn - reached : 0;
 }
 
-static int64_t now_us()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail with this clock
-    return now.tv_sec * MICROS_PER_SECOND + now.tv_nsec / 1000;
-}
-
 double pgb_lag_seconds(const pgb_state &state)
 {
     if (pgb_lag_bytes(state) == 0 || state.commit_us == 0)
         return 0;
-    return static_cast<double>(std::max<int64_t>(now_us() - state.commit_us, 0)) /
+    return static_cast<double>(std::max<int64_t>(fwu_now_us() - state.commit_us, 0)) /
            static_cast<double>(MICROS_PER_SECOND);
 }
 
@@ -104,7 +98,7 @@ static std::string json_text(const pgb_state &state)
     snprintf(seconds, sizeof seconds, "%.3f", pgb_lag_seconds(state));
     put("state", state.phase, true);
     put("pid", std::to_string(getpid()), false);
-    put("updated", utc_text(now_us()), true);
+    put("updated", utc_text(fwu_now_us()), true);
     put("slot", state.slot, true);
     put("publication", state.publication, true);
     put("system_identifier", state.system, true);
