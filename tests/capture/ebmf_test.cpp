@@ -11,6 +11,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 using namespace std::string_literals;
@@ -42,6 +44,50 @@ class file_size_limit {
     rlimit old_ = {};
     void (*handler_)(int);
 };
+
+// A signal that comes while a write waits for room in a pipe; the second one makes room.
+static int interrupted_pipe = -1;
+static volatile sig_atomic_t interruptions = 0;
+
+static void interrupt_write(int)
+{
+    char bytes[4096];
+    interruptions = interruptions + 1;
+    while (interruptions > 1 && read(interrupted_pipe, bytes, sizeof bytes) > 0) {
+    }
+}
+
+TEST(Ebmf, InterruptedTextWriteGoesOn)
+{
+    const tempdir dir;
+    ASSERT_EQ(0, mkfifo(dir.file("f").c_str(), 0600));
+    interrupted_pipe = open(dir.file("f").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(interrupted_pipe, 0);
+    ebmf *file = ebmf_fopen(dir.file("f").c_str(), 0, ASCII_ON);
+    ASSERT_NE(nullptr, file);
+    const int out = fileno(file->textfp);
+    ASSERT_EQ(0, fcntl(out, F_SETFL, O_NONBLOCK));
+    const std::string filling(4096, '.');
+    while (write(out, filling.data(), filling.size()) > 0) {
+    }
+    ASSERT_EQ(0, fcntl(out, F_SETFL, 0));
+
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = interrupt_write; // without SA_RESTART
+    sigaction(SIGALRM, &action, &before);
+    interruptions = 0;
+    const itimerval often = {{0, 10000}, {0, 10000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const int result = write_text(file, "record");
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_EQ(0, result);
+    EXPECT_GE(interruptions, 2);
+    EXPECT_EQ(0, ebmf_fclose(file));
+    close(interrupted_pipe);
+}
 
 TEST(Ebmf, TextFileIsCreatedAndClosed)
 {

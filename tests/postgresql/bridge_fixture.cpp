@@ -69,6 +69,20 @@ void BridgeTest::TearDown()
     client.run("DROP DATABASE " + database + " WITH (FORCE)");
 }
 
+void LedgerTest::SetUp()
+{
+    BridgeTest::SetUp();
+    if (server == nullptr)
+        return;
+    configure(ledger_cfg);
+    sql(ledger_sql);
+}
+
+void LedgerTest::insert(int id) const
+{
+    sql("INSERT INTO load.ledger VALUES (" + std::to_string(id) + ", 0, 1, 'row', NULL)");
+}
+
 std::string BridgeTest::conninfo(const std::string &user) const
 {
     return server->conninfo(database, user);

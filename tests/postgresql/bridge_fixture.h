@@ -81,6 +81,14 @@ class BridgeTest : public testing::Test {
     static std::unique_ptr<pg_server> server;
 };
 
+// The same with table load.ledger and its dataset.
+class LedgerTest : public BridgeTest {
+  protected:
+    void SetUp() override;
+
+    void insert(int id) const;
+};
+
 // Header fields of a message record with -exthdr -yyyy -recnum.
 int record_number(const std::string &record);
 

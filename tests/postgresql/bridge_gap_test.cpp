@@ -4,22 +4,8 @@
 
 using testing::HasSubstr;
 
-class BridgeGapTest : public BridgeTest {
+class BridgeGapTest : public LedgerTest {
   protected:
-    void SetUp() override
-    {
-        BridgeTest::SetUp();
-        if (server == nullptr)
-            return;
-        configure(ledger_cfg);
-        sql(ledger_sql);
-    }
-
-    void insert(int id) const
-    {
-        sql("INSERT INTO load.ledger VALUES (" + std::to_string(id) + ", 0, 1, 'row', NULL)");
-    }
-
     void begin_with(int id) const
     {
         ASSERT_EQ(catch_up({"--create"}).status, 0);
@@ -46,6 +32,13 @@ class BridgeGapTest : public BridgeTest {
         EXPECT_EQ(result.status, 1) << result.err;
         for (const std::string &text : texts)
             EXPECT_THAT(result.err, HasSubstr(text));
+    }
+
+    void save_server() const
+    {
+        server->stop();
+        server->save();
+        server->start();
     }
 
     void make_slot() const
@@ -112,9 +105,7 @@ TEST_F(BridgeGapTest, StateThatIsLostCannotTellThatNothingIsMissing)
 TEST_F(BridgeGapTest, ServerSetBackBehindTheLog)
 {
     ASSERT_NO_FATAL_FAILURE(begin_with(1));
-    server->stop();
-    server->save();
-    server->start();
+    save_server();
     for (int id = 2; id < 5; id++)
         insert(id);
     ASSERT_EQ(catch_up().status, 0);
@@ -128,9 +119,7 @@ TEST_F(BridgeGapTest, ServerSetBackBehindTheLog)
 TEST_F(BridgeGapTest, ServerSetBackThatHasGrownPastTheLog)
 {
     ASSERT_NO_FATAL_FAILURE(begin_with(1));
-    server->stop();
-    server->save();
-    server->start();
+    save_server();
     insert(2);
     ASSERT_EQ(catch_up().status, 0);
     server->stop();
@@ -247,14 +236,13 @@ TEST_F(BridgeGapTest, FirstRunWithAWrongDatabaseDoesNotBindTheLog)
 TEST_F(BridgeGapTest, TimelineThatLeftBeforeTheLogsEnd)
 {
     ASSERT_NO_FATAL_FAILURE(begin_with(1));
-    server->stop();
-    server->save();
-    server->start();
+    save_server();
     insert(2);
     ASSERT_EQ(catch_up().status, 0);
     server->stop();
     server->set_back();
-    server->begin_timeline();
+    server->start_standby();
+    server->promote();
     for (int id = 3; id < 30; id++)
         insert(id);
     for (int tries = 0; tries < 2; tries++)
@@ -268,7 +256,8 @@ TEST_F(BridgeGapTest, TimelineThatGoesOnFromTheLogIsFollowed)
 {
     ASSERT_NO_FATAL_FAILURE(begin_with(1));
     server->stop();
-    server->begin_timeline();
+    server->start_standby();
+    server->promote();
     // A slot does not go over to a server that was promoted.
     if (value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" + database + "'") ==
         "0")
@@ -276,6 +265,21 @@ TEST_F(BridgeGapTest, TimelineThatGoesOnFromTheLogIsFollowed)
     insert(2);
     const run_result result = catch_up({"--accept-gap"});
     EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(logged_ids(), "1 2 ");
+}
+
+TEST_F(BridgeGapTest, StandbyIsWaitedForUntilItTakesOver)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    ASSERT_NO_FATAL_FAILURE(begin_following());
+    server->stop();
+    server->start_standby();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "waiting"; })) << bridge.err();
+    EXPECT_TRUE(bridge.running());
+    server->promote();
+    insert(2);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(2));
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
     EXPECT_EQ(logged_ids(), "1 2 ");
 }
 

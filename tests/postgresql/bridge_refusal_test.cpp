@@ -4,17 +4,8 @@
 
 using testing::HasSubstr;
 
-class BridgeRefusalTest : public BridgeTest {
+class BridgeRefusalTest : public LedgerTest {
   protected:
-    void SetUp() override
-    {
-        BridgeTest::SetUp();
-        if (server == nullptr)
-            return;
-        configure(ledger_cfg);
-        sql(ledger_sql);
-    }
-
     // Runs the bridge, which must end with status 1 and say so much.
     void expect_refused(const std::vector<std::string> &more,
                         const std::vector<std::string> &texts) const

@@ -6,17 +6,8 @@
 using testing::HasSubstr;
 using testing::Not;
 
-class BridgeStreamTest : public BridgeTest {
+class BridgeStreamTest : public LedgerTest {
   protected:
-    void SetUp() override
-    {
-        BridgeTest::SetUp();
-        if (server == nullptr)
-            return;
-        configure(ledger_cfg);
-        sql(ledger_sql);
-    }
-
     void insert(int first, int last) const
     {
         sql("INSERT INTO load.ledger SELECT g, 0, g, 'row', NULL FROM generate_series(" +

@@ -4,22 +4,8 @@
 
 using testing::HasSubstr;
 
-class BridgeTroubleTest : public BridgeTest {
+class BridgeTroubleTest : public LedgerTest {
   protected:
-    void SetUp() override
-    {
-        BridgeTest::SetUp();
-        if (server == nullptr)
-            return;
-        configure(ledger_cfg);
-        sql(ledger_sql);
-    }
-
-    void insert(int id) const
-    {
-        sql("INSERT INTO load.ledger VALUES (" + std::to_string(id) + ", 0, 1, 'row', NULL)");
-    }
-
     std::string slot_count(const std::string &name) const
     {
         return value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" + name + "'");

@@ -203,7 +203,7 @@ void pg_server::set_back() const
     copy_directory(directory + "/saved", directory + "/data");
 }
 
-void pg_server::begin_timeline()
+void pg_server::start_standby()
 {
     const std::string signal = directory + "/data/standby.signal";
     write_file(signal, "");
@@ -211,6 +211,10 @@ void pg_server::begin_timeline()
         if (chown(signal.c_str(), user->pw_uid, user->pw_gid) != 0)
             throw std::runtime_error("chown failed: " + signal);
     start();
+}
+
+void pg_server::promote() const
+{
     const std::unique_ptr<PGconn, decltype(&PQfinish)> client(PQconnectdb(conninfo().c_str()),
                                                               PQfinish);
     const std::unique_ptr<PGresult, decltype(&PQclear)> result(

@@ -42,8 +42,10 @@ class pg_server {
     void save() const;
     void set_back() const;
 
-    // Starts the stopped server as a standby without a primary and promotes it.
-    void begin_timeline();
+    // Starts the stopped server as a standby without a primary, and makes a primary of
+    // it, which begins a new timeline.
+    void start_standby();
+    void promote() const;
 
     // Connection string of a superuser, or of the user named.
     std::string conninfo(const std::string &database = "postgres",
