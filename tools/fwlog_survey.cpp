@@ -2,6 +2,7 @@
 #include "tools/fwlog_survey.h"
 
 #include "fwutil/fwutil.h"
+#include "tools/tmf_text.h"
 
 #include <cstdio>
 
@@ -92,18 +93,7 @@ std::string survey_position(const survey_file &file)
 
 std::string survey_quoted(const std::string &text)
 {
-    std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte > 0x7E) {
-            char escaped[8];
-            (void)snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-            out += escaped;
-            continue;
-        }
-        if (c == '"' || c == '\\')
-            out += '\\';
-        out += c;
-    }
-    return out + '"';
+    std::string out;
+    tmft_json(out, text);
+    return out;
 }

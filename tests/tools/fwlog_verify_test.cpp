@@ -127,3 +127,16 @@ TEST_F(FwlogVerifyTest, WrongCommandLinesAreRefused)
         EXPECT_EQ(run({command, "-cfg", "absent.cfg"}).status, 1);
     }
 }
+
+TEST_F(FwlogVerifyTest, PathsStandInJsonAsTheyAre)
+{
+    make(1);
+    std::filesystem::rename(dir.file("log"), dir.file("b\xC3\xBC"
+                                                      "cher"));
+    write_file(dir.file("fwutil.cfg"), "log-directory b\xC3\xBC"
+                                       "cher\n");
+    EXPECT_THAT(run({"verify", "--json"}).out, HasSubstr("b\xC3\xBC"
+                                                         "cher/fw0001-00000001.log\","));
+    EXPECT_THAT(run({"info", "--json"}).out, HasSubstr("b\xC3\xBC"
+                                                       "cher\","));
+}
