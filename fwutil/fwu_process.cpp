@@ -4,11 +4,13 @@
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_current.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_hook.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_map.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status.h"
 #include "fwutil/fwu_wait.h"
+#include "fwutil/fwutil.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -25,6 +27,7 @@ struct run {
     fwu_log log;
     fwu_status status;
     fwu_watch watch;
+    fwu_forcing forcing;
     int32_t generation = 0; // of the file whose layouts are known
     int32_t sequence = 0;
     bool idle_noted = false;
@@ -38,6 +41,15 @@ static int malformed(run &r, const fwu_entry &entry)
     cursor.bad_at = cursor.read_at - static_cast<int64_t>(fwu_entry_padded(entry.length));
     cursor.reason = "the entry's content is malformed";
     return fwu_log_damage(cursor);
+}
+
+// Brings to disk what the program has written, then the position, when this is a
+// moment for it.
+static int force_if_due(run &r, int when)
+{
+    if ((when != FWU_AT_START && !r.status.unsynced) || !fwu_hook_due(r.forcing, when))
+        return 0;
+    return fwu_hook_sync() != nullptr ? fwu_status_sync(r.status) : -1;
 }
 
 static outcome deliver_change(run &r, const fwu_entry &entry, const fwu_position &position)
@@ -56,7 +68,8 @@ static outcome deliver_change(run &r, const fwu_entry &entry, const fwu_position
                  fwu_position_text(position).c_str());
         return FAILED;
     }
-    if (fwu_status_acknowledge(r.status, position, r.log.cursor.commit.commit.time_us) != 0)
+    if (fwu_status_acknowledge(r.status, position, r.log.cursor.commit.commit.time_us) != 0 ||
+        force_if_due(r, FWU_AT_RECORD) != 0)
         return FAILED;
     return fwu_stop != 0 ? STOPPED : GO_ON;
 }
@@ -137,13 +150,13 @@ static outcome wait_for_more(run &r)
         fwu_note("waiting for more records behind %s",
                  fwu_position_text(fwu_current_position()).c_str());
     r.idle_noted = true;
-    const fwu_wake wake =
-        fwu_watch_wait(r.watch, r.status.unsynced ? SYNC_AFTER_MS : CHECK_AFTER_MS);
+    const fwu_wake wake = fwu_watch_wait(
+        r.watch, r.status.unsynced && !r.forcing.never ? SYNC_AFTER_MS : CHECK_AFTER_MS);
     if (wake == FWU_WAKE_STOP)
         return STOPPED;
     if (wake != FWU_WAKE_DATA)
         r.log.look = true;
-    if (wake == FWU_WAKE_TIMEOUT && fwu_status_sync(r.status) != 0)
+    if (wake == FWU_WAKE_TIMEOUT && force_if_due(r, FWU_AT_REST) != 0)
         return FAILED;
     return GO_ON;
 }
@@ -224,11 +237,11 @@ int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, 
     fwu_current_reset(r.start);
     if (!sync_only)
         fwu_watch_open(r.watch, r.log.directory);
-    const outcome result = read_log(r);
+    outcome result = force_if_due(r, FWU_AT_START) == 0 ? read_log(r) : FAILED;
     if (fwu_stop != 0 && result == STOPPED)
         fwu_note("stopped: signal");
     fwu_current_clear();
-    const int synced = fwu_status_sync(r.status);
+    const int synced = force_if_due(r, FWU_AT_END);
     fwu_watch_close(r.watch);
     fwu_cursor_close(r.log.cursor);
     fwu_status_close(r.status);

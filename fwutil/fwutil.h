@@ -73,6 +73,40 @@ const char *Fwu_get_session_entry(const char *key);
 int Fwu_get_session_elements(void);
 const char *Fwu_get_session_data(int index);
 
+// Three functions that a program may define, so that a position is never on disk
+// before what the callback wrote for it.  The library looks for them when it is
+// loaded; each may be left out.  They are called on the thread of Fwu_process and
+// call nothing of this library but the Fwu_Current... calls.
+#if defined(__GNUC__)
+#define FWU_HOOK __attribute__((visibility("default")))
+#else
+#define FWU_HOOK
+#endif
+
+// Moments at which Fwu_hook_sync_due is asked.
+#define FWU_AT_START 0  // before the first record
+#define FWU_AT_RECORD 1 // behind each record whose callback returned 0
+#define FWU_AT_REST 2   // nothing came for 200 ms, asked again until it is forced
+#define FWU_AT_END 3    // before Fwu_process returns
+
+// Whether to force the position to disk now: 0 not now, 1 now.  At FWU_AT_START it is
+// forced unless the answer is -1, which means for the whole run: the position is never
+// forced, and counts as it is even after a power cut.  Without this function it is
+// forced when reading rests, once a minute while it does not, and at the end.
+FWU_HOOK int Fwu_hook_sync_due(int when);
+
+// Brings to disk what the callback has written; called before a position is forced.
+// Returns a text that is kept with the position (lines, valid until the next call;
+// "" is one), or null: it failed and has been reported, and Fwu_process returns nonzero.
+FWU_HOOK const char *Fwu_hook_sync(void);
+
+// Called at a start behind a power cut (the system has been started anew since), before
+// FWU_AT_START and the first record: mark is the text that was kept with the position
+// behind which reading goes on; what the callback wrote after it comes again and is to
+// be taken away.  0; nonzero: it failed and has been reported, and Fwu_process returns
+// nonzero with everything as it was.
+FWU_HOOK int Fwu_hook_resume(const char *mark);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,49 @@
+// A program over the shared library: prints the records that it is given and, when
+// it defines the functions that the library looks for, how these are called.
+// Arguments: configuration, status file, answers of Fwu_hook_sync_due at start,
+// record, rest and end, the text to keep ("-": the sync fails).
+#include "fwutil/fwutil.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#if WITH_HOOKS
+static char **words = nullptr;
+
+int Fwu_hook_sync_due(int when)
+{
+    printf("due %d\n", when);
+    return atoi(words[3 + when]);
+}
+
+const char *Fwu_hook_sync(void)
+{
+    printf("sync\n");
+    return strcmp(words[7], "-") == 0 ? nullptr : words[7];
+}
+
+int Fwu_hook_resume(const char *mark)
+{
+    printf("resume [%s]\n", mark);
+    return strcmp(words[7], "no resume") == 0 ? -1 : 0;
+}
+#endif
+
+static int print_record(uint32_t, const char *, const char *, int32_t, int32_t, int32_t recnum,
+                        int32_t, const void *, const void *)
+{
+    printf("record %d\n", static_cast<int>(recnum));
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    if (argc != 8)
+        return 2;
+#if WITH_HOOKS
+    words = argv;
+#endif
+    Fwu_synconly(1);
+    return Fwu_process(print_record, argv[1], argv[2], nullptr) == 0 ? 0 : 1;
+}
