@@ -4,6 +4,7 @@
 #include "driver/help.h"
 #include "driver/log.h"
 #include "driver/process.h"
+#include "util/standard_files.h"
 
 #include <cstdio>
 
@@ -29,6 +30,7 @@ static void pause_for_enter()
 
 int main(int argc, char **argv)
 {
+    fill_standard_files();
     if (argc <= 1) {
         printusage(argc == 1 ? argv[0] : "Kestro");
         return 0;

@@ -3,6 +3,7 @@
 #include "tools/fwlog.h"
 
 #include "fwutil/fwu_error.h"
+#include "util/standard_files.h"
 
 #include <cerrno>
 #include <csignal>
@@ -225,6 +226,7 @@ static bool asks_help(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    fill_standard_files();
     fwu_set_program("fwlog");
     // A file size limit is an error of a write like a full disk.
     signal(SIGXFSZ, SIG_IGN);
