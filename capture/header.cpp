@@ -8,6 +8,7 @@
 #include "driver/log.h"
 #include "driver/logrec.h"
 #include "driver/mem.h"
+#include "driver/zone.h"
 #include "fwutil/fwutil.h"
 
 #include <cstdio>
@@ -61,10 +62,11 @@ static const char *dsetname_text(value_buf &, const capfil *, const log_record *
 }
 
 // The date text of one second.  Records come in the order of their times: the
-// text made last serves most of them.
+// text made last serves most of them, for as long as the zone's look holds.
 struct date_cache {
     bool made;
     int32_t time;
+    time_t looked;
     value_buf text;
 };
 
@@ -72,10 +74,12 @@ static const char *date_text(date_cache &last, const log_record *record, int yea
 {
     if (record == nullptr)
         return nullptr;
-    if (!last.made || last.time != record->logtime) {
+    const time_t looked = zone_look();
+    if (!last.made || last.time != record->logtime || last.looked != looked) {
         cap_header_get_date(record->logtime, last.text, yeardigits);
         last.made = true;
         last.time = record->logtime;
+        last.looked = looked;
     }
     return last.text;
 }
@@ -250,7 +254,7 @@ void cap_header_put_value(capfil *cf, const char *text, const hdritem *item)
 void cap_header_get_date(time_t time, char (&out)[HDRDATE_SIZE], int yeardigits)
 {
     struct tm tm = {};
-    localtime_r(&time, &tm);
+    zone_local_time(time, &tm);
     if (yeardigits == 2)
         snprintf(out, sizeof out, "%02d%02d%02d%02d:%02d:%02d", tm.tm_year - 100, tm.tm_mon + 1,
                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);

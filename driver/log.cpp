@@ -3,6 +3,7 @@
 #include "driver/log.h"
 
 #include "driver/globals.h"
+#include "driver/zone.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -34,9 +35,8 @@ int set_error_f(const char *fmt, ...)
 // which a line that is cut keeps as well.
 static void build_log_line(char (&line)[LOG_SIZE], const char *msg)
 {
-    const time_t now = time(nullptr);
     struct tm tm = {};
-    localtime_r(&now, &tm);
+    zone_local_time(time(nullptr), &tm);
     const int length = snprintf(line, sizeof line, "%02d-%02d-%02d %02d:%02d:%02d %ld %s\n",
                                 tm.tm_mon + 1, tm.tm_mday, tm.tm_year - 100, tm.tm_hour, tm.tm_min,
                                 tm.tm_sec, static_cast<long>(getpid()), msg);

@@ -3,6 +3,7 @@
 
 #include "driver/logrec.h"
 #include "tests/support/core_state.h"
+#include "tests/support/run.h"
 
 #include <cstring>
 
@@ -355,6 +356,19 @@ TEST_F(Header, DateTable)
         EXPECT_STREQ(c.two, out);
         cap_header_get_date(c.time, out, 4);
         EXPECT_STREQ(c.four, out);
+    }
+}
+
+TEST_F(Header, AChangeOfTheZoneShowsFromTheNextSecondOn)
+{
+    for (const uint32_t hdropts : {0U, HDR_YYYY}) {
+        set_zone("UTC");
+        const int at = hdropts == 0 ? 46 : 48;
+        EXPECT_EQ("14:05:09", part(hdropts, at + 6, 8));
+        setenv("TZ", "XYZ-11:30", 1); // and nobody says so
+        const time_t changed = time(nullptr);
+        ASSERT_TRUE(poll_until([&] { return time(nullptr) > changed; }));
+        EXPECT_EQ("01:35:09", part(hdropts, at + 6, 8)) << "also for a record of the same second";
     }
 }
 

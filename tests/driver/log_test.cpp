@@ -2,6 +2,7 @@
 #include "driver/log.h"
 
 #include "tests/support/core_state.h"
+#include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 
 #include <cerrno>
@@ -85,6 +86,21 @@ TEST_F(Log, LineBeginsWithLocalTimeAndProcessId)
             found = found || printed.err == stamp_of(t) + " message\n";
         EXPECT_TRUE(found) << printed.err << " is not at " << stamp_of(before);
     }
+}
+
+TEST_F(Log, AChangeOfTheZoneShowsFromTheNextSecondOn)
+{
+    set_zone("UTC");
+    (void)capture([] { logmsg(LOG_NOTICE, "message"); });
+    setenv("TZ", "XYZ-11:30", 1); // and nobody says so
+    const time_t changed = time(nullptr);
+    ASSERT_TRUE(poll_until([&] { return time(nullptr) > changed; }));
+    const captured printed = capture([] { logmsg(LOG_NOTICE, "message"); });
+    const time_t now = time(nullptr);
+    set_zone("XYZ-11:30");
+    EXPECT_TRUE(printed.err == stamp_of(now) + " message\n" ||
+                printed.err == stamp_of(now - 1) + " message\n")
+        << printed.err << " is not at " << stamp_of(now);
 }
 
 TEST_F(Log, LongLinesAreCutAndStillEnd)
