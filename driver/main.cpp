@@ -2,7 +2,7 @@
 #include "capture/capinfo.h"
 #include "driver/globals.h"
 #include "driver/help.h"
-#include "driver/log.h"
+#include "driver/output.h"
 #include "driver/process.h"
 #include "util/standard_files.h"
 
@@ -43,7 +43,8 @@ int main(int argc, char **argv)
     if ((g_flags & FLAG_PAUSE) != 0)
         pause_for_enter();
     // Totals and reports that nobody gets are an error too.
-    if (fflush(stdout) != 0 || ferror(stdout) != 0)
-        rc = set_error("Error writing to standard output.");
+    (void)fflush(stdout); // leaves its mark on the stream
+    if (output_check() != 0)
+        rc = -1;
     return rc != 0 ? 1 : 0;
 }

@@ -162,15 +162,27 @@ TEST_F(FollowTest, APipeWhoseReaderIsGoneIsAWriteError)
                                           "Fwu_process() failed.\n");
 }
 
-TEST_F(FollowTest, LostStandardOutputStopsARunThatReportsThere)
+TEST_F(FollowTest, TheCaptureGoesOnWithoutStandardOutput)
 {
     ASSERT_TRUE(append_transaction(writer, 1, 1000));
-    const run_result run = run_program(
-        {"sh", "-c", "exec " + kestro + " -synconly -showsets -showskip >/dev/full"}, options);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, "Error writing to standard output.\n"
-                       "Fwu_process() failed.\n"
-                       "Error writing to standard output.\n");
+    for (const char *shown : {"-showsets", "-dumprecs", "-verbose -verbose"}) {
+        SCOPED_TRACE(shown);
+        std::filesystem::remove(dir.file("fwutil.status"));
+        const run_result run = run_program(
+            {"sh", "-c", "exec " + kestro + " -synconly " + shown + " -ascii cap.txt >/dev/full"},
+            options);
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(lines("cap.txt"), 1000U);
+        const std::string told = "Error writing to standard output.\n";
+        const size_t at = run.err.find(told);
+        ASSERT_NE(at, std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find(told, at + 1), std::string::npos) << "told once";
+        EXPECT_EQ(run.err.find("failed"), std::string::npos);
+        const run_result next =
+            run_program({kestro, "-synconly", "-capstats", "-ascii", "next.txt"}, options);
+        EXPECT_THAT(next.out, HasSubstr("*Capture file total*                       0 "))
+            << "the position is behind the last record";
+    }
 }
 
 TEST_F(FollowTest, TotalsThatCannotBePrintedAreAnError)
