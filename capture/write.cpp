@@ -64,13 +64,14 @@ static const write_kind delete_kind = {
     "ID", STAT_DELETE, 1, {&log_record::before_image, nullptr}, dump_delete};
 // clang-format on
 
-// The record comes from another library: refuses a length that is negative or
-// too long for a capture record, and an image that is not there.
+// The record comes from another library: refuses an image that is not there, and
+// for a message file a length that is negative or too long for a capture record.
+// Of a text file's record the conversion says what is wrong with its length.
 static int check_record(const capfil *cf, const log_record *record, const write_kind &kind)
 {
     constexpr int64_t longest = std::numeric_limits<int32_t>::max() - RECBUF_SPARE;
     const int64_t body = static_cast<int64_t>(record->reclen) * kind.nimages;
-    if (record->reclen < 0 || body > longest - cf->hdrsize)
+    if (cf->ascii_flags == 0 && (record->reclen < 0 || body > longest - cf->hdrsize))
         return set_error_f("Invalid log record length %d for %s.%s", record->reclen,
                            logrec_dbname(record), logrec_dsetname(record));
     for (int i = 0; i < kind.nimages; i++) {

@@ -353,21 +353,52 @@ TEST_F(Write, FailedRecordIsNotSkipped)
     EXPECT_EQ(0, g_ci->skipstats->n);
 }
 
-TEST_F(Write, ImpossibleLengthsAreRefused)
+TEST_F(Write, ImpossibleLengthsAreRefusedByAMessageFile)
 {
-    text_file("text");
     add_file(dir.file("message"));
     g_ci->skipstats = slist_new();
     const int32_t lengths[] = {-1, -2147483647 - 1, 2147483647};
     for (const int32_t length : lengths) {
         record.reclen = length;
         EXPECT_EQ(-1, write(capture_write_update));
-        const std::string line =
-            "Invalid log record length " + std::to_string(length) + " for ORDERS.CUST\n";
-        EXPECT_EQ(line + line, printed.err);
+        EXPECT_EQ("Invalid log record length " + std::to_string(length) + " for ORDERS.CUST\n",
+                  printed.err);
     }
-    EXPECT_FALSE(std::filesystem::exists(dir.file("text")));
-    EXPECT_EQ(0, g_ci->skipstats->n) << "files took them";
+    EXPECT_FALSE(std::filesystem::exists(dir.file("message")));
+    EXPECT_EQ(0, g_ci->skipstats->n) << "the file took them";
+}
+
+TEST_F(Write, NegativeLengthIsAHeaderOnlyLineOfATextFile)
+{
+    const capfil *cf = text_file("f");
+    init_capstats(g_ci);
+    for (const int32_t length : {-1, -2147483647 - 1}) {
+        record.reclen = length;
+        EXPECT_EQ(-1, write(capture_write_insert));
+        EXPECT_EQ("ASCII mode source buffer too small.\n", printed.err);
+    }
+    record.before_image = record.after_image = nullptr;
+    EXPECT_EQ(-1, write(capture_write_update)) << "no image is looked at";
+    EXPECT_EQ("ASCII mode source buffer too small.\nASCII mode source buffer too small.\n",
+              printed.err);
+    g_fwu.items = {};
+    get_dsetinfo(g_ci->dsets);
+    EXPECT_EQ(-1, write(capture_write_delete));
+    EXPECT_EQ("ASCII mode source buffer too large.\n", printed.err);
+    EXPECT_EQ(HEADER("000000", "IP") "\n" HEADER("000001", "IP") "\n" HEADER(
+                  "000002", "IU") "\n" HEADER("000003", "ID") "\n",
+              content("f"));
+    EXPECT_EQ(2, stats_of(cf->stats).inserts) << "they are in the file";
+}
+
+TEST_F(Write, LengthBeyondTheItemsShowsWhatTheyCoverInATextFile)
+{
+    text_file("f");
+    record.reclen = 2147483647; // of which the items ask for four bytes
+    EXPECT_EQ(-1, write(capture_write_update));
+    EXPECT_EQ("ASCII mode source buffer too large.\nASCII mode source buffer too large.\n",
+              printed.err);
+    EXPECT_EQ(HEADER("000000", "IU") "old!new!\n", content("f"));
 }
 
 TEST_F(Write, MissingImagesAreRefused)
@@ -412,6 +443,17 @@ TEST_F(Write, DumpsShowImagesForEveryFileThatTakesTheRecord)
             "6f 6c 64 21", "old!") "Update log record length 4 (0x0004) (After) for "
                                    "ORDERS.CUST\n" DUMP4("6e 65 77 21", "new!");
     EXPECT_EQ(update + update, printed.out);
+}
+
+TEST_F(Write, SessionDataComeBehindTheImagesDump)
+{
+    g_flags = FLAG_DUMPRECS | FLAG_SESSDATA;
+    g_fwu.session_data = {"some"};
+    text_file("no/f");
+    EXPECT_EQ(-1, write(capture_write_insert));
+    EXPECT_EQ("Insert log record length 4 (0x0004) for ORDERS.CUST\n" DUMP4(
+                  "6e 65 77 21", "new!") "session_data[0]=some\n",
+              printed.out);
 }
 
 TEST_F(Write, DumpShowsTheCaptureRecord)
