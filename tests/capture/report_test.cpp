@@ -125,3 +125,33 @@ TEST_F(Report, SkippedDatabasesKeepTheirNamesBesideFga)
     const std::string report = capture([] { show_skipped(g_ci); }).out;
     EXPECT_NE(std::string::npos, report.find("    Database A.B.C                      ")) << report;
 }
+
+TEST_F(Report, DatabasesAreKeptByTheirWholeNames)
+{
+    const capfil *cf = add_file("f", text_options());
+    init_capstats(g_ci);
+    count(cf->stats, "A-DATABASE-NAME-OF-THIRTY-CHAR", "CUST", STAT_INSERT);
+    count(cf->stats, "A-DATABASE-NAME-OF-THIRTY-OTHR", "CUST", STAT_DELETE);
+    const std::string block = "\n    Database A-DATABASE-NAME-OF-THIRT    Inserts  Updates  Deletes"
+                              "    Total\n      CUST                            ";
+    EXPECT_EQ("\nNumber of records written to capture files:\n"
+              "\n  Capture file: f\n" +
+                  block + "         1        0        0        1\n" + block +
+                  "         0        0        1        1\n"
+                  "\n    *Capture file total*                       1        0        1        2\n"
+                  "\n",
+              capture([] { show_capstats(g_ci); }).out);
+}
+
+TEST_F(Report, DatasetNamesAreNotCut)
+{
+    const capfil *cf = add_file("f", text_options());
+    init_capstats(g_ci);
+    count(cf->stats, "D", "A-DATASET-OF-THIRTY-CHARACTERS", STAT_UPDATE);
+    const std::string report = capture([] { show_capstats(g_ci); }).out;
+    EXPECT_NE(
+        std::string::npos,
+        report.find(
+            "      A-DATASET-OF-THIRTY-CHARACTERS               0        1        0        1\n"))
+        << report;
+}

@@ -172,6 +172,41 @@ TEST_F(RolloverSteps, FileFoundFullIsReportedBeforeAnythingIsWritten)
     EXPECT_EQ(0, cf->nwritten);
 }
 
+TEST_F(RolloverSteps, FileFoundFullStaysOpenForTheNextRecord)
+{
+    file_of(1, false);
+    EXPECT_EQ(-1, write());
+    (void)capture([] { capture_close(g_ci); });
+    g_ci = new_capinfo();
+    get_dsetinfo(g_ci->dsets);
+    const capfil *cf = file_of(1, false);
+    EXPECT_EQ(-1, write());
+    const ebmf *open_file = cf->fp;
+    ASSERT_NE(nullptr, open_file);
+    EXPECT_EQ(1, writers("cap.dat"));
+    EXPECT_EQ(-1, write()) << "appended and reported";
+    EXPECT_EQ("End of file on capture file " + dir.file("cap.dat") + "\n", printed.err);
+    EXPECT_EQ(2, records("cap.dat"));
+    EXPECT_EQ(1, cf->nwritten);
+    EXPECT_EQ(open_file, cf->fp);
+}
+
+TEST_F(RolloverSteps, RecordThatPassedTheLimitIsNotCounted)
+{
+    const capfil *cf = file_of(2, false);
+    init_capstats(g_ci);
+    EXPECT_EQ(0, write());
+    EXPECT_EQ(-1, write());
+    EXPECT_EQ(-1, write());
+    EXPECT_EQ(3, records("cap.dat"));
+    const std::string report = capture([] { show_capstats(g_ci); }).out;
+    EXPECT_NE(std::string::npos,
+              report.find(
+                  "      CUST                                     1        0        0        1\n"))
+        << report;
+    EXPECT_EQ(3, cf->nwritten);
+}
+
 TEST_F(RolloverSteps, FileFoundFullRollsOverAtOnce)
 {
     file_of(1, false);

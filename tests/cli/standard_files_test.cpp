@@ -63,8 +63,8 @@ TEST_F(StandardFiles, ARunsFilesHoldNothingElse)
         SCOPED_TRACE(c.closing);
         for (const char *name : {"s", "cap", "msg", "pid"})
             std::filesystem::remove(dir.file(name));
-        const run_result run = kestro("-stat s -pidfile pid -ascii cap msg " +
-                                      std::string(c.closing));
+        const run_result run =
+            kestro("-stat s -pidfile pid -ascii cap msg " + std::string(c.closing));
         EXPECT_EQ(c.status, run.status);
         EXPECT_EQ(c.err, run.err);
         EXPECT_EQ(whole, read_file(dir.file("cap")));
@@ -109,8 +109,8 @@ TEST_F(StandardFiles, EveryProgramFillsThemFirst)
         const auto link = [&](const std::string &of) {
             return std::filesystem::read_symlink(process + of, gone).string();
         };
-        EXPECT_TRUE(poll_until([&] { return link("/exe") == bin + name && !link("/fd/3").empty(); },
-                               10));
+        EXPECT_TRUE(
+            poll_until([&] { return link("/exe") == bin + name && !link("/fd/3").empty(); }, 10));
         EXPECT_EQ("/dev/null", link("/fd/2"));
         kill(pid, SIGKILL);
         wait_program(pid);

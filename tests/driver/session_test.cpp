@@ -178,6 +178,46 @@ TEST_F(Session, ShowSetsPrintsEveryRecordsLayout)
     EXPECT_EQ("Unrecognized operation: #2\n\n", printed.err);
 }
 
+TEST_F(Session, ShowSetsPrintsALayoutBeforeTheRecordIsCaptured)
+{
+    g_flags = FLAG_SHOWSETS | FLAG_DUMPRECS;
+    g_needsetinfo = 1;
+    add_file(dir.file("no/f"), text_options());
+    g_fwu.items = {{"TEXT", 'X', 4}};
+    g_fwu.records = {record(3)};
+    EXPECT_EQ(0, run());
+    const std::string layout = "***** Dataset ORDERS.CUST has 1 items\n"
+                               "    TEXT             X  4  1\n";
+    const std::string dump = "Insert log record length 4 (0x0004) for ORDERS.CUST\n";
+    EXPECT_EQ(layout + dump, printed.out.substr(0, layout.size() + dump.size()));
+}
+
+TEST_F(Session, LayoutOfTheSameDatasetMayChangeFromRecordToRecord)
+{
+    add_file(dir.file("f"), text_options());
+    g_flags = FLAG_SHOWSETS;
+    g_needsetinfo = 1;
+    auto first = record(3);
+    first.items = {{"TEXT", 'X', 4}};
+    auto second = record(3);
+    second.items = {{"A", 'X', 2}, {"B", 'K', 2}};
+    second.after = std::string("ab\x05\0", 4);
+    g_fwu.records = {first, second, first};
+    EXPECT_EQ(0, run());
+    EXPECT_EQ("***** Dataset ORDERS.CUST has 1 items\n"
+              "    TEXT             X  4  1\n"
+              "***** Dataset ORDERS.CUST has 2 items\n"
+              "    A                X  2  1\n"
+              "    B                K  2  1\n"
+              "***** Dataset ORDERS.CUST has 1 items\n"
+              "    TEXT             X  4  1\n",
+              printed.out);
+    EXPECT_EQ("000000ORDERS                  CUST            24010100:00:00IPnew!\n"
+              "000001ORDERS                  CUST            24010100:00:00IPab              5\n"
+              "000002ORDERS                  CUST            24010100:00:00IPnew!\n",
+              read_file(dir.file("f")));
+}
+
 TEST_F(Session, LogPosition)
 {
     g_fwu.generation = 1;

@@ -35,7 +35,8 @@ static child_result change_zone(const tempdir &dir)
     const auto bind = [&](const char *name) {
         return mount(dir.file(name).c_str(), "/etc/localtime", nullptr, MS_BIND, nullptr) == 0;
     };
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return NO_NAMESPACE;
     unsetenv("TZ");
     if (!bind("east"))
