@@ -261,6 +261,70 @@ TMF_API char *tmf_geterrmsg(tmf_handle *h, char *buf);
 /* Clears the handle's code.  Null is allowed and does nothing. */
 TMF_API void tmf_clearerr(tmf_handle *h);
 
+/* What tmf_check finds wrong: bits of tmf_check_result.found. */
+#define TMF_FOUND_ZEROS 1  /* zeros instead of the beginning: it never came to the disk */
+#define TMF_FOUND_CUT 2    /* the file ends before its records do */
+#define TMF_FOUND_HOLE 4   /* a record's bytes never came to the disk */
+#define TMF_FOUND_FRAME 8  /* what should be a record is none, or its two lengths differ */
+#define TMF_FOUND_COUNT 16 /* the number of records is wrong */
+#define TMF_FOUND_PLACE 32 /* the place of the first or the next record is none */
+#define TMF_FOUND_USERS 64 /* the numbers of readers and writers are not those of the slots */
+
+/* What became of the copy: tmf_check_result.aside. */
+#define TMF_ASIDE_NONE 0   /* none was needed, or none asked for */
+#define TMF_ASIDE_MADE 1   /* it is on the disk */
+#define TMF_ASIDE_FAILED 2 /* it could not be made: the file is as it was */
+
+/* A file as tmf_check finds it.  Records are counted from the oldest one on, up to the
+ * first that is none. */
+typedef struct tmf_check_result {
+    int found;       /* TMF_FOUND_ bits; 0: nothing is wrong */
+    int other_order; /* 1: its numbers have the other byte order; they keep it */
+    int records;     /* whole records */
+    int counted;     /* records that the file says it has */
+    int uncounted;   /* whole records behind the end: a writer was killed, or the count of them
+                        was lost; no damage, and no record of the file */
+    int readers;     /* slots of readers taken; the users may have died */
+    int writers;     /* slots of writers taken */
+    int aside;       /* TMF_ASIDE_, set by tmf_repair */
+    int changed;     /* 1: tmf_repair has changed the file */
+    long long size;  /* of the file in bytes */
+    long long first; /* offset of the oldest record */
+    long long end;   /* where the file says that its records end */
+    long long sound; /* where the whole records end */
+} tmf_check_result;
+
+/* Compares the records of a file that nobody in this process has open (the close at the
+ * end drops the process's locks on it) with the numbers at its beginning.  The file is
+ * not changed and not made; no user is registered.  A record's data is not looked at
+ * but for holes: where the length in front of it and the one behind it are right it
+ * counts as whole.  An empty file is a sound one.
+ * path: not null, not empty.  result: receives what was found; all zeros on failure but
+ * for size.
+ * Returns 0, damaged or not; else TMF_ENONAME, TMF_EOPEN, TMF_EHANDLE and TMF_ELOCK_
+ * codes, TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT, TMF_EREAD_COMMON,
+ * TMF_EREAD_COMMON_EOF (not even a whole common area), TMF_ESEEK_DATA_EOF (the data
+ * area begins where none can), TMF_EREAD_DATA, TMF_EINTERNAL (out of memory).  The code
+ * is kept where that of a failed open is. */
+TMF_API int tmf_check(const char *path, tmf_check_result *result);
+
+/* Cuts a file back to its last whole record.  Readers, writers, wait list and stamp stay
+ * as they are, and the users may have it open: they wait for the length of the call.
+ * keep_end: offset behind the last record to keep; 0 for all.  Up to it the caller
+ * answers for the bytes, so that holes there are zeros that somebody wrote.  At or
+ * before the oldest record: the file is emptied.
+ * aside: where a copy of the file goes before it is changed, in place of a file that
+ * has that name; null for none.  The copy is on the disk, under its name, before the
+ * first byte of the file changes, and the change is on the disk when the call returns.
+ * Killed at any place, the call leaves the file as it was, or repaired and whole; a
+ * copy under that name is whole.  A part of one may be left as aside with ".part".
+ * A file with nothing wrong and nothing to cut is left alone, and no copy is made.
+ * result: what was found before the repair, changed and aside.
+ * Returns 0, or the codes of tmf_check; TMF_EOPEN (with the system's text) for the copy,
+ * with aside TMF_ASIDE_FAILED; TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF, TMF_ETRUNCATE,
+ * TMF_EWRITE_DATA (the disk: the copy is there, repeat the call with another aside). */
+TMF_API int tmf_repair(const char *path, int keep_end, const char *aside, tmf_check_result *result);
+
 #ifdef __cplusplus
 }
 #endif

@@ -19,10 +19,10 @@ TEST(TmfLibrary, ExportsTheCallsOfItsHeaderAndNothingElse)
         names.insert(name);
         EXPECT_EQ(type, "T") << name;
     }
-    EXPECT_EQ(names, (std::multiset<std::string>{"tmf_clearerr", "tmf_fclose", "tmf_fctl",
-                                                 "tmf_fflush", "tmf_finfo", "tmf_fopen",
-                                                 "tmf_fread", "tmf_freadx", "tmf_fwrite",
-                                                 "tmf_geterrmsg", "tmf_geterrno", "tmf_getinfo"}));
+    EXPECT_EQ(names, (std::multiset<std::string>{
+                         "tmf_check", "tmf_clearerr", "tmf_fclose", "tmf_fctl", "tmf_fflush",
+                         "tmf_finfo", "tmf_fopen", "tmf_fread", "tmf_freadx", "tmf_fwrite",
+                         "tmf_geterrmsg", "tmf_geterrno", "tmf_getinfo", "tmf_repair"}));
 }
 
 // Linked by the C linker without a C++ runtime.

@@ -76,6 +76,46 @@ int __wrap_open64(const char *path, int flags, ...)
     return __real_open64(path, flags, mode);
 }
 
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to)
+{
+    before_call();
+    return __real_rename(from, to);
+}
+
+int __real_unlink(const char *path);
+int __wrap_unlink(const char *path);
+int __wrap_unlink(const char *path)
+{
+    before_call();
+    return __real_unlink(path);
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd);
+int __wrap_fsync(int fd)
+{
+    before_call();
+    return __real_fsync(fd);
+}
+
+int __real_fdatasync(int fd);
+int __wrap_fdatasync(int fd);
+int __wrap_fdatasync(int fd)
+{
+    before_call();
+    return __real_fdatasync(fd);
+}
+
+int __real_fchmod(int fd, mode_t mode);
+int __wrap_fchmod(int fd, mode_t mode);
+int __wrap_fchmod(int fd, mode_t mode)
+{
+    before_call();
+    return __real_fchmod(fd, mode);
+}
+
 int __real_close(int fd);
 int __wrap_close(int fd);
 int __wrap_close(int fd)
