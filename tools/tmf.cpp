@@ -1,5 +1,5 @@
-// tmf: shows, reads and writes message files.  This file has the subcommands and
-// the help texts.
+// tmf: shows, reads, writes and mends message files.  This file has the
+// subcommands and the help texts.
 #include "tools/tmf_tool.h"
 
 #include "msgfile/tmf_error.h"
@@ -12,19 +12,20 @@
 #include <cstring>
 #include <sys/stat.h>
 
-static const char help_text[] =
-    "Usage: tmf info [--json] FILE...\n"
-    "       tmf read [options] FILE\n"
-    "       tmf write [options] FILE\n"
-    "       tmf --help | --version\n"
-    "\n"
-    "Shows, reads and writes message files.\n"
-    "\n"
-    "  info     says what is in a message file and who has it open\n"
-    "  read     takes records from the front, to standard output\n"
-    "  write    appends records from standard input\n"
-    "\n"
-    "\"tmf info --help\", \"tmf read --help\" and \"tmf write --help\" say more.\n";
+static const char help_text[] = "Usage: tmf info [--json] FILE...\n"
+                                "       tmf read [options] FILE\n"
+                                "       tmf write [options] FILE\n"
+                                "       tmf repair [--dry-run] [--keep NAME] FILE\n"
+                                "       tmf --help | --version\n"
+                                "\n"
+                                "Shows, reads, writes and mends message files.\n"
+                                "\n"
+                                "  info     says what is in a message file and who has it open\n"
+                                "  read     takes records from the front, to standard output\n"
+                                "  write    appends records from standard input\n"
+                                "  repair   cuts a damaged file back to its whole records\n"
+                                "\n"
+                                "\"tmf info --help\", and so on, says more.\n";
 
 static const char info_help_text[] =
     "Usage: tmf info [--json] FILE...\n"
@@ -82,6 +83,25 @@ static const char write_help_text[] =
     "2 wrong command line; 128 + signal number when SIGINT or SIGTERM ended it after\n"
     "a whole record.\n";
 
+static const char repair_help_text[] =
+    "Usage: tmf repair [--dry-run] [--keep NAME] FILE\n"
+    "\n"
+    "Compares a message file's records with the numbers at its beginning, as after a\n"
+    "power cut, and says what is wrong.  A damaged file is cut back to the records in\n"
+    "front of the first damage.  Before that it is copied to FILE.damaged; a copy that\n"
+    "cannot be kept leaves the file as it is.  Readers and writers may have the file\n"
+    "open; they wait meanwhile.\n"
+    "\n"
+    "A record's data has no checksum: where the lengths before and behind it are right\n"
+    "it counts as whole.\n"
+    "\n"
+    "  --dry-run    only says what is wrong; changes nothing\n"
+    "  --keep NAME  copies the file to NAME, which must not be there\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 the file is sound, or is now; 1 error, or with --dry-run a damaged\n"
+    "file; 2 wrong command line.\n";
+
 struct subcommand {
     const char *name;
     int (*run)(int argc, char **argv);
@@ -92,6 +112,7 @@ static const subcommand subcommands[] = {
     {"info", tmft_info_main, info_help_text},
     {"read", tmft_read_main, read_help_text},
     {"write", tmft_write_main, write_help_text},
+    {"repair", tmft_repair_main, repair_help_text},
 };
 
 int tmft_usage_error(const char *text, const char *word)

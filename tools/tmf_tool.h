@@ -14,6 +14,7 @@ constexpr int TMFT_EXIT_SIGNAL = 128; // and the signal's number
 int tmft_info_main(int argc, char **argv);
 int tmft_read_main(int argc, char **argv);
 int tmft_write_main(int argc, char **argv);
+int tmft_repair_main(int argc, char **argv);
 
 // Prints "tmf: text: word" and where help is to be had; TMFT_EXIT_USAGE.
 int tmft_usage_error(const char *text, const char *word);
