@@ -28,6 +28,11 @@
  *            is no time limit to that wait; a signal whose handler was set
  *            without SA_RESTART ends it with TMF_ELOCK_WAIT.  (A read goes by what
  *            it knew last then: see tmf_fread.)
+ * Threads    Several threads may use a file each, in several processes, too.  The
+ *            system looks for deadlocks by process and refuses some of their locks;
+ *            since no call waits for one file while it holds another, these are
+ *            tried again after a pause of 0.1 ms until they are had (a signal
+ *            within a pause does not end the wait).
  * Signals    The library sets no handlers.  A write beyond the file size limit
  *            raises SIGXFSZ; a caller that ignores it gets TMF_EWRITE_DATA,
  *            TMF_EWRITE_DATA_EOF or, while it opens a new file, a TMF_EINIT_ or

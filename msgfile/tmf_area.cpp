@@ -7,17 +7,35 @@
 #include "msgfile/tmf_record.h"
 #include "msgfile/tmu.h"
 
+#include <cerrno>
+#include <ctime>
 #include <unistd.h>
+
+// The pause before a lock is tried again: about as long as another process's call.
+static constexpr timespec lock_pause = {.tv_sec = 0, .tv_nsec = 100'000};
+
+int tmf_wait_common(int fd, bool seek_proven)
+{
+    for (;;) {
+        errno = 0; // the primitive may fail before it asks the system
+        const int result = seek_proven ? tf_lock_range_wait(fd, 0, TMF_COMMON_SIZE)
+                                       : tf_lock_file_wait(fd, 0, TMF_COMMON_SIZE);
+        if (result != TMF_ELOCK_WAIT || errno != EDEADLK)
+            // A waiting lock that reports another holder has failed; as a result of a
+            // read its 1 would stand for one byte.
+            return result > 0 ? TMF_ELOCK_WAIT : result;
+        // The system looks for circles of processes, not of threads.  Who has a common
+        // lock waits for no other lock, so that it comes free.
+        (void)nanosleep(&lock_pause, nullptr); // a signal may make it shorter
+    }
+}
 
 static int lock_common(tmf_handle *h)
 {
-    const int result = h->seek_proven ? tf_lock_range_wait(h->fd, 0, TMF_COMMON_SIZE)
-                                      : tf_lock_file_wait(h->fd, 0, TMF_COMMON_SIZE);
-    if (result == 0)
+    const int code = tmf_wait_common(h->fd, h->seek_proven);
+    if (code == 0)
         h->common_locked = 1;
-    // A waiting lock that reports another holder has failed; as a result of a read
-    // its 1 would stand for one byte.
-    return result > 0 ? TMF_ELOCK_WAIT : result;
+    return code;
 }
 
 int tmf_unlock_common(tmf_handle *h)

@@ -5,6 +5,10 @@
 
 #include "msgfile/tmf_handle.h"
 
+// Waits for the common lock of the file, and tries again what only looks like a
+// deadlock.  seek_proven: the descriptor is known to seek.  0 or a code.
+int tmf_wait_common(int fd, bool seek_proven);
+
 // The first read of a file: makes a new file of an empty one, checks the format,
 // brings the area into this host's order and prepares the handle.  0 with the
 // area locked, or a code with it unlocked.

@@ -210,9 +210,7 @@ static int on_locked_file(const char *path, int keep_end, const char *aside, boo
     if (fd < 0)
         return tmf_os_error(nullptr, TMF_EOPEN, errno);
     tmf_survey survey = {};
-    int code = tf_lock_file_wait(fd, 0, TMF_COMMON_SIZE);
-    if (code > 0)
-        code = TMF_ELOCK_WAIT;
+    int code = tmf_wait_common(fd, false);
     if (code == 0) {
         code = tmf_survey_file(fd, keep_end, &survey);
         if (code == 0 && repair)

@@ -258,3 +258,26 @@ TEST_F(TmfLock, FileThatCannotBePositionedIsABadHandle)
         EXPECT_EQ(message_of(nullptr), "Internal error: Bad handle.");
     }
 }
+
+// The system takes threads of two processes that wait for each other's files for a
+// deadlock.  Primitives say so; a call tries again.
+TEST_F(TmfLock, WhatLooksLikeADeadlockIsTriedAgainAboveThePrimitives)
+{
+    fail_call(CALL_LOCKF, EDEADLK);
+    EXPECT_EQ(tf_lock_file_wait(fd, 0, 256), TMF_ELOCK_WAIT);
+    fail_call(CALL_FCNTL, EDEADLK);
+    EXPECT_EQ(tf_lock_range_wait(fd, 0, 256), TMF_ELOCK_WAIT);
+
+    fail_call(CALL_LOCKF, EDEADLK, 0, 3);
+    tmf_handle *h = open(0);
+    ASSERT_NE(h, nullptr);
+    fail_call(CALL_LOCKF, EDEADLK, 0, 3);
+    EXPECT_EQ(tmf_fwrite(h, "first", 5), 0);
+    fail_call(CALL_FCNTL, EDEADLK, 0, 3);
+    EXPECT_EQ(tmf_fwrite(h, "second", 6), 0);
+    forget_calls();
+    fail_call(CALL_FCNTL, ENOLCK);
+    EXPECT_EQ(tmf_fwrite(h, "third", 5), TMF_ELOCK_WAIT);
+    EXPECT_EQ(calls_made(CALL_FCNTL).size(), 1U);
+    EXPECT_EQ(tmf_fclose(h), 0);
+}
