@@ -62,12 +62,15 @@ int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file)
     if (fd < 0)
         return -1;
     fwu_cursor_close(cursor);
+    const bool goes_on = cursor.header_read && cursor.file.name < file.name;
+    const fwu_file_header before = goes_on ? cursor.header : fwu_file_header();
     std::vector<unsigned char> window = std::move(cursor.window);
     if (window.size() < WINDOW_SIZE)
         window.resize(WINDOW_SIZE);
     cursor = fwu_cursor();
     cursor.window = std::move(window);
     cursor.file = file;
+    cursor.before = before;
     cursor.fd = fd;
     return 0;
 }
@@ -169,6 +172,9 @@ static fwu_found read_file_header(fwu_cursor &c)
     if (wrong == nullptr &&
         (c.header.generation != c.file.generation || c.header.sequence != c.file.sequence))
         wrong = "its file header names another generation or sequence than its file name";
+    if (wrong == nullptr && c.before.version != FWU_VERSION_PLAIN &&
+        c.header.identity != c.before.identity)
+        wrong = "it belongs to another log than the files before it: its identity differs";
     if (wrong != nullptr) {
         c.reason = wrong;
         return FWU_DAMAGED;
@@ -205,13 +211,13 @@ static fwu_found read_entry(fwu_cursor &c, int64_t at, int32_t tag, fwu_entry &e
     fwu_found found = fetch(c, at, FWU_ENTRY_HEADER_SIZE, p);
     if (found != FWU_FOUND)
         return found;
-    c.reason = fwu_entry_header_get(entry, p, tag);
+    c.reason = fwu_entry_header_get(entry, p, tag, c.header, at);
     if (c.reason != nullptr)
         return FWU_DAMAGED;
     found = fetch(c, at, fwu_entry_padded(entry.length), p);
     if (found != FWU_FOUND)
         return found;
-    c.reason = fwu_entry_body_get(entry, p);
+    c.reason = fwu_entry_body_get(entry, p, c.header, at);
     return c.reason != nullptr ? FWU_DAMAGED : FWU_FOUND;
 }
 
@@ -276,7 +282,7 @@ static fwu_found find_commit(fwu_cursor &c, int64_t at)
     for (;; at += FWU_ENTRY_ALIGN) {
         c.keep_at = at;
         const fwu_found found = fetch(c, at, FWU_COMMIT_SIZE, p);
-        if (found != FWU_FOUND || fwu_entry_is_commit(p))
+        if (found != FWU_FOUND || fwu_entry_is_commit(p, c.header, at))
             return found;
     }
 }
@@ -369,19 +375,22 @@ fwu_found fwu_cursor_entry(fwu_cursor &c, fwu_entry &entry)
         c.read_at = c.tx_start;
         c.read_tag = c.tx_first_tag;
     }
-    if (c.read_at == c.tx_end)
-        return FWU_END;
-    if (c.tx_in_window) {
-        fwu_entry_fields(entry, c.window.data() + (c.read_at - c.window_at)); // scanned before
-    } else {
-        c.keep_at = c.read_at;
-        const fwu_found found = read_entry(c, c.read_at, c.read_tag, entry);
-        if (found == FWU_END)
-            c.reason = "the log file has become shorter";
-        if (found != FWU_FOUND)
-            return found == FWU_END ? FWU_DAMAGED : found;
-    }
-    c.read_at += static_cast<int64_t>(fwu_entry_padded(entry.length));
-    c.read_tag++;
+    do {
+        if (c.read_at == c.tx_end)
+            return FWU_END;
+        if (c.tx_in_window) {
+            fwu_entry_fields(entry,
+                             c.window.data() + (c.read_at - c.window_at)); // scanned before
+        } else {
+            c.keep_at = c.read_at;
+            const fwu_found found = read_entry(c, c.read_at, c.read_tag, entry);
+            if (found == FWU_END)
+                c.reason = "the log file has become shorter";
+            if (found != FWU_FOUND)
+                return found == FWU_END ? FWU_DAMAGED : found;
+        }
+        c.read_at += static_cast<int64_t>(fwu_entry_padded(entry.length));
+        c.read_tag++;
+    } while (!fwu_entry_known(entry));
     return FWU_FOUND;
 }

@@ -43,6 +43,7 @@ struct fwu_cursor {
     int fd = -1;
     bool header_read = false;
     fwu_file_header header;
+    fwu_file_header before; // of an earlier file that this cursor has read, else as of version 1
 
     std::vector<unsigned char> window; // grows only to the largest entry
     int64_t window_at = 0;             // its offset in the file
@@ -77,7 +78,8 @@ struct fwu_cursor {
     fwu_stamp settled;            // the file was like this, and nothing more to find in it
 };
 
-// Opens a log file; 0 or -1 (reported).  The cursor's window is kept.
+// Opens a log file; 0 or -1 (reported).  The cursor's window is kept; a file that
+// comes behind the one it has read must belong to the same log.
 int fwu_cursor_open(fwu_cursor &cursor, const fwu_log_file &file);
 // The same without a report: -1 with errno, and the cursor is as it was.
 int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file);
@@ -87,7 +89,8 @@ void fwu_cursor_close(fwu_cursor &cursor);
 fwu_found fwu_cursor_next(fwu_cursor &cursor);
 
 // Next entry of the transaction found; FWU_END behind its commit entry.
-// The entry is valid until the next call with this cursor.
+// The entry is valid until the next call with this cursor.  Optional entries of a
+// kind that this version does not know are passed over.
 fwu_found fwu_cursor_entry(fwu_cursor &cursor, fwu_entry &entry);
 
 #endif

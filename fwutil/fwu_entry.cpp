@@ -11,8 +11,10 @@
 #include <string_view>
 
 static constexpr char MAGIC[8] = {'K', 'F', 'W', 'L', 'O', 'G', '\r', '\n'};
-constexpr uint16_t FORMAT_VERSION = 1;
+constexpr size_t HEADER_IDENTITY_AT = 32;
+constexpr size_t HEADER_SALT_AT = 48;
 constexpr size_t HEADER_CRC_AT = 60;
+constexpr size_t SALT_OF_PAYLOAD = 4; // the bytes of the salt before it are the header's
 constexpr size_t COMMIT_PAYLOAD = FWU_COMMIT_SIZE - FWU_ENTRY_HEADER_SIZE;
 constexpr size_t CHANGE_FIXED = 20; // bytes of a change's payload before the names
 constexpr size_t LAYOUT_FIXED = 8;  // of a layout's payload before the names
@@ -33,12 +35,16 @@ void fwu_file_header_put(unsigned char *out, const fwu_file_header &header)
 {
     memset(out, 0, FWU_FILE_HEADER_SIZE);
     memcpy(out, MAGIC, sizeof MAGIC);
-    put_le16(out + 8, FORMAT_VERSION);
+    put_le16(out + 8, header.version);
     put_le16(out + 10, FWU_FILE_HEADER_SIZE);
     out[12] = header.big_endian ? 'B' : 'L';
     put_le32(out + 16, static_cast<uint32_t>(header.generation));
     put_le32(out + 20, static_cast<uint32_t>(header.sequence));
     put_le64(out + 24, static_cast<uint64_t>(header.created_us));
+    if (header.version != FWU_VERSION_PLAIN) {
+        memcpy(out + HEADER_IDENTITY_AT, header.identity.bytes, sizeof header.identity.bytes);
+        memcpy(out + HEADER_SALT_AT, header.salt.data(), header.salt.size());
+    }
     put_le32(out + HEADER_CRC_AT, fwu_crc32c(0, out, HEADER_CRC_AT));
 }
 
@@ -48,10 +54,18 @@ const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in
         return "it does not begin as a log file does";
     if (get_le32(in + HEADER_CRC_AT) != fwu_crc32c(0, in, HEADER_CRC_AT))
         return "the checksum of its file header is wrong";
-    if (get_le16(in + 8) != FORMAT_VERSION || get_le16(in + 10) != FWU_FILE_HEADER_SIZE)
+    const uint16_t version = get_le16(in + 8);
+    if ((version != FWU_VERSION_PLAIN && version != FWU_VERSION_SALTED) ||
+        get_le16(in + 10) != FWU_FILE_HEADER_SIZE)
         return "it has another format version; a newer libfwutil is needed to read it";
-    if ((in[12] != 'L' && in[12] != 'B') || !all_zero(in + 13, 3) || !all_zero(in + 32, 28))
+    const size_t zero_at =
+        version == FWU_VERSION_PLAIN ? HEADER_IDENTITY_AT : HEADER_SALT_AT + header.salt.size();
+    if ((in[12] != 'L' && in[12] != 'B') || !all_zero(in + 13, 3) ||
+        !all_zero(in + zero_at, HEADER_CRC_AT - zero_at))
         return "its file header holds values that this version does not know";
+    header.version = version;
+    memcpy(header.identity.bytes, in + HEADER_IDENTITY_AT, sizeof header.identity.bytes);
+    memcpy(header.salt.data(), in + HEADER_SALT_AT, header.salt.size());
     header.big_endian = in[12] == 'B';
     header.generation = static_cast<int32_t>(get_le32(in + 16));
     header.sequence = static_cast<int32_t>(get_le32(in + 20));
@@ -63,45 +77,73 @@ void fwu_entry_fields(fwu_entry &entry, const unsigned char *in)
 {
     entry.length = get_le32(in);
     entry.kind = get_le16(in + 4);
+    entry.flags = get_le16(in + 6);
     entry.tag = static_cast<int32_t>(get_le32(in + 8));
     entry.payload_length = entry.length - FWU_ENTRY_HEADER_SIZE;
     entry.payload = in + FWU_ENTRY_HEADER_SIZE;
 }
 
-const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag)
+// What the checksums of a kind of entry begin with: nothing, or part of the salt and
+// the entry's place.
+static uint32_t crc_begin(uint16_t kind, const fwu_file_header &file, size_t salt_at,
+                          int64_t offset)
+{
+    if (kind != FWU_KIND_COMMIT || file.version == FWU_VERSION_PLAIN)
+        return 0;
+    unsigned char place[SALT_OF_PAYLOAD + 8];
+    memcpy(place, file.salt.data() + salt_at, SALT_OF_PAYLOAD);
+    put_le64(place + SALT_OF_PAYLOAD, static_cast<uint64_t>(offset));
+    return fwu_crc32c(0, place, sizeof place);
+}
+
+static uint32_t header_crc(const unsigned char *in, const fwu_file_header &file, int64_t offset)
+{
+    return fwu_crc32c(crc_begin(get_le16(in + 4), file, 0, offset), in, FWU_ENTRY_CRC_AT);
+}
+
+static uint32_t payload_crc(const unsigned char *in, size_t length, const fwu_file_header &file,
+                            int64_t offset)
+{
+    return fwu_crc32c(crc_begin(get_le16(in + 4), file, SALT_OF_PAYLOAD, offset),
+                      in + FWU_ENTRY_HEADER_SIZE, length);
+}
+
+const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag,
+                                 const fwu_file_header &file, int64_t offset)
 {
     const uint32_t length = get_le32(in);
     if (length < FWU_ENTRY_HEADER_SIZE || length > FWU_ENTRY_MAX)
         return "the entry's length is impossible";
-    if (get_le32(in + FWU_ENTRY_CRC_AT) != fwu_crc32c(0, in, FWU_ENTRY_CRC_AT))
+    if (get_le32(in + FWU_ENTRY_CRC_AT) != header_crc(in, file, offset))
         return "the checksum of the entry's header is wrong";
-    if (get_le16(in + 6) != 0 || get_le32(in + 20) != 0)
-        return "reserved bytes of the entry's header are not zero";
     fwu_entry_fields(entry, in);
-    if (entry.kind < FWU_KIND_LAYOUT || entry.kind > FWU_KIND_COMMIT)
+    const uint16_t flags = file.version == FWU_VERSION_PLAIN ? 0 : FWU_ENTRY_OPTIONAL;
+    if ((entry.flags & ~flags) != 0 || get_le32(in + 20) != 0)
+        return "reserved bytes of the entry's header are not zero";
+    if (!fwu_entry_known(entry) && entry.flags != FWU_ENTRY_OPTIONAL)
         return "the entry's kind is unknown; a newer libfwutil may be needed to read it";
     if (entry.tag != expected_tag)
         return "the entry's tag does not follow the one before it";
     return nullptr;
 }
 
-const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in)
+const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in,
+                               const fwu_file_header &file, int64_t offset)
 {
     entry.payload =
         in + FWU_ENTRY_HEADER_SIZE; // the bytes may have moved since the header was read
-    if (get_le32(in + FWU_ENTRY_CRC_AT + 4) != fwu_crc32c(0, entry.payload, entry.payload_length))
+    if (get_le32(in + FWU_ENTRY_CRC_AT + 4) != payload_crc(in, entry.payload_length, file, offset))
         return "the checksum of the entry's payload is wrong";
     if (!all_zero(in + entry.length, fwu_entry_padded(entry.length) - entry.length))
         return "the bytes behind the entry are not zero";
     return nullptr;
 }
 
-bool fwu_entry_is_commit(const unsigned char *in)
+bool fwu_entry_is_commit(const unsigned char *in, const fwu_file_header &file, int64_t offset)
 {
     return get_le32(in) == FWU_COMMIT_SIZE && get_le16(in + 4) == FWU_KIND_COMMIT &&
-           get_le32(in + FWU_ENTRY_CRC_AT) == fwu_crc32c(0, in, FWU_ENTRY_CRC_AT) &&
-           get_le32(in + FWU_ENTRY_CRC_AT + 4) ==
-               fwu_crc32c(0, in + FWU_ENTRY_HEADER_SIZE, COMMIT_PAYLOAD);
+           get_le32(in + FWU_ENTRY_CRC_AT) == header_crc(in, file, offset) &&
+           get_le32(in + FWU_ENTRY_CRC_AT + 4) == payload_crc(in, COMMIT_PAYLOAD, file, offset);
 }
 
 // The text of length bytes and its NUL at the front of rest, which then begins
@@ -289,14 +331,15 @@ static unsigned char *add_entry(std::vector<unsigned char> &out, uint64_t length
     return out.data() + at;
 }
 
-static void seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag)
+static void seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag,
+                 const fwu_file_header &file = {}, int64_t offset = 0)
 {
     put_le32(entry, static_cast<uint32_t>(length));
     put_le16(entry + 4, kind);
     put_le32(entry + 8, static_cast<uint32_t>(tag));
-    put_le32(entry + FWU_ENTRY_CRC_AT, fwu_crc32c(0, entry, FWU_ENTRY_CRC_AT));
+    put_le32(entry + FWU_ENTRY_CRC_AT, header_crc(entry, file, offset));
     put_le32(entry + FWU_ENTRY_CRC_AT + 4,
-             fwu_crc32c(0, entry + FWU_ENTRY_HEADER_SIZE, length - FWU_ENTRY_HEADER_SIZE));
+             payload_crc(entry, length - FWU_ENTRY_HEADER_SIZE, file, offset));
 }
 
 // The NUL behind each text is there already.
@@ -379,7 +422,8 @@ void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fw
 }
 
 void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
-                          const fwu_commit_entry &commit)
+                          const fwu_commit_entry &commit, const fwu_file_header &file,
+                          int64_t offset)
 {
     unsigned char *entry = add_entry(out, FWU_COMMIT_SIZE);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
@@ -388,5 +432,5 @@ void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
     put_le64(p + 16, commit.commit.lsn);
     put_le32(p + 24, commit.entries);
     put_le32(p + 28, commit.chain);
-    seal(entry, FWU_COMMIT_SIZE, FWU_KIND_COMMIT, tag);
+    seal(entry, FWU_COMMIT_SIZE, FWU_KIND_COMMIT, tag, file, offset);
 }

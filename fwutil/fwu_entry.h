@@ -3,9 +3,11 @@
 #ifndef FWUTIL_FWU_ENTRY_H
 #define FWUTIL_FWU_ENTRY_H
 
+#include "fwutil/fwu_identity.h"
 #include "fwutil/fwu_items.h"
 #include "fwutil/fwu_session.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -13,32 +15,40 @@
 
 // File header: 64 bytes.
 //   0  c[8]  magic       "KFWLOG\r\n"
-//   8  u16   version     1
+//   8  u16   version     2; 1 in older files, which have neither identity nor salt
 //  10  u16   length      64
 //  12  u8    byte order  'L' or 'B': the numbers inside record images
 //  13  c[3]  zero
 //  16  i32   generation
 //  20  i32   sequence
 //  24  i64   created     microseconds since 1970 UTC
-//  32  c[28] zero
+//  32  c[16] identity    random, the same in all files of a log
+//  48  c[8]  salt        random, this file's own
+//  56  c[4]  zero
 //  60  u32   CRC of bytes 0 to 59
 constexpr size_t FWU_FILE_HEADER_SIZE = 64;
+constexpr uint16_t FWU_VERSION_PLAIN = 1;  // without identity and salt
+constexpr uint16_t FWU_VERSION_SALTED = 2; // what a writer makes
 
 // Entry header: 24 bytes; the payload stands behind it, zeros up to a multiple
 // of 8 behind the payload.
 //   0  u32   length       header and payload, without the zeros behind
 //   4  u16   kind
-//   6  u16   zero
+//   6  u16   flags        FWU_ENTRY_OPTIONAL or zero; zero in version 1
 //   8  i32   tag          1, 2, 3, ... within the file
 //  12  u32   CRC of bytes 0 to 11
 //  16  u32   CRC of the payload
 //  20  c[4]  zero
+// From version 2 on both checksums of a commit entry begin with bytes of the
+// file's salt (0 to 3, 4 to 7) and the entry's offset in the file (u64): nothing
+// that stands inside a record, not even a copy of a real one, passes for it.
 constexpr size_t FWU_ENTRY_HEADER_SIZE = 24;
 constexpr size_t FWU_ENTRY_MAX = 64 * 1024 * 1024;
 constexpr size_t FWU_ENTRY_ALIGN = 8;
 constexpr size_t FWU_ENTRY_CRC_AT = 12; // both CRC words: what the chain covers
 constexpr size_t FWU_ENTRY_CRC_SIZE = 8;
-constexpr size_t FWU_COMMIT_SIZE = 56; // length of every commit entry
+constexpr size_t FWU_COMMIT_SIZE = 56;     // length of every commit entry
+constexpr uint16_t FWU_ENTRY_OPTIONAL = 1; // who does not know the kind passes over the entry
 
 constexpr int FWU_NAME_MAX = 16; // bytes of a database or dataset name
 
@@ -52,6 +62,9 @@ enum fwu_kind : uint16_t {
 };
 
 struct fwu_file_header {
+    uint16_t version = FWU_VERSION_PLAIN;
+    fwu_identity identity{};             // none in version 1
+    std::array<unsigned char, 8> salt{}; // zero in version 1
     bool big_endian = false;
     int32_t generation = 0;
     int32_t sequence = 0;
@@ -62,6 +75,7 @@ struct fwu_file_header {
 struct fwu_entry {
     uint32_t length = 0; // with header, without padding
     uint16_t kind = 0;
+    uint16_t flags = 0;
     int32_t tag = 0;
     const unsigned char *payload = nullptr;
     size_t payload_length = 0;
@@ -114,12 +128,22 @@ void fwu_entry_fields(fwu_entry &entry, const unsigned char *in);
 
 // Checks the 24 bytes of a header and fills entry; null, or what is wrong with
 // them.
-const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag);
+// Where in which file it stands counts for commit entries.
+const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag,
+                                 const fwu_file_header &file, int64_t offset);
 // Checks the whole entry, all padded bytes of which stand at in, behind a good
 // header; null, or what is wrong.
-const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in);
-// Whether a whole commit entry, tag unknown, stands in these 56 bytes.
-bool fwu_entry_is_commit(const unsigned char *in);
+const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in,
+                               const fwu_file_header &file, int64_t offset);
+// Whether a whole commit entry, tag unknown, stands in these 56 bytes at an offset
+// of a file.
+bool fwu_entry_is_commit(const unsigned char *in, const fwu_file_header &file, int64_t offset);
+
+// Whether this version knows what the entry says; what it does not know is optional.
+inline bool fwu_entry_known(const fwu_entry &entry)
+{
+    return entry.kind >= FWU_KIND_LAYOUT && entry.kind <= FWU_KIND_COMMIT;
+}
 
 // Decode a payload; false when the entry is of another kind or malformed.
 bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout);
@@ -133,8 +157,10 @@ void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fw
 void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag,
                            const fwu_session &session);
 void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fwu_change &change);
+// The commit entry will stand at an offset of a file with this header.
 void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
-                          const fwu_commit_entry &commit);
+                          const fwu_commit_entry &commit, const fwu_file_header &file,
+                          int64_t offset);
 
 // Lengths that these entries will have, without padding.
 uint64_t fwu_entry_session_length(const fwu_session &session);

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
 {
@@ -92,6 +94,22 @@ fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file)
     return FWU_FAILED;
 }
 
+fwu_found fwu_log_header(const fwu_log_file &file, fwu_file_header &header)
+{
+    unsigned char bytes[FWU_FILE_HEADER_SIZE];
+    const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    const ssize_t n = fd < 0 ? -1 : pread(fd, bytes, sizeof bytes, 0);
+    if (n < 0)
+        fwu_error("%s: cannot read the log file: %s", file.path.c_str(), strerror(errno));
+    if (fd >= 0)
+        close(fd);
+    if (n < 0)
+        return FWU_FAILED;
+    return n == static_cast<ssize_t>(sizeof bytes) && fwu_file_header_get(header, bytes) == nullptr
+               ? FWU_FOUND
+               : FWU_END;
+}
+
 // A file that another one follows holds whole transactions and nothing else.
 static bool ends_whole(fwu_cursor &cursor)
 {
@@ -153,8 +171,8 @@ int fwu_log_walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
     int result = 0;
     item.what = FWU_WALK_ENTRY;
     do {
-        item.offset = cursor.read_at < cursor.tx_start ? cursor.tx_start : cursor.read_at;
         found = fwu_cursor_entry(cursor, item.entry);
+        item.offset = cursor.read_at - static_cast<int64_t>(fwu_entry_padded(item.entry.length));
         if (found == FWU_FOUND)
             result = visit(item);
     } while (found == FWU_FOUND && result == 0);

@@ -20,6 +20,9 @@ int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
 // others.
 fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file);
 
+// The header of a log file.  FWU_FOUND; FWU_END: it has no good one; FWU_FAILED: reported.
+fwu_found fwu_log_header(const fwu_log_file &file, fwu_file_header &header);
+
 // Reading a log transaction by transaction, from file to file.
 struct fwu_log {
     std::string directory;

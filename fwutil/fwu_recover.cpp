@@ -65,9 +65,11 @@ static int make_ready(fwu_writer &w, const fwu_cursor &cursor)
         if (fwu_writer_cut_tail(w) != 0)
             return -1;
     }
-    if (!cursor.header_read) {
-        if (fwu_writer_put_header(w, w.fd, w.file) != 0)
-            return fwu_file_error(w.file.path, "cannot write to the log file");
+    if (cursor.header_read) {
+        w.header = cursor.header;
+    } else {
+        if (fwu_writer_put_header(w, w.fd, w.file, w.header) != 0)
+            return -1;
         w.end = FWU_FILE_HEADER_SIZE;
     }
     if (cursor.header_read && cursor.header.big_endian != w.big_endian)
@@ -103,6 +105,20 @@ static int write_again(fwu_writer &w)
     return 0;
 }
 
+// The identity that the log's newest file has of those that have one.
+static int find_identity(fwu_writer &w, const std::vector<fwu_log_file> &files)
+{
+    for (size_t i = files.size(); i > 0 && !fwu_identity_known(w.identity); i--) {
+        fwu_file_header header;
+        const fwu_found found = fwu_log_header(files[i - 1], header);
+        if (found == FWU_FAILED)
+            return -1;
+        if (found == FWU_FOUND)
+            w.identity = header.identity;
+    }
+    return 0;
+}
+
 int fwu_recover(fwu_writer &w)
 {
     std::vector<fwu_log_file> files;
@@ -110,6 +126,8 @@ int fwu_recover(fwu_writer &w)
         return -1;
     if (files.empty())
         return 0;
+    if (find_identity(w, files) != 0)
+        return -1;
     fwu_cursor cursor;
     if (learn_file(w, cursor, files.back(), true) != FWU_END || make_ready(w, cursor) != 0) {
         fwu_cursor_close(cursor);

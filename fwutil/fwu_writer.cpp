@@ -40,16 +40,24 @@ int fwu_writer_cut_tail(fwu_writer &w)
     return 0;
 }
 
-int fwu_writer_put_header(const fwu_writer &w, int fd, const fwu_log_file &file)
+int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_file_header &header)
 {
     unsigned char bytes[FWU_FILE_HEADER_SIZE];
-    fwu_file_header header;
+    if (!fwu_identity_known(w.identity) &&
+        fwu_random(w.identity.bytes, sizeof w.identity.bytes) != 0)
+        return -1;
+    if (fwu_random(header.salt.data(), header.salt.size()) != 0)
+        return -1;
+    header.version = FWU_VERSION_SALTED;
+    header.identity = w.identity;
     header.big_endian = w.big_endian;
     header.generation = file.generation;
     header.sequence = file.sequence;
     header.created_us = fwu_now_us();
     fwu_file_header_put(bytes, header);
-    return fwu_write_all(fd, bytes, sizeof bytes, 0);
+    if (fwu_write_all(fd, bytes, sizeof bytes, 0) != 0)
+        return fwu_file_error(file.path, "cannot create the log file");
+    return 0;
 }
 
 static int take_lock(fwu_writer &w)
@@ -147,7 +155,8 @@ int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
                          w.directory.c_str());
     if (session != nullptr && check_session(*session) != 0)
         return -1;
-    w.next_file = w.file.generation == 0 || w.end >= w.log_file_size;
+    w.next_file =
+        w.file.generation == 0 || w.header.version == FWU_VERSION_PLAIN || w.end >= w.log_file_size;
     fwu_txn_begin(w.txn, w.next_file ? 1 : w.last_tag + 1);
     w.txn_layouts.clear();
     w.recnum = w.last_recnum;
@@ -296,9 +305,11 @@ static int begin_file(fwu_writer &w)
     const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0)
         return fwu_file_error(temporary, "cannot create a log file");
-    if (fwu_writer_put_header(w, fd, file) != 0 ||
-        rename(temporary.c_str(), file.path.c_str()) != 0) {
-        const int result = fwu_file_error(file.path, "cannot create the log file");
+    fwu_file_header header;
+    int result = fwu_writer_put_header(w, fd, file, header);
+    if (result == 0 && rename(temporary.c_str(), file.path.c_str()) != 0)
+        result = fwu_file_error(file.path, "cannot create the log file");
+    if (result != 0) {
         close(fd);
         (void)unlink(temporary.c_str()); // the next attempt would truncate it
         return result;
@@ -307,6 +318,7 @@ static int begin_file(fwu_writer &w)
         close(w.fd);
     w.fd = fd;
     w.file = file;
+    w.header = header;
     w.end = FWU_FILE_HEADER_SIZE;
     w.last_tag = 0;
     w.torn = false;
@@ -325,7 +337,8 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     entry.commit = commit;
     entry.entries = w.txn.count;
     entry.chain = w.txn.chain;
-    fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry);
+    fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry, w.header,
+                         w.end + w.txn.spilled + static_cast<int64_t>(w.txn.entries.size()));
     if (fwu_txn_write(w.txn, w.fd, w.file.path, w.end) != 0) {
         (void)fwu_writer_cut_tail(w); // reported, and tried again before the next transaction
         return -1;

@@ -20,6 +20,8 @@ struct fwu_writer {
 
     // The last log file; its generation is 0 until there is one.
     fwu_log_file file;
+    fwu_file_header header;
+    fwu_identity identity; // of the log; none before its first file
     int fd = -1;
     int64_t end = 0;        // offset behind its last transaction
     int32_t last_tag = 0;   // tag of its last commit entry
@@ -56,8 +58,8 @@ void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string 
 // Cuts off what stands behind the last transaction; 0 or -1 (reported).
 int fwu_writer_cut_tail(fwu_writer &w);
 
-// Writes a log file's header; 0, or -1 with errno.
-int fwu_writer_put_header(const fwu_writer &w, int fd, const fwu_log_file &file);
+// Writes a log file's header, which it makes; 0, or -1 (reported).
+int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_file_header &header);
 
 // Name of the file in the log directory that remembers a failed sync.
 constexpr char FWU_SYNC_FAILED[] = "sync-failed";

@@ -123,9 +123,16 @@ TEST_F(CursorTest, DamageNamesTheOffsetOfTheEntryAndWhatIsWrong)
 // Makes both checksums of the entry at offset fit its changed bytes.
 static void seal(std::string &bytes, size_t at)
 {
+    unsigned char place[12] = {};
     auto *p = reinterpret_cast<unsigned char *>(bytes.data() + at);
-    put_le32(p + 12, fwu_crc32c(0, p, 12));
-    put_le32(p + 16, fwu_crc32c(0, p + 24, get_le32(p) - 24));
+    const bool commit = get_le16(p + 4) == FWU_KIND_COMMIT;
+    const auto begin = [&](size_t salt_at) {
+        memcpy(place, header_of(bytes).salt.data() + salt_at, 4);
+        put_le64(place + 4, at);
+        return commit ? fwu_crc32c(0, place, sizeof place) : 0;
+    };
+    put_le32(p + 12, fwu_crc32c(begin(0), p, 12));
+    put_le32(p + 16, fwu_crc32c(begin(4), p + 24, get_le32(p) - 24));
 }
 
 struct sealed_row {
@@ -175,13 +182,79 @@ TEST_F(CursorTest, MalformedContentUnderGoodChecksumsIsDamage)
     EXPECT_TRUE(outcome.records.empty());
 }
 
-TEST_F(CursorTest, BytesTakenOutOfTheMiddleAreDamage)
+TEST_F(CursorTest, AFileOfAnotherLogIsNotReadOn)
 {
-    std::string bytes = log_file_bytes(2);
-    bytes.erase(160, 32);
-    const run_outcome outcome = run_with(2, bytes);
-    EXPECT_EQ(outcome.result, -1);
-    EXPECT_THAT(outcome.err, HasSubstr(file(2) + ": damaged at offset 152: "));
+    const auto with = [this](uint16_t version, unsigned char changed) {
+        const std::string bytes = log_file_bytes(2);
+        fwu_file_header header = header_of(bytes);
+        header.version = version;
+        header.identity.bytes[15] = static_cast<unsigned char>(header.identity.bytes[15] ^ changed);
+        return header_bytes(header) + bytes.substr(64);
+    };
+    for (const std::string &bytes : {with(FWU_VERSION_SALTED, 1), with(FWU_VERSION_PLAIN, 0)}) {
+        const run_outcome outcome = run_with(2, bytes);
+        EXPECT_EQ(outcome.result, -1);
+        EXPECT_EQ(outcome.records, written_from(1, 3));
+        EXPECT_THAT(outcome.err,
+                    HasSubstr(file(2) + ": damaged at offset 0: it belongs to another log than the "
+                                        "files before it: its identity differs; "));
+    }
+}
+
+// A log of version 1 that a writer of today goes on with.
+TEST_F(CursorTest, PlainFilesAreReadAndGoneOnBehindWithANewFile)
+{
+    std::filesystem::remove_all(log);
+    std::filesystem::create_directory(log);
+    write_file(file(1), golden_bytes("forward_log_small.hex"));
+    const std::string before = log_file_bytes(1);
+    written.resize(3); // what its three records are does not matter here
+    open_writer();
+    EXPECT_EQ(fwu_writer_last_lsn(writer), 256U);
+    commits = 16;
+    add({insert(9)});
+    close_writer();
+    EXPECT_EQ(log_file_bytes(1), before);
+    EXPECT_EQ(header_of(log_file_bytes(2)).version, FWU_VERSION_SALTED);
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, 0) << outcome.err;
+    ASSERT_EQ(outcome.records.size(), 4U);
+    EXPECT_EQ(outcome.records[3], written[3]);
+}
+
+TEST_F(CursorTest, FilesOfALogHaveOneIdentityAndEachASaltOfItsOwn)
+{
+    const fwu_file_header one = header_of(log_file_bytes(1));
+    const fwu_file_header two = header_of(log_file_bytes(2));
+    EXPECT_TRUE(fwu_identity_known(one.identity));
+    EXPECT_EQ(one.identity, two.identity);
+    EXPECT_NE(one.salt, two.salt);
+    config.log_file_size = 64;
+    open_writer();
+    add({insert(4)});
+    close_writer();
+    EXPECT_EQ(header_of(log_file_bytes(3)).identity, one.identity);
+    std::filesystem::remove_all(log);
+    open_writer();
+    add({insert(4)});
+    close_writer();
+    EXPECT_NE(header_of(log_file_bytes(1)).identity, one.identity);
+}
+
+// An entry of a kind that only later versions know.
+TEST_F(CursorTest, AnOptionalEntryIsPassedOver)
+{
+    std::string bytes = log_file_bytes(1);
+    bytes[152 + 4] = 9; // the insert becomes it
+    bytes[152 + 6] = FWU_ENTRY_OPTIONAL;
+    seal(bytes, 152);
+    uint32_t chain = fwu_crc32c(0, bytes.data() + 64 + 12, 8);
+    chain = fwu_crc32c(chain, bytes.data() + 152 + 12, 8);
+    put_le32(reinterpret_cast<unsigned char *>(bytes.data() + 232 + 24 + 28), chain);
+    seal(bytes, 232);
+    const run_outcome outcome = run_with(1, bytes);
+    EXPECT_EQ(outcome.result, 0) << outcome.err;
+    EXPECT_EQ(outcome.records, written_from(2));
 }
 
 TEST_F(CursorTest, HeaderAndNameMustAgree)

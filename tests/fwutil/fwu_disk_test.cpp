@@ -22,6 +22,7 @@ class DiskTest : public log_test {
     {
         config.log_file_size = 700;
         calls.clock_us = 1700000000000000; // so that file headers are equal
+        calls.random_from = 1;
         calls.monotonic_ms = 1'000'000;
         calls.skip_syncs = true; // their time, not their failures
         for (int n = 1; n <= 8; n++)

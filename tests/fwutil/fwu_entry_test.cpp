@@ -15,6 +15,7 @@ TEST_F(EntryTest, WriterProducesTheExampleFileByteForByte)
 {
     const system_calls_guard guard;
     calls.clock_us = 1700000000000000;
+    calls.random_from = 0x10;
     configure(
         "byte-order little\ndatabase SALES\ndataset ORDERS\nitem NO I 4\nitem PRICE P 5 scale=2\n");
     fwu_session session;
@@ -34,7 +35,7 @@ TEST_F(EntryTest, WriterProducesTheExampleFileByteForByte)
               0);
     ASSERT_EQ(fwu_writer_commit(writer, {1700000004000005, 7, 256}), 0);
     close_writer();
-    const std::string expected = golden_bytes("forward_log_small.hex");
+    const std::string expected = golden_bytes("forward_log_salted.hex");
     const std::string found = log_file_bytes(1);
     ASSERT_EQ(expected.size(), 496U);
     ASSERT_EQ(found.size(), expected.size());
@@ -42,10 +43,29 @@ TEST_F(EntryTest, WriterProducesTheExampleFileByteForByte)
         ASSERT_EQ(found[i], expected[i]) << "offset " << i;
 }
 
-TEST_F(EntryTest, ReaderUnderstandsTheExampleFile)
+// The same transaction in both versions of the format.
+struct example_row {
+    const char *golden;
+    fwu_file_header header;
+};
+
+static const example_row EXAMPLES[] = {
+    {"forward_log_small.hex", {}},
+    {"forward_log_salted.hex",
+     {.version = FWU_VERSION_SALTED,
+      .identity = {{0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x1A, 0x1B, 0x1C,
+                    0x1D, 0x1E, 0x1F}},
+      .salt = {0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27}}},
+};
+
+class Example : public log_test, public testing::WithParamInterface<example_row> {};
+INSTANTIATE_TEST_SUITE_P(Versions, Example, testing::ValuesIn(EXAMPLES),
+                         [](const auto &row) { return row.index == 0 ? "Plain" : "Salted"; });
+
+TEST_P(Example, ReaderUnderstandsIt)
 {
     std::filesystem::create_directory(log);
-    write_file(file(1), golden_bytes("forward_log_small.hex"));
+    write_file(file(1), golden_bytes(GetParam().golden));
     std::string session_text;
     std::string items;
     on_record = [&](const seen &record) {
@@ -109,7 +129,7 @@ static void decode_any(const fwu_entry &entry)
 
 TEST_F(EntryTest, EveryCutAndEveryChangedByteIsDecodedSafely)
 {
-    const std::string bytes = golden_bytes("forward_log_small.hex");
+    const std::string bytes = golden_bytes("forward_log_salted.hex");
     for (size_t at = FWU_FILE_HEADER_SIZE; at < bytes.size();) {
         const auto *p = reinterpret_cast<const unsigned char *>(bytes.data() + at);
         const size_t length = get_le32(p);
@@ -143,38 +163,65 @@ struct header_row {
     const char *error; // after the checksum has been made right again
 };
 
-TEST(FileHeader, SaysWhatIsWrong)
+static const char *get_header(fwu_file_header &header, const std::string &bytes)
 {
-    const std::string good = golden_bytes("forward_log_small.hex").substr(0, 64);
+    return fwu_file_header_get(header, reinterpret_cast<const unsigned char *>(bytes.data()));
+}
+
+TEST_P(Example, FileHeaderIsUnderstoodAndSaysWhatIsWrong)
+{
+    const std::string good = golden_bytes(GetParam().golden).substr(0, 64);
+    const fwu_file_header &wanted = GetParam().header;
     fwu_file_header header;
-    const auto get = [&header](const std::string &bytes) {
-        return fwu_file_header_get(header, reinterpret_cast<const unsigned char *>(bytes.data()));
-    };
-    EXPECT_EQ(get(good), nullptr);
+    EXPECT_EQ(get_header(header, good), nullptr);
     EXPECT_EQ(header.created_us, 1700000000000000);
     EXPECT_FALSE(header.big_endian);
+    EXPECT_EQ(header.version, wanted.version);
+    EXPECT_EQ(header.identity, wanted.identity);
+    EXPECT_EQ(header.salt, wanted.salt);
     for (const header_row &row : std::vector<header_row>{
-             {8, 2, "it has another format version; a newer libfwutil is needed to read it"},
+             {8, 3, "it has another format version; a newer libfwutil is needed to read it"},
+             {9, 1, "it has another format version; a newer libfwutil is needed to read it"},
              {10, 72, "it has another format version; a newer libfwutil is needed to read it"},
              {12, 'X', "its file header holds values that this version does not know"},
              {13, 1, "its file header holds values that this version does not know"},
              {59, 1, "its file header holds values that this version does not know"}}) {
         std::string bytes = good;
         bytes[row.at] = static_cast<char>(row.value);
-        EXPECT_STREQ(get(bytes), "the checksum of its file header is wrong");
+        EXPECT_STREQ(get_header(header, bytes), "the checksum of its file header is wrong");
         put_le32(reinterpret_cast<unsigned char *>(bytes.data() + 60),
                  fwu_crc32c(0, bytes.data(), 60));
-        EXPECT_STREQ(get(bytes), row.error) << row.at;
+        EXPECT_STREQ(get_header(header, bytes), row.error) << row.at;
     }
     std::string bytes = good;
     bytes[0] = 'k';
-    EXPECT_STREQ(get(bytes), "it does not begin as a log file does");
+    EXPECT_STREQ(get_header(header, bytes), "it does not begin as a log file does");
 }
 
-TEST(EntryHeader, SaysWhatIsWrong)
+// Where the commit entry of the examples stands.
+constexpr size_t EXAMPLE_COMMIT = 440;
+
+TEST_P(Example, ItsCommitEntryIsOneInItsPlaceOnly)
 {
-    const auto check = [](uint32_t length, uint16_t kind, uint16_t reserved, int32_t tag,
-                          uint32_t pad) -> std::string {
+    const std::string bytes = golden_bytes(GetParam().golden);
+    const auto *p = reinterpret_cast<const unsigned char *>(bytes.data()) + EXAMPLE_COMMIT;
+    const bool salted = GetParam().header.version == FWU_VERSION_SALTED;
+    fwu_file_header other = GetParam().header;
+    EXPECT_TRUE(fwu_entry_is_commit(p, GetParam().header, EXAMPLE_COMMIT));
+    EXPECT_EQ(fwu_entry_is_commit(p, GetParam().header, EXAMPLE_COMMIT + 8), !salted);
+    for (const size_t at : {0, 7}) { // the header's part of the salt, then the payload's
+        other.salt = GetParam().header.salt;
+        other.salt[at] ^= 1;
+        EXPECT_EQ(fwu_entry_is_commit(p, other, EXAMPLE_COMMIT), !salted) << at;
+    }
+}
+
+TEST_P(Example, EntryHeaderSaysWhatIsWrong)
+{
+    const fwu_file_header &file = GetParam().header;
+    const bool salted = file.version == FWU_VERSION_SALTED;
+    const auto check = [&file](uint32_t length, uint16_t kind, uint16_t reserved, int32_t tag,
+                               uint32_t pad) -> std::string {
         unsigned char bytes[24] = {};
         put_le32(bytes, length);
         put_le16(bytes + 4, kind);
@@ -183,7 +230,7 @@ TEST(EntryHeader, SaysWhatIsWrong)
         put_le32(bytes + 12, fwu_crc32c(0, bytes, 12));
         put_le32(bytes + 20, pad);
         fwu_entry entry;
-        const char *wrong = fwu_entry_header_get(entry, bytes, 5);
+        const char *wrong = fwu_entry_header_get(entry, bytes, 5, file, 64);
         return wrong != nullptr ? wrong : "";
     };
     EXPECT_EQ(check(24, 3, 0, 5, 0), "");
@@ -194,7 +241,11 @@ TEST(EntryHeader, SaysWhatIsWrong)
               "the entry's kind is unknown; a newer libfwutil may be needed to read it");
     EXPECT_EQ(check(24, 7, 0, 5, 0),
               "the entry's kind is unknown; a newer libfwutil may be needed to read it");
-    EXPECT_EQ(check(24, 3, 1, 5, 0), "reserved bytes of the entry's header are not zero");
+    const std::string reserved = "reserved bytes of the entry's header are not zero";
+    EXPECT_EQ(check(24, 3, 1, 5, 0), salted ? "" : reserved);
+    EXPECT_EQ(check(24, 7, 1, 5, 0), salted ? "" : reserved); // optional: passed over
+    EXPECT_EQ(check(24, 7, 3, 5, 0), reserved);
+    EXPECT_EQ(check(24, 3, 2, 5, 0), reserved);
     EXPECT_EQ(check(24, 3, 0, 5, 1), "reserved bytes of the entry's header are not zero");
     EXPECT_EQ(check(24, 3, 0, 6, 0), "the entry's tag does not follow the one before it");
 }

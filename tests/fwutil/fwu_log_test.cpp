@@ -57,9 +57,7 @@ TEST_F(LogTest, AMissingFileInTheMiddleIsNamed)
 TEST_F(LogTest, ANewGenerationMayBeginWithAnyNumber)
 {
     two_files();
-    std::string bytes = log_file_bytes(2);
-    fwu_file_header header{false, 2, 70, 0};
-    fwu_file_header_put(reinterpret_cast<unsigned char *>(bytes.data()), header);
+    const std::string bytes = renumbered(log_file_bytes(2), 2, 70);
     std::filesystem::remove(file(2));
     write_file(file(70, 2), bytes);
     const run_outcome outcome = run();

@@ -229,9 +229,8 @@ TEST_F(ProcessTest, ARecordWithoutALayoutHasNoItemsAndSaysSo)
                          {"SALES", "ORDERS", 1001, FWU_OP_INSERT, 1, 16, nullptr,
                           reinterpret_cast<const unsigned char *>(image.data())});
     ASSERT_EQ(fwu_txn_added(txn, log), 0);
-    fwu_entry_put_commit(txn.entries, 2, {{1, 1, 1}, txn.count, txn.chain});
-    write_file(file(1), log_file_bytes(1).substr(0, 64) +
-                            std::string(txn.entries.begin(), txn.entries.end()));
+    fwu_entry_put_commit(txn.entries, 2, {{1, 1, 1}, txn.count, txn.chain}, {}, 0);
+    write_file(file(1), plain_header(1) + std::string(txn.entries.begin(), txn.entries.end()));
     on_record = [](const seen &) {
         EXPECT_EQ(items(), "");
         return 0;

@@ -143,9 +143,7 @@ TEST_F(WriterTest, GoesOnWithNumbersAndPositionOfAnEarlierFile)
     two_files();
     // A last file that holds nothing, as a writer that died before its first
     // transaction leaves it.
-    std::string header = log_file_bytes(2).substr(0, 64);
-    fwu_file_header_put(reinterpret_cast<unsigned char *>(header.data()), {false, 1, 3, 0});
-    write_file(file(3), header);
+    write_file(file(3), renumbered(log_file_bytes(2).substr(0, 64), 1, 3));
     config.log_file_size = 100000;
     open_writer();
     EXPECT_EQ(fwu_writer_last_lsn(writer), 48U);
@@ -168,7 +166,6 @@ TEST_F(WriterTest, RecordNumbersBeginAgainBehindTheLargest)
     add({insert(1)});
     close_writer();
     // The same record with the largest number.
-    std::string bytes = log_file_bytes(1);
     std::vector<unsigned char> out;
     fwu_layout layout = config.datasets[0].layout;
     const seen record = insert(1);
@@ -181,8 +178,8 @@ TEST_F(WriterTest, RecordNumbersBeginAgainBehindTheLargest)
     ASSERT_EQ(fwu_txn_added(txn, log), 0);
     fwu_entry_put_change(txn.entries, 2, change);
     ASSERT_EQ(fwu_txn_added(txn, log), 0);
-    fwu_entry_put_commit(txn.entries, 3, {{1, 1, 1}, txn.count, txn.chain});
-    write_file(file(1), bytes.substr(0, 64) + std::string(txn.entries.begin(), txn.entries.end()));
+    fwu_entry_put_commit(txn.entries, 3, {{1, 1, 1}, txn.count, txn.chain}, {}, 0);
+    write_file(file(1), plain_header(1) + std::string(txn.entries.begin(), txn.entries.end()));
     open_writer();
     add({insert(2)});
     close_writer();
@@ -391,8 +388,7 @@ TEST_F(WriterTest, TheLastFileNumberIsTheEnd)
     open_writer();
     add({insert(1)});
     close_writer();
-    std::string bytes = log_file_bytes(1);
-    fwu_file_header_put(reinterpret_cast<unsigned char *>(bytes.data()), {false, 1, 99999999, 0});
+    const std::string bytes = renumbered(log_file_bytes(1), 1, 99999999);
     std::filesystem::remove(file(1));
     write_file(file(99999999), bytes);
     config.log_file_size = 100;

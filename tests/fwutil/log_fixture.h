@@ -5,6 +5,7 @@
 
 #include "fwutil/fwu_writer.h"
 #include "fwutil/fwutil.h"
+#include "tests/support/log_header.h"
 #include "tests/support/tempdir.h"
 
 #include <functional>

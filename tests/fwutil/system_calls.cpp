@@ -136,6 +136,19 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec *time)
     return 0;
 }
 
+ssize_t __real_getrandom(void *bytes, size_t length, unsigned flags);
+ssize_t __wrap_getrandom(void *bytes, size_t length, unsigned flags);
+ssize_t __wrap_getrandom(void *bytes, size_t length, unsigned flags)
+{
+    if (calls.random_from < 0)
+        return __real_getrandom(bytes, length, flags);
+    auto *p = static_cast<unsigned char *>(bytes);
+    for (size_t i = 0; i < length; i++)
+        p[i] = static_cast<unsigned char>(calls.random_from + (length == 16 ? 0 : 16) +
+                                          static_cast<int>(i));
+    return static_cast<ssize_t>(length);
+}
+
 int __real_inotify_init1(int flags);
 int __wrap_inotify_init1(int flags);
 int __wrap_inotify_init1(int flags)

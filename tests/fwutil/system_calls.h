@@ -24,7 +24,8 @@ struct system_calls {
     bool fail_mmap = false;      // with ENODEV
     int fdatasyncs = 0;          // calls of fdatasync so far
     int64_t clock_us = 0;        // what the real-time clock shows; 0: the real time
-    int64_t monotonic_ms = 0;    // what the monotonic clock shows; 0: the real one
+    int random_from = -1; // getrandom: identities count up from here, salts 16 behind; -1: random
+    int64_t monotonic_ms = 0; // what the monotonic clock shows; 0: the real one
 };
 
 extern system_calls calls;

@@ -1,4 +1,4 @@
-// Log files put together entry by entry, so that every byte of what is printed of
+// Log files of version 1 put together entry by entry, so that every byte of what is printed of
 // them is known.
 #ifndef TESTS_TOOLS_BUILT_LOG_H
 #define TESTS_TOOLS_BUILT_LOG_H
@@ -64,7 +64,8 @@ struct log_file {
         fwu_entry_put_commit(bytes, ++tag,
                              {.commit = {.time_us = 86'461'000'250, .xid = 7, .lsn = 0x1A0000002B},
                               .entries = entries,
-                              .chain = chain});
+                              .chain = chain},
+                             {}, 0);
         entries = 0;
         chain = 0;
         counted = bytes.size();

@@ -2,6 +2,7 @@
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_status_text.h"
 #include "tests/procs/growing_log.h"
+#include "tests/support/log_header.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -125,12 +126,8 @@ TEST_F(FwlogPruneTest, APositionBehindTheLogIsRefused)
 TEST_F(FwlogPruneTest, AFileNumberMeansTheNewestGenerationThatHasIt)
 {
     make(3);
-    std::string bytes = read_file(file(1));
-    for (const int sequence : {2, 3}) {
-        fwu_file_header_put(reinterpret_cast<unsigned char *>(bytes.data()),
-                            {.big_endian = false, .generation = 2, .sequence = sequence});
-        write_file(file(sequence, 2), bytes);
-    }
+    for (const int sequence : {2, 3})
+        write_file(file(sequence, 2), renumbered(read_file(file(1)), 2, sequence));
     EXPECT_EQ(prune({"--before", "4"}).status, 1);
     EXPECT_EQ(prune({"--before", "1"}).status, 0);
     EXPECT_EQ(left(), "1-1 1-2 1-3 2-2 2-3 ") << "1-1 is the only file 1";
@@ -181,12 +178,9 @@ TEST_F(FwlogPruneTest, AnEmptyLogHasNothingToRemove)
 TEST_F(FwlogPruneTest, TheFileWithTheLastTransactionStays)
 {
     make(3);
-    std::string header(FWU_FILE_HEADER_SIZE, '\0');
-    for (const int sequence : {4, 5}) {
-        fwu_file_header_put(reinterpret_cast<unsigned char *>(header.data()),
-                            {.big_endian = false, .generation = 1, .sequence = sequence});
-        write_file(file(sequence), header);
-    }
+    const std::string header = read_file(file(3)).substr(0, FWU_FILE_HEADER_SIZE);
+    for (const int sequence : {4, 5})
+        write_file(file(sequence), renumbered(header, 1, sequence));
     EXPECT_EQ(prune({"--keep", "1"}).out,
               "removed fw0001-00000001.log, 480 bytes\n"
               "removed fw0001-00000002.log, 480 bytes\n"
