@@ -67,6 +67,19 @@ static void say_bad_line(const fwlog_stream &stream, const line_reader &reader, 
                 reader.number);
 }
 
+// Tells what the line gave cause to tell.
+static void say_notes(fwlog_stream &stream, const line_reader &reader, load_progress &progress,
+                      const char *name)
+{
+    std::vector<std::string> &notes = stream.tx.work.notes;
+    if (notes.empty())
+        return;
+    load_progress_erase(progress);
+    for (const std::string &note : notes)
+        fprintf(stderr, "fwlog: %s:%" PRIu64 ": warning: %s\n", name, reader.number, note.c_str());
+    notes.clear();
+}
+
 // Reads lines until the input ends or something is wrong; the exit status.
 static int run(fwlog_stream &stream, line_reader &reader, load_progress &progress, const char *name)
 {
@@ -81,6 +94,7 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
                 continue;
             const bool was_open = stream.tx.open;
             const fwlog_result result = fwlog_stream_line(stream, line, reader.number, error);
+            say_notes(stream, reader, progress, name);
             if (result != FWLOG_OK) {
                 load_progress_erase(progress);
                 if (result == FWLOG_BAD)

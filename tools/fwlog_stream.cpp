@@ -65,11 +65,8 @@ static fwlog_result take_message(fwlog_stream &stream, std::string &error)
         return wrong_xid(stream, error);
     if (line.content.find('\0') != std::string::npos)
         return bad(error, "the session message holds a NUL character");
-    if (fwlog_set_session(stream.tx, line.content))
-        return FWLOG_OK;
-    return bad(error, "a session message comes behind the first change of " +
-                          transaction_name(stream) +
-                          ": it must be the first thing that a transaction does");
+    fwlog_set_session(stream.tx, line.content);
+    return FWLOG_OK;
 }
 
 static fwlog_result take_change(fwlog_stream &stream, std::string &error)

@@ -50,13 +50,19 @@ void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit)
     tx.truncated_before = tx.work.truncated;
 }
 
-bool fwlog_set_session(fwlog_transaction &tx, std::string_view content)
+void fwlog_set_session(fwlog_transaction &tx, std::string_view content)
 {
-    if (tx.begun)
-        return tx.has_session && tx.content == content;
-    tx.content = content;
-    tx.has_session = true;
-    return true;
+    if (!tx.begun) {
+        tx.content = content;
+        tx.has_session = true;
+        return;
+    }
+    if ((tx.has_session && tx.content == content) || tx.session_told)
+        return;
+    tx.session_told = true;
+    tx.work.notes.push_back("transaction " + std::to_string(tx.commit.xid) +
+                            ": a session message comes behind the first change and is not taken "
+                            "(this is told once)");
 }
 
 static void add_changes(fwlog_totals &totals, const fwlog_totals &changes)

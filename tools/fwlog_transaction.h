@@ -25,7 +25,8 @@ struct fwlog_totals {
 struct fwlog_transaction {
     fwu_writer *writer = nullptr;
     pgi_work work;
-    fwlog_totals totals; // of whole transactions
+    fwlog_totals totals;       // of whole transactions
+    bool session_told = false; // that a session message came late
 
     // The transaction in hand.
     bool open = false;     // between begin and commit
@@ -52,9 +53,9 @@ enum fwlog_result {
 // Begins a transaction; one that the log has already will be passed over.
 void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit);
 
-// Takes "key=value;key=value" as the transaction's session.  False when that says
-// anything new behind the first change, where it cannot be told any more.
-bool fwlog_set_session(fwlog_transaction &tx, std::string_view content);
+// Takes "key=value;key=value" as the transaction's session.  What says anything new
+// behind the first change cannot be told any more: a note says so, once.
+void fwlog_set_session(fwlog_transaction &tx, std::string_view content);
 
 // Adds a change.  A null fresh is a delete, a null old an insert.
 fwlog_result fwlog_change(fwlog_transaction &tx, pgt_table &table, const pgr_row *fresh,

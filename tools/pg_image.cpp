@@ -229,6 +229,13 @@ static void put_null(const fwu_item &item, unsigned char *out)
     }
 }
 
+// No number looks like it.
+static bool is_array(const pgr_column &column)
+{
+    return column.kind == PGR_STRING &&
+           (column.value.starts_with('{') || column.value.starts_with('['));
+}
+
 static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &item,
                        const pgr_column &column, unsigned char *out, std::string &error)
 {
@@ -243,13 +250,14 @@ static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &i
         put_null(item, out);
         return true;
     }
-    // An array that goes into one element is taken as it is written.
+    // A text takes an array as it is written.
+    const bool array = item.count > 1 || (!is_text(item) && is_array(column));
     std::string_view type = column.type;
-    if (item.count > 1 && type.ends_with("[]"))
+    if (array && type.ends_with("[]"))
         type.remove_suffix(2);
     const value from{.kind = column.kind, .text = column.value, .type = type};
-    return item.count > 1 ? put_array(work, item, from, out, error)
-                          : put_value(work, item, from, out, error);
+    return array ? put_array(work, item, from, out, error)
+                 : put_value(work, item, from, out, error);
 }
 
 static const pgr_column *column_at(const pgt_map &map, const pgr_row &row, size_t item)
@@ -305,9 +313,10 @@ static bool make_image(pgi_work &work, std::vector<unsigned char> &image, const 
 bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
                    const pgr_row &row, const pgr_row *old_row, std::string &error)
 {
-    if (!pgt_map_columns(table.columns_map, table, row, error))
+    if (!pgt_map_columns(table.columns_map, table, row, work.notes, error))
         return false;
-    if (old_row != nullptr && !pgt_map_columns(table.identity_map, table, *old_row, error))
+    if (old_row != nullptr &&
+        !pgt_map_columns(table.identity_map, table, *old_row, work.notes, error))
         return false;
     const auto find = [&](size_t item) {
         const pgr_column *column = column_at(table.columns_map, row, item);
@@ -321,7 +330,7 @@ bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table 
 bool pgi_old_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
                    const pgr_row &old_row, std::string &error)
 {
-    if (!pgt_map_columns(table.identity_map, table, old_row, error))
+    if (!pgt_map_columns(table.identity_map, table, old_row, work.notes, error))
         return false;
     const auto find = [&](size_t item) { return column_at(table.identity_map, old_row, item); };
     return make_image(work, image, table, find, true, error);

@@ -17,7 +17,8 @@ struct pgi_settings {
 // What the making of images keeps from row to row.
 struct pgi_work {
     pgi_settings settings;
-    uint64_t truncated = 0; // texts cut so far
+    uint64_t truncated = 0;         // texts cut so far
+    std::vector<std::string> notes; // what is to be told; whoever tells it takes it away
     std::string text;
     std::vector<std::string> elements;
 };

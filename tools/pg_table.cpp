@@ -202,8 +202,9 @@ static bool same_columns(const pgt_map &map, const pgr_row &row)
 }
 
 static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, size_t column,
-                      std::string &error)
+                      bool &fed, std::string &error)
 {
+    fed = false;
     const std::vector<fwu_item> &items = table.dataset->layout.items;
     const std::string name = pgt_name(row.columns[column].name);
     for (size_t i = 0; i < items.size(); i++) {
@@ -218,22 +219,45 @@ static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, 
             return false;
         }
         map.column_of_item[i] = static_cast<int>(column);
+        fed = true;
     }
     return true;
 }
 
-bool pgt_map_columns(pgt_map &map, const pgt_table &table, const pgr_row &row, std::string &error)
+static std::string left_out_text(const pgt_table &table, const std::vector<std::string> &columns)
+{
+    std::string names;
+    for (const std::string &name : columns)
+        names += (names.empty() ? "" : ", ") + name;
+    const bool one = columns.size() == 1;
+    return "table " + table.name + ": " + (one ? "column " : "columns ") + names +
+           (one ? " has no item" : " have no items") + " in dataset " +
+           dataset_name(*table.dataset) + " and " + (one ? "is" : "are") + " left out of the log";
+}
+
+bool pgt_map_columns(pgt_map &map, pgt_table &table, const pgr_row &row,
+                     std::vector<std::string> &notes, std::string &error)
 {
     if (same_columns(map, row))
         return true;
     map.names.clear();
     map.column_of_item.assign(table.dataset->layout.items.size(), PGT_NO_COLUMN);
+    std::vector<std::string> without;
     for (size_t i = 0; i < row.count; i++) {
-        if (!feed_item(map, table, row, i, error)) {
+        bool fed = false;
+        if (!feed_item(map, table, row, i, fed, error)) {
             map.column_of_item.clear(); // not taken for a finished map by the next row
             return false;
         }
-        map.names.push_back(row.columns[i].name);
+        const std::string &name = row.columns[i].name;
+        map.names.push_back(name);
+        if (!fed &&
+            std::find(table.left_out.begin(), table.left_out.end(), name) == table.left_out.end())
+            without.push_back(name);
+    }
+    if (!without.empty()) {
+        notes.push_back(left_out_text(table, without));
+        table.left_out.insert(table.left_out.end(), without.begin(), without.end());
     }
     return true;
 }

@@ -28,8 +28,9 @@ struct pgt_table {
     std::vector<std::string> own_columns; // then: which column feeds each item
     std::vector<int64_t> offsets;         // of each item in the image
     int32_t image_length = 0;
-    pgt_map columns_map;  // for new rows
-    pgt_map identity_map; // for old rows
+    pgt_map columns_map;               // for new rows
+    pgt_map identity_map;              // for old rows
+    std::vector<std::string> left_out; // columns without item that were told
 };
 
 // The tables met so far.  The configuration must outlive it.
@@ -65,9 +66,11 @@ std::string pgt_bad_name_text(const fwu_config &config, const std::string &name,
 std::string pgt_truncated_text(const pgt_table &table);
 std::string pgt_no_old_row_text(const pgt_table &table);
 
-// Brings map up to date for the row's columns.  False, with the reason in error,
-// when two columns have one name or feed one item.
-bool pgt_map_columns(pgt_map &map, const pgt_table &table, const pgr_row &row, std::string &error);
+// Brings map up to date for the row's columns; columns without item that come for the
+// first time add a note.  False, with the reason in error, when two columns have one
+// name or feed one item.
+bool pgt_map_columns(pgt_map &map, pgt_table &table, const pgr_row &row,
+                     std::vector<std::string> &notes, std::string &error);
 
 // "sales.orders.note", as messages name a column.
 std::string pgt_column_name(const pgt_table &table, const pgr_column &column);

@@ -107,6 +107,22 @@ struct handler {
                     "\" has a name, type or value of the wrong type");
     }
 
+    // The plugin writes values that are objects or arrays as texts.
+    bool no_value(const char *what)
+    {
+        if (at != IN_COLUMN || column_now != VALUE)
+            return wrong_type();
+        const pgr_row &whole = row();
+        const bool named = (column_seen & NAME) != 0;
+        const std::string name =
+            named ? whole.columns[whole.count].name : std::to_string(whole.count + 1);
+        const unsigned table = bit(SCHEMA) | bit(TABLE);
+        const bool known = named && (seen & table) == table;
+        return fail((known ? line.schema + "." + line.table + "." + name
+                           : "column " + name + " in \"" + member_names[now] + "\"") +
+                    " has a JSON " + what + " as its value: let the server send it as a text");
+    }
+
     bool passed_over() const
     {
         return skip > 0 || (at == IN_LINE && now == OTHER) ||
@@ -123,8 +139,13 @@ struct handler {
         return true;
     }
 
+    // Messages outside a transaction have neither its id nor its time.
     bool null()
     {
+        if (at == IN_LINE && (now == XID || now == LSN || now == TIMESTAMP)) {
+            seen &= ~bit(now);
+            return true;
+        }
         return passed_over() || column_value(PGR_NULL, {});
     }
 
@@ -234,7 +255,7 @@ struct handler {
             return true;
         }
         if (at != IN_ROW)
-            return wrong_type();
+            return no_value("object");
         at = IN_COLUMN;
         column_seen = 0;
         if (row().count == row().columns.size())
@@ -299,7 +320,7 @@ struct handler {
             return true;
         }
         if (at != IN_LINE || (now != COLUMNS && now != IDENTITY))
-            return wrong_type();
+            return no_value("array");
         at = IN_ROW;
         row().present = true;
         return true;

@@ -107,6 +107,21 @@ TEST(FwlogLoad, RecordedStreamLoadsWithTheCountsOfItsRecording)
     EXPECT_EQ(tables, 8U);
 }
 
+TEST(FwlogLoad, ColumnsWithoutItemAreToldOncePerTable)
+{
+    place here(small_cfg);
+    const auto row = [](int xid, const std::string &lsn) {
+        std::string lines = transaction(xid, lsn, "a");
+        return lines.replace(lines.find("[{"), 1,
+                             R"([{"name":"extra","type":"text","value":"x"},)");
+    };
+    const run_result result = here.load(row(7, "0/1") + row(8, "0/2"));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "fwlog: standard input:2: warning: table sales.orders: column extra has "
+                          "no item in dataset SALES.ORDERS and is left out of the log\n");
+    EXPECT_THAT(result.out, StartsWith("fwlog: 2 transactions loaded: 2 inserts"));
+}
+
 TEST(FwlogLoad, SameStreamAgainChangesNothing)
 {
     place here;

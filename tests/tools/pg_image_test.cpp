@@ -3,12 +3,15 @@
 #include "tests/tools/rows.h"
 #include "tools/pg_image.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 static std::string text_of(const std::vector<unsigned char> &bytes)
 {
@@ -180,6 +183,10 @@ TEST(PgImage, ArraysFillTheElementsOfTheirItem)
         {value_item('I', 2, 2), text("boolean[]", "{t,f}"), "\x00\x01\x00\x00"s},
         {value_item('X', 1, 2), text("text[]", "{t,f}"), "tf"},
         {value_item('P', 2, 2), text("numeric[]", "{1,-1}"), "\x00\x1C\x00\x1D"s},
+        {value_item('I', 2), text("smallint[]", "{258}"), "\x01\x02"s},
+        {value_item('K', 2), text("boolean[]", "{t}"), "\x00\x01"s},
+        {value_item('P', 2), text("numeric(3,0)[]", "[0:0]={-12}"), "\x01\x2D"s},
+        {value_item('X', 3), text("text[]", "{a}"), "{a}"},
         {value_item('X', 19, 2),
          text("timestamp without time zone[]", R"({"2026-03-09 08:18:01","2026-03-09 08:18:02"})"),
          "2026-03-09 08:18:012026-03-09 08:18:02"},
@@ -268,8 +275,13 @@ TEST(PgImage, ArraysThatDoNotFitAreErrors)
          at + "is not an array, item VALUE has 2 elements: give it one element"},
         {value_item('I', 2, 2), text("smallint[]", "{1,x}"),
          at + "\"x\" is not a number, item VALUE (I 2) needs one: make it an X item"},
-        {value_item('I', 2), text("smallint[]", "{1}"),
-         at + "\"{1}\" is not a number, item VALUE (I 2) needs one: make it an X item"},
+        {value_item('I', 2), text("smallint[]", "{1,2}"),
+         at + "\"{1,2}\" has 2 elements, item VALUE has 1: the numbers must be the same"},
+        {value_item('I', 2), text("smallint[]", "{}"),
+         at + "\"{}\" has 0 elements, item VALUE has 1: the numbers must be the same"},
+        {value_item('I', 2), text("smallint[]", "{NULL}"),
+         at + "\"{NULL}\" has a NULL among its elements; item VALUE needs a list of 1 values: or "
+              "make it an X item of one element"},
     });
 }
 
@@ -384,11 +396,22 @@ TEST(PgImage, ColumnsFindTheirItemsByNameAndOthersAreLeftOut)
         make.fresh(row_of({text_column("note", "text", "n1"), text_column("extra", "text", "e"),
                            text_column("order_no", "text", "o1")})),
         "o1n1");
+    EXPECT_THAT(make.work.notes,
+                ElementsAre("table sales.orders: column extra has no item in dataset SALES.ORDERS "
+                            "and is left out of the log"));
+    make.work.notes.clear();
     // The same table with its columns in another order, and one more.
     EXPECT_EQ(
         make.fresh(row_of({text_column("order_no", "text", "o2"), text_column("note", "text", "n2"),
                            text_column("extra", "text", "e")})),
         "o2n2");
+    EXPECT_THAT(make.work.notes, IsEmpty()) << "told before";
+    EXPECT_EQ(make.old(row_of({text_column("a", "text", ""), text_column("order_no", "text", "o3"),
+                               text_column("note", "text", "n3"), text_column("b", "text", "")})),
+              "o3n3");
+    EXPECT_THAT(make.work.notes,
+                ElementsAre("table sales.orders: columns a, b have no items in dataset "
+                            "SALES.ORDERS and are left out of the log"));
     EXPECT_EQ(make.fresh(row_of(
                   {text_column("order_no", "text", "o3"), text_column("note", "text", "n3")})),
               "o3n3");

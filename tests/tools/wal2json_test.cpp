@@ -200,8 +200,8 @@ TEST(Wal2json, ColumnsMustHaveNameTypeAndValue)
 
 TEST(Wal2json, MembersOfTheWrongTypeAreErrors)
 {
-    for (const char *text : {R"({"xid":"1"})", R"({"xid":-1})", R"({"xid":1.5})", R"({"xid":null})",
-                             R"({"xid":[1]})", R"({"xid":{}})", R"({"xid":true})"})
+    for (const char *text : {R"({"xid":"1"})", R"({"xid":-1})", R"({"xid":1.5})", R"({"xid":[1]})",
+                             R"({"xid":{}})", R"({"xid":true})"})
         EXPECT_EQ(error_of(text), "member \"xid\" has the wrong type") << text;
     EXPECT_EQ(error_of(R"({"action":1})"), "member \"action\" has the wrong type");
     EXPECT_EQ(error_of(R"({"columns":1})"), "member \"columns\" has the wrong type");
@@ -210,12 +210,47 @@ TEST(Wal2json, MembersOfTheWrongTypeAreErrors)
     EXPECT_EQ(error_of(R"({"lsn":false})"), "member \"lsn\" has the wrong type");
     for (const char *text : {R"({"columns":[1]})", R"({"columns":[[]]})", R"({"columns":["a"]})"})
         EXPECT_EQ(error_of(text), "an element of \"columns\" is not an object") << text;
-    for (const char *text :
-         {R"({"columns":[{"name":1}]})", R"({"columns":[{"type":null}]})",
-          R"({"columns":[{"value":[1]}]})", R"({"columns":[{"value":{"a":1}}]})"})
+    for (const char *text : {R"({"columns":[{"name":1}]})", R"({"columns":[{"type":null}]})",
+                             R"({"columns":[{"type":{}}]})", R"({"columns":[{"name":[]}]})"})
         EXPECT_EQ(error_of(text),
                   "a column in \"columns\" has a name, type or value of the wrong type")
             << text;
+}
+
+TEST(Wal2json, ValueThatIsAnObjectOrAnArrayNamesItsColumn)
+{
+    const std::string rest = " as its value: let the server send it as a text";
+    EXPECT_EQ(error_of(R"({"action":"I","schema":"sales","table":"orders","columns":[)"
+                       R"({"name":"no","type":"integer","value":1},)"
+                       R"({"name":"note","type":"json","value":{"a":1}}]})"),
+              "sales.orders.note has a JSON object" + rest);
+    EXPECT_EQ(error_of(R"({"schema":"sales","table":"orders","identity":[)"
+                       R"({"name":"tags","type":"text[]","value":["a"]}]})"),
+              "sales.orders.tags has a JSON array" + rest);
+    EXPECT_EQ(error_of(R"({"columns":[{"name":"a","value":{}}]})"),
+              "column a in \"columns\" has a JSON object" + rest);
+    EXPECT_EQ(error_of(R"({"columns":[{"value":{}}]})"),
+              "column 1 in \"columns\" has a JSON object" + rest);
+}
+
+// As the plugin writes them.
+TEST(Wal2json, MessageOutsideATransactionHasNeitherTransactionNorTime)
+{
+    const w2j_line line = parsed(R"({"action":"M","xid":null,"timestamp":null,"lsn":"0/19B2DF0",)"
+                                 R"("transactional":false,"prefix":"session","content":"pid=1"})");
+    EXPECT_EQ(line.action, 'M');
+    EXPECT_EQ(line.xid, 0U);
+    EXPECT_FALSE(line.transactional);
+}
+
+TEST(Wal2json, OtherLinesNeedTheMembersThatAreNull)
+{
+    EXPECT_EQ(error_of(R"({"action":"B","xid":null,"lsn":"0/1","timestamp":"t"})"),
+              "member \"xid\" is missing (set the plugin's option include-xids)");
+    EXPECT_EQ(error_of(R"({"action":"C","xid":1,"lsn":null,"timestamp":"t"})"),
+              "member \"lsn\" is missing (set the plugin's option include-lsn)");
+    EXPECT_EQ(error_of(R"({"action":"B","xid":1,"lsn":"0/1","timestamp":null})"),
+              "member \"timestamp\" is missing (set the plugin's option include-timestamp)");
 }
 
 TEST(Wal2json, EveryCutOfALineIsAnError)

@@ -59,15 +59,23 @@ static pgs_outcome take_commit(pgb_bridge &bridge, pgb_apply &apply)
     return PGS_OK;
 }
 
-// Tells once that a session message was not taken, which is not worth a stop.
-static void refuse_session(const pgb_bridge &bridge, pgb_apply &apply, const char *why)
+void pgb_tell_notes(pgb_bridge &bridge)
 {
-    if (!apply.session_told)
-        fprintf(stderr,
-                "fwlog: warning: transaction %" PRIu64
-                ": a session message %s and is not taken (this is told once)\n",
-                bridge.tx.commit.xid, why);
-    apply.session_told = true;
+    std::vector<std::string> &notes = bridge.tx.work.notes;
+    for (const std::string &note : notes)
+        fprintf(stderr, "fwlog: warning: %s\n", note.c_str());
+    notes.clear();
+}
+
+// What is too long for the log is not worth a stop.
+static void refuse_session(pgb_bridge &bridge)
+{
+    if (!bridge.session_told)
+        bridge.tx.work.notes.push_back("transaction " + std::to_string(bridge.tx.commit.xid) +
+                                       ": a session message is longer than " +
+                                       std::to_string(SESSION_LENGTH_MAX) +
+                                       " bytes and is not taken (this is told once)");
+    bridge.session_told = true;
 }
 
 static pgs_outcome take_session(pgb_bridge &bridge, pgb_apply &apply)
@@ -76,9 +84,10 @@ static pgs_outcome take_session(pgb_bridge &bridge, pgb_apply &apply)
     if (!message.transactional || message.prefix != "session" || !bridge.tx.open)
         return PGS_OK;
     if (message.content.size() > SESSION_LENGTH_MAX)
-        refuse_session(bridge, apply, "is longer than 65536 bytes");
-    else if (!fwlog_set_session(bridge.tx, message.content.substr(0, message.content.find('\0'))))
-        refuse_session(bridge, apply, "comes behind the transaction's first change");
+        refuse_session(bridge);
+    else
+        fwlog_set_session(bridge.tx, message.content.substr(0, message.content.find('\0')));
+    pgb_tell_notes(bridge);
     return PGS_OK;
 }
 
@@ -107,7 +116,9 @@ static pgs_outcome take_change(pgb_bridge &bridge, pgb_apply &apply)
         return pgb_bad(bridge, error);
     if (message.kind != 'I' && (old = pgb_row(*relation, message.old_row, error)) == nullptr)
         return pgb_bad(bridge, error);
-    return take_result(bridge, fwlog_change(bridge.tx, table, fresh, old, error), error);
+    const fwlog_result result = fwlog_change(bridge.tx, table, fresh, old, error);
+    pgb_tell_notes(bridge);
+    return take_result(bridge, result, error);
 }
 
 static pgs_outcome take_truncate(pgb_bridge &bridge, pgb_apply &apply)

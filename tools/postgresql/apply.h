@@ -11,7 +11,6 @@
 struct pgb_apply {
     pgo_message message;
     uint64_t end = 0; // behind the last whole transaction
-    bool session_told = false;
 };
 
 // Takes the next message of the output plugin.

@@ -30,6 +30,7 @@ struct pgb_bridge {
     bool expects_last = false;   // the server has to send the log's last transaction first
     int64_t silence_ms = 60'000; // of the server after which it is taken for gone
     bool connected = false;      // the server was reached once
+    bool session_told = false;   // that a session message is too long
     uint64_t stop_at = 0;        // --once: position that the log has to reach; 0: not known yet
 };
 
@@ -43,6 +44,9 @@ pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, u
 
 // Follows the stream until something ends it: PGS_OK is a signal, or --once.
 pgs_outcome pgb_follow(pgb_bridge &bridge);
+
+// Tells what the last change or message gave cause to tell.
+void pgb_tell_notes(pgb_bridge &bridge);
 
 // Reports an error in what the server sent; PGS_REFUSED.
 pgs_outcome pgb_bad(const pgb_bridge &bridge, const std::string &error);

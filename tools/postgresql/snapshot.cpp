@@ -102,7 +102,9 @@ static pgs_outcome add_row(pgb_bridge &bridge, pgb_relation &relation, const pgo
     const pgr_row *row = pgb_row(relation, tuple, error);
     if (row == nullptr)
         return pgb_bad(bridge, error);
-    switch (fwlog_change(bridge.tx, *relation.table, row, nullptr, error)) {
+    const fwlog_result result = fwlog_change(bridge.tx, *relation.table, row, nullptr, error);
+    pgb_tell_notes(bridge);
+    switch (result) {
     case FWLOG_OK:
         return PGS_OK;
     case FWLOG_BAD:
