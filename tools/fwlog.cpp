@@ -12,7 +12,7 @@
 
 static const char help_text[] =
     "Usage: fwlog load [-cfg FILE] [--truncate] [CHANGES.jsonl | -]\n"
-    "       fwlog postgresql [-cfg FILE] --conninfo \"...\" [--create] [--snapshot] ...\n"
+    "       fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--create] [--snapshot] ...\n"
     "       fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
     "       fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
     "       fwlog verify [-cfg FILE] [--json]\n"
@@ -51,9 +51,10 @@ static const char load_help_text[] =
     "it after a whole transaction.\n";
 
 static const char postgresql_help_text[] =
-    "Usage: fwlog postgresql [-cfg FILE] --conninfo \"...\" [--slot NAME]\n"
+    "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
     "           [--publication NAME] [--create] [--snapshot] [--truncate]\n"
-    "           [--ignore-truncate] [--accept-gap] [--once] [--status FILE] [-v]\n"
+    "           [--ignore-truncate] [--accept-gap] [--once] [--timeout SECONDS]\n"
+    "           [--status FILE] [-v]\n"
     "\n"
     "Follows a PostgreSQL server (12 or later) by logical replication and appends every\n"
     "transaction to the forward log, until SIGINT or SIGTERM.  The server keeps what is\n"
@@ -64,7 +65,9 @@ static const char postgresql_help_text[] =
     "                       datasets by the server's catalogue\n"
     "  --conninfo \"...\"     how to connect, as libpq takes it\n"
     "                       (\"host=db1 dbname=shop user=capture\"); the role needs\n"
-    "                       LOGIN and REPLICATION\n"
+    "                       LOGIN and REPLICATION; what it leaves out comes from the\n"
+    "                       environment (PGHOST, PGSERVICE, ...), a password better\n"
+    "                       from a password file, since others see the command line\n"
     "  --slot NAME          replication slot (default kestro)\n"
     "  --publication NAME   publication (default kestro)\n"
     "  --create             create what is missing of slot and publication (of all tables)\n"
@@ -74,6 +77,7 @@ static const char postgresql_help_text[] =
     "  --accept-gap         go on with the slot although the log lacks what was changed\n"
     "                       meanwhile, or the server what the log has\n"
     "  --once               end when the log has what the server had at the start\n"
+    "  --timeout SECONDS    of silence after which the server is taken for gone (default 60)\n"
     "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
     "                       in the log directory); SIGUSR1 prints the same\n"
     "  -v                   tell what is done, and every ten seconds how far it is\n"

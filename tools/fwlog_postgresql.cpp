@@ -25,9 +25,12 @@ pgs_outcome pgb_bad(const pgb_bridge &bridge, const std::string &error)
     return PGS_REFUSED;
 }
 
+constexpr int64_t TIMEOUT_MAX_S = 3600;
+
 struct word_option {
     const char *name;
     std::string *value;
+    bool may_be_empty = false;
 };
 struct flag_option {
     const char *name;
@@ -37,8 +40,10 @@ struct flag_option {
 static int scan_options(pgb_bridge &bridge, std::string &cfg, int argc, char **argv)
 {
     pgb_options &options = bridge.options;
+    std::string timeout;
     const word_option words[] = {{"-cfg", &cfg},
-                                 {"--conninfo", &bridge.server.conninfo},
+                                 {"--conninfo", &bridge.server.conninfo, true},
+                                 {"--timeout", &timeout},
                                  {"--slot", &bridge.server.slot},
                                  {"--publication", &bridge.server.publication},
                                  {"--status", &bridge.state.path}};
@@ -58,7 +63,7 @@ static int scan_options(pgb_bridge &bridge, std::string &cfg, int argc, char **a
             return strcmp(word, row.name) == 0;
         });
         if (named != std::end(words)) {
-            if (++i == argc || *argv[i] == '\0')
+            if (++i == argc || (*argv[i] == '\0' && !named->may_be_empty))
                 return fwlog_usage_error("option lacks its value", word);
             *named->value = argv[i];
         } else if (flag != std::end(flags)) {
@@ -67,8 +72,11 @@ static int scan_options(pgb_bridge &bridge, std::string &cfg, int argc, char **a
             return fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
         }
     }
-    if (bridge.server.conninfo.empty())
-        return fwlog_usage_error("option is missing", "--conninfo");
+    int64_t seconds = bridge.server.timeout_ms / 1000;
+    if (!timeout.empty() &&
+        (!pgs_number(seconds, timeout) || seconds < 1 || seconds > TIMEOUT_MAX_S))
+        return fwlog_usage_error("--timeout takes 1 to 3600 seconds", timeout.c_str());
+    bridge.server.timeout_ms = bridge.server.patience_ms = seconds * 1000;
     return FWLOG_EXIT_OK;
 }
 
@@ -94,6 +102,7 @@ struct back_off {
     bool followed = false; // the server's stream was read before
     int pause_ms = FIRST_PAUSE_MS;
     int slot_waited_ms = 0;
+    std::string told = {}; // last
 };
 
 // Decides whether to try again, and waits for it.
@@ -114,12 +123,13 @@ static bool try_again(pgb_bridge &bridge, back_off &off)
         fprintf(stderr, "fwlog: cannot connect: %s; %s\n", server.lost.c_str(),
                 server.remedy != nullptr
                     ? server.remedy
-                    : "check --conninfo (host, port, dbname, user, password), and that the "
-                      "server runs");
+                    : "check --conninfo or the environment (host, port, dbname, user, password), "
+                      "and that the server runs");
         return false;
     }
-    if (off.pause_ms == FIRST_PAUSE_MS)
+    if (off.pause_ms == FIRST_PAUSE_MS || off.told != server.lost)
         fprintf(stderr, "fwlog: %s; trying again\n", server.lost.c_str());
+    off.told = server.lost;
     bridge.state.phase = "waiting";
     bridge.state.reconnects++;
     (void)pgb_state_write(bridge.state, false); // reported
@@ -171,7 +181,8 @@ int fwlog_postgresql_main(int argc, char **argv)
     if (last.lsn != 0 && bridge.state.snapshot == "begun")
         bridge.state.snapshot = "done"; // cut short behind its commit
 
-    int status = run(bridge);
+    // Written before the server is asked for anything, which may take its time.
+    int status = pgb_state_write(bridge.state, false) ? run(bridge) : FWLOG_EXIT_FAILED;
     if (fwu_writer_close(bridge.tx.writer) != 0)
         status = FWLOG_EXIT_FAILED;
     bridge.state.phase = "stopped";

@@ -196,7 +196,7 @@ TEST_F(BridgeRefusalTest, CharacterThatHasNoPlaceInTheLog)
 TEST_F(BridgeRefusalTest, WrongCommandLine)
 {
     const std::string program = bridge_argv()[0];
-    EXPECT_EQ(run_program({program, "postgresql", "-cfg", "fwutil.cfg"}, options).status, 2);
     EXPECT_EQ(run_bridge({"--no-such-option"}).status, 2);
+    EXPECT_EQ(run_bridge({"--slot", ""}).status, 2);
     EXPECT_EQ(run_program({program, "postgresql", "--help"}, options).status, 0);
 }

@@ -228,6 +228,37 @@ std::string pg_server::conninfo(const std::string &database, const std::string &
     return "host=" + directory + " dbname=" + database + " user=" + user;
 }
 
+std::string pg_server::socket() const
+{
+    return directory + "/.s.PGSQL.5432";
+}
+
+// The postmaster first, so that nobody new comes; its processes are its children.
+static void signal_all(pid_t postmaster, int number)
+{
+    kill(postmaster, number);
+    std::error_code ignored; // processes come and go
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", ignored)) {
+        const int process = atoi(entry.path().filename().c_str());
+        if (process <= 0)
+            continue;
+        const std::string stat = read_file(entry.path() / "stat");
+        const size_t name_end = stat.rfind(')'); // then " STATE PARENT"
+        if (name_end != std::string::npos && atoi(stat.c_str() + name_end + 4) == postmaster)
+            kill(process, number);
+    }
+}
+
+void pg_server::freeze() const
+{
+    signal_all(pid, SIGSTOP);
+}
+
+void pg_server::thaw() const
+{
+    signal_all(pid, SIGCONT);
+}
+
 std::string pg_server::log() const
 {
     return read_file(directory + "/server.log");

@@ -51,6 +51,14 @@ class pg_server {
     std::string conninfo(const std::string &database = "postgres",
                          const std::string &user = "postgres") const;
 
+    // The socket that the server listens on.
+    std::string socket() const;
+
+    // Stops all its processes where they are, as a machine that hangs does, and lets them
+    // go on.
+    void freeze() const;
+    void thaw() const;
+
     // What the server has logged.
     std::string log() const;
 

@@ -27,11 +27,10 @@ struct pgb_bridge {
     pgb_state state;
     pgb_relations relations;
     fwlog_transaction tx;
-    bool expects_last = false;   // the server has to send the log's last transaction first
-    int64_t silence_ms = 60'000; // of the server after which it is taken for gone
-    bool connected = false;      // the server was reached once
-    bool session_told = false;   // that a session message is too long
-    uint64_t stop_at = 0;        // --once: position that the log has to reach; 0: not known yet
+    bool expects_last = false; // the server has to send the log's last transaction first
+    bool connected = false;    // the server was reached once
+    bool session_told = false; // that a session message is too long
+    uint64_t stop_at = 0;      // --once: position that the log has to reach; 0: not known yet
 };
 
 // Checks the server and what is to be followed; makes slot and publication and takes

@@ -103,10 +103,11 @@ static void make_numeric(fwu_item &item, int32_t modifier)
         make(item, 'X', std::max(precision - std::min(scale, 0), scale) + 3);
 }
 
-// Bytes behind "HH:MM:SS" or a longer form for so many decimals; -1 is six.
+// Bytes behind "HH:MM:SS" or a longer form for so many decimals; -1 is six, the most.
 static int32_t decimals_width(int32_t decimals)
 {
-    return decimals == 0 ? 0 : 1 + (decimals < 0 ? 6 : decimals);
+    constexpr int32_t most = 6;
+    return decimals == 0 ? 0 : 1 + (decimals < 0 || decimals > most ? most : decimals);
 }
 
 // Gives the item its type and size.  False: the type has no length of its own.

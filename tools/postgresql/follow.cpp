@@ -15,13 +15,13 @@
 
 constexpr int VERSION_WITH_MESSAGES = 140000;
 constexpr int64_t FEEDBACK_MS = 1000;    // how often the server is told of the progress
+constexpr int64_t FEEDBACKS = 4;         // at least so many in the time of silence allowed
 constexpr int64_t REPORT_MS = 10'000;    // how often -v tells of it
 constexpr size_t DATA_HEADER = 25;       // 'w', start, end and time before the message
 constexpr size_t KEEPALIVE_SIZE = 18;    // 'k', end, time, whether an answer is wanted
 constexpr int MESSAGES_A_LOOK = 256;     // messages between two looks at the clock
 constexpr int64_t ASK_AFTER_MS = 20'000; // of silence, whether the server is there
 constexpr int64_t GOOD_BYE_MS = 3000;    // for the server to end the stream
-constexpr int64_t SILENCE_MAX_MS = 3'600'000;
 
 struct follow {
     pgb_bridge &bridge;
@@ -78,7 +78,8 @@ static pgs_outcome lost(follow &f, const char *why)
 static pgs_outcome send_feedback(follow &f)
 {
     const pgb_state &state = f.bridge.state;
-    const bool asks = fwu_monotonic_ms() - f.heard_ms > ASK_AFTER_MS;
+    const int64_t ask_after = std::min(ASK_AFTER_MS, f.bridge.server.timeout_ms / FEEDBACKS);
+    const bool asks = fwu_monotonic_ms() - f.heard_ms >= ask_after;
     std::string text = "r";
     put_big_endian(text, state.received_lsn);
     put_big_endian(text, state.logged_lsn);
@@ -86,7 +87,8 @@ static pgs_outcome send_feedback(follow &f)
     put_big_endian(text, 0); // our clock says nothing to the server
     text += asks ? '\1' : '\0';
     f.answer = false;
-    if (PQputCopyData(f.connection, text.data(), static_cast<int>(text.size())) != 1 ||
+    // What cannot be sent now goes with the next one; the server's silence has a limit.
+    if (PQputCopyData(f.connection, text.data(), static_cast<int>(text.size())) < 0 ||
         PQflush(f.connection) < 0)
         return lost(f);
     return PGS_OK;
@@ -118,8 +120,10 @@ static pgs_outcome keep_in_touch(follow &f)
     // whether somebody else has moved the slot.
     const bool tells = bridge.state.logged_lsn > bridge.state.told_lsn;
     bridge.state.told_lsn = std::max(bridge.state.told_lsn, bridge.state.logged_lsn);
+    if (tells)
+        bridge.server.patience_ms = bridge.server.timeout_ms; // it sends what it has
     if (tells || now >= f.feedback_due_ms) {
-        f.feedback_due_ms = now + FEEDBACK_MS;
+        f.feedback_due_ms = now + std::min(FEEDBACK_MS, f.bridge.server.timeout_ms / FEEDBACKS);
         if (!pgb_state_write(bridge.state, tells && bridge.config.sync != FWU_SYNC_NONE) && tells)
             return PGS_REFUSED;
     }
@@ -189,11 +193,8 @@ static pgs_outcome receive(follow &f, int limit_ms, bool &received)
     }
     if (received)
         f.heard_ms = fwu_monotonic_ms();
-    if (fwu_monotonic_ms() - f.heard_ms > f.bridge.silence_ms) {
-        // It may have been busy with one huge change: it gets longer the next time.
-        f.bridge.silence_ms = std::min(2 * f.bridge.silence_ms, SILENCE_MAX_MS);
-        return lost(f, "the server has been silent for too long");
-    }
+    if (fwu_monotonic_ms() - f.heard_ms > f.bridge.server.patience_ms)
+        return pgs_silent(f.bridge.server, "following the stream");
     // Encrypted connections may hold bytes that the socket does not show.
     return PQconsumeInput(f.connection) == 1 ? PGS_OK : lost(f);
 }

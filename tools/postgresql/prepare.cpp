@@ -1,11 +1,11 @@
 // Before the stream: is it the server that the log belongs to, is there a
 // publication, and does the slot go on where the log ends?
 #include "tools/pg_lsn.h"
+#include "tools/pg_text.h"
 #include "tools/postgresql/bridge.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 constexpr int OLDEST_VERSION = 120000;
@@ -19,11 +19,11 @@ static pgs_outcome refuse(const std::string &text)
 
 // A server that was set back, or a standby that took over, begins a new timeline; the
 // log has to end before the place where it left the one that the log knows.
-static pgs_outcome check_timeline(pgb_bridge &bridge, const std::string &now)
+static pgs_outcome check_timeline(pgb_bridge &bridge, uint32_t timeline)
 {
     pgs_server &server = bridge.server;
     pgb_state &state = bridge.state;
-    const auto timeline = static_cast<uint32_t>(strtoul(now.c_str(), nullptr, 10));
+    const std::string now = std::to_string(timeline);
     const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
     const uint32_t before = last == 0 ? 0 : state.timeline;
     if (before == 0 || before == timeline || bridge.options.accept_gap) {
@@ -39,7 +39,8 @@ static pgs_outcome check_timeline(pgb_bridge &bridge, const std::string &now)
     std::istringstream history{std::string(pgs_value(result, 0, 1))};
     for (std::string line; std::getline(history, line);) {
         const size_t tab = line.find('\t');
-        if (tab == std::string::npos || strtoul(line.c_str(), nullptr, 10) != before)
+        uint32_t past = 0;
+        if (tab == std::string::npos || !pgs_number(past, line.substr(0, tab)) || past != before)
             continue;
         uint64_t left = 0;
         if (!pgl_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) ||
@@ -72,8 +73,14 @@ static pgs_outcome check_system(pgb_bridge &bridge)
     const std::string system(pgs_value(result, 0, 0));
     const std::string database(pgs_value(result, 0, 3));
     uint64_t now = 0;
-    if (!pgl_parse(now, pgs_value(result, 0, 2)))
-        return refuse("the server's answer to IDENTIFY_SYSTEM holds no position");
+    uint64_t number = 0;
+    uint32_t timeline = 0;
+    if (!pgs_number(number, system) || !pgl_parse(now, pgs_value(result, 0, 2)) ||
+        !pgs_number(timeline, pgs_value(result, 0, 1)))
+        return refuse("the server's answer to IDENTIFY_SYSTEM holds no system identifier, timeline "
+                      "and position: " +
+                      pgt_quote(system) + ", " + pgt_quote(pgs_value(result, 0, 1)) + ", " +
+                      pgt_quote(pgs_value(result, 0, 2)) + "; is it a PostgreSQL server?");
     const bool log_begun = fwu_writer_last_lsn(bridge.tx.writer) != 0 || state.told_lsn != 0 ||
                            state.snapshot != "none";
     if (log_begun && !state.system.empty() &&
@@ -81,7 +88,7 @@ static pgs_outcome check_system(pgb_bridge &bridge)
         return refuse("the log belongs to database \"" + state.database + "\" of server system " +
                       state.system + ", this is database \"" + database + "\" of " + system +
                       "; use another log directory for it (" + state.path + " tells)");
-    const pgs_outcome checked = check_timeline(bridge, std::string(pgs_value(result, 0, 1)));
+    const pgs_outcome checked = check_timeline(bridge, timeline);
     if (checked != PGS_OK)
         return checked;
     const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
@@ -199,7 +206,8 @@ static pgs_outcome create_slot(pgb_bridge &bridge)
         return outcome;
     uint64_t lsn = 0;
     if (!pgl_parse(lsn, pgs_value(result, 0, 1)))
-        return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position");
+        return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position: " +
+                      pgt_quote(pgs_value(result, 0, 1)));
     fprintf(stderr, "fwlog: slot \"%s\" created, it begins at %s\n", server.slot.c_str(),
             pgl_text(lsn).c_str());
     bridge.state.told_lsn = lsn;
@@ -284,7 +292,9 @@ static pgs_outcome check_slot(pgb_bridge &bridge)
                       "made; drop it (SELECT pg_drop_replication_slot('" +
                       server.slot + "')), or leave --snapshot out");
     uint64_t confirmed = 0;
-    (void)pgl_parse(confirmed, pgs_value(result, 0, 3)); // nothing: the slot was never used
+    const std::string_view position = pgs_value(result, 0, 3); // none: it was never used
+    if (!position.empty() && !pgl_parse(confirmed, position))
+        return refuse(slot + " stands at " + pgt_quote(position) + ", which is no position");
     outcome = check_position(bridge, confirmed);
     return outcome == PGS_OK ? check_identities(bridge, false) : outcome;
 }

@@ -1,9 +1,14 @@
 #include "tools/postgresql/server.h"
 
+#include "fwutil/fwu_clock.h"
 #include "tools/stop_signal.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+
+constexpr int64_t LOOK_MS = 10'000; // between two looks at what holds an answer up
+constexpr int64_t PATIENCE_MAX_MS = 3'600'000;
 
 struct remedy_row {
     const char *state;   // SQLSTATE, or its class
@@ -95,18 +100,95 @@ pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *r
     return PGS_REFUSED;
 }
 
-// Waits until the answer to what was sent is there.  A signal to stop ends the wait:
-// some commands wait for other sessions' transactions.
+// A query in a message.
+static std::string brief(const std::string &doing)
+{
+    constexpr size_t longest = 80;
+    return doing.size() <= longest ? doing : doing.substr(0, longest) + " ...";
+}
+
+pgs_outcome pgs_silent(pgs_server &server, const std::string &doing)
+{
+    server.lost = "the server has been silent for " + std::to_string(server.patience_ms / 1000) +
+                  (server.patience_ms == 1000 ? " second (" : " seconds (") + brief(doing) + ")";
+    server.remedy = "see whether the server is overloaded or frozen, or give it more time with "
+                    "--timeout";
+    server.slot_in_use = false;
+    server.patience_ms = std::min(2 * server.patience_ms, PATIENCE_MAX_MS);
+    return PGS_LOST;
+}
+
+// The sessions that the connection's command waits for; empty when there are none, or
+// when the server does not tell.
+static std::string held_up_by(const pgs_server &server, const PGconn *connection)
+{
+    std::string sessions;
+    (void)pgs_ask(
+        server, connection,
+        "SELECT string_agg(CASE WHEN b.pid = 0 THEN 'a prepared transaction' ELSE 'process '"
+        " || b.pid || coalesce(' of user ' || a.usename, '') || coalesce(', in a transaction since "
+        "'"
+        " || to_char(a.xact_start AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS') || ' UTC', '') END,"
+        " '; ') FROM unnest(pg_blocking_pids(" +
+            std::to_string(PQbackendPID(connection)) +
+            ")) AS b (pid) LEFT JOIN pg_stat_activity a ON a.pid = b.pid",
+        sessions); // nothing: stays empty
+    return sessions;
+}
+
+// How long an answer is waited for.
+struct wait_state {
+    int64_t heard_ms = fwu_monotonic_ms(); // the server sent something, or is held up
+    int64_t told_ms = 0;                   // that it is held up; 0: not yet
+};
+
+// Told now and then, since it may take hours.
+static void tell_held_up(const pgs_server &server, wait_state &wait, const std::string &doing,
+                         const std::string &sessions)
+{
+    const int64_t now = fwu_monotonic_ms();
+    wait.heard_ms = now;
+    if (wait.told_ms != 0 && now - wait.told_ms < server.timeout_ms)
+        return;
+    wait.told_ms = now;
+    fprintf(stderr, "fwlog: %s waits until others have ended their transactions: %s\n",
+            brief(doing).c_str(), sessions.c_str());
+}
+
+// Receives something of the answer to what was sent.  A signal to stop ends the wait.
+static pgs_outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
+                           const std::string &doing)
+{
+    for (;;) {
+        if (PQflush(connection) < 0)
+            return pgs_failed(server, connection, nullptr, doing);
+        const int64_t look = std::min(LOOK_MS, server.patience_ms / 4);
+        switch (stop_signal_wait(PQsocket(connection), static_cast<int>(look))) {
+        case STOP_READABLE:
+            wait.heard_ms = fwu_monotonic_ms();
+            return PQconsumeInput(connection) == 1 ? PGS_OK
+                                                   : pgs_failed(server, connection, nullptr, doing);
+        case STOP_TIMEOUT:
+            break;
+        default:
+            return PGS_STOPPED;
+        }
+        const std::string sessions = held_up_by(server, connection);
+        if (!sessions.empty())
+            tell_held_up(server, wait, doing, sessions);
+        else if (fwu_monotonic_ms() - wait.heard_ms >= server.patience_ms)
+            return pgs_silent(server, doing);
+    }
+}
+
+// Waits until the answer to what was sent is there.
 static pgs_outcome await(pgs_server &server, PGconn *connection, const std::string &query)
 {
-    while (PQisBusy(connection) != 0) {
-        const stop_wait waited = stop_signal_wait(PQsocket(connection), -1);
-        if (waited == STOP_ASKED || waited == STOP_ERROR)
-            return PGS_STOPPED;
-        if (PQconsumeInput(connection) != 1)
-            return pgs_failed(server, connection, nullptr, query);
-    }
-    return PGS_OK;
+    wait_state wait;
+    pgs_outcome outcome = PGS_OK;
+    while (outcome == PGS_OK && PQisBusy(connection) != 0)
+        outcome = receive(server, connection, wait, query);
+    return outcome;
 }
 
 static pgs_outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_result &result,
@@ -161,6 +243,7 @@ pgs_outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &resu
 pgs_outcome pgs_row(pgs_server &server, std::string_view &row)
 {
     PGconn *const connection = server.sql.get();
+    wait_state wait;
     for (;;) {
         char *bytes = nullptr;
         const int length = PQgetCopyData(connection, &bytes, 1);
@@ -171,11 +254,10 @@ pgs_outcome pgs_row(pgs_server &server, std::string_view &row)
         if (length > 0)
             return PGS_OK;
         if (length == 0) {
-            const stop_wait waited = stop_signal_wait(PQsocket(connection), -1);
-            if (waited == STOP_ASKED || waited == STOP_ERROR)
-                return PGS_STOPPED;
-            if (PQconsumeInput(connection) == 1)
-                continue;
+            const pgs_outcome outcome = receive(server, connection, wait, "COPY");
+            if (outcome != PGS_OK)
+                return outcome;
+            continue;
         }
         pgs_result result;
         return length == -1 ? finish(server, connection, true, result, "COPY")
@@ -183,14 +265,17 @@ pgs_outcome pgs_row(pgs_server &server, std::string_view &row)
     }
 }
 
-// Connection parameters: ours that the user's replace, the user's, ours that stand.
-static pgs_connection open_connection(const std::string &conninfo, bool replication)
+// The connection is made as a whole: libpq goes on to the next host of several when one
+// does not answer, and connect_timeout bounds each.
+static pgs_connection open_connection(const pgs_server &server, bool replication)
 {
-    const char *const keys[] = {"connect_timeout", "fallback_application_name",           "dbname",
-                                "client_encoding", replication ? "replication" : nullptr, nullptr};
-    const char *const values[] = {
-        "10", "fwlog", conninfo.c_str(), "UTF8", replication ? "database" : nullptr, nullptr};
-    return pgs_connection(PQconnectdbParams(keys, values, 1));
+    pgs_parameters parameters;
+    pgs_collect(parameters, server);
+    if (replication) {
+        parameters.keys.insert(parameters.keys.end() - 1, "replication");
+        parameters.values.insert(parameters.values.end() - 1, "database");
+    }
+    return pgs_connection(PQconnectdbParams(parameters.keys.data(), parameters.values.data(), 1));
 }
 
 // Notices ("NOTICE: ...") would only disturb.
@@ -200,8 +285,10 @@ static void drop_notice(void *, const PGresult *)
 
 static pgs_outcome open_one(pgs_server &server, pgs_connection &connection, bool replication)
 {
-    connection = open_connection(server.conninfo, replication);
-    if (PQstatus(connection.get()) != CONNECTION_OK) {
+    connection = open_connection(server, replication);
+    server.remedy = nullptr;
+    // Sending never waits: what is not sent goes along with what is sent next.
+    if (PQstatus(connection.get()) != CONNECTION_OK || PQsetnonblocking(connection.get(), 1) != 0) {
         server.lost = one_line(PQerrorMessage(connection.get()));
         server.remedy = find_connection_remedy(server.lost.c_str());
         server.slot_in_use = false;

@@ -1,8 +1,10 @@
 // Connections to a PostgreSQL server: owned handles, queries, and errors told with
-// what to do about them.
+// what to do about them.  No call waits for ever: a server that is silent for too long is
+// lost, unless it says that other sessions hold it up.
 #ifndef TOOLS_POSTGRESQL_SERVER_H
 #define TOOLS_POSTGRESQL_SERVER_H
 
+#include <charconv>
 #include <cstdint>
 #include <libpq-fe.h>
 #include <memory>
@@ -36,7 +38,7 @@ enum pgs_outcome {
 };
 
 struct pgs_server {
-    std::string conninfo;
+    std::string conninfo; // may be empty: the environment's settings count
     std::string slot;
     std::string publication;
     pgs_connection sql;           // for queries
@@ -45,6 +47,8 @@ struct pgs_server {
     std::string lost;             // after PGS_LOST: what the server or the system said
     const char *remedy = nullptr; // after PGS_LOST: what to do about it, if that is known
     bool slot_in_use = false;     // after PGS_LOST: it was that another process has the slot
+    int64_t timeout_ms = 60'000;  // of silence after which the server is taken for gone
+    int64_t patience_ms = 60'000; // the same, longer after each time
 };
 
 // Opens both connections, with the settings that make values look the same on every
@@ -71,12 +75,42 @@ pgs_outcome pgs_row(pgs_server &server, std::string_view &row);
 pgs_outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
                        const std::string &doing);
 
-// Gets the end of the log of the server that is followed, over a connection of its
-// own; lsn stays as it is when that cannot be had within two seconds.
+// The server was silent for too long: PGS_LOST, with what was waited for in server.lost.
+// It gets more time the next time, since it may have been busy with something huge.
+pgs_outcome pgs_silent(pgs_server &server, const std::string &doing);
+
+// How connections are made: ours that the user's settings replace, the user's, ours that
+// stand.  Settings of the environment and of a service count like the user's.
+struct pgs_parameters {
+    std::vector<const char *> keys; // both end with null
+    std::vector<const char *> values;
+    std::vector<std::string> texts; // that values point to
+};
+void pgs_collect(pgs_parameters &parameters, const pgs_server &server);
+
+// Asks for one value over a connection of its own, to the host that connection goes to.
+// False when it cannot be had within two seconds.
+bool pgs_ask(const pgs_server &server, const PGconn *connection, const std::string &query,
+             std::string &value);
+
+// Gets the end of the log of the server that is followed; lsn stays as it is when that
+// cannot be had.
 void pgs_server_lsn(const pgs_server &server, uint64_t &lsn);
 
 // A value of a result; nulls are empty.
 std::string_view pgs_value(const pgs_result &result, int row, int column);
+
+// A number that the server wrote.  False, number stays: it is none, or out of range.
+template <typename Number> bool pgs_number(Number &number, std::string_view text)
+{
+    Number found = 0;
+    const char *const end = text.data() + text.size();
+    const auto [rest, code] = std::from_chars(text.data(), end, found);
+    if (code != std::errc() || rest != end)
+        return false;
+    number = found;
+    return true;
+}
 
 // A name or a text as SQL writes them.
 std::string pgs_name(std::string_view name);

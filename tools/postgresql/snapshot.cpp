@@ -1,6 +1,7 @@
 // The contents that the tables had when the slot was made, as inserts.
 #include "fwutil/fwu_clock.h"
 #include "tools/pg_lsn.h"
+#include "tools/pg_text.h"
 #include "tools/postgresql/bridge.h"
 
 #include <cinttypes>
@@ -61,14 +62,22 @@ struct copied_table {
     std::string command;
 };
 
+static pgs_outcome bad_number(const copied_table &table, const char *what, std::string_view text)
+{
+    fprintf(stderr, "fwlog: the server gives %s as %s of table %s.%s\n", pgt_quote(text).c_str(),
+            what, table.relation.schema.c_str(), table.relation.name.c_str());
+    return PGS_REFUSED;
+}
+
 static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int row,
                             copied_table &table)
 {
     const std::string id(pgs_value(tables, row, 2));
     const std::string columns(pgs_value(tables, row, 4));
-    table.relation.id = static_cast<uint32_t>(std::stoul(id));
     table.relation.schema = pgs_value(tables, row, 0);
     table.relation.name = pgs_value(tables, row, 1);
+    if (!pgs_number(table.relation.id, id))
+        return bad_number(table, "the number", id);
     pgs_result result;
     const pgs_outcome outcome =
         pgs_query(server, server.sql.get(), result,
@@ -82,8 +91,10 @@ static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int ro
     for (int i = 0; i < PQntuples(result.get()); i++) {
         pgo_column column;
         column.name = pgs_value(result, i, 0);
-        column.type = static_cast<uint32_t>(std::stoul(std::string(pgs_value(result, i, 1))));
-        column.modifier = std::stoi(std::string(pgs_value(result, i, 2)));
+        if (!pgs_number(column.type, pgs_value(result, i, 1)))
+            return bad_number(table, "the type of a column", pgs_value(result, i, 1));
+        if (!pgs_number(column.modifier, pgs_value(result, i, 2)))
+            return bad_number(table, "the length of a column", pgs_value(result, i, 2));
         list += (list.empty() ? "" : ", ") + pgs_name(column.name);
         table.relation.columns.push_back(std::move(column));
     }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
@@ -49,7 +51,9 @@ void pgb_state_read(pgb_state &state)
         return;
     state.system = member(json, "system_identifier");
     state.database = member(json, "database");
-    state.timeline = static_cast<uint32_t>(strtoul(member(json, "timeline").c_str(), nullptr, 10));
+    const std::string timeline = member(json, "timeline");
+    (void)std::from_chars(timeline.data(), timeline.data() + timeline.size(),
+                          state.timeline); // stays 0
     if (member(json, "slot") != state.slot)
         return;
     state.snapshot = member(json, "snapshot");
@@ -135,8 +139,9 @@ bool pgb_state_write(const pgb_state &state, bool durable)
 {
     const std::string text = json_text(state);
     const std::string fresh = state.path + ".new";
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    bool good = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, state.mode);
+    bool good = fd >= 0 && fchmod(fd, state.mode) == 0 && // whatever the umask says
+                write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     good = good && (!durable || fsync(fd) == 0);
     const int code = errno;
     if (fd >= 0)

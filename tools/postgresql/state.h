@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 struct pgb_state {
     std::string path;               // of the JSON file
+    mode_t mode = 0600;             // that the file gets
     const char *phase = "starting"; // starting snapshot streaming waiting stopped
     std::string slot;
     std::string publication;
