@@ -250,7 +250,8 @@ static fwu_found scan(fwu_cursor &c)
             c.tx_in_window = c.scan_in_window && c.window_at <= c.tx_start;
             return FWU_FOUND;
         }
-        if (entry.kind == FWU_KIND_SESSION && c.scan_entries > 0) {
+        if (entry.kind == FWU_KIND_SESSION && c.scan_entries > 0 &&
+            c.header.version == FWU_VERSION_PLAIN) {
             c.reason = "a session entry does not begin its transaction";
             return FWU_DAMAGED;
         }

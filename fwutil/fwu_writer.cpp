@@ -169,6 +169,17 @@ int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
     return fwu_txn_added(w.txn, w.directory) != 0 ? refuse(w) : 0;
 }
 
+int fwu_writer_session(fwu_writer *writer, const fwu_session &session)
+{
+    fwu_writer &w = *writer;
+    if (!w.open)
+        return fwu_error("%s: a session outside a transaction", w.directory.c_str());
+    if (check_session(session) != 0)
+        return -1;
+    fwu_entry_put_session(w.txn.entries, w.txn.tag + 1, session);
+    return fwu_txn_added(w.txn, w.directory) != 0 ? refuse(w) : 0;
+}
+
 static int check_layout(const fwu_layout &layout)
 {
     const auto name_ok = [](const std::string &name, size_t max) {

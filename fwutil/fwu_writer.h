@@ -29,6 +29,10 @@ const fwu_commit &fwu_writer_last_commit(const fwu_writer *writer);
 // Begins a transaction.  session may be null: no session is known.
 int fwu_writer_begin(fwu_writer *writer, const fwu_session *session);
 
+// The transaction's session from here on; what it was before holds for the records
+// before.
+int fwu_writer_session(fwu_writer *writer, const fwu_session &session);
+
 // Adds one change.  opcode is FWU_OP_INSERT (after only), FWU_OP_UPDATE (both
 // images) or FWU_OP_DELETE (before only); logtime in seconds since 1970.  The
 // layout is put into the log where it is first used in a file or has changed.

@@ -45,6 +45,7 @@ void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit)
     tx.commit = commit;
     tx.skipping = commit.lsn <= fwu_writer_last_lsn(tx.writer);
     tx.has_session = false;
+    tx.session_changed = false;
     tx.data.clear();
     tx.changes = {};
     tx.truncated_before = tx.work.truncated;
@@ -52,17 +53,17 @@ void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit)
 
 void fwlog_set_session(fwlog_transaction &tx, std::string_view content)
 {
-    if (!tx.begun) {
-        tx.content = content;
-        tx.has_session = true;
+    if (tx.has_session && tx.content == content)
         return;
-    }
-    if ((tx.has_session && tx.content == content) || tx.session_told)
+    tx.content = content;
+    tx.has_session = true;
+    tx.session_changed = tx.begun;
+    if (!tx.begun || tx.session_told)
         return;
     tx.session_told = true;
     tx.work.notes.push_back("transaction " + std::to_string(tx.commit.xid) +
-                            ": a session message comes behind the first change and is not taken "
-                            "(this is told once)");
+                            ": a session message comes behind the first change and counts from "
+                            "there on (this is told once)");
 }
 
 static void add_changes(fwlog_totals &totals, const fwlog_totals &changes)
@@ -91,17 +92,25 @@ fwlog_result fwlog_commit(fwlog_transaction &tx)
     return FWLOG_OK;
 }
 
-static bool begin_in_log(fwlog_transaction &tx)
+static void make_session(fwlog_transaction &tx)
 {
-    if (tx.begun)
-        return true;
     fwlog_session_from(tx.session, tx.has_session ? tx.content : std::string_view());
     tx.session.data.push_back("xid=" + std::to_string(tx.commit.xid));
     tx.session.data.push_back("lsn=" + pgl_text(tx.commit.lsn));
     tx.session.data.insert(tx.session.data.end(), tx.data.begin(), tx.data.end());
-    if (fwu_writer_begin(tx.writer, &tx.session) != 0)
+}
+
+// Has the writer ready for a change in the session in hand.
+static bool begin_in_log(fwlog_transaction &tx)
+{
+    if (tx.begun && !tx.session_changed)
+        return true;
+    make_session(tx);
+    if ((tx.begun ? fwu_writer_session(tx.writer, tx.session)
+                  : fwu_writer_begin(tx.writer, &tx.session)) != 0)
         return false;
     tx.begun = true;
+    tx.session_changed = false;
     return true;
 }
 

@@ -33,6 +33,7 @@ struct fwlog_transaction {
     bool skipping = false; // the log has it
     bool begun = false;    // the writer has its first change
     bool has_session = false;
+    bool session_changed = false; // since its last change that the writer has
     fwu_commit commit;
     std::string content;           // of its session message
     std::vector<std::string> data; // further data elements of its session
@@ -53,8 +54,8 @@ enum fwlog_result {
 // Begins a transaction; one that the log has already will be passed over.
 void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit);
 
-// Takes "key=value;key=value" as the transaction's session.  What says anything new
-// behind the first change cannot be told any more: a note says so, once.
+// Takes "key=value;key=value" as the transaction's session from here on.  That it comes
+// behind the first change is worth a note, once.
 void fwlog_set_session(fwlog_transaction &tx, std::string_view content);
 
 // Adds a change.  A null fresh is a delete, a null old an insert.

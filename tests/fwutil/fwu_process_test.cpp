@@ -241,6 +241,61 @@ TEST_F(ProcessTest, ARecordWithoutALayoutHasNoItemsAndSaysSo)
                            "1-1.1; its items are not known\n");
 }
 
+TEST_F(ProcessTest, SessionInsideATransactionCountsFromThereOn)
+{
+    fwu_session session;
+    session.pname = "desk";
+    session.user = "ann";
+    open_writer();
+    EXPECT_THAT(stderr_of([&] { EXPECT_EQ(fwu_writer_session(writer, session), -1); }),
+                testing::HasSubstr("a session outside a transaction"));
+    ASSERT_EQ(fwu_writer_begin(writer, nullptr), 0);
+    ASSERT_EQ(put(insert(1)), 0);
+    ASSERT_EQ(fwu_writer_session(writer, session), 0);
+    ASSERT_EQ(put(insert(2)), 0);
+    session = {};
+    session.pname = "till";
+    ASSERT_EQ(fwu_writer_session(writer, session), 0);
+    ASSERT_EQ(put(insert(3)), 0);
+    ASSERT_EQ(put(insert(4)), 0);
+    ASSERT_EQ(commit(), 0);
+    add({insert(5)});
+    close_writer();
+    std::string all;
+    on_record = [&](const seen &) {
+        for (const char *key : {"pname", "user"}) {
+            const char *text = Fwu_get_session_entry(key);
+            all += text == nullptr ? "-" : std::string("'") + text + "'";
+        }
+        all += " ";
+        return 0;
+    };
+    EXPECT_EQ(run().result, 0);
+    EXPECT_EQ(all, "-- 'desk''ann' 'till'- 'till'- -- ");
+    all.clear();
+    run("1-1.6"); // behind the first record of the third session
+    EXPECT_EQ(all, "'till'- -- ");
+}
+
+TEST_F(ProcessTest, SessionInsideATransactionIsDamageInFilesOfVersionOne)
+{
+    fwu_txn txn;
+    const std::string image = insert(1).after;
+    fwu_txn_begin(txn, 1);
+    fwu_entry_put_change(txn.entries, 1,
+                         {"SALES", "ORDERS", 1001, FWU_OP_INSERT, 1, 16, nullptr,
+                          reinterpret_cast<const unsigned char *>(image.data())});
+    ASSERT_EQ(fwu_txn_added(txn, log), 0);
+    fwu_entry_put_session(txn.entries, 2, {});
+    ASSERT_EQ(fwu_txn_added(txn, log), 0);
+    fwu_entry_put_commit(txn.entries, 3, {{1, 1, 1}, txn.count, txn.chain}, {}, 0);
+    std::filesystem::create_directories(log);
+    write_file(file(1), plain_header(1) + std::string(txn.entries.begin(), txn.entries.end()));
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_THAT(outcome.err, testing::HasSubstr("a session entry does not begin its transaction"));
+}
+
 TEST_F(ProcessTest, SessionBelongsToItsTransactionOnly)
 {
     fwu_session session;

@@ -243,3 +243,26 @@ TEST_F(BridgeStreamTest, SessionsComeFromMessagesInTheTransaction)
               " 00077");                 // process id
     EXPECT_EQ(records[1].substr(64, 56), std::string(56, ' '));
 }
+
+TEST_F(BridgeStreamTest, ASessionMessageInTheMiddleCountsFromThereOn)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("BEGIN; INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL);"
+        "SELECT pg_logical_emit_message(true, 'session', 'pname=desk');"
+        "INSERT INTO load.ledger VALUES (2, 0, 1, 'row', NULL);"
+        "SELECT pg_logical_emit_message(true, 'session', 'pname=till');"
+        "INSERT INTO load.ledger VALUES (3, 0, 1, 'row', NULL); COMMIT");
+    sql("SELECT pg_logical_emit_message(false, 'session', 'pname=nobody')");
+    insert(4, 4);
+    const run_result result = catch_up();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err, HasSubstr(": a session message comes behind the first change and "
+                                      "counts from there on (this is told once)\n"));
+    EXPECT_EQ(occurrences(result.err, "a session message"), 1);
+    const std::vector<std::string> records = captured();
+    ASSERT_EQ(records.size(), 4U);
+    EXPECT_EQ(records[0].substr(64, 8), "        ");
+    EXPECT_EQ(records[1].substr(64, 8), "desk    ");
+    EXPECT_EQ(records[2].substr(64, 8), "till    ");
+    EXPECT_EQ(records[3].substr(64, 8), "        ");
+}

@@ -181,16 +181,27 @@ TEST_F(FwlogStream, LastSessionMessageBeforeTheFirstChangeCounts)
     EXPECT_EQ(log().at(0), "session pid=<2> | <pid=2> <xid=7> <lsn=0/A>");
 }
 
-TEST_F(FwlogStream, AnotherSessionBehindTheFirstChangeStopsNothingAndIsToldOnce)
+TEST_F(FwlogStream, ASessionBehindTheFirstChangeCountsFromThereOnAndIsToldOnce)
 {
-    EXPECT_EQ(take({begin(7, "0/A"), change('I', 7, "n", nullptr), message(7, "pid=1"),
-                    message(7, "pid=2"), commit(7, "0/A"), begin(8, "0/B"),
-                    change('I', 8, "n", nullptr), message(8, "pid=1"), commit(8, "0/B")}),
-              "");
-    EXPECT_EQ(count_lines(log(), "commit "), 2U);
+    EXPECT_EQ(
+        take({begin(7, "0/A"), change('I', 7, "n", nullptr), message(7, "pid=1"),
+              message(7, "pid=2"), change('I', 7, "m", nullptr), commit(7, "0/A"), begin(8, "0/B"),
+              message(8, "pid=3"), change('I', 8, "k", nullptr), message(8, "pid=4"),
+              change('I', 8, "j", nullptr), message(8, "pid=5"), commit(8, "0/B"), begin(9, "0/C"),
+              change('I', 9, "i", nullptr), commit(9, "0/C")}),
+        "");
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            "session | <xid=7> <lsn=0/A>", "layout SALES.ORDERS", "insert SALES.ORDERS 1 1 <|6E20>",
+            "session pid=<2> | <pid=2> <xid=7> <lsn=0/A>", "insert SALES.ORDERS 1 2 <|6D20>",
+            "commit 1500000 7 10", "session pid=<3> | <pid=3> <xid=8> <lsn=0/B>",
+            "insert SALES.ORDERS 1 3 <|6B20>", "session pid=<4> | <pid=4> <xid=8> <lsn=0/B>",
+            "insert SALES.ORDERS 1 4 <|6A20>", "commit 1500000 8 11", "session | <xid=9> <lsn=0/C>",
+            "insert SALES.ORDERS 1 5 <|6920>", "commit 1500000 9 12"));
     EXPECT_THAT(stream.tx.work.notes,
                 ElementsAre("transaction 7: a session message comes behind the first change and "
-                            "is not taken (this is told once)"));
+                            "counts from there on (this is told once)"));
 }
 
 TEST_F(FwlogStream, TransactionsWithoutChangesLeaveNoTrace)
