@@ -150,7 +150,6 @@ TEST_F(CursorTest, EntriesWithGoodChecksumsAreStillChecked)
               "damaged at offset 64: the entry's kind is unknown; a newer libfwutil"},
              {64, 64 + 8, 2, "damaged at offset 64: the entry's tag does not follow"},
              {64, 64 + 20, 1, "damaged at offset 64: reserved bytes"},
-             {152, 152 + 4, 2, "damaged at offset 152: a session entry does not begin its"},
              {152, 152 + 24, 7, "damaged at offset 232: the commit entry does not belong to"},
              {232, 232 + 24 + 24, 9, "damaged at offset 232: the commit entry does not belong to"},
              {152, 231, 1, "damaged at offset 152: the bytes behind the entry are not zero"},
