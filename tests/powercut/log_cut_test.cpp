@@ -144,7 +144,6 @@ TEST_P(LogPowerCut, EveryAcknowledgedTransactionIsThereOnce)
 
 static const log_case log_cases[] = {{"CommitUnderLoad", "commit", false},
                                      {"CommitAtRest", "commit", true},
-                                     {"IntervalUnderLoad", "interval 20", false},
                                      {"IntervalAtRest", "interval 20", true}};
 
 INSTANTIATE_TEST_SUITE_P(Each, LogPowerCut, ::testing::ValuesIn(log_cases),
