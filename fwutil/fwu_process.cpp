@@ -1,12 +1,14 @@
 // The record loop.
 #include "fwutil/fwu_process.h"
 
+#include "fwutil/fwu_boot.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_current.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_hook.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_map.h"
+#include "fwutil/fwu_place.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status.h"
 #include "fwutil/fwu_wait.h"
@@ -15,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 constexpr int SYNC_AFTER_MS = 200;   // idle time after which the status goes to disk
 constexpr int CHECK_AFTER_MS = 1000; // for file systems that do not tell of changes
@@ -22,12 +25,15 @@ constexpr int CHECK_AFTER_MS = 1000; // for file systems that do not tell of cha
 struct run {
     fwu_callback callback = nullptr;
     bool sync_only = false;
-    std::string start_text; // where the start position comes from, for messages
-    fwu_position start;     // records up to here are not delivered; sequence 0: none
+    bool start_given = false; // the status file does not count
+    std::string start_text;   // where the start position comes from, for messages
+    fwu_position start;       // records up to here are not delivered; sequence 0: none
     fwu_log log;
     fwu_status status;
     fwu_watch watch;
     fwu_forcing forcing;
+    std::string boot;
+    fwu_place place;        // of the record being delivered
     int32_t generation = 0; // of the file whose layouts are known
     int32_t sequence = 0;
     bool idle_noted = false;
@@ -43,33 +49,68 @@ static int malformed(run &r, const fwu_entry &entry)
     return fwu_log_damage(cursor);
 }
 
-// Brings to disk what the program has written, then the position, when this is a
-// moment for it.
-static int force_if_due(run &r, int when)
+// Else the position could name what the log loses.
+static int force_log(const run &r)
 {
-    if ((when != FWU_AT_START && !r.status.unsynced) || !fwu_hook_due(r.forcing, when))
+    const fwu_cursor &cursor = r.log.cursor;
+    if (cursor.fd < 0 || fdatasync(cursor.fd) == 0 || errno == EROFS || errno == EINVAL)
         return 0;
-    return fwu_hook_sync() != nullptr ? fwu_status_sync(r.status) : -1;
+    return fwu_error("%s: cannot bring the log file to disk: %s", cursor.file.path.c_str(),
+                     strerror(errno));
 }
 
-static outcome deliver_change(run &r, const fwu_entry &entry, const fwu_position &position)
+// What the program has written goes to disk first, then what was read, then the
+// position.
+static int force(run &r)
+{
+    if (r.forcing.never)
+        return fwu_status_force(r.status, std::string(FWU_BOOT_ANY), "");
+    const char *mark = fwu_hook_sync();
+    if (mark == nullptr || force_log(r) != 0)
+        return -1;
+    return fwu_status_force(r.status, r.boot, mark);
+}
+
+static int force_if_due(run &r, int when)
+{
+    return r.status.unsynced && fwu_hook_due(r.forcing, when) ? force(r) : 0;
+}
+
+// Before the first record.  With a start position the file stays as it is until there
+// is something better to say.
+static int force_at_start(run &r)
+{
+    const bool due = fwu_hook_due(r.forcing, FWU_AT_START);
+    if (r.start_given && !r.status.written)
+        return due && fwu_hook_sync() == nullptr ? -1 : 0;
+    return force(r);
+}
+
+// Names the record in hand as acknowledged.
+static int acknowledge(run &r)
+{
+    if (fwu_status_acknowledge(r.status, r.place) != 0)
+        return -1;
+    return r.status.written ? force_if_due(r, FWU_AT_RECORD) : force(r);
+}
+
+static outcome deliver_change(run &r, const fwu_entry &entry)
 {
     fwu_change change;
     if (!fwu_entry_change(entry, change)) {
         malformed(r, entry);
         return FAILED;
     }
-    fwu_current_set(change, position);
+    fwu_current_set(change, r.place.position);
     const int result =
         r.callback(0, change.dbname, change.dsetname, static_cast<int32_t>(change.logtime),
                    change.opcode, change.recnum, change.reclen, change.before, change.after);
     if (result != 0) {
         fwu_note("stopped: the record at %s was refused and will be delivered again",
-                 fwu_position_text(position).c_str());
+                 fwu_position_text(r.place.position).c_str());
         return FAILED;
     }
-    if (fwu_status_acknowledge(r.status, position, r.log.cursor.commit.commit.time_us) != 0 ||
-        force_if_due(r, FWU_AT_RECORD) != 0)
+    if (acknowledge(r) != 0)
         return FAILED;
     return fwu_stop != 0 ? STOPPED : GO_ON;
 }
@@ -85,7 +126,12 @@ static outcome deliver_transaction(run &r)
         r.sequence = file.sequence;
     }
     fwu_current_begin_transaction();
-    fwu_position position = {file.generation, file.sequence, 0};
+    const fwu_commit &commit = r.log.cursor.commit.commit;
+    r.place = {{file.generation, file.sequence, 0},
+               commit.time_us,
+               true,
+               commit.lsn,
+               r.log.cursor.header.identity};
     const int32_t passed_over =
         r.start.generation == file.generation && r.start.sequence == file.sequence ? r.start.tag
                                                                                    : 0;
@@ -98,13 +144,13 @@ static outcome deliver_transaction(run &r)
             return FAILED;
         bool good = true;
         outcome result = GO_ON;
-        position.tag = entry.tag;
+        r.place.position.tag = entry.tag;
         if (entry.kind == FWU_KIND_LAYOUT)
             good = fwu_current_take_layout(entry);
         else if (entry.kind == FWU_KIND_SESSION)
             good = fwu_current_take_session(entry);
         else if (entry.kind != FWU_KIND_COMMIT && entry.tag > passed_over)
-            result = deliver_change(r, entry, position);
+            result = deliver_change(r, entry);
         if (!good) {
             malformed(r, entry);
             return FAILED;
@@ -154,8 +200,12 @@ static outcome wait_for_more(run &r)
         r.watch, r.status.unsynced && !r.forcing.never ? SYNC_AFTER_MS : CHECK_AFTER_MS);
     if (wake == FWU_WAKE_STOP)
         return STOPPED;
-    if (wake != FWU_WAKE_DATA)
+    if (wake != FWU_WAKE_DATA) {
         r.log.look = true;
+        if (fwu_status_look(r.status) != 0 ||
+            fwu_place_look(r.log.directory, r.log.cursor, r.status.place, r.status.path) != 0)
+            return FAILED;
+    }
     if (wake == FWU_WAKE_TIMEOUT && force_if_due(r, FWU_AT_REST) != 0)
         return FAILED;
     return GO_ON;
@@ -195,12 +245,39 @@ static int find_log_directory(const fwu_config &config, std::string &directory)
     return 0;
 }
 
+// Takes the place that counts from the status file and sees that the log has it.
+static int take_place(run &r)
+{
+    const fwu_status_text &found = r.status.found;
+    const bool live = found.fresh || fwu_status_live_counts(found, r.boot);
+    r.status.place = live ? found.live : found.synced.place;
+    const fwu_place &place = r.status.place;
+    r.start = place.position;
+    if (fwu_place_named(place)) {
+        r.start_text = r.status.path + ": position " + fwu_position_text(r.start);
+        if (fwu_place_check(r.log.directory, place, r.start_text) != 0)
+            return -1;
+    }
+    if (live)
+        return 0;
+    const auto text = [](const fwu_place &p) {
+        return fwu_place_named(p) ? fwu_position_text(p.position) : "none";
+    };
+    fwu_warn("%s: %s: going on behind %s, the last position whose output is known to be on disk; "
+             "the last one of all was %s",
+             r.status.path.c_str(),
+             found.have_live ? "the system was started anew since" : "its last position is damaged",
+             text(place).c_str(), found.have_live ? text(found.live).c_str() : "a later one");
+    return fwu_hook_resume(found.synced.mark.c_str());
+}
+
 static int prepare(run &r, const char *cfg, const char *status, const char *start)
 {
     fwu_config config;
     if (fwu_config_read(config, cfg) != 0)
         return -1;
     fwu_note("configuration %s", config.path.c_str());
+    r.start_given = start != nullptr;
     if (start != nullptr && fwu_start_parse(start, r.start) != 0)
         return -1;
     if (find_log_directory(config, r.log.directory) != 0)
@@ -210,15 +287,30 @@ static int prepare(run &r, const char *cfg, const char *status, const char *star
                         start != nullptr) != 0)
         return -1;
     fwu_note("status file %s", r.status.path.c_str());
-    if (start != nullptr) {
+    r.boot = fwu_boot();
+    if (start != nullptr)
         r.start_text = std::string("start position \"") + start + "\"";
-    } else if (r.status.text.have_position) {
-        r.start = r.status.text.position;
-        r.start_text = r.status.path + ": position " + fwu_position_text(r.start);
-    }
+    else if (take_place(r) != 0)
+        return -1;
     fwu_note("starting %s",
              r.start_text.empty() ? "with the oldest record" : ("at " + r.start_text).c_str());
     return 0;
+}
+
+// The run proper, with the position on disk at both ends.
+static outcome run_log(run &r)
+{
+    if (force_at_start(r) != 0)
+        return FAILED;
+    if (!r.sync_only)
+        fwu_watch_open(r.watch, r.log.directory);
+    const outcome result = read_log(r);
+    if (fwu_stop != 0 && result == STOPPED)
+        fwu_note("stopped: signal");
+    fwu_current_clear();
+    if (fwu_status_look(r.status) != 0 || force_if_due(r, FWU_AT_END) != 0)
+        return FAILED;
+    return result;
 }
 
 int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, const char *start,
@@ -232,18 +324,13 @@ int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, 
     r.callback = callback;
     r.sync_only = sync_only;
     fwu_current_reset(fwu_position());
-    if (prepare(r, cfg, status, start) != 0)
-        return -1;
-    fwu_current_reset(r.start);
-    if (!sync_only)
-        fwu_watch_open(r.watch, r.log.directory);
-    outcome result = force_if_due(r, FWU_AT_START) == 0 ? read_log(r) : FAILED;
-    if (fwu_stop != 0 && result == STOPPED)
-        fwu_note("stopped: signal");
-    fwu_current_clear();
-    const int synced = force_if_due(r, FWU_AT_END);
+    outcome result = FAILED;
+    if (prepare(r, cfg, status, start) == 0) {
+        fwu_current_reset(r.start);
+        result = run_log(r);
+    }
     fwu_watch_close(r.watch);
     fwu_cursor_close(r.log.cursor);
     fwu_status_close(r.status);
-    return result == STOPPED && synced == 0 ? 0 : -1;
+    return result == STOPPED ? 0 : -1;
 }

@@ -1,8 +1,10 @@
 // Shows where a status file stands and how much of the log lies behind that.
 #include "fwutil/fwu_report.h"
 
+#include "fwutil/fwu_boot.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_log.h"
+#include "fwutil/fwu_place.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status.h"
 
@@ -23,20 +25,20 @@ static bool is_record(const fwu_entry &entry)
            entry.kind == FWU_KIND_DELETE;
 }
 
-static int measure(const fwu_status_text &text, behind &b)
+static int measure(const std::string &directory, const fwu_place &place, behind &b)
 {
     fwu_log log;
-    log.directory = text.log_directory;
-    fwu_position from = text.position;
-    if (text.have_position) {
+    log.directory = directory;
+    fwu_position from = place.position;
+    if (fwu_place_named(place)) {
+        const std::string what = "position " + fwu_position_text(from);
         std::vector<fwu_log_file> files;
         const fwu_log_file *file = nullptr;
-        if (fwu_log_list(log.directory, files) != 0 ||
-            fwu_start_find(files, from, "position " + fwu_position_text(from), file) != 0 ||
-            fwu_cursor_open(log.cursor, *file) != 0)
+        if (fwu_place_check(directory, place, what) != 0 || fwu_log_list(directory, files) != 0 ||
+            fwu_start_find(files, from, what, file) != 0 || fwu_cursor_open(log.cursor, *file) != 0)
             return -1;
         b.end = from;
-        b.end_us = text.time_us;
+        b.end_us = place.time_us;
     }
     fwu_found found = FWU_FOUND;
     int64_t since_record = 0; // bytes of entries behind the last record counted
@@ -78,17 +80,38 @@ static int print_files(const std::string &directory)
     return 0;
 }
 
+static std::string position_text(const fwu_place &place)
+{
+    return fwu_place_named(place) ? fwu_position_text(place.position) : "none";
+}
+
+// What the place that counts is chosen by.
+static void print_choice(const fwu_status_text &text, const fwu_place &place,
+                         const std::string &boot)
+{
+    printf("Log identity: %s\n",
+           place.full ? fwu_identity_text(place.identity).c_str() : "not known");
+    if (text.version == 1)
+        return;
+    const std::string &kept = text.synced.boot;
+    printf("Last position: %s\n", text.have_live ? position_text(text.live).c_str() : "damaged");
+    printf("Position on disk: %s\n", position_text(text.on_disk).c_str());
+    printf("Boot: %s\n", kept == FWU_BOOT_ANY ? "any" : kept == boot ? "this one" : "another one");
+}
+
 int fwu_report_status(const char *status, bool verbose)
 {
     const std::string path = status != nullptr ? status : FWU_STATUS_DEFAULT;
     fwu_status_text text;
     if (fwu_status_read(path, text) != 0)
         return -1;
+    const std::string boot = fwu_boot();
+    const fwu_place &place = fwu_status_live_counts(text, boot) ? text.live : text.synced.place;
+    const bool named = fwu_place_named(place);
     if (verbose)
         printf("Status file: %s\n", path.c_str());
-    printf("Position: %s\n",
-           text.have_position ? fwu_position_text(text.position).c_str() : "none");
-    printf("Last record: %s\n", text.have_position ? fwu_time_text(text.time_us).c_str() : "none");
+    printf("Position: %s\n", position_text(place).c_str());
+    printf("Last record: %s\n", named ? fwu_time_text(place.time_us).c_str() : "none");
     if (text.fresh)
         return 0; // it names no log yet
     if (verbose)
@@ -96,16 +119,18 @@ int fwu_report_status(const char *status, bool verbose)
     if (verbose && print_files(text.log_directory) != 0)
         return -1;
     behind b;
-    if (measure(text, b) != 0)
+    if (measure(text.log_directory, place, b) != 0)
         return -1;
     if (verbose) {
         const bool any = b.end.sequence != 0;
         printf("End position: %s\n", any ? fwu_position_text(b.end).c_str() : "none");
-        const int64_t lag_us = text.have_position ? b.end_us - text.time_us : 0;
-        if (text.have_position)
+        const int64_t lag_us = named ? b.end_us - place.time_us : 0;
+        if (named)
             printf("Lag: %lld seconds\n", static_cast<long long>(lag_us / 1000000));
     }
     printf("Behind: %lld records, %lld bytes\n", static_cast<long long>(b.records),
            static_cast<long long>(b.bytes));
+    if (verbose)
+        print_choice(text, place, boot);
     return 0;
 }

@@ -62,25 +62,36 @@ int fwu_start_parse(const char *text, fwu_position &position)
     return 0;
 }
 
-int fwu_start_find(const std::vector<fwu_log_file> &files, fwu_position &position,
-                   const std::string &what, const fwu_log_file *&file)
+const fwu_log_file *fwu_start_look(const std::vector<fwu_log_file> &files, fwu_position &position)
 {
-    file = nullptr;
+    const fwu_log_file *file = nullptr;
     for (const fwu_log_file &candidate : files) // ascending: the newest generation stays
         if (candidate.sequence == position.sequence &&
             (position.generation == 0 || candidate.generation == position.generation))
             file = &candidate;
-    if (file != nullptr) {
+    if (file != nullptr)
         position.generation = file->generation;
-        return 0;
-    }
+    return file;
+}
+
+std::string fwu_start_range(const std::vector<fwu_log_file> &files)
+{
     if (files.empty())
-        return fwu_error("%s: the log has no files yet; leave the start position out to begin with "
-                         "its first record",
-                         what.c_str());
-    return fwu_error("%s: the log does not have that file; it has %s (start position %d-%d.0) to "
-                     "%s (%d-%d.0)",
-                     what.c_str(), files.front().name.c_str(), files.front().generation,
-                     files.front().sequence, files.back().name.c_str(), files.back().generation,
-                     files.back().sequence);
+        return "the log has no files yet";
+    const auto start = [](const fwu_log_file &file) {
+        return fwu_position_text({file.generation, file.sequence, 0});
+    };
+    return "the log does not have that file; it has " + files.front().name + " (start position " +
+           start(files.front()) + ") to " + files.back().name + " (" + start(files.back()) + ")";
+}
+
+int fwu_start_find(const std::vector<fwu_log_file> &files, fwu_position &position,
+                   const std::string &what, const fwu_log_file *&file)
+{
+    file = fwu_start_look(files, position);
+    if (file != nullptr)
+        return 0;
+    return fwu_error("%s: %s%s", what.c_str(), fwu_start_range(files).c_str(),
+                     files.empty() ? "; leave the start position out to begin with its first record"
+                                   : "");
 }

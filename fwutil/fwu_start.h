@@ -2,6 +2,7 @@
 #ifndef FWUTIL_FWU_START_H
 #define FWUTIL_FWU_START_H
 
+#include <compare>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,7 +14,7 @@ struct fwu_position {
     int32_t generation = 0;
     int32_t sequence = 0;
     int32_t tag = 0;
-    bool operator==(const fwu_position &) const = default;
+    auto operator<=>(const fwu_position &) const = default; // in the order of the log
 };
 
 // "1-25.340"
@@ -23,8 +24,14 @@ std::string fwu_position_text(const fwu_position &position);
 // 0: the newest generation that has the file.  0, or -1 (reported).
 int fwu_start_parse(const char *text, fwu_position &position);
 
-// Finds the file that a position names and completes the generation; what says
-// where the position comes from.  0, or -1 after reporting which files there are.
+// The file that a position names, whose generation it completes; null: there is none.
+const fwu_log_file *fwu_start_look(const std::vector<fwu_log_file> &files, fwu_position &position);
+
+// What the log has, for a message about a file that it does not have.
+std::string fwu_start_range(const std::vector<fwu_log_file> &files);
+
+// As fwu_start_look; what says where the position comes from.  0, or -1 after
+// reporting which files there are.
 int fwu_start_find(const std::vector<fwu_log_file> &files, fwu_position &position,
                    const std::string &what, const fwu_log_file *&file);
 

@@ -1,5 +1,5 @@
-// The status file: names the record that the callback acknowledged last, so that
-// the next run goes on behind it.
+// The status file: names the record that the callback acknowledged last, and the last
+// one whose output is on disk, so that the next run goes on behind the one that counts.
 #ifndef FWUTIL_FWU_STATUS_H
 #define FWUTIL_FWU_STATUS_H
 
@@ -18,13 +18,18 @@ int fwu_status_read(const std::string &path, fwu_status_text &text);
 struct fwu_status {
     std::string path;
     int fd = -1;
-    fwu_status_text text;
-    fwu_status_line line;   // the line written last
-    int number = 0;         // its number
-    size_t prefix_size = 0; // bytes before the two lines
-    fwu_map map;            // not mapped before the first record, or if it cannot be
-    bool written = false;   // the file holds this run's text
-    bool unsynced = false;  // changed since it was brought to disk
+    fwu_status_text found; // what it said when it was opened; fresh where that does not matter
+    std::string log_directory;
+    std::string prefix;   // what stands before the lines
+    fwu_place place;      // acknowledged last; at first as found, a run may go back from that
+    fwu_status_line line; // the line written last
+    int number = 0;       // its number
+    std::string synced;   // the text that counts
+    fwu_pointer pointer;  // where it stands
+    int pointer_number = 0;
+    fwu_map map;           // not mapped before the first record, or if it cannot be
+    bool written = false;  // the file holds this run's lines
+    bool unsynced = false; // changed since it was brought to disk
 };
 
 // Opens or creates and locks the file for reading a log in log_directory
@@ -33,11 +38,17 @@ struct fwu_status {
 int fwu_status_open(fwu_status &status, const std::string &path, const std::string &log_directory,
                     bool overridden);
 
-// Names a record as acknowledged.  0, or -1 (reported).
-int fwu_status_acknowledge(fwu_status &status, const fwu_position &position, int64_t time_us);
+// Names a record as acknowledged.  Nothing is written before the first
+// fwu_status_force.  0, or -1 (reported).
+int fwu_status_acknowledge(fwu_status &status, const fwu_place &place);
 
-// Brings the file to disk when it has changed.  0, or -1 (reported).
-int fwu_status_sync(fwu_status &status);
+// Brings the file to disk, with the place acknowledged last as the one whose output is
+// there; the program's mark and the boot are kept along with it.  0, or -1 (reported).
+int fwu_status_force(fwu_status &status, const std::string &boot, const char *mark);
+
+// Writes the file anew, and says so, when somebody has cut or changed it.  0, or -1
+// (reported).
+int fwu_status_look(fwu_status &status);
 
 // Releases lock and file.
 void fwu_status_close(fwu_status &status);

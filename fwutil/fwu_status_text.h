@@ -1,60 +1,63 @@
-// The text of a status file: two lines that name a record, written in turn, so
-// that one of them is whole at any moment.  Described in docs/forward-log.md.
+// The text of a status file: a head, two lines that name the record that was
+// acknowledged last, two that say where the synced text stands, and that text.
+// Described in docs/forward-log.md.
 #ifndef FWUTIL_FWU_STATUS_TEXT_H
 #define FWUTIL_FWU_STATUS_TEXT_H
 
-#include "fwutil/fwu_start.h"
+#include "fwutil/fwu_status_line.h"
+#include "fwutil/fwu_synced.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 
 // What a status file says.
 struct fwu_status_text {
-    bool fresh = true;          // empty: nothing else is known
-    bool have_position = false; // false: no record acknowledged yet
-    fwu_position position;
-    int64_t time_us = 0;       // commit time of that record, microseconds since 1970 UTC
+    bool fresh = true;         // empty: nothing else is known
+    int version = 2;           // 1: no synced text, places without identity and source position
     std::string log_directory; // absolute
+    bool have_live = false;    // a line was whole
+    fwu_place live;            // the record acknowledged last; none: no record yet
+    int live_number = 0;       // of the line taken
+    bool torn = false;         // a line was neither whole nor being changed
+    bool have_synced = false;  // never in version 1
+    fwu_synced synced;         // the newest
+    fwu_pointer pointer;       // where it stands
+    int pointer_number = 0;    // of the line that says so
+    fwu_place on_disk;         // the synced place that is known to be on disk
 };
 
-// The first byte of a line: its number modulo 10, or this while it is changed.
-constexpr char FWU_STATUS_CHANGING = '*';
+// The lines stay within the first page of the file.
+constexpr size_t FWU_STATUS_HEAD_MAX = 4096;
+constexpr size_t FWU_STATUS_LINES_SIZE =
+    FWU_STATUS_LINES * (FWU_STATUS_LINE_SIZE + FWU_POINTER_SIZE);
 
-constexpr int FWU_STATUS_LINES = 2;
-constexpr size_t FWU_STATUS_LINE_SIZE =
-    sizeof "1 position 0001-00000025.0000000340 time 2026-11-21 03:33:52.123456 UTC crc 1a2b3c4d";
-
-// The whole text stays within the first page of the file.
-constexpr size_t FWU_STATUS_SIZE_MAX = 4096;
-
-// What stands before the two lines.
+// What stands before the lines.
 std::string fwu_status_prefix(const std::string &log_directory);
 
 // True when the text for this log directory has a place in the file.
 bool fwu_status_fits(const std::string &log_directory);
 
-// A line being kept up to date; only what differs from the line before is
-// formatted again.
-struct fwu_status_line {
-    char text[FWU_STATUS_LINE_SIZE] = {};
-    uint32_t prefix_crc = 0; // CRC of the prefix, with which a line's own begins
-    fwu_position position;   // what stands in text; sequence 0: nothing yet
-    int64_t time_us = 0;
-};
+// Where a line of each kind stands behind the prefix.
+constexpr size_t fwu_status_live_at(int number)
+{
+    return number % FWU_STATUS_LINES == 0 ? 0 : FWU_STATUS_LINE_SIZE;
+}
+constexpr size_t fwu_status_pointer_at(int number)
+{
+    return FWU_STATUS_LINES * FWU_STATUS_LINE_SIZE +
+           (number % FWU_STATUS_LINES == 0 ? 0 : FWU_POINTER_SIZE);
+}
 
-// Makes the line with this number (0 to 9) for a record, or for none.
-void fwu_status_line_set(fwu_status_line &line, int number, const fwu_position &position,
-                         int64_t time_us);
-void fwu_status_line_none(fwu_status_line &line, int number);
+// The whole text: lines of each kind with the numbers 0 and 1 that say the same, and
+// the synced text behind them.
+std::string fwu_status_put(const std::string &log_directory, const fwu_place &live,
+                           const std::string &synced_text);
 
-// The whole text, both lines naming the same record.
-std::string fwu_status_put(const fwu_status_text &text);
-
-// Checks and decodes a whole text; 0, or -1 when these bytes are not one.
+// Checks and decodes a whole text; 0, or -1 when these bytes are not one, or nothing
+// in them tells a position that is sure not to be ahead.
 int fwu_status_get(fwu_status_text &text, const std::string &bytes);
 
-// "2026-11-21 03:33:52.123456 UTC"
-std::string fwu_time_text(int64_t time_us);
+// Whether the live place counts on this boot of the system; else the synced one does.
+bool fwu_status_live_counts(const fwu_status_text &text, const std::string &boot);
 
 #endif

@@ -1,8 +1,10 @@
 // fwlog prune: removes old log files.  They go oldest first, so that whatever ends
 // it leaves a log without a gap, and none goes that a given status file still needs.
+#include "fwutil/fwu_boot.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_log.h"
+#include "fwutil/fwu_place.h"
 #include "fwutil/fwu_status.h"
 #include "tools/fwlog.h"
 #include "tools/fwlog_position.h"
@@ -151,40 +153,52 @@ static int bring_to_disk(const std::string &path)
     return failed;
 }
 
+// The place behind which the run of a status file may have to go on, and what it is.
+// What the callback wrote for the last record of all may not be on disk: behind a power
+// cut the run goes on behind the one before which everything is.
+static const fwu_place &needed_place(const fwu_status_text &text, const char *&which)
+{
+    const bool live = text.version == 1 || (text.have_live && text.synced.boot == FWU_BOOT_ANY);
+    which = live ? "position" : "position on disk";
+    return live ? text.live : text.on_disk;
+}
+
 // Whether the run of a status file can do without the oldest files.  0 or -1 (reported).
 static int check_status(const char *path, const std::string &directory,
                         const std::vector<fwu_log_file> &files, size_t count)
 {
     fwu_status_text text;
-    const fwu_log_file *needed = nullptr;
     if (fwu_status_read(path, text) != 0)
         return fwu_error("%s: what its run still needs is not known; nothing removed; mend the "
                          "status file, or leave out its --status when the run is over",
                          path);
-    if (!text.have_position)
-        return fwu_error("%s: the status file names no record yet, so its run begins with the "
+    const char *which = nullptr;
+    const fwu_place &place = needed_place(text, which);
+    if (!fwu_place_named(place))
+        return fwu_error("%s: the status file names no record yet%s, so its run begins with the "
                          "log's oldest file; nothing removed; prune when it has captured "
                          "something, or leave out its --status",
-                         path);
+                         path, fwu_place_named(text.live) ? " that is known to be on disk" : "");
     if (text.log_directory != directory)
         return fwu_error("%s: the status file belongs to the log in %s, not to the one in %s; "
                          "nothing removed; name the right configuration, or leave out its "
                          "--status",
                          path, text.log_directory.c_str(), directory.c_str());
-    const std::string position = fwu_position_text(text.position);
-    if (fwu_start_find(files, text.position, path + (": position " + position), needed) != 0)
+    const std::string position = fwu_position_text(place.position);
+    const std::string what = std::string(path) + ": " + which + " " + position;
+    if (fwu_place_check(directory, place, what) != 0)
         return fwu_error("%s: its run cannot go on; nothing removed; mend that, or leave out its "
                          "--status",
                          path);
-    // Else a power cut could bring an older position back, in a file that is gone.
-    if (bring_to_disk(path) != 0)
-        return fwu_error("%s: cannot bring the status file to disk: %s; nothing removed", path,
-                         strerror(errno));
+    fwu_position file = place.position;
+    const fwu_log_file *needed = fwu_start_look(files, file);
+    if (needed == nullptr) // it came after the log was listed: behind all that may go
+        return 0;
     if (needed >= files.data() + count)
         return 0;
-    return fwu_error("%s: its position %s needs %s and the files behind it; nothing removed; "
+    return fwu_error("%s: its %s %s needs %s and the files behind it; nothing removed; "
                      "prune with --before %d-%d, or when its run has gone on",
-                     path, position.c_str(), needed->name.c_str(), needed->generation,
+                     path, which, position.c_str(), needed->name.c_str(), needed->generation,
                      needed->sequence);
 }
 

@@ -2,94 +2,16 @@
 // killed.
 #include "fwutil/fwu_wait.h"
 
-#include "tests/fwutil/log_fixture.h"
+#include "tests/fwutil/follow_fixture.h"
 #include "tests/fwutil/system_calls.h"
-#include "tests/support/run.h"
 
 #include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <poll.h>
 #include <random>
-#include <sys/wait.h>
 #include <unistd.h>
 
-static int to_reader = -1;   // a reader that is let go on byte by byte; -1: at once
-static int from_reader = -1; // record numbers, 4 bytes each
-
-static int tell(uint32_t, const char *, const char *, int32_t, int32_t, int32_t recnum, int32_t,
-                const void *, const void *)
-{
-    char go = 0;
-    if (write(from_reader, &recnum, sizeof recnum) != sizeof recnum)
-        return -1;
-    return to_reader < 0 || read(to_reader, &go, 1) == 1 ? 0 : -1;
-}
-
-class FollowTest : public log_test {
-  protected:
-    // Starts a process that follows the log and tells record numbers to a pipe
-    // or, when a file is named, to that.
-    void start(const std::string &into = "", bool sync_only = false, bool stepwise = false)
-    {
-        int out[2] = {-1, -1};
-        int steps[2] = {-1, -1};
-        ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-        ASSERT_EQ(pipe2(steps, O_CLOEXEC), 0);
-        reader = fork();
-        if (reader == 0) {
-            from_reader =
-                into.empty() ? out[1] : open(into.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
-            to_reader = stepwise ? steps[0] : -1;
-            close(out[0]);
-            close(steps[1]);
-            const int err = open(dir.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-            dup2(err, 2);
-            Fwu_synconly(sync_only ? 1 : 0);
-            Fwu_verbose(1);
-            _exit(Fwu_process(tell, cfg.c_str(), status.c_str(), nullptr) == 0 ? 0 : 1);
-        }
-        close(out[1]);
-        close(steps[0]);
-        numbers = out[0];
-        step = steps[1];
-    }
-    // The next record number; -1 when the reader has ended.
-    int32_t next() const
-    {
-        int32_t number = -1;
-        pollfd row = {numbers, POLLIN, 0};
-        EXPECT_EQ(poll(&row, 1, 60000), 1) << "no record came";
-        return read(numbers, &number, sizeof number) == sizeof number ? number : -1;
-    }
-    int end(int signal)
-    {
-        kill(reader, signal);
-        return finish();
-    }
-    int finish()
-    {
-        const int result = wait_program(reader);
-        reader = -1;
-        close(numbers);
-        close(step);
-        return result;
-    }
-    bool waiting() const
-    {
-        return poll_until([&] {
-            return read_file(dir.file("err")).find("waiting for more") != std::string::npos;
-        });
-    }
-    void TearDown() override
-    {
-        if (reader > 0)
-            (void)end(SIGKILL);
-    }
-    pid_t reader = -1;
-    int numbers = -1;
-    int step = -1;
-};
+class FollowTest : public follow_test {};
 
 TEST_F(FollowTest, RecordsArriveAsTheyAreCommittedAcrossFiles)
 {

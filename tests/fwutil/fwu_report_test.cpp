@@ -1,6 +1,7 @@
 // The report of a status file.
 #include "fwutil/fwu_report.h"
 
+#include "fwutil/fwu_status_text.h"
 #include "tests/fwutil/log_fixture.h"
 
 #include <gmock/gmock.h>
@@ -27,6 +28,11 @@ TEST_F(ReportTest, TellsPositionAndHowFarBehindTheEndThatIs)
                         "Last record: 2023-11-14 22:13:22.000000 UTC\n"
                         "Behind: 3 records, 384 bytes\n");
     const std::string real = std::filesystem::canonical(log).string();
+    fwu_file_header header;
+    ASSERT_EQ(fwu_file_header_get(
+                  header, reinterpret_cast<const unsigned char *>(log_file_bytes(1).data())),
+              nullptr);
+    const std::string identity = fwu_identity_text(header.identity);
     EXPECT_EQ(report(1), "Status file: " + status +
                              "\nPosition: 1-1.4\n"
                              "Last record: 2023-11-14 22:13:22.000000 UTC\n"
@@ -36,7 +42,12 @@ TEST_F(ReportTest, TellsPositionAndHowFarBehindTheEndThatIs)
                              "Log file: fw0001-00000002.log 368 bytes\n"
                              "End position: 1-2.3\n"
                              "Lag: 1 seconds\n"
-                             "Behind: 3 records, 384 bytes\n");
+                             "Behind: 3 records, 384 bytes\n"
+                             "Log identity: " +
+                             identity +
+                             "\nLast position: 1-1.4\n"
+                             "Position on disk: 1-1.4\n"
+                             "Boot: this one\n");
     on_record = nullptr;
     run();
     EXPECT_EQ(report(1), "Status file: " + status +
@@ -48,7 +59,12 @@ TEST_F(ReportTest, TellsPositionAndHowFarBehindTheEndThatIs)
                              "Log file: fw0001-00000002.log 368 bytes\n"
                              "End position: 1-2.3\n"
                              "Lag: 0 seconds\n"
-                             "Behind: 0 records, 0 bytes\n");
+                             "Behind: 0 records, 0 bytes\n"
+                             "Log identity: " +
+                             identity +
+                             "\nLast position: 1-2.3\n"
+                             "Position on disk: 1-2.3\n"
+                             "Boot: this one\n");
 }
 
 TEST_F(ReportTest, WithoutAPositionEverythingLiesBehind)
@@ -80,4 +96,36 @@ TEST_F(ReportTest, ALogWithoutThePositionIsAnError)
     std::filesystem::remove(file(2));
     report(0, -1);
     EXPECT_THAT(err, testing::HasSubstr("position 1-2.3: the log does not have that file"));
+}
+
+TEST_F(ReportTest, BehindAPowerCutThePositionIsTheOneOnDisk)
+{
+    two_files();
+    run();
+    std::string bytes = read_file(status);
+    fwu_status_text text;
+    ASSERT_EQ(fwu_status_get(text, bytes), 0);
+    fwu_place earlier = text.live;
+    earlier.position.tag = 2; // another record of the same transaction
+    write_file(status, fwu_status_put(text.log_directory, text.live,
+                                      fwu_synced_put({earlier, "another", ""})));
+    EXPECT_THAT(report(1),
+                testing::AllOf(testing::HasSubstr("\nPosition: 1-2.2\n"),
+                               testing::HasSubstr("Behind: 1 records, "),
+                               testing::HasSubstr("\nLast position: 1-2.3\n"
+                                                  "Position on disk: 1-2.2\nBoot: another one\n")));
+    write_file(status,
+               fwu_status_put(text.log_directory, text.live, fwu_synced_put({earlier, "any", ""})));
+    EXPECT_THAT(report(1), testing::AllOf(testing::HasSubstr("\nPosition: 1-2.3\n"),
+                                          testing::HasSubstr("\nBoot: any\n")));
+}
+
+TEST_F(ReportTest, AnotherLogUnderTheSameNameIsAnError)
+{
+    two_files();
+    run();
+    std::filesystem::remove_all(log);
+    two_files();
+    report(0, -1);
+    EXPECT_THAT(err, testing::HasSubstr("position 1-2.3: the log has another record there"));
 }

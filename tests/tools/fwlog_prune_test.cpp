@@ -1,4 +1,5 @@
 // fwlog prune on small logs: one transaction of three inserts in each file.
+#include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_status_text.h"
 #include "tests/procs/growing_log.h"
@@ -57,17 +58,36 @@ class FwlogPruneTest : public testing::Test {
             text += std::to_string(f.generation) + "-" + std::to_string(f.sequence) + " ";
         return text;
     }
-    // A status file of this log, or of another one.
-    void status(const std::string &name, const fwu_position &position,
-                const std::string &directory = "")
+    // The place of a record in the log; of a file that there is not, one that could be.
+    fwu_place place_of(const fwu_position &position) const
     {
-        fwu_status_text text;
-        text.fresh = false;
-        text.have_position = position.sequence != 0;
-        text.position = position;
-        text.time_us = 1700000000000000;
-        text.log_directory = directory.empty() ? real(dir.file("log")) : directory;
-        write_file(dir.file(name), fwu_status_put(text));
+        fwu_place place;
+        if (position.sequence == 0)
+            return place;
+        place = {position, 1700000000000000, true, 1, {}};
+        fwu_cursor cursor;
+        const fwu_log_file file = {position.generation, position.sequence, "",
+                                   this->file(position.sequence, position.generation)};
+        if (fwu_cursor_try_open(cursor, file) == 0 && fwu_cursor_next(cursor) == FWU_FOUND) {
+            place.lsn = cursor.commit.commit.lsn;
+            place.identity = cursor.header.identity;
+        }
+        fwu_cursor_close(cursor);
+        return place;
+    }
+    // A status file of this log, or of another one, whose position is on disk, or that
+    // of a run which never forces it.
+    void status(const std::string &name, const fwu_position &position,
+                const std::string &directory = "", const std::string &boot = "1")
+    {
+        two_places(name, position, position, directory, boot);
+    }
+    void two_places(const std::string &name, const fwu_position &live, const fwu_position &synced,
+                    const std::string &directory = "", const std::string &boot = "1")
+    {
+        write_file(dir.file(name),
+                   fwu_status_put(directory.empty() ? real(dir.file("log")) : directory,
+                                  place_of(live), fwu_synced_put({place_of(synced), boot, ""})));
     }
     static std::string real(const std::string &path)
     {
@@ -202,9 +222,10 @@ TEST_F(FwlogPruneTest, AFileThatAStatusNeedsForbidsIt)
         prune({"--keep", "2", "--status", "one.status", "--status", "two.status"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "fwlog: two.status: its position 1-2.4 needs fw0001-00000002.log and "
-                          "the files behind it; nothing removed; prune with --before 1-2, or when "
-                          "its run has gone on\n");
+    EXPECT_EQ(result.err,
+              "fwlog: two.status: its position on disk 1-2.4 needs fw0001-00000002.log and "
+              "the files behind it; nothing removed; prune with --before 1-2, or when "
+              "its run has gone on\n");
     EXPECT_EQ(left(), "1-1 1-2 1-3 1-4 ");
     EXPECT_EQ(prune({"--keep", "2", "--dry-run", "--status", "two.status"}).status, 1);
     EXPECT_EQ(prune({"--before", "1-2", "--status", "one.status", "--status", "two.status"}).status,
@@ -212,6 +233,57 @@ TEST_F(FwlogPruneTest, AFileThatAStatusNeedsForbidsIt)
     EXPECT_EQ(left(), "1-2 1-3 1-4 ");
     EXPECT_EQ(prune({"--keep", "1", "--status", "one.status"}).status, 0);
     EXPECT_EQ(left(), "1-4 ");
+}
+
+TEST_F(FwlogPruneTest, WhatIsOnDiskCountsNotTheLastPosition)
+{
+    make(4);
+    two_places("run.status", {1, 4, 2}, {1, 2, 4});
+    EXPECT_EQ(prune({"--keep", "2", "--status", "run.status"}).err,
+              "fwlog: run.status: its position on disk 1-2.4 needs fw0001-00000002.log and the "
+              "files behind it; nothing removed; prune with --before 1-2, or when its run has gone "
+              "on\n");
+    two_places("run.status", {1, 4, 2}, {});
+    EXPECT_THAT(prune({"--keep", "2", "--status", "run.status"}).err,
+                HasSubstr("the status file names no record yet that is known to be on disk, so "));
+    two_places("run.status", {1, 4, 2}, {1, 1, 2}, "", "any");
+    EXPECT_EQ(prune({"--keep", "2", "--status", "run.status"}).status, 0)
+        << "the last position counts on any boot";
+    EXPECT_EQ(left(), "1-3 1-4 ");
+}
+
+TEST_F(FwlogPruneTest, AStatusOfVersionOneIsTakenAsItSays)
+{
+    make(3);
+    const std::string head = "fwutil status 1\nlog " + real(dir.file("log")) + "\n";
+    std::string line = "0 position 0001-00000002.0000000004 time 2023-11-14 22:13:20.000000 UTC";
+    std::string text = head;
+    for (const char number : {'0', '1'}) {
+        line[0] = number;
+        char crc[16];
+        (void)snprintf(
+            crc, sizeof crc, " crc %08x\n",
+            fwu_crc32c(fwu_crc32c(0, head.data(), head.size()), line.data(), line.size()));
+        text += line + crc;
+    }
+    write_file(dir.file("old.status"), text);
+    EXPECT_EQ(
+        prune({"--keep", "1", "--status", "old.status"}).err,
+        "fwlog: old.status: its position 1-2.4 needs fw0001-00000002.log and the files behind "
+        "it; nothing removed; prune with --before 1-2, or when its run has gone on\n");
+    EXPECT_EQ(prune({"--keep", "2", "--status", "old.status"}).status, 0);
+    EXPECT_EQ(read_file(dir.file("old.status")), text);
+}
+
+TEST_F(FwlogPruneTest, AStatusOfAnotherLogOfThatNameForbidsIt)
+{
+    make(3);
+    status("run.status", {1, 3, 2});
+    std::filesystem::remove_all(dir.file("log"));
+    make(3);
+    EXPECT_THAT(prune({"--keep", "1", "--status", "run.status"}).err,
+                HasSubstr("run.status: position on disk 1-3.2: the log has another record there"));
+    EXPECT_EQ(left(), "1-1 1-2 1-3 ");
 }
 
 TEST_F(FwlogPruneTest, AStatusThatTellsNothingForbidsIt)
@@ -245,8 +317,10 @@ TEST_F(FwlogPruneTest, AStatusThatTellsNothingForbidsIt)
                              "; nothing removed; name the right configuration, or leave out its "
                              "--status\n"},
         {"gone.status",
-         "fwlog: gone.status: position 1-7.2: the log does not have that file; it has "
-         "fw0001-00000001.log (start position 1-1.0) to fw0001-00000003.log (1-3.0)\n"
+         "fwlog: gone.status: position on disk 1-7.2: the log does not have that file; it has "
+         "fw0001-00000001.log (start position 1-1.0) to fw0001-00000003.log (1-3.0); to go on "
+         "with this log, give 1-1.0 as start position (-start 1-1.0), its oldest record; or "
+         "restore the log that belongs to it, or name another status file\n"
          "fwlog: gone.status: its run cannot go on; nothing removed; mend that, or leave out its "
          "--status\n"},
     };
@@ -282,19 +356,11 @@ TEST_F(FwlogPruneTest, ASyncThatFailsIsTold)
     run_setup options;
     options.directory = dir.path();
     options.env = {{"LD_PRELOAD", FAILING_FSYNC},
-                   {"FAILING_FSYNC", "file"},
+                   {"FAILING_FSYNC", "directory"},
                    {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
     const std::vector<std::string> words = {program, "prune",    "--keep",
                                             "1",     "--status", "run.status"};
-    run_result result = run_program(words, options);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "fwlog: run.status: cannot bring the status file to disk: Input/output "
-                          "error; nothing removed\n");
-    EXPECT_EQ(left(), "1-1 1-2 1-3 ");
-
-    options.env["FAILING_FSYNC"] = "directory";
-    result = run_program(words, options);
+    const run_result result = run_program(words, options);
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, HasSubstr("\n2 files removed, 960 bytes; 1 files left"));
     EXPECT_EQ(result.err, "fwlog: log: cannot bring the log directory to disk: Input/output error; "
@@ -326,7 +392,9 @@ TEST_F(FwlogPruneTest, ARunThatNeedsARemovedFileSaysWhereTheLogBegins)
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err,
               "fwutil: fwutil.status: position 1-2.4: the log does not have that file; it has "
-              "fw0001-00000003.log (start position 1-3.0) to fw0001-00000005.log (1-5.0)\n"
+              "fw0001-00000003.log (start position 1-3.0) to fw0001-00000005.log (1-5.0); to go on "
+              "with this log, give 1-3.0 as start position (-start 1-3.0), its oldest record; or "
+              "restore the log that belongs to it, or name another status file\n"
               "Fwu_process() failed.\n");
 }
 

@@ -1,0 +1,172 @@
+// A new status file is made under another name, by one process at a time since it is
+// locked there too, and renamed.
+#include "fwutil/fwu_status_file.h"
+
+#include "fwutil/fwu_error.h"
+#include "fwutil/fwu_synced.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The lines, and three texts at most: the one that counts and room around it.
+constexpr size_t SIZE_MAX_READ = 3 * FWU_SYNCED_MAX + 4096;
+constexpr size_t READ_SIZE = 4096;
+constexpr int OPEN_TRIES = 10; // others may be making and taking over the file meanwhile
+
+int fwu_status_file_read(const std::string &path, int fd, std::string &bytes)
+{
+    size_t length = 0;
+    bytes.resize(READ_SIZE);
+    while (length < SIZE_MAX_READ) {
+        const ssize_t n =
+            pread(fd, bytes.data() + length, bytes.size() - length, static_cast<off_t>(length));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return fwu_error("%s: cannot read the status file: %s", path.c_str(), strerror(errno));
+        length += static_cast<size_t>(n);
+        if (length < bytes.size())
+            break;
+        bytes.resize(std::min(2 * bytes.size(), SIZE_MAX_READ));
+    }
+    bytes.resize(length);
+    return 0;
+}
+
+static int lock_file(const std::string &path, int fd)
+{
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(fd, F_SETLK, &lock) == 0)
+        return 0;
+    if (errno != EACCES && errno != EAGAIN)
+        return fwu_error("%s: cannot lock the status file: %s", path.c_str(), strerror(errno));
+    if (fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
+        return fwu_error("%s: the status file is in use by process %ld; stop that, or name another "
+                         "status file",
+                         path.c_str(), static_cast<long>(lock.l_pid));
+    return fwu_error("%s: the status file is in use by another process", path.c_str());
+}
+
+bool fwu_status_file_named(const std::string &path, int fd)
+{
+    struct stat named = {};
+    struct stat held = {};
+    return stat(path.c_str(), &named) == 0 && fstat(fd, &held) == 0 &&
+           named.st_dev == held.st_dev && named.st_ino == held.st_ino;
+}
+
+int fwu_status_file_write(const std::string &path, int fd, const std::string &bytes, size_t at)
+{
+    ssize_t n = 0;
+    do
+        n = pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at));
+    while (n < 0 && errno == EINTR);
+    if (n != static_cast<ssize_t>(bytes.size()))
+        return fwu_error("%s: cannot write to the status file: %s", path.c_str(),
+                         n < 0 ? strerror(errno) : "no space left");
+    return 0;
+}
+
+int fwu_status_file_cut(const std::string &path, int fd, size_t size)
+{
+    if (ftruncate(fd, static_cast<off_t>(size)) == 0)
+        return 0;
+    return fwu_error("%s: cannot cut the status file to its length: %s", path.c_str(),
+                     strerror(errno));
+}
+
+int fwu_status_file_force(const std::string &path, int fd)
+{
+    if (fdatasync(fd) == 0)
+        return 0;
+    return fwu_error("%s: cannot bring the status file to disk: %s", path.c_str(), strerror(errno));
+}
+
+static int cannot_open(const std::string &path)
+{
+    return fwu_error("%s: cannot open the status file: %s", path.c_str(), strerror(errno));
+}
+
+// The name is on disk once its directory is.
+static int force_name(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string directory =
+        slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // Some file systems have no such call, and then nothing to bring there.
+    const int failed = fd < 0 ? -1 : fsync(fd) != 0 && errno != EINVAL && errno != EROFS ? -1 : 0;
+    const int saved_errno = errno;
+    if (fd >= 0)
+        close(fd);
+    if (failed == 0)
+        return 0;
+    return fwu_error("%s: cannot bring the status file's directory to disk: %s", path.c_str(),
+                     strerror(saved_errno));
+}
+
+static int make(const std::string &path, const std::string &unfinished, int fd,
+                const std::function<int(int)> &fill)
+{
+    if (fwu_status_file_cut(path, fd, 0) != 0 || fill(fd) != 0 ||
+        fwu_status_file_force(path, fd) != 0)
+        return -1;
+    if (rename(unfinished.c_str(), path.c_str()) != 0)
+        return fwu_error("%s: cannot name the status file: %s", path.c_str(), strerror(errno));
+    if (force_name(path) == 0)
+        return 0;
+    (void)unlink(path.c_str()); // what cannot be kept is not to be found either
+    return -1;
+}
+
+// 1: somebody else has made it; look again.
+static int create(const std::string &path, const std::function<int(int)> &fill, int &fd)
+{
+    const std::string unfinished = path + ".new";
+    fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return cannot_open(path);
+    struct stat st = {};
+    if (lock_file(path, fd) != 0)
+        return -1;
+    if (!fwu_status_file_named(unfinished, fd) || lstat(path.c_str(), &st) == 0)
+        return 1;
+    if (make(path, unfinished, fd, fill) == 0)
+        return 0;
+    (void)unlink(unfinished.c_str()); // best effort: the next run takes it
+    return -1;
+}
+
+int fwu_status_file_open(const std::string &path, const std::function<int(int)> &fill,
+                         bool &created)
+{
+    int result = 1;
+    int fd = -1;
+    for (int i = 0; i < OPEN_TRIES && result == 1; i++) {
+        created = false;
+        fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0 && errno == ENOENT) {
+            created = true;
+            result = create(path, fill, fd);
+        } else if (fd < 0) {
+            result = cannot_open(path);
+        } else {
+            result = lock_file(path, fd);
+            if (result == 0 && !fwu_status_file_named(path, fd))
+                result = 1; // replaced since it was opened
+        }
+        if (result != 0 && fd >= 0)
+            close(fd);
+    }
+    if (result == 1)
+        return fwu_error("%s: cannot open the status file: it is being replaced all the time",
+                         path.c_str());
+    return result == 0 ? fd : -1;
+}

@@ -1,0 +1,388 @@
+// Encoding and checking lines.  The checksum of a line that names a record takes what
+// follows the position first: that is the same for all records of a transaction.
+#include "fwutil/fwu_status_line.h"
+
+#include "fwutil/fwu_crc32c.h"
+
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+// 0 position 0001-00000025.0000000339 time 2026-11-21 03:33:52.123456 UTC lsn 0000000001BC8080
+//   log 0123456789abcdef0123456789abcdef crc 1a2b3c4d      (one line)
+// 1 synced at 00000600 length 00000123 text 1a2b3c4d crc 5e6f7a8b
+static constexpr std::string_view POSITION_WORD = " position ";
+static constexpr std::string_view TIME_WORD = " time ";
+static constexpr std::string_view LSN_WORD = " lsn ";
+static constexpr std::string_view LOG_WORD = " log ";
+static constexpr std::string_view CRC_WORD = " crc ";
+static constexpr std::string_view SYNCED_WORD = " synced at ";
+static constexpr std::string_view LENGTH_WORD = " length ";
+static constexpr std::string_view TEXT_WORD = " text ";
+static constexpr std::string_view POSITION_FORM = "0001-00000025.0000000340";
+static constexpr std::string_view TIME_FORM = "2026-11-21 03:33:52.123456 UTC";
+static constexpr std::string_view NONE = "none";
+static constexpr size_t LSN_SIZE = 16;
+static constexpr size_t IDENTITY_SIZE = 32;
+static constexpr size_t CRC_SIZE = 8;
+static constexpr size_t OFFSET_SIZE = 8;
+
+// Where the parts of a line stand.
+static constexpr size_t POSITION_AT = 1 + POSITION_WORD.size();
+static constexpr size_t TIME_WORD_AT = POSITION_AT + POSITION_FORM.size();
+static constexpr size_t TIME_AT = TIME_WORD_AT + TIME_WORD.size();
+static constexpr size_t LSN_WORD_AT = TIME_AT + TIME_FORM.size();
+static constexpr size_t LSN_AT = LSN_WORD_AT + LSN_WORD.size();
+static constexpr size_t LOG_WORD_AT = LSN_AT + LSN_SIZE;
+static constexpr size_t LOG_AT = LOG_WORD_AT + LOG_WORD.size();
+static constexpr size_t CRC_WORD_AT = LOG_AT + IDENTITY_SIZE;
+static constexpr size_t CRC_AT = CRC_WORD_AT + CRC_WORD.size();
+static_assert(CRC_AT + CRC_SIZE + 1 == FWU_STATUS_LINE_SIZE);
+static constexpr size_t PLACE_AT = 2; // a place alone lacks the number and the CRC
+static_assert(CRC_WORD_AT - PLACE_AT + 1 == FWU_PLACE_LINE_SIZE);
+
+// In version 1 the CRC follows the time.
+static constexpr size_t CRC_WORD_AT_1 = LSN_WORD_AT;
+static constexpr size_t CRC_AT_1 = CRC_WORD_AT_1 + CRC_WORD.size();
+static_assert(CRC_AT_1 + CRC_SIZE + 1 == FWU_STATUS_LINE_SIZE_1);
+
+static constexpr size_t OFFSET_AT = 1 + SYNCED_WORD.size();
+static constexpr size_t LENGTH_WORD_AT = OFFSET_AT + OFFSET_SIZE;
+static constexpr size_t LENGTH_AT = LENGTH_WORD_AT + LENGTH_WORD.size();
+static constexpr size_t TEXT_WORD_AT = LENGTH_AT + OFFSET_SIZE;
+static constexpr size_t TEXT_AT = TEXT_WORD_AT + TEXT_WORD.size();
+static constexpr size_t POINTER_CRC_WORD_AT = TEXT_AT + CRC_SIZE;
+static constexpr size_t POINTER_CRC_AT = POINTER_CRC_WORD_AT + CRC_WORD.size();
+static_assert(POINTER_CRC_AT + CRC_SIZE + 1 == FWU_POINTER_SIZE);
+
+// Where the parts of a position and of a time stand.
+static constexpr size_t SEQUENCE_AT = 5;
+static constexpr size_t TAG_AT = 14;
+static constexpr size_t TAG_DIGITS = 10;
+static constexpr size_t MICROSECONDS_AT = 20;
+
+constexpr int64_t US_PER_S = 1000000;
+
+static void put_digits(char *p, uint64_t value, size_t digits)
+{
+    for (size_t i = digits; i > 0; i--, value /= 10)
+        p[i - 1] = static_cast<char>('0' + value % 10);
+}
+
+static void put_number(char *p, int32_t value, size_t digits)
+{
+    put_digits(p, static_cast<uint64_t>(value < 0 ? 0 : value), digits);
+}
+
+// Formats a time of the years 0 to 9999; others become the nearest of them.
+static void put_time(char *p, int64_t time_us)
+{
+    constexpr int64_t YEAR_0 = -62167219200;
+    constexpr int64_t YEAR_9999_END = 253402300799;
+    int64_t second = time_us / US_PER_S;
+    int64_t microseconds = time_us % US_PER_S;
+    if (microseconds < 0) {
+        second--;
+        microseconds += US_PER_S;
+    }
+    const time_t when = second < YEAR_0 ? YEAR_0 : second > YEAR_9999_END ? YEAR_9999_END : second;
+    struct tm tm = {};
+    (void)gmtime_r(&when, &tm); // in range
+    memcpy(p, TIME_FORM.data(), TIME_FORM.size());
+    put_number(p, tm.tm_year + 1900, 4);
+    put_number(p + 5, tm.tm_mon + 1, 2);
+    put_number(p + 8, tm.tm_mday, 2);
+    put_number(p + 11, tm.tm_hour, 2);
+    put_number(p + 14, tm.tm_min, 2);
+    put_number(p + 17, tm.tm_sec, 2);
+    put_digits(p + MICROSECONDS_AT, static_cast<uint64_t>(microseconds), 6);
+}
+
+std::string fwu_time_text(int64_t time_us)
+{
+    std::string text(TIME_FORM);
+    put_time(text.data(), time_us);
+    return text;
+}
+
+static constexpr char LOWER[] = "0123456789abcdef";
+static constexpr char UPPER[] = "0123456789ABCDEF";
+
+static void put_hex(char *p, uint64_t value, size_t digits, const char (&letters)[17])
+{
+    for (size_t i = digits; i > 0; i--, value >>= 4)
+        p[i - 1] = letters[value & 0xF];
+}
+
+static void put_word(char *line, size_t at, std::string_view word)
+{
+    memcpy(line + at, word.data(), word.size());
+}
+
+// A word with blanks behind it up to a size.
+static void put_padded(char *p, std::string_view word, size_t size)
+{
+    memset(p, ' ', size);
+    memcpy(p, word.data(), word.size());
+}
+
+// What is the same in every line, and that it names no record.
+static void begin_line(fwu_status_line &line)
+{
+    put_word(line.text, 1, POSITION_WORD);
+    put_word(line.text, TIME_WORD_AT, TIME_WORD);
+    put_word(line.text, LSN_WORD_AT, LSN_WORD);
+    put_word(line.text, LOG_WORD_AT, LOG_WORD);
+    put_word(line.text, CRC_WORD_AT, CRC_WORD);
+    line.text[FWU_STATUS_LINE_SIZE - 1] = '\n';
+    put_padded(line.text + POSITION_AT, NONE, POSITION_FORM.size());
+    put_padded(line.text + TIME_AT, NONE, TIME_FORM.size());
+    put_padded(line.text + LSN_AT, NONE, LSN_SIZE);
+    put_padded(line.text + LOG_AT, NONE, IDENTITY_SIZE);
+    line.place = fwu_place();
+}
+
+// What follows the position: where the record comes from.
+static void put_origin(fwu_status_line &line, const fwu_place &place)
+{
+    char *const text = line.text;
+    put_time(text + TIME_AT, place.time_us);
+    put_padded(text + LSN_AT, NONE, LSN_SIZE);
+    put_padded(text + LOG_AT, NONE, IDENTITY_SIZE);
+    if (!place.full)
+        put_padded(text + LOG_AT, "unknown", IDENTITY_SIZE);
+    else
+        put_hex(text + LSN_AT, place.lsn, LSN_SIZE, UPPER);
+    if (place.full && fwu_identity_known(place.identity))
+        put_word(text, LOG_AT, fwu_identity_text(place.identity));
+}
+
+static uint32_t crc_of_origin(const char *text, uint32_t prefix_crc)
+{
+    return fwu_crc32c(prefix_crc, text + TIME_WORD_AT, CRC_WORD_AT - TIME_WORD_AT);
+}
+
+// Adds one to a number in digits.
+static void increment(char *p, size_t digits)
+{
+    char *digit = p + digits - 1;
+    for (; *digit == '9' && digit > p; digit--)
+        *digit = '0';
+    ++*digit;
+}
+
+// Formats what differs from the place that stands in the line.
+static void put_place(fwu_status_line &line, const fwu_place &place)
+{
+    const bool fresh = !line.begun || !fwu_place_named(line.place) || !fwu_place_named(place);
+    const fwu_position &position = place.position;
+    if (fresh) {
+        begin_line(line);
+        line.begun = true;
+    }
+    if (fwu_place_named(place)) {
+        char *const p = line.text + POSITION_AT;
+        const bool file_changes = fresh || position.generation != line.place.position.generation ||
+                                  position.sequence != line.place.position.sequence;
+        if (file_changes) {
+            put_word(p, 0, POSITION_FORM);
+            put_number(p, position.generation, 4);
+            put_number(p + SEQUENCE_AT, position.sequence, 8);
+        }
+        // The next record of the same file, mostly; a tag never needs more digits.
+        if (!file_changes && position.tag > 0 && line.place.position.tag == position.tag - 1)
+            increment(p + TAG_AT, TAG_DIGITS);
+        else
+            put_number(p + TAG_AT, position.tag, TAG_DIGITS);
+        const bool same_origin = !file_changes && place.time_us == line.place.time_us &&
+                                 place.lsn == line.place.lsn && place.full == line.place.full;
+        line.place.position = position;
+        if (same_origin)
+            return;
+        put_origin(line, place);
+    }
+    line.place = place;
+    line.origin_crc = crc_of_origin(line.text, line.prefix_crc);
+}
+
+void fwu_status_line_set(fwu_status_line &line, int number, const fwu_place &place)
+{
+    put_place(line, place);
+    line.text[0] = static_cast<char>('0' + number);
+    put_hex(line.text + CRC_AT, fwu_crc32c(line.origin_crc, line.text, TIME_WORD_AT), CRC_SIZE,
+            LOWER);
+}
+
+std::string fwu_place_line(const fwu_place &place)
+{
+    fwu_status_line line;
+    put_place(line, place);
+    return std::string(line.text + PLACE_AT, CRC_WORD_AT - PLACE_AT) + "\n";
+}
+
+// Reads a value in which digits stand where form has digits, and the same
+// characters elsewhere.
+static bool has_form(std::string_view value, std::string_view form)
+{
+    for (size_t i = 0; i < form.size(); i++) {
+        const bool digit = value[i] >= '0' && value[i] <= '9';
+        const bool wants_digit = form[i] >= '0' && form[i] <= '9';
+        if (digit != wants_digit || (!digit && value[i] != form[i]))
+            return false;
+    }
+    return true;
+}
+
+static int64_t get_digits(std::string_view value, size_t at, size_t digits)
+{
+    int64_t number = 0;
+    for (size_t i = at; i < at + digits; i++)
+        number = number * 10 + (value[i] - '0');
+    return number;
+}
+
+static int64_t get_time_us(std::string_view value)
+{
+    struct tm tm = {};
+    tm.tm_year = static_cast<int>(get_digits(value, 0, 4)) - 1900;
+    tm.tm_mon = static_cast<int>(get_digits(value, 5, 2)) - 1;
+    tm.tm_mday = static_cast<int>(get_digits(value, 8, 2));
+    tm.tm_hour = static_cast<int>(get_digits(value, 11, 2));
+    tm.tm_min = static_cast<int>(get_digits(value, 14, 2));
+    tm.tm_sec = static_cast<int>(get_digits(value, 17, 2));
+    return timegm(&tm) * US_PER_S + get_digits(value, MICROSECONDS_AT, 6);
+}
+
+// Whether value is a word with blanks behind it.
+static bool is_padded(std::string_view value, std::string_view word)
+{
+    return value.substr(0, word.size()) == word &&
+           value.find_first_not_of(' ', word.size()) == value.npos;
+}
+
+static bool get_hex(std::string_view value, const char (&letters)[17], uint64_t &number)
+{
+    number = 0;
+    for (const char c : value) {
+        const size_t digit = std::string_view(letters, 16).find(c);
+        if (digit == std::string_view::npos)
+            return false;
+        number = number << 4 | digit;
+    }
+    return true;
+}
+
+static bool has_word(std::string_view line, size_t at, std::string_view word)
+{
+    return line.substr(at, word.size()) == word;
+}
+
+// The position and the time of a line.
+static bool get_position(std::string_view line, fwu_place &place)
+{
+    const std::string_view position = line.substr(POSITION_AT, POSITION_FORM.size());
+    const std::string_view time = line.substr(TIME_AT, TIME_FORM.size());
+    if (!has_word(line, 1, POSITION_WORD) || !has_word(line, TIME_WORD_AT, TIME_WORD))
+        return false;
+    if (is_padded(position, NONE))
+        return is_padded(time, NONE);
+    if (!has_form(position, POSITION_FORM) || !has_form(time, TIME_FORM))
+        return false;
+    const int64_t tag = get_digits(position, TAG_AT, TAG_DIGITS);
+    place.position.generation = static_cast<int32_t>(get_digits(position, 0, 4));
+    place.position.sequence = static_cast<int32_t>(get_digits(position, SEQUENCE_AT, 8));
+    place.position.tag = static_cast<int32_t>(tag);
+    place.time_us = get_time_us(time);
+    return tag <= INT32_MAX && place.position.generation > 0 && place.position.sequence > 0;
+}
+
+// The parts of a place in a line whose checksum is good, or that has none.
+static bool get_place(std::string_view line, fwu_place &place)
+{
+    place = fwu_place();
+    if (!get_position(line, place) || !has_word(line, LSN_WORD_AT, LSN_WORD) ||
+        !has_word(line, LOG_WORD_AT, LOG_WORD))
+        return false;
+    const std::string_view lsn = line.substr(LSN_AT, LSN_SIZE);
+    const std::string_view log = line.substr(LOG_AT, IDENTITY_SIZE);
+    place.full = !is_padded(log, "unknown");
+    if (!place.full || !fwu_place_named(place))
+        return is_padded(lsn, NONE) && (!place.full || is_padded(log, NONE));
+    return get_hex(lsn, UPPER, place.lsn) &&
+           fwu_identity_parse(place.identity, is_padded(log, NONE) ? NONE : log);
+}
+
+static bool has_number(std::string_view line)
+{
+    return line[0] >= '0' && line[0] <= '9';
+}
+
+static bool has_crc(std::string_view line, size_t at, uint32_t crc)
+{
+    char text[CRC_SIZE];
+    put_hex(text, crc, CRC_SIZE, LOWER);
+    return has_word(line, at - CRC_WORD.size(), CRC_WORD) &&
+           line.substr(at, CRC_SIZE) == std::string_view(text, CRC_SIZE) && line.back() == '\n';
+}
+
+bool fwu_status_line_get(std::string_view line, uint32_t prefix_crc, fwu_place &place)
+{
+    if (line.size() != FWU_STATUS_LINE_SIZE || !has_number(line))
+        return false;
+    const uint32_t origin_crc = crc_of_origin(line.data(), prefix_crc);
+    return has_crc(line, CRC_AT, fwu_crc32c(origin_crc, line.data(), TIME_WORD_AT)) &&
+           get_place(line, place);
+}
+
+bool fwu_status_line_get_1(std::string_view line, uint32_t prefix_crc, fwu_place &place)
+{
+    place = fwu_place();
+    if (line.size() != FWU_STATUS_LINE_SIZE_1 || !has_number(line) ||
+        !has_crc(line, CRC_AT_1, fwu_crc32c(prefix_crc, line.data(), CRC_WORD_AT_1)) ||
+        !get_position(line, place))
+        return false;
+    place.full = !fwu_place_named(place);
+    return true;
+}
+
+bool fwu_place_line_get(std::string_view line, fwu_place &place)
+{
+    if (line.size() != FWU_PLACE_LINE_SIZE || line.back() != '\n')
+        return false;
+    return get_place("0 " + std::string(line), place);
+}
+
+std::string fwu_pointer_line(const fwu_pointer &pointer, int number, uint32_t prefix_crc)
+{
+    char line[FWU_POINTER_SIZE];
+    line[0] = static_cast<char>('0' + number);
+    put_word(line, 1, SYNCED_WORD);
+    put_digits(line + OFFSET_AT, pointer.at, OFFSET_SIZE);
+    put_word(line, LENGTH_WORD_AT, LENGTH_WORD);
+    put_digits(line + LENGTH_AT, pointer.length, OFFSET_SIZE);
+    put_word(line, TEXT_WORD_AT, TEXT_WORD);
+    put_hex(line + TEXT_AT, pointer.crc, CRC_SIZE, LOWER);
+    put_word(line, POINTER_CRC_WORD_AT, CRC_WORD);
+    put_hex(line + POINTER_CRC_AT, fwu_crc32c(prefix_crc, line, POINTER_CRC_WORD_AT), CRC_SIZE,
+            LOWER);
+    line[FWU_POINTER_SIZE - 1] = '\n';
+    return {line, sizeof line};
+}
+
+bool fwu_pointer_line_get(std::string_view line, uint32_t prefix_crc, fwu_pointer &pointer)
+{
+    constexpr std::string_view eight = "00000000";
+    uint64_t crc = 0;
+    if (line.size() != FWU_POINTER_SIZE || !has_number(line) ||
+        !has_crc(line, POINTER_CRC_AT, fwu_crc32c(prefix_crc, line.data(), POINTER_CRC_WORD_AT)) ||
+        !has_word(line, 1, SYNCED_WORD) || !has_word(line, LENGTH_WORD_AT, LENGTH_WORD) ||
+        !has_word(line, TEXT_WORD_AT, TEXT_WORD) ||
+        !has_form(line.substr(OFFSET_AT, OFFSET_SIZE), eight) ||
+        !has_form(line.substr(LENGTH_AT, OFFSET_SIZE), eight) ||
+        !get_hex(line.substr(TEXT_AT, CRC_SIZE), LOWER, crc))
+        return false;
+    pointer.at = static_cast<size_t>(get_digits(line, OFFSET_AT, OFFSET_SIZE));
+    pointer.length = static_cast<size_t>(get_digits(line, LENGTH_AT, OFFSET_SIZE));
+    pointer.crc = static_cast<uint32_t>(crc);
+    return true;
+}
