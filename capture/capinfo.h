@@ -60,6 +60,9 @@ struct capfil {
     int32_t npats;        // number of patterns; 0 exactly when pats is null
     char **pats;          // owned; normalised patterns
     slist *stats;         // owned; counts by database and dataset, or null
+    int32_t nsynced;      // nwritten when the file was brought to disk last
+    int32_t synced_end;   // of a message file: where its records ended then
+    int32_t name_synced;  // 1: the file's name is on disk too
 };
 
 // The run.

@@ -2,6 +2,7 @@
 // library, text files a line a record.
 #include "capture/ebmf.h"
 
+#include "capture/textfile.h"
 #include "driver/log.h"
 #include "driver/mem.h"
 
@@ -32,13 +33,18 @@ ebmf *ebmf_fopen(const char *path, int tmf_mode, uint32_t ascii_flags)
         file->tmfh = tmfh;
         return file;
     }
-    FILE *fp = fopen(path, "we");
+    int64_t size = 0;
+    const int fd = text_open(path, ascii_flags, &size);
+    FILE *fp = fd < 0 ? nullptr : fdopen(fd, "w");
     if (fp == nullptr) {
         fil_open_os_errno = errno;
+        if (fd >= 0)
+            (void)close(fd); // nothing was written to it
         return nullptr;
     }
     ebmf *file = new_ebmf(ascii_flags);
     file->textfp = fp;
+    file->text_size = size;
     return file;
 }
 

@@ -13,7 +13,7 @@ struct ebmf {
     tmf_handle *tmfh;  // owned; message-file handle, null for a text file
     FILE *textfp;      // owned; stream of a text file; its buffer stays empty
     int32_t os_errno;  // error number shown for text files; nothing sets it
-    int64_t text_size; // bytes of whole records written to the text file
+    int64_t text_size; // where the text file's last whole record ends
 };
 
 // errno of the last failed open of a text file; cleared by the next open and
@@ -24,9 +24,9 @@ extern int32_t fil_open_os_errno;
 constexpr size_t EBMF_DETAIL_SIZE = 1024;
 static_assert(EBMF_DETAIL_SIZE >= TMF_ERRMSG_SIZE);
 
-// Opens a capture file; null on failure.  A text file (ascii_flags nonzero) is
-// emptied when it exists; a message file is created or joined as a writer, with
-// the mode of tmf_fopen.
+// Opens a capture file; null on failure.  A text file (ascii_flags nonzero) that
+// exists is emptied, appended to or refused by g_capture_settings; a message file is
+// created or joined as a writer, with the mode of tmf_fopen.
 ebmf *ebmf_fopen(const char *path, int tmf_mode, uint32_t ascii_flags);
 
 // Writes one record; 0, or nonzero on failure (for a message file the library's

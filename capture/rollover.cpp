@@ -4,6 +4,7 @@
 #include "capture/capinfo.h"
 #include "capture/ebmf.h"
 #include "capture/rollname.h"
+#include "capture/sync.h"
 #include "driver/globals.h"
 #include "driver/log.h"
 
@@ -61,6 +62,9 @@ int cap_check_eof(capfil *cf)
     const int rc = tmf_finfo(cf->fp->tmfh, TMF_FINFO_RECORD_END, &end, sizeof end);
     if (rc != 0)
         return set_error_f("Error %d getting capture file EOF on file %s", rc, cf->name);
+    // Readers have emptied it: the mark that the position has says nothing of it now.
+    if (end < cf->synced_end)
+        capture_sync_soon();
     if (within_limit(cf, end))
         return 0;
     if (cf->rollover == 0)
@@ -73,8 +77,11 @@ int cap_rollover(capfil *cf)
     // Closing releases the handle in any case, and with it what it can tell.
     char detail[EBMF_DETAIL_SIZE];
     ebmf_detail(cf->fp, detail);
+    const int synced = capture_sync_file(cf);
     int rc = ebmf_fclose(cf->fp);
     cf->fp = nullptr;
+    if (synced != 0)
+        return synced;
     if (rc != 0)
         return set_error_detail(detail, "Error closing capture file %s for rollover.", cf->name);
     logmsg(LOG_VERBOSE, "Closed capture file %s for rollover.", cf->name);
@@ -84,6 +91,8 @@ int cap_rollover(capfil *cf)
         return set_error_f("Unable to find available rollover file for %s", cf->name);
     free(cf->name);
     cf->name = next;
+    cf->name_synced = cf->synced_end = 0;
+    capture_sync_soon();
     cf->fp = ebmf_fopen(cf->name, cap_open_mode(cf), cf->ascii_flags);
     if (cf->fp == nullptr)
         return set_error_mf(nullptr, "Error opening capture file %s for rollover.", cf->name);

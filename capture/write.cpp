@@ -9,6 +9,7 @@
 #include "capture/header.h"
 #include "capture/rollover.h"
 #include "capture/stats.h"
+#include "capture/sync.h"
 #include "driver/dump.h"
 #include "driver/globals.h"
 #include "driver/log.h"
@@ -201,6 +202,7 @@ int cap_open_capture_file(capfil *cf)
         return set_error_emf(nullptr, "Error opening ASCII capture file: %s", cf->name);
     }
     const int rc = ebmf_getfnum(cf->fp, &cf->fnum);
+    capture_sync_soon();
     if (mode == TMF_MODE_ALL_USERS)
         logmsg(LOG_VERBOSE, "Opened capture file %s in shr mode, #%d", cf->name, cf->fnum);
     else

@@ -3,6 +3,8 @@
 #include "driver/session.h"
 
 #include "capture/capinfo.h"
+#include "capture/settings.h"
+#include "capture/sync.h"
 #include "capture/write.h"
 #include "driver/dsetinfo.h"
 #include "driver/globals.h"
@@ -30,10 +32,14 @@ static void go_to_background()
 int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const char *statfile,
                 const char *startspec)
 {
+    // Before the shell has its answer, the PID file and anything else.
+    int rc = read_capture_settings();
+    if (rc != 0)
+        return rc;
     if ((g_flags & FLAG_BG) != 0)
         go_to_background();
     if (pidfile != nullptr) {
-        const int rc = write_pidfile(pidfile);
+        rc = write_pidfile(pidfile);
         if (rc != 0)
             return rc;
     }
@@ -47,9 +53,29 @@ int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const cha
         Fwu_verbose(1);
     if ((g_flags & FLAG_SYNCONLY) != 0)
         Fwu_synconly(1);
-    if (Fwu_process(kestro_cb, cfgfile, statfile, startspec) != 0)
+    capture_sync_begin();
+    rc = Fwu_process(kestro_cb, cfgfile, statfile, startspec);
+    const int synced = capture_sync_end(g_ci);
+    if (rc != 0)
         return set_error("Fwu_process() failed.");
-    return 0;
+    return synced;
+}
+
+// What the forward-log library asks of a program that defines these.
+
+extern "C" int Fwu_hook_sync_due(int when)
+{
+    return capture_sync_due(when);
+}
+
+extern "C" const char *Fwu_hook_sync(void)
+{
+    return capture_sync(g_ci);
+}
+
+extern "C" int Fwu_hook_resume(const char *mark)
+{
+    return capture_resume(mark);
 }
 
 int write_pidfile(const char *path)
@@ -95,7 +121,7 @@ extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dset
         get_dsetinfo(g_ci->dsets);
     if ((g_flags & FLAG_SHOWSETS) != 0)
         show_sets(g_ci, &record);
-    if (dispatch(&record) != 0)
+    if (dispatch(&record) != 0 || capture_sync_record(g_ci) != 0)
         return -1;
     count_one(g_nlogrecs);
     return 0;

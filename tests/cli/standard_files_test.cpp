@@ -16,7 +16,8 @@ class StandardFiles : public testing::Test {
     {
         write_config(dir, "64M");
         options.directory = dir.path();
-        options.env = {{"TZ", "UTC"}};
+        // Nothing of the files themselves is in the status file then.
+        options.env = {{"TZ", "UTC"}, {"KESTRO_SYNC", "off"}};
         fwu_config config;
         ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
         fwu_writer *writer = nullptr;

@@ -1,0 +1,133 @@
+// Bringing capture files to disk: the moments, and the mark that says how far they
+// were on disk then.
+#include "capture/sync.h"
+
+#include "capture/capinfo.h"
+#include "capture/ebmf.h"
+#include "capture/settings.h"
+#include "capture/syncmark.h"
+#include "driver/log.h"
+#include "fwutil/fwutil.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static struct {
+    bool asked;        // the library asks at its moments
+    bool soon;         // behind the record in hand
+    int64_t synced_ms; // when the files were on disk last
+} g_sync;
+
+// A clock that costs next to nothing; it goes on by a few milliseconds at a time.
+static int64_t now_ms()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+void capture_sync_begin()
+{
+    g_sync = {false, false, now_ms()};
+}
+
+void capture_sync_soon()
+{
+    g_sync.soon = true;
+}
+
+static bool interval_is_over()
+{
+    return now_ms() - g_sync.synced_ms >= g_capture_settings.interval_ms;
+}
+
+static bool due_behind_record()
+{
+    return g_sync.soon || g_capture_settings.sync == SYNC_RECORD || interval_is_over();
+}
+
+int capture_sync_due(int when)
+{
+    g_sync.asked = true;
+    if (g_capture_settings.sync == SYNC_OFF)
+        return -1;
+    switch (when) {
+    case FWU_AT_RECORD:
+        return due_behind_record() ? 1 : 0;
+    case FWU_AT_REST:
+        return g_capture_settings.sync != SYNC_INTERVAL || interval_is_over() ? 1 : 0;
+    default:
+        return 1;
+    }
+}
+
+static int report_failure(const capfil *cf)
+{
+    return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s", cf->name);
+}
+
+// Brings the name of a file to disk with its directory.
+static bool sync_directory(const std::string &path)
+{
+    const std::string directory = path.substr(0, path.rfind('/') + 1);
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return errno == EACCES; // one may write in it and not read it
+    const bool synced = fsync(fd) == 0 || errno == EINVAL;
+    const int error = errno;
+    (void)close(fd); // nothing was written to it
+    errno = error;
+    return synced;
+}
+
+int capture_sync_file(capfil *cf)
+{
+    struct stat st = {};
+    if (g_capture_settings.sync == SYNC_OFF)
+        return 0;
+    if (fstat(cf->fnum, &st) != 0)
+        return report_failure(cf);
+    if (!S_ISREG(st.st_mode) || (cf->nsynced == cf->nwritten && cf->name_synced != 0))
+        return 0; // a pipe or a device; nothing new
+    if (fdatasync(cf->fnum) != 0)
+        return report_failure(cf);
+    if (cf->name_synced == 0 && !sync_directory(mark_path(cf->name)))
+        return report_failure(cf);
+    cf->name_synced = 1;
+    cf->nsynced = cf->nwritten;
+    return 0;
+}
+
+const char *capture_sync(capinfo *ci)
+{
+    static std::string mark;
+    mark.clear();
+    for (int i = 0; i < ci->ncf; i++) {
+        capfil *cf = ci->capfiles[i];
+        // The end first: what it covers is on disk behind the call that follows.
+        if (mark_add(mark, cf) != 0 || (cf->fp != nullptr && capture_sync_file(cf) != 0))
+            return nullptr;
+    }
+    g_sync.soon = false;
+    g_sync.synced_ms = now_ms();
+    return mark.c_str();
+}
+
+int capture_sync_end(capinfo *ci)
+{
+    if (g_sync.asked || g_capture_settings.sync == SYNC_OFF)
+        return 0;
+    return capture_sync(ci) != nullptr ? 0 : -1;
+}
+
+int capture_sync_record(capinfo *ci)
+{
+    if (g_sync.asked || g_capture_settings.sync == SYNC_OFF || !due_behind_record())
+        return 0;
+    return capture_sync(ci) != nullptr ? 0 : -1;
+}

@@ -1,0 +1,172 @@
+// What docs/operations.md says to do after a failure, carried out: the run goes on and
+// nothing is lost or there twice.
+#include "tests/procs/growing_log.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using testing::HasSubstr;
+
+constexpr int RECORDS = 20000;
+constexpr size_t SEQUENCE = 6;
+constexpr uintmax_t LINE = 97;
+
+class Remedy : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        write_config(dir, "64M");
+        options.directory = dir.path();
+        options.env = {{"TZ", "UTC"},
+                       {"K", KESTRO_BUILD_DIR "/bin/Kestro -synconly"},
+                       {"TMF", KESTRO_BUILD_DIR "/bin/tmf"}};
+        options.unset = {"KESTRO_SYNC", "KESTRO_TEXT", "LD_LIBRARY_PATH"};
+        fwu_config config;
+        ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+        fwu_writer *writer = nullptr;
+        ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+        for (int n = 1; n <= RECORDS; n += 100)
+            EXPECT_TRUE(append_transaction(writer, n, 100));
+        fwu_writer_close(writer);
+    }
+
+    run_result sh(const std::string &script)
+    {
+        return run_program({"sh", "-c", script}, options);
+    }
+
+    // A file's lines without the sequence number, which begins anew with each run.
+    static std::vector<std::string> records(const std::string &text)
+    {
+        std::vector<std::string> lines;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);)
+            lines.push_back(line.substr(std::min(SEQUENCE, line.size())));
+        return lines;
+    }
+    std::vector<std::string> all()
+    {
+        EXPECT_EQ(0, sh("$K -stat whole.status -ascii whole").status);
+        const auto lines = records(read_file(dir.file("whole")));
+        EXPECT_EQ(size_t{RECORDS}, lines.size());
+        return lines;
+    }
+
+    tempdir dir;
+    run_setup options;
+};
+
+TEST_F(Remedy, AFullDiskAndARunThatAppends)
+{
+    const auto whole = all();
+    const run_result run =
+        sh("exec unshare -m sh -c '"
+           "mkdir full && mount -t tmpfs -o size=512k none full || exit 77\n"
+           "$K -ascii full/cap 2>first.err; echo $? >first.status; wc -c <full/cap >first.size\n"
+           "mount -o remount,size=4m full || exit 77\n" // room is made
+           "KESTRO_TEXT=append $K -ascii full/cap 2>second.err; echo $? >second.status\n"
+           "cp full/cap cap'");
+    if (run.status != 0)
+        GTEST_SKIP() << "no mounts of one's own: " << run.err;
+    EXPECT_EQ("1\n", read_file(dir.file("first.status")));
+    EXPECT_THAT(read_file(dir.file("first.err")),
+                HasSubstr("Error writing to capture file: full/cap\n"));
+    EXPECT_NE("0\n", read_file(dir.file("first.size")));
+    EXPECT_EQ("0\n", read_file(dir.file("second.status"))) << read_file(dir.file("second.err"));
+    EXPECT_EQ("", read_file(dir.file("second.err")));
+    EXPECT_EQ(whole, records(read_file(dir.file("cap"))));
+}
+
+TEST_F(Remedy, AFileSizeLimitAndRunsThatAppend)
+{
+    const auto whole = all();
+    for (const int blocks : {20, 21, 100, 1000}) { // of 512 bytes; the status file needs some
+        const run_result run = sh("export KESTRO_TEXT=append; ulimit -S -f " +
+                                  std::to_string(blocks) + "; $K -ascii cap");
+        EXPECT_EQ(1, run.status);
+        EXPECT_THAT(run.err, HasSubstr("Error writing to capture file: cap\n"));
+    }
+    EXPECT_EQ(0, sh("KESTRO_TEXT=append $K -ascii cap").status);
+    EXPECT_EQ(whole, records(read_file(dir.file("cap"))));
+}
+
+TEST_F(Remedy, AFileSizeLimitAndAFileOfANewName)
+{
+    const auto whole = all();
+    EXPECT_EQ(1, sh("ulimit -S -f 100; $K -ascii one").status);
+    const run_result refused = sh("KESTRO_TEXT=new $K -ascii one");
+    EXPECT_EQ(1, refused.status);
+    EXPECT_THAT(refused.err, HasSubstr("CAPERR: File exists\n"
+                                       "Error opening ASCII capture file: one\n"));
+    EXPECT_EQ(0, sh("KESTRO_TEXT=new $K -ascii two").status);
+    EXPECT_EQ(whole, records(read_file(dir.file("one")) + read_file(dir.file("two"))));
+}
+
+TEST_F(Remedy, AFileSizeLimitAndTheSameMessageFile)
+{
+    const auto whole = all();
+    EXPECT_EQ(1, sh("ulimit -S -f 400; $K msg").status);
+    EXPECT_EQ(0, sh("$K msg").status);
+    EXPECT_EQ(std::to_string(RECORDS) + "\n",
+              sh("$TMF info msg | sed -n 's/ *records  \\([0-9]*\\),.*/\\1/p'").out);
+}
+
+TEST_F(Remedy, KilledRunsThatAppend)
+{
+    const auto whole = all();
+    options.env["KESTRO_TEXT"] = "append";
+    unsigned kills = 0;
+    for (uintmax_t more = 0; more < 40 * LINE; more += 5 * LINE) {
+        std::error_code absent;
+        const auto size = [&] {
+            const auto bytes = std::filesystem::file_size(dir.file("cap"), absent);
+            return absent ? 0 : bytes;
+        };
+        const uintmax_t target = std::min(size() + more, whole.size() * LINE - 1);
+        const pid_t pid = start_program({"sh", "-c", "exec $K -ascii cap"}, options, "", "");
+        EXPECT_TRUE(poll_until([&] { return size() > target; }, 10));
+        kill(pid, SIGKILL);
+        kills += wait_program(pid) == 128 + SIGKILL ? 1 : 0;
+        if (size() >= whole.size() * LINE)
+            break;
+    }
+    EXPECT_EQ(0, sh("$K -ascii cap").status);
+    auto lines = records(read_file(dir.file("cap")));
+    EXPECT_LE(lines.size(), whole.size() + kills) << "the record in hand may come again";
+    lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
+    EXPECT_EQ(whole, lines);
+}
+
+// A kill, and a start on a system that says it has been started anew: what came behind
+// the position on disk is taken away and comes again.
+TEST_F(Remedy, APowerCutAndARunThatAppends)
+{
+    const auto whole = all();
+    options.env["KESTRO_SYNC"] = "interval 86400000"; // behind the first record only
+    options.env["KESTRO_TEXT"] = "append";
+    const pid_t pid =
+        start_program({KESTRO_BUILD_DIR "/bin/Kestro", "-ascii", "cap", "msg"}, options, "", "");
+    std::error_code absent;
+    EXPECT_TRUE(poll_until(
+        [&] { return std::filesystem::file_size(dir.file("cap"), absent) == whole.size() * LINE; },
+        10));
+    kill(pid, SIGKILL);
+    wait_program(pid);
+    const run_result run = sh("exec unshare -m sh -c '"
+                              "echo 01234567-89ab-cdef-0123-456789abcdef >boot\n"
+                              "mount --bind boot /proc/sys/kernel/random/boot_id || exit 77\n"
+                              "$K -ascii cap msg >out 2>err; echo $? >status'");
+    if (run.status != 0)
+        GTEST_SKIP() << "no mounts of one's own: " << run.err;
+    EXPECT_EQ("0\n", read_file(dir.file("status"))) << read_file(dir.file("err"));
+    EXPECT_EQ(std::to_string(whole.size() - 1) + " Vostrel forward log file records processed.\n",
+              read_file(dir.file("out")).substr(0, read_file(dir.file("out")).find('\n') + 1));
+    EXPECT_EQ(whole, records(read_file(dir.file("cap"))));
+    EXPECT_EQ((whole.size() - 1) * LINE, std::filesystem::file_size(dir.file("cap.cut"), absent));
+    EXPECT_EQ(std::to_string(RECORDS) + "\n",
+              sh("$TMF info msg | sed -n 's/ *records  \\([0-9]*\\),.*/\\1/p'").out);
+    const std::string err = read_file(dir.file("err"));
+    EXPECT_THAT(err, HasSubstr("/cap: what comes again, "));
+    EXPECT_THAT(err, HasSubstr("/msg: cut back to what does not come again; as it was in "));
+}

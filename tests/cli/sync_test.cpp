@@ -1,0 +1,177 @@
+// What the built program brings to disk, and when: with its own forward-log library,
+// which asks, and with one that does not.
+#include "tests/cli/cli_fixture.h"
+#include "tests/procs/growing_log.h"
+
+#include <gmock/gmock.h>
+
+using testing::HasSubstr;
+
+constexpr size_t LINE = 62 + 14 + 20 + 1; // bytes of a record of growing_log.h
+
+static std::string capture_of(size_t records)
+{
+    return "cap " + std::to_string(records * LINE) + "\n";
+}
+
+// ---- its own library
+
+class LogSync : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        write_config(dir, "64M");
+        options.directory = dir.path();
+        options.env = {{"TZ", "UTC"}, {"LD_PRELOAD", NOTING_SYNC}, {"NOTING_SYNC", dir.file("n")}};
+        options.unset = {"KESTRO_SYNC", "KESTRO_TEXT", "LD_LIBRARY_PATH"};
+        fwu_config config;
+        ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+        ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+        EXPECT_TRUE(append_transaction(writer, 1, 3));
+    }
+    void TearDown() override
+    {
+        fwu_writer_close(writer);
+    }
+
+    // What a run from the first record on brought to disk: its capture files, the
+    // directory of a new one, and "position" for the status file.
+    std::string synced(const char *setting)
+    {
+        for (const char *name : {"n", "fwutil.status", "cap"})
+            std::filesystem::remove(dir.file(name));
+        options.env["KESTRO_SYNC"] = setting;
+        const run_result run =
+            run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-ascii", "cap"}, options);
+        EXPECT_EQ(0, run.status) << run.err;
+        EXPECT_EQ("", run.err);
+        return notes();
+    }
+    std::string notes() const
+    {
+        std::istringstream lines(read_file(dir.file("n")));
+        std::string result;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("fwutil.status", 0) == 0)
+                line = "position";
+            if (line.rfind("fw0001-", 0) != 0) // the log's own files
+                result += line + "\n";
+        }
+        return result;
+    }
+
+    tempdir dir;
+    run_setup options;
+    fwu_writer *writer = nullptr;
+};
+
+TEST_F(LogSync, CaptureFilesAreOnDiskBeforeThePosition)
+{
+    const std::string first = capture_of(1) + "directory\nposition\n";
+    // Behind the first record since its file is new, and at the end.
+    EXPECT_THAT(synced(""), HasSubstr(first + capture_of(3) + "position\n"));
+    EXPECT_THAT(synced("interval 60000"), HasSubstr(first + capture_of(3) + "position\n"));
+    EXPECT_THAT(synced("record"),
+                HasSubstr(first + capture_of(2) + "position\n" + capture_of(3) + "position\n"));
+    EXPECT_THAT(synced("off"), testing::Not(HasSubstr("cap")));
+}
+
+TEST_F(LogSync, WhenReadingRestsEverythingIsOnDisk)
+{
+    options.env["KESTRO_SYNC"] = "idle";
+    const pid_t pid =
+        start_program({KESTRO_BUILD_DIR "/bin/Kestro", "-ascii", "cap"}, options, "", "");
+    EXPECT_TRUE(poll_until(
+        [&] { return notes().find(capture_of(3) + "position\n") != std::string::npos; }, 10))
+        << notes();
+    EXPECT_TRUE(append_transaction(writer, 4, 2));
+    EXPECT_TRUE(poll_until(
+        [&] { return notes().find(capture_of(5) + "position\n") != std::string::npos; }, 10))
+        << notes();
+    kill(pid, SIGKILL);
+    wait_program(pid);
+}
+
+TEST_F(LogSync, AFileThatHasRolledOverIsOnDiskWhenItIsClosed)
+{
+    options.env["KESTRO_MAXCAP"] = "4400"; // one record
+    options.unset.push_back("KESTRO_SYNC");
+    const std::string result = [&] {
+        for (const char *name : {"n", "fwutil.status"})
+            std::filesystem::remove(dir.file(name));
+        const run_result run =
+            run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-rollover", "msg"}, options);
+        EXPECT_EQ(0, run.status) << run.err;
+        return notes();
+    }();
+    for (const char *name : {"msg ", "msg1 ", "msg2 ", "msg3 "})
+        EXPECT_THAT(result, HasSubstr(name));
+}
+
+// ---- another library
+
+class CliSync : public Cli {
+  protected:
+    CliSync()
+    {
+        options.env["LD_PRELOAD"] = NOTING_SYNC;
+        options.env["NOTING_SYNC"] = dir.file("n");
+        options.unset.push_back("KESTRO_SYNC");
+        options.unset.push_back("KESTRO_TEXT");
+        std::string lines = "item T X 1 1 0\n";
+        for (int i = 0; i < 3; i++)
+            lines += "record D S 0 3 1 - 41\n";
+        script(lines);
+    }
+
+    std::string synced(const char *setting)
+    {
+        std::filesystem::remove(dir.file("n"));
+        options.env["KESTRO_SYNC"] = setting;
+        const run_result run = run_program(command({"-ascii", "cap"}), options);
+        EXPECT_EQ(0, run.status) << run.err;
+        return read_file(dir.file("n"));
+    }
+};
+
+TEST_F(CliSync, ALibraryThatDoesNotAskGetsItsRecordsOnDiskAllTheSame)
+{
+    EXPECT_EQ("cap 64\ndirectory\ncap 192\n", synced(""));
+    EXPECT_EQ("cap 64\ndirectory\ncap 192\n", synced("idle"));
+    EXPECT_EQ("cap 64\ndirectory\ncap 128\ncap 192\n", synced("record"));
+    EXPECT_EQ("", synced("off"));
+}
+
+TEST_F(CliSync, WrongSettingsAreRefusedBeforeAnythingIsOpened)
+{
+    const struct {
+        const char *name, *value, *err;
+    } cases[] = {
+        {"KESTRO_TEXT", "apend", "KESTRO_TEXT: \"apend\" is none of truncate, append, new\n"},
+        {"KESTRO_SYNC", "always",
+         "KESTRO_SYNC: \"always\" is none of idle, interval MILLISECONDS (1 to 86400000), record, "
+         "off\n"},
+    };
+    for (const auto &c : cases) {
+        options.env[c.name] = c.value;
+        for (const char *way : {"-synconly", "-bg"}) {
+            expect({way, "-pidfile", "pid", "-ascii", "cap"}, 1,
+                   "0 records written to capture file cap\n" + std::string(failed), c.err);
+            EXPECT_EQ("", calls()) << "the library was not asked to do anything";
+            EXPECT_FALSE(std::filesystem::exists(dir.file("pid")));
+            EXPECT_FALSE(std::filesystem::exists(dir.file("cap")));
+        }
+        expect({"-versnum"}, 0, "2.21\n", "");
+        options.env.erase(c.name);
+    }
+}
+
+TEST_F(CliSync, AFileThatIsThereIsRefusedWhenItIsToBeNew)
+{
+    options.env["KESTRO_TEXT"] = "new";
+    script("item T X 1 1 0\nrecord D S 0 3 1 - 41\nresult 1\n");
+    write_file(dir.file("cap"), "kept\n");
+    expect({"-ascii", "cap"}, 1, "0 records written to capture file cap\n" + std::string(failed),
+           "CAPERR: File exists\nError opening ASCII capture file: cap\nFwu_process() failed.\n");
+    EXPECT_EQ("kept\n", read_file(dir.file("cap")));
+}
