@@ -142,19 +142,26 @@ static void begin_line(fwu_status_line &line)
     line.place = fwu_place();
 }
 
-// What follows the position: where the record comes from.
-static void put_origin(fwu_status_line &line, const fwu_place &place)
+// The time of a line of which the time before is known; within a second only its
+// fraction differs.
+static void change_time(char *p, int64_t before_us, int64_t time_us)
 {
-    char *const text = line.text;
-    put_time(text + TIME_AT, place.time_us);
-    put_padded(text + LSN_AT, NONE, LSN_SIZE);
-    put_padded(text + LOG_AT, NONE, IDENTITY_SIZE);
-    if (!place.full)
-        put_padded(text + LOG_AT, "unknown", IDENTITY_SIZE);
+    if (before_us == time_us)
+        return;
+    if (before_us >= 0 && time_us >= 0 && before_us / US_PER_S == time_us / US_PER_S)
+        put_digits(p + MICROSECONDS_AT, static_cast<uint64_t>(time_us % US_PER_S), 6);
     else
-        put_hex(text + LSN_AT, place.lsn, LSN_SIZE, UPPER);
-    if (place.full && fwu_identity_known(place.identity))
-        put_word(text, LOG_AT, fwu_identity_text(place.identity));
+        put_time(p, time_us);
+}
+
+static void put_log(char *p, const fwu_place &place)
+{
+    const bool known = place.full && fwu_identity_known(place.identity);
+    put_padded(p,
+               known         ? std::string_view(fwu_identity_text(place.identity))
+               : !place.full ? "unknown"
+                             : NONE,
+               IDENTITY_SIZE);
 }
 
 static uint32_t crc_of_origin(const char *text, uint32_t prefix_crc)
@@ -171,38 +178,50 @@ static void increment(char *p, size_t digits)
     ++*digit;
 }
 
+// The number of a position, mostly of the next record of the same file; a tag never
+// needs more digits.
+static void put_tag(char *p, int32_t before, int32_t tag, bool file_changes)
+{
+    if (!file_changes && tag > 0 && before == tag - 1)
+        increment(p, TAG_DIGITS);
+    else
+        put_number(p, tag, TAG_DIGITS);
+}
+
 // Formats what differs from the place that stands in the line.
 static void put_place(fwu_status_line &line, const fwu_place &place)
 {
-    const bool fresh = !line.begun || !fwu_place_named(line.place) || !fwu_place_named(place);
-    const fwu_position &position = place.position;
-    if (fresh) {
+    const bool fresh = !line.begun || !fwu_place_named(line.place) || !fwu_place_named(place) ||
+                       line.place.full != place.full;
+    if (fresh)
         begin_line(line);
-        line.begun = true;
-    }
+    line.begun = true;
+    char *const text = line.text;
+    fwu_place &before = line.place;
+    const fwu_position &position = place.position;
+    const bool file_changes = fresh || position.generation != before.position.generation ||
+                              position.sequence != before.position.sequence;
     if (fwu_place_named(place)) {
-        char *const p = line.text + POSITION_AT;
-        const bool file_changes = fresh || position.generation != line.place.position.generation ||
-                                  position.sequence != line.place.position.sequence;
         if (file_changes) {
-            put_word(p, 0, POSITION_FORM);
-            put_number(p, position.generation, 4);
-            put_number(p + SEQUENCE_AT, position.sequence, 8);
+            put_word(text, POSITION_AT, POSITION_FORM);
+            put_number(text + POSITION_AT, position.generation, 4);
+            put_number(text + POSITION_AT + SEQUENCE_AT, position.sequence, 8);
         }
-        // The next record of the same file, mostly; a tag never needs more digits.
-        if (!file_changes && position.tag > 0 && line.place.position.tag == position.tag - 1)
-            increment(p + TAG_AT, TAG_DIGITS);
+        put_tag(text + POSITION_AT + TAG_AT, before.position.tag, position.tag, file_changes);
+        before.position = position;
+        if (!file_changes && place.time_us == before.time_us && place.lsn == before.lsn)
+            return; // the same transaction
+        if (fresh)
+            put_time(text + TIME_AT, place.time_us);
         else
-            put_number(p + TAG_AT, position.tag, TAG_DIGITS);
-        const bool same_origin = !file_changes && place.time_us == line.place.time_us &&
-                                 place.lsn == line.place.lsn && place.full == line.place.full;
-        line.place.position = position;
-        if (same_origin)
-            return;
-        put_origin(line, place);
+            change_time(text + TIME_AT, before.time_us, place.time_us);
+        if (place.full)
+            put_hex(text + LSN_AT, place.lsn, LSN_SIZE, UPPER);
+        if (file_changes) // a file has one identity
+            put_log(text + LOG_AT, place);
     }
-    line.place = place;
-    line.origin_crc = crc_of_origin(line.text, line.prefix_crc);
+    before = place;
+    line.origin_crc = crc_of_origin(text, line.prefix_crc);
 }
 
 void fwu_status_line_set(fwu_status_line &line, int number, const fwu_place &place)

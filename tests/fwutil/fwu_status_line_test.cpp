@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <gtest/gtest.h>
+#include <random>
 
 class StatusLineTest : public testing::Test {
   protected:
@@ -53,6 +54,58 @@ TEST_F(StatusLineTest, IsReadAsItWasWritten)
         EXPECT_FALSE(fwu_status_line_get(set(3, written), prefix_crc + 1, read)) << "other prefix";
         EXPECT_TRUE(fwu_place_line_get(fwu_place_line(written), read));
         EXPECT_EQ(read, written);
+    }
+}
+
+// What is changed in place is the same as what is formatted anew.
+TEST_F(StatusLineTest, AnyPlaceBehindAnyOtherIsWrittenAsInAFreshLine)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    fwu_place place = place_of(1);
+    for (int round = 0; round < 20000; round++) {
+        const auto pick = [&random](uint32_t n) { return static_cast<int32_t>(random() % n); };
+        if (pick(3) != 0)
+            place.position.tag++;
+        switch (pick(12)) {
+        case 0:
+            place.position = {1, 25 + pick(2), pick(100)};
+            break;
+        case 1:
+            place.position.generation = 1 + pick(2);
+            break;
+        case 2:
+            place.time_us += pick(2000) * 1000 - 1000000;
+            break;
+        case 3:
+            place.lsn += static_cast<uint64_t>(pick(3));
+            break;
+        case 4:
+            place.position.sequence++; // a file has one identity
+            place.identity.bytes[0] = static_cast<unsigned char>(pick(2));
+            break;
+        case 5:
+            place.time_us = -pick(2000000);
+            break;
+        case 6:
+            place = fwu_place();
+            break;
+        case 7:
+            place = place_of(pick(100));
+            place.full = false;
+            place.lsn = 0;
+            place.identity = {};
+            break;
+        default:
+            break;
+        }
+        if (place.position.tag > 0 && !fwu_place_named(place))
+            place = place_of(7);
+        fwu_status_line fresh;
+        fresh.prefix_crc = prefix_crc;
+        fwu_status_line_set(fresh, round % 10, place);
+        ASSERT_EQ(set(round % 10, place), std::string(fresh.text, sizeof fresh.text)) << round;
     }
 }
 
