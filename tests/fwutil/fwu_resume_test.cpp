@@ -3,7 +3,10 @@
 #include "tests/fwutil/log_fixture.h"
 #include "tests/support/run.h"
 
+#include <csignal>
 #include <gmock/gmock.h>
+#include <random>
+#include <sstream>
 
 using testing::HasSubstr;
 using testing::Not;
@@ -206,4 +209,54 @@ TEST_F(ResumeTest, WhenBothLinesAreLostTheForcedPositionCounts)
     const run_result again = program("second\n");
     EXPECT_EQ(essence(again.out), "resume [first ] record 5 ");
     EXPECT_THAT(again.err, HasSubstr(": its last position is damaged: going on behind 1-2.2, "));
+}
+
+TEST_F(ResumeTest, KilledAtAnyMomentOfASyncItsFileIsWholeAndLosesNothing)
+{
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    config.log_file_size = 20000;
+    open_writer();
+    for (int32_t n = 0; n < 4000; n += 4)
+        add({insert(n), update(n), erase(n), insert(n)});
+    close_writer();
+    run_setup setup;
+    setup.env = {{"HOOK_PROGRAM_BOOT", dir.file("boot_id")}};
+    int last = 0;
+    for (int round = 0; round < 40 && last < 4000; round++) {
+        std::filesystem::remove(dir.file("out")); // one killed at once does not make it anew
+        // Each record is forced, with a text whose length changes from run to run.
+        const pid_t pid = start_program({HOOK_PROGRAMS "boot", cfg, status, "1", "1", "1", "1",
+                                         std::string(random() % 3000, 'm')},
+                                        setup, dir.file("out"), dir.file("err"));
+        if (random() % 4 != 0) {
+            ASSERT_TRUE(poll_until([&] {
+                return read_file(dir.file("out")).find("record") != std::string::npos;
+            })) << read_file(dir.file("err"));
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+        kill(pid, SIGKILL);
+        const int ended = wait_program(pid);
+        ASSERT_TRUE(ended == 128 + SIGKILL || ended == 0) << read_file(dir.file("err"));
+        EXPECT_EQ(read_file(dir.file("err")), "");
+        std::istringstream in(read_file(dir.file("out")));
+        bool first = true;
+        for (std::string line; std::getline(in, line);) {
+            if (line.substr(0, 7) != "record ")
+                continue;
+            const int number = std::stoi(line.substr(7));
+            ASSERT_TRUE(number == last + 1 || (first && number == last))
+                << number << " behind " << last;
+            first = false;
+            last = number;
+        }
+        if (!std::filesystem::exists(status))
+            continue; // killed before there was one
+        const fwu_status_text text = read();
+        EXPECT_FALSE(text.torn);
+        EXPECT_LE(text.on_disk.position, text.synced.place.position);
+        EXPECT_LE(text.synced.place.position, text.live.position);
+    }
+    EXPECT_GT(last, 0);
 }

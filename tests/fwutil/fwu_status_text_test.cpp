@@ -40,6 +40,8 @@ TEST(StatusTextTest, TheFileOfTheDocumentationIsReadAsItSays)
     EXPECT_EQ(text.synced.place, place_of(340));
     EXPECT_EQ(text.pointer.at, 619U);
     EXPECT_EQ(bytes.substr(text.pointer.at), SYNCED_340);
+    const std::string page = read_file(KESTRO_SOURCE_DIR "/docs/forward-log.md");
+    EXPECT_NE(page.find("```\n" + bytes + "```\n"), page.npos) << "the page shows another file";
 }
 
 TEST(StatusTextTest, VersionOneIsTakenAsItSays)

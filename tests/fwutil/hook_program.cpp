@@ -59,6 +59,7 @@ int main(int argc, char **argv)
 #if WITH_BOOT
     fwu_boot_path = getenv("HOOK_PROGRAM_BOOT");
 #endif
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // what was printed before a kill is there
     Fwu_synconly(1);
     return Fwu_process(print_record, argv[1], argv[2], nullptr) == 0 ? 0 : 1;
 }
