@@ -92,14 +92,13 @@ int capture_sync_file(capfil *cf)
         return 0;
     if (fstat(cf->fnum, &st) != 0)
         return report_failure(cf);
-    if (!S_ISREG(st.st_mode) || (cf->nsynced == cf->nwritten && cf->name_synced != 0))
-        return 0; // a pipe or a device; nothing new
+    if (!S_ISREG(st.st_mode))
+        return 0; // a pipe or a device
     if (fdatasync(cf->fnum) != 0)
         return report_failure(cf);
     if (cf->name_synced == 0 && !sync_directory(mark_path(cf->name)))
         return report_failure(cf);
     cf->name_synced = 1;
-    cf->nsynced = cf->nwritten;
     return 0;
 }
 
@@ -110,8 +109,13 @@ const char *capture_sync(capinfo *ci)
     for (int i = 0; i < ci->ncf; i++) {
         capfil *cf = ci->capfiles[i];
         // The end first: what it covers is on disk behind the call that follows.
-        if (mark_add(mark, cf) != 0 || (cf->fp != nullptr && capture_sync_file(cf) != 0))
+        if (mark_add(mark, cf) != 0)
             return nullptr;
+        if (cf->fp == nullptr || cf->nsynced == cf->nwritten)
+            continue;
+        if (capture_sync_file(cf) != 0)
+            return nullptr;
+        cf->nsynced = cf->nwritten;
     }
     g_sync.soon = false;
     g_sync.synced_ms = now_ms();

@@ -78,7 +78,8 @@ static int find_end(capfil *cf, mark_line &line)
     if (!mark_checksum(cf->fnum, end, &line.checksum))
         return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
                                 cf->name);
-    line.end = cf->synced_end = end;
+    cf->synced_end = end;
+    line.end = end < 0 ? -1 : end; // past 2 GiB it shows a negative one
     return 0;
 }
 

@@ -296,3 +296,13 @@ TEST_F(Resume, AMessageFileThatTheRunHadNotOpenedIsOnlyMended)
     EXPECT_EQ("012", sequences());
     EXPECT_NE("", told);
 }
+
+TEST_F(Resume, AMessageFilePastTwoGigabytesIsOnlyMended)
+{
+    const capfil *cf = add_file(message);
+    write();
+    const int32_t end = -2000000000;
+    ASSERT_EQ(4, pwrite(cf->fnum, &end, sizeof end, 44));
+    EXPECT_EQ("file message " + inode(message) + " -1 ",
+              mark().substr(0, 17 + inode(message).size()));
+}

@@ -112,6 +112,17 @@ TEST_F(Remedy, AFileSizeLimitAndTheSameMessageFile)
               sh("$TMF info msg | sed -n 's/ *records  \\([0-9]*\\),.*/\\1/p'").out);
 }
 
+TEST_F(Remedy, AFullMessageFileAndARunThatRollsOver)
+{
+    const run_result full = sh("KESTRO_MAXCAP=100000 $K msg");
+    EXPECT_EQ(1, full.status);
+    EXPECT_THAT(full.err, HasSubstr("End of file on capture file msg\n"));
+    EXPECT_EQ(0, sh("KESTRO_MAXCAP=100000000 $K -rollover msg").status);
+    EXPECT_EQ(std::to_string(RECORDS + 1) + "\n",
+              sh("$TMF info msg | sed -n 's/ *records  \\([0-9]*\\),.*/\\1/p'").out)
+        << "the record in hand comes once more";
+}
+
 TEST_F(Remedy, KilledRunsThatAppend)
 {
     const auto whole = all();

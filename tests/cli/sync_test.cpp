@@ -94,18 +94,17 @@ TEST_F(LogSync, WhenReadingRestsEverythingIsOnDisk)
 
 TEST_F(LogSync, AFileThatHasRolledOverIsOnDiskWhenItIsClosed)
 {
-    options.env["KESTRO_MAXCAP"] = "4400"; // one record
-    options.unset.push_back("KESTRO_SYNC");
-    const std::string result = [&] {
-        for (const char *name : {"n", "fwutil.status"})
+    options.env["KESTRO_MAXCAP"] = "4500"; // two records of 62 + 24 + 6 bytes
+    for (const char *setting : {"", "record"}) {
+        for (const char *name : {"n", "fwutil.status", "msg", "msg1", "msg2"})
             std::filesystem::remove(dir.file(name));
+        options.env["KESTRO_SYNC"] = setting;
         const run_result run =
             run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-rollover", "msg"}, options);
         EXPECT_EQ(0, run.status) << run.err;
-        return notes();
-    }();
-    for (const char *name : {"msg ", "msg1 ", "msg2 ", "msg3 "})
-        EXPECT_THAT(result, HasSubstr(name));
+        EXPECT_THAT(notes(), HasSubstr("msg 4538\n")) << "with its last record";
+        EXPECT_THAT(notes(), HasSubstr("msg1 4446\n"));
+    }
 }
 
 // ---- another library
