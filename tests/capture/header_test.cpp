@@ -363,7 +363,7 @@ TEST_F(Header, AChangeOfTheZoneShowsFromTheNextSecondOn)
 {
     for (const uint32_t hdropts : {0U, HDR_YYYY}) {
         set_zone("UTC");
-        const int at = hdropts == 0 ? 46 : 48;
+        const size_t at = hdropts == 0 ? 46 : 48;
         EXPECT_EQ("14:05:09", part(hdropts, at + 6, 8));
         setenv("TZ", "XYZ-11:30", 1); // and nobody says so
         const time_t changed = time(nullptr);
