@@ -86,6 +86,8 @@ static int compare(const std::string &directory, const fwu_cursor &cursor, const
     fwu_place there;
     there.position = place.position;
     there.time_us = cursor.commit.commit.time_us;
+    if (fwu_time_text(there.time_us) == fwu_time_text(place.time_us))
+        there.time_us = place.time_us; // one of five-digit years was kept as the nearest
     there.full = place.full;
     if (place.full) {
         there.lsn = cursor.commit.commit.lsn;

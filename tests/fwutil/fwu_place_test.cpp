@@ -179,6 +179,37 @@ TEST_F(PlaceTest, ALogThatLostItsEndAndWentOnDifferentlyIsRefused)
     EXPECT_EQ(outcome.records, written_from(2)) << "none is lost";
 }
 
+TEST_F(PlaceTest, TimesThatHaveNoTextAreTheSameAsTheNearestOne)
+{
+    open_writer();
+    for (const int64_t time : {INT64_MIN, INT64_MAX}) {
+        ASSERT_EQ(fwu_writer_begin(writer, nullptr), 0);
+        ASSERT_EQ(put(insert(1)), 0);
+        ASSERT_EQ(fwu_writer_commit(writer, {time, 1, 1}), 0);
+        EXPECT_EQ(run().records.size(), 1U);
+        EXPECT_EQ(run().err, "");
+    }
+    close_writer();
+}
+
+TEST_F(PlaceTest, TheLogFileIsOnDiskBeforeAPositionInIt)
+{
+    const system_calls_guard guard;
+    two_files();
+    on_record = [](const seen &record) {
+        calls.fail_fdatasync = record.recnum == 5;
+        return 0;
+    };
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, -1);
+    EXPECT_EQ(outcome.err, "fwutil: " + std::filesystem::canonical(file(2)).string() +
+                               ": cannot bring the log file to disk: Input/output error\n")
+        << "the status file is not even tried";
+    EXPECT_EQ(outcome.records, written);
+    calls.fail_fdatasync = false;
+    EXPECT_TRUE(run().records.empty()) << "of this boot's positions the last one counts";
+}
+
 class PlaceFollowTest : public follow_test {};
 
 TEST_F(PlaceFollowTest, ADirectoryMadeAnewUnderAFollowerEndsItsRun)

@@ -140,6 +140,7 @@ TEST_F(KillTest, NothingIsLostAndOnlyTheRecordInHandIsRepeated)
 TEST_F(KillTest, OldLogFilesAreRemovedBesideTheWriterAndItsReader)
 {
     SCOPED_TRACE("seed " + std::to_string(seed));
+    options.env = {{"KESTRO_SYNC", "interval 5"}}; // prune goes by what is on disk
     const std::vector<std::string> prune = {fwlog, "prune",    "--keep",
                                             "1",   "--status", "fwutil.status"};
     int pruned = 0;
