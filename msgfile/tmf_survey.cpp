@@ -221,13 +221,11 @@ int tmf_survey_file(int fd, int keep_end, tmf_survey *survey)
         return TMF_EHANDLE;
     if (!S_ISREG(about.st_mode))
         return TMF_ENOTMSG;
-    window *w = static_cast<window *>(malloc(sizeof(window)));
+    window *w = static_cast<window *>(calloc(1, sizeof(window)));
     if (w == nullptr)
         return TMF_EINTERNAL;
     w->fd = fd;
     w->size = about.st_size;
-    w->at = 0;
-    w->held = 0;
     const int code = survey_window(w, keep_end, survey);
     free(w);
     if (code != 0)

@@ -488,8 +488,8 @@ TEST_F(TmfRepair, SystemErrorsGiveTheirCodes)
         bool unchanged;
     } rows[] = {
         {CALL_LOCKF, 0, TMF_ELOCK_WAIT, true},     {CALL_PREAD, 0, TMF_EREAD_COMMON, true},
-        {CALL_PREAD, 1, TMF_EREAD_DATA, true},     {CALL_MALLOC, 0, TMF_EINTERNAL, true},
-        {CALL_MALLOC, 1, TMF_EINTERNAL, true},     {CALL_PREAD, 2, TMF_EOPEN, true},
+        {CALL_PREAD, 1, TMF_EREAD_DATA, true},     {CALL_CALLOC, 0, TMF_EINTERNAL, true},
+        {CALL_MALLOC, 0, TMF_EINTERNAL, true},     {CALL_PREAD, 2, TMF_EOPEN, true},
         {CALL_PWRITE, 0, TMF_EOPEN, true},         {CALL_FTRUNCATE, 0, TMF_EOPEN, true},
         {CALL_OPEN, 1, TMF_EOPEN, true},           {CALL_PWRITE, 1, TMF_EWRITE_COMMON, true},
         {CALL_FTRUNCATE, 1, TMF_ETRUNCATE, false}, {CALL_PWRITE, 2, TMF_EWRITE_DATA, false},
