@@ -62,6 +62,7 @@ struct capfil {
     slist *stats;         // owned; counts by database and dataset, or null
     int32_t nsynced;      // nwritten when the file was brought to disk last
     int32_t synced_end;   // of a message file: where its records ended then
+    uint64_t synced_sum;  // and their checksum there
     int32_t name_synced;  // 1: the file's name is on disk too
 };
 

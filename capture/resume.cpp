@@ -53,7 +53,7 @@ static bool find_keep_end(const mark_line &line, const tmf_check_result &found, 
     (void)close(fd); // nothing was written to it
     errno = error;
     // Emptied since, and perhaps filled again: all of it came behind the mark.
-    const bool emptied = found.end < line.end || checksum != line.checksum;
+    const bool emptied = line.end == 0 || found.end < line.end || checksum != line.checksum;
     *keep_end = emptied ? 1 : static_cast<int>(line.end);
     return read;
 }

@@ -9,6 +9,7 @@
 #include "driver/log.h"
 #include "fwutil/fwutil.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -106,10 +107,12 @@ const char *capture_sync(capinfo *ci)
 {
     static std::string mark;
     mark.clear();
+    const bool none_open = std::all_of(ci->capfiles, ci->capfiles + ci->ncf,
+                                       [](const capfil *cf) { return cf->fp == nullptr; });
     for (int i = 0; i < ci->ncf; i++) {
         capfil *cf = ci->capfiles[i];
         // The end first: what it covers is on disk behind the call that follows.
-        if (mark_add(mark, cf) != 0)
+        if (mark_add(mark, cf, none_open) != 0)
             return nullptr;
         if (cf->fp == nullptr || cf->nsynced == cf->nwritten)
             continue;
@@ -120,6 +123,34 @@ const char *capture_sync(capinfo *ci)
     g_sync.soon = false;
     g_sync.synced_ms = now_ms();
     return mark.c_str();
+}
+
+static bool sync_path(const std::string &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return errno == ENOENT || errno == ENOTDIR; // somebody has taken it
+    const bool synced = fdatasync(fd) == 0 || errno == EINVAL;
+    const int error = errno;
+    (void)close(fd); // nothing was written to it; no file of the run is open yet
+    errno = error;
+    return synced && sync_directory(path);
+}
+
+int capture_keep(const char *mark)
+{
+    mark_line line;
+    bool good = true;
+    if (g_capture_settings.sync == SYNC_OFF)
+        return 0;
+    while (mark_next(&mark, line, &good)) {
+        if (!sync_path(line.path))
+            return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
+                                    line.path.c_str());
+    }
+    if (!good)
+        return set_error_f("The status file's mark of the capture files cannot be read: %s", mark);
+    return 0;
 }
 
 int capture_sync_end(capinfo *ci)

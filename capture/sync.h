@@ -29,6 +29,10 @@ int capture_sync_end(capinfo *ci);
 // Brings one open file to disk before it is closed.  0 or -1 (reported).
 int capture_sync_file(capfil *cf);
 
+// Brings to disk what the files of a mark hold, which a run that was killed has not.
+// 0 or -1 (reported).
+int capture_keep(const char *mark);
+
 // Takes away what the files of a mark hold behind it, which comes again.  0 or -1
 // (reported).
 int capture_resume(const char *mark);

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,11 +80,29 @@ static int find_end(capfil *cf, mark_line &line)
         return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
                                 cf->name);
     cf->synced_end = end;
+    cf->synced_sum = line.checksum;
     line.end = end < 0 ? -1 : end; // past 2 GiB it shows a negative one
     return 0;
 }
 
-int mark_add(std::string &mark, capfil *cf)
+// The same of one that is not open yet.  It is looked at as long as none is: the close
+// drops the locks that the process has on a file of that name.
+static void look_end(capfil *cf, mark_line &line, bool none_open)
+{
+    tmf_check_result found;
+    if (cf->synced_end == 0 && none_open && tmf_check(cf->name, &found) == 0 && found.found == 0 &&
+        found.end <= INT32_MAX) {
+        const int fd = open(cf->name, O_RDONLY | O_CLOEXEC);
+        if (fd >= 0 && mark_checksum(fd, found.end, &cf->synced_sum))
+            cf->synced_end = static_cast<int32_t>(found.end);
+        if (fd >= 0)
+            (void)close(fd); // nothing was written to it
+    }
+    line.end = cf->synced_end != 0 ? cf->synced_end : -1;
+    line.checksum = cf->synced_sum;
+}
+
+int mark_add(std::string &mark, capfil *cf, bool none_open)
 {
     struct stat st = {};
     const bool there = (cf->fp != nullptr ? fstat(cf->fnum, &st) : stat(cf->name, &st)) == 0;
@@ -93,10 +112,12 @@ int mark_add(std::string &mark, capfil *cf)
     line.inode = there ? st.st_ino : 0;
     line.end = there ? st.st_size : 0;
     if (cf->ascii_flags == 0) {
-        line.end = -1;
-        const int rc = cf->fp != nullptr ? find_end(cf, line) : 0;
-        if (rc != 0)
-            return rc;
+        if (cf->fp != nullptr) {
+            if (const int rc = find_end(cf, line); rc != 0)
+                return rc;
+        } else if (there) {
+            look_end(cf, line, none_open);
+        }
     }
     char numbers[100];
     snprintf(numbers, sizeof numbers, "file %s %" PRIu64 " %" PRId64 " %016" PRIx64 " ",

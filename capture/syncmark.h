@@ -3,7 +3,7 @@
 //   file KIND INODE END CHECKSUM PATH
 //
 // KIND text or message; INODE 0 for a file that is not there; END in bytes, of a
-// message file where its next record goes, -1 when this run has not opened it yet;
+// message file where its next record goes, -1 when that is not known;
 // CHECKSUM, 16 hex digits, of a message file's bytes before that; PATH absolute, with
 // "%25" and "%0A" for "%" and line end.
 #ifndef CAPTURE_SYNCMARK_H
@@ -25,9 +25,9 @@ struct mark_line {
 // A file's name as an absolute path.
 std::string mark_path(const char *name);
 
-// Appends the line of a capture file, open or not; none for a pipe or a device.  0, or
-// the code of the message.
-int mark_add(std::string &mark, capfil *cf);
+// Appends the line of a capture file, open or not; none for a pipe or a device.
+// none_open: no capture file is open.  0, or the code of the message.
+int mark_add(std::string &mark, capfil *cf, bool none_open);
 
 // The checksum of a message file whose records end at end; false with errno.
 bool mark_checksum(int fd, int64_t end, uint64_t *checksum);

@@ -78,6 +78,11 @@ extern "C" int Fwu_hook_resume(const char *mark)
     return capture_resume(mark);
 }
 
+extern "C" int Fwu_hook_keep(const char *mark)
+{
+    return capture_keep(mark);
+}
+
 int write_pidfile(const char *path)
 {
     FILE *fp = fopen(path, "we");

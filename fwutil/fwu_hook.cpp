@@ -10,6 +10,7 @@
 #pragma weak Fwu_hook_sync_due
 #pragma weak Fwu_hook_sync
 #pragma weak Fwu_hook_resume
+#pragma weak Fwu_hook_keep
 
 constexpr int64_t FORCED_EVERY_MS = 60'000;
 constexpr int32_t CLOCK_EVERY = 16; // records; a run with longer pauses than 200 ms rests
@@ -58,4 +59,12 @@ int fwu_hook_resume(const char *mark)
         return 0;
     return fwu_error("the program could not take away what it had written behind the position on "
                      "disk; the run ends with everything as it was");
+}
+
+int fwu_hook_keep(const char *mark)
+{
+    if (Fwu_hook_keep == nullptr || Fwu_hook_keep(mark) == 0)
+        return 0;
+    return fwu_error("the program could not bring to disk what a run that was killed has written; "
+                     "the position on disk stays as it was");
 }

@@ -22,4 +22,8 @@ const char *fwu_hook_sync();
 // 0 or -1 (reported).
 int fwu_hook_resume(const char *mark);
 
+// Has the program bring to disk what it wrote behind that position and what counts as
+// written.  0 or -1 (reported).
+int fwu_hook_keep(const char *mark);
+
 #endif

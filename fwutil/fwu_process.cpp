@@ -258,8 +258,12 @@ static int take_place(run &r)
         if (fwu_place_check(r.log.directory, place, r.start_text) != 0)
             return -1;
     }
-    if (live)
-        return 0;
+    if (live) {
+        // What a killed run wrote behind the mark does not come again.
+        const bool further =
+            found.have_synced && found.live != found.synced.place && !found.synced.mark.empty();
+        return further ? fwu_hook_keep(found.synced.mark.c_str()) : 0;
+    }
     const auto text = [](const fwu_place &p) {
         return fwu_place_named(p) ? fwu_position_text(p.position) : "none";
     };

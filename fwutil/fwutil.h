@@ -73,7 +73,7 @@ const char *Fwu_get_session_entry(const char *key);
 int Fwu_get_session_elements(void);
 const char *Fwu_get_session_data(int index);
 
-// Three functions that a program may define, so that a position is never on disk
+// Four functions that a program may define, so that a position is never on disk
 // before what the callback wrote for it.  The library looks for them when it is
 // loaded; each may be left out.  They are called on the thread of Fwu_process and
 // call nothing of this library but the Fwu_Current... calls.
@@ -106,6 +106,13 @@ FWU_HOOK const char *Fwu_hook_sync(void);
 // be taken away.  0; nonzero: it failed and has been reported, and Fwu_process returns
 // nonzero with everything as it was.
 FWU_HOOK int Fwu_hook_resume(const char *mark);
+
+// Called at a start without a power cut, before FWU_AT_START and the first record, when
+// a run before this one left the position in the status file further on than the one
+// that was forced: it was killed.  mark is the text that was kept then.  What the
+// callback wrote after it does not come again, so that all of it is to be brought to
+// disk now: the position is forced next.  0; nonzero as above.
+FWU_HOOK int Fwu_hook_keep(const char *mark);
 
 #ifdef __cplusplus
 }

@@ -101,7 +101,7 @@ TEST_F(Resume, TheMarkSaysHowFarEachFileIsOnDisk)
     add_file(odd, text_options());
     add_file("/dev/null", text_options());
     const std::string zeros = " 0000000000000000 ";
-    EXPECT_EQ("file text 0 0" + zeros + text + "\nfile message 0 -1" + zeros + message +
+    EXPECT_EQ("file text 0 0" + zeros + text + "\nfile message 0 0" + zeros + message +
                   "\nfile text 0 0" + zeros + dir.path() + "/100%25%0Aodd\n",
               mark());
     write();
@@ -278,18 +278,31 @@ TEST_F(Resume, AMessageFileEmptiedBehindTheMarkComesAgainWhole)
     }
 }
 
-TEST_F(Resume, AMessageFileThatTheRunHadNotOpenedIsOnlyMended)
+TEST_F(Resume, AMessageFileThatTheRunHadNotOpenedIsCutBackToWhereItEndedAtTheStart)
 {
     add_file(message);
     write(3);
     close_files();
     add_file(message);
     const std::string start = mark();
-    EXPECT_NE(std::string::npos, start.find(" -1 ")) << start;
+    EXPECT_NE(std::string::npos, start.find(" 4568 ")) << start; // 3 records of 72 bytes
+    EXPECT_EQ(start, mark());
     write();
     close_files();
     EXPECT_EQ(0, resume(start));
-    EXPECT_EQ("0120", sequences());
+    EXPECT_EQ("012", sequences());
+    EXPECT_NE("", told);
+}
+
+TEST_F(Resume, AMessageFileWhoseEndWasNotKnownIsOnlyMended)
+{
+    add_file(message);
+    write(4);
+    close_files();
+    const std::string start =
+        "file message " + inode(message) + " -1 0000000000000000 " + message + "\n";
+    EXPECT_EQ(0, resume(start));
+    EXPECT_EQ("0123", sequences());
     EXPECT_EQ("", told);
     truncate(message.c_str(), 4352 + 3 * 72 + 20); // the last record never came to the disk
     EXPECT_EQ(0, resume(start));

@@ -66,8 +66,25 @@ TEST_F(ResumeTest, OnTheSameBootTheLastPositionCounts)
     two_files();
     EXPECT_EQ(essence(program("a\n", 4).out), "record 1 record 2 record 3 record 4 ");
     const run_result again = program("b\n");
-    EXPECT_EQ(essence(again.out), "record 4 record 5 ") << "the one in hand comes again";
+    EXPECT_EQ(essence(again.out), "keep [a ] record 4 record 5 ") << "the one in hand comes again";
     EXPECT_EQ(again.err, "");
+    EXPECT_EQ(essence(program("c\n").out), "") << "the last run brought all to disk";
+}
+
+// A run that was killed has not brought to disk what the next one builds on.
+TEST_F(ResumeTest, AProgramThatCannotKeepWhatAKilledOneWroteEndsWithEverythingAsItWas)
+{
+    two_files();
+    ASSERT_EQ(program("first\n", 4).status, 9);
+    const std::string before = read_file(status);
+    const run_result failed = program("no keep");
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(essence(failed.out), "keep [first ] ");
+    EXPECT_EQ(failed.err,
+              "fwutil: the program could not bring to disk what a run that was killed has written; "
+              "the position on disk stays as it was\n");
+    EXPECT_EQ(read_file(status), before);
+    EXPECT_EQ(essence(program("second\n").out), "keep [first ] record 4 record 5 ");
 }
 
 TEST_F(ResumeTest, OnAnotherBootTheForcedPositionCountsAndItsMarkComesBack)
@@ -100,7 +117,8 @@ TEST_F(ResumeTest, WhatIsKilledBehindTheResumeResumesAgainOnTheSameBoot)
     EXPECT_EQ(read().synced.mark, "first\n");
     const run_result again = program("second\n", 2);
     EXPECT_EQ(essence(again.out), "resume [first ] record 1 record 2 ");
-    EXPECT_EQ(essence(program("third\n").out), "record 2 record 3 record 4 record 5 ")
+    EXPECT_EQ(essence(program("third\n").out),
+              "keep [second ] record 2 record 3 record 4 record 5 ")
         << "the positions before the cut count no more";
 }
 

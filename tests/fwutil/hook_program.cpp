@@ -35,6 +35,12 @@ int Fwu_hook_resume(const char *mark)
     printf("resume [%s]\n", mark);
     return strcmp(words[7], "no resume") == 0 ? -1 : 0;
 }
+
+int Fwu_hook_keep(const char *mark)
+{
+    printf("keep [%s]\n", mark);
+    return strcmp(words[7], "no keep") == 0 ? -1 : 0;
+}
 #endif
 
 static int print_record(uint32_t, const char *, const char *, int32_t, int32_t, int32_t recnum,
