@@ -25,7 +25,9 @@ static size_t length_of(uint32_t number)
 static std::vector<uint32_t> numbers_in(const std::string &path)
 {
     std::vector<uint32_t> numbers;
-    for (const std::string &data : records_in_message_file(path)) {
+    std::vector<std::string> records;
+    add_messages(records, path);
+    for (const std::string &data : records) {
         numbers.push_back(number_in(data, data.size()));
         if (numbers.back() == 0 || data.size() != length_of(numbers.back()))
             throw std::runtime_error("record of other bytes behind " +

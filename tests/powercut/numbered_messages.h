@@ -11,12 +11,13 @@
 #include <string>
 #include <vector>
 
-// Throws when the bytes are not what the format says.
-inline std::vector<std::string> records_in_message_file(const std::string &path)
+// Adds the records of a file.  Throws where the bytes are not what the format says, behind
+// those before.
+inline void add_messages(std::vector<std::string> &records, const std::string &path)
 {
     const std::string file = read_file(path);
     if (file.empty())
-        return {};
+        return;
     const auto number = [&](size_t at, size_t width) {
         if (at + width > file.size())
             throw std::runtime_error("cut off at " + std::to_string(at));
@@ -27,7 +28,7 @@ inline std::vector<std::string> records_in_message_file(const std::string &path)
     const auto length_at = [&](size_t at) { return (number(at, 1) << 8) + number(at + 1, 1); };
     if (file.compare(4, 4, "TM01") != 0)
         throw std::runtime_error("no message file");
-    std::vector<std::string> records;
+    const size_t before = records.size();
     size_t at = number(36, 4);
     for (const size_t end = number(44, 4); at < end;) {
         const size_t length = length_at(at);
@@ -36,9 +37,8 @@ inline std::vector<std::string> records_in_message_file(const std::string &path)
         records.push_back(file.substr(at + 4, length - 6));
         at += length;
     }
-    if (records.size() != number(16, 4))
+    if (records.size() - before != number(16, 4))
         throw std::runtime_error("wrong count of records");
-    return records;
 }
 
 #endif
