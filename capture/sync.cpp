@@ -125,31 +125,39 @@ const char *capture_sync(capinfo *ci)
     return mark.c_str();
 }
 
-static bool sync_path(const std::string &path)
+// Brings the file of a line to disk.  moved: it is not there under that name.
+static bool sync_line(const mark_line &line, bool *moved)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0)
-        return errno == ENOENT || errno == ENOTDIR; // somebody has taken it
-    const bool synced = fdatasync(fd) == 0 || errno == EINVAL;
+    const int fd = open(line.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat st = {};
+    if (fd < 0) {
+        *moved = *moved || line.inode != 0;
+        return errno == ENOENT || errno == ENOTDIR;
+    }
+    const bool synced = fstat(fd, &st) == 0 && (fdatasync(fd) == 0 || errno == EINVAL);
     const int error = errno;
     (void)close(fd); // nothing was written to it; no file of the run is open yet
     errno = error;
-    return synced && sync_directory(path);
+    *moved = *moved || (line.inode != 0 && line.inode != st.st_ino);
+    return synced && sync_directory(line.path);
 }
 
 int capture_keep(const char *mark)
 {
     mark_line line;
     bool good = true;
+    bool moved = false;
     if (g_capture_settings.sync == SYNC_OFF)
         return 0;
     while (mark_next(&mark, line, &good)) {
-        if (!sync_path(line.path))
+        if (!sync_line(line, &moved))
             return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
                                     line.path.c_str());
     }
     if (!good)
         return set_error_f("The status file's mark of the capture files cannot be read: %s", mark);
+    if (moved)
+        sync(); // it is somewhere on the system's disks
     return 0;
 }
 

@@ -1,5 +1,5 @@
 // Preloaded into a program: notes in the file NOTING_SYNC each file that is brought to
-// disk, its name without directories and its size, a line each.
+// disk, its name without directories and its size, a line each; "everything" for sync.
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +9,17 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+static void note_line(const char *line)
+{
+    const char *notes = getenv("NOTING_SYNC");
+    const int to =
+        notes == nullptr ? -1 : open(notes, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (to < 0)
+        return;
+    dprintf(to, "%s\n", line);
+    close(to);
+}
+
 static int note(int fd, long call)
 {
     const int rc = static_cast<int>(syscall(call, fd));
@@ -17,18 +28,14 @@ static int note(int fd, long call)
     struct stat st = {};
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     const ssize_t length = readlink(link, path, sizeof path - 1);
-    const char *notes = getenv("NOTING_SYNC");
-    if (notes == nullptr || length < 0 || fstat(fd, &st) != 0)
+    if (length < 0 || fstat(fd, &st) != 0)
         return rc;
     path[length] = '\0';
     const char *slash = strrchr(path, '/');
-    const int to = open(notes, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (S_ISDIR(st.st_mode))
-        dprintf(to, "directory\n");
-    else
-        dprintf(to, "%s %lld\n", slash == nullptr ? path : slash + 1,
-                static_cast<long long>(st.st_size));
-    close(to);
+    char line[PATH_MAX + 32];
+    snprintf(line, sizeof line, "%s %lld", slash == nullptr ? path : slash + 1,
+             static_cast<long long>(st.st_size));
+    note_line(S_ISDIR(st.st_mode) ? "directory" : line);
     return rc;
 }
 
@@ -40,4 +47,10 @@ extern "C" int fsync(int fd)
 extern "C" int fdatasync(int fd)
 {
     return note(fd, SYS_fdatasync);
+}
+
+extern "C" void sync()
+{
+    note_line("everything");
+    syscall(SYS_sync);
 }

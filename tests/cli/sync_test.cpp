@@ -92,6 +92,32 @@ TEST_F(LogSync, WhenReadingRestsEverythingIsOnDisk)
     wait_program(pid);
 }
 
+// The run that goes on behind a kill may write under other names: what the killed one
+// left in memory is on disk before a position that covers it.
+TEST_F(LogSync, WhatAKilledRunLeftIsOnDiskBeforeTheNextRunsPosition)
+{
+    options.env["KESTRO_SYNC"] = "interval 86400000"; // behind the first record only
+    for (const bool moved : {false, true}) {
+        for (const char *name : {"fwutil.status", "cap", "msg", "next"})
+            std::filesystem::remove(dir.file(name));
+        const pid_t pid = start_program({KESTRO_BUILD_DIR "/bin/Kestro", "msg", "-ascii", "cap"},
+                                        options, "", "");
+        EXPECT_TRUE(poll_until([&] { return read_file(dir.file("cap")).size() == 3 * LINE; }, 10));
+        kill(pid, SIGKILL);
+        wait_program(pid);
+        std::filesystem::remove(dir.file("n"));
+        if (moved)
+            std::filesystem::rename(dir.file("cap"), dir.file("taken"));
+        const run_result run =
+            run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-ascii", "next"}, options);
+        EXPECT_EQ(0, run.status) << run.err;
+        EXPECT_EQ("", run.err);
+        const std::string before = notes().substr(0, notes().find("position\n"));
+        EXPECT_THAT(before, HasSubstr("msg 4630\n"));
+        EXPECT_THAT(before, HasSubstr(moved ? "everything\n" : capture_of(3).c_str()));
+    }
+}
+
 TEST_F(LogSync, AFileThatHasRolledOverIsOnDiskWhenItIsClosed)
 {
     options.env["KESTRO_MAXCAP"] = "4500"; // two records of 62 + 24 + 6 bytes
