@@ -209,7 +209,8 @@ TEST_P(Example, ItsCommitEntryIsOneInItsPlaceOnly)
     fwu_file_header other = GetParam().header;
     EXPECT_TRUE(fwu_entry_is_commit(p, GetParam().header, EXAMPLE_COMMIT));
     EXPECT_EQ(fwu_entry_is_commit(p, GetParam().header, EXAMPLE_COMMIT + 8), !salted);
-    for (const size_t at : {size_t{0}, size_t{7}}) { // the header's part of the salt, then the payload's
+    for (const size_t at :
+         {size_t{0}, size_t{7}}) { // the header's part of the salt, then the payload's
         other.salt = GetParam().header.salt;
         other.salt[at] ^= 1;
         EXPECT_EQ(fwu_entry_is_commit(p, other, EXAMPLE_COMMIT), !salted) << at;
