@@ -196,6 +196,23 @@ static int take_sync(reading &r, const words &w)
     return 0;
 }
 
+static int take_log_mode(reading &r, const words &w)
+{
+    if (r.config->log_mode >= 0)
+        return wrong(r, "log-mode is given twice");
+    int mode = 0;
+    bool good = w.size() == 2 && (w[1].size() == 3 || (w[1].size() == 4 && w[1][0] == '0'));
+    for (const char c : good ? w[1] : std::string()) {
+        good = good && c >= '0' && c <= '7';
+        mode = mode * 8 + (c - '0');
+    }
+    if (!good || (mode & ~0666) != 0 || (mode & 0600) != 0600)
+        return wrong(r, "log-mode takes three octal digits of which the first is 6 and the others "
+                        "are 6, 4, 2 or 0, as in 0640");
+    r.config->log_mode = mode;
+    return 0;
+}
+
 static int take_skip_table(reading &r, const words &w)
 {
     if (w.size() != 2 || !table_ok(w[1]))
@@ -392,6 +409,7 @@ static constexpr statement_row STATEMENTS[] = {
     {"log-file-size", take_log_file_size},
     {"byte-order", take_byte_order},
     {"sync", take_sync},
+    {"log-mode", take_log_mode},
     {"skip-table", take_skip_table},
     {"column", take_column},
     {"database", take_database},
@@ -419,7 +437,7 @@ static int take_line(reading &r, std::string_view line)
     }
     return wrong(r,
                  "%s is not known here; a line begins with log-directory, log-file-size, "
-                 "byte-order, sync, skip-table, column, database, dataset or item",
+                 "byte-order, sync, log-mode, skip-table, column, database, dataset or item",
                  w[0].c_str());
 }
 

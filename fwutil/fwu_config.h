@@ -43,6 +43,7 @@ struct fwu_config {
     bool big_endian = false;                           // byte order of the numbers inside images
     fwu_sync_mode sync = FWU_SYNC_COMMIT;
     int64_t sync_interval_ms = 0;         // for FWU_SYNC_INTERVAL
+    int log_mode = -1;                    // of the log's files; -1: not given
     std::vector<fwu_dataset> datasets;    // in file order
     std::vector<std::string> skip_tables; // "schema.table": left out of the log on purpose
     std::vector<fwu_column> columns;

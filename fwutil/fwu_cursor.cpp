@@ -176,6 +176,7 @@ static fwu_found read_file_header(fwu_cursor &c)
         c.header.identity != c.before.identity)
         wrong = "it belongs to another log than the files before it: its identity differs";
     if (wrong != nullptr) {
+        c.foreign = fwu_file_header_whole(p);
         c.reason = wrong;
         return FWU_DAMAGED;
     }
@@ -299,6 +300,13 @@ static fwu_found nothing_more(fwu_cursor &c, const fwu_stamp &before)
         now.tv_sec * NS_PER_S + now.tv_nsec - before.mtime_ns > NS_PER_S)
         c.settled = before;
     return FWU_END;
+}
+
+void fwu_cursor_tail(fwu_cursor &c)
+{
+    fwu_stamp stamp;
+    if (c.header_read && file_stamp(c, stamp) == FWU_FOUND)
+        (void)nothing_more(c, stamp);
 }
 
 fwu_found fwu_cursor_next(fwu_cursor &c)

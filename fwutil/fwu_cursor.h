@@ -75,6 +75,7 @@ struct fwu_cursor {
     int64_t size = 0;             // of the file
     int64_t bad_at = 0;           // where reading could not go on
     const char *reason = nullptr; // what is wrong there; null: the file ends there
+    bool foreign = false;         // the file has a whole header, which does not belong here
     fwu_stamp settled;            // the file was like this, and nothing more to find in it
 };
 
@@ -87,6 +88,10 @@ void fwu_cursor_close(fwu_cursor &cursor);
 
 // Finds the next committed transaction.
 fwu_found fwu_cursor_next(fwu_cursor &cursor);
+
+// Takes what fwu_cursor_next has just called damage for a tail: until the file
+// changes there is nothing more in it.
+void fwu_cursor_tail(fwu_cursor &cursor);
 
 // Next entry of the transaction found; FWU_END behind its commit entry.
 // The entry is valid until the next call with this cursor.  Optional entries of a

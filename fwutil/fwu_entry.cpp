@@ -48,6 +48,12 @@ void fwu_file_header_put(unsigned char *out, const fwu_file_header &header)
     put_le32(out + HEADER_CRC_AT, fwu_crc32c(0, out, HEADER_CRC_AT));
 }
 
+bool fwu_file_header_whole(const unsigned char *in)
+{
+    return memcmp(in, MAGIC, sizeof MAGIC) == 0 &&
+           get_le32(in + HEADER_CRC_AT) == fwu_crc32c(0, in, HEADER_CRC_AT);
+}
+
 const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in)
 {
     if (memcmp(in, MAGIC, sizeof MAGIC) != 0)

@@ -120,6 +120,9 @@ inline size_t fwu_entry_padded(size_t length)
 }
 
 void fwu_file_header_put(unsigned char *out, const fwu_file_header &header);
+// Whether a writer wrote these 64 bytes and nothing changed them since, be it a
+// header that this version understands or not.
+bool fwu_file_header_whole(const unsigned char *in);
 // Null, or what is wrong with the 64 bytes.
 const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in);
 

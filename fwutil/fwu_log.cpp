@@ -3,14 +3,18 @@
 // file never touches the old one again, so nothing is missed in between.
 #include "fwutil/fwu_log.h"
 
+#include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_error.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <compare>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
 {
@@ -41,13 +45,24 @@ int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
     return 0;
 }
 
+static std::string directory_of(const fwu_log_file &file)
+{
+    return file.path.substr(0, file.path.size() - file.name.size() - 1);
+}
+
 int fwu_log_damage(const fwu_cursor &cursor)
 {
-    return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, or leave the "
-                     "rest of it out with the next file as start position (%d-%d.0)",
+    return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, cut the "
+                     "log back to what is whole (fwlog repair), or leave the rest of the file out "
+                     "with the next one as start position (%d-%d.0)",
                      cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at), cursor.reason,
                      cursor.file.generation, cursor.file.sequence + 1);
 }
+
+// Looks at what seems damaged, and the pause before the first of them; each is
+// longer than the one before, 300 ms in all.
+constexpr int LOOKS = 5;
+constexpr long LOOK_NS = 20'000'000;
 
 // Opens the file behind the one being read, the first one when there is none.
 // FWU_END: there is no such file.
@@ -82,10 +97,9 @@ fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file)
     if (fwu_cursor_try_open(cursor, file) == 0)
         return FWU_FOUND;
     const int open_errno = errno;
-    const std::string directory = file.path.substr(0, file.path.size() - file.name.size() - 1);
     std::vector<fwu_log_file> files;
     if (open_errno == ENOENT) {
-        if (fwu_log_list(directory, files) != 0)
+        if (fwu_log_list(directory_of(file), files) != 0)
             return FWU_FAILED;
         if (files.empty() || files.front().name > file.name)
             return FWU_GONE;
@@ -111,7 +125,7 @@ fwu_found fwu_log_header(const fwu_log_file &file, fwu_file_header &header)
 }
 
 // A file that another one follows holds whole transactions and nothing else.
-static bool ends_whole(fwu_cursor &cursor)
+bool fwu_log_ends_whole(fwu_cursor &cursor)
 {
     if (cursor.header_read && cursor.size == cursor.tx_end)
         return true;
@@ -122,24 +136,82 @@ static bool ends_whole(fwu_cursor &cursor)
     return false;
 }
 
+// Whether no file follows the one being read.
+static bool is_last(const fwu_log &log)
+{
+    std::vector<fwu_log_file> files;
+    return fwu_log_list(log.directory, files) == 0 && !files.empty() &&
+           files.back().name <= log.cursor.file.name;
+}
+
+// What was acknowledged says of a place in a log file.
+enum acknowledged { UNKNOWN, BEFORE, BEHIND, LATER_FILE };
+
+// Whether what was acknowledged ends before (or at) the place, behind it in the same
+// file, or in a later file.
+static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset)
+{
+    fwu_ack ack;
+    if (fwu_ack_read(directory_of(file), ack) != FWU_FOUND)
+        return UNKNOWN;
+    const auto order = std::pair(ack.position.generation, ack.position.sequence) <=>
+                       std::pair(file.generation, file.sequence);
+    if (order == 0)
+        return ack.end <= offset ? BEFORE : BEHIND;
+    return order < 0 ? BEFORE : LATER_FILE;
+}
+
+// What the last file's end, or damage in it, is taken for.  What looks wrong may have
+// been seen half written, by a system that shows the parts of a write in any order:
+// it is looked at again before it counts.  What was not acknowledged is not there
+// yet, whatever it looks like; what was must be there.
+static fwu_found judge(fwu_cursor &cursor, fwu_found found)
+{
+    for (int look = 1; found == FWU_END || found == FWU_DAMAGED; look++) {
+        const acknowledged there = acknowledged_at(cursor.file, cursor.tx_end);
+        if (found == FWU_END && there != BEHIND)
+            return FWU_END;
+        if (found == FWU_DAMAGED && there == BEFORE && !cursor.foreign) {
+            fwu_cursor_tail(cursor);
+            return FWU_END;
+        }
+        if (look > LOOKS) {
+            if (found == FWU_END && cursor.reason == nullptr) {
+                cursor.bad_at = cursor.tx_end;
+                cursor.reason = "it ends before what was acknowledged";
+            }
+            return FWU_DAMAGED;
+        }
+        const timespec pause = {.tv_sec = 0, .tv_nsec = look * LOOK_NS};
+        (void)nanosleep(&pause, nullptr); // a signal makes it shorter
+        found = fwu_cursor_next(cursor);
+    }
+    return found;
+}
+
 fwu_found fwu_log_next(fwu_log &log)
 {
     fwu_cursor &cursor = log.cursor;
     for (;;) {
-        fwu_found found = FWU_END;
-        if (cursor.fd >= 0)
-            found = fwu_cursor_next(cursor);
-        if (found == FWU_END && !log.look)
-            return FWU_END;
+        fwu_found found = cursor.fd >= 0 ? fwu_cursor_next(cursor) : FWU_END;
         fwu_log_file next;
-        if (found == FWU_END) {
-            found = find_next_file(log, next);
-            log.look = found != FWU_END;
-            if (found != FWU_FOUND)
-                return found;
-            found = cursor.fd >= 0 ? fwu_cursor_next(cursor) : FWU_END;
-            if (found == FWU_END && cursor.fd >= 0 && !ends_whole(cursor))
-                found = FWU_DAMAGED;
+        bool last = found == FWU_END ? !log.look : found == FWU_DAMAGED && is_last(log);
+        if (found == FWU_END && log.look) {
+            const fwu_found file = find_next_file(log, next);
+            if (file == FWU_FAILED)
+                return file;
+            log.look = file == FWU_FOUND;
+            last = !log.look;
+            if (!last && cursor.fd >= 0) {
+                found = fwu_cursor_next(cursor);
+                if (found == FWU_END && !fwu_log_ends_whole(cursor))
+                    found = FWU_DAMAGED;
+            }
+        }
+        if (last) {
+            found = cursor.fd >= 0 ? judge(cursor, found) : FWU_END;
+            if (found == FWU_END)
+                return FWU_END;
         }
         if (found == FWU_DAMAGED) {
             fwu_log_damage(cursor);
@@ -189,6 +261,8 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
     fwu_found found = fwu_log_open(cursor, file);
     while (found == FWU_FOUND && result == 0) {
         found = fwu_cursor_next(cursor);
+        if (last)
+            found = judge(cursor, found);
         if (cursor.header_read && !announced) {
             announced = true;
             item.what = FWU_WALK_FILE;
@@ -202,7 +276,7 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
     }
     if (result != 0 || found == FWU_GONE)
         return found;
-    if (found == FWU_END && !last && !ends_whole(cursor))
+    if (found == FWU_END && !last && !fwu_log_ends_whole(cursor))
         found = FWU_DAMAGED;
     item.offset = cursor.tx_end;
     item.length = cursor.size - cursor.tx_end;

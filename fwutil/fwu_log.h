@@ -37,6 +37,10 @@ fwu_found fwu_log_next(fwu_log &log);
 // Next entry of that transaction, its commit entry included; FWU_END behind it.
 fwu_found fwu_log_entry(fwu_log &log, fwu_entry &entry);
 
+// Whether a file that another one follows holds whole transactions and nothing else;
+// false: the cursor's reason says what is wrong.
+bool fwu_log_ends_whole(fwu_cursor &cursor);
+
 // Reports damage that the cursor found; returns -1.
 int fwu_log_damage(const fwu_cursor &cursor);
 
@@ -44,7 +48,7 @@ int fwu_log_damage(const fwu_cursor &cursor);
 enum fwu_walk_what {
     FWU_WALK_FILE,   // a log file begins: header is filled
     FWU_WALK_ENTRY,  // an entry of a committed transaction: entry is filled
-    FWU_WALK_TAIL,   // no commit lies behind offset: length bytes are not there yet
+    FWU_WALK_TAIL,   // length bytes at offset are not there yet
     FWU_WALK_DAMAGE, // reason says what is wrong at offset
 };
 

@@ -1,11 +1,17 @@
-// Where a writer goes on: behind the last whole transaction of the log.
+// Where a writer goes on: behind the last whole transaction of the log, which must
+// not be before what was acknowledged.  What it cuts off is kept aside.
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_writer_state.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
+
+constexpr size_t COPY_SIZE = size_t{1} << 20;
 
 // Takes layouts, record numbers and source position from a transaction found.
 static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
@@ -15,6 +21,9 @@ static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
     fwu_layout layout;
     fwu_found found = FWU_FOUND;
     w.last = cursor.commit.commit;
+    w.here.position = {cursor.file.generation, cursor.file.sequence, cursor.tx_last_tag};
+    w.here.end = cursor.tx_end;
+    w.here.commit = w.last;
     while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
         if (fwu_entry_change(entry, change)) {
             w.last_recnum = change.recnum;
@@ -26,9 +35,11 @@ static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
     return found;
 }
 
-// Reads a file to its end; FWU_END when that went well.
+// Reads a file to its end: FWU_END, FWU_DAMAGED (not reported) or FWU_FAILED.
 static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file, bool last)
 {
+    fwu_cursor_close(cursor);
+    cursor.header_read = false; // files are read in any order
     if (fwu_cursor_open(cursor, file) != 0)
         return FWU_FAILED;
     fwu_found found = FWU_FOUND;
@@ -37,9 +48,90 @@ static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_fil
         if (found != FWU_END)
             break;
     }
-    if (found == FWU_DAMAGED)
-        fwu_log_damage(cursor);
     return found;
+}
+
+// Whether the file holds zeros only: a system that went down before it wrote it.
+static bool all_zero(const fwu_log_file &file)
+{
+    std::vector<char> bytes(COPY_SIZE);
+    const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    ssize_t n = fd < 0 ? -1 : 0;
+    while (fd >= 0 && (n = read(fd, bytes.data(), bytes.size())) > 0)
+        if (std::any_of(bytes.begin(), bytes.begin() + n, [](char c) { return c != 0; }))
+            break;
+    if (fd >= 0)
+        close(fd);
+    return n == 0;
+}
+
+// Whether the log, which is whole up to the cursor's last transaction, ends before
+// what was acknowledged; reported.
+static bool ends_too_early(const fwu_writer &w, const fwu_cursor &cursor)
+{
+    const fwu_position &acked = w.acked.position;
+    const fwu_position end = {cursor.file.generation, cursor.file.sequence, cursor.tx_last_tag};
+    const auto order = [](const fwu_position &p) {
+        return std::tuple(p.generation, p.sequence, p.tag);
+    };
+    if (!w.have_ack || order(end) >= order(acked))
+        return false;
+    (void)fwu_ack_missing(w.directory, w.acked, end, cursor.reason);
+    return true;
+}
+
+// Removes the pieces cut off by earlier recoveries but the newest.
+static void drop_older_pieces(const fwu_writer &w, const std::string &newest)
+{
+    DIR *dir = opendir(w.directory.c_str());
+    while (const dirent *row = dir != nullptr ? readdir(dir) : nullptr) {
+        const std::string name = row->d_name;
+        if (name.starts_with("cut-fw") && name != newest)
+            (void)unlink((w.directory + "/" + name).c_str()); // it only takes room
+    }
+    if (dir != nullptr)
+        closedir(dir);
+}
+
+int fwu_keep_piece(const std::string &from, int64_t offset, const std::string &to, mode_t mode)
+{
+    std::vector<unsigned char> bytes(COPY_SIZE);
+    const int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    const int out = in < 0 ? -1 : fwu_file_open(to, O_WRONLY | O_TRUNC, mode);
+    bool good = out >= 0;
+    int64_t written = 0;
+    for (ssize_t n = 1; good && n > 0; written += n) {
+        n = pread(in, bytes.data(), bytes.size(), offset + written);
+        good = n >= 0 && fwu_write_all(out, bytes.data(), static_cast<size_t>(n), written) == 0;
+    }
+    good = good && fsync(out) == 0;
+    const int failed = errno;
+    if (in >= 0)
+        close(in);
+    if (out >= 0)
+        close(out);
+    if (out >= 0 && !good)
+        (void)unlink(to.c_str()); // part of it is of no use
+    errno = failed;
+    return good ? 0 : -1;
+}
+
+// Cuts off what stands behind the last transaction, kept aside first.
+static int cut_off(fwu_writer &w, const fwu_cursor &cursor, int64_t length)
+{
+    const std::string name = "cut-" + w.file.name + "-" + std::to_string(w.end);
+    const char *what = cursor.reason == nullptr ? "the rest of a transaction that was not finished"
+                                                : "never acknowledged, and not whole";
+    if (fwu_keep_piece(w.file.path, w.end, w.directory + "/" + name, w.file_mode) == 0) {
+        drop_older_pieces(w, name);
+        fwu_warn("%s: cut %lld bytes behind offset %lld: %s; kept in %s", w.file.path.c_str(),
+                 static_cast<long long>(length), static_cast<long long>(w.end), what, name.c_str());
+    } else {
+        (void)fwu_file_error(w.directory + "/" + name, "cannot keep what is cut off");
+        fwu_warn("%s: cut %lld bytes behind offset %lld: %s", w.file.path.c_str(),
+                 static_cast<long long>(length), static_cast<long long>(w.end), what);
+    }
+    return fwu_writer_cut_tail(w);
 }
 
 // Makes the last file ready to go on with: nothing behind its last transaction.
@@ -57,14 +149,12 @@ static int make_ready(fwu_writer &w, const fwu_cursor &cursor)
     struct stat st = {};
     if (fstat(w.fd, &st) != 0)
         return fwu_file_error(w.file.path, "cannot get the log file's size");
-    if (st.st_size > w.end) {
-        fwu_warn("%s: cut %lld bytes behind offset %lld: the rest of a transaction that was not "
-                 "finished",
-                 w.file.path.c_str(), static_cast<long long>(st.st_size - w.end),
-                 static_cast<long long>(w.end));
-        if (fwu_writer_cut_tail(w) != 0)
-            return -1;
-    }
+    if (cursor.header_read && cursor.header.big_endian != w.big_endian)
+        return fwu_error("%s: the log holds images of %s-endian numbers, but the configuration "
+                         "says otherwise; correct byte-order in it",
+                         w.file.path.c_str(), cursor.header.big_endian ? "big" : "little");
+    if (st.st_size > w.end && cut_off(w, cursor, st.st_size - w.end) != 0)
+        return -1;
     if (cursor.header_read) {
         w.header = cursor.header;
     } else {
@@ -72,10 +162,6 @@ static int make_ready(fwu_writer &w, const fwu_cursor &cursor)
             return -1;
         w.end = FWU_FILE_HEADER_SIZE;
     }
-    if (cursor.header_read && cursor.header.big_endian != w.big_endian)
-        return fwu_error("%s: the log holds images of %s-endian numbers, but the configuration "
-                         "says otherwise; correct byte-order in it",
-                         w.file.path.c_str(), cursor.header.big_endian ? "big" : "little");
     return 0;
 }
 
@@ -87,7 +173,7 @@ static int write_again(fwu_writer &w)
     if (access(mark.c_str(), F_OK) != 0)
         return 0;
     fwu_warn("%s: an earlier run could not bring it to disk: written again", w.file.path.c_str());
-    std::vector<unsigned char> bytes(size_t{1} << 20);
+    std::vector<unsigned char> bytes(COPY_SIZE);
     for (int64_t at = 0; at < w.end;) {
         const auto wanted =
             static_cast<size_t>(std::min(w.end - at, static_cast<int64_t>(bytes.size())));
@@ -116,26 +202,74 @@ static int find_identity(fwu_writer &w, const std::vector<fwu_log_file> &files)
         if (found == FWU_FOUND)
             w.identity = header.identity;
     }
+    if (!w.have_ack)
+        return 0;
+    if (fwu_identity_known(w.identity) && w.identity != w.acked.identity)
+        return fwu_error("%s/%s: it belongs to the log %s, but the log files there are those of "
+                         "%s; restore what belongs together from a copy, or remove the file: then "
+                         "the log is taken as it is",
+                         w.directory.c_str(), FWU_ACK_NAME,
+                         fwu_identity_text(w.acked.identity).c_str(),
+                         fwu_identity_text(w.identity).c_str());
+    w.identity = w.acked.identity;
+    return 0;
+}
+
+// Reads the last file.  What is wrong in it counts only where something of it was
+// acknowledged, or nobody knows what was.
+static int read_last(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file)
+{
+    fwu_found found = learn_file(w, cursor, file, true);
+    if (found == FWU_FAILED)
+        return -1;
+    if (ends_too_early(w, cursor))
+        return -1;
+    if (found == FWU_DAMAGED &&
+        (cursor.foreign || (!w.have_ack && (cursor.header_read || !all_zero(file)))))
+        return fwu_log_damage(cursor);
     return 0;
 }
 
 int fwu_recover(fwu_writer &w)
 {
     std::vector<fwu_log_file> files;
-    if (fwu_log_list(w.directory, files) != 0)
+    const fwu_found acked = fwu_ack_read(w.directory, w.acked);
+    if (acked == FWU_FAILED || fwu_log_list(w.directory, files) != 0)
         return -1;
-    if (files.empty())
-        return 0;
+    w.have_ack = acked == FWU_FOUND;
     if (find_identity(w, files) != 0)
         return -1;
+    if (files.empty())
+        return w.have_ack && w.acked.position.generation != 0
+                   ? fwu_ack_missing(w.directory, w.acked, {}, nullptr)
+                   : 0;
     fwu_cursor cursor;
-    if (learn_file(w, cursor, files.back(), true) != FWU_END || make_ready(w, cursor) != 0) {
-        fwu_cursor_close(cursor);
-        return -1;
+    int result = read_last(w, cursor, files.back());
+    if (result == 0)
+        result = make_ready(w, cursor);
+    // The file before it must end whole; older ones are asked for the last record.
+    for (size_t i = files.size() - 1;
+         result == 0 && i > 0 && (i == files.size() - 1 || w.last_recnum == 0); i--) {
+        const fwu_ack here = w.here;
+        const int32_t recnum = w.last_recnum;
+        const fwu_commit last = w.last;
+        const fwu_found found = learn_file(w, cursor, files[i - 1], false);
+        if (found == FWU_FAILED)
+            result = -1;
+        else if (found == FWU_DAMAGED || !fwu_log_ends_whole(cursor))
+            result = fwu_log_damage(cursor);
+        if (recnum != 0) {
+            w.here = here;
+            w.last_recnum = recnum;
+            w.last = last;
+        }
     }
-    fwu_found found = FWU_END;
-    for (size_t i = files.size() - 1; i > 0 && w.last_recnum == 0 && found == FWU_END; i--)
-        found = learn_file(w, cursor, files[i - 1], false);
     fwu_cursor_close(cursor);
-    return found == FWU_END ? write_again(w) : -1;
+    if (result != 0 || write_again(w) != 0)
+        return -1;
+    if (w.have_ack || w.header.version == FWU_VERSION_PLAIN)
+        return 0;
+    fwu_warn("%s/%s: the file is missing: the log is taken as it is", w.directory.c_str(),
+             FWU_ACK_NAME);
+    return fwu_writer_sync(&w) == 0 ? fwu_writer_acknowledge(&w) : -1;
 }

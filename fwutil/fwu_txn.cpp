@@ -4,6 +4,7 @@
 
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -11,25 +12,6 @@
 #include <unistd.h>
 
 constexpr size_t COPY_SIZE = 1024 * 1024;
-
-int fwu_write_all(int fd, const void *data, size_t length, int64_t offset)
-{
-    const auto *p = static_cast<const unsigned char *>(data);
-    if (lseek(fd, offset, SEEK_SET) < 0)
-        return -1;
-    while (length > 0) {
-        const ssize_t n = write(fd, p, length);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            errno = n == 0 ? ENOSPC : errno;
-            return -1;
-        }
-        p += n;
-        length -= static_cast<size_t>(n);
-    }
-    return 0;
-}
 
 void fwu_txn_begin(fwu_txn &txn, int32_t first_tag)
 {

@@ -35,7 +35,4 @@ int fwu_txn_write(fwu_txn &txn, int fd, const std::string &path, int64_t offset)
 // Releases spill file and memory beyond the usual.
 void fwu_txn_end(fwu_txn &txn);
 
-// Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
-int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
-
 #endif

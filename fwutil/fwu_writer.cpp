@@ -18,11 +18,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-int fwu_file_error(const std::string &path, const char *what)
-{
-    return fwu_error("%s: %s: %s", path.c_str(), what, strerror(errno));
-}
-
 void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname)
 {
     w.key = dbname;
@@ -63,7 +58,7 @@ int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_f
 static int take_lock(fwu_writer &w)
 {
     const std::string path = w.directory + "/writer.lock";
-    w.lock_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    w.lock_fd = fwu_file_open(path, O_RDWR, w.file_mode);
     if (w.lock_fd < 0)
         return fwu_file_error(path, "cannot open the writer's lock file");
     struct flock lock = {};
@@ -77,6 +72,21 @@ static int take_lock(fwu_writer &w)
         return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
                          path.c_str(), static_cast<long>(lock.l_pid));
     return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
+}
+
+// The directory, and the mode of the files that will be made in it.
+static int make_directory(fwu_writer &w, int log_mode)
+{
+    const auto mode = static_cast<mode_t>(log_mode >= 0 ? log_mode : 0600);
+    if (mkdir(w.directory.c_str(), 0700) == 0)
+        (void)chmod(w.directory.c_str(), mode | (mode & 0444) >> 2); // who reads may enter
+    else if (errno != EEXIST)
+        return fwu_file_error(w.directory, "cannot create the log directory");
+    struct stat st = {};
+    if (stat(w.directory.c_str(), &st) != 0)
+        return fwu_file_error(w.directory, "cannot open the log directory");
+    w.file_mode = log_mode >= 0 ? mode : 0600 | (st.st_mode & 0666);
+    return 0;
 }
 
 static void release(fwu_writer *w)
@@ -98,10 +108,7 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
     w->big_endian = config.big_endian;
     w->sync = config.sync;
     w->sync_interval_ms = config.sync_interval_ms;
-    int result = 0;
-    if (mkdir(w->directory.c_str(), 0777) != 0 && errno != EEXIST)
-        result = fwu_file_error(w->directory, "cannot create the log directory");
-    if (result == 0 && take_lock(*w) == 0 && fwu_recover(*w) == 0) {
+    if (make_directory(*w, config.log_mode) == 0 && take_lock(*w) == 0 && fwu_recover(*w) == 0) {
         *writer = w.release();
         return 0;
     }
@@ -285,7 +292,7 @@ static int sync_failed(fwu_writer &w, int result)
 {
     w.sync_failed = true;
     const std::string mark = w.directory + "/" + FWU_SYNC_FAILED;
-    const int fd = open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    const int fd = fwu_file_open(mark, O_WRONLY, w.file_mode);
     if (fd >= 0)
         close(fd);
     return result;
@@ -298,8 +305,55 @@ static int sync_file(fwu_writer &w)
     return sync_failed(w, fwu_file_error(w.file.path, "cannot bring the log file to disk"));
 }
 
-// Makes the file behind the last one.  It gets its name when its header is
-// there, so that no reader sees less of it.
+// Keeps what is on disk as acknowledged, in a file made for it where there is none.
+static int keep_acknowledged(fwu_writer &w)
+{
+    fwu_ack next = w.synced;
+    next.identity = w.identity;
+    next.number = w.acked.number;
+    next.lost = w.acked.lost;
+    next.commit.lsn = std::max(next.commit.lsn, w.acked.lost ? w.acked.commit.lsn : 0);
+    const int result = w.have_ack ? fwu_ack_write(w.directory, next)
+                                  : fwu_ack_create(w.directory, next, w.file_mode);
+    if (result != 0)
+        return result;
+    w.acked = next;
+    w.have_ack = true;
+    return 0;
+}
+
+int fwu_writer_acknowledge(fwu_writer *writer)
+{
+    fwu_writer &w = *writer;
+    if (w.sync == FWU_SYNC_NONE && w.unsynced && fwu_writer_sync(writer) != 0)
+        return -1;
+    if (w.synced.position == w.acked.position || !fwu_identity_known(w.identity))
+        return 0;
+    return keep_acknowledged(w);
+}
+
+bool fwu_writer_lost(const fwu_writer *writer, uint64_t *lsn)
+{
+    *lsn = writer->acked.commit.lsn;
+    return writer->acked.lost;
+}
+
+int fwu_writer_accept_loss(fwu_writer *writer)
+{
+    if (!writer->acked.lost)
+        return 0;
+    writer->acked.lost = false;
+    return keep_acknowledged(*writer);
+}
+
+mode_t fwu_writer_file_mode(const fwu_writer *writer)
+{
+    return writer->file_mode;
+}
+
+// Makes the file behind the last one.  Whatever sync says, the last one is on disk
+// before, so that a power cut leaves no hole in front of good files; and the new
+// one's header is, before it gets its name, so that nobody sees less of it.
 static int begin_file(fwu_writer &w)
 {
     fwu_log_file file;
@@ -311,13 +365,17 @@ static int begin_file(fwu_writer &w)
     file.name = fwu_log_file_name(file.generation, file.sequence);
     file.path = w.directory + "/" + file.name;
     const std::string temporary = w.directory + "/new-log-file";
-    if (w.fd >= 0 && w.sync != FWU_SYNC_NONE && sync_file(w) != 0)
+    if (w.fd >= 0 && fwu_writer_sync(&w) != 0)
         return -1;
-    const int fd = open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    const int fd = fwu_file_open(temporary, O_RDWR | O_TRUNC, w.file_mode);
     if (fd < 0)
         return fwu_file_error(temporary, "cannot create a log file");
     fwu_file_header header;
     int result = fwu_writer_put_header(w, fd, file, header);
+    if (result == 0 && fdatasync(fd) != 0)
+        result = fwu_file_error(file.path, "cannot bring the log file to disk");
+    if (result == 0 && (!w.have_ack || w.synced.position != w.acked.position))
+        result = keep_acknowledged(w);
     if (result == 0 && rename(temporary.c_str(), file.path.c_str()) != 0)
         result = fwu_file_error(file.path, "cannot create the log file");
     if (result != 0) {
@@ -358,6 +416,9 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     w.last_tag = w.txn.tag + 1;
     w.last_recnum = w.recnum;
     w.last = commit;
+    w.here.position = {w.file.generation, w.file.sequence, w.last_tag};
+    w.here.end = w.end;
+    w.here.commit = commit;
     if (!w.unsynced)
         w.unsynced_since = fwu_monotonic_ms();
     w.unsynced = true;
@@ -388,20 +449,6 @@ void fwu_writer_rollback(fwu_writer *writer)
     writer->txn_layouts.clear();
 }
 
-static int sync_directory(fwu_writer &w)
-{
-    const int fd = open(w.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || fsync(fd) != 0) {
-        const int result = fwu_file_error(w.directory, "cannot bring the log directory to disk");
-        if (fd >= 0)
-            close(fd);
-        return result;
-    }
-    close(fd);
-    w.new_name = false;
-    return 0;
-}
-
 int fwu_writer_sync(fwu_writer *writer)
 {
     fwu_writer &w = *writer;
@@ -410,9 +457,11 @@ int fwu_writer_sync(fwu_writer *writer)
                          w.file.path.c_str());
     if (w.fd >= 0 && sync_file(w) != 0)
         return -1;
-    if (w.new_name && sync_directory(w) != 0)
+    if (w.new_name && fwu_directory_sync(w.directory) != 0)
         return sync_failed(w, -1);
+    w.new_name = false;
     w.unsynced = false;
+    w.synced = w.here;
     w.synced_lsn = w.last.lsn;
     return 0;
 }

@@ -11,6 +11,7 @@
 #include "fwutil/fwu_session.h"
 
 #include <cstdint>
+#include <sys/types.h>
 
 struct fwu_writer; // opaque
 
@@ -61,6 +62,21 @@ int fwu_writer_settle(fwu_writer *writer, bool more_waits);
 // Milliseconds until fwu_writer_settle(writer, false) has something to do; 0: now,
 // -1: nothing waits for it.
 int fwu_writer_settle_in(const fwu_writer *writer);
+
+// Records durably, in the log directory, that everything up to the last commit that
+// is on disk is acknowledged, with sync none after a sync of its own; no work when
+// nothing is new.  To be called before a source is told or a summary printed: a log
+// that ends before what was acknowledged is refused from then on.
+int fwu_writer_acknowledge(fwu_writer *writer);
+
+// Whether a repair cut the log below what had been acknowledged; lsn is then the
+// source's position up to which it had been, which may be behind what the log holds.
+bool fwu_writer_lost(const fwu_writer *writer, uint64_t *lsn);
+// Takes that mark away: whoever needs to know has been told.
+int fwu_writer_accept_loss(fwu_writer *writer);
+
+// Mode of the log's files, for what else is made beside them.
+mode_t fwu_writer_file_mode(const fwu_writer *writer);
 
 // Position of the last commit that counts as logged: on disk, unless sync says none,
 // which counts a commit once it is appended.

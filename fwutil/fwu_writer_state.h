@@ -3,6 +3,8 @@
 #ifndef FWUTIL_FWU_WRITER_STATE_H
 #define FWUTIL_FWU_WRITER_STATE_H
 
+#include "fwutil/fwu_ack.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_txn.h"
 #include "fwutil/fwu_writer.h"
@@ -16,6 +18,7 @@ struct fwu_writer {
     std::string directory;
     int64_t log_file_size = 0;
     bool big_endian = false;
+    mode_t file_mode = 0600;
     int lock_fd = -1;
 
     // The last log file; its generation is 0 until there is one.
@@ -36,6 +39,11 @@ struct fwu_writer {
     bool sync_failed = false;   // what the system did not write it may have dropped
     uint64_t synced_lsn = 0;    // last commit that is on disk as far as the setting asks
 
+    fwu_ack here;          // the last commit and where it stands
+    fwu_ack synced;        // the last one that is on disk
+    fwu_ack acked;         // what the file "acknowledged" says
+    bool have_ack = false; // ... which is there
+
     fwu_commit last;         // commit of the last transaction; all 0: there is none
     int32_t last_recnum = 0; // 0: no record in the log
 
@@ -49,9 +57,6 @@ struct fwu_writer {
     std::string key;            // scratch for the maps' keys
 };
 
-// Reports "path: what: system's text"; -1.
-int fwu_file_error(const std::string &path, const char *what);
-
 // Sets the scratch key to that of a dataset.
 void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname);
 
@@ -60,6 +65,10 @@ int fwu_writer_cut_tail(fwu_writer &w);
 
 // Writes a log file's header, which it makes; 0, or -1 (reported).
 int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_file_header &header);
+
+// Copies what stands at and behind an offset of a file into a file of its own, on
+// disk; 0, or -1 with errno and nothing left.
+int fwu_keep_piece(const std::string &from, int64_t offset, const std::string &to, mode_t mode);
 
 // Name of the file in the log directory that remembers a failed sync.
 constexpr char FWU_SYNC_FAILED[] = "sync-failed";

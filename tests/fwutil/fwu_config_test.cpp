@@ -130,7 +130,7 @@ static const config_row ERRORS[] = {
     {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
     {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
     {"\nlog-directory a\x01\n", "2: the line holds a control character"},
-    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, sync, skip-table, column, database, dataset or item"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, sync, log-mode, skip-table, column, database, dataset or item"},
     {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},

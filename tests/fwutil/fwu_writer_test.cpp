@@ -1,6 +1,7 @@
 // Appending: what is refused, rotation, recovery, and a disk that fails.
 #include "fwutil/fwu_writer.h"
 
+#include "fwutil/fwu_cursor.h"
 #include "fwutil/fwu_txn.h"
 #include "tests/fwutil/log_fixture.h"
 #include "tests/fwutil/system_calls.h"
@@ -204,7 +205,11 @@ TEST_F(WriterTest, EveryTornTailIsCutAndReported)
         EXPECT_EQ(stderr_of([&] { open_writer(); }),
                   "fwutil: " + file(1) + ": cut " + std::to_string(length - one.size()) +
                       " bytes behind offset " + std::to_string(one.size()) +
-                      ": the rest of a transaction that was not finished\n");
+                      ": the rest of a transaction that was not finished; kept in cut-" +
+                      fwu_log_file_name(1, 1) + "-" + std::to_string(one.size()) + "\n");
+        EXPECT_EQ(
+            read_file(log + "/cut-" + fwu_log_file_name(1, 1) + "-" + std::to_string(one.size())),
+            two.substr(one.size(), length - one.size()));
         written.resize(1);
         commits = 1;
         add({insert(2), erase(2)});
@@ -228,6 +233,7 @@ TEST_F(WriterTest, ATornFileHeaderIsWrittenAnew)
 TEST_F(WriterTest, ADamagedLogIsNotAppendedTo)
 {
     two_files();
+    std::filesystem::remove(log + "/acknowledged"); // nobody knows what was
     std::string bytes = log_file_bytes(2);
     bytes[160] ^= 1;
     write_file(file(2), bytes);

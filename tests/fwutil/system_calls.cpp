@@ -149,6 +149,13 @@ ssize_t __wrap_getrandom(void *bytes, size_t length, unsigned flags)
     return static_cast<ssize_t>(length);
 }
 
+int __real_nanosleep(const timespec *time, timespec *left);
+int __wrap_nanosleep(const timespec *time, timespec *left);
+int __wrap_nanosleep(const timespec *time, timespec *left)
+{
+    return calls.skip_pauses ? 0 : __real_nanosleep(time, left);
+}
+
 int __real_inotify_init1(int flags);
 int __wrap_inotify_init1(int flags);
 int __wrap_inotify_init1(int flags)

@@ -20,6 +20,7 @@ struct system_calls {
     bool fail_pwrite = false;    // with ENOSPC
     bool fail_inotify = false;   // with EMFILE
     bool fail_fdatasync = false; // with EIO
+    bool skip_pauses = false;    // nanosleep returns at once
     bool skip_syncs = false;     // fdatasync and fsync do nothing
     bool fail_mmap = false;      // with ENODEV
     int fdatasyncs = 0;          // calls of fdatasync so far

@@ -1,0 +1,58 @@
+// Making files.
+#include "fwutil/fwu_file.h"
+
+#include "fwutil/fwu_error.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+int fwu_file_error(const std::string &path, const char *what)
+{
+    return fwu_error("%s: %s: %s", path.c_str(), what, strerror(errno));
+}
+
+int fwu_file_open(const std::string &path, int flags, mode_t mode)
+{
+    int fd = open(path.c_str(), flags | O_CLOEXEC);
+    if (fd >= 0 || errno != ENOENT)
+        return fd;
+    fd = open(path.c_str(), flags | O_CREAT | O_CLOEXEC, mode);
+    if (fd >= 0)
+        (void)fchmod(fd, mode); // a file system without modes is no reason to stop
+    return fd;
+}
+
+int fwu_write_all(int fd, const void *data, size_t length, int64_t offset)
+{
+    const auto *p = static_cast<const unsigned char *>(data);
+    if (lseek(fd, offset, SEEK_SET) < 0)
+        return -1;
+    while (length > 0) {
+        const ssize_t n = write(fd, p, length);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            errno = n == 0 ? ENOSPC : errno;
+            return -1;
+        }
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return 0;
+}
+
+int fwu_directory_sync(const std::string &directory)
+{
+    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0) {
+        const int result = fwu_file_error(directory, "cannot bring the log directory to disk");
+        if (fd >= 0)
+            close(fd);
+        return result;
+    }
+    close(fd);
+    return 0;
+}

@@ -1,0 +1,24 @@
+// Files of the log directory as its writer makes them: with their mode whatever
+// the umask is, and by name only once they are on disk.
+#ifndef FWUTIL_FWU_FILE_H
+#define FWUTIL_FWU_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+
+// Reports "path: what: system's text"; -1.
+int fwu_file_error(const std::string &path, const char *what);
+
+// Opens a file with flags of open(2); one that is not there is made with this
+// mode.  A descriptor, or -1 with errno.
+int fwu_file_open(const std::string &path, int flags, mode_t mode);
+
+// Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
+int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
+
+// Brings names made in a directory to disk; 0 or -1 (reported).
+int fwu_directory_sync(const std::string &directory);
+
+#endif
