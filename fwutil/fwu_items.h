@@ -25,7 +25,9 @@ struct fwu_layout {
 };
 
 // Length in bytes of a record image: the elements of all items, one behind the
-// other; 64 bits so that no layout read from a file can overflow it.
+// other.  A sum above the most that any image can have is cut to that, so that no
+// layout read from a file can overflow it.
+constexpr int64_t FWU_IMAGE_LENGTH_MAX = int64_t{1} << 32;
 int64_t fwu_layout_image_length(const fwu_layout &layout);
 
 #endif

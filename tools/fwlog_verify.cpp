@@ -1,10 +1,12 @@
 // fwlog verify: reads every entry of a log and says what is damaged.
+#include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_config.h"
 #include "tools/fwlog.h"
 #include "tools/fwlog_survey.h"
 
 #include <cinttypes>
 #include <cstdio>
+#include <utility>
 
 static void print_text(const survey_file &facts)
 {
@@ -48,9 +50,18 @@ int fwlog_verify_main(int argc, char **argv)
     if (fwu_config_read(config, options.cfg) != 0)
         return FWLOG_EXIT_FAILED;
     bool sound = true;
+    fwu_position end; // of the log: its last file
     const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
         sound = sound && facts.damage.empty() && facts.missing_from == 0;
+        end = {facts.file.generation, facts.file.sequence, static_cast<int32_t>(facts.entries)};
         options.json ? print_json(facts) : print_text(facts);
     });
+    // That the file it ends in holds as much has been looked at with the file.
+    fwu_ack ack;
+    const fwu_found acked = fwu_ack_read(config.log_directory, ack);
+    if (acked == FWU_FOUND && std::pair(end.generation, end.sequence) <
+                                  std::pair(ack.position.generation, ack.position.sequence))
+        sound = fwu_ack_missing(config.log_directory, ack, end, nullptr) == 0;
+    sound = sound && acked != FWU_FAILED;
     return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
 }

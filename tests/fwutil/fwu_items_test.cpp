@@ -5,6 +5,14 @@
 
 #include <gtest/gtest.h>
 
+TEST(ImageLength, NoSumOverflows)
+{
+    fwu_layout layout;
+    for (int i = 0; i < 9; i++)
+        layout.items.push_back({.name = "A", .type = 'X', .size = INT32_MAX, .count = INT32_MAX});
+    EXPECT_EQ(fwu_layout_image_length(layout), FWU_IMAGE_LENGTH_MAX);
+}
+
 TEST(Items, ImageLengthCountsAllElementsOfAllItems)
 {
     fwu_layout layout;
