@@ -143,6 +143,20 @@ static void print_summary(const fwlog_stream &stream)
                stream.tx.work.truncated);
 }
 
+// Tells once that a repair has cut off what an earlier summary had acknowledged.
+static bool tell_loss(fwu_writer *writer)
+{
+    uint64_t acknowledged = 0;
+    if (!fwu_writer_lost(writer, &acknowledged))
+        return true;
+    const std::string end = pgl_text(fwu_writer_last_lsn(writer));
+    fprintf(stderr,
+            "fwlog: warning: the log was cut back to %s, and had been acknowledged up to %s: load "
+            "all that came behind %s again, else it is missing (this is told once)\n",
+            end.c_str(), pgl_text(acknowledged).c_str(), end.c_str());
+    return fwu_writer_accept_loss(writer) == 0;
+}
+
 static int load(const load_options &options, int fd, const char *name)
 {
     fwu_config config;
@@ -155,6 +169,10 @@ static int load(const load_options &options, int fd, const char *name)
     stop_signal_install();
     if (fwu_writer_open(&stream.tx.writer, config) != 0)
         return FWLOG_EXIT_FAILED;
+    if (!tell_loss(stream.tx.writer)) {
+        (void)fwu_writer_close(stream.tx.writer); // nothing was written
+        return FWLOG_EXIT_FAILED;
+    }
 
     line_reader reader;
     reader.fd = fd;
@@ -178,8 +196,11 @@ static int load(const load_options &options, int fd, const char *name)
                 "fwlog: stopped by signal %d behind a whole transaction; load the stream "
                 "again to go on\n",
                 status - FWLOG_EXIT_SIGNAL);
-    // The position is read before the writer is gone, the log is safe after it.
-    print_summary(stream);
+    // The summary acknowledges what was loaded: whoever reads it may throw the stream away.
+    if (fwu_writer_sync(stream.tx.writer) != 0 || fwu_writer_acknowledge(stream.tx.writer) != 0)
+        status = FWLOG_EXIT_FAILED;
+    else
+        print_summary(stream);
     if (fwu_writer_close(stream.tx.writer) != 0)
         status = FWLOG_EXIT_FAILED;
     return fwlog_flush_output(status);

@@ -153,6 +153,22 @@ static int run(pgb_bridge &bridge)
     }
 }
 
+// A repair may have cut off what the server was told, and will not send again.
+static bool accept_loss(pgb_bridge &bridge)
+{
+    uint64_t told = 0;
+    if (!fwu_writer_lost(bridge.tx.writer, &told))
+        return true;
+    if (bridge.options.accept_gap)
+        return fwu_writer_accept_loss(bridge.tx.writer) == 0;
+    fprintf(stderr,
+            "fwlog: the log was cut back to %s and lacks what the server was told up to %s, which "
+            "it will not send again: begin a new log directory with --create --snapshot, or go on "
+            "as it is with --accept-gap\n",
+            pgl_text(fwu_writer_last_lsn(bridge.tx.writer)).c_str(), pgl_text(told).c_str());
+    return false;
+}
+
 int fwlog_postgresql_main(int argc, char **argv)
 {
     pgb_bridge bridge;
@@ -181,8 +197,10 @@ int fwlog_postgresql_main(int argc, char **argv)
     if (last.lsn != 0 && bridge.state.snapshot == "begun")
         bridge.state.snapshot = "done"; // cut short behind its commit
 
+    bridge.state.mode = fwu_writer_file_mode(bridge.tx.writer);
     // Written before the server is asked for anything, which may take its time.
-    int status = pgb_state_write(bridge.state, false) ? run(bridge) : FWLOG_EXIT_FAILED;
+    int status = accept_loss(bridge) && pgb_state_write(bridge.state, false) ? run(bridge)
+                                                                             : FWLOG_EXIT_FAILED;
     if (fwu_writer_close(bridge.tx.writer) != 0)
         status = FWLOG_EXIT_FAILED;
     bridge.state.phase = "stopped";

@@ -117,8 +117,10 @@ static pgs_outcome keep_in_touch(follow &f)
             pgb_state_print(bridge.state);
     }
     // What the server is told stands on disk first, so that the next run can see
-    // whether somebody else has moved the slot.
+    // whether the log still has it, and whether somebody else has moved the slot.
     const bool tells = bridge.state.logged_lsn > bridge.state.told_lsn;
+    if (tells && fwu_writer_acknowledge(bridge.tx.writer) != 0)
+        return PGS_REFUSED;
     bridge.state.told_lsn = std::max(bridge.state.told_lsn, bridge.state.logged_lsn);
     if (tells)
         bridge.server.patience_ms = bridge.server.timeout_ms; // it sends what it has

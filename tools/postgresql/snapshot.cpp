@@ -208,7 +208,8 @@ pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, u
         return outcome;
     }
     const uint64_t rows = bridge.tx.changes.inserts;
-    if (fwlog_commit(bridge.tx) != FWLOG_OK || fwu_writer_sync(bridge.tx.writer) != 0)
+    if (fwlog_commit(bridge.tx) != FWLOG_OK || fwu_writer_sync(bridge.tx.writer) != 0 ||
+        fwu_writer_acknowledge(bridge.tx.writer) != 0)
         return PGS_REFUSED;
     fprintf(stderr, "fwlog: snapshot at %s: %" PRIu64 " rows\n", pgl_text(lsn).c_str(), rows);
     return PGS_OK;

@@ -1,0 +1,192 @@
+// "fwlog postgresql" and a log that lacks what the server was told: it is refused until the
+// remedy that the message names has been carried out, and then goes on.
+#include "tests/postgresql/bridge_fixture.h"
+#include "tests/support/cut_back.h"
+
+#include <algorithm>
+#include <filesystem>
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace fs = std::filesystem;
+
+// What has happened to the last log file.
+enum harm { BYTE_CHANGED, FILE_MISSING, FILE_OLDER };
+
+class BridgeAcknowledgedTest : public LedgerTest {
+  protected:
+    // Rows 1 to 60 in files of 30 each, 61 to 65 in the last one, and a copy of it all.
+    void begin()
+    {
+        configure(std::string("log-file-size 4K\n") + ledger_cfg);
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+        insert_many(1, 30);
+        insert_many(31, 60);
+        for (int id = 61; id <= 65; id++) {
+            insert(id);
+            ASSERT_EQ(catch_up().status, 0);
+            if (id == 63)
+                older = read_file(last_file());
+            if (id == 64) {
+                ASSERT_EQ(fwu_ack_read(dir.file("log"), before), FWU_FOUND);
+            }
+        }
+        whole = read_file(last_file());
+        fs::copy(dir.file("log"), dir.file("copy"));
+    }
+
+    void insert_many(int first, int last) const
+    {
+        sql("INSERT INTO load.ledger SELECT n, 0, 1, 'row', NULL FROM generate_series(" +
+            std::to_string(first) + ", " + std::to_string(last) + ") n");
+        ASSERT_EQ(catch_up().status, 0);
+    }
+
+    std::string last_file() const
+    {
+        std::string last;
+        for (const auto &entry : fs::directory_iterator(dir.file("log")))
+            if (entry.path().filename().string().starts_with("fw"))
+                last = std::max(last, entry.path().string());
+        return last;
+    }
+
+    void do_harm(harm what)
+    {
+        const std::string last = last_file();
+        std::string bytes = whole;
+        switch (what) {
+        case BYTE_CHANGED: // in the last commit entry
+            bytes[bytes.size() - 20] ^= 1;
+            write_file(last, bytes);
+            break;
+        case FILE_MISSING:
+            fs::remove(last);
+            break;
+        case FILE_OLDER:
+            write_file(last, older);
+            break;
+        }
+    }
+
+    void expect_refused() const
+    {
+        const run_result result = catch_up();
+        EXPECT_EQ(result.status, 1) << result.err;
+        EXPECT_THAT(result.err, HasSubstr("it was acknowledged up to position "));
+        EXPECT_THAT(result.err, HasSubstr("restore the log from a copy"));
+        EXPECT_THAT(result.err, HasSubstr("fwlog repair --accept-loss"));
+    }
+
+    // The ids that the log has of 61 and more, "61 62 ".
+    std::string late_ids() const
+    {
+        std::string ids;
+        const std::string text = dump();
+        for (size_t at = 0; (at = text.find("after ID=", at)) != std::string::npos;) {
+            at += 9;
+            const std::string id = text.substr(at, text.find(' ', at) - at);
+            if (atoi(id.c_str()) > 60)
+                ids += id + " ";
+        }
+        return ids;
+    }
+
+    void expect_refused_until_restored(harm what)
+    {
+        ASSERT_NO_FATAL_FAILURE(begin());
+        do_harm(what);
+        insert(66);
+        expect_refused();
+        EXPECT_EQ(fwlog({"load", "/dev/null"}).status, 1);
+        expect_refused(); // still
+        fs::copy(dir.file("copy"), dir.file("log"),
+                 fs::copy_options::overwrite_existing | fs::copy_options::recursive);
+        const run_result result = catch_up();
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(late_ids(), "61 62 63 64 65 66 ");
+        EXPECT_EQ(fwlog({"verify"}).status, 0);
+    }
+
+    // What is lost is at least said.
+    void expect_refused_until_the_loss_is_accepted(const std::string &left)
+    {
+        ASSERT_NO_FATAL_FAILURE(begin());
+        do_harm(BYTE_CHANGED);
+        insert(66);
+        expect_refused();
+        ASSERT_TRUE(cut_back(dir.file("log"), last_file(), before));
+        run_result result;
+        for (int run = 0; run < 2; run++) {
+            result = catch_up();
+            EXPECT_EQ(result.status, 1) << result.err;
+            EXPECT_THAT(result.err, HasSubstr("what the server was told up to "));
+            EXPECT_THAT(result.err, HasSubstr("go on as it is with --accept-gap"));
+        }
+        result = catch_up({"--accept-gap"});
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(late_ids(), left + "66 ");
+        insert(67);
+        result = catch_up();
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_THAT(result.err, Not(HasSubstr("--accept-gap")));
+        EXPECT_EQ(late_ids(), left + "66 67 ");
+        EXPECT_EQ(fwlog({"verify"}).status, 0);
+    }
+
+    std::string whole; // the last file
+    std::string older; // the same, two transactions before
+    fwu_ack before;    // what was acknowledged a transaction before
+};
+
+TEST_F(BridgeAcknowledgedTest, ByteChangedInTheLastCommitThenRestored)
+{
+    expect_refused_until_restored(BYTE_CHANGED);
+}
+
+TEST_F(BridgeAcknowledgedTest, LastFileMissingThenRestored)
+{
+    expect_refused_until_restored(FILE_MISSING);
+}
+
+TEST_F(BridgeAcknowledgedTest, LastFileOlderThenRestored)
+{
+    expect_refused_until_restored(FILE_OLDER);
+}
+
+TEST_F(BridgeAcknowledgedTest, ByteChangedInTheLastCommitThenAccepted)
+{
+    expect_refused_until_the_loss_is_accepted("61 62 63 64 ");
+}
+
+TEST_F(BridgeAcknowledgedTest, ANewLogAfterALoss)
+{
+    ASSERT_NO_FATAL_FAILURE(begin());
+    do_harm(BYTE_CHANGED);
+    expect_refused();
+    sql("SELECT pg_drop_replication_slot('" + database + "')");
+    write_file(dir.file("fwutil.cfg"),
+               std::string("log-directory newlog\nbyte-order little\n") + ledger_cfg);
+    const run_result result = catch_up({"--create", "--snapshot"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    expect_log_equals_tables();
+}
+
+TEST_F(BridgeAcknowledgedTest, WhatTheServerIsToldIsAcknowledgedWhateverSyncSays)
+{
+    configure(std::string("sync none\n") + ledger_cfg);
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    insert(61);
+    start_bridge();
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(61));
+    const std::string position = value("SELECT pg_current_wal_flush_lsn()");
+    ASSERT_TRUE(poll_until([&] {
+        return value("SELECT confirmed_flush_lsn >= '" + position +
+                     "' FROM pg_replication_slots WHERE slot_name = '" + database + "'") == "t";
+    }));
+    bridge.end(SIGKILL);
+    whole = read_file(last_file());
+    do_harm(BYTE_CHANGED);
+    expect_refused();
+}
