@@ -5,22 +5,24 @@
 
 #include <gtest/gtest.h>
 
-TEST(ImageLength, NoSumOverflows)
-{
-    fwu_layout layout;
-    for (int i = 0; i < 9; i++)
-        layout.items.push_back({.name = "A", .type = 'X', .size = INT32_MAX, .count = INT32_MAX});
-    EXPECT_EQ(fwu_layout_image_length(layout), FWU_IMAGE_LENGTH_MAX);
-}
-
 TEST(Items, ImageLengthCountsAllElementsOfAllItems)
 {
     fwu_layout layout;
     EXPECT_EQ(fwu_layout_image_length(layout), 0);
     layout.items = {{"A", 'I', 4, 1, 0}, {"B", 'X', 10, 3, 0}};
     EXPECT_EQ(fwu_layout_image_length(layout), 34);
-    layout.items.push_back({"C", 'X', 2147483647, 2147483647, 0});
-    EXPECT_EQ(fwu_layout_image_length(layout), 34 + 4611686014132420609);
+}
+
+TEST(Items, NoSumOfImageLengthsOverflows)
+{
+    fwu_layout layout;
+    layout.items = {{"A", 'X', INT32_MAX, 2, 0}};
+    EXPECT_EQ(fwu_layout_image_length(layout), INT64_C(4294967294));
+    layout.items.push_back({"B", 'X', 2, 1, 0});
+    EXPECT_EQ(fwu_layout_image_length(layout), INT64_C(4294967296)) << "the cap itself";
+    for (int i = 0; i < 9; i++)
+        layout.items.push_back({"C", 'X', INT32_MAX, INT32_MAX, 0});
+    EXPECT_EQ(fwu_layout_image_length(layout), INT64_C(4294967296));
 }
 
 TEST(Session, KeysNameTheFiveEntriesAndNothingElse)
