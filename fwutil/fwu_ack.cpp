@@ -19,8 +19,6 @@
 static constexpr char FIRST_LINE[] = "fwutil acknowledged 1\n";
 constexpr size_t FIRST_SIZE = sizeof FIRST_LINE - 1;
 constexpr size_t LINE_SIZE = 172;
-constexpr size_t CRC_SIZE = 8;
-constexpr size_t CRC_AT = LINE_SIZE - CRC_SIZE - 1;
 constexpr size_t LINES = 2;
 constexpr size_t FILE_SIZE = FIRST_SIZE + LINES * LINE_SIZE;
 
