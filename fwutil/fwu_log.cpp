@@ -5,6 +5,7 @@
 
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_wait.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -59,9 +60,9 @@ int fwu_log_damage(const fwu_cursor &cursor)
                      cursor.file.generation, cursor.file.sequence + 1);
 }
 
-// Looks at what seems damaged, and the pause before the first of them; each is
-// longer than the one before, 300 ms in all.
-constexpr int LOOKS = 5;
+// Pauses before further looks at what seems damaged, and the length of the first;
+// each is longer than the one before, 300 ms in all.
+constexpr int PAUSES = 5;
 constexpr long LOOK_NS = 20'000'000;
 
 // Opens the file behind the one being read, the first one when there is none.
@@ -163,11 +164,12 @@ static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset)
 
 // What the last file's end, or damage in it, is taken for.  What looks wrong may have
 // been seen half written, by a system that shows the parts of a write in any order:
-// it is looked at again before it counts.  What was not acknowledged is not there
-// yet, whatever it looks like; what was must be there.
+// it is looked at again before it counts, at once first: mostly the writer has
+// committed and acknowledged since.  What was not acknowledged is not there yet,
+// whatever it looks like; what was must be there.  A signal ends the looks.
 static fwu_found judge(fwu_cursor &cursor, fwu_found found)
 {
-    for (int look = 1; found == FWU_END || found == FWU_DAMAGED; look++) {
+    for (int pauses = 0; found == FWU_END || found == FWU_DAMAGED; pauses++) {
         const acknowledged there = acknowledged_at(cursor.file, cursor.tx_end);
         if (found == FWU_END && there != BEHIND)
             return FWU_END;
@@ -175,15 +177,18 @@ static fwu_found judge(fwu_cursor &cursor, fwu_found found)
             fwu_cursor_tail(cursor);
             return FWU_END;
         }
-        if (look > LOOKS) {
+        if (pauses > PAUSES) {
             if (found == FWU_END && cursor.reason == nullptr) {
                 cursor.bad_at = cursor.tx_end;
                 cursor.reason = "it ends before what was acknowledged";
             }
             return FWU_DAMAGED;
         }
-        const timespec pause = {.tv_sec = 0, .tv_nsec = look * LOOK_NS};
-        (void)nanosleep(&pause, nullptr); // a signal makes it shorter
+        const timespec pause = {.tv_sec = 0, .tv_nsec = pauses * LOOK_NS};
+        if (pauses > 0)
+            (void)nanosleep(&pause, nullptr); // a signal makes it shorter
+        if (fwu_stop != 0)
+            return FWU_END;
         found = fwu_cursor_next(cursor);
     }
     return found;

@@ -150,6 +150,25 @@ TEST_F(AckTest, NoCutTakesAnAcknowledgedTransactionAway)
     }
 }
 
+// What seems damaged is looked at again five times; who is told to stop does not
+// wait for that, and calls nothing damaged that was not looked at.
+TEST_F(AckTest, ASignalEndsTheLooksAtWhatSeemsDamaged)
+{
+    three();
+    std::string changed = bytes;
+    changed[first_end + 40] = static_cast<char>(changed[first_end + 40] ^ 0x10);
+    for (const int stop_at : {1, 2, 5, 0}) {
+        put_back(changed);
+        calls.pauses = 0;
+        calls.stop_at_pause = stop_at;
+        const run_outcome outcome = run();
+        EXPECT_EQ(calls.pauses, stop_at != 0 ? stop_at : 5);
+        EXPECT_EQ(outcome.result, stop_at != 0 ? 0 : -1) << stop_at;
+        EXPECT_EQ(outcome.err.empty(), stop_at != 0) << outcome.err;
+        EXPECT_EQ(outcome.records, written_from(1, 1));
+    }
+}
+
 TEST_F(AckTest, WhatWasNotAcknowledgedIsATailWhateverItLooksLike)
 {
     three();

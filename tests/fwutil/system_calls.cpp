@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -153,6 +154,11 @@ int __real_nanosleep(const timespec *time, timespec *left);
 int __wrap_nanosleep(const timespec *time, timespec *left);
 int __wrap_nanosleep(const timespec *time, timespec *left)
 {
+    if (++calls.pauses == calls.stop_at_pause) {
+        (void)raise(SIGTERM);
+        errno = EINTR;
+        return -1;
+    }
     return calls.skip_pauses ? 0 : __real_nanosleep(time, left);
 }
 

@@ -21,6 +21,8 @@ struct system_calls {
     bool fail_inotify = false;   // with EMFILE
     bool fail_fdatasync = false; // with EIO
     bool skip_pauses = false;    // nanosleep returns at once
+    int pauses = 0;              // calls of nanosleep so far
+    int stop_at_pause = 0;       // the number of the one that SIGTERM interrupts; 0: none
     bool skip_syncs = false;     // fdatasync and fsync do nothing
     bool fail_mmap = false;      // with ENODEV
     int fdatasyncs = 0;          // calls of fdatasync so far
