@@ -237,7 +237,7 @@ TEST_F(AckTest, ALastFileThatIsMissingOrOlderIsRefused)
 TEST_F(AckTest, ALastFileOfZerosIsEmpty)
 {
     two_files();
-    for (const size_t length : {0, 1, 64, 5000}) {
+    for (const size_t length : {0U, 1U, 64U, 5000U}) {
         std::filesystem::remove(status);
         write_file(file(3), std::string(length, '\0'));
         if (std::filesystem::exists(log + "/acknowledged")) {
