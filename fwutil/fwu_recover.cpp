@@ -237,6 +237,7 @@ int fwu_recover(fwu_writer &w)
     if (acked == FWU_FAILED || fwu_log_list(w.directory, files) != 0)
         return -1;
     w.have_ack = acked == FWU_FOUND;
+    w.synced = w.acked; // it was on disk before it was acknowledged
     if (find_identity(w, files) != 0)
         return -1;
     if (files.empty())
@@ -244,26 +245,29 @@ int fwu_recover(fwu_writer &w)
                    ? fwu_ack_missing(w.directory, w.acked, {}, nullptr)
                    : 0;
     fwu_cursor cursor;
+    fwu_cursor older;
     int result = read_last(w, cursor, files.back());
-    if (result == 0)
-        result = make_ready(w, cursor);
     // The file before it must end whole; older ones are asked for the last record.
     for (size_t i = files.size() - 1;
          result == 0 && i > 0 && (i == files.size() - 1 || w.last_recnum == 0); i--) {
         const fwu_ack here = w.here;
         const int32_t recnum = w.last_recnum;
         const fwu_commit last = w.last;
-        const fwu_found found = learn_file(w, cursor, files[i - 1], false);
+        const fwu_found found = learn_file(w, older, files[i - 1], false);
         if (found == FWU_FAILED)
             result = -1;
-        else if (found == FWU_DAMAGED || !fwu_log_ends_whole(cursor))
-            result = fwu_log_damage(cursor);
+        else if (found == FWU_DAMAGED || !fwu_log_ends_whole(older))
+            result = fwu_log_damage(older);
         if (recnum != 0) {
             w.here = here;
             w.last_recnum = recnum;
             w.last = last;
         }
     }
+    // A log that is refused stays as it is.
+    if (result == 0)
+        result = make_ready(w, cursor);
+    fwu_cursor_close(older);
     fwu_cursor_close(cursor);
     if (result != 0 || write_again(w) != 0)
         return -1;

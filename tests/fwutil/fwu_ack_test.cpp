@@ -196,6 +196,31 @@ TEST_F(AckTest, WhatWasNotAcknowledgedIsATailWhateverItLooksLike)
     }
 }
 
+TEST_F(AckTest, TheNextWriterTakesNothingBack)
+{
+    three();
+    open_writer();
+    acknowledge(); // nothing is known to be on disk yet but what was acknowledged before
+    fwu_ack ack;
+    ASSERT_EQ(fwu_ack_read(log, ack), FWU_FOUND);
+    EXPECT_EQ(ack.end, static_cast<int64_t>(acked_end));
+    ASSERT_EQ(fwu_writer_sync(writer), 0);
+    acknowledge();
+    ASSERT_EQ(fwu_ack_read(log, ack), FWU_FOUND);
+    EXPECT_EQ(ack.end, static_cast<int64_t>(bytes.size()));
+}
+
+// Not even a tail that could be cut off is touched.
+TEST_F(AckTest, ALogThatIsRefusedStaysAsItIs)
+{
+    two_files();
+    write_file(file(1), log_file_bytes(1).substr(0, 300));
+    const std::string two = log_file_bytes(2) + "torn";
+    write_file(file(2), two);
+    EXPECT_THAT(refused(), HasSubstr(file(1) + ": damaged at offset 288"));
+    EXPECT_EQ(log_file_bytes(2), two);
+}
+
 TEST_F(AckTest, OnlyTheNewestPieceCutOffIsKept)
 {
     three();
