@@ -80,6 +80,15 @@ int fwu_ack_missing(const std::string &directory, const fwu_ack &ack, const fwu_
         fwu_log_file_name(p.generation, p.sequence).c_str());
 }
 
+int fwu_ack_foreign(const std::string &directory, const fwu_ack &ack, const fwu_identity &there)
+{
+    return fwu_error("%s/%s: it belongs to the log %s, but the log files there are those of %s; "
+                     "restore what belongs together from a copy, or remove the file: then the log "
+                     "is taken as it is",
+                     directory.c_str(), FWU_ACK_NAME, fwu_identity_text(ack.identity).c_str(),
+                     fwu_identity_text(there).c_str());
+}
+
 fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack)
 {
     const std::string path = path_of(directory);

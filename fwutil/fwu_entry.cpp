@@ -114,6 +114,9 @@ static uint32_t payload_crc(const unsigned char *in, size_t length, const fwu_fi
                       in + FWU_ENTRY_HEADER_SIZE, length);
 }
 
+const char FWU_UNKNOWN_KIND[] =
+    "the entry's kind is unknown; a newer libfwutil may be needed to read it";
+
 const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int32_t expected_tag,
                                  const fwu_file_header &file, int64_t offset)
 {
@@ -127,7 +130,7 @@ const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int3
     if ((entry.flags & ~flags) != 0 || get_le32(in + 20) != 0)
         return "reserved bytes of the entry's header are not zero";
     if (!fwu_entry_known(entry) && entry.flags != FWU_ENTRY_OPTIONAL)
-        return "the entry's kind is unknown; a newer libfwutil may be needed to read it";
+        return FWU_UNKNOWN_KIND;
     if (entry.tag != expected_tag)
         return "the entry's tag does not follow the one before it";
     return nullptr;

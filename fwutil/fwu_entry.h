@@ -129,6 +129,9 @@ const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in
 // Fills entry from an entry in memory that was checked before.
 void fwu_entry_fields(fwu_entry &entry, const unsigned char *in);
 
+// What is said of an entry that a newer version has written, rather than damaged.
+extern const char FWU_UNKNOWN_KIND[];
+
 // Checks the 24 bytes of a header and fills entry; null, or what is wrong with
 // them.
 // Where in which file it stands counts for commit entries.

@@ -51,8 +51,7 @@ static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_fil
     return found;
 }
 
-// Whether the file holds zeros only: a system that went down before it wrote it.
-static bool all_zero(const fwu_log_file &file)
+bool fwu_all_zero(const fwu_log_file &file)
 {
     std::vector<char> bytes(COPY_SIZE);
     const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -80,13 +79,25 @@ static bool ends_too_early(const fwu_writer &w, const fwu_cursor &cursor)
     return true;
 }
 
+// Whether a recovery gave a file this name; what a repair has kept has another one.
+static bool cut_by_recovery(const std::string &name)
+{
+    const size_t prefix = sizeof "cut-" - 1;
+    const size_t dash = name.rfind('-');
+    int32_t generation = 0;
+    int32_t sequence = 0;
+    return name.starts_with("cut-fw") && dash > prefix && dash + 1 < name.size() &&
+           name.find_first_not_of("0123456789", dash + 1) == name.npos &&
+           fwu_log_file_parse(name.substr(prefix, dash - prefix).c_str(), generation, sequence);
+}
+
 // Removes the pieces cut off by earlier recoveries but the newest.
 static void drop_older_pieces(const fwu_writer &w, const std::string &newest)
 {
     DIR *dir = opendir(w.directory.c_str());
     while (const dirent *row = dir != nullptr ? readdir(dir) : nullptr) {
         const std::string name = row->d_name;
-        if (name.starts_with("cut-fw") && name != newest)
+        if (cut_by_recovery(name) && name != newest)
             (void)unlink((w.directory + "/" + name).c_str()); // it only takes room
     }
     if (dir != nullptr)
@@ -205,12 +216,7 @@ static int find_identity(fwu_writer &w, const std::vector<fwu_log_file> &files)
     if (!w.have_ack)
         return 0;
     if (fwu_identity_known(w.identity) && w.identity != w.acked.identity)
-        return fwu_error("%s/%s: it belongs to the log %s, but the log files there are those of "
-                         "%s; restore what belongs together from a copy, or remove the file: then "
-                         "the log is taken as it is",
-                         w.directory.c_str(), FWU_ACK_NAME,
-                         fwu_identity_text(w.acked.identity).c_str(),
-                         fwu_identity_text(w.identity).c_str());
+        return fwu_ack_foreign(w.directory, w.acked, w.identity);
     w.identity = w.acked.identity;
     return 0;
 }
@@ -225,7 +231,7 @@ static int read_last(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file
     if (ends_too_early(w, cursor))
         return -1;
     if (found == FWU_DAMAGED &&
-        (cursor.foreign || (!w.have_ack && (cursor.header_read || !all_zero(file)))))
+        (cursor.foreign || (!w.have_ack && (cursor.header_read || !fwu_all_zero(file)))))
         return fwu_log_damage(cursor);
     return 0;
 }

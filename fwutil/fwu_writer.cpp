@@ -55,23 +55,42 @@ int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_f
     return 0;
 }
 
-static int take_lock(fwu_writer &w)
+static int lock_error(const std::string &path, int fd)
 {
-    const std::string path = w.directory + "/writer.lock";
-    w.lock_fd = fwu_file_open(path, O_RDWR, w.file_mode);
-    if (w.lock_fd < 0)
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (errno != EACCES && errno != EAGAIN)
+        return fwu_file_error(path, "cannot lock the log for writing");
+    if (fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
+        return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
+                         path.c_str(), static_cast<long>(lock.l_pid));
+    return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
+}
+
+int fwu_writer_lock(const std::string &directory, mode_t mode)
+{
+    const std::string path = directory + "/writer.lock";
+    const int fd = fwu_file_open(path, O_RDWR, mode);
+    if (fd < 0)
         return fwu_file_error(path, "cannot open the writer's lock file");
     struct flock lock = {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    if (fcntl(w.lock_fd, F_SETLK, &lock) == 0)
-        return 0;
-    if (errno != EACCES && errno != EAGAIN)
-        return fwu_file_error(path, "cannot lock the log for writing");
-    if (fcntl(w.lock_fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
-        return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
-                         path.c_str(), static_cast<long>(lock.l_pid));
-    return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
+    if (fcntl(fd, F_SETLK, &lock) == 0)
+        return fd;
+    (void)lock_error(path, fd);
+    close(fd);
+    return -1;
+}
+
+int fwu_writer_mode(const std::string &directory, int log_mode, mode_t &mode)
+{
+    struct stat st = {};
+    if (stat(directory.c_str(), &st) != 0)
+        return fwu_file_error(directory, "cannot open the log directory");
+    mode = log_mode >= 0 ? static_cast<mode_t>(log_mode) : 0600 | (st.st_mode & 0666);
+    return 0;
 }
 
 // The directory, and the mode of the files that will be made in it.
@@ -82,11 +101,13 @@ static int make_directory(fwu_writer &w, int log_mode)
         (void)chmod(w.directory.c_str(), mode | (mode & 0444) >> 2); // who reads may enter
     else if (errno != EEXIST)
         return fwu_file_error(w.directory, "cannot create the log directory");
-    struct stat st = {};
-    if (stat(w.directory.c_str(), &st) != 0)
-        return fwu_file_error(w.directory, "cannot open the log directory");
-    w.file_mode = log_mode >= 0 ? mode : 0600 | (st.st_mode & 0666);
-    return 0;
+    return fwu_writer_mode(w.directory, log_mode, w.file_mode);
+}
+
+static int take_lock(fwu_writer &w)
+{
+    w.lock_fd = fwu_writer_lock(w.directory, w.file_mode);
+    return w.lock_fd < 0 ? -1 : 0;
 }
 
 static void release(fwu_writer *w)

@@ -60,11 +60,22 @@ struct fwu_writer {
 // Sets the scratch key to that of a dataset.
 void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname);
 
+// Mode of the files in the log directory, by the configuration's log-mode or the
+// directory's own mode; 0 or -1 (reported).
+int fwu_writer_mode(const std::string &directory, int log_mode, mode_t &mode);
+
+// Takes the writer's lock, which closing the descriptor releases.  The descriptor, or
+// -1 (reported, with the process that has it).
+int fwu_writer_lock(const std::string &directory, mode_t mode);
+
 // Cuts off what stands behind the last transaction; 0 or -1 (reported).
 int fwu_writer_cut_tail(fwu_writer &w);
 
 // Writes a log file's header, which it makes; 0, or -1 (reported).
 int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_file_header &header);
+
+// Whether the file holds zeros only: a system that went down before it wrote it.
+bool fwu_all_zero(const fwu_log_file &file);
 
 // Copies what stands at and behind an offset of a file into a file of its own, on
 // disk; 0, or -1 with errno and nothing left.

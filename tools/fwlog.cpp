@@ -17,6 +17,7 @@ static const char help_text[] =
     "       fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
     "       fwlog verify [-cfg FILE] [--json]\n"
     "       fwlog info [-cfg FILE] [--json]\n"
+    "       fwlog repair [-cfg FILE] [--dry-run] [--accept-loss] [--json]\n"
     "       fwlog prune [-cfg FILE] (--keep N | --before POSITION) [--status FILE ...]\n"
     "                   [--dry-run] [--json]\n"
     "       fwlog --help | --version\n"
@@ -29,6 +30,7 @@ static const char help_text[] =
     "  tail        prints the last transactions, and those to come\n"
     "  verify      reads every entry of a forward log and says what is damaged\n"
     "  info        tells files, positions, times and datasets of a forward log\n"
+    "  repair      cuts a damaged log back to what is whole\n"
     "  prune       removes old files of a forward log\n"
     "\n"
     "\"fwlog load --help\" and so on say more.\n";
@@ -146,6 +148,25 @@ static const char info_help_text[] =
     "\n"
     "Exit status: 0 done; 1 damage, or the log could not be read; 2 wrong command line.\n";
 
+static const char repair_help_text[] =
+    "Usage: fwlog repair [-cfg FILE] [--dry-run] [--accept-loss] [--json]\n"
+    "\n"
+    "Cuts a damaged log back to its last whole transaction before the first damage, and\n"
+    "says what is lost by that.  What is cut off is kept in the log directory: the end of\n"
+    "the damaged file as a copy, later files under other names.  A sound log stays as it\n"
+    "is.  No writer may run; readers may.\n"
+    "\n"
+    "  -cfg FILE      configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                 fwutil.cfg), which names the log directory\n"
+    "  --dry-run      only say what would be done\n"
+    "  --accept-loss  also cut off what was acknowledged, which its source does not send\n"
+    "                 again; better restore the log from a copy\n"
+    "  --json         one JSON object\n"
+    "  --help         print this\n"
+    "\n"
+    "Exit status: 0 sound, repaired, or (--dry-run) to be repaired; 1 error, or refused\n"
+    "without --accept-loss; 2 wrong command line.\n";
+
 static const char prune_help_text[] =
     "Usage: fwlog prune [-cfg FILE] (--keep N | --before POSITION) [--status FILE ...]\n"
     "                   [--dry-run] [--json]\n"
@@ -180,6 +201,7 @@ static const subcommand subcommands[] = {
     {"tail", fwlog_tail_main, tail_help_text},
     {"verify", fwlog_verify_main, verify_help_text},
     {"info", fwlog_info_main, info_help_text},
+    {"repair", fwlog_repair_main, repair_help_text},
     {"prune", fwlog_prune_main, prune_help_text},
 };
 

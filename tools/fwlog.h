@@ -15,6 +15,7 @@ int fwlog_postgresql_main(int argc, char **argv);
 int fwlog_verify_main(int argc, char **argv);
 int fwlog_info_main(int argc, char **argv);
 int fwlog_prune_main(int argc, char **argv);
+int fwlog_repair_main(int argc, char **argv);
 int fwlog_tail_main(int argc, char **argv);
 
 // The options of subcommands that only look at a log.

@@ -1,6 +1,5 @@
 // The load command and what its summary has acknowledged: it is on disk, and a log that
 // lacks it is refused until the remedy has been carried out.
-#include "tests/support/cut_back.h"
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 #include "tests/tools/log_lines.h"
@@ -100,12 +99,12 @@ TEST_F(FwlogAcknowledged, ByteChangedInTheLastCommitIsRefusedUntilTheFileIsResto
 
 TEST_F(FwlogAcknowledged, ALossThatIsAcceptedIsToldOnceAndLoadedAgain)
 {
-    ASSERT_EQ(load(1, 2).status, 0);
-    fwu_ack before;
-    ASSERT_EQ(fwu_ack_read(dir.file("log"), before), FWU_FOUND);
-    ASSERT_EQ(load(3, 3).status, 0);
-    ASSERT_TRUE(cut_back(dir.file("log"), file, before));
-    run_result result = load(1, 4);
+    ASSERT_NO_FATAL_FAILURE(lose_the_third());
+    expect_refused();
+    EXPECT_EQ(fwlog({"repair"}).status, 1);
+    run_result result = fwlog({"repair", "--accept-loss"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    result = load(1, 4);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "fwlog: warning: the log was cut back to 0/2, and had been acknowledged "
                           "up to 0/3: load all that came behind 0/2 again, else it is missing "

@@ -1,0 +1,48 @@
+// Entries against the layouts before them.
+#include "fwutil/fwu_layout_check.h"
+
+static void make_key(std::string &key, const char *dbname, const char *dsetname)
+{
+    key = dbname;
+    key += '\0';
+    key += dsetname;
+}
+
+static const char *check_change(fwu_layout_check &check, const fwu_entry &entry)
+{
+    fwu_change change;
+    if (!fwu_entry_change(entry, change))
+        return "the record is malformed";
+    make_key(check.key, change.dbname, change.dsetname);
+    const auto known = check.lengths.find(check.key);
+    return known != check.lengths.end() && known->second != change.reclen
+               ? "the record has another length than its dataset's layout"
+               : nullptr;
+}
+
+static const char *check_layout(fwu_layout_check &check, const fwu_entry &entry)
+{
+    fwu_layout layout;
+    if (!fwu_entry_layout(entry, layout))
+        return "the layout entry is malformed";
+    make_key(check.key, layout.dbname.c_str(), layout.dsetname.c_str());
+    check.lengths[check.key] = fwu_layout_image_length(layout);
+    return nullptr;
+}
+
+const char *fwu_layout_check_entry(fwu_layout_check &check, const fwu_entry &entry)
+{
+    fwu_session_view session;
+    switch (entry.kind) {
+    case FWU_KIND_INSERT:
+    case FWU_KIND_UPDATE:
+    case FWU_KIND_DELETE:
+        return check_change(check, entry);
+    case FWU_KIND_LAYOUT:
+        return check_layout(check, entry);
+    case FWU_KIND_SESSION:
+        return fwu_entry_session(entry, session) ? nullptr : "the session entry is malformed";
+    default:
+        return nullptr;
+    }
+}

@@ -1,0 +1,22 @@
+// Whether what the entries of a log file say fits together: checksums tell that nothing
+// changed, not that whoever wrote it was right.
+#ifndef FWUTIL_FWU_LAYOUT_CHECK_H
+#define FWUTIL_FWU_LAYOUT_CHECK_H
+
+#include "fwutil/fwu_entry.h"
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+
+// The layouts that stand in a file so far.  To be cleared where a file begins.
+struct fwu_layout_check {
+    std::unordered_map<std::string, int64_t> lengths; // of a record image, by dataset
+    std::string key;                                  // scratch
+};
+
+// Takes the next entry of a file; null, or what is wrong with it: it is malformed, or a
+// record has another length than the layout that stands for it.
+const char *fwu_layout_check_entry(fwu_layout_check &check, const fwu_entry &entry);
+
+#endif
