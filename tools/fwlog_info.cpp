@@ -1,4 +1,5 @@
 // fwlog info: files, positions, times and counts of a log.
+#include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_config.h"
 #include "tools/fwlog.h"
 #include "tools/fwlog_survey.h"
@@ -14,6 +15,9 @@ struct log_totals {
     int64_t bytes = 0;
     uint64_t transactions = 0;
     survey_datasets datasets;
+    fwu_identity identity; // of the newest file that has one
+    bool have_ack = false;
+    fwu_ack ack;
 };
 
 static std::string time_text(int64_t us)
@@ -34,6 +38,8 @@ static void add(log_totals &totals, const survey_file &facts)
     totals.files++;
     totals.bytes += facts.size;
     totals.transactions += facts.transactions;
+    if (facts.has_header && fwu_identity_known(facts.header.identity))
+        totals.identity = facts.header.identity;
     for (const auto &[name, counts] : facts.datasets) {
         survey_counts &sum = totals.datasets[name];
         sum.inserts += counts.inserts;
@@ -67,10 +73,30 @@ static void print_file(const survey_file &facts)
                facts.missing_from, facts.missing_to);
 }
 
+// Whose log it is, and how far it was acknowledged.
+static void print_log(const log_totals &totals)
+{
+    printf("identity          %s\n", fwu_identity_text(totals.identity).c_str());
+    if (!totals.have_ack)
+        puts("acknowledged      not known (no file \"acknowledged\")");
+    else if (totals.ack.position.tag == 0)
+        puts("acknowledged      nothing yet");
+    else
+        printf("acknowledged      position %s, source %s, committed %s\n",
+               fwu_position_text(totals.ack.position).c_str(),
+               pgl_text(totals.ack.commit.lsn).c_str(),
+               time_text(totals.ack.commit.time_us).c_str());
+    if (totals.ack.lost)
+        printf("lost              a repair cut the log back; it had been acknowledged up to source "
+               "%s\n",
+               pgl_text(totals.ack.commit.lsn).c_str());
+}
+
 static void print_totals(const log_totals &totals)
 {
     printf("%" PRIu64 " files, %" PRId64 " bytes, %" PRIu64 " transactions\n", totals.files,
            totals.bytes, totals.transactions);
+    print_log(totals);
     if (!totals.datasets.empty())
         printf("%-33s %10s %10s %10s\n", "dataset", "inserts", "updates", "deletes");
     for (const auto &[name, counts] : totals.datasets)
@@ -93,8 +119,19 @@ static void print_json_file(const survey_file &facts, bool first)
 
 static void print_json_totals(const log_totals &totals)
 {
-    printf("],\"bytes\":%" PRId64 ",\"transactions\":%" PRIu64 ",\"datasets\":[", totals.bytes,
-           totals.transactions);
+    printf("],\"bytes\":%" PRId64 ",\"transactions\":%" PRIu64 ",\"identity\":%s,\"acknowledged\":",
+           totals.bytes, totals.transactions,
+           survey_quoted(fwu_identity_text(totals.identity)).c_str());
+    const fwu_ack &ack = totals.ack;
+    const std::string position = fwu_position_text(ack.position);
+    if (totals.have_ack)
+        printf("{\"position\":%s,\"source\":%s,\"commit_us\":%" PRId64 ",\"lost\":%s}",
+               ack.position.tag == 0 ? "null" : survey_quoted(position).c_str(),
+               survey_quoted(pgl_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
+               ack.lost ? "true" : "false");
+    else
+        printf("null");
+    printf(",\"datasets\":[");
     const char *separator = "";
     for (const auto &[name, counts] : totals.datasets) {
         printf("%s{\"database\":%s,\"dataset\":%s,\"inserts\":%" PRIu64 ",\"updates\":%" PRIu64
@@ -124,6 +161,9 @@ int fwlog_info_main(int argc, char **argv)
         options.json ? print_json_file(facts, totals.files == 0) : print_file(facts);
         add(totals, facts);
     });
+    const fwu_found acked = fwu_ack_read(config.log_directory, totals.ack);
+    totals.have_ack = acked == FWU_FOUND;
+    sound = sound && acked != FWU_FAILED;
     options.json ? print_json_totals(totals) : print_totals(totals);
     return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
 }

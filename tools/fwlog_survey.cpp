@@ -1,6 +1,7 @@
 // What there is in a forward log, file by file.
 #include "tools/fwlog_survey.h"
 
+#include "fwutil/fwu_layout_check.h"
 #include "fwutil/fwutil.h"
 #include "tools/tmf_text.h"
 
@@ -27,21 +28,34 @@ static void take_commit(survey_file &into, const fwu_entry &entry, const fwu_com
     into.last_tag = entry.tag;
 }
 
-static void take_item(survey_file &into, const fwu_walk_item &item)
+static void take_entry(survey_file &into, const fwu_walk_item &item)
 {
     fwu_change change;
     fwu_commit_entry commit;
+    into.entries++;
+    if (fwu_entry_commit(item.entry, commit))
+        take_commit(into, item.entry, commit.commit);
+    else if (fwu_entry_change(item.entry, change))
+        take_change(into, change);
+}
+
+// Nonzero: the file is damaged here, though the checksums are right.
+static int take_item(survey_file &into, fwu_layout_check &layouts, const fwu_walk_item &item)
+{
+    const char *wrong = nullptr;
     switch (item.what) {
     case FWU_WALK_FILE:
         into.has_header = true;
         into.header = item.header;
         break;
     case FWU_WALK_ENTRY:
-        into.entries++;
-        if (fwu_entry_commit(item.entry, commit))
-            take_commit(into, item.entry, commit.commit);
-        else if (fwu_entry_change(item.entry, change))
-            take_change(into, change);
+        wrong = fwu_layout_check_entry(layouts, item.entry);
+        if (wrong == nullptr) {
+            take_entry(into, item);
+            break;
+        }
+        into.damage = wrong;
+        into.damage_at = item.offset;
         break;
     case FWU_WALK_TAIL:
         into.tail = item.length;
@@ -52,6 +66,7 @@ static void take_item(survey_file &into, const fwu_walk_item &item)
         into.damage_at = item.offset;
         break;
     }
+    return wrong != nullptr;
 }
 
 int fwlog_survey(const std::string &directory, const std::function<void(const survey_file &)> &take)
@@ -63,20 +78,17 @@ int fwlog_survey(const std::string &directory, const std::function<void(const su
     fwu_found found = FWU_END;
     for (size_t i = 0; i < files.size() && found != FWU_FAILED; i++) {
         survey_file facts;
+        fwu_layout_check layouts;
         facts.file = files[i];
         if (i > 0 && files[i].generation == files[i - 1].generation &&
             files[i].sequence != files[i - 1].sequence + 1) {
             facts.missing_from = files[i - 1].sequence + 1;
             facts.missing_to = files[i].sequence - 1;
         }
-        int ignored = 0; // the visitor never ends the walk
+        int ended = 0;
         found = fwu_log_walk_file(
             cursor, files[i], i + 1 == files.size(),
-            [&](const fwu_walk_item &item) {
-                take_item(facts, item);
-                return 0;
-            },
-            ignored);
+            [&](const fwu_walk_item &item) { return take_item(facts, layouts, item); }, ended);
         facts.size = cursor.size;
         if (found != FWU_FAILED && found != FWU_GONE)
             take(facts);

@@ -40,6 +40,38 @@ static void print_json(const survey_file &facts)
     puts("}");
 }
 
+// A line for a file that is not there, and of which something was acknowledged.
+static void print_missing(const fwu_ack &ack, const std::string &directory, bool json)
+{
+    survey_file facts;
+    facts.file.name = fwu_log_file_name(ack.position.generation, ack.position.sequence);
+    facts.file.path = directory + "/" + facts.file.name;
+    facts.damage = "the log file is missing, and the log was acknowledged up to position " +
+                   fwu_position_text(ack.position) + " in it";
+    if (json)
+        print_json(facts);
+    else
+        printf("%s: %s\n", facts.file.path.c_str(), facts.damage.c_str());
+}
+
+// Compares the log with what was acknowledged of it.  That the file it ends in holds as
+// much has been looked at with the file.  False: reported.
+static bool check_acknowledged(const std::string &directory, const fwu_position &end,
+                               const fwu_identity &identity, bool json)
+{
+    fwu_ack ack;
+    const fwu_found acked = fwu_ack_read(directory, ack);
+    if (acked != FWU_FOUND)
+        return acked != FWU_FAILED;
+    if (fwu_identity_known(identity) && identity != ack.identity)
+        return fwu_ack_foreign(directory, ack, identity) == 0;
+    if (std::pair(end.generation, end.sequence) >=
+        std::pair(ack.position.generation, ack.position.sequence))
+        return true;
+    print_missing(ack, directory, json);
+    return fwu_ack_missing(directory, ack, end, nullptr) == 0;
+}
+
 int fwlog_verify_main(int argc, char **argv)
 {
     fwlog_log_options options;
@@ -51,17 +83,14 @@ int fwlog_verify_main(int argc, char **argv)
         return FWLOG_EXIT_FAILED;
     bool sound = true;
     fwu_position end; // of the log: its last file
+    fwu_identity identity;
     const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
         sound = sound && facts.damage.empty() && facts.missing_from == 0;
-        end = {facts.file.generation, facts.file.sequence, static_cast<int32_t>(facts.entries)};
+        end = {facts.file.generation, facts.file.sequence, facts.last_tag};
+        if (facts.has_header && fwu_identity_known(facts.header.identity))
+            identity = facts.header.identity;
         options.json ? print_json(facts) : print_text(facts);
     });
-    // That the file it ends in holds as much has been looked at with the file.
-    fwu_ack ack;
-    const fwu_found acked = fwu_ack_read(config.log_directory, ack);
-    if (acked == FWU_FOUND && std::pair(end.generation, end.sequence) <
-                                  std::pair(ack.position.generation, ack.position.sequence))
-        sound = fwu_ack_missing(config.log_directory, ack, end, nullptr) == 0;
-    sound = sound && acked != FWU_FAILED;
+    sound = check_acknowledged(config.log_directory, end, identity, options.json) && sound;
     return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
 }
