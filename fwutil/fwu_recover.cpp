@@ -104,16 +104,18 @@ static void drop_older_pieces(const fwu_writer &w, const std::string &newest)
         closedir(dir);
 }
 
-int fwu_keep_piece(const std::string &from, int64_t offset, const std::string &to, mode_t mode)
+int fwu_keep_piece(const std::string &from, int64_t offset, int64_t end, const std::string &to,
+                   mode_t mode)
 {
     std::vector<unsigned char> bytes(COPY_SIZE);
     const int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
     const int out = in < 0 ? -1 : fwu_file_open(to, O_WRONLY | O_TRUNC, mode);
     bool good = out >= 0;
-    int64_t written = 0;
-    for (ssize_t n = 1; good && n > 0; written += n) {
-        n = pread(in, bytes.data(), bytes.size(), offset + written);
-        good = n >= 0 && fwu_write_all(out, bytes.data(), static_cast<size_t>(n), written) == 0;
+    int64_t at = offset;
+    for (ssize_t n = 1; good && n > 0 && at < end; at += n) {
+        const auto wanted = static_cast<size_t>(std::min(end - at, int64_t{COPY_SIZE}));
+        n = pread(in, bytes.data(), wanted, at);
+        good = n >= 0 && fwu_write_all(out, bytes.data(), static_cast<size_t>(n), at - offset) == 0;
     }
     good = good && fsync(out) == 0;
     const int failed = errno;
@@ -133,7 +135,7 @@ static int cut_off(fwu_writer &w, const fwu_cursor &cursor, int64_t length)
     const std::string name = "cut-" + w.file.name + "-" + std::to_string(w.end);
     const char *what = cursor.reason == nullptr ? "the rest of a transaction that was not finished"
                                                 : "never acknowledged, and not whole";
-    if (fwu_keep_piece(w.file.path, w.end, w.directory + "/" + name, w.file_mode) == 0) {
+    if (fwu_keep_piece(w.file.path, w.end, INT64_MAX, w.directory + "/" + name, w.file_mode) == 0) {
         drop_older_pieces(w, name);
         fwu_warn("%s: cut %lld bytes behind offset %lld: %s; kept in %s", w.file.path.c_str(),
                  static_cast<long long>(length), static_cast<long long>(w.end), what, name.c_str());

@@ -241,7 +241,7 @@ static int copy_end(const fwu_repair &repair, const fwu_kept &kept)
 {
     const std::string temporary = repair.directory + "/new-cut-piece";
     const std::string path = repair.directory + "/" + kept.name;
-    if (fwu_keep_piece(kept.file.path, kept.offset, temporary, repair.file_mode) != 0)
+    if (fwu_keep_piece(kept.file.path, kept.offset, INT64_MAX, temporary, repair.file_mode) != 0)
         return fwu_file_error(path, "cannot keep what is cut off; nothing was changed");
     if (rename(temporary.c_str(), path.c_str()) != 0) {
         (void)fwu_file_error(path, "cannot keep what is cut off; nothing was changed");
@@ -279,16 +279,24 @@ static int rename_file(const fwu_repair &repair, const fwu_kept &kept)
     return fwu_directory_sync(repair.directory);
 }
 
-static int cut_file(const fwu_kept &kept)
+// Puts what is whole of the damaged file in its place.  It becomes another file with the
+// same name, so that who has read further in the old one sees that it was replaced.
+static int cut_file(const fwu_repair &repair, const fwu_kept &kept)
 {
     const std::string &path = kept.file.path;
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    int result = 0;
-    if (fd < 0 || ftruncate(fd, kept.offset) != 0 || fsync(fd) != 0)
-        result = fwu_file_error(path, "cannot cut the log file back; repair again");
-    if (fd >= 0)
-        close(fd);
-    return result;
+    const std::string temporary = repair.directory + "/new-log-file";
+    struct stat about = {};
+    if (stat(path.c_str(), &about) == 0 &&
+        fwu_keep_piece(path, 0, kept.offset, temporary, repair.file_mode) == 0) {
+        // As it was, if the system lets us; else it is ours like all that we make.
+        (void)!chown(temporary.c_str(), about.st_uid, about.st_gid);
+        (void)chmod(temporary.c_str(), about.st_mode & 07777);
+        if (rename(temporary.c_str(), path.c_str()) == 0)
+            return fwu_directory_sync(repair.directory);
+    }
+    (void)fwu_file_error(path, "cannot cut the log file back; repair again");
+    (void)unlink(temporary.c_str()); // made anew by the next attempt
+    return -1;
 }
 
 int fwu_repair_carry_out(fwu_repair &repair)
@@ -301,7 +309,7 @@ int fwu_repair_carry_out(fwu_repair &repair)
     for (size_t i = repair.kept.size(); i > (cuts ? 1 : 0); i--)
         if (rename_file(repair, repair.kept[i - 1]) != 0)
             return -1;
-    return cuts ? cut_file(repair.kept.front()) : 0;
+    return cuts ? cut_file(repair, repair.kept.front()) : 0;
 }
 
 void fwu_repair_close(fwu_repair &repair)

@@ -77,9 +77,10 @@ int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_f
 // Whether the file holds zeros only: a system that went down before it wrote it.
 bool fwu_all_zero(const fwu_log_file &file);
 
-// Copies what stands at and behind an offset of a file into a file of its own, on
-// disk; 0, or -1 with errno and nothing left.
-int fwu_keep_piece(const std::string &from, int64_t offset, const std::string &to, mode_t mode);
+// Copies what stands between two offsets of a file, or up to its end, into a file of its
+// own, on disk; 0, or -1 with errno and nothing left.
+int fwu_keep_piece(const std::string &from, int64_t offset, int64_t end, const std::string &to,
+                   mode_t mode);
 
 // Name of the file in the log directory that remembers a failed sync.
 constexpr char FWU_SYNC_FAILED[] = "sync-failed";

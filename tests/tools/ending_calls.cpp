@@ -45,10 +45,4 @@ int rename(const char *from, const char *to) noexcept
     return fails() ? -1 : static_cast<int>(syscall(SYS_renameat2, -100, from, -100, to, 0));
 }
 
-// ftruncate64 to the linker, as file offsets have 64 bits.
-int ftruncate(int fd, off_t length) noexcept
-{
-    return fails() ? -1 : static_cast<int>(syscall(SYS_ftruncate, fd, length));
-}
-
 } // extern "C"

@@ -6,6 +6,7 @@
 #include "tests/support/log_header.h"
 #include "tests/tools/built_log.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <functional>
 #include <gmock/gmock.h>
@@ -236,7 +237,7 @@ TEST_F(FwlogRepairTest, ARunInsideWhatWasCutOffIsGivenAStartThatWorks)
 {
     const std::vector<std::string> capture = {kestro, "-synconly", "-ascii", "cap.txt"};
     make();
-    for (const size_t at : {510, 190}) { // in the second, in the first transaction of file 2
+    for (const size_t at : {510U, 190U}) { // in the second, in the first transaction of file 2
         put_back(whole);
         std::filesystem::remove(dir.file("fwutil.status"));
         ASSERT_EQ(run(capture).status, 0);
@@ -256,6 +257,35 @@ TEST_F(FwlogRepairTest, ARunInsideWhatWasCutOffIsGivenAStartThatWorks)
         EXPECT_EQ(result.status, 0) << result.err << lost.err;
         EXPECT_THAT(result.out, HasSubstr("12 records written to capture file cap.txt\n"));
     }
+}
+
+// One that is following, and has read on in the file that is cut, does not take what comes
+// to stand there for what it has read.
+TEST_F(FwlogRepairTest, ARunThatFollowsInsideWhatIsCutOffEndsWithAStartThatWorks)
+{
+    append(0, 4, true); // two files
+    run_setup options;
+    options.directory = dir.path();
+    const pid_t pid = start_program({kestro, "-ascii", "followed.txt"}, options,
+                                    dir.file("out.txt"), dir.file("err.txt"));
+    ASSERT_TRUE(poll_until([&] {
+        const std::string text = std::filesystem::exists(dir.file("followed.txt"))
+                                     ? read_file(dir.file("followed.txt"))
+                                     : "";
+        return std::count(text.begin(), text.end(), '\n') == 12;
+    }));
+    const int fd = open(file(2).c_str(), O_RDWR);
+    ASSERT_EQ(pwrite(fd, "?", 1, 560), 1); // in the last transaction
+    close(fd);
+    ASSERT_EQ(repair({"--accept-loss"}).status, 0);
+    EXPECT_EQ(wait_program(pid), 1);
+    const std::string err = read_file(dir.file("err.txt"));
+    EXPECT_THAT(err, HasSubstr("the log file was replaced while it was being read"));
+    append(7, 9, true); // one transaction where the lost one stood, one in a new file
+    const run_result result =
+        run({kestro, "-synconly", "-start", start_in(err), "-ascii", "again.txt"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("6 records written to capture file again.txt\n"));
 }
 
 class FwlogRepairAnywhere : public FwlogRepairTest {
