@@ -259,6 +259,46 @@ TEST_F(FwlogRepairTest, ARunInsideWhatWasCutOffIsGivenAStartThatWorks)
     }
 }
 
+// Each way out of damage, as the message and the operations page name them.
+TEST_F(FwlogRepairTest, ARunThatMeetsDamageGoesOnByEachRemedy)
+{
+    const std::vector<std::string> capture = {kestro, "-synconly", "-ascii", "cap.txt"};
+    for (const int remedy : {1, 2, 3}) {
+        SCOPED_TRACE(remedy);
+        std::filesystem::remove_all(dir.file("log"));
+        std::filesystem::remove(dir.file("fwutil.status"));
+        append(0, 2, true);
+        ASSERT_EQ(run(capture).status, 0);
+        append(2, 6, true);
+        const std::string copy = read_file(file(2));
+        flip(file(2), 510);
+        run_result result = run(capture);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_THAT(result.out, HasSubstr("3 records written"));
+        EXPECT_THAT(result.err,
+                    HasSubstr("log/fw0001-00000002.log: damaged at offset 480: the checksum of the "
+                              "entry's payload is wrong; restore the file from a copy, cut the log "
+                              "back to what is whole (fwlog repair), or leave the rest of the file "
+                              "out with the next one as start position (1-3.0)\n"));
+        EXPECT_EQ(run({program, "verify"}).status, 1);
+        if (remedy == 1) {
+            write_file(file(2), copy);
+            EXPECT_EQ(run({program, "verify"}).status, 0);
+            EXPECT_THAT(run(capture).out, HasSubstr("9 records written"));
+        } else if (remedy == 2) {
+            EXPECT_EQ(run({program, "repair", "--dry-run"}).status, 1);
+            EXPECT_EQ(run({program, "repair", "--accept-loss"}).status, 0);
+            append(3, 6, true); // loaded again
+            EXPECT_THAT(run(capture).out, HasSubstr("9 records written"));
+        } else {
+            std::vector<std::string> words = capture;
+            words.insert(words.begin() + 1, {"-start", "1-3.0"});
+            EXPECT_THAT(run(words).out, HasSubstr("6 records written"));
+            EXPECT_THAT(run(capture).out, HasSubstr("0 records written"));
+        }
+    }
+}
+
 // One that is following, and has read on in the file that is cut, does not take what comes
 // to stand there for what it has read.
 TEST_F(FwlogRepairTest, ARunThatFollowsInsideWhatIsCutOffEndsWithAStartThatWorks)
