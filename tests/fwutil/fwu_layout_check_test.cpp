@@ -1,0 +1,67 @@
+// Entries whose checksums are right, and which do not fit together.
+#include "fwutil/fwu_layout_check.h"
+
+#include "fwutil/fwutil.h"
+
+#include <gtest/gtest.h>
+
+class LayoutCheckTest : public testing::Test {
+  protected:
+    const char *check_entry(const std::vector<unsigned char> &bytes)
+    {
+        fwu_entry entry;
+        fwu_entry_fields(entry, bytes.data());
+        return fwu_layout_check_entry(check, entry);
+    }
+    static std::vector<unsigned char> layout(int32_t size, const char *dataset = "ORDERS")
+    {
+        std::vector<unsigned char> bytes;
+        fwu_entry_put_layout(
+            bytes, 1, {.dbname = "SALES", .dsetname = dataset, .items = {{"NO", 'X', size, 1, 0}}});
+        return bytes;
+    }
+    static std::vector<unsigned char> insert(int32_t length)
+    {
+        const std::vector<unsigned char> image(static_cast<size_t>(length));
+        std::vector<unsigned char> bytes;
+        fwu_entry_put_change(bytes, 1,
+                             {.dbname = "SALES",
+                              .dsetname = "ORDERS",
+                              .logtime = 1,
+                              .opcode = FWU_OP_INSERT,
+                              .recnum = 1,
+                              .reclen = length,
+                              .before = nullptr,
+                              .after = image.data()});
+        return bytes;
+    }
+    fwu_layout_check check;
+};
+
+TEST_F(LayoutCheckTest, ARecordHasTheLengthOfTheLayoutThatStandsForIt)
+{
+    EXPECT_EQ(check_entry(insert(7)), nullptr) << "no layout: nothing to compare with";
+    EXPECT_EQ(check_entry(layout(8)), nullptr);
+    EXPECT_EQ(check_entry(layout(7, "OTHERS")), nullptr);
+    EXPECT_EQ(check_entry(insert(8)), nullptr);
+    EXPECT_STREQ(check_entry(insert(7)), "the record has another length than its dataset's layout");
+    EXPECT_EQ(check_entry(layout(7)), nullptr);
+    EXPECT_EQ(check_entry(insert(7)), nullptr);
+}
+
+TEST_F(LayoutCheckTest, MalformedEntriesAreNamed)
+{
+    std::vector<unsigned char> bytes = insert(8);
+    bytes[FWU_ENTRY_HEADER_SIZE + 12] = 9; // length of an image
+    EXPECT_STREQ(check_entry(bytes), "the record is malformed");
+    bytes = layout(8);
+    bytes[FWU_ENTRY_HEADER_SIZE + 4] = 2; // number of items
+    EXPECT_STREQ(check_entry(bytes), "the layout entry is malformed");
+    fwu_session session;
+    session.user = "ann";
+    bytes.clear();
+    fwu_entry_put_session(bytes, 1, session);
+    EXPECT_EQ(check_entry(bytes), nullptr);
+    bytes[FWU_ENTRY_HEADER_SIZE] = 0xFF; // which texts are there
+    EXPECT_STREQ(check_entry(bytes), "the session entry is malformed");
+}
