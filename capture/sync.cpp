@@ -22,7 +22,11 @@ static struct {
     bool asked;        // the library asks at its moments
     bool soon;         // behind the record in hand
     int64_t synced_ms; // when the files were on disk last
+    int records;       // since the clock was looked at
 } g_sync;
+
+// While records come without a pause to rest in, the minute is over within a few of them.
+constexpr int CLOCK_EVERY = 16;
 
 // A clock that costs next to nothing; it goes on by a few milliseconds at a time.
 static int64_t now_ms()
@@ -34,7 +38,7 @@ static int64_t now_ms()
 
 void capture_sync_begin()
 {
-    g_sync = {false, false, now_ms()};
+    g_sync = {false, false, now_ms(), 0};
 }
 
 void capture_sync_soon()
@@ -49,7 +53,12 @@ static bool interval_is_over()
 
 static bool due_behind_record()
 {
-    return g_sync.soon || g_capture_settings.sync == SYNC_RECORD || interval_is_over();
+    if (g_sync.soon || g_capture_settings.sync == SYNC_RECORD)
+        return true;
+    if (g_capture_settings.sync != SYNC_INTERVAL && ++g_sync.records < CLOCK_EVERY)
+        return false;
+    g_sync.records = 0;
+    return interval_is_over();
 }
 
 int capture_sync_due(int when)

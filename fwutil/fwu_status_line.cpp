@@ -2,6 +2,7 @@
 // follows the position first: that is the same for all records of a transaction.
 #include "fwutil/fwu_status_line.h"
 
+#include "fwutil/fwu_bytes.h"
 #include "fwutil/fwu_crc32c.h"
 
 #include <climits>
@@ -108,10 +109,23 @@ std::string fwu_time_text(int64_t time_us)
 static constexpr char LOWER[] = "0123456789abcdef";
 static constexpr char UPPER[] = "0123456789ABCDEF";
 
+// Eight digits at once: each record changes as many.
+static void put_hex8(char *p, uint32_t value, char ten)
+{
+    uint64_t x = value; // becomes a byte for each digit, the first one lowest
+    x = (x >> 16 | x << 32) & 0x0000FFFF0000FFFF;
+    x = (x >> 8 & 0x000000FF000000FF) | (x & 0x000000FF000000FF) << 16;
+    x = (x >> 4 & 0x000F000F000F000F) | (x & 0x000F000F000F000F) << 8;
+    const uint64_t letters = (x + 0x0606060606060606) >> 4 & 0x0101010101010101;
+    x += 0x3030303030303030 + letters * static_cast<uint64_t>(ten - '0' - 10);
+    put_le64(reinterpret_cast<unsigned char *>(p), x);
+}
+
+// digits: a multiple of 8.
 static void put_hex(char *p, uint64_t value, size_t digits, const char (&letters)[17])
 {
-    for (size_t i = digits; i > 0; i--, value >>= 4)
-        p[i - 1] = letters[value & 0xF];
+    for (size_t i = 0; i < digits; i += 8)
+        put_hex8(p + i, static_cast<uint32_t>(value >> 4 * (digits - 8 - i)), letters[10]);
 }
 
 static void put_word(char *line, size_t at, std::string_view word)
