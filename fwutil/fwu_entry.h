@@ -3,6 +3,7 @@
 #ifndef FWUTIL_FWU_ENTRY_H
 #define FWUTIL_FWU_ENTRY_H
 
+#include "fwutil/fwu_bytes.h"
 #include "fwutil/fwu_identity.h"
 #include "fwutil/fwu_items.h"
 #include "fwutil/fwu_session.h"
@@ -127,7 +128,15 @@ bool fwu_file_header_whole(const unsigned char *in);
 const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in);
 
 // Fills entry from an entry in memory that was checked before.
-void fwu_entry_fields(fwu_entry &entry, const unsigned char *in);
+inline void fwu_entry_fields(fwu_entry &entry, const unsigned char *in)
+{
+    entry.length = get_le32(in);
+    entry.kind = get_le16(in + 4);
+    entry.flags = get_le16(in + 6);
+    entry.tag = static_cast<int32_t>(get_le32(in + 8));
+    entry.payload_length = entry.length - FWU_ENTRY_HEADER_SIZE;
+    entry.payload = in + FWU_ENTRY_HEADER_SIZE;
+}
 
 // What is said of an entry that a newer version has written, rather than damaged.
 extern const char FWU_UNKNOWN_KIND[];
