@@ -33,8 +33,7 @@ ebmf *ebmf_fopen(const char *path, int tmf_mode, uint32_t ascii_flags)
         file->tmfh = tmfh;
         return file;
     }
-    int64_t size = 0;
-    const int fd = text_open(path, ascii_flags, &size);
+    const int fd = text_open(path, ascii_flags);
     FILE *fp = fd < 0 ? nullptr : fdopen(fd, "w");
     if (fp == nullptr) {
         fil_open_os_errno = errno;
@@ -44,34 +43,45 @@ ebmf *ebmf_fopen(const char *path, int tmf_mode, uint32_t ascii_flags)
     }
     ebmf *file = new_ebmf(ascii_flags);
     file->textfp = fp;
-    file->text_size = size;
     return file;
 }
 
-// Takes back what a failed write left of its record, so that the next record
-// begins a line.  A pipe or a device refuses, and has nothing to take back.
-static void cut_to_whole_records(ebmf *file)
+// Takes back what a failed write left of its record, so that the next record begins a
+// line: unless somebody else's lines came between its pieces or stand behind it.  A
+// pipe or a device refuses, and has nothing to take back.
+static void cut_to_whole_records(int fd, off_t begin, off_t end)
 {
     struct stat st = {};
-    if (fstat(fileno(file->textfp), &st) != 0 || !S_ISREG(st.st_mode) ||
-        st.st_size <= file->text_size)
+    if (begin == end || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
         return;
-    if (ftruncate(fileno(file->textfp), file->text_size) == 0)
-        (void)lseek(fileno(file->textfp), file->text_size, SEEK_SET); // regular: cannot fail
+    if (st.st_size == end && ftruncate(fd, begin) == 0)
+        (void)lseek(fd, begin, SEEK_SET); // regular: cannot fail
 }
 
 // Writes the whole text past the stream's buffer: it is there for a reader, and a
 // full disk is seen, before the call returns.
 static bool write_text(int fd, const char *text, size_t size)
 {
+    off_t begin = 0; // of the piece that is there, and its end
+    off_t end = 0;
     while (size != 0) {
         const ssize_t n = write(fd, text, size);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
+        if (n <= 0) {
+            const int error = errno;
+            cut_to_whole_records(fd, begin, end);
+            errno = error;
             return false;
+        }
         text += n;
         size -= static_cast<size_t>(n);
+        if (size != 0) {
+            const off_t at = lseek(fd, 0, SEEK_CUR);
+            if (begin == end || at - n != end)
+                begin = at - n;
+            end = at;
+        }
     }
     return true;
 }
@@ -81,15 +91,7 @@ static int write_line(ebmf *file, char *buffer, int32_t length)
     buffer[length] = '\n';
     buffer[length + 1] = '\0';
     // Kept: the line is written up to its first NUL; only -dirty lets one in.
-    const size_t size = strlen(buffer);
-    if (!write_text(fileno(file->textfp), buffer, size)) {
-        const int error = errno;
-        cut_to_whole_records(file);
-        errno = error;
-        return 1;
-    }
-    file->text_size += static_cast<int64_t>(size);
-    return 0;
+    return write_text(fileno(file->textfp), buffer, strlen(buffer)) ? 0 : 1;
 }
 
 int ebmf_fwrite(ebmf *file, char *buffer, int32_t length)

@@ -9,11 +9,10 @@
 #include <cstdio>
 
 struct ebmf {
-    int32_t is_text;   // the ascii_flags given at open; nonzero: a text file
-    tmf_handle *tmfh;  // owned; message-file handle, null for a text file
-    FILE *textfp;      // owned; stream of a text file; its buffer stays empty
-    int32_t os_errno;  // error number shown for text files; nothing sets it
-    int64_t text_size; // where the text file's last whole record ends
+    int32_t is_text;  // the ascii_flags given at open; nonzero: a text file
+    tmf_handle *tmfh; // owned; message-file handle, null for a text file
+    FILE *textfp;     // owned; stream of a text file; its buffer stays empty
+    int32_t os_errno; // error number shown for text files; nothing sets it
 };
 
 // errno of the last failed open of a text file; cleared by the next open and

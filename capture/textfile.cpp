@@ -75,8 +75,12 @@ static bool cut_open_file(int fd, const std::string &path, int64_t at)
         return false;
     const std::string kept = path + ".cut";
     const std::string part = kept + ".part";
-    // A name of its own first: a copy that fails leaves an older piece as it is.
-    const int to = open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0666);
+    // A name of its own first: a copy that fails leaves an older piece as it is.  What has
+    // that name, of a run that was killed or a foreign one, is not written to.
+    if (unlink(part.c_str()) != 0 && errno != ENOENT)
+        return false;
+    const int to =
+        open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, st.st_mode & 0666);
     if (to < 0)
         return false;
     const bool copied = copy_rest(fd, to, at, st.st_size) && fsync(to) == 0;
@@ -163,22 +167,17 @@ static bool find_last_line(int fd, int64_t size, int64_t *end)
 
 // Where a run goes on in a file that is there; what a kill or a power cut left of a
 // record behind its last whole line comes again.
-static bool take_up(const char *path, uint32_t ascii_flags, int64_t *size)
+static bool take_up(const char *path, uint32_t ascii_flags, int64_t size)
 {
-    if (*size == 0 || (ascii_flags & ASCII_DIRTY) != 0)
+    if ((ascii_flags & ASCII_DIRTY) != 0)
         return true;
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
     int64_t end = 0;
-    const bool found = find_last_line(fd, *size, &end);
+    const bool found = find_last_line(fd, size, &end);
     close_quietly(fd);
-    if (!found)
-        return false;
-    if (end < *size && text_cut(path, end, "a line without its end") != 0)
-        return false;
-    *size = end;
-    return true;
+    return found && (end == size || text_cut(path, end, "a line without its end") == 0);
 }
 
 static int open_by_mode(const char *path)
@@ -187,7 +186,8 @@ static int open_by_mode(const char *path)
     constexpr mode_t mode = 0666;
     switch (g_capture_settings.text) {
     case TEXT_APPEND:
-        return open(path, flags, mode);
+        // Behind whatever is there at each write: the file may be open elsewhere, too.
+        return open(path, flags | O_APPEND, mode);
     case TEXT_NEW: {
         const int fd = open(path, flags | O_EXCL, mode);
         struct stat st = {};
@@ -203,18 +203,15 @@ static int open_by_mode(const char *path)
     return open(path, flags | O_TRUNC, mode);
 }
 
-int text_open(const char *path, uint32_t ascii_flags, int64_t *size)
+int text_open(const char *path, uint32_t ascii_flags)
 {
     const int fd = open_by_mode(path);
     struct stat st = {};
-    *size = 0;
     if (fd < 0)
         return -1;
     bool good = fstat(fd, &st) == 0;
-    if (good && S_ISREG(st.st_mode) && st.st_size != 0) { // only when it is appended to
-        *size = st.st_size;
-        good = take_up(path, ascii_flags, size) && lseek(fd, *size, SEEK_SET) >= 0;
-    }
+    if (good && S_ISREG(st.st_mode) && st.st_size != 0) // only when it is appended to
+        good = take_up(path, ascii_flags, st.st_size);
     if (good)
         return fd;
     close_quietly(fd);

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -128,6 +130,90 @@ TEST_F(TextFile, AppendRefusesAFileWhoseRestCannotBeKept)
     EXPECT_TRUE(fil_open_os_errno == EISDIR || fil_open_os_errno == ENOTEMPTY);
     EXPECT_EQ("a\ntorn", content());
     EXPECT_FALSE(std::filesystem::exists(name + ".cut.part"));
+}
+
+// Whatever has the copy's name: it is neither waited for nor followed.
+TEST_F(TextFile, WhatHasTheNameOfAnUnfinishedCopyIsNotWrittenTo)
+{
+    const std::string part = name + ".cut.part";
+    const std::string foreign = dir.file("foreign");
+    const struct {
+        const char *what;
+        std::function<int()> make;
+    } cases[] = {
+        {"pipe", [&] { return mkfifo(part.c_str(), 0600); }},
+        {"symbolic link", [&] { return symlink(foreign.c_str(), part.c_str()); }},
+        {"hard link", [&] { return link(foreign.c_str(), part.c_str()); }},
+    };
+    write_file(foreign, "foreign\n");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        write_file(name, "a\ntorn");
+        ASSERT_EQ(0, c.make());
+        // A waiting open is ended by a reader that goes at once.
+        const int reader = open(part.c_str(), O_RDONLY | O_NONBLOCK);
+        run(TEXT_APPEND);
+        close(reader);
+        EXPECT_EQ("a\none\ntwo\n", content());
+        EXPECT_EQ("foreign\n", read_file(foreign));
+        EXPECT_EQ("torn", std::filesystem::is_regular_file(name + ".cut") ? read_file(name + ".cut")
+                                                                          : "no file");
+        EXPECT_FALSE(std::filesystem::exists(part));
+        std::filesystem::remove(name + ".cut");
+    }
+    write_file(name, "a\ntorn");
+    std::filesystem::create_directory(part);
+    EXPECT_EQ(nullptr, ebmf_fopen(name.c_str(), 0, ASCII_ON));
+    EXPECT_EQ("a\ntorn", content());
+}
+
+TEST_F(TextFile, AppendGoesBehindTheLinesOfOthers)
+{
+    g_capture_settings.text = TEXT_APPEND;
+    write_file(name, "before\n");
+    ebmf *one = ebmf_fopen(name.c_str(), 0, ASCII_ON);
+    ebmf *two = ebmf_fopen(name.c_str(), 0, ASCII_ON);
+    ASSERT_TRUE(one != nullptr && two != nullptr);
+    std::string expected = "before\n";
+    for (const char *text : {"a##", "b##", "c##"}) {
+        for (ebmf *file : {one, two}) {
+            char record[] = "1x##";
+            record[0] = file == one ? '1' : '2';
+            record[1] = text[0];
+            EXPECT_EQ(0, ebmf_fwrite(file, record, 2));
+            expected += std::string(record, 2) + "\n";
+        }
+    }
+    EXPECT_EQ(expected, content());
+    ebmf_fclose(one);
+    ebmf_fclose(two);
+}
+
+// What stands behind the own lines when a write fails is somebody's.
+TEST_F(TextFile, AFailedWriteTakesBackNoLinesOfOthers)
+{
+    g_capture_settings.text = TEXT_APPEND;
+    ebmf *file = ebmf_fopen(name.c_str(), 0, ASCII_ON);
+    ASSERT_NE(nullptr, file);
+    char first[] = "first##";
+    EXPECT_EQ(0, ebmf_fwrite(file, first, 5));
+    {
+        std::ofstream other(name, std::ios::app);
+        other << "other\n";
+    }
+    rlimit old = {};
+    getrlimit(RLIMIT_FSIZE, &old);
+    void (*handler)(int) = signal(SIGXFSZ, SIG_IGN);
+    for (const rlim_t size : {12U, 15U}) { // nothing of the record fits, or three bytes
+        const rlimit limit = {size, old.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        char record[] = "record##";
+        EXPECT_NE(0, ebmf_fwrite(file, record, 6));
+        setrlimit(RLIMIT_FSIZE, &old);
+        EXPECT_EQ("first\nother\n", content());
+    }
+    signal(SIGXFSZ, handler);
+    ebmf_fclose(file);
 }
 
 TEST_F(TextFile, NewRefusesAFileThatIsThere)
