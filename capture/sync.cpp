@@ -86,8 +86,12 @@ static bool sync_directory(const std::string &path)
 {
     const std::string directory = path.substr(0, path.rfind('/') + 1);
     const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 && errno == EACCES) { // one may write in it and not read it
+        sync();
+        return true;
+    }
     if (fd < 0)
-        return errno == EACCES; // one may write in it and not read it
+        return false;
     const bool synced = fsync(fd) == 0 || errno == EINVAL;
     const int error = errno;
     (void)close(fd); // nothing was written to it
@@ -134,14 +138,14 @@ const char *capture_sync(capinfo *ci)
     return mark.c_str();
 }
 
-// Brings the file of a line to disk.  moved: it is not there under that name.
+// Brings the file of a line to disk.  moved: it is not to be had under that name.
 static bool sync_line(const mark_line &line, bool *moved)
 {
     const int fd = open(line.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat st = {};
     if (fd < 0) {
-        *moved = *moved || line.inode != 0;
-        return errno == ENOENT || errno == ENOTDIR;
+        *moved = *moved || line.inode != 0 || errno == EACCES;
+        return errno == ENOENT || errno == ENOTDIR || errno == EACCES;
     }
     const bool synced = fstat(fd, &st) == 0 && (fdatasync(fd) == 0 || errno == EINVAL);
     const int error = errno;

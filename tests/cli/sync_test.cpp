@@ -4,6 +4,7 @@
 #include "tests/procs/growing_log.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 using testing::HasSubstr;
 
@@ -116,6 +117,41 @@ TEST_F(LogSync, WhatAKilledRunLeftIsOnDiskBeforeTheNextRunsPosition)
         EXPECT_THAT(before, HasSubstr("msg 4630\n"));
         EXPECT_THAT(before, HasSubstr(moved ? "everything\n" : capture_of(3).c_str()));
     }
+}
+
+// A file that its owner has closed to others, or whose directory is: what the system
+// has of it goes to disk with everything else.
+TEST_F(LogSync, WhatAKilledRunLeftNeedNotBeOpenToTheNextRun)
+{
+    options.env["KESTRO_SYNC"] = "interval 86400000";
+    std::filesystem::create_directory(dir.file("in"));
+    const pid_t pid =
+        start_program({KESTRO_BUILD_DIR "/bin/Kestro", "-ascii", "in/cap"}, options, "", "");
+    EXPECT_TRUE(poll_until([&] { return read_file(dir.file("in/cap")).size() == 3 * LINE; }, 10));
+    kill(pid, SIGKILL);
+    wait_program(pid);
+    const std::string status = read_file(dir.file("fwutil.status"));
+    const std::string nobody =
+        geteuid() == 0 ? "exec setpriv --reuid 65534 --regid 65534 --clear-groups " : "exec ";
+    const run_result owner = run_program(
+        {"sh", "-c",
+         geteuid() == 0 ? "chmod 755 . && chown -R 65534:65534 . && chown 0 in in/cap" : ":"},
+        options);
+    ASSERT_EQ(0, owner.status) << owner.err;
+    for (const char *closed : {"chmod 0 in/cap", "chmod 644 in/cap; chmod 311 in", "chmod 0 in"}) {
+        SCOPED_TRACE(closed);
+        for (const char *name : {"n", "next"})
+            std::filesystem::remove(dir.file(name));
+        write_file(dir.file("fwutil.status"), status);
+        const run_result run = run_program(
+            {"sh", "-c",
+             closed + ("; " + nobody) + KESTRO_BUILD_DIR "/bin/Kestro -synconly -ascii next"},
+            options);
+        EXPECT_EQ(0, run.status) << run.err;
+        EXPECT_EQ("", run.err);
+        EXPECT_THAT(notes().substr(0, notes().find("position\n")), HasSubstr("everything\n"));
+    }
+    run_program({"chmod", "755", "in"}, options);
 }
 
 TEST_F(LogSync, AFileThatHasRolledOverIsOnDiskWhenItIsClosed)
