@@ -2,6 +2,8 @@
 // of it comes again.  It is taken out of the way and kept in a file beside.
 #include "capture/sync.h"
 
+#include "capture/capinfo.h"
+#include "capture/copyname.h"
 #include "capture/syncmark.h"
 #include "capture/textfile.h"
 #include "driver/globals.h"
@@ -15,6 +17,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 static int failed(const char *detail, const mark_line &line)
 {
@@ -77,24 +80,47 @@ static int resume_message(const mark_line &line)
     return 0;
 }
 
+// The file of a line as it is now, if it is still that one.  1: it is, 0: it is gone or
+// another one, -1: failed (reported).
+static int look_at(const mark_line &line, struct stat &st)
+{
+    if (stat(line.path.c_str(), &st) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR)
+            return failed(strerror(errno), line);
+        return 0; // somebody has taken it
+    }
+    return S_ISREG(st.st_mode) && (line.inode == 0 || line.inode == st.st_ino) ? 1 : 0;
+}
+
 int capture_resume(const char *mark)
 {
     mark_line line;
+    std::vector<mark_line> lines;
+    std::vector<std::string> files;
+    struct stat st = {};
     bool good = true;
     while (mark_next(&mark, line, &good)) {
-        struct stat st = {};
-        if (stat(line.path.c_str(), &st) != 0) {
-            if (errno != ENOENT && errno != ENOTDIR)
-                return failed(strerror(errno), line);
-            continue; // somebody has taken it
-        }
-        if (!S_ISREG(st.st_mode) || (line.inode != 0 && line.inode != st.st_ino))
-            continue; // another one of that name
-        const int rc = line.is_text ? resume_text(line, st.st_size) : resume_message(line);
-        if (rc != 0)
-            return rc;
+        const int there = look_at(line, st);
+        if (there < 0)
+            return there;
+        if (there == 0)
+            continue;
+        lines.push_back(line);
+        files.push_back(line.path);
     }
     if (!good)
         return set_error_f("The status file's mark of the capture files cannot be read: %s", mark);
+    std::vector<std::string> others = files;
+    for (int i = 0; i < ci_get_ncf(g_ci); i++)
+        others.emplace_back(g_ci->capfiles[i]->name);
+    if (const int rc = check_copy_names(files, others); rc != 0)
+        return rc;
+    for (const mark_line &each : lines) {
+        int rc = look_at(each, st);
+        if (rc > 0)
+            rc = each.is_text ? resume_text(each, st.st_size) : resume_message(each);
+        if (rc != 0)
+            return rc;
+    }
     return 0;
 }

@@ -3,6 +3,7 @@
 #include "driver/session.h"
 
 #include "capture/capinfo.h"
+#include "capture/copyname.h"
 #include "capture/settings.h"
 #include "capture/sync.h"
 #include "capture/write.h"
@@ -34,6 +35,8 @@ int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const cha
 {
     // Before the shell has its answer, the PID file and anything else.
     int rc = read_capture_settings();
+    if (rc == 0)
+        rc = capture_check_names(ci);
     if (rc != 0)
         return rc;
     if ((g_flags & FLAG_BG) != 0)

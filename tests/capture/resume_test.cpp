@@ -218,6 +218,27 @@ TEST_F(Resume, WhatCannotBeKeptStopsTheRun)
     EXPECT_EQ(std::string(line_0) + line_1, read_file(text));
 }
 
+// The copy beside would take the place of a capture file.
+TEST_F(Resume, ACaptureFileThatIsTheCopyOfAnotherStopsTheRunBehindAPowerCut)
+{
+    const std::string copy = dir.path() + "/./cap.cut";
+    add_file(text, text_options());
+    add_file(copy, text_options());
+    write();
+    const std::string first = mark();
+    write();
+    close_files();
+    const std::string both = std::string(line_0) + line_1;
+    for (const bool in_mark : {true, false}) {
+        if (!in_mark)
+            add_file(copy);
+        EXPECT_EQ(-1, resume(in_mark ? first : first.substr(0, first.find('\n') + 1)));
+        EXPECT_NE(std::string::npos, told.find("cap.cut has the name of the copy that ")) << told;
+        EXPECT_EQ(both, read_file(text));
+        EXPECT_EQ(both, read_file(copy));
+    }
+}
+
 TEST_F(Resume, AMarkThatIsNoneStopsTheRun)
 {
     for (const char *bad : {"file text 1 2 3", "file thing 1 2 0000000000000000 /x\n", "x\n",

@@ -149,6 +149,29 @@ TEST_F(Remedy, KilledRunsThatAppend)
     EXPECT_EQ(whole, lines);
 }
 
+// The copy of a torn line would take the place of another capture file of the run.
+TEST_F(Remedy, ACaptureFileWithTheNameOfACopyGetsAnotherName)
+{
+    const auto whole = all();
+    write_file(dir.file("a"), "torn");
+    write_file(dir.file("a.cut"), "line\n");
+    std::filesystem::create_symlink("a.cut", dir.file("link"));
+    for (const char *files : {"-ascii a -ascii a.cut", "-ascii ./a.cut -ascii a", "-ascii a link",
+                              "-ascii a -dset @ -ascii link"}) {
+        SCOPED_TRACE(files);
+        const run_result run = sh(std::string("KESTRO_TEXT=append $K ") + files);
+        EXPECT_EQ(1, run.status);
+        EXPECT_THAT(run.err, HasSubstr(" has the name of the copy that "));
+        EXPECT_EQ("torn", read_file(dir.file("a")));
+        EXPECT_EQ("line\n", read_file(dir.file("a.cut")));
+        EXPECT_FALSE(std::filesystem::exists(dir.file("fwutil.status")));
+    }
+    EXPECT_EQ(0, sh("KESTRO_TEXT=append $K -ascii a -ascii b").status);
+    EXPECT_EQ(whole, records(read_file(dir.file("a"))));
+    EXPECT_EQ(whole, records(read_file(dir.file("b"))));
+    EXPECT_EQ("torn", read_file(dir.file("a.cut")));
+}
+
 // A kill, and a start on a system that says it has been started anew: what came behind
 // the position on disk is taken away and comes again.
 TEST_F(Remedy, APowerCutAndARunThatAppends)

@@ -1,0 +1,49 @@
+// Which capture file has the name of another one's copy.
+#include "capture/copyname.h"
+
+#include "capture/capinfo.h"
+#include "capture/settings.h"
+#include "driver/log.h"
+
+#include <filesystem>
+#include <system_error>
+
+// What a name stands for, whether it is there or not.
+static std::filesystem::path resolved(const std::string &name)
+{
+    std::error_code error;
+    const std::filesystem::path path = std::filesystem::absolute(name, error);
+    std::filesystem::path result = std::filesystem::weakly_canonical(path, error);
+    return error ? path.lexically_normal() : result;
+}
+
+int check_copy_names(const std::vector<std::string> &cut, const std::vector<std::string> &others)
+{
+    for (const std::string &file : cut) {
+        const auto kept = resolved(file + ".cut");
+        const auto part = resolved(file + ".cut.part");
+        for (const std::string &other : others) {
+            const auto path = resolved(other);
+            if (path == kept || path == part)
+                return set_error_f("Capture file %s has the name of the copy that is kept of what "
+                                   "is cut off capture file %s: move it away and name another file",
+                                   other.c_str(), file.c_str());
+        }
+    }
+    return 0;
+}
+
+int capture_check_names(const capinfo *ci)
+{
+    std::vector<std::string> cut;
+    std::vector<std::string> others;
+    if (g_capture_settings.text != TEXT_APPEND)
+        return 0;
+    for (int i = 0; i < ci_get_ncf(ci); i++) {
+        const capfil *cf = ci->capfiles[i];
+        others.emplace_back(cf->name);
+        if (cf->ascii_flags != 0 && (cf->ascii_flags & ASCII_DIRTY) == 0)
+            cut.emplace_back(cf->name);
+    }
+    return check_copy_names(cut, others);
+}
