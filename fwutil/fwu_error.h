@@ -2,6 +2,11 @@
 #ifndef FWUTIL_FWU_ERROR_H
 #define FWUTIL_FWU_ERROR_H
 
+// Behind each advice to start a run again or elsewhere: a program may empty at its start
+// what the records before are in.
+constexpr char FWU_KEEP_FIRST[] =
+    "; a start may empty the program's text files: keep them aside first";
+
 // The name in front of every line; a program that uses the library's parts sets
 // its own.  The text is not copied.
 void fwu_set_program(const char *name);

@@ -55,9 +55,9 @@ int fwu_log_damage(const fwu_cursor &cursor)
 {
     return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, cut the "
                      "log back to what is whole (fwlog repair), or leave the rest of the file out "
-                     "with the next one as start position (%d-%d.0)",
+                     "with the next one as start position (%d-%d.0)%s",
                      cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at), cursor.reason,
-                     cursor.file.generation, cursor.file.sequence + 1);
+                     cursor.file.generation, cursor.file.sequence + 1, FWU_KEEP_FIRST);
 }
 
 // Pauses before further looks at what seems damaged, and the length of the first;
@@ -83,10 +83,10 @@ static fwu_found find_next_file(const fwu_log &log, fwu_log_file &next)
     if (log.cursor.fd >= 0 && found->generation == present.generation &&
         found->sequence != present.sequence + 1) {
         fwu_error("%s/%s: the log file is missing, the next one there is %s; restore it, or begin "
-                  "with that file (start position %d-%d.0)",
+                  "with that file (start position %d-%d.0)%s",
                   log.directory.c_str(),
                   fwu_log_file_name(present.generation, present.sequence + 1).c_str(),
-                  found->name.c_str(), found->generation, found->sequence);
+                  found->name.c_str(), found->generation, found->sequence, FWU_KEEP_FIRST);
         return FWU_FAILED;
     }
     next = std::move(*found);

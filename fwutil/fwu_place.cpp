@@ -42,12 +42,13 @@ static bool is_older(const fwu_cursor &cursor, const fwu_place &place)
 // How to go on from a place that this log does not have.
 static std::string remedy(const std::string &directory, const fwu_place &place)
 {
-    static const char end[] = "; or restore the log that belongs to it, or name another status "
-                              "file";
+    static const std::string end = std::string("; or restore the log that belongs to it, or name "
+                                               "another status file") +
+                                   FWU_KEEP_FIRST;
     std::vector<fwu_log_file> files;
     if (fwu_log_list(directory, files) != 0 || files.empty())
         return "to begin with the first record that this log will have, remove the status file" +
-               std::string(end);
+               end;
     fwu_cursor cursor;
     fwu_position behind = {files.front().generation, files.front().sequence, 0};
     bool older = true;
@@ -150,5 +151,6 @@ int fwu_place_look(const std::string &directory, const fwu_cursor &cursor, const
               there ? "replaced" : "removed, and no newer one is there,");
     if (fwu_place_named(place) && fwu_place_check(directory, place, what) != 0)
         return -1;
-    return fwu_error("%s: start again to go on with the log that is there now", what.c_str());
+    return fwu_error("%s: start again to go on with the log that is there now%s", what.c_str(),
+                     FWU_KEEP_FIRST);
 }

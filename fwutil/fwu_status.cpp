@@ -22,8 +22,8 @@ constexpr int READ_TRIES = 100;
 static int damaged(const std::string &path)
 {
     return fwu_error("%s: the status file is damaged; give the position that you know as start "
-                     "position, or remove the file to begin with the log's oldest record",
-                     path.c_str());
+                     "position, or remove the file to begin with the log's oldest record%s",
+                     path.c_str(), FWU_KEEP_FIRST);
 }
 
 int fwu_status_read(const std::string &path, fwu_status_text &text)
@@ -128,9 +128,9 @@ static int read_locked(fwu_status &status, bool overridden)
                  status.path.c_str());
     else if (text.log_directory != status.log_directory)
         return fwu_error("%s: the status file belongs to the log in %s, the configuration names "
-                         "%s; use another status file, or give a start position",
+                         "%s; use another status file, or give a start position%s",
                          status.path.c_str(), text.log_directory.c_str(),
-                         status.log_directory.c_str());
+                         status.log_directory.c_str(), FWU_KEEP_FIRST);
     status.found = text;
     status.place = text.live;
     if (!text.fresh)
@@ -254,11 +254,12 @@ static int check_name(const fwu_status &status)
     if (fwu_status_file_named(status.path, status.fd))
         return 0;
     return fwu_error("%s: the status file was removed or replaced while in use; the position is "
-                     "%s, give it as start position",
+                     "%s, give it as start position%s",
                      status.path.c_str(),
                      fwu_place_named(status.place)
                          ? fwu_position_text(status.place.position).c_str()
-                         : "that of the oldest record");
+                         : "that of the oldest record",
+                     FWU_KEEP_FIRST);
 }
 
 int fwu_status_force(fwu_status &status, const std::string &boot, const char *mark)

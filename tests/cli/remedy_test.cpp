@@ -22,12 +22,17 @@ class Remedy : public testing::Test {
                        {"K", KESTRO_BUILD_DIR "/bin/Kestro -synconly"},
                        {"TMF", KESTRO_BUILD_DIR "/bin/tmf"}};
         options.unset = {"KESTRO_SYNC", "KESTRO_TEXT", "LD_LIBRARY_PATH"};
+        append(RECORDS);
+    }
+
+    void append(int n)
+    {
         fwu_config config;
         ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
         fwu_writer *writer = nullptr;
         ASSERT_EQ(fwu_writer_open(&writer, config), 0);
-        for (int n = 1; n <= RECORDS; n += 100)
-            EXPECT_TRUE(append_transaction(writer, n, 100));
+        for (const int end = logged + n; logged < end; logged += 100)
+            EXPECT_TRUE(append_transaction(writer, logged + 1, 100));
         fwu_writer_close(writer);
     }
 
@@ -55,6 +60,7 @@ class Remedy : public testing::Test {
 
     tempdir dir;
     run_setup options;
+    int logged = 0;
 };
 
 TEST_F(Remedy, AFullDiskAndARunThatAppends)
@@ -147,6 +153,34 @@ TEST_F(Remedy, KilledRunsThatAppend)
     EXPECT_LE(lines.size(), whole.size() + kills) << "the record in hand may come again";
     lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
     EXPECT_EQ(whole, lines);
+}
+
+// "Start again" as the library's message says it: the text file aside first, since the
+// default empties it, or kept in use by the setting.
+TEST_F(Remedy, ALogReplacedUnderAFollowerAndAStartThatKeepsItsRecords)
+{
+    for (const bool aside : {true, false}) {
+        for (const char *name : {"fwutil.status", "cap", "kept"})
+            std::filesystem::remove(dir.file(name));
+        const auto before = static_cast<size_t>(logged);
+        const pid_t pid = start_program({KESTRO_BUILD_DIR "/bin/Kestro", "-ascii", "cap"}, options,
+                                        "", dir.file("err"));
+        std::error_code absent;
+        EXPECT_TRUE(poll_until(
+            [&] { return std::filesystem::file_size(dir.file("cap"), absent) == before * LINE; },
+            10));
+        EXPECT_EQ(0, sh("cp -r log copy && rm -r log && mv copy log").status);
+        EXPECT_EQ(1, wait_program(pid));
+        EXPECT_THAT(read_file(dir.file("err")),
+                    HasSubstr(": start again to go on with the log that is there now; a start may "
+                              "empty the program's text files: keep them aside first\n"));
+        append(100);
+        const char *remedy =
+            aside ? "mv cap kept && $K -ascii cap" : "KESTRO_TEXT=append $K -ascii cap";
+        EXPECT_EQ(0, sh(remedy).status);
+        EXPECT_EQ(aside ? 100 : before + 100, records(read_file(dir.file("cap"))).size());
+        EXPECT_EQ(aside ? before : 0, records(read_file(dir.file("kept"))).size());
+    }
 }
 
 // The copy of a torn line would take the place of another capture file of the run.

@@ -123,7 +123,8 @@ TEST_F(CursorTest, DamageNamesTheOffsetOfTheEntryAndWhatIsWrong)
                   ": damaged at offset 288: the checksum of the entry's payload "
                   "is wrong; restore the file from a copy, cut the log back to what is "
                   "whole (fwlog repair), or leave the rest of the file out with the "
-                  "next one as start position (1-2.0)\n");
+                  "next one as start position (1-2.0); a start may empty the "
+                  "program's text files: keep them aside first\n");
 }
 
 // Makes both checksums of the entry at offset fit its changed bytes.

@@ -48,10 +48,12 @@ TEST_F(LogTest, AMissingFileInTheMiddleIsNamed)
     const run_outcome outcome = run();
     EXPECT_EQ(outcome.result, -1);
     EXPECT_EQ(outcome.records, written_from(1, 3));
-    EXPECT_EQ(outcome.err, "fwutil: " + std::filesystem::canonical(log).string() +
-                               "/fw0001-00000002.log: the log file is missing, the next one there "
-                               "is fw0001-00000003.log; restore it, or begin with that file (start "
-                               "position 1-3.0)\n");
+    EXPECT_EQ(
+        outcome.err,
+        "fwutil: " + std::filesystem::canonical(log).string() +
+            "/fw0001-00000002.log: the log file is missing, the next one there "
+            "is fw0001-00000003.log; restore it, or begin with that file (start "
+            "position 1-3.0); a start may empty the program's text files: keep them aside first\n");
 }
 
 TEST_F(LogTest, ANewGenerationMayBeginWithAnyNumber)
@@ -199,8 +201,10 @@ TEST_F(RemovedFileTest, AReaderWhoseNextFileIsRemovedSaysWhatThereIs)
     const run_outcome outcome = run();
     EXPECT_EQ(outcome.result, -1);
     EXPECT_EQ(outcome.records, written_from(1, 1));
-    EXPECT_EQ(outcome.err, "fwutil: " + std::filesystem::canonical(log).string() +
-                               "/fw0001-00000002.log: the log file is missing, the next one there "
-                               "is fw0001-00000003.log; restore it, or begin with that file (start "
-                               "position 1-3.0)\n");
+    EXPECT_EQ(
+        outcome.err,
+        "fwutil: " + std::filesystem::canonical(log).string() +
+            "/fw0001-00000002.log: the log file is missing, the next one there "
+            "is fw0001-00000003.log; restore it, or begin with that file (start "
+            "position 1-3.0); a start may empty the program's text files: keep them aside first\n");
 }

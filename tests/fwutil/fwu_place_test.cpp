@@ -82,7 +82,7 @@ TEST_F(PlaceTest, TheErrorNamesBothSidesAndTheRemedy)
                   this->identity() +
                   "; to go on with this log, give 1-1.0 as start position (-start 1-1.0), its "
                   "oldest record; or restore the log that belongs to it, or name another status "
-                  "file\n");
+                  "file; a start may empty the program's text files: keep them aside first\n");
     // The other remedies.
     const std::string kept = status;
     status = dir.file("other.status");
@@ -248,7 +248,8 @@ TEST_F(PlaceFollowTest, AFileReplacedOrRemovedUnderAFollowerEndsItsRun)
         if (replaced) {
             EXPECT_THAT(told(), AllOf(HasSubstr(what + "replaced while it was being read\n"),
                                       HasSubstr("start again to go on with the log that is there "
-                                                "now\n")));
+                                                "now; a start may empty the program's text "
+                                                "files: keep them aside first\n")));
             EXPECT_EQ(run().result, 0) << "the remedy: a copy of the same file";
         } else {
             EXPECT_THAT(told(), AllOf(HasSubstr(what + "removed, and no newer one is there, while "

@@ -17,7 +17,9 @@ using testing::HasSubstr;
 
 static const char DAMAGED[] =
     ": the status file is damaged; give the position that you know as start position, or remove "
-    "the file to begin with the log's oldest record\n";
+    "the file to begin with the log's oldest record; a start may empty the program's text files: "
+    "keep them aside "
+    "first\n";
 
 class StatusTest : public log_test {
   protected:
@@ -291,7 +293,9 @@ TEST_F(StatusTest, AFileOfAnotherLogIsRefused)
     EXPECT_EQ(open("/var/log/other"), -1);
     EXPECT_EQ(err, "fwutil: " + status +
                        ": the status file belongs to the log in /var/log/sales, the configuration "
-                       "names /var/log/other; use another status file, or give a start position\n");
+                       "names /var/log/other; use another status file, or give a start position; a "
+                       "start may empty the "
+                       "program's text files: keep them aside first\n");
 }
 
 TEST_F(StatusTest, AFileRemovedOrReplacedWhileInUseIsAnError)
@@ -311,9 +315,11 @@ TEST_F(StatusTest, AFileRemovedOrReplacedWhileInUseIsAnError)
         };
         const run_outcome outcome = run();
         EXPECT_EQ(outcome.result, -1);
-        EXPECT_EQ(outcome.err, "fwutil: " + status +
-                                   ": the status file was removed or replaced while in use; the "
-                                   "position is 1-1.3, give it as start position\n");
+        EXPECT_EQ(outcome.err,
+                  "fwutil: " + status +
+                      ": the status file was removed or replaced while in use; the "
+                      "position is 1-1.3, give it as start position; a start may empty the "
+                      "program's text files: keep them aside first\n");
         EXPECT_EQ(outcome.records, written_from(1));
     }
 }

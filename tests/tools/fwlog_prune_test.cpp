@@ -306,7 +306,8 @@ TEST_F(FwlogPruneTest, AStatusThatTellsNothingForbidsIt)
              unknown},
         {"torn.status",
          "fwlog: torn.status: the status file is damaged; give the position that you know as "
-         "start position, or remove the file to begin with the log's oldest record\n"
+         "start position, or remove the file to begin with the log's oldest record; "
+         "a start may empty the program's text files: keep them aside first\n"
          "fwlog: torn.status" +
              unknown},
         {"empty.status", "fwlog: empty.status" + none},
@@ -320,7 +321,8 @@ TEST_F(FwlogPruneTest, AStatusThatTellsNothingForbidsIt)
          "fwlog: gone.status: position on disk 1-7.2: the log does not have that file; it has "
          "fw0001-00000001.log (start position 1-1.0) to fw0001-00000003.log (1-3.0); to go on "
          "with this log, give 1-1.0 as start position (-start 1-1.0), its oldest record; or "
-         "restore the log that belongs to it, or name another status file\n"
+         "restore the log that belongs to it, or name another status file; a start "
+         "may empty the program's text files: keep them aside first\n"
          "fwlog: gone.status: its run cannot go on; nothing removed; mend that, or leave out its "
          "--status\n"},
     };
@@ -394,7 +396,8 @@ TEST_F(FwlogPruneTest, ARunThatNeedsARemovedFileSaysWhereTheLogBegins)
               "fwutil: fwutil.status: position 1-2.4: the log does not have that file; it has "
               "fw0001-00000003.log (start position 1-3.0) to fw0001-00000005.log (1-5.0); to go on "
               "with this log, give 1-3.0 as start position (-start 1-3.0), its oldest record; or "
-              "restore the log that belongs to it, or name another status file\n"
+              "restore the log that belongs to it, or name another status file; a start "
+              "may empty the program's text files: keep them aside first\n"
               "Fwu_process() failed.\n");
 }
 

@@ -275,11 +275,13 @@ TEST_F(FwlogRepairTest, ARunThatMeetsDamageGoesOnByEachRemedy)
         run_result result = run(capture);
         EXPECT_EQ(result.status, 1);
         EXPECT_THAT(result.out, HasSubstr("3 records written"));
-        EXPECT_THAT(result.err,
-                    HasSubstr("log/fw0001-00000002.log: damaged at offset 480: the checksum of the "
-                              "entry's payload is wrong; restore the file from a copy, cut the log "
-                              "back to what is whole (fwlog repair), or leave the rest of the file "
-                              "out with the next one as start position (1-3.0)\n"));
+        EXPECT_THAT(
+            result.err,
+            HasSubstr("log/fw0001-00000002.log: damaged at offset 480: the checksum of the "
+                      "entry's payload is wrong; restore the file from a copy, cut the log "
+                      "back to what is whole (fwlog repair), or leave the rest of the file "
+                      "out with the next one as start position (1-3.0); a start may empty the "
+                      "program's text files: keep them aside first\n"));
         EXPECT_EQ(run({program, "verify"}).status, 1);
         if (remedy == 1) {
             write_file(file(2), copy);
