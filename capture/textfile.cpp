@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -167,10 +168,8 @@ static bool find_last_line(int fd, int64_t size, int64_t *end)
 
 // Where a run goes on in a file that is there; what a kill or a power cut left of a
 // record behind its last whole line comes again.
-static bool take_up(const char *path, uint32_t ascii_flags, int64_t size)
+static bool cut_torn_line(const char *path, int64_t size)
 {
-    if ((ascii_flags & ASCII_DIRTY) != 0)
-        return true;
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
@@ -178,6 +177,21 @@ static bool take_up(const char *path, uint32_t ascii_flags, int64_t size)
     const bool found = find_last_line(fd, size, &end);
     close_quietly(fd);
     return found && (end == size || text_cut(path, end, "a line without its end") == 0);
+}
+
+// The lock is shared by those who append to a file: one that may be in the middle of
+// its line keeps others from cutting there.
+static bool take_up(int fd, const char *path, uint32_t ascii_flags)
+{
+    struct stat st = {};
+    bool good = true;
+    const bool alone = flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+    if (alone && (ascii_flags & ASCII_DIRTY) == 0)
+        good = fstat(fd, &st) == 0 && (st.st_size == 0 || cut_torn_line(path, st.st_size));
+    const int error = errno;
+    (void)flock(fd, LOCK_SH | LOCK_NB); // refused only where another one looks right now
+    errno = error;
+    return good;
 }
 
 static int open_by_mode(const char *path)
@@ -209,10 +223,8 @@ int text_open(const char *path, uint32_t ascii_flags)
     struct stat st = {};
     if (fd < 0)
         return -1;
-    bool good = fstat(fd, &st) == 0;
-    if (good && S_ISREG(st.st_mode) && st.st_size != 0) // only when it is appended to
-        good = take_up(path, ascii_flags, st.st_size);
-    if (good)
+    if (fstat(fd, &st) == 0 && (!S_ISREG(st.st_mode) || g_capture_settings.text != TEXT_APPEND ||
+                                take_up(fd, path, ascii_flags)))
         return fd;
     close_quietly(fd);
     return -1;

@@ -189,6 +189,25 @@ TEST_F(TextFile, AppendGoesBehindTheLinesOfOthers)
     ebmf_fclose(two);
 }
 
+// Another run may be in the middle of its line.
+TEST_F(TextFile, AppendCutsNothingOffAFileThatIsBeingAppendedTo)
+{
+    g_capture_settings.text = TEXT_APPEND;
+    write_file(name, "torn");
+    ebmf *one = ebmf_fopen(name.c_str(), 0, ASCII_ON);
+    ASSERT_NE(nullptr, one);
+    EXPECT_EQ("", content()) << "nobody else has it";
+    ASSERT_EQ(4, write(fileno(one->textfp), "half", 4));
+    ebmf *two = ebmf_fopen(name.c_str(), 0, ASCII_ON);
+    ASSERT_NE(nullptr, two);
+    EXPECT_EQ("half", content());
+    ebmf_fclose(one);
+    ebmf_fclose(two);
+    ebmf *three = ebmf_fopen(name.c_str(), 0, ASCII_ON);
+    EXPECT_EQ("", content()) << "both are gone";
+    ebmf_fclose(three);
+}
+
 // What stands behind the own lines when a write fails is somebody's.
 TEST_F(TextFile, AFailedWriteTakesBackNoLinesOfOthers)
 {
