@@ -21,6 +21,7 @@
 static struct {
     bool asked;        // the library asks at its moments
     bool soon;         // behind the record in hand
+    bool failed;       // what came since is not on disk; told, and no later call mends it
     int64_t synced_ms; // when the files were on disk last
     int records;       // since the clock was looked at
 } g_sync;
@@ -38,7 +39,7 @@ static int64_t now_ms()
 
 void capture_sync_begin()
 {
-    g_sync = {false, false, now_ms(), 0};
+    g_sync = {false, false, false, now_ms(), 0};
 }
 
 void capture_sync_soon()
@@ -78,6 +79,7 @@ int capture_sync_due(int when)
 
 static int report_failure(const capfil *cf)
 {
+    g_sync.failed = true;
     return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s", cf->name);
 }
 
@@ -120,6 +122,8 @@ const char *capture_sync(capinfo *ci)
 {
     static std::string mark;
     mark.clear();
+    if (g_sync.failed)
+        return nullptr;
     const bool none_open = std::all_of(ci->capfiles, ci->capfiles + ci->ncf,
                                        [](const capfil *cf) { return cf->fp == nullptr; });
     for (int i = 0; i < ci->ncf; i++) {
@@ -162,6 +166,8 @@ int capture_keep(const char *mark)
     bool moved = false;
     if (g_capture_settings.sync == SYNC_OFF)
         return 0;
+    if (mark[0] == '\0')
+        sync(); // nothing tells which files there are
     while (mark_next(&mark, line, &good)) {
         if (!sync_line(line, &moved))
             return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",

@@ -18,7 +18,7 @@ int capture_sync_due(int when);
 
 // Brings what was written to disk.  Returns the mark of it, a line for each file:
 // its kind, inode (0: it is not there), end, the checksum of its tail, its path; valid
-// until the next call.  Null: failed (reported).
+// until the next call.  Null: failed (reported), now or before in this session.
 const char *capture_sync(capinfo *ci);
 
 // For a library that does not ask: brings the files to disk behind a record when
@@ -29,7 +29,8 @@ int capture_sync_end(capinfo *ci);
 // Brings one open file to disk before it is closed.  0 or -1 (reported).
 int capture_sync_file(capfil *cf);
 
-// Brings to disk what the files of a mark hold, which a run that was killed has not.
+// Brings to disk what the files of a mark hold, which a run that was killed has not; with
+// an empty mark everything that the system has.
 // 0 or -1 (reported).
 int capture_keep(const char *mark);
 

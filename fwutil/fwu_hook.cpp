@@ -58,7 +58,7 @@ int fwu_hook_resume(const char *mark)
     if (Fwu_hook_resume == nullptr || Fwu_hook_resume(mark) == 0)
         return 0;
     return fwu_error("the program could not take away what it had written behind the position on "
-                     "disk; the run ends with everything as it was");
+                     "disk; the position stays as it was");
 }
 
 int fwu_hook_keep(const char *mark)

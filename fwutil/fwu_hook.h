@@ -23,7 +23,7 @@ const char *fwu_hook_sync();
 int fwu_hook_resume(const char *mark);
 
 // Has the program bring to disk what it wrote behind that position and what counts as
-// written.  0 or -1 (reported).
+// written; an empty mark: everything.  0 or -1 (reported).
 int fwu_hook_keep(const char *mark);
 
 #endif

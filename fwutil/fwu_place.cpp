@@ -50,14 +50,17 @@ static std::string remedy(const std::string &directory, const fwu_place &place)
         return "to begin with the first record that this log will have, remove the status file" +
                end;
     fwu_cursor cursor;
-    fwu_position behind = {files.front().generation, files.front().sequence, 0};
+    const fwu_position oldest = {files.front().generation, files.front().sequence, 0};
+    fwu_position behind = oldest;
     bool older = true;
+    bool other = false; // the log is not the one that the place is of
     for (size_t i = 0; i < files.size() && older; i++) {
         if (fwu_cursor_try_open(cursor, files[i]) != 0)
             break;
         fwu_found found = FWU_FOUND;
         while (older && (found = fwu_cursor_next(cursor)) == FWU_FOUND) {
             older = is_older(cursor, place);
+            other = other || (place.full && cursor.header.identity != place.identity);
             if (older)
                 behind = {files[i].generation, files[i].sequence, cursor.tx_last_tag};
         }
@@ -67,6 +70,10 @@ static std::string remedy(const std::string &directory, const fwu_place &place)
     return "to go on with this log, give " + fwu_position_text(behind) +
            " as start position (-start " + fwu_position_text(behind) + "), " +
            (behind.tag == 0 ? "its oldest record" : "which is behind its last older transaction") +
+           (behind.tag != 0 && other ? ", or, when it is fed from another source than before, its "
+                                       "oldest record (-start " +
+                                           fwu_position_text(oldest) + ")"
+                                     : "") +
            end;
 }
 

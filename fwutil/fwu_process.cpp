@@ -2,6 +2,7 @@
 #include "fwutil/fwu_process.h"
 
 #include "fwutil/fwu_boot.h"
+#include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_current.h"
 #include "fwutil/fwu_error.h"
@@ -21,6 +22,7 @@
 
 constexpr int SYNC_AFTER_MS = 200;   // idle time after which the status goes to disk
 constexpr int CHECK_AFTER_MS = 1000; // for file systems that do not tell of changes
+constexpr int LOOK_EVERY = 1024;     // records, while there is no rest to look at the status in
 
 struct run {
     fwu_callback callback = nullptr;
@@ -37,6 +39,8 @@ struct run {
     int32_t generation = 0; // of the file whose layouts are known
     int32_t sequence = 0;
     bool idle_noted = false;
+    int until_look = LOOK_EVERY; // records until the status file is looked at
+    int64_t looked_ms = 0;       // monotonic time at which it was, when reading waited
 };
 
 enum outcome { GO_ON, STOPPED, FAILED };
@@ -60,15 +64,18 @@ static int force_log(const run &r)
 }
 
 // What the program has written goes to disk first, then what was read, then the
-// position.
+// position.  What the system could not write it may drop, and a later call that succeeds
+// tells nothing: nothing is forced again, and the next run goes back.
 static int force(run &r)
 {
     if (r.forcing.never)
         return fwu_status_force(r.status, std::string(FWU_BOOT_ANY), "");
     const char *mark = fwu_hook_sync();
-    if (mark == nullptr || force_log(r) != 0)
-        return -1;
-    return fwu_status_force(r.status, r.boot, mark);
+    if (mark != nullptr && force_log(r) == 0 && fwu_status_force(r.status, r.boot, mark) == 0)
+        return 0;
+    if (r.status.written || !r.start_given) // else it is another run's, and good
+        fwu_status_distrust(r.status);
+    return -1;
 }
 
 static int force_if_due(run &r, int when)
@@ -91,6 +98,11 @@ static int acknowledge(run &r)
 {
     if (fwu_status_acknowledge(r.status, r.place) != 0)
         return -1;
+    if (--r.until_look <= 0) {
+        r.until_look = LOOK_EVERY;
+        if (fwu_status_look(r.status) != 0)
+            return -1;
+    }
     return r.status.written ? force_if_due(r, FWU_AT_RECORD) : force(r);
 }
 
@@ -200,10 +212,15 @@ static outcome wait_for_more(run &r)
         r.watch, r.status.unsynced && !r.forcing.never ? SYNC_AFTER_MS : CHECK_AFTER_MS);
     if (wake == FWU_WAKE_STOP)
         return STOPPED;
+    const int64_t now_ms = fwu_monotonic_ms();
+    if (wake != FWU_WAKE_DATA || now_ms - r.looked_ms >= CHECK_AFTER_MS) {
+        r.looked_ms = now_ms;
+        if (fwu_status_look(r.status) != 0)
+            return FAILED;
+    }
     if (wake != FWU_WAKE_DATA) {
         r.log.look = true;
-        if (fwu_status_look(r.status) != 0 ||
-            fwu_place_look(r.log.directory, r.log.cursor, r.status.place, r.status.path) != 0)
+        if (fwu_place_look(r.log.directory, r.log.cursor, r.status.place, r.status.path) != 0)
             return FAILED;
     }
     if (wake == FWU_WAKE_TIMEOUT && force_if_due(r, FWU_AT_REST) != 0)
@@ -245,6 +262,36 @@ static int find_log_directory(const fwu_config &config, std::string &directory)
     return 0;
 }
 
+// Has the program bring to disk what the run before left in memory: this run's positions
+// stand for it too, and it does not come again.
+static int keep(run &r, const fwu_status_text &found)
+{
+    const fwu_synced &synced = found.synced;
+    const bool marked = found.have_synced && synced.boot != FWU_BOOT_ANY;
+    if (marked &&
+        ((found.have_live && found.live == synced.place) ||
+         (synced.boot != r.boot && synced.boot != FWU_BOOT_UNKNOWN && r.boot != FWU_BOOT_UNKNOWN)))
+        return 0; // nothing is
+    if (!marked && found.have_live && !fwu_place_named(found.live))
+        return 0;
+    if (fwu_hook_keep(marked ? synced.mark.c_str() : "") == 0)
+        return 0;
+    fwu_status_distrust(r.status);
+    return -1;
+}
+
+// Why the last position of all does not count.
+static const char *why_not_live(const fwu_status_text &found, const std::string &boot)
+{
+    if (found.distrusted)
+        return "the last run could not bring to disk all that it had written";
+    if (!found.have_live)
+        return "its last position is damaged";
+    if (boot == FWU_BOOT_UNKNOWN || found.synced.boot == FWU_BOOT_UNKNOWN)
+        return "it cannot be told whether the system was started anew since";
+    return "the system was started anew since";
+}
+
 // Takes the place that counts from the status file and sees that the log has it.
 static int take_place(run &r)
 {
@@ -258,20 +305,15 @@ static int take_place(run &r)
         if (fwu_place_check(r.log.directory, place, r.start_text) != 0)
             return -1;
     }
-    if (live) {
-        // What a killed run wrote behind the mark does not come again.
-        const bool further =
-            found.have_synced && found.live != found.synced.place && !found.synced.mark.empty();
-        return further ? fwu_hook_keep(found.synced.mark.c_str()) : 0;
-    }
+    if (live)
+        return found.fresh ? 0 : keep(r, found);
     const auto text = [](const fwu_place &p) {
         return fwu_place_named(p) ? fwu_position_text(p.position) : "none";
     };
     fwu_warn("%s: %s: going on behind %s, the last position whose output is known to be on disk; "
              "the last one of all was %s",
-             r.status.path.c_str(),
-             found.have_live ? "the system was started anew since" : "its last position is damaged",
-             text(place).c_str(), found.have_live ? text(found.live).c_str() : "a later one");
+             r.status.path.c_str(), why_not_live(found, r.boot), text(place).c_str(),
+             found.have_live ? text(found.live).c_str() : "not kept");
     return fwu_hook_resume(found.synced.mark.c_str());
 }
 
@@ -294,7 +336,8 @@ static int prepare(run &r, const char *cfg, const char *status, const char *star
     r.boot = fwu_boot();
     if (start != nullptr)
         r.start_text = std::string("start position \"") + start + "\"";
-    else if (take_place(r) != 0)
+    const bool there = r.status.damaged || !r.status.overridden.fresh;
+    if (start == nullptr ? take_place(r) != 0 : there && keep(r, r.status.overridden) != 0)
         return -1;
     fwu_note("starting %s",
              r.start_text.empty() ? "with the oldest record" : ("at " + r.start_text).c_str());
@@ -312,9 +355,8 @@ static outcome run_log(run &r)
     if (fwu_stop != 0 && result == STOPPED)
         fwu_note("stopped: signal");
     fwu_current_clear();
-    if (fwu_status_look(r.status) != 0 || force_if_due(r, FWU_AT_END) != 0)
-        return FAILED;
-    return result;
+    const bool due = r.status.unsynced && fwu_hook_due(r.forcing, FWU_AT_END);
+    return (due ? force(r) : fwu_status_look(r.status)) == 0 ? result : FAILED;
 }
 
 int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, const char *start,

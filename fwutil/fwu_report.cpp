@@ -94,7 +94,9 @@ static void print_choice(const fwu_status_text &text, const fwu_place &place,
     if (text.version == 1)
         return;
     const std::string &kept = text.synced.boot;
-    printf("Last position: %s\n", text.have_live ? position_text(text.live).c_str() : "damaged");
+    printf("Last position: %s\n", text.have_live    ? position_text(text.live).c_str()
+                                  : text.distrusted ? "not on disk"
+                                                    : "damaged");
     printf("Position on disk: %s\n", position_text(text.on_disk).c_str());
     printf("Boot: %s\n", kept == FWU_BOOT_ANY ? "any" : kept == boot ? "this one" : "another one");
 }

@@ -118,8 +118,12 @@ static int read_locked(fwu_status &status, bool overridden)
         return -1;
     fwu_status_text text;
     const int bad = fwu_status_get(text, bytes);
-    if (overridden)
-        return 0; // it stays as it is until there is something better to say
+    if (overridden) { // it stays as it is until there is something better to say
+        status.damaged = bad != 0 || text.fresh;
+        if (!status.damaged)
+            status.overridden = text;
+        return 0;
+    }
     if (bad != 0)
         return damaged(status.path);
     if (text.fresh)
@@ -196,10 +200,29 @@ int fwu_status_acknowledge(fwu_status &status, const fwu_place &place)
     return -1;
 }
 
+// The next run looks for the file by its name.
+static int check_name(fwu_status &status)
+{
+    if (status.lost)
+        return -1;
+    if (fwu_status_file_named(status.path, status.fd))
+        return 0;
+    status.lost = true;
+    return fwu_error("%s: the status file was removed or replaced while in use; the position is "
+                     "%s, give it as start position%s",
+                     status.path.c_str(),
+                     fwu_place_named(status.place)
+                         ? fwu_position_text(status.place.position).c_str()
+                         : "that of the oldest record",
+                     FWU_KEEP_FIRST);
+}
+
 int fwu_status_look(fwu_status &status)
 {
     if (!status.written)
         return 0;
+    if (check_name(status) != 0)
+        return -1;
     std::string bytes(head_size(status), '\0');
     ssize_t n = 0;
     do
@@ -248,20 +271,6 @@ static int write_synced(fwu_status &status, const std::string &text)
     return point();
 }
 
-// The next run looks for the file by its name.
-static int check_name(const fwu_status &status)
-{
-    if (fwu_status_file_named(status.path, status.fd))
-        return 0;
-    return fwu_error("%s: the status file was removed or replaced while in use; the position is "
-                     "%s, give it as start position%s",
-                     status.path.c_str(),
-                     fwu_place_named(status.place)
-                         ? fwu_position_text(status.place.position).c_str()
-                         : "that of the oldest record",
-                     FWU_KEEP_FIRST);
-}
-
 int fwu_status_force(fwu_status &status, const std::string &boot, const char *mark)
 {
     if (check_name(status) != 0)
@@ -284,6 +293,35 @@ int fwu_status_force(fwu_status &status, const std::string &boot, const char *ma
     }
     status.unsynced = status.unsynced && result != 0;
     return result;
+}
+
+// Both lines say that they are being changed, which no kill leaves.
+void fwu_status_distrust(fwu_status &status)
+{
+    const fwu_status_text &text = status.overridden.fresh ? status.found : status.overridden;
+    if (!status.written && !text.have_synced)
+        return; // there is no other place to go by
+    const size_t prefix =
+        status.written ? status.prefix.size() : fwu_status_prefix(text.log_directory).size();
+    const std::string mark(1, FWU_STATUS_CHANGING);
+    int result = 0;
+    for (int i = 0; i < FWU_STATUS_LINES; i++)
+        if (fwu_status_file_write(status.path, status.fd, mark, prefix + fwu_status_live_at(i)) !=
+            0)
+            result = -1;
+    (void)fdatasync(status.fd); // as far as it can be; the failure before is what is told
+    fwu_synced synced = text.synced;
+    if (status.written)
+        (void)fwu_synced_get(synced, status.synced); // it was made by this run
+    if (result != 0)
+        fwu_error("%s: what the status file says may be ahead of what is on disk; give %s as start "
+                  "position%s",
+                  status.path.c_str(),
+                  fwu_place_named(synced.place) ? fwu_position_text(synced.place.position).c_str()
+                                                : "that of the oldest record",
+                  FWU_KEEP_FIRST);
+    status.written = false;
+    status.unsynced = false;
 }
 
 void fwu_status_close(fwu_status &status)

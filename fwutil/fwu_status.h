@@ -18,7 +18,9 @@ int fwu_status_read(const std::string &path, fwu_status_text &text);
 struct fwu_status {
     std::string path;
     int fd = -1;
-    fwu_status_text found; // what it said when it was opened; fresh where that does not matter
+    fwu_status_text found;      // what it said when it was opened; fresh where that does not matter
+    fwu_status_text overridden; // what it said, where a start position stands in for that
+    bool damaged = false;       // it said nothing, and a start position stands in for that
     std::string log_directory;
     std::string prefix;   // what stands before the lines
     fwu_place place;      // acknowledged last; at first as found, a run may go back from that
@@ -30,6 +32,7 @@ struct fwu_status {
     fwu_map map;           // not mapped before the first record, or if it cannot be
     bool written = false;  // the file holds this run's lines
     bool unsynced = false; // changed since it was brought to disk
+    bool lost = false;     // it has its name no more, which was told
 };
 
 // Opens or creates and locks the file for reading a log in log_directory
@@ -46,8 +49,13 @@ int fwu_status_acknowledge(fwu_status &status, const fwu_place &place);
 // there; the program's mark and the boot are kept along with it.  0, or -1 (reported).
 int fwu_status_force(fwu_status &status, const std::string &boot, const char *mark);
 
+// Makes the next run go on behind the place whose output is on disk: what came after
+// it could not be brought there, and the system may have dropped it.  Nothing more is
+// written to the file then.  Failures are reported, with the place.
+void fwu_status_distrust(fwu_status &status);
+
 // Writes the file anew, and says so, when somebody has cut or changed it.  0, or -1
-// (reported).
+// (reported): so it is when it was removed or replaced, which is told once.
 int fwu_status_look(fwu_status &status);
 
 // Releases lock and file.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 // The lines, and three texts at most: the one that counts and room around it.
 constexpr size_t SIZE_MAX_READ = 3 * FWU_SYNCED_MAX + 4096;
 constexpr size_t READ_SIZE = 4096;
+constexpr int LINKS_MAX = 40;  // as many as the system follows
 constexpr int OPEN_TRIES = 10; // others may be making and taking over the file meanwhile
 
 int fwu_status_file_read(const std::string &path, int fd, std::string &bytes)
@@ -126,13 +128,44 @@ static int make(const std::string &path, const std::string &unfinished, int fd,
     return -1;
 }
 
-// 1: somebody else has made it; look again.
-static int create(const std::string &path, const std::function<int(int)> &fill, int &fd)
+// Where the file of a name is to be: a link leads there.
+static std::string target_of(std::string path)
 {
+    char target[PATH_MAX];
+    for (int i = 0; i < LINKS_MAX; i++) {
+        const ssize_t length = readlink(path.c_str(), target, sizeof target);
+        if (length <= 0 || length == sizeof target)
+            break; // no link
+        const size_t slash = path.rfind('/');
+        const bool beside = target[0] != '/' && slash != path.npos;
+        path = (beside ? path.substr(0, slash + 1) : "") +
+               std::string(target, static_cast<size_t>(length));
+    }
+    return path;
+}
+
+// Opens or makes the file that has no name of its own yet.  What a dead run left is
+// taken up; what somebody else put there, and may lead elsewhere, is not written to.
+static int open_unfinished(const std::string &unfinished, const std::string &path)
+{
+    struct stat st = {};
+    if (lstat(unfinished.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) &&
+        (!S_ISREG(st.st_mode) || st.st_nlink != 1))
+        (void)unlink(unfinished.c_str()); // else opening it says why not
+    const int fd =
+        open(unfinished.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+    const bool in_the_way = errno == EISDIR || errno == ELOOP;
+    return fd >= 0 ? fd : cannot_open(in_the_way ? unfinished : path);
+}
+
+// 1: somebody else has made it; look again.
+static int create(const std::string &name, const std::function<int(int)> &fill, int &fd)
+{
+    const std::string path = target_of(name);
     const std::string unfinished = path + ".new";
-    fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    fd = open_unfinished(unfinished, path);
     if (fd < 0)
-        return cannot_open(path);
+        return -1;
     struct stat st = {};
     if (lock_file(path, fd) != 0)
         return -1;

@@ -10,9 +10,9 @@
 // (reported).
 int fwu_status_file_read(const std::string &path, int fd, std::string &bytes);
 
-// Opens and locks a file; makes it when it is not there.  A new one gets its name when
-// fill has written it through the descriptor (0, else -1, reported) and it is on disk, so
-// that nobody ever finds it unfinished.  created: fill was called.  The descriptor, or -1
+// Opens and locks a file; makes it when it is not there, where a link of its name leads.  A new one
+// gets its name when fill has written it through the descriptor (0, else -1, reported) and it is on
+// disk, so that nobody ever finds it unfinished.  created: fill was called.  The descriptor, or -1
 // (reported).
 int fwu_status_file_open(const std::string &path, const std::function<int(int)> &fill,
                          bool &created);

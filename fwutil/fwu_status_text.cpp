@@ -93,6 +93,7 @@ static void get_live(fwu_status_text &text, const line_pair<fwu_place> &pair)
     const int newest = pair.newest(older_place);
     text.have_live = newest >= 0;
     text.torn = text.torn || pair.torn;
+    text.distrusted = newest < 0 && !pair.torn; // a kill leaves one line being changed
     if (newest < 0)
         return;
     text.live = pair.value[newest];

@@ -18,6 +18,7 @@ struct fwu_status_text {
     bool have_live = false;    // a line was whole
     fwu_place live;            // the record acknowledged last; none: no record yet
     int live_number = 0;       // of the line taken
+    bool distrusted = false;   // both lines say that they do not count
     bool torn = false;         // a line was neither whole nor being changed
     bool have_synced = false;  // never in version 1
     fwu_synced synced;         // the newest

@@ -97,21 +97,27 @@ FWU_HOOK int Fwu_hook_sync_due(int when);
 
 // Brings to disk what the callback has written; called before a position is forced.
 // Returns a text that is kept with the position (lines, valid until the next call;
-// "" is one), or null: it failed and has been reported, and Fwu_process returns nonzero.
+// "" is one), or null: it failed and has been reported, Fwu_process returns nonzero, and
+// the next start goes on behind the position that was forced before.
 FWU_HOOK const char *Fwu_hook_sync(void);
 
-// Called at a start behind a power cut (the system has been started anew since), before
-// FWU_AT_START and the first record: mark is the text that was kept with the position
-// behind which reading goes on; what the callback wrote after it comes again and is to
-// be taken away.  0; nonzero: it failed and has been reported, and Fwu_process returns
-// nonzero with everything as it was.
+// Called at a start behind a power cut (the system has been started anew since), or
+// behind a run that could not bring something to disk (the system may have dropped it),
+// before FWU_AT_START and the first record: mark is the text that was kept with the
+// position behind which reading goes on; what the callback wrote after it comes again and
+// is to be taken away.  0; nonzero: it failed and has been reported, and Fwu_process
+// returns nonzero with the position as it was.
 FWU_HOOK int Fwu_hook_resume(const char *mark);
 
 // Called at a start without a power cut, before FWU_AT_START and the first record, when
 // a run before this one left the position in the status file further on than the one
 // that was forced: it was killed.  mark is the text that was kept then.  What the
 // callback wrote after it does not come again, so that all of it is to be brought to
-// disk now: the position is forced next.  0; nonzero as above.
+// disk now: the position is forced next.  An empty mark stands for everything: that run
+// forced nothing or kept no text, or the status file is too old or too damaged to tell.
+// Called with a start position as well.  0; nonzero: it failed and has been reported,
+// Fwu_process returns nonzero, and the next start goes on behind the position that was
+// forced.
 FWU_HOOK int Fwu_hook_keep(const char *mark);
 
 #ifdef __cplusplus

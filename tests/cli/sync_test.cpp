@@ -153,6 +153,63 @@ TEST_F(LogSync, WhatAKilledRunLeftNeedNotBeOpenToTheNextRun)
     run_program({"chmod", "755", "in"}, options);
 }
 
+// The system forgets what it could not write; a later call says that all is well.
+TEST_F(LogSync, RecordsThatAFailedSyncLostComeAgain)
+{
+    options.env["KESTRO_TEXT"] = "append";
+    const std::vector<std::string> command = {KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-ascii",
+                                              "cap"};
+    for (const char *which : {"cap 2", "fw0001-00000001.log 2", "fwutil.status 3"}) {
+        SCOPED_TRACE(which);
+        for (const char *name : {"n", "fwutil.status", "cap"})
+            std::filesystem::remove(dir.file(name));
+        options.env["LOSING_SYNC"] = which;
+        const run_result lost = run_program(command, options);
+        EXPECT_EQ(1, lost.status);
+        EXPECT_THAT(lost.err, HasSubstr(" to disk: "));
+        options.env.erase("LOSING_SYNC");
+        const run_result again = run_program(command, options);
+        EXPECT_EQ(0, again.status) << again.err;
+        EXPECT_THAT(again.err, HasSubstr("the last run could not bring to disk all that it had "
+                                         "written: going on behind "));
+        EXPECT_EQ(3 * LINE, read_file(dir.file("cap")).size()) << "each record once";
+    }
+}
+
+// Closing the file is not the end of it: what it held is behind the position.
+TEST_F(LogSync, AFullFileThatIsNotOnDiskKeepsThePositionBack)
+{
+    options.env["KESTRO_MAXCAP"] = "4600"; // three records: two are behind
+    options.env["KESTRO_SYNC"] = "interval 86400000";
+    options.env["LOSING_SYNC"] = "msg 2";
+    const run_result lost =
+        run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-rollover", "msg"}, options);
+    EXPECT_EQ(1, lost.status);
+    const std::string word = "Error bringing capture file to disk: ";
+    EXPECT_NE(lost.err.find(word), lost.err.npos);
+    EXPECT_EQ(lost.err.find(word), lost.err.rfind(word)) << "once";
+    options.env.erase("LOSING_SYNC");
+    const run_result again =
+        run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-ascii", "cap"}, options);
+    EXPECT_THAT(again.err, HasSubstr("the last run could not bring to disk all that it had "
+                                     "written: going on behind 1-1.2,"));
+    EXPECT_EQ(2 * LINE, read_file(dir.file("cap")).size());
+}
+
+// Nothing tells how far the files were: everything that the system has goes to disk.
+TEST_F(LogSync, BehindARunThatForcedNothingTheNextOneBringsEverythingToDisk)
+{
+    (void)synced("off");
+    std::filesystem::remove(dir.file("n"));
+    for (const bool off : {true, false}) {
+        options.env["KESTRO_SYNC"] = off ? "off" : "idle";
+        const run_result run =
+            run_program({KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-ascii", "next"}, options);
+        EXPECT_EQ(0, run.status) << run.err;
+        EXPECT_EQ(off, notes().find("everything\n") == std::string::npos);
+    }
+}
+
 TEST_F(LogSync, AFileThatHasRolledOverIsOnDiskWhenItIsClosed)
 {
     options.env["KESTRO_MAXCAP"] = "4500"; // two records of 62 + 24 + 6 bytes

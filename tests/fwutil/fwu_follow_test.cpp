@@ -48,6 +48,49 @@ TEST_F(FollowTest, WithoutAWatchTheDirectoryIsLookedAtRegularly)
                                    "at it every 200 ms instead"));
 }
 
+TEST_F(FollowTest, ACutStatusFileIsWrittenAnewThoughReadingNeverRests)
+{
+    open_writer();
+    add({insert(0)});
+    start();
+    ASSERT_EQ(next(), 1);
+    ASSERT_TRUE(poll_until([&] { return std::filesystem::exists(status); }));
+    ASSERT_EQ(truncate(status.c_str(), 10), 0);
+    const auto whole = [&] { return std::filesystem::file_size(status) > 10; };
+    for (int32_t i = 2; i <= 40 && !whole(); i++) {
+        add({insert(i)});
+        ASSERT_EQ(next(), i);
+        std::this_thread::sleep_for(std::chrono::milliseconds(80)); // less than a rest
+    }
+    EXPECT_TRUE(whole());
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
+TEST_F(FollowTest, AStatusFileRemovedOrReplacedAtRestEndsTheRun)
+{
+    for (const bool replaced : {false, true}) {
+        std::filesystem::remove(status);
+        std::filesystem::remove_all(log);
+        written.clear();
+        two_files();
+        start();
+        for (int32_t i = 1; i <= 5; i++)
+            ASSERT_EQ(next(), i);
+        ASSERT_TRUE(waiting());
+        std::this_thread::sleep_for(std::chrono::milliseconds(400)); // all is on disk
+        std::filesystem::rename(status, status + ".old");
+        if (replaced)
+            write_file(status, "");
+        EXPECT_EQ(finish_within(10), 1);
+        const std::string word =
+            ": the status file was removed or replaced while in use; the "
+            "position is 1-2.3, give it as start position;"
+            " a start may empty the program's text files: keep them aside first\n";
+        EXPECT_THAT(told(), testing::HasSubstr(word));
+        EXPECT_EQ(told().find(word), told().rfind(word)) << "once";
+    }
+}
+
 TEST_F(FollowTest, SigtermWhileWaitingEndsWellWithThePositionSaved)
 {
     two_files();

@@ -5,11 +5,14 @@
 
 #include <csignal>
 #include <gmock/gmock.h>
+#include <map>
 #include <random>
 #include <sstream>
 
 using testing::HasSubstr;
 using testing::Not;
+
+static const char NOT_ON_DISK[] = "the last run could not bring to disk all that it had written";
 
 class ResumeTest : public log_test {
   protected:
@@ -30,8 +33,9 @@ class ResumeTest : public log_test {
         words.insert(words.end(), answers.begin(), answers.end());
         words.push_back(mark);
         run_setup setup;
-        setup.env = {{"HOOK_PROGRAM_BOOT", dir.file("boot_id")},
-                     {"HOOK_PROGRAM_STOP", std::to_string(stop)}};
+        setup.env = more;
+        setup.env["HOOK_PROGRAM_BOOT"] = dir.file("boot_id");
+        setup.env["HOOK_PROGRAM_STOP"] = std::to_string(stop);
         return run_program(words, setup);
     }
     fwu_status_text read() const
@@ -52,13 +56,14 @@ class ResumeTest : public log_test {
         }
         return kept;
     }
-    std::string told(const std::string &behind, const std::string &last) const
+    std::string told(const std::string &behind, const std::string &last,
+                     const std::string &why = "the system was started anew since") const
     {
-        return "fwutil: " + status + ": the system was started anew since: going on behind " +
-               behind +
+        return "fwutil: " + status + ": " + why + ": going on behind " + behind +
                ", the last position whose output is known to be on disk; the last one of " +
                "all was " + last + "\n";
     }
+    std::map<std::string, std::string> more; // environment of the program
 };
 
 TEST_F(ResumeTest, OnTheSameBootTheLastPositionCounts)
@@ -72,19 +77,80 @@ TEST_F(ResumeTest, OnTheSameBootTheLastPositionCounts)
 }
 
 // A run that was killed has not brought to disk what the next one builds on.
-TEST_F(ResumeTest, AProgramThatCannotKeepWhatAKilledOneWroteEndsWithEverythingAsItWas)
+TEST_F(ResumeTest, WhatAKilledRunWroteAndCannotBeKeptComesAgain)
 {
     two_files();
     ASSERT_EQ(program("first\n", 4).status, 9);
-    const std::string before = read_file(status);
     const run_result failed = program("no keep");
     EXPECT_EQ(failed.status, 1);
     EXPECT_EQ(essence(failed.out), "keep [first ] ");
     EXPECT_EQ(failed.err,
               "fwutil: the program could not bring to disk what a run that was killed has written; "
               "the position on disk stays as it was\n");
-    EXPECT_EQ(read_file(status), before);
+    const run_result again = program("second\n");
+    EXPECT_EQ(essence(again.out), "resume [first ] record 1 record 2 record 3 record 4 record 5 ");
+    EXPECT_EQ(again.err, told("none", "not kept", NOT_ON_DISK));
+}
+
+// What the system could not write it forgets: a later sync that succeeds tells nothing.
+TEST_F(ResumeTest, WhatCouldNotBeBroughtToDiskComesAgainOnTheSameBoot)
+{
+    two_files();
+    for (const char *due : {"0", "1"}) {
+        std::filesystem::remove(status);
+        more["HOOK_PROGRAM_FAIL"] = "2"; // at the end, or behind the first record
+        const run_result failed = program("first\n", 0, {"1", due, "1", "1"});
+        EXPECT_EQ(failed.status, 1);
+        EXPECT_EQ(failed.err, "fwutil: the program could not bring to disk what it has written; "
+                              "the position on disk stays as it was\n");
+        EXPECT_EQ(failed.out.substr(failed.out.rfind("record")),
+                  due[0] == '1' ? "record 1\ndue 1\nsync\n" : "record 5\ndue 1\ndue 3\nsync\n")
+            << "once is enough";
+        more.clear();
+        run_result again = program("second\n");
+        EXPECT_EQ(essence(again.out),
+                  "resume [first ] record 1 record 2 record 3 record 4 record 5 ");
+        EXPECT_EQ(again.err, told("none", "not kept", NOT_ON_DISK));
+        again = program("third\n");
+        EXPECT_EQ(essence(again.out), "");
+        EXPECT_EQ(again.err, "");
+    }
+}
+
+TEST_F(ResumeTest, AStartPositionKeepsWhatAKilledRunWrote)
+{
+    two_files();
+    ASSERT_EQ(program("first\n", 4).status, 9);
+    const std::string killed = read_file(status);
+    more["HOOK_PROGRAM_START"] = "1-2.1"; // behind the layout
     EXPECT_EQ(essence(program("second\n").out), "keep [first ] record 4 record 5 ");
+    EXPECT_EQ(essence(program("third\n").out), "record 4 record 5 ") << "all was on disk";
+    for (const std::string &bytes : {std::string("nonsense"), killed.substr(0, 200)}) {
+        write_file(status, bytes);
+        EXPECT_EQ(essence(program("fourth\n").out), "keep [] record 4 record 5 ");
+    }
+    write_file(status, killed);
+    boot("2\n");
+    EXPECT_EQ(essence(program("fifth\n").out), "record 4 record 5 ") << "nothing is in memory";
+    boot("1\n");
+    write_file(status, killed);
+    EXPECT_EQ(program("no keep").status, 1);
+    more.clear();
+    EXPECT_EQ(essence(program("sixth\n").out),
+              "resume [first ] record 1 record 2 record 3 record 4 record 5 ");
+}
+
+TEST_F(ResumeTest, AStatusFileRemovedUnderARunThatForcesNothingIsToldAtItsEnd)
+{
+    two_files();
+    more["HOOK_PROGRAM_REMOVE"] = "5";
+    const run_result result = program("first\n", 0, {"-1", "1", "1", "1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err,
+              "fwutil: " + status +
+                  ": the status file was removed or replaced while in use; the "
+                  "position is 1-2.3, give it as start position;"
+                  " a start may empty the program's text files: keep them aside first\n");
 }
 
 TEST_F(ResumeTest, OnAnotherBootTheForcedPositionCountsAndItsMarkComesBack)
@@ -122,7 +188,7 @@ TEST_F(ResumeTest, WhatIsKilledBehindTheResumeResumesAgainOnTheSameBoot)
         << "the positions before the cut count no more";
 }
 
-TEST_F(ResumeTest, AResumeThatFailsEndsTheRunWithEverythingAsItWas)
+TEST_F(ResumeTest, AResumeThatFailsLeavesThePositionAsItWas)
 {
     two_files();
     ASSERT_EQ(program("first\n", 4).status, 9);
@@ -133,7 +199,7 @@ TEST_F(ResumeTest, AResumeThatFailsEndsTheRunWithEverythingAsItWas)
     EXPECT_EQ(failed.out, "resume [first\n]\n");
     EXPECT_EQ(failed.err, told("none", "1-1.5") +
                               "fwutil: the program could not take away what it had written behind "
-                              "the position on disk; the run ends with everything as it was\n");
+                              "the position on disk; the position stays as it was\n");
     EXPECT_EQ(read_file(status), before);
 }
 
@@ -144,11 +210,12 @@ TEST_F(ResumeTest, NeverForcedMeansTheLastPositionOnAnyBoot)
     EXPECT_EQ(read().synced.boot, "any");
     boot("2\n");
     run_result again = program("second\n", 5, {"-1", "1", "1", "1"});
-    EXPECT_EQ(again.out, "due 0\nrecord 4\nrecord 5\n");
+    EXPECT_EQ(again.out, "keep []\ndue 0\nrecord 4\nrecord 5\n");
     EXPECT_EQ(again.err, "");
     boot("3\n");
     again = program("third\n", 5);
-    EXPECT_EQ(essence(again.out), "record 5 ") << "what was never forced is taken over as it is";
+    EXPECT_EQ(essence(again.out), "keep [] record 5 ")
+        << "what was never forced is taken over as it is";
     boot("4\n");
     EXPECT_EQ(essence(program("fourth\n").out), "resume [third ] record 5 ");
 }
@@ -158,8 +225,10 @@ TEST_F(ResumeTest, ABootThatCannotBeToldIsNeverTheSame)
     two_files();
     boot("");
     ASSERT_EQ(program("first\n", 4).status, 9);
-    EXPECT_EQ(essence(program("second\n").out),
-              "resume [first ] record 1 record 2 record 3 record 4 record 5 ");
+    const run_result again = program("second\n");
+    EXPECT_EQ(essence(again.out), "resume [first ] record 1 record 2 record 3 record 4 record 5 ");
+    EXPECT_EQ(again.err,
+              told("none", "1-1.5", "it cannot be told whether the system was started anew since"));
 }
 
 TEST_F(ResumeTest, TheForcedPositionIsLookedUpBeforeAnythingIsTakenAway)
@@ -211,7 +280,7 @@ TEST_F(ResumeTest, AVersionOneStatusCountsOnAnyBootWhenItsTimeFits)
     old("2023-11-14 22:13:22.000000");
     result = program("second\n");
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(essence(result.out), "record 3 record 4 record 5 ");
+    EXPECT_EQ(essence(result.out), "keep [] record 3 record 4 record 5 ");
     EXPECT_EQ(read().version, 2);
 }
 

@@ -243,6 +243,76 @@ TEST_F(StatusTest, ARunNoticesThatItsFileWasCut)
     EXPECT_TRUE(run().records.empty()) << "its position is there all the same";
 }
 
+// A kill may come at any moment: a file that was cut is not left so for long.
+TEST_F(StatusTest, ACutFileIsWrittenAnewWhileRecordsFlow)
+{
+    open_writer();
+    std::vector<seen> many;
+    for (int32_t i = 1; i <= 1100; i++)
+        many.push_back(insert(i));
+    add(many);
+    close_writer();
+    fwu_status_text text;
+    int at_last = -1;
+    on_record = [&](const seen &record) {
+        if (record.recnum == 20)
+            return truncate(status.c_str(), 10);
+        if (record.recnum == 1100)
+            at_last = fwu_status_get(text, read_file(status));
+        return 0;
+    };
+    EXPECT_THAT(run().err, HasSubstr("the status file was cut or changed while in use"));
+    EXPECT_EQ(at_last, 0) << "still cut at the last record";
+    EXPECT_EQ(text.live.position.tag, 1100) << "the record before: the layout has the first tag";
+}
+
+// The link stands for the file that it will lead to.
+TEST_F(StatusTest, ALinkToAFileThatIsNotThereLeadsToANewOne)
+{
+    std::filesystem::create_directory(dir.file("state"));
+    std::filesystem::create_symlink("state/second", status);
+    std::filesystem::create_symlink("third", dir.file("state/second"));
+    ASSERT_EQ(open(), 0) << err;
+    fwu_status_close(held);
+    EXPECT_TRUE(std::filesystem::is_symlink(status));
+    EXPECT_TRUE(std::filesystem::is_regular_file(dir.file("state/third")));
+    EXPECT_EQ(read_file(dir.file("state/third")), WITHOUT_POSITION);
+    EXPECT_FALSE(std::filesystem::exists(status + ".new"));
+    EXPECT_FALSE(std::filesystem::exists(dir.file("state/third.new")));
+
+    std::filesystem::remove(status);
+    std::filesystem::create_symlink("none/there", status);
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err, "fwutil: " + dir.file("none/there") +
+                       ": cannot open the status file: No such file or directory\n");
+    EXPECT_FALSE(std::filesystem::exists(status + ".new"));
+}
+
+TEST_F(StatusTest, NothingIsWrittenThroughWhatHasTheNameOfAnUnfinishedFile)
+{
+    const std::string unfinished = status + ".new";
+    const std::string other = dir.file("other");
+    const std::function<void()> kinds[] = {
+        [&] { std::filesystem::create_symlink("other", unfinished); },
+        [&] { std::filesystem::create_hard_link(other, unfinished); },
+        [&] { ASSERT_EQ(mkfifo(unfinished.c_str(), 0600), 0); },
+    };
+    for (const auto &make : kinds) {
+        std::filesystem::remove(status);
+        write_file(other, "precious");
+        make();
+        ASSERT_EQ(open(), 0) << err;
+        fwu_status_close(held);
+        EXPECT_EQ(read_file(other), "precious");
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(status)));
+        EXPECT_EQ(read_file(status), WITHOUT_POSITION);
+    }
+    std::filesystem::remove(status);
+    std::filesystem::create_directory(unfinished);
+    EXPECT_EQ(open(), -1);
+    EXPECT_EQ(err, "fwutil: " + unfinished + ": cannot open the status file: Is a directory\n");
+}
+
 TEST_F(StatusTest, ATornLineIsToldAndTheWholeOneBesideItTaken)
 {
     std::string bytes = golden("status.txt");

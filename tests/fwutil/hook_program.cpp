@@ -3,7 +3,9 @@
 // Arguments: configuration, status file, answers of Fwu_hook_sync_due at start,
 // record, rest and end, the text to keep ("-": the sync fails).  In the environment:
 // HOOK_PROGRAM_BOOT, the file that tells the boot; HOOK_PROGRAM_STOP, the number of a
-// record behind which the program ends as if it was killed.
+// record behind which the program ends as if it was killed; HOOK_PROGRAM_FAIL, the number
+// of a sync that fails; HOOK_PROGRAM_START, a start position; HOOK_PROGRAM_REMOVE, the
+// number of a record at which the status file is removed.
 #include "fwutil/fwutil.h"
 
 #if WITH_BOOT
@@ -15,8 +17,17 @@
 #include <cstring>
 #include <unistd.h>
 
+static const char *status_file = nullptr;
+
+static bool is_number(const char *name, int number)
+{
+    const char *value = getenv(name);
+    return value != nullptr && atoi(value) == number;
+}
+
 #if WITH_HOOKS
 static char **words = nullptr;
+static int syncs = 0;
 
 int Fwu_hook_sync_due(int when)
 {
@@ -27,7 +38,8 @@ int Fwu_hook_sync_due(int when)
 const char *Fwu_hook_sync(void)
 {
     printf("sync\n");
-    return strcmp(words[7], "-") == 0 ? nullptr : words[7];
+    const bool fails = strcmp(words[7], "-") == 0 || is_number("HOOK_PROGRAM_FAIL", ++syncs);
+    return fails ? nullptr : words[7];
 }
 
 int Fwu_hook_resume(const char *mark)
@@ -47,8 +59,9 @@ static int print_record(uint32_t, const char *, const char *, int32_t, int32_t, 
                         int32_t, const void *, const void *)
 {
     printf("record %d\n", static_cast<int>(recnum));
-    const char *stop = getenv("HOOK_PROGRAM_STOP");
-    if (stop != nullptr && atoi(stop) == recnum) {
+    if (is_number("HOOK_PROGRAM_REMOVE", recnum))
+        (void)unlink(status_file); // the test sees
+    if (is_number("HOOK_PROGRAM_STOP", recnum)) {
         fflush(stdout);
         _exit(9);
     }
@@ -59,6 +72,7 @@ int main(int argc, char **argv)
 {
     if (argc != 8)
         return 2;
+    status_file = argv[2];
 #if WITH_HOOKS
     words = argv;
 #endif
@@ -67,5 +81,5 @@ int main(int argc, char **argv)
 #endif
     (void)setvbuf(stdout, nullptr, _IOLBF, 0); // what was printed before a kill is there
     Fwu_synconly(1);
-    return Fwu_process(print_record, argv[1], argv[2], nullptr) == 0 ? 0 : 1;
+    return Fwu_process(print_record, argv[1], argv[2], getenv("HOOK_PROGRAM_START")) == 0 ? 0 : 1;
 }
