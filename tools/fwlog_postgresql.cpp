@@ -147,7 +147,7 @@ static int run(pgb_bridge &bridge)
         const pgs_outcome outcome = connect_and_follow(bridge);
         if (outcome == PGS_LOST && stop_signal_get() == 0 && try_again(bridge, off))
             continue;
-        if (stop_signal_get() != 0)
+        if (outcome != PGS_REFUSED && stop_signal_get() != 0)
             return FWLOG_EXIT_SIGNAL + stop_signal_get();
         return outcome == PGS_OK ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED;
     }

@@ -1,6 +1,7 @@
 // "fwlog postgresql" and a log that lacks what the server was told: it is refused until the
 // remedy that the message names has been carried out, and then goes on.
 #include "tests/postgresql/bridge_fixture.h"
+#include "tests/postgresql/pg_proxy.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -132,6 +133,48 @@ class BridgeAcknowledgedTest : public LedgerTest {
         EXPECT_EQ(fwlog({"verify"}).status, 0);
     }
 
+    // Position of the log's last commit.
+    std::string last_commit() const
+    {
+        const std::string text = fwlog({"dump"}).out;
+        const size_t at = text.rfind(" lsn ") + 5;
+        return text.substr(at, text.find(',', at) - at);
+    }
+
+    void expect_the_next_run_acknowledges_first(const std::string &settings)
+    {
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+        insert_many(60, 60);
+        configure(std::string("sync interval 3600000\n") + ledger_cfg);
+        start_bridge();
+        ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; }))
+            << bridge.err();
+        const std::string before = read_file(dir.file("log/acknowledged"));
+        insert(61);
+        ASSERT_NO_FATAL_FAILURE(wait_for_row(61));
+        bridge.end(SIGKILL);
+        ASSERT_EQ(read_file(dir.file("log/acknowledged")), before);
+        configure(settings + ledger_cfg);
+        whole = read_file(last_file());
+        // The stream begins, and brings nothing.
+        constexpr size_t answer_to_start = 8;
+        pg_proxy proxy(server->socket());
+        proxy.silence_at("START_REPLICATION", answer_to_start);
+        start_bridge({"--conninfo", proxy.conninfo(database)});
+        std::string told;
+        ASSERT_TRUE(poll_until([&] {
+            told =
+                value("SELECT confirmed_flush_lsn FROM pg_replication_slots WHERE slot_name = '" +
+                      database + "'");
+            return told == last_commit();
+        })) << told
+            << " of " << last_commit() << bridge.err();
+        bridge.end(SIGKILL);
+        EXPECT_THAT(fwlog({"info"}).out, HasSubstr(", source " + told + ", committed "));
+        do_harm(BYTE_CHANGED);
+        expect_refused();
+    }
+
     std::string whole; // the last file
     std::string older; // the same, two transactions before
 };
@@ -185,4 +228,48 @@ TEST_F(BridgeAcknowledgedTest, WhatTheServerIsToldIsAcknowledgedWhateverSyncSays
     whole = read_file(last_file());
     do_harm(BYTE_CHANGED);
     expect_refused();
+}
+
+TEST_F(BridgeAcknowledgedTest, WhatARunBeforeLeftIsAcknowledgedBeforeItIsTold)
+{
+    expect_the_next_run_acknowledges_first("");
+}
+
+TEST_F(BridgeAcknowledgedTest, WhatARunBeforeLeftUnsyncedIsAcknowledgedBeforeItIsTold)
+{
+    expect_the_next_run_acknowledges_first("sync none\n");
+}
+
+TEST_F(BridgeAcknowledgedTest, AcknowledgedThatCannotBeWrittenAtTheEndIsAnError)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    insert(1);
+    ASSERT_EQ(catch_up().status, 0);
+    // Another process has the slot while the file is put out of the way.
+    run_setup elsewhere = options;
+    elsewhere.directory = dir.file("other");
+    fs::create_directory(elsewhere.directory);
+    fs::copy(dir.file("log"), dir.file("other/log"));
+    write_file(dir.file("other/fwutil.cfg"), read_file(dir.file("fwutil.cfg")));
+    background holder;
+    holder.start(bridge_argv(), elsewhere, dir.file("holder"));
+    ASSERT_TRUE(poll_until([&] {
+        return json_member(read_file(dir.file("other/log/postgresql.json")), "state") ==
+               "streaming";
+    })) << holder.err();
+    start_bridge({"--once"});
+    ASSERT_TRUE(bridge_says("is active for PID")) << bridge.err();
+    const std::string file = dir.file("log/acknowledged");
+    fs::rename(file, dir.file("aside"));
+    fs::create_directory(file);
+    holder.signal(SIGSTOP); // it is to log nothing
+    insert(2);
+    holder.end(SIGKILL);
+    EXPECT_EQ(bridge.wait(), 1) << bridge.err();
+    EXPECT_THAT(bridge.err(), HasSubstr("log/acknowledged: "));
+    fs::remove(file);
+    fs::rename(dir.file("aside"), file);
+    const run_result result = catch_up();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(fwlog({"verify"}).status, 0);
 }

@@ -27,7 +27,8 @@ struct follow {
     pgb_bridge &bridge;
     PGconn *connection;
     pgb_apply apply = {};
-    bool answer = false; // the server wants to hear something now
+    bool answer = false;    // the server wants to hear something now
+    uint64_t acked_lsn = 0; // everything before it is acknowledged: what the server may be told
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
     int64_t heard_ms = fwu_monotonic_ms(); // when the server sent something
@@ -82,8 +83,8 @@ static pgs_outcome send_feedback(follow &f)
     const bool asks = fwu_monotonic_ms() - f.heard_ms >= ask_after;
     std::string text = "r";
     put_big_endian(text, state.received_lsn);
-    put_big_endian(text, state.logged_lsn);
-    put_big_endian(text, state.logged_lsn);
+    put_big_endian(text, f.acked_lsn);
+    put_big_endian(text, f.acked_lsn);
     put_big_endian(text, 0); // our clock says nothing to the server
     text += asks ? '\1' : '\0';
     f.answer = false;
@@ -91,6 +92,24 @@ static pgs_outcome send_feedback(follow &f)
     if (PQputCopyData(f.connection, text.data(), static_cast<int>(text.size())) < 0 ||
         PQflush(f.connection) < 0)
         return lost(f);
+    return PGS_OK;
+}
+
+// What the server is told stands on disk first, so that the next run can see whether the
+// log still has it, and whether somebody else has moved the slot.
+static pgs_outcome acknowledge(follow &f)
+{
+    pgb_bridge &bridge = f.bridge;
+    pgb_state &state = bridge.state;
+    const bool moves = state.logged_lsn > state.told_lsn;
+    if (fwu_writer_acknowledge(bridge.tx.writer) != 0)
+        return PGS_REFUSED;
+    state.told_lsn = std::max(state.told_lsn, state.logged_lsn);
+    if (!pgb_state_write(state, bridge.config.sync != FWU_SYNC_NONE))
+        return PGS_REFUSED;
+    f.acked_lsn = state.logged_lsn;
+    if (moves)
+        bridge.server.patience_ms = bridge.server.timeout_ms; // it sends what it has
     return PGS_OK;
 }
 
@@ -116,19 +135,16 @@ static pgs_outcome keep_in_touch(follow &f)
         if (bridge.options.verbose)
             pgb_state_print(bridge.state);
     }
-    // What the server is told stands on disk first, so that the next run can see
-    // whether the log still has it, and whether somebody else has moved the slot.
-    const bool tells = bridge.state.logged_lsn > bridge.state.told_lsn;
-    if (tells && fwu_writer_acknowledge(bridge.tx.writer) != 0)
-        return PGS_REFUSED;
-    bridge.state.told_lsn = std::max(bridge.state.told_lsn, bridge.state.logged_lsn);
-    if (tells)
-        bridge.server.patience_ms = bridge.server.timeout_ms; // it sends what it has
-    if (tells || now >= f.feedback_due_ms) {
-        f.feedback_due_ms = now + std::min(FEEDBACK_MS, f.bridge.server.timeout_ms / FEEDBACKS);
-        if (!pgb_state_write(bridge.state, tells && bridge.config.sync != FWU_SYNC_NONE) && tells)
-            return PGS_REFUSED;
+    if (bridge.state.logged_lsn > f.acked_lsn) {
+        const pgs_outcome outcome = acknowledge(f);
+        if (outcome != PGS_OK)
+            return outcome;
+    } else if (now >= f.feedback_due_ms) {
+        (void)pgb_state_write(bridge.state, false); // reported
+    } else {
+        return send_feedback(f); // only since the server asks
     }
+    f.feedback_due_ms = now + std::min(FEEDBACK_MS, f.bridge.server.timeout_ms / FEEDBACKS);
     return send_feedback(f);
 }
 
@@ -245,11 +261,15 @@ static bool receive_until(PGconn *connection, int64_t deadline_ms)
 
 // Tells the server the last position and ends the stream.  The server answers once it
 // has let the slot go, so that the slot is free for others when this returns.
-static void say_good_bye(follow &f)
+// PGS_REFUSED: what is logged could not be acknowledged.
+static pgs_outcome say_good_bye(follow &f)
 {
-    if (keep_in_touch(f) != PGS_OK || PQputCopyEnd(f.connection, nullptr) != 1 ||
-        PQflush(f.connection) < 0)
-        return; // the connection is closed next in any case
+    const pgs_outcome outcome = keep_in_touch(f);
+    if (outcome == PGS_REFUSED)
+        return outcome;
+    // Otherwise all is done: the connection is closed next in any case.
+    if (outcome != PGS_OK || PQputCopyEnd(f.connection, nullptr) != 1 || PQflush(f.connection) < 0)
+        return PGS_OK;
     const int64_t deadline = fwu_monotonic_ms() + GOOD_BYE_MS;
     int length = 0;
     while (length >= 0) {
@@ -257,12 +277,13 @@ static void say_good_bye(follow &f)
         length = PQgetCopyData(f.connection, &bytes, 1);
         const pgs_memory passed_over(bytes);
         if (length == 0 && !receive_until(f.connection, deadline))
-            return;
+            return PGS_OK;
     }
     while (PQisBusy(f.connection) != 0)
         if (!receive_until(f.connection, deadline))
-            return;
+            return PGS_OK;
     const pgs_result answer(PQgetResult(f.connection));
+    return PGS_OK;
 }
 
 pgs_outcome pgb_follow(pgb_bridge &bridge)
@@ -286,15 +307,18 @@ pgs_outcome pgb_follow(pgb_bridge &bridge)
     f.apply.end = fwu_writer_last_lsn(bridge.tx.writer);
     state.received_lsn = f.apply.end;
     state.logged_lsn = 0;
-    if (fwu_writer_settle(bridge.tx.writer, false) != 0)
+    // A run before may have left commits that are neither on disk nor acknowledged.
+    if (fwu_writer_sync(bridge.tx.writer) != 0)
         return PGS_REFUSED;
     note_progress(f);
-    outcome = run(f);
+    outcome = acknowledge(f);
+    if (outcome == PGS_OK)
+        outcome = run(f);
     fwlog_abandon(bridge.tx);
     if (outcome == PGS_OK) {
         note_progress(f);
         f.feedback_due_ms = 0;
-        say_good_bye(f);
+        outcome = say_good_bye(f);
     }
     return outcome;
 }
