@@ -62,6 +62,7 @@ typedef struct tmf_handle tmf_handle;
 #define TMF_MODE_READ 1      /* open as a reader */
 #define TMF_MODE_EXCLUSIVE 2 /* no other user of the same kind, now or while it is open */
 #define TMF_MODE_COPY 4      /* read all records without removing any; needs 1 and 2 as well */
+                             /* (open again behind a repair that cut off what was read: -5229) */
 #define TMF_MODE_ALL_USERS 8 /* create with permissions 0666 whatever the umask, not 0600 */
 
 /* Flag bits of tmf_fread and tmf_freadx. */

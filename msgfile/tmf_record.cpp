@@ -149,10 +149,16 @@ int tmf_read_record(tmf_handle *h, void *buf, int len, int flags)
 
 int tmf_read_record_copy(tmf_handle *h, void *buf, int len)
 {
+    const int32_t at = h->copy_offset;
+    // A repair has cut the file below what was read: whatever is written from there on
+    // would be passed over.  The difference is right on both sides of 2 GiB.
+    const auto ahead = static_cast<int32_t>(static_cast<uint32_t>(h->common->write_offset) -
+                                            static_cast<uint32_t>(at));
+    if (h->copy_count > 0 && h->common->record_count > 0 && ahead < 0)
+        return TMF_EREAD_DATA_EOF;
     if (h->copy_count >= h->common->record_count)
         return 0;
     record_view record;
-    const int32_t at = h->copy_offset;
     const int code = read_record_at(h, at, buf, len, &record);
     if (code != 0)
         return code;

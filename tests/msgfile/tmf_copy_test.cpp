@@ -64,6 +64,24 @@ TEST_F(TmfCopy, RecordsThatComeLaterAreReadToo)
     EXPECT_EQ(tmf_fclose(h), 0);
 }
 
+// What "tmf repair" leaves of three records when it keeps one.
+TEST_F(TmfCopy, PlaceBehindTheEndOfARepairedFileIsAnError)
+{
+    make({"one", "two", "three"});
+    tmf_handle *h = open(copy_mode);
+    EXPECT_EQ(read(h), "one");
+    EXPECT_EQ(read(h), "two");
+    store<int32_t>(16, 1);
+    store<int32_t>(44, 4352 + 9);
+    EXPECT_EQ(read(h), "-5229");
+    EXPECT_EQ(read(h), "-5229") << "until it is opened again";
+    EXPECT_EQ(tmf_fclose(h), 0);
+    h = open(copy_mode);
+    EXPECT_EQ(read(h), "one");
+    EXPECT_EQ(read(h), "");
+    EXPECT_EQ(tmf_fclose(h), 0);
+}
+
 TEST_F(TmfCopy, ShortBufferCutsAndTheNextRecordFollows)
 {
     make({"abcdef", "ghi"});
