@@ -155,11 +155,11 @@ static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset)
     fwu_ack ack;
     if (fwu_ack_read(directory_of(file), ack) != FWU_FOUND)
         return UNKNOWN;
-    const auto order = std::pair(ack.position.generation, ack.position.sequence) <=>
-                       std::pair(file.generation, file.sequence);
-    if (order == 0)
+    const std::pair acked(ack.position.generation, ack.position.sequence);
+    const std::pair asked(file.generation, file.sequence);
+    if (acked == asked)
         return ack.end <= offset ? BEFORE : BEHIND;
-    return order < 0 ? BEFORE : LATER_FILE;
+    return acked < asked ? BEFORE : LATER_FILE;
 }
 
 // What the last file's end, or damage in it, is taken for.  What looks wrong may have

@@ -20,7 +20,7 @@ static std::string lsn_text(uint64_t lsn)
 
 std::string fwu_place_origin(const fwu_place &place)
 {
-    const std::string time = "committed " + fwu_time_text(place.time_us);
+    std::string time = "committed " + fwu_time_text(place.time_us);
     if (!place.full)
         return time;
     return time + " at source position " + lsn_text(place.lsn) + " in log " +

@@ -71,9 +71,9 @@ static bool may_be_tail(const fwu_repair &repair, const fwu_cursor &cursor)
         return false;
     if (!repair.have_ack)
         return !cursor.header_read && fwu_all_zero(file);
-    const auto order =
-        std::pair(acked.generation, acked.sequence) <=> std::pair(file.generation, file.sequence);
-    return order < 0 || (order == 0 && repair.acked.end <= cursor.tx_end);
+    const std::pair acked_file(acked.generation, acked.sequence);
+    const std::pair this_file(file.generation, file.sequence);
+    return acked_file < this_file || (acked_file == this_file && repair.acked.end <= cursor.tx_end);
 }
 
 // Reads one file up to its end or the first damage, which is set then.

@@ -5,6 +5,7 @@
 #include <compare>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <vector>
 
 struct fwu_log_file;
@@ -14,7 +15,12 @@ struct fwu_position {
     int32_t generation = 0;
     int32_t sequence = 0;
     int32_t tag = 0;
-    auto operator<=>(const fwu_position &) const = default; // in the order of the log
+    bool operator==(const fwu_position &) const = default;
+    bool operator<(const fwu_position &other) const // in the order of the log
+    {
+        return std::tie(generation, sequence, tag) <
+               std::tie(other.generation, other.sequence, other.tag);
+    }
 };
 
 // "1-25.340"
