@@ -21,6 +21,10 @@ struct fwu_position {
         return std::tie(generation, sequence, tag) <
                std::tie(other.generation, other.sequence, other.tag);
     }
+    bool operator<=(const fwu_position &other) const
+    {
+        return !(other < *this);
+    }
 };
 
 // "1-25.340"
