@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 // fwutil acknowledged 1
@@ -89,16 +90,18 @@ int fwu_ack_foreign(const std::string &directory, const fwu_ack &ack, const fwu_
                      fwu_identity_text(there).c_str());
 }
 
-fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack)
+fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack, bool quiet)
 {
     const std::string path = path_of(directory);
     char bytes[FILE_SIZE + 1];
+    struct stat about = {};
     ack = fwu_ack();
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); // who knows what it is
     if (fd < 0 && errno == ENOENT)
         return FWU_END;
-    const ssize_t n = fd < 0 ? -1 : pread(fd, bytes, sizeof bytes, 0);
-    if (n < 0)
+    const bool other = fd >= 0 && fstat(fd, &about) == 0 && !S_ISREG(about.st_mode);
+    const ssize_t n = other ? 0 : fd < 0 ? -1 : pread(fd, bytes, sizeof bytes, 0);
+    if (n < 0 && !quiet)
         (void)fwu_file_error(path, "cannot read what was acknowledged");
     if (fd >= 0)
         close(fd);
@@ -117,9 +120,12 @@ fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack)
     }
     if (good)
         return FWU_FOUND;
-    fwu_error("%s: damaged: it says what of the log was acknowledged; restore it from a copy, or "
-              "remove it: then nobody can tell whether the end of the log is missing",
-              path.c_str());
+    if (!quiet)
+        fwu_error("%s: %s; restore it from a copy, or remove it: then nobody can tell whether the "
+                  "end of the log is missing",
+                  path.c_str(),
+                  other ? "it is not a regular file"
+                        : "damaged: it says what of the log was acknowledged");
     return FWU_FAILED;
 }
 
@@ -149,7 +155,7 @@ int fwu_ack_write(const std::string &directory, fwu_ack &ack)
     fwu_ack next = ack;
     next.number++;
     const std::string line = fwu_ack_line(next);
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
     const auto at = static_cast<int64_t>(FIRST_SIZE + next.number % LINES * LINE_SIZE);
     const bool written =
         fd >= 0 && fwu_write_all(fd, line.data(), line.size(), at) == 0 && fdatasync(fd) == 0;

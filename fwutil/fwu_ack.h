@@ -23,8 +23,8 @@ struct fwu_ack {
 };
 
 // Reads it.  FWU_FOUND; FWU_END: there is no such file; FWU_FAILED: reported, also
-// that it is damaged.
-fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack);
+// that it is damaged; unless quiet, when that has been reported before.
+fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack, bool quiet = false);
 
 // Makes the file, or replaces it, on disk and with its name; 0 or -1 (reported).
 int fwu_ack_create(const std::string &directory, fwu_ack &ack, mode_t mode);

@@ -64,6 +64,9 @@ int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file)
     fwu_cursor_close(cursor);
     const bool goes_on = cursor.header_read && cursor.file.name < file.name;
     const fwu_file_header before = goes_on ? cursor.header : fwu_file_header();
+    const bool next = goes_on && cursor.file.generation == file.generation &&
+                      cursor.file.sequence + 1 == file.sequence && cursor.size == cursor.tx_end;
+    const int32_t last = cursor.last_recnum != 0 ? cursor.last_recnum : cursor.recnum_before;
     std::vector<unsigned char> window = std::move(cursor.window);
     if (window.size() < WINDOW_SIZE)
         window.resize(WINDOW_SIZE);
@@ -71,6 +74,7 @@ int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file)
     cursor.window = std::move(window);
     cursor.file = file;
     cursor.before = before;
+    cursor.recnum_before = next ? last : 0;
     cursor.fd = fd;
     return 0;
 }
@@ -192,6 +196,8 @@ static void begin_scan(fwu_cursor &c)
     c.scan_tag = c.tx_last_tag + 1;
     c.scan_entries = 0;
     c.scan_chain = 0;
+    c.scan_first_recnum = 0;
+    c.scan_last_recnum = 0;
     c.scan_in_window = true;
 }
 
@@ -231,6 +237,37 @@ static bool check_commit(fwu_cursor &c, const fwu_entry &entry)
     return c.reason == nullptr;
 }
 
+const char *fwu_recnum_gap(int32_t before, int32_t first)
+{
+    thread_local char text[64];
+    if (before == 0 || first == 0)
+        return nullptr;
+    const int64_t missing =
+        (static_cast<int64_t>(first) - 1 - before % INT32_MAX + INT32_MAX) % INT32_MAX;
+    if (missing == 0 || missing > INT32_MAX / 2)
+        return nullptr; // numbers that are used again say nothing of records missing
+    (void)snprintf(text, sizeof text, "%lld %s missing before it", static_cast<long long>(missing),
+                   missing == 1 ? "record is" : "records are");
+    return text;
+}
+
+// Takes the numbers of the transaction's records.  False: they do not follow those before.
+static bool take_recnums(fwu_cursor &c)
+{
+    if (c.scan_first_recnum == 0)
+        return true;
+    if (c.first_recnum == 0) {
+        c.reason = fwu_recnum_gap(c.recnum_before, c.scan_first_recnum);
+        c.gap = c.reason != nullptr;
+        c.bad_at = c.tx_end;
+        if (c.gap)
+            return false;
+        c.first_recnum = c.scan_first_recnum;
+    }
+    c.last_recnum = c.scan_last_recnum;
+    return true;
+}
+
 // Goes on from scan_at to the commit entry of the transaction.
 static fwu_found scan(fwu_cursor &c)
 {
@@ -242,7 +279,7 @@ static fwu_found scan(fwu_cursor &c)
         const unsigned char *header = entry.payload - FWU_ENTRY_HEADER_SIZE;
         const int64_t end = c.scan_at + static_cast<int64_t>(fwu_entry_padded(entry.length));
         if (entry.kind == FWU_KIND_COMMIT) {
-            if (!check_commit(c, entry))
+            if (!check_commit(c, entry) || !take_recnums(c))
                 return FWU_DAMAGED;
             c.tx_start = c.tx_end;
             c.tx_first_tag = c.tx_last_tag + 1;
@@ -255,6 +292,11 @@ static fwu_found scan(fwu_cursor &c)
             c.header.version == FWU_VERSION_PLAIN) {
             c.reason = "a session entry does not begin its transaction";
             return FWU_DAMAGED;
+        }
+        if (fwu_entry_is_change(entry)) {
+            c.scan_last_recnum = fwu_entry_recnum(entry);
+            if (c.scan_first_recnum == 0)
+                c.scan_first_recnum = c.scan_last_recnum;
         }
         c.scan_chain = fwu_crc32c(c.scan_chain, header + FWU_ENTRY_CRC_AT, FWU_ENTRY_CRC_SIZE);
         memcpy(c.scan_last, header, FWU_ENTRY_HEADER_SIZE);

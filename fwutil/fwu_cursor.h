@@ -43,7 +43,8 @@ struct fwu_cursor {
     int fd = -1;
     bool header_read = false;
     fwu_file_header header;
-    fwu_file_header before; // of an earlier file that this cursor has read, else as of version 1
+    fwu_file_header before;    // of an earlier file that this cursor has read, else as of version 1
+    int32_t recnum_before = 0; // last record before the file that this cursor has read; 0: none
 
     std::vector<unsigned char> window; // grows only to the largest entry
     int64_t window_at = 0;             // its offset in the file
@@ -57,12 +58,16 @@ struct fwu_cursor {
     int32_t tx_last_tag = 0; // of its commit entry
     bool tx_in_window = false;
     fwu_commit_entry commit;
+    int32_t first_recnum = 0; // of the transactions found in the file; 0: no record yet
+    int32_t last_recnum = 0;
 
     // How far the transaction behind it has been scanned for its commit.
     int64_t scan_at = 0;
     int32_t scan_tag = 1;
     uint32_t scan_entries = 0;
     uint32_t scan_chain = 0;
+    int32_t scan_first_recnum = 0; // 0: no record
+    int32_t scan_last_recnum = 0;
     bool scan_in_window = true; // nothing scanned was dropped from the window and read again
     int64_t scan_last_at = 0;   // the entry before scan_at, whose header was
     unsigned char scan_last[FWU_ENTRY_HEADER_SIZE] = {};
@@ -76,15 +81,22 @@ struct fwu_cursor {
     int64_t bad_at = 0;           // where reading could not go on
     const char *reason = nullptr; // what is wrong there; null: the file ends there
     bool foreign = false;         // the file has a whole header, which does not belong here
+    bool gap = false;             // its first record is not the one behind those before it
     fwu_stamp settled;            // the file was like this, and nothing more to find in it
 };
 
 // Opens a log file; 0 or -1 (reported).  The cursor's window is kept; a file that
-// comes behind the one it has read must belong to the same log.
+// comes behind the one it has read must belong to the same log, and its records must
+// follow those of that one when it comes right behind it and that was read to its end.
 int fwu_cursor_open(fwu_cursor &cursor, const fwu_log_file &file);
 // The same without a report: -1 with errno, and the cursor is as it was.
 int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file);
 void fwu_cursor_close(fwu_cursor &cursor);
+
+// What is wrong when a file's first record has this number and the last one before it that
+// one; null: nothing.  Record numbers count through all files and begin again with 1 behind
+// the largest.  The text is valid until the thread's next call; 0: no record.
+const char *fwu_recnum_gap(int32_t before, int32_t first);
 
 // Finds the next committed transaction.
 fwu_found fwu_cursor_next(fwu_cursor &cursor);

@@ -160,6 +160,20 @@ inline bool fwu_entry_known(const fwu_entry &entry)
     return entry.kind >= FWU_KIND_LAYOUT && entry.kind <= FWU_KIND_COMMIT;
 }
 
+inline bool fwu_entry_is_change(const fwu_entry &entry)
+{
+    return entry.kind >= FWU_KIND_INSERT && entry.kind <= FWU_KIND_DELETE;
+}
+
+// Record number of a change; 0: it has none, being malformed.
+inline int32_t fwu_entry_recnum(const fwu_entry &entry)
+{
+    constexpr size_t recnum_at = 8;
+    const uint32_t recnum =
+        entry.payload_length < recnum_at + 4 ? 0 : get_le32(entry.payload + recnum_at);
+    return recnum <= INT32_MAX ? static_cast<int32_t>(recnum) : 0;
+}
+
 // Decode a payload; false when the entry is of another kind or malformed.
 bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout);
 bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session);

@@ -15,7 +15,9 @@ static const char *check_change(fwu_layout_check &check, const fwu_entry &entry)
         return "the record is malformed";
     make_key(check.key, change.dbname, change.dsetname);
     const auto known = check.lengths.find(check.key);
-    return known != check.lengths.end() && known->second != change.reclen
+    if (known == check.lengths.end())
+        return "no layout of the record's dataset stands before it in the file";
+    return known->second != change.reclen
                ? "the record has another length than its dataset's layout"
                : nullptr;
 }

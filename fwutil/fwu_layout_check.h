@@ -16,7 +16,7 @@ struct fwu_layout_check {
 };
 
 // Takes the next entry of a file; null, or what is wrong with it: it is malformed, or a
-// record has another length than the layout that stands for it.
+// record has no layout before it, or another length than that says.
 const char *fwu_layout_check_entry(fwu_layout_check &check, const fwu_entry &entry);
 
 #endif

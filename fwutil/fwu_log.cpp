@@ -53,6 +53,12 @@ static std::string directory_of(const fwu_log_file &file)
 
 int fwu_log_damage(const fwu_cursor &cursor)
 {
+    if (cursor.gap)
+        return fwu_error("%s: damaged at offset %lld: %s; restore the file before it from a copy, "
+                         "cut the log back to what is whole (fwlog repair), or go on without what "
+                         "is missing with this one as start position (%d-%d.0)",
+                         cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at),
+                         cursor.reason, cursor.file.generation, cursor.file.sequence);
     return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, cut the "
                      "log back to what is whole (fwlog repair), or leave the rest of the file out "
                      "with the next one as start position (%d-%d.0)%s",
@@ -149,11 +155,13 @@ static bool is_last(const fwu_log &log)
 enum acknowledged { UNKNOWN, BEFORE, BEHIND, LATER_FILE };
 
 // Whether what was acknowledged ends before (or at) the place, behind it in the same
-// file, or in a later file.
-static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset)
+// file, or in a later file.  told: that it cannot be read has been.
+static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset, bool &told)
 {
     fwu_ack ack;
-    if (fwu_ack_read(directory_of(file), ack) != FWU_FOUND)
+    const fwu_found found = fwu_ack_read(directory_of(file), ack, told);
+    told = told || found == FWU_FAILED;
+    if (found != FWU_FOUND)
         return UNKNOWN;
     const std::pair acked(ack.position.generation, ack.position.sequence);
     const std::pair asked(file.generation, file.sequence);
@@ -167,13 +175,13 @@ static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset)
 // it is looked at again before it counts, at once first: mostly the writer has
 // committed and acknowledged since.  What was not acknowledged is not there yet,
 // whatever it looks like; what was must be there.  A signal ends the looks.
-static fwu_found judge(fwu_cursor &cursor, fwu_found found)
+static fwu_found judge(fwu_cursor &cursor, fwu_found found, bool &told)
 {
     for (int pauses = 0; found == FWU_END || found == FWU_DAMAGED; pauses++) {
-        const acknowledged there = acknowledged_at(cursor.file, cursor.tx_end);
+        const acknowledged there = acknowledged_at(cursor.file, cursor.tx_end, told);
         if (found == FWU_END && there != BEHIND)
             return FWU_END;
-        if (found == FWU_DAMAGED && there == BEFORE && !cursor.foreign) {
+        if (found == FWU_DAMAGED && there == BEFORE && !cursor.foreign && !cursor.gap) {
             fwu_cursor_tail(cursor);
             return FWU_END;
         }
@@ -214,7 +222,7 @@ fwu_found fwu_log_next(fwu_log &log)
             }
         }
         if (last) {
-            found = cursor.fd >= 0 ? judge(cursor, found) : FWU_END;
+            found = cursor.fd >= 0 ? judge(cursor, found, log.told) : FWU_END;
             if (found == FWU_END)
                 return FWU_END;
         }
@@ -262,12 +270,13 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
     fwu_walk_item item;
     item.file = &file;
     bool announced = false;
+    bool told = false;
     result = 0;
     fwu_found found = fwu_log_open(cursor, file);
     while (found == FWU_FOUND && result == 0) {
         found = fwu_cursor_next(cursor);
         if (last)
-            found = judge(cursor, found);
+            found = judge(cursor, found, told);
         if (cursor.header_read && !announced) {
             announced = true;
             item.what = FWU_WALK_FILE;

@@ -27,7 +27,8 @@ fwu_found fwu_log_header(const fwu_log_file &file, fwu_file_header &header);
 struct fwu_log {
     std::string directory;
     fwu_cursor cursor;
-    bool look = true; // the directory may hold files that were not there before
+    bool look = true;  // the directory may hold files that were not there before
+    bool told = false; // that the file of what was acknowledged cannot be read
 };
 
 // Goes on to the next committed transaction, whose entries fwu_cursor_entry

@@ -64,17 +64,35 @@ bool fwu_all_zero(const fwu_log_file &file)
     return n == 0;
 }
 
+// The last commit in files before the last one; no position: there is none.
+static fwu_position last_commit_before(fwu_writer &w, const std::vector<fwu_log_file> &files)
+{
+    fwu_cursor older;
+    fwu_position end;
+    for (size_t i = files.size() - 1; i > 0 && end.tag == 0; i--) {
+        if (learn_file(w, older, files[i - 1], false) == FWU_FAILED)
+            break;
+        if (older.tx_last_tag != 0)
+            end = {older.file.generation, older.file.sequence, older.tx_last_tag};
+    }
+    fwu_cursor_close(older);
+    return end;
+}
+
 // Whether the log, which is whole up to the cursor's last transaction, ends before
 // what was acknowledged; reported.
-static bool ends_too_early(const fwu_writer &w, const fwu_cursor &cursor)
+static bool ends_too_early(fwu_writer &w, const fwu_cursor &cursor,
+                           const std::vector<fwu_log_file> &files)
 {
     const fwu_position &acked = w.acked.position;
-    const fwu_position end = {cursor.file.generation, cursor.file.sequence, cursor.tx_last_tag};
+    fwu_position end = {cursor.file.generation, cursor.file.sequence, cursor.tx_last_tag};
     const auto order = [](const fwu_position &p) {
         return std::tuple(p.generation, p.sequence, p.tag);
     };
     if (!w.have_ack || order(end) >= order(acked))
         return false;
+    if (end.tag == 0)
+        end = last_commit_before(w, files);
     (void)fwu_ack_missing(w.directory, w.acked, end, cursor.reason);
     return true;
 }
@@ -129,22 +147,28 @@ int fwu_keep_piece(const std::string &from, int64_t offset, int64_t end, const s
     return good ? 0 : -1;
 }
 
-// Cuts off what stands behind the last transaction, kept aside first.
+// Cuts off what stands behind the last transaction.  It is kept aside first, unless it is
+// the good beginning of a transaction and nothing else: nobody misses that, and it may be
+// larger than what the disk has left.
 static int cut_off(fwu_writer &w, const fwu_cursor &cursor, int64_t length)
 {
     const std::string name = "cut-" + w.file.name + "-" + std::to_string(w.end);
     const char *what = cursor.reason == nullptr ? "the rest of a transaction that was not finished"
-                                                : "never acknowledged, and not whole";
+                       : w.have_ack             ? "never acknowledged, and not whole"
+                                    : "not known whether it was acknowledged, and not whole";
+    const auto cut = [&](const std::string &kept) {
+        fwu_warn("%s: cut %lld bytes behind offset %lld: %s%s", w.file.path.c_str(),
+                 static_cast<long long>(length), static_cast<long long>(w.end), what, kept.c_str());
+        return fwu_writer_cut_tail(w);
+    };
+    if (cursor.reason == nullptr)
+        return cut("");
     if (fwu_keep_piece(w.file.path, w.end, INT64_MAX, w.directory + "/" + name, w.file_mode) == 0) {
         drop_older_pieces(w, name);
-        fwu_warn("%s: cut %lld bytes behind offset %lld: %s; kept in %s", w.file.path.c_str(),
-                 static_cast<long long>(length), static_cast<long long>(w.end), what, name.c_str());
-    } else {
-        (void)fwu_file_error(w.directory + "/" + name, "cannot keep what is cut off");
-        fwu_warn("%s: cut %lld bytes behind offset %lld: %s", w.file.path.c_str(),
-                 static_cast<long long>(length), static_cast<long long>(w.end), what);
+        return cut("; kept in " + name);
     }
-    return fwu_writer_cut_tail(w);
+    (void)fwu_file_error(w.directory + "/" + name, "cannot keep what is cut off");
+    return cut("");
 }
 
 // Makes the last file ready to go on with: nothing behind its last transaction.
@@ -225,17 +249,37 @@ static int find_identity(fwu_writer &w, const std::vector<fwu_log_file> &files)
 
 // Reads the last file.  What is wrong in it counts only where something of it was
 // acknowledged, or nobody knows what was.
-static int read_last(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file)
+static int read_last(fwu_writer &w, fwu_cursor &cursor, const std::vector<fwu_log_file> &files)
 {
+    const fwu_log_file &file = files.back();
     fwu_found found = learn_file(w, cursor, file, true);
     if (found == FWU_FAILED)
         return -1;
-    if (ends_too_early(w, cursor))
+    if (ends_too_early(w, cursor, files))
         return -1;
     if (found == FWU_DAMAGED &&
         (cursor.foreign || (!w.have_ack && (cursor.header_read || !fwu_all_zero(file)))))
         return fwu_log_damage(cursor);
     return 0;
+}
+
+// Whether a file comes right behind another one.
+static bool follows(const fwu_log_file &file, const fwu_log_file &before)
+{
+    return file.generation == before.generation && file.sequence == before.sequence + 1;
+}
+
+// The file before the last one must be there.
+static int check_there(const fwu_writer &w, const std::vector<fwu_log_file> &files)
+{
+    const fwu_log_file &last = files.back();
+    const fwu_log_file &before = files.size() > 1 ? files[files.size() - 2] : last;
+    if (files.size() == 1 || before.generation != last.generation || follows(last, before))
+        return 0;
+    const std::string missing = fwu_log_file_name(before.generation, before.sequence + 1);
+    return fwu_error("%s/%s: the log file is missing, the next one there is %s; restore it from a "
+                     "copy, or cut the log back to what is whole: fwlog repair",
+                     w.directory.c_str(), missing.c_str(), last.name.c_str());
 }
 
 int fwu_recover(fwu_writer &w)
@@ -254,10 +298,15 @@ int fwu_recover(fwu_writer &w)
                    : 0;
     fwu_cursor cursor;
     fwu_cursor older;
-    int result = read_last(w, cursor, files.back());
-    // The file before it must end whole; older ones are asked for the last record.
+    int result = read_last(w, cursor, files);
+    if (result == 0)
+        result = check_there(w, files);
+    // The file before it must end whole, and its records where those of the last one begin;
+    // older ones are asked for the last record when it has none.
+    int32_t recnum_before = 0;
+    bool joined = true; // no file is missing on the way
     for (size_t i = files.size() - 1;
-         result == 0 && i > 0 && (i == files.size() - 1 || w.last_recnum == 0); i--) {
+         result == 0 && i > 0 && (w.last_recnum == 0 || (recnum_before == 0 && joined)); i--) {
         const fwu_ack here = w.here;
         const int32_t recnum = w.last_recnum;
         const fwu_commit last = w.last;
@@ -266,11 +315,21 @@ int fwu_recover(fwu_writer &w)
             result = -1;
         else if (found == FWU_DAMAGED || !fwu_log_ends_whole(older))
             result = fwu_log_damage(older);
+        joined = joined && follows(files[i], files[i - 1]);
+        if (joined && recnum_before == 0)
+            recnum_before = older.last_recnum;
         if (recnum != 0) {
             w.here = here;
             w.last_recnum = recnum;
             w.last = last;
         }
+    }
+    const char *gap = result == 0 ? fwu_recnum_gap(recnum_before, cursor.first_recnum) : nullptr;
+    if (gap != nullptr) {
+        cursor.gap = true;
+        cursor.bad_at = FWU_FILE_HEADER_SIZE; // no transaction is without records
+        cursor.reason = gap;
+        result = fwu_log_damage(cursor);
     }
     // A log that is refused stays as it is.
     if (result == 0)

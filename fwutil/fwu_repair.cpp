@@ -67,7 +67,7 @@ static bool may_be_tail(const fwu_repair &repair, const fwu_cursor &cursor)
 {
     const fwu_log_file &file = cursor.file;
     const fwu_position &acked = repair.acked.position;
-    if (cursor.foreign)
+    if (cursor.foreign || cursor.gap)
         return false;
     if (!repair.have_ack)
         return !cursor.header_read && fwu_all_zero(file);
@@ -223,8 +223,9 @@ int fwu_repair_open(fwu_repair &repair, const fwu_config &config, bool only_look
     repair.directory = config.log_directory;
     if (fwu_writer_mode(repair.directory, config.log_mode, repair.file_mode) != 0)
         return -1;
-    const bool lock = !only_look || access((repair.directory + "/writer.lock").c_str(), F_OK) == 0;
-    if (lock) {
+    // Nobody writes where there is no lock file, or a file system that is only read.
+    if (!only_look || access((repair.directory + "/writer.lock").c_str(), W_OK) == 0 ||
+        (errno != ENOENT && errno != EROFS)) {
         repair.lock_fd = fwu_writer_lock(repair.directory, repair.file_mode);
         if (repair.lock_fd < 0)
             return -1;

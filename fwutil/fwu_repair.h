@@ -54,8 +54,8 @@ struct fwu_repair {
     bool below = false; // part of that is missing
 };
 
-// Takes the writer's lock, if it is there when only_look is set, reads the log and
-// finds the first damage.
+// Takes the writer's lock, if it is there and can be written when only_look is set, reads the log
+// and finds the first damage.
 int fwu_repair_open(fwu_repair &repair, const fwu_config &config, bool only_look);
 
 // Cuts the log back as the plan says.  Whatever interrupts it leaves a log that is as

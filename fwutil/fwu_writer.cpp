@@ -329,6 +329,10 @@ static int sync_file(fwu_writer &w)
 // Keeps what is on disk as acknowledged, in a file made for it where there is none.
 static int keep_acknowledged(fwu_writer &w)
 {
+    // A log of version 1 has no identity; the first file of version 2 takes this one.
+    if (!fwu_identity_known(w.identity) &&
+        fwu_random(w.identity.bytes, sizeof w.identity.bytes) != 0)
+        return -1;
     fwu_ack next = w.synced;
     next.identity = w.identity;
     next.number = w.acked.number;
@@ -348,7 +352,7 @@ int fwu_writer_acknowledge(fwu_writer *writer)
     fwu_writer &w = *writer;
     if (w.sync == FWU_SYNC_NONE && w.unsynced && fwu_writer_sync(writer) != 0)
         return -1;
-    if (w.synced.position == w.acked.position || !fwu_identity_known(w.identity))
+    if (w.synced.position == w.acked.position)
         return 0;
     return keep_acknowledged(w);
 }

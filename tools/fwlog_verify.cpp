@@ -54,18 +54,16 @@ static void print_missing(const fwu_ack &ack, const std::string &directory, bool
         printf("%s: %s\n", facts.file.path.c_str(), facts.damage.c_str());
 }
 
-// Compares the log with what was acknowledged of it.  That the file it ends in holds as
-// much has been looked at with the file.  False: reported.
-static bool check_acknowledged(const std::string &directory, const fwu_position &end,
+// Compares the log, up to its last file and its last commit, with what had been
+// acknowledged of it before the files were listed: beside a writer there is more by now.
+// That the last file holds as much has been looked at with the file.  False: reported.
+static bool check_acknowledged(const std::string &directory, const fwu_ack &ack,
+                               const fwu_log_file &last, const fwu_position &end,
                                const fwu_identity &identity, bool json)
 {
-    fwu_ack ack;
-    const fwu_found acked = fwu_ack_read(directory, ack);
-    if (acked != FWU_FOUND)
-        return acked != FWU_FAILED;
     if (fwu_identity_known(identity) && identity != ack.identity)
         return fwu_ack_foreign(directory, ack, identity) == 0;
-    if (std::pair(end.generation, end.sequence) >=
+    if (std::pair(last.generation, last.sequence) >=
         std::pair(ack.position.generation, ack.position.sequence))
         return true;
     print_missing(ack, directory, json);
@@ -82,15 +80,23 @@ int fwlog_verify_main(int argc, char **argv)
     if (fwu_config_read(config, options.cfg) != 0)
         return FWLOG_EXIT_FAILED;
     bool sound = true;
-    fwu_position end; // of the log: its last file
+    fwu_ack ack;
+    const fwu_found acked = fwu_ack_read(config.log_directory, ack);
+    fwu_log_file last;
+    fwu_position end; // the last commit
     fwu_identity identity;
     const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
         sound = sound && facts.damage.empty() && facts.missing_from == 0;
-        end = {facts.file.generation, facts.file.sequence, facts.last_tag};
+        last = facts.file;
+        if (facts.last_tag != 0)
+            end = {last.generation, last.sequence, facts.last_tag};
         if (facts.has_header && fwu_identity_known(facts.header.identity))
             identity = facts.header.identity;
         options.json ? print_json(facts) : print_text(facts);
     });
-    sound = check_acknowledged(config.log_directory, end, identity, options.json) && sound;
+    sound = acked != FWU_FAILED && sound;
+    if (acked == FWU_FOUND)
+        sound = check_acknowledged(config.log_directory, ack, last, end, identity, options.json) &&
+                sound;
     return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
 }

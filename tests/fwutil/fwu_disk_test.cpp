@@ -272,9 +272,7 @@ TEST_F(DiskTest, EachFailureIsNamed)
     write_file(file(1), log_file_bytes(1) + "torn");
     const std::string cut = "fwutil: " + file(1) + ": cut 4 bytes behind offset " +
                             std::to_string(log_file_bytes(1).size() - 4) +
-                            ": the rest of a transaction that was not finished; kept in cut-" +
-                            fwu_log_file_name(1, 1) + "-" +
-                            std::to_string(log_file_bytes(1).size() - 4) + "\n";
+                            ": the rest of a transaction that was not finished\n";
     calls.fail_ftruncate = true;
     EXPECT_EQ(load().err, cut + "fwutil: " + file(1) +
                               ": cannot cut the log file back to its last transaction: "

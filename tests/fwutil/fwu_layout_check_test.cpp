@@ -40,7 +40,8 @@ class LayoutCheckTest : public testing::Test {
 
 TEST_F(LayoutCheckTest, ARecordHasTheLengthOfTheLayoutThatStandsForIt)
 {
-    EXPECT_EQ(check_entry(insert(7)), nullptr) << "no layout: nothing to compare with";
+    EXPECT_STREQ(check_entry(insert(7)),
+                 "no layout of the record's dataset stands before it in the file");
     EXPECT_EQ(check_entry(layout(8)), nullptr);
     EXPECT_EQ(check_entry(layout(7, "OTHERS")), nullptr);
     EXPECT_EQ(check_entry(insert(8)), nullptr);

@@ -205,11 +205,7 @@ TEST_F(WriterTest, EveryTornTailIsCutAndReported)
         EXPECT_EQ(stderr_of([&] { open_writer(); }),
                   "fwutil: " + file(1) + ": cut " + std::to_string(length - one.size()) +
                       " bytes behind offset " + std::to_string(one.size()) +
-                      ": the rest of a transaction that was not finished; kept in cut-" +
-                      fwu_log_file_name(1, 1) + "-" + std::to_string(one.size()) + "\n");
-        EXPECT_EQ(
-            read_file(log + "/cut-" + fwu_log_file_name(1, 1) + "-" + std::to_string(one.size())),
-            two.substr(one.size(), length - one.size()));
+                      ": the rest of a transaction that was not finished\n");
         written.resize(1);
         commits = 1;
         add({insert(2), erase(2)});

@@ -45,13 +45,13 @@ struct log_file {
     }
 
     void change(int32_t opcode, const char *before, const char *after,
-                const char *dsetname = "ORDERS")
+                const char *dsetname = "ORDERS", int32_t recnum = 12)
     {
         const fwu_change change{.dbname = "SALES",
                                 .dsetname = dsetname,
                                 .logtime = 86'461,
                                 .opcode = opcode,
-                                .recnum = 12,
+                                .recnum = recnum,
                                 .reclen = 8,
                                 .before = reinterpret_cast<const unsigned char *>(before),
                                 .after = reinterpret_cast<const unsigned char *>(after)};

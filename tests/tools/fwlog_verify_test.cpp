@@ -3,8 +3,10 @@
 #include "tests/procs/growing_log.h"
 #include "tests/tools/built_log.h"
 
+#include <atomic>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <thread>
 
 using testing::HasSubstr;
 
@@ -179,6 +181,56 @@ TEST_F(FwlogVerifyTest, TheLogsEndIsComparedWithWhatWasAcknowledged)
                           "\",\"transactions\":0,\"entries\":0,\"tail\":0,\"damage\":\"" + damage +
                           "\",\"offset\":0}\n"));
     write_file(last, whole);
+    EXPECT_EQ(run({"verify"}).status, 0);
+}
+
+// Files come, and more is acknowledged, while it reads.
+TEST_F(FwlogVerifyTest, AHealthyWriterBesideItIsNoLoss)
+{
+    make(200, "4K");
+    acknowledge();
+    fwu_config config;
+    fwu_writer *writer = nullptr;
+    ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+    config.sync = FWU_SYNC_NONE;
+    ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+    std::atomic<bool> stop = false;
+    std::thread appends([&] {
+        for (int n = 1000; !stop && n < 200'000; n += 30) {
+            EXPECT_TRUE(append_transaction(writer, n, 30) && fwu_writer_acknowledge(writer) == 0);
+            usleep(1000);
+        }
+    });
+    for (int i = 0; i < 20; i++) {
+        const run_result result = run({"verify"});
+        EXPECT_EQ(result.status, 0) << result.err;
+        if (i % 5 == 0) {
+            EXPECT_EQ(run({"info"}).status, 0);
+        }
+    }
+    stop = true;
+    appends.join();
+    EXPECT_EQ(fwu_writer_close(writer), 0);
+}
+
+TEST_F(FwlogVerifyTest, ARecordWithoutALayoutInItsFileIsDamage)
+{
+    write_config(dir, "64M");
+    std::filesystem::create_directory(dir.file("log"));
+    log_file built(1, false);
+    built.layout();
+    built.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
+    built.commit();
+    const size_t at = built.bytes.size();
+    built.change(FWU_OP_INSERT, nullptr, NEW_IMAGE, "OTHERS");
+    built.commit();
+    write_file(file(1), {built.bytes.begin(), built.bytes.end()});
+    const run_result result = run({"verify"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "log/fw0001-00000001.log: damaged at offset " + std::to_string(at) +
+                              ": no layout of the record's dataset stands before it in the file; "
+                              "what follows in this file was not looked at\n");
+    EXPECT_EQ(run({"repair"}).status, 0);
     EXPECT_EQ(run({"verify"}).status, 0);
 }
 
