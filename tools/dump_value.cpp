@@ -16,9 +16,8 @@ void dump_hex(std::string &out, const unsigned char *bytes, size_t length)
     }
 }
 
-void dump_text(std::string &out, std::string_view text)
+static void put_escaped(std::string &out, std::string_view text, bool quoted)
 {
-    out.push_back('"');
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
         if (byte < 0x20 || (byte >= 0x7F && byte < 0xA0)) {
@@ -28,12 +27,23 @@ void dump_text(std::string &out, std::string_view text)
             out.push_back(static_cast<char>(0xC0 | byte >> 6));
             out.push_back(static_cast<char>(0x80 | (byte & 0x3F)));
         } else {
-            if (c == '"' || c == '\\')
+            if (c == '\\' || (quoted && c == '"'))
                 out.push_back('\\');
             out.push_back(c);
         }
     }
+}
+
+void dump_text(std::string &out, std::string_view text)
+{
     out.push_back('"');
+    put_escaped(out, text, true);
+    out.push_back('"');
+}
+
+void dump_name(std::string &out, std::string_view name)
+{
+    put_escaped(out, name, false);
 }
 
 static uint64_t get_bytes(const unsigned char *in, int32_t size, bool big_endian)
@@ -168,7 +178,9 @@ bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian,
     if (fwu_layout_image_length(layout) != static_cast<int64_t>(length))
         return false;
     for (const fwu_item &item : layout.items) {
-        out += " " + item.name + (item.count > 1 ? "={" : "=");
+        out += " ";
+        dump_name(out, item.name);
+        out += item.count > 1 ? "={" : "=";
         for (int32_t i = 0; i < item.count; i++) {
             if (i > 0)
                 out.push_back(',');

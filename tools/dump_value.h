@@ -22,4 +22,7 @@ void dump_hex(std::string &out, const unsigned char *bytes, size_t length);
 // and backslashes with a backslash.
 void dump_text(std::string &out, std::string_view text);
 
+// The same without the quotes around it, for a name; its quotes stay as they are.
+void dump_name(std::string &out, std::string_view name);
+
 #endif

@@ -1,6 +1,7 @@
 // fwlog info: files, positions, times and counts of a log.
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_config.h"
+#include "tools/dump_value.h"
 #include "tools/fwlog.h"
 #include "tools/fwlog_survey.h"
 #include "tools/pg_lsn.h"
@@ -92,6 +93,15 @@ static void print_log(const log_totals &totals)
                pgl_text(totals.ack.commit.lsn).c_str());
 }
 
+static std::string shown_name(const std::string &database, const std::string &dataset)
+{
+    std::string text;
+    dump_name(text, database);
+    text += ".";
+    dump_name(text, dataset);
+    return text;
+}
+
 static void print_totals(const log_totals &totals)
 {
     printf("%" PRIu64 " files, %" PRId64 " bytes, %" PRIu64 " transactions\n", totals.files,
@@ -101,7 +111,7 @@ static void print_totals(const log_totals &totals)
         printf("%-33s %10s %10s %10s\n", "dataset", "inserts", "updates", "deletes");
     for (const auto &[name, counts] : totals.datasets)
         printf("%-33s %10" PRIu64 " %10" PRIu64 " %10" PRIu64 "\n",
-               (name.first + "." + name.second).c_str(), counts.inserts, counts.updates,
+               shown_name(name.first, name.second).c_str(), counts.inserts, counts.updates,
                counts.deletes);
 }
 

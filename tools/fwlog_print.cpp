@@ -26,17 +26,29 @@ static std::string micros_text(int64_t micros)
     return time_text(seconds, static_cast<int32_t>(rest), 6);
 }
 
+static void put_dataset(std::string &out, std::string_view database, std::string_view dataset)
+{
+    dump_name(out, database);
+    out += ".";
+    dump_name(out, dataset);
+}
+
 static bool put_layout(fwlog_printer &printer, const fwu_entry &entry)
 {
     fwu_layout layout;
     if (!fwu_entry_layout(entry, layout))
         return false;
-    printer.out += "layout " + layout.dbname + "." + layout.dsetname + ": " +
-                   std::to_string(layout.items.size()) + " items, " +
+    printer.out += "layout ";
+    put_dataset(printer.out, layout.dbname, layout.dsetname);
+    printer.out += ": " + std::to_string(layout.items.size()) + " items, " +
                    std::to_string(fwu_layout_image_length(layout)) + " bytes\n";
     for (const fwu_item &item : layout.items) {
-        printer.out += "    " + item.name + " " + static_cast<char>(item.type) + " " +
-                       std::to_string(item.size);
+        const char type = static_cast<char>(item.type);
+        printer.out += "    ";
+        dump_name(printer.out, item.name);
+        printer.out += " ";
+        dump_name(printer.out, {&type, 1});
+        printer.out += " " + std::to_string(item.size);
         if (item.count != 1)
             printer.out += " x" + std::to_string(item.count);
         if (item.item_aux != 0)
@@ -93,9 +105,11 @@ static bool put_change(fwlog_printer &printer, const fwu_entry &entry)
     const char *const kind = change.opcode == FWU_OP_INSERT   ? "insert "
                              : change.opcode == FWU_OP_UPDATE ? "update "
                                                               : "delete ";
-    printer.out += std::string(kind) + change.dbname + "." + change.dsetname + " " +
-                   time_text(change.logtime, 0, 0) + " record " + std::to_string(change.recnum) +
-                   ", " + std::to_string(change.reclen) + " bytes\n";
+    printer.out += kind;
+    put_dataset(printer.out, change.dbname, change.dsetname);
+    printer.out += " " + time_text(change.logtime, 0, 0) + " record " +
+                   std::to_string(change.recnum) + ", " + std::to_string(change.reclen) +
+                   " bytes\n";
     put_image(printer, "    before", change, change.before);
     put_image(printer, "    after", change, change.after);
     return true;

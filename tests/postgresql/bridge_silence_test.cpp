@@ -214,6 +214,8 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
          "position: "},
         {"CREATE_REPLICATION_SLOT", "0/", "0;",
          "the server's answer to CREATE_REPLICATION_SLOT holds no position: \"0;"},
+        {"CREATE_REPLICATION_SLOT", "0/", "9/",
+         "the server's answer to CREATE_REPLICATION_SLOT holds the position 9/"},
         {"c.relkind, p.attnames", length + table, length + std::string(table.size(), 'z'),
          "the server gives \"" + std::string(table.size(), 'z') +
              "\" as the number of table load.ledger"},

@@ -17,6 +17,11 @@ static std::string dumped(const fwu_item &item, const std::string &image, bool b
     return covered ? out : "not covered" + out;
 }
 
+TEST(DumpValue, NamesAreEscapedAsTextsAre)
+{
+    EXPECT_EQ(dumped(item_of("A\x1B\n", 'I', 2), "\xFF\xFE"), " A\\x1B\\x0A=-2");
+}
+
 TEST(DumpValue, NumbersAreDecimal)
 {
     EXPECT_EQ(dumped(item_of("A", 'I', 2), "\xFF\xFE"), " A=-2");

@@ -35,6 +35,26 @@ TEST(FwlogDump, PrintsEveryEntryWithItsPosition)
 )");
 }
 
+TEST(FwlogDump, NamesCannotForgeLines)
+{
+    log_file file(1, false);
+    fwu_layout odd{.dbname = "S\x1B[2J", .dsetname = "O\n1-1.9", .items = {}};
+    odd.items.push_back({.name = "N\nO", .type = 'I', .size = 2});
+    odd.items.push_back({.name = "BACK\\SLASH", .type = '\n', .size = 6});
+    fwu_entry_put_layout(file.bytes, ++file.tag, odd);
+    file.added();
+    file.change(FWU_OP_DELETE, OLD_IMAGE, nullptr, "O\n1-1.9");
+    file.commit();
+    place here;
+    here.add(1, file.bytes);
+    const run_result result = here.dump();
+    EXPECT_THAT(result.out, HasSubstr(" layout S\\x1B[2J.O\\x0A1-1.9: 2 items, 8 bytes\n"
+                                      "    N\\x0AO I 2\n"
+                                      "    BACK\\\\SLASH \\x0A 6\n"));
+    EXPECT_THAT(result.out, HasSubstr(" delete SALES.O\\x0A1-1.9 1970-01-02 "));
+    EXPECT_EQ(result.out.find("\n1-1.9"), std::string::npos);
+}
+
 TEST(FwlogDump, HexShowsTheBytesOfImages)
 {
     place here;

@@ -208,6 +208,12 @@ static pgs_outcome create_slot(pgb_bridge &bridge)
     if (!pgl_parse(lsn, pgs_value(result, 0, 1)))
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position: " +
                       pgt_quote(pgs_value(result, 0, 1)));
+    // What was written since IDENTIFY_SYSTEM counts, too.
+    pgs_server_lsn(server, bridge.state.server_lsn);
+    if (lsn == 0 || lsn > bridge.state.server_lsn)
+        return refuse("the server's answer to CREATE_REPLICATION_SLOT holds the position " +
+                      pgl_text(lsn) + ", its log goes from above 0/0 up to " +
+                      pgl_text(bridge.state.server_lsn) + "; is it a PostgreSQL server?");
     fprintf(stderr, "fwlog: slot \"%s\" created, it begins at %s\n", server.slot.c_str(),
             pgl_text(lsn).c_str());
     bridge.state.told_lsn = lsn;
