@@ -140,7 +140,8 @@ TEST_F(LogSync, WhatAKilledRunLeftNeedNotBeOpenToTheNextRun)
     const char *owners =
         root ? "chmod 755 . && chown -R 65534:65534 . && chown 0 in in/cap" : "true";
     ASSERT_EQ(0, run_program({"sh", "-c", owners}, options).status);
-    const std::string reach = "test -w . && test -x " KESTRO_BUILD_DIR "/bin/Kestro";
+    const std::string reach =
+        "test -w " + dir.path() + " && test -x " KESTRO_BUILD_DIR "/bin/Kestro";
     if (root && run_program({"sh", "-c", nobody + "sh -c '" + reach + "'"}, options).status != 0)
         GTEST_SKIP() << "another user cannot reach the program or the test's directory";
     for (const char *closed : {"chmod 0 in/cap", "chmod 644 in/cap; chmod 311 in", "chmod 0 in"}) {
