@@ -32,6 +32,11 @@ int power_cuts()
     return cuts > 0 ? cuts : 10;
 }
 
+bool many_power_cuts()
+{
+    return power_cuts() >= 50;
+}
+
 // Has the process's mounts to itself.  Why it cannot, or empty.
 static std::string isolate()
 {

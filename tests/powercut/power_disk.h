@@ -14,6 +14,9 @@
 // Cuts of each case: KESTRO_POWER_CUTS, else 10.
 int power_cuts();
 
+// Whether these are so many that some of them must take something away.
+bool many_power_cuts();
+
 class power_disk {
   public:
     power_disk();
