@@ -32,9 +32,9 @@ int power_cuts()
     return cuts > 0 ? cuts : 10;
 }
 
-bool many_power_cuts()
+bool another_cut(int cut, bool telling)
 {
-    return power_cuts() >= 50;
+    return cut <= power_cuts() || (!telling && cut <= 20 * power_cuts());
 }
 
 // Has the process's mounts to itself.  Why it cannot, or empty.

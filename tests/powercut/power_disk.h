@@ -14,8 +14,9 @@
 // Cuts of each case: KESTRO_POWER_CUTS, else 10.
 int power_cuts();
 
-// Whether these are so many that some of them must take something away.
-bool many_power_cuts();
+// Whether to go on with cut 1, 2, ...: beyond their number as long as they tell nothing
+// (on a slow machine a few may hit nothing), but not for ever.
+bool another_cut(int cut, bool telling);
 
 class power_disk {
   public:
