@@ -4,9 +4,9 @@
 #include "ascii/ascii_dec.h"
 #include "ascii/ascii_num.h"
 #include "capture/capinfo.h"
-#include "driver/dsetinfo.h"
-#include "driver/log.h"
-#include "driver/mem.h"
+#include "driver/base/dsetinfo.h"
+#include "driver/base/log.h"
+#include "driver/base/mem.h"
 
 #include <algorithm>
 #include <cstdlib>

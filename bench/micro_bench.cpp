@@ -4,9 +4,9 @@
 #include "capture/capinfo.h"
 #include "capture/dsetpat.h"
 #include "capture/header.h"
-#include "driver/globals.h"
-#include "driver/logrec.h"
-#include "driver/mem.h"
+#include "driver/base/globals.h"
+#include "driver/base/logrec.h"
+#include "driver/base/mem.h"
 
 #include <benchmark/benchmark.h>
 #include <cstring>

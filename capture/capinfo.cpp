@@ -6,8 +6,8 @@
 #include "capture/rollover.h"
 #include "capture/slist.h"
 #include "capture/stats.h"
-#include "driver/globals.h"
-#include "driver/mem.h"
+#include "driver/base/globals.h"
+#include "driver/base/mem.h"
 
 #include <cstdlib>
 #include <cstring>

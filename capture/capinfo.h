@@ -3,7 +3,7 @@
 #ifndef CAPTURE_CAPINFO_H
 #define CAPTURE_CAPINFO_H
 
-#include "driver/dsetinfo.h"
+#include "driver/base/dsetinfo.h"
 
 #include <cstdint>
 

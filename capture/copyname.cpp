@@ -3,7 +3,7 @@
 
 #include "capture/capinfo.h"
 #include "capture/settings.h"
-#include "driver/log.h"
+#include "driver/base/log.h"
 
 #include <filesystem>
 #include <system_error>

@@ -2,9 +2,9 @@
 #include "capture/dsetpat.h"
 
 #include "capture/capinfo.h"
-#include "driver/log.h"
-#include "driver/logrec.h"
-#include "driver/mem.h"
+#include "driver/base/log.h"
+#include "driver/base/logrec.h"
+#include "driver/base/mem.h"
 
 #include <cctype>
 #include <cstring>

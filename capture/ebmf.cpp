@@ -3,8 +3,8 @@
 #include "capture/ebmf.h"
 
 #include "capture/textfile.h"
-#include "driver/log.h"
-#include "driver/mem.h"
+#include "driver/base/log.h"
+#include "driver/base/mem.h"
 
 #include <cerrno>
 #include <cstdarg>

@@ -4,11 +4,11 @@
 
 #include "capture/capinfo.h"
 #include "capture/hdrtext.h"
-#include "driver/globals.h"
-#include "driver/log.h"
-#include "driver/logrec.h"
-#include "driver/mem.h"
-#include "driver/zone.h"
+#include "driver/base/globals.h"
+#include "driver/base/log.h"
+#include "driver/base/logrec.h"
+#include "driver/base/mem.h"
+#include "driver/base/zone.h"
 #include "fwutil/fwutil.h"
 
 #include <cstdio>

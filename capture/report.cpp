@@ -6,7 +6,7 @@
 #include "capture/hdrtext.h"
 #include "capture/slist.h"
 #include "capture/stats.h"
-#include "driver/log.h"
+#include "driver/base/log.h"
 
 #include <cstdio>
 #include <cstring>

@@ -6,8 +6,8 @@
 #include "capture/copyname.h"
 #include "capture/syncmark.h"
 #include "capture/textfile.h"
-#include "driver/globals.h"
-#include "driver/log.h"
+#include "driver/base/globals.h"
+#include "driver/base/log.h"
 #include "msgfile/tmf.h"
 
 #include <cerrno>

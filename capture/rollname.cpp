@@ -1,7 +1,7 @@
 // Names of the files that a full capture file rolls over to.
 #include "capture/rollname.h"
 
-#include "driver/mem.h"
+#include "driver/base/mem.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -5,8 +5,8 @@
 #include "capture/ebmf.h"
 #include "capture/rollname.h"
 #include "capture/sync.h"
-#include "driver/globals.h"
-#include "driver/log.h"
+#include "driver/base/globals.h"
+#include "driver/base/log.h"
 
 #include <cstdlib>
 #include <limits>

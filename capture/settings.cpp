@@ -1,7 +1,7 @@
 // The environment's settings for capture files.
 #include "capture/settings.h"
 
-#include "driver/log.h"
+#include "driver/base/log.h"
 
 #include <cstdlib>
 #include <cstring>

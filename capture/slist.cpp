@@ -1,7 +1,7 @@
 // The sorted string-keyed list: two parallel arrays and a binary search.
 #include "capture/slist.h"
 
-#include "driver/mem.h"
+#include "driver/base/mem.h"
 
 #include <cstdlib>
 #include <cstring>

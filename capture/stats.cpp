@@ -3,9 +3,9 @@
 
 #include "capture/capinfo.h"
 #include "capture/slist.h"
-#include "driver/globals.h"
-#include "driver/logrec.h"
-#include "driver/mem.h"
+#include "driver/base/globals.h"
+#include "driver/base/logrec.h"
+#include "driver/base/mem.h"
 
 #include <cstdlib>
 

@@ -6,7 +6,7 @@
 #include "capture/ebmf.h"
 #include "capture/settings.h"
 #include "capture/syncmark.h"
-#include "driver/log.h"
+#include "driver/base/log.h"
 #include "fwutil/fwutil.h"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 
 #include "capture/capinfo.h"
 #include "capture/ebmf.h"
-#include "driver/log.h"
+#include "driver/base/log.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,8 +4,8 @@
 
 #include "capture/capinfo.h"
 #include "capture/settings.h"
-#include "driver/globals.h"
-#include "driver/log.h"
+#include "driver/base/globals.h"
+#include "driver/base/log.h"
 
 #include <algorithm>
 #include <cerrno>

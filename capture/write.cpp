@@ -10,11 +10,11 @@
 #include "capture/rollover.h"
 #include "capture/stats.h"
 #include "capture/sync.h"
-#include "driver/dump.h"
-#include "driver/globals.h"
-#include "driver/log.h"
-#include "driver/logrec.h"
-#include "driver/mem.h"
+#include "driver/base/dump.h"
+#include "driver/base/globals.h"
+#include "driver/base/log.h"
+#include "driver/base/logrec.h"
+#include "driver/base/mem.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // The program's entry.
 #include "capture/capinfo.h"
-#include "driver/globals.h"
+#include "driver/base/globals.h"
 #include "driver/help.h"
 #include "driver/output.h"
 #include "driver/process.h"

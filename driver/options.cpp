@@ -3,9 +3,9 @@
 
 #include "capture/capinfo.h"
 #include "capture/header.h"
-#include "driver/globals.h"
-#include "driver/log.h"
-#include "driver/mem.h"
+#include "driver/base/globals.h"
+#include "driver/base/log.h"
+#include "driver/base/mem.h"
 
 #include <cstdlib>
 #include <cstring>

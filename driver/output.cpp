@@ -2,7 +2,7 @@
 // the stream's error mark, which stays, is asked for instead.
 #include "driver/output.h"
 
-#include "driver/log.h"
+#include "driver/base/log.h"
 
 #include <cstdio>
 

@@ -1,7 +1,7 @@
 // Dataset patterns: checking, the stored form, matching.
 #include "capture/dsetpat.h"
 
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 
 #include <cctype>

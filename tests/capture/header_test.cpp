@@ -1,7 +1,7 @@
 // The capture record header: layout and filling.
 #include "capture/header.h"
 
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 #include "tests/support/run.h"
 

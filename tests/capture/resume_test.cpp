@@ -4,7 +4,7 @@
 
 #include "capture/settings.h"
 #include "capture/syncmark.h"
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "fwutil/fwutil.h"
 #include "msgfile/tmf.h"
 #include "tests/support/core_state.h"

@@ -5,7 +5,7 @@
 
 #include "capture/ebmf.h"
 #include "capture/write.h"
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 #include "tests/support/tempdir.h"
 

@@ -2,7 +2,7 @@
 #include "capture/stats.h"
 
 #include "capture/slist.h"
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 
 class Stats : public core_state {

@@ -2,7 +2,7 @@
 #include "capture/sync.h"
 
 #include "capture/settings.h"
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "driver/session.h"
 #include "fwutil/fwutil.h"
 #include "msgfile/tmf.h"

@@ -4,7 +4,7 @@
 #include "capture/capinfo.h"
 #include "capture/ebmf.h"
 #include "capture/settings.h"
-#include "driver/globals.h"
+#include "driver/base/globals.h"
 #include "tests/support/captured.h"
 #include "tests/support/tempdir.h"
 

@@ -1,7 +1,7 @@
 // What a record's conversion results come to when text files differ in them.  The
 // conversion itself is replaced, since one image and one layout convert alike.
 #include "ascii/put_ascii.h"
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 #include "tests/support/tempdir.h"
 

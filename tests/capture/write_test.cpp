@@ -5,7 +5,7 @@
 #include "capture/header.h"
 #include "capture/slist.h"
 #include "capture/stats.h"
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 #include "tests/support/tempdir.h"
 

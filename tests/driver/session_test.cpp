@@ -1,7 +1,7 @@
 // The capture session and the record callback.
 #include "driver/session.h"
 
-#include "driver/logrec.h"
+#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 #include "tests/support/tempdir.h"
 

@@ -7,7 +7,7 @@
 
 #include "tests/fwutil/follow_fixture.h"
 #include "tests/fwutil/system_calls.h"
-#include "tests/tools/built_log.h"
+#include "tests/tools/fwlog/built_log.h"
 
 #include <climits>
 #include <csignal>

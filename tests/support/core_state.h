@@ -5,7 +5,7 @@
 
 #include "capture/capinfo.h"
 #include "capture/write.h"
-#include "driver/globals.h"
+#include "driver/base/globals.h"
 #include "tests/support/captured.h"
 #include "tests/support/fake_fwutil.h"
 

@@ -1,0 +1,67 @@
+// The item layout of the current record's dataset.
+#include "driver/base/dsetinfo.h"
+
+#include "capture/capinfo.h"
+#include "driver/base/logrec.h"
+#include "driver/base/mem.h"
+#include "fwutil/fwutil.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+dsetinfo *new_dsetinfo()
+{
+    return mem_new<dsetinfo>();
+}
+
+void free_dsetinfo(dsetinfo *info)
+{
+    if (info == nullptr)
+        return;
+    for (int i = 0; i < info->nalloc; i++)
+        free(info->items[i]);
+    free(info->items);
+    free(info);
+}
+
+// Copies at most DSETITEM_NAME_MAX characters; what a longer name left behind them
+// becomes zero.  Names are short, so a loop is quicker than the library's routines.
+static void copy_name(char *dst, const char *name)
+{
+    int n = 0;
+    for (; n < DSETITEM_NAME_MAX && name[n] != '\0'; n++)
+        dst[n] = name[n];
+    for (; dst[n] != '\0'; n++)
+        dst[n] = '\0';
+}
+
+void get_dsetinfo(dsetinfo *info)
+{
+    info->nitems = 0;
+    for (;;) {
+        // The call that finds no more items may write into the descriptor too, so
+        // there is always one past the last item.
+        if (info->nitems == info->nalloc) {
+            info->items = mem_grow(info->items, info->nalloc + 1);
+            info->items[info->nalloc] = mem_new<dsetitem>();
+            info->nalloc++;
+        }
+        dsetitem *item = info->items[info->nitems];
+        const char *name = nullptr;
+        if (Fwu_get_item(&name, &item->type, &item->size, &item->count, &item->item_aux) == 0)
+            return;
+        copy_name(item->name, name == nullptr ? "" : name);
+        info->nitems++;
+    }
+}
+
+void show_sets(const capinfo *ci, const log_record *record)
+{
+    const dsetinfo *info = ci->dsets;
+    printf("***** Dataset %s.%s has %d items\n", logrec_dbname(record), logrec_dsetname(record),
+           info->nitems);
+    for (int i = 0; i < info->nitems; i++) {
+        const dsetitem *item = info->items[i];
+        printf("    %-16s %c%3d%3d\n", item->name, item->type, item->size, item->count);
+    }
+}

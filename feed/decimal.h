@@ -1,0 +1,37 @@
+// From the digits of a number to the bytes of an item: binary integers, packed
+// and zoned decimals, IEEE floating point.  Decimal values never pass through
+// a double, so no digit is lost or invented; what does not fit is refused.
+#ifndef FEED_DECIMAL_H
+#define FEED_DECIMAL_H
+
+#include <cstdint>
+#include <string_view>
+
+enum pgd_result {
+    PGD_OK,
+    PGD_NOT_A_NUMBER,
+    PGD_FRACTION, // digits behind the last decimal place that the item has
+    PGD_DIGITS,   // more digits than the item has
+    PGD_RANGE,    // outside the range of the binary type
+};
+
+// Whether text is wholly a number as JSON writes them; leading zeros are allowed.
+bool pgd_is_number(std::string_view text);
+
+// Signed or unsigned binary integer of 2, 4 or 8 bytes.
+pgd_result pgd_integer(std::string_view text, bool is_signed, bool big_endian, unsigned char *out,
+                       int32_t size);
+
+// Packed decimal: two digits a byte, the last half byte the sign, C plus and D
+// minus; a zero is plus.  scale is the number of decimal places.
+pgd_result pgd_packed(std::string_view text, int32_t scale, unsigned char *out, int32_t size);
+
+// Zoned decimal: a digit a byte, the last one overpunched with the sign, "{" and
+// "A" to "I" plus, "}" and "J" to "R" minus; a zero is plus.
+pgd_result pgd_zoned(std::string_view text, int32_t scale, unsigned char *out, int32_t size);
+
+// IEEE floating point of 4 or 8 bytes, rounded once, to the type itself.  The
+// texts NaN, Infinity and -Infinity are numbers here.
+pgd_result pgd_float(std::string_view text, bool big_endian, unsigned char *out, int32_t size);
+
+#endif

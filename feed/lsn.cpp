@@ -1,0 +1,27 @@
+#include "feed/lsn.h"
+
+#include <charconv>
+#include <cstdio>
+
+bool pgl_parse(uint64_t &lsn, std::string_view text)
+{
+    uint32_t high = 0;
+    uint32_t low = 0;
+    const char *const end = text.data() + text.size();
+    const auto [slash, code] = std::from_chars(text.data(), end, high, 16);
+    if (code != std::errc() || slash == end || *slash != '/')
+        return false;
+    const auto [rest, low_code] = std::from_chars(slash + 1, end, low, 16);
+    if (low_code != std::errc() || rest != end)
+        return false;
+    lsn = uint64_t{high} << 32 | low;
+    return true;
+}
+
+std::string pgl_text(uint64_t lsn)
+{
+    char text[32];
+    const int length = snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),
+                                static_cast<unsigned>(lsn & UINT32_MAX));
+    return {text, static_cast<size_t>(length)};
+}

@@ -1,0 +1,15 @@
+// Positions in the log of a PostgreSQL server (LSN).
+#ifndef FEED_LSN_H
+#define FEED_LSN_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+// Reads a position, two hexadecimal numbers with "/" between them.
+bool pgl_parse(uint64_t &lsn, std::string_view text);
+
+// The same, written.
+std::string pgl_text(uint64_t lsn);
+
+#endif

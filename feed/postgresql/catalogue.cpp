@@ -1,0 +1,257 @@
+#include "feed/postgresql/catalogue.h"
+
+#include "feed/text.h"
+#include "fwutil/fwutil.h"
+
+#include <algorithm>
+
+// OIDs of the built-in types, which are the same on every server.
+enum pg_type : uint32_t {
+    BOOL = 16,
+    CHAR_1 = 18,
+    NAME = 19,
+    INT8 = 20,
+    INT2 = 21,
+    INT4 = 23,
+    OID = 26,
+    FLOAT4 = 700,
+    FLOAT8 = 701,
+    BPCHAR = 1042,
+    VARCHAR = 1043,
+    DATE = 1082,
+    TIME = 1083,
+    TIMESTAMP = 1114,
+    TIMESTAMPTZ = 1184,
+    TIMETZ = 1266,
+    NUMERIC = 1700,
+    UUID = 2950,
+};
+
+constexpr int32_t MODIFIER_HEADER = 4; // added to lengths and precisions in a type modifier
+constexpr int32_t PACKED_DIGITS_MAX = 27;
+
+struct type_row {
+    uint32_t oid;
+    const char *name;
+};
+
+static constexpr type_row types[] = {
+    {BOOL, "boolean"},
+    {17, "bytea"},
+    {CHAR_1, "\"char\""},
+    {NAME, "name"},
+    {INT8, "bigint"},
+    {INT2, "smallint"},
+    {INT4, "integer"},
+    {25, "text"},
+    {OID, "oid"},
+    {114, "json"},
+    {142, "xml"},
+    {FLOAT4, "real"},
+    {FLOAT8, "double precision"},
+    {1000, "boolean[]"},
+    {1005, "smallint[]"},
+    {1007, "integer[]"},
+    {1009, "text[]"},
+    {1014, "character[]"},
+    {1015, "character varying[]"},
+    {1016, "bigint[]"},
+    {1021, "real[]"},
+    {1022, "double precision[]"},
+    {BPCHAR, "character"},
+    {VARCHAR, "character varying"},
+    {DATE, "date"},
+    {TIME, "time without time zone"},
+    {TIMESTAMP, "timestamp without time zone"},
+    {1115, "timestamp without time zone[]"},
+    {1182, "date[]"},
+    {TIMESTAMPTZ, "timestamp with time zone"},
+    {1185, "timestamp with time zone[]"},
+    {1186, "interval"},
+    {1231, "numeric[]"},
+    {TIMETZ, "time with time zone"},
+    {NUMERIC, "numeric"},
+    {UUID, "uuid"},
+    {2951, "uuid[]"},
+    {3802, "jsonb"},
+};
+
+const char *pgc_type_name(uint32_t type)
+{
+    for (const type_row &row : types)
+        if (row.oid == type)
+            return row.name;
+    return nullptr;
+}
+
+static void make(fwu_item &item, char type, int32_t size, int32_t scale = 0)
+{
+    item.type = static_cast<unsigned char>(type);
+    item.size = size;
+    item.item_aux = scale;
+}
+
+// numeric(p,s): a packed decimal; a text where none is long enough.
+static void make_numeric(fwu_item &item, int32_t modifier)
+{
+    const int32_t precision = (modifier - MODIFIER_HEADER) >> 16 & 0xFFFF;
+    const int32_t low = (modifier - MODIFIER_HEADER) & 0x7FF;
+    const int32_t scale = (low ^ 1024) - 1024; // 11 bits with a sign
+    if (scale >= 0 && scale <= precision && precision <= PACKED_DIGITS_MAX)
+        make(item, 'P', precision / 2 + 1, scale);
+    else // sign, digits, a zero before the point, the point
+        make(item, 'X', std::max(precision - std::min(scale, 0), scale) + 3);
+}
+
+// Bytes behind "HH:MM:SS" or a longer form for so many decimals; -1 is six, the most.
+static int32_t decimals_width(int32_t decimals)
+{
+    constexpr int32_t most = 6;
+    return decimals == 0 ? 0 : 1 + (decimals < 0 || decimals > most ? most : decimals);
+}
+
+// Gives the item its type and size.  False: the type has no length of its own.
+static bool make_item(fwu_item &item, const pgo_column &column)
+{
+    const int32_t modifier = column.modifier;
+    switch (column.type) {
+    case INT2:
+        make(item, 'I', 2);
+        return true;
+    case INT4:
+        make(item, 'I', 4);
+        return true;
+    case INT8:
+        make(item, 'I', 8);
+        return true;
+    case OID:
+        make(item, 'K', 4);
+        return true;
+    case FLOAT4:
+        make(item, 'E', 4);
+        return true;
+    case FLOAT8:
+        make(item, 'E', 8);
+        return true;
+    case NUMERIC:
+        if (modifier < MODIFIER_HEADER)
+            return false;
+        make_numeric(item, modifier);
+        return true;
+    case BPCHAR:
+    case VARCHAR:
+        if (modifier <= MODIFIER_HEADER)
+            return false;
+        make(item, 'X', modifier - MODIFIER_HEADER);
+        return true;
+    case BOOL:
+    case CHAR_1:
+        make(item, 'X', 1);
+        return true;
+    case NAME:
+        make(item, 'X', 63);
+        return true;
+    case DATE:
+        make(item, 'X', 10);
+        return true;
+    case TIME:
+        make(item, 'X', 8 + decimals_width(modifier));
+        return true;
+    case TIMETZ: // "+15:59:59" behind the time
+        make(item, 'X', 17 + decimals_width(modifier));
+        return true;
+    case TIMESTAMP:
+    case TIMESTAMPTZ:
+        make(item, 'X', 19 + decimals_width(modifier));
+        return true;
+    case UUID:
+        make(item, 'X', 36);
+        return true;
+    default:
+        return false;
+    }
+}
+
+static const fwu_column *find_column(const fwu_config &config, const std::string &table,
+                                     const std::string &column)
+{
+    for (const fwu_column &row : config.columns)
+        if (row.table == table && row.column == column)
+            return &row;
+    return nullptr;
+}
+
+static bool name_is_free(const fwu_layout &layout, const std::string &name)
+{
+    return std::none_of(layout.items.begin(), layout.items.end(),
+                        [&](const fwu_item &item) { return item.name == name; });
+}
+
+static bool is_plain(const std::string &name)
+{
+    return std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
+static constexpr char NULL_MAP[] = "NULL-MAP";
+static constexpr int32_t WIDTH_MAX = 32767;
+
+static bool add_item(fwu_dataset &dataset, const fwu_config &config, const std::string &table,
+                     const pgo_column &column, std::string &error)
+{
+    const std::string where = table + "." + column.name;
+    const fwu_column *said = find_column(config, table, column.name);
+    fwu_item item;
+    item.name = said != nullptr && !said->item.empty() ? said->item : pgt_name(column.name);
+    if (item.name.size() > FWU_ITEM_NAME_MAX) {
+        error = where + ": " + item.name +
+                " is longer than the 17 characters of an item name: " + "put the line \"column " +
+                where + " item=SHORTER-NAME\" into " + config.path;
+        return false;
+    }
+    if (!is_plain(item.name)) {
+        error = where +
+                ": an item name has no blanks and no characters outside ASCII: put the "
+                "line \"column " +
+                where + " item=OTHER-NAME\" into " + config.path;
+        return false;
+    }
+    if (item.name == NULL_MAP || !name_is_free(dataset.layout, item.name)) {
+        error = where + ": there is another item " + item.name + " in this dataset: put the line " +
+                "\"column " + where + " item=OTHER-NAME\" into " + config.path;
+        return false;
+    }
+    if (said != nullptr && said->width != 0) {
+        make(item, 'X', said->width);
+    } else if (!make_item(item, column) || item.size > WIDTH_MAX) {
+        const char *type = pgc_type_name(column.type);
+        error = where + ": values of type " +
+                (type != nullptr ? std::string(type) : "number " + std::to_string(column.type)) +
+                " have no greatest length that an item could have: put the line \"column " + where +
+                " width=N\" into " + config.path;
+        return false;
+    }
+    dataset.layout.items.push_back(std::move(item));
+    return true;
+}
+
+bool pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config, const pgo_relation &relation,
+                      std::string &error)
+{
+    const std::string table = relation.schema + "." + relation.name;
+    dataset.layout.items.clear();
+    dataset.null_map = -1;
+    for (const pgo_column &column : relation.columns)
+        if (!add_item(dataset, config, table, column, error))
+            return false;
+    if (dataset.layout.items.empty()) {
+        error =
+            "table " + table + " has no columns: leave it out with the line skip-table " + table;
+        return false;
+    }
+    fwu_item map;
+    map.name = NULL_MAP;
+    make(map, 'X', static_cast<int32_t>(dataset.layout.items.size()));
+    dataset.null_map = static_cast<int>(dataset.layout.items.size());
+    dataset.layout.items.push_back(std::move(map));
+    return true;
+}

@@ -1,0 +1,21 @@
+// Which item a column becomes when the configuration does not describe its table.
+#ifndef FEED_POSTGRESQL_CATALOGUE_H
+#define FEED_POSTGRESQL_CATALOGUE_H
+
+#include "feed/postgresql/pgoutput.h"
+#include "fwutil/fwu_config.h"
+
+#include <cstdint>
+#include <string>
+
+// Name of a built-in type as it stands in rows ("timestamp with time zone",
+// "smallint[]"), or null when the values of the type are texts like others.
+const char *pgc_type_name(uint32_t type);
+
+// Makes the dataset of a table from its columns: an item each, and a null map.
+// dbname and dsetname are those of the dataset.  False, with the column, the
+// reason and the remedy in error, when a column cannot become an item.
+bool pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config, const pgo_relation &relation,
+                      std::string &error);
+
+#endif

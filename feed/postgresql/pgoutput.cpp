@@ -1,0 +1,186 @@
+#include "feed/postgresql/pgoutput.h"
+
+#include <cstring>
+
+static constexpr int64_t EPOCH_2000_US = int64_t{946'684'800} * 1'000'000;
+
+// Bytes to be read; good stays false once there were too few.
+struct input {
+    const char *at;
+    size_t left;
+    bool good = true;
+};
+
+static std::string_view take(input &in, size_t length)
+{
+    if (in.left < length) {
+        in.good = false;
+        in.left = 0;
+        return {};
+    }
+    const std::string_view bytes(in.at, length);
+    in.at += length;
+    in.left -= length;
+    return bytes;
+}
+
+template <typename T> static T number(input &in)
+{
+    T value = 0;
+    for (const char c : take(in, sizeof(T)))
+        value = static_cast<T>(static_cast<uint64_t>(value) << 8 | static_cast<unsigned char>(c));
+    return value;
+}
+
+static std::string_view text(input &in)
+{
+    const void *end = memchr(in.at, 0, in.left);
+    if (end == nullptr) {
+        in.good = false;
+        in.left = 0;
+        return {};
+    }
+    const std::string_view bytes =
+        take(in, static_cast<size_t>(static_cast<const char *>(end) - in.at));
+    (void)take(in, 1);
+    return bytes;
+}
+
+int64_t pgo_time_us(int64_t since_2000)
+{
+    return static_cast<int64_t>(static_cast<uint64_t>(since_2000) + EPOCH_2000_US);
+}
+
+static void take_relation(input &in, pgo_relation &relation)
+{
+    relation.id = number<uint32_t>(in);
+    relation.schema = text(in);
+    if (relation.schema.empty())
+        relation.schema = "pg_catalog";
+    relation.name = text(in);
+    relation.identity = number<char>(in);
+    const int count = number<int16_t>(in);
+    relation.columns.clear();
+    for (int i = 0; i < count && in.good; i++) {
+        pgo_column column;
+        (void)number<char>(in); // whether it is part of the key
+        column.name = text(in);
+        column.type = number<uint32_t>(in);
+        column.modifier = number<int32_t>(in);
+        relation.columns.push_back(std::move(column));
+    }
+    in.good = in.good && count >= 0;
+}
+
+static void take_tuple(input &in, pgo_tuple &tuple, char kind)
+{
+    tuple.kind = kind;
+    tuple.count = 0;
+    const int count = number<int16_t>(in);
+    if (count < 0)
+        in.good = false;
+    for (int i = 0; i < count && in.good; i++) {
+        if (tuple.count == tuple.values.size())
+            tuple.values.emplace_back();
+        pgo_value &value = tuple.values[tuple.count++];
+        value.kind = number<char>(in);
+        value.text = {};
+        if (value.kind == 't')
+            value.text = take(in, number<uint32_t>(in));
+        else if (value.kind != 'n' && value.kind != 'u')
+            in.good = false;
+    }
+}
+
+static void take_rows(input &in, pgo_message &message)
+{
+    message.old_row.kind = 0;
+    message.new_row.kind = 0;
+    message.relation_id = number<uint32_t>(in);
+    char kind = number<char>(in);
+    if (message.kind != 'I' && (kind == 'K' || kind == 'O')) {
+        take_tuple(in, message.old_row, kind);
+        if (message.kind == 'D')
+            return;
+        kind = number<char>(in);
+    }
+    if (message.kind == 'D' || kind != 'N')
+        in.good = false;
+    else
+        take_tuple(in, message.new_row, kind);
+}
+
+static void take_truncate(input &in, pgo_message &message)
+{
+    const auto count = number<uint32_t>(in);
+    (void)number<char>(in); // cascade, restart identity
+    message.truncated.clear();
+    for (uint32_t i = 0; i < count && in.good; i++)
+        message.truncated.push_back(number<uint32_t>(in));
+}
+
+static void take_message(input &in, pgo_message &message)
+{
+    message.transactional = (number<char>(in) & 1) != 0;
+    message.lsn = number<uint64_t>(in);
+    message.prefix = text(in);
+    message.content = take(in, number<uint32_t>(in));
+}
+
+static bool take_body(input &in, pgo_message &message)
+{
+    switch (message.kind) {
+    case 'B':
+        message.lsn = number<uint64_t>(in);
+        message.time_us = pgo_time_us(number<int64_t>(in));
+        message.xid = number<uint32_t>(in);
+        return true;
+    case 'C':
+        (void)number<char>(in); // flags, unused
+        message.lsn = number<uint64_t>(in);
+        message.end_lsn = number<uint64_t>(in);
+        message.time_us = pgo_time_us(number<int64_t>(in));
+        return true;
+    case 'O':
+        (void)number<uint64_t>(in); // the commit's position at the origin
+        message.origin = text(in);
+        return true;
+    case 'R':
+        take_relation(in, message.relation);
+        return true;
+    case 'Y':
+        (void)number<uint32_t>(in);
+        (void)text(in);
+        (void)text(in);
+        return true;
+    case 'I':
+    case 'U':
+    case 'D':
+        take_rows(in, message);
+        return true;
+    case 'T':
+        take_truncate(in, message);
+        return true;
+    case 'M':
+        take_message(in, message);
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool pgo_decode(pgo_message &message, std::string_view bytes, std::string &error)
+{
+    input in = {.at = bytes.data(), .left = bytes.size()};
+    message.kind = number<char>(in);
+    if (!in.good || !take_body(in, message)) {
+        error = "a message of unknown kind " +
+                std::to_string(static_cast<unsigned char>(message.kind)) + " came";
+        return false;
+    }
+    if (!in.good)
+        error = std::string("a message of kind ") + message.kind + " is cut short or malformed";
+    else if (in.left != 0)
+        error = std::string("a message of kind ") + message.kind + " goes on behind its end";
+    return in.good && in.left == 0;
+}

@@ -1,0 +1,124 @@
+// A table's items come from the configuration when it has them, else from the
+// columns that the server describes; then a changed table changes the dataset's
+// layout with its next change.
+#include "feed/postgresql/relations.h"
+
+#include "feed/postgresql/catalogue.h"
+#include "feed/text.h"
+
+static void set_columns(pgr_row &row, const pgo_relation &told)
+{
+    row.present = true;
+    row.count = told.columns.size();
+    row.columns.resize(row.count);
+    for (size_t i = 0; i < row.count; i++) {
+        const char *type = pgc_type_name(told.columns[i].type);
+        row.columns[i].name = told.columns[i].name;
+        row.columns[i].type = type == nullptr ? "" : type;
+    }
+}
+
+void pgb_describe(pgb_relations &relations, const pgo_relation &told)
+{
+    pgb_relation &relation = relations.known[told.id];
+    if (relation.told == told)
+        return;
+    if (relation.table != nullptr && relation.told.name != told.name)
+        relations.tables.known.erase(relation.table->name); // renamed: its dataset is free
+    relation.told = told;
+    relation.table = nullptr;
+    set_columns(relation.fresh, told);
+    set_columns(relation.old, told);
+}
+
+// Looks the table up, or makes its dataset from what the server says.
+static pgt_table *find_table(pgb_relations &relations, const pgo_relation &told, std::string &error)
+{
+    const fwu_config &config = *relations.tables.config;
+    const std::string name = told.schema + "." + told.name;
+    const fwu_dataset *said = pgt_configured(config, told.schema, told.name);
+    if (pgt_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
+        return pgt_find(relations.tables, told.schema, told.name, error);
+    fwu_dataset dataset;
+    if (said != nullptr) {
+        dataset.layout = said->layout;
+    } else {
+        error = pgt_bad_name_text(config, name, told.schema, told.name);
+        if (!error.empty())
+            return nullptr;
+        dataset.layout.dbname = pgt_name(told.schema);
+        dataset.layout.dsetname = pgt_name(told.name);
+    }
+    if (!pgc_make_dataset(dataset, config, told, error))
+        return nullptr;
+    // Another table had this name before it was dropped or renamed.
+    for (auto &[id, other] : relations.known)
+        if (other.table != nullptr && other.table->name == name)
+            other.table = nullptr;
+    std::vector<std::string> columns;
+    for (const pgo_column &column : told.columns)
+        columns.push_back(column.name);
+    return pgt_put(relations.tables, name, std::move(dataset), std::move(columns), error);
+}
+
+// A timestamp of a width that the configuration gives is a text like others.
+static void set_types(pgr_row &row, const fwu_config &config, const pgo_relation &told)
+{
+    for (const fwu_column &said : config.columns)
+        for (size_t i = 0; i < row.count; i++)
+            if (said.width != 0 && said.table == told.schema + "." + told.name &&
+                said.column == row.columns[i].name && row.columns[i].type != "boolean")
+                row.columns[i].type.clear();
+}
+
+pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error)
+{
+    const auto found = relations.known.find(id);
+    if (found == relations.known.end()) {
+        error = "a change came of table number " + std::to_string(id) +
+                ", which the server has not described";
+        return nullptr;
+    }
+    pgb_relation &relation = found->second;
+    if (relation.table == nullptr) {
+        relation.table = find_table(relations, relation.told, error);
+        if (relation.table != nullptr && relation.table->own != nullptr) {
+            set_types(relation.fresh, *relations.tables.config, relation.told);
+            set_types(relation.old, *relations.tables.config, relation.told);
+        }
+    }
+    return relation.table == nullptr ? nullptr : &relation;
+}
+
+static void set_value(pgr_column &column, const pgo_value &value)
+{
+    column.value.assign(value.text);
+    column.kind = value.kind == 'n' ? PGR_NULL : PGR_STRING;
+    if (column.kind == PGR_STRING && column.type == "boolean")
+        column.kind = value.text == "t" ? PGR_TRUE : PGR_FALSE;
+}
+
+const pgr_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error)
+{
+    pgr_row &row = tuple.kind == 'N' ? relation.fresh : relation.old;
+    if (tuple.count != row.count) {
+        error = relation.told.schema + "." + relation.told.name + ": a row of " +
+                std::to_string(tuple.count) + " columns came, the table has " +
+                std::to_string(row.count);
+        return nullptr;
+    }
+    bool whole = true;
+    for (size_t i = 0; i < tuple.count; i++) {
+        whole = whole && tuple.values[i].kind != 'u';
+        set_value(row.columns[i], tuple.values[i]);
+    }
+    if (whole)
+        return &row;
+    relation.partial.present = true;
+    relation.partial.columns.clear();
+    for (size_t i = 0; i < tuple.count; i++)
+        if (tuple.values[i].kind != 'u')
+            relation.partial.columns.push_back(row.columns[i]);
+    relation.partial.count = relation.partial.columns.size();
+    return &relation.partial;
+}

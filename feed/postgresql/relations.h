@@ -1,0 +1,38 @@
+// The tables that a server has told of, and rows of theirs.
+#ifndef FEED_POSTGRESQL_RELATIONS_H
+#define FEED_POSTGRESQL_RELATIONS_H
+
+#include "feed/postgresql/pgoutput.h"
+#include "feed/row.h"
+#include "feed/table.h"
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+
+struct pgb_relation {
+    pgo_relation told;          // as the server describes it
+    pgt_table *table = nullptr; // null: not looked up yet
+    pgr_row fresh;              // names and types of all columns, values of the row in hand
+    pgr_row old;
+    pgr_row partial; // of a new row of which not all was sent
+};
+
+struct pgb_relations {
+    pgt_tables tables; // tables.config is the configuration
+    std::unordered_map<uint32_t, pgb_relation> known;
+};
+
+// Takes the server's description of a table, which holds from now on.
+void pgb_describe(pgb_relations &relations, const pgo_relation &told);
+
+// The table of a relation.  Null, with the reason in error, when it was not
+// described or cannot become a dataset.
+pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error);
+
+// The row of a tuple, valid until the next one of its kind (new or old) of this
+// relation; columns that were not sent are left out.  Null, with the reason in
+// error, when the tuple does not fit the description.
+const pgr_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error);
+
+#endif

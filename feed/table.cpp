@@ -1,0 +1,268 @@
+// A table is looked up once: by the "table=" of a dataset, else by its own name
+// put in upper case.
+#include "feed/table.h"
+
+#include "feed/text.h"
+
+#include <algorithm>
+#include <climits>
+
+static constexpr size_t NAME_MAX_LENGTH = 16; // of a database or dataset
+
+static bool size_allowed(const fwu_item &item)
+{
+    switch (item.type) {
+    case 'I':
+    case 'J':
+    case 'K':
+        return item.size == 2 || item.size == 4 || item.size == 8;
+    case 'E':
+    case 'R':
+        return item.size == 4 || item.size == 8;
+    case 'P':
+    case 'Z':
+    case 'X':
+    case 'U':
+        return item.size > 0;
+    default:
+        return false;
+    }
+}
+
+static std::string dataset_name(const fwu_dataset &dataset)
+{
+    return dataset.layout.dbname + "." + dataset.layout.dsetname;
+}
+
+bool pgt_is_skipped(const fwu_config &config, const std::string &name)
+{
+    return std::find(config.skip_tables.begin(), config.skip_tables.end(), name) !=
+           config.skip_tables.end();
+}
+
+const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view schema,
+                                  std::string_view table)
+{
+    const std::string name = std::string(schema) + "." + std::string(table);
+    for (const fwu_dataset &dataset : config.datasets) {
+        if (dataset.table == name)
+            return &dataset;
+    }
+    const std::string dbname = pgt_name(schema);
+    const std::string dsetname = pgt_name(table);
+    for (const fwu_dataset &dataset : config.datasets) {
+        if (dataset.table.empty() && dataset.layout.dbname == dbname &&
+            dataset.layout.dsetname == dsetname)
+            return &dataset;
+    }
+    return nullptr;
+}
+
+std::string pgt_bad_name_text(const fwu_config &config, const std::string &name,
+                              std::string_view schema, std::string_view table)
+{
+    const std::string dbname = pgt_name(schema);
+    const std::string dsetname = pgt_name(table);
+    if (dbname.size() <= NAME_MAX_LENGTH && dsetname.size() <= NAME_MAX_LENGTH)
+        return fwu_database_name_ok(dbname) && fwu_dataset_name_ok(dsetname)
+                   ? std::string()
+                   : "table " + name + ": " + dbname + "." + dsetname +
+                         " has characters that names of databases and datasets cannot have: name "
+                         "the dataset in " +
+                         config.path + " with table=" + name +
+                         ", or leave the table out with the line skip-table " + name;
+    return "table " + name + ": " + (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
+           " is longer than the 16 characters of a name: give the dataset a short name in " +
+           config.path + " with table=" + name +
+           ", or leave the table out with the line skip-table " + name;
+}
+
+static const fwu_dataset *find_dataset(const fwu_config &config, const std::string &name,
+                                       std::string_view schema, std::string_view table,
+                                       std::string &error)
+{
+    const fwu_dataset *dataset = pgt_configured(config, schema, table);
+    if (dataset != nullptr)
+        return dataset;
+    error = pgt_bad_name_text(config, name, schema, table);
+    if (error.empty())
+        error = "table " + name + " is not in " + config.path + ": describe dataset " +
+                pgt_name(table) + " of database " + pgt_name(schema) +
+                " there, or leave the table out with the line skip-table " + name;
+    return nullptr;
+}
+
+static bool measure(pgt_table &table, const fwu_config &config, std::string &error)
+{
+    const fwu_dataset &dataset = *table.dataset;
+    const std::vector<fwu_item> &items = dataset.layout.items;
+    const std::string where =
+        config.path + ":" + std::to_string(dataset.line) + ": dataset " + dataset_name(dataset);
+    int64_t offset = 0;
+    for (const fwu_item &item : items) {
+        if (!size_allowed(item) || item.count < 1) {
+            error = where + ": item " + item.name + " has a type and size that cannot be loaded";
+            return false;
+        }
+        table.offsets.push_back(offset);
+        offset += int64_t{item.size} * item.count;
+        if (offset > INT32_MAX) {
+            error = where + ": the record image is longer than 2 GB";
+            return false;
+        }
+    }
+    table.image_length = static_cast<int32_t>(offset);
+
+    if (dataset.null_map < 0)
+        return true;
+    const size_t index = static_cast<size_t>(dataset.null_map);
+    if (index >= items.size() || items[index].type != 'X' ||
+        int64_t{items[index].size} * items[index].count < static_cast<int64_t>(items.size()) - 1) {
+        error = where + ": the null map must be an X item with a character for each other item, " +
+                std::to_string(items.size() - 1);
+        return false;
+    }
+    return true;
+}
+
+// Two tables whose names differ in case or in "_" and "-" only come to one dataset.
+static bool feeds_alone(const pgt_tables &tables, const pgt_table &table, std::string &error)
+{
+    for (const auto &[name, other] : tables.known) {
+        if (other->dataset == nullptr || name == table.name ||
+            dataset_name(*other->dataset) != dataset_name(*table.dataset))
+            continue;
+        error = "table " + table.name + " goes into dataset " + dataset_name(*table.dataset) +
+                " like table " + name + ": describe a dataset of its own in " +
+                tables.config->path + " with table=" + table.name;
+        return false;
+    }
+    return true;
+}
+
+pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
+                    std::string &error)
+{
+    tables.key.assign(schema);
+    tables.key.push_back('.');
+    tables.key.append(table);
+    const auto found = tables.known.find(tables.key);
+    if (found != tables.known.end())
+        return found->second.get();
+
+    auto made = std::make_unique<pgt_table>();
+    made->name = tables.key;
+    if (!pgt_is_skipped(*tables.config, made->name)) {
+        made->dataset = find_dataset(*tables.config, made->name, schema, table, error);
+        if (made->dataset == nullptr || !measure(*made, *tables.config, error) ||
+            !feeds_alone(tables, *made, error))
+            return nullptr;
+    }
+    return tables.known.emplace(tables.key, std::move(made)).first->second.get();
+}
+
+pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
+                   std::vector<std::string> columns, std::string &error)
+{
+    auto made = std::make_unique<pgt_table>();
+    made->name = name;
+    made->own_columns = std::move(columns);
+    made->own = std::make_unique<fwu_dataset>(std::move(dataset));
+    made->dataset = made->own.get();
+    if (!measure(*made, *tables.config, error) || !feeds_alone(tables, *made, error))
+        return nullptr;
+    std::unique_ptr<pgt_table> &place = tables.known[name];
+    place = std::move(made);
+    return place.get();
+}
+
+std::string pgt_truncated_text(const pgt_table &table)
+{
+    return "table " + table.name +
+           " was truncated, which a log of record changes cannot express: delete the rows "
+           "instead, or leave the table out with the line skip-table " +
+           table.name;
+}
+
+std::string pgt_no_old_row_text(const pgt_table &table)
+{
+    return table.name + ": the change comes without the old row: run ALTER TABLE " + table.name +
+           " REPLICA IDENTITY FULL";
+}
+
+static bool same_columns(const pgt_map &map, const pgr_row &row)
+{
+    if (map.column_of_item.empty() || map.names.size() != row.count)
+        return false;
+    for (size_t i = 0; i < row.count; i++) {
+        if (map.names[i] != row.columns[i].name)
+            return false;
+    }
+    return true;
+}
+
+static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, size_t column,
+                      bool &fed, std::string &error)
+{
+    fed = false;
+    const std::vector<fwu_item> &items = table.dataset->layout.items;
+    const std::string name = pgt_name(row.columns[column].name);
+    for (size_t i = 0; i < items.size(); i++) {
+        if (static_cast<int>(i) == table.dataset->null_map ||
+            (table.own == nullptr ? items[i].name != name
+                                  : table.own_columns[i] != row.columns[column].name))
+            continue;
+        if (map.column_of_item[i] != PGT_NO_COLUMN) {
+            error = pgt_column_name(table, row.columns[column]) + ": item " + name +
+                    " is already fed by column " +
+                    row.columns[static_cast<size_t>(map.column_of_item[i])].name;
+            return false;
+        }
+        map.column_of_item[i] = static_cast<int>(column);
+        fed = true;
+    }
+    return true;
+}
+
+static std::string left_out_text(const pgt_table &table, const std::vector<std::string> &columns)
+{
+    std::string names;
+    for (const std::string &name : columns)
+        names += (names.empty() ? "" : ", ") + name;
+    const bool one = columns.size() == 1;
+    return "table " + table.name + ": " + (one ? "column " : "columns ") + names +
+           (one ? " has no item" : " have no items") + " in dataset " +
+           dataset_name(*table.dataset) + " and " + (one ? "is" : "are") + " left out of the log";
+}
+
+bool pgt_map_columns(pgt_map &map, pgt_table &table, const pgr_row &row,
+                     std::vector<std::string> &notes, std::string &error)
+{
+    if (same_columns(map, row))
+        return true;
+    map.names.clear();
+    map.column_of_item.assign(table.dataset->layout.items.size(), PGT_NO_COLUMN);
+    std::vector<std::string> without;
+    for (size_t i = 0; i < row.count; i++) {
+        bool fed = false;
+        if (!feed_item(map, table, row, i, fed, error)) {
+            map.column_of_item.clear(); // not taken for a finished map by the next row
+            return false;
+        }
+        const std::string &name = row.columns[i].name;
+        map.names.push_back(name);
+        if (!fed &&
+            std::find(table.left_out.begin(), table.left_out.end(), name) == table.left_out.end())
+            without.push_back(name);
+    }
+    if (!without.empty()) {
+        notes.push_back(left_out_text(table, without));
+        table.left_out.insert(table.left_out.end(), without.begin(), without.end());
+    }
+    return true;
+}
+
+std::string pgt_column_name(const pgt_table &table, const pgr_column &column)
+{
+    return table.name + "." + column.name;
+}

@@ -1,0 +1,143 @@
+// A transaction reaches the writer with its first change, once its session is
+// known; one without changes never does.
+#include "feed/transaction.h"
+
+#include "feed/lsn.h"
+#include "feed/text.h"
+#include "fwutil/fwutil.h"
+
+static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
+
+void fwlog_session_from(fwu_session &session, std::string_view content)
+{
+    session = {};
+    while (!content.empty()) {
+        const size_t end = content.find(';');
+        const std::string_view part = content.substr(0, end);
+        content.remove_prefix(end == std::string_view::npos ? content.size() : end + 1);
+        if (part.empty())
+            continue;
+        session.data.push_back(pgt_latin1_lossy(part));
+        const size_t equals = part.find('=');
+        if (equals == std::string_view::npos)
+            continue;
+        std::optional<std::string> *entry = fwu_session_entry(session, part.substr(0, equals));
+        // The first one counts: what a client sets of its own stands behind the rest.
+        if (entry != nullptr && !entry->has_value())
+            *entry = pgt_latin1_lossy(part.substr(equals + 1));
+    }
+}
+
+void fwlog_abandon(fwlog_transaction &tx)
+{
+    if (tx.begun)
+        fwu_writer_rollback(tx.writer);
+    if (tx.open)
+        tx.work.truncated = tx.truncated_before;
+    tx.begun = false;
+    tx.open = false;
+}
+
+void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit)
+{
+    tx.open = true;
+    tx.begun = false;
+    tx.commit = commit;
+    tx.skipping = commit.lsn <= fwu_writer_last_lsn(tx.writer);
+    tx.has_session = false;
+    tx.session_changed = false;
+    tx.data.clear();
+    tx.changes = {};
+    tx.truncated_before = tx.work.truncated;
+}
+
+void fwlog_set_session(fwlog_transaction &tx, std::string_view content)
+{
+    if (tx.has_session && tx.content == content)
+        return;
+    tx.content = content;
+    tx.has_session = true;
+    tx.session_changed = tx.begun;
+    if (!tx.begun || tx.session_told)
+        return;
+    tx.session_told = true;
+    tx.work.notes.push_back("transaction " + std::to_string(tx.commit.xid) +
+                            ": a session message comes behind the first change and counts from "
+                            "there on (this is told once)");
+}
+
+static void add_changes(fwlog_totals &totals, const fwlog_totals &changes)
+{
+    totals.inserts += changes.inserts;
+    totals.updates += changes.updates;
+    totals.deletes += changes.deletes;
+}
+
+fwlog_result fwlog_commit(fwlog_transaction &tx)
+{
+    if (tx.skipping) {
+        tx.totals.skipped++;
+    } else if (!tx.begun) {
+        tx.totals.empty++;
+    } else {
+        tx.begun = false; // a commit that fails has forgotten the transaction, too
+        if (fwu_writer_commit(tx.writer, tx.commit) != 0)
+            return FWLOG_FAILED;
+        if (fwu_writer_settle(tx.writer, true) != 0)
+            return FWLOG_FAILED;
+        tx.totals.transactions++;
+        add_changes(tx.totals, tx.changes);
+    }
+    tx.open = false;
+    return FWLOG_OK;
+}
+
+static void make_session(fwlog_transaction &tx)
+{
+    fwlog_session_from(tx.session, tx.has_session ? tx.content : std::string_view());
+    tx.session.data.push_back("xid=" + std::to_string(tx.commit.xid));
+    tx.session.data.push_back("lsn=" + pgl_text(tx.commit.lsn));
+    tx.session.data.insert(tx.session.data.end(), tx.data.begin(), tx.data.end());
+}
+
+// Has the writer ready for a change in the session in hand.
+static bool begin_in_log(fwlog_transaction &tx)
+{
+    if (tx.begun && !tx.session_changed)
+        return true;
+    make_session(tx);
+    if ((tx.begun ? fwu_writer_session(tx.writer, tx.session)
+                  : fwu_writer_begin(tx.writer, &tx.session)) != 0)
+        return false;
+    tx.begun = true;
+    tx.session_changed = false;
+    return true;
+}
+
+// The second that a time falls into, before 1970, too.
+static int64_t second_of(int64_t time_us)
+{
+    const int64_t second = time_us / MICROS_PER_SECOND;
+    return time_us % MICROS_PER_SECOND < 0 ? second - 1 : second;
+}
+
+fwlog_result fwlog_change(fwlog_transaction &tx, pgt_table &table, const pgr_row *fresh,
+                          const pgr_row *old, std::string &error)
+{
+    if (old != nullptr && !pgi_old_image(tx.work, tx.before, table, *old, error))
+        return FWLOG_BAD;
+    if (fresh != nullptr && !pgi_new_image(tx.work, tx.after, table, *fresh, old, error))
+        return FWLOG_BAD;
+    const int32_t opcode = old == nullptr     ? FWU_OP_INSERT
+                           : fresh == nullptr ? FWU_OP_DELETE
+                                              : FWU_OP_UPDATE;
+    if (!begin_in_log(tx) ||
+        fwu_writer_record(tx.writer, opcode, table.dataset->layout, second_of(tx.commit.time_us),
+                          table.image_length, old == nullptr ? nullptr : tx.before.data(),
+                          fresh == nullptr ? nullptr : tx.after.data()) != 0)
+        return FWLOG_FAILED;
+    (opcode == FWU_OP_INSERT   ? tx.changes.inserts
+     : opcode == FWU_OP_UPDATE ? tx.changes.updates
+                               : tx.changes.deletes)++;
+    return FWLOG_OK;
+}

@@ -1,0 +1,74 @@
+// Transactions of a source on their way into the log: rows become record images,
+// whole transactions reach the writer.
+#ifndef FEED_TRANSACTION_H
+#define FEED_TRANSACTION_H
+
+#include "feed/image.h"
+#include "feed/table.h"
+#include "fwutil/fwu_session.h"
+#include "fwutil/fwu_writer.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct fwlog_totals {
+    uint64_t transactions = 0; // appended to the log
+    uint64_t inserts = 0;
+    uint64_t updates = 0;
+    uint64_t deletes = 0;
+    uint64_t empty = 0;   // transactions without a change for the log
+    uint64_t skipped = 0; // transactions that the log had already
+};
+
+struct fwlog_transaction {
+    fwu_writer *writer = nullptr;
+    pgi_work work;
+    fwlog_totals totals;       // of whole transactions
+    bool session_told = false; // that a session message came late
+
+    // The transaction in hand.
+    bool open = false;     // between begin and commit
+    bool skipping = false; // the log has it
+    bool begun = false;    // the writer has its first change
+    bool has_session = false;
+    bool session_changed = false; // since its last change that the writer has
+    fwu_commit commit;
+    std::string content;           // of its session message
+    std::vector<std::string> data; // further data elements of its session
+    fwlog_totals changes;
+    uint64_t truncated_before = 0; // work.truncated at its begin
+
+    fwu_session session;
+    std::vector<unsigned char> before;
+    std::vector<unsigned char> after;
+};
+
+enum fwlog_result {
+    FWLOG_OK,
+    FWLOG_BAD,    // error says what is wrong with the input
+    FWLOG_FAILED, // the log could not be written: reported
+};
+
+// Begins a transaction; one that the log has already will be passed over.
+void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit);
+
+// Takes "key=value;key=value" as the transaction's session from here on.  That it comes
+// behind the first change is worth a note, once.
+void fwlog_set_session(fwlog_transaction &tx, std::string_view content);
+
+// Adds a change.  A null fresh is a delete, a null old an insert.
+fwlog_result fwlog_change(fwlog_transaction &tx, pgt_table &table, const pgr_row *fresh,
+                          const pgr_row *old, std::string &error);
+
+// Hands the whole transaction to the log.  After a failure it is forgotten.
+fwlog_result fwlog_commit(fwlog_transaction &tx);
+
+// Forgets the transaction in hand, if there is one.
+void fwlog_abandon(fwlog_transaction &tx);
+
+// Fills session from the content of a session message.
+void fwlog_session_from(fwu_session &session, std::string_view content);
+
+#endif

@@ -1,0 +1,404 @@
+// The parser calls back for every piece of the line; no tree is built.  Members
+// that nothing here needs are passed over whatever they hold.
+#include "feed/wal2json/line.h"
+
+#include <charconv>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+// The parser refuses numbers beyond the range of its floating-point type, although
+// only their digits are used here: the widest type refuses least.
+using wide_json =
+    nlohmann::basic_json<std::map, std::vector, std::string, bool, int64_t, uint64_t, long double>;
+
+// Members of a line, in the order of the table below; the bit of a member tells
+// that it has been seen.
+enum member : unsigned {
+    ACTION,
+    XID,
+    LSN,
+    TIMESTAMP,
+    SCHEMA,
+    TABLE,
+    COLUMNS,
+    IDENTITY,
+    TRANSACTIONAL,
+    PREFIX,
+    CONTENT,
+    MEMBERS,
+    OTHER = MEMBERS,
+};
+
+static const char *const member_names[MEMBERS] = {"action",        "xid",    "lsn",     "timestamp",
+                                                  "schema",        "table",  "columns", "identity",
+                                                  "transactional", "prefix", "content"};
+
+static constexpr unsigned bit(member m)
+{
+    return 1U << m;
+}
+
+struct action_row {
+    char action;
+    unsigned needs; // members that lines of this kind must have
+};
+
+static const action_row actions[] = {
+    {'B', bit(XID) | bit(LSN) | bit(TIMESTAMP)},
+    {'C', bit(XID) | bit(LSN) | bit(TIMESTAMP)},
+    {'I', bit(XID) | bit(SCHEMA) | bit(TABLE) | bit(COLUMNS)},
+    {'U', bit(XID) | bit(SCHEMA) | bit(TABLE) | bit(COLUMNS)},
+    {'D', bit(XID) | bit(SCHEMA) | bit(TABLE)},
+    {'T', bit(XID) | bit(SCHEMA) | bit(TABLE)},
+    {'M', bit(TRANSACTIONAL) | bit(PREFIX) | bit(CONTENT)},
+};
+
+// Members that an option of the plugin adds, for the message when one is missing.
+static const char *member_option(member m)
+{
+    switch (m) {
+    case XID:
+        return " (set the plugin's option include-xids)";
+    case LSN:
+        return " (set the plugin's option include-lsn)";
+    case TIMESTAMP:
+        return " (set the plugin's option include-timestamp)";
+    default:
+        return "";
+    }
+}
+
+enum place { BEFORE, IN_LINE, IN_ROW, IN_COLUMN };
+
+enum column_member : unsigned { NAME = 1, TYPE = 2, VALUE = 4, OTHER_OF_COLUMN = 0 };
+
+// What the parser calls; each call returns false to stop.
+struct handler {
+    w2j_line &line;
+    std::string &error;
+    place at = BEFORE;
+    unsigned skip = 0; // depth inside a value that is passed over
+    unsigned seen = 0;
+    member now = OTHER;
+    unsigned column_seen = 0;
+    unsigned column_now = OTHER_OF_COLUMN;
+
+    pgr_row &row()
+    {
+        return now == COLUMNS ? line.columns : line.identity;
+    }
+
+    bool fail(std::string text)
+    {
+        error = std::move(text);
+        return false;
+    }
+
+    bool wrong_type()
+    {
+        if (at == BEFORE)
+            return fail("is not a JSON object");
+        if (at == IN_LINE)
+            return fail(std::string("member \"") + member_names[now] + "\" has the wrong type");
+        if (at == IN_ROW)
+            return fail(std::string("an element of \"") + member_names[now] +
+                        "\" is not an object");
+        return fail(std::string("a column in \"") + member_names[now] +
+                    "\" has a name, type or value of the wrong type");
+    }
+
+    // The plugin writes values that are objects or arrays as texts.
+    bool no_value(const char *what)
+    {
+        if (at != IN_COLUMN || column_now != VALUE)
+            return wrong_type();
+        const pgr_row &whole = row();
+        const bool named = (column_seen & NAME) != 0;
+        const std::string name =
+            named ? whole.columns[whole.count].name : std::to_string(whole.count + 1);
+        const unsigned table = bit(SCHEMA) | bit(TABLE);
+        const bool known = named && (seen & table) == table;
+        return fail((known ? line.schema + "." + line.table + "." + name
+                           : "column " + name + " in \"" + member_names[now] + "\"") +
+                    " has a JSON " + what + " as its value: let the server send it as a text");
+    }
+
+    bool passed_over() const
+    {
+        return skip > 0 || (at == IN_LINE && now == OTHER) ||
+               (at == IN_COLUMN && column_now == OTHER_OF_COLUMN);
+    }
+
+    bool column_value(pgr_kind kind, std::string_view text)
+    {
+        if (at != IN_COLUMN || column_now != VALUE)
+            return wrong_type();
+        pgr_column &column = row().columns[row().count];
+        column.kind = kind;
+        column.value = text;
+        return true;
+    }
+
+    // Messages outside a transaction have neither its id nor its time.
+    bool null()
+    {
+        if (at == IN_LINE && (now == XID || now == LSN || now == TIMESTAMP)) {
+            seen &= ~bit(now);
+            return true;
+        }
+        return passed_over() || column_value(PGR_NULL, {});
+    }
+
+    bool boolean(bool value)
+    {
+        if (passed_over())
+            return true;
+        if (at == IN_LINE && now == TRANSACTIONAL) {
+            line.transactional = value;
+            return true;
+        }
+        return column_value(value ? PGR_TRUE : PGR_FALSE, {});
+    }
+
+    template <typename Integer> bool integer(Integer value)
+    {
+        char digits[32];
+        const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+        return column_value(PGR_NUMBER, {digits, static_cast<size_t>(end - digits)});
+    }
+
+    // Called for numbers with a minus sign only, so that 0 was written "-0".
+    bool number_integer(int64_t value)
+    {
+        if (passed_over())
+            return true;
+        return value == 0 ? column_value(PGR_NUMBER, "-0") : integer(value);
+    }
+
+    bool number_unsigned(uint64_t value)
+    {
+        if (passed_over())
+            return true;
+        if (at == IN_LINE && now == XID) {
+            line.xid = value;
+            return true;
+        }
+        return integer(value);
+    }
+
+    bool number_float(long double, const std::string &digits)
+    {
+        return passed_over() || column_value(PGR_NUMBER, digits);
+    }
+
+    bool string(const std::string &text)
+    {
+        if (passed_over())
+            return true;
+        if (at == IN_LINE)
+            return line_string(text);
+        if (at != IN_COLUMN)
+            return wrong_type();
+        if (column_now == NAME)
+            row().columns[row().count].name = text;
+        else if (column_now == TYPE)
+            row().columns[row().count].type = text;
+        else
+            return column_value(PGR_STRING, text);
+        return true;
+    }
+
+    bool line_string(const std::string &text)
+    {
+        switch (now) {
+        case ACTION:
+            if (text.size() != 1)
+                return fail("action \"" + text.substr(0, 20) + "\" is none of B, I, U, D, C, M, T");
+            line.action = text[0];
+            return true;
+        case LSN:
+            line.lsn = text;
+            return true;
+        case TIMESTAMP:
+            line.timestamp = text;
+            return true;
+        case SCHEMA:
+            line.schema = text;
+            return true;
+        case TABLE:
+            line.table = text;
+            return true;
+        case PREFIX:
+            line.prefix = text;
+            return true;
+        case CONTENT:
+            line.content = text;
+            return true;
+        default:
+            return wrong_type();
+        }
+    }
+
+    bool binary(wide_json::binary_t &)
+    {
+        return wrong_type();
+    }
+
+    bool start_object(size_t)
+    {
+        if (at == BEFORE) {
+            at = IN_LINE;
+            return true;
+        }
+        if (passed_over()) {
+            skip++;
+            return true;
+        }
+        if (at != IN_ROW)
+            return no_value("object");
+        at = IN_COLUMN;
+        column_seen = 0;
+        if (row().count == row().columns.size())
+            row().columns.emplace_back();
+        return true;
+    }
+
+    bool key(const std::string &name)
+    {
+        if (skip > 0)
+            return true;
+        return at == IN_COLUMN ? column_key(name) : line_key(name);
+    }
+
+    bool line_key(const std::string &name)
+    {
+        unsigned i = 0;
+        while (i < MEMBERS && name != member_names[i])
+            i++;
+        now = static_cast<member>(i);
+        if (now == OTHER)
+            return true;
+        if (seen & bit(now))
+            return fail("member \"" + name + "\" is given twice");
+        seen |= bit(now);
+        return true;
+    }
+
+    bool column_key(const std::string &name)
+    {
+        column_now = name == "name"    ? NAME
+                     : name == "type"  ? TYPE
+                     : name == "value" ? VALUE
+                                       : OTHER_OF_COLUMN;
+        if (column_seen & column_now)
+            return fail("a column in \"" + std::string(member_names[now]) +
+                        "\" has two members \"" + name + "\"");
+        column_seen |= column_now;
+        return true;
+    }
+
+    bool end_object()
+    {
+        if (skip > 0) {
+            skip--;
+            return true;
+        }
+        if (at == IN_LINE)
+            return true;
+        at = IN_ROW;
+        if (column_seen != (NAME | TYPE | VALUE))
+            return fail("a column in \"" + std::string(member_names[now]) +
+                        "\" lacks its name, type or value");
+        row().count++;
+        return true;
+    }
+
+    bool start_array(size_t)
+    {
+        if (passed_over()) {
+            skip++;
+            return true;
+        }
+        if (at != IN_LINE || (now != COLUMNS && now != IDENTITY))
+            return no_value("array");
+        at = IN_ROW;
+        row().present = true;
+        return true;
+    }
+
+    bool end_array()
+    {
+        if (skip > 0)
+            skip--;
+        else
+            at = IN_LINE;
+        return true;
+    }
+
+    // The library's text runs "[id] parse error at line 1, column N: syntax error
+    // while parsing ... - reason; last read: '...'"; the end may repeat the line.
+    bool parse_error(size_t position, const std::string &, const wide_json::exception &what)
+    {
+        std::string reason = what.what();
+        const size_t dash = reason.find(" - ");
+        const size_t id = reason.find("] ");
+        if (dash != std::string::npos)
+            reason.erase(0, dash + 3);
+        else if (id != std::string::npos)
+            reason.erase(0, id + 2);
+        const size_t last = reason.find("; last read: '");
+        if (last != std::string::npos) {
+            const size_t expected = reason.rfind("'; expected ");
+            reason = reason.substr(0, last) +
+                     (expected == std::string::npos ? "" : reason.substr(expected + 1));
+        }
+        return fail("is not valid JSON at byte " + std::to_string(position) + ": " + reason);
+    }
+};
+
+static void clear_line(w2j_line &line)
+{
+    line.action = 0;
+    line.xid = 0;
+    line.transactional = false;
+    line.columns.present = false;
+    line.columns.count = 0;
+    line.identity.present = false;
+    line.identity.count = 0;
+}
+
+static bool check_members(const w2j_line &line, unsigned seen, std::string &error)
+{
+    if (!(seen & bit(ACTION))) {
+        error = "member \"action\" is missing: is this wal2json's format version 2?";
+        return false;
+    }
+    for (const action_row &row : actions) {
+        if (row.action != line.action)
+            continue;
+        for (unsigned m = 0; m < MEMBERS; m++) {
+            if (row.needs & ~seen & bit(static_cast<member>(m))) {
+                error = std::string("member \"") + member_names[m] + "\" is missing" +
+                        member_option(static_cast<member>(m));
+                return false;
+            }
+        }
+        return true;
+    }
+    error = "action \"" + std::string(1, line.action) + "\" is none of B, I, U, D, C, M, T";
+    return false;
+}
+
+bool w2j_parse(w2j_line &line, std::string_view text, std::string &error)
+{
+    clear_line(line);
+    // The parser takes a NUL byte for the end of its input.
+    if (const void *nul = memchr(text.data(), 0, text.size())) {
+        error = "is not valid JSON at byte " +
+                std::to_string(static_cast<const char *>(nul) - text.data() + 1) + ": NUL byte";
+        return false;
+    }
+    handler calls{.line = line, .error = error};
+    return wide_json::sax_parse(text.data(), text.data() + text.size(), &calls) &&
+           check_members(line, calls.seen, error);
+}

@@ -1,0 +1,30 @@
+// One line of a PostgreSQL change stream as wal2json's format version 2 writes
+// it, taken apart into a record that is reused from line to line.
+#ifndef FEED_WAL2JSON_LINE_H
+#define FEED_WAL2JSON_LINE_H
+
+#include "feed/row.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+struct w2j_line {
+    char action = 0; // B I U D C M T
+    uint64_t xid = 0;
+    std::string lsn;            // B, C: position of the commit, "hi/lo"
+    std::string timestamp;      // B, C: time of the commit
+    std::string schema;         // I, U, D, T
+    std::string table;          // I, U, D, T
+    pgr_row columns;            // I, U: the new row
+    pgr_row identity;           // U, D: the old row
+    bool transactional = false; // M
+    std::string prefix;         // M
+    std::string content;        // M
+};
+
+// Reads one line.  Returns true, or false with the reason in error: not JSON, not
+// UTF-8, a member that is missing, given twice or of the wrong type.
+bool w2j_parse(w2j_line &line, std::string_view text, std::string &error);
+
+#endif

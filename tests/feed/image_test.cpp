@@ -1,0 +1,455 @@
+// Rows to record images: one value of each type in one item, then what concerns
+// whole rows: offsets, nulls, missing columns.
+#include "feed/image.h"
+#include "tests/feed/rows.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+static std::string text_of(const std::vector<unsigned char> &bytes)
+{
+    return {bytes.begin(), bytes.end()};
+}
+
+// Makes images of table sales.orders; "error: ..." when that fails.
+struct maker {
+    explicit maker(fwu_config with) : config(std::move(with))
+    {
+        tables.config = &config;
+        work.settings.big_endian = true;
+    }
+
+    std::string finish(bool made)
+    {
+        return made ? text_of(image) : "error: " + error;
+    }
+
+    pgt_table &table()
+    {
+        pgt_table *found = pgt_find(tables, "sales", "orders", error);
+        if (found == nullptr)
+            throw std::runtime_error(error);
+        return *found;
+    }
+
+    std::string fresh(const pgr_row &row)
+    {
+        return finish(pgi_new_image(work, image, table(), row, nullptr, error));
+    }
+
+    std::string changed(const pgr_row &row, const pgr_row &old_row)
+    {
+        return finish(pgi_new_image(work, image, table(), row, &old_row, error));
+    }
+
+    std::string old(const pgr_row &row)
+    {
+        return finish(pgi_old_image(work, image, table(), row, error));
+    }
+
+    fwu_config config;
+    pgt_tables tables;
+    pgi_work work;
+    std::vector<unsigned char> image;
+    std::string error;
+};
+
+struct value_case {
+    fwu_item item; // named VALUE
+    pgr_column column;
+    std::string expected; // image, or "error: ..."
+};
+
+static fwu_item value_item(char type, int32_t size, int32_t count = 1, int32_t scale = 0)
+{
+    return item_of("VALUE", type, size, count, scale);
+}
+
+static pgr_column text(const char *type, const char *value)
+{
+    return text_column("value", type, value);
+}
+
+static pgr_column number(const char *type, const char *digits)
+{
+    return number_column("value", type, digits);
+}
+
+static pgr_column boolean(bool value)
+{
+    return bare_column("value", "boolean", value ? PGR_TRUE : PGR_FALSE);
+}
+
+static void check(const std::vector<value_case> &cases)
+{
+    for (const value_case &row : cases) {
+        maker make(config_of({row.item}));
+        EXPECT_EQ(make.fresh(row_of({row.column})), row.expected)
+            << static_cast<char>(row.item.type) << row.item.size << " " << row.column.type << " "
+            << row.column.value;
+    }
+}
+
+TEST(PgImage, NumbersGoIntoNumericItems)
+{
+    check({
+        {value_item('I', 2), number("smallint", "-5"), "\xFF\xFB"},
+        {value_item('J', 4), number("integer", "700001"), "\x00\x0A\xAE\x61"s},
+        {value_item('I', 8), number("bigint", "9100000000000001"),
+         "\x00\x20\x54\x66\xDB\x74\xC0\x01"s},
+        {value_item('K', 4), number("bigint", "4200000001"), "\xFA\x56\xEA\x01"},
+        {value_item('P', 5, 1, 2), number("numeric(9,2)", "871.20"), "\x00\x00\x87\x12\x0C"s},
+        {value_item('Z', 5, 1, 2), number("numeric(9,2)", "-3.05"), "0030N"},
+        {value_item('E', 4), number("real", "-2.5"), "\xC0\x20\x00\x00"s},
+        {value_item('R', 8), number("double precision", "1"), "\x3F\xF0\x00\x00\x00\x00\x00\x00"s},
+        {value_item('I', 2), text("text", "12"), "\x00\x0C"s},
+        {value_item('P', 3, 1, 2), text("character varying(9)", "-8.2"), "\x00\x82\x0D"s},
+        {value_item('E', 4), text("real", "Infinity"), "\x7F\x80\x00\x00"s},
+    });
+}
+
+TEST(PgImage, ByteOrderIsTheOneOfTheConfiguration)
+{
+    maker make(config_of({value_item('I', 4)}));
+    make.work.settings.big_endian = false;
+    EXPECT_EQ(make.fresh(row_of({number("integer", "258")})), "\x02\x01\x00\x00"s);
+}
+
+TEST(PgImage, TextIsFilledUpWithBlanks)
+{
+    check({
+        {value_item('X', 6), text("character varying(6)", "abc"), "abc   "},
+        {value_item('U', 3), text("text", ""), "   "},
+        {value_item('X', 5), text("text", "Stra\xC3\x9F"), "Stra\xDF"},
+        {value_item('X', 4), text("text", "a\tb\n"), "a\tb\n"},
+        {value_item('X', 2), text("character(4)", "pc  "), "pc"},
+        {value_item('X', 2), text("character", "pc  "), "pc"},
+        {value_item('X', 8), number("numeric(9,2)", "871.20"), "871.20  "},
+        {value_item('X', 8), number("real", "1.2e-05"), "1.2e-05 "},
+        {value_item('X', 12), text("uuid", "a0eebc99-9c0"), "a0eebc99-9c0"},
+        {value_item('X', 8), text("time without time zone", "08:18:01"), "08:18:01"},
+        {value_item('X', 9), text("smallint[]", "{1,2}"), "{1,2}    "},
+        {value_item('X', 5), text("timestamp_kind", "early"), "early"},
+    });
+}
+
+TEST(PgImage, BooleansAreLettersOrOneAndZero)
+{
+    check({
+        {value_item('X', 1), boolean(true), "T"},
+        {value_item('X', 3), boolean(false), "F  "},
+        {value_item('I', 2), boolean(true), "\x00\x01"s},
+        {value_item('P', 2), boolean(false), "\x00\x0C"s},
+        {value_item('Z', 2), boolean(true), "0A"},
+        {value_item('E', 4), boolean(true), "\x3F\x80\x00\x00"s},
+    });
+}
+
+TEST(PgImage, DatesAndTimestampsHaveOneForm)
+{
+    const char *const plain = "timestamp without time zone";
+    const char *const zoned = "timestamp(3) with time zone";
+    check({
+        {value_item('X', 10), text("date", "2026-03-09"), "2026-03-09"},
+        {value_item('X', 10), text("date", "infinity"), "infinity  "},
+        {value_item('X', 13), text("date", "0044-03-15 BC"), "0044-03-15 BC"},
+        {value_item('X', 19), text("timestamp(0) without time zone", "2026-03-09 08:18:01"),
+         "2026-03-09 08:18:01"},
+        {value_item('X', 23), text(plain, "2026-03-09 08:18:01.2"), "2026-03-09 08:18:01.200"},
+        {value_item('X', 26), text(plain, "2026-03-09 08:18:01.261644"),
+         "2026-03-09 08:18:01.261644"},
+        {value_item('X', 26), text(plain, "2026-03-09 08:18:01"), "2026-03-09 08:18:01.000000"},
+        {value_item('X', 20), text(plain, "2026-03-09 08:18:01"), "2026-03-09 08:18:01 "},
+        {value_item('X', 28), text(plain, "2026-03-09 08:18:01.5"), "2026-03-09 08:18:01.500000  "},
+        {value_item('X', 23), text(zoned, "2026-03-09 00:18:01.25+01"), "2026-03-08 23:18:01.250"},
+        {value_item('X', 19), text(plain, "-infinity"), "-infinity          "},
+    });
+}
+
+TEST(PgImage, ArraysFillTheElementsOfTheirItem)
+{
+    check({
+        {value_item('I', 2, 4), text("smallint[]", "{44,0,-1,258}"),
+         "\x00\x2C\x00\x00\xFF\xFF\x01\x02"s},
+        {value_item('X', 3, 2), text("text[]", R"({"a,b",c})"), "a,bc  "},
+        {value_item('X', 2, 2), text("boolean[]", "{t,f}"), "T F "},
+        {value_item('I', 2, 2), text("boolean[]", "{t,f}"), "\x00\x01\x00\x00"s},
+        {value_item('X', 1, 2), text("text[]", "{t,f}"), "tf"},
+        {value_item('P', 2, 2), text("numeric[]", "{1,-1}"), "\x00\x1C\x00\x1D"s},
+        {value_item('I', 2), text("smallint[]", "{258}"), "\x01\x02"s},
+        {value_item('K', 2), text("boolean[]", "{t}"), "\x00\x01"s},
+        {value_item('P', 2), text("numeric(3,0)[]", "[0:0]={-12}"), "\x01\x2D"s},
+        {value_item('X', 3), text("text[]", "{a}"), "{a}"},
+        {value_item('X', 19, 2),
+         text("timestamp without time zone[]", R"({"2026-03-09 08:18:01","2026-03-09 08:18:02"})"),
+         "2026-03-09 08:18:012026-03-09 08:18:02"},
+    });
+}
+
+TEST(PgImage, ValuesThatDoNotFitAreErrorsWithARemedy)
+{
+    const std::string at = "error: sales.orders.value: ";
+    check({
+        {value_item('X', 3), text("text", "abcd"),
+         at + "\"abcd\" is 4 characters long, item VALUE (X 3) holds 3: make the item wider, or "
+              "cut texts with --truncate"},
+        {value_item('X', 3), number("integer", "1234"),
+         at + "\"1234\" is 4 characters long, item VALUE (X 3) holds 3: make the item wider"},
+        {value_item('X', 2), text("character(4)", "pcs "),
+         at + "\"pcs \" is 3 characters long, item VALUE (X 2) holds 2: make the item wider, or "
+              "cut texts with --truncate"},
+        {value_item('X', 2), text("character varying(4)", "pc  "),
+         at + "\"pc  \" is 4 characters long, item VALUE (X 2) holds 2: make the item wider, or "
+              "cut texts with --truncate"},
+        {value_item('X', 10), text("date", "0044-03-15 BC"),
+         at + "\"0044-03-15 BC\" is 13 characters long, item VALUE (X 10) holds 10: make the item "
+              "wider"},
+        {value_item('X', 9), text("text", "10 \xE2\x82\xAC"),
+         at + "\"10 \xE2\x82\xAC\" has the character U+20AC, which has no place in ISO 8859-1: "
+              "change the text at its source, or leave the column out of the dataset"},
+        {value_item('I', 2), number("integer", "40000"),
+         at + "\"40000\" is out of the range of item VALUE (I 2): make the item wider"},
+        {value_item('K', 2), number("integer", "-1"),
+         at + "\"-1\" is out of the range of item VALUE (K 2): make the item wider"},
+        {value_item('E', 4), number("double precision", "1e60"),
+         at + "\"1e60\" is out of the range of item VALUE (E 4): make the item wider"},
+        {value_item('I', 4), number("numeric", "12.5"),
+         at + "\"12.5\" has decimal places that item VALUE (I 4) has no room for: give the item "
+              "more of them (scale=N)"},
+        {value_item('P', 5, 1, 2), number("numeric", "0.125"),
+         at + "\"0.125\" has decimal places that item VALUE (P 5, 2 decimal places) has no room "
+              "for: give the item more of them (scale=N)"},
+        {value_item('P', 2, 1, 2), number("numeric", "100"),
+         at + "\"100\" has more digits than item VALUE (P 2, 2 decimal places) holds: make the "
+              "item longer"},
+        {value_item('I', 4), text("text", "12 "),
+         at + "\"12 \" is not a number, item VALUE (I 4) needs one: make it an X item"},
+        {value_item('P', 4), text("numeric", "NaN"),
+         at + "\"NaN\" is not a number, item VALUE (P 4, 0 decimal places) needs one: make it an "
+              "X item"},
+        {value_item('I', 4), text("date", "2026-03-09"),
+         at + "\"2026-03-09\" is not a number, item VALUE (I 4) needs one: make it an X item"},
+    });
+}
+
+TEST(PgImage, TimestampsThatDoNotFitAreErrors)
+{
+    const std::string at = "error: sales.orders.value: ";
+    const char *const type = "timestamp without time zone";
+    check({
+        {value_item('X', 18), text(type, "2026-03-09 08:18:01"),
+         at + "\"2026-03-09 08:18:01\" is 19 characters long, item VALUE (X 18) holds 18: make the "
+              "item wider"},
+        {value_item('X', 19), text(type, "2026-03-09 08:18:01.5"),
+         at + "\"2026-03-09 08:18:01.5\" has decimals that item VALUE (X 19) has no room for (or a "
+              "year above 9999 in UTC): make the item up to 26 wide"},
+        {value_item('X', 26), text(type, "0044-03-15 12:00:00 BC"),
+         at + "\"0044-03-15 12:00:00 BC\" is not a timestamp of the years 0001 to 9999, written "
+              "YYYY-MM-DD HH:MM:SS: let the server write dates in the ISO style, or leave the "
+              "column out of the dataset"},
+    });
+}
+
+TEST(PgImage, ArraysThatDoNotFitAreErrors)
+{
+    const std::string at = "error: sales.orders.value: ";
+    check({
+        {value_item('I', 2, 4), text("smallint[]", "{1,2,3}"),
+         at + "\"{1,2,3}\" has 3 elements, item VALUE has 4: the numbers must be the same"},
+        {value_item('I', 2, 2), text("smallint[]", "{1,2,3}"),
+         at + "\"{1,2,3}\" has 3 elements, item VALUE has 2: the numbers must be the same"},
+        {value_item('I', 2, 2), text("smallint[]", "{1,NULL}"),
+         at + "\"{1,NULL}\" has a NULL among its elements; item VALUE needs a list of 2 values: or "
+              "make it an X item of one element"},
+        {value_item('I', 2, 2), text("smallint[]", "{{1,2}}"),
+         at + "\"{{1,2}}\" is an array of more than one dimension; item VALUE needs a list of 2 "
+              "values: or make it an X item of one element"},
+        {value_item('I', 2, 2), number("smallint", "1"),
+         at + "is not an array, item VALUE has 2 elements: give it one element"},
+        {value_item('I', 2, 2), text("smallint[]", "{1,x}"),
+         at + "\"x\" is not a number, item VALUE (I 2) needs one: make it an X item"},
+        {value_item('I', 2), text("smallint[]", "{1,2}"),
+         at + "\"{1,2}\" has 2 elements, item VALUE has 1: the numbers must be the same"},
+        {value_item('I', 2), text("smallint[]", "{}"),
+         at + "\"{}\" has 0 elements, item VALUE has 1: the numbers must be the same"},
+        {value_item('I', 2), text("smallint[]", "{NULL}"),
+         at + "\"{NULL}\" has a NULL among its elements; item VALUE needs a list of 1 values: or "
+              "make it an X item of one element"},
+    });
+}
+
+TEST(PgImage, TruncateCutsTextsAndCountsThem)
+{
+    maker make(config_of({value_item('X', 3)}));
+    make.work.settings.truncate = true;
+    EXPECT_EQ(make.fresh(row_of({text("text", "abcd")})), "abc");
+    EXPECT_EQ(make.fresh(row_of({text("text", "abc")})), "abc");
+    EXPECT_EQ(make.fresh(row_of({text("text", "\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F")})),
+              "\xE4\xF6\xFC");
+    EXPECT_EQ(make.work.truncated, 2U);
+}
+
+TEST(PgImage, TruncateNeverCutsNumbersDatesAndTimestamps)
+{
+    const pgr_column columns[] = {number("integer", "1234"), text("date", "2026-03-09"),
+                                  text("timestamp without time zone", "2026-03-09 08:18:01")};
+    for (const pgr_column &column : columns) {
+        maker make(config_of({value_item('X', 3)}));
+        make.work.settings.truncate = true;
+        EXPECT_EQ(make.fresh(row_of({column})).substr(0, 6), "error:") << column.type;
+        EXPECT_EQ(make.work.truncated, 0U);
+    }
+}
+
+TEST(PgImage, TruncateNeverCutsArraysNorValuesThatMeanSomethingElseThen)
+{
+    const struct {
+        int32_t count;
+        pgr_column column;
+    } rows[] = {
+        {2, text("integer[]", "{12345,1}")},
+        {2, text("numeric[]", "{1,123.45}")},
+        {1, text("text[]", "{abc,def}")},
+        {1, text("time without time zone", "12:00:00")},
+        {1, text("uuid", "11111111-2222-3333-4444-555555555555")},
+    };
+    for (const auto &row : rows) {
+        fwu_item item = value_item('X', 3);
+        item.count = row.count;
+        maker make(config_of({item}));
+        make.work.settings.truncate = true;
+        EXPECT_EQ(make.fresh(row_of({row.column})).substr(0, 6), "error:") << row.column.type;
+        EXPECT_EQ(make.work.truncated, 0U);
+    }
+}
+
+TEST(PgImage, TruncateCutsTheTextsOfAnArray)
+{
+    fwu_item item = value_item('X', 3);
+    item.count = 2;
+    maker make(config_of({item}));
+    make.work.settings.truncate = true;
+    EXPECT_EQ(make.fresh(row_of({text("text[]", "{abcd,xy}")})), "abcxy ");
+    EXPECT_EQ(make.work.truncated, 1U);
+}
+
+static fwu_config nullable()
+{
+    return config_of({item_of("NOTE", 'X', 3), item_of("QTY", 'I', 2, 2), item_of("NET", 'P', 2),
+                      item_of("TAX", 'Z', 2), item_of("RATE", 'E', 4), item_of("NULLS", 'X', 5)},
+                     5);
+}
+
+static pgr_row nullable_row(pgr_kind kind)
+{
+    pgr_row row =
+        row_of({text_column("note", "text", "ab"), text_column("qty", "smallint[]", "{1,2}"),
+                number_column("net", "numeric", "5"), number_column("tax", "numeric", "6"),
+                number_column("rate", "real", "1")});
+    if (kind == PGR_NULL) {
+        for (pgr_column &column : row.columns)
+            column.kind = PGR_NULL;
+    }
+    return row;
+}
+
+TEST(PgImage, NullsAreBlanksAndZerosAndNamedInTheNullMap)
+{
+    maker make(nullable());
+    EXPECT_EQ(make.fresh(nullable_row(PGR_NULL)), "   \x00\x00\x00\x00\x00\x0C"
+                                                  "0{\x00\x00\x00\x00NNNNN"s);
+    EXPECT_EQ(make.fresh(nullable_row(PGR_STRING)), "ab \x00\x01\x00\x02\x00\x5C"
+                                                    "0F\x3F\x80\x00\x00....."s);
+    pgr_row row = nullable_row(PGR_STRING);
+    row.columns[2].kind = PGR_NULL;
+    EXPECT_EQ(make.old(row), "ab \x00\x01\x00\x02\x00\x0C"
+                             "0F\x3F\x80\x00\x00..N.."s);
+}
+
+TEST(PgImage, NullMapMayStandAnywhereAndHasNoColumn)
+{
+    maker make(config_of({item_of("A", 'X', 1), item_of("B", 'X', 2), item_of("C", 'X', 1)}, 1));
+    EXPECT_EQ(make.fresh(row_of({text_column("a", "text", "x"), text_column("b", "text", "column"),
+                                 bare_column("c", "text", PGR_NULL)})),
+              "x.N ");
+}
+
+TEST(PgImage, NullWithoutNullMapIsAnError)
+{
+    maker make(config_of({value_item('X', 3)}));
+    EXPECT_EQ(make.fresh(row_of({bare_column("value", "text", PGR_NULL)})),
+              "error: sales.orders.value: is null, and dataset SALES.ORDERS has no item to say so: "
+              "give it an X item with the word null-map in the configuration");
+}
+
+TEST(PgImage, ColumnsFindTheirItemsByNameAndOthersAreLeftOut)
+{
+    maker make(config_of({item_of("ORDER-NO", 'X', 2), item_of("NOTE", 'X', 2)}));
+    EXPECT_EQ(
+        make.fresh(row_of({text_column("note", "text", "n1"), text_column("extra", "text", "e"),
+                           text_column("order_no", "text", "o1")})),
+        "o1n1");
+    EXPECT_THAT(make.work.notes,
+                ElementsAre("table sales.orders: column extra has no item in dataset SALES.ORDERS "
+                            "and is left out of the log"));
+    make.work.notes.clear();
+    // The same table with its columns in another order, and one more.
+    EXPECT_EQ(
+        make.fresh(row_of({text_column("order_no", "text", "o2"), text_column("note", "text", "n2"),
+                           text_column("extra", "text", "e")})),
+        "o2n2");
+    EXPECT_THAT(make.work.notes, IsEmpty()) << "told before";
+    EXPECT_EQ(make.old(row_of({text_column("a", "text", ""), text_column("order_no", "text", "o3"),
+                               text_column("note", "text", "n3"), text_column("b", "text", "")})),
+              "o3n3");
+    EXPECT_THAT(make.work.notes,
+                ElementsAre("table sales.orders: columns a, b have no items in dataset "
+                            "SALES.ORDERS and are left out of the log"));
+    EXPECT_EQ(make.fresh(row_of(
+                  {text_column("order_no", "text", "o3"), text_column("note", "text", "n3")})),
+              "o3n3");
+}
+
+TEST(PgImage, ItemWithoutColumnIsAnError)
+{
+    maker make(config_of({item_of("ORDER-NO", 'X', 2), item_of("NOTE", 'X', 2)}));
+    EXPECT_EQ(
+        make.fresh(row_of({text_column("note", "text", "n")})),
+        "error: sales.orders: item ORDER-NO has no column in the stream: take the item out of "
+        "the configuration");
+    EXPECT_EQ(
+        make.old(row_of({text_column("order_no", "text", "o")})),
+        "error: sales.orders: item NOTE has no column in the old row of this change: run ALTER "
+        "TABLE sales.orders REPLICA IDENTITY FULL, or take the item out of the configuration");
+}
+
+TEST(PgImage, ColumnThatTheNewRowLacksComesFromTheOldRow)
+{
+    maker make(config_of({item_of("ORDER-NO", 'X', 2), item_of("NOTE", 'X', 3)}));
+    const pgr_row old_row =
+        row_of({text_column("note", "text", "old"), text_column("order_no", "text", "o1")});
+    EXPECT_EQ(make.changed(row_of({text_column("order_no", "text", "o2")}), old_row), "o2old");
+    EXPECT_EQ(make.changed(row_of({text_column("order_no", "text", "o3"),
+                                   text_column("note", "text", "new")}),
+                           old_row),
+              "o3new");
+}
+
+TEST(PgImage, TwoColumnsForOneItemAreAnError)
+{
+    maker make(config_of({item_of("A-B", 'X', 2)}));
+    EXPECT_EQ(
+        make.fresh(row_of({text_column("a_b", "text", "1"), text_column("A-B", "text", "2")})),
+        "error: sales.orders.A-B: item A-B is already fed by column a_b");
+    EXPECT_EQ(
+        make.fresh(row_of({text_column("a_b", "text", "1"), text_column("a_b", "text", "2")})),
+        "error: sales.orders.a_b: item A-B is already fed by column a_b");
+    EXPECT_EQ(make.fresh(row_of({text_column("a_b", "text", "1")})), "1 ");
+}

@@ -1,0 +1,187 @@
+// Tables as the server describes them, and their rows.
+#include "feed/postgresql/relations.h"
+
+#include <gtest/gtest.h>
+
+class Relations : public testing::Test {
+  protected:
+    Relations()
+    {
+        config.path = "shop.cfg";
+        relations.tables.config = &config;
+    }
+
+    void describe(uint32_t id, const char *name, std::vector<pgo_column> columns)
+    {
+        pgo_relation told;
+        told.id = id;
+        told.schema = "app";
+        told.name = name;
+        told.columns = std::move(columns);
+        pgb_describe(relations, told);
+    }
+
+    pgb_relation &find(uint32_t id)
+    {
+        pgb_relation *found = pgb_find(relations, id, error);
+        EXPECT_NE(found, nullptr) << error;
+        return *found;
+    }
+
+    static pgo_tuple tuple(char kind, std::vector<pgo_value> values)
+    {
+        return {.kind = kind, .count = values.size(), .values = std::move(values)};
+    }
+
+    // "ORDERS: NO QTY NULL-MAP"
+    static std::string items_of(const pgb_relation &relation)
+    {
+        std::string text = relation.table->dataset->layout.dsetname + ":";
+        for (const fwu_item &item : relation.table->dataset->layout.items)
+            text += " " + item.name;
+        return text;
+    }
+
+    fwu_config config;
+    pgb_relations relations;
+    std::string error;
+};
+
+TEST_F(Relations, TableThatIsNotConfiguredGetsItsDatasetFromTheServer)
+{
+    describe(7, "orders", {{"no", 23, -1}, {"qty", 21, -1}});
+    pgb_relation &relation = find(7);
+    EXPECT_EQ(relation.table->dataset->layout.dbname, "APP");
+    EXPECT_EQ(items_of(relation), "ORDERS: NO QTY NULL-MAP");
+    EXPECT_EQ(relation.table->image_length, 4 + 2 + 2);
+}
+
+TEST_F(Relations, ChangedTableChangesItsLayout)
+{
+    describe(7, "orders", {{"no", 23, -1}});
+    find(7);
+    describe(7, "orders", {{"no", 23, -1}, {"note", 1043, 24}});
+    EXPECT_EQ(items_of(find(7)), "ORDERS: NO NOTE NULL-MAP");
+    describe(7, "orders", {{"note", 1043, 44}});
+    EXPECT_EQ(items_of(find(7)), "ORDERS: NOTE NULL-MAP");
+    EXPECT_EQ(find(7).table->dataset->layout.items[0].size, 40);
+}
+
+TEST_F(Relations, NewTableOfAnOldNameTakesItsPlace)
+{
+    describe(7, "orders", {{"no", 23, -1}});
+    find(7);
+    describe(8, "orders", {{"key", 23, -1}});
+    EXPECT_EQ(items_of(find(8)), "ORDERS: KEY NULL-MAP");
+    EXPECT_EQ(items_of(find(7)), "ORDERS: NO NULL-MAP");
+    EXPECT_EQ(items_of(find(8)), "ORDERS: KEY NULL-MAP");
+}
+
+TEST_F(Relations, RenamedTableGivesItsDatasetFree)
+{
+    describe(7, "Parts", {{"no", 23, -1}});
+    find(7);
+    describe(7, "parts", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(7)), "PARTS: NO NULL-MAP");
+    describe(8, "new", {{"no", 23, -1}});
+    find(8);
+    // Two tables change their names for each other's.
+    describe(7, "new", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(7)), "NEW: NO NULL-MAP");
+    describe(8, "parts", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(8)), "PARTS: NO NULL-MAP");
+    EXPECT_EQ(items_of(find(7)), "NEW: NO NULL-MAP");
+}
+
+TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
+{
+    config.columns = {{"app.orders", "at", "", 40}, {"app.orders", "ok", "", 3}};
+    describe(7, "orders", {{"at", 1114, -1}, {"ok", 16, -1}, {"then", 1114, -1}});
+    pgb_relation &relation = find(7);
+    const pgr_row *row = pgb_row(
+        relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}), error);
+    EXPECT_EQ(row->columns[0].type, "");
+    EXPECT_EQ(row->columns[1].type, "boolean");
+    EXPECT_EQ(row->columns[2].type, "timestamp without time zone");
+}
+
+TEST_F(Relations, ConfiguredTableKeepsItsItems)
+{
+    fwu_dataset dataset;
+    dataset.layout = {.dbname = "APP", .dsetname = "ORDERS", .items = {{"NO", 'I', 8, 1, 0}}};
+    config.datasets.push_back(dataset);
+    describe(7, "orders", {{"no", 23, -1}, {"qty", 21, -1}});
+    EXPECT_EQ(find(7).table->dataset, config.datasets.data());
+}
+
+TEST_F(Relations, ConfiguredNameWithoutItemsGetsThemFromTheServer)
+{
+    fwu_dataset dataset;
+    dataset.layout = {.dbname = "APP", .dsetname = "ARCHIVE", .items = {}};
+    dataset.table = "app.order_lines_archive";
+    config.datasets.push_back(dataset);
+    describe(7, "order_lines_archive", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(7)), "ARCHIVE: NO NULL-MAP");
+}
+
+TEST_F(Relations, SkippedTableHasNoDataset)
+{
+    config.skip_tables = {"app.audit"};
+    describe(7, "audit", {{"anything", 25, -1}});
+    EXPECT_EQ(find(7).table->dataset, nullptr);
+}
+
+TEST_F(Relations, TablesThatCannotBecomeADatasetAreToldWithTheRemedy)
+{
+    describe(7, "a_table_name_of_22", {{"no", 23, -1}});
+    EXPECT_EQ(pgb_find(relations, 7, error), nullptr);
+    EXPECT_EQ(error, "table app.a_table_name_of_22: A-TABLE-NAME-OF-22 is longer than the 16 "
+                     "characters of a name: give the dataset a short name in shop.cfg with "
+                     "table=app.a_table_name_of_22, or leave the table out with the line "
+                     "skip-table app.a_table_name_of_22");
+    describe(6, "2nd", {{"no", 23, -1}});
+    EXPECT_EQ(pgb_find(relations, 6, error), nullptr);
+    EXPECT_EQ(error, "table app.2nd: APP.2ND has characters that names of databases and datasets "
+                     "cannot have: name the dataset in shop.cfg with table=app.2nd, or leave the "
+                     "table out with the line skip-table app.2nd");
+    describe(8, "parts", {{"no", 23, -1}});
+    describe(9, "PARTS", {{"no", 23, -1}});
+    find(8);
+    EXPECT_EQ(pgb_find(relations, 9, error), nullptr);
+    EXPECT_EQ(error, "table app.PARTS goes into dataset APP.PARTS like table app.parts: describe "
+                     "a dataset of its own in shop.cfg with table=app.PARTS");
+    EXPECT_EQ(pgb_find(relations, 10, error), nullptr);
+    EXPECT_EQ(error, "a change came of table number 10, which the server has not described");
+}
+
+TEST_F(Relations, RowsHaveTheColumnsThatWereSent)
+{
+    describe(7, "orders", {{"no", 23, -1}, {"paid", 16, -1}, {"note", 1043, 44}});
+    pgb_relation &relation = find(7);
+    const pgr_row *row = pgb_row(relation, tuple('N', {{'t', "17"}, {'t', "t"}, {'n', {}}}), error);
+    ASSERT_NE(row, nullptr);
+    ASSERT_EQ(row->count, 3U);
+    EXPECT_EQ(row->columns[0].name, "no");
+    EXPECT_EQ(row->columns[0].type, "integer");
+    EXPECT_EQ(row->columns[0].value, "17");
+    EXPECT_EQ(row->columns[1].kind, PGR_TRUE);
+    EXPECT_EQ(row->columns[2].kind, PGR_NULL);
+
+    const pgr_row *old = pgb_row(relation, tuple('O', {{'t', "1"}, {'t', "f"}, {'t', "x"}}), error);
+    ASSERT_NE(old, nullptr);
+    EXPECT_EQ(old->columns[1].kind, PGR_FALSE);
+    EXPECT_EQ(row->columns[0].value, "17") << "both rows of an update are needed at once";
+
+    row = pgb_row(relation, tuple('N', {{'t', "18"}, {'u', {}}, {'t', "y"}}), error);
+    ASSERT_NE(row, nullptr);
+    ASSERT_EQ(row->count, 2U);
+    EXPECT_EQ(row->columns[1].name, "note");
+    EXPECT_EQ(row->columns[1].value, "y");
+}
+
+TEST_F(Relations, RowOfAnotherNumberOfColumnsIsRefused)
+{
+    describe(7, "orders", {{"no", 23, -1}});
+    EXPECT_EQ(pgb_row(find(7), tuple('N', {{'t', "1"}, {'t', "2"}}), error), nullptr);
+    EXPECT_EQ(error, "app.orders: a row of 2 columns came, the table has 1");
+}

@@ -1,0 +1,54 @@
+// Rows and datasets of tests, written down briefly.
+#ifndef TESTS_FEED_ROWS_H
+#define TESTS_FEED_ROWS_H
+
+#include "feed/row.h"
+#include "fwutil/fwu_config.h"
+
+#include <string>
+#include <vector>
+
+inline pgr_column text_column(const char *name, const char *type, const char *value)
+{
+    return {.name = name, .type = type, .value = value, .kind = PGR_STRING};
+}
+
+inline pgr_column number_column(const char *name, const char *type, const char *digits)
+{
+    return {.name = name, .type = type, .value = digits, .kind = PGR_NUMBER};
+}
+
+inline pgr_column bare_column(const char *name, const char *type, pgr_kind kind)
+{
+    return {.name = name, .type = type, .value = "", .kind = kind};
+}
+
+inline pgr_row row_of(std::vector<pgr_column> columns)
+{
+    pgr_row row;
+    row.present = true;
+    row.count = columns.size();
+    row.columns = std::move(columns);
+    return row;
+}
+
+// Dataset ORDERS of database SALES, described in line 7 of "test.cfg".
+inline fwu_config config_of(std::vector<fwu_item> items, int null_map = -1)
+{
+    fwu_config config;
+    config.path = "test.cfg";
+    fwu_dataset dataset;
+    dataset.layout = {.dbname = "SALES", .dsetname = "ORDERS", .items = std::move(items)};
+    dataset.line = 7;
+    dataset.null_map = null_map;
+    config.datasets.push_back(dataset);
+    return config;
+}
+
+inline fwu_item item_of(const char *name, char type, int32_t size, int32_t count = 1,
+                        int32_t scale = 0)
+{
+    return {.name = name, .type = type, .size = size, .count = count, .item_aux = scale};
+}
+
+#endif

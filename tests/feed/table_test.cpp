@@ -1,0 +1,129 @@
+// From table names to datasets.
+#include "feed/table.h"
+#include "tests/feed/rows.h"
+
+#include <gtest/gtest.h>
+
+static fwu_dataset dataset(const char *dbname, const char *dsetname, const char *table = "")
+{
+    fwu_dataset out;
+    out.layout = {.dbname = dbname, .dsetname = dsetname, .items = {item_of("A", 'X', 4)}};
+    out.table = table;
+    return out;
+}
+
+static fwu_config names()
+{
+    fwu_config config;
+    config.path = "test.cfg";
+    config.datasets = {dataset("SALES", "ORDER-LINES"),
+                       dataset("SALES", "SHORT", "sales.a_very_long_table_name"),
+                       dataset("SALES", "RENAMED", "Other.Table")};
+    config.skip_tables = {"sales.audit", "sales.another_very_long_name"};
+    return config;
+}
+
+// The dataset that a table feeds, "skipped", or the error.
+static std::string fed(const char *schema, const char *table)
+{
+    const fwu_config config = names();
+    pgt_tables tables;
+    tables.config = &config;
+    std::string error;
+    const pgt_table *found = pgt_find(tables, schema, table, error);
+    if (found == nullptr)
+        return error;
+    EXPECT_EQ(pgt_find(tables, schema, table, error), found);
+    EXPECT_EQ(found->name, std::string(schema) + "." + table);
+    return found->dataset == nullptr ? "skipped" : found->dataset->layout.dsetname;
+}
+
+TEST(PgTable, TableFeedsTheDatasetOfItsName)
+{
+    EXPECT_EQ(fed("sales", "order_lines"), "ORDER-LINES");
+    EXPECT_EQ(fed("Sales", "Order_Lines"), "ORDER-LINES");
+}
+
+TEST(PgTable, TableOfADatasetGoesBeforeNames)
+{
+    EXPECT_EQ(fed("sales", "a_very_long_table_name"), "SHORT");
+    EXPECT_EQ(fed("Other", "Table"), "RENAMED");
+}
+
+TEST(PgTable, DatasetWithATableOfItsOwnIsNotFoundByName)
+{
+    EXPECT_EQ(fed("sales", "renamed"),
+              "table sales.renamed is not in test.cfg: describe dataset RENAMED of database SALES "
+              "there, or leave the table out with the line skip-table sales.renamed");
+}
+
+TEST(PgTable, TwoTablesCannotFeedOneDataset)
+{
+    const fwu_config config = names();
+    pgt_tables tables;
+    tables.config = &config;
+    std::string error;
+    ASSERT_NE(pgt_find(tables, "sales", "order_lines", error), nullptr);
+    EXPECT_EQ(pgt_find(tables, "Sales", "ORDER-LINES", error), nullptr);
+    EXPECT_EQ(error, "table Sales.ORDER-LINES goes into dataset SALES.ORDER-LINES like table "
+                     "sales.order_lines: describe a dataset of its own in test.cfg with "
+                     "table=Sales.ORDER-LINES");
+    EXPECT_NE(pgt_find(tables, "sales", "order_lines", error), nullptr);
+}
+
+TEST(PgTable, SkippedTablesHaveNoDataset)
+{
+    EXPECT_EQ(fed("sales", "audit"), "skipped");
+    EXPECT_EQ(fed("sales", "another_very_long_name"), "skipped");
+}
+
+TEST(PgTable, UnknownTableIsAnErrorWithARemedy)
+{
+    EXPECT_EQ(fed("sales", "orders"),
+              "table sales.orders is not in test.cfg: describe dataset ORDERS of database SALES "
+              "there, or leave the table out with the line skip-table sales.orders");
+}
+
+TEST(PgTable, NameOfMoreThanSixteenCharactersIsAnErrorWithARemedy)
+{
+    EXPECT_EQ(
+        fed("sales", "seventeen_letters"),
+        "table sales.seventeen_letters: SEVENTEEN-LETTERS is longer than the 16 characters of "
+        "a name: give the dataset a short name in test.cfg with "
+        "table=sales.seventeen_letters, or leave the table out with the line skip-table "
+        "sales.seventeen_letters");
+    EXPECT_EQ(fed("schema_17_letters", "x").substr(0, 44),
+              "table schema_17_letters.x: SCHEMA-17-LETTERS");
+    EXPECT_EQ(fed("sales", "sixteen__letters").substr(0, 44),
+              "table sales.sixteen__letters is not in test.");
+}
+
+static std::string refusal(std::vector<fwu_item> items, int null_map = -1)
+{
+    const fwu_config config = config_of(std::move(items), null_map);
+    pgt_tables tables;
+    tables.config = &config;
+    std::string error;
+    return pgt_find(tables, "sales", "orders", error) == nullptr ? error : "none";
+}
+
+TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)
+{
+    const std::string at = "test.cfg:7: dataset SALES.ORDERS: ";
+    for (const fwu_item &item :
+         {item_of("A", 'I', 3), item_of("A", 'E', 2), item_of("A", 'P', 0), item_of("A", 'X', -1),
+          item_of("A", 'Q', 4), item_of("A", 'X', 4, 0)})
+        EXPECT_EQ(refusal({item}), at + "item A has a type and size that cannot be loaded");
+    EXPECT_EQ(refusal({item_of("A", 'X', INT32_MAX), item_of("B", 'X', 1)}),
+              at + "the record image is longer than 2 GB");
+    const std::string null_map =
+        at + "the null map must be an X item with a character for each other item, 2";
+    EXPECT_EQ(refusal({item_of("A", 'X', 1), item_of("B", 'X', 1), item_of("N", 'X', 1)}, 2),
+              null_map);
+    EXPECT_EQ(refusal({item_of("A", 'X', 1), item_of("B", 'X', 1), item_of("N", 'U', 2)}, 2),
+              null_map);
+    EXPECT_EQ(refusal({item_of("A", 'X', 1), item_of("B", 'X', 1), item_of("N", 'X', 2)}, 3),
+              null_map);
+    EXPECT_EQ(refusal({item_of("A", 'X', 1), item_of("B", 'X', 1), item_of("N", 'X', 2)}, 2),
+              "none");
+}

@@ -1,0 +1,81 @@
+// Items of images as text.
+#include "tests/feed/rows.h"
+#include "tools/fwlog/dump_value.h"
+
+#include <gtest/gtest.h>
+
+using namespace std::string_literals;
+
+static std::string dumped(const fwu_item &item, const std::string &image, bool big_endian = true)
+{
+    fwu_layout layout;
+    layout.items = {item};
+    std::string out;
+    const bool covered =
+        dump_image(out, layout, big_endian, reinterpret_cast<const unsigned char *>(image.data()),
+                   image.size());
+    return covered ? out : "not covered" + out;
+}
+
+TEST(DumpValue, NamesAreEscapedAsTextsAre)
+{
+    EXPECT_EQ(dumped(item_of("A\x1B\n", 'I', 2), "\xFF\xFE"), " A\\x1B\\x0A=-2");
+}
+
+TEST(DumpValue, NumbersAreDecimal)
+{
+    EXPECT_EQ(dumped(item_of("A", 'I', 2), "\xFF\xFE"), " A=-2");
+    EXPECT_EQ(dumped(item_of("A", 'J', 2), "\x80\x00"s), " A=-32768");
+    EXPECT_EQ(dumped(item_of("A", 'K', 2), "\xFF\xFE"), " A=65534");
+    EXPECT_EQ(dumped(item_of("A", 'K', 2), "\xFF\xFE", false), " A=65279");
+    EXPECT_EQ(dumped(item_of("A", 'I', 8), "\x80\x00\x00\x00\x00\x00\x00\x00"s),
+              " A=-9223372036854775808");
+    EXPECT_EQ(dumped(item_of("A", 'I', 4), "\x00\x0A\xAE\x61"s), " A=700001");
+    EXPECT_EQ(dumped(item_of("A", 'E', 4), "\x3D\xCC\xCC\xCD"), " A=0.1");
+    EXPECT_EQ(dumped(item_of("A", 'R', 8), "\xC0\x04\x00\x00\x00\x00\x00\x00"s), " A=-2.5");
+}
+
+TEST(DumpValue, PackedAndZonedHaveTheirDecimalPoint)
+{
+    EXPECT_EQ(dumped(item_of("A", 'P', 5, 1, 2), "\x00\x00\x87\x12\x0D"s), " A=-871.20");
+    EXPECT_EQ(dumped(item_of("A", 'P', 2, 1, 2), "\x00\x5C"s), " A=0.05");
+    EXPECT_EQ(dumped(item_of("A", 'P', 2), "\x12\x3F"s), " A=123");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 3, 1, 1), "12J"), " A=-12.1");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 3), "00{"), " A=0");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 3), "123"), " A=123");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 2), "4}"), " A=-40");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 2, 1, 2), "4I"), " A=0.49");
+}
+
+TEST(DumpValue, BytesThatAreNoDecimalNumberAreShownAsTheyAre)
+{
+    EXPECT_EQ(dumped(item_of("A", 'P', 2), "\x12\x3A"), " A=0x123A");
+    EXPECT_EQ(dumped(item_of("A", 'P', 2), "\x1B\x3C"), " A=0x1B3C");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 2), "  "), " A=0x2020");
+    EXPECT_EQ(dumped(item_of("A", 'Z', 2), "1\0"s), " A=0x3100");
+    EXPECT_EQ(dumped(item_of("A", 'I', 3), "abc"), " A=0x616263");
+    EXPECT_EQ(dumped(item_of("A", 'E', 2), "ab"), " A=0x6162");
+    EXPECT_EQ(dumped(item_of("A", 'Q', 2), "ab"), " A=0x6162");
+    EXPECT_EQ(dumped(item_of("A", 'P', 1, 1, 5), "\x1C"), " A=0x1C");
+}
+
+TEST(DumpValue, TextIsQuotedUtf8WithoutBlanksAtItsEnd)
+{
+    EXPECT_EQ(dumped(item_of("A", 'X', 5), "ab   "), " A=\"ab\"");
+    EXPECT_EQ(dumped(item_of("A", 'U', 3), "   "), " A=\"\"");
+    EXPECT_EQ(dumped(item_of("A", 'X', 4), "\xFC\xDF\x85\xA0"),
+              " A=\"\xC3\xBC\xC3\x9F\\x85\xC2\xA0\"");
+    EXPECT_EQ(dumped(item_of("A", 'X', 4), "\"\\\n\0"s), " A=\"\\\"\\\\\\x0A\\x00\"");
+}
+
+TEST(DumpValue, ElementsStandInBraces)
+{
+    EXPECT_EQ(dumped(item_of("A", 'K', 2, 3), "\x00\x01\x00\x02\x00\x03"s), " A={1,2,3}");
+}
+
+TEST(DumpValue, LayoutOfAnotherLengthIsNotUsed)
+{
+    EXPECT_EQ(dumped(item_of("A", 'X', 5), "abcd"), "not covered");
+    EXPECT_EQ(dumped(item_of("A", 'X', 5), "abcdef"), "not covered");
+    EXPECT_EQ(dumped(item_of("A", 'X', -1, -4), "abcd"), "not covered");
+}

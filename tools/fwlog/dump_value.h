@@ -1,0 +1,28 @@
+// Items of record images as text.
+#ifndef TOOLS_FWLOG_DUMP_VALUE_H
+#define TOOLS_FWLOG_DUMP_VALUE_H
+
+#include "fwutil/fwu_items.h"
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// Appends ` NAME=value` for each item; an item of several elements is written
+// {value,value}.  Texts stand in quotes, in UTF-8, without the blanks at their
+// end; bytes that are not what the item's type says as 0x... .  False, and nothing
+// appended, when the layout does not cover length bytes.
+bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian,
+                const unsigned char *image, size_t length);
+
+// Appends two hexadecimal digits for each byte.
+void dump_hex(std::string &out, const unsigned char *bytes, size_t length);
+
+// Appends ISO 8859-1 text in quotes, in UTF-8; control characters as \xNN, quotes
+// and backslashes with a backslash.
+void dump_text(std::string &out, std::string_view text);
+
+// The same without the quotes around it, for a name; its quotes stay as they are.
+void dump_name(std::string &out, std::string_view name);
+
+#endif

@@ -1,0 +1,179 @@
+// fwlog info: files, positions, times and counts of a log.
+#include "feed/lsn.h"
+#include "feed/stamp.h"
+#include "fwutil/fwu_ack.h"
+#include "fwutil/fwu_config.h"
+#include "tools/fwlog/dump_value.h"
+#include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/survey.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <vector>
+
+struct log_totals {
+    uint64_t files = 0;
+    int64_t bytes = 0;
+    uint64_t transactions = 0;
+    survey_datasets datasets;
+    fwu_identity identity; // of the newest file that has one
+    bool have_ack = false;
+    fwu_ack ack;
+};
+
+static std::string time_text(int64_t us)
+{
+    constexpr int64_t micros_per_second = 1'000'000;
+    std::string text;
+    pgt_stamp stamp{.seconds = us / micros_per_second,
+                    .micros = static_cast<int32_t>(us % micros_per_second)};
+    if (stamp.micros < 0) {
+        stamp.micros += micros_per_second;
+        stamp.seconds--;
+    }
+    return pgt_stamp_format(text, stamp, 6) ? text + " UTC" : std::to_string(us) + " us";
+}
+
+static void add(log_totals &totals, const survey_file &facts)
+{
+    totals.files++;
+    totals.bytes += facts.size;
+    totals.transactions += facts.transactions;
+    if (facts.has_header && fwu_identity_known(facts.header.identity))
+        totals.identity = facts.header.identity;
+    for (const auto &[name, counts] : facts.datasets) {
+        survey_counts &sum = totals.datasets[name];
+        sum.inserts += counts.inserts;
+        sum.updates += counts.updates;
+        sum.deletes += counts.deletes;
+    }
+}
+
+static void print_file(const survey_file &facts)
+{
+    printf("%s\n", facts.file.name.c_str());
+    if (facts.has_header)
+        printf("    created       %s, %s-endian images\n",
+               time_text(facts.header.created_us).c_str(),
+               facts.header.big_endian ? "big" : "little");
+    printf("    size          %" PRId64 " bytes\n", facts.size);
+    printf("    transactions  %" PRIu64 "\n", facts.transactions);
+    if (facts.transactions > 0)
+        printf("    commits       %s to %s\n"
+               "    last          position %s, source %s\n",
+               time_text(facts.first_us).c_str(), time_text(facts.last_us).c_str(),
+               survey_position(facts).c_str(), pgl_text(facts.last_lsn).c_str());
+    if (facts.tail > 0)
+        printf("    tail          %" PRId64 " bytes that are not a whole transaction (yet)\n",
+               facts.tail);
+    if (!facts.damage.empty())
+        printf("    damaged       at offset %" PRId64 ": %s\n", facts.damage_at,
+               facts.damage.c_str());
+    if (facts.missing_from != 0)
+        printf("    missing       log files %" PRId32 " to %" PRId32 " before it\n",
+               facts.missing_from, facts.missing_to);
+}
+
+// Whose log it is, and how far it was acknowledged.
+static void print_log(const log_totals &totals)
+{
+    printf("identity          %s\n", fwu_identity_text(totals.identity).c_str());
+    if (!totals.have_ack)
+        puts("acknowledged      not known (no file \"acknowledged\")");
+    else if (totals.ack.position.tag == 0)
+        puts("acknowledged      nothing yet");
+    else
+        printf("acknowledged      position %s, source %s, committed %s\n",
+               fwu_position_text(totals.ack.position).c_str(),
+               pgl_text(totals.ack.commit.lsn).c_str(),
+               time_text(totals.ack.commit.time_us).c_str());
+    if (totals.ack.lost)
+        printf("lost              a repair cut the log back; it had been acknowledged up to source "
+               "%s\n",
+               pgl_text(totals.ack.commit.lsn).c_str());
+}
+
+static std::string shown_name(const std::string &database, const std::string &dataset)
+{
+    std::string text;
+    dump_name(text, database);
+    text += ".";
+    dump_name(text, dataset);
+    return text;
+}
+
+static void print_totals(const log_totals &totals)
+{
+    printf("%" PRIu64 " files, %" PRId64 " bytes, %" PRIu64 " transactions\n", totals.files,
+           totals.bytes, totals.transactions);
+    print_log(totals);
+    if (!totals.datasets.empty())
+        printf("%-33s %10s %10s %10s\n", "dataset", "inserts", "updates", "deletes");
+    for (const auto &[name, counts] : totals.datasets)
+        printf("%-33s %10" PRIu64 " %10" PRIu64 " %10" PRIu64 "\n",
+               shown_name(name.first, name.second).c_str(), counts.inserts, counts.updates,
+               counts.deletes);
+}
+
+static void print_json_file(const survey_file &facts, bool first)
+{
+    printf("%s{\"file\":%s,\"generation\":%" PRId32 ",\"sequence\":%" PRId32 ",\"size\":%" PRId64
+           ",\"transactions\":%" PRIu64 ",\"entries\":%" PRIu64 ",\"last_tag\":%" PRId32
+           ",\"first_commit_us\":%" PRId64 ",\"last_commit_us\":%" PRId64
+           ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s}",
+           first ? "" : ",", survey_quoted(facts.file.name).c_str(), facts.file.generation,
+           facts.file.sequence, facts.size, facts.transactions, facts.entries, facts.last_tag,
+           facts.first_us, facts.last_us, survey_quoted(pgl_text(facts.last_lsn)).c_str(),
+           facts.tail, facts.damage.empty() ? "null" : survey_quoted(facts.damage).c_str());
+}
+
+static void print_json_totals(const log_totals &totals)
+{
+    printf("],\"bytes\":%" PRId64 ",\"transactions\":%" PRIu64 ",\"identity\":%s,\"acknowledged\":",
+           totals.bytes, totals.transactions,
+           survey_quoted(fwu_identity_text(totals.identity)).c_str());
+    const fwu_ack &ack = totals.ack;
+    const std::string position = fwu_position_text(ack.position);
+    if (totals.have_ack)
+        printf("{\"position\":%s,\"source\":%s,\"commit_us\":%" PRId64 ",\"lost\":%s}",
+               ack.position.tag == 0 ? "null" : survey_quoted(position).c_str(),
+               survey_quoted(pgl_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
+               ack.lost ? "true" : "false");
+    else
+        printf("null");
+    printf(",\"datasets\":[");
+    const char *separator = "";
+    for (const auto &[name, counts] : totals.datasets) {
+        printf("%s{\"database\":%s,\"dataset\":%s,\"inserts\":%" PRIu64 ",\"updates\":%" PRIu64
+               ",\"deletes\":%" PRIu64 "}",
+               separator, survey_quoted(name.first).c_str(), survey_quoted(name.second).c_str(),
+               counts.inserts, counts.updates, counts.deletes);
+        separator = ",";
+    }
+    puts("]}");
+}
+
+int fwlog_info_main(int argc, char **argv)
+{
+    fwlog_log_options options;
+    const int usage = fwlog_scan_log_options(options, argc, argv);
+    if (usage != FWLOG_EXIT_OK)
+        return usage;
+    fwu_config config;
+    if (fwu_config_read(config, options.cfg) != 0)
+        return FWLOG_EXIT_FAILED;
+    log_totals totals;
+    bool sound = true;
+    if (options.json)
+        printf("{\"directory\":%s,\"files\":[", survey_quoted(config.log_directory).c_str());
+    const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
+        sound = sound && facts.damage.empty();
+        options.json ? print_json_file(facts, totals.files == 0) : print_file(facts);
+        add(totals, facts);
+    });
+    const fwu_found acked = fwu_ack_read(config.log_directory, totals.ack);
+    totals.have_ack = acked == FWU_FOUND;
+    sound = sound && acked != FWU_FAILED;
+    options.json ? print_json_totals(totals) : print_totals(totals);
+    return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
+}

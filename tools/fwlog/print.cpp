@@ -1,0 +1,183 @@
+// Printing log entries.
+#include "tools/fwlog/print.h"
+
+#include "feed/lsn.h"
+#include "feed/stamp.h"
+#include "fwutil/fwutil.h"
+#include "tools/fwlog/dump_value.h"
+
+static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
+
+static std::string time_text(int64_t seconds, int32_t micros, int decimals)
+{
+    std::string text;
+    const pgt_stamp stamp{.seconds = seconds, .micros = micros};
+    return pgt_stamp_format(text, stamp, decimals) ? text : std::to_string(seconds) + " s";
+}
+
+static std::string micros_text(int64_t micros)
+{
+    int64_t seconds = micros / MICROS_PER_SECOND;
+    int64_t rest = micros % MICROS_PER_SECOND;
+    if (rest < 0) {
+        rest += MICROS_PER_SECOND;
+        seconds--;
+    }
+    return time_text(seconds, static_cast<int32_t>(rest), 6);
+}
+
+static void put_dataset(std::string &out, std::string_view database, std::string_view dataset)
+{
+    dump_name(out, database);
+    out += ".";
+    dump_name(out, dataset);
+}
+
+static bool put_layout(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_layout layout;
+    if (!fwu_entry_layout(entry, layout))
+        return false;
+    printer.out += "layout ";
+    put_dataset(printer.out, layout.dbname, layout.dsetname);
+    printer.out += ": " + std::to_string(layout.items.size()) + " items, " +
+                   std::to_string(fwu_layout_image_length(layout)) + " bytes\n";
+    for (const fwu_item &item : layout.items) {
+        const char type = static_cast<char>(item.type);
+        printer.out += "    ";
+        dump_name(printer.out, item.name);
+        printer.out += " ";
+        dump_name(printer.out, {&type, 1});
+        printer.out += " " + std::to_string(item.size);
+        if (item.count != 1)
+            printer.out += " x" + std::to_string(item.count);
+        if (item.item_aux != 0)
+            printer.out += " scale=" + std::to_string(item.item_aux);
+        printer.out += "\n";
+    }
+    printer.layouts[{layout.dbname, layout.dsetname}] = std::move(layout);
+    return true;
+}
+
+static void put_session_line(std::string &out, const char *name, const char *text)
+{
+    out += std::string("    ") + name + " ";
+    dump_text(out, text);
+    out += "\n";
+}
+
+static bool put_session(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_session_view session;
+    if (!fwu_entry_session(entry, session))
+        return false;
+    printer.out += "session\n";
+    for (int i = 0; i < FWU_SESSION_ENTRIES; i++) {
+        if (session.entry[i] != nullptr)
+            put_session_line(printer.out, FWU_SESSION_KEYS[i], session.entry[i]);
+    }
+    for (const char *text : session.data)
+        put_session_line(printer.out, "data", text);
+    return true;
+}
+
+static void put_image(fwlog_printer &printer, const char *title, const fwu_change &change,
+                      const unsigned char *image)
+{
+    if (image == nullptr)
+        return;
+    const auto length = static_cast<size_t>(change.reclen);
+    const auto found = printer.layouts.find({change.dbname, change.dsetname});
+    printer.out += title;
+    if (printer.hex || found == printer.layouts.end() ||
+        !dump_image(printer.out, found->second, printer.big_endian, image, length)) {
+        printer.out += " ";
+        dump_hex(printer.out, image, length);
+    }
+    printer.out += "\n";
+}
+
+static bool put_change(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_change change;
+    if (!fwu_entry_change(entry, change))
+        return false;
+    const char *const kind = change.opcode == FWU_OP_INSERT   ? "insert "
+                             : change.opcode == FWU_OP_UPDATE ? "update "
+                                                              : "delete ";
+    printer.out += kind;
+    put_dataset(printer.out, change.dbname, change.dsetname);
+    printer.out += " " + time_text(change.logtime, 0, 0) + " record " +
+                   std::to_string(change.recnum) + ", " + std::to_string(change.reclen) +
+                   " bytes\n";
+    put_image(printer, "    before", change, change.before);
+    put_image(printer, "    after", change, change.after);
+    return true;
+}
+
+static bool put_commit(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_commit_entry commit;
+    if (!fwu_entry_commit(entry, commit))
+        return false;
+    printer.out += "commit " + micros_text(commit.commit.time_us) + " xid " +
+                   std::to_string(commit.commit.xid) + " lsn " + pgl_text(commit.commit.lsn) +
+                   ", " + std::to_string(commit.entries) + " entries\n";
+    return true;
+}
+
+static bool put_entry(fwlog_printer &printer, const fwu_entry &entry)
+{
+    switch (entry.kind) {
+    case FWU_KIND_LAYOUT:
+        return put_layout(printer, entry);
+    case FWU_KIND_SESSION:
+        return put_session(printer, entry);
+    case FWU_KIND_INSERT:
+    case FWU_KIND_UPDATE:
+    case FWU_KIND_DELETE:
+        return put_change(printer, entry);
+    case FWU_KIND_COMMIT:
+        return put_commit(printer, entry);
+    default:
+        return false;
+    }
+}
+
+static void put_unknown(fwlog_printer &printer, const fwu_entry &entry)
+{
+    printer.out += "entry of kind " + std::to_string(entry.kind) + "\n    ";
+    dump_hex(printer.out, entry.payload, entry.payload_length);
+    printer.out += "\n";
+}
+
+void fwlog_print_item(fwlog_printer &printer, const fwu_walk_item &item)
+{
+    const fwu_log_file &file = *item.file;
+    const std::string number =
+        std::to_string(file.generation) + "-" + std::to_string(file.sequence);
+    const std::string at = " @" + std::to_string(item.offset) + " ";
+    switch (item.what) {
+    case FWU_WALK_FILE:
+        printer.layouts.clear();
+        printer.big_endian = item.header.big_endian;
+        printer.out += number + " file " + file.name + ", " +
+                       (item.header.big_endian ? "big-endian" : "little-endian") + ", created " +
+                       micros_text(item.header.created_us) + "\n";
+        break;
+    case FWU_WALK_ENTRY:
+        printer.out += number + "." + std::to_string(item.entry.tag) + at;
+        if (!put_entry(printer, item.entry))
+            put_unknown(printer, item.entry);
+        break;
+    case FWU_WALK_TAIL:
+        printer.out +=
+            number + at + "tail: " + std::to_string(item.length) + " bytes behind the last commit";
+        printer.out += item.reason == nullptr ? "\n" : std::string(", ") + item.reason + "\n";
+        break;
+    case FWU_WALK_DAMAGE:
+        printer.out +=
+            number + at + "damage: " + (item.reason == nullptr ? "" : item.reason) + "\n";
+        break;
+    }
+}

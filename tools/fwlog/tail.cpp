@@ -1,0 +1,275 @@
+// fwlog tail: the last transactions of a log and, with -f, those that come.
+#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_log.h"
+#include "fwutil/fwu_wait.h"
+#include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/print.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <poll.h>
+#include <string_view>
+#include <unistd.h>
+
+constexpr int LOOK_AFTER_MS = 1000; // for file systems that do not tell of changes
+constexpr size_t WRITE_AFTER = 65536;
+
+struct tail_options {
+    const char *cfg = nullptr;
+    bool follow = false;
+    uint64_t transactions = 10;
+};
+
+struct tail_state {
+    tail_options options;
+    fwlog_printer printer;
+    std::string heading; // line of the present file, until it is printed
+    fwu_log log;
+    fwu_watch watch;
+    uint64_t skip = 0;            // transactions to pass over
+    uint64_t wanted = UINT64_MAX; // transactions to print behind them
+};
+
+static bool parse_count(uint64_t &count, std::string_view text)
+{
+    const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), count);
+    return code == std::errc() && end == text.data() + text.size();
+}
+
+static int scan_options(tail_state &state, int argc, char **argv)
+{
+    for (int i = 0; i < argc; i++) {
+        const char *const word = argv[i];
+        if (strcmp(word, "-cfg") == 0) {
+            if (++i == argc)
+                return fwlog_usage_error("option lacks its file name", word);
+            state.options.cfg = argv[i];
+        } else if (strcmp(word, "-n") == 0) {
+            if (++i == argc)
+                return fwlog_usage_error("option lacks its number", word);
+            if (!parse_count(state.options.transactions, argv[i]))
+                return fwlog_usage_error("not a number of transactions", argv[i]);
+        } else if (strcmp(word, "-f") == 0) {
+            state.options.follow = true;
+        } else if (strcmp(word, "--hex") == 0) {
+            state.printer.hex = true;
+        } else {
+            return fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
+        }
+    }
+    return FWLOG_EXIT_OK;
+}
+
+// Counts the transactions of one file; FWU_END when it was read to its end.
+static fwu_found count_file(fwu_cursor &cursor, const fwu_log_file &file, uint64_t &transactions)
+{
+    transactions = 0;
+    fwu_found found = fwu_log_open(cursor, file);
+    while (found == FWU_FOUND && fwu_stop == 0) {
+        found = fwu_cursor_next(cursor);
+        transactions += found == FWU_FOUND ? 1 : 0;
+    }
+    return found;
+}
+
+// Opens the file in which the transactions asked for begin and counts those before
+// them.  FWU_FOUND; FWU_END: the log has no files; FWU_DAMAGED: begun behind damage,
+// which was reported; FWU_GONE: look again; FWU_FAILED: reported.
+static fwu_found find_start(tail_state &state)
+{
+    const uint64_t asked = state.options.transactions;
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(state.log.directory, files) != 0)
+        return FWU_FAILED;
+    fwu_found result = files.empty() ? FWU_END : FWU_FOUND;
+    fwu_cursor &cursor = state.log.cursor;
+    uint64_t counted = 0;
+    bool damaged = false;
+    size_t first = files.size();
+    do {
+        if (first == 0)
+            break;
+        uint64_t transactions = 0;
+        const fwu_found found = count_file(cursor, files[--first], transactions);
+        if (found == FWU_FAILED || found == FWU_GONE)
+            return found;
+        const bool newest = first + 1 == files.size();
+        if (found == FWU_DAMAGED && !newest) {
+            fwu_log_damage(cursor);
+            result = FWU_DAMAGED;
+            first++;
+            break;
+        }
+        counted += transactions;
+        damaged = damaged || found == FWU_DAMAGED;
+    } while (counted < asked);
+    state.skip = counted - std::min(asked, counted);
+    // What is damaged in the newest file is reported when reading gets there.
+    state.wanted = damaged ? UINT64_MAX : counted - state.skip;
+    if (first == files.size())
+        return result;
+    const fwu_found opened = fwu_log_open(cursor, files[first]);
+    return opened == FWU_FOUND ? result : opened;
+}
+
+enum output_result { OUTPUT_WRITTEN, OUTPUT_STOPPED, OUTPUT_FAILED };
+
+// Writes the text.  A signal does not cut it short unless nobody takes it.
+static output_result write_out(std::string &text)
+{
+    sigset_t both;
+    sigset_t before;
+    sigemptyset(&both);
+    sigaddset(&both, SIGTERM);
+    sigaddset(&both, SIGINT);
+    (void)sigprocmask(SIG_BLOCK, &both, &before);
+    output_result result = OUTPUT_WRITTEN;
+    for (size_t at = 0; at < text.size() && result == OUTPUT_WRITTEN;) {
+        pollfd room = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+        const timespec at_once = {};
+        const int ready = ppoll(&room, 1, fwu_stop != 0 ? &at_once : nullptr, &before);
+        if (ready == 0)
+            result = OUTPUT_STOPPED;
+        else if (ready < 0 && errno != EINTR)
+            result = OUTPUT_FAILED;
+        if (ready <= 0)
+            continue;
+        // A pipe that has room takes so much without waiting.
+        const size_t length = std::min<size_t>(text.size() - at, PIPE_BUF);
+        const ssize_t put = write(STDOUT_FILENO, text.data() + at, length);
+        if (put >= 0)
+            at += static_cast<size_t>(put);
+        else if (errno != EINTR && errno != EAGAIN)
+            result = OUTPUT_FAILED;
+    }
+    const int code = errno;
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+    errno = code;
+    text.clear();
+    return result;
+}
+
+// Whether the reader of standard output, a pipe, is still there.
+static bool reader_gone()
+{
+    pollfd out = {.fd = STDOUT_FILENO, .events = 0, .revents = 0};
+    return poll(&out, 1, 0) > 0 && (out.revents & POLLERR) != 0;
+}
+
+// Layouts are learned from transactions that are passed over, too.
+static int pass_over(tail_state &state, const fwu_walk_item &item)
+{
+    if (item.entry.kind == FWU_KIND_LAYOUT) {
+        fwlog_print_item(state.printer, item);
+        state.printer.out.clear();
+    }
+    return 0;
+}
+
+// Goes through the transaction found; an exit status, or -1 to go on.
+static int take_transaction(tail_state &state)
+{
+    fwu_cursor &cursor = state.log.cursor;
+    std::string &out = state.printer.out;
+    fwu_walk_item item;
+    item.file = &cursor.file;
+    if (cursor.tx_first_tag == 1) {
+        item.header = cursor.header;
+        fwlog_print_item(state.printer, item);
+        state.heading.swap(out);
+    }
+    const bool skipped = state.skip > 0;
+    out.clear();
+    if (!skipped)
+        out.swap(state.heading);
+    output_result written = OUTPUT_WRITTEN;
+    fwu_found found = FWU_FAILED;
+    (void)fwu_log_walk_transaction(
+        cursor, item,
+        [&](const fwu_walk_item &entry) {
+            if (skipped)
+                return pass_over(state, entry);
+            fwlog_print_item(state.printer, entry);
+            if (out.size() >= WRITE_AFTER)
+                written = write_out(out);
+            return written == OUTPUT_WRITTEN ? 0 : 1;
+        },
+        found);
+    if (written == OUTPUT_WRITTEN)
+        written = write_out(out);
+    if (written == OUTPUT_FAILED)
+        return fwlog_output_error();
+    if (written == OUTPUT_STOPPED)
+        return FWLOG_EXIT_SIGNAL + fwu_stop;
+    if (found == FWU_DAMAGED)
+        fwu_log_damage(cursor);
+    if (found != FWU_END)
+        return FWLOG_EXIT_FAILED;
+    (skipped ? state.skip : state.wanted)--;
+    return -1;
+}
+
+// Waits for more to read; an exit status, or -1 to go on.
+static int wait_for_more(tail_state &state)
+{
+    const fwu_wake wake = fwu_watch_wait(state.watch, LOOK_AFTER_MS);
+    state.log.look = state.log.look || wake != FWU_WAKE_DATA;
+    if (wake != FWU_WAKE_TIMEOUT || !reader_gone())
+        return -1;
+    (void)raise(SIGPIPE); // as the next write would; where that is ignored, an error
+    errno = EPIPE;
+    return fwlog_output_error();
+}
+
+static int tail(tail_state &state)
+{
+    fwu_found start = FWU_GONE;
+    while (start == FWU_GONE)
+        start = find_start(state);
+    if (start == FWU_FAILED)
+        return FWLOG_EXIT_FAILED;
+    if (state.options.follow)
+        state.wanted = UINT64_MAX;
+    int status = -1;
+    while (status < 0) {
+        if (fwu_stop != 0)
+            return FWLOG_EXIT_SIGNAL + fwu_stop;
+        if (state.wanted == 0)
+            break;
+        const fwu_found found = fwu_log_next(state.log);
+        if (found == FWU_FOUND)
+            status = take_transaction(state);
+        else if (found == FWU_FAILED)
+            status = FWLOG_EXIT_FAILED;
+        else if (state.options.follow)
+            status = wait_for_more(state);
+        else
+            break;
+    }
+    if (status < 0)
+        status = start == FWU_DAMAGED ? FWLOG_EXIT_FAILED : FWLOG_EXIT_OK;
+    return status;
+}
+
+int fwlog_tail_main(int argc, char **argv)
+{
+    tail_state state;
+    const int usage = scan_options(state, argc, argv);
+    if (usage != FWLOG_EXIT_OK)
+        return usage;
+    fwu_config config;
+    if (fwu_config_read(config, state.options.cfg) != 0)
+        return FWLOG_EXIT_FAILED;
+    state.log.directory = config.log_directory;
+    const fwu_signals signals;
+    if (state.options.follow)
+        fwu_watch_open(state.watch, state.log.directory);
+    const int status = tail(state);
+    fwu_watch_close(state.watch);
+    fwu_cursor_close(state.log.cursor);
+    return status;
+}

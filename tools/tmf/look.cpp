@@ -1,0 +1,207 @@
+// Looking at a message file from outside.
+#include "tools/tmf/look.h"
+
+#include "msgfile/tmf_common.h"
+#include "msgfile/tmf_error.h"
+#include "msgfile/tmu.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Looks at a file that is being written until two agree; a file that never rests
+// so long is shown as it was last.
+static constexpr int most_looks = 100;
+
+static std::string text_of(int code)
+{
+    char text[TMF_ERRMSG_SIZE];
+    tmf_code_text(code, "", text);
+    return text;
+}
+
+// ---- locks
+
+struct lock_test {
+    tmft_lock lock;
+    pid_t holder;
+};
+
+// Asks who would keep this process from locking the bytes; takes no lock.
+static lock_test test_lock(int fd, int64_t at, int64_t length)
+{
+    struct flock range = {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    range.l_start = at;
+    range.l_len = length;
+    if (fcntl(fd, F_GETLK, &range) != 0)
+        return {TMFT_LOCK_UNKNOWN, 0};
+    if (range.l_type == F_UNLCK)
+        return {TMFT_LOCK_FREE, 0};
+    return {TMFT_LOCK_HELD, std::max<pid_t>(range.l_pid, 0)};
+}
+
+// ---- users
+
+// The slot's place in the file, or -1 when it is outside the bytes between the
+// common area and the records.
+static int64_t slot_offset(const tmf_common &common, int id, bool is_reader)
+{
+    const int64_t at = tmfc_calc_user_lock_offset(&common, id, is_reader);
+    const int64_t width = is_reader ? common.reader_slot_size : common.writer_slot_size;
+    return width > 0 && at >= TMF_COMMON_SIZE && at + width <= common.data_start ? at : -1;
+}
+
+static tmft_user look_at_user(int fd, const tmft_facts &facts, int id, bool is_reader)
+{
+    tmft_user user;
+    user.slot = id;
+    const int64_t at = slot_offset(facts.common, id, is_reader);
+    if (at < 0)
+        return user;
+    const int64_t width = is_reader ? facts.common.reader_slot_size : facts.common.writer_slot_size;
+    const lock_test test = test_lock(fd, at, width);
+    user.lock = test.lock;
+    user.holder = test.holder;
+    int32_t pid = 0;
+    if (width >= int64_t{sizeof(pid)} && pread(fd, &pid, sizeof(pid), at) == ssize_t{sizeof(pid)}) {
+        if (facts.other_order)
+            tmu_reverse(&pid, sizeof(pid));
+        user.pid = pid;
+    }
+    return user;
+}
+
+static std::vector<tmft_user> look_at_users(int fd, const tmft_facts &facts,
+                                            const unsigned char *map, int slots, bool is_reader)
+{
+    std::vector<tmft_user> users;
+    for (int id = 0; id < slots; id++) {
+        if (tmu_get_bit(map, id) != 0)
+            users.push_back(look_at_user(fd, facts, id, is_reader));
+    }
+    return users;
+}
+
+// ---- damage
+
+static std::string range_text(int64_t from, int64_t to)
+{
+    return std::to_string(from) + " to " + std::to_string(to);
+}
+
+static void check_records(tmft_facts &facts)
+{
+    const tmf_common &common = facts.common;
+    if (common.read_offset < common.data_start || common.read_offset > common.write_offset) {
+        facts.damage.push_back("the oldest record at " + std::to_string(common.read_offset) +
+                               " is outside the records from " +
+                               range_text(common.data_start, common.write_offset));
+        return;
+    }
+    if (common.write_offset > facts.size)
+        facts.damage.push_back("cut off: the records end at " +
+                               std::to_string(common.write_offset) + ", the file at " +
+                               std::to_string(facts.size));
+    const int64_t used = int64_t{common.write_offset} - common.read_offset;
+    const int64_t count = common.record_count;
+    if (count < 0 || (count == 0) != (used == 0) || count * TMF_FRAME_SIZE > used)
+        facts.damage.push_back(std::to_string(count) + " records cannot be " +
+                               std::to_string(used) + " bytes");
+}
+
+static void check_users(tmft_facts &facts, const char *kind, int count,
+                        const std::vector<tmft_user> &users)
+{
+    if (count != static_cast<int>(users.size()))
+        facts.damage.push_back(std::to_string(count) + " " + kind + " are counted, " +
+                               std::to_string(users.size()) + " have a slot");
+    const bool lost = std::any_of(users.begin(), users.end(), [](const tmft_user &user) {
+        return user.lock == TMFT_LOCK_UNKNOWN;
+    });
+    if (lost)
+        facts.damage.push_back(std::string("slots of ") + kind + " are outside the lock area");
+}
+
+static void find_damage(tmft_facts &facts)
+{
+    const tmf_common &common = facts.common;
+    if (common.format_version != TMF_FORMAT_VERSION)
+        facts.damage.push_back("records in the unknown format " +
+                               std::to_string(common.format_version));
+    check_records(facts);
+    check_users(facts, "readers", common.num_readers, facts.readers);
+    check_users(facts, "writers", common.num_writers, facts.writers);
+}
+
+// ---- the file
+
+// Reads the common area and the file's size.  The number of bytes of the area,
+// or -1 with errno set.
+static ssize_t read_area(int fd, tmft_facts &facts)
+{
+    struct stat about;
+    tmf_common again = {};
+    ssize_t got = pread(fd, &facts.common, sizeof(facts.common), 0);
+    for (int looks = 0; got >= 0; looks++) {
+        if (fstat(fd, &about) != 0)
+            return -1;
+        facts.size = about.st_size;
+        got = pread(fd, &again, sizeof(again), 0);
+        if (looks == most_looks || memcmp(&again, &facts.common, sizeof(again)) == 0)
+            break;
+        facts.common = again;
+    }
+    return got;
+}
+
+static bool look_at(int fd, tmft_facts &facts, std::string &error)
+{
+    struct stat about;
+    if (fstat(fd, &about) != 0) {
+        error = strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(about.st_mode)) {
+        error = text_of(TMF_ENOTMSG);
+        return false;
+    }
+    const ssize_t got = read_area(fd, facts);
+    if (got < 0) {
+        error = strerror(errno);
+        return false;
+    }
+    facts.other_order = facts.common.byte_order_mark == TMF_BYTE_ORDER_OTHER;
+    int code = tmfc_check(&facts.common);
+    if (code == 0 && got < TMF_COMMON_SIZE)
+        code = TMF_EREAD_COMMON_EOF;
+    if (code != 0) {
+        error = text_of(code);
+        return false;
+    }
+    const tmf_common &common = facts.common;
+    const lock_test test = test_lock(fd, 0, TMF_COMMON_SIZE);
+    facts.common_locked = test.lock == TMFT_LOCK_HELD;
+    facts.common_holder = test.holder;
+    facts.readers = look_at_users(fd, facts, common.reader_map, tmfc_reader_slots(&common), true);
+    facts.writers = look_at_users(fd, facts, common.writer_map, tmfc_writer_slots(&common), false);
+    find_damage(facts);
+    return true;
+}
+
+bool tmft_look(tmft_facts &facts, const char *path, std::string &error)
+{
+    // Not to wait for the writer of a pipe.
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        error = strerror(errno);
+        return false;
+    }
+    const bool found = look_at(fd, facts, error);
+    close(fd);
+    return found;
+}

@@ -1,0 +1,17 @@
+// Bytes as hexadecimal digits and as JSON strings.
+#ifndef UTIL_JSON_TEXT_H
+#define UTIL_JSON_TEXT_H
+
+#include <string>
+#include <string_view>
+
+// Appends two lower-case digits for each byte.
+void tmft_hex(std::string &out, std::string_view bytes);
+
+// Appends a JSON string.  Bytes that are not UTF-8 become U+FFFD.
+void tmft_json(std::string &out, std::string_view text);
+
+// Whether all bytes are printable ASCII; so is nothing.
+bool tmft_printable(std::string_view bytes);
+
+#endif
