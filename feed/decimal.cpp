@@ -85,13 +85,13 @@ static bool parse(decimal &number, std::string_view text)
 }
 
 // Whether the number times 10^scale is whole and has at most ndigits digits.
-static pgd_result check_fit(const decimal &number, int64_t scale, int64_t ndigits)
+static feed_number_result check_fit(const decimal &number, int64_t scale, int64_t ndigits)
 {
     if (number.first == number.last)
-        return PGD_OK;
+        return FEED_NUMBER_OK;
     if (number.point - number.last + scale < 0)
-        return PGD_FRACTION;
-    return number.point - number.first + scale > ndigits ? PGD_DIGITS : PGD_OK;
+        return FEED_NUMBER_FRACTION;
+    return number.point - number.first + scale > ndigits ? FEED_NUMBER_DIGITS : FEED_NUMBER_OK;
 }
 
 // Digit of 10^power, as a number from 0 to 9.
@@ -111,27 +111,27 @@ static void put_bytes(uint64_t value, bool big_endian, unsigned char *out, int32
     }
 }
 
-bool pgd_is_number(std::string_view text)
+bool feed_is_number(std::string_view text)
 {
     decimal number;
     return parse(number, text);
 }
 
-pgd_result pgd_integer(std::string_view text, bool is_signed, bool big_endian, unsigned char *out,
-                       int32_t size)
+feed_number_result feed_put_integer(std::string_view text, bool is_signed, bool big_endian,
+                                    unsigned char *out, int32_t size)
 {
     decimal number;
     if (!parse(number, text))
-        return PGD_NOT_A_NUMBER;
-    const pgd_result fit = check_fit(number, 0, UINT64_DIGITS);
-    if (fit != PGD_OK)
-        return fit == PGD_DIGITS ? PGD_RANGE : fit;
+        return FEED_NOT_A_NUMBER;
+    const feed_number_result fit = check_fit(number, 0, UINT64_DIGITS);
+    if (fit != FEED_NUMBER_OK)
+        return fit == FEED_NUMBER_DIGITS ? FEED_NUMBER_RANGE : fit;
 
     uint64_t value = 0;
     for (int64_t power = UINT64_DIGITS - 1; power >= 0; power--) {
         const unsigned digit = digit_of_power(number, power);
         if (value > (UINT64_MAX - digit) / 10)
-            return PGD_RANGE;
+            return FEED_NUMBER_RANGE;
         value = value * 10 + digit;
     }
 
@@ -139,19 +139,20 @@ pgd_result pgd_integer(std::string_view text, bool is_signed, bool big_endian, u
     const uint64_t highest = is_signed ? all_bits >> 1 : all_bits;
     const uint64_t limit = number.negative ? (is_signed ? highest + 1 : 0) : highest;
     if (value > limit)
-        return PGD_RANGE;
+        return FEED_NUMBER_RANGE;
     put_bytes(number.negative ? uint64_t{0} - value : value, big_endian, out, size);
-    return PGD_OK;
+    return FEED_NUMBER_OK;
 }
 
-pgd_result pgd_packed(std::string_view text, int32_t scale, unsigned char *out, int32_t size)
+feed_number_result feed_put_packed(std::string_view text, int32_t scale, unsigned char *out,
+                                   int32_t size)
 {
     decimal number;
     if (!parse(number, text))
-        return PGD_NOT_A_NUMBER;
+        return FEED_NOT_A_NUMBER;
     const int64_t ndigits = 2 * int64_t{size} - 1;
-    const pgd_result fit = check_fit(number, scale, ndigits);
-    if (fit != PGD_OK)
+    const feed_number_result fit = check_fit(number, scale, ndigits);
+    if (fit != FEED_NUMBER_OK)
         return fit;
 
     int64_t power = ndigits - 1 - scale;
@@ -162,16 +163,17 @@ pgd_result pgd_packed(std::string_view text, int32_t scale, unsigned char *out, 
             at_sign ? (number.negative ? 0xDU : 0xCU) : digit_of_power(number, power--);
         out[i] = static_cast<unsigned char>(high << 4 | low);
     }
-    return PGD_OK;
+    return FEED_NUMBER_OK;
 }
 
-pgd_result pgd_zoned(std::string_view text, int32_t scale, unsigned char *out, int32_t size)
+feed_number_result feed_put_zoned(std::string_view text, int32_t scale, unsigned char *out,
+                                  int32_t size)
 {
     decimal number;
     if (!parse(number, text))
-        return PGD_NOT_A_NUMBER;
-    const pgd_result fit = check_fit(number, scale, size);
-    if (fit != PGD_OK)
+        return FEED_NOT_A_NUMBER;
+    const feed_number_result fit = check_fit(number, scale, size);
+    if (fit != FEED_NUMBER_OK)
         return fit;
 
     int64_t power = int64_t{size} - 1 - scale;
@@ -179,29 +181,30 @@ pgd_result pgd_zoned(std::string_view text, int32_t scale, unsigned char *out, i
         out[i] = static_cast<unsigned char>('0' + digit_of_power(number, power--));
     const char *overpunched = number.negative ? "}JKLMNOPQR" : "{ABCDEFGHI";
     out[size - 1] = static_cast<unsigned char>(overpunched[digit_of_power(number, power)]);
-    return PGD_OK;
+    return FEED_NUMBER_OK;
 }
 
 template <typename Float, typename Bits>
-static pgd_result put_float(std::string_view text, bool big_endian, unsigned char *out)
+static feed_number_result put_float(std::string_view text, bool big_endian, unsigned char *out)
 {
     static_assert(sizeof(Float) == sizeof(Bits));
     Float value = 0;
     const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (code == std::errc::result_out_of_range)
-        return PGD_RANGE;
+        return FEED_NUMBER_RANGE;
     if (code != std::errc() || end != text.data() + text.size())
-        return PGD_NOT_A_NUMBER;
+        return FEED_NOT_A_NUMBER;
     Bits bits = 0;
     memcpy(&bits, &value, sizeof bits);
     put_bytes(bits, big_endian, out, sizeof bits);
-    return PGD_OK;
+    return FEED_NUMBER_OK;
 }
 
-pgd_result pgd_float(std::string_view text, bool big_endian, unsigned char *out, int32_t size)
+feed_number_result feed_put_float(std::string_view text, bool big_endian, unsigned char *out,
+                                  int32_t size)
 {
-    if (!pgd_is_number(text) && text != "NaN" && text != "Infinity" && text != "-Infinity")
-        return PGD_NOT_A_NUMBER;
+    if (!feed_is_number(text) && text != "NaN" && text != "Infinity" && text != "-Infinity")
+        return FEED_NOT_A_NUMBER;
     return size == 4 ? put_float<float, uint32_t>(text, big_endian, out)
                      : put_float<double, uint64_t>(text, big_endian, out);
 }

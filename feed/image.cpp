@@ -15,7 +15,7 @@ static constexpr size_t STAMP_LENGTH = 19; // "YYYY-MM-DD HH:MM:SS"
 static constexpr size_t STAMP_DECIMALS_MAX = 6;
 
 struct value {
-    pgr_kind kind;
+    feed_kind kind;
     std::string_view text;
     std::string_view type; // of the column, without "[]"
 };
@@ -35,54 +35,54 @@ static std::string describe(const fwu_item &item)
     return out + ")";
 }
 
-static bool number_error(const fwu_item &item, std::string_view text, pgd_result result,
+static bool number_error(const fwu_item &item, std::string_view text, feed_number_result result,
                          std::string &error)
 {
-    error = pgt_quote(text);
+    error = feed_quote(text);
     switch (result) {
-    case PGD_OK:
+    case FEED_NUMBER_OK:
         return true;
-    case PGD_NOT_A_NUMBER:
+    case FEED_NOT_A_NUMBER:
         error += " is not a number, item " + describe(item) + " needs one: make it an X item";
         break;
-    case PGD_FRACTION:
+    case FEED_NUMBER_FRACTION:
         error += " has decimal places that item " + describe(item) +
                  " has no room for: give the item more of them (scale=N)";
         break;
-    case PGD_DIGITS:
+    case FEED_NUMBER_DIGITS:
         error += " has more digits than item " + describe(item) + " holds: make the item longer";
         break;
-    case PGD_RANGE:
+    case FEED_NUMBER_RANGE:
         error += " is out of the range of item " + describe(item) + ": make the item wider";
         break;
     }
     return false;
 }
 
-static bool put_number(const pgi_work &work, const fwu_item &item, const value &from,
+static bool put_number(const feed_image_work &work, const fwu_item &item, const value &from,
                        unsigned char *out, std::string &error)
 {
-    const std::string_view text = from.kind == PGR_TRUE    ? "1"
-                                  : from.kind == PGR_FALSE ? "0"
-                                                           : from.text;
+    const std::string_view text = from.kind == FEED_TRUE    ? "1"
+                                  : from.kind == FEED_FALSE ? "0"
+                                                            : from.text;
     const bool big_endian = work.settings.big_endian;
-    pgd_result result = PGD_OK;
+    feed_number_result result = FEED_NUMBER_OK;
     switch (item.type) {
     case 'E':
     case 'R':
-        result = pgd_float(text, big_endian, out, item.size);
+        result = feed_put_float(text, big_endian, out, item.size);
         break;
     case 'P':
-        result = pgd_packed(text, item.item_aux, out, item.size);
+        result = feed_put_packed(text, item.item_aux, out, item.size);
         break;
     case 'Z':
-        result = pgd_zoned(text, item.item_aux, out, item.size);
+        result = feed_put_zoned(text, item.item_aux, out, item.size);
         break;
     default:
-        result = pgd_integer(text, item.type != 'K', big_endian, out, item.size);
+        result = feed_put_integer(text, item.type != 'K', big_endian, out, item.size);
         break;
     }
-    return result == PGD_OK || number_error(item, text, result, error);
+    return result == FEED_NUMBER_OK || number_error(item, text, result, error);
 }
 
 // "timestamp(3) without time zone", but no type of somebody's own with such a name.
@@ -92,38 +92,38 @@ static bool is_timestamp(std::string_view type)
 }
 
 // The timestamp as work.text; one with time zone becomes UTC.
-static bool make_stamp(pgi_work &work, const fwu_item &item, std::string_view text,
+static bool make_stamp(feed_image_work &work, const fwu_item &item, std::string_view text,
                        std::string &error)
 {
     if (text == "infinity" || text == "-infinity") {
         work.text = text;
         return true;
     }
-    pgt_stamp stamp;
-    if (!pgt_stamp_parse(stamp, text)) {
-        error = pgt_quote(text) + " is not a timestamp of the years 0001 to 9999, written "
-                                  "YYYY-MM-DD HH:MM:SS: let the server write dates in the ISO "
-                                  "style, or leave the column out of the dataset";
+    feed_stamp stamp;
+    if (!feed_stamp_parse(stamp, text)) {
+        error = feed_quote(text) + " is not a timestamp of the years 0001 to 9999, written "
+                                   "YYYY-MM-DD HH:MM:SS: let the server write dates in the ISO "
+                                   "style, or leave the column out of the dataset";
         return false;
     }
     const size_t width = static_cast<size_t>(item.size);
     const size_t decimals =
         width <= STAMP_LENGTH ? 0 : std::min(width - STAMP_LENGTH - 1, STAMP_DECIMALS_MAX);
-    if (pgt_stamp_format(work.text, stamp, static_cast<int>(decimals)))
+    if (feed_stamp_format(work.text, stamp, static_cast<int>(decimals)))
         return true;
-    error = pgt_quote(text) + " has decimals that item " + describe(item) +
+    error = feed_quote(text) + " has decimals that item " + describe(item) +
             " has no room for (or a year above 9999 in UTC): make the item up to 26 wide";
     return false;
 }
 
-static bool make_latin1(pgi_work &work, std::string_view text, std::string &error)
+static bool make_latin1(feed_image_work &work, std::string_view text, std::string &error)
 {
     uint32_t bad = 0;
-    if (pgt_latin1(work.text, text, bad))
+    if (feed_latin1(work.text, text, bad))
         return true;
     char code[16];
     snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(bad));
-    error = pgt_quote(text) + " has the character " + code +
+    error = feed_quote(text) + " has the character " + code +
             ", which has no place in ISO 8859-1: change the text at its source, or leave the "
             "column out of the dataset";
     return false;
@@ -143,14 +143,14 @@ static void drop_filling(std::string &text, size_t width)
         text.pop_back();
 }
 
-static bool put_text(pgi_work &work, const fwu_item &item, const value &from, unsigned char *out,
-                     std::string &error)
+static bool put_text(feed_image_work &work, const fwu_item &item, const value &from,
+                     unsigned char *out, std::string &error)
 {
     const size_t width = static_cast<size_t>(item.size);
     bool may_cut = false;
-    if (from.kind == PGR_TRUE || from.kind == PGR_FALSE) {
-        work.text = from.kind == PGR_TRUE ? "T" : "F";
-    } else if (from.kind == PGR_NUMBER) {
+    if (from.kind == FEED_TRUE || from.kind == FEED_FALSE) {
+        work.text = from.kind == FEED_TRUE ? "T" : "F";
+    } else if (from.kind == FEED_DIGITS) {
         work.text = from.text;
     } else if (is_timestamp(from.type)) {
         if (!make_stamp(work, item, from.text, error))
@@ -165,7 +165,7 @@ static bool put_text(pgi_work &work, const fwu_item &item, const value &from, un
 
     if (work.text.size() > width) {
         if (!may_cut || !work.settings.truncate) {
-            error = pgt_quote(from.text) + " is " + std::to_string(work.text.size()) +
+            error = feed_quote(from.text) + " is " + std::to_string(work.text.size()) +
                     " characters long, item " + describe(item) + " holds " + std::to_string(width) +
                     ": make the item wider" + (may_cut ? ", or cut texts with --truncate" : "");
             return false;
@@ -178,36 +178,36 @@ static bool put_text(pgi_work &work, const fwu_item &item, const value &from, un
     return true;
 }
 
-static bool put_value(pgi_work &work, const fwu_item &item, const value &from, unsigned char *out,
-                      std::string &error)
+static bool put_value(feed_image_work &work, const fwu_item &item, const value &from,
+                      unsigned char *out, std::string &error)
 {
     return is_text(item) ? put_text(work, item, from, out, error)
                          : put_number(work, item, from, out, error);
 }
 
-static bool put_array(pgi_work &work, const fwu_item &item, const value &from, unsigned char *out,
-                      std::string &error)
+static bool put_array(feed_image_work &work, const fwu_item &item, const value &from,
+                      unsigned char *out, std::string &error)
 {
-    if (from.kind != PGR_STRING) {
+    if (from.kind != FEED_TEXT) {
         error = "is not an array, item " + item.name + " has " + std::to_string(item.count) +
                 " elements: give it one element";
         return false;
     }
-    if (const char *wrong = pgt_array(work.elements, from.text)) {
-        error = pgt_quote(from.text) + " " + wrong + "; item " + item.name + " needs a list of " +
+    if (const char *wrong = feed_array(work.elements, from.text)) {
+        error = feed_quote(from.text) + " " + wrong + "; item " + item.name + " needs a list of " +
                 std::to_string(item.count) + " values: or make it an X item of one element";
         return false;
     }
     if (work.elements.size() != static_cast<size_t>(item.count)) {
-        error = pgt_quote(from.text) + " has " + std::to_string(work.elements.size()) +
+        error = feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
                 " elements, item " + item.name + " has " + std::to_string(item.count) +
                 ": the numbers must be the same";
         return false;
     }
     for (const std::string &element : work.elements) {
-        value one{.kind = PGR_STRING, .text = element, .type = from.type};
+        value one{.kind = FEED_TEXT, .text = element, .type = from.type};
         if (from.type == "boolean" && (element == "t" || element == "f"))
-            one.kind = element == "t" ? PGR_TRUE : PGR_FALSE;
+            one.kind = element == "t" ? FEED_TRUE : FEED_FALSE;
         if (!put_value(work, item, one, out, error))
             return false;
         out += item.size;
@@ -221,25 +221,25 @@ static void put_null(const fwu_item &item, unsigned char *out)
         if (is_text(item))
             memset(out, ' ', static_cast<size_t>(item.size));
         else if (item.type == 'P')
-            (void)pgd_packed("0", 0, out, item.size); // zero always fits
+            (void)feed_put_packed("0", 0, out, item.size); // zero always fits
         else if (item.type == 'Z')
-            (void)pgd_zoned("0", 0, out, item.size);
+            (void)feed_put_zoned("0", 0, out, item.size);
         else
             memset(out, 0, static_cast<size_t>(item.size));
     }
 }
 
 // No number looks like it.
-static bool is_array(const pgr_column &column)
+static bool is_array(const feed_column &column)
 {
-    return column.kind == PGR_STRING &&
+    return column.kind == FEED_TEXT &&
            (column.value.starts_with('{') || column.value.starts_with('['));
 }
 
-static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &item,
-                       const pgr_column &column, unsigned char *out, std::string &error)
+static bool put_column(feed_image_work &work, const feed_table &table, const fwu_item &item,
+                       const feed_column &column, unsigned char *out, std::string &error)
 {
-    if (column.kind == PGR_NULL) {
+    if (column.kind == FEED_NULL) {
         if (table.dataset->null_map < 0) {
             error = "is null, and dataset " + table.dataset->layout.dbname + "." +
                     table.dataset->layout.dsetname +
@@ -260,13 +260,13 @@ static bool put_column(pgi_work &work, const pgt_table &table, const fwu_item &i
                  : put_value(work, item, from, out, error);
 }
 
-static const pgr_column *column_at(const pgt_map &map, const pgr_row &row, size_t item)
+static const feed_column *column_at(const feed_map &map, const feed_row &row, size_t item)
 {
     const int index = map.column_of_item[item];
-    return index == PGT_NO_COLUMN ? nullptr : &row.columns[static_cast<size_t>(index)];
+    return index == FEED_NO_COLUMN ? nullptr : &row.columns[static_cast<size_t>(index)];
 }
 
-static bool missing_error(const pgt_table &table, const fwu_item &item, bool is_old,
+static bool missing_error(const feed_table &table, const fwu_item &item, bool is_old,
                           std::string &error)
 {
     error = table.name + ": item " + item.name;
@@ -279,8 +279,8 @@ static bool missing_error(const pgt_table &table, const fwu_item &item, bool is_
 
 // Makes the image item by item; find(i) is the column that feeds item i, or null.
 template <typename Find>
-static bool make_image(pgi_work &work, std::vector<unsigned char> &image, const pgt_table &table,
-                       Find find, bool is_old, std::string &error)
+static bool make_image(feed_image_work &work, std::vector<unsigned char> &image,
+                       const feed_table &table, Find find, bool is_old, std::string &error)
 {
     const std::vector<fwu_item> &items = table.dataset->layout.items;
     const int null_map = table.dataset->null_map;
@@ -296,30 +296,30 @@ static bool make_image(pgi_work &work, std::vector<unsigned char> &image, const 
     for (size_t i = 0; i < items.size(); i++) {
         if (static_cast<int>(i) == null_map)
             continue;
-        const pgr_column *column = find(i);
+        const feed_column *column = find(i);
         if (column == nullptr) {
             return missing_error(table, items[i], is_old, error);
         }
         if (!put_column(work, table, items[i], *column, image.data() + table.offsets[i], error)) {
-            error = pgt_column_name(table, *column) + ": " + error;
+            error = feed_column_name(table, *column) + ": " + error;
             return false;
         }
         if (nulls != nullptr)
-            *nulls++ = column->kind == PGR_NULL ? 'N' : '.';
+            *nulls++ = column->kind == FEED_NULL ? 'N' : '.';
     }
     return true;
 }
 
-bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const pgr_row &row, const pgr_row *old_row, std::string &error)
+bool feed_new_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                    const feed_row &row, const feed_row *old_row, std::string &error)
 {
-    if (!pgt_map_columns(table.columns_map, table, row, work.notes, error))
+    if (!feed_map_columns(table.columns_map, table, row, work.notes, error))
         return false;
     if (old_row != nullptr &&
-        !pgt_map_columns(table.identity_map, table, *old_row, work.notes, error))
+        !feed_map_columns(table.identity_map, table, *old_row, work.notes, error))
         return false;
     const auto find = [&](size_t item) {
-        const pgr_column *column = column_at(table.columns_map, row, item);
+        const feed_column *column = column_at(table.columns_map, row, item);
         if (column == nullptr && old_row != nullptr)
             column = column_at(table.identity_map, *old_row, item);
         return column;
@@ -327,10 +327,10 @@ bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table 
     return make_image(work, image, table, find, false, error);
 }
 
-bool pgi_old_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const pgr_row &old_row, std::string &error)
+bool feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                    const feed_row &old_row, std::string &error)
 {
-    if (!pgt_map_columns(table.identity_map, table, old_row, work.notes, error))
+    if (!feed_map_columns(table.identity_map, table, old_row, work.notes, error))
         return false;
     const auto find = [&](size_t item) { return column_at(table.identity_map, old_row, item); };
     return make_image(work, image, table, find, true, error);

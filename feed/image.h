@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-struct pgi_settings {
+struct feed_image_settings {
     bool big_endian = false; // byte order of binary numbers
     bool truncate = false;   // cut texts that are too long instead of refusing them
 };
 
 // What the making of images keeps from row to row.
-struct pgi_work {
-    pgi_settings settings;
+struct feed_image_work {
+    feed_image_settings settings;
     uint64_t truncated = 0;         // texts cut so far
     std::vector<std::string> notes; // what is to be told; whoever tells it takes it away
     std::string text;
@@ -26,11 +26,11 @@ struct pgi_work {
 // The image of a new row, of table.image_length bytes.  Columns that the row
 // lacks are taken from the old row, when there is one (null: there is none).
 // False, with the column and the reason in error, when a value does not fit.
-bool pgi_new_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const pgr_row &row, const pgr_row *old_row, std::string &error);
+bool feed_new_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                    const feed_row &row, const feed_row *old_row, std::string &error);
 
 // The image of an old row, which must have all columns.
-bool pgi_old_image(pgi_work &work, std::vector<unsigned char> &image, pgt_table &table,
-                   const pgr_row &old_row, std::string &error);
+bool feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                    const feed_row &old_row, std::string &error);
 
 #endif

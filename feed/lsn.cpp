@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cstdio>
 
-bool pgl_parse(uint64_t &lsn, std::string_view text)
+bool feed_lsn_parse(uint64_t &lsn, std::string_view text)
 {
     uint32_t high = 0;
     uint32_t low = 0;
@@ -18,7 +18,7 @@ bool pgl_parse(uint64_t &lsn, std::string_view text)
     return true;
 }
 
-std::string pgl_text(uint64_t lsn)
+std::string feed_lsn_text(uint64_t lsn)
 {
     char text[32];
     const int length = snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),

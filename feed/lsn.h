@@ -7,9 +7,9 @@
 #include <string_view>
 
 // Reads a position, two hexadecimal numbers with "/" between them.
-bool pgl_parse(uint64_t &lsn, std::string_view text);
+bool feed_lsn_parse(uint64_t &lsn, std::string_view text);
 
 // The same, written.
-std::string pgl_text(uint64_t lsn);
+std::string feed_lsn_text(uint64_t lsn);
 
 #endif

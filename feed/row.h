@@ -7,20 +7,20 @@
 #include <string>
 #include <vector>
 
-enum pgr_kind { PGR_NULL, PGR_FALSE, PGR_TRUE, PGR_NUMBER, PGR_STRING };
+enum feed_kind { FEED_NULL, FEED_FALSE, FEED_TRUE, FEED_DIGITS, FEED_TEXT };
 
-struct pgr_column {
+struct feed_column {
     std::string name;
     std::string type;  // as the server names it: "numeric(9,2)", "smallint[]"
-    std::string value; // PGR_NUMBER: its digits as written; PGR_STRING: UTF-8; else empty
-    pgr_kind kind = PGR_NULL;
+    std::string value; // FEED_DIGITS: its digits as written; FEED_TEXT: UTF-8; else empty
+    feed_kind kind = FEED_NULL;
 };
 
 // Only the first count columns are valid, the others keep their memory.
-struct pgr_row {
+struct feed_row {
     bool present = false;
     size_t count = 0;
-    std::vector<pgr_column> columns;
+    std::vector<feed_column> columns;
 };
 
 #endif

@@ -120,7 +120,7 @@ static bool take_offset(std::string_view &text, int64_t &offset)
     return true;
 }
 
-bool pgt_stamp_parse(pgt_stamp &stamp, std::string_view text)
+bool feed_stamp_parse(feed_stamp &stamp, std::string_view text)
 {
     int64_t days = 0;
     int64_t offset = 0;
@@ -145,7 +145,7 @@ bool pgt_stamp_parse(pgt_stamp &stamp, std::string_view text)
     return text.empty();
 }
 
-bool pgt_stamp_format(std::string &out, const pgt_stamp &stamp, int decimals)
+bool feed_stamp_format(std::string &out, const feed_stamp &stamp, int decimals)
 {
     int64_t days = stamp.seconds / SECONDS_PER_DAY;
     int64_t second = stamp.seconds % SECONDS_PER_DAY;

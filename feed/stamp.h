@@ -7,18 +7,18 @@
 #include <string>
 #include <string_view>
 
-struct pgt_stamp {
+struct feed_stamp {
     int64_t seconds = 0; // since 1970; UTC when an offset was given, else as written
     int32_t micros = 0;  // 0 to 999999, to be added
     bool zoned = false;  // an offset was given
 };
 
 // Reads a timestamp.  Offsets: +HH, +HH:MM, +HH:MM:SS, the same with "-".
-bool pgt_stamp_parse(pgt_stamp &stamp, std::string_view text);
+bool feed_stamp_parse(feed_stamp &stamp, std::string_view text);
 
 // Writes "YYYY-MM-DD HH:MM:SS" and, with decimals above 0, "." and so many digits
 // (at most 6).  False when the year is outside 0001 to 9999 or a digit other
 // than 0 would be lost.
-bool pgt_stamp_format(std::string &out, const pgt_stamp &stamp, int decimals);
+bool feed_stamp_format(std::string &out, const feed_stamp &stamp, int decimals);
 
 #endif

@@ -34,22 +34,22 @@ static std::string dataset_name(const fwu_dataset &dataset)
     return dataset.layout.dbname + "." + dataset.layout.dsetname;
 }
 
-bool pgt_is_skipped(const fwu_config &config, const std::string &name)
+bool feed_is_skipped(const fwu_config &config, const std::string &name)
 {
     return std::find(config.skip_tables.begin(), config.skip_tables.end(), name) !=
            config.skip_tables.end();
 }
 
-const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view schema,
-                                  std::string_view table)
+const fwu_dataset *feed_configured(const fwu_config &config, std::string_view schema,
+                                   std::string_view table)
 {
     const std::string name = std::string(schema) + "." + std::string(table);
     for (const fwu_dataset &dataset : config.datasets) {
         if (dataset.table == name)
             return &dataset;
     }
-    const std::string dbname = pgt_name(schema);
-    const std::string dsetname = pgt_name(table);
+    const std::string dbname = feed_name(schema);
+    const std::string dsetname = feed_name(table);
     for (const fwu_dataset &dataset : config.datasets) {
         if (dataset.table.empty() && dataset.layout.dbname == dbname &&
             dataset.layout.dsetname == dsetname)
@@ -58,11 +58,11 @@ const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view sch
     return nullptr;
 }
 
-std::string pgt_bad_name_text(const fwu_config &config, const std::string &name,
-                              std::string_view schema, std::string_view table)
+std::string feed_bad_name_text(const fwu_config &config, const std::string &name,
+                               std::string_view schema, std::string_view table)
 {
-    const std::string dbname = pgt_name(schema);
-    const std::string dsetname = pgt_name(table);
+    const std::string dbname = feed_name(schema);
+    const std::string dsetname = feed_name(table);
     if (dbname.size() <= NAME_MAX_LENGTH && dsetname.size() <= NAME_MAX_LENGTH)
         return fwu_database_name_ok(dbname) && fwu_dataset_name_ok(dsetname)
                    ? std::string()
@@ -81,18 +81,18 @@ static const fwu_dataset *find_dataset(const fwu_config &config, const std::stri
                                        std::string_view schema, std::string_view table,
                                        std::string &error)
 {
-    const fwu_dataset *dataset = pgt_configured(config, schema, table);
+    const fwu_dataset *dataset = feed_configured(config, schema, table);
     if (dataset != nullptr)
         return dataset;
-    error = pgt_bad_name_text(config, name, schema, table);
+    error = feed_bad_name_text(config, name, schema, table);
     if (error.empty())
         error = "table " + name + " is not in " + config.path + ": describe dataset " +
-                pgt_name(table) + " of database " + pgt_name(schema) +
+                feed_name(table) + " of database " + feed_name(schema) +
                 " there, or leave the table out with the line skip-table " + name;
     return nullptr;
 }
 
-static bool measure(pgt_table &table, const fwu_config &config, std::string &error)
+static bool measure(feed_table &table, const fwu_config &config, std::string &error)
 {
     const fwu_dataset &dataset = *table.dataset;
     const std::vector<fwu_item> &items = dataset.layout.items;
@@ -126,7 +126,7 @@ static bool measure(pgt_table &table, const fwu_config &config, std::string &err
 }
 
 // Two tables whose names differ in case or in "_" and "-" only come to one dataset.
-static bool feeds_alone(const pgt_tables &tables, const pgt_table &table, std::string &error)
+static bool feeds_alone(const feed_tables &tables, const feed_table &table, std::string &error)
 {
     for (const auto &[name, other] : tables.known) {
         if (other->dataset == nullptr || name == table.name ||
@@ -140,8 +140,8 @@ static bool feeds_alone(const pgt_tables &tables, const pgt_table &table, std::s
     return true;
 }
 
-pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
-                    std::string &error)
+feed_table *feed_find_table(feed_tables &tables, std::string_view schema, std::string_view table,
+                            std::string &error)
 {
     tables.key.assign(schema);
     tables.key.push_back('.');
@@ -150,9 +150,9 @@ pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_vie
     if (found != tables.known.end())
         return found->second.get();
 
-    auto made = std::make_unique<pgt_table>();
+    auto made = std::make_unique<feed_table>();
     made->name = tables.key;
-    if (!pgt_is_skipped(*tables.config, made->name)) {
+    if (!feed_is_skipped(*tables.config, made->name)) {
         made->dataset = find_dataset(*tables.config, made->name, schema, table, error);
         if (made->dataset == nullptr || !measure(*made, *tables.config, error) ||
             !feeds_alone(tables, *made, error))
@@ -161,22 +161,22 @@ pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_vie
     return tables.known.emplace(tables.key, std::move(made)).first->second.get();
 }
 
-pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
-                   std::vector<std::string> columns, std::string &error)
+feed_table *feed_put(feed_tables &tables, const std::string &name, fwu_dataset dataset,
+                     std::vector<std::string> columns, std::string &error)
 {
-    auto made = std::make_unique<pgt_table>();
+    auto made = std::make_unique<feed_table>();
     made->name = name;
     made->own_columns = std::move(columns);
     made->own = std::make_unique<fwu_dataset>(std::move(dataset));
     made->dataset = made->own.get();
     if (!measure(*made, *tables.config, error) || !feeds_alone(tables, *made, error))
         return nullptr;
-    std::unique_ptr<pgt_table> &place = tables.known[name];
+    std::unique_ptr<feed_table> &place = tables.known[name];
     place = std::move(made);
     return place.get();
 }
 
-std::string pgt_truncated_text(const pgt_table &table)
+std::string feed_truncated_text(const feed_table &table)
 {
     return "table " + table.name +
            " was truncated, which a log of record changes cannot express: delete the rows "
@@ -184,13 +184,13 @@ std::string pgt_truncated_text(const pgt_table &table)
            table.name;
 }
 
-std::string pgt_no_old_row_text(const pgt_table &table)
+std::string feed_no_old_row_text(const feed_table &table)
 {
     return table.name + ": the change comes without the old row: run ALTER TABLE " + table.name +
            " REPLICA IDENTITY FULL";
 }
 
-static bool same_columns(const pgt_map &map, const pgr_row &row)
+static bool same_columns(const feed_map &map, const feed_row &row)
 {
     if (map.column_of_item.empty() || map.names.size() != row.count)
         return false;
@@ -201,19 +201,19 @@ static bool same_columns(const pgt_map &map, const pgr_row &row)
     return true;
 }
 
-static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, size_t column,
+static bool feed_item(feed_map &map, const feed_table &table, const feed_row &row, size_t column,
                       bool &fed, std::string &error)
 {
     fed = false;
     const std::vector<fwu_item> &items = table.dataset->layout.items;
-    const std::string name = pgt_name(row.columns[column].name);
+    const std::string name = feed_name(row.columns[column].name);
     for (size_t i = 0; i < items.size(); i++) {
         if (static_cast<int>(i) == table.dataset->null_map ||
             (table.own == nullptr ? items[i].name != name
                                   : table.own_columns[i] != row.columns[column].name))
             continue;
-        if (map.column_of_item[i] != PGT_NO_COLUMN) {
-            error = pgt_column_name(table, row.columns[column]) + ": item " + name +
+        if (map.column_of_item[i] != FEED_NO_COLUMN) {
+            error = feed_column_name(table, row.columns[column]) + ": item " + name +
                     " is already fed by column " +
                     row.columns[static_cast<size_t>(map.column_of_item[i])].name;
             return false;
@@ -224,7 +224,7 @@ static bool feed_item(pgt_map &map, const pgt_table &table, const pgr_row &row, 
     return true;
 }
 
-static std::string left_out_text(const pgt_table &table, const std::vector<std::string> &columns)
+static std::string left_out_text(const feed_table &table, const std::vector<std::string> &columns)
 {
     std::string names;
     for (const std::string &name : columns)
@@ -235,13 +235,13 @@ static std::string left_out_text(const pgt_table &table, const std::vector<std::
            dataset_name(*table.dataset) + " and " + (one ? "is" : "are") + " left out of the log";
 }
 
-bool pgt_map_columns(pgt_map &map, pgt_table &table, const pgr_row &row,
-                     std::vector<std::string> &notes, std::string &error)
+bool feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
+                      std::vector<std::string> &notes, std::string &error)
 {
     if (same_columns(map, row))
         return true;
     map.names.clear();
-    map.column_of_item.assign(table.dataset->layout.items.size(), PGT_NO_COLUMN);
+    map.column_of_item.assign(table.dataset->layout.items.size(), FEED_NO_COLUMN);
     std::vector<std::string> without;
     for (size_t i = 0; i < row.count; i++) {
         bool fed = false;
@@ -262,7 +262,7 @@ bool pgt_map_columns(pgt_map &map, pgt_table &table, const pgr_row &row,
     return true;
 }
 
-std::string pgt_column_name(const pgt_table &table, const pgr_column &column)
+std::string feed_column_name(const feed_table &table, const feed_column &column)
 {
     return table.name + "." + column.name;
 }

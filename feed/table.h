@@ -12,67 +12,67 @@
 #include <unordered_map>
 #include <vector>
 
-constexpr int PGT_NO_COLUMN = -1;
+constexpr int FEED_NO_COLUMN = -1;
 
 // Where the items of a dataset find their columns in rows whose columns have
 // these names.  Rows of a table hardly ever differ in that.
-struct pgt_map {
+struct feed_map {
     std::vector<std::string> names;
-    std::vector<int> column_of_item; // index into the row, or PGT_NO_COLUMN
+    std::vector<int> column_of_item; // index into the row, or FEED_NO_COLUMN
 };
 
-struct pgt_table {
+struct feed_table {
     std::string name;                     // "sales.orders"
     const fwu_dataset *dataset = nullptr; // null: left out of the log on purpose
     std::unique_ptr<fwu_dataset> own;     // the dataset, when its items are not configured
     std::vector<std::string> own_columns; // then: which column feeds each item
     std::vector<int64_t> offsets;         // of each item in the image
     int32_t image_length = 0;
-    pgt_map columns_map;               // for new rows
-    pgt_map identity_map;              // for old rows
+    feed_map columns_map;              // for new rows
+    feed_map identity_map;             // for old rows
     std::vector<std::string> left_out; // columns without item that were told
 };
 
 // The tables met so far.  The configuration must outlive it.
-struct pgt_tables {
+struct feed_tables {
     const fwu_config *config = nullptr;
-    std::unordered_map<std::string, std::unique_ptr<pgt_table>> known;
+    std::unordered_map<std::string, std::unique_ptr<feed_table>> known;
     std::string key; // "schema.table" of the look-up, kept for its memory
 };
 
 // The table's record, looked up in the configuration at its first use.  Null, with
 // the reason in error, when the configuration does not know the table or its
 // dataset cannot be loaded.
-pgt_table *pgt_find(pgt_tables &tables, std::string_view schema, std::string_view table,
-                    std::string &error);
+feed_table *feed_find_table(feed_tables &tables, std::string_view schema, std::string_view table,
+                            std::string &error);
 
 // What the configuration says of a table: that it is skipped, or the dataset that it
 // feeds (null: nothing is said).
-bool pgt_is_skipped(const fwu_config &config, const std::string &name);
-const fwu_dataset *pgt_configured(const fwu_config &config, std::string_view schema,
-                                  std::string_view table);
+bool feed_is_skipped(const fwu_config &config, const std::string &name);
+const fwu_dataset *feed_configured(const fwu_config &config, std::string_view schema,
+                                   std::string_view table);
 
 // Registers a table with a dataset whose items the configuration does not have, in
 // the place of what was known by this name.  columns: which one feeds each item.
 // Null, with the reason in error, when another table feeds a dataset of this name.
-pgt_table *pgt_put(pgt_tables &tables, const std::string &name, fwu_dataset dataset,
-                   std::vector<std::string> columns, std::string &error);
+feed_table *feed_put(feed_tables &tables, const std::string &name, fwu_dataset dataset,
+                     std::vector<std::string> columns, std::string &error);
 
 // What is wrong with a table's name for a dataset; empty: nothing.
-std::string pgt_bad_name_text(const fwu_config &config, const std::string &name,
-                              std::string_view schema, std::string_view table);
+std::string feed_bad_name_text(const fwu_config &config, const std::string &name,
+                               std::string_view schema, std::string_view table);
 
 // What is wrong with a truncate of the table, and with a change without its old row.
-std::string pgt_truncated_text(const pgt_table &table);
-std::string pgt_no_old_row_text(const pgt_table &table);
+std::string feed_truncated_text(const feed_table &table);
+std::string feed_no_old_row_text(const feed_table &table);
 
 // Brings map up to date for the row's columns; columns without item that come for the
 // first time add a note.  False, with the reason in error, when two columns have one
 // name or feed one item.
-bool pgt_map_columns(pgt_map &map, pgt_table &table, const pgr_row &row,
-                     std::vector<std::string> &notes, std::string &error);
+bool feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
+                      std::vector<std::string> &notes, std::string &error);
 
 // "sales.orders.note", as messages name a column.
-std::string pgt_column_name(const pgt_table &table, const pgr_column &column);
+std::string feed_column_name(const feed_table &table, const feed_column &column);
 
 #endif

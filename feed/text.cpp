@@ -41,7 +41,7 @@ static uint32_t take_character(std::string_view &text)
     return code;
 }
 
-bool pgt_latin1(std::string &out, std::string_view utf8, uint32_t &bad)
+bool feed_latin1(std::string &out, std::string_view utf8, uint32_t &bad)
 {
     out.clear();
     while (!utf8.empty()) {
@@ -55,7 +55,7 @@ bool pgt_latin1(std::string &out, std::string_view utf8, uint32_t &bad)
     return true;
 }
 
-std::string pgt_latin1_lossy(std::string_view utf8)
+std::string feed_latin1_lossy(std::string_view utf8)
 {
     std::string out;
     while (!utf8.empty()) {
@@ -137,7 +137,7 @@ static const char *take_element(std::string &element, std::string_view &rest)
     return !escaped && is_null_word(element) ? "has a NULL among its elements" : nullptr;
 }
 
-const char *pgt_array(std::vector<std::string> &elements, std::string_view literal)
+const char *feed_array(std::vector<std::string> &elements, std::string_view literal)
 {
     size_t count = 0;
     if (const char *wrong = skip_bounds(literal))
@@ -165,7 +165,7 @@ const char *pgt_array(std::vector<std::string> &elements, std::string_view liter
     return nullptr;
 }
 
-std::string pgt_name(std::string_view name)
+std::string feed_name(std::string_view name)
 {
     std::string out(name);
     for (char &c : out) {
@@ -177,7 +177,7 @@ std::string pgt_name(std::string_view name)
     return out;
 }
 
-std::string pgt_quote(std::string_view value)
+std::string feed_quote(std::string_view value)
 {
     std::string out = "\"";
     size_t end = std::min(value.size(), QUOTE_MAX);

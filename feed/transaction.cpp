@@ -8,7 +8,7 @@
 
 static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 
-void fwlog_session_from(fwu_session &session, std::string_view content)
+void feed_session_from(fwu_session &session, std::string_view content)
 {
     session = {};
     while (!content.empty()) {
@@ -17,18 +17,18 @@ void fwlog_session_from(fwu_session &session, std::string_view content)
         content.remove_prefix(end == std::string_view::npos ? content.size() : end + 1);
         if (part.empty())
             continue;
-        session.data.push_back(pgt_latin1_lossy(part));
+        session.data.push_back(feed_latin1_lossy(part));
         const size_t equals = part.find('=');
         if (equals == std::string_view::npos)
             continue;
         std::optional<std::string> *entry = fwu_session_entry(session, part.substr(0, equals));
         // The first one counts: what a client sets of its own stands behind the rest.
         if (entry != nullptr && !entry->has_value())
-            *entry = pgt_latin1_lossy(part.substr(equals + 1));
+            *entry = feed_latin1_lossy(part.substr(equals + 1));
     }
 }
 
-void fwlog_abandon(fwlog_transaction &tx)
+void feed_abandon(feed_transaction &tx)
 {
     if (tx.begun)
         fwu_writer_rollback(tx.writer);
@@ -38,7 +38,7 @@ void fwlog_abandon(fwlog_transaction &tx)
     tx.open = false;
 }
 
-void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit)
+void feed_begin(feed_transaction &tx, const fwu_commit &commit)
 {
     tx.open = true;
     tx.begun = false;
@@ -51,7 +51,7 @@ void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit)
     tx.truncated_before = tx.work.truncated;
 }
 
-void fwlog_set_session(fwlog_transaction &tx, std::string_view content)
+void feed_set_session(feed_transaction &tx, std::string_view content)
 {
     if (tx.has_session && tx.content == content)
         return;
@@ -66,14 +66,14 @@ void fwlog_set_session(fwlog_transaction &tx, std::string_view content)
                             "there on (this is told once)");
 }
 
-static void add_changes(fwlog_totals &totals, const fwlog_totals &changes)
+static void add_changes(feed_totals &totals, const feed_totals &changes)
 {
     totals.inserts += changes.inserts;
     totals.updates += changes.updates;
     totals.deletes += changes.deletes;
 }
 
-fwlog_result fwlog_commit(fwlog_transaction &tx)
+feed_result feed_commit(feed_transaction &tx)
 {
     if (tx.skipping) {
         tx.totals.skipped++;
@@ -82,26 +82,26 @@ fwlog_result fwlog_commit(fwlog_transaction &tx)
     } else {
         tx.begun = false; // a commit that fails has forgotten the transaction, too
         if (fwu_writer_commit(tx.writer, tx.commit) != 0)
-            return FWLOG_FAILED;
+            return FEED_FAILED;
         if (fwu_writer_settle(tx.writer, true) != 0)
-            return FWLOG_FAILED;
+            return FEED_FAILED;
         tx.totals.transactions++;
         add_changes(tx.totals, tx.changes);
     }
     tx.open = false;
-    return FWLOG_OK;
+    return FEED_OK;
 }
 
-static void make_session(fwlog_transaction &tx)
+static void make_session(feed_transaction &tx)
 {
-    fwlog_session_from(tx.session, tx.has_session ? tx.content : std::string_view());
+    feed_session_from(tx.session, tx.has_session ? tx.content : std::string_view());
     tx.session.data.push_back("xid=" + std::to_string(tx.commit.xid));
-    tx.session.data.push_back("lsn=" + pgl_text(tx.commit.lsn));
+    tx.session.data.push_back("lsn=" + feed_lsn_text(tx.commit.lsn));
     tx.session.data.insert(tx.session.data.end(), tx.data.begin(), tx.data.end());
 }
 
 // Has the writer ready for a change in the session in hand.
-static bool begin_in_log(fwlog_transaction &tx)
+static bool begin_in_log(feed_transaction &tx)
 {
     if (tx.begun && !tx.session_changed)
         return true;
@@ -121,13 +121,13 @@ static int64_t second_of(int64_t time_us)
     return time_us % MICROS_PER_SECOND < 0 ? second - 1 : second;
 }
 
-fwlog_result fwlog_change(fwlog_transaction &tx, pgt_table &table, const pgr_row *fresh,
-                          const pgr_row *old, std::string &error)
+feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
+                        const feed_row *old, std::string &error)
 {
-    if (old != nullptr && !pgi_old_image(tx.work, tx.before, table, *old, error))
-        return FWLOG_BAD;
-    if (fresh != nullptr && !pgi_new_image(tx.work, tx.after, table, *fresh, old, error))
-        return FWLOG_BAD;
+    if (old != nullptr && !feed_old_image(tx.work, tx.before, table, *old, error))
+        return FEED_BAD;
+    if (fresh != nullptr && !feed_new_image(tx.work, tx.after, table, *fresh, old, error))
+        return FEED_BAD;
     const int32_t opcode = old == nullptr     ? FWU_OP_INSERT
                            : fresh == nullptr ? FWU_OP_DELETE
                                               : FWU_OP_UPDATE;
@@ -135,9 +135,9 @@ fwlog_result fwlog_change(fwlog_transaction &tx, pgt_table &table, const pgr_row
         fwu_writer_record(tx.writer, opcode, table.dataset->layout, second_of(tx.commit.time_us),
                           table.image_length, old == nullptr ? nullptr : tx.before.data(),
                           fresh == nullptr ? nullptr : tx.after.data()) != 0)
-        return FWLOG_FAILED;
+        return FEED_FAILED;
     (opcode == FWU_OP_INSERT   ? tx.changes.inserts
      : opcode == FWU_OP_UPDATE ? tx.changes.updates
                                : tx.changes.deletes)++;
-    return FWLOG_OK;
+    return FEED_OK;
 }

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-struct fwlog_totals {
+struct feed_totals {
     uint64_t transactions = 0; // appended to the log
     uint64_t inserts = 0;
     uint64_t updates = 0;
@@ -22,10 +22,10 @@ struct fwlog_totals {
     uint64_t skipped = 0; // transactions that the log had already
 };
 
-struct fwlog_transaction {
+struct feed_transaction {
     fwu_writer *writer = nullptr;
-    pgi_work work;
-    fwlog_totals totals;       // of whole transactions
+    feed_image_work work;
+    feed_totals totals;        // of whole transactions
     bool session_told = false; // that a session message came late
 
     // The transaction in hand.
@@ -37,7 +37,7 @@ struct fwlog_transaction {
     fwu_commit commit;
     std::string content;           // of its session message
     std::vector<std::string> data; // further data elements of its session
-    fwlog_totals changes;
+    feed_totals changes;
     uint64_t truncated_before = 0; // work.truncated at its begin
 
     fwu_session session;
@@ -45,30 +45,30 @@ struct fwlog_transaction {
     std::vector<unsigned char> after;
 };
 
-enum fwlog_result {
-    FWLOG_OK,
-    FWLOG_BAD,    // error says what is wrong with the input
-    FWLOG_FAILED, // the log could not be written: reported
+enum feed_result {
+    FEED_OK,
+    FEED_BAD,    // error says what is wrong with the input
+    FEED_FAILED, // the log could not be written: reported
 };
 
 // Begins a transaction; one that the log has already will be passed over.
-void fwlog_begin(fwlog_transaction &tx, const fwu_commit &commit);
+void feed_begin(feed_transaction &tx, const fwu_commit &commit);
 
 // Takes "key=value;key=value" as the transaction's session from here on.  That it comes
 // behind the first change is worth a note, once.
-void fwlog_set_session(fwlog_transaction &tx, std::string_view content);
+void feed_set_session(feed_transaction &tx, std::string_view content);
 
 // Adds a change.  A null fresh is a delete, a null old an insert.
-fwlog_result fwlog_change(fwlog_transaction &tx, pgt_table &table, const pgr_row *fresh,
-                          const pgr_row *old, std::string &error);
+feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
+                        const feed_row *old, std::string &error);
 
 // Hands the whole transaction to the log.  After a failure it is forgotten.
-fwlog_result fwlog_commit(fwlog_transaction &tx);
+feed_result feed_commit(feed_transaction &tx);
 
 // Forgets the transaction in hand, if there is one.
-void fwlog_abandon(fwlog_transaction &tx);
+void feed_abandon(feed_transaction &tx);
 
 // Fills session from the content of a session message.
-void fwlog_session_from(fwu_session &session, std::string_view content);
+void feed_session_from(fwu_session &session, std::string_view content);
 
 #endif

@@ -6,7 +6,7 @@
 
 static const char digits[] = "0123456789abcdef";
 
-void tmft_hex(std::string &out, std::string_view bytes)
+void json_text_hex(std::string &out, std::string_view bytes)
 {
     for (const char byte : bytes) {
         const auto value = static_cast<unsigned char>(byte);
@@ -15,7 +15,7 @@ void tmft_hex(std::string &out, std::string_view bytes)
     }
 }
 
-bool tmft_printable(std::string_view bytes)
+bool json_text_printable(std::string_view bytes)
 {
     return std::all_of(bytes.begin(), bytes.end(),
                        [](char byte) { return byte >= ' ' && byte <= '~'; });
@@ -56,7 +56,7 @@ static size_t utf8_length(std::string_view text)
     return 0;
 }
 
-void tmft_json(std::string &out, std::string_view text)
+void json_text_append(std::string &out, std::string_view text)
 {
     out += '"';
     while (!text.empty()) {
@@ -69,7 +69,7 @@ void tmft_json(std::string &out, std::string_view text)
             out += byte;
         } else if (static_cast<unsigned char>(byte) < 0x80) {
             out += "\\u00";
-            tmft_hex(out, text.substr(0, 1));
+            json_text_hex(out, text.substr(0, 1));
         } else {
             length = utf8_length(text);
             if (length == 0) {

@@ -6,12 +6,12 @@
 #include <string_view>
 
 // Appends two lower-case digits for each byte.
-void tmft_hex(std::string &out, std::string_view bytes);
+void json_text_hex(std::string &out, std::string_view bytes);
 
 // Appends a JSON string.  Bytes that are not UTF-8 become U+FFFD.
-void tmft_json(std::string &out, std::string_view text);
+void json_text_append(std::string &out, std::string_view text);
 
 // Whether all bytes are printable ASCII; so is nothing.
-bool tmft_printable(std::string_view bytes);
+bool json_text_printable(std::string_view bytes);
 
 #endif

@@ -8,12 +8,12 @@
 
 constexpr size_t SESSION_LENGTH_MAX = 64 * 1024;
 
-static pgs_outcome take_result(const pgb_bridge &bridge, fwlog_result result,
+static pgs_outcome take_result(const pgb_bridge &bridge, feed_result result,
                                const std::string &error)
 {
-    if (result == FWLOG_BAD)
+    if (result == FEED_BAD)
         return pgb_bad(bridge, error);
-    return result == FWLOG_OK ? PGS_OK : PGS_REFUSED;
+    return result == FEED_OK ? PGS_OK : PGS_REFUSED;
 }
 
 pgs_outcome pgb_diverged(const pgb_bridge &bridge)
@@ -24,7 +24,7 @@ pgs_outcome pgb_diverged(const pgb_bridge &bridge)
             " of %s, the last one in the log: it was set back to an older state, or the "
             "publication has lost a table; begin a new log directory with --create --snapshot, or "
             "go on as it is with --accept-gap\n",
-            last.xid, pgl_text(last.lsn).c_str());
+            last.xid, feed_lsn_text(last.lsn).c_str());
     return PGS_REFUSED;
 }
 
@@ -40,17 +40,17 @@ static pgs_outcome take_begin(pgb_bridge &bridge, pgb_apply &apply)
             return pgb_diverged(bridge);
         bridge.expects_last = false;
     }
-    fwlog_begin(bridge.tx, commit);
+    feed_begin(bridge.tx, commit);
     return PGS_OK;
 }
 
 static pgs_outcome take_commit(pgb_bridge &bridge, pgb_apply &apply)
 {
-    fwlog_transaction &tx = bridge.tx;
+    feed_transaction &tx = bridge.tx;
     if (!tx.open)
         return pgb_bad(bridge, "a commit came outside a transaction");
     const bool logs = tx.begun;
-    const pgs_outcome outcome = take_result(bridge, fwlog_commit(tx), {});
+    const pgs_outcome outcome = take_result(bridge, feed_commit(tx), {});
     if (outcome != PGS_OK)
         return outcome;
     if (logs)
@@ -86,7 +86,7 @@ static pgs_outcome take_session(pgb_bridge &bridge, pgb_apply &apply)
     if (message.content.size() > SESSION_LENGTH_MAX)
         refuse_session(bridge);
     else
-        fwlog_set_session(bridge.tx, message.content.substr(0, message.content.find('\0')));
+        feed_set_session(bridge.tx, message.content.substr(0, message.content.find('\0')));
     pgb_tell_notes(bridge);
     return PGS_OK;
 }
@@ -102,21 +102,21 @@ static pgs_outcome take_change(pgb_bridge &bridge, pgb_apply &apply)
     pgb_relation *relation = pgb_find(bridge.relations, message.relation_id, error);
     if (relation == nullptr)
         return pgb_bad(bridge, error);
-    pgt_table &table = *relation->table;
+    feed_table &table = *relation->table;
     if (table.dataset == nullptr)
         return PGS_OK;
     if (message.kind != 'I' && message.old_row.kind != 'O')
-        return pgb_bad(bridge, pgt_no_old_row_text(table) +
+        return pgb_bad(bridge, feed_no_old_row_text(table) +
                                    "; what was changed before that cannot be followed: leave the "
                                    "table out with the line skip-table " +
                                    table.name + ", or begin a new log");
-    const pgr_row *fresh = nullptr;
-    const pgr_row *old = nullptr;
+    const feed_row *fresh = nullptr;
+    const feed_row *old = nullptr;
     if (message.kind != 'D' && (fresh = pgb_row(*relation, message.new_row, error)) == nullptr)
         return pgb_bad(bridge, error);
     if (message.kind != 'I' && (old = pgb_row(*relation, message.old_row, error)) == nullptr)
         return pgb_bad(bridge, error);
-    const fwlog_result result = fwlog_change(bridge.tx, table, fresh, old, error);
+    const feed_result result = feed_change(bridge.tx, table, fresh, old, error);
     pgb_tell_notes(bridge);
     return take_result(bridge, result, error);
 }
@@ -133,7 +133,7 @@ static pgs_outcome take_truncate(pgb_bridge &bridge, pgb_apply &apply)
         if (relation->table->dataset == nullptr)
             continue;
         if (!bridge.options.ignore_truncate)
-            return pgb_bad(bridge, pgt_truncated_text(*relation->table) +
+            return pgb_bad(bridge, feed_truncated_text(*relation->table) +
                                        ", or pass over truncates with --ignore-truncate");
         fprintf(stderr,
                 "fwlog: warning: table %s was truncated in transaction %" PRIu64

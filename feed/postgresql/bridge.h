@@ -26,7 +26,7 @@ struct pgb_bridge {
     pgs_server server;
     pgb_state state;
     pgb_relations relations;
-    fwlog_transaction tx;
+    feed_transaction tx;
     bool expects_last = false; // the server has to send the log's last transaction first
     bool connected = false;    // the server was reached once
     bool session_told = false; // that a session message is too long

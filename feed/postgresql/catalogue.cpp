@@ -201,7 +201,7 @@ static bool add_item(fwu_dataset &dataset, const fwu_config &config, const std::
     const std::string where = table + "." + column.name;
     const fwu_column *said = find_column(config, table, column.name);
     fwu_item item;
-    item.name = said != nullptr && !said->item.empty() ? said->item : pgt_name(column.name);
+    item.name = said != nullptr && !said->item.empty() ? said->item : feed_name(column.name);
     if (item.name.size() > FWU_ITEM_NAME_MAX) {
         error = where + ": " + item.name +
                 " is longer than the 17 characters of an item name: " + "put the line \"column " +

@@ -58,7 +58,7 @@ static void note_progress(follow &f)
     state.logged_lsn = std::max(state.logged_lsn, fwu_writer_logged_lsn(writer));
     state.received_lsn = std::max(state.received_lsn, f.apply.end);
     state.server_lsn = std::max(state.server_lsn, state.received_lsn);
-    const fwlog_totals &totals = f.bridge.tx.totals;
+    const feed_totals &totals = f.bridge.tx.totals;
     state.transactions = totals.transactions;
     state.changes = totals.inserts + totals.updates + totals.deletes;
 }
@@ -294,7 +294,7 @@ pgs_outcome pgb_follow(pgb_bridge &bridge)
     pgs_result result;
     const std::string start =
         "START_REPLICATION SLOT " + pgs_name(server.slot) + " LOGICAL " +
-        pgl_text(fwu_writer_last_lsn(bridge.tx.writer)) +
+        feed_lsn_text(fwu_writer_last_lsn(bridge.tx.writer)) +
         " (proto_version '1', publication_names " + pgs_literal(pgs_name(server.publication)) +
         (PQserverVersion(connection) >= VERSION_WITH_MESSAGES ? ", messages 'true')" : ")");
     pgs_outcome outcome = pgs_command(server, connection, result, start);
@@ -314,7 +314,7 @@ pgs_outcome pgb_follow(pgb_bridge &bridge)
     outcome = acknowledge(f);
     if (outcome == PGS_OK)
         outcome = run(f);
-    fwlog_abandon(bridge.tx);
+    feed_abandon(bridge.tx);
     if (outcome == PGS_OK) {
         note_progress(f);
         f.feedback_due_ms = 0;

@@ -43,7 +43,7 @@ static pgs_outcome check_timeline(pgb_bridge &bridge, uint32_t timeline)
         if (tab == std::string::npos || !pgs_number(past, line.substr(0, tab)) || past != before)
             continue;
         uint64_t left = 0;
-        if (!pgl_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) ||
+        if (!feed_lsn_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) ||
             last >= left)
             break;
         // Beyond that place the old timeline had nothing for the log.
@@ -52,7 +52,7 @@ static pgs_outcome check_timeline(pgb_bridge &bridge, uint32_t timeline)
         return PGS_OK;
     }
     return refuse("the server's timeline " + now + " has left timeline " + std::to_string(before) +
-                  " before the log's end, " + pgl_text(last) +
+                  " before the log's end, " + feed_lsn_text(last) +
                   ": it lacks transactions that the log has; begin a new log directory with "
                   "--create --snapshot, or go on as it is with --accept-gap");
 }
@@ -75,12 +75,12 @@ static pgs_outcome check_system(pgb_bridge &bridge)
     uint64_t now = 0;
     uint64_t number = 0;
     uint32_t timeline = 0;
-    if (!pgs_number(number, system) || !pgl_parse(now, pgs_value(result, 0, 2)) ||
+    if (!pgs_number(number, system) || !feed_lsn_parse(now, pgs_value(result, 0, 2)) ||
         !pgs_number(timeline, pgs_value(result, 0, 1)))
         return refuse("the server's answer to IDENTIFY_SYSTEM holds no system identifier, timeline "
                       "and position: " +
-                      pgt_quote(system) + ", " + pgt_quote(pgs_value(result, 0, 1)) + ", " +
-                      pgt_quote(pgs_value(result, 0, 2)) + "; is it a PostgreSQL server?");
+                      feed_quote(system) + ", " + feed_quote(pgs_value(result, 0, 1)) + ", " +
+                      feed_quote(pgs_value(result, 0, 2)) + "; is it a PostgreSQL server?");
     const bool log_begun = fwu_writer_last_lsn(bridge.tx.writer) != 0 || state.told_lsn != 0 ||
                            state.snapshot != "none";
     if (log_begun && !state.system.empty() &&
@@ -94,8 +94,8 @@ static pgs_outcome check_system(pgb_bridge &bridge)
     const uint64_t last = fwu_writer_last_lsn(bridge.tx.writer);
     const uint64_t known = std::max(last, state.told_lsn);
     if (known > now)
-        return refuse("the log goes up to " + pgl_text(known) + ", the server only to " +
-                      pgl_text(now) +
+        return refuse("the log goes up to " + feed_lsn_text(known) + ", the server only to " +
+                      feed_lsn_text(now) +
                       ": it is another server, or was set back to an older state; begin a new log "
                       "directory with --create --snapshot");
     state.system = system;
@@ -127,7 +127,7 @@ static pgs_outcome check_identities(pgb_bridge &bridge, bool refuses)
         return outcome;
     std::string text;
     for (int i = 0; i < PQntuples(result.get()); i++) {
-        if (pgt_is_skipped(bridge.config, std::string(pgs_value(result, i, 0))))
+        if (feed_is_skipped(bridge.config, std::string(pgs_value(result, i, 0))))
             continue;
         text +=
             "\n  ALTER TABLE " + std::string(pgs_value(result, i, 1)) + " REPLICA IDENTITY FULL;";
@@ -205,17 +205,17 @@ static pgs_outcome create_slot(pgb_bridge &bridge)
     if (outcome != PGS_OK)
         return outcome;
     uint64_t lsn = 0;
-    if (!pgl_parse(lsn, pgs_value(result, 0, 1)))
+    if (!feed_lsn_parse(lsn, pgs_value(result, 0, 1)))
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position: " +
-                      pgt_quote(pgs_value(result, 0, 1)));
+                      feed_quote(pgs_value(result, 0, 1)));
     // What was written since IDENTIFY_SYSTEM counts, too.
     pgs_server_lsn(server, bridge.state.server_lsn);
     if (lsn == 0 || lsn > bridge.state.server_lsn)
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds the position " +
-                      pgl_text(lsn) + ", its log goes from above 0/0 up to " +
-                      pgl_text(bridge.state.server_lsn) + "; is it a PostgreSQL server?");
+                      feed_lsn_text(lsn) + ", its log goes from above 0/0 up to " +
+                      feed_lsn_text(bridge.state.server_lsn) + "; is it a PostgreSQL server?");
     fprintf(stderr, "fwlog: slot \"%s\" created, it begins at %s\n", server.slot.c_str(),
-            pgl_text(lsn).c_str());
+            feed_lsn_text(lsn).c_str());
     bridge.state.told_lsn = lsn;
     if (snapshot) {
         outcome = pgb_take_snapshot(bridge, std::string(pgs_value(result, 0, 2)), lsn);
@@ -234,7 +234,7 @@ static pgs_outcome slot_is_missing(pgb_bridge &bridge)
     const uint64_t known = std::max(last, bridge.state.told_lsn);
     const bool begins = known == 0 || (last == 0 && options.create && options.snapshot);
     if (!begins && !options.accept_gap)
-        return refuse(slot + ", and the log goes up to " + pgl_text(known) +
+        return refuse(slot + ", and the log goes up to " + feed_lsn_text(known) +
                       ": what was changed since cannot be had any more; begin a new log directory "
                       "with --create --snapshot, or go on as it is with --create --accept-gap");
     if (!bridge.options.create)
@@ -251,8 +251,9 @@ static pgs_outcome check_position(pgb_bridge &bridge, uint64_t confirmed)
         state.told_lsn = confirmed; // the log begins here
     const uint64_t known = std::max(last.lsn, state.told_lsn);
     if (confirmed > known && !bridge.options.accept_gap)
-        return refuse("slot \"" + bridge.server.slot + "\" stands at " + pgl_text(confirmed) +
-                      ", the log goes up to " + pgl_text(known) + " only as far as " + state.path +
+        return refuse("slot \"" + bridge.server.slot + "\" stands at " + feed_lsn_text(confirmed) +
+                      ", the log goes up to " + feed_lsn_text(known) + " only as far as " +
+                      state.path +
                       " tells: somebody else has used the slot or made it anew, and what was "
                       "changed between is missing; begin a new log directory with --create "
                       "--snapshot, or go on as it is with --accept-gap");
@@ -299,8 +300,8 @@ static pgs_outcome check_slot(pgb_bridge &bridge)
                       server.slot + "')), or leave --snapshot out");
     uint64_t confirmed = 0;
     const std::string_view position = pgs_value(result, 0, 3); // none: it was never used
-    if (!position.empty() && !pgl_parse(confirmed, position))
-        return refuse(slot + " stands at " + pgt_quote(position) + ", which is no position");
+    if (!position.empty() && !feed_lsn_parse(confirmed, position))
+        return refuse(slot + " stands at " + feed_quote(position) + ", which is no position");
     outcome = check_position(bridge, confirmed);
     return outcome == PGS_OK ? check_identities(bridge, false) : outcome;
 }

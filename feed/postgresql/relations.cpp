@@ -6,7 +6,7 @@
 #include "feed/postgresql/catalogue.h"
 #include "feed/text.h"
 
-static void set_columns(pgr_row &row, const pgo_relation &told)
+static void set_columns(feed_row &row, const pgo_relation &told)
 {
     row.present = true;
     row.count = told.columns.size();
@@ -32,22 +32,23 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 }
 
 // Looks the table up, or makes its dataset from what the server says.
-static pgt_table *find_table(pgb_relations &relations, const pgo_relation &told, std::string &error)
+static feed_table *find_table(pgb_relations &relations, const pgo_relation &told,
+                              std::string &error)
 {
     const fwu_config &config = *relations.tables.config;
     const std::string name = told.schema + "." + told.name;
-    const fwu_dataset *said = pgt_configured(config, told.schema, told.name);
-    if (pgt_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
-        return pgt_find(relations.tables, told.schema, told.name, error);
+    const fwu_dataset *said = feed_configured(config, told.schema, told.name);
+    if (feed_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
+        return feed_find_table(relations.tables, told.schema, told.name, error);
     fwu_dataset dataset;
     if (said != nullptr) {
         dataset.layout = said->layout;
     } else {
-        error = pgt_bad_name_text(config, name, told.schema, told.name);
+        error = feed_bad_name_text(config, name, told.schema, told.name);
         if (!error.empty())
             return nullptr;
-        dataset.layout.dbname = pgt_name(told.schema);
-        dataset.layout.dsetname = pgt_name(told.name);
+        dataset.layout.dbname = feed_name(told.schema);
+        dataset.layout.dsetname = feed_name(told.name);
     }
     if (!pgc_make_dataset(dataset, config, told, error))
         return nullptr;
@@ -58,11 +59,11 @@ static pgt_table *find_table(pgb_relations &relations, const pgo_relation &told,
     std::vector<std::string> columns;
     for (const pgo_column &column : told.columns)
         columns.push_back(column.name);
-    return pgt_put(relations.tables, name, std::move(dataset), std::move(columns), error);
+    return feed_put(relations.tables, name, std::move(dataset), std::move(columns), error);
 }
 
 // A timestamp of a width that the configuration gives is a text like others.
-static void set_types(pgr_row &row, const fwu_config &config, const pgo_relation &told)
+static void set_types(feed_row &row, const fwu_config &config, const pgo_relation &told)
 {
     for (const fwu_column &said : config.columns)
         for (size_t i = 0; i < row.count; i++)
@@ -90,17 +91,17 @@ pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error
     return relation.table == nullptr ? nullptr : &relation;
 }
 
-static void set_value(pgr_column &column, const pgo_value &value)
+static void set_value(feed_column &column, const pgo_value &value)
 {
     column.value.assign(value.text);
-    column.kind = value.kind == 'n' ? PGR_NULL : PGR_STRING;
-    if (column.kind == PGR_STRING && column.type == "boolean")
-        column.kind = value.text == "t" ? PGR_TRUE : PGR_FALSE;
+    column.kind = value.kind == 'n' ? FEED_NULL : FEED_TEXT;
+    if (column.kind == FEED_TEXT && column.type == "boolean")
+        column.kind = value.text == "t" ? FEED_TRUE : FEED_FALSE;
 }
 
-const pgr_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error)
+const feed_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error)
 {
-    pgr_row &row = tuple.kind == 'N' ? relation.fresh : relation.old;
+    feed_row &row = tuple.kind == 'N' ? relation.fresh : relation.old;
     if (tuple.count != row.count) {
         error = relation.told.schema + "." + relation.told.name + ": a row of " +
                 std::to_string(tuple.count) + " columns came, the table has " +

@@ -11,15 +11,15 @@
 #include <unordered_map>
 
 struct pgb_relation {
-    pgo_relation told;          // as the server describes it
-    pgt_table *table = nullptr; // null: not looked up yet
-    pgr_row fresh;              // names and types of all columns, values of the row in hand
-    pgr_row old;
-    pgr_row partial; // of a new row of which not all was sent
+    pgo_relation told;           // as the server describes it
+    feed_table *table = nullptr; // null: not looked up yet
+    feed_row fresh;              // names and types of all columns, values of the row in hand
+    feed_row old;
+    feed_row partial; // of a new row of which not all was sent
 };
 
 struct pgb_relations {
-    pgt_tables tables; // tables.config is the configuration
+    feed_tables tables; // tables.config is the configuration
     std::unordered_map<uint32_t, pgb_relation> known;
 };
 
@@ -33,6 +33,6 @@ pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error
 // The row of a tuple, valid until the next one of its kind (new or old) of this
 // relation; columns that were not sent are left out.  Null, with the reason in
 // error, when the tuple does not fit the description.
-const pgr_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error);
+const feed_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error);
 
 #endif

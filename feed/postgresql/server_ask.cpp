@@ -126,5 +126,5 @@ void pgs_server_lsn(const pgs_server &server, uint64_t &lsn)
                 "SELECT CASE WHEN pg_is_in_recovery() THEN pg_last_wal_replay_lsn() ELSE "
                 "pg_current_wal_flush_lsn() END",
                 value))
-        (void)pgl_parse(lsn, value); // stays
+        (void)feed_lsn_parse(lsn, value); // stays
 }

@@ -64,7 +64,7 @@ struct copied_table {
 
 static pgs_outcome bad_number(const copied_table &table, const char *what, std::string_view text)
 {
-    fprintf(stderr, "fwlog: the server gives %s as %s of table %s.%s\n", pgt_quote(text).c_str(),
+    fprintf(stderr, "fwlog: the server gives %s as %s of table %s.%s\n", feed_quote(text).c_str(),
             what, table.relation.schema.c_str(), table.relation.name.c_str());
     return PGS_REFUSED;
 }
@@ -110,15 +110,15 @@ static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int ro
 static pgs_outcome add_row(pgb_bridge &bridge, pgb_relation &relation, const pgo_tuple &tuple)
 {
     std::string error;
-    const pgr_row *row = pgb_row(relation, tuple, error);
+    const feed_row *row = pgb_row(relation, tuple, error);
     if (row == nullptr)
         return pgb_bad(bridge, error);
-    const fwlog_result result = fwlog_change(bridge.tx, *relation.table, row, nullptr, error);
+    const feed_result result = feed_change(bridge.tx, *relation.table, row, nullptr, error);
     pgb_tell_notes(bridge);
     switch (result) {
-    case FWLOG_OK:
+    case FEED_OK:
         return PGS_OK;
-    case FWLOG_BAD:
+    case FEED_BAD:
         return pgb_bad(bridge, error);
     default:
         return PGS_REFUSED;
@@ -200,17 +200,17 @@ pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, u
     fwu_commit commit;
     commit.lsn = lsn - 1; // the first transaction behind the snapshot may commit at lsn
     commit.time_us = fwu_now_us();
-    fwlog_begin(bridge.tx, commit);
+    feed_begin(bridge.tx, commit);
     bridge.tx.data.push_back("snapshot=" + snapshot);
     const pgs_outcome outcome = copy_tables(bridge, snapshot);
     if (outcome != PGS_OK) {
-        fwlog_abandon(bridge.tx);
+        feed_abandon(bridge.tx);
         return outcome;
     }
     const uint64_t rows = bridge.tx.changes.inserts;
-    if (fwlog_commit(bridge.tx) != FWLOG_OK || fwu_writer_sync(bridge.tx.writer) != 0 ||
+    if (feed_commit(bridge.tx) != FEED_OK || fwu_writer_sync(bridge.tx.writer) != 0 ||
         fwu_writer_acknowledge(bridge.tx.writer) != 0)
         return PGS_REFUSED;
-    fprintf(stderr, "fwlog: snapshot at %s: %" PRIu64 " rows\n", pgl_text(lsn).c_str(), rows);
+    fprintf(stderr, "fwlog: snapshot at %s: %" PRIu64 " rows\n", feed_lsn_text(lsn).c_str(), rows);
     return PGS_OK;
 }

@@ -57,7 +57,7 @@ void pgb_state_read(pgb_state &state)
     if (member(json, "slot") != state.slot)
         return;
     state.snapshot = member(json, "snapshot");
-    (void)pgl_parse(state.told_lsn, member(json, "told_lsn")); // stays 0
+    (void)feed_lsn_parse(state.told_lsn, member(json, "told_lsn")); // stays 0
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
@@ -94,7 +94,7 @@ static std::string json_text(const pgb_state &state)
         out += name;
         out += "\":";
         if (quoted)
-            tmft_json(out, value);
+            json_text_append(out, value);
         else
             out += value;
     };
@@ -109,10 +109,10 @@ static std::string json_text(const pgb_state &state)
     put("database", state.database, true);
     put("timeline", std::to_string(state.timeline), true);
     put("snapshot", state.snapshot, true);
-    put("server_lsn", pgl_text(state.server_lsn), true);
-    put("received_lsn", pgl_text(state.received_lsn), true);
-    put("logged_lsn", pgl_text(state.logged_lsn), true);
-    put("told_lsn", pgl_text(state.told_lsn), true);
+    put("server_lsn", feed_lsn_text(state.server_lsn), true);
+    put("received_lsn", feed_lsn_text(state.received_lsn), true);
+    put("logged_lsn", feed_lsn_text(state.logged_lsn), true);
+    put("told_lsn", feed_lsn_text(state.told_lsn), true);
     put("lag_bytes", std::to_string(pgb_lag_bytes(state)), false);
     put("lag_seconds", seconds, false);
     put("last_commit", state.commit_us == 0 ? "null" : '"' + utc_text(state.commit_us) + '"',
@@ -159,6 +159,7 @@ void pgb_state_print(const pgb_state &state)
     fprintf(stderr,
             "fwlog: %s: logged %s, server %s, %" PRIu64 " bytes and %.1f seconds behind; %" PRIu64
             " transactions, %" PRIu64 " changes\n",
-            state.phase, pgl_text(state.logged_lsn).c_str(), pgl_text(state.server_lsn).c_str(),
-            pgb_lag_bytes(state), pgb_lag_seconds(state), state.transactions, state.changes);
+            state.phase, feed_lsn_text(state.logged_lsn).c_str(),
+            feed_lsn_text(state.server_lsn).c_str(), pgb_lag_bytes(state), pgb_lag_seconds(state),
+            state.transactions, state.changes);
 }

@@ -83,7 +83,7 @@ struct handler {
     unsigned column_seen = 0;
     unsigned column_now = OTHER_OF_COLUMN;
 
-    pgr_row &row()
+    feed_row &row()
     {
         return now == COLUMNS ? line.columns : line.identity;
     }
@@ -112,7 +112,7 @@ struct handler {
     {
         if (at != IN_COLUMN || column_now != VALUE)
             return wrong_type();
-        const pgr_row &whole = row();
+        const feed_row &whole = row();
         const bool named = (column_seen & NAME) != 0;
         const std::string name =
             named ? whole.columns[whole.count].name : std::to_string(whole.count + 1);
@@ -129,11 +129,11 @@ struct handler {
                (at == IN_COLUMN && column_now == OTHER_OF_COLUMN);
     }
 
-    bool column_value(pgr_kind kind, std::string_view text)
+    bool column_value(feed_kind kind, std::string_view text)
     {
         if (at != IN_COLUMN || column_now != VALUE)
             return wrong_type();
-        pgr_column &column = row().columns[row().count];
+        feed_column &column = row().columns[row().count];
         column.kind = kind;
         column.value = text;
         return true;
@@ -146,7 +146,7 @@ struct handler {
             seen &= ~bit(now);
             return true;
         }
-        return passed_over() || column_value(PGR_NULL, {});
+        return passed_over() || column_value(FEED_NULL, {});
     }
 
     bool boolean(bool value)
@@ -157,14 +157,14 @@ struct handler {
             line.transactional = value;
             return true;
         }
-        return column_value(value ? PGR_TRUE : PGR_FALSE, {});
+        return column_value(value ? FEED_TRUE : FEED_FALSE, {});
     }
 
     template <typename Integer> bool integer(Integer value)
     {
         char digits[32];
         const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-        return column_value(PGR_NUMBER, {digits, static_cast<size_t>(end - digits)});
+        return column_value(FEED_DIGITS, {digits, static_cast<size_t>(end - digits)});
     }
 
     // Called for numbers with a minus sign only, so that 0 was written "-0".
@@ -172,7 +172,7 @@ struct handler {
     {
         if (passed_over())
             return true;
-        return value == 0 ? column_value(PGR_NUMBER, "-0") : integer(value);
+        return value == 0 ? column_value(FEED_DIGITS, "-0") : integer(value);
     }
 
     bool number_unsigned(uint64_t value)
@@ -188,7 +188,7 @@ struct handler {
 
     bool number_float(long double, const std::string &digits)
     {
-        return passed_over() || column_value(PGR_NUMBER, digits);
+        return passed_over() || column_value(FEED_DIGITS, digits);
     }
 
     bool string(const std::string &text)
@@ -204,7 +204,7 @@ struct handler {
         else if (column_now == TYPE)
             row().columns[row().count].type = text;
         else
-            return column_value(PGR_STRING, text);
+            return column_value(FEED_TEXT, text);
         return true;
     }
 

@@ -16,8 +16,8 @@ struct w2j_line {
     std::string timestamp;      // B, C: time of the commit
     std::string schema;         // I, U, D, T
     std::string table;          // I, U, D, T
-    pgr_row columns;            // I, U: the new row
-    pgr_row identity;           // U, D: the old row
+    feed_row columns;           // I, U: the new row
+    feed_row identity;          // U, D: the old row
     bool transactional = false; // M
     std::string prefix;         // M
     std::string content;        // M

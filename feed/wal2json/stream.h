@@ -10,17 +10,17 @@
 #include <string>
 #include <string_view>
 
-struct fwlog_stream {
-    fwlog_transaction tx;
-    pgt_tables tables;      // tables.config is the configuration
+struct w2j_stream {
+    feed_transaction tx;
+    feed_tables tables;     // tables.config is the configuration
     uint64_t opened_at = 0; // number of the B line of the transaction in hand
     std::string lsn;        // as that line writes it
     w2j_line line;
 };
 
-// Takes the next line.  After anything but FWLOG_OK the transaction in hand has
+// Takes the next line.  After anything but FEED_OK the transaction in hand has
 // been forgotten and the stream cannot go on.
-fwlog_result fwlog_stream_line(fwlog_stream &stream, std::string_view text, uint64_t number,
-                               std::string &error);
+feed_result w2j_stream_line(w2j_stream &stream, std::string_view text, uint64_t number,
+                            std::string &error);
 
 #endif

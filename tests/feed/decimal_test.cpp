@@ -20,48 +20,49 @@ static std::string hex(const std::vector<unsigned char> &data)
 }
 
 // Result of a conversion: the bytes in hex, or the name of the error.
-static std::string shown(pgd_result result, const std::vector<unsigned char> &data)
+static std::string shown(feed_number_result result, const std::vector<unsigned char> &data)
 {
     static const char *const names[] = {"", "not a number", "fraction", "digits", "range"};
-    return result == PGD_OK ? hex(data) : names[result];
+    return result == FEED_NUMBER_OK ? hex(data) : names[result];
 }
 
 static std::string integer(const char *text, int32_t size, bool is_signed = true,
                            bool big_endian = true)
 {
     std::vector<unsigned char> out(static_cast<size_t>(size), 0xEE);
-    const pgd_result result = pgd_integer(text, is_signed, big_endian, out.data(), size);
+    const feed_number_result result =
+        feed_put_integer(text, is_signed, big_endian, out.data(), size);
     return shown(result, out);
 }
 
 static std::string packed(std::string_view text, int32_t size, int32_t scale)
 {
     std::vector<unsigned char> out(static_cast<size_t>(size), 0xEE);
-    const pgd_result result = pgd_packed(text, scale, out.data(), size);
+    const feed_number_result result = feed_put_packed(text, scale, out.data(), size);
     return shown(result, out);
 }
 
 static std::string zoned(std::string_view text, int32_t size, int32_t scale)
 {
     std::vector<unsigned char> out(static_cast<size_t>(size), 0xEE);
-    const pgd_result result = pgd_zoned(text, scale, out.data(), size);
-    return result == PGD_OK ? std::string(out.begin(), out.end()) : shown(result, out);
+    const feed_number_result result = feed_put_zoned(text, scale, out.data(), size);
+    return result == FEED_NUMBER_OK ? std::string(out.begin(), out.end()) : shown(result, out);
 }
 
 static std::string floating(const char *text, int32_t size, bool big_endian = true)
 {
     std::vector<unsigned char> out(static_cast<size_t>(size), 0xEE);
-    const pgd_result result = pgd_float(text, big_endian, out.data(), size);
+    const feed_number_result result = feed_put_float(text, big_endian, out.data(), size);
     return shown(result, out);
 }
 
 TEST(PgDecimal, OnlyWhatJsonCallsANumberIsOne)
 {
     for (const char *text : {"0", "-0", "12", "00123", "1.5", "-871.20", "1e3", "1E+3", "1.2e-05"})
-        EXPECT_TRUE(pgd_is_number(text)) << text;
+        EXPECT_TRUE(feed_is_number(text)) << text;
     for (const char *text : {"", "-", "+1", ".5", "5.", "1e", "1e+", "1.e3", " 1", "1 ", "0x10",
                              "1,5", "NaN", "Infinity", "1-2", "--1"})
-        EXPECT_FALSE(pgd_is_number(text)) << text;
+        EXPECT_FALSE(feed_is_number(text)) << text;
 }
 
 TEST(PgDecimal, IntegersHaveTwosComplementInTheByteOrderAsked)

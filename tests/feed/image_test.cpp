@@ -31,39 +31,39 @@ struct maker {
         return made ? text_of(image) : "error: " + error;
     }
 
-    pgt_table &table()
+    feed_table &table()
     {
-        pgt_table *found = pgt_find(tables, "sales", "orders", error);
+        feed_table *found = feed_find_table(tables, "sales", "orders", error);
         if (found == nullptr)
             throw std::runtime_error(error);
         return *found;
     }
 
-    std::string fresh(const pgr_row &row)
+    std::string fresh(const feed_row &row)
     {
-        return finish(pgi_new_image(work, image, table(), row, nullptr, error));
+        return finish(feed_new_image(work, image, table(), row, nullptr, error));
     }
 
-    std::string changed(const pgr_row &row, const pgr_row &old_row)
+    std::string changed(const feed_row &row, const feed_row &old_row)
     {
-        return finish(pgi_new_image(work, image, table(), row, &old_row, error));
+        return finish(feed_new_image(work, image, table(), row, &old_row, error));
     }
 
-    std::string old(const pgr_row &row)
+    std::string old(const feed_row &row)
     {
-        return finish(pgi_old_image(work, image, table(), row, error));
+        return finish(feed_old_image(work, image, table(), row, error));
     }
 
     fwu_config config;
-    pgt_tables tables;
-    pgi_work work;
+    feed_tables tables;
+    feed_image_work work;
     std::vector<unsigned char> image;
     std::string error;
 };
 
 struct value_case {
     fwu_item item; // named VALUE
-    pgr_column column;
+    feed_column column;
     std::string expected; // image, or "error: ..."
 };
 
@@ -72,19 +72,19 @@ static fwu_item value_item(char type, int32_t size, int32_t count = 1, int32_t s
     return item_of("VALUE", type, size, count, scale);
 }
 
-static pgr_column text(const char *type, const char *value)
+static feed_column text(const char *type, const char *value)
 {
     return text_column("value", type, value);
 }
 
-static pgr_column number(const char *type, const char *digits)
+static feed_column number(const char *type, const char *digits)
 {
     return number_column("value", type, digits);
 }
 
-static pgr_column boolean(bool value)
+static feed_column boolean(bool value)
 {
-    return bare_column("value", "boolean", value ? PGR_TRUE : PGR_FALSE);
+    return bare_column("value", "boolean", value ? FEED_TRUE : FEED_FALSE);
 }
 
 static void check(const std::vector<value_case> &cases)
@@ -298,9 +298,9 @@ TEST(PgImage, TruncateCutsTextsAndCountsThem)
 
 TEST(PgImage, TruncateNeverCutsNumbersDatesAndTimestamps)
 {
-    const pgr_column columns[] = {number("integer", "1234"), text("date", "2026-03-09"),
-                                  text("timestamp without time zone", "2026-03-09 08:18:01")};
-    for (const pgr_column &column : columns) {
+    const feed_column columns[] = {number("integer", "1234"), text("date", "2026-03-09"),
+                                   text("timestamp without time zone", "2026-03-09 08:18:01")};
+    for (const feed_column &column : columns) {
         maker make(config_of({value_item('X', 3)}));
         make.work.settings.truncate = true;
         EXPECT_EQ(make.fresh(row_of({column})).substr(0, 6), "error:") << column.type;
@@ -312,7 +312,7 @@ TEST(PgImage, TruncateNeverCutsArraysNorValuesThatMeanSomethingElseThen)
 {
     const struct {
         int32_t count;
-        pgr_column column;
+        feed_column column;
     } rows[] = {
         {2, text("integer[]", "{12345,1}")},
         {2, text("numeric[]", "{1,123.45}")},
@@ -347,15 +347,15 @@ static fwu_config nullable()
                      5);
 }
 
-static pgr_row nullable_row(pgr_kind kind)
+static feed_row nullable_row(feed_kind kind)
 {
-    pgr_row row =
+    feed_row row =
         row_of({text_column("note", "text", "ab"), text_column("qty", "smallint[]", "{1,2}"),
                 number_column("net", "numeric", "5"), number_column("tax", "numeric", "6"),
                 number_column("rate", "real", "1")});
-    if (kind == PGR_NULL) {
-        for (pgr_column &column : row.columns)
-            column.kind = PGR_NULL;
+    if (kind == FEED_NULL) {
+        for (feed_column &column : row.columns)
+            column.kind = FEED_NULL;
     }
     return row;
 }
@@ -363,12 +363,12 @@ static pgr_row nullable_row(pgr_kind kind)
 TEST(PgImage, NullsAreBlanksAndZerosAndNamedInTheNullMap)
 {
     maker make(nullable());
-    EXPECT_EQ(make.fresh(nullable_row(PGR_NULL)), "   \x00\x00\x00\x00\x00\x0C"
-                                                  "0{\x00\x00\x00\x00NNNNN"s);
-    EXPECT_EQ(make.fresh(nullable_row(PGR_STRING)), "ab \x00\x01\x00\x02\x00\x5C"
-                                                    "0F\x3F\x80\x00\x00....."s);
-    pgr_row row = nullable_row(PGR_STRING);
-    row.columns[2].kind = PGR_NULL;
+    EXPECT_EQ(make.fresh(nullable_row(FEED_NULL)), "   \x00\x00\x00\x00\x00\x0C"
+                                                   "0{\x00\x00\x00\x00NNNNN"s);
+    EXPECT_EQ(make.fresh(nullable_row(FEED_TEXT)), "ab \x00\x01\x00\x02\x00\x5C"
+                                                   "0F\x3F\x80\x00\x00....."s);
+    feed_row row = nullable_row(FEED_TEXT);
+    row.columns[2].kind = FEED_NULL;
     EXPECT_EQ(make.old(row), "ab \x00\x01\x00\x02\x00\x0C"
                              "0F\x3F\x80\x00\x00..N.."s);
 }
@@ -377,14 +377,14 @@ TEST(PgImage, NullMapMayStandAnywhereAndHasNoColumn)
 {
     maker make(config_of({item_of("A", 'X', 1), item_of("B", 'X', 2), item_of("C", 'X', 1)}, 1));
     EXPECT_EQ(make.fresh(row_of({text_column("a", "text", "x"), text_column("b", "text", "column"),
-                                 bare_column("c", "text", PGR_NULL)})),
+                                 bare_column("c", "text", FEED_NULL)})),
               "x.N ");
 }
 
 TEST(PgImage, NullWithoutNullMapIsAnError)
 {
     maker make(config_of({value_item('X', 3)}));
-    EXPECT_EQ(make.fresh(row_of({bare_column("value", "text", PGR_NULL)})),
+    EXPECT_EQ(make.fresh(row_of({bare_column("value", "text", FEED_NULL)})),
               "error: sales.orders.value: is null, and dataset SALES.ORDERS has no item to say so: "
               "give it an X item with the word null-map in the configuration");
 }
@@ -433,7 +433,7 @@ TEST(PgImage, ItemWithoutColumnIsAnError)
 TEST(PgImage, ColumnThatTheNewRowLacksComesFromTheOldRow)
 {
     maker make(config_of({item_of("ORDER-NO", 'X', 2), item_of("NOTE", 'X', 3)}));
-    const pgr_row old_row =
+    const feed_row old_row =
         row_of({text_column("note", "text", "old"), text_column("order_no", "text", "o1")});
     EXPECT_EQ(make.changed(row_of({text_column("order_no", "text", "o2")}), old_row), "o2old");
     EXPECT_EQ(make.changed(row_of({text_column("order_no", "text", "o3"),

@@ -8,24 +8,24 @@
 #include <string>
 #include <vector>
 
-inline pgr_column text_column(const char *name, const char *type, const char *value)
+inline feed_column text_column(const char *name, const char *type, const char *value)
 {
-    return {.name = name, .type = type, .value = value, .kind = PGR_STRING};
+    return {.name = name, .type = type, .value = value, .kind = FEED_TEXT};
 }
 
-inline pgr_column number_column(const char *name, const char *type, const char *digits)
+inline feed_column number_column(const char *name, const char *type, const char *digits)
 {
-    return {.name = name, .type = type, .value = digits, .kind = PGR_NUMBER};
+    return {.name = name, .type = type, .value = digits, .kind = FEED_DIGITS};
 }
 
-inline pgr_column bare_column(const char *name, const char *type, pgr_kind kind)
+inline feed_column bare_column(const char *name, const char *type, feed_kind kind)
 {
     return {.name = name, .type = type, .value = "", .kind = kind};
 }
 
-inline pgr_row row_of(std::vector<pgr_column> columns)
+inline feed_row row_of(std::vector<feed_column> columns)
 {
-    pgr_row row;
+    feed_row row;
     row.present = true;
     row.count = columns.size();
     row.columns = std::move(columns);

@@ -28,8 +28,8 @@ TEST(PgTime, TimestampsAreCountedFrom1970)
         {"2000-02-29 00:00:00", 11016LL * 86400, 0, false},
     };
     for (const stamp_case &row : cases) {
-        pgt_stamp stamp;
-        ASSERT_TRUE(pgt_stamp_parse(stamp, row.text)) << row.text;
+        feed_stamp stamp;
+        ASSERT_TRUE(feed_stamp_parse(stamp, row.text)) << row.text;
         EXPECT_EQ(stamp.seconds, row.seconds) << row.text;
         EXPECT_EQ(stamp.micros, row.micros) << row.text;
         EXPECT_EQ(stamp.zoned, row.zoned) << row.text;
@@ -63,17 +63,17 @@ TEST(PgTime, WhatIsNotATimestampIsRefused)
                              "infinity",
                              "-infinity",
                              "0044-03-15 12:00:00 BC"}) {
-        pgt_stamp stamp;
-        EXPECT_FALSE(pgt_stamp_parse(stamp, text)) << text;
+        feed_stamp stamp;
+        EXPECT_FALSE(feed_stamp_parse(stamp, text)) << text;
     }
 }
 
 static std::string formatted(const char *text, int decimals)
 {
-    pgt_stamp stamp;
+    feed_stamp stamp;
     std::string out;
-    EXPECT_TRUE(pgt_stamp_parse(stamp, text)) << text;
-    return pgt_stamp_format(out, stamp, decimals) ? out : "refused";
+    EXPECT_TRUE(feed_stamp_parse(stamp, text)) << text;
+    return feed_stamp_format(out, stamp, decimals) ? out : "refused";
 }
 
 TEST(PgTime, FormatHasTheDecimalsAskedFor)
@@ -101,15 +101,15 @@ TEST(PgTime, OffsetsLeadToUtcAcrossDaysAndYears)
 
 TEST(PgTime, EveryDayOfTwoCenturiesComesBack)
 {
-    pgt_stamp stamp;
+    feed_stamp stamp;
     std::string text;
     std::string before;
     const int64_t first = -36525LL * 86400; // 1870 to 2069
     for (int day = 0; day < 73049; day++) {
         const int64_t seconds = first + int64_t{day} * 86400 + 43200;
-        ASSERT_TRUE(pgt_stamp_format(text, {.seconds = seconds}, 0));
+        ASSERT_TRUE(feed_stamp_format(text, {.seconds = seconds}, 0));
         ASSERT_GT(text, before);
-        ASSERT_TRUE(pgt_stamp_parse(stamp, text)) << text;
+        ASSERT_TRUE(feed_stamp_parse(stamp, text)) << text;
         ASSERT_EQ(stamp.seconds, seconds) << text;
         before = text;
     }

@@ -27,13 +27,13 @@ static fwu_config names()
 static std::string fed(const char *schema, const char *table)
 {
     const fwu_config config = names();
-    pgt_tables tables;
+    feed_tables tables;
     tables.config = &config;
     std::string error;
-    const pgt_table *found = pgt_find(tables, schema, table, error);
+    const feed_table *found = feed_find_table(tables, schema, table, error);
     if (found == nullptr)
         return error;
-    EXPECT_EQ(pgt_find(tables, schema, table, error), found);
+    EXPECT_EQ(feed_find_table(tables, schema, table, error), found);
     EXPECT_EQ(found->name, std::string(schema) + "." + table);
     return found->dataset == nullptr ? "skipped" : found->dataset->layout.dsetname;
 }
@@ -60,15 +60,15 @@ TEST(PgTable, DatasetWithATableOfItsOwnIsNotFoundByName)
 TEST(PgTable, TwoTablesCannotFeedOneDataset)
 {
     const fwu_config config = names();
-    pgt_tables tables;
+    feed_tables tables;
     tables.config = &config;
     std::string error;
-    ASSERT_NE(pgt_find(tables, "sales", "order_lines", error), nullptr);
-    EXPECT_EQ(pgt_find(tables, "Sales", "ORDER-LINES", error), nullptr);
+    ASSERT_NE(feed_find_table(tables, "sales", "order_lines", error), nullptr);
+    EXPECT_EQ(feed_find_table(tables, "Sales", "ORDER-LINES", error), nullptr);
     EXPECT_EQ(error, "table Sales.ORDER-LINES goes into dataset SALES.ORDER-LINES like table "
                      "sales.order_lines: describe a dataset of its own in test.cfg with "
                      "table=Sales.ORDER-LINES");
-    EXPECT_NE(pgt_find(tables, "sales", "order_lines", error), nullptr);
+    EXPECT_NE(feed_find_table(tables, "sales", "order_lines", error), nullptr);
 }
 
 TEST(PgTable, SkippedTablesHaveNoDataset)
@@ -101,10 +101,10 @@ TEST(PgTable, NameOfMoreThanSixteenCharactersIsAnErrorWithARemedy)
 static std::string refusal(std::vector<fwu_item> items, int null_map = -1)
 {
     const fwu_config config = config_of(std::move(items), null_map);
-    pgt_tables tables;
+    feed_tables tables;
     tables.config = &config;
     std::string error;
-    return pgt_find(tables, "sales", "orders", error) == nullptr ? error : "none";
+    return feed_find_table(tables, "sales", "orders", error) == nullptr ? error : "none";
 }
 
 TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)

@@ -10,7 +10,7 @@ static std::string latin1(std::string_view text)
 {
     std::string out;
     uint32_t bad = 0;
-    if (pgt_latin1(out, text, bad))
+    if (feed_latin1(out, text, bad))
         return out;
     char code[16];
     snprintf(code, sizeof code, "bad %X", static_cast<unsigned>(bad));
@@ -43,16 +43,16 @@ TEST(PgText, BytesThatAreNotUtf8AreNeverTakenForText)
 
 TEST(PgText, SessionTextsKeepGoingWithAQuestionMark)
 {
-    EXPECT_EQ(pgt_latin1_lossy("a\xE2\x82\xAC\xC3\xBC"), "a?\xFC");
-    EXPECT_EQ(pgt_latin1_lossy("a\xFF"
-                               "b"),
+    EXPECT_EQ(feed_latin1_lossy("a\xE2\x82\xAC\xC3\xBC"), "a?\xFC");
+    EXPECT_EQ(feed_latin1_lossy("a\xFF"
+                                "b"),
               "a?b");
 }
 
 static std::string array(const char *literal)
 {
     std::vector<std::string> elements = {"left", "over", "from", "before", "this"};
-    if (const char *wrong = pgt_array(elements, literal))
+    if (const char *wrong = feed_array(elements, literal))
         return wrong;
     std::string out;
     for (const std::string &element : elements)
@@ -94,16 +94,16 @@ TEST(PgText, ArraysThatCannotBeTakenApartAreRefused)
 
 TEST(PgText, NamesAreUpperCaseWithHyphens)
 {
-    EXPECT_EQ(pgt_name("order_lines"), "ORDER-LINES");
-    EXPECT_EQ(pgt_name("Mixed9_z"), "MIXED9-Z");
-    EXPECT_EQ(pgt_name(""), "");
+    EXPECT_EQ(feed_name("order_lines"), "ORDER-LINES");
+    EXPECT_EQ(feed_name("Mixed9_z"), "MIXED9-Z");
+    EXPECT_EQ(feed_name(""), "");
 }
 
 TEST(PgText, QuotesInMessagesAreShortAndPrintable)
 {
-    EXPECT_EQ(pgt_quote("a\tb\n"), "\"a?b?\"");
-    EXPECT_EQ(pgt_quote(std::string(41, 'x')), "\"" + std::string(40, 'x') + "...\"");
+    EXPECT_EQ(feed_quote("a\tb\n"), "\"a?b?\"");
+    EXPECT_EQ(feed_quote(std::string(41, 'x')), "\"" + std::string(40, 'x') + "...\"");
     // Byte 40 is inside a character: the whole character goes.
-    EXPECT_EQ(pgt_quote(std::string(39, 'x') + "\xC3\xBCyz"),
+    EXPECT_EQ(feed_quote(std::string(39, 'x') + "\xC3\xBCyz"),
               "\"" + std::string(39, 'x') + "...\"");
 }

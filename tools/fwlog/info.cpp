@@ -25,13 +25,13 @@ static std::string time_text(int64_t us)
 {
     constexpr int64_t micros_per_second = 1'000'000;
     std::string text;
-    pgt_stamp stamp{.seconds = us / micros_per_second,
-                    .micros = static_cast<int32_t>(us % micros_per_second)};
+    feed_stamp stamp{.seconds = us / micros_per_second,
+                     .micros = static_cast<int32_t>(us % micros_per_second)};
     if (stamp.micros < 0) {
         stamp.micros += micros_per_second;
         stamp.seconds--;
     }
-    return pgt_stamp_format(text, stamp, 6) ? text + " UTC" : std::to_string(us) + " us";
+    return feed_stamp_format(text, stamp, 6) ? text + " UTC" : std::to_string(us) + " us";
 }
 
 static void add(log_totals &totals, const survey_file &facts)
@@ -62,7 +62,7 @@ static void print_file(const survey_file &facts)
         printf("    commits       %s to %s\n"
                "    last          position %s, source %s\n",
                time_text(facts.first_us).c_str(), time_text(facts.last_us).c_str(),
-               survey_position(facts).c_str(), pgl_text(facts.last_lsn).c_str());
+               survey_position(facts).c_str(), feed_lsn_text(facts.last_lsn).c_str());
     if (facts.tail > 0)
         printf("    tail          %" PRId64 " bytes that are not a whole transaction (yet)\n",
                facts.tail);
@@ -85,12 +85,12 @@ static void print_log(const log_totals &totals)
     else
         printf("acknowledged      position %s, source %s, committed %s\n",
                fwu_position_text(totals.ack.position).c_str(),
-               pgl_text(totals.ack.commit.lsn).c_str(),
+               feed_lsn_text(totals.ack.commit.lsn).c_str(),
                time_text(totals.ack.commit.time_us).c_str());
     if (totals.ack.lost)
         printf("lost              a repair cut the log back; it had been acknowledged up to source "
                "%s\n",
-               pgl_text(totals.ack.commit.lsn).c_str());
+               feed_lsn_text(totals.ack.commit.lsn).c_str());
 }
 
 static std::string shown_name(const std::string &database, const std::string &dataset)
@@ -123,7 +123,7 @@ static void print_json_file(const survey_file &facts, bool first)
            ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s}",
            first ? "" : ",", survey_quoted(facts.file.name).c_str(), facts.file.generation,
            facts.file.sequence, facts.size, facts.transactions, facts.entries, facts.last_tag,
-           facts.first_us, facts.last_us, survey_quoted(pgl_text(facts.last_lsn)).c_str(),
+           facts.first_us, facts.last_us, survey_quoted(feed_lsn_text(facts.last_lsn)).c_str(),
            facts.tail, facts.damage.empty() ? "null" : survey_quoted(facts.damage).c_str());
 }
 
@@ -137,7 +137,7 @@ static void print_json_totals(const log_totals &totals)
     if (totals.have_ack)
         printf("{\"position\":%s,\"source\":%s,\"commit_us\":%" PRId64 ",\"lost\":%s}",
                ack.position.tag == 0 ? "null" : survey_quoted(position).c_str(),
-               survey_quoted(pgl_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
+               survey_quoted(feed_lsn_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
                ack.lost ? "true" : "false");
     else
         printf("null");

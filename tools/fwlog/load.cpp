@@ -46,7 +46,7 @@ static bool blank(std::string_view line)
     return line.find_first_not_of(" \t\r") == std::string_view::npos;
 }
 
-static void say_incomplete(const fwlog_stream &stream, const char *name, uint64_t line)
+static void say_incomplete(const w2j_stream &stream, const char *name, uint64_t line)
 {
     fprintf(stderr,
             "fwlog: %s:%" PRIu64 ": the input ends inside transaction %" PRIu64
@@ -55,7 +55,7 @@ static void say_incomplete(const fwlog_stream &stream, const char *name, uint64_
             name, line, stream.tx.commit.xid, stream.opened_at);
 }
 
-static void say_bad_line(const fwlog_stream &stream, const line_reader &reader, const char *name,
+static void say_bad_line(const w2j_stream &stream, const line_reader &reader, const char *name,
                          bool was_open, const std::string &error)
 {
     fprintf(stderr, "fwlog: %s:%" PRIu64 ": %s\n", name, reader.number, error.c_str());
@@ -68,7 +68,7 @@ static void say_bad_line(const fwlog_stream &stream, const line_reader &reader, 
 }
 
 // Tells what the line gave cause to tell.
-static void say_notes(fwlog_stream &stream, const line_reader &reader, load_progress &progress,
+static void say_notes(w2j_stream &stream, const line_reader &reader, load_progress &progress,
                       const char *name)
 {
     std::vector<std::string> &notes = stream.tx.work.notes;
@@ -81,7 +81,7 @@ static void say_notes(fwlog_stream &stream, const line_reader &reader, load_prog
 }
 
 // Reads lines until the input ends or something is wrong; the exit status.
-static int run(fwlog_stream &stream, line_reader &reader, load_progress &progress, const char *name)
+static int run(w2j_stream &stream, line_reader &reader, load_progress &progress, const char *name)
 {
     std::string error;
     for (;;) {
@@ -93,11 +93,11 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
             if (blank(line))
                 continue;
             const bool was_open = stream.tx.open;
-            const fwlog_result result = fwlog_stream_line(stream, line, reader.number, error);
+            const feed_result result = w2j_stream_line(stream, line, reader.number, error);
             say_notes(stream, reader, progress, name);
-            if (result != FWLOG_OK) {
+            if (result != FEED_OK) {
                 load_progress_erase(progress);
-                if (result == FWLOG_BAD)
+                if (result == FEED_BAD)
                     say_bad_line(stream, reader, name, was_open, error);
                 return FWLOG_EXIT_FAILED;
             }
@@ -108,7 +108,7 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
         const int code = errno;
         const bool was_open = stream.tx.open;
         load_progress_erase(progress);
-        fwlog_abandon(stream.tx);
+        feed_abandon(stream.tx);
         switch (found) {
         case LINE_STOPPED:
             return FWLOG_EXIT_SIGNAL + stop_signal_get();
@@ -130,14 +130,14 @@ static int run(fwlog_stream &stream, line_reader &reader, load_progress &progres
     }
 }
 
-static void print_summary(const fwlog_stream &stream)
+static void print_summary(const w2j_stream &stream)
 {
-    const fwlog_totals &totals = stream.tx.totals;
+    const feed_totals &totals = stream.tx.totals;
     printf("fwlog: %" PRIu64 " transactions loaded: %" PRIu64 " inserts, %" PRIu64
            " updates, %" PRIu64 " deletes; %" PRIu64 " without changes, %" PRIu64
            " skipped as loaded before; log at %s\n",
            totals.transactions, totals.inserts, totals.updates, totals.deletes, totals.empty,
-           totals.skipped, pgl_text(fwu_writer_last_lsn(stream.tx.writer)).c_str());
+           totals.skipped, feed_lsn_text(fwu_writer_last_lsn(stream.tx.writer)).c_str());
     if (stream.tx.work.settings.truncate)
         printf("fwlog: %" PRIu64 " texts cut to the length of their items\n",
                stream.tx.work.truncated);
@@ -149,11 +149,11 @@ static bool tell_loss(fwu_writer *writer)
     uint64_t acknowledged = 0;
     if (!fwu_writer_lost(writer, &acknowledged))
         return true;
-    const std::string end = pgl_text(fwu_writer_last_lsn(writer));
+    const std::string end = feed_lsn_text(fwu_writer_last_lsn(writer));
     fprintf(stderr,
             "fwlog: warning: the log was cut back to %s, and had been acknowledged up to %s: load "
             "all that came behind %s again, else it is missing (this is told once)\n",
-            end.c_str(), pgl_text(acknowledged).c_str(), end.c_str());
+            end.c_str(), feed_lsn_text(acknowledged).c_str(), end.c_str());
     return fwu_writer_accept_loss(writer) == 0;
 }
 
@@ -163,7 +163,7 @@ static int load(const load_options &options, int fd, const char *name)
     if (fwu_config_read(config, options.cfg) != 0)
         return FWLOG_EXIT_FAILED;
 
-    fwlog_stream stream;
+    w2j_stream stream;
     stream.tables.config = &config;
     stream.tx.work.settings = {.big_endian = config.big_endian, .truncate = options.truncate};
     stop_signal_install();

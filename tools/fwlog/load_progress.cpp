@@ -9,7 +9,7 @@
 
 static constexpr int64_t INTERVAL_MS = 250;
 
-void load_progress_show(load_progress &progress, const fwlog_totals &totals, uint64_t bytes)
+void load_progress_show(load_progress &progress, const feed_totals &totals, uint64_t bytes)
 {
     if (!progress.on_terminal)
         return;

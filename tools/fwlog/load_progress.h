@@ -14,7 +14,7 @@ struct load_progress {
 };
 
 // Shows the state, about four times a second.
-void load_progress_show(load_progress &progress, const fwlog_totals &totals, uint64_t bytes);
+void load_progress_show(load_progress &progress, const feed_totals &totals, uint64_t bytes);
 
 // Takes the line away, before anything else is printed.
 void load_progress_erase(load_progress &progress);

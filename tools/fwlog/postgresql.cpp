@@ -19,7 +19,7 @@ pgs_outcome pgb_bad(const pgb_bridge &bridge, const std::string &error)
 {
     if (bridge.tx.open)
         fprintf(stderr, "fwlog: transaction %" PRIu64 " of %s: %s\n", bridge.tx.commit.xid,
-                pgl_text(bridge.tx.commit.lsn).c_str(), error.c_str());
+                feed_lsn_text(bridge.tx.commit.lsn).c_str(), error.c_str());
     else
         fprintf(stderr, "fwlog: %s\n", error.c_str());
     return PGS_REFUSED;
@@ -90,7 +90,7 @@ static pgs_outcome connect_and_follow(pgb_bridge &bridge)
     if (outcome == PGS_OK) {
         if (bridge.options.verbose)
             fprintf(stderr, "fwlog: following slot \"%s\" behind %s\n", bridge.server.slot.c_str(),
-                    pgl_text(fwu_writer_last_lsn(bridge.tx.writer)).c_str());
+                    feed_lsn_text(fwu_writer_last_lsn(bridge.tx.writer)).c_str());
         outcome = pgb_follow(bridge);
     }
     pgs_disconnect(bridge.server);
@@ -165,7 +165,8 @@ static bool accept_loss(pgb_bridge &bridge)
             "fwlog: the log was cut back to %s and lacks what the server was told up to %s, which "
             "it will not send again: begin a new log directory with --create --snapshot, or go on "
             "as it is with --accept-gap\n",
-            pgl_text(fwu_writer_last_lsn(bridge.tx.writer)).c_str(), pgl_text(told).c_str());
+            feed_lsn_text(fwu_writer_last_lsn(bridge.tx.writer)).c_str(),
+            feed_lsn_text(told).c_str());
     return false;
 }
 

@@ -11,8 +11,8 @@ static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 static std::string time_text(int64_t seconds, int32_t micros, int decimals)
 {
     std::string text;
-    const pgt_stamp stamp{.seconds = seconds, .micros = micros};
-    return pgt_stamp_format(text, stamp, decimals) ? text : std::to_string(seconds) + " s";
+    const feed_stamp stamp{.seconds = seconds, .micros = micros};
+    return feed_stamp_format(text, stamp, decimals) ? text : std::to_string(seconds) + " s";
 }
 
 static std::string micros_text(int64_t micros)
@@ -121,7 +121,7 @@ static bool put_commit(fwlog_printer &printer, const fwu_entry &entry)
     if (!fwu_entry_commit(entry, commit))
         return false;
     printer.out += "commit " + micros_text(commit.commit.time_us) + " xid " +
-                   std::to_string(commit.commit.xid) + " lsn " + pgl_text(commit.commit.lsn) +
+                   std::to_string(commit.commit.xid) + " lsn " + feed_lsn_text(commit.commit.lsn) +
                    ", " + std::to_string(commit.entries) + " entries\n";
     return true;
 }

@@ -106,6 +106,6 @@ std::string survey_position(const survey_file &file)
 std::string survey_quoted(const std::string &text)
 {
     std::string out;
-    tmft_json(out, text);
+    json_text_append(out, text);
     return out;
 }

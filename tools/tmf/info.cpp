@@ -51,7 +51,7 @@ static std::string stamp_text(const tmf_common &common)
     if (!time.empty())
         return std::string(stamp) + ", " + time + " UTC";
     std::string text = "not a time, 0x";
-    tmft_hex(text, stamp);
+    json_text_hex(text, stamp);
     return text;
 }
 
@@ -159,7 +159,7 @@ static void put_member(std::string &out, const char *name, const std::string &va
 static std::string json_text(std::string_view text)
 {
     std::string out;
-    tmft_json(out, text);
+    json_text_append(out, text);
     return out;
 }
 

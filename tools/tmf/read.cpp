@@ -127,11 +127,11 @@ static void put_json(std::string &out, int64_t number, std::string_view data)
 {
     out += "{\"number\":" + std::to_string(number) + ",\"length\":" + std::to_string(data.size()) +
            ",\"hex\":\"";
-    tmft_hex(out, data);
+    json_text_hex(out, data);
     out += '"';
-    if (tmft_printable(data)) {
+    if (json_text_printable(data)) {
         out += ",\"text\":";
-        tmft_json(out, data);
+        json_text_append(out, data);
     }
     out += '}';
 }
@@ -146,7 +146,7 @@ static void put_record(read_state &state)
         state.out += data;
         break;
     case FORMAT_HEX:
-        tmft_hex(state.out, data);
+        json_text_hex(state.out, data);
         break;
     case FORMAT_JSON:
         put_json(state.out, state.given + 1, data);

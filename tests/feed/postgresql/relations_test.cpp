@@ -98,7 +98,7 @@ TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
     config.columns = {{"app.orders", "at", "", 40}, {"app.orders", "ok", "", 3}};
     describe(7, "orders", {{"at", 1114, -1}, {"ok", 16, -1}, {"then", 1114, -1}});
     pgb_relation &relation = find(7);
-    const pgr_row *row = pgb_row(
+    const feed_row *row = pgb_row(
         relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}), error);
     EXPECT_EQ(row->columns[0].type, "");
     EXPECT_EQ(row->columns[1].type, "boolean");
@@ -158,18 +158,20 @@ TEST_F(Relations, RowsHaveTheColumnsThatWereSent)
 {
     describe(7, "orders", {{"no", 23, -1}, {"paid", 16, -1}, {"note", 1043, 44}});
     pgb_relation &relation = find(7);
-    const pgr_row *row = pgb_row(relation, tuple('N', {{'t', "17"}, {'t', "t"}, {'n', {}}}), error);
+    const feed_row *row =
+        pgb_row(relation, tuple('N', {{'t', "17"}, {'t', "t"}, {'n', {}}}), error);
     ASSERT_NE(row, nullptr);
     ASSERT_EQ(row->count, 3U);
     EXPECT_EQ(row->columns[0].name, "no");
     EXPECT_EQ(row->columns[0].type, "integer");
     EXPECT_EQ(row->columns[0].value, "17");
-    EXPECT_EQ(row->columns[1].kind, PGR_TRUE);
-    EXPECT_EQ(row->columns[2].kind, PGR_NULL);
+    EXPECT_EQ(row->columns[1].kind, FEED_TRUE);
+    EXPECT_EQ(row->columns[2].kind, FEED_NULL);
 
-    const pgr_row *old = pgb_row(relation, tuple('O', {{'t', "1"}, {'t', "f"}, {'t', "x"}}), error);
+    const feed_row *old =
+        pgb_row(relation, tuple('O', {{'t', "1"}, {'t', "f"}, {'t', "x"}}), error);
     ASSERT_NE(old, nullptr);
-    EXPECT_EQ(old->columns[1].kind, PGR_FALSE);
+    EXPECT_EQ(old->columns[1].kind, FEED_FALSE);
     EXPECT_EQ(row->columns[0].value, "17") << "both rows of an update are needed at once";
 
     row = pgb_row(relation, tuple('N', {{'t', "18"}, {'u', {}}, {'t', "y"}}), error);

@@ -59,7 +59,7 @@ TEST(Wal2json, RowKeepsTheDigitsOfNumbers)
                                   "1e400"}; // beyond any double
     for (size_t i = 0; i < line.columns.count; i++) {
         EXPECT_EQ(line.columns.columns[i].value, digits[i]);
-        EXPECT_EQ(line.columns.columns[i].kind, PGR_NUMBER);
+        EXPECT_EQ(line.columns.columns[i].kind, FEED_DIGITS);
         EXPECT_EQ(line.columns.columns[i].name, std::string(1, static_cast<char>('a' + i)));
     }
     EXPECT_EQ(line.columns.columns[0].type, "numeric");
@@ -75,11 +75,11 @@ TEST(Wal2json, OtherValuesAreStringsBooleansAndNull)
                                  R"({"name":"b","type":"text","value":null},)"
                                  R"({"name":"c","type":"text","value":"q\"\\\n\u00fc"}]})");
     ASSERT_EQ(line.columns.count, 1U);
-    EXPECT_EQ(line.columns.columns[0].kind, PGR_TRUE);
+    EXPECT_EQ(line.columns.columns[0].kind, FEED_TRUE);
     ASSERT_EQ(line.identity.count, 3U);
-    EXPECT_EQ(line.identity.columns[0].kind, PGR_FALSE);
-    EXPECT_EQ(line.identity.columns[1].kind, PGR_NULL);
-    EXPECT_EQ(line.identity.columns[2].kind, PGR_STRING);
+    EXPECT_EQ(line.identity.columns[0].kind, FEED_FALSE);
+    EXPECT_EQ(line.identity.columns[1].kind, FEED_NULL);
+    EXPECT_EQ(line.identity.columns[2].kind, FEED_TEXT);
     EXPECT_EQ(line.identity.columns[2].value, "q\"\\\n\xC3\xBC");
 }
 
@@ -98,7 +98,7 @@ TEST(Wal2json, NothingIsLeftOverFromTheLineBefore)
                           R"("columns":[{"name":"a","type":"text","value":null}]})",
                           error));
     EXPECT_EQ(line.columns.count, 1U);
-    EXPECT_EQ(line.columns.columns[0].kind, PGR_NULL);
+    EXPECT_EQ(line.columns.columns[0].kind, FEED_NULL);
     EXPECT_FALSE(line.identity.present);
     EXPECT_EQ(line.identity.count, 0U);
     ASSERT_TRUE(w2j_parse(

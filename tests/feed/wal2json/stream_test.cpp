@@ -78,7 +78,7 @@ class FwlogStream : public testing::Test {
     {
         for (const std::string &line : lines) {
             std::string error;
-            if (fwlog_stream_line(stream, line, ++number, error) != FWLOG_OK)
+            if (w2j_stream_line(stream, line, ++number, error) != FEED_OK)
                 return error;
         }
         return "";
@@ -91,7 +91,7 @@ class FwlogStream : public testing::Test {
 
     tempdir dir;
     fwu_config config;
-    fwlog_stream stream;
+    w2j_stream stream;
     uint64_t number = 0;
 };
 
@@ -136,12 +136,12 @@ TEST_F(FwlogStream, SessionOfOneTransactionIsNotThatOfTheNext)
 TEST(FwlogSession, PartsWithoutKeyOrOfOtherKeysAreDataOnly)
 {
     fwu_session session;
-    fwlog_session_from(session, "host=x;alone;;=;pid=1;pid=2;PID=3");
+    feed_session_from(session, "host=x;alone;;=;pid=1;pid=2;PID=3");
     EXPECT_EQ(session.data,
               (std::vector<std::string>{"host=x", "alone", "=", "pid=1", "pid=2", "PID=3"}));
     EXPECT_EQ(session.pid, "1");
     EXPECT_FALSE(session.user.has_value());
-    fwlog_session_from(session, "");
+    feed_session_from(session, "");
     EXPECT_TRUE(session.data.empty());
     EXPECT_FALSE(session.pid.has_value());
 }
@@ -149,7 +149,7 @@ TEST(FwlogSession, PartsWithoutKeyOrOfOtherKeysAreDataOnly)
 TEST(FwlogSession, TextsAreIso88591)
 {
     fwu_session session;
-    fwlog_session_from(session, "user=J\xC3\xBCrg \xE2\x82\xAC");
+    feed_session_from(session, "user=J\xC3\xBCrg \xE2\x82\xAC");
     EXPECT_EQ(session.user, "J\xFCrg ?");
 }
 
@@ -338,7 +338,7 @@ TEST_F(FwlogStream, TextsCutInATransactionThatIsNotLoadedDoNotCount)
               change('I', 8, "long", nullptr), change('I', 8, "long", nullptr)}),
         "");
     EXPECT_EQ(stream.tx.work.truncated, 3U);
-    fwlog_abandon(stream.tx);
+    feed_abandon(stream.tx);
     EXPECT_EQ(stream.tx.work.truncated, 1U);
     EXPECT_EQ(count_lines(log(), "insert "), 1U);
 }

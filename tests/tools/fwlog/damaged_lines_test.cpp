@@ -48,8 +48,8 @@ static void damage(std::string &line, std::mt19937 &random)
 
 // Makes the images of a line's rows; what it needs is kept from line to line.
 struct subject {
-    pgt_tables tables;
-    pgi_work work;
+    feed_tables tables;
+    feed_image_work work;
     w2j_line line;
     std::vector<unsigned char> image;
 
@@ -59,18 +59,18 @@ struct subject {
             return false;
         if (line.action != 'I' && line.action != 'U' && line.action != 'D')
             return true;
-        pgt_table *table = pgt_find(tables, line.schema, line.table, error);
+        feed_table *table = feed_find_table(tables, line.schema, line.table, error);
         if (table == nullptr)
             return false;
-        const pgr_row *old_row = line.identity.present ? &line.identity : nullptr;
+        const feed_row *old_row = line.identity.present ? &line.identity : nullptr;
         if (old_row != nullptr) {
-            if (!pgi_old_image(work, image, *table, *old_row, error))
+            if (!feed_old_image(work, image, *table, *old_row, error))
                 return false;
             EXPECT_EQ(image.size(), static_cast<size_t>(table->image_length));
         }
         if (line.action == 'D')
             return true;
-        if (!pgi_new_image(work, image, *table, line.columns, old_row, error))
+        if (!feed_new_image(work, image, *table, line.columns, old_row, error))
             return false;
         EXPECT_EQ(image.size(), static_cast<size_t>(table->image_length));
         return true;

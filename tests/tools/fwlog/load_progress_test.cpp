@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-static const fwlog_totals totals{
+static const feed_totals totals{
     .transactions = 12, .inserts = 100, .updates = 20, .deletes = 3, .empty = 0, .skipped = 0};
 
 static std::string shown(load_progress &progress, uint64_t bytes)
