@@ -3,6 +3,7 @@
 #include "tools/fwlog/fwlog.h"
 
 #include "fwutil/fwu_error.h"
+#include "util/outcome.h"
 #include "util/standard_files.h"
 
 #include <cerrno>
@@ -256,6 +257,7 @@ int main(int argc, char **argv)
 {
     fill_standard_files();
     fwu_set_program("fwlog");
+    tell_as("fwlog");
     // A file size limit is an error of a write like a full disk.
     signal(SIGXFSZ, SIG_IGN);
     if (argc < 2) {

@@ -3,6 +3,7 @@
 #include "tools/tmf/tmf_tool.h"
 
 #include "msgfile/tmf_error.h"
+#include "util/outcome.h"
 #include "util/standard_files.h"
 
 #include <cerrno>
@@ -183,6 +184,7 @@ static bool asks_help(int argc, char **argv)
 int main(int argc, char **argv)
 {
     fill_standard_files();
+    tell_as("tmf");
     // A closed pipe and a file size limit are errors of a write, told and cleaned
     // up after like others.
     signal(SIGPIPE, SIG_IGN);

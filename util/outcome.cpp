@@ -1,0 +1,84 @@
+// What is told goes out in one write, so that lines of several processes do not mix.
+#include "util/outcome.h"
+
+#include "util/stop_signal.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+static const char *g_program = "?"; // until main has set it
+
+const std::string &outcome::text() const
+{
+    static const std::string nothing;
+    return failure == nullptr ? nothing : failure->text;
+}
+
+outcome &&outcome::at(std::string_view place) &&
+{
+    if (failure != nullptr)
+        failure->text.insert(0, place);
+    return std::move(*this);
+}
+
+outcome outcome_bad(std::string text)
+{
+    return {OUTCOME_BAD, std::move(text)};
+}
+
+void tell_as(const char *program)
+{
+    g_program = program;
+}
+
+__attribute__((format(printf, 1, 0))) static void print(const char *format, va_list args)
+{
+    const int saved_errno = errno;
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
+    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    (void)vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    text = std::string(g_program) + ": " + text + "\n";
+    (void)fwrite(text.data(), 1, text.size(), stderr); // nobody is left to tell
+    (void)fflush(stderr);
+    errno = saved_errno;
+}
+
+void tell(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    print(format, args);
+    va_end(args);
+}
+
+outcome outcome_failed(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    print(format, args);
+    va_end(args);
+    return OUTCOME_FAILED;
+}
+
+int outcome_exit_status(const outcome &done)
+{
+    switch (done.kind()) {
+    case OUTCOME_OK:
+        return EXIT_STATUS_OK;
+    case OUTCOME_BAD:
+    case OUTCOME_LOST:
+        tell("%s", done.text().c_str());
+        return EXIT_STATUS_FAILED;
+    case OUTCOME_USAGE:
+        return EXIT_STATUS_USAGE;
+    case OUTCOME_STOPPED:
+        return EXIT_STATUS_SIGNAL + stop_signal_get();
+    case OUTCOME_FAILED:
+        break;
+    }
+    return EXIT_STATUS_FAILED;
+}
