@@ -2,7 +2,7 @@
 // last one of its year.
 #include "feed/stamp.h"
 
-#include <cstdio>
+#include "fwutil/fwu_time.h"
 
 static constexpr int64_t SECONDS_PER_DAY = 86400;
 static constexpr int64_t DAYS_PER_400_YEARS = 146097;
@@ -25,23 +25,6 @@ static int64_t days_from_civil(const civil &date)
     const int64_t day_of_era =
         year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year;
     return era * DAYS_PER_400_YEARS + day_of_era - DAYS_0000_03_01_TO_1970;
-}
-
-static civil civil_from_days(int64_t days)
-{
-    days += DAYS_0000_03_01_TO_1970;
-    const int64_t era = (days >= 0 ? days : days - (DAYS_PER_400_YEARS - 1)) / DAYS_PER_400_YEARS;
-    const int64_t day_of_era = days - era * DAYS_PER_400_YEARS;
-    const int64_t year_of_era =
-        (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-    const int64_t day_of_year =
-        day_of_era - (year_of_era * 365 + year_of_era / 4 - year_of_era / 100);
-    const int64_t month = (5 * day_of_year + 2) / 153; // March is 0
-    civil date;
-    date.day = static_cast<int>(day_of_year - (153 * month + 2) / 5 + 1);
-    date.month = static_cast<int>(month < 10 ? month + 3 : month - 9);
-    date.year = year_of_era + era * 400 + (date.month <= 2 ? 1 : 0);
-    return date;
 }
 
 static bool take_number(std::string_view &text, int digits, int &value)
@@ -145,26 +128,19 @@ bool feed_stamp_parse(feed_stamp &stamp, std::string_view text)
     return text.empty();
 }
 
+feed_stamp feed_stamp_of(int64_t time_us)
+{
+    return {.seconds = fwu_second_of(time_us), .micros = fwu_micros_of(time_us)};
+}
+
 bool feed_stamp_format(std::string &out, const feed_stamp &stamp, int decimals)
 {
-    int64_t days = stamp.seconds / SECONDS_PER_DAY;
-    int64_t second = stamp.seconds % SECONDS_PER_DAY;
-    if (second < 0) {
-        second += SECONDS_PER_DAY;
-        days--;
-    }
-    const civil date = civil_from_days(days);
-    if (date.year < 1 || date.year > 9999)
+    char text[FWU_TIME_SIZE];
+    if (!fwu_time_put(text, stamp.seconds, stamp.micros))
         return false;
-
-    char text[64];
-    const int length =
-        snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%06d",
-                 static_cast<int>(date.year), date.month, date.day, static_cast<int>(second / 3600),
-                 static_cast<int>(second / 60 % 60), static_cast<int>(second % 60), stamp.micros);
-    out.assign(text, static_cast<size_t>(length));
-    const size_t keep = out.size() - MICRO_DIGITS + static_cast<size_t>(decimals);
-    if (out.find_first_not_of('0', keep) != std::string::npos)
+    out.assign(text, sizeof text);
+    const size_t keep = FWU_TIME_MICROS_AT + static_cast<size_t>(decimals);
+    if (out.starts_with("0000") || out.find_first_not_of('0', keep) != std::string::npos)
         return false;
     out.resize(decimals > 0 ? keep : keep - 1);
     return true;

@@ -16,6 +16,9 @@ struct feed_stamp {
 // Reads a timestamp.  Offsets: +HH, +HH:MM, +HH:MM:SS, the same with "-".
 bool feed_stamp_parse(feed_stamp &stamp, std::string_view text);
 
+// The stamp of a time in microseconds since 1970 UTC.
+feed_stamp feed_stamp_of(int64_t time_us);
+
 // Writes "YYYY-MM-DD HH:MM:SS" and, with decimals above 0, "." and so many digits
 // (at most 6).  False when the year is outside 0001 to 9999 or a digit other
 // than 0 would be lost.

@@ -4,9 +4,8 @@
 
 #include "feed/lsn.h"
 #include "feed/text.h"
+#include "fwutil/fwu_time.h"
 #include "fwutil/fwutil.h"
-
-static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 
 void feed_session_from(fwu_session &session, std::string_view content)
 {
@@ -114,13 +113,6 @@ static bool begin_in_log(feed_transaction &tx)
     return true;
 }
 
-// The second that a time falls into, before 1970, too.
-static int64_t second_of(int64_t time_us)
-{
-    const int64_t second = time_us / MICROS_PER_SECOND;
-    return time_us % MICROS_PER_SECOND < 0 ? second - 1 : second;
-}
-
 feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
                         const feed_row *old, std::string &error)
 {
@@ -131,10 +123,10 @@ feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row 
     const int32_t opcode = old == nullptr     ? FWU_OP_INSERT
                            : fresh == nullptr ? FWU_OP_DELETE
                                               : FWU_OP_UPDATE;
-    if (!begin_in_log(tx) ||
-        fwu_writer_record(tx.writer, opcode, table.dataset->layout, second_of(tx.commit.time_us),
-                          table.image_length, old == nullptr ? nullptr : tx.before.data(),
-                          fresh == nullptr ? nullptr : tx.after.data()) != 0)
+    if (!begin_in_log(tx) || fwu_writer_record(tx.writer, opcode, table.dataset->layout,
+                                               fwu_second_of(tx.commit.time_us), table.image_length,
+                                               old == nullptr ? nullptr : tx.before.data(),
+                                               fresh == nullptr ? nullptr : tx.after.data()) != 0)
         return FEED_FAILED;
     (opcode == FWU_OP_INSERT   ? tx.changes.inserts
      : opcode == FWU_OP_UPDATE ? tx.changes.updates

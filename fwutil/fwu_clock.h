@@ -2,6 +2,8 @@
 #ifndef FWUTIL_FWU_CLOCK_H
 #define FWUTIL_FWU_CLOCK_H
 
+#include "fwutil/fwu_time.h"
+
 #include <cstdint>
 #include <ctime>
 
@@ -18,7 +20,7 @@ inline int64_t fwu_now_us()
 {
     timespec now = {};
     (void)clock_gettime(CLOCK_REALTIME, &now); // cannot fail with this clock
-    return now.tv_sec * int64_t{1'000'000} + now.tv_nsec / 1000;
+    return now.tv_sec * FWU_US_PER_S + now.tv_nsec / 1000;
 }
 
 #endif

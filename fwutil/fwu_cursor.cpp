@@ -9,6 +9,7 @@
 #include "fwutil/fwu_bytes.h"
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_time.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,7 +21,6 @@
 #include <unistd.h>
 
 constexpr size_t WINDOW_SIZE = 1024 * 1024;
-constexpr int64_t NS_PER_S = 1000000000;
 constexpr size_t NAME_LENGTH = sizeof "fw0001-00000025.log" - 1;
 
 std::string fwu_log_file_name(int32_t generation, int32_t sequence)
@@ -98,7 +98,7 @@ static fwu_found file_stamp(const fwu_cursor &c, fwu_stamp &stamp)
     if (fstat(c.fd, &st) != 0)
         return read_error(c);
     stamp.size = st.st_size;
-    stamp.mtime_ns = st.st_mtim.tv_sec * NS_PER_S + st.st_mtim.tv_nsec;
+    stamp.mtime_ns = st.st_mtim.tv_sec * FWU_NS_PER_S + st.st_mtim.tv_nsec;
     return FWU_FOUND;
 }
 
@@ -339,7 +339,7 @@ static fwu_found nothing_more(fwu_cursor &c, const fwu_stamp &before)
     c.size = before.size;
     timespec now = {};
     if (clock_gettime(CLOCK_REALTIME, &now) == 0 &&
-        now.tv_sec * NS_PER_S + now.tv_nsec - before.mtime_ns > NS_PER_S)
+        now.tv_sec * FWU_NS_PER_S + now.tv_nsec - before.mtime_ns > FWU_NS_PER_S)
         c.settled = before;
     return FWU_END;
 }

@@ -5,7 +5,7 @@
 
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_log.h"
-#include "fwutil/fwu_status_line.h"
+#include "fwutil/fwu_time.h"
 
 #include <cstdio>
 #include <sys/stat.h>

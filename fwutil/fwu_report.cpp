@@ -7,6 +7,7 @@
 #include "fwutil/fwu_place.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status.h"
+#include "fwutil/fwu_time.h"
 
 #include <cstdio>
 #include <sys/stat.h>
@@ -128,7 +129,7 @@ int fwu_report_status(const char *status, bool verbose)
         printf("End position: %s\n", any ? fwu_position_text(b.end).c_str() : "none");
         const int64_t lag_us = named ? b.end_us - place.time_us : 0;
         if (named)
-            printf("Lag: %lld seconds\n", static_cast<long long>(lag_us / 1000000));
+            printf("Lag: %lld seconds\n", static_cast<long long>(lag_us / FWU_US_PER_S));
     }
     printf("Behind: %lld records, %lld bytes\n", static_cast<long long>(b.records),
            static_cast<long long>(b.bytes));

@@ -4,10 +4,10 @@
 
 #include "fwutil/fwu_bytes.h"
 #include "fwutil/fwu_crc32c.h"
+#include "fwutil/fwu_time.h"
 
 #include <climits>
 #include <cstring>
-#include <ctime>
 
 // 0 position 0001-00000025.0000000339 time 2026-11-21 03:33:52.123456 UTC lsn 0000000001BC8080
 //   log 0123456789abcdef0123456789abcdef crc 1a2b3c4d      (one line)
@@ -56,13 +56,10 @@ static constexpr size_t POINTER_CRC_WORD_AT = TEXT_AT + CRC_SIZE;
 static constexpr size_t POINTER_CRC_AT = POINTER_CRC_WORD_AT + CRC_WORD.size();
 static_assert(POINTER_CRC_AT + CRC_SIZE + 1 == FWU_POINTER_SIZE);
 
-// Where the parts of a position and of a time stand.
+// Where the parts of a position stand.
 static constexpr size_t SEQUENCE_AT = 5;
 static constexpr size_t TAG_AT = 14;
 static constexpr size_t TAG_DIGITS = 10;
-static constexpr size_t MICROSECONDS_AT = 20;
-
-constexpr int64_t US_PER_S = 1000000;
 
 static void put_digits(char *p, uint64_t value, size_t digits)
 {
@@ -75,35 +72,11 @@ static void put_number(char *p, int32_t value, size_t digits)
     put_digits(p, static_cast<uint64_t>(value < 0 ? 0 : value), digits);
 }
 
-// Formats a time of the years 0 to 9999; others become the nearest of them.
+// The time, of the years 0 to 9999; others become the nearest of them.
 static void put_time(char *p, int64_t time_us)
 {
-    constexpr int64_t YEAR_0 = -62167219200;
-    constexpr int64_t YEAR_9999_END = 253402300799;
-    int64_t second = time_us / US_PER_S;
-    int64_t microseconds = time_us % US_PER_S;
-    if (microseconds < 0) {
-        second--;
-        microseconds += US_PER_S;
-    }
-    const time_t when = second < YEAR_0 ? YEAR_0 : second > YEAR_9999_END ? YEAR_9999_END : second;
-    struct tm tm = {};
-    (void)gmtime_r(&when, &tm); // in range
-    memcpy(p, TIME_FORM.data(), TIME_FORM.size());
-    put_number(p, tm.tm_year + 1900, 4);
-    put_number(p + 5, tm.tm_mon + 1, 2);
-    put_number(p + 8, tm.tm_mday, 2);
-    put_number(p + 11, tm.tm_hour, 2);
-    put_number(p + 14, tm.tm_min, 2);
-    put_number(p + 17, tm.tm_sec, 2);
-    put_digits(p + MICROSECONDS_AT, static_cast<uint64_t>(microseconds), 6);
-}
-
-std::string fwu_time_text(int64_t time_us)
-{
-    std::string text(TIME_FORM);
-    put_time(text.data(), time_us);
-    return text;
+    const std::string text = fwu_time_text(time_us);
+    memcpy(p, text.data(), TIME_FORM.size());
 }
 
 static constexpr char LOWER[] = "0123456789abcdef";
@@ -162,8 +135,8 @@ static void change_time(char *p, int64_t before_us, int64_t time_us)
 {
     if (before_us == time_us)
         return;
-    if (before_us >= 0 && time_us >= 0 && before_us / US_PER_S == time_us / US_PER_S)
-        put_digits(p + MICROSECONDS_AT, static_cast<uint64_t>(time_us % US_PER_S), 6);
+    if (before_us >= 0 && time_us >= 0 && before_us / FWU_US_PER_S == time_us / FWU_US_PER_S)
+        put_digits(p + FWU_TIME_MICROS_AT, static_cast<uint64_t>(time_us % FWU_US_PER_S), 6);
     else
         put_time(p, time_us);
 }
@@ -274,18 +247,6 @@ static int64_t get_digits(std::string_view value, size_t at, size_t digits)
     return number;
 }
 
-static int64_t get_time_us(std::string_view value)
-{
-    struct tm tm = {};
-    tm.tm_year = static_cast<int>(get_digits(value, 0, 4)) - 1900;
-    tm.tm_mon = static_cast<int>(get_digits(value, 5, 2)) - 1;
-    tm.tm_mday = static_cast<int>(get_digits(value, 8, 2));
-    tm.tm_hour = static_cast<int>(get_digits(value, 11, 2));
-    tm.tm_min = static_cast<int>(get_digits(value, 14, 2));
-    tm.tm_sec = static_cast<int>(get_digits(value, 17, 2));
-    return timegm(&tm) * US_PER_S + get_digits(value, MICROSECONDS_AT, 6);
-}
-
 // Whether value is a word with blanks behind it.
 static bool is_padded(std::string_view value, std::string_view word)
 {
@@ -325,7 +286,7 @@ static bool get_position(std::string_view line, fwu_place &place)
     place.position.generation = static_cast<int32_t>(get_digits(position, 0, 4));
     place.position.sequence = static_cast<int32_t>(get_digits(position, SEQUENCE_AT, 8));
     place.position.tag = static_cast<int32_t>(tag);
-    place.time_us = get_time_us(time);
+    place.time_us = fwu_time_get(time);
     return tag <= INT32_MAX && place.position.generation > 0 && place.position.sequence > 0;
 }
 

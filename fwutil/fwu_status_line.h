@@ -59,7 +59,4 @@ struct fwu_pointer {
 std::string fwu_pointer_line(const fwu_pointer &pointer, int number, uint32_t prefix_crc);
 bool fwu_pointer_line_get(std::string_view line, uint32_t prefix_crc, fwu_pointer &pointer);
 
-// "2026-11-21 03:33:52.123456 UTC"
-std::string fwu_time_text(int64_t time_us);
-
 #endif

@@ -1,8 +1,10 @@
 #include "feed/postgresql/pgoutput.h"
 
+#include "fwutil/fwu_time.h"
+
 #include <cstring>
 
-static constexpr int64_t EPOCH_2000_US = int64_t{946'684'800} * 1'000'000;
+static constexpr int64_t EPOCH_2000_US = 946'684'800 * FWU_US_PER_S;
 
 // Bytes to be read; good stays false once there were too few.
 struct input {

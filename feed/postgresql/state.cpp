@@ -2,6 +2,7 @@
 
 #include "feed/lsn.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_time.h"
 #include "util/json_text.h"
 
 #include <algorithm>
@@ -11,14 +12,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
-
-static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
 
 // The text of a member that pgb_state_write has written; empty when it is not there.
 static std::string member(const std::string &json, const char *name)
@@ -71,19 +69,7 @@ double pgb_lag_seconds(const pgb_state &state)
     if (pgb_lag_bytes(state) == 0 || state.commit_us == 0)
         return 0;
     return static_cast<double>(std::max<int64_t>(fwu_now_us() - state.commit_us, 0)) /
-           static_cast<double>(MICROS_PER_SECOND);
-}
-
-static std::string utc_text(int64_t time_us)
-{
-    const auto when = static_cast<time_t>(time_us / MICROS_PER_SECOND);
-    struct tm tm = {};
-    (void)gmtime_r(&when, &tm);
-    char text[64];
-    const size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &tm);
-    snprintf(text + length, sizeof text - length, ".%06dZ",
-             static_cast<int>(time_us % MICROS_PER_SECOND));
-    return text;
+           static_cast<double>(FWU_US_PER_S);
 }
 
 static std::string json_text(const pgb_state &state)
@@ -102,7 +88,7 @@ static std::string json_text(const pgb_state &state)
     snprintf(seconds, sizeof seconds, "%.3f", pgb_lag_seconds(state));
     put("state", state.phase, true);
     put("pid", std::to_string(getpid()), false);
-    put("updated", utc_text(fwu_now_us()), true);
+    put("updated", fwu_time_word(fwu_now_us()), true);
     put("slot", state.slot, true);
     put("publication", state.publication, true);
     put("system_identifier", state.system, true);
@@ -115,7 +101,7 @@ static std::string json_text(const pgb_state &state)
     put("told_lsn", feed_lsn_text(state.told_lsn), true);
     put("lag_bytes", std::to_string(pgb_lag_bytes(state)), false);
     put("lag_seconds", seconds, false);
-    put("last_commit", state.commit_us == 0 ? "null" : '"' + utc_text(state.commit_us) + '"',
+    put("last_commit", state.commit_us == 0 ? "null" : '"' + fwu_time_word(state.commit_us) + '"',
         false);
     put("transactions", std::to_string(state.transactions), false);
     put("changes", std::to_string(state.changes), false);

@@ -3,8 +3,7 @@
 #include "feed/lsn.h"
 #include "feed/stamp.h"
 #include "feed/text.h"
-
-static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
+#include "fwutil/fwu_time.h"
 
 static feed_result bad(std::string &error, std::string text)
 {
@@ -32,7 +31,7 @@ static feed_result take_begin(w2j_stream &stream, uint64_t number, std::string &
     if (!feed_stamp_parse(stamp, line.timestamp) || !stamp.zoned)
         return bad(error, "timestamp " + feed_quote(line.timestamp) +
                               " is not a time with an offset from UTC");
-    commit.time_us = stamp.seconds * MICROS_PER_SECOND + stamp.micros;
+    commit.time_us = stamp.seconds * FWU_US_PER_S + stamp.micros;
 
     feed_begin(stream.tx, commit);
     stream.opened_at = number;

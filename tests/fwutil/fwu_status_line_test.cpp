@@ -166,8 +166,6 @@ TEST_F(StatusLineTest, TagsCountUpDigitByDigit)
 
 TEST_F(StatusLineTest, TimesOutsideFourDigitYearsStillGiveAGoodLine)
 {
-    EXPECT_EQ(fwu_time_text(0), "1970-01-01 00:00:00.000000 UTC");
-    EXPECT_EQ(fwu_time_text(-1), "1969-12-31 23:59:59.999999 UTC");
     for (const int64_t time : {INT64_MIN, INT64_MAX, int64_t{-1}}) {
         fwu_place place;
         EXPECT_TRUE(fwu_status_line_get(set(0, {{1, 1, 1}, time, true, 0, {}}), prefix_crc, place));

@@ -23,15 +23,9 @@ struct log_totals {
 
 static std::string time_text(int64_t us)
 {
-    constexpr int64_t micros_per_second = 1'000'000;
     std::string text;
-    feed_stamp stamp{.seconds = us / micros_per_second,
-                     .micros = static_cast<int32_t>(us % micros_per_second)};
-    if (stamp.micros < 0) {
-        stamp.micros += micros_per_second;
-        stamp.seconds--;
-    }
-    return feed_stamp_format(text, stamp, 6) ? text + " UTC" : std::to_string(us) + " us";
+    return feed_stamp_format(text, feed_stamp_of(us), 6) ? text + " UTC"
+                                                         : std::to_string(us) + " us";
 }
 
 static void add(log_totals &totals, const survey_file &facts)

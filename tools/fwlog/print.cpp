@@ -6,24 +6,10 @@
 #include "fwutil/fwutil.h"
 #include "tools/fwlog/dump_value.h"
 
-static constexpr int64_t MICROS_PER_SECOND = 1'000'000;
-
-static std::string time_text(int64_t seconds, int32_t micros, int decimals)
+static std::string time_text(const feed_stamp &stamp, int decimals)
 {
     std::string text;
-    const feed_stamp stamp{.seconds = seconds, .micros = micros};
-    return feed_stamp_format(text, stamp, decimals) ? text : std::to_string(seconds) + " s";
-}
-
-static std::string micros_text(int64_t micros)
-{
-    int64_t seconds = micros / MICROS_PER_SECOND;
-    int64_t rest = micros % MICROS_PER_SECOND;
-    if (rest < 0) {
-        rest += MICROS_PER_SECOND;
-        seconds--;
-    }
-    return time_text(seconds, static_cast<int32_t>(rest), 6);
+    return feed_stamp_format(text, stamp, decimals) ? text : std::to_string(stamp.seconds) + " s";
 }
 
 static void put_dataset(std::string &out, std::string_view database, std::string_view dataset)
@@ -107,7 +93,7 @@ static bool put_change(fwlog_printer &printer, const fwu_entry &entry)
                                                               : "delete ";
     printer.out += kind;
     put_dataset(printer.out, change.dbname, change.dsetname);
-    printer.out += " " + time_text(change.logtime, 0, 0) + " record " +
+    printer.out += " " + time_text({.seconds = change.logtime}, 0) + " record " +
                    std::to_string(change.recnum) + ", " + std::to_string(change.reclen) +
                    " bytes\n";
     put_image(printer, "    before", change, change.before);
@@ -120,7 +106,7 @@ static bool put_commit(fwlog_printer &printer, const fwu_entry &entry)
     fwu_commit_entry commit;
     if (!fwu_entry_commit(entry, commit))
         return false;
-    printer.out += "commit " + micros_text(commit.commit.time_us) + " xid " +
+    printer.out += "commit " + time_text(feed_stamp_of(commit.commit.time_us), 6) + " xid " +
                    std::to_string(commit.commit.xid) + " lsn " + feed_lsn_text(commit.commit.lsn) +
                    ", " + std::to_string(commit.entries) + " entries\n";
     return true;
@@ -163,7 +149,7 @@ void fwlog_print_item(fwlog_printer &printer, const fwu_walk_item &item)
         printer.big_endian = item.header.big_endian;
         printer.out += number + " file " + file.name + ", " +
                        (item.header.big_endian ? "big-endian" : "little-endian") + ", created " +
-                       micros_text(item.header.created_us) + "\n";
+                       time_text(feed_stamp_of(item.header.created_us), 6) + "\n";
         break;
     case FWU_WALK_ENTRY:
         printer.out += number + "." + std::to_string(item.entry.tag) + at;
