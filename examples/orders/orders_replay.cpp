@@ -2,8 +2,8 @@
 // these with the database's contents: a consumer of captured changes in its simplest form.
 //
 // usage: orders_replay CONFIG CONTENTS.csv text FILE | messages FILE
+#include "examples/orders/replay.h"
 #include "msgfile/tmf.h"
-#include "tests/support/replay.h"
 
 #include <cstdio>
 #include <cstring>

@@ -2,7 +2,7 @@
 #ifndef TESTS_ORDERS_ORDERS_FIXTURE_H
 #define TESTS_ORDERS_ORDERS_FIXTURE_H
 
-#include "tests/support/replay.h"
+#include "examples/orders/replay.h"
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 

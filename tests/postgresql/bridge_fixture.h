@@ -4,10 +4,10 @@
 #ifndef TESTS_POSTGRESQL_BRIDGE_FIXTURE_H
 #define TESTS_POSTGRESQL_BRIDGE_FIXTURE_H
 
+#include "examples/orders/replay.h"
 #include "tests/postgresql/background.h"
 #include "tests/postgresql/pg_client.h"
 #include "tests/postgresql/pg_server.h"
-#include "tests/support/replay.h"
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 

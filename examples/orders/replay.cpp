@@ -1,12 +1,12 @@
 // Replay of capture records and comparison with the final contents.
-#include "tests/support/replay.h"
-
-#include "tests/support/tempdir.h"
+#include "examples/orders/replay.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -19,6 +19,12 @@ static const replay_keys order_keys = {
     {"sales.orders", {"ORDER-NO"}},     {"sales.order_lines", {"ORDER-NO", "LINE-NO"}},
     {"sales.payments", {"PAY-REF"}},    {"sales.day_totals", {"DAY", "CHANNEL"}},
 };
+
+static std::string read_whole(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 static std::string to_table_name(const std::string &dbname, const std::string &dsetname)
 {
@@ -45,7 +51,7 @@ replay replay_open(const std::string &cfg, const replay_keys &keys)
     replay state;
     std::string dbname;
     replay_table *table = nullptr;
-    std::istringstream lines(read_file(cfg));
+    std::istringstream lines(read_whole(cfg));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
         std::string key;
@@ -193,7 +199,7 @@ void replay_line(replay &state, const std::string &line)
 
 void replay_file(replay &state, const std::string &path)
 {
-    const std::string text = read_file(path);
+    const std::string text = read_whole(path);
     for (size_t at = 0; at < text.size();) {
         const size_t end = text.find('\n', at);
         if (end == std::string::npos) {
@@ -213,7 +219,7 @@ struct csv_field {
 
 static std::vector<std::vector<csv_field>> read_csv(const std::string &path)
 {
-    const std::string text = read_file(path);
+    const std::string text = read_whole(path);
     std::vector<std::vector<csv_field>> rows(1);
     csv_field field;
     bool quoted = false;

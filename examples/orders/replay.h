@@ -1,8 +1,8 @@
 // Replays capture records, of the order-entry example as a rule, into tables held in memory
 // and compares them with the database's final contents.  A second, naive reading
 // of the column and image formats: rows are kept as the text of their columns.
-#ifndef TESTS_SUPPORT_REPLAY_H
-#define TESTS_SUPPORT_REPLAY_H
+#ifndef EXAMPLES_ORDERS_REPLAY_H
+#define EXAMPLES_ORDERS_REPLAY_H
 
 #include <map>
 #include <string>
