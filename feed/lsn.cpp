@@ -1,3 +1,4 @@
+// Positions in the log of a PostgreSQL server, read and written.
 #include "feed/lsn.h"
 
 #include <charconv>

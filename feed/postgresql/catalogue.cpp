@@ -1,3 +1,5 @@
+// The tables behind the rule: a built-in type's name by its number, and the item that
+// holds its values.
 #include "feed/postgresql/catalogue.h"
 
 #include "feed/text.h"

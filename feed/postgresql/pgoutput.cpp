@@ -1,3 +1,5 @@
+// Messages are read from front to back; one that is too short, or longer than what it
+// says, is none.  Numbers are in network order, texts end with NUL.
 #include "feed/postgresql/pgoutput.h"
 
 #include "fwutil/fwu_time.h"

@@ -1,3 +1,4 @@
+// The handler sets a flag and nothing else; whoever reports takes it back.
 #include "feed/postgresql/report_signal.h"
 
 #include <csignal>

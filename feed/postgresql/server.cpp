@@ -1,3 +1,5 @@
+// Every call is sent and its answer waited for in slices, so that a stop signal and a
+// silent server are noticed; errors get their remedy by SQLSTATE and text.
 #include "feed/postgresql/server.h"
 
 #include "fwutil/fwu_clock.h"

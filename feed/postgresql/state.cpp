@@ -1,3 +1,5 @@
+// The state file is written beside its name and renamed into place, so that who reads
+// it finds the old one or the new one, whole.
 #include "feed/postgresql/state.h"
 
 #include "feed/lsn.h"

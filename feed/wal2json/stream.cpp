@@ -1,3 +1,5 @@
+// One step for each kind of line, by where the stream is: between transactions or
+// inside one.
 #include "feed/wal2json/stream.h"
 
 #include "feed/lsn.h"

@@ -1,3 +1,4 @@
+// Positions of a PostgreSQL server as text, there and back, and texts that are none.
 #include "feed/lsn.h"
 
 #include <gtest/gtest.h>
