@@ -2,42 +2,18 @@
 // array elements are cut out of strings here.
 #include "feed/text.h"
 
+#include "util/utf8.h"
+
 #include <algorithm>
 
 static constexpr uint32_t NOT_UTF8 = 0xFFFD;
 static constexpr size_t QUOTE_MAX = 40;
 
-// Bytes that follow the first byte of a character; -1 when it cannot be one.
-static int following_bytes(unsigned char first)
-{
-    if (first < 0x80)
-        return 0;
-    if (first < 0xC2 || first > 0xF4)
-        return -1;
-    return first < 0xE0 ? 1 : first < 0xF0 ? 2 : 3;
-}
-
 // Takes one character off text; NOT_UTF8 and one byte less when it is none.
 static uint32_t take_character(std::string_view &text)
 {
-    static const uint32_t smallest[] = {0, 0x80, 0x800, 0x10000};
-    const auto first = static_cast<unsigned char>(text.front());
-    const int more = following_bytes(first);
     uint32_t code = NOT_UTF8;
-    size_t used = 1;
-    if (more >= 0 && static_cast<size_t>(more) < text.size()) {
-        used += static_cast<size_t>(more);
-        code = more == 0 ? first : first & (0x3FU >> more);
-        for (size_t i = 1; i < used; i++) {
-            const auto byte = static_cast<unsigned char>(text[i]);
-            code = (byte & 0xC0) == 0x80 ? code << 6 | (byte & 0x3FU) : UINT32_MAX >> 6;
-        }
-        if (code < smallest[more] || code > 0x10FFFF) {
-            code = NOT_UTF8;
-            used = 1;
-        }
-    }
-    text.remove_prefix(used);
+    text.remove_prefix(std::max<size_t>(utf8_decode(text, code), 1));
     return code;
 }
 
@@ -181,7 +157,7 @@ std::string feed_quote(std::string_view value)
 {
     std::string out = "\"";
     size_t end = std::min(value.size(), QUOTE_MAX);
-    while (end > 0 && end < value.size() && (value[end] & 0xC0) == 0x80)
+    while (end > 0 && end < value.size() && utf8_continues(value[end]))
         end--; // not in the middle of a character
     for (const char c : value.substr(0, end))
         out.push_back(static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c);

@@ -11,6 +11,9 @@ void json_text_hex(std::string &out, std::string_view bytes);
 // Appends a JSON string.  Bytes that are not UTF-8 become U+FFFD.
 void json_text_append(std::string &out, std::string_view text);
 
+// The same by itself.
+std::string json_text(std::string_view text);
+
 // Whether all bytes are printable ASCII; so is nothing.
 bool json_text_printable(std::string_view bytes);
 

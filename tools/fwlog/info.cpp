@@ -6,6 +6,7 @@
 #include "tools/fwlog/dump_value.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
+#include "util/json_text.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -115,23 +116,23 @@ static void print_json_file(const survey_file &facts, bool first)
            ",\"transactions\":%" PRIu64 ",\"entries\":%" PRIu64 ",\"last_tag\":%" PRId32
            ",\"first_commit_us\":%" PRId64 ",\"last_commit_us\":%" PRId64
            ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s}",
-           first ? "" : ",", survey_quoted(facts.file.name).c_str(), facts.file.generation,
+           first ? "" : ",", json_text(facts.file.name).c_str(), facts.file.generation,
            facts.file.sequence, facts.size, facts.transactions, facts.entries, facts.last_tag,
-           facts.first_us, facts.last_us, survey_quoted(feed_lsn_text(facts.last_lsn)).c_str(),
-           facts.tail, facts.damage.empty() ? "null" : survey_quoted(facts.damage).c_str());
+           facts.first_us, facts.last_us, json_text(feed_lsn_text(facts.last_lsn)).c_str(),
+           facts.tail, facts.damage.empty() ? "null" : json_text(facts.damage).c_str());
 }
 
 static void print_json_totals(const log_totals &totals)
 {
     printf("],\"bytes\":%" PRId64 ",\"transactions\":%" PRIu64 ",\"identity\":%s,\"acknowledged\":",
            totals.bytes, totals.transactions,
-           survey_quoted(fwu_identity_text(totals.identity)).c_str());
+           json_text(fwu_identity_text(totals.identity)).c_str());
     const fwu_ack &ack = totals.ack;
     const std::string position = fwu_position_text(ack.position);
     if (totals.have_ack)
         printf("{\"position\":%s,\"source\":%s,\"commit_us\":%" PRId64 ",\"lost\":%s}",
-               ack.position.tag == 0 ? "null" : survey_quoted(position).c_str(),
-               survey_quoted(feed_lsn_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
+               ack.position.tag == 0 ? "null" : json_text(position).c_str(),
+               json_text(feed_lsn_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
                ack.lost ? "true" : "false");
     else
         printf("null");
@@ -140,7 +141,7 @@ static void print_json_totals(const log_totals &totals)
     for (const auto &[name, counts] : totals.datasets) {
         printf("%s{\"database\":%s,\"dataset\":%s,\"inserts\":%" PRIu64 ",\"updates\":%" PRIu64
                ",\"deletes\":%" PRIu64 "}",
-               separator, survey_quoted(name.first).c_str(), survey_quoted(name.second).c_str(),
+               separator, json_text(name.first).c_str(), json_text(name.second).c_str(),
                counts.inserts, counts.updates, counts.deletes);
         separator = ",";
     }
@@ -159,7 +160,7 @@ int fwlog_info_main(int argc, char **argv)
     log_totals totals;
     bool sound = true;
     if (options.json)
-        printf("{\"directory\":%s,\"files\":[", survey_quoted(config.log_directory).c_str());
+        printf("{\"directory\":%s,\"files\":[", json_text(config.log_directory).c_str());
     const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
         sound = sound && facts.damage.empty();
         options.json ? print_json_file(facts, totals.files == 0) : print_file(facts);

@@ -9,6 +9,7 @@
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/position.h"
 #include "tools/fwlog/survey.h"
+#include "util/json_text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -225,7 +226,7 @@ static void print_removed(const prune_options &options, const fwu_log_file &file
 {
     if (options.json)
         printf("%s{\"file\":%s,\"size\":%" PRId64 "}", first ? "" : ",",
-               survey_quoted(file.name).c_str(), size);
+               json_text(file.name).c_str(), size);
     else
         printf("%s %s, %" PRId64 " bytes\n", options.dry_run ? "would remove" : "removed",
                file.name.c_str(), size);
@@ -260,7 +261,7 @@ static int prune(const prune_options &options, const std::string &directory,
     prune_totals totals;
     size_t gone = 0;
     if (options.json)
-        printf("{\"directory\":%s,\"dry_run\":%s,\"removed\":[", survey_quoted(directory).c_str(),
+        printf("{\"directory\":%s,\"dry_run\":%s,\"removed\":[", json_text(directory).c_str(),
                options.dry_run ? "true" : "false");
     int result = remove_files(options, files, count, totals, gone);
     if (totals.files > 0 && !options.dry_run && bring_to_disk(directory) != 0)
@@ -271,7 +272,7 @@ static int prune(const prune_options &options, const std::string &directory,
     const std::string oldest = left > 0 ? files[gone].name : "";
     if (options.json)
         printf("],\"files\":%" PRIu64 ",\"bytes\":%" PRId64 ",\"left\":%zu,\"oldest\":%s}\n",
-               totals.files, totals.bytes, left, left > 0 ? survey_quoted(oldest).c_str() : "null");
+               totals.files, totals.bytes, left, left > 0 ? json_text(oldest).c_str() : "null");
     else
         printf("%" PRIu64 " files %s, %" PRId64 " bytes; %zu files left%s%s\n", totals.files,
                options.dry_run ? "would be removed" : "removed", totals.bytes, left,

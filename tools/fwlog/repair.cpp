@@ -5,6 +5,7 @@
 #include "fwutil/fwu_repair.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
+#include "util/json_text.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -90,7 +91,7 @@ static void print_text(const fwu_repair &repair, bool done)
 
 static std::string json_position(const fwu_ack &place)
 {
-    return place.position.tag == 0 ? "null" : survey_quoted(fwu_position_text(place.position));
+    return place.position.tag == 0 ? "null" : json_text(fwu_position_text(place.position));
 }
 
 static void print_json(const fwu_repair &repair, bool done)
@@ -98,33 +99,33 @@ static void print_json(const fwu_repair &repair, bool done)
     const fwu_lost &lost = repair.lost;
     printf("{\"directory\":%s,\"sound\":%s,\"repaired\":%s,\"files\":%zu,\"transactions\":%" PRIu64
            ",\"end\":%s,\"end_source\":%s,\"unfinished\":%" PRId64,
-           survey_quoted(repair.directory).c_str(), repair.reason == nullptr ? "true" : "false",
+           json_text(repair.directory).c_str(), repair.reason == nullptr ? "true" : "false",
            done && repair.reason != nullptr ? "true" : "false", repair.files, repair.transactions,
            json_position(repair.end).c_str(),
-           survey_quoted(feed_lsn_text(repair.end.commit.lsn)).c_str(),
+           json_text(feed_lsn_text(repair.end.commit.lsn)).c_str(),
            repair.reason == nullptr ? repair.unfinished : 0);
     if (repair.have_ack)
         printf(",\"acknowledged\":%s,\"acknowledged_source\":%s",
                json_position(repair.acked).c_str(),
-               survey_quoted(feed_lsn_text(repair.acked.commit.lsn)).c_str());
+               json_text(feed_lsn_text(repair.acked.commit.lsn)).c_str());
     if (repair.reason != nullptr) {
         printf(",\"file\":%s,\"offset\":%" PRId64 ",\"damage\":%s,\"below_acknowledged\":%s,"
                "\"lost\":{\"transactions\":%" PRIu64 ",\"records\":%" PRIu64,
-               survey_quoted(repair.damaged).c_str(), repair.damage_at,
-               survey_quoted(repair.reason).c_str(), repair.below ? "true" : "false",
-               lost.transactions, lost.records);
+               json_text(repair.damaged).c_str(), repair.damage_at,
+               json_text(repair.reason).c_str(), repair.below ? "true" : "false", lost.transactions,
+               lost.records);
         if (lost.transactions > 0)
             printf(",\"first\":%s,\"last\":%s,\"first_source\":%s,\"last_source\":%s",
-                   survey_quoted(fwu_position_text(lost.first)).c_str(),
-                   survey_quoted(fwu_position_text(lost.last)).c_str(),
-                   survey_quoted(feed_lsn_text(lost.first_lsn)).c_str(),
-                   survey_quoted(feed_lsn_text(lost.last_lsn)).c_str());
+                   json_text(fwu_position_text(lost.first)).c_str(),
+                   json_text(fwu_position_text(lost.last)).c_str(),
+                   json_text(feed_lsn_text(lost.first_lsn)).c_str(),
+                   json_text(feed_lsn_text(lost.last_lsn)).c_str());
         printf("},\"kept\":[");
         const char *separator = "";
         for (const fwu_kept &kept : repair.kept) {
             printf("%s{\"name\":%s,\"file\":%s,\"offset\":%" PRId64 ",\"bytes\":%" PRId64 "}",
-                   separator, survey_quoted(kept.name).c_str(),
-                   survey_quoted(kept.file.name).c_str(), kept.offset, kept.bytes);
+                   separator, json_text(kept.name).c_str(), json_text(kept.file.name).c_str(),
+                   kept.offset, kept.bytes);
             separator = ",";
         }
         printf("]");

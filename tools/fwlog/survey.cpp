@@ -3,7 +3,6 @@
 
 #include "fwutil/fwu_layout_check.h"
 #include "fwutil/fwutil.h"
-#include "util/json_text.h"
 
 #include <cstdio>
 
@@ -101,11 +100,4 @@ std::string survey_position(const survey_file &file)
 {
     return std::to_string(file.file.generation) + "-" + std::to_string(file.file.sequence) + "." +
            std::to_string(file.last_tag);
-}
-
-std::string survey_quoted(const std::string &text)
-{
-    std::string out;
-    json_text_append(out, text);
-    return out;
 }

@@ -48,7 +48,4 @@ int fwlog_survey(const std::string &directory,
 // "1-25.340"
 std::string survey_position(const survey_file &file);
 
-// Text for JSON, in double quotes; bytes above 7E and below 20 as \u00XX.
-std::string survey_quoted(const std::string &text);
-
 #endif

@@ -3,6 +3,7 @@
 #include "fwutil/fwu_config.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
+#include "util/json_text.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -30,12 +31,12 @@ static void print_text(const survey_file &facts)
 static void print_json(const survey_file &facts)
 {
     printf("{\"file\":%s,\"transactions\":%" PRIu64 ",\"entries\":%" PRIu64 ",\"tail\":%" PRId64,
-           survey_quoted(facts.file.path).c_str(), facts.transactions, facts.entries, facts.tail);
+           json_text(facts.file.path).c_str(), facts.transactions, facts.entries, facts.tail);
     if (facts.missing_from != 0)
         printf(",\"missing_from\":%" PRId32 ",\"missing_to\":%" PRId32, facts.missing_from,
                facts.missing_to);
     if (!facts.damage.empty())
-        printf(",\"damage\":%s,\"offset\":%" PRId64, survey_quoted(facts.damage).c_str(),
+        printf(",\"damage\":%s,\"offset\":%" PRId64, json_text(facts.damage).c_str(),
                facts.damage_at);
     puts("}");
 }

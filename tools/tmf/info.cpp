@@ -156,13 +156,6 @@ static void put_member(std::string &out, const char *name, const std::string &va
     out += std::string("\"") + name + "\":" + value;
 }
 
-static std::string json_text(std::string_view text)
-{
-    std::string out;
-    json_text_append(out, text);
-    return out;
-}
-
 static std::string json_flag(bool on)
 {
     return on ? "true" : "false";
