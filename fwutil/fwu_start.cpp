@@ -1,10 +1,10 @@
-// Where reading starts.
+// Positions as text, and the files that they name.
 #include "fwutil/fwu_start.h"
 
 #include "fwutil/fwu_cursor.h"
 #include "fwutil/fwu_error.h"
 
-#include <string_view>
+#include <charconv>
 
 std::string fwu_position_text(const fwu_position &position)
 {
@@ -12,19 +12,14 @@ std::string fwu_position_text(const fwu_position &position)
            std::to_string(position.tag);
 }
 
-// Takes decimal digits off the front of text; -1 when there are none or the
-// number is larger than max.
-static int32_t take_number(std::string_view &text, int32_t max)
+// Takes decimal digits off the front of text: a number from smallest on.
+static bool take_number(std::string_view &text, int32_t smallest, int32_t &number)
 {
-    int64_t value = 0;
-    size_t digits = 0;
-    for (; digits < text.size() && text[digits] >= '0' && text[digits] <= '9'; digits++) {
-        value = value * 10 + (text[digits] - '0');
-        if (value > max)
-            return -1;
-    }
-    text.remove_prefix(digits);
-    return digits > 0 ? static_cast<int32_t>(value) : -1;
+    if (text.empty() || text[0] == '-')
+        return false;
+    const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<size_t>(end - text.data()));
+    return code == std::errc() && number >= smallest;
 }
 
 static bool take_char(std::string_view &text, char c)
@@ -35,31 +30,29 @@ static bool take_char(std::string_view &text, char c)
     return true;
 }
 
+bool fwu_position_parse(std::string_view text, fwu_position &position)
+{
+    position = fwu_position();
+    if (!take_number(text, 1, position.sequence))
+        return false;
+    if (!take_char(text, '-'))
+        return text.empty();
+    position.generation = position.sequence;
+    if (!take_number(text, 1, position.sequence))
+        return false;
+    if (take_char(text, '.') && !take_number(text, 0, position.tag))
+        return false;
+    return text.empty();
+}
+
 int fwu_start_parse(const char *text, fwu_position &position)
 {
-    std::string_view rest = text;
-    position = fwu_position();
-    const int32_t first = take_number(rest, FWU_SEQUENCE_MAX);
-    bool good = first >= 1;
-    if (good && rest.empty()) {
-        position.sequence = first;
+    if (fwu_position_parse(text, position) && position.generation <= FWU_GENERATION_MAX &&
+        position.sequence <= FWU_SEQUENCE_MAX)
         return 0;
-    }
-    position.generation = first;
-    good = good && first <= FWU_GENERATION_MAX && take_char(rest, '-');
-    if (good) {
-        position.sequence = take_number(rest, FWU_SEQUENCE_MAX);
-        good = position.sequence >= 1 && take_char(rest, '.');
-    }
-    if (good) {
-        position.tag = take_number(rest, INT32_MAX);
-        good = position.tag >= 0 && rest.empty();
-    }
-    if (!good)
-        return fwu_error("start position \"%s\": give a log file number (25) for its first record, "
-                         "or generation-sequence.tag (1-25.340) for the record behind that one",
-                         text);
-    return 0;
+    return fwu_error("start position \"%s\": give a log file number (25) for its first record, "
+                     "or generation-sequence.tag (1-25.340) for the record behind that one",
+                     text);
 }
 
 const fwu_log_file *fwu_start_look(const std::vector<fwu_log_file> &files, fwu_position &position)

@@ -1,10 +1,11 @@
-// Positions in the log, and the start specification "25" or "1-25.340".
+// Positions in the log, as text too, and where reading starts.
 #ifndef FWUTIL_FWU_START_H
 #define FWUTIL_FWU_START_H
 
 #include <compare>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -30,8 +31,13 @@ struct fwu_position {
 // "1-25.340"
 std::string fwu_position_text(const fwu_position &position);
 
-// Reads a start specification.  A file number alone leaves generation 0 and tag
-// 0: the newest generation that has the file.  0, or -1 (reported).
+// Reads a position as all programs take it: a log file number ("25", any generation: 0),
+// generation and number ("1-25"), or those and a tag ("1-25.340").  Tag 0: none was given.
+// False when text is none of these.
+bool fwu_position_parse(std::string_view text, fwu_position &position);
+
+// Reads a start specification, which is a position.  A file number alone leaves
+// generation 0: the newest generation that has the file.  0, or -1 (reported).
 int fwu_start_parse(const char *text, fwu_position &position);
 
 // The file that a position names, whose generation it completes; null: there is none.

@@ -14,7 +14,7 @@ struct start_row {
     fwu_position position;
 };
 
-TEST(Start, AcceptsAFileNumberOrAWholePosition)
+TEST(Start, AcceptsAFileWithOrWithoutGenerationAndAWholePosition)
 {
     for (const start_row &row : std::vector<start_row>{
              {"25", true, {0, 25, 0}},
@@ -22,6 +22,7 @@ TEST(Start, AcceptsAFileNumberOrAWholePosition)
              {"99999999", true, {0, 99999999, 0}},
              {"1-25.340", true, {1, 25, 340}},
              {"9999-1.0", true, {9999, 1, 0}},
+             {"1-25", true, {1, 25, 0}},
              {"1-25.2147483647", true, {1, 25, 2147483647}},
              {"", false, {}},
              {"0", false, {}},
@@ -31,7 +32,10 @@ TEST(Start, AcceptsAFileNumberOrAWholePosition)
              {" 1", false, {}},
              {"1 ", false, {}},
              {"x", false, {}},
-             {"1-25", false, {}},
+             {"1-x", false, {}},
+             {"1-", false, {}},
+             {"1--25", false, {}},
+             {"1-25.-0", false, {}},
              {"1.5", false, {}},
              {"0-1.1", false, {}},
              {"10000-1.1", false, {}},

@@ -11,8 +11,8 @@
 struct dump_options {
     const char *cfg = nullptr;
     bool hex = false;
-    fwlog_position from;
-    fwlog_position to;
+    fwu_position from;
+    fwu_position to;
 };
 
 struct dump_state {
@@ -32,7 +32,7 @@ static int scan_options(dump_options &options, int argc, char **argv)
         } else if (is_from || strcmp(word, "--to") == 0) {
             if (++i == argc)
                 return fwlog_usage_error("option lacks its position", word);
-            if (!fwlog_position_parse(is_from ? options.from : options.to, argv[i]))
+            if (!fwu_position_parse(argv[i], is_from ? options.from : options.to))
                 return fwlog_usage_error("not a position (25, 1-25 or 1-25.340)", argv[i]);
         } else if (strcmp(word, "--hex") == 0) {
             options.hex = true;
@@ -45,12 +45,14 @@ static int scan_options(dump_options &options, int argc, char **argv)
 
 static bool before_range(const dump_state &state, const fwu_log_file &file, int32_t tag)
 {
-    return state.options.from.given && fwlog_position_compare(file, tag, state.options.from) < 0;
+    return fwlog_position_given(state.options.from) &&
+           fwlog_position_compare(file, tag, state.options.from) < 0;
 }
 
 static bool behind_range(const dump_state &state, const fwu_log_file &file, int32_t tag)
 {
-    return state.options.to.given && fwlog_position_compare(file, tag, state.options.to) > 0;
+    return fwlog_position_given(state.options.to) &&
+           fwlog_position_compare(file, tag, state.options.to) > 0;
 }
 
 // Layouts before the range are read, for the images inside it, but not printed.

@@ -1,24 +1,17 @@
-// Positions on fwlog's command line: a log file, or an entry in one.
+// Comparing with the positions of fwlog's command line.
 #ifndef TOOLS_FWLOG_POSITION_H
 #define TOOLS_FWLOG_POSITION_H
 
 #include "fwutil/fwu_cursor.h"
+#include "fwutil/fwu_start.h"
 
 #include <cstdint>
-#include <string_view>
 
-struct fwlog_position {
-    bool given = false;
-    int32_t generation = 0; // 0: any
-    int32_t sequence = 0;
-    int32_t tag = 0; // 0: the whole file
-};
-
-// "25", "1-25" or "1-25.340"; false when text is none of these.
-bool fwlog_position_parse(fwlog_position &position, std::string_view text);
+// Whether an option has given it.
+bool fwlog_position_given(const fwu_position &position);
 
 // Below 0: file and tag stand before position; above 0: behind it.  A position
-// without a tag holds every tag of its file.
-int fwlog_position_compare(const fwu_log_file &file, int32_t tag, const fwlog_position &position);
+// without a generation is in each, one without a tag holds every tag of its file.
+int fwlog_position_compare(const fwu_log_file &file, int32_t tag, const fwu_position &position);
 
 #endif

@@ -26,7 +26,7 @@
 struct prune_options {
     const char *cfg = nullptr;
     size_t keep = 0; // 0: not given
-    fwlog_position before;
+    fwu_position before;
     std::vector<const char *> statuses;
     bool dry_run = false;
     bool json = false;
@@ -51,7 +51,7 @@ static int take_option(prune_options &options, const char *option, const char *w
         options.statuses.push_back(word);
     else if (strcmp(option, "--keep") == 0 && !parse_count(options.keep, word))
         return fwlog_usage_error("not a number of files (1 or more)", word);
-    else if (strcmp(option, "--before") == 0 && !fwlog_position_parse(options.before, word))
+    else if (strcmp(option, "--before") == 0 && !fwu_position_parse(word, options.before))
         return fwlog_usage_error("not a position (25, 1-25 or 1-25.340)", word);
     return FWLOG_EXIT_OK;
 }
@@ -83,9 +83,9 @@ static int scan_options(prune_options &options, int argc, char **argv)
         if (usage != FWLOG_EXIT_OK)
             return usage;
     }
-    if (options.keep == 0 && !options.before.given)
+    if (options.keep == 0 && !fwlog_position_given(options.before))
         return fwlog_usage_error("give --keep or --before", "prune");
-    if (options.keep != 0 && options.before.given)
+    if (options.keep != 0 && fwlog_position_given(options.before))
         return fwlog_usage_error("give only one of --keep and --before", "prune");
     return FWLOG_EXIT_OK;
 }
@@ -105,8 +105,7 @@ static int find_last_transaction(const std::vector<fwu_log_file> &files, size_t 
 }
 
 // The number of files before the position.  0 or -1 (reported).
-static int count_before(const std::vector<fwu_log_file> &files, fwlog_position before,
-                        size_t &count)
+static int count_before(const std::vector<fwu_log_file> &files, fwu_position before, size_t &count)
 {
     if (before.generation == 0) {
         before.generation = files.back().generation;
@@ -131,7 +130,7 @@ static int count_old(const std::vector<fwu_log_file> &files, const prune_options
     count = 0;
     if (files.empty())
         return 0;
-    if (options.before.given && count_before(files, options.before, count) != 0)
+    if (fwlog_position_given(options.before) && count_before(files, options.before, count) != 0)
         return -1;
     if (options.keep != 0)
         count = files.size() - std::min(files.size(), options.keep);
