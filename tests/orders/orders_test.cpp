@@ -2,6 +2,7 @@
 // as text and as messages, replayed, and compared with what the database held in the end.
 #include "msgfile/tmf.h"
 #include "tests/orders/orders_fixture.h"
+#include "tests/support/markdown.h"
 
 #include <algorithm>
 #include <cstring>
@@ -194,4 +195,23 @@ TEST_F(OrdersTest, AFullFileStopsTheRunAndTheNextFileGoesOn)
     EXPECT_EQ(run({kestro, "-synconly", "-exthdr", "-yyyy", "-recnum", "b.msg"}).status, 0);
     // The record that filled the first file counts as failed, so it comes again.
     EXPECT_EQ(records_in(dir.file("a.msg")) + records_in(dir.file("b.msg")), CHANGES + 1);
+}
+
+TEST_F(OrdersTest, FirstRecordIsTheExampleOfThePage)
+{
+    ASSERT_EQ(run({kestro, "-synconly", "-ascii", "-exthdr", "-yyyy", "-recnum", "all.txt"}).status,
+              0);
+    const std::string record = read_file(dir.file("all.txt"));
+    std::istringstream lines(md_find_block(md_page("docs/capture-record.md"), "000000"));
+    std::string line;
+    size_t at = 0;
+    for (const size_t width : {6, 24, 16, 16, 2, 24, 8, 24, 6, 15}) {
+        ASSERT_TRUE(std::getline(lines, line));
+        const std::string item = line.substr(0, line.find("  "));
+        EXPECT_EQ(record.substr(at, width), item + std::string(width - item.size(), ' ')) << line;
+        at += width;
+    }
+    ASSERT_TRUE(std::getline(lines, line));
+    ASSERT_GT(line.size(), 60U);
+    EXPECT_EQ(record.compare(at, line.size() - 4, line, 0, line.size() - 4), 0) << line;
 }

@@ -1,0 +1,162 @@
+// docs/operations.md against the words, names and messages of the program.
+#include "capture/settings.h"
+#include "msgfile/tmf.h"
+#include "msgfile/tmf_error.h"
+#include "tests/support/captured.h"
+#include "tests/support/markdown.h"
+#include "tests/support/tempdir.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <regex>
+#include <set>
+
+static const char PAGE[] = "docs/operations.md";
+
+// The result of reading the settings with one of them in the environment.
+static int read_with(const char *name, const std::string &value)
+{
+    int rc = 0;
+    setenv(name, value.c_str(), 1);
+    (void)capture([&] { rc = read_capture_settings(); });
+    unsetenv(name);
+    return rc;
+}
+
+// The words of the table for a setting, "MS" in the place of a number.
+static std::vector<std::string> words_of(const char *name)
+{
+    std::vector<std::string> words;
+    for (const auto &row : md_find_table(md_page(PAGE), "`" + std::string(name) + "`").rows)
+        words.push_back(md_code(row[0]).at(0));
+    return words;
+}
+
+TEST(OperationsPage, WordsOfKestroTextAreTheProgramsAndNoOthers)
+{
+    std::set<int32_t> modes;
+    for (const std::string &word : words_of("KESTRO_TEXT")) {
+        EXPECT_EQ(read_with("KESTRO_TEXT", word), 0) << word;
+        modes.insert(g_capture_settings.text);
+    }
+    EXPECT_THAT(modes, testing::ElementsAre(TEXT_TRUNCATE, TEXT_APPEND, TEXT_NEW));
+}
+
+TEST(OperationsPage, WordsOfKestroSyncAreTheProgramsAndNoOthers)
+{
+    std::set<int32_t> modes;
+    for (const std::string &word : words_of("KESTRO_SYNC")) {
+        EXPECT_EQ(read_with("KESTRO_SYNC", std::regex_replace(word, std::regex("MS"), "250")), 0)
+            << word;
+        modes.insert(g_capture_settings.sync);
+    }
+    EXPECT_THAT(modes, testing::ElementsAre(SYNC_IDLE, SYNC_INTERVAL, SYNC_RECORD, SYNC_OFF));
+}
+
+TEST(OperationsPage, WhatHoldsWithoutAWordIsTheRowThatSaysSo)
+{
+    for (const char *name : {"KESTRO_TEXT", "KESTRO_SYNC"}) {
+        ASSERT_EQ(read_capture_settings(), 0);
+        const capture_settings unset = g_capture_settings;
+        for (const auto &row : md_find_table(md_page(PAGE), "`" + std::string(name) + "`").rows) {
+            if (row[0].find("(not set)") == std::string::npos)
+                continue;
+            ASSERT_EQ(read_with(name, md_code(row[0]).at(0)), 0);
+            EXPECT_EQ(g_capture_settings.text, unset.text) << name;
+            EXPECT_EQ(g_capture_settings.sync, unset.sync) << name;
+        }
+    }
+}
+
+// The sources of the program and of its libraries, one behind the other.
+static std::string sources(const std::vector<std::string> &folders)
+{
+    std::string text;
+    for (const std::string &folder : folders) {
+        for (const auto &entry : std::filesystem::recursive_directory_iterator(
+                 std::filesystem::path(KESTRO_SOURCE_DIR) / folder)) {
+            if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")
+                text += read_file(entry.path().string());
+        }
+    }
+    return text;
+}
+
+TEST(OperationsPage, EnvironmentIsWhatTheSourcesRead)
+{
+    static const std::regex variable("\"((KESTRO|FWUTIL)_[A-Z]+)\"");
+    const std::string text = sources({"driver", "capture", "ascii", "fwutil"});
+    std::set<std::string> read;
+    for (std::sregex_iterator at(text.begin(), text.end(), variable), end; at != end; ++at)
+        read.insert((*at)[1]);
+    std::set<std::string> listed;
+    for (const auto &row : md_find_table(md_page(PAGE), "variable").rows) {
+        const std::string name = md_code(row[0]).at(0);
+        if (name.find("KESTRO_") == 0 || name.find("FWUTIL_") == 0)
+            listed.insert(name);
+    }
+    EXPECT_EQ(listed, read);
+}
+
+// The fixed parts of a message: what stands between names in capitals, numbers and
+// "...", without punctuation at the ends, which may follow from what is put in.
+static std::vector<std::string> fixed_parts(const std::string &message)
+{
+    static const std::regex open(R"(\.\.\.|#?\b(OTHER|NAME|FILE|N|X|0)(\.[a-z]+)*\b|')");
+    static const char PUNCTUATION[] = " ;,:.";
+    std::vector<std::string> parts;
+    std::sregex_token_iterator at(message.begin(), message.end(), open, -1);
+    for (const std::sregex_token_iterator end; at != end; ++at) {
+        const std::string part = *at;
+        const size_t first = part.find_first_not_of(PUNCTUATION);
+        if (first != std::string::npos)
+            parts.push_back(part.substr(first, part.find_last_not_of(PUNCTUATION) + 1 - first));
+    }
+    return parts;
+}
+
+TEST(OperationsPage, EachMessageStandsInTheSources)
+{
+    // Texts may be cut into several literals.
+    const std::string text =
+        std::regex_replace(sources({"driver", "capture", "ascii"}), std::regex("\"\n *\""), "");
+    size_t checked = 0;
+    for (const auto &row : md_find_table(md_page(PAGE), "message").rows) {
+        for (const std::string &message : md_code(row[0])) {
+            for (const std::string &part : fixed_parts(message)) {
+                EXPECT_NE(text.find(part), std::string::npos) << message << ": \"" << part << '"';
+                checked++;
+            }
+        }
+    }
+    EXPECT_GT(checked, 40U);
+}
+
+// All texts of codes; "%s" is any text.
+static bool is_code_text(const std::string &detail)
+{
+    for (int code = TMF_ESIGNAL; code <= 1; code++) {
+        char text[TMF_ERRMSG_SIZE];
+        tmf_code_text(code, "%s", text);
+        const std::string whole = text;
+        const size_t mark = whole.find("%s");
+        const std::string begin = whole.substr(0, mark);
+        const std::string rest = mark == std::string::npos ? "" : whole.substr(mark + 2);
+        if (mark == std::string::npos
+                ? detail == whole
+                : detail.find(begin) == 0 && detail.size() >= begin.size() + rest.size() &&
+                      detail.compare(detail.size() - rest.size(), rest.size(), rest) == 0)
+            return true;
+    }
+    return false;
+}
+
+TEST(OperationsPage, DetailsAreTextsOfCodes)
+{
+    for (const auto &row : md_find_table(md_page(PAGE), "detail").rows) {
+        for (const std::string &detail : md_code(row[0]))
+            EXPECT_TRUE(is_code_text(detail)) << detail;
+    }
+    EXPECT_FALSE(is_code_text("Error writing datum."));
+    EXPECT_FALSE(is_code_text("Error opening"));
+}
