@@ -35,13 +35,12 @@ static std::string describe(const fwu_item &item)
     return out + ")";
 }
 
-static bool number_error(const fwu_item &item, std::string_view text, feed_number_result result,
-                         std::string &error)
+static outcome number_error(const fwu_item &item, std::string_view text, feed_number_result result)
 {
-    error = feed_quote(text);
+    std::string error = feed_quote(text);
     switch (result) {
     case FEED_NUMBER_OK:
-        return true;
+        return {};
     case FEED_NOT_A_NUMBER:
         error += " is not a number, item " + describe(item) + " needs one: make it an X item";
         break;
@@ -56,11 +55,11 @@ static bool number_error(const fwu_item &item, std::string_view text, feed_numbe
         error += " is out of the range of item " + describe(item) + ": make the item wider";
         break;
     }
-    return false;
+    return outcome_bad(std::move(error));
 }
 
-static bool put_number(const feed_image_work &work, const fwu_item &item, const value &from,
-                       unsigned char *out, std::string &error)
+static outcome put_number(const feed_image_work &work, const fwu_item &item, const value &from,
+                          unsigned char *out)
 {
     const std::string_view text = from.kind == FEED_TRUE    ? "1"
                                   : from.kind == FEED_FALSE ? "0"
@@ -82,7 +81,7 @@ static bool put_number(const feed_image_work &work, const fwu_item &item, const 
         result = feed_put_integer(text, item.type != 'K', big_endian, out, item.size);
         break;
     }
-    return result == FEED_NUMBER_OK || number_error(item, text, result, error);
+    return result == FEED_NUMBER_OK ? outcome() : number_error(item, text, result);
 }
 
 // "timestamp(3) without time zone", but no type of somebody's own with such a name.
@@ -92,41 +91,38 @@ static bool is_timestamp(std::string_view type)
 }
 
 // The timestamp as work.text; one with time zone becomes UTC.
-static bool make_stamp(feed_image_work &work, const fwu_item &item, std::string_view text,
-                       std::string &error)
+static outcome make_stamp(feed_image_work &work, const fwu_item &item, std::string_view text)
 {
     if (text == "infinity" || text == "-infinity") {
         work.text = text;
-        return true;
+        return {};
     }
     feed_stamp stamp;
-    if (!feed_stamp_parse(stamp, text)) {
-        error = feed_quote(text) + " is not a timestamp of the years 0001 to 9999, written "
-                                   "YYYY-MM-DD HH:MM:SS: let the server write dates in the ISO "
-                                   "style, or leave the column out of the dataset";
-        return false;
-    }
+    if (!feed_stamp_parse(stamp, text))
+        return outcome_bad(feed_quote(text) +
+                           " is not a timestamp of the years 0001 to 9999, written "
+                           "YYYY-MM-DD HH:MM:SS: let the server write dates in the ISO "
+                           "style, or leave the column out of the dataset");
     const size_t width = static_cast<size_t>(item.size);
     const size_t decimals =
         width <= STAMP_LENGTH ? 0 : std::min(width - STAMP_LENGTH - 1, STAMP_DECIMALS_MAX);
     if (feed_stamp_format(work.text, stamp, static_cast<int>(decimals)))
-        return true;
-    error = feed_quote(text) + " has decimals that item " + describe(item) +
-            " has no room for (or a year above 9999 in UTC): make the item up to 26 wide";
-    return false;
+        return {};
+    return outcome_bad(
+        feed_quote(text) + " has decimals that item " + describe(item) +
+        " has no room for (or a year above 9999 in UTC): make the item up to 26 wide");
 }
 
-static bool make_latin1(feed_image_work &work, std::string_view text, std::string &error)
+static outcome make_latin1(feed_image_work &work, std::string_view text)
 {
     uint32_t bad = 0;
     if (feed_latin1(work.text, text, bad))
-        return true;
+        return {};
     char code[16];
     snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(bad));
-    error = feed_quote(text) + " has the character " + code +
-            ", which has no place in ISO 8859-1: change the text at its source, or leave the "
-            "column out of the dataset";
-    return false;
+    return outcome_bad(feed_quote(text) + " has the character " + code +
+                       ", which has no place in ISO 8859-1: change the text at its source, or "
+                       "leave the column out of the dataset");
 }
 
 // Types whose values mean something when they are cut.
@@ -143,8 +139,8 @@ static void drop_filling(std::string &text, size_t width)
         text.pop_back();
 }
 
-static bool put_text(feed_image_work &work, const fwu_item &item, const value &from,
-                     unsigned char *out, std::string &error)
+static outcome put_text(feed_image_work &work, const fwu_item &item, const value &from,
+                        unsigned char *out)
 {
     const size_t width = static_cast<size_t>(item.size);
     bool may_cut = false;
@@ -153,66 +149,59 @@ static bool put_text(feed_image_work &work, const fwu_item &item, const value &f
     } else if (from.kind == FEED_DIGITS) {
         work.text = from.text;
     } else if (is_timestamp(from.type)) {
-        if (!make_stamp(work, item, from.text, error))
-            return false;
+        if (outcome made = make_stamp(work, item, from.text); !made)
+            return made;
     } else {
-        if (!make_latin1(work, from.text, error))
-            return false;
+        if (outcome made = make_latin1(work, from.text); !made)
+            return made;
         may_cut = is_text_type(from.type);
         if (from.type == "character" || from.type.starts_with("character("))
             drop_filling(work.text, width);
     }
 
     if (work.text.size() > width) {
-        if (!may_cut || !work.settings.truncate) {
-            error = feed_quote(from.text) + " is " + std::to_string(work.text.size()) +
-                    " characters long, item " + describe(item) + " holds " + std::to_string(width) +
-                    ": make the item wider" + (may_cut ? ", or cut texts with --truncate" : "");
-            return false;
-        }
+        if (!may_cut || !work.settings.truncate)
+            return outcome_bad(feed_quote(from.text) + " is " + std::to_string(work.text.size()) +
+                               " characters long, item " + describe(item) + " holds " +
+                               std::to_string(width) + ": make the item wider" +
+                               (may_cut ? ", or cut texts with --truncate" : ""));
         work.text.resize(width);
         work.truncated++;
     }
     memcpy(out, work.text.data(), work.text.size());
     memset(out + work.text.size(), ' ', width - work.text.size());
-    return true;
+    return {};
 }
 
-static bool put_value(feed_image_work &work, const fwu_item &item, const value &from,
-                      unsigned char *out, std::string &error)
+static outcome put_value(feed_image_work &work, const fwu_item &item, const value &from,
+                         unsigned char *out)
 {
-    return is_text(item) ? put_text(work, item, from, out, error)
-                         : put_number(work, item, from, out, error);
+    return is_text(item) ? put_text(work, item, from, out) : put_number(work, item, from, out);
 }
 
-static bool put_array(feed_image_work &work, const fwu_item &item, const value &from,
-                      unsigned char *out, std::string &error)
+static outcome put_array(feed_image_work &work, const fwu_item &item, const value &from,
+                         unsigned char *out)
 {
-    if (from.kind != FEED_TEXT) {
-        error = "is not an array, item " + item.name + " has " + std::to_string(item.count) +
-                " elements: give it one element";
-        return false;
-    }
-    if (const char *wrong = feed_array(work.elements, from.text)) {
-        error = feed_quote(from.text) + " " + wrong + "; item " + item.name + " needs a list of " +
-                std::to_string(item.count) + " values: or make it an X item of one element";
-        return false;
-    }
-    if (work.elements.size() != static_cast<size_t>(item.count)) {
-        error = feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
-                " elements, item " + item.name + " has " + std::to_string(item.count) +
-                ": the numbers must be the same";
-        return false;
-    }
+    if (from.kind != FEED_TEXT)
+        return outcome_bad("is not an array, item " + item.name + " has " +
+                           std::to_string(item.count) + " elements: give it one element");
+    if (const char *wrong = feed_array(work.elements, from.text))
+        return outcome_bad(feed_quote(from.text) + " " + wrong + "; item " + item.name +
+                           " needs a list of " + std::to_string(item.count) +
+                           " values: or make it an X item of one element");
+    if (work.elements.size() != static_cast<size_t>(item.count))
+        return outcome_bad(feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
+                           " elements, item " + item.name + " has " + std::to_string(item.count) +
+                           ": the numbers must be the same");
     for (const std::string &element : work.elements) {
         value one{.kind = FEED_TEXT, .text = element, .type = from.type};
         if (from.type == "boolean" && (element == "t" || element == "f"))
             one.kind = element == "t" ? FEED_TRUE : FEED_FALSE;
-        if (!put_value(work, item, one, out, error))
-            return false;
+        if (outcome put = put_value(work, item, one, out); !put)
+            return put;
         out += item.size;
     }
-    return true;
+    return {};
 }
 
 static void put_null(const fwu_item &item, unsigned char *out)
@@ -236,19 +225,18 @@ static bool is_array(const feed_column &column)
            (column.value.starts_with('{') || column.value.starts_with('['));
 }
 
-static bool put_column(feed_image_work &work, const feed_table &table, const fwu_item &item,
-                       const feed_column &column, unsigned char *out, std::string &error)
+static outcome put_column(feed_image_work &work, const feed_table &table, const fwu_item &item,
+                          const feed_column &column, unsigned char *out)
 {
     if (column.kind == FEED_NULL) {
-        if (table.dataset->null_map < 0) {
-            error = "is null, and dataset " + table.dataset->layout.dbname + "." +
-                    table.dataset->layout.dsetname +
-                    " has no item to say so: give it an X item with the word null-map in the "
-                    "configuration";
-            return false;
-        }
+        if (table.dataset->null_map < 0)
+            return outcome_bad(
+                "is null, and dataset " + table.dataset->layout.dbname + "." +
+                table.dataset->layout.dsetname +
+                " has no item to say so: give it an X item with the word null-map in the "
+                "configuration");
         put_null(item, out);
-        return true;
+        return {};
     }
     // A text takes an array as it is written.
     const bool array = item.count > 1 || (!is_text(item) && is_array(column));
@@ -256,8 +244,7 @@ static bool put_column(feed_image_work &work, const feed_table &table, const fwu
     if (array && type.ends_with("[]"))
         type.remove_suffix(2);
     const value from{.kind = column.kind, .text = column.value, .type = type};
-    return array ? put_array(work, item, from, out, error)
-                 : put_value(work, item, from, out, error);
+    return array ? put_array(work, item, from, out) : put_value(work, item, from, out);
 }
 
 static const feed_column *column_at(const feed_map &map, const feed_row &row, size_t item)
@@ -266,21 +253,20 @@ static const feed_column *column_at(const feed_map &map, const feed_row &row, si
     return index == FEED_NO_COLUMN ? nullptr : &row.columns[static_cast<size_t>(index)];
 }
 
-static bool missing_error(const feed_table &table, const fwu_item &item, bool is_old,
-                          std::string &error)
+static outcome missing_error(const feed_table &table, const fwu_item &item, bool is_old)
 {
-    error = table.name + ": item " + item.name;
+    std::string error = table.name + ": item " + item.name;
     error += is_old ? " has no column in the old row of this change: run ALTER TABLE " +
                           table.name + " REPLICA IDENTITY FULL, or take"
                     : std::string(" has no column in the stream: take");
     error += " the item out of the configuration";
-    return false;
+    return outcome_bad(std::move(error));
 }
 
 // Makes the image item by item; find(i) is the column that feeds item i, or null.
 template <typename Find>
-static bool make_image(feed_image_work &work, std::vector<unsigned char> &image,
-                       const feed_table &table, Find find, bool is_old, std::string &error)
+static outcome make_image(feed_image_work &work, std::vector<unsigned char> &image,
+                          const feed_table &table, Find find, bool is_old)
 {
     const std::vector<fwu_item> &items = table.dataset->layout.items;
     const int null_map = table.dataset->null_map;
@@ -297,41 +283,39 @@ static bool make_image(feed_image_work &work, std::vector<unsigned char> &image,
         if (static_cast<int>(i) == null_map)
             continue;
         const feed_column *column = find(i);
-        if (column == nullptr) {
-            return missing_error(table, items[i], is_old, error);
-        }
-        if (!put_column(work, table, items[i], *column, image.data() + table.offsets[i], error)) {
-            error = feed_column_name(table, *column) + ": " + error;
-            return false;
-        }
+        if (column == nullptr)
+            return missing_error(table, items[i], is_old);
+        outcome put = put_column(work, table, items[i], *column, image.data() + table.offsets[i]);
+        if (!put)
+            return std::move(put).at(feed_column_name(table, *column) + ": ");
         if (nulls != nullptr)
             *nulls++ = column->kind == FEED_NULL ? 'N' : '.';
     }
-    return true;
+    return {};
 }
 
-bool feed_new_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
-                    const feed_row &row, const feed_row *old_row, std::string &error)
+outcome feed_new_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                       const feed_row &row, const feed_row *old_row)
 {
-    if (!feed_map_columns(table.columns_map, table, row, work.notes, error))
-        return false;
-    if (old_row != nullptr &&
-        !feed_map_columns(table.identity_map, table, *old_row, work.notes, error))
-        return false;
+    outcome mapped = feed_map_columns(table.columns_map, table, row, work.notes);
+    if (mapped && old_row != nullptr)
+        mapped = feed_map_columns(table.identity_map, table, *old_row, work.notes);
+    if (!mapped)
+        return mapped;
     const auto find = [&](size_t item) {
         const feed_column *column = column_at(table.columns_map, row, item);
         if (column == nullptr && old_row != nullptr)
             column = column_at(table.identity_map, *old_row, item);
         return column;
     };
-    return make_image(work, image, table, find, false, error);
+    return make_image(work, image, table, find, false);
 }
 
-bool feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
-                    const feed_row &old_row, std::string &error)
+outcome feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                       const feed_row &old_row)
 {
-    if (!feed_map_columns(table.identity_map, table, old_row, work.notes, error))
-        return false;
+    if (outcome mapped = feed_map_columns(table.identity_map, table, old_row, work.notes); !mapped)
+        return mapped;
     const auto find = [&](size_t item) { return column_at(table.identity_map, old_row, item); };
-    return make_image(work, image, table, find, true, error);
+    return make_image(work, image, table, find, true);
 }

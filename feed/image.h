@@ -4,6 +4,7 @@
 
 #include "feed/row.h"
 #include "feed/table.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <string>
@@ -25,12 +26,12 @@ struct feed_image_work {
 
 // The image of a new row, of table.image_length bytes.  Columns that the row
 // lacks are taken from the old row, when there is one (null: there is none).
-// False, with the column and the reason in error, when a value does not fit.
-bool feed_new_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
-                    const feed_row &row, const feed_row *old_row, std::string &error);
+// OUTCOME_BAD, with the column and the reason, when a value does not fit.
+outcome feed_new_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                       const feed_row &row, const feed_row *old_row);
 
 // The image of an old row, which must have all columns.
-bool feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
-                    const feed_row &old_row, std::string &error);
+outcome feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
+                       const feed_row &old_row);
 
 #endif

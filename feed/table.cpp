@@ -58,41 +58,42 @@ const fwu_dataset *feed_configured(const fwu_config &config, std::string_view sc
     return nullptr;
 }
 
-std::string feed_bad_name_text(const fwu_config &config, const std::string &name,
-                               std::string_view schema, std::string_view table)
+outcome feed_check_name(const fwu_config &config, const std::string &name, std::string_view schema,
+                        std::string_view table)
 {
     const std::string dbname = feed_name(schema);
     const std::string dsetname = feed_name(table);
-    if (dbname.size() <= NAME_MAX_LENGTH && dsetname.size() <= NAME_MAX_LENGTH)
-        return fwu_database_name_ok(dbname) && fwu_dataset_name_ok(dsetname)
-                   ? std::string()
-                   : "table " + name + ": " + dbname + "." + dsetname +
-                         " has characters that names of databases and datasets cannot have: name "
-                         "the dataset in " +
-                         config.path + " with table=" + name +
-                         ", or leave the table out with the line skip-table " + name;
-    return "table " + name + ": " + (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
-           " is longer than the 16 characters of a name: give the dataset a short name in " +
-           config.path + " with table=" + name +
-           ", or leave the table out with the line skip-table " + name;
+    if (dbname.size() > NAME_MAX_LENGTH || dsetname.size() > NAME_MAX_LENGTH)
+        return outcome_bad("table " + name + ": " +
+                           (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
+                           " is longer than the 16 characters of a name: give the dataset a short "
+                           "name in " +
+                           config.path + " with table=" + name +
+                           ", or leave the table out with the line skip-table " + name);
+    if (fwu_database_name_ok(dbname) && fwu_dataset_name_ok(dsetname))
+        return {};
+    return outcome_bad("table " + name + ": " + dbname + "." + dsetname +
+                       " has characters that names of databases and datasets cannot have: name "
+                       "the dataset in " +
+                       config.path + " with table=" + name +
+                       ", or leave the table out with the line skip-table " + name);
 }
 
-static const fwu_dataset *find_dataset(const fwu_config &config, const std::string &name,
-                                       std::string_view schema, std::string_view table,
-                                       std::string &error)
+static outcome find_dataset(const fwu_dataset *&dataset, const fwu_config &config,
+                            const std::string &name, std::string_view schema,
+                            std::string_view table)
 {
-    const fwu_dataset *dataset = feed_configured(config, schema, table);
+    dataset = feed_configured(config, schema, table);
     if (dataset != nullptr)
-        return dataset;
-    error = feed_bad_name_text(config, name, schema, table);
-    if (error.empty())
-        error = "table " + name + " is not in " + config.path + ": describe dataset " +
-                feed_name(table) + " of database " + feed_name(schema) +
-                " there, or leave the table out with the line skip-table " + name;
-    return nullptr;
+        return {};
+    if (outcome checked = feed_check_name(config, name, schema, table); !checked)
+        return checked;
+    return outcome_bad("table " + name + " is not in " + config.path + ": describe dataset " +
+                       feed_name(table) + " of database " + feed_name(schema) +
+                       " there, or leave the table out with the line skip-table " + name);
 }
 
-static bool measure(feed_table &table, const fwu_config &config, std::string &error)
+static outcome measure(feed_table &table, const fwu_config &config)
 {
     const fwu_dataset &dataset = *table.dataset;
     const std::vector<fwu_item> &items = dataset.layout.items;
@@ -100,80 +101,86 @@ static bool measure(feed_table &table, const fwu_config &config, std::string &er
         config.path + ":" + std::to_string(dataset.line) + ": dataset " + dataset_name(dataset);
     int64_t offset = 0;
     for (const fwu_item &item : items) {
-        if (!size_allowed(item) || item.count < 1) {
-            error = where + ": item " + item.name + " has a type and size that cannot be loaded";
-            return false;
-        }
+        if (!size_allowed(item) || item.count < 1)
+            return outcome_bad(where + ": item " + item.name +
+                               " has a type and size that cannot be loaded");
         table.offsets.push_back(offset);
         offset += int64_t{item.size} * item.count;
-        if (offset > INT32_MAX) {
-            error = where + ": the record image is longer than 2 GB";
-            return false;
-        }
+        if (offset > INT32_MAX)
+            return outcome_bad(where + ": the record image is longer than 2 GB");
     }
     table.image_length = static_cast<int32_t>(offset);
 
     if (dataset.null_map < 0)
-        return true;
+        return {};
     const size_t index = static_cast<size_t>(dataset.null_map);
     if (index >= items.size() || items[index].type != 'X' ||
-        int64_t{items[index].size} * items[index].count < static_cast<int64_t>(items.size()) - 1) {
-        error = where + ": the null map must be an X item with a character for each other item, " +
-                std::to_string(items.size() - 1);
-        return false;
-    }
-    return true;
+        int64_t{items[index].size} * items[index].count < static_cast<int64_t>(items.size()) - 1)
+        return outcome_bad(
+            where + ": the null map must be an X item with a character for each other item, " +
+            std::to_string(items.size() - 1));
+    return {};
 }
 
 // Two tables whose names differ in case or in "_" and "-" only come to one dataset.
-static bool feeds_alone(const feed_tables &tables, const feed_table &table, std::string &error)
+static outcome check_feeds_alone(const feed_tables &tables, const feed_table &table)
 {
     for (const auto &[name, other] : tables.known) {
         if (other->dataset == nullptr || name == table.name ||
             dataset_name(*other->dataset) != dataset_name(*table.dataset))
             continue;
-        error = "table " + table.name + " goes into dataset " + dataset_name(*table.dataset) +
-                " like table " + name + ": describe a dataset of its own in " +
-                tables.config->path + " with table=" + table.name;
-        return false;
+        return outcome_bad("table " + table.name + " goes into dataset " +
+                           dataset_name(*table.dataset) + " like table " + name +
+                           ": describe a dataset of its own in " + tables.config->path +
+                           " with table=" + table.name);
     }
-    return true;
+    return {};
 }
 
-feed_table *feed_find_table(feed_tables &tables, std::string_view schema, std::string_view table,
-                            std::string &error)
+outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_view schema,
+                        std::string_view name)
 {
     tables.key.assign(schema);
     tables.key.push_back('.');
-    tables.key.append(table);
+    tables.key.append(name);
     const auto found = tables.known.find(tables.key);
-    if (found != tables.known.end())
-        return found->second.get();
+    if (found != tables.known.end()) {
+        table = found->second.get();
+        return {};
+    }
 
     auto made = std::make_unique<feed_table>();
     made->name = tables.key;
     if (!feed_is_skipped(*tables.config, made->name)) {
-        made->dataset = find_dataset(*tables.config, made->name, schema, table, error);
-        if (made->dataset == nullptr || !measure(*made, *tables.config, error) ||
-            !feeds_alone(tables, *made, error))
-            return nullptr;
+        outcome done = find_dataset(made->dataset, *tables.config, made->name, schema, name);
+        if (done)
+            done = measure(*made, *tables.config);
+        if (done)
+            done = check_feeds_alone(tables, *made);
+        if (!done)
+            return done;
     }
-    return tables.known.emplace(tables.key, std::move(made)).first->second.get();
+    table = tables.known.emplace(tables.key, std::move(made)).first->second.get();
+    return {};
 }
 
-feed_table *feed_put(feed_tables &tables, const std::string &name, fwu_dataset dataset,
-                     std::vector<std::string> columns, std::string &error)
+outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::string &name,
+                       fwu_dataset dataset, std::vector<std::string> columns)
 {
     auto made = std::make_unique<feed_table>();
     made->name = name;
     made->own_columns = std::move(columns);
     made->own = std::make_unique<fwu_dataset>(std::move(dataset));
     made->dataset = made->own.get();
-    if (!measure(*made, *tables.config, error) || !feeds_alone(tables, *made, error))
-        return nullptr;
+    outcome done = measure(*made, *tables.config);
+    if (done)
+        done = check_feeds_alone(tables, *made);
+    if (!done)
+        return done;
     std::unique_ptr<feed_table> &place = tables.known[name];
     place = std::move(made);
-    return place.get();
+    table = place.get();
+    return {};
 }
 
 std::string feed_truncated_text(const feed_table &table)
@@ -201,8 +208,8 @@ static bool same_columns(const feed_map &map, const feed_row &row)
     return true;
 }
 
-static bool feed_item(feed_map &map, const feed_table &table, const feed_row &row, size_t column,
-                      bool &fed, std::string &error)
+static outcome map_column(feed_map &map, const feed_table &table, const feed_row &row,
+                          size_t column, bool &fed)
 {
     fed = false;
     const std::vector<fwu_item> &items = table.dataset->layout.items;
@@ -212,16 +219,14 @@ static bool feed_item(feed_map &map, const feed_table &table, const feed_row &ro
             (table.own == nullptr ? items[i].name != name
                                   : table.own_columns[i] != row.columns[column].name))
             continue;
-        if (map.column_of_item[i] != FEED_NO_COLUMN) {
-            error = feed_column_name(table, row.columns[column]) + ": item " + name +
-                    " is already fed by column " +
-                    row.columns[static_cast<size_t>(map.column_of_item[i])].name;
-            return false;
-        }
+        if (map.column_of_item[i] != FEED_NO_COLUMN)
+            return outcome_bad(feed_column_name(table, row.columns[column]) + ": item " + name +
+                               " is already fed by column " +
+                               row.columns[static_cast<size_t>(map.column_of_item[i])].name);
         map.column_of_item[i] = static_cast<int>(column);
         fed = true;
     }
-    return true;
+    return {};
 }
 
 static std::string left_out_text(const feed_table &table, const std::vector<std::string> &columns)
@@ -235,19 +240,19 @@ static std::string left_out_text(const feed_table &table, const std::vector<std:
            dataset_name(*table.dataset) + " and " + (one ? "is" : "are") + " left out of the log";
 }
 
-bool feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
-                      std::vector<std::string> &notes, std::string &error)
+outcome feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
+                         std::vector<std::string> &notes)
 {
     if (same_columns(map, row))
-        return true;
+        return {};
     map.names.clear();
     map.column_of_item.assign(table.dataset->layout.items.size(), FEED_NO_COLUMN);
     std::vector<std::string> without;
     for (size_t i = 0; i < row.count; i++) {
         bool fed = false;
-        if (!feed_item(map, table, row, i, fed, error)) {
+        if (outcome mapped = map_column(map, table, row, i, fed); !mapped) {
             map.column_of_item.clear(); // not taken for a finished map by the next row
-            return false;
+            return mapped;
         }
         const std::string &name = row.columns[i].name;
         map.names.push_back(name);
@@ -259,7 +264,7 @@ bool feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
         notes.push_back(left_out_text(table, without));
         table.left_out.insert(table.left_out.end(), without.begin(), without.end());
     }
-    return true;
+    return {};
 }
 
 std::string feed_column_name(const feed_table &table, const feed_column &column)

@@ -5,6 +5,7 @@
 
 #include "feed/row.h"
 #include "fwutil/fwu_config.h"
+#include "util/outcome.h"
 
 #include <memory>
 #include <string>
@@ -40,11 +41,11 @@ struct feed_tables {
     std::string key; // "schema.table" of the look-up, kept for its memory
 };
 
-// The table's record, looked up in the configuration at its first use.  Null, with
-// the reason in error, when the configuration does not know the table or its
-// dataset cannot be loaded.
-feed_table *feed_find_table(feed_tables &tables, std::string_view schema, std::string_view table,
-                            std::string &error);
+// The table's record, looked up in the configuration at its first use.  OUTCOME_BAD when
+// the configuration does not know the table or its dataset cannot be loaded; table then
+// stays as it is.
+outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_view schema,
+                        std::string_view name);
 
 // What the configuration says of a table: that it is skipped, or the dataset that it
 // feeds (null: nothing is said).
@@ -54,23 +55,22 @@ const fwu_dataset *feed_configured(const fwu_config &config, std::string_view sc
 
 // Registers a table with a dataset whose items the configuration does not have, in
 // the place of what was known by this name.  columns: which one feeds each item.
-// Null, with the reason in error, when another table feeds a dataset of this name.
-feed_table *feed_put(feed_tables &tables, const std::string &name, fwu_dataset dataset,
-                     std::vector<std::string> columns, std::string &error);
+// OUTCOME_BAD when another table feeds a dataset of this name; table then stays as it is.
+outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::string &name,
+                       fwu_dataset dataset, std::vector<std::string> columns);
 
-// What is wrong with a table's name for a dataset; empty: nothing.
-std::string feed_bad_name_text(const fwu_config &config, const std::string &name,
-                               std::string_view schema, std::string_view table);
+// Whether a dataset can bear the table's name.
+outcome feed_check_name(const fwu_config &config, const std::string &name, std::string_view schema,
+                        std::string_view table);
 
 // What is wrong with a truncate of the table, and with a change without its old row.
 std::string feed_truncated_text(const feed_table &table);
 std::string feed_no_old_row_text(const feed_table &table);
 
 // Brings map up to date for the row's columns; columns without item that come for the
-// first time add a note.  False, with the reason in error, when two columns have one
-// name or feed one item.
-bool feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
-                      std::vector<std::string> &notes, std::string &error);
+// first time add a note.  OUTCOME_BAD when two columns have one name or feed one item.
+outcome feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
+                         std::vector<std::string> &notes);
 
 // "sales.orders.note", as messages name a column.
 std::string feed_column_name(const feed_table &table, const feed_column &column);

@@ -72,7 +72,7 @@ static void add_changes(feed_totals &totals, const feed_totals &changes)
     totals.deletes += changes.deletes;
 }
 
-feed_result feed_commit(feed_transaction &tx)
+outcome feed_commit(feed_transaction &tx)
 {
     if (tx.skipping) {
         tx.totals.skipped++;
@@ -80,15 +80,13 @@ feed_result feed_commit(feed_transaction &tx)
         tx.totals.empty++;
     } else {
         tx.begun = false; // a commit that fails has forgotten the transaction, too
-        if (fwu_writer_commit(tx.writer, tx.commit) != 0)
-            return FEED_FAILED;
-        if (fwu_writer_settle(tx.writer, true) != 0)
-            return FEED_FAILED;
+        if (fwu_writer_commit(tx.writer, tx.commit) != 0 || fwu_writer_settle(tx.writer, true) != 0)
+            return OUTCOME_FAILED;
         tx.totals.transactions++;
         add_changes(tx.totals, tx.changes);
     }
     tx.open = false;
-    return FEED_OK;
+    return {};
 }
 
 static void make_session(feed_transaction &tx)
@@ -113,13 +111,16 @@ static bool begin_in_log(feed_transaction &tx)
     return true;
 }
 
-feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
-                        const feed_row *old, std::string &error)
+outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
+                    const feed_row *old)
 {
-    if (old != nullptr && !feed_old_image(tx.work, tx.before, table, *old, error))
-        return FEED_BAD;
-    if (fresh != nullptr && !feed_new_image(tx.work, tx.after, table, *fresh, old, error))
-        return FEED_BAD;
+    outcome made;
+    if (old != nullptr)
+        made = feed_old_image(tx.work, tx.before, table, *old);
+    if (made && fresh != nullptr)
+        made = feed_new_image(tx.work, tx.after, table, *fresh, old);
+    if (!made)
+        return made;
     const int32_t opcode = old == nullptr     ? FWU_OP_INSERT
                            : fresh == nullptr ? FWU_OP_DELETE
                                               : FWU_OP_UPDATE;
@@ -127,9 +128,9 @@ feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row 
                                                fwu_second_of(tx.commit.time_us), table.image_length,
                                                old == nullptr ? nullptr : tx.before.data(),
                                                fresh == nullptr ? nullptr : tx.after.data()) != 0)
-        return FEED_FAILED;
+        return OUTCOME_FAILED;
     (opcode == FWU_OP_INSERT   ? tx.changes.inserts
      : opcode == FWU_OP_UPDATE ? tx.changes.updates
                                : tx.changes.deletes)++;
-    return FEED_OK;
+    return {};
 }

@@ -7,6 +7,7 @@
 #include "feed/table.h"
 #include "fwutil/fwu_session.h"
 #include "fwutil/fwu_writer.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <string>
@@ -45,12 +46,6 @@ struct feed_transaction {
     std::vector<unsigned char> after;
 };
 
-enum feed_result {
-    FEED_OK,
-    FEED_BAD,    // error says what is wrong with the input
-    FEED_FAILED, // the log could not be written: reported
-};
-
 // Begins a transaction; one that the log has already will be passed over.
 void feed_begin(feed_transaction &tx, const fwu_commit &commit);
 
@@ -58,12 +53,13 @@ void feed_begin(feed_transaction &tx, const fwu_commit &commit);
 // behind the first change is worth a note, once.
 void feed_set_session(feed_transaction &tx, std::string_view content);
 
-// Adds a change.  A null fresh is a delete, a null old an insert.
-feed_result feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
-                        const feed_row *old, std::string &error);
+// Adds a change.  A null fresh is a delete, a null old an insert.  OUTCOME_BAD when its
+// rows cannot become images, OUTCOME_FAILED when the log could not be written.
+outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
+                    const feed_row *old);
 
 // Hands the whole transaction to the log.  After a failure it is forgotten.
-feed_result feed_commit(feed_transaction &tx);
+outcome feed_commit(feed_transaction &tx);
 
 // Forgets the transaction in hand, if there is one.
 void feed_abandon(feed_transaction &tx);

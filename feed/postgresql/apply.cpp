@@ -8,12 +8,11 @@
 
 constexpr size_t SESSION_LENGTH_MAX = 64 * 1024;
 
-static pgs_outcome take_result(const pgb_bridge &bridge, feed_result result,
-                               const std::string &error)
+static pgs_outcome take_result(const pgb_bridge &bridge, const outcome &done)
 {
-    if (result == FEED_BAD)
-        return pgb_bad(bridge, error);
-    return result == FEED_OK ? PGS_OK : PGS_REFUSED;
+    if (done.kind() == OUTCOME_BAD)
+        return pgb_bad(bridge, done.text());
+    return done ? PGS_OK : PGS_REFUSED;
 }
 
 pgs_outcome pgb_diverged(const pgb_bridge &bridge)
@@ -50,7 +49,7 @@ static pgs_outcome take_commit(pgb_bridge &bridge, pgb_apply &apply)
     if (!tx.open)
         return pgb_bad(bridge, "a commit came outside a transaction");
     const bool logs = tx.begun;
-    const pgs_outcome outcome = take_result(bridge, feed_commit(tx), {});
+    const pgs_outcome outcome = take_result(bridge, feed_commit(tx));
     if (outcome != PGS_OK)
         return outcome;
     if (logs)
@@ -94,14 +93,13 @@ static pgs_outcome take_session(pgb_bridge &bridge, pgb_apply &apply)
 static pgs_outcome take_change(pgb_bridge &bridge, pgb_apply &apply)
 {
     const pgo_message &message = apply.message;
-    std::string error;
     if (!bridge.tx.open)
         return pgb_bad(bridge, "a change came outside a transaction");
     if (bridge.tx.skipping)
         return PGS_OK;
-    pgb_relation *relation = pgb_find(bridge.relations, message.relation_id, error);
-    if (relation == nullptr)
-        return pgb_bad(bridge, error);
+    pgb_relation *relation = nullptr;
+    if (const outcome found = pgb_find(relation, bridge.relations, message.relation_id); !found)
+        return take_result(bridge, found);
     feed_table &table = *relation->table;
     if (table.dataset == nullptr)
         return PGS_OK;
@@ -112,13 +110,15 @@ static pgs_outcome take_change(pgb_bridge &bridge, pgb_apply &apply)
                                    table.name + ", or begin a new log");
     const feed_row *fresh = nullptr;
     const feed_row *old = nullptr;
-    if (message.kind != 'D' && (fresh = pgb_row(*relation, message.new_row, error)) == nullptr)
-        return pgb_bad(bridge, error);
-    if (message.kind != 'I' && (old = pgb_row(*relation, message.old_row, error)) == nullptr)
-        return pgb_bad(bridge, error);
-    const feed_result result = feed_change(bridge.tx, table, fresh, old, error);
+    outcome done;
+    if (message.kind != 'D')
+        done = pgb_row(fresh, *relation, message.new_row);
+    if (done && message.kind != 'I')
+        done = pgb_row(old, *relation, message.old_row);
+    if (done)
+        done = feed_change(bridge.tx, table, fresh, old);
     pgb_tell_notes(bridge);
-    return take_result(bridge, result, error);
+    return take_result(bridge, done);
 }
 
 static pgs_outcome take_truncate(pgb_bridge &bridge, pgb_apply &apply)
@@ -126,10 +126,9 @@ static pgs_outcome take_truncate(pgb_bridge &bridge, pgb_apply &apply)
     if (bridge.tx.skipping)
         return PGS_OK;
     for (const uint32_t id : apply.message.truncated) {
-        std::string error;
-        const pgb_relation *relation = pgb_find(bridge.relations, id, error);
-        if (relation == nullptr)
-            return pgb_bad(bridge, error);
+        pgb_relation *relation = nullptr;
+        if (const outcome found = pgb_find(relation, bridge.relations, id); !found)
+            return take_result(bridge, found);
         if (relation->table->dataset == nullptr)
             continue;
         if (!bridge.options.ignore_truncate)
@@ -145,9 +144,8 @@ static pgs_outcome take_truncate(pgb_bridge &bridge, pgb_apply &apply)
 
 pgs_outcome pgb_apply_message(pgb_bridge &bridge, pgb_apply &apply, std::string_view bytes)
 {
-    std::string error;
-    if (!pgo_decode(apply.message, bytes, error))
-        return pgb_bad(bridge, error);
+    if (const outcome decoded = pgo_decode(apply.message, bytes); !decoded)
+        return take_result(bridge, decoded);
     switch (apply.message.kind) {
     case 'B':
         return take_begin(bridge, apply);

@@ -197,63 +197,57 @@ static bool is_plain(const std::string &name)
 static constexpr char NULL_MAP[] = "NULL-MAP";
 static constexpr int32_t WIDTH_MAX = 32767;
 
-static bool add_item(fwu_dataset &dataset, const fwu_config &config, const std::string &table,
-                     const pgo_column &column, std::string &error)
+static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const std::string &table,
+                        const pgo_column &column)
 {
     const std::string where = table + "." + column.name;
     const fwu_column *said = find_column(config, table, column.name);
     fwu_item item;
     item.name = said != nullptr && !said->item.empty() ? said->item : feed_name(column.name);
-    if (item.name.size() > FWU_ITEM_NAME_MAX) {
-        error = where + ": " + item.name +
-                " is longer than the 17 characters of an item name: " + "put the line \"column " +
-                where + " item=SHORTER-NAME\" into " + config.path;
-        return false;
-    }
-    if (!is_plain(item.name)) {
-        error = where +
-                ": an item name has no blanks and no characters outside ASCII: put the "
-                "line \"column " +
-                where + " item=OTHER-NAME\" into " + config.path;
-        return false;
-    }
-    if (item.name == NULL_MAP || !name_is_free(dataset.layout, item.name)) {
-        error = where + ": there is another item " + item.name + " in this dataset: put the line " +
-                "\"column " + where + " item=OTHER-NAME\" into " + config.path;
-        return false;
-    }
+    if (item.name.size() > FWU_ITEM_NAME_MAX)
+        return outcome_bad(where + ": " + item.name +
+                           " is longer than the 17 characters of an item name: put the line "
+                           "\"column " +
+                           where + " item=SHORTER-NAME\" into " + config.path);
+    if (!is_plain(item.name))
+        return outcome_bad(where +
+                           ": an item name has no blanks and no characters outside ASCII: put the "
+                           "line \"column " +
+                           where + " item=OTHER-NAME\" into " + config.path);
+    if (item.name == NULL_MAP || !name_is_free(dataset.layout, item.name))
+        return outcome_bad(where + ": there is another item " + item.name +
+                           " in this dataset: put the line \"column " + where +
+                           " item=OTHER-NAME\" into " + config.path);
     if (said != nullptr && said->width != 0) {
         make(item, 'X', said->width);
     } else if (!make_item(item, column) || item.size > WIDTH_MAX) {
         const char *type = pgc_type_name(column.type);
-        error = where + ": values of type " +
-                (type != nullptr ? std::string(type) : "number " + std::to_string(column.type)) +
-                " have no greatest length that an item could have: put the line \"column " + where +
-                " width=N\" into " + config.path;
-        return false;
+        return outcome_bad(
+            where + ": values of type " +
+            (type != nullptr ? std::string(type) : "number " + std::to_string(column.type)) +
+            " have no greatest length that an item could have: put the line \"column " + where +
+            " width=N\" into " + config.path);
     }
     dataset.layout.items.push_back(std::move(item));
-    return true;
+    return {};
 }
 
-bool pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config, const pgo_relation &relation,
-                      std::string &error)
+outcome pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config,
+                         const pgo_relation &relation)
 {
     const std::string table = relation.schema + "." + relation.name;
     dataset.layout.items.clear();
     dataset.null_map = -1;
     for (const pgo_column &column : relation.columns)
-        if (!add_item(dataset, config, table, column, error))
-            return false;
-    if (dataset.layout.items.empty()) {
-        error =
-            "table " + table + " has no columns: leave it out with the line skip-table " + table;
-        return false;
-    }
+        if (outcome added = add_item(dataset, config, table, column); !added)
+            return added;
+    if (dataset.layout.items.empty())
+        return outcome_bad("table " + table +
+                           " has no columns: leave it out with the line skip-table " + table);
     fwu_item map;
     map.name = NULL_MAP;
     make(map, 'X', static_cast<int32_t>(dataset.layout.items.size()));
     dataset.null_map = static_cast<int>(dataset.layout.items.size());
     dataset.layout.items.push_back(std::move(map));
-    return true;
+    return {};
 }

@@ -4,6 +4,7 @@
 
 #include "feed/postgresql/pgoutput.h"
 #include "fwutil/fwu_config.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <string>
@@ -13,9 +14,9 @@
 const char *pgc_type_name(uint32_t type);
 
 // Makes the dataset of a table from its columns: an item each, and a null map.
-// dbname and dsetname are those of the dataset.  False, with the column, the
-// reason and the remedy in error, when a column cannot become an item.
-bool pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config, const pgo_relation &relation,
-                      std::string &error);
+// dbname and dsetname are those of the dataset.  OUTCOME_BAD, with the column, the
+// reason and the remedy, when a column cannot become an item.
+outcome pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config,
+                         const pgo_relation &relation);
 
 #endif

@@ -173,18 +173,15 @@ static bool take_body(input &in, pgo_message &message)
     }
 }
 
-bool pgo_decode(pgo_message &message, std::string_view bytes, std::string &error)
+outcome pgo_decode(pgo_message &message, std::string_view bytes)
 {
     input in = {.at = bytes.data(), .left = bytes.size()};
     message.kind = number<char>(in);
-    if (!in.good || !take_body(in, message)) {
-        error = "a message of unknown kind " +
-                std::to_string(static_cast<unsigned char>(message.kind)) + " came";
-        return false;
-    }
-    if (!in.good)
-        error = std::string("a message of kind ") + message.kind + " is cut short or malformed";
-    else if (in.left != 0)
-        error = std::string("a message of kind ") + message.kind + " goes on behind its end";
-    return in.good && in.left == 0;
+    if (!in.good || !take_body(in, message))
+        return outcome_bad("a message of unknown kind " +
+                           std::to_string(static_cast<unsigned char>(message.kind)) + " came");
+    if (in.good && in.left == 0)
+        return {};
+    return outcome_bad(std::string("a message of kind ") + message.kind +
+                       (in.good ? " goes on behind its end" : " is cut short or malformed"));
 }

@@ -2,6 +2,8 @@
 #ifndef FEED_POSTGRESQL_PGOUTPUT_H
 #define FEED_POSTGRESQL_PGOUTPUT_H
 
+#include "util/outcome.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -53,9 +55,9 @@ struct pgo_message {
     std::string_view origin;         // O
 };
 
-// Reads one message.  False, with the reason in error, when it is cut short, goes on
-// behind its end or is of an unknown kind.
-bool pgo_decode(pgo_message &message, std::string_view bytes, std::string &error);
+// Reads one message.  OUTCOME_BAD when it is cut short, goes on behind its end or is of an
+// unknown kind.
+outcome pgo_decode(pgo_message &message, std::string_view bytes);
 
 // Microseconds since 1970 of a time in microseconds since 2000, as the server
 // writes times.

@@ -32,26 +32,24 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 }
 
 // Looks the table up, or makes its dataset from what the server says.
-static feed_table *find_table(pgb_relations &relations, const pgo_relation &told,
-                              std::string &error)
+static outcome find_table(feed_table *&table, pgb_relations &relations, const pgo_relation &told)
 {
     const fwu_config &config = *relations.tables.config;
     const std::string name = told.schema + "." + told.name;
     const fwu_dataset *said = feed_configured(config, told.schema, told.name);
     if (feed_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
-        return feed_find_table(relations.tables, told.schema, told.name, error);
+        return feed_find_table(table, relations.tables, told.schema, told.name);
     fwu_dataset dataset;
     if (said != nullptr) {
         dataset.layout = said->layout;
     } else {
-        error = feed_bad_name_text(config, name, told.schema, told.name);
-        if (!error.empty())
-            return nullptr;
+        if (outcome checked = feed_check_name(config, name, told.schema, told.name); !checked)
+            return checked;
         dataset.layout.dbname = feed_name(told.schema);
         dataset.layout.dsetname = feed_name(told.name);
     }
-    if (!pgc_make_dataset(dataset, config, told, error))
-        return nullptr;
+    if (outcome made = pgc_make_dataset(dataset, config, told); !made)
+        return made;
     // Another table had this name before it was dropped or renamed.
     for (auto &[id, other] : relations.known)
         if (other.table != nullptr && other.table->name == name)
@@ -59,7 +57,7 @@ static feed_table *find_table(pgb_relations &relations, const pgo_relation &told
     std::vector<std::string> columns;
     for (const pgo_column &column : told.columns)
         columns.push_back(column.name);
-    return feed_put(relations.tables, name, std::move(dataset), std::move(columns), error);
+    return feed_put_table(table, relations.tables, name, std::move(dataset), std::move(columns));
 }
 
 // A timestamp of a width that the configuration gives is a text like others.
@@ -72,23 +70,22 @@ static void set_types(feed_row &row, const fwu_config &config, const pgo_relatio
                 row.columns[i].type.clear();
 }
 
-pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error)
+outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id)
 {
     const auto found = relations.known.find(id);
-    if (found == relations.known.end()) {
-        error = "a change came of table number " + std::to_string(id) +
-                ", which the server has not described";
-        return nullptr;
+    if (found == relations.known.end())
+        return outcome_bad("a change came of table number " + std::to_string(id) +
+                           ", which the server has not described");
+    relation = &found->second;
+    if (relation->table != nullptr)
+        return {};
+    if (outcome looked = find_table(relation->table, relations, relation->told); !looked)
+        return looked;
+    if (relation->table->own != nullptr) {
+        set_types(relation->fresh, *relations.tables.config, relation->told);
+        set_types(relation->old, *relations.tables.config, relation->told);
     }
-    pgb_relation &relation = found->second;
-    if (relation.table == nullptr) {
-        relation.table = find_table(relations, relation.told, error);
-        if (relation.table != nullptr && relation.table->own != nullptr) {
-            set_types(relation.fresh, *relations.tables.config, relation.told);
-            set_types(relation.old, *relations.tables.config, relation.told);
-        }
-    }
-    return relation.table == nullptr ? nullptr : &relation;
+    return {};
 }
 
 static void set_value(feed_column &column, const pgo_value &value)
@@ -99,27 +96,27 @@ static void set_value(feed_column &column, const pgo_value &value)
         column.kind = value.text == "t" ? FEED_TRUE : FEED_FALSE;
 }
 
-const feed_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error)
+outcome pgb_row(const feed_row *&taken, pgb_relation &relation, const pgo_tuple &tuple)
 {
     feed_row &row = tuple.kind == 'N' ? relation.fresh : relation.old;
-    if (tuple.count != row.count) {
-        error = relation.told.schema + "." + relation.told.name + ": a row of " +
-                std::to_string(tuple.count) + " columns came, the table has " +
-                std::to_string(row.count);
-        return nullptr;
-    }
+    if (tuple.count != row.count)
+        return outcome_bad(relation.told.schema + "." + relation.told.name + ": a row of " +
+                           std::to_string(tuple.count) + " columns came, the table has " +
+                           std::to_string(row.count));
     bool whole = true;
     for (size_t i = 0; i < tuple.count; i++) {
         whole = whole && tuple.values[i].kind != 'u';
         set_value(row.columns[i], tuple.values[i]);
     }
+    taken = &row;
     if (whole)
-        return &row;
+        return {};
     relation.partial.present = true;
     relation.partial.columns.clear();
     for (size_t i = 0; i < tuple.count; i++)
         if (tuple.values[i].kind != 'u')
             relation.partial.columns.push_back(row.columns[i]);
     relation.partial.count = relation.partial.columns.size();
-    return &relation.partial;
+    taken = &relation.partial;
+    return {};
 }

@@ -26,13 +26,13 @@ struct pgb_relations {
 // Takes the server's description of a table, which holds from now on.
 void pgb_describe(pgb_relations &relations, const pgo_relation &told);
 
-// The table of a relation.  Null, with the reason in error, when it was not
-// described or cannot become a dataset.
-pgb_relation *pgb_find(pgb_relations &relations, uint32_t id, std::string &error);
+// The relation of this number, with its table.  OUTCOME_BAD when it was not described or
+// cannot become a dataset.
+outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id);
 
 // The row of a tuple, valid until the next one of its kind (new or old) of this
-// relation; columns that were not sent are left out.  Null, with the reason in
-// error, when the tuple does not fit the description.
-const feed_row *pgb_row(pgb_relation &relation, const pgo_tuple &tuple, std::string &error);
+// relation; columns that were not sent are left out.  OUTCOME_BAD when the tuple does
+// not fit the description.
+outcome pgb_row(const feed_row *&row, pgb_relation &relation, const pgo_tuple &tuple);
 
 #endif

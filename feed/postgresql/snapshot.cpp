@@ -109,30 +109,23 @@ static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int ro
 
 static pgs_outcome add_row(pgb_bridge &bridge, pgb_relation &relation, const pgo_tuple &tuple)
 {
-    std::string error;
-    const feed_row *row = pgb_row(relation, tuple, error);
-    if (row == nullptr)
-        return pgb_bad(bridge, error);
-    const feed_result result = feed_change(bridge.tx, *relation.table, row, nullptr, error);
+    const feed_row *row = nullptr;
+    outcome done = pgb_row(row, relation, tuple);
+    if (done)
+        done = feed_change(bridge.tx, *relation.table, row, nullptr);
     pgb_tell_notes(bridge);
-    switch (result) {
-    case FEED_OK:
-        return PGS_OK;
-    case FEED_BAD:
-        return pgb_bad(bridge, error);
-    default:
-        return PGS_REFUSED;
-    }
+    if (done.kind() == OUTCOME_BAD)
+        return pgb_bad(bridge, done.text());
+    return done ? PGS_OK : PGS_REFUSED;
 }
 
 static pgs_outcome copy_table(pgb_bridge &bridge, const copied_table &table)
 {
     pgs_server &server = bridge.server;
-    std::string error;
     pgb_describe(bridge.relations, table.relation);
-    pgb_relation *relation = pgb_find(bridge.relations, table.relation.id, error);
-    if (relation == nullptr)
-        return pgb_bad(bridge, error);
+    pgb_relation *relation = nullptr;
+    if (const outcome found = pgb_find(relation, bridge.relations, table.relation.id); !found)
+        return pgb_bad(bridge, found.text());
     if (relation->table->dataset == nullptr)
         return PGS_OK;
     pgs_result result;
@@ -208,7 +201,7 @@ pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, u
         return outcome;
     }
     const uint64_t rows = bridge.tx.changes.inserts;
-    if (feed_commit(bridge.tx) != FEED_OK || fwu_writer_sync(bridge.tx.writer) != 0 ||
+    if (!feed_commit(bridge.tx) || fwu_writer_sync(bridge.tx.writer) != 0 ||
         fwu_writer_acknowledge(bridge.tx.writer) != 0)
         return PGS_REFUSED;
     fprintf(stderr, "fwlog: snapshot at %s: %" PRIu64 " rows\n", feed_lsn_text(lsn).c_str(), rows);

@@ -75,7 +75,7 @@ enum column_member : unsigned { NAME = 1, TYPE = 2, VALUE = 4, OTHER_OF_COLUMN =
 // What the parser calls; each call returns false to stop.
 struct handler {
     w2j_line &line;
-    std::string &error;
+    outcome done = {}; // why the parser was stopped
     place at = BEFORE;
     unsigned skip = 0; // depth inside a value that is passed over
     unsigned seen = 0;
@@ -90,7 +90,7 @@ struct handler {
 
     bool fail(std::string text)
     {
-        error = std::move(text);
+        done = outcome_bad(std::move(text));
         return false;
     }
 
@@ -367,38 +367,34 @@ static void clear_line(w2j_line &line)
     line.identity.count = 0;
 }
 
-static bool check_members(const w2j_line &line, unsigned seen, std::string &error)
+static outcome check_members(const w2j_line &line, unsigned seen)
 {
-    if (!(seen & bit(ACTION))) {
-        error = "member \"action\" is missing: is this wal2json's format version 2?";
-        return false;
-    }
+    if (!(seen & bit(ACTION)))
+        return outcome_bad("member \"action\" is missing: is this wal2json's format version 2?");
     for (const action_row &row : actions) {
         if (row.action != line.action)
             continue;
         for (unsigned m = 0; m < MEMBERS; m++) {
-            if (row.needs & ~seen & bit(static_cast<member>(m))) {
-                error = std::string("member \"") + member_names[m] + "\" is missing" +
-                        member_option(static_cast<member>(m));
-                return false;
-            }
+            if (row.needs & ~seen & bit(static_cast<member>(m)))
+                return outcome_bad(std::string("member \"") + member_names[m] + "\" is missing" +
+                                   member_option(static_cast<member>(m)));
         }
-        return true;
+        return {};
     }
-    error = "action \"" + std::string(1, line.action) + "\" is none of B, I, U, D, C, M, T";
-    return false;
+    return outcome_bad("action \"" + std::string(1, line.action) +
+                       "\" is none of B, I, U, D, C, M, T");
 }
 
-bool w2j_parse(w2j_line &line, std::string_view text, std::string &error)
+outcome w2j_parse(w2j_line &line, std::string_view text)
 {
     clear_line(line);
     // The parser takes a NUL byte for the end of its input.
-    if (const void *nul = memchr(text.data(), 0, text.size())) {
-        error = "is not valid JSON at byte " +
-                std::to_string(static_cast<const char *>(nul) - text.data() + 1) + ": NUL byte";
-        return false;
-    }
-    handler calls{.line = line, .error = error};
-    return wide_json::sax_parse(text.data(), text.data() + text.size(), &calls) &&
-           check_members(line, calls.seen, error);
+    if (const void *nul = memchr(text.data(), 0, text.size()))
+        return outcome_bad("is not valid JSON at byte " +
+                           std::to_string(static_cast<const char *>(nul) - text.data() + 1) +
+                           ": NUL byte");
+    handler calls{.line = line};
+    if (!wide_json::sax_parse(text.data(), text.data() + text.size(), &calls))
+        return std::move(calls.done);
+    return check_members(line, calls.seen);
 }

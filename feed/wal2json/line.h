@@ -4,6 +4,7 @@
 #define FEED_WAL2JSON_LINE_H
 
 #include "feed/row.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <string>
@@ -23,8 +24,8 @@ struct w2j_line {
     std::string content;        // M
 };
 
-// Reads one line.  Returns true, or false with the reason in error: not JSON, not
-// UTF-8, a member that is missing, given twice or of the wrong type.
-bool w2j_parse(w2j_line &line, std::string_view text, std::string &error);
+// Reads one line.  OUTCOME_BAD: not JSON, not UTF-8, a member that is missing, given
+// twice or of the wrong type.
+outcome w2j_parse(w2j_line &line, std::string_view text);
 
 #endif

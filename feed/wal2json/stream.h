@@ -18,9 +18,8 @@ struct w2j_stream {
     w2j_line line;
 };
 
-// Takes the next line.  After anything but FEED_OK the transaction in hand has
-// been forgotten and the stream cannot go on.
-feed_result w2j_stream_line(w2j_stream &stream, std::string_view text, uint64_t number,
-                            std::string &error);
+// Takes the next line.  After a failure the transaction in hand has been forgotten and
+// the stream cannot go on.
+outcome w2j_stream_line(w2j_stream &stream, std::string_view text, uint64_t number);
 
 #endif

@@ -26,39 +26,38 @@ struct maker {
         work.settings.big_endian = true;
     }
 
-    std::string finish(bool made)
+    std::string finish(const outcome &made)
     {
-        return made ? text_of(image) : "error: " + error;
+        return made ? text_of(image) : "error: " + made.text();
     }
 
     feed_table &table()
     {
-        feed_table *found = feed_find_table(tables, "sales", "orders", error);
-        if (found == nullptr)
-            throw std::runtime_error(error);
+        feed_table *found = nullptr;
+        if (const outcome looked = feed_find_table(found, tables, "sales", "orders"); !looked)
+            throw std::runtime_error(looked.text());
         return *found;
     }
 
     std::string fresh(const feed_row &row)
     {
-        return finish(feed_new_image(work, image, table(), row, nullptr, error));
+        return finish(feed_new_image(work, image, table(), row, nullptr));
     }
 
     std::string changed(const feed_row &row, const feed_row &old_row)
     {
-        return finish(feed_new_image(work, image, table(), row, &old_row, error));
+        return finish(feed_new_image(work, image, table(), row, &old_row));
     }
 
     std::string old(const feed_row &row)
     {
-        return finish(feed_old_image(work, image, table(), row, error));
+        return finish(feed_old_image(work, image, table(), row));
     }
 
     fwu_config config;
     feed_tables tables;
     feed_image_work work;
     std::vector<unsigned char> image;
-    std::string error;
 };
 
 struct value_case {

@@ -29,11 +29,13 @@ static std::string fed(const char *schema, const char *table)
     const fwu_config config = names();
     feed_tables tables;
     tables.config = &config;
-    std::string error;
-    const feed_table *found = feed_find_table(tables, schema, table, error);
+    feed_table *found = nullptr;
+    const outcome done = feed_find_table(found, tables, schema, table);
     if (found == nullptr)
-        return error;
-    EXPECT_EQ(feed_find_table(tables, schema, table, error), found);
+        return done.text();
+    feed_table *again = nullptr;
+    EXPECT_TRUE(feed_find_table(again, tables, schema, table));
+    EXPECT_EQ(again, found);
     EXPECT_EQ(found->name, std::string(schema) + "." + table);
     return found->dataset == nullptr ? "skipped" : found->dataset->layout.dsetname;
 }
@@ -62,13 +64,16 @@ TEST(PgTable, TwoTablesCannotFeedOneDataset)
     const fwu_config config = names();
     feed_tables tables;
     tables.config = &config;
-    std::string error;
-    ASSERT_NE(feed_find_table(tables, "sales", "order_lines", error), nullptr);
-    EXPECT_EQ(feed_find_table(tables, "Sales", "ORDER-LINES", error), nullptr);
-    EXPECT_EQ(error, "table Sales.ORDER-LINES goes into dataset SALES.ORDER-LINES like table "
-                     "sales.order_lines: describe a dataset of its own in test.cfg with "
-                     "table=Sales.ORDER-LINES");
-    EXPECT_NE(feed_find_table(tables, "sales", "order_lines", error), nullptr);
+    feed_table *first = nullptr;
+    feed_table *second = nullptr;
+    ASSERT_TRUE(feed_find_table(first, tables, "sales", "order_lines"));
+    EXPECT_EQ(feed_find_table(second, tables, "Sales", "ORDER-LINES").text(),
+              "table Sales.ORDER-LINES goes into dataset SALES.ORDER-LINES like table "
+              "sales.order_lines: describe a dataset of its own in test.cfg with "
+              "table=Sales.ORDER-LINES");
+    EXPECT_EQ(second, nullptr);
+    EXPECT_TRUE(feed_find_table(second, tables, "sales", "order_lines"));
+    EXPECT_EQ(second, first);
 }
 
 TEST(PgTable, SkippedTablesHaveNoDataset)
@@ -103,8 +108,9 @@ static std::string refusal(std::vector<fwu_item> items, int null_map = -1)
     const fwu_config config = config_of(std::move(items), null_map);
     feed_tables tables;
     tables.config = &config;
-    std::string error;
-    return feed_find_table(tables, "sales", "orders", error) == nullptr ? error : "none";
+    feed_table *found = nullptr;
+    const outcome done = feed_find_table(found, tables, "sales", "orders");
+    return done ? "none" : done.text();
 }
 
 TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)

@@ -83,7 +83,6 @@ static void say_notes(w2j_stream &stream, const line_reader &reader, load_progre
 // Reads lines until the input ends or something is wrong; the exit status.
 static int run(w2j_stream &stream, line_reader &reader, load_progress &progress, const char *name)
 {
-    std::string error;
     for (;;) {
         if (stop_signal_get() != 0 && !stream.tx.open)
             return FWLOG_EXIT_SIGNAL + stop_signal_get();
@@ -93,12 +92,12 @@ static int run(w2j_stream &stream, line_reader &reader, load_progress &progress,
             if (blank(line))
                 continue;
             const bool was_open = stream.tx.open;
-            const feed_result result = w2j_stream_line(stream, line, reader.number, error);
+            const outcome taken = w2j_stream_line(stream, line, reader.number);
             say_notes(stream, reader, progress, name);
-            if (result != FEED_OK) {
+            if (!taken) {
                 load_progress_erase(progress);
-                if (result == FEED_BAD)
-                    say_bad_line(stream, reader, name, was_open, error);
+                if (taken.kind() == OUTCOME_BAD)
+                    say_bad_line(stream, reader, name, was_open, taken.text());
                 return FWLOG_EXIT_FAILED;
             }
             load_progress_show(progress, stream.tx.totals, reader.bytes);

@@ -16,16 +16,16 @@ static pgo_relation table_of(std::vector<pgo_column> columns)
 static fwu_dataset made(const fwu_config &config, const pgo_relation &relation)
 {
     fwu_dataset dataset;
-    std::string error;
-    EXPECT_TRUE(pgc_make_dataset(dataset, config, relation, error)) << error;
+    const outcome done = pgc_make_dataset(dataset, config, relation);
+    EXPECT_TRUE(done) << done.text();
     return dataset;
 }
 
 static std::string error_of(const fwu_config &config, const pgo_relation &relation)
 {
     fwu_dataset dataset;
-    std::string error;
-    return pgc_make_dataset(dataset, config, relation, error) ? "none" : error;
+    const outcome done = pgc_make_dataset(dataset, config, relation);
+    return done ? "none" : done.text();
 }
 
 static fwu_config config_of(std::vector<fwu_column> columns = {})

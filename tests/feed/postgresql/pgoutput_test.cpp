@@ -8,16 +8,16 @@ using namespace std::string_literals;
 static pgo_message decoded(const std::string &bytes)
 {
     pgo_message message;
-    std::string error;
-    EXPECT_TRUE(pgo_decode(message, bytes, error)) << error;
+    const outcome done = pgo_decode(message, bytes);
+    EXPECT_TRUE(done) << done.text();
     return message;
 }
 
 static std::string error_of(const std::string &bytes)
 {
     pgo_message message;
-    std::string error;
-    return pgo_decode(message, bytes, error) ? "none" : error;
+    const outcome done = pgo_decode(message, bytes);
+    return done ? "none" : done.text();
 }
 
 static const std::string begin_bytes = "B"
@@ -117,8 +117,7 @@ TEST(Pgoutput, UpdateGivesBothRowsAndWhatWasNotSent)
     EXPECT_EQ(got.old_row.values[0].text, "a");
     EXPECT_EQ(got.new_row.values[0].kind, 'u');
     EXPECT_EQ(got.new_row.values[1].text, "b");
-    std::string error;
-    ASSERT_TRUE(pgo_decode(got, update_of_new_row_only_bytes, error));
+    ASSERT_TRUE(pgo_decode(got, update_of_new_row_only_bytes));
     EXPECT_EQ(got.old_row.kind, 0) << "that of the message before";
 }
 
@@ -150,10 +149,9 @@ TEST(Pgoutput, MessagesCutAnywhereAreRefused)
             const std::vector<char> bytes(whole.begin(),
                                           whole.begin() + static_cast<std::ptrdiff_t>(length));
             pgo_message got;
-            std::string error;
-            ASSERT_FALSE(pgo_decode(got, {bytes.data(), bytes.size()}, error))
-                << whole[0] << length;
-            ASSERT_EQ(error,
+            const outcome done = pgo_decode(got, {bytes.data(), bytes.size()});
+            ASSERT_EQ(done.kind(), OUTCOME_BAD) << whole[0] << length;
+            ASSERT_EQ(done.text(),
                       std::string("a message of kind ") + whole[0] + " is cut short or malformed");
         }
         EXPECT_EQ(error_of(whole + "x"),

@@ -23,9 +23,23 @@ class Relations : public testing::Test {
 
     pgb_relation &find(uint32_t id)
     {
-        pgb_relation *found = pgb_find(relations, id, error);
-        EXPECT_NE(found, nullptr) << error;
+        pgb_relation *found = nullptr;
+        const outcome done = pgb_find(found, relations, id);
+        EXPECT_TRUE(done) << done.text();
         return *found;
+    }
+
+    std::string error_of(uint32_t id)
+    {
+        pgb_relation *found = nullptr;
+        return pgb_find(found, relations, id).text();
+    }
+
+    static const feed_row &row_of(pgb_relation &relation, const pgo_tuple &tuple)
+    {
+        const feed_row *row = nullptr;
+        EXPECT_TRUE(pgb_row(row, relation, tuple));
+        return *row;
     }
 
     static pgo_tuple tuple(char kind, std::vector<pgo_value> values)
@@ -44,7 +58,6 @@ class Relations : public testing::Test {
 
     fwu_config config;
     pgb_relations relations;
-    std::string error;
 };
 
 TEST_F(Relations, TableThatIsNotConfiguredGetsItsDatasetFromTheServer)
@@ -98,11 +111,11 @@ TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
     config.columns = {{"app.orders", "at", "", 40}, {"app.orders", "ok", "", 3}};
     describe(7, "orders", {{"at", 1114, -1}, {"ok", 16, -1}, {"then", 1114, -1}});
     pgb_relation &relation = find(7);
-    const feed_row *row = pgb_row(
-        relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}), error);
-    EXPECT_EQ(row->columns[0].type, "");
-    EXPECT_EQ(row->columns[1].type, "boolean");
-    EXPECT_EQ(row->columns[2].type, "timestamp without time zone");
+    const feed_row &row =
+        row_of(relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}));
+    EXPECT_EQ(row.columns[0].type, "");
+    EXPECT_EQ(row.columns[1].type, "boolean");
+    EXPECT_EQ(row.columns[2].type, "timestamp without time zone");
 }
 
 TEST_F(Relations, ConfiguredTableKeepsItsItems)
@@ -134,56 +147,50 @@ TEST_F(Relations, SkippedTableHasNoDataset)
 TEST_F(Relations, TablesThatCannotBecomeADatasetAreToldWithTheRemedy)
 {
     describe(7, "a_table_name_of_22", {{"no", 23, -1}});
-    EXPECT_EQ(pgb_find(relations, 7, error), nullptr);
-    EXPECT_EQ(error, "table app.a_table_name_of_22: A-TABLE-NAME-OF-22 is longer than the 16 "
-                     "characters of a name: give the dataset a short name in shop.cfg with "
-                     "table=app.a_table_name_of_22, or leave the table out with the line "
-                     "skip-table app.a_table_name_of_22");
+    EXPECT_EQ(error_of(7), "table app.a_table_name_of_22: A-TABLE-NAME-OF-22 is longer than the 16 "
+                           "characters of a name: give the dataset a short name in shop.cfg with "
+                           "table=app.a_table_name_of_22, or leave the table out with the line "
+                           "skip-table app.a_table_name_of_22");
     describe(6, "2nd", {{"no", 23, -1}});
-    EXPECT_EQ(pgb_find(relations, 6, error), nullptr);
-    EXPECT_EQ(error, "table app.2nd: APP.2ND has characters that names of databases and datasets "
-                     "cannot have: name the dataset in shop.cfg with table=app.2nd, or leave the "
-                     "table out with the line skip-table app.2nd");
+    EXPECT_EQ(error_of(6),
+              "table app.2nd: APP.2ND has characters that names of databases and datasets "
+              "cannot have: name the dataset in shop.cfg with table=app.2nd, or leave the "
+              "table out with the line skip-table app.2nd");
     describe(8, "parts", {{"no", 23, -1}});
     describe(9, "PARTS", {{"no", 23, -1}});
     find(8);
-    EXPECT_EQ(pgb_find(relations, 9, error), nullptr);
-    EXPECT_EQ(error, "table app.PARTS goes into dataset APP.PARTS like table app.parts: describe "
-                     "a dataset of its own in shop.cfg with table=app.PARTS");
-    EXPECT_EQ(pgb_find(relations, 10, error), nullptr);
-    EXPECT_EQ(error, "a change came of table number 10, which the server has not described");
+    EXPECT_EQ(error_of(9),
+              "table app.PARTS goes into dataset APP.PARTS like table app.parts: describe "
+              "a dataset of its own in shop.cfg with table=app.PARTS");
+    EXPECT_EQ(error_of(10), "a change came of table number 10, which the server has not described");
 }
 
 TEST_F(Relations, RowsHaveTheColumnsThatWereSent)
 {
     describe(7, "orders", {{"no", 23, -1}, {"paid", 16, -1}, {"note", 1043, 44}});
     pgb_relation &relation = find(7);
-    const feed_row *row =
-        pgb_row(relation, tuple('N', {{'t', "17"}, {'t', "t"}, {'n', {}}}), error);
-    ASSERT_NE(row, nullptr);
-    ASSERT_EQ(row->count, 3U);
-    EXPECT_EQ(row->columns[0].name, "no");
-    EXPECT_EQ(row->columns[0].type, "integer");
-    EXPECT_EQ(row->columns[0].value, "17");
-    EXPECT_EQ(row->columns[1].kind, FEED_TRUE);
-    EXPECT_EQ(row->columns[2].kind, FEED_NULL);
+    const feed_row &row = row_of(relation, tuple('N', {{'t', "17"}, {'t', "t"}, {'n', {}}}));
+    ASSERT_EQ(row.count, 3U);
+    EXPECT_EQ(row.columns[0].name, "no");
+    EXPECT_EQ(row.columns[0].type, "integer");
+    EXPECT_EQ(row.columns[0].value, "17");
+    EXPECT_EQ(row.columns[1].kind, FEED_TRUE);
+    EXPECT_EQ(row.columns[2].kind, FEED_NULL);
 
-    const feed_row *old =
-        pgb_row(relation, tuple('O', {{'t', "1"}, {'t', "f"}, {'t', "x"}}), error);
-    ASSERT_NE(old, nullptr);
-    EXPECT_EQ(old->columns[1].kind, FEED_FALSE);
-    EXPECT_EQ(row->columns[0].value, "17") << "both rows of an update are needed at once";
+    const feed_row &old = row_of(relation, tuple('O', {{'t', "1"}, {'t', "f"}, {'t', "x"}}));
+    EXPECT_EQ(old.columns[1].kind, FEED_FALSE);
+    EXPECT_EQ(row.columns[0].value, "17") << "both rows of an update are needed at once";
 
-    row = pgb_row(relation, tuple('N', {{'t', "18"}, {'u', {}}, {'t', "y"}}), error);
-    ASSERT_NE(row, nullptr);
-    ASSERT_EQ(row->count, 2U);
-    EXPECT_EQ(row->columns[1].name, "note");
-    EXPECT_EQ(row->columns[1].value, "y");
+    const feed_row &partial = row_of(relation, tuple('N', {{'t', "18"}, {'u', {}}, {'t', "y"}}));
+    ASSERT_EQ(partial.count, 2U);
+    EXPECT_EQ(partial.columns[1].name, "note");
+    EXPECT_EQ(partial.columns[1].value, "y");
 }
 
 TEST_F(Relations, RowOfAnotherNumberOfColumnsIsRefused)
 {
     describe(7, "orders", {{"no", 23, -1}});
-    EXPECT_EQ(pgb_row(find(7), tuple('N', {{'t', "1"}, {'t', "2"}}), error), nullptr);
-    EXPECT_EQ(error, "app.orders: a row of 2 columns came, the table has 1");
+    const feed_row *row = nullptr;
+    EXPECT_EQ(pgb_row(row, find(7), tuple('N', {{'t', "1"}, {'t', "2"}})).text(),
+              "app.orders: a row of 2 columns came, the table has 1");
 }

@@ -77,9 +77,9 @@ class FwlogStream : public testing::Test {
     std::string take(const std::vector<std::string> &lines)
     {
         for (const std::string &line : lines) {
-            std::string error;
-            if (w2j_stream_line(stream, line, ++number, error) != FEED_OK)
-                return error;
+            const outcome done = w2j_stream_line(stream, line, ++number);
+            if (!done)
+                return done.text();
         }
         return "";
     }

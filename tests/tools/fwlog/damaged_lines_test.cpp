@@ -53,27 +53,29 @@ struct subject {
     w2j_line line;
     std::vector<unsigned char> image;
 
-    bool made(std::string_view text, std::string &error)
+    outcome make(std::string_view text)
     {
-        if (!w2j_parse(line, text, error))
-            return false;
-        if (line.action != 'I' && line.action != 'U' && line.action != 'D')
-            return true;
-        feed_table *table = feed_find_table(tables, line.schema, line.table, error);
-        if (table == nullptr)
-            return false;
+        outcome done = w2j_parse(line, text);
+        if (!done || (line.action != 'I' && line.action != 'U' && line.action != 'D'))
+            return done;
+        feed_table *table = nullptr;
+        done = feed_find_table(table, tables, line.schema, line.table);
+        if (!done)
+            return done;
         const feed_row *old_row = line.identity.present ? &line.identity : nullptr;
         if (old_row != nullptr) {
-            if (!feed_old_image(work, image, *table, *old_row, error))
-                return false;
+            done = feed_old_image(work, image, *table, *old_row);
+            if (!done)
+                return done;
             EXPECT_EQ(image.size(), static_cast<size_t>(table->image_length));
         }
         if (line.action == 'D')
-            return true;
-        if (!feed_new_image(work, image, *table, line.columns, old_row, error))
-            return false;
-        EXPECT_EQ(image.size(), static_cast<size_t>(table->image_length));
-        return true;
+            return done;
+        done = feed_new_image(work, image, *table, line.columns, old_row);
+        if (done) {
+            EXPECT_EQ(image.size(), static_cast<size_t>(table->image_length));
+        }
+        return done;
     }
 };
 
@@ -93,9 +95,9 @@ TEST(DamagedLines, AreRefusedOrGiveWholeImages)
         std::string line = lines[random() % lines.size()];
         for (auto times = random() % 3 + 1; times > 0 && !line.empty(); times--)
             damage(line, random);
-        std::string error;
-        if (!taker.made(line, error)) {
-            ASSERT_FALSE(error.empty()) << line;
+        const outcome done = taker.make(line);
+        if (!done) {
+            ASSERT_FALSE(done.text().empty()) << line;
             refused++;
         }
     }
@@ -109,7 +111,7 @@ TEST(DamagedLines, EveryRecordedLineIsTaken)
     subject taker;
     taker.tables.config = &config;
     for (const std::string &line : recorded_lines()) {
-        std::string error;
-        ASSERT_TRUE(taker.made(line, error)) << error << "\n" << line;
+        const outcome done = taker.make(line);
+        ASSERT_TRUE(done) << done.text() << "\n" << line;
     }
 }
