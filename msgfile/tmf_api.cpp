@@ -1,13 +1,17 @@
-// The public calls; tmf_geterrno, tmf_geterrmsg and tmf_clearerr stand beside the
-// error state that they show.
+// The public calls, each a bracket around the work that another file does: take the
+// common area, work, release it, keep the first error.  tmf_geterrno, tmf_geterrmsg
+// and tmf_clearerr stand beside the error state that they show, tmf_check and
+// tmf_repair beside their work.
 #include "msgfile/tmf.h"
 
 #include "msgfile/tmf_area.h"
+#include "msgfile/tmf_common.h"
 #include "msgfile/tmf_error.h"
 #include "msgfile/tmf_net.h"
 #include "msgfile/tmf_open.h"
 #include "msgfile/tmf_record.h"
 #include "msgfile/tmf_users.h"
+#include "msgfile/tmf_wait.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -69,6 +73,59 @@ int tmf_fwrite(tmf_handle *h, const void *buf, int len)
     }
     if (code != 0)
         tmf_set_error(h, code);
+    return code;
+}
+
+// Takes the record, having waited for it where that is called for, and gives the
+// bytes copied.  code is the result of locking the area before and of the whole
+// call behind it: a wait puts its own result in the place of the lock's.
+static int next_record(tmf_handle *h, void *buf, int len, int flags, int timeout, int *code)
+{
+    int result = 0;
+    if (h->copy_mode != 0) {
+        result = tmf_read_record_copy(h, buf, len);
+    } else {
+        if (h->records_read == 0)
+            flags |= TMF_READ_WAIT;
+        if (tmfc_need_to_wait(h->common, flags))
+            *code = tmf_fread_wait(h, flags, timeout);
+        if (*code == 0)
+            result = tmf_read_record(h, buf, len, flags);
+    }
+    if (result >= 0)
+        return result;
+    *code = result;
+    return 0;
+}
+
+// Whether a common area that could not be had is that of no message file (any
+// more); nothing may be done to the file then.
+static bool is_foreign(int code)
+{
+    return code == TMF_ENOTMSG || code == TMF_EINCOMPATIBLE;
+}
+
+static int tmf_fread_record(tmf_handle *h, void *buf, int len, int flags, int timeout)
+{
+    int code = 0;
+    int copied = 0;
+    if (h->is_reader == 0) {
+        code = TMF_EWRITE_ACCESS;
+    } else if (len < 0 || (buf == nullptr && len > 0)) {
+        code = TMF_EBUFFER_SIZE;
+    } else {
+        // Kept: a common area that cannot be had does not end the call at once;
+        // what follows works on the copy read last.
+        code = tmf_get_common(h);
+        if (!is_foreign(code))
+            copied = next_record(h, buf, len, flags, timeout, &code);
+        const int release_code = tmf_release_common(h);
+        if (code == 0)
+            code = release_code;
+    }
+    if (code == 0)
+        return copied;
+    tmf_set_error(h, code);
     return code;
 }
 

@@ -1,10 +1,10 @@
 // Locking, reading and writing of the common area; the making of a new file.
 #include "msgfile/tmf_area.h"
 
+#include "msgfile/tmf_buffer.h"
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_io.h"
 #include "msgfile/tmf_lock.h"
-#include "msgfile/tmf_record.h"
 #include "msgfile/tmu.h"
 
 #include <cerrno>
@@ -45,6 +45,38 @@ int tmf_unlock_common(tmf_handle *h)
     h->common_locked = 0;
     return h->seek_proven ? tf_unlock_range(h->fd, 0, TMF_COMMON_SIZE)
                           : tf_unlock_file(h->fd, 0, TMF_COMMON_SIZE);
+}
+
+int tmf_write_common(tmf_handle *h)
+{
+    int code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
+    if (code == 0) {
+        const ssize_t written = tmf_write_at(h, 0, h->common, TMF_COMMON_SIZE);
+        if (written < 0)
+            code = TMF_EWRITE_COMMON;
+        else if (written < TMF_COMMON_SIZE)
+            code = TMF_EWRITE_COMMON_EOF;
+    }
+    tmfc_set_dirty(h->common, 0);
+    return code;
+}
+
+int tmf_reset(tmf_handle *h)
+{
+    tmf_common *common = h->common;
+    common->read_offset = common->data_start;
+    common->write_offset = common->data_start;
+    if (common->high_water <= TMF_EMPTY_SIZE_LIMIT)
+        return 0;
+    // The file says that it is empty before its records go, so that a reader that
+    // is killed in between leaves no count of records that are not there.
+    const int code = tmf_write_common(h);
+    if (code != 0)
+        return code;
+    if (ftruncate(h->fd, TMF_EMPTY_SIZE_LIMIT) != 0)
+        return TMF_ETRUNCATE;
+    common->high_water = common->write_offset;
+    return 0;
 }
 
 // Writes a new file's 4096 zero bytes behind the common area.
@@ -147,20 +179,6 @@ int tmf_get_common(tmf_handle *h)
     }
     if (code != 0)
         (void)tmf_unlock_common(h); // the first error is the one to report
-    return code;
-}
-
-int tmf_write_common(tmf_handle *h)
-{
-    int code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
-    if (code == 0) {
-        const ssize_t written = tmf_write_at(h, 0, h->common, TMF_COMMON_SIZE);
-        if (written < 0)
-            code = TMF_EWRITE_COMMON;
-        else if (written < TMF_COMMON_SIZE)
-            code = TMF_EWRITE_COMMON_EOF;
-    }
-    tmfc_set_dirty(h->common, 0);
     return code;
 }
 

@@ -24,6 +24,9 @@ int tmf_release_common(tmf_handle *h);
 // Writes the locked area to the file and clears the dirty flag.
 int tmf_write_common(tmf_handle *h);
 
+// Empties the data area and cuts a long file down.
+int tmf_reset(tmf_handle *h);
+
 // Unlocks the area without writing it.
 int tmf_unlock_common(tmf_handle *h);
 

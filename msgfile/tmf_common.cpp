@@ -108,3 +108,24 @@ uint16_t tmc_new_signal_port(const tmf_common *common, uint16_t port)
 {
     return static_cast<uint16_t>(((port + common->max_readers) & TMF_PORT_MASK) | TMF_PORT_BASE);
 }
+
+void tmc_add_waitlist(tmf_common *common, int id, uint16_t port)
+{
+    if (tmu_get_bit(common->wait_list, id) == 0)
+        tmu_set_bit(common->wait_list, id);
+    else if (get_be16(common->signal_ports[id]) == port)
+        return;
+    tmc_set_signal_port(common, id, port);
+    tmfc_set_dirty(common, 1);
+}
+
+void tmc_remove_waitlist(tmf_common *common, int id)
+{
+    tmu_clear_bit(common->wait_list, id);
+    tmfc_set_dirty(common, 1);
+}
+
+bool tmfc_need_to_wait(const tmf_common *common, int flags)
+{
+    return common->record_count == 0 && (common->num_writers > 0 || (flags & TMF_READ_WAIT) != 0);
+}

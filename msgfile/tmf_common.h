@@ -1,5 +1,5 @@
 // The common area in memory: first contents, byte order, dirty flag, stamp,
-// slot offsets, wake-up ports.  Nothing here touches a file.
+// slot offsets, wake-up ports, the wait list.  Nothing here touches a file.
 #ifndef MSGFILE_TMF_COMMON_H
 #define MSGFILE_TMF_COMMON_H
 
@@ -41,5 +41,12 @@ uint16_t tmc_get_signal_port(const tmf_common *common, int i);
 void tmc_set_signal_port(tmf_common *common, int i, uint16_t port);
 // The port to try when this one is busy.
 uint16_t tmc_new_signal_port(const tmf_common *common, uint16_t port);
+
+// Enter reader slot id with its port in the wait list, or take it off.
+void tmc_add_waitlist(tmf_common *common, int id, uint16_t port);
+void tmc_remove_waitlist(tmf_common *common, int id);
+
+// Whether there is no record and still reason to wait for one.
+bool tmfc_need_to_wait(const tmf_common *common, int flags);
 
 #endif

@@ -2,17 +2,14 @@
 #include "msgfile/tmf_record.h"
 
 #include "msgfile/tmf_area.h"
+#include "msgfile/tmf_buffer.h"
 #include "msgfile/tmf_common.h"
-#include "msgfile/tmf_error.h"
 #include "msgfile/tmf_io.h"
-#include "msgfile/tmf_wait.h"
 #include "msgfile/tmu.h"
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 // Positions and counts are signed 32-bit numbers that wrap.
 static int32_t wrapping_add(int32_t a, int32_t b)
@@ -23,19 +20,6 @@ static int32_t wrapping_add(int32_t a, int32_t b)
 static int saturating_increment(int count)
 {
     return count < INT_MAX ? count + 1 : count;
-}
-
-int tmf_grow_record_buffer(tmf_handle *h, int n)
-{
-    if (h->record_buffer_size >= n)
-        return 0;
-    unsigned char *buffer = static_cast<unsigned char *>(malloc(static_cast<size_t>(n)));
-    if (buffer == nullptr)
-        return TMF_EINTERNAL;
-    free(h->record_buffer);
-    h->record_buffer = buffer;
-    h->record_buffer_size = n;
-    return 0;
 }
 
 // Goes to a place of the data area.  A damaged area may name a place before it,
@@ -178,78 +162,5 @@ int tmf_delete_record(tmf_handle *h, int length)
     common->record_count = wrapping_add(common->record_count, -1);
     const int code = common->record_count == 0 ? tmf_reset(h) : 0;
     tmfc_set_dirty(common, 1);
-    return code;
-}
-
-int tmf_reset(tmf_handle *h)
-{
-    tmf_common *common = h->common;
-    common->read_offset = common->data_start;
-    common->write_offset = common->data_start;
-    if (common->high_water <= TMF_EMPTY_SIZE_LIMIT)
-        return 0;
-    // The file says that it is empty before its records go, so that a reader that
-    // is killed in between leaves no count of records that are not there.
-    const int code = tmf_write_common(h);
-    if (code != 0)
-        return code;
-    if (ftruncate(h->fd, TMF_EMPTY_SIZE_LIMIT) != 0)
-        return TMF_ETRUNCATE;
-    common->high_water = common->write_offset;
-    return 0;
-}
-
-// ---- the public reads
-
-// Takes the record, having waited for it where that is called for, and gives the
-// bytes copied.  code is the result of locking the area before and of the whole
-// call behind it: a wait puts its own result in the place of the lock's.
-static int next_record(tmf_handle *h, void *buf, int len, int flags, int timeout, int *code)
-{
-    int result = 0;
-    if (h->copy_mode != 0) {
-        result = tmf_read_record_copy(h, buf, len);
-    } else {
-        if (h->records_read == 0)
-            flags |= TMF_READ_WAIT;
-        if (tmfc_need_to_wait(h->common, flags))
-            *code = tmf_fread_wait(h, flags, timeout);
-        if (*code == 0)
-            result = tmf_read_record(h, buf, len, flags);
-    }
-    if (result >= 0)
-        return result;
-    *code = result;
-    return 0;
-}
-
-// Whether a common area that could not be had is that of no message file (any
-// more); nothing may be done to the file then.
-static bool is_foreign(int code)
-{
-    return code == TMF_ENOTMSG || code == TMF_EINCOMPATIBLE;
-}
-
-int tmf_fread_record(tmf_handle *h, void *buf, int len, int flags, int timeout)
-{
-    int code = 0;
-    int copied = 0;
-    if (h->is_reader == 0) {
-        code = TMF_EWRITE_ACCESS;
-    } else if (len < 0 || (buf == nullptr && len > 0)) {
-        code = TMF_EBUFFER_SIZE;
-    } else {
-        // Kept: a common area that cannot be had does not end the call at once;
-        // what follows works on the copy read last.
-        code = tmf_get_common(h);
-        if (!is_foreign(code))
-            copied = next_record(h, buf, len, flags, timeout, &code);
-        const int release_code = tmf_release_common(h);
-        if (code == 0)
-            code = release_code;
-    }
-    if (code == 0)
-        return copied;
-    tmf_set_error(h, code);
     return code;
 }

@@ -4,7 +4,6 @@
 
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_lock.h"
-#include "msgfile/tmf_wait.h"
 #include "msgfile/tmu.h"
 
 #include <unistd.h>

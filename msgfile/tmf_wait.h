@@ -9,13 +9,6 @@ constexpr int TMF_WAIT_WOKEN = 1;
 constexpr int TMF_WAIT_TIMEOUT = 2;
 constexpr int TMF_WAIT_SIGNAL = 3;
 
-// Enter reader slot id with its port in the wait list, or take it off.
-void tmc_add_waitlist(tmf_common *common, int id, uint16_t port);
-void tmc_remove_waitlist(tmf_common *common, int id);
-
-// Whether there is no record and still reason to wait for one.
-bool tmfc_need_to_wait(const tmf_common *common, int flags);
-
 // Waits on the port for a datagram; a busy port is changed for another one.
 int tmf_wait(tmf_handle *h, uint16_t *port, int seconds);
 

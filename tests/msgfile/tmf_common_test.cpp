@@ -1,5 +1,5 @@
 // The common area in memory: first contents, checks, byte order, dirty flag,
-// stamp, slot offsets, wake-up ports.
+// stamp, slot offsets, wake-up ports, the wait list.
 #include "msgfile/tmf_common.h"
 #include "tests/msgfile/system_calls.h"
 
@@ -241,4 +241,44 @@ TEST(TmfCommon, NextPortIs16FurtherWithinTheRange)
     EXPECT_EQ(tmc_new_signal_port(&common, 1), 53265);
     common.max_readers = 5;
     EXPECT_EQ(tmc_new_signal_port(&common, 53248), 53253);
+}
+
+TEST(TmfCommonWaitList, EntryIsStoredWhenItIsNewOrHasAnotherPort)
+{
+    tmf_common common = {};
+    tmc_add_waitlist(&common, 9, 0xD009);
+    EXPECT_EQ(common.wait_list[1], 0x02);
+    EXPECT_EQ(common.signal_ports[9][0], 0xD0);
+    EXPECT_EQ(common.signal_ports[9][1], 0x09);
+    EXPECT_TRUE(tmfc_is_dirty(&common));
+    tmfc_set_dirty(&common, 0);
+    tmc_add_waitlist(&common, 9, 0xD009);
+    EXPECT_FALSE(tmfc_is_dirty(&common)) << "it stands there already";
+    tmc_add_waitlist(&common, 9, 0xD019);
+    EXPECT_TRUE(tmfc_is_dirty(&common));
+    EXPECT_EQ(common.signal_ports[9][1], 0x19);
+    tmfc_set_dirty(&common, 0);
+    tmc_remove_waitlist(&common, 9);
+    EXPECT_EQ(common.wait_list[1], 0);
+    EXPECT_TRUE(tmfc_is_dirty(&common));
+}
+
+TEST(TmfCommonWaitList, ReasonToWaitIsNoRecordAndAWriterOrTheFlag)
+{
+    const struct {
+        int32_t records;
+        int16_t writers;
+        int flags;
+        bool wait;
+    } rows[] = {
+        {0, 0, 0, false}, {0, 0, 1, false},  {0, 0, 12, false}, {0, 0, 2, true},  {0, 1, 0, true},
+        {1, 1, 2, false}, {-1, 1, 2, false}, {0, -1, 0, false}, {0, 3, 15, true},
+    };
+    for (const auto &row : rows) {
+        tmf_common common = {};
+        common.record_count = row.records;
+        common.num_writers = row.writers;
+        EXPECT_EQ(tmfc_need_to_wait(&common, row.flags), row.wait)
+            << row.records << " " << row.writers << " " << row.flags;
+    }
 }

@@ -2,8 +2,8 @@
 // ends the wait.  No round takes its time: poll is answered, or something happens.
 #include "msgfile/tmf_wait.h"
 
+#include "msgfile/tmf_area.h"
 #include "msgfile/tmf_common.h"
-#include "msgfile/tmf_record.h"
 #include "tests/msgfile/message_file.h"
 #include "tests/msgfile/other_process.h"
 #include "tests/msgfile/records.h"
@@ -13,46 +13,6 @@
 #include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
-
-TEST(TmfWaitList, EntryIsStoredWhenItIsNewOrHasAnotherPort)
-{
-    tmf_common common = {};
-    tmc_add_waitlist(&common, 9, 0xD009);
-    EXPECT_EQ(common.wait_list[1], 0x02);
-    EXPECT_EQ(common.signal_ports[9][0], 0xD0);
-    EXPECT_EQ(common.signal_ports[9][1], 0x09);
-    EXPECT_TRUE(tmfc_is_dirty(&common));
-    tmfc_set_dirty(&common, 0);
-    tmc_add_waitlist(&common, 9, 0xD009);
-    EXPECT_FALSE(tmfc_is_dirty(&common)) << "it stands there already";
-    tmc_add_waitlist(&common, 9, 0xD019);
-    EXPECT_TRUE(tmfc_is_dirty(&common));
-    EXPECT_EQ(common.signal_ports[9][1], 0x19);
-    tmfc_set_dirty(&common, 0);
-    tmc_remove_waitlist(&common, 9);
-    EXPECT_EQ(common.wait_list[1], 0);
-    EXPECT_TRUE(tmfc_is_dirty(&common));
-}
-
-TEST(TmfWaitList, ReasonToWaitIsNoRecordAndAWriterOrTheFlag)
-{
-    const struct {
-        int32_t records;
-        int16_t writers;
-        int flags;
-        bool wait;
-    } rows[] = {
-        {0, 0, 0, false}, {0, 0, 1, false},  {0, 0, 12, false}, {0, 0, 2, true},  {0, 1, 0, true},
-        {1, 1, 2, false}, {-1, 1, 2, false}, {0, -1, 0, false}, {0, 3, 15, true},
-    };
-    for (const auto &row : rows) {
-        tmf_common common = {};
-        common.record_count = row.records;
-        common.num_writers = row.writers;
-        EXPECT_EQ(tmfc_need_to_wait(&common, row.flags), row.wait)
-            << row.records << " " << row.writers << " " << row.flags;
-    }
-}
 
 // Sends a byte to a port of the loopback address, as any wake-up would come.
 static void send_to(uint16_t port)
@@ -390,8 +350,8 @@ TEST_F(TmfWait, SignalsWithoutTheirFlagCostWholeRounds)
     other_process late({append(path)});
     reader();
     fail_call(CALL_POLL, EINTR, 0, -1);
-    char buf[20];
-    EXPECT_EQ(tmf_fread_record(h, buf, sizeof(buf), TMF_READ_LIMIT, 100), -5268);
+    ASSERT_EQ(tmf_get_common(h), 0);
+    EXPECT_EQ(tmf_fread_wait(h, TMF_READ_WAIT | TMF_READ_LIMIT, 100), TMF_ETIMEOUT);
     EXPECT_EQ(rounds(), (seconds{60, 40}));
     forget_calls();
     before_call(CALL_POLL, [&] {
