@@ -4,7 +4,6 @@
 #include "msgfile/tmf_buffer.h"
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_io.h"
-#include "msgfile/tmf_lock.h"
 #include "msgfile/tmu.h"
 
 #include <cerrno>
@@ -14,12 +13,11 @@
 // The pause before a lock is tried again: about as long as another process's call.
 static constexpr timespec lock_pause = {.tv_sec = 0, .tv_nsec = 100'000};
 
-int tmf_wait_common(int fd, bool seek_proven)
+int tmf_wait_common(int fd, const tmf_file_row &row)
 {
     for (;;) {
         errno = 0; // the primitive may fail before it asks the system
-        const int result = seek_proven ? tf_lock_range_wait(fd, 0, TMF_COMMON_SIZE)
-                                       : tf_lock_file_wait(fd, 0, TMF_COMMON_SIZE);
+        const int result = row.lock_wait(fd, 0, TMF_COMMON_SIZE);
         if (result != TMF_ELOCK_WAIT || errno != EDEADLK)
             // A waiting lock that reports another holder has failed; as a result of a
             // read its 1 would stand for one byte.
@@ -32,7 +30,7 @@ int tmf_wait_common(int fd, bool seek_proven)
 
 static int lock_common(tmf_handle *h)
 {
-    const int code = tmf_wait_common(h->fd, h->seek_proven);
+    const int code = tmf_wait_common(h->fd, *h->file);
     if (code == 0)
         h->common_locked = 1;
     return code;
@@ -43,22 +41,18 @@ int tmf_unlock_common(tmf_handle *h)
     if (h->common_locked == 0)
         return 0;
     h->common_locked = 0;
-    return h->seek_proven ? tf_unlock_range(h->fd, 0, TMF_COMMON_SIZE)
-                          : tf_unlock_file(h->fd, 0, TMF_COMMON_SIZE);
+    return h->file->unlock(h->fd, 0, TMF_COMMON_SIZE);
 }
 
 int tmf_write_common(tmf_handle *h)
 {
-    int code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
-    if (code == 0) {
-        const ssize_t written = tmf_write_at(h, 0, h->common, TMF_COMMON_SIZE);
-        if (written < 0)
-            code = TMF_EWRITE_COMMON;
-        else if (written < TMF_COMMON_SIZE)
-            code = TMF_EWRITE_COMMON_EOF;
-    }
+    static constexpr tmf_io_codes codes = {.no_place = TMF_ESEEK_COMMON,
+                                           .elsewhere = TMF_ESEEK_COMMON_EOF,
+                                           .failed = TMF_EWRITE_COMMON,
+                                           .cut = TMF_EWRITE_COMMON_EOF};
+    const ssize_t written = tmf_write_at(h, 0, h->common, TMF_COMMON_SIZE, TMF_COMMON_SIZE, codes);
     tmfc_set_dirty(h->common, 0);
-    return code;
+    return tmf_code_of(written);
 }
 
 int tmf_reset(tmf_handle *h)
@@ -83,42 +77,42 @@ int tmf_reset(tmf_handle *h)
 static int tmf_write_lock_area(tmf_handle *h)
 {
     static const unsigned char zeros[TMF_LOCK_AREA_SIZE] = {};
-    const int32_t at = h->common_copy.lock_area_offset;
-    const int code = tmf_seek(h, at, TMF_ESEEK_LOCKS, TMF_ESEEK_LOCKS_EOF);
-    if (code != 0)
-        return code;
-    const ssize_t written = tmf_write_at(h, at, zeros, sizeof(zeros));
-    if (written < 0)
-        return TMF_EWRITE_LOCKS;
+    static constexpr tmf_io_codes codes = {.no_place = TMF_ESEEK_LOCKS,
+                                           .elsewhere = TMF_ESEEK_LOCKS_EOF,
+                                           .failed = TMF_EWRITE_LOCKS,
+                                           .cut = TMF_EWRITE_LOCKS_EOF};
     // Kept: a short write passes from the size of the common area on.
-    return written < TMF_COMMON_SIZE ? TMF_EWRITE_LOCKS_EOF : 0;
+    return tmf_code_of(tmf_write_at(h, h->common_copy.lock_area_offset, zeros, sizeof(zeros),
+                                    TMF_COMMON_SIZE, codes));
 }
 
 // Makes a message file of the empty file.
 static int init_file(tmf_handle *h)
 {
+    static constexpr tmf_io_codes codes = {.no_place = TMF_ESEEK_COMMON,
+                                           .elsewhere = TMF_ESEEK_COMMON_EOF,
+                                           .failed = TMF_EINIT_WRITE,
+                                           .cut = TMF_EINIT_WRITE_EOF};
     tmfc_init_tmc(&h->common_copy);
     int code = tmf_reset(h);
     if (code == 0)
-        code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
-    if (code != 0)
-        return code;
-    const ssize_t written = tmf_write_at(h, 0, &h->common_copy, TMF_COMMON_SIZE);
-    if (written == TMF_COMMON_SIZE)
+        code = tmf_code_of(
+            tmf_write_at(h, 0, &h->common_copy, TMF_COMMON_SIZE, TMF_COMMON_SIZE, codes));
+    if (code == 0)
         return tmf_write_lock_area(h);
     // A part of the area would be taken for a foreign file by the next user, who
     // may find room on the disk: leave the file as it was, empty.
-    if (written < 0)
-        return TMF_EINIT_WRITE;
-    [[maybe_unused]] const int ignored =
-        ftruncate(h->fd, 0); // the write's error is the one to report
-    return TMF_EINIT_WRITE_EOF;
+    if (code == TMF_EINIT_WRITE_EOF) {
+        [[maybe_unused]] const int ignored =
+            ftruncate(h->fd, 0); // the write's error is the one to report
+    }
+    return code;
 }
 
 static int read_first(tmf_handle *h)
 {
     // The lock has just positioned the descriptor at 0.
-    const ssize_t got = tmf_read_at(h, 0, &h->common_copy, TMF_COMMON_SIZE);
+    const ssize_t got = read(h->fd, &h->common_copy, TMF_COMMON_SIZE);
     if (got < 0)
         return TMF_EINIT_READ;
     h->common = &h->common_copy;
@@ -154,21 +148,32 @@ int tmf_ensure_common(tmf_handle *h)
     return 0;
 }
 
+// Reads the area.  0, or a code; with that of a failed seek the area was read.
+static int read_area(const tmf_handle *h, tmf_common *fresh)
+{
+    static constexpr tmf_io_codes codes = {.no_place = TMF_ESEEK_COMMON,
+                                           .elsewhere = TMF_ESEEK_COMMON_EOF,
+                                           .failed = TMF_EREAD_COMMON,
+                                           .cut = TMF_EREAD_COMMON_EOF};
+    const int code = tmf_code_of(tmf_read_at(h, 0, fresh, TMF_COMMON_SIZE, TMF_COMMON_SIZE, codes));
+    if (code != codes.no_place && code != codes.elsewhere)
+        return code;
+    // Kept: a failed seek does not keep the area from being read, where the lock has
+    // left the descriptor, and only a failed read takes the place of its code.
+    const ssize_t got = read(h->fd, fresh, TMF_COMMON_SIZE);
+    if (got < 0)
+        return codes.failed;
+    return got < TMF_COMMON_SIZE ? codes.cut : code;
+}
+
 int tmf_get_common(tmf_handle *h)
 {
     int code = lock_common(h);
     if (code != 0)
         return code;
-    code = tmf_seek(h, 0, TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF);
-    // Kept: a failed seek does not keep the area from being read, and only a
-    // failed read takes the place of its code.
     tmf_common fresh;
-    const ssize_t got = tmf_read_at(h, 0, &fresh, TMF_COMMON_SIZE);
-    if (got < 0) {
-        code = TMF_EREAD_COMMON;
-    } else if (got < TMF_COMMON_SIZE) {
-        code = TMF_EREAD_COMMON_EOF;
-    } else {
+    code = read_area(h, &fresh);
+    if (code == 0 || code == TMF_ESEEK_COMMON || code == TMF_ESEEK_COMMON_EOF) {
         const int foreign = tmfc_recheck(&fresh);
         if (foreign == 0) {
             *h->common = fresh;

@@ -5,9 +5,9 @@
 
 #include "msgfile/tmf_handle.h"
 
-// Waits for the common lock of the file, and tries again what only looks like a
-// deadlock.  seek_proven: the descriptor is known to seek.  0 or a code.
-int tmf_wait_common(int fd, bool seek_proven);
+// Waits for the common lock of the file by a row's function, and tries again what
+// only looks like a deadlock.  0 or a code.
+int tmf_wait_common(int fd, const tmf_file_row &row);
 
 // The first read of a file: makes a new file of an empty one, checks the format,
 // brings the area into this host's order and prepares the handle.  0 with the

@@ -24,6 +24,8 @@ struct tmf_receive_state {
     int socket;    // owned; 0 when there is none
 };
 
+struct tmf_file_row;
+
 struct tmf_handle {
     int fd;                                 // owned; holds the process's locks on the file
     int error;                              // last code, 0 for none
@@ -52,8 +54,7 @@ struct tmf_handle {
     int32_t last_record_end;      // writer: behind its last record; reader: its last one's start
     tmf_send_state send;
     tmf_receive_state receive;
-    bool seek_proven; // a whole record operation has sought its way: from then on reads, writes
-                      // and locks name their place themselves
+    const tmf_file_row *file; // how locks, reads and writes get to their place: tmf_io.h
 };
 
 #endif

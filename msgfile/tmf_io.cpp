@@ -1,24 +1,69 @@
-// Positioned input and output on a handle's descriptor.
+// File work: the two rows.
 #include "msgfile/tmf_io.h"
+
+#include "msgfile/tmf_lock.h"
 
 #include <unistd.h>
 
-int tmf_seek(const tmf_handle *h, int32_t at, int error, int eof)
+// ---- seeking
+
+// Goes to offset at: 0, or a code.
+static int seek(int fd, int32_t at, const tmf_io_codes &codes)
 {
-    if (h->seek_proven)
-        return at < 0 ? error : 0;
-    const off_t reached = lseek(h->fd, at, SEEK_SET);
+    const off_t reached = lseek(fd, at, SEEK_SET);
     if (reached < 0)
-        return error;
-    return reached == at ? 0 : eof;
+        return codes.no_place;
+    return reached == at ? 0 : codes.elsewhere;
 }
 
-ssize_t tmf_read_at(const tmf_handle *h, int32_t at, void *buf, size_t n)
+static ssize_t seek_and_read(int fd, int32_t at, void *buf, size_t n, const tmf_io_codes &codes)
 {
-    return h->seek_proven ? pread(h->fd, buf, n, at) : read(h->fd, buf, n);
+    const int code = seek(fd, at, codes);
+    if (code != 0)
+        return code;
+    const ssize_t got = read(fd, buf, n);
+    return got < 0 ? codes.failed : got;
 }
 
-ssize_t tmf_write_at(const tmf_handle *h, int32_t at, const void *buf, size_t n)
+static ssize_t seek_and_write(int fd, int32_t at, const void *buf, size_t n,
+                              const tmf_io_codes &codes)
 {
-    return h->seek_proven ? pwrite(h->fd, buf, n, at) : write(h->fd, buf, n);
+    const int code = seek(fd, at, codes);
+    if (code != 0)
+        return code;
+    const ssize_t written = write(fd, buf, n);
+    return written < 0 ? codes.failed : written;
 }
+
+const tmf_file_row tmf_seeking_row = {
+    .lock_wait = tf_lock_file_wait,
+    .unlock = tf_unlock_file,
+    .read = seek_and_read,
+    .write = seek_and_write,
+};
+
+// ---- positioned
+
+static ssize_t read_positioned(int fd, int32_t at, void *buf, size_t n, const tmf_io_codes &codes)
+{
+    if (at < 0)
+        return codes.no_place;
+    const ssize_t got = pread(fd, buf, n, at);
+    return got < 0 ? codes.failed : got;
+}
+
+static ssize_t write_positioned(int fd, int32_t at, const void *buf, size_t n,
+                                const tmf_io_codes &codes)
+{
+    if (at < 0)
+        return codes.no_place;
+    const ssize_t written = pwrite(fd, buf, n, at);
+    return written < 0 ? codes.failed : written;
+}
+
+const tmf_file_row tmf_positioned_row = {
+    .lock_wait = tf_lock_range_wait,
+    .unlock = tf_unlock_range,
+    .read = read_positioned,
+    .write = write_positioned,
+};

@@ -4,6 +4,7 @@
 #include "msgfile/tmf_area.h"
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_error.h"
+#include "msgfile/tmf_io.h"
 #include "msgfile/tmf_net.h"
 #include "msgfile/tmf_users.h"
 
@@ -25,6 +26,7 @@ tmf_handle *tmf_new(int fd, const char *path, int mode)
         return nullptr;
     }
     h->fd = fd;
+    h->file = &tmf_seeking_row;
     h->is_reader = mode & TMF_MODE_READ;
     h->copy_mode = mode & TMF_MODE_COPY;
     h->record_pids = 1;

@@ -22,18 +22,22 @@ static int saturating_increment(int count)
     return count < INT_MAX ? count + 1 : count;
 }
 
-// Goes to a place of the data area.  A damaged area may name a place before it,
-// where the bookkeeping lies.
-static int seek_data(const tmf_handle *h, int32_t at)
+// Whether a record may be at an offset.  A damaged area may name a place before the
+// data area, where the bookkeeping lies, or none at all.  0 or a code.
+static int check_place(const tmf_handle *h, int32_t at)
 {
-    const int code = tmf_seek(h, at, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF);
-    if (code != 0)
-        return code;
+    if (at < 0)
+        return TMF_ESEEK_DATA;
     const int32_t first = std::max(h->common->data_start, TMF_COMMON_SIZE);
     return at < first ? TMF_ESEEK_DATA_EOF : 0;
 }
 
 // ---- writing
+
+static constexpr tmf_io_codes write_codes = {.no_place = TMF_ESEEK_DATA,
+                                             .elsewhere = TMF_ESEEK_DATA_EOF,
+                                             .failed = TMF_EWRITE_DATA,
+                                             .cut = TMF_EWRITE_DATA_EOF};
 
 int tmf_write_record(tmf_handle *h, const void *buf, int n)
 {
@@ -58,21 +62,19 @@ int tmf_write_record(tmf_handle *h, const void *buf, int n)
         memset(p + TMF_END_MARK_SIZE, 0, static_cast<size_t>(h->record_overhead - TMF_FRAME_SIZE));
 
     const int32_t at = common->write_offset;
-    code = seek_data(h, at);
+    code = check_place(h, at);
+    if (code == 0) // a part of the end mark is enough
+        code = tmf_code_of(tmf_write_at(h, at, h->record_buffer, static_cast<size_t>(framed),
+                                        length, write_codes));
     if (code != 0)
         return code;
-    const ssize_t written = tmf_write_at(h, at, h->record_buffer, static_cast<size_t>(framed));
-    if (written < 0)
-        return TMF_EWRITE_DATA;
-    if (written < length) // a part of the end mark is enough
-        return TMF_EWRITE_DATA_EOF;
 
     common->record_count = wrapping_add(common->record_count, 1);
     common->write_offset = wrapping_add(at, length);
     h->last_record_end = common->write_offset;
     common->high_water = std::max(common->high_water, common->write_offset);
     tmfc_set_dirty(common, 1);
-    h->seek_proven = true;
+    h->file = &tmf_positioned_row;
     return 0;
 }
 
@@ -83,6 +85,11 @@ struct record_view {
     int copied; // bytes given to the caller
 };
 
+static constexpr tmf_io_codes read_codes = {.no_place = TMF_ESEEK_DATA,
+                                            .elsewhere = TMF_ESEEK_DATA_EOF,
+                                            .failed = TMF_EREAD_DATA,
+                                            .cut = TMF_EREAD_DATA_EOF};
+
 // Reads the record at offset at into buf of len bytes.
 static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_view *record)
 {
@@ -92,14 +99,13 @@ static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_
     if (h->record_buffer_size < wanted)
         code = tmf_grow_record_buffer(h, wanted + TMF_BUFFER_SLACK);
     if (code == 0)
-        code = seek_data(h, at);
+        code = check_place(h, at);
     if (code != 0)
         return code;
-    const ssize_t got = tmf_read_at(h, at, h->record_buffer, static_cast<size_t>(wanted));
+    const ssize_t got = tmf_read_at(h, at, h->record_buffer, static_cast<size_t>(wanted),
+                                    TMF_FRAME_SIZE, read_codes);
     if (got < 0)
-        return TMF_EREAD_DATA;
-    if (got < TMF_FRAME_SIZE)
-        return TMF_EREAD_DATA_EOF;
+        return static_cast<int>(got);
     record->length = get_be16(h->record_buffer + TMF_FRAME_LENGTH_AT);
     record->copied = std::min(record->length - TMF_FRAME_SIZE, len);
     // A damaged length: less than a frame, beyond the newest record (the distance
@@ -111,7 +117,7 @@ static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_
         return TMF_EREAD_DATA_EOF;
     if (record->copied > 0)
         memcpy(buf, h->record_buffer + TMF_FRAME_DATA_AT, static_cast<size_t>(record->copied));
-    h->seek_proven = true;
+    h->file = &tmf_positioned_row;
     return 0;
 }
 
@@ -120,7 +126,7 @@ int tmf_read_record(tmf_handle *h, void *buf, int len, int flags)
     if (h->common->record_count == 0)
         return 0;
     const int32_t at = h->common->read_offset;
-    record_view record;
+    record_view record = {};
     int code = read_record_at(h, at, buf, len, &record);
     if (code != 0)
         return code;
@@ -142,7 +148,7 @@ int tmf_read_record_copy(tmf_handle *h, void *buf, int len)
         return TMF_EREAD_DATA_EOF;
     if (h->copy_count >= h->common->record_count)
         return 0;
-    record_view record;
+    record_view record = {};
     const int code = read_record_at(h, at, buf, len, &record);
     if (code != 0)
         return code;

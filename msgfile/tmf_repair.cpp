@@ -4,7 +4,7 @@
 #include "msgfile/tmf_area.h"
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_error.h"
-#include "msgfile/tmf_lock.h"
+#include "msgfile/tmf_io.h"
 #include "msgfile/tmf_net.h"
 #include "msgfile/tmf_survey.h"
 #include "msgfile/tmu.h"
@@ -210,13 +210,13 @@ static int on_locked_file(const char *path, int keep_end, const char *aside, boo
     if (fd < 0)
         return tmf_os_error(nullptr, TMF_EOPEN, errno);
     tmf_survey survey = {};
-    int code = tmf_wait_common(fd, false);
+    int code = tmf_wait_common(fd, tmf_seeking_row);
     if (code == 0) {
         code = tmf_survey_file(fd, keep_end, &survey);
         if (code == 0 && repair)
             code = repair_file(fd, aside, &survey);
         *result = survey.result;
-        const int unlock_code = tf_unlock_file(fd, 0, TMF_COMMON_SIZE);
+        const int unlock_code = tmf_seeking_row.unlock(fd, 0, TMF_COMMON_SIZE);
         if (code == 0)
             code = unlock_code;
     }

@@ -3,6 +3,7 @@
 #include "msgfile/tmf_users.h"
 
 #include "msgfile/tmf_common.h"
+#include "msgfile/tmf_io.h"
 #include "msgfile/tmf_lock.h"
 #include "msgfile/tmu.h"
 
@@ -20,9 +21,8 @@ struct user_kind {
     int exclusive;
     int present;
     int locked;
-    int seek;
-    int read, read_eof;
-    int write, write_eof;
+    tmf_io_codes read;
+    tmf_io_codes write;
 };
 
 static constexpr user_kind reader_kind = {
@@ -37,11 +37,8 @@ static constexpr user_kind reader_kind = {
     .exclusive = TMF_EREADER_EXCLUSIVE,
     .present = TMF_EREADER_PRESENT,
     .locked = TMF_EREADER_LOCKED,
-    .seek = TMF_ESEEK_READER,
-    .read = TMF_EREAD_READER,
-    .read_eof = TMF_EREAD_READER_EOF,
-    .write = TMF_EWRITE_READER,
-    .write_eof = TMF_EWRITE_READER_EOF,
+    .read = {TMF_ESEEK_READER, TMF_ESEEK_READER, TMF_EREAD_READER, TMF_EREAD_READER_EOF},
+    .write = {TMF_ESEEK_READER, TMF_ESEEK_READER, TMF_EWRITE_READER, TMF_EWRITE_READER_EOF},
 };
 
 static constexpr user_kind writer_kind = {
@@ -56,11 +53,8 @@ static constexpr user_kind writer_kind = {
     .exclusive = TMF_EWRITER_EXCLUSIVE,
     .present = TMF_EWRITER_PRESENT,
     .locked = TMF_EWRITER_LOCKED,
-    .seek = TMF_ESEEK_WRITER,
-    .read = TMF_EREAD_WRITER,
-    .read_eof = TMF_EREAD_WRITER_EOF,
-    .write = TMF_EWRITE_WRITER,
-    .write_eof = TMF_EWRITE_WRITER_EOF,
+    .read = {TMF_ESEEK_WRITER, TMF_ESEEK_WRITER, TMF_EREAD_WRITER, TMF_EREAD_WRITER_EOF},
+    .write = {TMF_ESEEK_WRITER, TMF_ESEEK_WRITER, TMF_EWRITE_WRITER, TMF_EWRITE_WRITER_EOF},
 };
 
 // ---- registration in the common area
@@ -129,50 +123,41 @@ int tmfc_clear_writer_user_id(tmf_common *common, int id)
 
 // Bytes of a slot that hold the process id; an area with another slot size
 // leaves the rest of a slot unused.
-static size_t pid_bytes(const tmf_handle *h, const user_kind &kind)
+static int pid_bytes(const tmf_handle *h, const user_kind &kind)
 {
-    return static_cast<size_t>(tmu_within(h->common->*kind.slot_size, 0, sizeof(int32_t)));
+    return tmu_within(h->common->*kind.slot_size, 0, sizeof(int32_t));
 }
 
-// A damaged area may put slots into the common area or among the records, or
-// give them no size, which a lock would take for the rest of the file.
-static bool slot_is_sound(const tmf_handle *h, int32_t at, const user_kind &kind)
+// The place of slot i in the file.  0, or the code of a slot where none can be: a
+// damaged area may put slots into the common area or among the records, or give them
+// no size, which a lock would take for the rest of the file.
+static int find_slot(const tmf_handle *h, int i, const user_kind &kind, int32_t *at)
 {
-    return h->common->*kind.slot_size > 0 && at >= TMF_COMMON_SIZE &&
-           at + static_cast<int64_t>(pid_bytes(h, kind)) <= h->common->data_start;
-}
-
-static int seek_slot(tmf_handle *h, int i, const user_kind &kind)
-{
-    const int32_t at = tmfc_calc_user_lock_offset(h->common, i, kind.is_reader);
-    if (!slot_is_sound(h, at, kind))
-        return kind.seek;
-    return lseek(h->fd, at, SEEK_SET) == at ? 0 : kind.seek;
+    *at = tmfc_calc_user_lock_offset(h->common, i, kind.is_reader);
+    const bool sound = h->common->*kind.slot_size > 0 && *at >= TMF_COMMON_SIZE &&
+                       *at + int64_t{pid_bytes(h, kind)} <= h->common->data_start;
+    return sound ? 0 : kind.read.no_place;
 }
 
 static int read_data(tmf_handle *h, int i, int32_t *pid, const user_kind &kind)
 {
-    const int code = seek_slot(h, i, kind);
+    int32_t at;
+    const int code = find_slot(h, i, kind, &at);
     if (code != 0)
         return code;
     *pid = 0;
-    const size_t n = pid_bytes(h, kind);
-    const ssize_t got = read(h->fd, pid, n);
-    if (got < 0)
-        return kind.read;
-    return static_cast<size_t>(got) < n ? kind.read_eof : 0;
+    const int n = pid_bytes(h, kind);
+    return tmf_code_of(tmf_read_at(h, at, pid, static_cast<size_t>(n), n, kind.read));
 }
 
 static int write_data(tmf_handle *h, int i, int32_t pid, const user_kind &kind)
 {
-    const int code = seek_slot(h, i, kind);
+    int32_t at;
+    const int code = find_slot(h, i, kind, &at);
     if (code != 0)
         return code;
-    const size_t n = pid_bytes(h, kind);
-    const ssize_t written = write(h->fd, &pid, n);
-    if (written < 0)
-        return kind.write;
-    return static_cast<size_t>(written) < n ? kind.write_eof : 0;
+    const int n = pid_bytes(h, kind);
+    return tmf_code_of(tmf_write_at(h, at, &pid, static_cast<size_t>(n), n, kind.write));
 }
 
 int tmf_read_reader_data(tmf_handle *h, int i, int32_t *pid)
@@ -201,9 +186,9 @@ static int lock_user(tmf_handle *h, const user_kind &kind)
 {
     if (h->slot_locked != 0)
         return 0;
-    h->slot_offset = tmfc_calc_user_lock_offset(h->common, h->user_id, kind.is_reader);
-    if (!slot_is_sound(h, h->slot_offset, kind))
-        return kind.seek;
+    const int code = find_slot(h, h->user_id, kind, &h->slot_offset);
+    if (code != 0)
+        return code;
     h->slot_size = h->common->*kind.slot_size;
     const int result = tf_lock_file_nowait(h->fd, h->slot_offset, h->slot_size);
     if (result > 1)
@@ -221,7 +206,7 @@ static int unlock_user(tmf_handle *h, const user_kind &kind)
     if (h->slot_locked == 0)
         return 0;
     const int write_code = h->record_pids != 0 ? write_data(h, h->user_id, 0, kind) : 0;
-    const int unlock_code = tf_unlock_file(h->fd, h->slot_offset, h->slot_size);
+    const int unlock_code = h->file->unlock(h->fd, h->slot_offset, h->slot_size);
     h->slot_locked = 0;
     return unlock_code != 0 ? unlock_code : write_code;
 }
@@ -251,9 +236,10 @@ int tmf_unlock_user_writer(tmf_handle *h)
 // 1 while the slot's owner lives; 0 once its registration is removed; or a code.
 static int purge_slot(tmf_handle *h, int i, const user_kind &kind)
 {
-    const int32_t at = tmfc_calc_user_lock_offset(h->common, i, kind.is_reader);
-    if (!slot_is_sound(h, at, kind))
-        return kind.seek;
+    int32_t at;
+    const int code = find_slot(h, i, kind, &at);
+    if (code != 0)
+        return code;
     const int held = tf_lock_file_test(h->fd, at, h->common->*kind.slot_size);
     if (held != 0)
         return held;

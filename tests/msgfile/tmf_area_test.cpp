@@ -436,3 +436,15 @@ TEST_F(TmfArea, LaterRecordsTakeFiveSystemCallsEach)
                                       "pwrite 256 at 0", "setlk 0"}));
     EXPECT_EQ(tmf_fclose(reader), 0);
 }
+
+TEST_F(TmfArea, SlotsOfAProvenHandleNameTheirPlaceToo)
+{
+    tmf_handle *writer = open(0);
+    ASSERT_NE(writer, nullptr);
+    ASSERT_EQ(tmf_fwrite(writer, "one", 3), 0);
+    forget_calls();
+    EXPECT_EQ(tmf_fclose(writer), 0);
+    EXPECT_EQ(calls_as_text(), (texts{"setlkw 0", "pread 256 at 0", "pwrite 4 at 320", "setlk 320",
+                                      "pwrite 256 at 0", "setlk 0"}));
+    expect_nobody();
+}

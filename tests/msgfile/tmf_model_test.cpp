@@ -1,5 +1,6 @@
 // Random operations beside a queue in memory, some of which fail.  After each the
 // header's fields and the frames in the data area are compared with the queue.
+#include "msgfile/tmf_io.h"
 #include "tests/msgfile/records.h"
 #include "tests/msgfile/system_calls.h"
 
@@ -92,11 +93,11 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         } else if (!possible) {
             code = -5216;
         } else if (below(12) == 0) { // the first operation of a handle writes, later ones pwrite
-            const call_kind kind = h->seek_proven ? CALL_PWRITE : CALL_WRITE;
+            const call_kind kind = h->file == &tmf_positioned_row ? CALL_PWRITE : CALL_WRITE;
             code = fail_some(kind, 0, length + 6, -5226, -5227);
             reaches_file = code == -5227;
         } else if (below(12) == 0) { // the data is there, the header does not know of it
-            code = fail_some(CALL_PWRITE, h->seek_proven ? 1 : 0, 1, -5222, -5223);
+            code = fail_some(CALL_PWRITE, h->file == &tmf_positioned_row ? 1 : 0, 1, -5222, -5223);
         }
         ASSERT_EQ(write_record(h, data), code);
         if (code != 0) {
@@ -155,7 +156,7 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         const record_read expected = whole(queue[next].data.substr(0, static_cast<size_t>(room)));
         const bool cuts_now = removes && last_one_cuts();
         if (below(12) == 0) {
-            const call_kind kind = h->seek_proven ? CALL_PREAD : CALL_READ;
+            const call_kind kind = h->file == &tmf_positioned_row ? CALL_PREAD : CALL_READ;
             const int code = fail_some(kind, 1, 6, -5228, -5229); // behind that of the header
             EXPECT_EQ(read_record(h, room, flags), (record_read{code, ""}));
             return;

@@ -1,6 +1,7 @@
 // Opening and closing: what a user does to the file, in which order, with which
 // permissions and descriptors.
 #include "msgfile/tmf_area.h"
+#include "msgfile/tmf_io.h"
 #include "msgfile/tmf_open.h"
 #include "tests/msgfile/message_file.h"
 #include "tests/msgfile/other_process.h"
@@ -110,6 +111,8 @@ TEST_F(TmfOpen, HandleHoldsWhatTheModeAsksFor)
     EXPECT_EQ(h->user_id, -1);
     EXPECT_EQ(h->common, nullptr);
     EXPECT_EQ(h->record_buffer, nullptr);
+    EXPECT_EQ(h->file, &tmf_seeking_row);
+    h->file = nullptr;
     h->is_reader = h->copy_mode = h->record_pids = h->user_id = 0;
     h->fd = 0;
     free(h->path);
