@@ -7,28 +7,6 @@
 #include <algorithm>
 #include <climits>
 
-static constexpr size_t NAME_MAX_LENGTH = 16; // of a database or dataset
-
-static bool size_allowed(const fwu_item &item)
-{
-    switch (item.type) {
-    case 'I':
-    case 'J':
-    case 'K':
-        return item.size == 2 || item.size == 4 || item.size == 8;
-    case 'E':
-    case 'R':
-        return item.size == 4 || item.size == 8;
-    case 'P':
-    case 'Z':
-    case 'X':
-    case 'U':
-        return item.size > 0;
-    default:
-        return false;
-    }
-}
-
 static std::string dataset_name(const fwu_dataset &dataset)
 {
     return dataset.layout.dbname + "." + dataset.layout.dsetname;
@@ -63,9 +41,9 @@ outcome feed_check_name(const fwu_config &config, const std::string &name, std::
 {
     const std::string dbname = feed_name(schema);
     const std::string dsetname = feed_name(table);
-    if (dbname.size() > NAME_MAX_LENGTH || dsetname.size() > NAME_MAX_LENGTH)
+    if (dbname.size() > FWU_NAME_MAX || dsetname.size() > FWU_NAME_MAX)
         return outcome_bad("table " + name + ": " +
-                           (dbname.size() > NAME_MAX_LENGTH ? dbname : dsetname) +
+                           (dbname.size() > FWU_NAME_MAX ? dbname : dsetname) +
                            " is longer than the 16 characters of a name: give the dataset a short "
                            "name in " +
                            config.path + " with table=" + name +
@@ -101,7 +79,8 @@ static outcome measure(feed_table &table, const fwu_config &config)
         config.path + ":" + std::to_string(dataset.line) + ": dataset " + dataset_name(dataset);
     int64_t offset = 0;
     for (const fwu_item &item : items) {
-        if (!size_allowed(item) || item.count < 1)
+        const fwu_item_type *type = fwu_item_type_of(item.type);
+        if (type == nullptr || !fwu_item_size_ok(*type, item.size) || item.count < 1)
             return outcome_bad(where + ": item " + item.name +
                                " has a type and size that cannot be loaded");
         table.offsets.push_back(offset);
@@ -113,9 +92,7 @@ static outcome measure(feed_table &table, const fwu_config &config)
 
     if (dataset.null_map < 0)
         return {};
-    const size_t index = static_cast<size_t>(dataset.null_map);
-    if (index >= items.size() || items[index].type != 'X' ||
-        int64_t{items[index].size} * items[index].count < static_cast<int64_t>(items.size()) - 1)
+    if (!fwu_null_map_ok(items, static_cast<size_t>(dataset.null_map)))
         return outcome_bad(
             where + ": the null map must be an X item with a character for each other item, " +
             std::to_string(items.size() - 1));

@@ -2,7 +2,6 @@
 // the line is at hand.
 #include "fwutil/fwu_config.h"
 
-#include "fwutil/fwu_entry.h"
 #include "fwutil/fwu_error.h"
 
 #include <algorithm>
@@ -22,7 +21,6 @@ constexpr int64_t LOG_FILE_SIZE_MIN = 4096;
 constexpr int64_t LOG_FILE_SIZE_MAX = 64LL * 1024 * 1024 * 1024; // tags stay within 32 bits
 constexpr int64_t IMAGE_MAX = 16 * 1024 * 1024;
 constexpr size_t CONFIG_MAX = 16 * 1024 * 1024;
-constexpr int32_t COUNT_MAX = 32767;
 constexpr int64_t SYNC_INTERVAL_MAX = 3'600'000; // milliseconds: an hour
 
 // A configuration file being read.
@@ -245,7 +243,7 @@ static int take_column(reading &r, const words &w)
             if (column.item.empty() || column.item.size() > FWU_ITEM_NAME_MAX)
                 return wrong(r, "%s: an item name has 1 to 17 bytes", word.c_str());
         } else if (word.rfind("width=", 0) == 0 && column.width == 0) {
-            column.width = static_cast<int32_t>(number(word.substr(6), COUNT_MAX));
+            column.width = static_cast<int32_t>(number(word.substr(6), FWU_TEXT_SIZE_MAX));
             if (column.width < 1)
                 return wrong(r, "%s is not a width from 1 to 32767 bytes", word.c_str());
         } else {
@@ -305,32 +303,6 @@ static int take_dataset(reading &r, const words &w)
     return 0;
 }
 
-// Which sizes an item type may have.
-struct type_row {
-    char letter;
-    int32_t min, max;
-    const char *sizes;
-};
-static constexpr type_row TYPES[] = {
-    {'E', 4, 8, "4 or 8"},    {'R', 4, 8, "4 or 8"},         {'I', 2, 8, "2, 4 or 8"},
-    {'J', 2, 8, "2, 4 or 8"}, {'K', 2, 8, "2, 4 or 8"},      {'P', 1, 14, "1 to 14"},
-    {'Z', 1, 28, "1 to 28"},  {'X', 1, 32767, "1 to 32767"}, {'U', 1, 32767, "1 to 32767"},
-};
-
-static const type_row *find_type(const std::string &letter)
-{
-    for (const type_row &row : TYPES)
-        if (letter.size() == 1 && letter[0] == row.letter)
-            return &row;
-    return nullptr;
-}
-
-static bool size_ok(const type_row &row, int64_t size)
-{
-    const bool binary = strchr("ERIJK", row.letter) != nullptr;
-    return size >= row.min && size <= row.max && (!binary || size == 2 || size == 4 || size == 8);
-}
-
 static int take_item_options(reading &r, const words &w, fwu_item &item, fwu_dataset &dataset)
 {
     bool have_count = false;
@@ -346,14 +318,14 @@ static int take_item_options(reading &r, const words &w, fwu_item &item, fwu_dat
             dataset.null_map = static_cast<int>(dataset.layout.items.size());
         } else if (word[0] == 'x' && !have_count) {
             have_count = true;
-            item.count = static_cast<int32_t>(number(word.substr(1), COUNT_MAX));
+            item.count = static_cast<int32_t>(number(word.substr(1), FWU_ITEM_COUNT_MAX));
             if (item.count < 1)
                 return wrong(r, "%s is not a count from x1 to x32767", word.c_str());
         } else if (word.rfind("scale=", 0) == 0 && !have_scale) {
             have_scale = true;
             if (item.type != 'P' && item.type != 'Z')
                 return wrong(r, "scale is for items of type P and Z only");
-            const int32_t digits = item.type == 'P' ? 2 * item.size - 1 : item.size;
+            const int32_t digits = fwu_item_digits(item.type, item.size);
             item.item_aux = static_cast<int32_t>(number(word.substr(6), digits));
             if (item.item_aux < 0)
                 return wrong(r, "%s is not a scale from 0 to the item's %d digits", word.c_str(),
@@ -380,11 +352,11 @@ static int take_item(reading &r, const words &w)
     for (const fwu_item &known : dataset.layout.items)
         if (known.name == w[1])
             return wrong(r, "item %s is given twice", w[1].c_str());
-    const type_row *type = find_type(w[2]);
+    const fwu_item_type *type = w[2].size() == 1 ? fwu_item_type_of(w[2][0]) : nullptr;
     if (type == nullptr)
         return wrong(r, "%s is not an item type: E R I J K P Z X U", w[2].c_str());
-    const int64_t size = number(w[3], COUNT_MAX);
-    if (!size_ok(*type, size))
+    const int64_t size = number(w[3], FWU_TEXT_SIZE_MAX);
+    if (!fwu_item_size_ok(*type, size))
         return wrong(r, "an item of type %c has a size of %s bytes, not %s", type->letter,
                      type->sizes, w[3].c_str());
     fwu_item item;
@@ -451,12 +423,12 @@ static int check_whole(reading &r)
         const std::vector<fwu_item> &items = dataset.layout.items;
         if (dataset.null_map < 0)
             continue;
-        const fwu_item &map = items[static_cast<size_t>(dataset.null_map)];
-        if (map.count != 1 || static_cast<size_t>(map.size) != items.size() - 1)
+        const auto map = static_cast<size_t>(dataset.null_map);
+        if (!fwu_null_map_ok(items, map))
             return wrong(r,
                          "the null-map item %s must have one byte for each other item: type X, "
                          "size %zu, no count",
-                         map.name.c_str(), items.size() - 1);
+                         items[map].name.c_str(), items.size() - 1);
     }
     return 0;
 }

@@ -51,8 +51,6 @@ constexpr size_t FWU_ENTRY_CRC_SIZE = 8;
 constexpr size_t FWU_COMMIT_SIZE = 56;     // length of every commit entry
 constexpr uint16_t FWU_ENTRY_OPTIONAL = 1; // who does not know the kind passes over the entry
 
-constexpr int FWU_NAME_MAX = 16; // bytes of a database or dataset name
-
 enum fwu_kind : uint16_t {
     FWU_KIND_LAYOUT = 1,
     FWU_KIND_SESSION = 2,

@@ -1,5 +1,37 @@
-// Item layouts: what follows from them.
+// Item types in a table, and what follows from a layout's items.
 #include "fwutil/fwu_items.h"
+
+static constexpr fwu_item_type TYPES[] = {
+    {'E', 4, 8, true, "4 or 8"},
+    {'R', 4, 8, true, "4 or 8"},
+    {'I', 2, 8, true, "2, 4 or 8"},
+    {'J', 2, 8, true, "2, 4 or 8"},
+    {'K', 2, 8, true, "2, 4 or 8"},
+    {'P', 1, FWU_PACKED_SIZE_MAX, false, "1 to 14"},
+    {'Z', 1, 28, false, "1 to 28"},
+    {'X', 1, FWU_TEXT_SIZE_MAX, false, "1 to 32767"},
+    {'U', 1, FWU_TEXT_SIZE_MAX, false, "1 to 32767"},
+};
+
+const fwu_item_type *fwu_item_type_of(int32_t letter)
+{
+    for (const fwu_item_type &row : TYPES)
+        if (row.letter == letter)
+            return &row;
+    return nullptr;
+}
+
+bool fwu_item_size_ok(const fwu_item_type &type, int64_t size)
+{
+    return size >= type.min && size <= type.max &&
+           (!type.binary || size == 2 || size == 4 || size == 8);
+}
+
+bool fwu_null_map_ok(const std::vector<fwu_item> &items, size_t index)
+{
+    return index < items.size() && items[index].type == 'X' && items[index].count == 1 &&
+           static_cast<size_t>(items[index].size) == items.size() - 1;
+}
 
 int64_t fwu_layout_image_length(const fwu_layout &layout)
 {

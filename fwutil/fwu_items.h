@@ -1,4 +1,5 @@
-// Item layout of a dataset, as a log's layout entries carry it.
+// Item layout of a dataset, as a log's layout entries carry it, and what names, types,
+// sizes and the item that tells of nulls may be.
 #ifndef FWUTIL_FWU_ITEMS_H
 #define FWUTIL_FWU_ITEMS_H
 
@@ -6,7 +7,11 @@
 #include <string>
 #include <vector>
 
+constexpr int FWU_NAME_MAX = 16; // bytes of a database or dataset name
 constexpr int FWU_ITEM_NAME_MAX = 17;
+constexpr int32_t FWU_PACKED_SIZE_MAX = 14;   // of a P item
+constexpr int32_t FWU_TEXT_SIZE_MAX = 32767;  // of an X or U item
+constexpr int32_t FWU_ITEM_COUNT_MAX = 32767; // elements
 
 struct fwu_item {
     std::string name;     // 1 to 17 bytes
@@ -23,6 +28,29 @@ struct fwu_layout {
     std::vector<fwu_item> items;
     bool operator==(const fwu_layout &) const = default;
 };
+
+// What an item type allows.
+struct fwu_item_type {
+    char letter;
+    int32_t min, max;  // bytes of one element
+    bool binary;       // of 2, 4 or 8 bytes only
+    const char *sizes; // the same for people
+};
+
+// The row of a type letter; null: it is none.
+const fwu_item_type *fwu_item_type_of(int32_t letter);
+
+bool fwu_item_size_ok(const fwu_item_type &type, int64_t size);
+
+// Decimal digits of a P or Z item, which are also the most decimal places it can have.
+constexpr int32_t fwu_item_digits(int32_t type, int32_t size)
+{
+    return type == 'P' ? 2 * size - 1 : type == 'Z' ? size : 0;
+}
+
+// Whether the item at an index can tell which of the others are null: type X, one
+// element, a byte for each of them in their order.
+bool fwu_null_map_ok(const std::vector<fwu_item> &items, size_t index);
 
 // Length in bytes of a record image: the elements of all items, one behind the
 // other.  A sum above the most that any image can have is cut to that, so that no

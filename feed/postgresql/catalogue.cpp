@@ -30,7 +30,7 @@ enum pg_type : uint32_t {
 };
 
 constexpr int32_t MODIFIER_HEADER = 4; // added to lengths and precisions in a type modifier
-constexpr int32_t PACKED_DIGITS_MAX = 27;
+constexpr int32_t PACKED_DIGITS_MAX = fwu_item_digits('P', FWU_PACKED_SIZE_MAX);
 
 struct type_row {
     uint32_t oid;
@@ -195,7 +195,6 @@ static bool is_plain(const std::string &name)
 }
 
 static constexpr char NULL_MAP[] = "NULL-MAP";
-static constexpr int32_t WIDTH_MAX = 32767;
 
 static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const std::string &table,
                         const pgo_column &column)
@@ -220,7 +219,7 @@ static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const st
                            " item=OTHER-NAME\" into " + config.path);
     if (said != nullptr && said->width != 0) {
         make(item, 'X', said->width);
-    } else if (!make_item(item, column) || item.size > WIDTH_MAX) {
+    } else if (!make_item(item, column) || item.size > FWU_TEXT_SIZE_MAX) {
         const char *type = pgc_type_name(column.type);
         return outcome_bad(
             where + ": values of type " +

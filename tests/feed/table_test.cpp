@@ -118,9 +118,11 @@ TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)
     const std::string at = "test.cfg:7: dataset SALES.ORDERS: ";
     for (const fwu_item &item :
          {item_of("A", 'I', 3), item_of("A", 'E', 2), item_of("A", 'P', 0), item_of("A", 'X', -1),
-          item_of("A", 'Q', 4), item_of("A", 'X', 4, 0)})
+          item_of("A", 'Q', 4), item_of("A", 'X', 4, 0), item_of("A", 'P', 15),
+          item_of("A", 'X', 32768)})
         EXPECT_EQ(refusal({item}), at + "item A has a type and size that cannot be loaded");
-    EXPECT_EQ(refusal({item_of("A", 'X', INT32_MAX), item_of("B", 'X', 1)}),
+    EXPECT_EQ(refusal({item_of("A", 'X', 32767, 32767), item_of("B", 'X', 32767, 32767),
+                       item_of("C", 'X', 32767, 32767)}),
               at + "the record image is longer than 2 GB");
     const std::string null_map =
         at + "the null map must be an X item with a character for each other item, 2";

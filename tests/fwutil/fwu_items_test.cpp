@@ -25,6 +25,49 @@ TEST(Items, NoSumOfImageLengthsOverflows)
     EXPECT_EQ(fwu_layout_image_length(layout), INT64_C(4294967296));
 }
 
+struct type_row {
+    char letter;
+    std::vector<int32_t> good, bad;
+};
+
+TEST(Items, EachTypeHasItsSizes)
+{
+    const type_row rows[] = {
+        {'E', {4, 8}, {0, 2, 5, 16}},      {'R', {4, 8}, {0, 2, 5, 16}},
+        {'I', {2, 4, 8}, {0, 1, 3, 16}},   {'J', {2, 4, 8}, {0, 1, 3, 16}},
+        {'K', {2, 4, 8}, {0, 1, 3, 16}},   {'P', {1, 14}, {0, 15}},
+        {'Z', {1, 28}, {0, 29}},           {'X', {1, 32767}, {0, -1, 32768}},
+        {'U', {1, 32767}, {0, -1, 32768}},
+    };
+    for (const type_row &row : rows) {
+        const fwu_item_type *type = fwu_item_type_of(row.letter);
+        ASSERT_NE(type, nullptr) << row.letter;
+        for (const int32_t size : row.good)
+            EXPECT_TRUE(fwu_item_size_ok(*type, size)) << row.letter << size;
+        for (const int32_t size : row.bad)
+            EXPECT_FALSE(fwu_item_size_ok(*type, size)) << row.letter << size;
+    }
+    for (const char letter : {'A', 'e', '\0', ' '})
+        EXPECT_EQ(fwu_item_type_of(letter), nullptr) << letter;
+    EXPECT_EQ(fwu_item_digits('P', 14), 27);
+    EXPECT_EQ(fwu_item_digits('Z', 28), 28);
+    EXPECT_EQ(fwu_item_digits('X', 9), 0);
+}
+
+TEST(Items, ANullMapHasOneByteForEachOtherItem)
+{
+    const auto ok = [](const fwu_item &map, size_t index) {
+        return fwu_null_map_ok({{"A", 'I', 4, 1, 0}, {"B", 'X', 2, 1, 0}, map}, index);
+    };
+    EXPECT_TRUE(ok({"N", 'X', 2, 1, 0}, 2));
+    EXPECT_FALSE(ok({"N", 'X', 1, 1, 0}, 2)) << "too short";
+    EXPECT_FALSE(ok({"N", 'X', 3, 1, 0}, 2)) << "longer than the others are many";
+    EXPECT_FALSE(ok({"N", 'X', 1, 2, 0}, 2)) << "two elements";
+    EXPECT_FALSE(ok({"N", 'U', 2, 1, 0}, 2));
+    EXPECT_FALSE(ok({"N", 'X', 2, 1, 0}, 3)) << "there is no such item";
+    EXPECT_TRUE(ok({"N", 'X', 2, 1, 0}, 1)) << "it may stand anywhere";
+}
+
 TEST(Session, KeysNameTheFiveEntriesAndNothingElse)
 {
     fwu_session session;

@@ -115,7 +115,7 @@ static bool put_decimal(std::string &out, bool negative, const std::string &digi
 static bool put_packed(std::string &out, const fwu_item &item, const unsigned char *in)
 {
     std::string digits;
-    for (int32_t i = 0; i < 2 * item.size - 1; i++) {
+    for (int32_t i = 0; i < fwu_item_digits(item.type, item.size); i++) {
         const int half = i % 2 == 0 ? in[i / 2] >> 4 : in[i / 2] & 0x0F;
         if (half > 9)
             return false;
