@@ -21,8 +21,6 @@ constexpr size_t LAYOUT_FIXED = 8;  // of a layout's payload before the names
 constexpr size_t ITEM_FIXED = 16;   // of an item behind its name
 constexpr size_t SESSION_FIXED = 8; // of a session's payload before the texts
 
-const char *const FWU_SESSION_KEYS[FWU_SESSION_ENTRIES] = {"pname", "user", "login", "pid", "info"};
-
 static bool all_zero(const unsigned char *p, size_t length)
 {
     for (size_t i = 0; i < length; i++)

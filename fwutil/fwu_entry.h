@@ -93,12 +93,10 @@ struct fwu_change {
 };
 
 // A session; the texts point into the entry and end with a NUL.
-constexpr int FWU_SESSION_ENTRIES = 5;
 struct fwu_session_view {
     const char *entry[FWU_SESSION_ENTRIES] = {}; // as FWU_SESSION_KEYS; null when absent
     std::vector<const char *> data;
 };
-extern const char *const FWU_SESSION_KEYS[FWU_SESSION_ENTRIES]; // pname user login pid info
 
 // What a commit entry says of its transaction.
 struct fwu_commit {

@@ -17,6 +17,11 @@ struct fwu_session {
     std::vector<std::string> data;
 };
 
+// Their keys, in the order in which a log's session entries have them.
+constexpr int FWU_SESSION_ENTRIES = 5;
+constexpr const char *FWU_SESSION_KEYS[FWU_SESSION_ENTRIES] = {"pname", "user", "login", "pid",
+                                                               "info"};
+
 // The entry for a key, or null for a key that is not one of the five.
 std::optional<std::string> *fwu_session_entry(fwu_session &session, std::string_view key);
 const std::optional<std::string> *fwu_session_entry(const fwu_session &session,
