@@ -3,6 +3,7 @@
 
 #include "fwutil/fwu_error.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -44,15 +45,26 @@ int fwu_write_all(int fd, const void *data, size_t length, int64_t offset)
     return 0;
 }
 
+std::string fwu_directory_of(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    return slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+}
+
+int fwu_path_sync(const std::string &path)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int result = fd < 0 ? -1 : fsync(fd);
+    const int sync_errno = errno;
+    if (fd >= 0)
+        close(fd);
+    errno = sync_errno;
+    return result;
+}
+
 int fwu_directory_sync(const std::string &directory)
 {
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || fsync(fd) != 0) {
-        const int result = fwu_file_error(directory, "cannot bring the log directory to disk");
-        if (fd >= 0)
-            close(fd);
-        return result;
-    }
-    close(fd);
-    return 0;
+    return fwu_path_sync(directory) == 0
+               ? 0
+               : fwu_file_error(directory, "cannot bring the log directory to disk");
 }

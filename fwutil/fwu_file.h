@@ -18,7 +18,13 @@ int fwu_file_open(const std::string &path, int flags, mode_t mode);
 // Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
 int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
 
-// Brings names made in a directory to disk; 0 or -1 (reported).
+// The directory that a path's name stands in, "." where the path is a name alone.
+std::string fwu_directory_of(const std::string &path);
+
+// Brings what a file holds, or the names in a directory, to disk; 0, or -1 with errno.
+int fwu_path_sync(const std::string &path);
+
+// Brings names made in the log directory to disk; 0 or -1 (reported).
 int fwu_directory_sync(const std::string &directory);
 
 #endif

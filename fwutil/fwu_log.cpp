@@ -5,6 +5,7 @@
 
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_wait.h"
 
 #include <algorithm>
@@ -44,11 +45,6 @@ int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
     std::sort(files.begin(), files.end(),
               [](const fwu_log_file &a, const fwu_log_file &b) { return a.name < b.name; });
     return 0;
-}
-
-static std::string directory_of(const fwu_log_file &file)
-{
-    return file.path.substr(0, file.path.size() - file.name.size() - 1);
 }
 
 int fwu_log_damage(const fwu_cursor &cursor)
@@ -106,7 +102,7 @@ fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file)
     const int open_errno = errno;
     std::vector<fwu_log_file> files;
     if (open_errno == ENOENT) {
-        if (fwu_log_list(directory_of(file), files) != 0)
+        if (fwu_log_list(fwu_directory_of(file.path), files) != 0)
             return FWU_FAILED;
         if (files.empty() || files.front().name > file.name)
             return FWU_GONE;
@@ -159,7 +155,7 @@ enum acknowledged { UNKNOWN, BEFORE, BEHIND, LATER_FILE };
 static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset, bool &told)
 {
     fwu_ack ack;
-    const fwu_found found = fwu_ack_read(directory_of(file), ack, told);
+    const fwu_found found = fwu_ack_read(fwu_directory_of(file.path), ack, told);
     told = told || found == FWU_FAILED;
     if (found != FWU_FOUND)
         return UNKNOWN;

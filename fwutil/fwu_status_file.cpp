@@ -3,6 +3,7 @@
 #include "fwutil/fwu_status_file.h"
 
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_synced.h"
 
 #include <algorithm>
@@ -99,19 +100,11 @@ static int cannot_open(const std::string &path)
 // The name is on disk once its directory is.
 static int force_name(const std::string &path)
 {
-    const size_t slash = path.rfind('/');
-    const std::string directory =
-        slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     // Some file systems have no such call, and then nothing to bring there.
-    const int failed = fd < 0 ? -1 : fsync(fd) != 0 && errno != EINVAL && errno != EROFS ? -1 : 0;
-    const int saved_errno = errno;
-    if (fd >= 0)
-        close(fd);
-    if (failed == 0)
+    if (fwu_path_sync(fwu_directory_of(path)) == 0 || errno == EINVAL || errno == EROFS)
         return 0;
     return fwu_error("%s: cannot bring the status file's directory to disk: %s", path.c_str(),
-                     strerror(saved_errno));
+                     strerror(errno));
 }
 
 static int make(const std::string &path, const std::string &unfinished, int fd,

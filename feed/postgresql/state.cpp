@@ -4,6 +4,7 @@
 
 #include "feed/lsn.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_time.h"
 #include "util/json_text.h"
 
@@ -111,18 +112,6 @@ static std::string json_text(const pgb_state &state)
     return out + "}\n";
 }
 
-// Brings the name of a file to disk.
-static bool sync_directory(const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool good = fd >= 0 && fsync(fd) == 0;
-    if (fd >= 0)
-        close(fd);
-    return good;
-}
-
 bool pgb_state_write(const pgb_state &state, bool durable)
 {
     const std::string text = json_text(state);
@@ -135,7 +124,7 @@ bool pgb_state_write(const pgb_state &state, bool durable)
     if (fd >= 0)
         close(fd);
     if (good && rename(fresh.c_str(), state.path.c_str()) == 0 &&
-        (!durable || sync_directory(state.path)))
+        (!durable || fwu_path_sync(fwu_directory_of(state.path)) == 0))
         return true;
     fprintf(stderr, "fwlog: %s: cannot write the state: %s\n", state.path.c_str(),
             strerror(good ? errno : code));

@@ -3,6 +3,7 @@
 #include "fwutil/fwu_boot.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_place.h"
 #include "fwutil/fwu_status.h"
@@ -18,7 +19,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -141,18 +141,6 @@ static int count_old(const std::vector<fwu_log_file> &files, const prune_options
     return 0;
 }
 
-// 0, or -1 with errno.
-static int bring_to_disk(const std::string &path)
-{
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const int failed = fd < 0 ? -1 : fsync(fd);
-    const int code = errno;
-    if (fd >= 0)
-        close(fd);
-    errno = code;
-    return failed;
-}
-
 // The place behind which the run of a status file may have to go on, and what it is.
 // What the callback wrote for the last record of all may not be on disk: behind a power
 // cut the run goes on behind the one before which everything is.
@@ -263,7 +251,7 @@ static int prune(const prune_options &options, const std::string &directory,
         printf("{\"directory\":%s,\"dry_run\":%s,\"removed\":[", json_text(directory).c_str(),
                options.dry_run ? "true" : "false");
     int result = remove_files(options, files, count, totals, gone);
-    if (totals.files > 0 && !options.dry_run && bring_to_disk(directory) != 0)
+    if (totals.files > 0 && !options.dry_run && fwu_path_sync(directory) != 0)
         result = fwu_error("%s: cannot bring the log directory to disk: %s; after a power cut "
                            "removed files may be there again",
                            directory.c_str(), strerror(errno));
