@@ -1,8 +1,9 @@
 // Positions in the log of a PostgreSQL server, read and written.
 #include "feed/lsn.h"
 
+#include "fwutil/fwu_start.h"
+
 #include <charconv>
-#include <cstdio>
 
 bool feed_lsn_parse(uint64_t &lsn, std::string_view text)
 {
@@ -21,8 +22,5 @@ bool feed_lsn_parse(uint64_t &lsn, std::string_view text)
 
 std::string feed_lsn_text(uint64_t lsn)
 {
-    char text[32];
-    const int length = snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),
-                                static_cast<unsigned>(lsn & UINT32_MAX));
-    return {text, static_cast<size_t>(length)};
+    return fwu_lsn_text(lsn);
 }

@@ -72,13 +72,12 @@ int fwu_ack_missing(const std::string &directory, const fwu_ack &ack, const fwu_
     const fwu_position &p = ack.position;
     return fwu_error(
         "%s: the log ends %s%s%s%s%s, but it was acknowledged up to position %s (source position "
-        "%X/%X) in %s; restore the log from a copy, or go on without what is missing: fwlog repair "
+        "%s) in %s; restore the log from a copy, or go on without what is missing: fwlog repair "
         "--accept-loss",
         directory.c_str(), end.tag != 0 ? "behind position " : "before its first transaction",
         end.tag != 0 ? fwu_position_text(end).c_str() : "", reason != nullptr ? " (" : "",
         reason != nullptr ? reason : "", reason != nullptr ? ")" : "", fwu_position_text(p).c_str(),
-        static_cast<unsigned>(ack.commit.lsn >> 32), static_cast<unsigned>(ack.commit.lsn),
-        fwu_log_file_name(p.generation, p.sequence).c_str());
+        fwu_lsn_text(ack.commit.lsn).c_str(), fwu_log_file_name(p.generation, p.sequence).c_str());
 }
 
 int fwu_ack_foreign(const std::string &directory, const fwu_ack &ack, const fwu_identity &there)

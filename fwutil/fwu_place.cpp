@@ -7,23 +7,14 @@
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_time.h"
 
-#include <cstdio>
 #include <sys/stat.h>
-
-static std::string lsn_text(uint64_t lsn)
-{
-    char text[24];
-    (void)snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),
-                   static_cast<unsigned>(lsn)); // fits
-    return text;
-}
 
 std::string fwu_place_origin(const fwu_place &place)
 {
     std::string time = "committed " + fwu_time_text(place.time_us);
     if (!place.full)
         return time;
-    return time + " at source position " + lsn_text(place.lsn) + " in log " +
+    return time + " at source position " + fwu_lsn_text(place.lsn) + " in log " +
            fwu_identity_text(place.identity);
 }
 

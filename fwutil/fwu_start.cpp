@@ -5,6 +5,15 @@
 #include "fwutil/fwu_error.h"
 
 #include <charconv>
+#include <cstdio>
+
+std::string fwu_lsn_text(uint64_t lsn)
+{
+    char text[24];
+    (void)snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),
+                   static_cast<unsigned>(lsn)); // fits
+    return text;
+}
 
 std::string fwu_position_text(const fwu_position &position)
 {

@@ -31,6 +31,9 @@ struct fwu_position {
 // "1-25.340"
 std::string fwu_position_text(const fwu_position &position);
 
+// A position of the source, as commit entries keep it: "0/1BC8080"
+std::string fwu_lsn_text(uint64_t lsn);
+
 // Reads a position as all programs take it: a log file number ("25", any generation: 0),
 // generation and number ("1-25"), or those and a tag ("1-25.340").  Tag 0: none was given.
 // False when text is none of these.

@@ -16,7 +16,7 @@ TEST(FileTest, ANameStandsInItsDirectory)
 
 TEST(FileTest, FilesAndDirectoriesAreBroughtToDisk)
 {
-    const temp_dir dir;
+    const tempdir dir;
     write_file(dir.file("a"), "text");
     EXPECT_EQ(fwu_path_sync(dir.file("a")), 0);
     EXPECT_EQ(fwu_path_sync(dir.path()), 0);
