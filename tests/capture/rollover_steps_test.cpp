@@ -6,6 +6,7 @@
 #include "capture/ebmf.h"
 #include "capture/write.h"
 #include "driver/base/logrec.h"
+#include "msgfile/tmf.h"
 #include "tests/support/core_state.h"
 #include "tests/support/tempdir.h"
 
@@ -265,7 +266,7 @@ TEST_F(RolloverSteps, FileNumberThatCannotBeAskedFailsTheRecord)
 TEST_F(RolloverSteps, EndThatCannotBeAskedFailsTheRecordThatIsThere)
 {
     const capfil *cf = file_of(9, true);
-    finfo_result = -5259;
+    finfo_result = TMF_EINFO;
     EXPECT_EQ(-1, write());
     EXPECT_EQ("Error -5259 getting capture file EOF on file " + dir.file("cap.dat") + "\n",
               printed.err);
@@ -276,7 +277,7 @@ TEST_F(RolloverSteps, EndThatCannotBeAskedFailsTheRecordThatIsThere)
 TEST_F(RolloverSteps, FailedCloseLeavesTheNameAndNoHandle)
 {
     const capfil *cf = file_of(1, true);
-    fclose_result = -5222;
+    fclose_result = TMF_EWRITE_COMMON;
     EXPECT_EQ(-1, write());
     EXPECT_EQ("CAPERR: Message file error #0\nError closing capture file " + dir.file("cap.dat") +
                   " for rollover.\n",
@@ -406,10 +407,10 @@ TEST_F(RolloverSteps, FirstCloseErrorIsTheResultAndNothingIsLogged)
     file_of(9, false, "b");
     EXPECT_EQ(0, write());
     g_loglevel = LOG_VERBOSE;
-    fclose_result = -5222;
+    fclose_result = TMF_EWRITE_COMMON;
     int rc = 0;
     printed = capture([&] { rc = capture_close(g_ci); });
     g_ci = nullptr;
-    EXPECT_EQ(-5222, rc);
+    EXPECT_EQ(TMF_EWRITE_COMMON, rc);
     EXPECT_EQ("", printed.out + printed.err);
 }

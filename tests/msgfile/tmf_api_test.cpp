@@ -33,11 +33,11 @@ TEST_F(TmfApi, UnknownItemEndsTheListAndIsNotKept)
     tmf_handle *h = open(TMF_MODE_READ);
     int records = -1;
     int untouched = -1;
-    EXPECT_EQ(tmf_getinfo(h, 1, &records, 7, &untouched, 1, &untouched, 0), -5259);
+    EXPECT_EQ(tmf_getinfo(h, 1, &records, 7, &untouched, 1, &untouched, 0), TMF_EINFO);
     EXPECT_EQ(records, 1);
     EXPECT_EQ(untouched, -1);
     EXPECT_EQ(tmf_geterrno(h), 0);
-    EXPECT_EQ(tmf_getinfo(h, -1), -5259) << "what would stand behind it is not looked at";
+    EXPECT_EQ(tmf_getinfo(h, -1), TMF_EINFO) << "what would stand behind it is not looked at";
     EXPECT_EQ(tmf_fclose(h), 0);
 }
 
@@ -60,9 +60,9 @@ TEST_F(TmfApi, InfoFailsWithTheAreasCodes)
     tmf_handle *h = open(0);
     int records = -1;
     fail_call(CALL_LOCKF, ENOLCK);
-    EXPECT_EQ(tmf_getinfo(h, 1, &records, 0), -5236);
+    EXPECT_EQ(tmf_getinfo(h, 1, &records, 0), TMF_ELOCK_WAIT);
     fail_call(CALL_READ, EIO);
-    EXPECT_EQ(tmf_getinfo(h, 1, &records, 0), -5220);
+    EXPECT_EQ(tmf_getinfo(h, 1, &records, 0), TMF_EREAD_COMMON);
     EXPECT_EQ(records, -1);
     EXPECT_EQ(tmf_fclose(h), 0);
 }
@@ -77,11 +77,12 @@ TEST_F(TmfApi, InfoThatPurgesHasThePurgesAndTheReleasesCodes)
         int code;
         bool stored;
     } rows[] = {
-        {"test of a slot", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, 0, -5238, false},
-        {"write of the area", [] { fail_call(CALL_WRITE, EIO, 1); }, 0, -5222, true},
-        {"short write of it", [] { answer_call(CALL_WRITE, 255, 1); }, 0, -5223, true},
-        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, 0, -5239, true},
-        {"unknown item, and the write", [] { fail_call(CALL_WRITE, EIO, 1); }, 6, -5259, true},
+        {"test of a slot", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, 0, TMF_ELOCK_TEST, false},
+        {"write of the area", [] { fail_call(CALL_WRITE, EIO, 1); }, 0, TMF_EWRITE_COMMON, true},
+        {"short write of it", [] { answer_call(CALL_WRITE, 255, 1); }, 0, TMF_EWRITE_COMMON_EOF,
+         true},
+        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, 0, TMF_EUNLOCK, true},
+        {"unknown item, and the write", [] { fail_call(CALL_WRITE, EIO, 1); }, 6, TMF_EINFO, true},
     };
     for (const auto &row : rows) {
         unlink(path.c_str());
@@ -107,7 +108,7 @@ TEST_F(TmfApi, UnknownItemDoesNotKeepThePurgeFromTheFile)
     tmf_handle *h = open(TMF_MODE_READ);
     ASSERT_NE(h, nullptr);
     dying.kill();
-    EXPECT_EQ(tmf_getinfo(h, 6), -5259);
+    EXPECT_EQ(tmf_getinfo(h, 6), TMF_EINFO);
     EXPECT_EQ(number_at<int16_t>(bytes_through(h), 70), 0);
     EXPECT_EQ(holder_of(path, 0, 256), 0);
     EXPECT_EQ(tmf_fclose(h), 0);
@@ -163,19 +164,19 @@ TEST_F(TmfApi, NullHandleHasItsCode)
     char buf[10];
     const auto clear = [] { EXPECT_EQ(tmf_fopen("", 0), nullptr); };
     clear();
-    EXPECT_EQ(tmf_fwrite(nullptr, "x", 1), -5235);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5235);
+    EXPECT_EQ(tmf_fwrite(nullptr, "x", 1), TMF_EHANDLE);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EHANDLE);
     EXPECT_EQ(message_of(nullptr), "Internal error: Bad handle.");
     clear();
-    EXPECT_EQ(tmf_fread(nullptr, buf, 10, 0), -5235);
-    EXPECT_EQ(tmf_freadx(nullptr, buf, 10, 0, 1), -5235);
-    EXPECT_EQ(tmf_getinfo(nullptr, 0), -5235);
-    EXPECT_EQ(tmf_fclose(nullptr), -5235);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5235);
+    EXPECT_EQ(tmf_fread(nullptr, buf, 10, 0), TMF_EHANDLE);
+    EXPECT_EQ(tmf_freadx(nullptr, buf, 10, 0, 1), TMF_EHANDLE);
+    EXPECT_EQ(tmf_getinfo(nullptr, 0), TMF_EHANDLE);
+    EXPECT_EQ(tmf_fclose(nullptr), TMF_EHANDLE);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EHANDLE);
     clear();
     EXPECT_EQ(tmf_finfo(nullptr, 7, buf, 10), 0);
     EXPECT_EQ(tmf_fflush(nullptr), 0);
     EXPECT_EQ(tmf_fctl(nullptr), 0);
     tmf_clearerr(nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5269) << "these leave the open error alone";
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ENONAME) << "these leave the open error alone";
 }

@@ -95,14 +95,14 @@ TEST_F(TmfArea, FirstReadLeavesTheDirtyFlagAsItFindsIt)
 TEST_F(TmfArea, NewFileThatCannotBeBegunIsLeftEmpty)
 {
     const failure rows[] = {
-        {"first read", [] { fail_call(CALL_READ, EIO); }, -5206},
-        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, -5236},
-        {"seek for the lock", [] { fail_call(CALL_LSEEK, ESPIPE); }, -5235},
-        {"seek to the common area", [] { fail_call(CALL_LSEEK, EIO, 1); }, -5218},
-        {"seek elsewhere", [] { answer_call(CALL_LSEEK, 8, 1); }, -5219},
-        {"write of the common area", [] { fail_call(CALL_WRITE, ENOSPC); }, -5207},
-        {"short write of it", [] { answer_call(CALL_WRITE, 255); }, -5208},
-        {"write of nothing", [] { answer_call(CALL_WRITE, 0); }, -5208},
+        {"first read", [] { fail_call(CALL_READ, EIO); }, TMF_EINIT_READ},
+        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, TMF_ELOCK_WAIT},
+        {"seek for the lock", [] { fail_call(CALL_LSEEK, ESPIPE); }, TMF_EHANDLE},
+        {"seek to the common area", [] { fail_call(CALL_LSEEK, EIO, 1); }, TMF_ESEEK_COMMON},
+        {"seek elsewhere", [] { answer_call(CALL_LSEEK, 8, 1); }, TMF_ESEEK_COMMON_EOF},
+        {"write of the common area", [] { fail_call(CALL_WRITE, ENOSPC); }, TMF_EINIT_WRITE},
+        {"short write of it", [] { answer_call(CALL_WRITE, 255); }, TMF_EINIT_WRITE_EOF},
+        {"write of nothing", [] { answer_call(CALL_WRITE, 0); }, TMF_EINIT_WRITE_EOF},
     };
     for (const failure &row : rows) {
         for (const int mode : {0, 1}) {
@@ -119,11 +119,11 @@ TEST_F(TmfArea, NewFileThatCannotBeBegunIsLeftEmpty)
 TEST_F(TmfArea, LockAreaThatCannotBeWrittenFailsTheOpen)
 {
     const failure rows[] = {
-        {"seek", [] { fail_call(CALL_LSEEK, EIO, 2); }, -5213},
-        {"seek elsewhere", [] { answer_call(CALL_LSEEK, 0, 2); }, -5214},
-        {"write", [] { fail_call(CALL_WRITE, ENOSPC, 1); }, -5211},
-        {"write of nothing", [] { answer_call(CALL_WRITE, 0, 1); }, -5212},
-        {"write of 255 bytes", [] { answer_call(CALL_WRITE, 255, 1); }, -5212},
+        {"seek", [] { fail_call(CALL_LSEEK, EIO, 2); }, TMF_ESEEK_LOCKS},
+        {"seek elsewhere", [] { answer_call(CALL_LSEEK, 0, 2); }, TMF_ESEEK_LOCKS_EOF},
+        {"write", [] { fail_call(CALL_WRITE, ENOSPC, 1); }, TMF_EWRITE_LOCKS},
+        {"write of nothing", [] { answer_call(CALL_WRITE, 0, 1); }, TMF_EWRITE_LOCKS_EOF},
+        {"write of 255 bytes", [] { answer_call(CALL_WRITE, 255, 1); }, TMF_EWRITE_LOCKS_EOF},
     };
     for (const failure &row : rows) {
         unlink(path.c_str());
@@ -153,8 +153,8 @@ TEST_F(TmfArea, ErrorOfTheFirstReadUnlocks)
 {
     make();
     const failure rows[] = {
-        {"read", [] { fail_call(CALL_READ, EIO); }, -5206},
-        {"memory", [] { fail_call(CALL_MALLOC, ENOMEM); }, -5234},
+        {"read", [] { fail_call(CALL_READ, EIO); }, TMF_EINIT_READ},
+        {"memory", [] { fail_call(CALL_MALLOC, ENOMEM); }, TMF_EINTERNAL},
     };
     for (const failure &row : rows) {
         const bare_handle h = bare(0);
@@ -165,7 +165,7 @@ TEST_F(TmfArea, ErrorOfTheFirstReadUnlocks)
     }
     store<int16_t>(74, 3);
     const bare_handle h = bare(0);
-    EXPECT_EQ(tmf_ensure_common(h.get()), -5215);
+    EXPECT_EQ(tmf_ensure_common(h.get()), TMF_EFORMAT);
     EXPECT_EQ(holder_of(path, 0, 256), 0);
 }
 
@@ -205,26 +205,26 @@ TEST_F(TmfArea, FailedGetLeavesTheAreaUnlockedAndTheHandleUsable)
         failure what;
         size_t reads;
     } rows[] = {
-        {{"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, -5236}, 0},
-        {{"seek for the lock", [] { fail_call(CALL_LSEEK, EBADF); }, -5235}, 0},
-        {{"seek", seek_fails, -5218}, 1},
-        {{"seek elsewhere", seek_strays, -5219}, 1},
-        {{"read", read_fails, -5220}, 1},
-        {{"short read", read_short, -5221}, 1},
-        {{"read of nothing", [] { answer_call(CALL_READ, 0); }, -5221}, 1},
+        {{"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, TMF_ELOCK_WAIT}, 0},
+        {{"seek for the lock", [] { fail_call(CALL_LSEEK, EBADF); }, TMF_EHANDLE}, 0},
+        {{"seek", seek_fails, TMF_ESEEK_COMMON}, 1},
+        {{"seek elsewhere", seek_strays, TMF_ESEEK_COMMON_EOF}, 1},
+        {{"read", read_fails, TMF_EREAD_COMMON}, 1},
+        {{"short read", read_short, TMF_EREAD_COMMON_EOF}, 1},
+        {{"read of nothing", [] { answer_call(CALL_READ, 0); }, TMF_EREAD_COMMON_EOF}, 1},
         {{"seek and read",
           [&] {
               seek_fails();
               read_fails();
           },
-          -5220},
+          TMF_EREAD_COMMON},
          1},
         {{"seek elsewhere and short read",
           [&] {
               seek_strays();
               read_short();
           },
-          -5221},
+          TMF_EREAD_COMMON_EOF},
          1},
     };
     for (const auto &row : rows) {
@@ -248,10 +248,10 @@ TEST_F(TmfArea, FailedGetOfAProvenHandleHasTheSameCodes)
     ASSERT_NE(writer, nullptr);
     ASSERT_EQ(tmf_fwrite(writer, "x", 1), 0);
     const failure rows[] = {
-        {"lock", [] { fail_call(CALL_FCNTL, ENOLCK); }, -5236},
-        {"bad descriptor", [] { fail_call(CALL_FCNTL, EBADF); }, -5235},
-        {"read", [] { fail_call(CALL_PREAD, EIO); }, -5220},
-        {"short read", [] { answer_call(CALL_PREAD, 255); }, -5221},
+        {"lock", [] { fail_call(CALL_FCNTL, ENOLCK); }, TMF_ELOCK_WAIT},
+        {"bad descriptor", [] { fail_call(CALL_FCNTL, EBADF); }, TMF_EHANDLE},
+        {"read", [] { fail_call(CALL_PREAD, EIO); }, TMF_EREAD_COMMON},
+        {"short read", [] { answer_call(CALL_PREAD, 255); }, TMF_EREAD_COMMON_EOF},
     };
     for (const failure &row : rows) {
         row.plan();
@@ -274,10 +274,10 @@ TEST_F(TmfArea, AreaThatIsNoneAnyMoreIsRefused)
         std::string bytes;
         int code;
     } rows[] = {
-        {4, "text", -5209},
-        {0, std::string(256, '\0'), -5209},
-        {0, good.substr(1, 1) + good.substr(0, 1), -5210}, // the other byte order
-        {0, "\x34\x12", -5210},
+        {4, "text", TMF_ENOTMSG},
+        {0, std::string(256, '\0'), TMF_ENOTMSG},
+        {0, good.substr(1, 1) + good.substr(0, 1), TMF_EINCOMPATIBLE}, // the other byte order
+        {0, "\x34\x12", TMF_EINCOMPATIBLE},
     };
     for (const auto &row : rows) {
         const auto length = static_cast<ssize_t>(row.bytes.size());
@@ -322,7 +322,7 @@ TEST_F(TmfArea, ReleaseWithoutTheLockWritesNothing)
     forget_calls();
     EXPECT_EQ(tmf_release_common(h.get()), 0);
     tmfc_set_dirty(h->common, 1);
-    EXPECT_EQ(tmf_release_common(h.get()), -5234);
+    EXPECT_EQ(tmf_release_common(h.get()), TMF_EINTERNAL);
     EXPECT_EQ(tmfc_is_dirty(h->common), true);
     EXPECT_TRUE(calls_made().empty());
 }
@@ -336,18 +336,18 @@ TEST_F(TmfArea, FailedReleaseUnlocksAndTheWritesErrorComesFirst)
         failure what;
         bool unlocked;
     } rows[] = {
-        {{"seek", [] { fail_call(CALL_LSEEK, EIO); }, -5218}, true},
-        {{"seek elsewhere", [] { answer_call(CALL_LSEEK, 8); }, -5219}, true},
-        {{"write", write_fails, -5222}, true},
-        {{"short write", [] { answer_call(CALL_WRITE, 255); }, -5223}, true},
-        {{"unlock", unlock_fails, -5239}, false},
-        {{"seek for the unlock", [] { fail_call(CALL_LSEEK, EIO, 1); }, -5235}, false},
+        {{"seek", [] { fail_call(CALL_LSEEK, EIO); }, TMF_ESEEK_COMMON}, true},
+        {{"seek elsewhere", [] { answer_call(CALL_LSEEK, 8); }, TMF_ESEEK_COMMON_EOF}, true},
+        {{"write", write_fails, TMF_EWRITE_COMMON}, true},
+        {{"short write", [] { answer_call(CALL_WRITE, 255); }, TMF_EWRITE_COMMON_EOF}, true},
+        {{"unlock", unlock_fails, TMF_EUNLOCK}, false},
+        {{"seek for the unlock", [] { fail_call(CALL_LSEEK, EIO, 1); }, TMF_EHANDLE}, false},
         {{"write and unlock",
           [&] {
               write_fails();
               unlock_fails();
           },
-          -5222},
+          TMF_EWRITE_COMMON},
          false},
     };
     for (const auto &row : rows) {
@@ -368,9 +368,9 @@ TEST_F(TmfArea, FailedReleaseOfAProvenHandleHasTheSameCodes)
     ASSERT_NE(writer, nullptr);
     ASSERT_EQ(tmf_fwrite(writer, "x", 1), 0);
     const failure rows[] = {
-        {"write", [] { fail_call(CALL_PWRITE, ENOSPC, 1); }, -5222},
-        {"short write", [] { answer_call(CALL_PWRITE, 255, 1); }, -5223},
-        {"unlock", [] { fail_call(CALL_FCNTL, ENOLCK, 1); }, -5239},
+        {"write", [] { fail_call(CALL_PWRITE, ENOSPC, 1); }, TMF_EWRITE_COMMON},
+        {"short write", [] { answer_call(CALL_PWRITE, 255, 1); }, TMF_EWRITE_COMMON_EOF},
+        {"unlock", [] { fail_call(CALL_FCNTL, ENOLCK, 1); }, TMF_EUNLOCK},
     };
     for (const failure &row : rows) {
         row.plan();

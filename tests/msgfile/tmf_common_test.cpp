@@ -1,6 +1,8 @@
 // The common area in memory: first contents, checks, byte order, dirty flag,
 // stamp, slot offsets, wake-up ports, the wait list.
 #include "msgfile/tmf_common.h"
+
+#include "msgfile/tmf.h"
 #include "tests/msgfile/system_calls.h"
 
 #include <cstring>
@@ -72,13 +74,13 @@ TEST(TmfCommon, AreaIsCheckedForMagicThenOrderThenVersion)
         int code;
     } rows[] = {
         {"as written here", 'T', 0xFEFF, 2, 0},
-        {"version 3", 'T', 0xFEFF, 3, -5215},
-        {"version 0", 'T', 0xFEFF, 0, -5215},
-        {"unknown mark", 'T', 0x1234, 2, -5210},
-        {"unknown mark and version", 'T', 0x1234, 3, -5210},
-        {"no magic", 't', 0xFEFF, 2, -5209},
-        {"nothing right", 't', 0x1234, 3, -5209},
-        {"other order without magic", 't', 0xFFFE, 2, -5209},
+        {"version 3", 'T', 0xFEFF, 3, TMF_EFORMAT},
+        {"version 0", 'T', 0xFEFF, 0, TMF_EFORMAT},
+        {"unknown mark", 'T', 0x1234, 2, TMF_EINCOMPATIBLE},
+        {"unknown mark and version", 'T', 0x1234, 3, TMF_EINCOMPATIBLE},
+        {"no magic", 't', 0xFEFF, 2, TMF_ENOTMSG},
+        {"nothing right", 't', 0x1234, 3, TMF_ENOTMSG},
+        {"other order without magic", 't', 0xFFFE, 2, TMF_ENOTMSG},
     };
     for (const auto &row : rows) {
         tmf_common common = new_area();
@@ -135,9 +137,9 @@ TEST(TmfCommon, RecheckWantsMagicAndThisHostsOrder)
     tmf_common common = new_area();
     EXPECT_EQ(tmfc_recheck(&common), 0);
     common.byte_order_mark = 0xFFFE;
-    EXPECT_EQ(tmfc_recheck(&common), -5210);
+    EXPECT_EQ(tmfc_recheck(&common), TMF_EINCOMPATIBLE);
     common.magic[3] = '2';
-    EXPECT_EQ(tmfc_recheck(&common), -5209);
+    EXPECT_EQ(tmfc_recheck(&common), TMF_ENOTMSG);
 }
 
 TEST(TmfCommon, DirtyIsBit0OfTheFlags)
@@ -217,7 +219,8 @@ TEST(TmfCommon, SlotWithoutAStoredPortHasItsDefault)
     EXPECT_EQ(tmc_get_signal_port(&common, 0), 53248);
     EXPECT_EQ(tmc_get_signal_port(&common, 3), 53251);
     EXPECT_EQ(tmc_get_signal_port(&common, 15), 53263);
-    EXPECT_EQ(tmc_get_signal_port(&common, -5233), 53248 - 5233); // an open that failed
+    EXPECT_EQ(tmc_get_signal_port(&common, TMF_EMAXREADERS),
+              53248 + TMF_EMAXREADERS); // an open that failed
     EXPECT_EQ(tmc_get_signal_port(&common, 16), 53264);
 }
 

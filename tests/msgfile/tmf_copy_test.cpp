@@ -73,8 +73,8 @@ TEST_F(TmfCopy, PlaceBehindTheEndOfARepairedFileIsAnError)
     EXPECT_EQ(read(h), "two");
     store<int32_t>(16, 1);
     store<int32_t>(44, 4352 + 9);
-    EXPECT_EQ(read(h), "-5229");
-    EXPECT_EQ(read(h), "-5229") << "until it is opened again";
+    EXPECT_EQ(read(h), std::to_string(TMF_EREAD_DATA_EOF));
+    EXPECT_EQ(read(h), std::to_string(TMF_EREAD_DATA_EOF)) << "until it is opened again";
     EXPECT_EQ(tmf_fclose(h), 0);
     h = open(copy_mode);
     EXPECT_EQ(read(h), "one");
@@ -99,7 +99,7 @@ TEST_F(TmfCopy, FailedLockStillPassesARecord)
     const system_calls_guard guard;
     tmf_handle *h = open(copy_mode);
     fail_call(CALL_LOCKF, EINTR);
-    EXPECT_EQ(read(h), "-5236");
+    EXPECT_EQ(read(h), std::to_string(TMF_ELOCK_WAIT));
     EXPECT_EQ(read(h), "two") << "the copy read last told where the first one was";
     EXPECT_EQ(tmf_fclose(h), 0);
 }
@@ -125,9 +125,9 @@ TEST_F(TmfCopy, ReaderMayTakeTheRecordsOnceTheCopyIsClosed)
     make({"one"});
     {
         const opened_file copier(path, copy_mode);
-        EXPECT_EQ(open_elsewhere(path, TMF_MODE_READ), -5260);
+        EXPECT_EQ(open_elsewhere(path, TMF_MODE_READ), TMF_EREADER_EXCLUSIVE);
         EXPECT_EQ(open_elsewhere(path, 0), 0);
-        EXPECT_EQ(write_record(copier, "x"), -5230);
+        EXPECT_EQ(write_record(copier, "x"), TMF_EREAD_ACCESS);
         EXPECT_EQ(read_record(copier, 9), whole("one"));
     }
     const opened_file reader(path, TMF_MODE_READ);
@@ -145,11 +145,11 @@ TEST_F(TmfCopy, FailedReadStaysAtItsRecord)
         void (*plan)();
         int code;
     } rows[] = {
-        {"memory", [] { fail_call(CALL_MALLOC, ENOMEM); }, -5234},
-        {"read", [] { fail_call(CALL_PREAD, EIO, 1); }, -5228},
-        {"read of five bytes", [] { answer_call(CALL_PREAD, 5, 1); }, -5229},
-        {"read of nothing", [] { answer_call(CALL_PREAD, 0, 1); }, -5229},
-        {"read short of the data", [] { answer_call(CALL_PREAD, 2003, 1); }, -5229},
+        {"memory", [] { fail_call(CALL_MALLOC, ENOMEM); }, TMF_EINTERNAL},
+        {"read", [] { fail_call(CALL_PREAD, EIO, 1); }, TMF_EREAD_DATA},
+        {"read of five bytes", [] { answer_call(CALL_PREAD, 5, 1); }, TMF_EREAD_DATA_EOF},
+        {"read of nothing", [] { answer_call(CALL_PREAD, 0, 1); }, TMF_EREAD_DATA_EOF},
+        {"read short of the data", [] { answer_call(CALL_PREAD, 2003, 1); }, TMF_EREAD_DATA_EOF},
     };
     for (const auto &row : rows) {
         row.plan();
@@ -170,6 +170,6 @@ TEST_F(TmfCopy, UnlockThatFailsBehindACopiedRecordHasItsCode)
     const opened_file copier(path, copy_mode);
     EXPECT_EQ(read_record(copier, 9), whole("one"));
     fail_call(CALL_FCNTL, ENOLCK, 1);
-    EXPECT_EQ(tmf_fread(copier, nullptr, 0, 0), -5239);
+    EXPECT_EQ(tmf_fread(copier, nullptr, 0, 0), TMF_EUNLOCK);
     EXPECT_EQ(read_record(copier, 9), whole("")); // the record was read
 }

@@ -42,7 +42,7 @@ TEST_F(TmfDamagedRecords, EachLengthIsTakenAtItsWordOrRefused)
             const bool sound = length >= 6 && length <= used;
             const auto given = static_cast<size_t>(std::clamp(length - 6, 0, 50));
             const record_read expected =
-                sound ? whole(file.substr(4356, given)) : record_read{-5229, ""};
+                sound ? whole(file.substr(4356, given)) : record_read{TMF_EREAD_DATA_EOF, ""};
             const record_read got = read_record(reader, 50);
             const positions after = positions_of(reader);
             ASSERT_EQ(got, expected) << length << " of " << used;
@@ -70,7 +70,7 @@ TEST_F(TmfDamagedRecords, LengthBeyondAnyRecordsIsReadAsFarAsTheFileGoes)
     }
     file.resize(file.size() - 3); // without the trailer, which nobody looks at
     write_file(path, file);
-    EXPECT_EQ(read_record(opened_file(path, 7), 65529), (record_read{-5229, ""}));
+    EXPECT_EQ(read_record(opened_file(path, 7), 65529), (record_read{TMF_EREAD_DATA_EOF, ""}));
     EXPECT_EQ(read_record(opened_file(path, 7), 65528), whole(file.substr(4356, 65528)));
 }
 
@@ -93,7 +93,7 @@ TEST_F(TmfDamagedRecords, FileCutAtEachLengthGivesWhatItHoldsOrNothing)
                     const std::string data = record.data.substr(0, room);
                     const bool there = end >= record.at + std::max<size_t>(4 + data.size(), 6);
                     const record_read got = read_record(reader, static_cast<int>(room));
-                    ASSERT_EQ(got, there ? whole(data) : (record_read{-5229, ""}));
+                    ASSERT_EQ(got, there ? whole(data) : (record_read{TMF_EREAD_DATA_EOF, ""}));
                     if (!there)
                         break;
                 }
@@ -115,27 +115,42 @@ TEST_F(TmfDamagedRecords, PositionsOutsideTheRecordsHaveTheirCodes)
         record_read copied;
         int written;
     } rows[] = {
-        {{2, -1, 4372, 0}, code(-5224), code(-5224), 0},
-        {{2, INT_MIN, 4372, 0}, code(-5224), code(-5224), 0},
-        {{2, 0, 4372, 0}, code(-5225), code(-5225), 0}, // among the header's numbers
-        {{2, 256, 4372, 0}, code(-5225), code(-5225), 0},
-        {{2, 4351, 4372, 0}, code(-5225), code(-5225), 0},
-        {{2, 4372, 4372, 0}, code(-5229), code(-5229), 0},          // at the end
-        {{2, 5000, 4372, 0}, code(-5229), code(-5229), 0},          // behind the file
-        {{2, INT_MAX, 4372, 0}, code(-5229), code(-5229), 0},       //
-        {{2, 4352, 4352, 0}, code(-5229), code(-5229), 0},          // records without bytes
-        {{2, 4352, 4360, 0}, code(-5229), code(-5229), 0},          // a record cut by the end
-        {{2, 4352, 4361, 0}, whole("one"), whole("one"), 0},        // and one that is not
-        {{2, 4352, -1, 0}, whole("one"), whole("one"), -5224},      // a long way to the end
-        {{2, 4352, INT_MIN, 0}, whole("one"), whole("one"), -5224}, //
-        {{2, 4352, 0, 0}, whole("one"), whole("one"), -5225},       //
-        {{2, 4352, 4351, 0}, whole("one"), whole("one"), -5225},    //
-        {{0, 4352, 4372, 0}, whole(""), whole(""), 0},              // none is counted
-        {{-1, 4352, 4372, 0}, whole("one"), whole(""), 0},          //
-        {{INT_MIN, 4352, 4372, 0}, whole("one"), whole(""), 0},     //
-        {{INT_MAX, 4352, 4372, 0}, whole("one"), whole("one"), 0},  //
-        {{2, 4361, 4372, -5}, whole("three"), whole("three"), 0},   //
-        {{2, 4355, 4372, 0}, code(-5229), code(-5229), 0},          // inside a frame
+        {{2, -1, 4372, 0}, code(TMF_ESEEK_DATA), code(TMF_ESEEK_DATA), 0},
+        {{2, INT_MIN, 4372, 0}, code(TMF_ESEEK_DATA), code(TMF_ESEEK_DATA), 0},
+        {{2, 0, 4372, 0},
+         code(TMF_ESEEK_DATA_EOF),
+         code(TMF_ESEEK_DATA_EOF),
+         0}, // among the header's numbers
+        {{2, 256, 4372, 0}, code(TMF_ESEEK_DATA_EOF), code(TMF_ESEEK_DATA_EOF), 0},
+        {{2, 4351, 4372, 0}, code(TMF_ESEEK_DATA_EOF), code(TMF_ESEEK_DATA_EOF), 0},
+        {{2, 4372, 4372, 0}, code(TMF_EREAD_DATA_EOF), code(TMF_EREAD_DATA_EOF), 0}, // at the end
+        {{2, 5000, 4372, 0},
+         code(TMF_EREAD_DATA_EOF),
+         code(TMF_EREAD_DATA_EOF),
+         0}, // behind the file
+        {{2, INT_MAX, 4372, 0}, code(TMF_EREAD_DATA_EOF), code(TMF_EREAD_DATA_EOF), 0}, //
+        {{2, 4352, 4352, 0},
+         code(TMF_EREAD_DATA_EOF),
+         code(TMF_EREAD_DATA_EOF),
+         0}, // records without bytes
+        {{2, 4352, 4360, 0},
+         code(TMF_EREAD_DATA_EOF),
+         code(TMF_EREAD_DATA_EOF),
+         0},                                                            // a record cut by the end
+        {{2, 4352, 4361, 0}, whole("one"), whole("one"), 0},            // and one that is not
+        {{2, 4352, -1, 0}, whole("one"), whole("one"), TMF_ESEEK_DATA}, // a long way to the end
+        {{2, 4352, INT_MIN, 0}, whole("one"), whole("one"), TMF_ESEEK_DATA},  //
+        {{2, 4352, 0, 0}, whole("one"), whole("one"), TMF_ESEEK_DATA_EOF},    //
+        {{2, 4352, 4351, 0}, whole("one"), whole("one"), TMF_ESEEK_DATA_EOF}, //
+        {{0, 4352, 4372, 0}, whole(""), whole(""), 0},                        // none is counted
+        {{-1, 4352, 4372, 0}, whole("one"), whole(""), 0},                    //
+        {{INT_MIN, 4352, 4372, 0}, whole("one"), whole(""), 0},               //
+        {{INT_MAX, 4352, 4372, 0}, whole("one"), whole("one"), 0},            //
+        {{2, 4361, 4372, -5}, whole("three"), whole("three"), 0},             //
+        {{2, 4355, 4372, 0},
+         code(TMF_EREAD_DATA_EOF),
+         code(TMF_EREAD_DATA_EOF),
+         0}, // inside a frame
     };
     for (const auto &row : rows) {
         std::ostringstream name;
@@ -194,7 +209,7 @@ TEST_F(TmfDamagedRecords, CountOfMoreRecordsThanThereAreEndsAtTheLast)
             EXPECT_EQ(read_record(reader, 9), whole("one"));
             EXPECT_EQ(read_record(reader, 9), whole("three"));
             for (int i = 0; i < 3; i++)
-                EXPECT_EQ(read_record(reader, 9), (record_read{-5229, ""}));
+                EXPECT_EQ(read_record(reader, 9), (record_read{TMF_EREAD_DATA_EOF, ""}));
             // INT_MIN - 1 is INT_MAX.
             const auto left = mode == 7 ? count : static_cast<int32_t>(int64_t{count} - 2);
             EXPECT_EQ(positions_of(reader), (positions{left, mode == 7 ? 4352 : 4372, 4372, 4372}));
@@ -284,8 +299,8 @@ TEST_F(TmfDamagedRecords, RandomPositionsGiveTheFilesOwnBytesOrACode)
             const std::string after = bytes_through(reader);
             EXPECT_EQ(after.substr(4352, 4648), file.substr(4352));
             if (got.result <= 0) {
-                EXPECT_TRUE(got.result == 0 || got.result == -5224 || got.result == -5225 ||
-                            got.result == -5229)
+                EXPECT_TRUE(got.result == 0 || got.result == TMF_ESEEK_DATA ||
+                            got.result == TMF_ESEEK_DATA_EOF || got.result == TMF_EREAD_DATA_EOF)
                     << got.result;
                 continue;
             }

@@ -43,7 +43,7 @@ class TmfDamaged : public MessageFile {
   private:
     static bool is_code(int result)
     {
-        return result >= -5282 && result <= -5201;
+        return result >= TMF_ESIGNAL && result <= TMF_EDELETE;
     }
     static bool is_result(int result, int most)
     {
@@ -246,17 +246,17 @@ TEST_F(TmfDamaged, SlotOutsideTheLockAreaHasTheSeeksCode)
         int reader;
         int writer;
     } rows[] = {
-        {"lock area before the file", 52, 4, INT_MIN, -5241, -5245},
-        {"readers' slots in the common area", 52, 4, 192, -5241, 0},
-        {"lock area at the start", 52, 4, -64, -5241, -5245},
-        {"lock area among the records", 52, 4, 4352, -5241, -5245},
-        {"slot that reaches into the records", 52, 4, 4349, -5241, -5245},
-        {"slot just before the records", 52, 4, 4348, 0, -5245},
-        {"lock area at the end of numbers", 52, 4, INT_MAX, -5241, -5245},
-        {"no room for a reader", 78, 2, 0, -5241, 0},
-        {"no room for a writer", 76, 2, 0, 0, -5245},
-        {"less than none", 78, 2, -4, -5241, -5245},
-        {"slots beyond the records", 78, 2, 32767, 0, -5245},
+        {"lock area before the file", 52, 4, INT_MIN, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"readers' slots in the common area", 52, 4, 192, TMF_ESEEK_READER, 0},
+        {"lock area at the start", 52, 4, -64, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"lock area among the records", 52, 4, 4352, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"slot that reaches into the records", 52, 4, 4349, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"slot just before the records", 52, 4, 4348, 0, TMF_ESEEK_WRITER},
+        {"lock area at the end of numbers", 52, 4, INT_MAX, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"no room for a reader", 78, 2, 0, TMF_ESEEK_READER, 0},
+        {"no room for a writer", 76, 2, 0, 0, TMF_ESEEK_WRITER},
+        {"less than none", 78, 2, -4, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"slots beyond the records", 78, 2, 32767, 0, TMF_ESEEK_WRITER},
     };
     std::string file = good;
     put_number<int16_t>(file, 70, 0); // nobody to remove
@@ -288,10 +288,10 @@ TEST_F(TmfDamaged, DeadUserOutsideTheLockAreaIsNotLookedFor)
         int32_t value;
         int code;
     } rows[] = {
-        {"before the file", 52, 4, -4096, -5245},
-        {"in the common area", 52, 4, 128, -5245},
-        {"among the records", 52, 4, 4352, -5245},
-        {"of no size", 76, 2, 0, -5245},
+        {"before the file", 52, 4, -4096, TMF_ESEEK_WRITER},
+        {"in the common area", 52, 4, 128, TMF_ESEEK_WRITER},
+        {"among the records", 52, 4, 4352, TMF_ESEEK_WRITER},
+        {"of no size", 76, 2, 0, TMF_ESEEK_WRITER},
     };
     for (const auto &row : rows) {
         std::string damaged = good;

@@ -113,7 +113,7 @@ TEST_F(TmfEmptied, FileThatCouldNotBeCutIsCutWhenItEmptiesAgain)
     const opened_file reader(path, 1);
     take_all_but_one(reader);
     fail_call(CALL_FTRUNCATE, EIO);
-    EXPECT_EQ(read_record(reader, 200), (record_read{-5265, ""}));
+    EXPECT_EQ(read_record(reader, 200), (record_read{TMF_ETRUNCATE, ""}));
     EXPECT_EQ(positions_of(reader), (positions{0, 4352, 4352, 70000}));
     EXPECT_EQ(bytes_through(reader).size(), 70002U);
     EXPECT_EQ(holder_of(path, 0, 256), 0);
@@ -140,7 +140,7 @@ TEST_F(TmfEmptied, FileThatCannotSayThatItIsEmptyIsNotCut)
         take_all_but_one(reader);
         forget_calls();
         fail_call(CALL_PWRITE, EIO, 0, row.times);
-        EXPECT_EQ(tmf_fread(reader, nullptr, 0, 0), -5222);
+        EXPECT_EQ(tmf_fread(reader, nullptr, 0, 0), TMF_EWRITE_COMMON);
         EXPECT_TRUE(calls_made(CALL_FTRUNCATE).empty());
         EXPECT_EQ(bytes_through(reader).size(), 70002U);
         EXPECT_EQ(positions_of(reader), row.left) << row.times;
@@ -157,8 +157,8 @@ TEST_F(TmfEmptied, RecordAcross2GiBIsTheLastUntilTheFileEmpties)
         int next;   // result of a further write
     } rows[] = {
         {INT_MAX - 106, INT_MAX, 0},
-        {INT_MAX - 105, INT_MIN, -5224},
-        {INT_MAX, INT_MIN + 105, -5224},
+        {INT_MAX - 105, INT_MIN, TMF_ESEEK_DATA},
+        {INT_MAX, INT_MIN + 105, TMF_ESEEK_DATA},
     };
     for (const auto &row : rows) {
         unlink(path.c_str());
@@ -183,7 +183,7 @@ TEST_F(TmfEmptied, RecordAcross2GiBIsTheLastUntilTheFileEmpties)
         }
         {
             const opened_file fresh(path, 0); // seeks, and is refused alike
-            EXPECT_EQ(write_record(fresh, data), -5224);
+            EXPECT_EQ(write_record(fresh, data), TMF_ESEEK_DATA);
             EXPECT_EQ(positions_of(fresh), after);
         }
         {

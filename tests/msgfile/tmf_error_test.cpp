@@ -139,38 +139,38 @@ TEST_F(TmfError, TextsOfHandleAndOpenErrorAreThose)
 
 TEST_F(TmfError, NetworkTextIsGivenOnce)
 {
-    EXPECT_EQ(tmf_network_error(&h, -5250, "sendto()", 111), -5250);
+    EXPECT_EQ(tmf_network_error(&h, TMF_ESEND, "sendto()", 111), TMF_ESEND);
     EXPECT_EQ(tmf_geterrno(&h), 0); // the caller stores the code
-    tmf_set_error(&h, -5250);
+    tmf_set_error(&h, TMF_ESEND);
     EXPECT_EQ(message_of(&h), "Error #111 on sendto() sending udp data.");
     EXPECT_EQ(message_of(&h), "Error  sending udp data.");
-    EXPECT_EQ(tmf_geterrno(&h), -5250);
+    EXPECT_EQ(tmf_geterrno(&h), TMF_ESEND);
 }
 
 TEST_F(TmfError, SystemTextIsGivenOnce)
 {
     const std::string text = "Error opening file: " + std::string(strerror(EACCES));
-    EXPECT_EQ(tmf_os_error(&h, -5205, EACCES), -5205);
+    EXPECT_EQ(tmf_os_error(&h, TMF_EOPEN, EACCES), TMF_EOPEN);
     EXPECT_EQ(message_of(&h), text);
     EXPECT_EQ(message_of(&h), "Error opening file: ");
-    EXPECT_EQ(tmf_os_error(nullptr, -5205, EACCES), -5205);
+    EXPECT_EQ(tmf_os_error(nullptr, TMF_EOPEN, EACCES), TMF_EOPEN);
     EXPECT_EQ(message_of(nullptr), text);
     EXPECT_EQ(message_of(nullptr), "Error opening file: ");
-    EXPECT_EQ(tmf_geterrno(nullptr), -5205);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EOPEN);
 }
 
 TEST_F(TmfError, SystemTextIsConsumedByATextWithoutAPlaceForIt)
 {
-    tmf_os_error(&h, -5228, ENOENT);
+    tmf_os_error(&h, TMF_EREAD_DATA, ENOENT);
     EXPECT_EQ(message_of(&h), "Error reading data.");
-    tmf_set_error(&h, -5205);
+    tmf_set_error(&h, TMF_EOPEN);
     EXPECT_EQ(message_of(&h), "Error opening file: ");
 }
 
 TEST_F(TmfError, NetworkTextGoesBeforeTheSystemTextAndKeepsIt)
 {
-    tmf_os_error(&h, -5251, ENOENT);
-    tmf_network_error(&h, -5251, "bind()", 98);
+    tmf_os_error(&h, TMF_ERECEIVE, ENOENT);
+    tmf_network_error(&h, TMF_ERECEIVE, "bind()", 98);
     EXPECT_EQ(message_of(&h), "Error #98 on bind() receiving udp data.");
     EXPECT_EQ(message_of(&h), "Error " + std::string(strerror(ENOENT)) + " receiving udp data.");
     EXPECT_EQ(message_of(&h), "Error  receiving udp data.");
@@ -178,16 +178,16 @@ TEST_F(TmfError, NetworkTextGoesBeforeTheSystemTextAndKeepsIt)
 
 TEST_F(TmfError, AttachedTextIsNoFormatAndIsCutAt128Bytes)
 {
-    tmf_network_error(&h, -5252, "%s%n%d()", 22);
-    tmf_set_error(&h, -5252);
+    tmf_network_error(&h, TMF_ENONBLOCK, "%s%n%d()", 22);
+    tmf_set_error(&h, TMF_ENONBLOCK);
     EXPECT_EQ(message_of(&h), "Error #22 on %s%n%d() setting non-blocking socket.");
 
     // The longest text with the longest attached text fits.
     char buf[TMF_ERRMSG_SIZE];
     const std::string longest(1000, 'x');
-    tmf_code_text(-5252, longest.c_str(), buf);
+    tmf_code_text(TMF_ENONBLOCK, longest.c_str(), buf);
     EXPECT_EQ(std::string(buf), "Error " + std::string(128, 'x') + " setting non-blocking socket.");
-    tmf_network_error(&h, -5252, longest.c_str(), 22);
+    tmf_network_error(&h, TMF_ENONBLOCK, longest.c_str(), 22);
     EXPECT_EQ(message_of(&h).size(), strlen("Error  setting non-blocking socket.") + 127);
 }
 
@@ -201,20 +201,20 @@ TEST_F(TmfError, TextBufferIsGivenBackAndMayBeMissing)
 
 TEST_F(TmfError, ClearingTakesTheCodeAndNotTheOpenError)
 {
-    tmf_set_error(&h, -5228);
-    tmf_set_error(nullptr, -5209);
+    tmf_set_error(&h, TMF_EREAD_DATA);
+    tmf_set_error(nullptr, TMF_ENOTMSG);
     h.aux_buffer = malloc(10);
     tmf_clearerr(&h);
     EXPECT_EQ(tmf_geterrno(&h), 0);
     EXPECT_EQ(h.aux_buffer, nullptr);
     tmf_clearerr(nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5209);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ENOTMSG);
 }
 
 TEST_F(TmfError, OpenWithoutANameHasItsCode)
 {
     EXPECT_EQ(tmf_fopen(nullptr, 0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5269);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ENONAME);
     EXPECT_EQ(message_of(nullptr), "No file name specified on file open.");
     tmf_set_error(nullptr, 0);
     EXPECT_EQ(tmf_fopen("", 7), nullptr);
@@ -225,7 +225,7 @@ TEST_F(TmfError, OpenWithoutANameHasItsCode)
 TEST_F(TmfError, OpenInAMissingDirectoryGivesTheSystemsText)
 {
     EXPECT_EQ(tmf_fopen(dir.file("missing/queue").c_str(), 0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5205);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EOPEN);
     EXPECT_EQ(message_of(nullptr), "Error opening file: " + std::string(strerror(ENOENT)));
     EXPECT_EQ(message_of(nullptr), "Error opening file: ");
 }
@@ -235,22 +235,22 @@ TEST_F(TmfError, LaterOpenOverwritesTheOpenErrorOnlyWhenItFails)
     EXPECT_EQ(tmf_fopen("", 0), nullptr);
     tmf_handle *writer = open(0);
     ASSERT_NE(writer, nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5269);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ENONAME);
     EXPECT_EQ(tmf_geterrno(writer), 0);
     EXPECT_EQ(message_of(writer), "Message file error #0");
     EXPECT_EQ(tmf_fclose(writer), 0);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5269);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ENONAME);
     EXPECT_EQ(open(4), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5266);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ECOPYMODE);
 }
 
 TEST_F(TmfError, SuccessDoesNotClearTheHandlesCode)
 {
     tmf_handle *writer = open(0);
     ASSERT_NE(writer, nullptr);
-    EXPECT_EQ(tmf_fwrite(writer, "x", 0), -5216);
+    EXPECT_EQ(tmf_fwrite(writer, "x", 0), TMF_ERECORD_SIZE);
     EXPECT_EQ(tmf_fwrite(writer, "x", 1), 0);
-    EXPECT_EQ(tmf_geterrno(writer), -5216);
+    EXPECT_EQ(tmf_geterrno(writer), TMF_ERECORD_SIZE);
     EXPECT_EQ(message_of(writer), "Invalid record size.");
     tmf_clearerr(writer);
     EXPECT_EQ(tmf_geterrno(writer), 0);
@@ -263,8 +263,8 @@ TEST_F(TmfError, FailedWakeUpNamesTheSystemsErrorOnce)
     ASSERT_NE(writer, nullptr);
     ASSERT_EQ(pwrite(writer->fd, "\1", 1, 124), 1); // a reader is said to wait
     fail_call(CALL_SENDTO, 111);
-    EXPECT_EQ(tmf_fwrite(writer, "x", 1), -5250);
-    EXPECT_EQ(tmf_geterrno(writer), -5250);
+    EXPECT_EQ(tmf_fwrite(writer, "x", 1), TMF_ESEND);
+    EXPECT_EQ(tmf_geterrno(writer), TMF_ESEND);
     EXPECT_EQ(message_of(writer), "Error #111 on sendto() sending udp data.");
     EXPECT_EQ(message_of(writer), "Error  sending udp data.");
     answer_call(CALL_SENDTO, 12, 0, -1);

@@ -139,17 +139,17 @@ TEST_F(TmfFrame, RefusedCallsTouchNeitherLockNorFile)
     {
         const opened_file reader(path, 1);
         forget_calls();
-        EXPECT_EQ(tmf_fwrite(reader, nullptr, 0), -5230);
-        EXPECT_EQ(tmf_fread(reader, buf, INT_MIN, 0), -5217);
-        EXPECT_EQ(tmf_freadx(reader, buf, -1, 0, 1), -5217);
+        EXPECT_EQ(tmf_fwrite(reader, nullptr, 0), TMF_EREAD_ACCESS);
+        EXPECT_EQ(tmf_fread(reader, buf, INT_MIN, 0), TMF_EBUFFER_SIZE);
+        EXPECT_EQ(tmf_freadx(reader, buf, -1, 0, 1), TMF_EBUFFER_SIZE);
         EXPECT_TRUE(calls_made().empty());
     }
     const opened_file writer(path, 0);
     forget_calls();
-    EXPECT_EQ(tmf_fread(writer, nullptr, -1, 0), -5231);
-    EXPECT_EQ(tmf_freadx(writer, buf, 8, 15, 1), -5231);
-    EXPECT_EQ(tmf_fwrite(writer, buf, INT_MIN), -5216);
-    EXPECT_EQ(tmf_fwrite(writer, buf, INT_MAX), -5216);
+    EXPECT_EQ(tmf_fread(writer, nullptr, -1, 0), TMF_EWRITE_ACCESS);
+    EXPECT_EQ(tmf_freadx(writer, buf, 8, 15, 1), TMF_EWRITE_ACCESS);
+    EXPECT_EQ(tmf_fwrite(writer, buf, INT_MIN), TMF_ERECORD_SIZE);
+    EXPECT_EQ(tmf_fwrite(writer, buf, INT_MAX), TMF_ERECORD_SIZE);
     EXPECT_TRUE(calls_made().empty());
 }
 
@@ -174,9 +174,9 @@ TEST_F(TmfFrame, FileSizeLimitStopsAWriteAndALaterOneGoesOn)
         [&] { return tmf_fclose(h); },
     });
     ASSERT_EQ(writer.run(), 0);
-    EXPECT_EQ(writer.run(), -5227);
+    EXPECT_EQ(writer.run(), TMF_EWRITE_DATA_EOF);
     EXPECT_EQ(positions_in(bytes()), (positions{1, 4352, 4361, 4361}));
-    EXPECT_EQ(writer.run(), -5226);
+    EXPECT_EQ(writer.run(), TMF_EWRITE_DATA);
     EXPECT_EQ(positions_in(bytes()), (positions{1, 4352, 4361, 4361}));
     EXPECT_EQ(writer.run(), 0);
     EXPECT_EQ(writer.run(), 0);

@@ -230,7 +230,7 @@ TEST_F(TmfLayout, ConvertedFileOfAnotherVersionIsRefusedFromThenOn)
     was.version = 3;
     write_file(path, area_bytes(was, !host_is_big_endian()) + std::string(4096, '\0'));
     make();
-    refuses(bytes(), -5215);
+    refuses(bytes(), TMF_EFORMAT);
 }
 
 TEST_F(TmfLayout, OtherVersionsInThisByteOrderAreRefused)
@@ -239,7 +239,7 @@ TEST_F(TmfLayout, OtherVersionsInThisByteOrderAreRefused)
         SCOPED_TRACE(version);
         area was;
         was.version = version;
-        refuses(area_bytes(was, host_is_big_endian()) + std::string(4096, '\0'), -5215);
+        refuses(area_bytes(was, host_is_big_endian()) + std::string(4096, '\0'), TMF_EFORMAT);
     }
 }
 
@@ -250,7 +250,7 @@ TEST_F(TmfLayout, UnknownByteOrderMarkIsRefusedThoughTheMagicIsRight)
         std::string file = golden_bytes("message_file_small.hex");
         put_number(file, 0, static_cast<uint16_t>(unknown));
         put_number<int16_t>(file, 74, 3); // the mark is looked at first
-        refuses(file, -5210);
+        refuses(file, TMF_EINCOMPATIBLE);
     }
 }
 
@@ -262,20 +262,20 @@ TEST_F(TmfLayout, FileWithoutTheMagicIsRefused)
         std::string file = good;
         file[at] = static_cast<char>(file[at] ^ 0x20);
         file[0] = 0x34; // the magic is looked at first
-        refuses(file, -5209);
+        refuses(file, TMF_ENOTMSG);
     }
-    refuses("a text file\n", -5209);
-    refuses(std::string(8192, '\0'), -5209);
+    refuses("a text file\n", TMF_ENOTMSG);
+    refuses(std::string(8192, '\0'), TMF_ENOTMSG);
 }
 
 // Less than the common area: what is there decides.
 TEST_F(TmfLayout, ShortFileIsJudgedByItsMagicMarkAndVersion)
 {
     const std::string good = golden_bytes("message_file_small.hex");
-    refuses(good.substr(0, 1), -5209);
-    refuses(good.substr(0, 7), -5209);
-    refuses(good.substr(0, 8), -5215);
-    refuses(good.substr(0, 75).replace(74, 1, 1, '\3'), -5215);
+    refuses(good.substr(0, 1), TMF_ENOTMSG);
+    refuses(good.substr(0, 7), TMF_ENOTMSG);
+    refuses(good.substr(0, 8), TMF_EFORMAT);
+    refuses(good.substr(0, 75).replace(74, 1, 1, '\3'), TMF_EFORMAT);
 
     write_file(path, good.substr(0, 80)); // up to the slot sizes
     tmf_handle *writer = open(0);

@@ -36,15 +36,15 @@ struct primitive {
 };
 
 static const primitive by_seek[] = {
-    {"wait", tf_lock_file_wait, F_LOCK, -5236},
-    {"nowait", tf_lock_file_nowait, F_TLOCK, -5237},
-    {"test", tf_lock_file_test, F_TEST, -5238},
-    {"unlock", tf_unlock_file, F_ULOCK, -5239},
+    {"wait", tf_lock_file_wait, F_LOCK, TMF_ELOCK_WAIT},
+    {"nowait", tf_lock_file_nowait, F_TLOCK, TMF_ELOCK_NOWAIT},
+    {"test", tf_lock_file_test, F_TEST, TMF_ELOCK_TEST},
+    {"unlock", tf_unlock_file, F_ULOCK, TMF_EUNLOCK},
 };
 
 static const primitive by_range[] = {
-    {"wait", tf_lock_range_wait, F_SETLKW, -5236},
-    {"unlock", tf_unlock_range, F_SETLK, -5239},
+    {"wait", tf_lock_range_wait, F_SETLKW, TMF_ELOCK_WAIT},
+    {"unlock", tf_unlock_range, F_SETLK, TMF_EUNLOCK},
 };
 
 TEST_F(TmfLock, EachPrimitiveSeeksAndThenLocksTheLength)
@@ -88,13 +88,13 @@ TEST_F(TmfLock, DescriptorThatDoesNotSeekIsABadHandle)
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     for (const primitive &p : by_seek) {
-        EXPECT_EQ(p.call(ends[0], 0, 4), -5235) << p.name;
-        EXPECT_EQ(p.call(-1, 0, 4), -5235) << p.name;
+        EXPECT_EQ(p.call(ends[0], 0, 4), TMF_EHANDLE) << p.name;
+        EXPECT_EQ(p.call(-1, 0, 4), TMF_EHANDLE) << p.name;
         answer_call(CALL_LSEEK, 321); // elsewhere
-        EXPECT_EQ(p.call(fd, 320, 4), -5235) << p.name;
+        EXPECT_EQ(p.call(fd, 320, 4), TMF_EHANDLE) << p.name;
     }
-    EXPECT_EQ(tf_lock_range_wait(-1, 0, 4), -5235);
-    EXPECT_EQ(tf_unlock_range(-1, 0, 4), -5235);
+    EXPECT_EQ(tf_lock_range_wait(-1, 0, 4), TMF_EHANDLE);
+    EXPECT_EQ(tf_unlock_range(-1, 0, 4), TMF_EHANDLE);
     close(ends[0]);
     close(ends[1]);
 }
@@ -203,16 +203,16 @@ TEST_F(TmfLock, SignalEndsTheWaitOfEveryCall)
     sender.start();
     char buf[8];
     EXPECT_EQ(open(0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5236);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ELOCK_WAIT);
     EXPECT_EQ(message_of(nullptr), "Error applying wait lock.");
-    EXPECT_EQ(tmf_fwrite(writer, "x", 1), -5236);
-    EXPECT_EQ(tmf_fwrite(proven, "x", 1), -5236);
-    EXPECT_EQ(tmf_geterrno(proven), -5236);
-    EXPECT_EQ(tmf_fread(reader, buf, sizeof(buf), TMF_READ_KEEP), -5236);
-    EXPECT_EQ(tmf_getinfo(writer, 0), -5236);
-    EXPECT_EQ(tmf_fclose(writer), -5236); // and the handle is gone
-    EXPECT_EQ(tmf_fclose(proven), -5236);
-    EXPECT_EQ(tmf_fclose(reader), -5236);
+    EXPECT_EQ(tmf_fwrite(writer, "x", 1), TMF_ELOCK_WAIT);
+    EXPECT_EQ(tmf_fwrite(proven, "x", 1), TMF_ELOCK_WAIT);
+    EXPECT_EQ(tmf_geterrno(proven), TMF_ELOCK_WAIT);
+    EXPECT_EQ(tmf_fread(reader, buf, sizeof(buf), TMF_READ_KEEP), TMF_ELOCK_WAIT);
+    EXPECT_EQ(tmf_getinfo(writer, 0), TMF_ELOCK_WAIT);
+    EXPECT_EQ(tmf_fclose(writer), TMF_ELOCK_WAIT); // and the handle is gone
+    EXPECT_EQ(tmf_fclose(proven), TMF_ELOCK_WAIT);
+    EXPECT_EQ(tmf_fclose(reader), TMF_ELOCK_WAIT);
     EXPECT_GE(signal_counter::count, 8);
 }
 
@@ -241,10 +241,10 @@ TEST_F(TmfLock, CommonLockThatReportsAnotherHolderHasFailed)
     tmf_handle *writer = open(0);
     ASSERT_NE(writer, nullptr);
     fail_call(CALL_LOCKF, EAGAIN);
-    EXPECT_EQ(tmf_fwrite(writer, "x", 1), -5236);
+    EXPECT_EQ(tmf_fwrite(writer, "x", 1), TMF_ELOCK_WAIT);
     EXPECT_EQ(tmf_fwrite(writer, "x", 1), 0);
     fail_call(CALL_FCNTL, EACCES);
-    EXPECT_EQ(tmf_fwrite(writer, "x", 1), -5236);
+    EXPECT_EQ(tmf_fwrite(writer, "x", 1), TMF_ELOCK_WAIT);
     EXPECT_EQ(tmf_fclose(writer), 0);
 }
 
@@ -254,7 +254,7 @@ TEST_F(TmfLock, FileThatCannotBePositionedIsABadHandle)
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const int mode : {0, 1, 7}) {
         EXPECT_EQ(tmf_fopen(fifo.c_str(), mode), nullptr);
-        EXPECT_EQ(tmf_geterrno(nullptr), -5235);
+        EXPECT_EQ(tmf_geterrno(nullptr), TMF_EHANDLE);
         EXPECT_EQ(message_of(nullptr), "Internal error: Bad handle.");
     }
 }

@@ -89,15 +89,16 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         int code = 0;
         bool reaches_file = true;
         if ((mode & 1) != 0) {
-            code = -5230;
+            code = TMF_EREAD_ACCESS;
         } else if (!possible) {
-            code = -5216;
+            code = TMF_ERECORD_SIZE;
         } else if (below(12) == 0) { // the first operation of a handle writes, later ones pwrite
             const call_kind kind = h->file == &tmf_positioned_row ? CALL_PWRITE : CALL_WRITE;
-            code = fail_some(kind, 0, length + 6, -5226, -5227);
-            reaches_file = code == -5227;
+            code = fail_some(kind, 0, length + 6, TMF_EWRITE_DATA, TMF_EWRITE_DATA_EOF);
+            reaches_file = code == TMF_EWRITE_DATA_EOF;
         } else if (below(12) == 0) { // the data is there, the header does not know of it
-            code = fail_some(CALL_PWRITE, h->file == &tmf_positioned_row ? 1 : 0, 1, -5222, -5223);
+            code = fail_some(CALL_PWRITE, h->file == &tmf_positioned_row ? 1 : 0, 1,
+                             TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF);
         }
         ASSERT_EQ(write_record(h, data), code);
         if (code != 0) {
@@ -136,7 +137,7 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         const record_read got =
             watched_read(room, [&](void *buf, int n) { return tmf_freadx(h, buf, n, flags, 1); });
         EXPECT_EQ(got, whole(""));
-        EXPECT_EQ(tmf_geterrno(h), waits ? -5268 : 0);
+        EXPECT_EQ(tmf_geterrno(h), waits ? TMF_ETIMEOUT : 0);
     }
     void read()
     {
@@ -146,7 +147,7 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         const bool removes = !copies && (flags & TMF_READ_KEEP) == 0;
         const size_t next = copies ? copied : 0;
         if ((mode & 1) == 0) {
-            EXPECT_EQ(read_record(h, room, flags).result, -5231);
+            EXPECT_EQ(read_record(h, room, flags).result, TMF_EWRITE_ACCESS);
             return;
         }
         if (next >= queue.size()) {
@@ -157,20 +158,21 @@ class TmfModel : public MessageFile, public ::testing::WithParamInterface<unsign
         const bool cuts_now = removes && last_one_cuts();
         if (below(12) == 0) {
             const call_kind kind = h->file == &tmf_positioned_row ? CALL_PREAD : CALL_READ;
-            const int code = fail_some(kind, 1, 6, -5228, -5229); // behind that of the header
+            const int code = fail_some(kind, 1, 6, TMF_EREAD_DATA,
+                                       TMF_EREAD_DATA_EOF); // behind that of the header
             EXPECT_EQ(read_record(h, room, flags), (record_read{code, ""}));
             return;
         }
         if (cuts_now && below(3) == 0) {
             faults++;
             fail_call(CALL_FTRUNCATE, EIO);
-            EXPECT_EQ(tmf_fread(h, nullptr, 0, flags), -5265);
+            EXPECT_EQ(tmf_fread(h, nullptr, 0, flags), TMF_ETRUNCATE);
             has_read = true;
             remove(false);
             return;
         }
         if (removes && below(12) == 0) { // the header that is to tell of it
-            const int code = fail_some(CALL_PWRITE, 0, 1, -5222, -5223);
+            const int code = fail_some(CALL_PWRITE, 0, 1, TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF);
             EXPECT_EQ(tmf_fread(h, nullptr, 0, flags), code);
             has_read = true;
             if (cuts_now) // it was written once more, but the file not cut

@@ -170,13 +170,13 @@ TEST_F(TmfNet, FailedWakeUpIsReportedThoughTheRecordIsThere)
     const system_calls_guard guard;
     h = open(0);
     fail_call(CALL_SENDTO, 111);
-    EXPECT_EQ(write(), -5250);
+    EXPECT_EQ(write(), TMF_ESEND);
     EXPECT_EQ(message_of(h), "Error #111 on sendto() sending udp data.");
     EXPECT_EQ(message_of(h), "Error  sending udp data.") << "the system's part is told once";
     EXPECT_EQ(number_at<int32_t>(bytes_through(h), 16), 1);
     EXPECT_EQ(h->send.socket, 0);
     fail_call(CALL_SOCKET, EMFILE);
-    EXPECT_EQ(write(), -5250);
+    EXPECT_EQ(write(), TMF_ESEND);
     EXPECT_EQ(message_of(h), "Error #24 on socket() sending udp data.");
     EXPECT_EQ(h->send.port, 0);
     EXPECT_EQ(write(), 0);
@@ -204,7 +204,7 @@ TEST_F(TmfNet, FirstFailedSendEndsTheRound)
     const system_calls_guard guard;
     h = open(0);
     fail_call(CALL_SENDTO, ENETDOWN);
-    EXPECT_EQ(write(), -5250);
+    EXPECT_EQ(write(), TMF_ESEND);
     EXPECT_EQ(calls_made(CALL_SENDTO).size(), 1U);
     EXPECT_EQ(reader.next(), "(none)");
     fail_call(CALL_SENDTO, ENETDOWN);
@@ -221,11 +221,11 @@ TEST_F(TmfNet, FailuresOfTheWaitingSocketHaveTheirTexts)
         int code;
         const char *text;
     } rows[] = {
-        {CALL_SOCKET, EMFILE, 0, -5251, "Error #24 on socket() receiving udp data."},
-        {CALL_BIND, EACCES, 0, -5251, "Error #13 on bind() receiving udp data."},
-        {CALL_RECVFROM, EIO, 0, -5251, "Error #5 on recvfrom() receiving udp data."},
-        {CALL_POLL, ENOMEM, 0, -5251, "Error #12 on select() receiving udp data."},
-        {CALL_FCNTL, EIO, 0, -5252, "Error #5 on fcntl() setting non-blocking socket."},
+        {CALL_SOCKET, EMFILE, 0, TMF_ERECEIVE, "Error #24 on socket() receiving udp data."},
+        {CALL_BIND, EACCES, 0, TMF_ERECEIVE, "Error #13 on bind() receiving udp data."},
+        {CALL_RECVFROM, EIO, 0, TMF_ERECEIVE, "Error #5 on recvfrom() receiving udp data."},
+        {CALL_POLL, ENOMEM, 0, TMF_ERECEIVE, "Error #12 on select() receiving udp data."},
+        {CALL_FCNTL, EIO, 0, TMF_ENONBLOCK, "Error #5 on fcntl() setting non-blocking socket."},
     };
     make();
     for (const auto &row : rows) {
@@ -251,7 +251,7 @@ TEST_F(TmfNet, DatagramThatCannotBeReadAfterTheWaitIsAnError)
     const system_calls_guard guard;
     h = open(TMF_MODE_READ);
     answer_call(CALL_POLL, 1, 0, -1);
-    EXPECT_EQ(readx(), -5251) << "poll tells of one that is not there";
+    EXPECT_EQ(readx(), TMF_ERECEIVE) << "poll tells of one that is not there";
     EXPECT_EQ(message_of(h), "Error #11 on recvfrom() receiving udp data.");
 }
 
@@ -280,7 +280,7 @@ TEST_F(TmfNet, WaitWithoutALimitUsesABlockingSocket)
     EXPECT_TRUE(calls_made(CALL_FCNTL).empty());
     EXPECT_TRUE(calls_made(CALL_POLL).empty());
     fail_call(CALL_RECVFROM, EAGAIN);
-    EXPECT_EQ(tmf_udp_recv(h, 0, 0, buf, sizeof(buf)), -5251);
+    EXPECT_EQ(tmf_udp_recv(h, 0, 0, buf, sizeof(buf)), TMF_ERECEIVE);
     EXPECT_EQ(tmf_set_nonblocking(h, h->receive.socket, 0), 0);
     fail_call(CALL_FCNTL, EIO);
     EXPECT_EQ(tmf_set_nonblocking(h, h->receive.socket, 0), 0) << "only switching on may fail";
@@ -366,7 +366,7 @@ TEST_F(TmfNet, ReceivingSocketStaysUntilAnotherPortIsWanted)
     ASSERT_EQ(getsockname(h->receive.socket, reinterpret_cast<sockaddr *>(&here), &length), 0);
     EXPECT_EQ(here.sin_addr.s_addr, htonl(INADDR_ANY));
 
-    EXPECT_EQ(tmf_udp_recv(h, known.port(), 1, buf, sizeof(buf)), -5264);
+    EXPECT_EQ(tmf_udp_recv(h, known.port(), 1, buf, sizeof(buf)), TMF_EPORTBUSY);
     EXPECT_STREQ(h->net_error_text, "");
     EXPECT_EQ(h->receive.socket, 0);
     tmf_net_close(h);
@@ -392,7 +392,7 @@ TEST_F(TmfNet, WaitTakesTheSecondsAskedForOrAnyTime)
     }
     EXPECT_EQ(times, (std::vector<int64_t>{1000, 60000, 3600000, 2147483000, -1, -1}));
     fail_call(CALL_POLL, EINTR);
-    EXPECT_EQ(tmf_udp_recv(h, 53248, 1, buf, sizeof(buf)), -5270);
+    EXPECT_EQ(tmf_udp_recv(h, 53248, 1, buf, sizeof(buf)), TMF_EINTERRUPT);
     EXPECT_STREQ(h->net_error_text, "");
 }
 
@@ -417,7 +417,7 @@ TEST_F(TmfNet, FailedSocketsLeaveNoDescriptor)
     }
     for (const call_kind kind : {CALL_SOCKET, CALL_SENDTO}) {
         fail_call(kind, EMFILE);
-        EXPECT_EQ(write(), -5250);
+        EXPECT_EQ(write(), TMF_ESEND);
         EXPECT_EQ(open_descriptors(), descriptors);
     }
     answer_call(CALL_SENDTO, 12, 0, -1); // the close's
@@ -435,14 +435,14 @@ TEST_F(TmfNet, WriteWithAFailedWakeUpIsWrittenBackAndUnlocked)
     const system_calls_guard guard;
     h = open(0);
     fail_call(CALL_SENDTO, EPERM);
-    EXPECT_EQ(write_record(h, "abc"), -5250);
+    EXPECT_EQ(write_record(h, "abc"), TMF_ESEND);
     EXPECT_EQ(positions_of(h), (positions{1, 4352, 4361, 4361}));
     EXPECT_EQ(bytes_through(h).substr(4352), framed("abc") + "\xFF\xFF");
     EXPECT_EQ(h->common_locked, 0);
     EXPECT_EQ(h->last_record_end, 4361);
     fail_call(CALL_SENDTO, EPERM);
     fail_call(CALL_PWRITE, EIO, 1); // the header's, behind the data's
-    EXPECT_EQ(write_record(h, "de"), -5250) << "the first error counts";
+    EXPECT_EQ(write_record(h, "de"), TMF_ESEND) << "the first error counts";
     EXPECT_EQ(positions_of(h).records, 1);
     answer_call(CALL_SENDTO, 12, 0, -1);
     EXPECT_EQ(write_record(h, "f"), 0);

@@ -34,7 +34,7 @@ TEST_F(TmfOpenFailure, SystemsRefusalIsGivenInWords)
     for (const auto &row : rows) {
         for (const int mode : {0, 1, 8}) {
             EXPECT_EQ(tmf_fopen(row.path.c_str(), mode), nullptr) << row.name;
-            EXPECT_EQ(tmf_geterrno(nullptr), -5205) << row.name;
+            EXPECT_EQ(tmf_geterrno(nullptr), TMF_EOPEN) << row.name;
             EXPECT_EQ(message_of(nullptr),
                       "Error opening file: " + std::string(strerror(row.os_errno)));
         }
@@ -47,9 +47,9 @@ TEST_F(TmfOpenFailure, DevicesAreNoMessageFiles)
         const char *device;
         int code;
     } rows[] = {
-        {"/dev/null", -5214}, // empty, and every seek ends at its beginning
-        {"/dev/full", -5209},
-        {"/dev/zero", -5209},
+        {"/dev/null", TMF_ESEEK_LOCKS_EOF}, // empty, and every seek ends at its beginning
+        {"/dev/full", TMF_ENOTMSG},
+        {"/dev/zero", TMF_ENOTMSG},
     };
     for (const auto &row : rows) {
         for (const int mode : {0, 1, 7}) {
@@ -69,9 +69,9 @@ TEST_F(TmfOpenFailure, OutOfMemoryLeavesTheFileAsItWas)
         int code;
         std::string text;
     } rows[] = {
-        {CALL_CALLOC, -5205, "Error opening file: " + std::string(strerror(ENOMEM))},
-        {CALL_STRDUP, -5205, "Error opening file: " + std::string(strerror(ENOMEM))},
-        {CALL_MALLOC, -5234, "Internal error."},
+        {CALL_CALLOC, TMF_EOPEN, "Error opening file: " + std::string(strerror(ENOMEM))},
+        {CALL_STRDUP, TMF_EOPEN, "Error opening file: " + std::string(strerror(ENOMEM))},
+        {CALL_MALLOC, TMF_EINTERNAL, "Internal error."},
     };
     for (const auto &row : rows) {
         for (const int mode : {0, 1}) {
@@ -95,21 +95,32 @@ TEST_F(TmfOpenFailure, FailedOpenFreesAllButARegistrationAlreadyWritten)
         int writer;
         bool stays;
     } rows[] = {
-        {"seek for the lock", [] { fail_call(CALL_LSEEK, EIO); }, -5235, -5235, false},
-        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, -5236, -5236, false},
-        {"read", [] { fail_call(CALL_READ, EIO); }, -5206, -5206, false},
-        {"seek for the slot lock", [] { fail_call(CALL_LSEEK, EIO, 1); }, -5235, -5235, true},
-        {"slot lock", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, -5237, -5237, true},
-        {"seek to the slot", [] { fail_call(CALL_LSEEK, EIO, 2); }, -5241, -5245, true},
-        {"seek elsewhere", [] { answer_call(CALL_LSEEK, 0, 2); }, -5241, -5245, true},
-        {"slot write", [] { fail_call(CALL_WRITE, EIO); }, -5242, -5246, true},
-        {"short slot write", [] { answer_call(CALL_WRITE, 3); }, -5243, -5247, true},
-        {"seek of the release", [] { fail_call(CALL_LSEEK, EIO, 3); }, -5218, -5218, false},
-        {"release elsewhere", [] { answer_call(CALL_LSEEK, 8, 3); }, -5219, -5219, false},
-        {"write", [] { fail_call(CALL_WRITE, ENOSPC, 1); }, -5222, -5222, false},
-        {"short write", [] { answer_call(CALL_WRITE, 255, 1); }, -5223, -5223, true},
-        {"seek for the unlock", [] { fail_call(CALL_LSEEK, EIO, 4); }, -5235, -5235, true},
-        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, -5239, -5239, true},
+        {"seek for the lock", [] { fail_call(CALL_LSEEK, EIO); }, TMF_EHANDLE, TMF_EHANDLE, false},
+        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, TMF_ELOCK_WAIT, TMF_ELOCK_WAIT, false},
+        {"read", [] { fail_call(CALL_READ, EIO); }, TMF_EINIT_READ, TMF_EINIT_READ, false},
+        {"seek for the slot lock", [] { fail_call(CALL_LSEEK, EIO, 1); }, TMF_EHANDLE, TMF_EHANDLE,
+         true},
+        {"slot lock", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, TMF_ELOCK_NOWAIT, TMF_ELOCK_NOWAIT,
+         true},
+        {"seek to the slot", [] { fail_call(CALL_LSEEK, EIO, 2); }, TMF_ESEEK_READER,
+         TMF_ESEEK_WRITER, true},
+        {"seek elsewhere", [] { answer_call(CALL_LSEEK, 0, 2); }, TMF_ESEEK_READER,
+         TMF_ESEEK_WRITER, true},
+        {"slot write", [] { fail_call(CALL_WRITE, EIO); }, TMF_EWRITE_READER, TMF_EWRITE_WRITER,
+         true},
+        {"short slot write", [] { answer_call(CALL_WRITE, 3); }, TMF_EWRITE_READER_EOF,
+         TMF_EWRITE_WRITER_EOF, true},
+        {"seek of the release", [] { fail_call(CALL_LSEEK, EIO, 3); }, TMF_ESEEK_COMMON,
+         TMF_ESEEK_COMMON, false},
+        {"release elsewhere", [] { answer_call(CALL_LSEEK, 8, 3); }, TMF_ESEEK_COMMON_EOF,
+         TMF_ESEEK_COMMON_EOF, false},
+        {"write", [] { fail_call(CALL_WRITE, ENOSPC, 1); }, TMF_EWRITE_COMMON, TMF_EWRITE_COMMON,
+         false},
+        {"short write", [] { answer_call(CALL_WRITE, 255, 1); }, TMF_EWRITE_COMMON_EOF,
+         TMF_EWRITE_COMMON_EOF, true},
+        {"seek for the unlock", [] { fail_call(CALL_LSEEK, EIO, 4); }, TMF_EHANDLE, TMF_EHANDLE,
+         true},
+        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, TMF_EUNLOCK, TMF_EUNLOCK, true},
     };
     make();
     const size_t descriptors = open_descriptors();
@@ -138,10 +149,10 @@ TEST_F(TmfOpenFailure, NoFreeBitThoughTheCountAllowsItIsAnInternalError)
     file[126] = 3;
     write_file(path, file);
     const lock_holder alive(path, 256, 8);
-    refuses(1, -5234, "all slots taken");
+    refuses(1, TMF_EINTERNAL, "all slots taken");
     EXPECT_EQ(message_of(nullptr), "Internal error.");
     EXPECT_EQ(stored<int16_t>(68), 2);
-    EXPECT_EQ(open_elsewhere(path, 3), -5262);
+    EXPECT_EQ(open_elsewhere(path, 3), TMF_EREADER_PRESENT);
 }
 
 // The slot's owner is none of the file's users, and loses its number there.
@@ -164,7 +175,8 @@ TEST_F(TmfOpenFailure, SlotLockedByAStrangerFailsWithCode1)
         // It counts as a user while it holds the lock.
         EXPECT_EQ(open_elsewhere(path, mode), 0);
         EXPECT_EQ(bytes()[map], 1);
-        EXPECT_EQ(open_elsewhere(path, mode + 2), mode == 1 ? -5262 : -5263);
+        EXPECT_EQ(open_elsewhere(path, mode + 2),
+                  mode == 1 ? TMF_EREADER_PRESENT : TMF_EWRITER_PRESENT);
         stranger.kill();
         EXPECT_EQ(open_elsewhere(path, mode), 0);
         expect_nobody();
@@ -181,9 +193,9 @@ TEST_F(TmfOpenFailure, CloseThatCannotHaveTheAreaFreesTheHandleOnly)
         void (*plan)();
         int code;
     } rows[] = {
-        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, -5236},
-        {"read", [] { fail_call(CALL_READ, EIO); }, -5220},
-        {"seek", [] { fail_call(CALL_LSEEK, EIO, 1); }, -5218},
+        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, TMF_ELOCK_WAIT},
+        {"read", [] { fail_call(CALL_READ, EIO); }, TMF_EREAD_COMMON},
+        {"seek", [] { fail_call(CALL_LSEEK, EIO, 1); }, TMF_ESEEK_COMMON},
     };
     for (const auto &row : rows) {
         for (const int mode : {0, 1}) {
@@ -211,8 +223,8 @@ TEST_F(TmfOpenFailure, CloseGivesTheReleasesResultAndNoOther)
     } rows[] = {
         {"slot write", [] { fail_call(CALL_WRITE, EIO); }, 0, false},
         {"slot unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, 0, false},
-        {"write", [] { fail_call(CALL_WRITE, ENOSPC, 1); }, -5222, true},
-        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, -5239, false},
+        {"write", [] { fail_call(CALL_WRITE, ENOSPC, 1); }, TMF_EWRITE_COMMON, true},
+        {"unlock", [] { fail_call(CALL_LOCKF, ENOLCK, 2); }, TMF_EUNLOCK, false},
     };
     for (const auto &row : rows) {
         for (const int mode : {0, 1}) {

@@ -198,7 +198,7 @@ TEST_F(TmfOpen, CopyModeWantsExclusiveReadingBeforeTheFileIsTouched)
     for (const int mode : {4, 5, 6, 12, 13, 14}) {
         forget_calls();
         EXPECT_EQ(open(mode), nullptr) << mode;
-        EXPECT_EQ(tmf_geterrno(nullptr), -5266) << mode;
+        EXPECT_EQ(tmf_geterrno(nullptr), TMF_ECOPYMODE) << mode;
         EXPECT_TRUE(calls_made().empty()) << mode;
         EXPECT_FALSE(exists()) << mode;
     }
@@ -224,11 +224,31 @@ TEST_F(TmfOpen, ExclusiveUseShutsOutOthersOfItsKindOnly)
         int second;
         int code;
     } rows[] = {
-        {1, 1, 0},     {1, 3, -5262}, {1, 7, -5262}, {3, 1, -5260}, {3, 3, -5260},
-        {3, 7, -5260}, {7, 1, -5260}, {7, 3, -5260}, {7, 7, -5260}, {0, 0, 0},
-        {0, 2, -5263}, {2, 0, -5261}, {2, 2, -5261}, {0, 1, 0},     {0, 3, 0},
-        {0, 7, 0},     {1, 0, 0},     {1, 2, 0},     {2, 1, 0},     {2, 3, 0},
-        {2, 7, 0},     {3, 0, 0},     {3, 2, 0},     {7, 0, 0},     {7, 2, 0},
+        {1, 1, 0},
+        {1, 3, TMF_EREADER_PRESENT},
+        {1, 7, TMF_EREADER_PRESENT},
+        {3, 1, TMF_EREADER_EXCLUSIVE},
+        {3, 3, TMF_EREADER_EXCLUSIVE},
+        {3, 7, TMF_EREADER_EXCLUSIVE},
+        {7, 1, TMF_EREADER_EXCLUSIVE},
+        {7, 3, TMF_EREADER_EXCLUSIVE},
+        {7, 7, TMF_EREADER_EXCLUSIVE},
+        {0, 0, 0},
+        {0, 2, TMF_EWRITER_PRESENT},
+        {2, 0, TMF_EWRITER_EXCLUSIVE},
+        {2, 2, TMF_EWRITER_EXCLUSIVE},
+        {0, 1, 0},
+        {0, 3, 0},
+        {0, 7, 0},
+        {1, 0, 0},
+        {1, 2, 0},
+        {2, 1, 0},
+        {2, 3, 0},
+        {2, 7, 0},
+        {3, 0, 0},
+        {3, 2, 0},
+        {7, 0, 0},
+        {7, 2, 0},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(std::to_string(row.first) + " then " + std::to_string(row.second));
@@ -293,7 +313,7 @@ TEST_F(TmfOpen, UmaskComesBackFromAFailedOpen)
     const mode_t before = umask(027);
     fail_call(CALL_OPEN, EACCES);
     EXPECT_EQ(open(8), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5205);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EOPEN);
     EXPECT_EQ(umask(027), 027U);
     EXPECT_EQ(message_of(nullptr), "Error opening file: " + std::string(strerror(EACCES)));
     umask(before);
@@ -389,7 +409,7 @@ TEST_F(TmfOpen, NoDescriptorAboveTheStandardOnesFailsTheOpen)
     const without_stdin closed;
     fail_call(CALL_FCNTL, EMFILE);
     EXPECT_EQ(open(0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5205);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EOPEN);
     EXPECT_EQ(message_of(nullptr), "Error opening file: " + std::string(strerror(EMFILE)));
     EXPECT_EQ(fcntl(0, F_GETFD), -1);
 }

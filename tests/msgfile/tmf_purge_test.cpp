@@ -51,7 +51,7 @@ TEST_F(TmfPurge, ReaderKilledWhileItWaitsIsRemovedByTheNextOpen)
     EXPECT_EQ(bytes()[126], 1);
     EXPECT_EQ(stored<uint16_t>(72) & 6, 2);
     EXPECT_EQ(slot(0), reader.pid());
-    EXPECT_EQ(open_elsewhere(path, 1), -5260); // alive
+    EXPECT_EQ(open_elsewhere(path, 1), TMF_EREADER_EXCLUSIVE); // alive
     const pid_t pid = reader.pid();
     reader.kill();
     EXPECT_EQ(slot(0), pid); // its registration outlives it
@@ -85,7 +85,8 @@ TEST_F(TmfPurge, KilledExclusiveUserLetsTheNextOneIn)
 {
     for (const int mode : {2, 3, 7}) {
         other_user user(path, mode);
-        EXPECT_EQ(open_elsewhere(path, mode), (mode & 1) != 0 ? -5260 : -5261);
+        EXPECT_EQ(open_elsewhere(path, mode),
+                  (mode & 1) != 0 ? TMF_EREADER_EXCLUSIVE : TMF_EWRITER_EXCLUSIVE);
         user.kill();
         EXPECT_EQ(open_elsewhere(path, mode), 0) << mode;
         expect_nobody();
@@ -205,13 +206,13 @@ TEST_F(TmfPurge, SlotThatCannotBeTestedEndsThePurge)
     forget_calls();
     fail_call(CALL_LOCKF, ENOLCK, 1);
     EXPECT_EQ(open(0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5238);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ELOCK_TEST);
     EXPECT_EQ(calls_made(CALL_LOCKF).size(), 3U); // lock, test, unlock
     EXPECT_SAME_BYTES(bytes(), before);
 
     fail_call(CALL_LOCKF, ENOLCK, 3);
     EXPECT_EQ(open(0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5238);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_ELOCK_TEST);
     std::string expected = before; // the readers' slots are zeroed, their bits not yet
     put_number<int32_t>(expected, 256 + 16, 0);
     put_number<int32_t>(expected, 256 + 20, 0);
@@ -225,8 +226,8 @@ TEST_F(TmfPurge, CheckOfAUserThatIsNotRegisteredIsAnInternalError)
     tmf_handle *h = open(0);
     ASSERT_NE(h, nullptr);
     ASSERT_EQ(tmf_get_common(h), 0);
-    EXPECT_EQ(tmf_check_reader(h, 3), -5234);
-    EXPECT_EQ(tmf_check_writer(h, 3), -5234);
+    EXPECT_EQ(tmf_check_reader(h, 3), TMF_EINTERNAL);
+    EXPECT_EQ(tmf_check_writer(h, 3), TMF_EINTERNAL);
     EXPECT_EQ(h->common->num_readers, 0);
     EXPECT_EQ(h->common->num_writers, 1);
     EXPECT_EQ(tmf_release_common(h), 0);
@@ -238,7 +239,7 @@ TEST_F(TmfPurge, ExclusiveFlagOfNobodyIsClearedForReadersAlone)
 {
     make();
     store<uint16_t>(72, 6);
-    EXPECT_EQ(open_elsewhere(path, 0), -5261);
+    EXPECT_EQ(open_elsewhere(path, 0), TMF_EWRITER_EXCLUSIVE);
     EXPECT_EQ(stored<uint16_t>(72) & 6, 4);
     EXPECT_EQ(open_elsewhere(path, 1), 0);
 
@@ -267,9 +268,9 @@ TEST_F(TmfPurge, SeventeenthReaderIsRefusedUntilOneDies)
     }
     EXPECT_EQ(stored<uint16_t>(126), 0xFFFF);
     EXPECT_EQ(open(1), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5233);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EMAXREADERS);
     EXPECT_EQ(message_of(nullptr), "Maximum number of readers exceeded.");
-    EXPECT_EQ(open_elsewhere(path, 3), -5233);
+    EXPECT_EQ(open_elsewhere(path, 3), TMF_EMAXREADERS);
     EXPECT_EQ(open_elsewhere(path, 0), 0);
     EXPECT_EQ(stored<int16_t>(68), 16);
     readers[5]->kill();
@@ -292,7 +293,7 @@ TEST_F(TmfPurge, WriterBehindThe1008thIsRefused)
     write_file(path, file);
     lock_holder writers(path, 320, 4032); // 1008 slots
     EXPECT_EQ(open(0), nullptr);
-    EXPECT_EQ(tmf_geterrno(nullptr), -5232);
+    EXPECT_EQ(tmf_geterrno(nullptr), TMF_EMAXWRITERS);
     EXPECT_EQ(message_of(nullptr), "Maximum number of writers exceeded.");
     EXPECT_EQ(stored<int16_t>(70), 1008);
     EXPECT_EQ(open_elsewhere(path, 1), 0);

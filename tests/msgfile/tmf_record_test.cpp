@@ -86,11 +86,11 @@ class TmfRecord : public MessageFile {
 TEST_F(TmfRecord, LengthsFrom1To32761AreWritten)
 {
     writer();
-    EXPECT_EQ(tmf_fwrite(h, "x", 0), -5216);
-    EXPECT_EQ(tmf_fwrite(h, "x", -1), -5216);
-    EXPECT_EQ(write(32762), -5216);
-    EXPECT_EQ(tmf_fwrite(h, nullptr, 5), -5216);
-    EXPECT_EQ(tmf_geterrno(h), -5216);
+    EXPECT_EQ(tmf_fwrite(h, "x", 0), TMF_ERECORD_SIZE);
+    EXPECT_EQ(tmf_fwrite(h, "x", -1), TMF_ERECORD_SIZE);
+    EXPECT_EQ(write(32762), TMF_ERECORD_SIZE);
+    EXPECT_EQ(tmf_fwrite(h, nullptr, 5), TMF_ERECORD_SIZE);
+    EXPECT_EQ(tmf_geterrno(h), TMF_ERECORD_SIZE);
     EXPECT_EQ(count(), 0);
     EXPECT_EQ(write(1), 0);
     EXPECT_EQ(write(32761), 0);
@@ -105,14 +105,14 @@ TEST_F(TmfRecord, EachKindOfHandleHasItsDirection)
 {
     make({"one"});
     writer();
-    EXPECT_EQ(read(10), -5231);
+    EXPECT_EQ(read(10), TMF_EWRITE_ACCESS);
     EXPECT_EQ(message_of(h), "Attempt to read from a file opened with write access.");
     close();
     reader();
-    EXPECT_EQ(write(3), -5230);
+    EXPECT_EQ(write(3), TMF_EREAD_ACCESS);
     EXPECT_EQ(message_of(h), "Attempt to write to a file opened with read access.");
-    EXPECT_EQ(tmf_fread(h, got.data(), -1, 0), -5217);
-    EXPECT_EQ(tmf_fread(h, nullptr, 1, 0), -5217);
+    EXPECT_EQ(tmf_fread(h, got.data(), -1, 0), TMF_EBUFFER_SIZE);
+    EXPECT_EQ(tmf_fread(h, nullptr, 1, 0), TMF_EBUFFER_SIZE);
     EXPECT_EQ(count(), 1);
 }
 
@@ -244,7 +244,7 @@ TEST_F(TmfRecord, FileThatCannotBeCutIsEmptyAllTheSame)
     EXPECT_EQ(read(9), 9);
     const int32_t high = high_water();
     fail_call(CALL_FTRUNCATE, EIO);
-    EXPECT_EQ(read(9), -5265);
+    EXPECT_EQ(read(9), TMF_ETRUNCATE);
     EXPECT_EQ(message_of(h), "Error truncating file.");
     EXPECT_EQ(count(), 0);
     EXPECT_EQ(write_offset(), data_start);
@@ -254,13 +254,13 @@ TEST_F(TmfRecord, FileThatCannotBeCutIsEmptyAllTheSame)
 TEST_F(TmfRecord, FailedWriteChangesNothing)
 {
     const failure first[] = {
-        {CALL_LSEEK, 2, EINVAL, 0, -5224}, {CALL_LSEEK, 2, 0, 4000, -5225},
-        {CALL_WRITE, 0, EIO, 0, -5226},    {CALL_WRITE, 0, ENOSPC, 0, -5226},
-        {CALL_WRITE, 0, 0, 8, -5227},      {CALL_WRITE, 0, 0, 0, -5227},
+        {CALL_LSEEK, 2, EINVAL, 0, TMF_ESEEK_DATA}, {CALL_LSEEK, 2, 0, 4000, TMF_ESEEK_DATA_EOF},
+        {CALL_WRITE, 0, EIO, 0, TMF_EWRITE_DATA},   {CALL_WRITE, 0, ENOSPC, 0, TMF_EWRITE_DATA},
+        {CALL_WRITE, 0, 0, 8, TMF_EWRITE_DATA_EOF}, {CALL_WRITE, 0, 0, 0, TMF_EWRITE_DATA_EOF},
     };
     const failure later[] = {
-        {CALL_PWRITE, 0, EIO, 0, -5226},
-        {CALL_PWRITE, 0, 0, 8, -5227},
+        {CALL_PWRITE, 0, EIO, 0, TMF_EWRITE_DATA},
+        {CALL_PWRITE, 0, 0, 8, TMF_EWRITE_DATA_EOF},
     };
     const auto check = [&](const failure &f) {
         SCOPED_TRACE(f.code);
@@ -299,13 +299,13 @@ TEST_F(TmfRecord, PartOfTheEndMarkIsEnough)
 TEST_F(TmfRecord, FailedReadLeavesTheRecord)
 {
     const failure first[] = {
-        {CALL_LSEEK, 2, EINVAL, 0, -5224}, {CALL_LSEEK, 2, 0, 4000, -5225},
-        {CALL_READ, 1, EIO, 0, -5228},     {CALL_READ, 1, 0, 5, -5229},
-        {CALL_READ, 1, 0, 0, -5229},
+        {CALL_LSEEK, 2, EINVAL, 0, TMF_ESEEK_DATA}, {CALL_LSEEK, 2, 0, 4000, TMF_ESEEK_DATA_EOF},
+        {CALL_READ, 1, EIO, 0, TMF_EREAD_DATA},     {CALL_READ, 1, 0, 5, TMF_EREAD_DATA_EOF},
+        {CALL_READ, 1, 0, 0, TMF_EREAD_DATA_EOF},
     };
     const failure later[] = {
-        {CALL_PREAD, 1, EIO, 0, -5228},
-        {CALL_PREAD, 1, 0, 5, -5229},
+        {CALL_PREAD, 1, EIO, 0, TMF_EREAD_DATA},
+        {CALL_PREAD, 1, 0, 5, TMF_EREAD_DATA_EOF},
     };
     make({"one", "two"});
     const system_calls_guard guard;
@@ -337,14 +337,14 @@ TEST_F(TmfRecord, BufferThatCannotGrowIsAnInternalError)
     reader();
     fail_call(CALL_MALLOC, ENOMEM);
     got.assign(5000, '-');
-    EXPECT_EQ(tmf_fread(h, got.data(), 5000, 0), -5234);
+    EXPECT_EQ(tmf_fread(h, got.data(), 5000, 0), TMF_EINTERNAL);
     EXPECT_EQ(count(), 1);
     EXPECT_EQ(tmf_fread(h, got.data(), 5000, 0), 5000);
     close();
     writer();
     const std::string data(5000, 'b');
     fail_call(CALL_MALLOC, ENOMEM);
-    EXPECT_EQ(tmf_fwrite(h, data.data(), 5000), -5234);
+    EXPECT_EQ(tmf_fwrite(h, data.data(), 5000), TMF_EINTERNAL);
     EXPECT_EQ(count(), 0);
     EXPECT_EQ(tmf_fwrite(h, data.data(), 5000), 0);
 }
@@ -356,14 +356,14 @@ TEST_F(TmfRecord, ReleaseErrorIsReportedWhenNothingElseWentWrong)
     reader();
     EXPECT_EQ(read(9, TMF_READ_KEEP), 3);
     fail_call(CALL_PWRITE, EIO);
-    EXPECT_EQ(read(9), -5222);
+    EXPECT_EQ(read(9), TMF_EWRITE_COMMON);
     EXPECT_EQ(count(), 2);
     close();
     writer();
     fail_call(CALL_PWRITE, EIO, 1);
     EXPECT_EQ(write(3), 0) << "the first operation writes, and then writes back at a place";
     fail_call(CALL_PWRITE, EIO, 1);
-    EXPECT_EQ(write(3), -5222);
+    EXPECT_EQ(write(3), TMF_EWRITE_COMMON);
 }
 
 TEST_F(TmfRecord, OffsetsWrapAt2GiBAndComeBackWhenTheFileEmpties)
@@ -376,7 +376,7 @@ TEST_F(TmfRecord, OffsetsWrapAt2GiBAndComeBackWhenTheFileEmpties)
     EXPECT_EQ(write(100), 0);
     EXPECT_EQ(write_offset(), -2147483590);
     EXPECT_EQ(high_water(), 2147483600);
-    EXPECT_EQ(write(100), -5224);
+    EXPECT_EQ(write(100), TMF_ESEEK_DATA);
     EXPECT_EQ(message_of(h), "Error seeking data area.");
     EXPECT_EQ(count(), 1);
     close();
@@ -403,7 +403,7 @@ TEST_F(TmfRecord, WrongLengthOfARecordIsRefusedAndTheRecordStays)
         for (const int mode : {7, 1}) {
             h = open(mode);
             const bool sound = length >= 6 && length <= 26;
-            EXPECT_EQ(read(50), sound ? length - 6 : -5229);
+            EXPECT_EQ(read(50), sound ? length - 6 : TMF_EREAD_DATA_EOF);
             EXPECT_EQ(count(), sound && mode == 1 ? 0 : 1);
             close();
         }
@@ -418,12 +418,12 @@ TEST_F(TmfRecord, FileCutInsideARecordGivesNoDataItDoesNotHold)
         SCOPED_TRACE(end);
         write_file(path, good.substr(0, end));
         reader();
-        EXPECT_EQ(read(50), end >= data_start + 24U ? 20 : -5229);
+        EXPECT_EQ(read(50), end >= data_start + 24U ? 20 : TMF_EREAD_DATA_EOF);
         close();
         write_file(path, good.substr(0, end));
         reader();
         // As much as the buffer takes is enough, with the frame's six bytes.
-        EXPECT_EQ(read(10), end >= data_start + 14U ? 10 : -5229);
+        EXPECT_EQ(read(10), end >= data_start + 14U ? 10 : TMF_EREAD_DATA_EOF);
         close();
     }
 }
@@ -438,13 +438,20 @@ TEST_F(TmfRecord, PlacesOutsideTheDataAreaAreRefused)
         int read;
         int write;
     } rows[] = {
-        {36, 0, -5225, 0},    {36, 4351, -5225, 0},
-        {36, -1, -5224, 0},   {36, INT32_MIN, -5224, 0},
-        {36, 4361, -5229, 0}, {36, INT32_MAX, -5229, 0},
-        {44, 0, 3, -5225},    {44, 4351, 3, -5225},
-        {44, -1, 3, -5224},   {44, 4352, -5229, 0},
-        {44, 4360, -5229, 0}, {28, 5000, -5225, -5225},
-        {16, -5, 3, 0},       {16, INT32_MAX, 3, 0},
+        {36, 0, TMF_ESEEK_DATA_EOF, 0},
+        {36, 4351, TMF_ESEEK_DATA_EOF, 0},
+        {36, -1, TMF_ESEEK_DATA, 0},
+        {36, INT32_MIN, TMF_ESEEK_DATA, 0},
+        {36, 4361, TMF_EREAD_DATA_EOF, 0},
+        {36, INT32_MAX, TMF_EREAD_DATA_EOF, 0},
+        {44, 0, 3, TMF_ESEEK_DATA_EOF},
+        {44, 4351, 3, TMF_ESEEK_DATA_EOF},
+        {44, -1, 3, TMF_ESEEK_DATA},
+        {44, 4352, TMF_EREAD_DATA_EOF, 0},
+        {44, 4360, TMF_EREAD_DATA_EOF, 0},
+        {28, 5000, TMF_ESEEK_DATA_EOF, TMF_ESEEK_DATA_EOF},
+        {16, -5, 3, 0},
+        {16, INT32_MAX, 3, 0},
         {16, 0, 0, 0},
     };
     for (const auto &row : rows) {

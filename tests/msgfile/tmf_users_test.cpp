@@ -34,9 +34,10 @@ struct kind {
 
 static const kind kinds[] = {
     {"reader", tmfc_get_reader_user_id, tmfc_clear_reader_user_id, &tmf_common::num_readers,
-     &tmf_common::max_readers, 16, 2, -5233, -5260, -5262},
+     &tmf_common::max_readers, 16, 2, TMF_EMAXREADERS, TMF_EREADER_EXCLUSIVE, TMF_EREADER_PRESENT},
     {"writer", tmfc_get_writer_user_id, tmfc_clear_writer_user_id, &tmf_common::num_writers,
-     &tmf_common::max_writers, 1008, 4, -5232, -5261, -5263},
+     &tmf_common::max_writers, 1008, 4, TMF_EMAXWRITERS, TMF_EWRITER_EXCLUSIVE,
+     TMF_EWRITER_PRESENT},
 };
 
 static tmf_common new_area()
@@ -81,7 +82,7 @@ TEST(TmfUserIds, CountAloneMakesTooManyAndTheLimitIsFixed)
         common.*k.slots = 1;
         EXPECT_EQ(k.get(&common, 0), 0); // whatever the area's own limit
         common.*k.count = -1;
-        EXPECT_EQ(k.get(&common, 0), -5234); // the one slot is taken
+        EXPECT_EQ(k.get(&common, 0), TMF_EINTERNAL); // the one slot is taken
         EXPECT_EQ(common.*k.count, -1);
     }
 }
@@ -119,7 +120,7 @@ TEST(TmfUserIds, ExclusiveFlagStaysWhenThereIsNoSlot)
         tmf_common common = new_area();
         memset(k.map(common), 0xFF, static_cast<size_t>(k.limit / 8));
         const tmf_common before = common;
-        EXPECT_EQ(k.get(&common, 2), -5234);
+        EXPECT_EQ(k.get(&common, 2), TMF_EINTERNAL);
         EXPECT_EQ(common.flags, k.flag);
         common.flags = 0;
         EXPECT_EQ(memcmp(&common, &before, sizeof(common)), 0);
@@ -149,8 +150,8 @@ TEST(TmfUserIds, SlotThatIsNotTakenIsNotCleared)
         tmf_common common = new_area();
         ASSERT_EQ(k.get(&common, 0), 0);
         const tmf_common before = common;
-        for (const int id : {1, k.limit - 1, k.limit, -1, -5233, 2000000000})
-            EXPECT_EQ(k.clear(&common, id), -5234) << id;
+        for (const int id : {1, k.limit - 1, k.limit, -1, int{TMF_EMAXREADERS}, 2000000000})
+            EXPECT_EQ(k.clear(&common, id), TMF_EINTERNAL) << id;
         EXPECT_EQ(memcmp(&common, &before, sizeof(common)), 0);
     }
 }
@@ -191,11 +192,16 @@ TEST_F(TmfUsers, FailedSlotDataHasItsCodes)
         void (*plan)(call_kind transfer);
         int reader_read, writer_read, reader_write, writer_write;
     } rows[] = {
-        {"seek", [](call_kind) { fail_call(CALL_LSEEK, EIO); }, -5241, -5245, -5241, -5245},
-        {"elsewhere", [](call_kind) { answer_call(CALL_LSEEK, 0); }, -5241, -5245, -5241, -5245},
-        {"failure", [](call_kind k) { fail_call(k, EIO); }, -5254, -5256, -5242, -5246},
-        {"short", [](call_kind k) { answer_call(k, 3); }, -5255, -5257, -5243, -5247},
-        {"nothing", [](call_kind k) { answer_call(k, 0); }, -5255, -5257, -5243, -5247},
+        {"seek", [](call_kind) { fail_call(CALL_LSEEK, EIO); }, TMF_ESEEK_READER, TMF_ESEEK_WRITER,
+         TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"elsewhere", [](call_kind) { answer_call(CALL_LSEEK, 0); }, TMF_ESEEK_READER,
+         TMF_ESEEK_WRITER, TMF_ESEEK_READER, TMF_ESEEK_WRITER},
+        {"failure", [](call_kind k) { fail_call(k, EIO); }, TMF_EREAD_READER, TMF_EREAD_WRITER,
+         TMF_EWRITE_READER, TMF_EWRITE_WRITER},
+        {"short", [](call_kind k) { answer_call(k, 3); }, TMF_EREAD_READER_EOF,
+         TMF_EREAD_WRITER_EOF, TMF_EWRITE_READER_EOF, TMF_EWRITE_WRITER_EOF},
+        {"nothing", [](call_kind k) { answer_call(k, 0); }, TMF_EREAD_READER_EOF,
+         TMF_EREAD_WRITER_EOF, TMF_EWRITE_READER_EOF, TMF_EWRITE_WRITER_EOF},
     };
     for (const auto &row : rows) {
         row.plan(CALL_READ);
@@ -245,8 +251,9 @@ TEST_F(TmfUsers, UnlocksErrorGoesBeforeTheWritesAndBothLeaveTheSlotUnlockedInThe
         bool unlock;
         int reader;
         int writer;
-    } rows[] = {
-        {true, false, -5242, -5246}, {false, true, -5239, -5239}, {true, true, -5239, -5239}};
+    } rows[] = {{true, false, TMF_EWRITE_READER, TMF_EWRITE_WRITER},
+                {false, true, TMF_EUNLOCK, TMF_EUNLOCK},
+                {true, true, TMF_EUNLOCK, TMF_EUNLOCK}};
     for (const auto &row : rows) {
         for (const bool reader : {true, false}) {
             tmf_handle *h = open(reader ? 1 : 0);

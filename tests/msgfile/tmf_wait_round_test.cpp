@@ -32,7 +32,7 @@ TEST_F(TmfWaitRound, RoundTellsAWakeUpFromTheTimeASignalAndAnError)
     fail_call(CALL_POLL, EINTR);
     EXPECT_EQ(tmf_wait(h, &port, 7), TMF_WAIT_SIGNAL);
     fail_call(CALL_POLL, ENOMEM);
-    EXPECT_EQ(tmf_wait(h, &port, 7), -5251);
+    EXPECT_EQ(tmf_wait(h, &port, 7), TMF_ERECEIVE);
     answer_call(CALL_RECVFROM, 12);
     EXPECT_EQ(tmf_wait(h, &port, 7), TMF_WAIT_WOKEN);
     EXPECT_EQ(port, 40000);
@@ -49,7 +49,7 @@ TEST_F(TmfWaitRound, RoundIsSpentOnThePortBehindTheBusyOnes)
         {0, TMF_WAIT_TIMEOUT, 53248},
         {1, TMF_WAIT_TIMEOUT, 53264},
         {14, TMF_WAIT_TIMEOUT, 53248 + 14 * 16},
-        {15, -5264, 53248 + 14 * 16},
+        {15, TMF_EPORTBUSY, 53248 + 14 * 16},
     };
     for (const auto &row : rows) {
         const opened_file h(path, TMF_MODE_READ);
@@ -73,9 +73,9 @@ TEST_F(TmfWaitRound, OtherErrorsTakeNoOtherPort)
         int os_errno;
         int code;
     } rows[] = {
-        {CALL_SOCKET, EMFILE, -5251},
-        {CALL_FCNTL, EIO, -5252},
-        {CALL_RECVFROM, ECONNREFUSED, -5251},
+        {CALL_SOCKET, EMFILE, TMF_ERECEIVE},
+        {CALL_FCNTL, EIO, TMF_ENONBLOCK},
+        {CALL_RECVFROM, ECONNREFUSED, TMF_ERECEIVE},
     };
     for (const auto &row : rows) {
         const opened_file h(path, TMF_MODE_READ);

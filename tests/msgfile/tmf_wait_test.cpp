@@ -130,10 +130,10 @@ TEST_F(TmfWait, LimitedWaitsTakeTheirTimeInRoundsOfAMinute)
         forget_calls();
         EXPECT_EQ(readx(row.timeout), 0);
         EXPECT_EQ(rounds(), row.expected) << row.timeout;
-        EXPECT_EQ(tmf_geterrno(h), -5268);
+        EXPECT_EQ(tmf_geterrno(h), TMF_ETIMEOUT);
     }
     forget_calls();
-    EXPECT_EQ(read(TMF_READ_LIMIT), -5268);
+    EXPECT_EQ(read(TMF_READ_LIMIT), TMF_ETIMEOUT);
     EXPECT_EQ(message_of(h), "Timeout on read of message file.");
     EXPECT_EQ(rounds(), seconds{4});
 }
@@ -151,12 +151,12 @@ TEST_F(TmfWait, SignalEndsTheWaitThatAsksForItAndCostsOthersARound)
 {
     reader();
     fail_call(CALL_POLL, EINTR, 0, -1);
-    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_SIGNAL), -5282);
+    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_SIGNAL), TMF_ESIGNAL);
     EXPECT_EQ(message_of(h), "Signal received while reading message file.");
     EXPECT_EQ(readx(100), 0);
-    EXPECT_EQ(tmf_geterrno(h), -5282);
+    EXPECT_EQ(tmf_geterrno(h), TMF_ESIGNAL);
     forget_calls();
-    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_LIMIT), -5268);
+    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_LIMIT), TMF_ETIMEOUT);
     EXPECT_EQ(rounds(), seconds{4});
 }
 
@@ -170,7 +170,7 @@ TEST_F(TmfWait, WakeUpThatBringsNothingCostsNoTime)
             send_to(h->signal_port);
     });
     EXPECT_EQ(readx(10), 0);
-    EXPECT_EQ(tmf_geterrno(h), -5268);
+    EXPECT_EQ(tmf_geterrno(h), TMF_ETIMEOUT);
     EXPECT_EQ(rounds(), (seconds{10, 10, 10, 10}));
 }
 
@@ -203,7 +203,7 @@ TEST_F(TmfWait, FirstReadWaitsForAWriterAndLaterOnesEndTheFile)
     EXPECT_EQ(readx(100), 0);
     EXPECT_TRUE(rounds().empty());
     answer_call(CALL_POLL, 0, 0, -1);
-    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_LIMIT), -5268);
+    EXPECT_EQ(read(TMF_READ_WAIT | TMF_READ_LIMIT), TMF_ETIMEOUT);
 }
 
 TEST_F(TmfWait, DeathOfTheLastWriterEndsTheWait)
@@ -274,7 +274,7 @@ TEST_F(TmfWait, FifteenBusyPortsEndTheWait)
     store<uint16_t>(92, htons(55290));
     reader();
     fail_call(CALL_BIND, EADDRINUSE, 0, -1);
-    EXPECT_EQ(readx(1), -5264);
+    EXPECT_EQ(readx(1), TMF_EPORTBUSY);
     EXPECT_EQ(message_of(h), "Error waiting: UDP port already in use.");
     const std::vector<call_made> binds = calls_made(CALL_BIND);
     ASSERT_EQ(binds.size(), 1 + 15U);
@@ -288,14 +288,14 @@ TEST_F(TmfWait, ErrorsOfTheAreaEndTheWait)
     reader();
     answer_call(CALL_POLL, 0, 0, -1);
     fail_call(CALL_WRITE, EIO); // writing the entry
-    EXPECT_EQ(readx(100), -5222);
+    EXPECT_EQ(readx(100), TMF_EWRITE_COMMON);
     EXPECT_TRUE(rounds().empty());
     int polls = 0;
     before_call(CALL_POLL, [&] {
         if (++polls == 1)
             fail_call(CALL_LOCKF, ENOLCK); // the lock behind the wait
     });
-    EXPECT_EQ(readx(100), -5236);
+    EXPECT_EQ(readx(100), TMF_ELOCK_WAIT);
     EXPECT_EQ(polls, 1);
 }
 
@@ -305,11 +305,11 @@ TEST_F(TmfWait, ReadGoesOnWithTheCopyReadLastWhenTheLockFails)
     reader();
     EXPECT_EQ(read(TMF_READ_KEEP), 3);
     fail_call(CALL_FCNTL, EINTR);
-    EXPECT_EQ(read(0), -5236) << "a record is known of, but the lock's failure stands";
+    EXPECT_EQ(read(0), TMF_ELOCK_WAIT) << "a record is known of, but the lock's failure stands";
     EXPECT_EQ(read(0), 3);
     // The copy knows of no record now, and the entry cannot be written.
     fail_call(CALL_FCNTL, EINTR);
-    EXPECT_EQ(read(TMF_READ_WAIT), -5234);
+    EXPECT_EQ(read(TMF_READ_WAIT), TMF_EINTERNAL);
     EXPECT_TRUE(rounds().empty());
 }
 
@@ -383,7 +383,7 @@ TEST_F(TmfWait, EmptyDatagramCostsARound)
     reader();
     answer_call(CALL_RECVFROM, 0, 0, -1);
     EXPECT_EQ(readx(100), 0);
-    EXPECT_EQ(tmf_geterrno(h), -5268);
+    EXPECT_EQ(tmf_geterrno(h), TMF_ETIMEOUT);
     EXPECT_EQ(calls_made(CALL_RECVFROM).size(), 2U);
     EXPECT_TRUE(rounds().empty());
 }
@@ -411,7 +411,7 @@ TEST_F(TmfWait, PurgeThatFailsBeforehandLeavesNoEntry)
     reader();
     forget_calls();
     fail_call(CALL_LOCKF, ENOLCK, 1); // the test of the writer's slot
-    EXPECT_EQ(readx(10), -5238);
+    EXPECT_EQ(readx(10), TMF_ELOCK_TEST);
     EXPECT_TRUE(rounds().empty());
     EXPECT_TRUE(calls_made(CALL_SOCKET).empty());
     EXPECT_FALSE(listed());
@@ -427,11 +427,11 @@ TEST_F(TmfWait, ErrorsBehindARoundEndTheWait)
         int code;
         bool listed;
     } rows[] = {
-        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, -5236, true},
-        {"seek", [] { fail_call(CALL_LSEEK, EIO, 1); }, -5218, true},
-        {"read", [] { fail_call(CALL_READ, EIO); }, -5220, true},
-        {"short read", [] { answer_call(CALL_READ, 255); }, -5221, true},
-        {"purge", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, -5238, false},
+        {"lock", [] { fail_call(CALL_LOCKF, ENOLCK); }, TMF_ELOCK_WAIT, true},
+        {"seek", [] { fail_call(CALL_LSEEK, EIO, 1); }, TMF_ESEEK_COMMON, true},
+        {"read", [] { fail_call(CALL_READ, EIO); }, TMF_EREAD_COMMON, true},
+        {"short read", [] { answer_call(CALL_READ, 255); }, TMF_EREAD_COMMON_EOF, true},
+        {"purge", [] { fail_call(CALL_LOCKF, ENOLCK, 1); }, TMF_ELOCK_TEST, false},
     };
     other_user writer(path, 0);
     reader();
@@ -457,7 +457,7 @@ TEST_F(TmfWait, FileThatBecameAnotherOneIsNotWrittenTo)
         ASSERT_EQ(pwrite(h->fd, "text", 4, 4), 4);
         foreign = bytes_through(h);
     });
-    EXPECT_EQ(readx(100), -5209);
+    EXPECT_EQ(readx(100), TMF_ENOTMSG);
     EXPECT_SAME_BYTES(bytes_through(h), foreign);
     ASSERT_EQ(pwrite(h->fd, area.data(), 256, 0), 256);
 }

@@ -1,6 +1,7 @@
 // Two implementations, or two builds of one, using the same message file at the
 // same time: records in both directions, waiting and waking, exclusive use, copy
 // mode, and the removal of users that died.
+#include "msgfile/tmf.h"
 #include "tests/msgpeer/pair_test.h"
 
 #include <map>
@@ -31,8 +32,8 @@ TEST_P(ExchangeTest, RecordsOfOneByteToTheLongestPass)
     participant reader(GetParam().b);
     ASSERT_EQ(writer.run("open w " + path("f") + " 0"), 0);
     ASSERT_EQ(reader.run("open r " + path("f") + " 1"), 0);
-    EXPECT_EQ(writer.run("write w A 0 1 0"), -5216);
-    EXPECT_EQ(writer.run("write w A 0 1 32762"), -5216);
+    EXPECT_EQ(writer.run("write w A 0 1 0"), TMF_ERECORD_SIZE);
+    EXPECT_EQ(writer.run("write w A 0 1 32762"), TMF_ERECORD_SIZE);
     ASSERT_EQ(writer.run("write w A 0 " + std::to_string(count) + " " + list), count);
     ASSERT_EQ(reader.run("read r " + std::to_string(count)), count);
     EXPECT_EQ(reader.records(), written("A", 0, count, sizes));
@@ -239,13 +240,23 @@ TEST_P(ExchangeTest, ExclusiveUseIsRespected)
         int result;
     };
     static const row rows[] = {
-        {"3", "1", -5260}, // a reader has the file exclusively
-        {"3", "3", -5260}, {"7", "1", -5260}, {"1", "3", -5262}, // there is a reader
-        {"1", "7", -5262}, {"2", "0", -5261}, // a writer has the file exclusively
-        {"2", "2", -5261}, {"0", "2", -5263}, // there is a writer
-        {"3", "0", 0},     {"3", "2", 0},     {"2", "1", 0},     {"2", "7", 0},
-        {"1", "1", 0},     {"0", "0", 0},     {"1", "4", -5266}, // copy mode wants 1 and 2
-        {"1", "5", -5266}, {"1", "6", -5266},
+        {"3", "1", TMF_EREADER_EXCLUSIVE}, // a reader has the file exclusively
+        {"3", "3", TMF_EREADER_EXCLUSIVE},
+        {"7", "1", TMF_EREADER_EXCLUSIVE},
+        {"1", "3", TMF_EREADER_PRESENT}, // there is a reader
+        {"1", "7", TMF_EREADER_PRESENT},
+        {"2", "0", TMF_EWRITER_EXCLUSIVE}, // a writer has the file exclusively
+        {"2", "2", TMF_EWRITER_EXCLUSIVE},
+        {"0", "2", TMF_EWRITER_PRESENT}, // there is a writer
+        {"3", "0", 0},
+        {"3", "2", 0},
+        {"2", "1", 0},
+        {"2", "7", 0},
+        {"1", "1", 0},
+        {"0", "0", 0},
+        {"1", "4", TMF_ECOPYMODE}, // copy mode wants 1 and 2
+        {"1", "5", TMF_ECOPYMODE},
+        {"1", "6", TMF_ECOPYMODE},
     };
     const std::string f = make("f");
     participant a(GetParam().a);
@@ -260,7 +271,7 @@ TEST_P(ExchangeTest, ExclusiveUseIsRespected)
         }
         EXPECT_EQ(read_file(f), before);
         EXPECT_EQ(a.run("close a"), 0);
-        if (r.result != 0 && r.result != -5266) {
+        if (r.result != 0 && r.result != TMF_ECOPYMODE) {
             EXPECT_EQ(b.run("open b " + f + " " + r.second), 0);
             EXPECT_EQ(b.run("close b"), 0);
         }

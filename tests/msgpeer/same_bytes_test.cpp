@@ -1,6 +1,7 @@
 // The same steps by two implementations, each on a file of its own: the answers
 // and the bytes of the files are the same, but for the process ids and the time
 // at which each file came into use.
+#include "msgfile/tmf.h"
 #include "tests/msgpeer/pair_test.h"
 
 #include <csignal>
@@ -116,20 +117,20 @@ TEST_P(SameBytesTest, StepByStep)
         {'w', "open f FILE 0", 0},
         {'w', "write f A 1 3 10,20,1", 3},
         {'w', "end f", 4401}, // 4352 and records of 26, 7 and 16 bytes
-        {'w', "read f 1", -5231},
+        {'w', "read f 1", TMF_EWRITE_ACCESS},
         {'r', "open f FILE 1", 0},
-        {'r', "write f A 1 1 10", -5230},
+        {'r', "write f A 1 1 10", TMF_EREAD_ACCESS},
         {'r', "info f", 0},
         {'r', "read f 1 1", 1}, // kept
         {'r', "read f 1 1 -1 5", 1},
         {'r', "end f", 4352},
         {'r', "read f 1 0 -1 5", 1}, // the rest of the record is lost
-        {'r', "read f 1 0 -1 -1", -5217},
+        {'r', "read f 1 0 -1 -1", TMF_EBUFFER_SIZE},
         {'r', "read f 1", 1},
         {'r', "end f", 4378},
         {'r', "read f 1 0 -1 0", 0}, // takes the last record, copying nothing
         {'r', "info f", 0},
-        {'w', "write f B 1 2 40000", -5216},
+        {'w', "write f B 1 2 40000", TMF_ERECORD_SIZE},
         {'w', "write f B 1 3 32761", 3},
         {'r', "read f 1", 1},
         {'w', "write f B 4 1 100", 1}, // behind 64 KiB
@@ -140,14 +141,14 @@ TEST_P(SameBytesTest, StepByStep)
         {'r', "close f", 0},
         {'w', "open f FILE 2", 0},
         {'w', "write f C 1 4 30,3", 4},
-        {'r', "open f FILE 6", -5266},
+        {'r', "open f FILE 6", TMF_ECOPYMODE},
         {'r', "open f FILE 7", 0},
         {'r', "read f 3", 3},
         {'r', "read f 0 0 -1 8", 1},
         {'r', "info f", 0},
         {'r', "close f", 0},
-        {'r', "open f FILE 2", -5261},
-        {'r', "open f FILE 0", -5261},
+        {'r', "open f FILE 2", TMF_EWRITER_EXCLUSIVE},
+        {'r', "open f FILE 0", TMF_EWRITER_EXCLUSIVE},
         {'w', "close f", 0},
         {'r', "open f FILE 7", 0},
         {'r', "close f", 0},
@@ -231,9 +232,9 @@ TEST_P(SameBytesTest, AFullFile)
     const bool big = is_big_endian(GetParam().a);
     const row rows[] = {
         {AT_NUM_READERS, std::string(big ? "\0\x10" : "\x10\0", 2), AT_READER_MAP, 2,
-         AT_READER_SLOTS, 64, "1", -5233},
+         AT_READER_SLOTS, 64, "1", TMF_EMAXREADERS},
         {AT_NUM_WRITERS, big ? "\x03\xF0" : "\xF0\x03", AT_WRITER_MAP, 126, AT_WRITER_SLOTS, 4032,
-         "0", -5232},
+         "0", TMF_EMAXWRITERS},
     };
     for (const row &r : rows) {
         std::string file = new_message_file(big, 0);

@@ -1,5 +1,6 @@
 // How each implementation, in each build, wakes and waits: the datagrams that a
 // writer sends, a port that is taken, a signal, the end of the time.
+#include "msgfile/tmf.h"
 #include "tests/msgpeer/pair_test.h"
 
 #include <arpa/inet.h>
@@ -103,7 +104,7 @@ TEST_P(WakeTest, AReaderWhosePortIsTakenWaitsOnAnother)
     ASSERT_EQ(reader.run("open r " + path_ + " 1"), 0);
     reader.start("read r 1 8");
     ASSERT_TRUE(comes_to_wait(path_, 0)); // this test's own socket is bound
-    EXPECT_EQ(reader.interrupt(), -5282);
+    EXPECT_EQ(reader.interrupt(), TMF_ESIGNAL);
     EXPECT_EQ(be16_at(read_file(path_), AT_SIGNAL_PORTS), port_);
 
     reader.start("read r 1 0 600"); // the new port is in the file from the next round on
@@ -124,7 +125,7 @@ TEST_P(WakeTest, ASignalEndsAWaitThatAllowsIt)
     ASSERT_EQ(reader.run("open r " + path_ + " 1"), 0);
     reader.start("read r 1 8"); // otherwise as long as it takes
     ASSERT_TRUE(comes_to_wait(path_, 0));
-    EXPECT_EQ(reader.interrupt(), -5282);
+    EXPECT_EQ(reader.interrupt(), TMF_ESIGNAL);
     // The wait ends outside the lock: the reader stays on the list.
     EXPECT_TRUE(is_waiting(read_file(path_), 0));
 
