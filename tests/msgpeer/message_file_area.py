@@ -8,6 +8,7 @@ import os
 import struct
 from collections import namedtuple
 
+import message_file_codes as codes
 from message_file_layout import (
     COMMON_SIZE,
     FLAG_READER_EXCLUSIVE,
@@ -32,11 +33,13 @@ Kind = namedtuple(
 )
 READER = Kind(
     "num_readers", READER_MAP, "max_readers", "reader_slot_size", 15, FLAG_READER_EXCLUSIVE,
-    -5233, -5260, -5262, -5241, -5254, -5255, -5242, -5243,
+    codes.EMAXREADERS, codes.EREADER_EXCLUSIVE, codes.EREADER_PRESENT, codes.ESEEK_READER,
+    codes.EREAD_READER, codes.EREAD_READER_EOF, codes.EWRITE_READER, codes.EWRITE_READER_EOF,
 )
 WRITER = Kind(
     "num_writers", WRITER_MAP, "max_writers", "writer_slot_size", 1007, FLAG_WRITER_EXCLUSIVE,
-    -5232, -5261, -5263, -5245, -5256, -5257, -5246, -5247,
+    codes.EMAXWRITERS, codes.EWRITER_EXCLUSIVE, codes.EWRITER_PRESENT, codes.ESEEK_WRITER,
+    codes.EREAD_WRITER, codes.EREAD_WRITER_EOF, codes.EWRITE_WRITER, codes.EWRITE_WRITER_EOF,
 )
 
 
@@ -72,7 +75,7 @@ def write(fd, data):
 
 def lock(fd, offset, length, command, failure):
     if seek(fd, offset) != offset:
-        return -5235
+        return codes.EHANDLE
     try:
         os.lockf(fd, command, length)
     except OSError as error:
@@ -83,19 +86,19 @@ def lock(fd, offset, length, command, failure):
 
 
 def lock_wait(fd, offset, length):
-    return lock(fd, offset, length, os.F_LOCK, -5236)
+    return lock(fd, offset, length, os.F_LOCK, codes.ELOCK_WAIT)
 
 
 def lock_nowait(fd, offset, length):
-    return lock(fd, offset, length, os.F_TLOCK, -5237)
+    return lock(fd, offset, length, os.F_TLOCK, codes.ELOCK_NOWAIT)
 
 
 def lock_test(fd, offset, length):
-    return lock(fd, offset, length, os.F_TEST, -5238)
+    return lock(fd, offset, length, os.F_TEST, codes.ELOCK_TEST)
 
 
 def unlock(fd, offset, length):
-    return lock(fd, offset, length, os.F_ULOCK, -5239)
+    return lock(fd, offset, length, os.F_ULOCK, codes.EUNLOCK)
 
 
 class Handle:
@@ -129,33 +132,33 @@ class Handle:
 def read_first_common(h):
     raw = read(h.fd, COMMON_SIZE)
     if raw is None:
-        return -5206
+        return codes.EINIT_READ
     if len(raw) == 0:
         h.common.set_new()
         at = seek(h.fd, 0)
         if at != 0:
-            return -5218 if at < 0 else -5219
+            return codes.ESEEK_COMMON if at < 0 else codes.ESEEK_COMMON_EOF
         written = write(h.fd, h.common.raw)
         if written < COMMON_SIZE:
-            return -5207 if written < 0 else -5208
+            return codes.EINIT_WRITE if written < 0 else codes.EINIT_WRITE_EOF
         at = seek(h.fd, h.common["lock_area_offset"])
         if at != h.common["lock_area_offset"]:
-            return -5213 if at < 0 else -5214
+            return codes.ESEEK_LOCKS if at < 0 else codes.ESEEK_LOCKS_EOF
         written = write(h.fd, bytes(h.common["lock_area_size"]))
         if written < COMMON_SIZE:
-            return -5211 if written < 0 else -5212
+            return codes.EWRITE_LOCKS if written < 0 else codes.EWRITE_LOCKS_EOF
     else:
         h.common.raw[: len(raw)] = raw
 
     if h.common["magic"] != MAGIC:
-        return -5209
+        return codes.ENOTMSG
     if h.common["byte_order_mark"] == MARK:
         if h.common["format_version"] != FORMAT_VERSION:
-            return -5215
+            return codes.EFORMAT
     elif h.common["byte_order_mark"] == 0xFFFE:
         h.common.reverse_byte_order()
     else:
-        return -5210
+        return codes.EINCOMPATIBLE
     h.record_overhead = 3 * h.common["format_version"]
     h.max_record_len = 32767 - h.record_overhead
     h.copy_offset = h.common["read_offset"]
@@ -181,12 +184,12 @@ def get_common(h):
     h.common_locked = True
     at = seek(h.fd, 0)
     if at != 0:
-        r = -5218 if at < 0 else -5219
+        r = codes.ESEEK_COMMON if at < 0 else codes.ESEEK_COMMON_EOF
     raw = read(h.fd, COMMON_SIZE)
     if raw is None:
-        r = -5220
+        r = codes.EREAD_COMMON
     elif len(raw) < COMMON_SIZE:
-        r = -5221
+        r = codes.EREAD_COMMON_EOF
     else:
         h.common.raw[:] = raw
         h.common.set_dirty(False)
@@ -199,10 +202,10 @@ def get_common(h):
 def write_common(h):
     at = seek(h.fd, 0)
     if at != 0:
-        return -5218 if at < 0 else -5219
+        return codes.ESEEK_COMMON if at < 0 else codes.ESEEK_COMMON_EOF
     written = write(h.fd, h.common.raw)
     if written < COMMON_SIZE:
-        return -5222 if written < 0 else -5223
+        return codes.EWRITE_COMMON if written < 0 else codes.EWRITE_COMMON_EOF
     h.common.set_dirty(False)
     return 0
 
@@ -210,7 +213,7 @@ def write_common(h):
 def release_common(h):
     dirty = h.common["flags"] & 1 != 0
     if not h.common_locked:
-        return -5234 if dirty else 0
+        return codes.EINTERNAL if dirty else 0
     r = write_common(h) if dirty else 0
     unlocked = unlock(h.fd, 0, COMMON_SIZE)
     h.common_locked = False
@@ -235,12 +238,12 @@ def get_user_id(common, kind, mode):
             common[kind.count] += 1
             common.set_dirty(True)
             return slot
-    return -5234
+    return codes.EINTERNAL
 
 
 def clear_user_id(common, kind, slot):
     if slot < 0 or not common.get_bit(kind.map, slot):
-        return -5234
+        return codes.EINTERNAL
     common.clear_bit(kind.map, slot)
     common[kind.count] -= 1
     if common[kind.count] == 0:

@@ -10,6 +10,7 @@ import struct
 import sys
 import time
 
+import message_file_codes as codes
 from message_file_area import (
     MODE_ALL_USERS,
     MODE_COPY,
@@ -49,7 +50,7 @@ READ_KEEP = 1
 
 def open_descriptor(path, mode):
     if mode & MODE_COPY and mode & 3 != 3:
-        raise MessageFileError(-5266)
+        raise MessageFileError(codes.ECOPYMODE)
     flags = os.O_RDWR | os.O_CREAT
     try:
         if not mode & MODE_ALL_USERS:
@@ -60,7 +61,7 @@ def open_descriptor(path, mode):
         finally:
             os.umask(mask)
     except OSError as error:
-        raise MessageFileError(-5205, error.strerror) from None
+        raise MessageFileError(codes.EOPEN, error.strerror) from None
 
 
 def first_user_setup(common):
@@ -85,7 +86,7 @@ def init_tmf_file(path, mode, order):
 
 def fopen(path, mode, order):
     if not path:
-        raise MessageFileError(-5269)
+        raise MessageFileError(codes.ENONAME)
     h = init_tmf_file(path, mode, order)
     h.user_id = get_user_id(h.common, h.kind, mode)
     r = h.user_id if h.user_id < 0 else lock_user(h)
@@ -125,9 +126,9 @@ def fclose(h):
 
 def fwrite(h, data):
     if h.is_reader:
-        return -5230
+        return codes.EREAD_ACCESS
     if len(data) < 1 or len(data) > h.max_record_len:
-        return -5216
+        return codes.ERECORD_SIZE
     r = get_common(h)
     if r == 0:
         r = write_record(h, data)
@@ -144,10 +145,10 @@ def write_record(h, data):
     length = h.record_overhead + len(data)
     at = seek(h.fd, h.common["write_offset"])
     if at != h.common["write_offset"]:
-        return -5224 if at < 0 else -5225
+        return codes.ESEEK_DATA if at < 0 else codes.ESEEK_DATA_EOF
     written = write(h.fd, framed(user, data))
     if written < length:
-        return -5226 if written < 0 else -5227
+        return codes.EWRITE_DATA if written < 0 else codes.EWRITE_DATA_EOF
     h.common["record_count"] += 1
     h.common["write_offset"] += length
     h.last_record_end = h.common["write_offset"]
@@ -159,9 +160,9 @@ def write_record(h, data):
 def fread_record(h, length, flags, timeout):
     """Code and data; no data and code 0 when there is no record."""
     if not h.is_reader:
-        return -5231, None
+        return codes.EWRITE_ACCESS, None
     if length < 0:
-        return -5217, None
+        return codes.EBUFFER_SIZE, None
     r = get_common(h)
     data = None
     if h.copy_mode:
@@ -183,12 +184,12 @@ def read_frame(h, offset, length):
     """Code, length of the whole record, and its data as far as asked for."""
     at = seek(h.fd, offset)
     if at != offset:
-        return -5224 if at < 0 else -5225, 0, None
+        return codes.ESEEK_DATA if at < 0 else codes.ESEEK_DATA_EOF, 0, None
     raw = read(h.fd, length + 6)
     if raw is None:
-        return -5228, 0, None
+        return codes.EREAD_DATA, 0, None
     if len(raw) < 6:
-        return -5229, 0, None
+        return codes.EREAD_DATA_EOF, 0, None
     total = struct.unpack_from(">H", raw)[0]
     return 0, total, raw[4 : 4 + max(0, min(total - 6, length))]
 
@@ -222,7 +223,7 @@ def reset(h):
         try:
             os.ftruncate(h.fd, 65536)
         except OSError:
-            return -5265
+            return codes.ETRUNCATE
         h.common["high_water"] = h.common["write_offset"]
     return 0
 
@@ -262,7 +263,7 @@ class MessageFile:
         """As read, with a limit; None also when it ends or a signal comes."""
         flags |= READ_LIMIT | READ_SIGNAL
         r, data = fread_record(self.handle, length, flags, timeout)
-        if r in (-5268, -5282):
+        if r in (codes.ETIMEOUT, codes.ESIGNAL):
             return None
         self._raise(r)
         return data

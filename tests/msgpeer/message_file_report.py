@@ -8,6 +8,7 @@ import os
 import struct
 from collections import namedtuple
 
+import message_file_codes as codes
 from message_file_area import MessageFileError, lock_wait, unlock
 from message_file_layout import (
     BYTES,
@@ -46,7 +47,7 @@ def snapshot(path):
 def area_of(raw):
     order = byte_order_of(raw) if len(raw) >= COMMON_SIZE else None
     if order is None or raw[4:8] != NEW_VALUES["magic"]:
-        raise MessageFileError(-5209)
+        raise MessageFileError(codes.ENOTMSG)
     return CommonArea(order, raw[:COMMON_SIZE])
 
 

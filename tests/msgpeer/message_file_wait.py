@@ -5,6 +5,7 @@ import os
 import select
 import socket
 
+import message_file_codes as codes
 from message_file_area import get_common, release_common, update_users
 from message_file_layout import WAIT_LIST
 
@@ -56,14 +57,14 @@ def udp_send(h, address, port, message):
         try:
             h.send_socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         except OSError as error:
-            return network_error(h, -5250, "socket()", error)
+            return network_error(h, codes.ESEND, "socket()", error)
     try:
         h.send_socket.sendto(message, (socket.inet_ntoa(address), port))
     except BlockingIOError:
         pass  # the queue is full: the reader is awake
     except OSError as error:
         close_send_socket(h)
-        return network_error(h, -5250, "sendto()", error)
+        return network_error(h, codes.ESEND, "sendto()", error)
     return 0
 
 
@@ -83,21 +84,21 @@ def udp_recv(h, port, seconds):
         try:
             h.receive_socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         except OSError as error:
-            return network_error(h, -5251, "socket()", error)
+            return network_error(h, codes.ERECEIVE, "socket()", error)
         try:
             h.receive_socket.bind(("", port))
         except OSError as error:
             close_receive_socket(h)
             if error.errno == errno.EADDRINUSE:
-                return -5264
-            return network_error(h, -5251, "bind()", error)
+                return codes.EPORTBUSY
+            return network_error(h, codes.ERECEIVE, "bind()", error)
         if seconds != 0:
             h.receive_socket.setblocking(False)
     try:
         return len(h.receive_socket.recv(16))
     except OSError as error:
         if error.errno != errno.EAGAIN or seconds == 0:
-            return network_error(h, -5251, "recvfrom()", error)
+            return network_error(h, codes.ERECEIVE, "recvfrom()", error)
     watched = [h.receive_socket]
     if signal_descriptor is not None:
         drain_signals()  # those that came before the wait do not end it
@@ -107,8 +108,8 @@ def udp_recv(h, port, seconds):
         try:
             return len(h.receive_socket.recv(16))
         except OSError as error:
-            return network_error(h, -5251, "recvfrom()", error)
-    return -5270 if ready else 0
+            return network_error(h, codes.ERECEIVE, "recvfrom()", error)
+    return codes.EINTERRUPT if ready else 0
 
 
 GOT_DATAGRAM, TIME_OVER, GOT_SIGNAL = 1, 2, 3
@@ -117,16 +118,16 @@ GOT_DATAGRAM, TIME_OVER, GOT_SIGNAL = 1, 2, 3
 def wait(h, seconds):
     for attempts_left in reversed(range(15)):
         r = udp_recv(h, h.signal_port, seconds)
-        if r == -5264:
+        if r == codes.EPORTBUSY:
             if attempts_left > 0:
                 h.signal_port = h.common.new_signal_port(h.signal_port)
-        elif r == -5270:
+        elif r == codes.EINTERRUPT:
             return GOT_SIGNAL
         elif r < 0:
             return r
         else:
             return GOT_DATAGRAM if r > 0 else TIME_OVER
-    return -5264
+    return codes.EPORTBUSY
 
 
 def need_to_wait(common, flags):
@@ -147,14 +148,14 @@ def fread_wait(h, flags, timeout):
         if w < 0:
             r = w
         elif w == GOT_SIGNAL and flags & READ_SIGNAL:
-            r = -5282
+            r = codes.ESIGNAL
         elif w in (TIME_OVER, GOT_SIGNAL):
             if flags & READ_LIMIT:
                 remaining -= t
                 if remaining >= 1:
                     t = min(remaining, 60)
                 else:
-                    r = -5268
+                    r = codes.ETIMEOUT
             else:
                 t = 60
         if r != 0:
