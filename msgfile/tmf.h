@@ -51,6 +51,15 @@
 #define TMF_API
 #endif
 
+/* The library's version, also as one number, 1000 times the first part and the
+ * second: "#if TMF_VERSION >= 1001" asks for 1.1.  The first part is that of the
+ * shared library's soname, libtmf.so.1, and changes when programs have to be compiled
+ * again; the second grows with what is added. */
+#define TMF_VERSION_MAJOR 1
+#define TMF_VERSION_MINOR 0
+#define TMF_VERSION (TMF_VERSION_MAJOR * 1000 + TMF_VERSION_MINOR)
+#define TMF_VERSION_TEXT "1.0"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -263,6 +272,13 @@ TMF_API int tmf_geterrno(const tmf_handle *h);
  * The system's part of a text is given once: a second call leaves it out.  The
  * code stays. */
 TMF_API char *tmf_geterrmsg(tmf_handle *h, char *buf);
+
+/* The text of a code, of tmf_fclose and tmf_getinfo for instance, whose code no handle
+ * keeps: a fixed text, never null, for as long as the program runs, from any thread.
+ * Where tmf_geterrmsg has the system's part (TMF_EOPEN, TMF_ESEND, TMF_ERECEIVE,
+ * TMF_ENONBLOCK) stands "(system error)"; a number that is no code has the text
+ * "Message file error". */
+TMF_API const char *tmf_strerror(int code);
 
 /* Clears the handle's code.  Null is allowed and does nothing. */
 TMF_API void tmf_clearerr(tmf_handle *h);

@@ -121,6 +121,16 @@ static constexpr bool table_is_sound()
 }
 static_assert(table_is_sound());
 
+// What tmf_strerror gives where the table's text has a place for the system's part, or
+// has none.
+static constexpr tmf_code_row fixed_texts[] = {
+    {TMF_ENONBLOCK, "Error (system error) setting non-blocking socket."},
+    {TMF_ERECEIVE, "Error (system error) receiving udp data."},
+    {TMF_ESEND, "Error (system error) sending udp data."},
+    {TMF_EOPEN, "Error opening file: (system error)"},
+    {1, "Message file error #1"}, // of tmf_fopen
+};
+
 static int open_error;
 static int open_os_errno;
 
@@ -162,6 +172,17 @@ void tmf_code_text(int code, const char *attached, char *buf)
         text = {text.data() + rest, text.size() - rest};
     }
     *append(buf, text) = '\0';
+}
+
+const char *tmf_strerror(int code)
+{
+    for (const tmf_code_row &row : fixed_texts) {
+        if (row.code == code)
+            return row.text.data();
+    }
+    // The views are of whole literals, which end with a NUL.
+    const bool known = code >= first_code && code <= last_code;
+    return known ? code_table[code - first_code].text.data() : "Message file error";
 }
 
 int tmf_geterrno(const tmf_handle *h)

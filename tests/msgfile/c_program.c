@@ -20,6 +20,7 @@ static int write_records(const char *path)
     static const char *const records[] = {"first", "second", "third"};
     int32_t count = -1;
     int32_t end = -1;
+    int code;
     tmf_handle *h = tmf_fopen(path, TMF_MODE_ALL_USERS);
     if (h == NULL)
         return failed(NULL, "tmf_fopen");
@@ -35,6 +36,8 @@ static int write_records(const char *path)
     (void)failed(h, "last code");
     tmf_clearerr(h);
     printf("cleared: %d\n", tmf_geterrno(h));
+    code = tmf_getinfo(h, -1);
+    printf("asked for: %d %s\n", code, tmf_strerror(code));
     return tmf_fclose(h);
 }
 

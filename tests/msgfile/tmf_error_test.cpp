@@ -137,6 +137,22 @@ TEST_F(TmfError, TextsOfHandleAndOpenErrorAreThose)
     }
 }
 
+TEST_F(TmfError, FixedTextIsTheMessageWithoutTheSystemsPart)
+{
+    for (const auto &row : texts) {
+        std::string expected = row.text;
+        if (const size_t at = expected.find("ATTACHED"); at != std::string::npos)
+            expected.replace(at, 8, "(system error)");
+        if (expected.starts_with("Message file error #") && row.code != 1)
+            expected = "Message file error";
+        const char *const text = tmf_strerror(row.code);
+        EXPECT_EQ(text, expected) << row.code;
+        EXPECT_EQ(tmf_strerror(row.code), text) << "the same bytes each time";
+    }
+    EXPECT_TRUE(calls_made().empty());
+    EXPECT_EQ(tmf_geterrno(&h), 0);
+}
+
 TEST_F(TmfError, NetworkTextIsGivenOnce)
 {
     EXPECT_EQ(tmf_network_error(&h, TMF_ESEND, "sendto()", 111), TMF_ESEND);

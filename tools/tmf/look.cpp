@@ -1,8 +1,8 @@
 // Looking at a message file from outside.
 #include "tools/tmf/look.h"
 
+#include "msgfile/tmf.h"
 #include "msgfile/tmf_common.h"
-#include "msgfile/tmf_error.h"
 #include "msgfile/tmu.h"
 
 #include <algorithm>
@@ -15,13 +15,6 @@
 // Looks at a file that is being written until two agree; a file that never rests
 // so long is shown as it was last.
 static constexpr int most_looks = 100;
-
-static std::string text_of(int code)
-{
-    char text[TMF_ERRMSG_SIZE];
-    tmf_code_text(code, "", text);
-    return text;
-}
 
 // ---- locks
 
@@ -167,7 +160,7 @@ static bool look_at(int fd, tmft_facts &facts, std::string &error)
         return false;
     }
     if (!S_ISREG(about.st_mode)) {
-        error = text_of(TMF_ENOTMSG);
+        error = tmf_strerror(TMF_ENOTMSG);
         return false;
     }
     const ssize_t got = read_area(fd, facts);
@@ -180,7 +173,7 @@ static bool look_at(int fd, tmft_facts &facts, std::string &error)
     if (code == 0 && got < TMF_COMMON_SIZE)
         code = TMF_EREAD_COMMON_EOF;
     if (code != 0) {
-        error = text_of(code);
+        error = tmf_strerror(code);
         return false;
     }
     const tmf_common &common = facts.common;

@@ -2,7 +2,6 @@
 // subcommands and the help texts.
 #include "tools/tmf/tmf_tool.h"
 
-#include "msgfile/tmf_error.h"
 #include "util/outcome.h"
 #include "util/standard_files.h"
 
@@ -142,9 +141,7 @@ void tmft_complain_handle(const char *file, tmf_handle *h)
 
 void tmft_complain_code(const char *file, int code)
 {
-    char text[TMF_ERRMSG_SIZE];
-    tmf_code_text(code, "", text);
-    tmft_complain(file, text);
+    tmft_complain(file, tmf_strerror(code));
 }
 
 int tmft_flush_output(int status)
