@@ -108,6 +108,17 @@ TEST(Links, BadOnesAreFound)
                 testing::IsEmpty());
 }
 
+TEST(Links, ReadmeBeginsWithTheTwoCommandsAndIntegrationRunsTheSecond)
+{
+    const std::string commands =
+        md_find_block(md_section(md_page("README.md"), "Two commands"), "scripts/demo ");
+    EXPECT_NE(commands.find("\nscripts/test "), std::string::npos) << commands;
+    const std::string run = read_file((ROOT / ".ci/run").string());
+    EXPECT_NE(run.find("\nexec scripts/test\n"), std::string::npos) << run;
+    for (const char *script : {"scripts/demo", "scripts/test"})
+        EXPECT_NE(fs::status(ROOT / script).permissions() & fs::perms::owner_exec, fs::perms::none);
+}
+
 TEST(Links, PagesAreFound)
 {
     EXPECT_THAT(pages(), testing::IsSupersetOf({"./README.md", "docs/architecture.md"}));
