@@ -167,8 +167,8 @@ static fwu_found read_file_header(fwu_cursor &c)
 {
     const unsigned char *p = nullptr;
     drop_window(c, 0);
-    c.bad_at = 0;
-    c.reason = nullptr;
+    c.verdict.at = 0;
+    c.verdict.reason = nullptr;
     const fwu_found found = fetch(c, 0, FWU_FILE_HEADER_SIZE, p);
     if (found != FWU_FOUND)
         return found;
@@ -180,8 +180,8 @@ static fwu_found read_file_header(fwu_cursor &c)
         c.header.identity != c.before.identity)
         wrong = "it belongs to another log than the files before it: its identity differs";
     if (wrong != nullptr) {
-        c.foreign = fwu_file_header_whole(p);
-        c.reason = wrong;
+        c.verdict.foreign = fwu_file_header_whole(p);
+        c.verdict.reason = wrong;
         return FWU_DAMAGED;
     }
     c.header_read = true;
@@ -209,32 +209,32 @@ static void restart_scan(fwu_cursor &c)
 }
 
 // Reads and checks the entry at an offset, payload included.  FWU_END: the file
-// ends in it.  FWU_DAMAGED: reason is set.
+// ends in it.  FWU_DAMAGED: the verdict says why.
 static fwu_found read_entry(fwu_cursor &c, int64_t at, int32_t tag, fwu_entry &entry)
 {
     const unsigned char *p = nullptr;
-    c.reason = nullptr;
-    c.bad_at = at;
+    c.verdict.reason = nullptr;
+    c.verdict.at = at;
     fwu_found found = fetch(c, at, FWU_ENTRY_HEADER_SIZE, p);
     if (found != FWU_FOUND)
         return found;
-    c.reason = fwu_entry_header_get(entry, p, tag, c.header, at);
-    if (c.reason != nullptr)
+    c.verdict.reason = fwu_entry_header_get(entry, p, tag, c.header, at);
+    if (c.verdict.reason != nullptr)
         return FWU_DAMAGED;
     found = fetch(c, at, fwu_entry_padded(entry.length), p);
     if (found != FWU_FOUND)
         return found;
-    c.reason = fwu_entry_body_get(entry, p, c.header, at);
-    return c.reason != nullptr ? FWU_DAMAGED : FWU_FOUND;
+    c.verdict.reason = fwu_entry_body_get(entry, p, c.header, at);
+    return c.verdict.reason != nullptr ? FWU_DAMAGED : FWU_FOUND;
 }
 
 static bool check_commit(fwu_cursor &c, const fwu_entry &entry)
 {
     if (!fwu_entry_commit(entry, c.commit))
-        c.reason = "the commit entry is malformed";
+        c.verdict.reason = "the commit entry is malformed";
     else if (c.commit.entries != c.scan_entries || c.commit.chain != c.scan_chain)
-        c.reason = "the commit entry does not belong to the entries before it";
-    return c.reason == nullptr;
+        c.verdict.reason = "the commit entry does not belong to the entries before it";
+    return c.verdict.reason == nullptr;
 }
 
 const char *fwu_recnum_gap(int32_t before, int32_t first)
@@ -257,10 +257,10 @@ static bool take_recnums(fwu_cursor &c)
     if (c.scan_first_recnum == 0)
         return true;
     if (c.first_recnum == 0) {
-        c.reason = fwu_recnum_gap(c.recnum_before, c.scan_first_recnum);
-        c.gap = c.reason != nullptr;
-        c.bad_at = c.tx_end;
-        if (c.gap)
+        c.verdict.reason = fwu_recnum_gap(c.recnum_before, c.scan_first_recnum);
+        c.verdict.gap = c.verdict.reason != nullptr;
+        c.verdict.at = c.tx_end;
+        if (c.verdict.gap)
             return false;
         c.first_recnum = c.scan_first_recnum;
     }
@@ -290,7 +290,7 @@ static fwu_found scan(fwu_cursor &c)
         }
         if (entry.kind == FWU_KIND_SESSION && c.scan_entries > 0 &&
             c.header.version == FWU_VERSION_PLAIN) {
-            c.reason = "a session entry does not begin its transaction";
+            c.verdict.reason = "a session entry does not begin its transaction";
             return FWU_DAMAGED;
         }
         if (fwu_entry_is_change(entry)) {
@@ -351,27 +351,29 @@ void fwu_cursor_tail(fwu_cursor &c)
         (void)nothing_more(c, stamp);
 }
 
-fwu_found fwu_cursor_next(fwu_cursor &c)
+// The first step: the file header.
+static fwu_found next_header(fwu_cursor &c)
 {
     fwu_stamp stamp;
-    if (!c.header_read) {
-        if (file_stamp(c, stamp) != FWU_FOUND)
-            return FWU_FAILED;
-        c.size = stamp.size;
-        const fwu_found found = read_file_header(c);
-        if (found != FWU_FOUND)
-            return found;
-    }
-    c.keep_at = c.tx_end;
-    if (c.scan_at <= c.tx_end)
-        begin_scan(c);
-    if (c.scan_at == c.tx_end && c.window_at + static_cast<int64_t>(c.window_length) > c.tx_end) {
-        // Mostly the whole next transaction has been read along with the last one.
-        const fwu_found found = scan(c);
-        if (found == FWU_FOUND || found == FWU_FAILED)
-            return found;
-    }
+    if (file_stamp(c, stamp) != FWU_FOUND)
+        return FWU_FAILED;
+    c.size = stamp.size;
+    return read_file_header(c);
+}
 
+// The second step: mostly the whole next transaction has been read along with the last
+// one.  FWU_END or FWU_DAMAGED: the file has to be asked.
+static fwu_found next_in_window(fwu_cursor &c)
+{
+    const bool some =
+        c.scan_at == c.tx_end && c.window_at + static_cast<int64_t>(c.window_length) > c.tx_end;
+    return some ? scan(c) : FWU_END;
+}
+
+// Whether the file is to be read on.  FWU_END: nothing has changed.  fresh: the scan
+// begins at the transaction's start, with nothing read before.
+static fwu_found take_stamp(fwu_cursor &c, fwu_stamp &stamp, bool &fresh)
+{
     if (file_stamp(c, stamp) != FWU_FOUND)
         return FWU_FAILED;
     if (stamp == c.settled)
@@ -383,18 +385,26 @@ fwu_found fwu_cursor_next(fwu_cursor &c)
                   static_cast<long long>(c.tx_end));
         return FWU_FAILED;
     }
-    bool fresh = false; // the scan began at the transaction's start, with nothing read before
     bool there = true;
     if (c.scan_at > c.tx_end && scanned_still_there(c, there) != FWU_FOUND)
         return FWU_FAILED;
-    if (c.scan_at == c.tx_end || !there) {
+    fresh = c.scan_at == c.tx_end || !there;
+    if (fresh)
         restart_scan(c);
-        fresh = true;
-    }
+    return FWU_FOUND;
+}
 
+// The third step: the file as it is now.
+static fwu_found next_in_file(fwu_cursor &c)
+{
+    fwu_stamp stamp;
+    bool fresh = false;
+    fwu_found found = take_stamp(c, stamp, fresh);
+    if (found != FWU_FOUND)
+        return found;
     int64_t suspect = -1; // a commit was seen behind this offset, which looked wrong
     for (;;) {
-        fwu_found found = scan(c);
+        found = scan(c);
         if (found == FWU_FOUND || found == FWU_FAILED)
             return found;
         if (found == FWU_DAMAGED && !fresh) {
@@ -402,22 +412,48 @@ fwu_found fwu_cursor_next(fwu_cursor &c)
             fresh = true;
             continue;
         }
-        if (suspect == c.bad_at) {
-            if (c.reason == nullptr)
-                c.reason = "the entry ends behind the end of the file";
+        if (suspect == c.verdict.at) {
+            if (c.verdict.reason == nullptr)
+                c.verdict.reason = "the entry ends behind the end of the file";
             return FWU_DAMAGED;
         }
-        const int64_t bad_at = c.bad_at;
-        found = find_commit(c, bad_at);
+        found = find_commit(c, c.verdict.at);
         if (found == FWU_FAILED)
             return found;
-        c.bad_at = bad_at;
         if (found == FWU_END)
             return nothing_more(c, stamp);
-        suspect = bad_at;
+        suspect = c.verdict.at;
         restart_scan(c);
         fresh = true;
     }
+}
+
+// What is found, case by case:
+//
+//   the file header is not all there yet              FWU_END
+//   it is wrong, or of another log                    FWU_DAMAGED
+//   the window holds the transaction up to its end    FWU_FOUND, no call for it
+//   the file is as it was when it held nothing more   FWU_END, nothing read
+//   it is shorter than what was given already         FWU_FAILED
+//   it holds the transaction, all of it good          FWU_FOUND
+//   it ends in the transaction, or something in it
+//     is wrong: no commit entry stands behind that    FWU_END, the verdict says where
+//   a commit entry does, and the next look from the
+//     transaction's start on stops at the same place  FWU_DAMAGED
+//   that look gets further                            as if it were the first
+//   record numbers do not follow those before         FWU_DAMAGED, by the last two rows
+fwu_found fwu_cursor_next(fwu_cursor &c)
+{
+    if (!c.header_read) {
+        const fwu_found header = next_header(c);
+        if (header != FWU_FOUND)
+            return header;
+    }
+    c.keep_at = c.tx_end;
+    if (c.scan_at <= c.tx_end)
+        begin_scan(c);
+    const fwu_found found = next_in_window(c);
+    return found == FWU_FOUND || found == FWU_FAILED ? found : next_in_file(c);
 }
 
 fwu_found fwu_cursor_entry(fwu_cursor &c, fwu_entry &entry)
@@ -436,7 +472,7 @@ fwu_found fwu_cursor_entry(fwu_cursor &c, fwu_entry &entry)
             c.keep_at = c.read_at;
             const fwu_found found = read_entry(c, c.read_at, c.read_tag, entry);
             if (found == FWU_END)
-                c.reason = "the log file has become shorter";
+                c.verdict.reason = "the log file has become shorter";
             if (found != FWU_FOUND)
                 return found == FWU_END ? FWU_DAMAGED : found;
         }

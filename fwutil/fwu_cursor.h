@@ -26,7 +26,7 @@ bool fwu_log_file_parse(const char *name, int32_t &generation, int32_t &sequence
 enum fwu_found {
     FWU_FOUND,
     FWU_END,     // no more for now
-    FWU_DAMAGED, // a commit stands behind bytes that are wrong: bad_at and reason say where, what
+    FWU_DAMAGED, // a commit stands behind bytes that are wrong: the verdict says where, what
     FWU_FAILED,  // reported on standard error
     FWU_GONE,    // the log file was removed, like all before it, since it was listed
 };
@@ -38,6 +38,15 @@ struct fwu_stamp {
     bool operator==(const fwu_stamp &) const = default;
 };
 
+// What stopped reading, and where.
+struct fwu_verdict {
+    int64_t at = 0;
+    const char *reason = nullptr; // what is wrong there; null: the file ends there
+    bool foreign = false;         // the file has a whole header, which does not belong here
+    bool gap = false;             // its first record is not the one behind those before it
+};
+
+// Only the functions here change a cursor; others read what it found.
 struct fwu_cursor {
     fwu_log_file file;
     int fd = -1;
@@ -77,12 +86,9 @@ struct fwu_cursor {
     int32_t read_tag = 1;
 
     // At FWU_END and FWU_DAMAGED.
-    int64_t size = 0;             // of the file
-    int64_t bad_at = 0;           // where reading could not go on
-    const char *reason = nullptr; // what is wrong there; null: the file ends there
-    bool foreign = false;         // the file has a whole header, which does not belong here
-    bool gap = false;             // its first record is not the one behind those before it
-    fwu_stamp settled;            // the file was like this, and nothing more to find in it
+    int64_t size = 0; // of the file
+    fwu_verdict verdict;
+    fwu_stamp settled; // the file was like this, and nothing more to find in it
 };
 
 // Opens a log file; 0 or -1 (reported).  The cursor's window is kept; a file that

@@ -47,19 +47,24 @@ int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
     return 0;
 }
 
-int fwu_log_damage(const fwu_cursor &cursor)
+int fwu_log_damage(const fwu_log_file &file, const fwu_verdict &verdict)
 {
-    if (cursor.gap)
+    if (verdict.gap)
         return fwu_error("%s: damaged at offset %lld: %s; restore the file before it from a copy, "
                          "cut the log back to what is whole (fwlog repair), or go on without what "
                          "is missing with this one as start position (%d-%d.0)",
-                         cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at),
-                         cursor.reason, cursor.file.generation, cursor.file.sequence);
+                         file.path.c_str(), static_cast<long long>(verdict.at), verdict.reason,
+                         file.generation, file.sequence);
     return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, cut the "
                      "log back to what is whole (fwlog repair), or leave the rest of the file out "
                      "with the next one as start position (%d-%d.0)%s",
-                     cursor.file.path.c_str(), static_cast<long long>(cursor.bad_at), cursor.reason,
-                     cursor.file.generation, cursor.file.sequence + 1, FWU_KEEP_FIRST);
+                     file.path.c_str(), static_cast<long long>(verdict.at), verdict.reason,
+                     file.generation, file.sequence + 1, FWU_KEEP_FIRST);
+}
+
+int fwu_log_damage(const fwu_cursor &cursor)
+{
+    return fwu_log_damage(cursor.file, cursor.verdict);
 }
 
 // Pauses before further looks at what seems damaged, and the length of the first;
@@ -127,15 +132,15 @@ fwu_found fwu_log_header(const fwu_log_file &file, fwu_file_header &header)
                : FWU_END;
 }
 
-// A file that another one follows holds whole transactions and nothing else.
-bool fwu_log_ends_whole(fwu_cursor &cursor)
+bool fwu_log_ends_whole(const fwu_cursor &cursor, fwu_verdict &verdict)
 {
     if (cursor.header_read && cursor.size == cursor.tx_end)
         return true;
+    verdict = cursor.verdict;
     if (!cursor.header_read)
-        cursor.reason = "its file header is incomplete, but a newer log file follows";
-    else if (cursor.reason == nullptr)
-        cursor.reason = "it ends inside a transaction, but a newer log file follows";
+        verdict.reason = "its file header is incomplete, but a newer log file follows";
+    else if (verdict.reason == nullptr)
+        verdict.reason = "it ends inside a transaction, but a newer log file follows";
     return false;
 }
 
@@ -170,21 +175,24 @@ static acknowledged acknowledged_at(const fwu_log_file &file, int64_t offset, bo
 // been seen half written, by a system that shows the parts of a write in any order:
 // it is looked at again before it counts, at once first: mostly the writer has
 // committed and acknowledged since.  What was not acknowledged is not there yet,
-// whatever it looks like; what was must be there.  A signal ends the looks.
-static fwu_found judge(fwu_cursor &cursor, fwu_found found, bool &told)
+// whatever it looks like; what was must be there.  A signal ends the looks.  At
+// FWU_DAMAGED the verdict says what is wrong.
+static fwu_found judge(fwu_cursor &cursor, fwu_found found, bool &told, fwu_verdict &verdict)
 {
     for (int pauses = 0; found == FWU_END || found == FWU_DAMAGED; pauses++) {
+        verdict = cursor.verdict;
         const acknowledged there = acknowledged_at(cursor.file, cursor.tx_end, told);
         if (found == FWU_END && there != BEHIND)
             return FWU_END;
-        if (found == FWU_DAMAGED && there == BEFORE && !cursor.foreign && !cursor.gap) {
+        if (found == FWU_DAMAGED && there == BEFORE && !cursor.verdict.foreign &&
+            !cursor.verdict.gap) {
             fwu_cursor_tail(cursor);
             return FWU_END;
         }
         if (pauses > PAUSES) {
-            if (found == FWU_END && cursor.reason == nullptr) {
-                cursor.bad_at = cursor.tx_end;
-                cursor.reason = "it ends before what was acknowledged";
+            if (found == FWU_END && verdict.reason == nullptr) {
+                verdict.at = cursor.tx_end;
+                verdict.reason = "it ends before what was acknowledged";
             }
             return FWU_DAMAGED;
         }
@@ -203,6 +211,7 @@ fwu_found fwu_log_next(fwu_log &log)
     fwu_cursor &cursor = log.cursor;
     for (;;) {
         fwu_found found = cursor.fd >= 0 ? fwu_cursor_next(cursor) : FWU_END;
+        fwu_verdict verdict = cursor.verdict;
         fwu_log_file next;
         bool last = found == FWU_END ? !log.look : found == FWU_DAMAGED && is_last(log);
         if (found == FWU_END && log.look) {
@@ -213,17 +222,18 @@ fwu_found fwu_log_next(fwu_log &log)
             last = !log.look;
             if (!last && cursor.fd >= 0) {
                 found = fwu_cursor_next(cursor);
-                if (found == FWU_END && !fwu_log_ends_whole(cursor))
+                verdict = cursor.verdict;
+                if (found == FWU_END && !fwu_log_ends_whole(cursor, verdict))
                     found = FWU_DAMAGED;
             }
         }
         if (last) {
-            found = cursor.fd >= 0 ? judge(cursor, found, log.told) : FWU_END;
+            found = cursor.fd >= 0 ? judge(cursor, found, log.told, verdict) : FWU_END;
             if (found == FWU_END)
                 return FWU_END;
         }
         if (found == FWU_DAMAGED) {
-            fwu_log_damage(cursor);
+            fwu_log_damage(cursor.file, verdict);
             return FWU_FAILED;
         }
         if (found != FWU_END)
@@ -260,8 +270,10 @@ int fwu_log_walk_transaction(fwu_cursor &cursor, fwu_walk_item &item,
     return result;
 }
 
-fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool last,
-                            const std::function<int(const fwu_walk_item &)> &visit, int &result)
+// As fwu_log_walk_file; at FWU_DAMAGED the verdict says what is wrong.
+static fwu_found walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool last,
+                           const std::function<int(const fwu_walk_item &)> &visit, int &result,
+                           fwu_verdict &verdict)
 {
     fwu_walk_item item;
     item.file = &file;
@@ -271,8 +283,9 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
     fwu_found found = fwu_log_open(cursor, file);
     while (found == FWU_FOUND && result == 0) {
         found = fwu_cursor_next(cursor);
+        verdict = cursor.verdict;
         if (last)
-            found = judge(cursor, found, told);
+            found = judge(cursor, found, told, verdict);
         if (cursor.header_read && !announced) {
             announced = true;
             item.what = FWU_WALK_FILE;
@@ -282,25 +295,33 @@ fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool l
         if (found == FWU_FOUND && result == 0) {
             result = fwu_log_walk_transaction(cursor, item, visit, found);
             found = found == FWU_END ? FWU_FOUND : found;
+            verdict = cursor.verdict;
         }
     }
     if (result != 0 || found == FWU_GONE)
         return found;
-    if (found == FWU_END && !last && !fwu_log_ends_whole(cursor))
+    if (found == FWU_END && !last && !fwu_log_ends_whole(cursor, verdict))
         found = FWU_DAMAGED;
     item.offset = cursor.tx_end;
     item.length = cursor.size - cursor.tx_end;
-    item.reason = cursor.reason;
+    item.reason = verdict.reason;
     if (found == FWU_END && item.length > 0) {
         item.what = FWU_WALK_TAIL;
         result = visit(item);
     } else if (found == FWU_DAMAGED) {
         item.what = FWU_WALK_DAMAGE;
-        item.offset = cursor.bad_at;
+        item.offset = verdict.at;
         item.length = 0;
         result = visit(item);
     }
     return found;
+}
+
+fwu_found fwu_log_walk_file(fwu_cursor &cursor, const fwu_log_file &file, bool last,
+                            const std::function<int(const fwu_walk_item &)> &visit, int &result)
+{
+    fwu_verdict verdict;
+    return walk_file(cursor, file, last, visit, result, verdict);
 }
 
 int fwu_log_walk(const std::string &directory,
@@ -313,9 +334,10 @@ int fwu_log_walk(const std::string &directory,
     int result = 0;
     for (size_t i = 0; i < files.size() && result == 0; i++) {
         const bool last = i + 1 == files.size();
-        const fwu_found found = fwu_log_walk_file(cursor, files[i], last, visit, result);
+        fwu_verdict verdict;
+        const fwu_found found = walk_file(cursor, files[i], last, visit, result, verdict);
         if (found == FWU_DAMAGED)
-            result = fwu_log_damage(cursor);
+            result = fwu_log_damage(files[i], verdict);
         else if (found == FWU_FAILED)
             result = -1;
     }

@@ -38,11 +38,12 @@ fwu_found fwu_log_next(fwu_log &log);
 // Next entry of that transaction, its commit entry included; FWU_END behind it.
 fwu_found fwu_log_entry(fwu_log &log, fwu_entry &entry);
 
-// Whether a file that another one follows holds whole transactions and nothing else;
-// false: the cursor's reason says what is wrong.
-bool fwu_log_ends_whole(fwu_cursor &cursor);
+// Whether a file that another one follows holds whole transactions and nothing else, as
+// far as the cursor has found; false: the verdict says what is wrong.
+bool fwu_log_ends_whole(const fwu_cursor &cursor, fwu_verdict &verdict);
 
-// Reports damage that the cursor found; returns -1.
+// Reports damage in a file, or what the cursor found; returns -1.
+int fwu_log_damage(const fwu_log_file &file, const fwu_verdict &verdict);
 int fwu_log_damage(const fwu_cursor &cursor);
 
 // For programs that show a log: what there is, in order.

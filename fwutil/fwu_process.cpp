@@ -45,12 +45,12 @@ struct run {
 
 enum outcome { GO_ON, STOPPED, FAILED };
 
-static int malformed(run &r, const fwu_entry &entry)
+static int malformed(const run &r, const fwu_entry &entry)
 {
-    fwu_cursor &cursor = r.log.cursor;
-    cursor.bad_at = cursor.read_at - static_cast<int64_t>(fwu_entry_padded(entry.length));
-    cursor.reason = "the entry's content is malformed";
-    return fwu_log_damage(cursor);
+    const fwu_cursor &cursor = r.log.cursor;
+    return fwu_log_damage(
+        cursor.file, {.at = cursor.read_at - static_cast<int64_t>(fwu_entry_padded(entry.length)),
+                      .reason = "the entry's content is malformed"});
 }
 
 // Else the position could name what the log loses.

@@ -39,7 +39,7 @@ static fwu_found learn(fwu_writer &w, fwu_cursor &cursor, bool with_layouts)
 static fwu_found learn_file(fwu_writer &w, fwu_cursor &cursor, const fwu_log_file &file, bool last)
 {
     fwu_cursor_close(cursor);
-    cursor.header_read = false; // files are read in any order
+    cursor = fwu_cursor(); // files are read in any order
     if (fwu_cursor_open(cursor, file) != 0)
         return FWU_FAILED;
     fwu_found found = FWU_FOUND;
@@ -93,7 +93,7 @@ static bool ends_too_early(fwu_writer &w, const fwu_cursor &cursor,
         return false;
     if (end.tag == 0)
         end = last_commit_before(w, files);
-    (void)fwu_ack_missing(w.directory, w.acked, end, cursor.reason);
+    (void)fwu_ack_missing(w.directory, w.acked, end, cursor.verdict.reason);
     return true;
 }
 
@@ -153,15 +153,16 @@ int fwu_keep_piece(const std::string &from, int64_t offset, int64_t end, const s
 static int cut_off(fwu_writer &w, const fwu_cursor &cursor, int64_t length)
 {
     const std::string name = "cut-" + w.file.name + "-" + std::to_string(w.end);
-    const char *what = cursor.reason == nullptr ? "the rest of a transaction that was not finished"
-                       : w.have_ack             ? "never acknowledged, and not whole"
+    const char *what = cursor.verdict.reason == nullptr
+                           ? "the rest of a transaction that was not finished"
+                       : w.have_ack ? "never acknowledged, and not whole"
                                     : "not known whether it was acknowledged, and not whole";
     const auto cut = [&](const std::string &kept) {
         fwu_warn("%s: cut %lld bytes behind offset %lld: %s%s", w.file.path.c_str(),
                  static_cast<long long>(length), static_cast<long long>(w.end), what, kept.c_str());
         return fwu_writer_cut_tail(w);
     };
-    if (cursor.reason == nullptr)
+    if (cursor.verdict.reason == nullptr)
         return cut("");
     if (fwu_keep_piece(w.file.path, w.end, INT64_MAX, w.directory + "/" + name, w.file_mode) == 0) {
         drop_older_pieces(w, name);
@@ -258,7 +259,7 @@ static int read_last(fwu_writer &w, fwu_cursor &cursor, const std::vector<fwu_lo
     if (ends_too_early(w, cursor, files))
         return -1;
     if (found == FWU_DAMAGED &&
-        (cursor.foreign || (!w.have_ack && (cursor.header_read || !fwu_all_zero(file)))))
+        (cursor.verdict.foreign || (!w.have_ack && (cursor.header_read || !fwu_all_zero(file)))))
         return fwu_log_damage(cursor);
     return 0;
 }
@@ -313,8 +314,10 @@ int fwu_recover(fwu_writer &w)
         const fwu_found found = learn_file(w, older, files[i - 1], false);
         if (found == FWU_FAILED)
             result = -1;
-        else if (found == FWU_DAMAGED || !fwu_log_ends_whole(older))
+        else if (found == FWU_DAMAGED)
             result = fwu_log_damage(older);
+        else if (fwu_verdict verdict; !fwu_log_ends_whole(older, verdict))
+            result = fwu_log_damage(older.file, verdict);
         joined = joined && follows(files[i], files[i - 1]);
         if (joined && recnum_before == 0)
             recnum_before = older.last_recnum;
@@ -325,12 +328,9 @@ int fwu_recover(fwu_writer &w)
         }
     }
     const char *gap = result == 0 ? fwu_recnum_gap(recnum_before, cursor.first_recnum) : nullptr;
-    if (gap != nullptr) {
-        cursor.gap = true;
-        cursor.bad_at = FWU_FILE_HEADER_SIZE; // no transaction is without records
-        cursor.reason = gap;
-        result = fwu_log_damage(cursor);
-    }
+    if (gap != nullptr) // it is at the beginning: no transaction is without records
+        result =
+            fwu_log_damage(cursor.file, {.at = FWU_FILE_HEADER_SIZE, .reason = gap, .gap = true});
     // A log that is refused stays as it is.
     if (result == 0)
         result = make_ready(w, cursor);

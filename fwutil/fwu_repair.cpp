@@ -23,11 +23,11 @@ struct file_end {
     fwu_ack last;         // and the last of them
 };
 
-static int newer(const fwu_cursor &cursor, const char *reason)
+static int newer(const fwu_cursor &cursor)
 {
     return fwu_error("%s: not repaired, since a newer version has written it: %s; nothing was "
                      "changed",
-                     cursor.file.path.c_str(), reason);
+                     cursor.file.path.c_str(), cursor.verdict.reason);
 }
 
 static void set_damage(fwu_repair &repair, const fwu_log_file &file, int64_t at, const char *reason)
@@ -58,7 +58,7 @@ static fwu_found check_entries(fwu_repair &repair, fwu_cursor &cursor, fwu_layou
         return FWU_DAMAGED;
     }
     if (found == FWU_DAMAGED)
-        set_damage(repair, cursor.file, cursor.bad_at, cursor.reason);
+        set_damage(repair, cursor.file, cursor.verdict.at, cursor.verdict.reason);
     return found;
 }
 
@@ -67,7 +67,7 @@ static bool may_be_tail(const fwu_repair &repair, const fwu_cursor &cursor)
 {
     const fwu_log_file &file = cursor.file;
     const fwu_position &acked = repair.acked.position;
-    if (cursor.foreign || cursor.gap)
+    if (cursor.verdict.foreign || cursor.verdict.gap)
         return false;
     if (!repair.have_ack)
         return !cursor.header_read && fwu_all_zero(file);
@@ -99,18 +99,19 @@ static int look_at_file(fwu_repair &repair, fwu_cursor &cursor, const fwu_log_fi
         return -1;
     if (repair.reason == nullptr) {
         end.whole = cursor.header_read ? cursor.tx_end : 0;
-        if (found == FWU_END && !last && !fwu_log_ends_whole(cursor))
+        fwu_verdict verdict = cursor.verdict;
+        if (found == FWU_END && !last && !fwu_log_ends_whole(cursor, verdict))
             found = FWU_DAMAGED;
         if (found == FWU_DAMAGED && !(last && may_be_tail(repair, cursor)))
-            set_damage(repair, file, cursor.bad_at, cursor.reason);
+            set_damage(repair, file, verdict.at, verdict.reason);
     }
     end.damaged = repair.reason != nullptr;
     fwu_file_header header;
     if (repair.reason == FWU_UNKNOWN_KIND)
-        return newer(cursor, cursor.reason);
-    const fwu_found good = cursor.foreign ? fwu_log_header(file, header) : FWU_FOUND;
+        return newer(cursor);
+    const fwu_found good = cursor.verdict.foreign ? fwu_log_header(file, header) : FWU_FOUND;
     if (good == FWU_END)
-        return newer(cursor, cursor.reason);
+        return newer(cursor);
     return good == FWU_FAILED ? -1 : 0;
 }
 

@@ -5,22 +5,12 @@
 
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_config.h"
+#include "fwutil/fwu_repair_look.h"
 
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
-
-// What is whole of that which goes: transactions by their commit entries, and records
-// whether their transaction is whole or not.
-struct fwu_lost {
-    uint64_t transactions = 0;
-    uint64_t records = 0;
-    fwu_position first; // of the first and the last of these commit entries
-    fwu_position last;
-    uint64_t first_lsn = 0; // source positions in them
-    uint64_t last_lsn = 0;
-};
 
 // A log file that goes, or its end does.
 struct fwu_kept {

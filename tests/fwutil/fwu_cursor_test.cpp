@@ -361,7 +361,7 @@ TEST_F(FollowedFile, ATailThatIsReplacedAtAnyPointIsReadAsItIsNow)
                 ASSERT_EQ(fwu_cursor_next(fresh), FWU_END) << cut;
                 rewrite(other);
             }
-            ASSERT_EQ(fwu_cursor_next(fresh), FWU_FOUND) << cut << " " << fresh.reason;
+            ASSERT_EQ(fwu_cursor_next(fresh), FWU_FOUND) << cut << " " << fresh.verdict.reason;
             std::swap(cursor, fresh);
             EXPECT_EQ(entries(), (std::vector<int32_t>{1007, 1008})) << cut;
             std::swap(cursor, fresh);
