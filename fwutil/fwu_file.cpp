@@ -1,4 +1,4 @@
-// Making files.
+// Making, reading and copying files.
 #include "fwutil/fwu_file.h"
 
 #include "fwutil/fwu_error.h"
@@ -9,6 +9,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
+
+constexpr size_t COPY_SIZE = size_t{1} << 20;
 
 int fwu_file_error(const std::string &path, const char *what)
 {
@@ -67,4 +70,42 @@ int fwu_directory_sync(const std::string &directory)
     return fwu_path_sync(directory) == 0
                ? 0
                : fwu_file_error(directory, "cannot bring the log directory to disk");
+}
+
+bool fwu_file_all_zero(const std::string &path)
+{
+    std::vector<char> bytes(COPY_SIZE);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ssize_t n = fd < 0 ? -1 : 0;
+    while (fd >= 0 && (n = read(fd, bytes.data(), bytes.size())) > 0)
+        if (std::any_of(bytes.begin(), bytes.begin() + n, [](char c) { return c != 0; }))
+            break;
+    if (fd >= 0)
+        close(fd);
+    return n == 0;
+}
+
+int fwu_file_copy(const std::string &from, int64_t offset, int64_t end, const std::string &to,
+                  mode_t mode)
+{
+    std::vector<unsigned char> bytes(COPY_SIZE);
+    const int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    const int out = in < 0 ? -1 : fwu_file_open(to, O_WRONLY | O_TRUNC, mode);
+    bool good = out >= 0;
+    int64_t at = offset;
+    for (ssize_t n = 1; good && n > 0 && at < end; at += n) {
+        const auto wanted = static_cast<size_t>(std::min(end - at, int64_t{COPY_SIZE}));
+        n = pread(in, bytes.data(), wanted, at);
+        good = n >= 0 && fwu_write_all(out, bytes.data(), static_cast<size_t>(n), at - offset) == 0;
+    }
+    good = good && fsync(out) == 0;
+    const int failed = errno;
+    if (in >= 0)
+        close(in);
+    if (out >= 0)
+        close(out);
+    if (out >= 0 && !good)
+        (void)unlink(to.c_str()); // part of it is of no use
+    errno = failed;
+    return good ? 0 : -1;
 }

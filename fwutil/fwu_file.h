@@ -18,6 +18,14 @@ int fwu_file_open(const std::string &path, int flags, mode_t mode);
 // Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
 int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
 
+// Whether the file holds zeros only: a system that went down before it wrote it.
+bool fwu_file_all_zero(const std::string &path);
+
+// Copies what stands between two offsets of a file, or up to its end, into a file of its
+// own, on disk; 0, or -1 with errno and nothing left.
+int fwu_file_copy(const std::string &from, int64_t offset, int64_t end, const std::string &to,
+                  mode_t mode);
+
 // The directory that a path's name stands in, "." where the path is a name alone.
 std::string fwu_directory_of(const std::string &path);
 

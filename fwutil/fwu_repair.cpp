@@ -5,9 +5,11 @@
 #include "fwutil/fwu_repair.h"
 
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_layout_check.h"
+#include "fwutil/fwu_log.h"
+#include "fwutil/fwu_log_end.h"
 #include "fwutil/fwu_repair_look.h"
-#include "fwutil/fwu_writer_state.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -70,7 +72,7 @@ static bool may_be_tail(const fwu_repair &repair, const fwu_cursor &cursor)
     if (cursor.verdict.foreign || cursor.verdict.gap)
         return false;
     if (!repair.have_ack)
-        return !cursor.header_read && fwu_all_zero(file);
+        return !cursor.header_read && fwu_file_all_zero(file.path);
     const std::pair acked_file(acked.generation, acked.sequence);
     const std::pair this_file(file.generation, file.sequence);
     return acked_file < this_file || (acked_file == this_file && repair.acked.end <= cursor.tx_end);
@@ -222,12 +224,12 @@ int fwu_repair_open(fwu_repair &repair, const fwu_config &config, bool only_look
 {
     std::vector<fwu_log_file> files;
     repair.directory = config.log_directory;
-    if (fwu_writer_mode(repair.directory, config.log_mode, repair.file_mode) != 0)
+    if (fwu_log_end_mode(repair.directory, config.log_mode, repair.file_mode) != 0)
         return -1;
     // Nobody writes where there is no lock file, or a file system that is only read.
     if (!only_look || access((repair.directory + "/writer.lock").c_str(), W_OK) == 0 ||
         (errno != ENOENT && errno != EROFS)) {
-        repair.lock_fd = fwu_writer_lock(repair.directory, repair.file_mode);
+        repair.lock_fd = fwu_log_end_lock(repair.directory, repair.file_mode);
         if (repair.lock_fd < 0)
             return -1;
     }
@@ -243,7 +245,7 @@ static int copy_end(const fwu_repair &repair, const fwu_kept &kept)
 {
     const std::string temporary = repair.directory + "/new-cut-piece";
     const std::string path = repair.directory + "/" + kept.name;
-    if (fwu_keep_piece(kept.file.path, kept.offset, INT64_MAX, temporary, repair.file_mode) != 0)
+    if (fwu_file_copy(kept.file.path, kept.offset, INT64_MAX, temporary, repair.file_mode) != 0)
         return fwu_file_error(path, "cannot keep what is cut off; nothing was changed");
     if (rename(temporary.c_str(), path.c_str()) != 0) {
         (void)fwu_file_error(path, "cannot keep what is cut off; nothing was changed");
@@ -289,7 +291,7 @@ static int cut_file(const fwu_repair &repair, const fwu_kept &kept)
     const std::string temporary = repair.directory + "/new-log-file";
     struct stat about = {};
     if (stat(path.c_str(), &about) == 0 &&
-        fwu_keep_piece(path, 0, kept.offset, temporary, repair.file_mode) == 0) {
+        fwu_file_copy(path, 0, kept.offset, temporary, repair.file_mode) == 0) {
         // As it was, if the system lets us; else it is ours like all that we make.
         (void)!chown(temporary.c_str(), about.st_uid, about.st_gid);
         (void)chmod(temporary.c_str(), about.st_mode & 07777);

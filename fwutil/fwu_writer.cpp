@@ -5,7 +5,9 @@
 
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_error.h"
-#include "fwutil/fwu_writer_state.h"
+#include "fwutil/fwu_file.h"
+#include "fwutil/fwu_recover.h"
+#include "fwutil/fwu_txn.h"
 #include "fwutil/fwutil.h"
 
 #include <algorithm>
@@ -18,103 +20,47 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-void fwu_writer_key(fwu_writer &w, const std::string &dbname, const std::string &dsetname)
-{
-    w.key = dbname;
-    w.key += '\0';
-    w.key += dsetname;
-}
+struct fwu_writer {
+    fwu_log_end log;
+    int lock_fd = -1;
+    int64_t log_file_size = 0;
+    fwu_sync_mode sync = FWU_SYNC_COMMIT;
+    int64_t sync_interval_ms = 0;
+    int64_t unsynced_since = 0; // when the first commit that is not known to be on disk was
+                                // appended, monotonic milliseconds
 
-int fwu_writer_cut_tail(fwu_writer &w)
-{
-    if (ftruncate(w.fd, w.end) != 0) {
-        w.torn = true;
-        return fwu_file_error(w.file.path, "cannot cut the log file back to its last transaction");
-    }
-    w.torn = false;
-    return 0;
-}
-
-int fwu_writer_put_header(fwu_writer &w, int fd, const fwu_log_file &file, fwu_file_header &header)
-{
-    unsigned char bytes[FWU_FILE_HEADER_SIZE];
-    if (!fwu_identity_known(w.identity) &&
-        fwu_random(w.identity.bytes, sizeof w.identity.bytes) != 0)
-        return -1;
-    if (fwu_random(header.salt.data(), header.salt.size()) != 0)
-        return -1;
-    header.version = FWU_VERSION_SALTED;
-    header.identity = w.identity;
-    header.big_endian = w.big_endian;
-    header.generation = file.generation;
-    header.sequence = file.sequence;
-    header.created_us = fwu_now_us();
-    fwu_file_header_put(bytes, header);
-    if (fwu_write_all(fd, bytes, sizeof bytes, 0) != 0)
-        return fwu_file_error(file.path, "cannot create the log file");
-    return 0;
-}
-
-static int lock_error(const std::string &path, int fd)
-{
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (errno != EACCES && errno != EAGAIN)
-        return fwu_file_error(path, "cannot lock the log for writing");
-    if (fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK)
-        return fwu_error("%s: another writer, process %ld, has the log open; stop it first",
-                         path.c_str(), static_cast<long>(lock.l_pid));
-    return fwu_error("%s: another writer has the log open; stop it first", path.c_str());
-}
-
-int fwu_writer_lock(const std::string &directory, mode_t mode)
-{
-    const std::string path = directory + "/writer.lock";
-    const int fd = fwu_file_open(path, O_RDWR, mode);
-    if (fd < 0)
-        return fwu_file_error(path, "cannot open the writer's lock file");
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (fcntl(fd, F_SETLK, &lock) == 0)
-        return fd;
-    (void)lock_error(path, fd);
-    close(fd);
-    return -1;
-}
-
-int fwu_writer_mode(const std::string &directory, int log_mode, mode_t &mode)
-{
-    struct stat st = {};
-    if (stat(directory.c_str(), &st) != 0)
-        return fwu_file_error(directory, "cannot open the log directory");
-    mode = log_mode >= 0 ? static_cast<mode_t>(log_mode) : 0600 | (st.st_mode & 0666);
-    return 0;
-}
+    bool open = false;      // a transaction has begun
+    bool failed = false;    // ... and one of its records was refused
+    bool next_file = false; // it goes into a new file
+    bool records = false;   // it has some
+    int32_t recnum = 0;     // last one that it uses
+    fwu_txn txn;
+    fwu_layout_map txn_layouts; // that it puts into the log
+    std::string key;            // scratch for the maps' keys
+};
 
 // The directory, and the mode of the files that will be made in it.
 static int make_directory(fwu_writer &w, int log_mode)
 {
     const auto mode = static_cast<mode_t>(log_mode >= 0 ? log_mode : 0600);
-    if (mkdir(w.directory.c_str(), 0700) == 0)
-        (void)chmod(w.directory.c_str(), mode | (mode & 0444) >> 2); // who reads may enter
+    if (mkdir(w.log.directory.c_str(), 0700) == 0)
+        (void)chmod(w.log.directory.c_str(), mode | (mode & 0444) >> 2); // who reads may enter
     else if (errno != EEXIST)
-        return fwu_file_error(w.directory, "cannot create the log directory");
-    return fwu_writer_mode(w.directory, log_mode, w.file_mode);
+        return fwu_file_error(w.log.directory, "cannot create the log directory");
+    return fwu_log_end_mode(w.log.directory, log_mode, w.log.file_mode);
 }
 
 static int take_lock(fwu_writer &w)
 {
-    w.lock_fd = fwu_writer_lock(w.directory, w.file_mode);
+    w.lock_fd = fwu_log_end_lock(w.log.directory, w.log.file_mode);
     return w.lock_fd < 0 ? -1 : 0;
 }
 
 static void release(fwu_writer *w)
 {
     fwu_txn_end(w->txn);
-    if (w->fd >= 0)
-        close(w->fd);
+    if (w->log.fd >= 0)
+        close(w->log.fd);
     if (w->lock_fd >= 0)
         close(w->lock_fd);
     delete w;
@@ -124,12 +70,13 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
 {
     *writer = nullptr;
     auto w = std::make_unique<fwu_writer>();
-    w->directory = config.log_directory;
+    w->log.directory = config.log_directory;
     w->log_file_size = config.log_file_size;
-    w->big_endian = config.big_endian;
+    w->log.big_endian = config.big_endian;
     w->sync = config.sync;
     w->sync_interval_ms = config.sync_interval_ms;
-    if (make_directory(*w, config.log_mode) == 0 && take_lock(*w) == 0 && fwu_recover(*w) == 0) {
+    if (make_directory(*w, config.log_mode) == 0 && take_lock(*w) == 0 &&
+        fwu_recover(w->log) == 0) {
         *writer = w.release();
         return 0;
     }
@@ -139,12 +86,12 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
 
 uint64_t fwu_writer_last_lsn(const fwu_writer *writer)
 {
-    return writer->last.lsn;
+    return writer->log.last.lsn;
 }
 
 const fwu_commit &fwu_writer_last_commit(const fwu_writer *writer)
 {
-    return writer->last;
+    return writer->log.last;
 }
 
 static bool text_ok(const std::string &text)
@@ -180,32 +127,32 @@ int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
     fwu_writer &w = *writer;
     if (w.open)
         return fwu_error("%s: a transaction is open already; commit it or roll it back first",
-                         w.directory.c_str());
+                         w.log.directory.c_str());
     if (session != nullptr && check_session(*session) != 0)
         return -1;
-    w.next_file =
-        w.file.generation == 0 || w.header.version == FWU_VERSION_PLAIN || w.end >= w.log_file_size;
-    fwu_txn_begin(w.txn, w.next_file ? 1 : w.last_tag + 1);
+    w.next_file = w.log.file.generation == 0 || w.log.header.version == FWU_VERSION_PLAIN ||
+                  w.log.end >= w.log_file_size;
+    fwu_txn_begin(w.txn, w.next_file ? 1 : w.log.last_tag + 1);
     w.txn_layouts.clear();
-    w.recnum = w.last_recnum;
+    w.recnum = w.log.last_recnum;
     w.open = true;
     w.failed = false;
     w.records = false;
     if (session == nullptr)
         return 0;
     fwu_entry_put_session(w.txn.entries, w.txn.tag + 1, *session);
-    return fwu_txn_added(w.txn, w.directory) != 0 ? refuse(w) : 0;
+    return fwu_txn_added(w.txn, w.log.directory) != 0 ? refuse(w) : 0;
 }
 
 int fwu_writer_session(fwu_writer *writer, const fwu_session &session)
 {
     fwu_writer &w = *writer;
     if (!w.open)
-        return fwu_error("%s: a session outside a transaction", w.directory.c_str());
+        return fwu_error("%s: a session outside a transaction", w.log.directory.c_str());
     if (check_session(session) != 0)
         return -1;
     fwu_entry_put_session(w.txn.entries, w.txn.tag + 1, session);
-    return fwu_txn_added(w.txn, w.directory) != 0 ? refuse(w) : 0;
+    return fwu_txn_added(w.txn, w.log.directory) != 0 ? refuse(w) : 0;
 }
 
 static int check_layout(const fwu_layout &layout)
@@ -259,11 +206,11 @@ static int check_change(const fwu_layout &layout, const fwu_change &change)
 // Puts the layout into the transaction unless it stands in the file already.
 static int put_layout(fwu_writer &w, const fwu_layout &layout)
 {
-    fwu_writer_key(w, layout.dbname, layout.dsetname);
+    fwu_layout_key(w.key, layout.dbname, layout.dsetname);
     auto known = w.txn_layouts.find(w.key);
     if (known == w.txn_layouts.end() && !w.next_file) {
-        known = w.layouts.find(w.key);
-        if (known != w.layouts.end() && known->second == layout)
+        known = w.log.layouts.find(w.key);
+        if (known != w.log.layouts.end() && known->second == layout)
             return 0;
     } else if (known != w.txn_layouts.end() && known->second == layout) {
         return 0;
@@ -271,7 +218,7 @@ static int put_layout(fwu_writer &w, const fwu_layout &layout)
     if (check_layout(layout) != 0)
         return -1;
     fwu_entry_put_layout(w.txn.entries, w.txn.tag + 1, layout);
-    if (fwu_txn_added(w.txn, w.directory) != 0)
+    if (fwu_txn_added(w.txn, w.log.directory) != 0)
         return refuse(w);
     w.txn_layouts[w.key] = layout;
     return 0;
@@ -282,7 +229,7 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
 {
     fwu_writer &w = *writer;
     if (!w.open)
-        return fwu_error("%s: a record outside a transaction", w.directory.c_str());
+        return fwu_error("%s: a record outside a transaction", w.log.directory.c_str());
     fwu_change change;
     change.dbname = layout.dbname.c_str();
     change.dsetname = layout.dsetname.c_str();
@@ -296,84 +243,42 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
         return -1;
     if (w.txn.tag > INT32_MAX - 4)
         return fwu_error("%s: the transaction has too many entries for one log file",
-                         w.directory.c_str());
+                         w.log.directory.c_str());
     if (put_layout(w, layout) != 0)
         return -1;
     fwu_entry_put_change(w.txn.entries, w.txn.tag + 1, change);
-    if (fwu_txn_added(w.txn, w.directory) != 0)
+    if (fwu_txn_added(w.txn, w.log.directory) != 0)
         return refuse(w);
     w.recnum = change.recnum;
     w.records = true;
     return 0;
 }
 
-// Nothing counts as logged any more, neither here nor in the next run before the
-// file has been written again.
-static int sync_failed(fwu_writer &w, int result)
-{
-    w.sync_failed = true;
-    const std::string mark = w.directory + "/" + FWU_SYNC_FAILED;
-    const int fd = fwu_file_open(mark, O_WRONLY, w.file_mode);
-    if (fd >= 0)
-        close(fd);
-    return result;
-}
-
-static int sync_file(fwu_writer &w)
-{
-    if (fdatasync(w.fd) == 0)
-        return 0;
-    return sync_failed(w, fwu_file_error(w.file.path, "cannot bring the log file to disk"));
-}
-
-// Keeps what is on disk as acknowledged, in a file made for it where there is none.
-static int keep_acknowledged(fwu_writer &w)
-{
-    // A log of version 1 has no identity; the first file of version 2 takes this one.
-    if (!fwu_identity_known(w.identity) &&
-        fwu_random(w.identity.bytes, sizeof w.identity.bytes) != 0)
-        return -1;
-    fwu_ack next = w.synced;
-    next.identity = w.identity;
-    next.number = w.acked.number;
-    next.lost = w.acked.lost;
-    next.commit.lsn = std::max(next.commit.lsn, w.acked.lost ? w.acked.commit.lsn : 0);
-    const int result = w.have_ack ? fwu_ack_write(w.directory, next)
-                                  : fwu_ack_create(w.directory, next, w.file_mode);
-    if (result != 0)
-        return result;
-    w.acked = next;
-    w.have_ack = true;
-    return 0;
-}
-
 int fwu_writer_acknowledge(fwu_writer *writer)
 {
     fwu_writer &w = *writer;
-    if (w.sync == FWU_SYNC_NONE && w.unsynced && fwu_writer_sync(writer) != 0)
+    if (w.sync == FWU_SYNC_NONE && w.log.unsynced && fwu_log_end_sync(w.log) != 0)
         return -1;
-    if (w.synced.position == w.acked.position)
-        return 0;
-    return keep_acknowledged(w);
+    return fwu_log_end_acknowledge(w.log);
 }
 
 bool fwu_writer_lost(const fwu_writer *writer, uint64_t *lsn)
 {
-    *lsn = writer->acked.commit.lsn;
-    return writer->acked.lost;
+    *lsn = writer->log.acked.commit.lsn;
+    return writer->log.acked.lost;
 }
 
 int fwu_writer_accept_loss(fwu_writer *writer)
 {
-    if (!writer->acked.lost)
+    if (!writer->log.acked.lost)
         return 0;
-    writer->acked.lost = false;
-    return keep_acknowledged(*writer);
+    writer->log.acked.lost = false;
+    return fwu_log_end_keep(writer->log);
 }
 
 mode_t fwu_writer_file_mode(const fwu_writer *writer)
 {
-    return writer->file_mode;
+    return writer->log.file_mode;
 }
 
 // Makes the file behind the last one.  Whatever sync says, the last one is on disk
@@ -382,25 +287,25 @@ mode_t fwu_writer_file_mode(const fwu_writer *writer)
 static int begin_file(fwu_writer &w)
 {
     fwu_log_file file;
-    file.generation = w.file.generation == 0 ? 1 : w.file.generation;
-    file.sequence = w.file.sequence + 1;
+    file.generation = w.log.file.generation == 0 ? 1 : w.log.file.generation;
+    file.sequence = w.log.file.sequence + 1;
     if (file.sequence > FWU_SEQUENCE_MAX)
-        return fwu_error("%s: the log has used all its %d file numbers", w.directory.c_str(),
+        return fwu_error("%s: the log has used all its %d file numbers", w.log.directory.c_str(),
                          FWU_SEQUENCE_MAX);
     file.name = fwu_log_file_name(file.generation, file.sequence);
-    file.path = w.directory + "/" + file.name;
-    const std::string temporary = w.directory + "/new-log-file";
-    if (w.fd >= 0 && fwu_writer_sync(&w) != 0)
+    file.path = w.log.directory + "/" + file.name;
+    const std::string temporary = w.log.directory + "/new-log-file";
+    if (w.log.fd >= 0 && fwu_log_end_sync(w.log) != 0)
         return -1;
-    const int fd = fwu_file_open(temporary, O_RDWR | O_TRUNC, w.file_mode);
+    const int fd = fwu_file_open(temporary, O_RDWR | O_TRUNC, w.log.file_mode);
     if (fd < 0)
         return fwu_file_error(temporary, "cannot create a log file");
     fwu_file_header header;
-    int result = fwu_writer_put_header(w, fd, file, header);
+    int result = fwu_log_end_put_header(w.log, fd, file, header);
     if (result == 0 && fdatasync(fd) != 0)
         result = fwu_file_error(file.path, "cannot bring the log file to disk");
-    if (result == 0 && (!w.have_ack || w.synced.position != w.acked.position))
-        result = keep_acknowledged(w);
+    if (result == 0 && (!w.log.have_ack || w.log.synced.position != w.log.acked.position))
+        result = fwu_log_end_keep(w.log);
     if (result == 0 && rename(temporary.c_str(), file.path.c_str()) != 0)
         result = fwu_file_error(file.path, "cannot create the log file");
     if (result != 0) {
@@ -408,22 +313,22 @@ static int begin_file(fwu_writer &w)
         (void)unlink(temporary.c_str()); // the next attempt would truncate it
         return result;
     }
-    if (w.fd >= 0)
-        close(w.fd);
-    w.fd = fd;
-    w.file = file;
-    w.header = header;
-    w.end = FWU_FILE_HEADER_SIZE;
-    w.last_tag = 0;
-    w.torn = false;
-    w.new_name = true;
-    w.layouts.clear();
+    if (w.log.fd >= 0)
+        close(w.log.fd);
+    w.log.fd = fd;
+    w.log.file = file;
+    w.log.header = header;
+    w.log.end = FWU_FILE_HEADER_SIZE;
+    w.log.last_tag = 0;
+    w.log.torn = false;
+    w.log.new_name = true;
+    w.log.layouts.clear();
     return 0;
 }
 
 static int append(fwu_writer &w, const fwu_commit &commit)
 {
-    if (w.torn && fwu_writer_cut_tail(w) != 0)
+    if (w.log.torn && fwu_log_end_cut_tail(w.log) != 0)
         return -1;
     if (w.next_file && begin_file(w) != 0)
         return -1;
@@ -431,24 +336,24 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     entry.commit = commit;
     entry.entries = w.txn.count;
     entry.chain = w.txn.chain;
-    fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry, w.header,
-                         w.end + w.txn.spilled + static_cast<int64_t>(w.txn.entries.size()));
-    if (fwu_txn_write(w.txn, w.fd, w.file.path, w.end) != 0) {
-        (void)fwu_writer_cut_tail(w); // reported, and tried again before the next transaction
+    fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry, w.log.header,
+                         w.log.end + w.txn.spilled + static_cast<int64_t>(w.txn.entries.size()));
+    if (fwu_txn_write(w.txn, w.log.fd, w.log.file.path, w.log.end) != 0) {
+        (void)fwu_log_end_cut_tail(w.log); // reported, and tried again before the next transaction
         return -1;
     }
-    w.end += w.txn.spilled + static_cast<int64_t>(w.txn.entries.size());
-    w.last_tag = w.txn.tag + 1;
-    w.last_recnum = w.recnum;
-    w.last = commit;
-    w.here.position = {w.file.generation, w.file.sequence, w.last_tag};
-    w.here.end = w.end;
-    w.here.commit = commit;
-    if (!w.unsynced)
+    w.log.end += w.txn.spilled + static_cast<int64_t>(w.txn.entries.size());
+    w.log.last_tag = w.txn.tag + 1;
+    w.log.last_recnum = w.recnum;
+    w.log.last = commit;
+    w.log.here.position = {w.log.file.generation, w.log.file.sequence, w.log.last_tag};
+    w.log.here.end = w.log.end;
+    w.log.here.commit = commit;
+    if (!w.log.unsynced)
         w.unsynced_since = fwu_monotonic_ms();
-    w.unsynced = true;
+    w.log.unsynced = true;
     for (auto &[key, layout] : w.txn_layouts)
-        w.layouts[key] = std::move(layout);
+        w.log.layouts[key] = std::move(layout);
     return 0;
 }
 
@@ -456,11 +361,11 @@ int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit)
 {
     fwu_writer &w = *writer;
     if (!w.open)
-        return fwu_error("%s: a commit outside a transaction", w.directory.c_str());
+        return fwu_error("%s: a commit outside a transaction", w.log.directory.c_str());
     int result = 0;
     if (w.failed)
         result = fwu_error("%s: the transaction is given up: part of it could not be kept",
-                           w.directory.c_str());
+                           w.log.directory.c_str());
     else if (w.records)
         result = append(w, commit);
     fwu_writer_rollback(writer);
@@ -476,19 +381,7 @@ void fwu_writer_rollback(fwu_writer *writer)
 
 int fwu_writer_sync(fwu_writer *writer)
 {
-    fwu_writer &w = *writer;
-    if (w.sync_failed)
-        return fwu_error("%s: the log file could not be brought to disk before; start anew",
-                         w.file.path.c_str());
-    if (w.fd >= 0 && sync_file(w) != 0)
-        return -1;
-    if (w.new_name && fwu_directory_sync(w.directory) != 0)
-        return sync_failed(w, -1);
-    w.new_name = false;
-    w.unsynced = false;
-    w.synced = w.here;
-    w.synced_lsn = w.last.lsn;
-    return 0;
+    return fwu_log_end_sync(writer->log);
 }
 
 // How long a commit may wait for its sync.
@@ -503,7 +396,7 @@ static int64_t longest_wait_ms(const fwu_writer &w, bool more_waits)
 int fwu_writer_settle(fwu_writer *writer, bool more_waits)
 {
     const fwu_writer &w = *writer;
-    if (!w.unsynced || w.sync == FWU_SYNC_NONE)
+    if (!w.log.unsynced || w.sync == FWU_SYNC_NONE)
         return 0;
     const int64_t longest = longest_wait_ms(w, more_waits);
     if (longest > 0 && fwu_monotonic_ms() - w.unsynced_since < longest)
@@ -514,7 +407,7 @@ int fwu_writer_settle(fwu_writer *writer, bool more_waits)
 int fwu_writer_settle_in(const fwu_writer *writer)
 {
     const fwu_writer &w = *writer;
-    if (!w.unsynced || w.sync == FWU_SYNC_NONE)
+    if (!w.log.unsynced || w.sync == FWU_SYNC_NONE)
         return -1;
     const int64_t waited = fwu_monotonic_ms() - w.unsynced_since;
     return static_cast<int>(std::max<int64_t>(longest_wait_ms(w, false) - waited, 0));
@@ -522,14 +415,14 @@ int fwu_writer_settle_in(const fwu_writer *writer)
 
 uint64_t fwu_writer_logged_lsn(const fwu_writer *writer)
 {
-    return writer->sync == FWU_SYNC_NONE ? writer->last.lsn : writer->synced_lsn;
+    return writer->sync == FWU_SYNC_NONE ? writer->log.last.lsn : writer->log.synced_lsn;
 }
 
 int fwu_writer_close(fwu_writer *writer)
 {
     if (writer == nullptr)
         return 0;
-    const bool wants_sync = writer->sync != FWU_SYNC_NONE && !writer->sync_failed;
+    const bool wants_sync = writer->sync != FWU_SYNC_NONE && !writer->log.sync_failed;
     const int result = wants_sync ? fwu_writer_sync(writer) : 0;
     release(writer);
     return result;
