@@ -1,8 +1,8 @@
 // Packed and zoned decimal numbers as text columns.
 #include "ascii/ascii_dec.h"
 
-#include "ascii/put_ascii.h"
-#include "capture/capinfo.h"
+#include "ascii/ascii_flags.h"
+#include "ascii/ascii_text.h"
 
 #include <array>
 #include <cstring>

@@ -2,8 +2,8 @@
 #include "ascii/ascii_num.h"
 
 #include "ascii/ascii_digits.h"
+#include "ascii/ascii_flags.h"
 #include "ascii/ascii_float.h"
-#include "capture/capinfo.h"
 
 #include <algorithm>
 #include <cstring>

@@ -8,7 +8,7 @@
 struct dsetinfo;
 
 // Appends the text of one image at *length in the record buffer, which grows as
-// needed and keeps two spare bytes behind *bufsize, and moves *length behind the
+// needed and keeps RECBUF_SPARE bytes behind *bufsize, and moves *length behind the
 // last column.  flags: ASCII_ bits.  Bytes of an element that the image does not
 // hold read as zero.  Returns 0, or the code of the message reported; the columns
 // written so far stay in the buffer then.
@@ -18,8 +18,5 @@ int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, 
 // Makes room for width bytes at length; 0, or the code of the message that
 // refused a record too long to hold.
 int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width);
-
-// Unless flags say dirty, replaces each byte outside 0x20 to 0x7E by "~".
-void clean_tgt(uint32_t flags, char *bytes, int64_t n);
 
 #endif

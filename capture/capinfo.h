@@ -3,6 +3,7 @@
 #ifndef CAPTURE_CAPINFO_H
 #define CAPTURE_CAPINFO_H
 
+#include "ascii/ascii_flags.h"
 #include "driver/base/dsetinfo.h"
 
 #include <cstdint>
@@ -17,16 +18,8 @@ constexpr uint32_t HDR_YYYY = 2;   // -yyyy
 constexpr uint32_t HDR_RECNUM = 4; // -recnum
 constexpr uint32_t HDR_FGA = 8;    // -fga
 
-// ASCII flags; 0 is a message capture file.
-constexpr uint32_t ASCII_ON = 1;      // -ascii
-constexpr uint32_t ASCII_REVERSE = 2; // -asciirev, together with ASCII_ON
-constexpr uint32_t ASCII_DIRTY = 4;   // -dirty
-constexpr uint32_t ASCII_BWFMT = 8;   // -bwfmt
-
-// Bytes of a fresh record buffer behind the header, and bytes past its size
-// that are always there for the end of a text line.
+// Bytes of a fresh record buffer behind the header.
 constexpr int RECBUF_ROOM = 256;
-constexpr int RECBUF_SPARE = 2;
 
 // Options pending for the next capture file.
 struct capcfg {

@@ -1,7 +1,7 @@
 // Packed and zoned decimal numbers as text columns.
 #include "ascii/ascii_dec.h"
 
-#include "capture/capinfo.h"
+#include "ascii/ascii_flags.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -2,8 +2,9 @@
 #ifndef TESTS_ASCII_ASCII_FIXTURE_H
 #define TESTS_ASCII_ASCII_FIXTURE_H
 
+#include "ascii/ascii_flags.h"
 #include "ascii/put_ascii.h"
-#include "capture/capinfo.h"
+#include "driver/base/dsetinfo.h"
 #include "tests/support/captured.h"
 
 #include <cstdlib>

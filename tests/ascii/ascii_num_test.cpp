@@ -1,7 +1,7 @@
 // Binary numbers as text columns.
 #include "ascii/ascii_num.h"
 
-#include "capture/capinfo.h"
+#include "ascii/ascii_flags.h"
 
 #include <cmath>
 #include <cstring>

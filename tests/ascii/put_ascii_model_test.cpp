@@ -1,5 +1,6 @@
 // Random layouts and images against a second, slow conversion.
-#include "capture/capinfo.h"
+#include "ascii/ascii_flags.h"
+#include "driver/base/dsetinfo.h"
 #include "tests/ascii/ascii_fixture.h"
 
 #include <algorithm>

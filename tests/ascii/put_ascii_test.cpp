@@ -119,13 +119,6 @@ TEST(PutAscii, TextIsCleanedUnlessDirty)
     EXPECT_EQ(image, dirty.text());
 }
 
-TEST(PutAscii, CleanTgtStopsAtItsLength)
-{
-    char bytes[] = "\x01\x02\x03";
-    clean_tgt(ASCII_ON, bytes, 2);
-    EXPECT_EQ("~~\x03"s, std::string(bytes));
-}
-
 TEST(PutAscii, ImageShorterThanTheLayout)
 {
     const walk_case cases[] = {
