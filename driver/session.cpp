@@ -101,6 +101,17 @@ int write_pidfile(const char *path)
     return rc;
 }
 
+void show_sets(const capinfo *ci, const log_record *record)
+{
+    const dsetinfo *info = ci->dsets;
+    printf("***** Dataset %s.%s has %d items\n", logrec_dbname(record), logrec_dsetname(record),
+           info->nitems);
+    for (int i = 0; i < info->nitems; i++) {
+        const dsetitem *item = info->items[i];
+        printf("    %-16s %c%3d%3d\n", item->name, item->type, item->size, item->count);
+    }
+}
+
 static int dispatch(const log_record *record)
 {
     switch (record->opcode) {

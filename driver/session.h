@@ -6,6 +6,7 @@
 #include <cstdint>
 
 struct capinfo;
+struct log_record;
 
 // Runs the session; the four file and position arguments may be null.  Returns
 // 0 or -1.  Under -bg only the child returns.
@@ -18,6 +19,9 @@ int write_pidfile(const char *path); // 0 or -1
 extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dsetname,
                          int32_t logtime, int32_t opcode, int32_t recnum, int32_t reclen,
                          const void *before_image, const void *after_image);
+
+// Prints the item layout of the record's dataset for -showsets.
+void show_sets(const capinfo *ci, const log_record *record);
 
 // The log position as "generation-sequence.tag", valid until the next call.
 const char *get_fwlog_gst();

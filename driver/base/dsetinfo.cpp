@@ -1,12 +1,9 @@
 // The item layout of the current record's dataset.
 #include "driver/base/dsetinfo.h"
 
-#include "capture/capinfo.h"
-#include "driver/base/logrec.h"
 #include "driver/base/mem.h"
 #include "fwutil/fwutil.h"
 
-#include <cstdio>
 #include <cstdlib>
 
 dsetinfo *new_dsetinfo()
@@ -52,16 +49,5 @@ void get_dsetinfo(dsetinfo *info)
             return;
         copy_name(item->name, name == nullptr ? "" : name);
         info->nitems++;
-    }
-}
-
-void show_sets(const capinfo *ci, const log_record *record)
-{
-    const dsetinfo *info = ci->dsets;
-    printf("***** Dataset %s.%s has %d items\n", logrec_dbname(record), logrec_dsetname(record),
-           info->nitems);
-    for (int i = 0; i < info->nitems; i++) {
-        const dsetitem *item = info->items[i];
-        printf("    %-16s %c%3d%3d\n", item->name, item->type, item->size, item->count);
     }
 }

@@ -5,9 +5,6 @@
 
 #include <cstdint>
 
-struct capinfo;
-struct log_record;
-
 constexpr int DSETITEM_NAME_MAX = 17;
 
 struct dsetitem {
@@ -29,8 +26,5 @@ void free_dsetinfo(dsetinfo *info); // null is allowed
 
 // Refills the layout with the library's answer for the current record.
 void get_dsetinfo(dsetinfo *info);
-
-// Prints the layout for -showsets.
-void show_sets(const capinfo *ci, const log_record *record);
 
 #endif

@@ -218,6 +218,24 @@ TEST_F(Session, LayoutOfTheSameDatasetMayChangeFromRecordToRecord)
               read_file(dir.file("f")));
 }
 
+TEST_F(Session, ShowSets)
+{
+    log_record record = {};
+    record.dbname = "ORDERS";
+    record.dsetname = "CUST";
+    EXPECT_EQ("***** Dataset ORDERS.CUST has 0 items\n",
+              capture([&] { show_sets(g_ci, &record); }).out);
+    g_fwu.items = {{"CUST-NO", 'I', 4, 1, 0},
+                   {"ABCDEFGHIJKLMNOPQRS", 'X', 30, 12, 0},
+                   {"ABCDEFGHIJKLMNOP", 'P', 1234, 5678, 0}};
+    get_dsetinfo(g_ci->dsets);
+    EXPECT_EQ("***** Dataset ORDERS.CUST has 3 items\n"
+              "    CUST-NO          I  4  1\n"
+              "    ABCDEFGHIJKLMNOPQ X 30 12\n"
+              "    ABCDEFGHIJKLMNOP P12345678\n",
+              capture([&] { show_sets(g_ci, &record); }).out);
+}
+
 TEST_F(Session, LogPosition)
 {
     g_fwu.generation = 1;

@@ -1,7 +1,6 @@
 // The item layout of the current record's dataset.
 #include "driver/base/dsetinfo.h"
 
-#include "driver/base/logrec.h"
 #include "tests/support/core_state.h"
 
 class Dsetinfo : public core_state {
@@ -64,22 +63,4 @@ TEST_F(Dsetinfo, ManyItems)
     ASSERT_EQ(1000, info->nitems);
     EXPECT_STREQ("ITEM-999", info->items[999]->name);
     EXPECT_EQ(999, info->items[999]->count);
-}
-
-TEST_F(Dsetinfo, ShowSets)
-{
-    log_record record = {};
-    record.dbname = "ORDERS";
-    record.dsetname = "CUST";
-    EXPECT_EQ("***** Dataset ORDERS.CUST has 0 items\n",
-              capture([&] { show_sets(g_ci, &record); }).out);
-    g_fwu.items = {{"CUST-NO", 'I', 4, 1, 0},
-                   {"ABCDEFGHIJKLMNOPQRS", 'X', 30, 12, 0},
-                   {"ABCDEFGHIJKLMNOP", 'P', 1234, 5678, 0}};
-    get_dsetinfo(info);
-    EXPECT_EQ("***** Dataset ORDERS.CUST has 3 items\n"
-              "    CUST-NO          I  4  1\n"
-              "    ABCDEFGHIJKLMNOPQ X 30 12\n"
-              "    ABCDEFGHIJKLMNOP P12345678\n",
-              capture([&] { show_sets(g_ci, &record); }).out);
 }
