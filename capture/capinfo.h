@@ -1,71 +1,8 @@
-// The capture configuration: the run's capinfo, the options pending for the
-// next capture file, and the capture files.
+// Making, filling and releasing the records of the capture configuration.
 #ifndef CAPTURE_CAPINFO_H
 #define CAPTURE_CAPINFO_H
 
-#include "ascii/ascii_flags.h"
-#include "driver/base/dsetinfo.h"
-
-#include <cstdint>
-
-struct ebmf;
-struct hdritem;
-struct slist;
-
-// Header options.
-constexpr uint32_t HDR_EXTHDR = 1; // -exthdr
-constexpr uint32_t HDR_YYYY = 2;   // -yyyy
-constexpr uint32_t HDR_RECNUM = 4; // -recnum
-constexpr uint32_t HDR_FGA = 8;    // -fga
-
-// Bytes of a fresh record buffer behind the header.
-constexpr int RECBUF_ROOM = 256;
-
-// Options pending for the next capture file.
-struct capcfg {
-    uint32_t hdropts;     // HDR_ bits
-    int32_t share_mode;   // 1: open the message file in shared mode; no option sets it
-    uint32_t ascii_flags; // ASCII_ bits
-    int32_t info_item;    // header item kind that -info replaces; 0: none
-    int32_t ndsets;       // number of patterns
-    char *progterm;       // owned; program-name terminator or null
-    char **dsets;         // owned; patterns as typed
-};
-
-// One capture file.
-struct capfil {
-    char *name;           // owned; the next file's name after a rollover
-    int32_t share_mode;   // as in capcfg
-    ebmf *fp;             // owned; null until the first record is written
-    char *recbuf;         // owned; the record under construction: header, then data
-    char *progterm;       // owned; program-name terminator or null
-    int32_t bufsize;      // bytes of recbuf, RECBUF_SPARE not counted; only grows
-    int32_t hdrsize;      // bytes of the header
-    uint32_t hdropts;     // HDR_ bits
-    uint32_t ascii_flags; // ASCII_ bits; nonzero: a text file
-    int32_t rollover;     // 1: next file at the size limit; 0: a full file is an error
-    int32_t maxbytes;     // size limit in bytes
-    int32_t fnum;         // file number, shown as "#%d"
-    int32_t info_item;    // as in capcfg
-    hdritem **hdritems;   // owned; null-terminated header layout
-    int32_t nwritten;     // write attempts, over the whole run
-    char op[3];           // operation code of the record: IP, IU or ID
-    int32_t npats;        // number of patterns; 0 exactly when pats is null
-    char **pats;          // owned; normalised patterns
-    slist *stats;         // owned; counts by database and dataset, or null
-    int32_t nsynced;      // nwritten when the file was brought to disk last
-    int32_t synced_end;   // of a message file: where its records ended then
-    uint64_t synced_sum;  // and their checksum there
-    int32_t name_synced;  // 1: the file's name is on disk too
-};
-
-// The run.
-struct capinfo {
-    int32_t ncf;       // number of capture files
-    capfil **capfiles; // owned; in command-line order
-    slist *skipstats;  // owned; counts of records no file took, or null
-    dsetinfo *dsets;   // owned; item layout of the current record's dataset
-};
+#include "capture/capfil.h"
 
 capinfo *new_capinfo();
 int32_t ci_get_ncf(const capinfo *ci); // 0 for null

@@ -1,7 +1,7 @@
 // Dataset patterns and record selection.
 #include "capture/dsetpat.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "driver/base/log.h"
 #include "driver/base/logrec.h"
 #include "driver/base/mem.h"

@@ -2,7 +2,7 @@
 // so nothing of the record before survives in it.
 #include "capture/header.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/hdrtext.h"
 #include "driver/base/globals.h"
 #include "driver/base/log.h"

@@ -2,7 +2,7 @@
 // totals they print differs on purpose.
 #include "capture/report.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/hdrtext.h"
 #include "capture/slist.h"
 #include "capture/stats.h"

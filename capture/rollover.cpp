@@ -1,7 +1,7 @@
 // The size limit of message capture files.
 #include "capture/rollover.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/ebmf.h"
 #include "capture/rollname.h"
 #include "capture/sync.h"

@@ -1,7 +1,7 @@
 // Counting records by database and dataset.
 #include "capture/stats.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/slist.h"
 #include "driver/base/globals.h"
 #include "driver/base/logrec.h"

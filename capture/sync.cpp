@@ -2,7 +2,7 @@
 // were on disk then.
 #include "capture/sync.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/ebmf.h"
 #include "capture/settings.h"
 #include "capture/syncmark.h"

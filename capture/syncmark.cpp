@@ -1,7 +1,7 @@
 // The mark's text.
 #include "capture/syncmark.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/ebmf.h"
 #include "driver/base/log.h"
 

@@ -2,7 +2,7 @@
 // thrown away: what is cut off stays in a file beside.
 #include "capture/textfile.h"
 
-#include "capture/capinfo.h"
+#include "capture/capfil.h"
 #include "capture/settings.h"
 #include "driver/base/globals.h"
 #include "driver/base/log.h"
