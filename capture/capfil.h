@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+struct cap_format;
 struct ebmf;
 struct hdritem;
 struct slist;
@@ -34,29 +35,30 @@ struct capcfg {
 
 // One capture file.
 struct capfil {
-    char *name;           // owned; the next file's name after a rollover
-    int32_t share_mode;   // as in capcfg
-    ebmf *fp;             // owned; null until the first record is written
-    char *recbuf;         // owned; the record under construction: header, then data
-    char *progterm;       // owned; program-name terminator or null
-    int32_t bufsize;      // bytes of recbuf, RECBUF_SPARE not counted; only grows
-    int32_t hdrsize;      // bytes of the header
-    uint32_t hdropts;     // HDR_ bits
-    uint32_t ascii_flags; // ASCII_ bits; nonzero: a text file
-    int32_t rollover;     // 1: next file at the size limit; 0: a full file is an error
-    int32_t maxbytes;     // size limit in bytes
-    int32_t fnum;         // file number, shown as "#%d"
-    int32_t info_item;    // as in capcfg
-    hdritem **hdritems;   // owned; null-terminated header layout
-    int32_t nwritten;     // write attempts, over the whole run
-    char op[3];           // operation code of the record: IP, IU or ID
-    int32_t npats;        // number of patterns; 0 exactly when pats is null
-    char **pats;          // owned; normalised patterns
-    slist *stats;         // owned; counts by database and dataset, or null
-    int32_t nsynced;      // nwritten when the file was brought to disk last
-    int32_t synced_end;   // of a message file: where its records ended then
-    uint64_t synced_sum;  // and their checksum there
-    int32_t name_synced;  // 1: the file's name is on disk too
+    char *name;               // owned; the next file's name after a rollover
+    int32_t share_mode;       // as in capcfg
+    ebmf *fp;                 // owned; null until the first record is written
+    char *recbuf;             // owned; the record under construction: header, then data
+    char *progterm;           // owned; program-name terminator or null
+    int32_t bufsize;          // bytes of recbuf, RECBUF_SPARE not counted; only grows
+    int32_t hdrsize;          // bytes of the header
+    uint32_t hdropts;         // HDR_ bits
+    uint32_t ascii_flags;     // ASCII_ bits
+    int32_t rollover;         // 1: next file at the size limit; 0: a full file is an error
+    int32_t maxbytes;         // size limit in bytes
+    int32_t fnum;             // file number, shown as "#%d"
+    int32_t info_item;        // as in capcfg
+    hdritem **hdritems;       // owned; null-terminated header layout
+    int32_t nwritten;         // write attempts, over the whole run
+    char op[3];               // operation code of the record: IP, IU or ID
+    int32_t npats;            // number of patterns; 0 exactly when pats is null
+    char **pats;              // owned; normalised patterns
+    slist *stats;             // owned; counts by database and dataset, or null
+    int32_t nsynced;          // nwritten when the file was brought to disk last
+    int32_t synced_end;       // of a message file: where its records ended then
+    uint64_t synced_sum;      // and their checksum there
+    int32_t name_synced;      // 1: the file's name is on disk too
+    const cap_format *format; // the output format that ascii_flags choose
 };
 
 // The run.

@@ -2,6 +2,7 @@
 #include "capture/capinfo.h"
 
 #include "capture/dsetpat.h"
+#include "capture/format.h"
 #include "capture/header.h"
 #include "capture/rollover.h"
 #include "capture/slist.h"
@@ -66,8 +67,9 @@ void capfile_init(capfil *cf, const char *name, const capcfg *cfg)
     cf->name = mem_strdup(name);
     cf->share_mode = cfg->share_mode;
     cf->ascii_flags = cfg->ascii_flags;
+    cf->format = find_format(cf->ascii_flags);
     // Kept: -rollover counts for the files named after it on the command line.
-    cf->rollover = cfg->ascii_flags == 0 && (g_flags & FLAG_ROLLOVER) != 0 ? 1 : 0;
+    cf->rollover = cf->format->limited && (g_flags & FLAG_ROLLOVER) != 0 ? 1 : 0;
     cf->maxbytes = get_cap_maxbytes();
     cf->info_item = cfg->info_item;
     cf->progterm = mem_strdup(cfg->progterm);

@@ -2,6 +2,7 @@
 #include "capture/copyname.h"
 
 #include "capture/capinfo.h"
+#include "capture/format.h"
 #include "capture/settings.h"
 #include "driver/base/log.h"
 
@@ -42,7 +43,8 @@ int capture_check_names(const capinfo *ci)
     for (int i = 0; i < ci_get_ncf(ci); i++) {
         const capfil *cf = ci->capfiles[i];
         others.emplace_back(cf->name);
-        if (cf->ascii_flags != 0 && (cf->ascii_flags & ASCII_DIRTY) == 0)
+        const auto is_cut = cf->format->cut_when_taken_up;
+        if (is_cut != nullptr && is_cut(cf->ascii_flags))
             cut.emplace_back(cf->name);
     }
     return check_copy_names(cut, others);

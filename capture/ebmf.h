@@ -1,5 +1,5 @@
-// The file layer under a capture file: hides whether it is a message file or a
-// text file, and prints the detail of file errors.
+// The file layer under a capture file: hides of which format it is, and prints the
+// detail of file errors.
 #ifndef CAPTURE_EBMF_H
 #define CAPTURE_EBMF_H
 
@@ -8,11 +8,14 @@
 #include <cstdint>
 #include <cstdio>
 
+struct cap_format;
+
 struct ebmf {
-    int32_t is_text;  // the ascii_flags given at open; nonzero: a text file
-    tmf_handle *tmfh; // owned; message-file handle, null for a text file
-    FILE *textfp;     // owned; stream of a text file; its buffer stays empty
-    int32_t os_errno; // error number shown for text files; nothing sets it
+    int32_t is_text;          // the ascii_flags given at open
+    tmf_handle *tmfh;         // owned; message-file handle, null for a text file
+    FILE *textfp;             // owned; stream of a text file; its buffer stays empty
+    int32_t os_errno;         // error number shown for text files; nothing sets it
+    const cap_format *format; // that ascii_flags chose
 };
 
 // errno of the last failed open of a text file; cleared by the next open and
@@ -36,6 +39,12 @@ int ebmf_fwrite(ebmf *file, char *buffer, int32_t length);
 
 // File number of the open file; 0 or an error code.
 int ebmf_getfnum(const ebmf *file, int32_t *number);
+
+// Of a file with a limit: where its next record goes, whoever writes it, and where the
+// record ends that this handle wrote last.  Past 2 GiB it shows negative.  0 or an error
+// code.
+int ebmf_end(const ebmf *file, int32_t *end);
+int ebmf_record_end(const ebmf *file, int32_t *end);
 
 // Closes the file and frees the handle in every case; nonzero on failure.
 int ebmf_fclose(ebmf *file);

@@ -1,8 +1,9 @@
-// The size limit of message capture files.
+// The size limit of capture files of a format that has one: message files.
 #include "capture/rollover.h"
 
 #include "capture/capfil.h"
 #include "capture/ebmf.h"
+#include "capture/format.h"
 #include "capture/rollname.h"
 #include "capture/sync.h"
 #include "driver/base/globals.h"
@@ -42,7 +43,7 @@ static bool within_limit(const capfil *cf, int32_t end)
 int check_msg_full(capfil *cf)
 {
     int32_t end = 0;
-    if (tmf_getinfo(cf->fp->tmfh, TMF_INFO_WRITE_OFFSET, &end, 0) != 0) {
+    if (ebmf_end(cf->fp, &end) != 0) {
         // Kept: the number shown is 0, not the library's code.
         return set_error_f("Error %d checking capture file EOF on file %s", 0, cf->name);
     }
@@ -56,10 +57,10 @@ int check_msg_full(capfil *cf)
 
 int cap_check_eof(capfil *cf)
 {
-    if (cf->ascii_flags != 0)
+    if (!cf->format->limited)
         return 0;
     int32_t end = 0;
-    const int rc = tmf_finfo(cf->fp->tmfh, TMF_FINFO_RECORD_END, &end, sizeof end);
+    const int rc = ebmf_record_end(cf->fp, &end);
     if (rc != 0)
         return set_error_f("Error %d getting capture file EOF on file %s", rc, cf->name);
     // Readers have emptied it: the mark that the position has says nothing of it now.
@@ -94,8 +95,10 @@ int cap_rollover(capfil *cf)
     cf->name_synced = cf->synced_end = 0;
     capture_sync_soon();
     cf->fp = ebmf_fopen(cf->name, cap_open_mode(cf), cf->ascii_flags);
-    if (cf->fp == nullptr)
-        return set_error_mf(nullptr, "Error opening capture file %s for rollover.", cf->name);
+    if (cf->fp == nullptr) {
+        cf->format->detail(nullptr, detail);
+        return set_error_detail(detail, "Error opening capture file %s for rollover.", cf->name);
+    }
     rc = ebmf_getfnum(cf->fp, &cf->fnum);
     logmsg(LOG_NOTICE, "Rolled over to capture file %s", cf->name);
     return rc;

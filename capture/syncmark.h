@@ -2,9 +2,9 @@
 //
 //   file KIND INODE END CHECKSUM PATH
 //
-// KIND text or message; INODE 0 for a file that is not there; END in bytes, of a
-// message file where its next record goes, -1 when that is not known;
-// CHECKSUM, 16 hex digits, of a message file's bytes before that; PATH absolute, with
+// KIND the name of the output format, text or message; INODE 0 for a file that is not there; END in
+// bytes, of a message file where its next record goes, -1 when that is not known; CHECKSUM, 16 hex
+// digits, of a message file's bytes before that; PATH absolute, with
 // "%25" and "%0A" for "%" and line end.
 #ifndef CAPTURE_SYNCMARK_H
 #define CAPTURE_SYNCMARK_H
@@ -12,10 +12,11 @@
 #include <cstdint>
 #include <string>
 
+struct cap_format;
 struct capfil;
 
 struct mark_line {
-    bool is_text = false;
+    const cap_format *format = nullptr;
     uint64_t inode = 0;
     int64_t end = 0;
     uint64_t checksum = 0;
@@ -28,9 +29,6 @@ std::string mark_path(const char *name);
 // Appends the line of a capture file, open or not; none for a pipe or a device.
 // none_open: no capture file is open.  0, or the code of the message.
 int mark_add(std::string &mark, capfil *cf, bool none_open);
-
-// The checksum of a message file whose records end at end; false with errno.
-bool mark_checksum(int fd, int64_t end, uint64_t *checksum);
 
 // Takes the next line from *text on, which moves behind it.  False at the end and,
 // with *good false, for a line that is none.

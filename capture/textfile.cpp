@@ -2,7 +2,7 @@
 // thrown away: what is cut off stays in a file beside.
 #include "capture/textfile.h"
 
-#include "capture/capfil.h"
+#include "ascii/ascii_flags.h"
 #include "capture/settings.h"
 #include "driver/base/globals.h"
 #include "driver/base/log.h"
@@ -217,7 +217,7 @@ static int open_by_mode(const char *path)
     return open(path, flags | O_TRUNC, mode);
 }
 
-int text_open(const char *path, uint32_t ascii_flags)
+int textfile_open(const char *path, uint32_t ascii_flags)
 {
     const int fd = open_by_mode(path);
     struct stat st = {};

@@ -8,7 +8,7 @@
 // Opens path for writing behind what stays of it; pipes and devices are written as they
 // are.  ascii_flags: lines of a dirty file may lack their ends, so none of it is cut.
 // The descriptor, or -1 with errno.
-int text_open(const char *path, uint32_t ascii_flags);
+int textfile_open(const char *path, uint32_t ascii_flags);
 
 // Moves what a regular file holds from offset at on into the file of that name and
 // ".cut", in the place of an older one, and both to disk.  why: what is told of it.

@@ -2,10 +2,10 @@
 // one way and differ by a row of a table.
 #include "capture/write.h"
 
-#include "ascii/put_ascii.h"
 #include "capture/capinfo.h"
 #include "capture/dsetpat.h"
 #include "capture/ebmf.h"
+#include "capture/format.h"
 #include "capture/header.h"
 #include "capture/rollover.h"
 #include "capture/stats.h"
@@ -14,14 +14,10 @@
 #include "driver/base/globals.h"
 #include "driver/base/log.h"
 #include "driver/base/logrec.h"
-#include "driver/base/mem.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
-
-constexpr int MAX_IMAGES = 2;
 
 // What sets one operation apart from the others.
 struct write_kind {
@@ -65,60 +61,32 @@ static const write_kind delete_kind = {
     "ID", STAT_DELETE, 1, {&log_record::before_image, nullptr}, dump_delete};
 // clang-format on
 
-// The record comes from another library: refuses an image that is not there, and
-// for a message file a length that is negative or too long for a capture record.
-// Of a text file's record the conversion says what is wrong with its length.
-static int check_record(const capfil *cf, const log_record *record, const write_kind &kind)
+// The record comes from another library: refuses a length that the format has no
+// record for, and an image that is not there.
+static int check_record(const capfil *cf, const log_record *record, const record_images &images)
 {
-    constexpr int64_t longest = std::numeric_limits<int32_t>::max() - RECBUF_SPARE;
-    const int64_t body = static_cast<int64_t>(record->reclen) * kind.nimages;
-    if (cf->ascii_flags == 0 && (record->reclen < 0 || body > longest - cf->hdrsize))
+    if (cf->format->fits != nullptr && !cf->format->fits(cf, images))
         return set_error_f("Invalid log record length %d for %s.%s", record->reclen,
                            logrec_dbname(record), logrec_dsetname(record));
-    for (int i = 0; i < kind.nimages; i++) {
-        if (record->reclen > 0 && record->*kind.image[i] == nullptr)
+    for (int i = 0; i < images.n; i++) {
+        if (images.reclen > 0 && images.image[i] == nullptr)
             return set_error_f("Log record without its image for %s.%s", logrec_dbname(record),
                                logrec_dsetname(record));
     }
     return 0;
 }
 
-// Appends the images behind the header as they are; the record's length.
-static int32_t build_binary(capfil *cf, const log_record *record, const write_kind &kind)
+static record_images images_of(const log_record *record, const write_kind &kind)
 {
-    const int32_t size = cf->hdrsize + record->reclen * kind.nimages;
-    if (size > cf->bufsize) {
-        cf->bufsize = size;
-        cf->recbuf =
-            static_cast<char *>(mem_realloc(cf->recbuf, static_cast<size_t>(size) + RECBUF_SPARE));
-    }
-    const auto reclen = static_cast<size_t>(record->reclen);
-    char *out = cf->recbuf + cf->hdrsize;
-    for (int i = 0; i < kind.nimages && reclen != 0; i++) {
-        memcpy(out, record->*kind.image[i], reclen);
-        out += reclen;
-    }
-    return size;
-}
-
-// Appends the text of the images behind the header; the record's length goes to
-// length, the first conversion error is the result.
-static int build_ascii(capfil *cf, const log_record *record, const write_kind &kind,
-                       const dsetinfo *dsets, int32_t *length)
-{
-    int result = 0;
-    *length = cf->hdrsize;
-    for (int i = 0; i < kind.nimages; i++) {
-        const int rc = put_ascii(cf->ascii_flags, &cf->recbuf, length, &cf->bufsize,
-                                 record->*kind.image[i], record->reclen, dsets);
-        if (result == 0)
-            result = rc;
-    }
-    return result;
+    record_images images = {kind.nimages, {}, record->reclen};
+    for (int i = 0; i < kind.nimages; i++)
+        images.image[i] = record->*kind.image[i];
+    return images;
 }
 
 static int capture_write(capinfo *ci, const log_record *record, const write_kind &kind)
 {
+    const record_images images = images_of(record, kind);
     int conversion = 0;
     int failed = 0;
     int taken = 0;
@@ -127,7 +95,7 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
         if (dset_qualifies(cf, record) == 0)
             continue;
         taken++;
-        if (check_record(cf, record, kind) != 0) {
+        if (check_record(cf, record, images) != 0) {
             failed++;
             continue;
         }
@@ -136,14 +104,9 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
         memcpy(cf->op, kind.op, sizeof cf->op);
         cap_header_put(cf, record);
 
-        int32_t length = 0;
         // Kept: each text file's conversion result replaces the one before it, and a
         // record that did not convert is written all the same.
-        if (cf->ascii_flags != 0)
-            conversion = build_ascii(cf, record, kind, ci->dsets, &length);
-        else
-            length = build_binary(cf, record, kind);
-
+        const int32_t length = cf->format->build(cf, images, ci->dsets, &conversion);
         if (cap_write_buf(cf, length) != 0)
             failed++;
         else if (cf->stats != nullptr)
@@ -196,18 +159,15 @@ int cap_open_capture_file(capfil *cf)
 {
     const int mode = cap_open_mode(cf);
     cf->fp = ebmf_fopen(cf->name, mode, cf->ascii_flags);
-    if (cf->fp == nullptr) {
-        if (cf->ascii_flags == 0)
-            return set_error_mf(nullptr, "Error opening message capture file: %s", cf->name);
-        return set_error_emf(nullptr, "Error opening ASCII capture file: %s", cf->name);
-    }
+    if (cf->fp == nullptr)
+        return cf->format->open_error(cf->name);
     const int rc = ebmf_getfnum(cf->fp, &cf->fnum);
     capture_sync_soon();
     if (mode == TMF_MODE_ALL_USERS)
         logmsg(LOG_VERBOSE, "Opened capture file %s in shr mode, #%d", cf->name, cf->fnum);
     else
         logmsg(LOG_VERBOSE, "Opened capture file %s, #%d", cf->name, cf->fnum);
-    if (rc == 0 && cf->ascii_flags == 0)
+    if (rc == 0 && cf->format->limited)
         return check_msg_full(cf);
     return rc;
 }
