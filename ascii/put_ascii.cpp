@@ -9,75 +9,100 @@
 #include "driver/base/log.h"
 #include "driver/base/mem.h"
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 
 constexpr int UNSUPPORTED = -1; // width of a column that there is none for
 
-// How an item's elements become columns.
-struct item_format {
-    // Null: packed, zoned or text, whose columns follow the element's size.
-    void (*put)(uint32_t flags, char *column, int32_t width, const unsigned char *element);
-    int64_t width; // of one column
+// Puts one element of size bytes into its column.
+using put_column = void (*)(uint32_t flags, char *column, int64_t width,
+                            const unsigned char *element, int32_t size);
+
+struct column_form {
+    put_column put;
+    int64_t width;
 };
+
+// Binary numbers: their size is known from the converter.
+template <void (*put)(uint32_t, char *, int32_t, const unsigned char *)>
+static void put_binary(uint32_t flags, char *column, int64_t width, const unsigned char *element,
+                       int32_t)
+{
+    put(flags, column, static_cast<int32_t>(width), element);
+}
+
+static void put_text(uint32_t flags, char *column, int64_t, const unsigned char *element,
+                     int32_t size)
+{
+    memcpy(column, element, static_cast<size_t>(size));
+    clean_tgt(flags, column, size);
+}
 
 // Columns of binary numbers, by element size; none for the sizes left out.
 constexpr int BINARY_SIZE_MAX = 8;
-constexpr item_format NO_COLUMN = {nullptr, UNSUPPORTED};
-using binary_columns = item_format[BINARY_SIZE_MAX + 1];
+constexpr column_form NO_COLUMN = {nullptr, UNSUPPORTED};
+using binary_columns = column_form[BINARY_SIZE_MAX + 1];
 // clang-format off
-static const binary_columns float_columns = {    // E, R
+static constexpr binary_columns float_columns = {
     NO_COLUMN, NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_ascii_e2, 15},
+    {put_binary<put_ascii_e2>, 15},
     NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_ascii_e4, 25},
+    {put_binary<put_ascii_e4>, 25},
 };
-static const binary_columns signed_columns = {   // I, J
+static constexpr binary_columns signed_columns = {
     NO_COLUMN, NO_COLUMN,
-    {put_ascii_i1, 14},
+    {put_binary<put_ascii_i1>, 14},
     NO_COLUMN,
-    {put_ascii_i2, 14},
+    {put_binary<put_ascii_i2>, 14},
     NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_ascii_i4, 30},
+    {put_binary<put_ascii_i4>, 30},
 };
-static const binary_columns unsigned_columns = { // K
+static constexpr binary_columns unsigned_columns = {
     NO_COLUMN, NO_COLUMN,
-    {put_ascii_k1, 15},
+    {put_binary<put_ascii_k1>, 15},
     NO_COLUMN,
-    {put_ascii_k2, 15},
+    {put_binary<put_ascii_k2>, 15},
     NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_ascii_k4, 30},
+    {put_binary<put_ascii_k4>, 30},
 };
 // clang-format on
 
-static const item_format &find_binary(const binary_columns &columns, int32_t size)
+// What a type letter stands for: binary columns by element size, or one form whose
+// width follows the element's size.
+struct letter_row {
+    const column_form *by_size;
+    put_column put;
+    int32_t per_byte;
+    int32_t more;
+};
+
+static constexpr std::array<letter_row, 256> make_letters()
 {
-    return columns[size >= 0 && size <= BINARY_SIZE_MAX ? size : 0];
+    std::array<letter_row, 256> rows = {};
+    for (letter_row &row : rows)
+        row = {nullptr, put_text, 1, 0};
+    rows['E'] = rows['R'] = {float_columns, nullptr, 0, 0};
+    rows['I'] = rows['J'] = {signed_columns, nullptr, 0, 0};
+    rows['K'] = {unsigned_columns, nullptr, 0, 0};
+    rows['P'] = {nullptr, put_ascii_p, 2, 0};
+    rows['Z'] = {nullptr, put_ascii_z, 1, 1};
+    return rows;
 }
 
-static item_format find_format(const dsetitem *item)
+static constexpr std::array<letter_row, 256> letters = make_letters();
+
+static column_form find_column(const dsetitem *item)
 {
+    const auto letter = static_cast<uint32_t>(item->type);
+    const letter_row &row = letters[letter < letters.size() ? letter : 0];
     const int64_t size = item->size;
-    switch (item->type) {
-    case 'E':
-    case 'R':
-        return find_binary(float_columns, item->size);
-    case 'I':
-    case 'J':
-        return find_binary(signed_columns, item->size);
-    case 'K':
-        return find_binary(unsigned_columns, item->size);
-    default:
-        break;
-    }
+    if (row.by_size != nullptr)
+        return row.by_size[size >= 0 && size <= BINARY_SIZE_MAX ? size : 0];
     if (size < 0)
         return NO_COLUMN; // from a broken layout only
-    if (item->type == 'P')
-        return {nullptr, 2 * size};
-    if (item->type == 'Z')
-        return {nullptr, size + 1};
-    return {nullptr, size};
+    return {row.put, row.per_byte * size + row.more};
 }
 
 static int grow_buf(char **buffer, int32_t *bufsize, int64_t needed)
@@ -95,47 +120,32 @@ int check_buf(char **buffer, int32_t length, int32_t *bufsize, int64_t width)
     return needed <= *bufsize ? 0 : grow_buf(buffer, bufsize, needed);
 }
 
-static inline void convert(uint32_t flags, const dsetitem *item, const item_format &format,
-                           char *column, const unsigned char *element)
-{
-    if (format.put != nullptr) {
-        format.put(flags, column, static_cast<int32_t>(format.width), element);
-    } else if (item->type == 'P') {
-        put_ascii_p(flags, column, format.width, element, item->size);
-    } else if (item->type == 'Z') {
-        put_ascii_z(flags, column, format.width, element, item->size);
-    } else {
-        memcpy(column, element, static_cast<size_t>(item->size));
-        clean_tgt(flags, column, item->size);
-    }
-}
-
 // Converts an element of which the image holds only the first bytes, or none:
 // the rest reads as zero.
-static void convert_cut(uint32_t flags, const dsetitem *item, const item_format &format,
-                        char *column, const unsigned char *element, int64_t there)
+static void put_cut(uint32_t flags, const dsetitem *item, column_form form, char *column,
+                    const unsigned char *element, int64_t there)
 {
     const auto size = static_cast<size_t>(item->size);
     auto *whole = static_cast<unsigned char *>(mem_calloc(size + 1, 1));
     if (there > 0)
         memcpy(whole, element, static_cast<size_t>(there));
-    convert(flags, item, format, column, whole);
+    form.put(flags, column, form.width, whole, item->size);
     free(whole);
 }
 
 // Converts an item's elements into columns that have room, from the bytes of the
 // image that are left.  The first element is always there.
-static void convert_item(uint32_t flags, const dsetitem *item, const item_format &format,
-                         char *column, const unsigned char *element, int64_t left)
+static void put_elements(uint32_t flags, const dsetitem *item, column_form form, char *column,
+                         const unsigned char *element, int64_t left)
 {
-    if (format.width == 0)
+    if (form.width == 0)
         return; // no columns, however many elements
     for (int32_t k = 0; k < item->count; k++) {
         if (item->size <= left)
-            convert(flags, item, format, column, element);
+            form.put(flags, column, form.width, element, item->size);
         else
-            convert_cut(flags, item, format, column, element, left);
-        column += format.width;
+            put_cut(flags, item, form, column, element, left);
+        column += form.width;
         left -= item->size;
         if (left >= 0)
             element += item->size;
@@ -163,22 +173,22 @@ struct image_walk {
 // Converts an item of several elements, one that needs more room, or one that
 // there is no column for.
 static int put_item(uint32_t flags, char **buffer, int32_t *bufsize, const dsetitem *item,
-                    const item_format &format, const unsigned char *bytes, int32_t image_length,
+                    column_form form, const unsigned char *bytes, int32_t image_length,
                     image_walk &walk)
 {
     if (item->count <= 0)
         return 0;
     // Kept: an unsupported element takes the width of the column before it.
-    if (format.width != UNSUPPORTED)
-        walk.last_width = format.width;
+    if (form.width != UNSUPPORTED)
+        walk.last_width = form.width;
     const int64_t width = walk.last_width * item->count;
     int rc = check_buf(buffer, walk.length, bufsize, width);
     if (rc != 0)
         return rc;
-    if (format.width == UNSUPPORTED)
+    if (form.width == UNSUPPORTED)
         rc = refuse_item(item, *buffer + walk.length, width);
     else
-        convert_item(flags, item, format, *buffer + walk.length, bytes + walk.consumed,
+        put_elements(flags, item, form, *buffer + walk.length, bytes + walk.consumed,
                      image_length - walk.consumed);
     walk.consumed += int64_t{item->size} * item->count;
     walk.length += static_cast<int32_t>(width);
@@ -202,16 +212,16 @@ int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, 
             rc = set_error("ASCII mode source buffer too small.");
             break;
         }
-        const item_format format = find_format(item);
-        if (item->count == 1 && format.width != UNSUPPORTED && walk.length + format.width <= size) {
+        const column_form form = find_column(item);
+        if (item->count == 1 && form.width != UNSUPPORTED && walk.length + form.width <= size) {
             // Nearly every item: one element, with room for its column.
-            convert(flags, item, format, text + walk.length, bytes + walk.consumed);
-            walk = {walk.consumed + item->size, walk.length + static_cast<int32_t>(format.width),
-                    format.width};
+            form.put(flags, text + walk.length, form.width, bytes + walk.consumed, item->size);
+            walk = {walk.consumed + item->size, walk.length + static_cast<int32_t>(form.width),
+                    form.width};
             continue;
         }
         image_walk slow = walk;
-        rc = put_item(flags, buffer, bufsize, item, format, bytes, image_length, slow);
+        rc = put_item(flags, buffer, bufsize, item, form, bytes, image_length, slow);
         walk = slow;
         text = *buffer;
         size = *bufsize;
