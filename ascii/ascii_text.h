@@ -19,7 +19,8 @@ inline void clean_tgt(uint32_t flags, char *bytes, int64_t n)
     constexpr uint64_t HIGH_BITS = 0x80 * ONES;
     for (int64_t i = 0; i < n;) {
         uint64_t word = 0;
-        if (n - i >= 8) {
+        if (n >= 8) {
+            i = std::min(i, n - 8); // the last ones once more, with some before them
             memcpy(&word, bytes + i, 8);
             // A high bit shows in a byte below 0x20, of 0x7F, or above it.
             if (((word | (word - 0x20 * ONES) | (word + ONES)) & HIGH_BITS) == 0) {

@@ -2,6 +2,7 @@
 // so nothing of the record before survives in it.
 #include "capture/header.h"
 
+#include "ascii/ascii_digits.h"
 #include "capture/capfil.h"
 #include "capture/hdrtext.h"
 #include "driver/base/globals.h"
@@ -29,11 +30,10 @@ static const char *zero_filled(value_buf &buf, int32_t number, int width)
         return buf;
     }
     constexpr int DIGITS = 15;
-    char *out = buf + DIGITS;
-    *out = '\0';
-    for (; number != 0; number /= 10)
-        *--out = static_cast<char>('0' + number % 10);
-    while (buf + DIGITS - out < width)
+    char *const end = buf + DIGITS;
+    *end = '\0';
+    char *out = digits_before(end, static_cast<uint32_t>(number));
+    while (end - out < width)
         *--out = '0';
     return out;
 }
@@ -248,7 +248,8 @@ void cap_header_put_value(capfil *cf, const char *text, const hdritem *item)
     const size_t length = strnlen(text, width);
     char *place = cf->recbuf + item->offset;
     memcpy(place, text, length);
-    memset(place + length, ' ', width - length);
+    if (length < width) // most items are full
+        memset(place + length, ' ', width - length);
 }
 
 void cap_header_get_date(time_t time, char (&out)[HDRDATE_SIZE], int yeardigits)

@@ -34,20 +34,20 @@ static void copy_name(char *dst, const char *name)
 
 void get_dsetinfo(dsetinfo *info)
 {
-    info->nitems = 0;
-    for (;;) {
+    int32_t n = 0;
+    for (;; n++) {
         // The call that finds no more items may write into the descriptor too, so
         // there is always one past the last item.
-        if (info->nitems == info->nalloc) {
-            info->items = mem_grow(info->items, info->nalloc + 1);
-            info->items[info->nalloc] = mem_new<dsetitem>();
+        if (n == info->nalloc) {
+            info->items = mem_grow(info->items, n + 1);
+            info->items[n] = mem_new<dsetitem>();
             info->nalloc++;
         }
-        dsetitem *item = info->items[info->nitems];
+        dsetitem *item = info->items[n];
         const char *name = nullptr;
         if (Fwu_get_item(&name, &item->type, &item->size, &item->count, &item->item_aux) == 0)
-            return;
+            break;
         copy_name(item->name, name == nullptr ? "" : name);
-        info->nitems++;
     }
+    info->nitems = n;
 }
