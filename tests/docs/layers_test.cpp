@@ -1,5 +1,5 @@
-// scripts/layers on small trees with the table of the sources: what it refuses, and how
-// it says so.
+// Who includes whom in the sources is in order.  And scripts/layers on small trees with the
+// sources' table: what it refuses, and how it says so.
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 
@@ -41,6 +41,13 @@ class Layers : public testing::Test {
 
     tempdir dir;
 };
+
+TEST_F(Layers, SourcesAreInOrder)
+{
+    const run_result result = run_program({ROOT + "/scripts/layers"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+}
 
 TEST_F(Layers, TreeInOrderIsQuiet)
 {
