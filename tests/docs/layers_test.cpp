@@ -128,6 +128,14 @@ TEST_F(Layers, TestsMayIncludeWhatTheyTest)
     EXPECT_EQ(layers().out, "");
 }
 
+TEST_F(Layers, BuildFoldersOfAnyNameAreLeftOut)
+{
+    add("build/release/check.cpp", "// What CMake tries.\n");
+    add("out/CMakeCache.txt", "# Settings.\n");
+    add("out/CMakeFiles/check.cpp", "// What CMake tries.\n");
+    EXPECT_EQ(layers().out, "");
+}
+
 TEST_F(Layers, TableCountsIncludesBetweenFolders)
 {
     add("capture/write.cpp", "// Writing.\n#include \"capture/write.h\"\n\n"
