@@ -32,6 +32,11 @@ void tell_as(const char *program)
     g_program = program;
 }
 
+const char *told_as()
+{
+    return g_program;
+}
+
 __attribute__((format(printf, 1, 0))) static void print(const char *format, va_list args)
 {
     const int saved_errno = errno;

@@ -58,6 +58,7 @@ outcome outcome_bad(std::string text);
 
 // The name in front of every line that is told.  It is not copied.
 void tell_as(const char *program);
+const char *told_as();
 
 // Prints "program: text" and a line end on standard error in one write.  Leaves errno alone.
 __attribute__((format(printf, 1, 2))) void tell(const char *format, ...);

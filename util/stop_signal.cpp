@@ -29,6 +29,11 @@ int stop_signal_get()
     return g_stop_signal;
 }
 
+void stop_signal_note(int number)
+{
+    g_stop_signal = number;
+}
+
 stop_wait stop_signal_wait(int fd, int limit_ms)
 {
     sigset_t both;

@@ -9,6 +9,9 @@ void stop_signal_install();
 // The signal that came last, 0 for none.
 int stop_signal_get();
 
+// Notes a signal that another handler has caught.
+void stop_signal_note(int number);
+
 enum stop_wait { STOP_READABLE, STOP_ASKED, STOP_TIMEOUT, STOP_ERROR };
 
 // Waits until fd can be read, limit_ms at most (negative: without limit).  Once a
