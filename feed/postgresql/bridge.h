@@ -11,7 +11,6 @@
 #include <cstdint>
 
 struct pgb_options {
-    const char *cfg = nullptr;
     bool create = false;          // make slot and publication when they are missing
     bool snapshot = false;        // begin a new slot with the tables' contents
     bool ignore_truncate = false; // pass over truncates instead of stopping

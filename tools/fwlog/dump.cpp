@@ -6,7 +6,6 @@
 #include "tools/fwlog/print.h"
 
 #include <cstdio>
-#include <cstring>
 
 struct dump_options {
     const char *cfg = nullptr;
@@ -14,74 +13,84 @@ struct dump_options {
     fwu_position from;
     fwu_position to;
 };
+static dump_options options;
 
-struct dump_state {
-    dump_options options;
-    fwlog_printer printer;
+static bool take_from(const char *word)
+{
+    return fwu_position_parse(word, options.from);
+}
+
+static bool take_to(const char *word)
+{
+    return fwu_position_parse(word, options.to);
+}
+
+static constexpr cli_option rows[] = {
+    {"-cfg", CLI_FILE, &options.cfg},
+    {"--hex", CLI_FLAG, &options.hex},
+    {"--from", FWLOG_POSITION, take_from},
+    {"--to", FWLOG_POSITION, take_to},
 };
 
-static int scan_options(dump_options &options, int argc, char **argv)
+static bool before_range(const fwu_log_file &file, int32_t tag)
 {
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        const bool is_from = strcmp(word, "--from") == 0;
-        if (strcmp(word, "-cfg") == 0) {
-            if (++i == argc)
-                return fwlog_usage_error("option lacks its file name", word);
-            options.cfg = argv[i];
-        } else if (is_from || strcmp(word, "--to") == 0) {
-            if (++i == argc)
-                return fwlog_usage_error("option lacks its position", word);
-            if (!fwu_position_parse(argv[i], is_from ? options.from : options.to))
-                return fwlog_usage_error("not a position (25, 1-25 or 1-25.340)", argv[i]);
-        } else if (strcmp(word, "--hex") == 0) {
-            options.hex = true;
-        } else {
-            return fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
-        }
-    }
-    return FWLOG_EXIT_OK;
+    return fwlog_position_given(options.from) &&
+           fwlog_position_compare(file, tag, options.from) < 0;
 }
 
-static bool before_range(const dump_state &state, const fwu_log_file &file, int32_t tag)
+static bool behind_range(const fwu_log_file &file, int32_t tag)
 {
-    return fwlog_position_given(state.options.from) &&
-           fwlog_position_compare(file, tag, state.options.from) < 0;
-}
-
-static bool behind_range(const dump_state &state, const fwu_log_file &file, int32_t tag)
-{
-    return fwlog_position_given(state.options.to) &&
-           fwlog_position_compare(file, tag, state.options.to) > 0;
+    return fwlog_position_given(options.to) && fwlog_position_compare(file, tag, options.to) > 0;
 }
 
 // Layouts before the range are read, for the images inside it, but not printed.
-static int visit(dump_state &state, const fwu_walk_item &item)
+static int visit(fwlog_printer &printer, const fwu_walk_item &item)
 {
     const bool is_entry = item.what == FWU_WALK_ENTRY;
     const int32_t first = is_entry ? item.entry.tag : item.what == FWU_WALK_FILE ? 0 : INT32_MAX;
-    if (behind_range(state, *item.file, first))
+    if (behind_range(*item.file, first))
         return 1;
-    std::string &out = state.printer.out;
+    std::string &out = printer.out;
     out.clear();
-    fwlog_print_item(state.printer, item);
-    if (before_range(state, *item.file, is_entry ? item.entry.tag : INT32_MAX))
+    fwlog_print_item(printer, item);
+    if (before_range(*item.file, is_entry ? item.entry.tag : INT32_MAX))
         return 0;
     fwrite(out.data(), 1, out.size(), stdout);
     return ferror(stdout) != 0 ? 1 : 0;
 }
 
-int fwlog_dump_main(int argc, char **argv)
+static outcome run()
 {
-    dump_state state;
-    const int usage = scan_options(state.options, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
-    state.printer.hex = state.options.hex;
+    fwlog_printer printer;
+    printer.hex = options.hex;
     fwu_config config;
-    if (fwu_config_read(config, state.options.cfg) != 0)
-        return FWLOG_EXIT_FAILED;
-    const int walked = fwu_log_walk(
-        config.log_directory, [&state](const fwu_walk_item &item) { return visit(state, item); });
-    return fwlog_flush_output(walked < 0 ? FWLOG_EXIT_FAILED : FWLOG_EXIT_OK);
+    if (fwu_config_read(config, options.cfg) != 0)
+        return OUTCOME_FAILED;
+    const int walked = fwu_log_walk(config.log_directory, [&printer](const fwu_walk_item &item) {
+        return visit(printer, item);
+    });
+    return fwlog_told(walked >= 0);
 }
+
+static const char help[] =
+    "Usage: fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
+    "\n"
+    "Prints the committed transactions of the forward log entry by entry.\n"
+    "\n"
+    "  -cfg FILE        configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                   fwutil.cfg), which names the log directory\n"
+    "  --hex            print record images as hexadecimal bytes instead of values\n"
+    "  --from POSITION  begin with the log file of this number (\"25\", \"1-25\"), or with\n"
+    "                   this entry (\"1-25.340\": generation, number, tag)\n"
+    "  --to POSITION    end with that log file or entry\n"
+    "  --help           print this\n"
+    "\n"
+    "Exit status: 0 done; 1 error or damage; 2 wrong command line.\n";
+
+constinit const cli_command fwlog_dump_row = {
+    .name = "dump",
+    .summary = "prints the entries of a forward log",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

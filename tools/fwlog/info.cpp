@@ -12,6 +12,17 @@
 #include <cstdio>
 #include <vector>
 
+struct info_options {
+    const char *cfg = nullptr;
+    bool json = false;
+};
+static info_options options;
+
+static constexpr cli_option rows[] = {
+    {"-cfg", CLI_FILE, &options.cfg},
+    {"--json", CLI_FLAG, &options.json},
+};
+
 struct log_totals {
     uint64_t files = 0;
     int64_t bytes = 0;
@@ -148,15 +159,11 @@ static void print_json_totals(const log_totals &totals)
     puts("]}");
 }
 
-int fwlog_info_main(int argc, char **argv)
+static outcome run()
 {
-    fwlog_log_options options;
-    const int usage = fwlog_scan_log_options(options, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
     fwu_config config;
     if (fwu_config_read(config, options.cfg) != 0)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     log_totals totals;
     bool sound = true;
     if (options.json)
@@ -170,5 +177,28 @@ int fwlog_info_main(int argc, char **argv)
     totals.have_ack = acked == FWU_FOUND;
     sound = sound && acked != FWU_FAILED;
     options.json ? print_json_totals(totals) : print_totals(totals);
-    return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
+    return fwlog_told(result == 0 && sound);
 }
+
+static const char help[] =
+    "Usage: fwlog info [-cfg FILE] [--json]\n"
+    "\n"
+    "Tells of each file of the forward log its size, its transactions with the times of\n"
+    "the first and the last commit, and the position of the last one in the log and in\n"
+    "the source; then the log's identity, how far it was acknowledged, and the changes of\n"
+    "each dataset.\n"
+    "\n"
+    "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
+    "               fwutil.cfg), which names the log directory\n"
+    "  --json       one JSON object\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 done; 1 damage, or the log could not be read; 2 wrong command line.\n";
+
+constinit const cli_command fwlog_info_row = {
+    .name = "info",
+    .summary = "tells files, positions, times and datasets of a forward log",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

@@ -1,7 +1,8 @@
-// fwlog load: command line, input, progress and summary around the stream.
+// fwlog load: input, progress and summary around the stream.
+#include "tools/fwlog/load.h"
+
 #include "feed/lsn.h"
 #include "feed/wal2json/stream.h"
-#include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/load_progress.h"
 #include "util/line_reader.h"
 #include "util/stop_signal.h"
@@ -14,33 +15,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-struct load_options {
-    const char *cfg = nullptr;
-    const char *input = nullptr; // null or "-": standard input
-    bool truncate = false;
-};
-
-static int scan_options(load_options &options, int argc, char **argv)
-{
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        if (strcmp(word, "-cfg") == 0) {
-            if (++i == argc)
-                return fwlog_usage_error("option lacks its file name", word);
-            options.cfg = argv[i];
-        } else if (strcmp(word, "--truncate") == 0) {
-            options.truncate = true;
-        } else if (word[0] == '-' && word[1] != '\0') {
-            return fwlog_usage_error("unknown option", word);
-        } else if (options.input != nullptr) {
-            return fwlog_usage_error("more than one change stream", word);
-        } else {
-            options.input = word;
-        }
-    }
-    return FWLOG_EXIT_OK;
-}
-
 static bool blank(std::string_view line)
 {
     return line.find_first_not_of(" \t\r") == std::string_view::npos;
@@ -48,23 +22,20 @@ static bool blank(std::string_view line)
 
 static void say_incomplete(const w2j_stream &stream, const char *name, uint64_t line)
 {
-    fprintf(stderr,
-            "fwlog: %s:%" PRIu64 ": the input ends inside transaction %" PRIu64
-            " (begun in line %" PRIu64 "): the last transaction is incomplete and not loaded; "
-            "load the whole stream again\n",
-            name, line, stream.tx.commit.xid, stream.opened_at);
+    tell("%s:%" PRIu64 ": the input ends inside transaction %" PRIu64 " (begun in line %" PRIu64
+         "): the last transaction is incomplete and not loaded; load the whole stream again",
+         name, line, stream.tx.commit.xid, stream.opened_at);
 }
 
 static void say_bad_line(const w2j_stream &stream, const line_reader &reader, const char *name,
                          bool was_open, const std::string &error)
 {
-    fprintf(stderr, "fwlog: %s:%" PRIu64 ": %s\n", name, reader.number, error.c_str());
+    tell("%s:%" PRIu64 ": %s", name, reader.number, error.c_str());
     // A line that does not parse and lacks its end was cut off, not damaged.
     if (reader.torn && was_open)
         say_incomplete(stream, name, reader.number);
     else if (reader.torn)
-        fprintf(stderr, "fwlog: %s:%" PRIu64 ": the input ends within this line\n", name,
-                reader.number);
+        tell("%s:%" PRIu64 ": the input ends within this line", name, reader.number);
 }
 
 // Tells what the line gave cause to tell.
@@ -76,16 +47,17 @@ static void say_notes(w2j_stream &stream, const line_reader &reader, load_progre
         return;
     load_progress_erase(progress);
     for (const std::string &note : notes)
-        fprintf(stderr, "fwlog: %s:%" PRIu64 ": warning: %s\n", name, reader.number, note.c_str());
+        tell("%s:%" PRIu64 ": warning: %s", name, reader.number, note.c_str());
     notes.clear();
 }
 
-// Reads lines until the input ends or something is wrong; the exit status.
-static int run(w2j_stream &stream, line_reader &reader, load_progress &progress, const char *name)
+// Reads lines until the input ends or something is wrong.
+static outcome take_lines(w2j_stream &stream, line_reader &reader, load_progress &progress,
+                          const char *name)
 {
     for (;;) {
         if (stop_signal_get() != 0 && !stream.tx.open)
-            return FWLOG_EXIT_SIGNAL + stop_signal_get();
+            return OUTCOME_STOPPED;
         std::string_view line;
         const line_found found = line_reader_next(reader, line);
         if (found == LINE_FOUND) {
@@ -98,7 +70,7 @@ static int run(w2j_stream &stream, line_reader &reader, load_progress &progress,
                 load_progress_erase(progress);
                 if (taken.kind() == OUTCOME_BAD)
                     say_bad_line(stream, reader, name, was_open, taken.text());
-                return FWLOG_EXIT_FAILED;
+                return OUTCOME_FAILED;
             }
             load_progress_show(progress, stream.tx.totals, reader.bytes);
             continue;
@@ -110,21 +82,18 @@ static int run(w2j_stream &stream, line_reader &reader, load_progress &progress,
         feed_abandon(stream.tx);
         switch (found) {
         case LINE_STOPPED:
-            return FWLOG_EXIT_SIGNAL + stop_signal_get();
+            return OUTCOME_STOPPED;
         case LINE_TOO_LONG:
-            fprintf(stderr,
-                    "fwlog: %s:%" PRIu64 ": the line is longer than %zu MiB: is this a "
-                    "change stream, one JSON object a line?\n",
-                    name, reader.number + 1, reader.longest / (1024 * 1024));
-            return FWLOG_EXIT_FAILED;
+            return outcome_failed("%s:%" PRIu64 ": the line is longer than %zu MiB: is this a "
+                                  "change stream, one JSON object a line?",
+                                  name, reader.number + 1, reader.longest / (1024 * 1024));
         case LINE_ERROR:
-            fprintf(stderr, "fwlog: reading %s: %s\n", name, strerror(code));
-            return FWLOG_EXIT_FAILED;
+            return outcome_failed("reading %s: %s", name, strerror(code));
         default:
             if (!was_open)
-                return FWLOG_EXIT_OK;
+                return {};
             say_incomplete(stream, name, reader.number);
-            return FWLOG_EXIT_FAILED;
+            return OUTCOME_FAILED;
         }
     }
 }
@@ -149,28 +118,27 @@ static bool tell_loss(fwu_writer *writer)
     if (!fwu_writer_lost(writer, &acknowledged))
         return true;
     const std::string end = feed_lsn_text(fwu_writer_last_lsn(writer));
-    fprintf(stderr,
-            "fwlog: warning: the log was cut back to %s, and had been acknowledged up to %s: load "
-            "all that came behind %s again, else it is missing (this is told once)\n",
-            end.c_str(), feed_lsn_text(acknowledged).c_str(), end.c_str());
+    tell("warning: the log was cut back to %s, and had been acknowledged up to %s: load "
+         "all that came behind %s again, else it is missing (this is told once)",
+         end.c_str(), feed_lsn_text(acknowledged).c_str(), end.c_str());
     return fwu_writer_accept_loss(writer) == 0;
 }
 
-static int load(const load_options &options, int fd, const char *name)
+static outcome load(const fwlog_load_options &options, int fd, const char *name)
 {
     fwu_config config;
     if (fwu_config_read(config, options.cfg) != 0)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
 
     w2j_stream stream;
     stream.tables.config = &config;
     stream.tx.work.settings = {.big_endian = config.big_endian, .truncate = options.truncate};
     stop_signal_install();
     if (fwu_writer_open(&stream.tx.writer, config) != 0)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     if (!tell_loss(stream.tx.writer)) {
         (void)fwu_writer_close(stream.tx.writer); // nothing was written
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     }
 
     line_reader reader;
@@ -186,40 +154,32 @@ static int load(const load_options &options, int fd, const char *name)
     if (fstat(fd, &about) == 0 && S_ISREG(about.st_mode))
         progress.size = static_cast<uint64_t>(about.st_size);
 
-    int status = run(stream, reader, progress, name);
+    outcome done = take_lines(stream, reader, progress, name);
     if (!on_disk)
-        status = FWLOG_EXIT_FAILED;
+        done = OUTCOME_FAILED;
     load_progress_erase(progress);
-    if (status >= FWLOG_EXIT_SIGNAL)
-        fprintf(stderr,
-                "fwlog: stopped by signal %d behind a whole transaction; load the stream "
-                "again to go on\n",
-                status - FWLOG_EXIT_SIGNAL);
+    if (done.kind() == OUTCOME_STOPPED)
+        tell("stopped by signal %d behind a whole transaction; load the stream again to go on",
+             stop_signal_get());
     // The summary acknowledges what was loaded: whoever reads it may throw the stream away.
     if (fwu_writer_sync(stream.tx.writer) != 0 || fwu_writer_acknowledge(stream.tx.writer) != 0)
-        status = FWLOG_EXIT_FAILED;
+        done = OUTCOME_FAILED;
     else
         print_summary(stream);
     if (fwu_writer_close(stream.tx.writer) != 0)
-        status = FWLOG_EXIT_FAILED;
-    return fwlog_flush_output(status);
+        done = OUTCOME_FAILED;
+    return done;
 }
 
-int fwlog_load_main(int argc, char **argv)
+outcome fwlog_load(const fwlog_load_options &options)
 {
-    load_options options;
-    const int usage = scan_options(options, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
     if (options.input == nullptr || strcmp(options.input, "-") == 0)
         return load(options, STDIN_FILENO, "standard input");
 
     const int fd = open(options.input, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        fprintf(stderr, "fwlog: cannot open %s: %s\n", options.input, strerror(errno));
-        return FWLOG_EXIT_FAILED;
-    }
-    const int status = load(options, fd, options.input);
+    if (fd < 0)
+        return outcome_failed("cannot open %s: %s", options.input, strerror(errno));
+    outcome done = load(options, fd, options.input);
     close(fd);
-    return status;
+    return done;
 }

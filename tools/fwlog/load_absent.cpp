@@ -1,12 +1,8 @@
 // fwlog load in a build without a JSON parser: says what was missing.
-#include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/load.h"
 
-#include <cstdio>
-
-int fwlog_load_main(int, char **)
+outcome fwlog_load(const fwlog_load_options & /*options*/)
 {
-    fputs("fwlog: load is not part of this build: the JSON library was missing when it was made "
-          "(Debian package nlohmann-json3-dev)\n",
-          stderr);
-    return FWLOG_EXIT_FAILED;
+    return outcome_failed("load is not part of this build: the JSON library was missing when it "
+                          "was made (Debian package nlohmann-json3-dev)");
 }

@@ -1,8 +1,9 @@
-// fwlog postgresql: command line, and the bridge from one connection to the next.
+// fwlog postgresql: the bridge from one connection to the next.
+#include "tools/fwlog/postgresql.h"
+
 #include "feed/lsn.h"
 #include "feed/postgresql/bridge.h"
 #include "feed/postgresql/report_signal.h"
-#include "tools/fwlog/fwlog.h"
 #include "util/stop_signal.h"
 
 #include <algorithm>
@@ -23,61 +24,6 @@ pgs_outcome pgb_bad(const pgb_bridge &bridge, const std::string &error)
     else
         fprintf(stderr, "fwlog: %s\n", error.c_str());
     return PGS_REFUSED;
-}
-
-constexpr int64_t TIMEOUT_MAX_S = 3600;
-
-struct word_option {
-    const char *name;
-    std::string *value;
-    bool may_be_empty = false;
-};
-struct flag_option {
-    const char *name;
-    bool *value;
-};
-
-static int scan_options(pgb_bridge &bridge, std::string &cfg, int argc, char **argv)
-{
-    pgb_options &options = bridge.options;
-    std::string timeout;
-    const word_option words[] = {{"-cfg", &cfg},
-                                 {"--conninfo", &bridge.server.conninfo, true},
-                                 {"--timeout", &timeout},
-                                 {"--slot", &bridge.server.slot},
-                                 {"--publication", &bridge.server.publication},
-                                 {"--status", &bridge.state.path}};
-    const flag_option flags[] = {{"--create", &options.create},
-                                 {"--snapshot", &options.snapshot},
-                                 {"--ignore-truncate", &options.ignore_truncate},
-                                 {"--truncate", &bridge.tx.work.settings.truncate},
-                                 {"--accept-gap", &options.accept_gap},
-                                 {"--once", &options.once},
-                                 {"-v", &options.verbose}};
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        const auto *named = std::find_if(std::begin(words), std::end(words), [&](const auto &row) {
-            return strcmp(word, row.name) == 0;
-        });
-        const auto *flag = std::find_if(std::begin(flags), std::end(flags), [&](const auto &row) {
-            return strcmp(word, row.name) == 0;
-        });
-        if (named != std::end(words)) {
-            if (++i == argc || (*argv[i] == '\0' && !named->may_be_empty))
-                return fwlog_usage_error("option lacks its value", word);
-            *named->value = argv[i];
-        } else if (flag != std::end(flags)) {
-            *flag->value = true;
-        } else {
-            return fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
-        }
-    }
-    int64_t seconds = bridge.server.timeout_ms / 1000;
-    if (!timeout.empty() &&
-        (!pgs_number(seconds, timeout) || seconds < 1 || seconds > TIMEOUT_MAX_S))
-        return fwlog_usage_error("--timeout takes 1 to 3600 seconds", timeout.c_str());
-    bridge.server.timeout_ms = bridge.server.patience_ms = seconds * 1000;
-    return FWLOG_EXIT_OK;
 }
 
 static pgs_outcome connect_and_follow(pgb_bridge &bridge)
@@ -140,16 +86,16 @@ static bool try_again(pgb_bridge &bridge, back_off &off)
     return stop_signal_get() == 0;
 }
 
-static int run(pgb_bridge &bridge)
+static outcome run(pgb_bridge &bridge)
 {
     back_off off;
     for (;;) {
-        const pgs_outcome outcome = connect_and_follow(bridge);
-        if (outcome == PGS_LOST && stop_signal_get() == 0 && try_again(bridge, off))
+        const pgs_outcome came = connect_and_follow(bridge);
+        if (came == PGS_LOST && stop_signal_get() == 0 && try_again(bridge, off))
             continue;
-        if (outcome != PGS_REFUSED && stop_signal_get() != 0)
-            return FWLOG_EXIT_SIGNAL + stop_signal_get();
-        return outcome == PGS_OK ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED;
+        if (came != PGS_REFUSED && stop_signal_get() != 0)
+            return OUTCOME_STOPPED;
+        return came == PGS_OK ? outcome() : OUTCOME_FAILED;
     }
 }
 
@@ -170,28 +116,39 @@ static bool accept_loss(pgb_bridge &bridge)
     return false;
 }
 
-int fwlog_postgresql_main(int argc, char **argv)
+static void set_options(pgb_bridge &bridge, const fwlog_postgresql_options &options)
+{
+    bridge.options = {.create = options.create,
+                      .snapshot = options.snapshot,
+                      .ignore_truncate = options.ignore_truncate,
+                      .accept_gap = options.accept_gap,
+                      .once = options.once,
+                      .verbose = options.verbose};
+    bridge.server.conninfo = options.conninfo;
+    bridge.server.slot = options.slot;
+    bridge.server.publication = options.publication;
+    bridge.server.timeout_ms = bridge.server.patience_ms = int64_t{1000} * options.timeout_s;
+    bridge.tx.work.settings = {.big_endian = bridge.config.big_endian,
+                               .truncate = options.truncate};
+    bridge.state.path = options.status != nullptr
+                            ? options.status
+                            : bridge.config.log_directory + "/postgresql.json";
+    bridge.state.slot = options.slot;
+    bridge.state.publication = options.publication;
+}
+
+outcome fwlog_postgresql(const fwlog_postgresql_options &options)
 {
     pgb_bridge bridge;
-    bridge.server.slot = "kestro";
-    bridge.server.publication = "kestro";
-    std::string cfg;
-    const int usage = scan_options(bridge, cfg, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
-    if (fwu_config_read(bridge.config, cfg.empty() ? nullptr : cfg.c_str()) != 0)
-        return FWLOG_EXIT_FAILED;
+    if (fwu_config_read(bridge.config, options.cfg) != 0)
+        return OUTCOME_FAILED;
+    set_options(bridge, options);
     stop_signal_install();
     report_signal_install();
     signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
     bridge.relations.tables.config = &bridge.config;
-    bridge.tx.work.settings.big_endian = bridge.config.big_endian;
-    if (bridge.state.path.empty())
-        bridge.state.path = bridge.config.log_directory + "/postgresql.json";
-    bridge.state.slot = bridge.server.slot;
-    bridge.state.publication = bridge.server.publication;
     if (fwu_writer_open(&bridge.tx.writer, bridge.config) != 0)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     pgb_state_read(bridge.state);
     const fwu_commit &last = fwu_writer_last_commit(bridge.tx.writer);
     bridge.state.commit_us = last.time_us;
@@ -200,13 +157,13 @@ int fwlog_postgresql_main(int argc, char **argv)
 
     bridge.state.mode = fwu_writer_file_mode(bridge.tx.writer);
     // Written before the server is asked for anything, which may take its time.
-    int status = accept_loss(bridge) && pgb_state_write(bridge.state, false) ? run(bridge)
-                                                                             : FWLOG_EXIT_FAILED;
+    const bool ready = accept_loss(bridge) && pgb_state_write(bridge.state, false);
+    outcome done = ready ? run(bridge) : OUTCOME_FAILED;
     if (fwu_writer_close(bridge.tx.writer) != 0)
-        status = FWLOG_EXIT_FAILED;
+        done = OUTCOME_FAILED;
     bridge.state.phase = "stopped";
     (void)pgb_state_write(bridge.state, false); // reported
     if (bridge.options.verbose)
         pgb_state_print(bridge.state);
-    return status;
+    return done;
 }

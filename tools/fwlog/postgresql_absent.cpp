@@ -1,12 +1,8 @@
 // fwlog postgresql in a build without libpq: says what was missing.
-#include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/postgresql.h"
 
-#include <cstdio>
-
-int fwlog_postgresql_main(int, char **)
+outcome fwlog_postgresql(const fwlog_postgresql_options & /*options*/)
 {
-    fputs("fwlog: postgresql is not part of this build: libpq was missing when it was made "
-          "(Debian package libpq-dev)\n",
-          stderr);
-    return FWLOG_EXIT_FAILED;
+    return outcome_failed("postgresql is not part of this build: libpq was missing when it was "
+                          "made (Debian package libpq-dev)");
 }

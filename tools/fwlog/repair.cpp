@@ -1,7 +1,6 @@
 // fwlog repair: says what is damaged, what is lost by cutting the log back and where it
 // is kept, and has it done.
 #include "feed/lsn.h"
-#include "fwutil/fwu_error.h"
 #include "fwutil/fwu_repair.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
@@ -9,36 +8,21 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 
 struct repair_options {
-    fwlog_log_options log;
+    const char *cfg = nullptr;
     bool dry_run = false;
     bool accept_loss = false;
+    bool json = false;
 };
+static repair_options options;
 
-static int scan_options(repair_options &options, int argc, char **argv)
-{
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        int usage = FWLOG_EXIT_OK;
-        if (strcmp(word, "--dry-run") == 0)
-            options.dry_run = true;
-        else if (strcmp(word, "--accept-loss") == 0)
-            options.accept_loss = true;
-        else if (strcmp(word, "--json") == 0)
-            options.log.json = true;
-        else if (strcmp(word, "-cfg") == 0 && i + 1 < argc)
-            options.log.cfg = argv[++i];
-        else if (strcmp(word, "-cfg") == 0)
-            usage = fwlog_usage_error("option lacks its file name", word);
-        else
-            usage = fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
-        if (usage != FWLOG_EXIT_OK)
-            return usage;
-    }
-    return FWLOG_EXIT_OK;
-}
+static constexpr cli_option rows[] = {
+    {"-cfg", CLI_FILE, &options.cfg},
+    {"--dry-run", CLI_FLAG, &options.dry_run},
+    {"--accept-loss", CLI_FLAG, &options.accept_loss},
+    {"--json", CLI_FLAG, &options.json},
+};
 
 // "behind position 1-1.6 (source position 0/20)"
 static std::string place_text(const fwu_ack &place)
@@ -133,41 +117,62 @@ static void print_json(const fwu_repair &repair, bool done)
     puts("}");
 }
 
-static int refuse(const fwu_repair &repair)
+static outcome refuse(const fwu_repair &repair)
 {
-    return fwu_error("%s: not repaired: the log was acknowledged up to position %s (source "
-                     "position %s), and would end %s; what lies between is not sent again: restore "
-                     "the log from a copy; only if there is none, repair with --accept-loss",
-                     repair.directory.c_str(), fwu_position_text(repair.acked.position).c_str(),
-                     feed_lsn_text(repair.acked.commit.lsn).c_str(),
-                     place_text(repair.end).c_str());
+    return outcome_failed(
+        "%s: not repaired: the log was acknowledged up to position %s (source "
+        "position %s), and would end %s; what lies between is not sent again: restore "
+        "the log from a copy; only if there is none, repair with --accept-loss",
+        repair.directory.c_str(), fwu_position_text(repair.acked.position).c_str(),
+        feed_lsn_text(repair.acked.commit.lsn).c_str(), place_text(repair.end).c_str());
 }
 
-static int run(fwu_repair &repair, const fwu_config &config, const repair_options &options)
+static outcome repair_log(fwu_repair &repair, const fwu_config &config)
 {
     if (fwu_repair_open(repair, config, options.dry_run) != 0)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     const bool damaged = repair.reason != nullptr;
     const bool refused = damaged && repair.below && !options.accept_loss;
     const bool wanted = damaged && !refused && !options.dry_run;
     const bool done = wanted && fwu_repair_carry_out(repair) == 0;
-    options.log.json ? print_json(repair, done) : print_text(repair, done);
-    if (refused)
-        (void)refuse(repair); // its result says nothing more
-    return refused || done != wanted ? FWLOG_EXIT_FAILED : FWLOG_EXIT_OK;
+    options.json ? print_json(repair, done) : print_text(repair, done);
+    return refused ? refuse(repair) : fwlog_told(done == wanted);
 }
 
-int fwlog_repair_main(int argc, char **argv)
+static outcome run()
 {
-    repair_options options;
-    const int usage = scan_options(options, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
     fwu_config config;
-    if (fwu_config_read(config, options.log.cfg) != 0)
-        return FWLOG_EXIT_FAILED;
+    if (fwu_config_read(config, options.cfg) != 0)
+        return OUTCOME_FAILED;
     fwu_repair repair;
-    const int status = run(repair, config, options);
+    outcome done = repair_log(repair, config);
     fwu_repair_close(repair);
-    return fwlog_flush_output(status);
+    return done;
 }
+
+static const char help[] =
+    "Usage: fwlog repair [-cfg FILE] [--dry-run] [--accept-loss] [--json]\n"
+    "\n"
+    "Cuts a damaged log back to its last whole transaction before the first damage, and\n"
+    "says what is lost by that.  What is cut off is kept in the log directory: the end of\n"
+    "the damaged file as a copy, later files under other names.  A sound log stays as it\n"
+    "is.  No writer may run; readers may.\n"
+    "\n"
+    "  -cfg FILE      configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                 fwutil.cfg), which names the log directory\n"
+    "  --dry-run      only say what would be done\n"
+    "  --accept-loss  also cut off what was acknowledged, which its source does not send\n"
+    "                 again; better restore the log from a copy\n"
+    "  --json         one JSON object\n"
+    "  --help         print this\n"
+    "\n"
+    "Exit status: 0 sound, repaired, or (--dry-run) to be repaired; 1 error, or refused\n"
+    "without --accept-loss; 2 wrong command line.\n";
+
+constinit const cli_command fwlog_repair_row = {
+    .name = "repair",
+    .summary = "cuts a damaged log back to what is whole",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

@@ -4,15 +4,13 @@
 #include "fwutil/fwu_wait.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/print.h"
+#include "util/stop_signal.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <poll.h>
-#include <string_view>
 #include <unistd.h>
 
 constexpr int LOOK_AFTER_MS = 1000; // for file systems that do not tell of changes
@@ -22,10 +20,20 @@ struct tail_options {
     const char *cfg = nullptr;
     bool follow = false;
     uint64_t transactions = 10;
+    bool hex = false;
+};
+static tail_options options;
+
+static constexpr cli_kind TRANSACTION_COUNT = {
+    .word = "N", .lacking = "option lacks its number", .bad = "not a number of transactions"};
+static constexpr cli_option rows[] = {
+    {"-cfg", CLI_FILE, &options.cfg},
+    {"-f", CLI_FLAG, &options.follow},
+    {"-n", TRANSACTION_COUNT, &options.transactions},
+    {"--hex", CLI_FLAG, &options.hex},
 };
 
 struct tail_state {
-    tail_options options;
     fwlog_printer printer;
     std::string heading; // line of the present file, until it is printed
     fwu_log log;
@@ -33,36 +41,6 @@ struct tail_state {
     uint64_t skip = 0;            // transactions to pass over
     uint64_t wanted = UINT64_MAX; // transactions to print behind them
 };
-
-static bool parse_count(uint64_t &count, std::string_view text)
-{
-    const auto [end, code] = std::from_chars(text.data(), text.data() + text.size(), count);
-    return code == std::errc() && end == text.data() + text.size();
-}
-
-static int scan_options(tail_state &state, int argc, char **argv)
-{
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        if (strcmp(word, "-cfg") == 0) {
-            if (++i == argc)
-                return fwlog_usage_error("option lacks its file name", word);
-            state.options.cfg = argv[i];
-        } else if (strcmp(word, "-n") == 0) {
-            if (++i == argc)
-                return fwlog_usage_error("option lacks its number", word);
-            if (!parse_count(state.options.transactions, argv[i]))
-                return fwlog_usage_error("not a number of transactions", argv[i]);
-        } else if (strcmp(word, "-f") == 0) {
-            state.options.follow = true;
-        } else if (strcmp(word, "--hex") == 0) {
-            state.printer.hex = true;
-        } else {
-            return fwlog_usage_error(word[0] == '-' ? "unknown option" : "unexpected word", word);
-        }
-    }
-    return FWLOG_EXIT_OK;
-}
 
 // Counts the transactions of one file; FWU_END when it was read to its end.
 static fwu_found count_file(fwu_cursor &cursor, const fwu_log_file &file, uint64_t &transactions)
@@ -81,7 +59,7 @@ static fwu_found count_file(fwu_cursor &cursor, const fwu_log_file &file, uint64
 // which was reported; FWU_GONE: look again; FWU_FAILED: reported.
 static fwu_found find_start(tail_state &state)
 {
-    const uint64_t asked = state.options.transactions;
+    const uint64_t asked = options.transactions;
     std::vector<fwu_log_file> files;
     if (fwu_log_list(state.log.directory, files) != 0)
         return FWU_FAILED;
@@ -116,10 +94,14 @@ static fwu_found find_start(tail_state &state)
     return opened == FWU_FOUND ? result : opened;
 }
 
-enum output_result { OUTPUT_WRITTEN, OUTPUT_STOPPED, OUTPUT_FAILED };
+static outcome stopped()
+{
+    stop_signal_note(fwu_stop);
+    return OUTCOME_STOPPED;
+}
 
 // Writes the text.  A signal does not cut it short unless nobody takes it.
-static output_result write_out(std::string &text)
+static outcome write_out(std::string &text)
 {
     sigset_t both;
     sigset_t before;
@@ -127,15 +109,15 @@ static output_result write_out(std::string &text)
     sigaddset(&both, SIGTERM);
     sigaddset(&both, SIGINT);
     (void)sigprocmask(SIG_BLOCK, &both, &before);
-    output_result result = OUTPUT_WRITTEN;
-    for (size_t at = 0; at < text.size() && result == OUTPUT_WRITTEN;) {
+    outcome result;
+    for (size_t at = 0; at < text.size() && result;) {
         pollfd room = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
         const timespec at_once = {};
         const int ready = ppoll(&room, 1, fwu_stop != 0 ? &at_once : nullptr, &before);
         if (ready == 0)
-            result = OUTPUT_STOPPED;
+            result = stopped();
         else if (ready < 0 && errno != EINTR)
-            result = OUTPUT_FAILED;
+            result = cli_output_failed();
         if (ready <= 0)
             continue;
         // A pipe that has room takes so much without waiting.
@@ -144,11 +126,9 @@ static output_result write_out(std::string &text)
         if (put >= 0)
             at += static_cast<size_t>(put);
         else if (errno != EINTR && errno != EAGAIN)
-            result = OUTPUT_FAILED;
+            result = cli_output_failed();
     }
-    const int code = errno;
     (void)sigprocmask(SIG_SETMASK, &before, nullptr);
-    errno = code;
     text.clear();
     return result;
 }
@@ -170,8 +150,8 @@ static int pass_over(tail_state &state, const fwu_walk_item &item)
     return 0;
 }
 
-// Goes through the transaction found; an exit status, or -1 to go on.
-static int take_transaction(tail_state &state)
+// Goes through the transaction found.
+static outcome take_transaction(tail_state &state)
 {
     fwu_cursor &cursor = state.log.cursor;
     std::string &out = state.printer.out;
@@ -186,7 +166,7 @@ static int take_transaction(tail_state &state)
     out.clear();
     if (!skipped)
         out.swap(state.heading);
-    output_result written = OUTPUT_WRITTEN;
+    outcome written;
     fwu_found found = FWU_FAILED;
     (void)fwu_log_walk_transaction(
         cursor, item,
@@ -196,80 +176,97 @@ static int take_transaction(tail_state &state)
             fwlog_print_item(state.printer, entry);
             if (out.size() >= WRITE_AFTER)
                 written = write_out(out);
-            return written == OUTPUT_WRITTEN ? 0 : 1;
+            return written ? 0 : 1;
         },
         found);
-    if (written == OUTPUT_WRITTEN)
+    if (written)
         written = write_out(out);
-    if (written == OUTPUT_FAILED)
-        return fwlog_output_error();
-    if (written == OUTPUT_STOPPED)
-        return FWLOG_EXIT_SIGNAL + fwu_stop;
+    if (!written)
+        return written;
     if (found == FWU_DAMAGED)
         fwu_log_damage(cursor);
     if (found != FWU_END)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     (skipped ? state.skip : state.wanted)--;
-    return -1;
+    return {};
 }
 
-// Waits for more to read; an exit status, or -1 to go on.
-static int wait_for_more(tail_state &state)
+// Waits for more to read.
+static outcome wait_for_more(tail_state &state)
 {
     const fwu_wake wake = fwu_watch_wait(state.watch, LOOK_AFTER_MS);
     state.log.look = state.log.look || wake != FWU_WAKE_DATA;
     if (wake != FWU_WAKE_TIMEOUT || !reader_gone())
-        return -1;
+        return {};
     (void)raise(SIGPIPE); // as the next write would; where that is ignored, an error
     errno = EPIPE;
-    return fwlog_output_error();
+    return cli_output_failed();
 }
 
-static int tail(tail_state &state)
+static outcome tail(tail_state &state)
 {
     fwu_found start = FWU_GONE;
     while (start == FWU_GONE)
         start = find_start(state);
     if (start == FWU_FAILED)
-        return FWLOG_EXIT_FAILED;
-    if (state.options.follow)
+        return OUTCOME_FAILED;
+    if (options.follow)
         state.wanted = UINT64_MAX;
-    int status = -1;
-    while (status < 0) {
+    outcome done;
+    while (done) {
         if (fwu_stop != 0)
-            return FWLOG_EXIT_SIGNAL + fwu_stop;
+            return stopped();
         if (state.wanted == 0)
             break;
         const fwu_found found = fwu_log_next(state.log);
         if (found == FWU_FOUND)
-            status = take_transaction(state);
+            done = take_transaction(state);
         else if (found == FWU_FAILED)
-            status = FWLOG_EXIT_FAILED;
-        else if (state.options.follow)
-            status = wait_for_more(state);
+            done = OUTCOME_FAILED;
+        else if (options.follow)
+            done = wait_for_more(state);
         else
             break;
     }
-    if (status < 0)
-        status = start == FWU_DAMAGED ? FWLOG_EXIT_FAILED : FWLOG_EXIT_OK;
-    return status;
+    return done ? fwlog_told(start != FWU_DAMAGED) : std::move(done);
 }
 
-int fwlog_tail_main(int argc, char **argv)
+static outcome run()
 {
-    tail_state state;
-    const int usage = scan_options(state, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
     fwu_config config;
-    if (fwu_config_read(config, state.options.cfg) != 0)
-        return FWLOG_EXIT_FAILED;
+    if (fwu_config_read(config, options.cfg) != 0)
+        return OUTCOME_FAILED;
+    tail_state state;
+    state.printer.hex = options.hex;
     state.log.directory = config.log_directory;
     const fwu_signals signals;
-    if (state.options.follow)
+    if (options.follow)
         fwu_watch_open(state.watch, state.log.directory);
-    const int status = tail(state);
+    outcome done = tail(state);
     fwu_watch_close(state.watch);
     fwu_cursor_close(state.log.cursor);
-    return status;
+    return done;
 }
+
+static const char help[] =
+    "Usage: fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
+    "\n"
+    "Prints the entries of the last transactions of the forward log, as dump does.\n"
+    "\n"
+    "  -cfg FILE  configuration file (else the one named by FWUTIL_CFG, else\n"
+    "             fwutil.cfg), which names the log directory\n"
+    "  -f         go on with each transaction that is committed, until SIGINT or SIGTERM\n"
+    "  -n N       number of transactions (10 when not given; 0 with -f: new ones only)\n"
+    "  --hex      print record images as hexadecimal bytes instead of values\n"
+    "  --help     print this\n"
+    "\n"
+    "Exit status: 0 done; 1 error or damage; 2 wrong command line; 128 + signal number\n"
+    "when SIGINT or SIGTERM ended it behind a whole transaction.\n";
+
+constinit const cli_command fwlog_tail_row = {
+    .name = "tail",
+    .summary = "prints the last transactions, and those to come",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

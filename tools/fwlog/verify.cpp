@@ -9,6 +9,17 @@
 #include <cstdio>
 #include <utility>
 
+struct verify_options {
+    const char *cfg = nullptr;
+    bool json = false;
+};
+static verify_options options;
+
+static constexpr cli_option rows[] = {
+    {"-cfg", CLI_FILE, &options.cfg},
+    {"--json", CLI_FLAG, &options.json},
+};
+
 static void print_text(const survey_file &facts)
 {
     const char *path = facts.file.path.c_str();
@@ -42,14 +53,14 @@ static void print_json(const survey_file &facts)
 }
 
 // A line for a file that is not there, and of which something was acknowledged.
-static void print_missing(const fwu_ack &ack, const std::string &directory, bool json)
+static void print_missing(const fwu_ack &ack, const std::string &directory)
 {
     survey_file facts;
     facts.file.name = fwu_log_file_name(ack.position.generation, ack.position.sequence);
     facts.file.path = directory + "/" + facts.file.name;
     facts.damage = "the log file is missing, and the log was acknowledged up to position " +
                    fwu_position_text(ack.position) + " in it";
-    if (json)
+    if (options.json)
         print_json(facts);
     else
         printf("%s: %s\n", facts.file.path.c_str(), facts.damage.c_str());
@@ -60,26 +71,22 @@ static void print_missing(const fwu_ack &ack, const std::string &directory, bool
 // That the last file holds as much has been looked at with the file.  False: reported.
 static bool check_acknowledged(const std::string &directory, const fwu_ack &ack,
                                const fwu_log_file &last, const fwu_position &end,
-                               const fwu_identity &identity, bool json)
+                               const fwu_identity &identity)
 {
     if (fwu_identity_known(identity) && identity != ack.identity)
         return fwu_ack_foreign(directory, ack, identity) == 0;
     if (std::pair(last.generation, last.sequence) >=
         std::pair(ack.position.generation, ack.position.sequence))
         return true;
-    print_missing(ack, directory, json);
+    print_missing(ack, directory);
     return fwu_ack_missing(directory, ack, end, nullptr) == 0;
 }
 
-int fwlog_verify_main(int argc, char **argv)
+static outcome run()
 {
-    fwlog_log_options options;
-    const int usage = fwlog_scan_log_options(options, argc, argv);
-    if (usage != FWLOG_EXIT_OK)
-        return usage;
     fwu_config config;
     if (fwu_config_read(config, options.cfg) != 0)
-        return FWLOG_EXIT_FAILED;
+        return OUTCOME_FAILED;
     bool sound = true;
     fwu_ack ack;
     const fwu_found acked = fwu_ack_read(config.log_directory, ack);
@@ -97,7 +104,31 @@ int fwlog_verify_main(int argc, char **argv)
     });
     sound = acked != FWU_FAILED && sound;
     if (acked == FWU_FOUND)
-        sound = check_acknowledged(config.log_directory, ack, last, end, identity, options.json) &&
-                sound;
-    return fwlog_flush_output(result == 0 && sound ? FWLOG_EXIT_OK : FWLOG_EXIT_FAILED);
+        sound = check_acknowledged(config.log_directory, ack, last, end, identity) && sound;
+    return fwlog_told(result == 0 && sound);
 }
+
+static const char help[] =
+    "Usage: fwlog verify [-cfg FILE] [--json]\n"
+    "\n"
+    "Reads every entry of the forward log, checks all checksums, tags and file names,\n"
+    "and prints a line for each log file: what it holds, or what is damaged and at\n"
+    "which offset.  What stands behind a damaged place in a file is not looked at; the\n"
+    "next file is.  Also compares records with their layouts, and the log's end with what\n"
+    "was acknowledged.\n"
+    "\n"
+    "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
+    "               fwutil.cfg), which names the log directory\n"
+    "  --json       one JSON object a line for each file\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 sound (a transaction being written at the end is); 1 damage, a\n"
+    "missing file, or the log could not be read; 2 wrong command line.\n";
+
+constinit const cli_command fwlog_verify_row = {
+    .name = "verify",
+    .summary = "reads every entry of a forward log and says what is damaged",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

@@ -7,7 +7,6 @@
 
 #include <bit>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <string>
 #include <string_view>
@@ -237,33 +236,52 @@ static void put_json(std::string &out, const tmft_facts &facts, const char *file
 
 // ---- the command
 
-int tmft_info_main(int argc, char **argv)
-{
+struct info_options {
     bool json = false;
     std::vector<const char *> files;
-    for (int i = 0; i < argc; i++) {
-        if (strcmp(argv[i], "--json") == 0)
-            json = true;
-        else if (argv[i][0] == '-')
-            return tmft_usage_error("unknown option", argv[i]);
-        else
-            files.push_back(argv[i]);
-    }
-    if (files.empty())
-        return tmft_usage_error("which file?", "info");
-    int status = TMFT_EXIT_OK;
-    for (const char *file : files) {
+};
+static info_options options;
+
+static constexpr cli_option rows[] = {
+    {"--json", CLI_FLAG, &options.json},
+    {"FILE", {.word = "FILE", .lacking = "which file?"}, &options.files},
+};
+
+static outcome run()
+{
+    outcome done;
+    for (const char *file : options.files) {
         tmft_facts facts;
         std::string out;
         if (!tmft_look(facts, file, out)) {
-            tmft_complain(file, out.c_str());
-            status = TMFT_EXIT_FAILED;
+            done = tmft_complain(file, out.c_str());
             continue;
         }
         if (!facts.damage.empty())
-            status = TMFT_EXIT_FAILED;
-        (json ? put_json : put_text)(out, facts, file);
+            done = OUTCOME_FAILED;
+        (options.json ? put_json : put_text)(out, facts, file);
         fputs(out.c_str(), stdout);
     }
-    return tmft_flush_output(status);
+    return done;
 }
+
+static const char help[] =
+    "Usage: tmf info [--json] FILE...\n"
+    "\n"
+    "Says what is in message files: records, lengths, stamp, byte order, and the\n"
+    "readers and writers registered, each with its process id and whether it still\n"
+    "holds its lock.  Nothing is registered, locked or changed.\n"
+    "\n"
+    "  --json   one JSON object a line for each file\n"
+    "  --help   print this\n"
+    "\n"
+    "Exit status: 0 all shown; 1 a file could not be read, is not a message file or\n"
+    "is damaged; 2 wrong command line.\n";
+
+constinit const cli_command tmf_info_row = {
+    .name = "info",
+    .summary = "says what is in a message file and who has it open",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -35,18 +34,30 @@ static volatile sig_atomic_t g_round_over = 0;
 enum read_format { FORMAT_LINES, FORMAT_RAW, FORMAT_HEX, FORMAT_JSON };
 
 struct read_options {
-    const char *file = "";             // empty: none given
-    const char *format_word = nullptr; // the option that set format
-    read_format format = FORMAT_LINES;
-    int count = 0; // 0: no end
-    int wait = -1; // seconds; below 0: while there is a writer
+    const char *file = nullptr;
+    int format = FORMAT_LINES; // a read_format
+    int count = 0;             // 0: no end
+    int wait = -1;             // seconds; below 0: while there is a writer
     bool follow = false;
     bool keep = false;
     bool shared = false;
 };
+static read_options options;
+
+static constexpr cli_kind FORMAT = {.again = "more than one format"};
+static constexpr cli_option rows[] = {
+    {"--raw", FORMAT, cli_choice{&options.format, FORMAT_RAW}},
+    {"--hex", FORMAT, cli_choice{&options.format, FORMAT_HEX}},
+    {"--json", FORMAT, cli_choice{&options.format, FORMAT_JSON}},
+    {"--count", tmft_number("N", "not a number of records", 1), &options.count},
+    {"--follow", CLI_FLAG, &options.follow},
+    {"--wait", tmft_number("SECONDS", "not a number of seconds", 0), &options.wait},
+    {"--keep", CLI_FLAG, &options.keep},
+    {"--shared", CLI_FLAG, &options.shared},
+    {"FILE", TMFT_ONE_FILE, &options.file},
+};
 
 struct read_state {
-    read_options options;
     tmf_handle *h = nullptr;
     std::vector<char> record;                   // room for the longest that a file can state
     size_t length = 0;                          // of the record in hand
@@ -57,68 +68,16 @@ struct read_state {
     std::string out;
 };
 
-// ---- command line
-
-static bool set_format(read_options &options, const char *word)
+// What the rows cannot say of options together.
+static outcome check_options()
 {
-    static const struct {
-        const char *word;
-        read_format format;
-    } formats[] = {{"--raw", FORMAT_RAW}, {"--hex", FORMAT_HEX}, {"--json", FORMAT_JSON}};
-    for (const auto &row : formats) {
-        if (strcmp(word, row.word) != 0)
-            continue;
-        options.format = row.format;
-        options.format_word = row.word;
-        return true;
-    }
-    return false;
-}
-
-static int check_options(const read_options &options)
-{
-    if (*options.file == '\0')
-        return tmft_usage_error("which file?", "read");
     if (options.follow && options.wait >= 0)
-        return tmft_usage_error("contradicts --follow", "--wait");
+        return cli_usage("contradicts --follow", "--wait");
     if (options.keep && (options.follow || options.wait >= 0))
-        return tmft_usage_error("never waits", "--keep");
+        return cli_usage("never waits", "--keep");
     if (options.keep && options.shared)
-        return tmft_usage_error("needs the file alone", "--keep");
-    return TMFT_EXIT_OK;
-}
-
-static int scan_options(read_options &options, int argc, char **argv)
-{
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        const char *const format_word = options.format_word;
-        const bool is_count = strcmp(word, "--count") == 0;
-        if (is_count || strcmp(word, "--wait") == 0) {
-            if (++i == argc)
-                return tmft_usage_error("option lacks its number", word);
-            if (!tmft_number(argv[i], is_count ? 1 : 0, INT_MAX,
-                             is_count ? options.count : options.wait))
-                return tmft_usage_error(
-                    is_count ? "not a number of records" : "not a number of seconds", argv[i]);
-        } else if (strcmp(word, "--follow") == 0) {
-            options.follow = true;
-        } else if (strcmp(word, "--keep") == 0) {
-            options.keep = true;
-        } else if (strcmp(word, "--shared") == 0) {
-            options.shared = true;
-        } else if (set_format(options, word)) {
-            if (format_word != nullptr && strcmp(format_word, word) != 0)
-                return tmft_usage_error("more than one format", word);
-        } else if (word[0] == '-') {
-            return tmft_usage_error("unknown option", word);
-        } else if (*options.file != '\0') {
-            return tmft_usage_error("more than one file", word);
-        } else {
-            options.file = word;
-        }
-    }
-    return check_options(options);
+        return cli_usage("needs the file alone", "--keep");
+    return {};
 }
 
 // ---- output
@@ -140,7 +99,7 @@ static void put_record(read_state &state)
 {
     const std::string_view data(state.record.data(), state.length);
     state.out.clear();
-    switch (state.options.format) {
+    switch (static_cast<read_format>(options.format)) {
     case FORMAT_LINES:
     case FORMAT_RAW:
         state.out += data;
@@ -152,18 +111,16 @@ static void put_record(read_state &state)
         put_json(state.out, state.given + 1, data);
         break;
     }
-    if (state.options.format != FORMAT_RAW)
+    if (options.format != FORMAT_RAW)
         state.out += '\n';
 }
 
-enum output_result { OUTPUT_WRITTEN, OUTPUT_STOPPED, OUTPUT_FAILED };
-
 // Writes state.out whole.  A signal stops it before its first byte (only where
 // the record is still in the file), a second signal anywhere.
-static output_result write_out(const read_state &state)
+static outcome write_out(const read_state &state)
 {
     for (size_t at = 0; at < state.out.size();) {
-        const bool stop_at_once = stop_signal_get() != 0 || (at == 0 && !state.options.shared);
+        const bool stop_at_once = stop_signal_get() != 0 || (at == 0 && !options.shared);
         const ssize_t put = write(STDOUT_FILENO, state.out.data() + at, state.out.size() - at);
         if (put >= 0) {
             at += static_cast<size_t>(put);
@@ -175,11 +132,11 @@ static output_result write_out(const read_state &state)
                 continue;
         }
         if (errno != EINTR)
-            return OUTPUT_FAILED;
+            return cli_output_failed();
         if (stop_at_once && stop_signal_get() != 0)
-            return OUTPUT_STOPPED;
+            return OUTCOME_STOPPED;
     }
-    return OUTPUT_WRITTEN;
+    return {};
 }
 
 // ---- waiting
@@ -235,21 +192,20 @@ static read_found look(read_state &state)
     if (code != 0) {
         if (caused_by_stop(code))
             return READ_STOPPED;
-        tmft_complain_code(state.options.file, code);
+        (void)tmft_complain_code(options.file, code); // the result says it
         return READ_FAILED;
     }
     if (records < 0) {
         const std::string told = "damaged: " + std::to_string(records) + " records";
-        tmft_complain(state.options.file, told.c_str());
+        (void)tmft_complain(options.file, told.c_str()); // the result says it
         return READ_FAILED;
     }
-    state.known = state.options.keep ? std::max<int64_t>(records - state.given, 0) : records;
+    state.known = options.keep ? std::max<int64_t>(records - state.given, 0) : records;
     return state.known != 0 ? READ_RECORD : READ_NOTHING_YET;
 }
 
 static bool wait_goes_on(const read_state &state)
 {
-    const read_options &options = state.options;
     if (options.keep)
         return false;
     if (options.wait >= 0)
@@ -259,7 +215,6 @@ static bool wait_goes_on(const read_state &state)
 
 static read_found next_record(read_state &state)
 {
-    const read_options &options = state.options;
     if (state.known == 0) {
         const read_found seen = look(state);
         if (seen == READ_NOTHING_YET && !wait_goes_on(state))
@@ -284,7 +239,7 @@ static read_found next_record(read_state &state)
             return READ_STOPPED;
         if (waits && g_round_over != 0 && interrupted(got))
             return READ_NOTHING_YET;
-        tmft_complain_handle(options.file, state.h);
+        (void)tmft_complain_handle(options.file, state.h); // the result says it
         return READ_FAILED;
     }
     // Nothing was there, or another reader was faster.  To a reader alone, 0 bytes
@@ -299,8 +254,8 @@ static read_found next_record(read_state &state)
     return READ_RECORD;
 }
 
-// Removes the record just written.  False, reported, when that failed.
-static bool remove_record(read_state &state)
+// Removes the record just written.
+static outcome remove_record(read_state &state)
 {
     // The record is there, so that nothing is waited for; a file in which it is
     // not is reported after the limit.
@@ -310,103 +265,120 @@ static bool remove_record(read_state &state)
     if (caused_by_stop(code))
         code = tmf_fread(state.h, nullptr, 0, flags);
     if (code >= 0)
-        return true;
+        return {};
     char text[TMF_ERRMSG_SIZE];
     const std::string told =
         "record " + std::to_string(state.given) +
         " is written, but may still be in the file: " + tmf_geterrmsg(state.h, text);
-    tmft_complain(state.options.file, told.c_str());
-    return false;
+    return tmft_complain(options.file, told.c_str());
 }
 
-// Writes the record in hand and removes it; the exit status to end with, or
-// below 0 to go on.
-static int give_record(read_state &state)
+// Writes the record in hand and removes it.
+static outcome give_record(read_state &state)
 {
     put_record(state);
-    switch (write_out(state)) {
-    case OUTPUT_STOPPED:
-        return TMFT_EXIT_SIGNAL + stop_signal_get();
-    case OUTPUT_FAILED:
-        fprintf(stderr, "tmf: writing standard output: %s\n", strerror(errno));
-        return TMFT_EXIT_FAILED;
-    case OUTPUT_WRITTEN:
-        break;
-    }
+    if (outcome done = write_out(state); !done)
+        return done;
     state.given++;
-    if (!state.options.keep && !state.options.shared && !remove_record(state))
-        return TMFT_EXIT_FAILED;
+    if (!options.keep && !options.shared) {
+        if (outcome done = remove_record(state); !done)
+            return done;
+    }
     state.last = std::chrono::steady_clock::now();
-    return -1;
+    return {};
 }
 
-// The exit status.
-static int run(read_state &state)
+static outcome give_records(read_state &state)
 {
     state.last = std::chrono::steady_clock::now();
-    while (state.options.count == 0 || state.given < state.options.count) {
+    while (options.count == 0 || state.given < options.count) {
         if (stop_signal_get() != 0)
-            return TMFT_EXIT_SIGNAL + stop_signal_get();
+            return OUTCOME_STOPPED;
         const read_found found = next_record(state);
         if (found == READ_END)
             break;
         if (found == READ_FAILED)
-            return TMFT_EXIT_FAILED;
+            return OUTCOME_FAILED;
         if (found != READ_RECORD) // a signal is seen at the next turn
             continue;
-        const int status = give_record(state);
-        if (status >= 0)
-            return status;
+        if (outcome done = give_record(state); !done)
+            return done;
     }
-    return TMFT_EXIT_OK;
+    return {};
 }
 
 // ---- the file
 
 // The library would create a file that does not exist, make a message file of an
 // empty one and fill up one that is cut off within its common area.
-static bool may_open(const char *file)
+static outcome check_file(const char *file)
 {
     struct stat about;
-    if (stat(file, &about) != 0) {
-        tmft_complain(file, strerror(errno));
-        return false;
-    }
-    if (!S_ISREG(about.st_mode) || about.st_size < TMF_COMMON_SIZE) {
-        tmft_complain_code(file, TMF_ENOTMSG);
-        return false;
-    }
-    if (tmft_same_file(STDOUT_FILENO, file)) {
-        tmft_complain(file, "is standard output, too");
-        return false;
-    }
-    return true;
+    if (stat(file, &about) != 0)
+        return tmft_complain(file, strerror(errno));
+    if (!S_ISREG(about.st_mode) || about.st_size < TMF_COMMON_SIZE)
+        return tmft_complain_code(file, TMF_ENOTMSG);
+    if (tmft_same_file(STDOUT_FILENO, file))
+        return tmft_complain(file, "is standard output, too");
+    return {};
 }
 
-int tmft_read_main(int argc, char **argv)
+static outcome run()
 {
-    read_state state;
-    const int usage = scan_options(state.options, argc, argv);
-    if (usage != TMFT_EXIT_OK)
-        return usage;
-    const char *const file = state.options.file;
-    if (!may_open(file))
-        return TMFT_EXIT_FAILED;
+    if (outcome done = check_options(); !done)
+        return done;
+    const char *const file = options.file;
+    if (outcome done = check_file(file); !done)
+        return done;
     stop_signal_install();
     install_timer();
     int mode = TMF_MODE_READ;
-    if (!state.options.shared)
+    if (!options.shared)
         mode |= TMF_MODE_EXCLUSIVE;
-    if (state.options.keep)
+    if (options.keep)
         mode |= TMF_MODE_COPY;
+    read_state state;
     state.h = tmf_fopen(file, mode);
     if (state.h == nullptr) {
         if (caused_by_stop(tmf_geterrno(nullptr)))
-            return TMFT_EXIT_SIGNAL + stop_signal_get();
-        tmft_complain_handle(file, nullptr);
-        return TMFT_EXIT_FAILED;
+            return OUTCOME_STOPPED;
+        return tmft_complain_handle(file, nullptr);
     }
     state.record.resize(TMF_MAX_LENGTH);
-    const int status = run(state);
-    return tmft_close(state.h, file, status);
+    return tmft_close(state.h, file, give_records(state));
 }
+
+static const char help[] =
+    "Usage: tmf read [--raw | --hex | --json] [--count N] [--follow | --wait SECONDS]\n"
+    "           [--keep] [--shared] FILE\n"
+    "\n"
+    "Takes records from the front of a message file and writes them to standard\n"
+    "output, each followed by a newline.  Waits while a writer has the file open,\n"
+    "ends when the file is empty and no writer is left.\n"
+    "\n"
+    "No other reader may have the file open.  A record is removed once it has been\n"
+    "written: when standard output fails, the file still has it.\n"
+    "\n"
+    "  --raw            nothing between records\n"
+    "  --hex            one line for each record, in hexadecimal\n"
+    "  --json           one JSON object a line: number, length, data as \"hex\" and,\n"
+    "                   when all of it is printable ASCII, as \"text\"\n"
+    "  --count N        end after N records\n"
+    "  --follow         wait for records for ever\n"
+    "  --wait SECONDS   end when no record comes for so long, writers or not; 0 takes\n"
+    "                   what is there\n"
+    "  --keep           show all records and remove none; never waits\n"
+    "  --shared         read beside other readers; removes a record before it is\n"
+    "                   written, so that a failing output loses it\n"
+    "  --help           print this\n"
+    "\n"
+    "Exit status: 0 done; 1 error; 2 wrong command line; 128 + signal number when\n"
+    "SIGINT or SIGTERM ended it after a whole record.\n";
+
+constinit const cli_command tmf_read_row = {
+    .name = "read",
+    .summary = "takes records from the front, to standard output",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

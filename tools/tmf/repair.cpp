@@ -3,9 +3,21 @@
 #include "tools/tmf/tmf_tool.h"
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <sys/stat.h>
+
+struct repair_options {
+    const char *file = nullptr;
+    const char *kept = nullptr; // name of the copy; null: FILE.damaged
+    bool dry_run = false;
+};
+static repair_options options;
+
+static constexpr cli_option rows[] = {
+    {"--dry-run", CLI_FLAG, &options.dry_run},
+    {"--keep", {.word = "NAME", .lacking = "which name?", .may_be_empty = false}, &options.kept},
+    {"FILE", {.word = "FILE", .lacking = "which file?", .again = "one file only"}, &options.file},
+};
 
 struct finding {
     int bit;
@@ -46,7 +58,7 @@ static void print_findings(const char *file, const tmf_check_result &found)
                lost - found.sound);
 }
 
-static int print_sound(const char *file, const tmf_check_result &found)
+static outcome print_sound(const char *file, const tmf_check_result &found)
 {
     if (found.size == 0)
         printf("%s: empty; who opens it next makes a message file of it\n", file);
@@ -57,17 +69,17 @@ static int print_sound(const char *file, const tmf_check_result &found)
         printf("    behind   %s that the file does not count: a writer was killed before it\n"
                "             did, or their count did not come to the disk; they stay uncounted\n",
                records_text(found.uncounted).c_str());
-    return tmft_flush_output(TMFT_EXIT_OK);
+    return {};
 }
 
-static int print_damaged(const char *file, const tmf_check_result &found)
+static outcome print_damaged(const char *file, const tmf_check_result &found)
 {
     print_findings(file, found);
     printf("    nothing is changed\n");
-    return tmft_flush_output(TMFT_EXIT_FAILED);
+    return OUTCOME_FAILED;
 }
 
-static int print_repaired(const char *file, const tmf_check_result &found, const char *kept)
+static outcome print_repaired(const char *file, const tmf_check_result &found, const char *kept)
 {
     print_findings(file, found);
     printf("    kept     %s: the file as it was\n", kept);
@@ -75,64 +87,73 @@ static int print_repaired(const char *file, const tmf_check_result &found, const
         printf("    repaired: it is empty; who opens it next makes a message file of it\n");
     else
         printf("    repaired: it has %s\n", records_text(found.records).c_str());
-    return tmft_flush_output(TMFT_EXIT_OK);
+    return {};
 }
 
-static int repair(const char *file, const char *kept)
+// What could not be done, and what has become of the file and its copy.
+static outcome say_failed(const char *file, const char *kept, const tmf_check_result &found)
+{
+    outcome failed = tmft_complain_handle(found.aside == TMF_ASIDE_FAILED ? kept : file, nullptr);
+    if (found.aside == TMF_ASIDE_FAILED)
+        failed = tmft_complain(file, "nothing is changed, since no copy of it can be kept; name "
+                                     "another place with --keep");
+    else if (found.changed != 0)
+        failed = tmft_complain(file, "repaired, but perhaps not on the disk; repair it again");
+    if (found.aside == TMF_ASIDE_MADE)
+        failed = tmft_complain(kept, "the file as it was");
+    return failed;
+}
+
+static outcome repair(const char *file, const char *kept)
 {
     tmf_check_result found;
-    if (tmf_repair(file, 0, kept, &found) != 0) {
-        tmft_complain_handle(found.aside == TMF_ASIDE_FAILED ? kept : file, nullptr);
-        if (found.aside == TMF_ASIDE_FAILED)
-            tmft_complain(file, "nothing is changed, since no copy of it can be kept; name another "
-                                "place with --keep");
-        else if (found.changed != 0)
-            tmft_complain(file, "repaired, but perhaps not on the disk; repair it again");
-        if (found.aside == TMF_ASIDE_MADE)
-            tmft_complain(kept, "the file as it was");
-        return TMFT_EXIT_FAILED;
-    }
+    if (tmf_repair(file, 0, kept, &found) != 0)
+        return say_failed(file, kept, found);
     return found.changed == 0 ? print_sound(file, found) : print_repaired(file, found, kept);
 }
 
-int tmft_repair_main(int argc, char **argv)
+static outcome run()
 {
-    bool dry = false;
-    const char *file = nullptr;
-    std::string kept;
-    for (int i = 0; i < argc; i++) {
-        if (strcmp(argv[i], "--dry-run") == 0) {
-            dry = true;
-        } else if (strcmp(argv[i], "--keep") == 0) {
-            if (i + 1 == argc || argv[i + 1][0] == '\0')
-                return tmft_usage_error("which name?", argv[i]);
-            kept = argv[++i];
-        } else if (argv[i][0] == '-') {
-            return tmft_usage_error("unknown option", argv[i]);
-        } else if (file != nullptr) {
-            return tmft_usage_error("one file only", argv[i]);
-        } else {
-            file = argv[i];
-        }
-    }
-    if (file == nullptr)
-        return tmft_usage_error("which file?", "repair");
+    const char *const file = options.file;
     tmf_check_result found;
-    if (tmf_check(file, &found) != 0) {
-        tmft_complain_handle(file, nullptr);
-        return TMFT_EXIT_FAILED;
-    }
+    if (tmf_check(file, &found) != 0)
+        return tmft_complain_handle(file, nullptr);
     if (found.found == 0)
         return print_sound(file, found);
-    if (dry)
+    if (options.dry_run)
         return print_damaged(file, found);
-    if (kept.empty())
-        kept = std::string(file) + ".damaged";
+    const std::string kept =
+        options.kept != nullptr ? options.kept : std::string(file) + ".damaged";
     struct stat about;
-    if (lstat(kept.c_str(), &about) == 0) {
-        tmft_complain(kept.c_str(), "there is such a file already, perhaps an earlier copy; name "
-                                    "another place with --keep");
-        return TMFT_EXIT_FAILED;
-    }
+    if (lstat(kept.c_str(), &about) == 0)
+        return tmft_complain(kept.c_str(), "there is such a file already, perhaps an earlier "
+                                           "copy; name another place with --keep");
     return repair(file, kept.c_str());
 }
+
+static const char help[] =
+    "Usage: tmf repair [--dry-run] [--keep NAME] FILE\n"
+    "\n"
+    "Compares a message file's records with the numbers at its beginning, as after a\n"
+    "power cut, and says what is wrong.  A damaged file is cut back to the records in\n"
+    "front of the first damage.  Before that it is copied to FILE.damaged; a copy that\n"
+    "cannot be kept leaves the file as it is.  Readers and writers may have the file\n"
+    "open; they wait meanwhile.\n"
+    "\n"
+    "A record's data has no checksum: where the lengths before and behind it are right\n"
+    "it counts as whole.\n"
+    "\n"
+    "  --dry-run    only says what is wrong; changes nothing\n"
+    "  --keep NAME  copies the file to NAME, which must not be there\n"
+    "  --help       print this\n"
+    "\n"
+    "Exit status: 0 the file is sound, or is now; 1 error, or with --dry-run a damaged\n"
+    "file; 2 wrong command line.\n";
+
+constinit const cli_command tmf_repair_row = {
+    .name = "repair",
+    .summary = "cuts a damaged file back to its whole records",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

@@ -1,40 +1,45 @@
-// What the subcommands of tmf share: exit statuses, complaints, their entry
-// points.
+// The rows of tmf's subcommands, and what they share.
+//
+// A subcommand is a file: its options and where their values go, what it does, its help,
+// and at the end its row.  A new one is declared here and takes its place in program.cpp.
 #ifndef TOOLS_TMF_TMF_TOOL_H
 #define TOOLS_TMF_TMF_TOOL_H
 
 #include "msgfile/tmf.h"
+#include "util/cli.h"
 
-constexpr int TMFT_EXIT_OK = 0;
-constexpr int TMFT_EXIT_FAILED = 1;
-constexpr int TMFT_EXIT_USAGE = 2;
-constexpr int TMFT_EXIT_SIGNAL = 128; // and the signal's number
+#include <climits>
 
-// Subcommands; argv[0] is the first word behind the subcommand's name.
-int tmft_info_main(int argc, char **argv);
-int tmft_read_main(int argc, char **argv);
-int tmft_write_main(int argc, char **argv);
-int tmft_repair_main(int argc, char **argv);
+extern const cli_command tmf_info_row;
+extern const cli_command tmf_read_row;
+extern const cli_command tmf_write_row;
+extern const cli_command tmf_repair_row;
 
-// Prints "tmf: text: word" and where help is to be had; TMFT_EXIT_USAGE.
-int tmft_usage_error(const char *text, const char *word);
+extern const cli_program tmf_program;
 
-// A decimal number from smallest to largest that is the whole word.
-bool tmft_number(const char *word, int smallest, int largest, int &number);
+constexpr cli_kind TMFT_ONE_FILE = {
+    .word = "FILE", .lacking = "which file?", .again = "more than one file", .may_be_empty = false};
+
+// Numbers as the library takes them.
+constexpr cli_kind tmft_number(const char *word, const char *bad, uint64_t smallest,
+                               uint64_t largest = INT_MAX)
+{
+    return {.word = word,
+            .lacking = "option lacks its number",
+            .bad = bad,
+            .smallest = smallest,
+            .largest = largest};
+}
 
 // Print "tmf: file: text".  The library's text is that of the handle's last
 // failure (null: of the last open), or of a code that no handle keeps.
-void tmft_complain(const char *file, const char *text);
-void tmft_complain_handle(const char *file, tmf_handle *h);
-void tmft_complain_code(const char *file, int code);
+outcome tmft_complain(const char *file, const char *text);
+outcome tmft_complain_handle(const char *file, tmf_handle *h);
+outcome tmft_complain_code(const char *file, int code);
 
-// Flushes standard output; TMFT_EXIT_FAILED, reported, when it could not be
-// written, else status.
-int tmft_flush_output(int status);
-
-// Closes the message file; TMFT_EXIT_FAILED, reported, when that failed and
-// status told of nothing worse.
-int tmft_close(tmf_handle *h, const char *file, int status);
+// Closes the message file, also after a failure.  What so_far says, unless that was
+// nothing and closing failed.
+outcome tmft_close(tmf_handle *h, const char *file, outcome so_far);
 
 // Whether the descriptor is the file itself, opened by somebody else.
 bool tmft_same_file(int fd, const char *file);

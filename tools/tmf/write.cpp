@@ -14,49 +14,29 @@
 #include <vector>
 
 struct write_options {
-    const char *file = ""; // empty: none given
-    char end = '\n';       // of a record
-    int size = 0;          // of every record; 0: they have an end
+    const char *file = nullptr;
+    bool null = false; // records end with a NUL byte
+    int size = 0;      // of every record; 0: they have an end
     bool all_users = false;
     bool verbose = false;
 };
+static write_options options;
 
-static int scan_options(write_options &options, int argc, char **argv)
-{
-    for (int i = 0; i < argc; i++) {
-        const char *const word = argv[i];
-        if (strcmp(word, "--size") == 0) {
-            if (++i == argc)
-                return tmft_usage_error("option lacks its number", word);
-            if (!tmft_number(argv[i], 1, TMF_MAX_DATA, options.size))
-                return tmft_usage_error("not a size of records (1 to 32761)", argv[i]);
-        } else if (strcmp(word, "--null") == 0) {
-            options.end = '\0';
-        } else if (strcmp(word, "--all-users") == 0) {
-            options.all_users = true;
-        } else if (strcmp(word, "-v") == 0) {
-            options.verbose = true;
-        } else if (word[0] == '-') {
-            return tmft_usage_error("unknown option", word);
-        } else if (*options.file != '\0') {
-            return tmft_usage_error("more than one file", word);
-        } else {
-            options.file = word;
-        }
-    }
-    if (*options.file == '\0')
-        return tmft_usage_error("which file?", "write");
-    if (options.size != 0 && options.end == '\0')
-        return tmft_usage_error("contradicts --size", "--null");
-    return TMFT_EXIT_OK;
-}
+static constexpr cli_option rows[] = {
+    {"--null", CLI_FLAG, &options.null},
+    {"--size", tmft_number("N", "not a size of records (1 to 32761)", 1, TMF_MAX_DATA),
+     &options.size},
+    {"--all-users", CLI_FLAG, &options.all_users},
+    {"-v", CLI_FLAG, &options.verbose},
+    {"FILE", TMFT_ONE_FILE, &options.file},
+};
 
 // ---- input
 
 // Standard input cut into records.
 struct record_source {
-    char mark = '\n'; // ends a record
-    size_t size = 0;  // of every record; 0: mark ends them
+    char mark;   // ends a record
+    size_t size; // of every record; 0: mark ends them
     std::vector<char> buffer = std::vector<char>(size_t{2} * (TMF_MAX_DATA + 1));
     size_t begin = 0;   // of the bytes not given yet
     size_t scanned = 0; // no mark before here
@@ -153,20 +133,19 @@ static source_found next_record(record_source &source, std::string_view &record,
 
 // ---- records
 
-static void say_stopped(const char *file, uint64_t written)
+static outcome stopped(uint64_t written)
 {
-    fprintf(stderr, "tmf: %s: stopped by signal %d after %" PRIu64 " records\n", file,
-            stop_signal_get(), written);
+    tell("%s: stopped by signal %d after %" PRIu64 " records", options.file, stop_signal_get(),
+         written);
+    return OUTCOME_STOPPED;
 }
 
-// A record that could not be appended; the exit status.
-static int append_failed(tmf_handle *h, const char *file, int code, uint64_t &written)
+// A record that could not be appended.
+static outcome append_failed(tmf_handle *h, int code, uint64_t &written)
 {
     // The signal ended the wait for the file's lock.
-    if (code == TMF_ELOCK_WAIT && stop_signal_get() != 0) {
-        say_stopped(file, written);
-        return TMFT_EXIT_SIGNAL + stop_signal_get();
-    }
+    if (code == TMF_ELOCK_WAIT && stop_signal_get() != 0)
+        return stopped(written);
     const uint64_t number = written + 1;
     char text[TMF_ERRMSG_SIZE];
     std::string told = "record " + std::to_string(number);
@@ -175,16 +154,14 @@ static int append_failed(tmf_handle *h, const char *file, int code, uint64_t &wr
         written = number;
     }
     told += std::string(": ") + tmf_geterrmsg(h, text);
-    tmft_complain(file, told.c_str());
-    return TMFT_EXIT_FAILED;
+    return tmft_complain(options.file, told.c_str());
 }
 
-// Appends records until the input ends; the exit status.
-static int run(tmf_handle *h, const write_options &options, uint64_t &written)
+// Appends records until the input ends.
+static outcome append_records(tmf_handle *h, uint64_t &written)
 {
-    record_source source;
-    source.mark = options.end;
-    source.size = static_cast<size_t>(options.size);
+    record_source source{.mark = options.null ? '\0' : '\n',
+                         .size = static_cast<size_t>(options.size)};
     std::string error;
     for (;;) {
         std::string_view record;
@@ -196,21 +173,18 @@ static int run(tmf_handle *h, const write_options &options, uint64_t &written)
         case SOURCE_RECORD:
             break;
         case SOURCE_END:
-            return TMFT_EXIT_OK;
+            return {};
         case SOURCE_STOPPED:
-            say_stopped(options.file, written);
-            return TMFT_EXIT_SIGNAL + stop_signal_get();
+            return stopped(written);
         case SOURCE_BAD:
-            fprintf(stderr, "tmf: standard input: record %" PRIu64 " %s\n", written + 1,
-                    error.c_str());
-            return TMFT_EXIT_FAILED;
+            return outcome_failed("standard input: record %" PRIu64 " %s", written + 1,
+                                  error.c_str());
         case SOURCE_FAILED:
-            fprintf(stderr, "tmf: reading standard input: %s\n", strerror(code));
-            return TMFT_EXIT_FAILED;
+            return outcome_failed("reading standard input: %s", strerror(code));
         }
         const int failed = tmf_fwrite(h, record.data(), static_cast<int>(record.size()));
         if (failed != 0)
-            return append_failed(h, options.file, failed, written);
+            return append_failed(h, failed, written);
         written++;
     }
 }
@@ -219,40 +193,57 @@ static int run(tmf_handle *h, const write_options &options, uint64_t &written)
 
 // Pipes, devices and directories are nothing that records can be kept in, and
 // opening some of them has effects.
-static bool may_open(const char *file)
+static outcome check_file(const char *file)
 {
     struct stat about;
-    if (stat(file, &about) == 0 && !S_ISREG(about.st_mode)) {
-        tmft_complain_code(file, TMF_ENOTMSG);
-        return false;
-    }
-    if (tmft_same_file(STDIN_FILENO, file)) {
-        tmft_complain(file, "is standard input, too");
-        return false;
-    }
-    return true;
+    if (stat(file, &about) == 0 && !S_ISREG(about.st_mode))
+        return tmft_complain_code(file, TMF_ENOTMSG);
+    if (tmft_same_file(STDIN_FILENO, file))
+        return tmft_complain(file, "is standard input, too");
+    return {};
 }
 
-int tmft_write_main(int argc, char **argv)
+static outcome run()
 {
-    write_options options;
-    const int usage = scan_options(options, argc, argv);
-    if (usage != TMFT_EXIT_OK)
-        return usage;
-    if (!may_open(options.file))
-        return TMFT_EXIT_FAILED;
+    if (options.size != 0 && options.null)
+        return cli_usage("contradicts --size", "--null");
+    if (outcome done = check_file(options.file); !done)
+        return done;
     stop_signal_install();
     tmf_handle *const h = tmf_fopen(options.file, options.all_users ? TMF_MODE_ALL_USERS : 0);
     if (h == nullptr) {
         if (tmf_geterrno(nullptr) == TMF_ELOCK_WAIT && stop_signal_get() != 0)
-            return TMFT_EXIT_SIGNAL + stop_signal_get();
-        tmft_complain_handle(options.file, nullptr);
-        return TMFT_EXIT_FAILED;
+            return OUTCOME_STOPPED;
+        return tmft_complain_handle(options.file, nullptr);
     }
     uint64_t written = 0;
-    int status = run(h, options, written);
-    status = tmft_close(h, options.file, status);
+    outcome done = tmft_close(h, options.file, append_records(h, written));
     if (options.verbose)
         printf("%" PRIu64 " records written\n", written);
-    return tmft_flush_output(status);
+    return done;
 }
+
+static const char help[] =
+    "Usage: tmf write [--null | --size N] [--all-users] [-v] FILE\n"
+    "\n"
+    "Appends one record for each line of standard input, without its newline, to a\n"
+    "message file, which is created when it does not exist.  A record has 1 to 32761\n"
+    "bytes; at one that has not, writing ends.\n"
+    "\n"
+    "  --null        records end with a NUL byte instead of a newline\n"
+    "  --size N      records are N bytes each, nothing between them\n"
+    "  --all-users   a file that is created may be read and written by all users\n"
+    "  -v            print the number of records written\n"
+    "  --help        print this\n"
+    "\n"
+    "Exit status: 0 all written; 1 error (the records before it are in the file);\n"
+    "2 wrong command line; 128 + signal number when SIGINT or SIGTERM ended it after\n"
+    "a whole record.\n";
+
+constinit const cli_command tmf_write_row = {
+    .name = "write",
+    .summary = "appends records from standard input",
+    .run = run,
+    .options = rows,
+    .help = help,
+};

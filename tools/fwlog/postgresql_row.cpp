@@ -1,0 +1,80 @@
+// fwlog postgresql: command line and help, in every build.
+#include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/postgresql.h"
+
+static fwlog_postgresql_options options;
+
+static constexpr char LACKING[] = "option lacks its value";
+static constexpr cli_kind VALUE_FILE = {.word = "FILE", .lacking = LACKING, .may_be_empty = false};
+static constexpr cli_kind NAME = {.word = "NAME", .lacking = LACKING, .may_be_empty = false};
+static constexpr cli_kind CONNINFO = {.word = "\"...\"", .lacking = LACKING};
+static constexpr cli_kind TIMEOUT = {.word = "SECONDS",
+                                     .lacking = LACKING,
+                                     .bad = "--timeout takes 1 to 3600 seconds",
+                                     .smallest = 1,
+                                     .largest = 3600,
+                                     .may_be_empty = false};
+static constexpr cli_option rows[] = {
+    {"-cfg", VALUE_FILE, &options.cfg},
+    {"--conninfo", CONNINFO, &options.conninfo},
+    {"--slot", NAME, &options.slot},
+    {"--publication", NAME, &options.publication},
+    {"--create", CLI_FLAG, &options.create},
+    {"--snapshot", CLI_FLAG, &options.snapshot},
+    {"--truncate", CLI_FLAG, &options.truncate},
+    {"--ignore-truncate", CLI_FLAG, &options.ignore_truncate},
+    {"--accept-gap", CLI_FLAG, &options.accept_gap},
+    {"--once", CLI_FLAG, &options.once},
+    {"--timeout", TIMEOUT, &options.timeout_s},
+    {"--status", VALUE_FILE, &options.status},
+    {"-v", CLI_FLAG, &options.verbose},
+};
+
+static outcome run()
+{
+    return fwlog_postgresql(options);
+}
+
+static const char help[] =
+    "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
+    "           [--publication NAME] [--create] [--snapshot] [--truncate]\n"
+    "           [--ignore-truncate] [--accept-gap] [--once] [--timeout SECONDS]\n"
+    "           [--status FILE] [-v]\n"
+    "\n"
+    "Follows a PostgreSQL server (12 or later) by logical replication and appends every\n"
+    "transaction to the forward log, until SIGINT or SIGTERM.  The server keeps what is\n"
+    "not in the log yet, so the command can be stopped and started at any time.\n"
+    "\n"
+    "  -cfg FILE            configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                       fwutil.cfg); tables that it does not describe become\n"
+    "                       datasets by the server's catalogue\n"
+    "  --conninfo \"...\"     how to connect, as libpq takes it\n"
+    "                       (\"host=db1 dbname=shop user=capture\"); the role needs\n"
+    "                       LOGIN and REPLICATION; what it leaves out comes from the\n"
+    "                       environment (PGHOST, PGSERVICE, ...), a password better\n"
+    "                       from a password file, since others see the command line\n"
+    "  --slot NAME          replication slot (default kestro)\n"
+    "  --publication NAME   publication (default kestro)\n"
+    "  --create             create what is missing of slot and publication (of all tables)\n"
+    "  --snapshot           begin a new slot with the tables' contents as inserts\n"
+    "  --truncate           cut texts that are too long for their item and go on\n"
+    "  --ignore-truncate    go on when a table is truncated, with a warning\n"
+    "  --accept-gap         go on with the slot although the log lacks what was changed\n"
+    "                       meanwhile, or the server what the log has\n"
+    "  --once               end when the log has what the server had at the start\n"
+    "  --timeout SECONDS    of silence after which the server is taken for gone (default 60)\n"
+    "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
+    "                       in the log directory); SIGUSR1 prints the same\n"
+    "  -v                   tell what is done, and every ten seconds how far it is\n"
+    "  --help               print this\n"
+    "\n"
+    "Exit status: 0 done (--once); 1 error (whole transactions before it are in the log);\n"
+    "2 wrong command line; 128 + signal number after SIGINT or SIGTERM.\n";
+
+constinit const cli_command fwlog_postgresql_row = {
+    .name = "postgresql",
+    .summary = "follows a running server and appends its changes",
+    .run = run,
+    .options = rows,
+    .help = help,
+};
