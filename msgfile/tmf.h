@@ -37,6 +37,14 @@
  *            raises SIGXFSZ; a caller that ignores it gets TMF_EWRITE_DATA,
  *            TMF_EWRITE_DATA_EOF or, while it opens a new file, a TMF_EINIT_ or
  *            _LOCKS code.
+ * Codes      What a call can give stands behind "Codes:" in its comment, where "those
+ *            of the bracket" are what each call on a handle can give that looks at
+ *            the file: TMF_EHANDLE (no handle, a closed descriptor), TMF_ELOCK_WAIT,
+ *            TMF_EUNLOCK (what the call did is done), TMF_ESEEK_COMMON,
+ *            TMF_ESEEK_COMMON_EOF, TMF_EREAD_COMMON, TMF_EREAD_COMMON_EOF,
+ *            TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF, TMF_ENOTMSG,
+ *            TMF_EINCOMPATIBLE (made another file, or opened by a host of the other
+ *            byte order, since the open).
  * Bad files  A damaged or foreign file gives a code, never an access outside the
  *            caller's buffer; what cannot be read stays in the file.
  *
@@ -95,7 +103,7 @@ typedef struct tmf_handle tmf_handle;
 #define TMF_ERRMSG_SIZE 256 /* a buffer of this size holds every text of tmf_geterrmsg */
 
 /* Error codes, from the last to the first; those marked "reserved" are never
- * produced on this platform. */
+ * produced on this platform, those marked "not given" by no call. */
 enum {
     TMF_ESIGNAL = -5282,            /* a signal ended the wait (TMF_READ_SIGNAL) */
     TMF_EMPE_ACCESS = -5281,        /* reserved, as all TMF_EMPE_ codes */
@@ -109,7 +117,7 @@ enum {
     TMF_EMPE_READ_EOF = -5273,      /* reserved */
     TMF_EMPE_INFO = -5272,          /* reserved */
     TMF_EMPE_CLOSE = -5271,         /* reserved */
-    TMF_EINTERRUPT = -5270,         /* internal: a signal interrupted a wait */
+    TMF_EINTERRUPT = -5270,         /* not given: a signal interrupted a round of a wait */
     TMF_ENONAME = -5269,            /* tmf_fopen without a file name */
     TMF_ETIMEOUT = -5268,           /* the time of a limited wait is over */
     TMF_EPLATFORM = -5267,          /* reserved */
@@ -122,11 +130,11 @@ enum {
     TMF_EREADER_EXCLUSIVE = -5260,  /* a reader has the file exclusively */
     TMF_EINFO = -5259,              /* unknown item of tmf_getinfo */
     TMF_ECOMMIT = -5258,            /* reserved */
-    TMF_EREAD_WRITER_EOF = -5257,   /* a writer's slot could not be read whole */
-    TMF_EREAD_WRITER = -5256,       /* a writer's slot could not be read */
-    TMF_EREAD_READER_EOF = -5255,   /* a reader's slot could not be read whole */
-    TMF_EREAD_READER = -5254,       /* a reader's slot could not be read */
-    TMF_EBADSIGNAL = -5253,         /* a wake-up that is not one; none is refused here */
+    TMF_EREAD_WRITER_EOF = -5257,   /* not given */
+    TMF_EREAD_WRITER = -5256,       /* not given */
+    TMF_EREAD_READER_EOF = -5255,   /* not given */
+    TMF_EREAD_READER = -5254,       /* not given: a slot that cannot be read is freed */
+    TMF_EBADSIGNAL = -5253,         /* not given: no wake-up is refused */
     TMF_ENONBLOCK = -5252,          /* system error on the waiting socket's mode */
     TMF_ERECEIVE = -5251,           /* system error while waiting for a wake-up */
     TMF_ESEND = -5250,              /* system error while waking a reader */
@@ -135,11 +143,11 @@ enum {
     TMF_EWRITE_WRITER_EOF = -5247,  /* a writer's slot could not be written whole */
     TMF_EWRITE_WRITER = -5246,      /* a writer's slot could not be written */
     TMF_ESEEK_WRITER = -5245,       /* a writer's slot is no place in the file */
-    TMF_EWRITER_LOCKED = -5244,     /* a writer's slot has an unknown lock state */
+    TMF_EWRITER_LOCKED = -5244,     /* not given */
     TMF_EWRITE_READER_EOF = -5243,  /* a reader's slot could not be written whole */
     TMF_EWRITE_READER = -5242,      /* a reader's slot could not be written */
     TMF_ESEEK_READER = -5241,       /* a reader's slot is no place in the file */
-    TMF_EREADER_LOCKED = -5240,     /* a reader's slot has an unknown lock state */
+    TMF_EREADER_LOCKED = -5240,     /* not given: a slot that another process has is 1 */
     TMF_EUNLOCK = -5239,            /* an unlock failed */
     TMF_ELOCK_TEST = -5238,         /* a lock could not be tested */
     TMF_ELOCK_NOWAIT = -5237,       /* a slot lock failed */
@@ -186,33 +194,40 @@ enum {
  * path: not null, not empty.  mode: TMF_MODE_ bits, others are ignored.
  * Users that died without closing are removed first.  A file written in the
  * other byte order is converted, which wants no other user at that time.
+ * Waiting readers are not woken.
  * Returns the handle, or null; then tmf_geterrno(NULL) and tmf_geterrmsg(NULL, ..)
- * tell why: TMF_ENONAME, TMF_ECOPYMODE, TMF_EOPEN (with the system's text),
- * TMF_EHANDLE and TMF_ELOCK_ codes (not a file that can seek and be locked),
- * TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT (a foreign file: left unchanged),
- * TMF_EMAX, _EXCLUSIVE, _PRESENT codes (no place for this user), TMF_EINIT_,
- * _LOCKS and _COMMON codes (input or output failed; behind a TMF_EINIT_ code a
- * new file is empty again), slot codes TMF_ESEEK_READER to TMF_EWRITE_WRITER_EOF
- * (damaged slots), TMF_EUNLOCK, TMF_EINTERNAL (counts and maps do not agree, or out
- * of memory), 1 (the slot is locked by a process that did not register).  Waiting
- * readers are not woken. */
+ * tell why.
+ * Codes: TMF_ENONAME, TMF_ECOPYMODE, TMF_EOPEN (with the system's text);
+ * TMF_EHANDLE, TMF_ELOCK_WAIT, TMF_ELOCK_NOWAIT, TMF_ELOCK_TEST, TMF_EUNLOCK (not a
+ * file that can seek and be locked); TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT (a
+ * foreign file: left unchanged); TMF_EMAXREADERS, TMF_EMAXWRITERS,
+ * TMF_EREADER_EXCLUSIVE, TMF_EWRITER_EXCLUSIVE, TMF_EREADER_PRESENT,
+ * TMF_EWRITER_PRESENT (no place for this user); TMF_EINIT_READ; TMF_EINIT_WRITE,
+ * TMF_EINIT_WRITE_EOF (the new file is empty again), TMF_ESEEK_LOCKS,
+ * TMF_ESEEK_LOCKS_EOF, TMF_EWRITE_LOCKS, TMF_EWRITE_LOCKS_EOF (a new file);
+ * TMF_ESEEK_COMMON, TMF_ESEEK_COMMON_EOF, TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF;
+ * TMF_ESEEK_READER, TMF_ESEEK_WRITER (damaged slots), TMF_EWRITE_READER,
+ * TMF_EWRITE_READER_EOF, TMF_EWRITE_WRITER, TMF_EWRITE_WRITER_EOF (the own slot);
+ * TMF_EINTERNAL (counts and maps do not agree, or out of memory); and 1 (the slot is
+ * locked by a process that did not register). */
 TMF_API tmf_handle *tmf_fopen(const char *path, int mode);
 
 /* Removes the caller's registration, closes the file and frees the handle, in
  * every case.  A writer first wakes all waiting readers, so that those that wait
  * for a writer's next record see that it has gone; a reader wakes nobody.  0 or a
- * code of the lock or the common area; after a code the registration may still be
- * in the file and is removed by the next user that opens it. */
+ * code, after which the registration may still be in the file and is removed by the
+ * next user that opens it.
+ * Codes: those of the bracket. */
 TMF_API int tmf_fclose(tmf_handle *h);
 
 /* Appends one record and wakes all waiting readers.
  * buf: the data.  len: its length, 1 to TMF_MAX_DATA.
- * Returns 0, or TMF_EREAD_ACCESS, TMF_ERECORD_SIZE, TMF_ESEEK_DATA,
- * TMF_EWRITE_DATA, TMF_EWRITE_DATA_EOF, TMF_EINTERNAL (out of memory; behind all
- * of these nothing was appended and the same call may be repeated),
- * TMF_ESEEK_DATA_EOF (a damaged file), codes of the lock or the common area,
+ * Returns 0 or a code.
+ * Codes: TMF_EREAD_ACCESS, TMF_ERECORD_SIZE, TMF_ESEEK_DATA, TMF_EWRITE_DATA,
+ * TMF_EWRITE_DATA_EOF, TMF_EINTERNAL (out of memory; behind all of these nothing was
+ * appended and the same call may be repeated); TMF_ESEEK_DATA_EOF (a damaged file);
  * TMF_ESEND (the record is in the file, but a reader could not be woken: do not
- * repeat the call). */
+ * repeat the call); those of the bracket. */
 TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
 
 /* Takes the first record, or reads it and leaves it (TMF_READ_KEEP).  In copy
@@ -226,29 +241,32 @@ TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
  * happened or that a signal ended (without TMF_READ_SIGNAL), not at all for one
  * that another process's wake-up ended.  No other reader is woken.
  * Returns the number of bytes put into buf; 0 when there is no record and no
- * reason to wait: end of file (also after a record was taken with len 0).  Or
- * TMF_EWRITE_ACCESS, TMF_EBUFFER_SIZE, TMF_ETIMEOUT, TMF_ESIGNAL, TMF_EREAD_DATA,
- * TMF_EREAD_DATA_EOF, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF (the record stays in the
- * file), TMF_ETRUNCATE, TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF (the record may be
- * removed), TMF_EPORTBUSY, TMF_ERECEIVE, TMF_ENONBLOCK (waiting failed),
- * TMF_EINTERNAL (out of memory), codes of the lock, the slots or the common area.
+ * reason to wait: end of file (also after a record was taken with len 0).  Or a code.
  * When the lock itself failed, the call goes by the common area as it was read last:
  * it may end with TMF_EINTERNAL instead of the lock's code, still wait and return a
- * record, or, in copy mode, pass over one record, which its code then stands for. */
+ * record, or, in copy mode, pass over one record, which its code then stands for.
+ * Codes: TMF_EWRITE_ACCESS, TMF_EBUFFER_SIZE, TMF_ETIMEOUT, TMF_ESIGNAL;
+ * TMF_EREAD_DATA, TMF_EREAD_DATA_EOF, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF (the record
+ * stays in the file); TMF_ETRUNCATE (it is removed, and in buf); TMF_EPORTBUSY,
+ * TMF_ERECEIVE, TMF_ENONBLOCK (waiting failed); TMF_ELOCK_TEST, TMF_ESEEK_READER,
+ * TMF_ESEEK_WRITER (looking for dead users); TMF_EINTERNAL (out of memory); those of
+ * the bracket (behind a failed write of the common area the record may be removed). */
 TMF_API int tmf_fread(tmf_handle *h, void *buf, int len, int flags);
 
 /* As tmf_fread with TMF_READ_LIMIT and TMF_READ_SIGNAL, and a limit of
  * timeout_seconds (below 1: 4); the end of the time and a signal return 0, but
- * TMF_ETIMEOUT or TMF_ESIGNAL is kept in the handle. */
+ * TMF_ETIMEOUT or TMF_ESIGNAL is kept in the handle.
+ * Codes: those of tmf_fread but these two. */
 TMF_API int tmf_freadx(tmf_handle *h, void *buf, int len, int flags, int timeout_seconds);
 
 /* Stores facts about the file: pairs of an item (int, TMF_INFO_) and where to
  * store it (pointer to a 32-bit int, null to store nothing), ended by item 0.
  *   tmf_getinfo(h, TMF_INFO_RECORDS, &records, TMF_INFO_WRITERS, &writers, 0);
- * Users that died without closing are removed first.  Returns 0, TMF_EINFO at
- * the first unknown item (those before it are stored), or codes of the locks,
- * slots or the common area.  The code is not kept in the handle.  Waiting readers
- * are not woken. */
+ * Users that died without closing are removed first.  Waiting readers are not woken.
+ * Returns 0 or a code, which is not kept in the handle.
+ * Codes: TMF_EINFO (at the first unknown item; those before it are stored);
+ * TMF_ELOCK_TEST, TMF_ESEEK_READER, TMF_ESEEK_WRITER (looking for dead users); those
+ * of the bracket. */
 TMF_API int tmf_getinfo(tmf_handle *h, ...);
 
 /* Stores what the handle itself knows; takes no lock and reads nothing.
@@ -323,11 +341,11 @@ typedef struct tmf_check_result {
  * counts as whole.  An empty file is a sound one.
  * path: not null, not empty.  result: receives what was found; all zeros on failure but
  * for size.
- * Returns 0, damaged or not; else TMF_ENONAME, TMF_EOPEN, TMF_EHANDLE and TMF_ELOCK_
- * codes, TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT, TMF_EREAD_COMMON,
+ * Returns 0, damaged or not, or a code, which is kept where that of a failed open is.
+ * Codes: TMF_ENONAME, TMF_EOPEN, TMF_EHANDLE, TMF_ELOCK_WAIT, TMF_EUNLOCK,
+ * TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT, TMF_EREAD_COMMON,
  * TMF_EREAD_COMMON_EOF (not even a whole common area), TMF_ESEEK_DATA_EOF (the data
- * area begins where none can), TMF_EREAD_DATA, TMF_EINTERNAL (out of memory).  The code
- * is kept where that of a failed open is. */
+ * area begins where none can), TMF_EREAD_DATA, TMF_EINTERNAL (out of memory). */
 TMF_API int tmf_check(const char *path, tmf_check_result *result);
 
 /* Cuts a file back to its last whole record.  Readers, writers, wait list and stamp stay
@@ -342,8 +360,9 @@ TMF_API int tmf_check(const char *path, tmf_check_result *result);
  * copy under that name is whole.  A part of one may be left as aside with ".part".
  * A file with nothing wrong and nothing to cut is left alone, and no copy is made.
  * result: what was found before the repair, changed and aside.
- * Returns 0, or the codes of tmf_check; TMF_EOPEN (with the system's text) for the copy,
- * with aside TMF_ASIDE_FAILED; TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF, TMF_ETRUNCATE,
+ * Returns 0 or a code, kept as that of tmf_check is.
+ * Codes: those of tmf_check, TMF_EOPEN (with the system's text) for the copy, too, with
+ * aside TMF_ASIDE_FAILED; TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF, TMF_ETRUNCATE,
  * TMF_EWRITE_DATA (the disk: the copy is there, repeat the call with another aside). */
 TMF_API int tmf_repair(const char *path, int keep_end, const char *aside, tmf_check_result *result);
 
