@@ -1,6 +1,7 @@
 // The output formats of capture files, a row for each: what sets one format apart from
 // the others.  A capture file and its open handle point to their row.  A row stands in
-// a file of its own, and format.cpp lists it.
+// a file of its own, and format.cpp lists it.  A format whose files are another one's can
+// copy that row and put its own functions in.
 #ifndef CAPTURE_FORMAT_H
 #define CAPTURE_FORMAT_H
 
