@@ -250,7 +250,7 @@ static outcome read_log(run &r)
     return result;
 }
 
-static int find_log_directory(const fwu_config &config, std::string &directory)
+static int find_log_directory(const fwu_reader_config &config, std::string &directory)
 {
     char *real = realpath(config.log_directory.c_str(), nullptr);
     if (real == nullptr)
@@ -319,7 +319,7 @@ static int take_place(run &r)
 
 static int prepare(run &r, const char *cfg, const char *status, const char *start)
 {
-    fwu_config config;
+    fwu_reader_config config;
     if (fwu_config_read(config, cfg) != 0)
         return -1;
     fwu_note("configuration %s", config.path.c_str());

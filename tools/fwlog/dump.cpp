@@ -63,7 +63,7 @@ static outcome run()
 {
     fwlog_printer printer;
     printer.hex = options.hex;
-    fwu_config config;
+    fwu_reader_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
     const int walked = fwu_log_walk(config.log_directory, [&printer](const fwu_walk_item &item) {

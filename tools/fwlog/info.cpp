@@ -161,7 +161,7 @@ static void print_json_totals(const log_totals &totals)
 
 static outcome run()
 {
-    fwu_config config;
+    fwu_reader_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
     log_totals totals;

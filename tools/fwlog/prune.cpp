@@ -241,7 +241,7 @@ static outcome run()
         return cli_usage("give --keep or --before", "prune");
     if (options.keep != 0 && fwlog_position_given(options.before))
         return cli_usage("give only one of --keep and --before", "prune");
-    fwu_config config;
+    fwu_reader_config config;
     std::vector<fwu_log_file> files;
     if (fwu_config_read(config, options.cfg) != 0 || fwu_log_list(config.log_directory, files) != 0)
         return OUTCOME_FAILED;

@@ -233,7 +233,7 @@ static outcome tail(tail_state &state)
 
 static outcome run()
 {
-    fwu_config config;
+    fwu_reader_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
     tail_state state;

@@ -84,7 +84,7 @@ static bool check_acknowledged(const std::string &directory, const fwu_ack &ack,
 
 static outcome run()
 {
-    fwu_config config;
+    fwu_reader_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
     bool sound = true;
