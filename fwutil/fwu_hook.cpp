@@ -5,7 +5,6 @@
 
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_error.h"
-#include "fwutil/fwutil.h"
 
 #pragma weak Fwu_hook_sync_due
 #pragma weak Fwu_hook_sync
@@ -39,6 +38,7 @@ bool fwu_hook_due(fwu_forcing &forcing, int when)
     if (when != FWU_AT_START)
         return answer == 1;
     forcing.never = answer < 0;
+    forcing.ask = forcing.never ? nullptr : Fwu_hook_sync_due;
     return !forcing.never;
 }
 

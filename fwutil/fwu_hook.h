@@ -3,17 +3,27 @@
 #ifndef FWUTIL_FWU_HOOK_H
 #define FWUTIL_FWU_HOOK_H
 
+#include "fwutil/fwutil.h"
+
 #include <cstdint>
 
 // When the position of one run was, and is to be, forced to disk.
 struct fwu_forcing {
-    bool never = false;    // the program said so at the start
+    int (*ask)(int) = nullptr; // the program's word, from the start on unless never is set
+    bool never = false;        // the program said so at the start
     int64_t forced_ms = 0; // monotonic time of the last one; only kept without the program's word
     int32_t records = 0;   // since the clock was looked at
 };
 
 // Asks whether to force the position at this moment (FWU_AT_...).
 bool fwu_hook_due(fwu_forcing &forcing, int when);
+
+// The same for FWU_AT_RECORD, where it is asked once for each record.
+inline bool fwu_hook_due_at_record(fwu_forcing &forcing)
+{
+    return forcing.ask != nullptr ? forcing.ask(FWU_AT_RECORD) == 1
+                                  : fwu_hook_due(forcing, FWU_AT_RECORD);
+}
 
 // The program's part of it: the text to keep, or null when that failed (reported).
 const char *fwu_hook_sync();

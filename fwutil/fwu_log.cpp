@@ -211,6 +211,8 @@ fwu_found fwu_log_next(fwu_log &log)
     fwu_cursor &cursor = log.cursor;
     for (;;) {
         fwu_found found = cursor.fd >= 0 ? fwu_cursor_next(cursor) : FWU_END;
+        if (found == FWU_FOUND)
+            return found;
         fwu_verdict verdict = cursor.verdict;
         fwu_log_file next;
         bool last = found == FWU_END ? !log.look : found == FWU_DAMAGED && is_last(log);

@@ -103,7 +103,9 @@ static int acknowledge(run &r)
         if (fwu_status_look(r.status) != 0)
             return -1;
     }
-    return r.status.written ? force_if_due(r, FWU_AT_RECORD) : force(r);
+    if (!r.status.written)
+        return force(r);
+    return r.status.unsynced && fwu_hook_due_at_record(r.forcing) ? force(r) : 0;
 }
 
 static outcome deliver_change(run &r, const fwu_entry &entry)
