@@ -1,5 +1,6 @@
 // The file "acknowledged".  Its two lines are written in turn, each by one call
-// and brought to disk, so that whatever interrupts that leaves the other one.
+// and brought to disk, so that whatever interrupts that leaves the other one.  Who writes
+// it has brought to disk before what it names; who reads it may rely on that being there.
 #include "fwutil/fwu_ack.h"
 
 #include "fwutil/fwu_crc32c.h"

@@ -1,4 +1,5 @@
-// Reading the configuration file: one statement a line.
+// Reading the configuration file: one statement a line.  Whoever reads it, the whole file
+// must be good: a reader does not go on with half of what its author meant.
 #include "fwutil/fwu_config.h"
 
 #include "fwutil/fwu_error.h"

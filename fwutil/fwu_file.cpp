@@ -1,4 +1,5 @@
-// Making, reading and copying files.
+// Making, copying and bringing to disk.  A descriptor that fails is closed with the errno
+// that tells why kept for whoever reports it.
 #include "fwutil/fwu_file.h"
 
 #include "fwutil/fwu_error.h"

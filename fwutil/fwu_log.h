@@ -1,4 +1,6 @@
-// A forward log as a directory of files, and its walk from entry to entry.
+// A forward log as a directory of files, and its walk from entry to entry.  A reader
+// gets whole transactions in the order of their commits, each once, and relies on what
+// fwu_writer.cpp says of that order; what was acknowledged must be there.
 // Calls report errors on standard error and return -1.
 #ifndef FWUTIL_FWU_LOG_H
 #define FWUTIL_FWU_LOG_H

@@ -1,4 +1,8 @@
-// The record loop.
+// The record loop.  For each record, in this order: the callback, the status file's line
+// that names it, and, when it is due, what brings that to disk.  A record that was
+// refused is named nowhere, so it comes again; a signal counts between records only.
+// Before the first record: configuration, status file, the place that counts, whether
+// the log has it, and only then what changes anything.
 #include "fwutil/fwu_process.h"
 
 #include "fwutil/fwu_boot.h"

@@ -1,5 +1,9 @@
 // Where a writer goes on: behind the last whole transaction of the log, which must
 // not be before what was acknowledged.  What it cuts off is kept aside.
+//
+// Everything is looked at before anything is changed: a log that is refused stays as it
+// is.  Then the piece that goes is on disk with its name before the file is cut, and what
+// an earlier run could not bring to disk is written again before anything is appended.
 #include "fwutil/fwu_recover.h"
 
 #include "fwutil/fwu_error.h"

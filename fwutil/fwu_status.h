@@ -1,5 +1,11 @@
 // The status file: names the record that the callback acknowledged last, and the last
 // one whose output is on disk, so that the next run goes on behind the one that counts.
+//
+// From the ground up: fwu_place (a record, by all that tells it from others),
+// fwu_status_line (the lines that name one), fwu_synced (the text behind them),
+// fwu_status_text (all of that as one file's bytes); fwu_status_file (the file itself)
+// and fwu_map (stores into it) know nothing of what stands there; fwu_status, here, is
+// the file during a run, and fwu_report prints one.
 #ifndef FWUTIL_FWU_STATUS_H
 #define FWUTIL_FWU_STATUS_H
 

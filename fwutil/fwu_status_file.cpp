@@ -1,5 +1,6 @@
 // A new status file is made under another name, by one process at a time since it is
-// locked there too, and renamed.
+// locked there too, and renamed: its bytes are on disk first, then it is named, then its
+// directory is on disk.  So whoever finds the name finds a whole file.
 #include "fwutil/fwu_status_file.h"
 
 #include "fwutil/fwu_error.h"

@@ -1,6 +1,6 @@
 // The text of a status file: a head, two lines that name the record that was
 // acknowledged last, two that say where the synced text stands, and that text.
-// Described in docs/forward-log.md.
+// Described in docs/forward-log.md.  What changes in it, in which order, is fwu_status's.
 #ifndef FWUTIL_FWU_STATUS_TEXT_H
 #define FWUTIL_FWU_STATUS_TEXT_H
 

@@ -1,6 +1,13 @@
 // Appending transactions.  Entries get their final bytes while the transaction
 // is collected (its file and first tag are known when it begins), so that the
 // commit writes them out as they are: a small transaction in one write.
+//
+// The order at a commit: what a failed write left is cut off; a new file, if one is due,
+// is begun when the one before is on disk, and gets its name when its header is and what
+// was acknowledged says so much; the entries, their commit entry last; only then what
+// the writer knows of the log's end.  So a reader may rely on it that a file which has a
+// next one never changes again, and that behind a commit entry everything before it
+// stands there.
 #include "fwutil/fwu_writer.h"
 
 #include "fwutil/fwu_clock.h"
