@@ -5,6 +5,7 @@
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_repair.h"
 #include "tests/procs/growing_log.h"
+#include "tests/tools/fwlog/commit_lsns.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -118,21 +119,6 @@ class RepairRandomTest : public testing::Test {
         return commits;
     }
 
-    std::vector<uint64_t> commits() const
-    {
-        std::vector<uint64_t> found;
-        fwu_commit_entry commit;
-        EXPECT_EQ(fwu_log_walk(config.log_directory,
-                               [&](const fwu_walk_item &item) {
-                                   if (item.what == FWU_WALK_ENTRY &&
-                                       fwu_entry_commit(item.entry, commit))
-                                       found.push_back(commit.commit.lsn);
-                                   return 0;
-                               }),
-                  0);
-        return found;
-    }
-
     tempdir dir;
     fwu_config config;
     std::mt19937 random;
@@ -166,9 +152,9 @@ TEST_F(RepairRandomTest, TheLogThatIsLeftIsAllBeforeTheFirstDifference)
             EXPECT_EQ(fwu_repair_carry_out(repair), 0);
         }
         fwu_repair_close(repair);
-        EXPECT_EQ(commits(), left) << "round " << round;
+        EXPECT_EQ(commit_lsns(config.log_directory), left) << "round " << round;
         append(1, true);
-        EXPECT_EQ(commits().size(), left.size() + 1) << "round " << round;
+        EXPECT_EQ(commit_lsns(config.log_directory).size(), left.size() + 1) << "round " << round;
         const std::string err = testing::internal::GetCapturedStderr();
         EXPECT_FALSE(HasFailure()) << err;
     }

@@ -5,6 +5,7 @@
 #include "tests/procs/growing_log.h"
 #include "tests/support/log_header.h"
 #include "tests/tools/fwlog/built_log.h"
+#include "tests/tools/fwlog/commit_lsns.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -91,17 +92,7 @@ class FwlogRepairTest : public testing::Test {
     std::vector<uint64_t> commits()
     {
         EXPECT_EQ(run({program, "verify"}).status, 0) << run({program, "verify"}).out;
-        std::vector<uint64_t> found;
-        fwu_commit_entry commit;
-        EXPECT_EQ(fwu_log_walk(dir.file("log"),
-                               [&](const fwu_walk_item &item) {
-                                   if (item.what == FWU_WALK_ENTRY &&
-                                       fwu_entry_commit(item.entry, commit))
-                                       found.push_back(commit.commit.lsn);
-                                   return 0;
-                               }),
-                  0);
-        return found;
+        return commit_lsns(dir.file("log"));
     }
     fwu_ack acked() const
     {
