@@ -64,6 +64,19 @@ TEST_F(ConfigTest, ReadsEveryStatement)
                                                       {"NULL-MAP", 'X', 4, 1, 0}}}));
 }
 
+TEST_F(ConfigTest, AReaderGetsTheDirectoryOfAFileThatIsGoodThroughout)
+{
+    fwu_reader_config reader;
+    write_file(path, "log-directory log\ndatabase D\ndataset S\nitem A I 4\n");
+    ASSERT_EQ(fwu_config_read(reader, path.c_str()), 0);
+    EXPECT_EQ(reader.path, path);
+    EXPECT_EQ(reader.log_directory, dir.file("log"));
+    write_file(path, "log-directory log\ndatabase D\ndataset S\nitem A I 3\n");
+    err = stderr_of([&] { EXPECT_EQ(fwu_config_read(reader, path.c_str()), -1); });
+    EXPECT_EQ(err,
+              "fwutil: " + path + ":4: an item of type I has a size of 2, 4 or 8 bytes, not 3\n");
+}
+
 TEST_F(ConfigTest, DefaultsAreTheMachinesByteOrderAnd64M)
 {
     ASSERT_EQ(read("log-directory \"/a b/c # d\"\n"), 0) << err;

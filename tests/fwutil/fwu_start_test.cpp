@@ -101,3 +101,10 @@ TEST(Start, PositionsAreShownWithoutLeadingZeros)
 {
     EXPECT_EQ(fwu_position_text({1, 25, 340}), "1-25.340");
 }
+
+TEST(Start, PositionsOfTheSourceAreTwoHexadecimalNumbers)
+{
+    EXPECT_EQ(fwu_lsn_text(0), "0/0");
+    EXPECT_EQ(fwu_lsn_text(0x1BC8080), "0/1BC8080");
+    EXPECT_EQ(fwu_lsn_text(UINT64_MAX), "FFFFFFFF/FFFFFFFF");
+}
