@@ -1,4 +1,7 @@
 // fwlog load: input, progress and summary around the stream.
+//
+// The summary is printed last, when all of it is on disk: whoever reads it may throw the
+// stream away.  A signal is looked at between two transactions.
 #include "tools/fwlog/load.h"
 
 #include "feed/lsn.h"

@@ -1,4 +1,6 @@
-// Printing log entries.
+// Layouts belong to the file in which they stand: each file begins without any, and an image
+// is shown by the layout that came before it there.  What cannot be read as its kind says is
+// printed as bytes, never left out.
 #include "tools/fwlog/print.h"
 
 #include "feed/lsn.h"

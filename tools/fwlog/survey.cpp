@@ -1,4 +1,5 @@
-// What there is in a forward log, file by file.
+// Each file is read by itself, so that what is damaged in one hides nothing of the next.
+// Entries count only once the commit behind them has been read.
 #include "tools/fwlog/survey.h"
 
 #include "fwutil/fwu_layout_check.h"

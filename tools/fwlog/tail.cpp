@@ -1,4 +1,7 @@
 // fwlog tail: the last transactions of a log and, with -f, those that come.
+//
+// It counts backwards, file by file, until there are enough, and reads on from there.  What it
+// prints ends behind a whole transaction, however it is stopped, as long as somebody takes it.
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_wait.h"

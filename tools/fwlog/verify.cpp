@@ -1,4 +1,7 @@
 // fwlog verify: reads every entry of a log and says what is damaged.
+//
+// What was acknowledged is read before the files are listed: beside a writer the log may have
+// more than that by the time it is compared, never less.
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_config.h"
 #include "tools/fwlog/fwlog.h"

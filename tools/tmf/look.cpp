@@ -1,4 +1,5 @@
-// Looking at a message file from outside.
+// Looking at a message file from outside: no lock is taken, so that a file can be looked at
+// that somebody holds.  Numbers of the file are checked before they place a read.
 #include "tools/tmf/look.h"
 
 #include "msgfile/tmf.h"

@@ -1,4 +1,5 @@
-// tmf write: records from standard input to the end of a message file.
+// tmf write: records from standard input to the end of a message file.  One that is refused
+// ends it; those before it are in the file, and the message has its number.
 #include "tools/tmf/tmf_tool.h"
 #include "util/stop_signal.h"
 
