@@ -7,6 +7,8 @@
 #include "fwutil/fwu_time.h"
 #include "fwutil/fwutil.h"
 
+#include <cinttypes>
+
 void feed_session_from(fwu_session &session, std::string_view content)
 {
     session = {};
@@ -133,4 +135,21 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
      : opcode == FWU_OP_UPDATE ? tx.changes.updates
                                : tx.changes.deletes)++;
     return {};
+}
+
+void feed_tell_notes(feed_transaction &tx, const std::string &place)
+{
+    for (const std::string &note : tx.work.notes)
+        tell("%swarning: %s", place.c_str(), note.c_str());
+    tx.work.notes.clear();
+}
+
+outcome feed_tell_bad(const feed_transaction &tx, outcome done)
+{
+    if (done.kind() != OUTCOME_BAD)
+        return done;
+    if (!tx.open)
+        return outcome_failed("%s", done.text().c_str());
+    return outcome_failed("transaction %" PRIu64 " of %s: %s", tx.commit.xid,
+                          feed_lsn_text(tx.commit.lsn).c_str(), done.text().c_str());
 }

@@ -61,6 +61,13 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
 // Hands the whole transaction to the log.  After a failure it is forgotten.
 outcome feed_commit(feed_transaction &tx);
 
+// Tells what the last change or session gave cause to tell; place stands in front of it.
+void feed_tell_notes(feed_transaction &tx, const std::string &place = {});
+
+// Tells what was wrong with what came in, and in which transaction, if one is in hand:
+// OUTCOME_BAD becomes OUTCOME_FAILED, all else stays.
+outcome feed_tell_bad(const feed_transaction &tx, outcome done);
+
 // Forgets the transaction in hand, if there is one.
 void feed_abandon(feed_transaction &tx);
 

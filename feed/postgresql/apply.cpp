@@ -4,110 +4,89 @@
 #include "feed/lsn.h"
 
 #include <cinttypes>
-#include <cstdio>
 
 constexpr size_t SESSION_LENGTH_MAX = 64 * 1024;
 
-static pgs_outcome take_result(const pgb_bridge &bridge, const outcome &done)
+outcome pgb_diverged(const fwu_commit &last)
 {
-    if (done.kind() == OUTCOME_BAD)
-        return pgb_bad(bridge, done.text());
-    return done ? PGS_OK : PGS_REFUSED;
+    return outcome_failed(
+        "the server does not have transaction %" PRIu64
+        " of %s, the last one in the log: it was set back to an older state, or the "
+        "publication has lost a table; begin a new log directory with --create --snapshot, or "
+        "go on as it is with --accept-gap",
+        last.xid, feed_lsn_text(last.lsn).c_str());
 }
 
-pgs_outcome pgb_diverged(const pgb_bridge &bridge)
-{
-    const fwu_commit &last = fwu_writer_last_commit(bridge.tx.writer);
-    fprintf(stderr,
-            "fwlog: the server does not have transaction %" PRIu64
-            " of %s, the last one in the log: it was set back to an older state, or the "
-            "publication has lost a table; begin a new log directory with --create --snapshot, or "
-            "go on as it is with --accept-gap\n",
-            last.xid, feed_lsn_text(last.lsn).c_str());
-    return PGS_REFUSED;
-}
-
-static pgs_outcome take_begin(pgb_bridge &bridge, pgb_apply &apply)
+static outcome take_begin(pgb_apply &apply, feed_transaction &tx)
 {
     fwu_commit commit;
     commit.lsn = apply.message.lsn;
     commit.time_us = apply.message.time_us;
     commit.xid = apply.message.xid;
-    if (bridge.expects_last) {
-        const fwu_commit &last = fwu_writer_last_commit(bridge.tx.writer);
+    if (apply.expects_last) {
+        const fwu_commit &last = fwu_writer_last_commit(tx.writer);
         if (commit.lsn != last.lsn || commit.xid != last.xid || commit.time_us != last.time_us)
-            return pgb_diverged(bridge);
-        bridge.expects_last = false;
+            return pgb_diverged(last);
+        apply.expects_last = false;
     }
-    feed_begin(bridge.tx, commit);
-    return PGS_OK;
+    feed_begin(tx, commit);
+    return {};
 }
 
-static pgs_outcome take_commit(pgb_bridge &bridge, pgb_apply &apply)
+static outcome take_commit(pgb_apply &apply, feed_transaction &tx)
 {
-    feed_transaction &tx = bridge.tx;
     if (!tx.open)
-        return pgb_bad(bridge, "a commit came outside a transaction");
+        return outcome_bad("a commit came outside a transaction");
     const bool logs = tx.begun;
-    const pgs_outcome outcome = take_result(bridge, feed_commit(tx));
-    if (outcome != PGS_OK)
-        return outcome;
+    if (outcome done = feed_commit(tx); !done)
+        return done;
     if (logs)
-        bridge.state.commit_us = tx.commit.time_us;
+        apply.commit_us = tx.commit.time_us;
     apply.end = apply.message.end_lsn;
-    return PGS_OK;
-}
-
-void pgb_tell_notes(pgb_bridge &bridge)
-{
-    std::vector<std::string> &notes = bridge.tx.work.notes;
-    for (const std::string &note : notes)
-        fprintf(stderr, "fwlog: warning: %s\n", note.c_str());
-    notes.clear();
+    return {};
 }
 
 // What is too long for the log is not worth a stop.
-static void refuse_session(pgb_bridge &bridge)
+static void refuse_session(pgb_apply &apply, feed_transaction &tx)
 {
-    if (!bridge.session_told)
-        bridge.tx.work.notes.push_back("transaction " + std::to_string(bridge.tx.commit.xid) +
-                                       ": a session message is longer than " +
-                                       std::to_string(SESSION_LENGTH_MAX) +
-                                       " bytes and is not taken (this is told once)");
-    bridge.session_told = true;
+    if (!apply.session_told)
+        tx.work.notes.push_back(
+            "transaction " + std::to_string(tx.commit.xid) + ": a session message is longer than " +
+            std::to_string(SESSION_LENGTH_MAX) + " bytes and is not taken (this is told once)");
+    apply.session_told = true;
 }
 
-static pgs_outcome take_session(pgb_bridge &bridge, pgb_apply &apply)
+static outcome take_session(pgb_apply &apply, feed_transaction &tx)
 {
     const pgo_message &message = apply.message;
-    if (!message.transactional || message.prefix != "session" || !bridge.tx.open)
-        return PGS_OK;
+    if (!message.transactional || message.prefix != "session" || !tx.open)
+        return {};
     if (message.content.size() > SESSION_LENGTH_MAX)
-        refuse_session(bridge);
+        refuse_session(apply, tx);
     else
-        feed_set_session(bridge.tx, message.content.substr(0, message.content.find('\0')));
-    pgb_tell_notes(bridge);
-    return PGS_OK;
+        feed_set_session(tx, message.content.substr(0, message.content.find('\0')));
+    feed_tell_notes(tx);
+    return {};
 }
 
-static pgs_outcome take_change(pgb_bridge &bridge, pgb_apply &apply)
+static outcome take_change(const pgo_message &message, feed_transaction &tx,
+                           pgb_relations &relations)
 {
-    const pgo_message &message = apply.message;
-    if (!bridge.tx.open)
-        return pgb_bad(bridge, "a change came outside a transaction");
-    if (bridge.tx.skipping)
-        return PGS_OK;
+    if (!tx.open)
+        return outcome_bad("a change came outside a transaction");
+    if (tx.skipping)
+        return {};
     pgb_relation *relation = nullptr;
-    if (const outcome found = pgb_find(relation, bridge.relations, message.relation_id); !found)
-        return take_result(bridge, found);
+    if (outcome found = pgb_find(relation, relations, message.relation_id); !found)
+        return found;
     feed_table &table = *relation->table;
     if (table.dataset == nullptr)
-        return PGS_OK;
+        return {};
     if (message.kind != 'I' && message.old_row.kind != 'O')
-        return pgb_bad(bridge, feed_no_old_row_text(table) +
-                                   "; what was changed before that cannot be followed: leave the "
-                                   "table out with the line skip-table " +
-                                   table.name + ", or begin a new log");
+        return outcome_bad(feed_no_old_row_text(table) +
+                           "; what was changed before that cannot be followed: leave the "
+                           "table out with the line skip-table " +
+                           table.name + ", or begin a new log");
     const feed_row *fresh = nullptr;
     const feed_row *old = nullptr;
     outcome done;
@@ -116,56 +95,63 @@ static pgs_outcome take_change(pgb_bridge &bridge, pgb_apply &apply)
     if (done && message.kind != 'I')
         done = pgb_row(old, *relation, message.old_row);
     if (done)
-        done = feed_change(bridge.tx, table, fresh, old);
-    pgb_tell_notes(bridge);
-    return take_result(bridge, done);
+        done = feed_change(tx, table, fresh, old);
+    feed_tell_notes(tx);
+    return done;
 }
 
-static pgs_outcome take_truncate(pgb_bridge &bridge, pgb_apply &apply)
+static outcome take_truncate(const pgb_apply &apply, const feed_transaction &tx,
+                             pgb_relations &relations)
 {
-    if (bridge.tx.skipping)
-        return PGS_OK;
+    if (tx.skipping)
+        return {};
     for (const uint32_t id : apply.message.truncated) {
         pgb_relation *relation = nullptr;
-        if (const outcome found = pgb_find(relation, bridge.relations, id); !found)
-            return take_result(bridge, found);
+        if (outcome found = pgb_find(relation, relations, id); !found)
+            return found;
         if (relation->table->dataset == nullptr)
             continue;
-        if (!bridge.options.ignore_truncate)
-            return pgb_bad(bridge, feed_truncated_text(*relation->table) +
-                                       ", or pass over truncates with --ignore-truncate");
-        fprintf(stderr,
-                "fwlog: warning: table %s was truncated in transaction %" PRIu64
-                ", which the log does not tell\n",
-                relation->table->name.c_str(), bridge.tx.commit.xid);
+        if (!apply.ignore_truncate)
+            return outcome_bad(feed_truncated_text(*relation->table) +
+                               ", or pass over truncates with --ignore-truncate");
+        tell("warning: table %s was truncated in transaction %" PRIu64
+             ", which the log does not tell",
+             relation->table->name.c_str(), tx.commit.xid);
     }
-    return PGS_OK;
+    return {};
 }
 
-pgs_outcome pgb_apply_message(pgb_bridge &bridge, pgb_apply &apply, std::string_view bytes)
+static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
+                            std::string_view bytes)
 {
-    if (const outcome decoded = pgo_decode(apply.message, bytes); !decoded)
-        return take_result(bridge, decoded);
+    if (outcome decoded = pgo_decode(apply.message, bytes); !decoded)
+        return decoded;
     switch (apply.message.kind) {
     case 'B':
-        return take_begin(bridge, apply);
+        return take_begin(apply, tx);
     case 'C':
-        return take_commit(bridge, apply);
+        return take_commit(apply, tx);
     case 'M':
-        return take_session(bridge, apply);
+        return take_session(apply, tx);
     case 'O':
-        bridge.tx.data.push_back("origin=" + std::string(apply.message.origin));
-        return PGS_OK;
+        tx.data.push_back("origin=" + std::string(apply.message.origin));
+        return {};
     case 'R':
-        pgb_describe(bridge.relations, apply.message.relation);
-        return PGS_OK;
+        pgb_describe(relations, apply.message.relation);
+        return {};
     case 'I':
     case 'U':
     case 'D':
-        return take_change(bridge, apply);
+        return take_change(apply.message, tx, relations);
     case 'T':
-        return take_truncate(bridge, apply);
+        return take_truncate(apply, tx, relations);
     default:
-        return PGS_OK;
+        return {};
     }
+}
+
+outcome pgb_apply_message(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
+                          std::string_view bytes)
+{
+    return feed_tell_bad(tx, take_message(apply, tx, relations, bytes));
 }

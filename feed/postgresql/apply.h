@@ -2,21 +2,29 @@
 #ifndef FEED_POSTGRESQL_APPLY_H
 #define FEED_POSTGRESQL_APPLY_H
 
-#include "feed/postgresql/bridge.h"
 #include "feed/postgresql/pgoutput.h"
+#include "feed/postgresql/relations.h"
+#include "feed/transaction.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <string_view>
 
+// What is kept from message to message, and from one connection to the next.
 struct pgb_apply {
+    bool ignore_truncate = false; // pass over truncates instead of stopping
+    bool expects_last = false;    // the server has to send the log's last transaction first
+    bool session_told = false;    // that a session message is too long
+    uint64_t end = 0;             // behind the last whole transaction
+    int64_t commit_us = 0;        // commit time of the transaction logged last, 0 for none
     pgo_message message;
-    uint64_t end = 0; // behind the last whole transaction
 };
 
 // Takes the next message of the output plugin.
-pgs_outcome pgb_apply_message(pgb_bridge &bridge, pgb_apply &apply, std::string_view bytes);
+outcome pgb_apply_message(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
+                          std::string_view bytes);
 
-// Reports that the server lacks the last transaction of the log; PGS_REFUSED.
-pgs_outcome pgb_diverged(const pgb_bridge &bridge);
+// Tells that the server lacks the last transaction of the log; OUTCOME_FAILED.
+outcome pgb_diverged(const fwu_commit &last);
 
 #endif

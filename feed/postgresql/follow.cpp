@@ -1,15 +1,18 @@
-// The stream: messages into transactions, positions back to the server.  It is told
-// a position only once all transactions before it are logged.
+// The server forgets what it is told is done, so the order is fixed: transactions are on
+// disk in the log, the log's acknowledgement and the state file say so, and only then is
+// the server told.  A restart relies on it: whatever was cut off on the way, the server
+// still sends, and what it sends twice is known by its position and passed over.
+#include "feed/postgresql/follow.h"
+
 #include "feed/lsn.h"
-#include "feed/postgresql/apply.h"
-#include "feed/postgresql/report_signal.h"
+#include "feed/postgresql/ask.h"
+#include "feed/postgresql/query.h"
 #include "fwutil/fwu_clock.h"
+#include "util/report_signal.h"
 #include "util/stop_signal.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
 #include <cstring>
 #include <poll.h>
 
@@ -24,9 +27,13 @@ constexpr int64_t ASK_AFTER_MS = 20'000; // of silence, whether the server is th
 constexpr int64_t GOOD_BYE_MS = 3000;    // for the server to end the stream
 
 struct follow {
-    pgb_bridge &bridge;
+    pgs_server &server;
+    pgb_state &state;
+    feed_transaction &tx;
+    pgb_relations &relations;
+    pgb_apply &apply;
+    const pgb_follow_settings &settings;
     PGconn *connection;
-    pgb_apply apply = {};
     bool answer = false;    // the server wants to hear something now
     uint64_t acked_lsn = 0; // everything before it is acknowledged: what the server may be told
     int64_t feedback_due_ms = 0;
@@ -51,35 +58,33 @@ static void put_big_endian(std::string &out, uint64_t value)
 // Everything that was received is logged when the log holds its last commit.
 static void note_progress(follow &f)
 {
-    pgb_state &state = f.bridge.state;
-    const fwu_writer *writer = f.bridge.tx.writer;
+    pgb_state &state = f.state;
+    const fwu_writer *writer = f.tx.writer;
     if (fwu_writer_logged_lsn(writer) == fwu_writer_last_lsn(writer))
         state.logged_lsn = std::max(state.logged_lsn, f.apply.end);
     state.logged_lsn = std::max(state.logged_lsn, fwu_writer_logged_lsn(writer));
     state.received_lsn = std::max(state.received_lsn, f.apply.end);
     state.server_lsn = std::max(state.server_lsn, state.received_lsn);
-    const feed_totals &totals = f.bridge.tx.totals;
+    const feed_totals &totals = f.tx.totals;
     state.transactions = totals.transactions;
     state.changes = totals.inserts + totals.updates + totals.deletes;
 }
 
-static pgs_outcome lost(follow &f)
+static outcome lost(follow &f)
 {
-    return pgs_failed(f.bridge.server, f.connection, nullptr, "following the server");
+    return pgs_failed(f.server, f.connection, nullptr, "following the server");
 }
 
-static pgs_outcome lost(follow &f, const char *why)
+static outcome lost(follow &f, const char *why)
 {
-    f.bridge.server.lost = why;
-    f.bridge.server.slot_in_use = false;
-    return PGS_LOST;
+    return pgs_lost(f.server, why);
 }
 
 // Tells the server the positions; asks for an answer when it has been silent.
-static pgs_outcome send_feedback(follow &f)
+static outcome send_feedback(follow &f)
 {
-    const pgb_state &state = f.bridge.state;
-    const int64_t ask_after = std::min(ASK_AFTER_MS, f.bridge.server.timeout_ms / FEEDBACKS);
+    const pgb_state &state = f.state;
+    const int64_t ask_after = std::min(ASK_AFTER_MS, f.server.timeout_ms / FEEDBACKS);
     const bool asks = fwu_monotonic_ms() - f.heard_ms >= ask_after;
     std::string text = "r";
     put_big_endian(text, state.received_lsn);
@@ -92,161 +97,158 @@ static pgs_outcome send_feedback(follow &f)
     if (PQputCopyData(f.connection, text.data(), static_cast<int>(text.size())) < 0 ||
         PQflush(f.connection) < 0)
         return lost(f);
-    return PGS_OK;
+    return {};
 }
 
 // What the server is told stands on disk first, so that the next run can see whether the
 // log still has it, and whether somebody else has moved the slot.
-static pgs_outcome acknowledge(follow &f)
+static outcome acknowledge(follow &f)
 {
-    pgb_bridge &bridge = f.bridge;
-    pgb_state &state = bridge.state;
+    pgb_state &state = f.state;
     const bool moves = state.logged_lsn > state.told_lsn;
-    if (fwu_writer_acknowledge(bridge.tx.writer) != 0)
-        return PGS_REFUSED;
+    if (fwu_writer_acknowledge(f.tx.writer) != 0)
+        return OUTCOME_FAILED;
     state.told_lsn = std::max(state.told_lsn, state.logged_lsn);
-    if (!pgb_state_write(state, bridge.config.sync != FWU_SYNC_NONE))
-        return PGS_REFUSED;
+    if (outcome written = pgb_state_write(state, f.settings.durable); !written)
+        return written;
     f.acked_lsn = state.logged_lsn;
     if (moves)
-        bridge.server.patience_ms = bridge.server.timeout_ms; // it sends what it has
-    return PGS_OK;
+        f.server.patience_ms = f.server.timeout_ms; // it sends what it has
+    return {};
 }
 
 // What is due by the clock: progress to the server, the state file, reports.
-static pgs_outcome keep_in_touch(follow &f)
+static outcome keep_in_touch(follow &f)
 {
-    pgb_bridge &bridge = f.bridge;
     const int64_t now = fwu_monotonic_ms();
     if (report_signal_taken()) {
-        pgs_server_lsn(bridge.server, bridge.state.server_lsn);
-        pgb_state_print(bridge.state);
+        pgs_server_lsn(f.server, f.state.server_lsn);
+        pgb_state_print(f.state);
     }
     if (now < f.feedback_due_ms && !f.answer)
-        return PGS_OK;
+        return {};
     // A server that asks may be waiting to shut down until it is told everything.
-    if (f.answer && fwu_writer_settle_in(bridge.tx.writer) >= 0 &&
-        fwu_writer_sync(bridge.tx.writer) != 0)
-        return PGS_REFUSED;
+    if (f.answer && fwu_writer_settle_in(f.tx.writer) >= 0 && fwu_writer_sync(f.tx.writer) != 0)
+        return OUTCOME_FAILED;
     note_progress(f);
     if (now >= f.report_due_ms) {
         f.report_due_ms = now + REPORT_MS;
-        pgs_server_lsn(bridge.server, bridge.state.server_lsn);
-        if (bridge.options.verbose)
-            pgb_state_print(bridge.state);
+        pgs_server_lsn(f.server, f.state.server_lsn);
+        if (f.settings.verbose)
+            pgb_state_print(f.state);
     }
-    if (bridge.state.logged_lsn > f.acked_lsn) {
-        const pgs_outcome outcome = acknowledge(f);
-        if (outcome != PGS_OK)
-            return outcome;
+    if (f.state.logged_lsn > f.acked_lsn) {
+        if (outcome done = acknowledge(f); !done)
+            return done;
     } else if (now >= f.feedback_due_ms) {
-        (void)pgb_state_write(bridge.state, false); // reported
+        (void)pgb_state_write(f.state, false); // told, and tried again soon
     } else {
         return send_feedback(f); // only since the server asks
     }
-    f.feedback_due_ms = now + std::min(FEEDBACK_MS, f.bridge.server.timeout_ms / FEEDBACKS);
+    f.feedback_due_ms = now + std::min(FEEDBACK_MS, f.server.timeout_ms / FEEDBACKS);
     return send_feedback(f);
 }
 
-static pgs_outcome take_copy_data(follow &f, std::string_view bytes)
+static outcome take_copy_data(follow &f, std::string_view bytes)
 {
-    pgb_state &state = f.bridge.state;
+    pgb_state &state = f.state;
     if (bytes.size() >= DATA_HEADER && bytes[0] == 'w') {
         state.server_lsn = std::max(state.server_lsn, big_endian(bytes.data() + 9));
-        return pgb_apply_message(f.bridge, f.apply, bytes.substr(DATA_HEADER));
+        outcome done = pgb_apply_message(f.apply, f.tx, f.relations, bytes.substr(DATA_HEADER));
+        if (f.apply.commit_us != 0)
+            state.commit_us = f.apply.commit_us;
+        return done;
     }
     if (bytes.size() == KEEPALIVE_SIZE && bytes[0] == 'k') {
         const uint64_t end = big_endian(bytes.data() + 1);
         state.server_lsn = std::max(state.server_lsn, end);
-        if (f.bridge.expects_last && end > fwu_writer_last_lsn(f.bridge.tx.writer))
-            return pgb_diverged(f.bridge);
+        if (f.apply.expects_last && end > fwu_writer_last_lsn(f.tx.writer))
+            return pgb_diverged(fwu_writer_last_commit(f.tx.writer));
         // All that was committed before it has been sent.
-        if (!f.bridge.tx.open)
+        if (!f.tx.open)
             f.apply.end = std::max(f.apply.end, end);
         f.answer = f.answer || bytes[KEEPALIVE_SIZE - 1] != 0;
-        return PGS_OK;
+        return {};
     }
-    return pgb_bad(f.bridge, "the server sent something that is neither data nor a keep-alive");
+    return feed_tell_bad(
+        f.tx, outcome_bad("the server sent something that is neither data nor a keep-alive"));
 }
 
 // Takes messages as long as there are some at hand.
-static pgs_outcome take_waiting(follow &f)
+static outcome take_waiting(follow &f)
 {
-    pgs_outcome outcome = PGS_OK;
-    for (int n = 1; outcome == PGS_OK; n++) {
+    outcome done;
+    for (int n = 1; done; n++) {
         char *bytes = nullptr;
         const int length = PQgetCopyData(f.connection, &bytes, 1);
         const pgs_memory owned(bytes);
         if (length == 0)
-            return PGS_OK;
+            return {};
         if (length < 0) {
             const pgs_result result(length == -1 ? PQgetResult(f.connection) : nullptr);
             if (length == -1 && PQresultStatus(result.get()) != PGRES_FATAL_ERROR)
                 return lost(f, "the server has ended the stream");
-            return pgs_failed(f.bridge.server, f.connection, result.get(), "following the server");
+            return pgs_failed(f.server, f.connection, result.get(), "following the server");
         }
-        outcome = take_copy_data(f, {bytes, static_cast<size_t>(length)});
-        if (outcome == PGS_OK && (n % MESSAGES_A_LOOK == 0 || f.answer))
-            outcome = keep_in_touch(f);
+        done = take_copy_data(f, {bytes, static_cast<size_t>(length)});
+        if (done && (n % MESSAGES_A_LOOK == 0 || f.answer))
+            done = keep_in_touch(f);
         if (stop_signal_get() != 0) // what is in hand will be sent again
-            return outcome;
+            return done;
     }
-    return outcome;
+    return done;
 }
 
 static bool is_done(const follow &f)
 {
-    return stop_signal_get() != 0 ||
-           (f.bridge.options.once && f.bridge.state.logged_lsn >= f.bridge.stop_at);
+    return stop_signal_get() != 0 || (f.settings.once && f.state.logged_lsn >= f.settings.stop_at);
 }
 
 // Waits limit_ms at most for the server to send something, and receives it.
-static pgs_outcome receive(follow &f, int limit_ms, bool &received)
+static outcome receive(follow &f, int limit_ms, bool &received)
 {
     const stop_wait waited = stop_signal_wait(PQsocket(f.connection), limit_ms);
     received = waited == STOP_READABLE;
-    if (waited == STOP_ERROR) {
-        fprintf(stderr, "fwlog: waiting for the server: %s\n", strerror(errno));
-        return PGS_REFUSED;
-    }
+    if (waited == STOP_ERROR)
+        return outcome_failed("waiting for the server: %s", strerror(errno));
     if (received)
         f.heard_ms = fwu_monotonic_ms();
-    if (fwu_monotonic_ms() - f.heard_ms > f.bridge.server.patience_ms)
-        return pgs_silent(f.bridge.server, "following the stream");
+    if (fwu_monotonic_ms() - f.heard_ms > f.server.patience_ms)
+        return pgs_silent(f.server, "following the stream");
     // Encrypted connections may hold bytes that the socket does not show.
-    return PQconsumeInput(f.connection) == 1 ? PGS_OK : lost(f);
+    return PQconsumeInput(f.connection) == 1 ? outcome() : lost(f);
 }
 
 // Until something is due by the clock.
 static int patience_ms(const follow &f)
 {
     int64_t limit = std::max<int64_t>(f.feedback_due_ms - fwu_monotonic_ms(), 0);
-    const int settle_in = fwu_writer_settle_in(f.bridge.tx.writer);
+    const int settle_in = fwu_writer_settle_in(f.tx.writer);
     if (settle_in >= 0)
         limit = std::min<int64_t>(limit, settle_in);
     return static_cast<int>(limit);
 }
 
-static pgs_outcome run(follow &f)
+static outcome run(follow &f)
 {
     for (;;) {
-        pgs_outcome outcome = take_waiting(f);
+        outcome done = take_waiting(f);
         bool received = false;
-        if (outcome == PGS_OK)
-            outcome = keep_in_touch(f);
+        if (done)
+            done = keep_in_touch(f);
         // One sync for all that is on its way.
-        if (outcome == PGS_OK && stop_signal_get() == 0)
-            outcome = receive(f, 0, received);
-        if (outcome == PGS_OK && !received) {
-            if (fwu_writer_settle(f.bridge.tx.writer, false) != 0)
-                return PGS_REFUSED;
+        if (done && stop_signal_get() == 0)
+            done = receive(f, 0, received);
+        if (done && !received) {
+            if (fwu_writer_settle(f.tx.writer, false) != 0)
+                return OUTCOME_FAILED;
             note_progress(f);
             if (is_done(f))
-                return PGS_OK;
-            outcome = receive(f, patience_ms(f), received);
+                return {};
+            done = receive(f, patience_ms(f), received);
         }
-        if (outcome != PGS_OK)
-            return outcome;
+        if (!done)
+            return done;
     }
 }
 
@@ -261,15 +263,15 @@ static bool receive_until(PGconn *connection, int64_t deadline_ms)
 
 // Tells the server the last position and ends the stream.  The server answers once it
 // has let the slot go, so that the slot is free for others when this returns.
-// PGS_REFUSED: what is logged could not be acknowledged.
-static pgs_outcome say_good_bye(follow &f)
+// OUTCOME_FAILED: what is logged could not be acknowledged.
+static outcome say_good_bye(follow &f)
 {
-    const pgs_outcome outcome = keep_in_touch(f);
-    if (outcome == PGS_REFUSED)
-        return outcome;
+    outcome done = keep_in_touch(f);
+    if (done.kind() == OUTCOME_FAILED)
+        return done;
     // Otherwise all is done: the connection is closed next in any case.
-    if (outcome != PGS_OK || PQputCopyEnd(f.connection, nullptr) != 1 || PQflush(f.connection) < 0)
-        return PGS_OK;
+    if (!done || PQputCopyEnd(f.connection, nullptr) != 1 || PQflush(f.connection) < 0)
+        return {};
     const int64_t deadline = fwu_monotonic_ms() + GOOD_BYE_MS;
     int length = 0;
     while (length >= 0) {
@@ -277,48 +279,58 @@ static pgs_outcome say_good_bye(follow &f)
         length = PQgetCopyData(f.connection, &bytes, 1);
         const pgs_memory passed_over(bytes);
         if (length == 0 && !receive_until(f.connection, deadline))
-            return PGS_OK;
+            return {};
     }
     while (PQisBusy(f.connection) != 0)
         if (!receive_until(f.connection, deadline))
-            return PGS_OK;
+            return {};
     const pgs_result answer(PQgetResult(f.connection));
-    return PGS_OK;
+    return {};
 }
 
-pgs_outcome pgb_follow(pgb_bridge &bridge)
+static outcome start(const follow &f)
 {
-    pgs_server &server = bridge.server;
-    PGconn *const connection = server.replication.get();
-    std::string publications;
+    pgs_server &server = f.server;
     pgs_result result;
-    const std::string start =
+    return pgs_command(
+        server, f.connection, result,
         "START_REPLICATION SLOT " + pgs_name(server.slot) + " LOGICAL " +
-        feed_lsn_text(fwu_writer_last_lsn(bridge.tx.writer)) +
-        " (proto_version '1', publication_names " + pgs_literal(pgs_name(server.publication)) +
-        (PQserverVersion(connection) >= VERSION_WITH_MESSAGES ? ", messages 'true')" : ")");
-    pgs_outcome outcome = pgs_command(server, connection, result, start);
-    if (outcome != PGS_OK)
-        return outcome;
+            feed_lsn_text(fwu_writer_last_lsn(f.tx.writer)) +
+            " (proto_version '1', publication_names " + pgs_literal(pgs_name(server.publication)) +
+            (PQserverVersion(f.connection) >= VERSION_WITH_MESSAGES ? ", messages 'true')" : ")"));
+}
+
+outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
+                   pgb_relations &relations, pgb_apply &apply, const pgb_follow_settings &settings)
+{
+    follow f = {.server = server,
+                .state = state,
+                .tx = tx,
+                .relations = relations,
+                .apply = apply,
+                .settings = settings,
+                .connection = server.replication.get()};
+    outcome done = start(f);
+    if (!done)
+        return done;
+    f.heard_ms = fwu_monotonic_ms();
     server.sql.reset(); // an idle session would keep the server from shutting down
-    pgb_state &state = bridge.state;
     state.phase = "streaming";
-    follow f = {.bridge = bridge, .connection = connection};
-    f.apply.end = fwu_writer_last_lsn(bridge.tx.writer);
-    state.received_lsn = f.apply.end;
+    apply.end = fwu_writer_last_lsn(tx.writer);
+    state.received_lsn = apply.end;
     state.logged_lsn = 0;
     // A run before may have left commits that are neither on disk nor acknowledged.
-    if (fwu_writer_sync(bridge.tx.writer) != 0)
-        return PGS_REFUSED;
+    if (fwu_writer_sync(tx.writer) != 0)
+        return OUTCOME_FAILED;
     note_progress(f);
-    outcome = acknowledge(f);
-    if (outcome == PGS_OK)
-        outcome = run(f);
-    feed_abandon(bridge.tx);
-    if (outcome == PGS_OK) {
+    done = acknowledge(f);
+    if (done)
+        done = run(f);
+    feed_abandon(tx);
+    if (done) {
         note_progress(f);
         f.feedback_due_ms = 0;
-        outcome = say_good_bye(f);
+        done = say_good_bye(f);
     }
-    return outcome;
+    return done;
 }

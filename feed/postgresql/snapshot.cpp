@@ -1,11 +1,13 @@
-// The contents that the tables had when the slot was made, as inserts.
+// The tables are read in the snapshot that the slot exported, so that rows and stream meet
+// without a gap and without a row twice.
+#include "feed/postgresql/snapshot.h"
+
 #include "feed/lsn.h"
-#include "feed/postgresql/bridge.h"
+#include "feed/postgresql/query.h"
 #include "feed/text.h"
 #include "fwutil/fwu_clock.h"
 
 #include <cinttypes>
-#include <cstdio>
 
 constexpr int VERSION_WITH_COLUMN_LISTS = 150000;
 
@@ -62,15 +64,13 @@ struct copied_table {
     std::string command;
 };
 
-static pgs_outcome bad_number(const copied_table &table, const char *what, std::string_view text)
+static outcome bad_number(const copied_table &table, const char *what, std::string_view text)
 {
-    fprintf(stderr, "fwlog: the server gives %s as %s of table %s.%s\n", feed_quote(text).c_str(),
-            what, table.relation.schema.c_str(), table.relation.name.c_str());
-    return PGS_REFUSED;
+    return outcome_failed("the server gives %s as %s of table %s.%s", feed_quote(text).c_str(),
+                          what, table.relation.schema.c_str(), table.relation.name.c_str());
 }
 
-static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int row,
-                            copied_table &table)
+static outcome describe(copied_table &table, pgs_server &server, const pgs_result &tables, int row)
 {
     const std::string id(pgs_value(tables, row, 2));
     const std::string columns(pgs_value(tables, row, 4));
@@ -79,14 +79,14 @@ static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int ro
     if (!pgs_number(table.relation.id, id))
         return bad_number(table, "the number", id);
     pgs_result result;
-    const pgs_outcome outcome =
+    outcome asked =
         pgs_query(server, server.sql.get(), result,
                   "SELECT attname, atttypid, atttypmod FROM pg_attribute WHERE attrelid = $1::oid"
                   " AND attnum > 0 AND NOT attisdropped AND attgenerated = ''"
                   " AND ($2::name[] IS NULL OR attname = ANY ($2::name[])) ORDER BY attnum",
                   {id.c_str(), columns.empty() ? nullptr : columns.c_str()});
-    if (outcome != PGS_OK)
-        return outcome;
+    if (!asked)
+        return asked;
     std::string list;
     for (int i = 0; i < PQntuples(result.get()); i++) {
         pgo_column column;
@@ -104,106 +104,146 @@ static pgs_outcome describe(pgs_server &server, const pgs_result &tables, int ro
     table.command = "COPY (SELECT " + list + " FROM " + (partitioned ? "" : "ONLY ") +
                     pgs_name(table.relation.schema) + "." + pgs_name(table.relation.name) +
                     (filter.empty() ? "" : " WHERE " + filter) + ") TO STDOUT";
-    return PGS_OK;
+    return {};
 }
 
-static pgs_outcome add_row(pgb_bridge &bridge, pgb_relation &relation, const pgo_tuple &tuple)
+static outcome add_row(feed_transaction &tx, pgb_relation &relation, const pgo_tuple &tuple)
 {
     const feed_row *row = nullptr;
     outcome done = pgb_row(row, relation, tuple);
     if (done)
-        done = feed_change(bridge.tx, *relation.table, row, nullptr);
-    pgb_tell_notes(bridge);
-    if (done.kind() == OUTCOME_BAD)
-        return pgb_bad(bridge, done.text());
-    return done ? PGS_OK : PGS_REFUSED;
+        done = feed_change(tx, *relation.table, row, nullptr);
+    feed_tell_notes(tx);
+    return done;
 }
 
-static pgs_outcome copy_table(pgb_bridge &bridge, const copied_table &table)
+// The rows that the server sends for a table; rows counts them.
+static outcome copy_rows(pgs_server &server, feed_transaction &tx, pgb_relation &relation,
+                         uint64_t &rows)
 {
-    pgs_server &server = bridge.server;
-    pgb_describe(bridge.relations, table.relation);
-    pgb_relation *relation = nullptr;
-    if (const outcome found = pgb_find(relation, bridge.relations, table.relation.id); !found)
-        return pgb_bad(bridge, found.text());
-    if (relation->table->dataset == nullptr)
-        return PGS_OK;
-    pgs_result result;
-    pgs_outcome outcome = pgs_command(server, server.sql.get(), result, table.command);
-    if (outcome != PGS_OK)
-        return outcome;
     pgo_tuple tuple;
     std::string line;
     std::string_view row;
-    uint64_t rows = 0;
-    while ((outcome = pgs_row(server, row)) == PGS_OK && !row.empty()) {
+    for (;;) {
+        outcome done = pgs_row(server, row);
+        if (!done || row.empty())
+            return done;
         line = row;
         split(tuple, line.data(), line.size());
-        outcome = add_row(bridge, *relation, tuple);
-        if (outcome != PGS_OK)
-            return outcome;
+        done = add_row(tx, relation, tuple);
+        if (!done)
+            return done;
         rows++;
     }
-    if (outcome != PGS_OK)
-        return outcome;
-    if (bridge.options.verbose)
-        fprintf(stderr, "fwlog: snapshot: %s.%s, %" PRIu64 " rows\n", table.relation.schema.c_str(),
-                table.relation.name.c_str(), rows);
-    return PGS_OK;
 }
 
-static pgs_outcome copy_tables(pgb_bridge &bridge, const std::string &snapshot)
+static outcome copy_table(pgs_server &server, feed_transaction &tx, pgb_relations &relations,
+                          const copied_table &table, bool verbose)
 {
-    pgs_server &server = bridge.server;
-    PGconn *const sql = server.sql.get();
+    pgb_describe(relations, table.relation);
+    pgb_relation *relation = nullptr;
+    outcome done = pgb_find(relation, relations, table.relation.id);
+    if (!done || relation->table->dataset == nullptr)
+        return done;
     pgs_result result;
-    pgs_outcome outcome =
-        pgs_command(server, sql, result, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
-    if (outcome == PGS_OK)
-        outcome =
-            pgs_command(server, sql, result, "SET TRANSACTION SNAPSHOT " + pgs_literal(snapshot));
-    pgs_result tables;
+    uint64_t rows = 0;
+    done = pgs_command(server, server.sql.get(), result, table.command);
+    if (done)
+        done = copy_rows(server, tx, *relation, rows);
+    if (done && verbose)
+        tell("snapshot: %s.%s, %" PRIu64 " rows", table.relation.schema.c_str(),
+             table.relation.name.c_str(), rows);
+    return done;
+}
+
+static outcome list_tables(pgs_server &server, pgs_result &tables)
+{
+    PGconn *const sql = server.sql.get();
     const std::string lists = PQserverVersion(sql) >= VERSION_WITH_COLUMN_LISTS
                                   ? "p.attnames, p.rowfilter"
                                   : "NULL, NULL";
-    if (outcome == PGS_OK)
-        outcome =
-            pgs_query(server, sql, tables,
-                      ("SELECT p.schemaname, p.tablename, c.oid, c.relkind, " + lists +
-                       " FROM pg_publication_tables p"
-                       " JOIN pg_namespace n ON n.nspname = p.schemaname"
-                       " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
-                       " WHERE p.pubname = $1 ORDER BY 1, 2")
-                          .c_str(),
-                      {server.publication.c_str()});
-    for (int i = 0; outcome == PGS_OK && i < PQntuples(tables.get()); i++) {
-        copied_table table;
-        outcome = describe(server, tables, i, table);
-        if (outcome == PGS_OK)
-            outcome = copy_table(bridge, table);
-    }
-    return outcome == PGS_OK ? pgs_command(server, sql, result, "COMMIT") : outcome;
+    return pgs_query(server, sql, tables,
+                     "SELECT p.schemaname, p.tablename, c.oid, c.relkind, " + lists +
+                         " FROM pg_publication_tables p"
+                         " JOIN pg_namespace n ON n.nspname = p.schemaname"
+                         " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
+                         " WHERE p.pubname = $1 ORDER BY 1, 2",
+                     {server.publication.c_str()});
 }
 
-pgs_outcome pgb_take_snapshot(pgb_bridge &bridge, const std::string &snapshot, uint64_t lsn)
+static outcome copy_tables(pgs_server &server, feed_transaction &tx, pgb_relations &relations,
+                           const std::string &snapshot, bool verbose)
 {
-    bridge.state.phase = "snapshot";
-    if (!pgb_state_write(bridge.state, true)) // where the slot begins
-        return PGS_REFUSED;
+    PGconn *const sql = server.sql.get();
+    pgs_result result;
+    pgs_result tables;
+    outcome done =
+        pgs_command(server, sql, result, "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    if (done)
+        done =
+            pgs_command(server, sql, result, "SET TRANSACTION SNAPSHOT " + pgs_literal(snapshot));
+    if (done)
+        done = list_tables(server, tables);
+    for (int i = 0; done && i < PQntuples(tables.get()); i++) {
+        copied_table table;
+        done = describe(table, server, tables, i);
+        if (done)
+            done = copy_table(server, tx, relations, table, verbose);
+    }
+    if (done)
+        done = pgs_command(server, sql, result, "COMMIT");
+    return done;
+}
+
+// The state on disk says "begun" from before the slot is there until the log has the rows;
+// a run that finds it so, and an empty log, takes slot and snapshot anew.
+static outcome copy_into_log(pgs_server &server, pgb_state &state, feed_transaction &tx,
+                             pgb_relations &relations, const std::string &snapshot, uint64_t lsn,
+                             bool verbose)
+{
+    state.phase = "snapshot";
+    if (outcome written = pgb_state_write(state, true); !written) // where the slot begins
+        return written;
     fwu_commit commit;
     commit.lsn = lsn - 1; // the first transaction behind the snapshot may commit at lsn
     commit.time_us = fwu_now_us();
-    feed_begin(bridge.tx, commit);
-    bridge.tx.data.push_back("snapshot=" + snapshot);
-    const pgs_outcome outcome = copy_tables(bridge, snapshot);
-    if (outcome != PGS_OK) {
-        feed_abandon(bridge.tx);
-        return outcome;
+    feed_begin(tx, commit);
+    tx.data.push_back("snapshot=" + snapshot);
+    outcome done = feed_tell_bad(tx, copy_tables(server, tx, relations, snapshot, verbose));
+    if (!done) {
+        feed_abandon(tx);
+        return done;
     }
-    const uint64_t rows = bridge.tx.changes.inserts;
-    if (!feed_commit(bridge.tx) || fwu_writer_sync(bridge.tx.writer) != 0 ||
-        fwu_writer_acknowledge(bridge.tx.writer) != 0)
-        return PGS_REFUSED;
-    fprintf(stderr, "fwlog: snapshot at %s: %" PRIu64 " rows\n", feed_lsn_text(lsn).c_str(), rows);
-    return PGS_OK;
+    const uint64_t rows = tx.changes.inserts;
+    if (!feed_commit(tx) || fwu_writer_sync(tx.writer) != 0 ||
+        fwu_writer_acknowledge(tx.writer) != 0)
+        return OUTCOME_FAILED;
+    tell("snapshot at %s: %" PRIu64 " rows", feed_lsn_text(lsn).c_str(), rows);
+    return {};
+}
+
+// A snapshot that failed leaves no slot that would keep the server's log; a lost
+// connection leaves it to the next attempt.
+static void give_up_slot(pgs_server &server, pgb_state &state, const outcome &why)
+{
+    pgs_result result;
+    if (why.kind() == OUTCOME_LOST ||
+        !pgs_command(server, server.replication.get(), result,
+                     "DROP_REPLICATION_SLOT " + pgs_name(server.slot)))
+        return;
+    state.snapshot = "none";
+    state.told_lsn = 0;
+}
+
+outcome pgb_take_snapshot(pgs_server &server, pgb_state &state, feed_transaction &tx,
+                          pgb_relations &relations, const std::string &snapshot, uint64_t lsn,
+                          bool verbose)
+{
+    outcome done = copy_into_log(server, state, tx, relations, snapshot, lsn, verbose);
+    if (!done) {
+        give_up_slot(server, state, done);
+        return done;
+    }
+    state.snapshot = "done";
+    return pgb_state_write(state, true);
 }

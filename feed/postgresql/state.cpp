@@ -112,7 +112,7 @@ static std::string json_text(const pgb_state &state)
     return out + "}\n";
 }
 
-bool pgb_state_write(const pgb_state &state, bool durable)
+outcome pgb_state_write(const pgb_state &state, bool durable)
 {
     const std::string text = json_text(state);
     const std::string fresh = state.path + ".new";
@@ -125,18 +125,16 @@ bool pgb_state_write(const pgb_state &state, bool durable)
         close(fd);
     if (good && rename(fresh.c_str(), state.path.c_str()) == 0 &&
         (!durable || fwu_path_sync(fwu_directory_of(state.path)) == 0))
-        return true;
-    fprintf(stderr, "fwlog: %s: cannot write the state: %s\n", state.path.c_str(),
-            strerror(good ? errno : code));
-    return false;
+        return {};
+    return outcome_failed("%s: cannot write the state: %s", state.path.c_str(),
+                          strerror(good ? errno : code));
 }
 
 void pgb_state_print(const pgb_state &state)
 {
-    fprintf(stderr,
-            "fwlog: %s: logged %s, server %s, %" PRIu64 " bytes and %.1f seconds behind; %" PRIu64
-            " transactions, %" PRIu64 " changes\n",
-            state.phase, feed_lsn_text(state.logged_lsn).c_str(),
-            feed_lsn_text(state.server_lsn).c_str(), pgb_lag_bytes(state), pgb_lag_seconds(state),
-            state.transactions, state.changes);
+    tell("%s: logged %s, server %s, %" PRIu64 " bytes and %.1f seconds behind; %" PRIu64
+         " transactions, %" PRIu64 " changes",
+         state.phase, feed_lsn_text(state.logged_lsn).c_str(),
+         feed_lsn_text(state.server_lsn).c_str(), pgb_lag_bytes(state), pgb_lag_seconds(state),
+         state.transactions, state.changes);
 }

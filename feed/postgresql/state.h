@@ -3,6 +3,8 @@
 #ifndef FEED_POSTGRESQL_STATE_H
 #define FEED_POSTGRESQL_STATE_H
 
+#include "util/outcome.h"
+
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
@@ -33,8 +35,8 @@ struct pgb_state {
 void pgb_state_read(pgb_state &state);
 
 // Writes the file anew, under its name only once it is whole.  durable: it is on
-// disk when the call returns.  False, reported, when it could not be written.
-bool pgb_state_write(const pgb_state &state, bool durable);
+// disk when the call returns.  OUTCOME_FAILED when it could not be written.
+outcome pgb_state_write(const pgb_state &state, bool durable);
 
 // Bytes and seconds that the log is behind the server.
 uint64_t pgb_lag_bytes(const pgb_state &state);

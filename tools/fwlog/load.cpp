@@ -45,13 +45,10 @@ static void say_bad_line(const w2j_stream &stream, const line_reader &reader, co
 static void say_notes(w2j_stream &stream, const line_reader &reader, load_progress &progress,
                       const char *name)
 {
-    std::vector<std::string> &notes = stream.tx.work.notes;
-    if (notes.empty())
+    if (stream.tx.work.notes.empty())
         return;
     load_progress_erase(progress);
-    for (const std::string &note : notes)
-        tell("%s:%" PRIu64 ": warning: %s", name, reader.number, note.c_str());
-    notes.clear();
+    feed_tell_notes(stream.tx, std::string(name) + ":" + std::to_string(reader.number) + ": ");
 }
 
 // Reads lines until the input ends or something is wrong.

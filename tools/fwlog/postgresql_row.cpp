@@ -1,8 +1,8 @@
 // fwlog postgresql: command line and help, in every build.
+#include "feed/postgresql/bridge.h"
 #include "tools/fwlog/fwlog.h"
-#include "tools/fwlog/postgresql.h"
 
-static fwlog_postgresql_options options;
+static pgb_options options;
 
 static constexpr char LACKING[] = "option lacks its value";
 static constexpr cli_kind VALUE_FILE = {.word = "FILE", .lacking = LACKING, .may_be_empty = false};
@@ -32,7 +32,7 @@ static constexpr cli_option rows[] = {
 
 static outcome run()
 {
-    return fwlog_postgresql(options);
+    return pgb_run(options);
 }
 
 static const char help[] =

@@ -96,6 +96,7 @@ TEST(BridgeState, FileThatCannotBeWrittenIsReported)
     const tempdir dir;
     pgb_state state;
     state.path = dir.file("missing/state.json");
+    tell_as("fwlog");
     testing::internal::CaptureStderr();
     EXPECT_FALSE(pgb_state_write(state, false));
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

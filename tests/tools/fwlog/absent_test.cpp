@@ -1,6 +1,6 @@
 // The subcommands of a build without their libraries.
+#include "feed/postgresql/bridge.h"
 #include "tools/fwlog/load.h"
-#include "tools/fwlog/postgresql.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ TEST(FwlogAbsent, LoadSaysWhichPackageTheBuildLacked)
 
 TEST(FwlogAbsent, PostgresqlSaysWhichPackageTheBuildLacked)
 {
-    EXPECT_EQ(told([] { return fwlog_postgresql({}); }),
+    EXPECT_EQ(told([] { return pgb_run({}); }),
               "fwlog: postgresql is not part of this build: libpq was missing when it was made "
               "(Debian package libpq-dev)\n");
 }

@@ -1,5 +1,5 @@
 // The handler sets a flag and nothing else; whoever reports takes it back.
-#include "feed/postgresql/report_signal.h"
+#include "util/report_signal.h"
 
 #include <csignal>
 

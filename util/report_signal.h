@@ -1,6 +1,6 @@
 // SIGUSR1 as a wish for a report.
-#ifndef FEED_POSTGRESQL_REPORT_SIGNAL_H
-#define FEED_POSTGRESQL_REPORT_SIGNAL_H
+#ifndef UTIL_REPORT_SIGNAL_H
+#define UTIL_REPORT_SIGNAL_H
 
 // From now on SIGUSR1 is noted instead of ending the program.
 void report_signal_install();

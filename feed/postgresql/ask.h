@@ -1,0 +1,19 @@
+// Single values asked for beside the connections that are at work.
+#ifndef FEED_POSTGRESQL_ASK_H
+#define FEED_POSTGRESQL_ASK_H
+
+#include "feed/postgresql/server.h"
+
+#include <cstdint>
+#include <string>
+
+// Asks for one value over a connection of its own, to the host that connection goes to.
+// False when it cannot be had within two seconds.
+bool pgs_ask(const pgs_server &server, const PGconn *connection, const std::string &query,
+             std::string &value);
+
+// Gets the end of the log of the server that is followed; lsn stays as it is when that
+// cannot be had.
+void pgs_server_lsn(const pgs_server &server, uint64_t &lsn);
+
+#endif

@@ -1,0 +1,192 @@
+// A connection lasts as long as it lasts: whatever ends it, the next one begins with all
+// the checks, since meanwhile the server may have become another one.
+#include "feed/postgresql/bridge.h"
+
+#include "feed/backoff.h"
+#include "feed/lsn.h"
+#include "feed/postgresql/connect.h"
+#include "feed/postgresql/follow.h"
+#include "feed/postgresql/prepare.h"
+#include "feed/postgresql/snapshot.h"
+#include "fwutil/fwu_config.h"
+#include "util/report_signal.h"
+#include "util/stop_signal.h"
+
+#include <csignal>
+#include <cstring>
+
+constexpr int SLOT_WAIT_MS = 60'000; // for a receiver that the server has not given up yet
+
+struct bridge {
+    const pgb_options &options;
+    fwu_config config = {};
+    pgs_server server = {};
+    pgb_state state = {};
+    pgb_relations relations = {};
+    feed_transaction tx = {};
+    pgb_apply apply = {};
+    bool connected = false; // the server was reached once
+    uint64_t stop_at = 0;   // --once: position that the log has to reach; 0: not known yet
+};
+
+// Checks the server, and begins with a snapshot where that is asked for and due.
+static outcome prepare(bridge &b)
+{
+    pgb_found found;
+    outcome done = pgb_prepare(found, b.server, b.state, b.config, b.options,
+                               fwu_writer_last_commit(b.tx.writer));
+    if (b.stop_at == 0)
+        b.stop_at = found.server_end;
+    if (!done)
+        return done;
+    b.apply.expects_last = found.expects_last;
+    if (found.snapshot.empty())
+        return done;
+    return pgb_take_snapshot(b.server, b.state, b.tx, b.relations, found.snapshot, found.begin,
+                             b.options.verbose);
+}
+
+static outcome follow(bridge &b)
+{
+    if (b.options.verbose)
+        tell("following slot \"%s\" behind %s", b.server.slot.c_str(),
+             feed_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str());
+    const pgb_follow_settings settings = {.durable = b.config.sync != FWU_SYNC_NONE,
+                                          .verbose = b.options.verbose,
+                                          .once = b.options.once,
+                                          .stop_at = b.stop_at};
+    return pgb_follow(b.server, b.state, b.tx, b.relations, b.apply, settings);
+}
+
+static outcome connect_and_follow(bridge &b)
+{
+    b.relations.known.clear(); // the server describes the tables anew
+    outcome done = pgs_connect(b.server);
+    b.connected = b.connected || done;
+    if (done)
+        done = prepare(b);
+    if (done)
+        done = follow(b);
+    pgs_disconnect(b.server);
+    return done;
+}
+
+// What is known of connections that did not last.
+struct losses {
+    feed_backoff backoff;
+    bool followed = false; // the server's stream was read before
+    int slot_waited_ms = 0;
+};
+
+// Decides whether to try again, and waits for it.
+static bool try_again(bridge &b, losses &past, const std::string &why)
+{
+    const pgs_server &server = b.server;
+    if (strcmp(b.state.phase, "streaming") == 0) // it went well for a while
+        past = {.backoff = {}, .followed = true};
+    if (server.slot_in_use && !past.followed && past.slot_waited_ms >= SLOT_WAIT_MS) {
+        tell("%s; stop the process that uses the slot, or name another slot with --slot",
+             why.c_str());
+        return false;
+    }
+    if (!b.connected) {
+        tell("cannot connect: %s; %s", why.c_str(),
+             server.remedy != nullptr
+                 ? server.remedy
+                 : "check --conninfo or the environment (host, port, dbname, user, password), "
+                   "and that the server runs");
+        return false;
+    }
+    feed_backoff_tell(past.backoff, why);
+    b.state.phase = "waiting";
+    b.state.reconnects++;
+    (void)pgb_state_write(b.state, false); // told
+    if (server.slot_in_use)
+        past.slot_waited_ms += past.backoff.pause_ms;
+    return feed_backoff_wait(past.backoff);
+}
+
+static outcome run(bridge &b)
+{
+    losses past;
+    for (;;) {
+        outcome done = connect_and_follow(b);
+        const bool lost = done.kind() == OUTCOME_LOST;
+        if (lost && stop_signal_get() == 0 && try_again(b, past, done.text()))
+            continue;
+        if (done.kind() != OUTCOME_FAILED && stop_signal_get() != 0)
+            return OUTCOME_STOPPED;
+        return done ? OUTCOME_OK : OUTCOME_FAILED;
+    }
+}
+
+// A repair may have cut off what the server was told, and will not send again.
+static outcome accept_loss(const bridge &b)
+{
+    uint64_t told = 0;
+    if (!fwu_writer_lost(b.tx.writer, &told))
+        return {};
+    if (b.options.accept_gap)
+        return fwu_writer_accept_loss(b.tx.writer) == 0 ? OUTCOME_OK : OUTCOME_FAILED;
+    return outcome_failed(
+        "the log was cut back to %s and lacks what the server was told up to %s, which "
+        "it will not send again: begin a new log directory with --create --snapshot, or go on "
+        "as it is with --accept-gap",
+        feed_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str(), feed_lsn_text(told).c_str());
+}
+
+// What the user and the configuration say.
+static outcome set_up(bridge &b)
+{
+    const pgb_options &options = b.options;
+    if (fwu_config_read(b.config, options.cfg) != 0)
+        return OUTCOME_FAILED;
+    b.server.conninfo = options.conninfo;
+    b.server.slot = options.slot;
+    b.server.publication = options.publication;
+    b.server.timeout_ms = b.server.patience_ms = int64_t{1000} * options.timeout_s;
+    b.relations.tables.config = &b.config;
+    b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
+    b.apply.ignore_truncate = options.ignore_truncate;
+    b.state.slot = options.slot;
+    b.state.publication = options.publication;
+    b.state.path =
+        options.status != nullptr ? options.status : b.config.log_directory + "/postgresql.json";
+    return {};
+}
+
+// What the log and the run before say.
+static void take_over(bridge &b)
+{
+    pgb_state_read(b.state);
+    const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
+    b.state.commit_us = last.time_us;
+    if (last.lsn != 0 && b.state.snapshot == "begun")
+        b.state.snapshot = "done"; // cut short behind its commit
+    b.state.mode = fwu_writer_file_mode(b.tx.writer);
+}
+
+outcome pgb_run(const pgb_options &options)
+{
+    bridge b = {.options = options};
+    if (outcome said = set_up(b); !said)
+        return said;
+    stop_signal_install();
+    report_signal_install();
+    signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
+    if (fwu_writer_open(&b.tx.writer, b.config) != 0)
+        return OUTCOME_FAILED;
+    take_over(b);
+    outcome done = accept_loss(b);
+    if (done)
+        done = pgb_state_write(b.state, false); // before the server is asked, which may take long
+    if (done)
+        done = run(b);
+    if (fwu_writer_close(b.tx.writer) != 0)
+        done = OUTCOME_FAILED;
+    b.state.phase = "stopped";
+    (void)pgb_state_write(b.state, false); // told
+    if (options.verbose)
+        pgb_state_print(b.state);
+    return done;
+}

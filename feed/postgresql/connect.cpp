@@ -1,0 +1,83 @@
+// A connection that cannot be made may be made later: OUTCOME_LOST, with a remedy in case
+// it never could.
+#include "feed/postgresql/connect.h"
+
+#include "feed/postgresql/parameters.h"
+#include "feed/postgresql/query.h"
+
+#include <cstring>
+
+// A refused connection has no SQLSTATE, only its text.
+static const char *find_connection_remedy(const char *message)
+{
+    static constexpr struct {
+        const char *text;
+        const char *state;
+    } rows[] = {
+        {"replication role", "42501"}, {"WAL sender", "42501"},
+        {"max_wal_senders", "53300"},  {"too many clients", "53300"},
+        {"connection slots", "53300"}, {"authentication failed", "28"},
+        {"pg_hba.conf", "28"},         {"does not exist", "3D000"},
+    };
+    for (const auto &row : rows)
+        if (strstr(message, row.text) != nullptr)
+            return pgs_find_remedy(row.state, "replication");
+    return nullptr;
+}
+
+// The connection is made as a whole: libpq goes on to the next host of several when one
+// does not answer, and connect_timeout bounds each.
+static pgs_connection open_connection(const pgs_server &server, bool replication)
+{
+    pgs_parameters parameters;
+    pgs_collect(parameters, server);
+    if (replication) {
+        parameters.keys.insert(parameters.keys.end() - 1, "replication");
+        parameters.values.insert(parameters.values.end() - 1, "database");
+    }
+    return pgs_connection(PQconnectdbParams(parameters.keys.data(), parameters.values.data(), 1));
+}
+
+// Notices ("NOTICE: ...") would only disturb.
+static void drop_notice(void *, const PGresult *)
+{
+}
+
+static outcome open_one(pgs_server &server, pgs_connection &connection, bool replication)
+{
+    connection = open_connection(server, replication);
+    server.remedy = nullptr;
+    // Sending never waits: what is not sent goes along with what is sent next.
+    if (PQstatus(connection.get()) != CONNECTION_OK || PQsetnonblocking(connection.get(), 1) != 0) {
+        const std::string why = pgs_one_line(PQerrorMessage(connection.get()));
+        server.remedy = find_connection_remedy(why.c_str());
+        return pgs_lost(server, why);
+    }
+    PQsetNoticeReceiver(connection.get(), drop_notice, nullptr);
+    static constexpr const char *settings[] = {
+        "SET datestyle = ISO",       "SET intervalstyle = postgres",
+        "SET timezone = 'UTC'",      "SET extra_float_digits = 3",
+        "SET bytea_output = hex",    "SET search_path = pg_catalog",
+        "SET statement_timeout = 0", "SET row_security = off", // hidden rows are an error
+    };
+    pgs_result result;
+    for (const char *setting : settings) {
+        if (outcome set = pgs_command(server, connection.get(), result, setting); !set)
+            return set;
+    }
+    return {};
+}
+
+outcome pgs_connect(pgs_server &server)
+{
+    outcome done = open_one(server, server.sql, false);
+    if (done)
+        done = open_one(server, server.replication, true);
+    return done;
+}
+
+void pgs_disconnect(pgs_server &server)
+{
+    server.sql.reset();
+    server.replication.reset();
+}

@@ -1,0 +1,22 @@
+// What the user asks of the bridge from a PostgreSQL server.  Words live as long as the
+// program.
+#ifndef FEED_POSTGRESQL_OPTIONS_H
+#define FEED_POSTGRESQL_OPTIONS_H
+
+struct pgb_options {
+    const char *cfg = nullptr; // configuration file; null: the usual one
+    const char *conninfo = ""; // empty: the environment's settings count
+    const char *slot = "kestro";
+    const char *publication = "kestro";
+    const char *status = nullptr; // JSON file; null: postgresql.json in the log directory
+    int timeout_s = 60;           // of silence after which the server is taken for gone
+    bool create = false;          // make slot and publication when they are missing
+    bool snapshot = false;        // begin a new slot with the tables' contents
+    bool truncate = false;        // cut texts that are too long for their item
+    bool ignore_truncate = false; // pass over truncates instead of stopping
+    bool accept_gap = false;      // go on where the slot is although changes are missing
+    bool once = false;            // end when the log has what the server had at the start
+    bool verbose = false;
+};
+
+#endif

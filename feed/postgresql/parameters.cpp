@@ -1,0 +1,67 @@
+// Every connection has an end to its waiting: for the host, and for a peer that is gone
+// without a word.
+#include "feed/postgresql/parameters.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+constexpr int64_t CONNECT_MIN_S = 2; // libpq takes less for two seconds
+constexpr int64_t CONNECT_MAX_S = 10;
+
+struct options_free {
+    void operator()(PQconninfoOption *options) const
+    {
+        PQconninfoFree(options);
+    }
+};
+using options_list = std::unique_ptr<PQconninfoOption, options_free>;
+
+static const char *find_option(const options_list &options, const char *key)
+{
+    for (const PQconninfoOption *row = options.get(); row != nullptr && row->keyword != nullptr;
+         row++)
+        if (strcmp(row->keyword, key) == 0)
+            return row->val;
+    return nullptr;
+}
+
+// What the environment says, and the service file when a service is named.
+static options_list settings_around(const pgs_server &server)
+{
+    const options_list said(PQconninfoParse(server.conninfo.c_str(), nullptr));
+    const char *const service = find_option(said, "service");
+    // The call that follows knows services by the environment only; the user's connection
+    // string names the same one to all calls behind it.
+    if (service != nullptr)
+        setenv("PGSERVICE", service, 1);
+    return options_list(PQconndefaults());
+}
+
+void pgs_collect(pgs_parameters &parameters, const pgs_server &server)
+{
+    const options_list around = settings_around(server);
+    const int64_t seconds = std::clamp(server.timeout_ms / 1000, CONNECT_MIN_S, CONNECT_MAX_S);
+    // A peer that is gone without a word is found out by the system, too.
+    const struct {
+        const char *key;
+        std::string value;
+    } ours[] = {
+        {"connect_timeout", std::to_string(seconds)},
+        {"keepalives_idle", "20"},
+        {"keepalives_interval", "10"},
+        {"keepalives_count", "3"},
+        {"tcp_user_timeout", std::to_string(server.timeout_ms)},
+        {"fallback_application_name", "fwlog"},
+    };
+    parameters.texts.reserve(std::size(ours)); // so that the texts stay where they are
+    for (const auto &row : ours) {
+        if (find_option(around, row.key) != nullptr)
+            continue;
+        parameters.texts.push_back(row.value);
+        parameters.keys.push_back(row.key);
+        parameters.values.push_back(parameters.texts.back().c_str());
+    }
+    parameters.keys.insert(parameters.keys.end(), {"dbname", "client_encoding", nullptr});
+    parameters.values.insert(parameters.values.end(), {server.conninfo.c_str(), "UTF8", nullptr});
+}

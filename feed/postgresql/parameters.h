@@ -1,0 +1,18 @@
+// How connections are made: ours that the user's settings replace, the user's, ours that
+// stand.  Settings of the environment and of a service count like the user's.
+#ifndef FEED_POSTGRESQL_PARAMETERS_H
+#define FEED_POSTGRESQL_PARAMETERS_H
+
+#include "feed/postgresql/server.h"
+
+#include <string>
+#include <vector>
+
+struct pgs_parameters {
+    std::vector<const char *> keys; // both end with null
+    std::vector<const char *> values;
+    std::vector<std::string> texts; // that values point to
+};
+void pgs_collect(pgs_parameters &parameters, const pgs_server &server);
+
+#endif

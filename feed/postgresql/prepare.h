@@ -1,0 +1,27 @@
+// Before the stream: is it the server that the log belongs to, is there a publication, and
+// does the slot go on where the log ends?
+#ifndef FEED_POSTGRESQL_PREPARE_H
+#define FEED_POSTGRESQL_PREPARE_H
+
+#include "feed/postgresql/options.h"
+#include "feed/postgresql/server.h"
+#include "feed/postgresql/state.h"
+#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_writer.h"
+
+#include <cstdint>
+#include <string>
+
+struct pgb_found {
+    uint64_t server_end = 0;   // of the server's log when it was asked; 0: it was not
+    bool expects_last = false; // the server has to send the log's last transaction first
+    std::string snapshot;      // begin with it, before the server is asked for anything else
+    uint64_t begin = 0;        // with a snapshot: where the stream begins
+};
+
+// Checks the server and what is to be followed, and makes slot and publication where that
+// is asked for.  last is the last transaction of the log.
+outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
+                    const fwu_config &config, const pgb_options &options, const fwu_commit &last);
+
+#endif

@@ -1,0 +1,236 @@
+// Every call is sent and its answer waited for in slices, so that a stop signal and a
+// silent server are noticed; errors get their remedy by SQLSTATE and text.
+#include "feed/postgresql/query.h"
+
+#include "feed/postgresql/ask.h"
+#include "fwutil/fwu_clock.h"
+#include "util/stop_signal.h"
+
+#include <algorithm>
+#include <cstring>
+
+constexpr int64_t LOOK_MS = 10'000; // between two looks at what holds an answer up
+constexpr int64_t PATIENCE_MAX_MS = 3'600'000;
+
+struct remedy_row {
+    const char *state;   // SQLSTATE, or its class
+    const char *message; // that the server's message holds; null: any
+    const char *remedy;
+};
+
+static constexpr remedy_row remedies[] = {
+    {"55000", "wal_level", "set wal_level = logical in postgresql.conf and restart the server"},
+    {"53400", "replication slots",
+     "raise max_replication_slots in postgresql.conf, or drop a slot that nobody uses"},
+    {"53300", nullptr,
+     "raise max_connections or max_wal_senders in postgresql.conf, or end other sessions"},
+    {"42501", "replication", "give the role the right: ALTER ROLE ... REPLICATION (and LOGIN)"},
+    {"42501", nullptr,
+     "give the role the right that is missing, or use --conninfo with another role"},
+    {"28", nullptr, "check role, password and pg_hba.conf (its lines for replication, too)"},
+    {"3D000", nullptr, "name an existing database in --conninfo (dbname=...)"},
+    {"42704", "replication slot", "create it with --create, or name another with --slot"},
+    {"42704", "publication",
+     "create it with --create, or name another with --publication; a publication that was made "
+     "later than the slot is unknown to the changes between"},
+    {"55000", "can no longer get changes",
+     "the server has removed what the slot needs: begin a new log with --create --snapshot"},
+};
+
+const char *pgs_find_remedy(const char *state, const char *message)
+{
+    for (const remedy_row &row : remedies)
+        if (strncmp(state, row.state, strlen(row.state)) == 0 &&
+            (row.message == nullptr || strstr(message, row.message) != nullptr))
+            return row.remedy;
+    return nullptr;
+}
+
+// Whether a failure may pass by itself: no connection, or the server starts or stops.
+static bool passes(const PGconn *connection, const char *state)
+{
+    return PQstatus(connection) != CONNECTION_OK || strncmp(state, "08", 2) == 0 ||
+           strncmp(state, "57P", 3) == 0;
+}
+
+outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
+                   const std::string &doing)
+{
+    const char *state = result == nullptr ? nullptr : PQresultErrorField(result, PG_DIAG_SQLSTATE);
+    if (state == nullptr)
+        state = "";
+    const char *primary =
+        result == nullptr ? nullptr : PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+    const std::string message =
+        pgs_one_line(primary != nullptr ? primary : PQerrorMessage(connection));
+    server.slot_in_use = strcmp(state, "55006") == 0;
+    if (server.slot_in_use || passes(connection, state))
+        return {OUTCOME_LOST, message};
+    const char *remedy = pgs_find_remedy(state, message.c_str());
+    return outcome_failed("%s: %s%s%s", doing.c_str(), message.c_str(),
+                          remedy == nullptr ? "" : "; ", remedy == nullptr ? "" : remedy);
+}
+
+// A query in a message.
+static std::string brief(const std::string &doing)
+{
+    constexpr size_t longest = 80;
+    return doing.size() <= longest ? doing : doing.substr(0, longest) + " ...";
+}
+
+outcome pgs_silent(pgs_server &server, const std::string &doing)
+{
+    std::string why =
+        "the server has been silent for " + std::to_string(server.patience_ms / 1000) +
+        (server.patience_ms == 1000 ? " second (" : " seconds (") + brief(doing) + ")";
+    server.remedy = "see whether the server is overloaded or frozen, or give it more time with "
+                    "--timeout";
+    server.patience_ms = std::min(2 * server.patience_ms, PATIENCE_MAX_MS);
+    return pgs_lost(server, std::move(why));
+}
+
+// The sessions that the connection's command waits for; empty when there are none, or
+// when the server does not tell.
+static std::string held_up_by(const pgs_server &server, const PGconn *connection)
+{
+    std::string sessions;
+    (void)pgs_ask(
+        server, connection,
+        "SELECT string_agg(CASE WHEN b.pid = 0 THEN 'a prepared transaction' ELSE 'process '"
+        " || b.pid || coalesce(' of user ' || a.usename, '') || coalesce(', in a transaction since "
+        "'"
+        " || to_char(a.xact_start AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS') || ' UTC', '') END,"
+        " '; ') FROM unnest(pg_blocking_pids(" +
+            std::to_string(PQbackendPID(connection)) +
+            ")) AS b (pid) LEFT JOIN pg_stat_activity a ON a.pid = b.pid",
+        sessions); // nothing: stays empty
+    return sessions;
+}
+
+// How long an answer is waited for.
+struct wait_state {
+    int64_t heard_ms = fwu_monotonic_ms(); // the server sent something, or is held up
+    int64_t told_ms = 0;                   // that it is held up; 0: not yet
+};
+
+// Told now and then, since it may take hours.
+static void tell_held_up(const pgs_server &server, wait_state &wait, const std::string &doing,
+                         const std::string &sessions)
+{
+    const int64_t now = fwu_monotonic_ms();
+    wait.heard_ms = now;
+    if (wait.told_ms != 0 && now - wait.told_ms < server.timeout_ms)
+        return;
+    wait.told_ms = now;
+    tell("%s waits until others have ended their transactions: %s", brief(doing).c_str(),
+         sessions.c_str());
+}
+
+// Receives something of the answer to what was sent.  A signal to stop ends the wait.
+static outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
+                       const std::string &doing)
+{
+    for (;;) {
+        if (PQflush(connection) < 0)
+            return pgs_failed(server, connection, nullptr, doing);
+        const int64_t look = std::min(LOOK_MS, server.patience_ms / 4);
+        switch (stop_signal_wait(PQsocket(connection), static_cast<int>(look))) {
+        case STOP_READABLE:
+            wait.heard_ms = fwu_monotonic_ms();
+            if (PQconsumeInput(connection) == 1)
+                return {};
+            return pgs_failed(server, connection, nullptr, doing);
+        case STOP_TIMEOUT:
+            break;
+        default:
+            return OUTCOME_STOPPED;
+        }
+        const std::string sessions = held_up_by(server, connection);
+        if (!sessions.empty())
+            tell_held_up(server, wait, doing, sessions);
+        else if (fwu_monotonic_ms() - wait.heard_ms >= server.patience_ms)
+            return pgs_silent(server, doing);
+    }
+}
+
+// Waits until the answer to what was sent is there.
+static outcome await(pgs_server &server, PGconn *connection, const std::string &query)
+{
+    wait_state wait;
+    outcome done;
+    while (done && PQisBusy(connection) != 0)
+        done = receive(server, connection, wait, query);
+    return done;
+}
+
+static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_result &result,
+                      const std::string &query)
+{
+    result.reset();
+    if (!sent)
+        return pgs_failed(server, connection, nullptr, query);
+    for (;;) {
+        if (outcome waited = await(server, connection, query); !waited)
+            return waited;
+        pgs_result next(PQgetResult(connection));
+        if (next == nullptr)
+            return {};
+        switch (PQresultStatus(next.get())) {
+        case PGRES_COMMAND_OK:
+        case PGRES_TUPLES_OK:
+            result = std::move(next);
+            break;
+        case PGRES_COPY_OUT:
+        case PGRES_COPY_BOTH:
+            result = std::move(next);
+            return {};
+        default: {
+            outcome failure = pgs_failed(server, connection, next.get(), query);
+            while (await(server, connection, query) &&
+                   (next.reset(PQgetResult(connection)), next != nullptr)) {
+            }
+            return failure;
+        }
+        }
+    }
+}
+
+outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
+                  const std::string &query, const std::vector<const char *> &parameters)
+{
+    const bool sent =
+        PQsendQueryParams(connection, query.c_str(), static_cast<int>(parameters.size()), nullptr,
+                          parameters.data(), nullptr, nullptr, 0) == 1;
+    return finish(server, connection, sent, result, query);
+}
+
+outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
+                    const std::string &command)
+{
+    const bool sent = PQsendQuery(connection, command.c_str()) == 1;
+    return finish(server, connection, sent, result, command);
+}
+
+outcome pgs_row(pgs_server &server, std::string_view &row)
+{
+    PGconn *const connection = server.sql.get();
+    wait_state wait;
+    for (;;) {
+        char *bytes = nullptr;
+        const int length = PQgetCopyData(connection, &bytes, 1);
+        server.row.reset(bytes);
+        row = {};
+        if (length > 0)
+            row = {bytes, static_cast<size_t>(length)};
+        if (length > 0)
+            return {};
+        if (length == 0) {
+            if (outcome received = receive(server, connection, wait, "COPY"); !received)
+                return received;
+            continue;
+        }
+        pgs_result result;
+        return length == -1 ? finish(server, connection, true, result, "COPY")
+                            : pgs_failed(server, connection, nullptr, "COPY");
+    }
+}

@@ -1,0 +1,38 @@
+// Queries and commands, and errors told with what to do about them.  No call waits for
+// ever: a server that is silent for too long is lost, unless it says that other sessions
+// hold it up.
+#ifndef FEED_POSTGRESQL_QUERY_H
+#define FEED_POSTGRESQL_QUERY_H
+
+#include "feed/postgresql/server.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Runs a query whose parameters stand as $1, $2, ...; result has its rows.
+outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
+                  const std::string &query, const std::vector<const char *> &parameters = {});
+
+// The same without parameters, as the replication connection needs it.
+outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
+                    const std::string &command);
+
+// The next row of a COPY ... TO STDOUT on the sql connection, valid until the next
+// call; empty at the end.
+outcome pgs_row(pgs_server &server, std::string_view &row);
+
+// The failed result, or that of the connection when result is null: what was done, the
+// server's message, the remedy if one is known.  What may pass by itself is OUTCOME_LOST,
+// all else is told: OUTCOME_FAILED.
+outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
+                   const std::string &doing);
+
+// The server was silent for too long while this was waited for: OUTCOME_LOST.  It gets
+// more time the next time, since it may have been busy with something huge.
+outcome pgs_silent(pgs_server &server, const std::string &doing);
+
+// What to do about an error with this SQLSTATE and message; null when that is not known.
+const char *pgs_find_remedy(const char *state, const char *message);
+
+#endif
