@@ -1,6 +1,5 @@
-// A value is brought to its item by the item's type letter; the column's type
-// decides only what cannot be seen from the value itself: timestamps, and
-// booleans and timestamps inside arrays.
+// A value is brought to its item by the item's type letter; the meaning that its source
+// gives it decides only what cannot be seen from the value itself.
 #include "feed/image.h"
 
 #include "feed/decimal.h"
@@ -17,7 +16,7 @@ static constexpr size_t STAMP_DECIMALS_MAX = 6;
 struct value {
     feed_kind kind;
     std::string_view text;
-    std::string_view type; // of the column, without "[]"
+    feed_meaning meaning;
 };
 
 static bool is_text(const fwu_item &item)
@@ -84,12 +83,6 @@ static outcome put_number(const feed_image_work &work, const fwu_item &item, con
     return result == FEED_NUMBER_OK ? outcome() : number_error(item, text, result);
 }
 
-// "timestamp(3) without time zone", but no type of somebody's own with such a name.
-static bool is_timestamp(std::string_view type)
-{
-    return type.starts_with("timestamp ") || type.starts_with("timestamp(");
-}
-
 // The timestamp as work.text; one with time zone becomes UTC.
 static outcome make_stamp(feed_image_work &work, const fwu_item &item, std::string_view text)
 {
@@ -125,14 +118,6 @@ static outcome make_latin1(feed_image_work &work, std::string_view text)
                        "leave the column out of the dataset");
 }
 
-// Types whose values mean something when they are cut.
-static bool is_text_type(std::string_view type)
-{
-    return type == "text" || type == "name" || type == "character" ||
-           type.starts_with("character(") || type.starts_with("character varying");
-}
-
-// Blanks at the end of a char(n) are filling, not text.
 static void drop_filling(std::string &text, size_t width)
 {
     while (text.size() > width && text.back() == ' ')
@@ -148,14 +133,14 @@ static outcome put_text(feed_image_work &work, const fwu_item &item, const value
         work.text = from.kind == FEED_TRUE ? "T" : "F";
     } else if (from.kind == FEED_DIGITS) {
         work.text = from.text;
-    } else if (is_timestamp(from.type)) {
+    } else if (from.meaning == FEED_TIMESTAMP) {
         if (outcome made = make_stamp(work, item, from.text); !made)
             return made;
     } else {
         if (outcome made = make_latin1(work, from.text); !made)
             return made;
-        may_cut = is_text_type(from.type);
-        if (from.type == "character" || from.type.starts_with("character("))
+        may_cut = from.meaning == FEED_WORDS || from.meaning == FEED_FILLED_WORDS;
+        if (from.meaning == FEED_FILLED_WORDS)
             drop_filling(work.text, width);
     }
 
@@ -194,8 +179,8 @@ static outcome put_array(feed_image_work &work, const fwu_item &item, const valu
                            " elements, item " + item.name + " has " + std::to_string(item.count) +
                            ": the numbers must be the same");
     for (const std::string &element : work.elements) {
-        value one{.kind = FEED_TEXT, .text = element, .type = from.type};
-        if (from.type == "boolean" && (element == "t" || element == "f"))
+        value one{.kind = FEED_TEXT, .text = element, .meaning = from.meaning};
+        if (from.meaning == FEED_BOOLEAN && (element == "t" || element == "f"))
             one.kind = element == "t" ? FEED_TRUE : FEED_FALSE;
         if (outcome put = put_value(work, item, one, out); !put)
             return put;
@@ -240,10 +225,9 @@ static outcome put_column(feed_image_work &work, const feed_table &table, const 
     }
     // A text takes an array as it is written.
     const bool array = item.count > 1 || (!is_text(item) && is_array(column));
-    std::string_view type = column.type;
-    if (array && type.ends_with("[]"))
-        type.remove_suffix(2);
-    const value from{.kind = column.kind, .text = column.value, .type = type};
+    const value from{.kind = column.kind,
+                     .text = column.value,
+                     .meaning = array ? column.type.element : column.type.whole};
     return array ? put_array(work, item, from, out) : put_value(work, item, from, out);
 }
 
@@ -256,10 +240,11 @@ static const feed_column *column_at(const feed_map &map, const feed_row &row, si
 static outcome missing_error(const feed_table &table, const fwu_item &item, bool is_old)
 {
     std::string error = table.name + ": item " + item.name;
-    error += is_old ? " has no column in the old row of this change: run ALTER TABLE " +
-                          table.name + " REPLICA IDENTITY FULL, or take"
-                    : std::string(" has no column in the stream: take");
-    error += " the item out of the configuration";
+    error += is_old ? " has no column in the old row of this change: "
+                    : " has no column in the stream: ";
+    if (is_old && !table.old_row_remedy.empty())
+        error += table.old_row_remedy + ", or ";
+    error += "take the item out of the configuration";
     return outcome_bad(std::move(error));
 }
 

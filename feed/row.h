@@ -1,5 +1,5 @@
-// A row of a change stream: its columns by name, each value as the source wrote
-// it.
+// A row of a source's changes: its columns by name, each value as the source wrote it.
+// What a value means beyond its text is for the source to say, which knows its types.
 #ifndef FEED_ROW_H
 #define FEED_ROW_H
 
@@ -9,9 +9,24 @@
 
 enum feed_kind { FEED_NULL, FEED_FALSE, FEED_TRUE, FEED_DIGITS, FEED_TEXT };
 
+// What cannot be seen from a text itself.
+enum feed_meaning {
+    FEED_PLAIN,
+    FEED_BOOLEAN,     // true is written t, false f
+    FEED_TIMESTAMP,   // see feed/stamp.h
+    FEED_WORDS,       // still means something when it is cut
+    FEED_FILLED_WORDS // the same, and blanks at its end are filling
+};
+
+struct feed_type {
+    feed_meaning whole = FEED_PLAIN;   // of a value taken as one
+    feed_meaning element = FEED_PLAIN; // of each when the value is taken as a list, {a,b,"c d"}
+    bool operator==(const feed_type &) const = default;
+};
+
 struct feed_column {
     std::string name;
-    std::string type;  // as the server names it: "numeric(9,2)", "smallint[]"
+    feed_type type;
     std::string value; // FEED_DIGITS: its digits as written; FEED_TEXT: UTF-8; else empty
     feed_kind kind = FEED_NULL;
 };

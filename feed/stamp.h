@@ -1,4 +1,4 @@
-// Timestamps of a change stream, "2026-11-20 22:08:38.038401+00" and the like:
+// Timestamps of a source, "2026-11-20 22:08:38.038401+00" and the like:
 // years 0001 to 9999, up to six decimals, with or without an offset from UTC.
 #ifndef FEED_STAMP_H
 #define FEED_STAMP_H

@@ -114,6 +114,17 @@ static outcome check_feeds_alone(const feed_tables &tables, const feed_table &ta
     return {};
 }
 
+static std::unique_ptr<feed_table> make_table(const feed_tables &tables, const std::string &name)
+{
+    auto made = std::make_unique<feed_table>();
+    made->name = name;
+    made->old_row_remedy = tables.old_row_remedy;
+    const size_t place = made->old_row_remedy.find('%');
+    if (place != std::string::npos)
+        made->old_row_remedy.replace(place, 1, name);
+    return made;
+}
+
 outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_view schema,
                         std::string_view name)
 {
@@ -126,8 +137,7 @@ outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_vie
         return {};
     }
 
-    auto made = std::make_unique<feed_table>();
-    made->name = tables.key;
+    std::unique_ptr<feed_table> made = make_table(tables, tables.key);
     if (!feed_is_skipped(*tables.config, made->name)) {
         outcome done = find_dataset(made->dataset, *tables.config, made->name, schema, name);
         if (done)
@@ -144,8 +154,7 @@ outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_vie
 outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::string &name,
                        fwu_dataset dataset, std::vector<std::string> columns)
 {
-    auto made = std::make_unique<feed_table>();
-    made->name = name;
+    std::unique_ptr<feed_table> made = make_table(tables, name);
     made->own_columns = std::move(columns);
     made->own = std::make_unique<fwu_dataset>(std::move(dataset));
     made->dataset = made->own.get();
@@ -170,8 +179,8 @@ std::string feed_truncated_text(const feed_table &table)
 
 std::string feed_no_old_row_text(const feed_table &table)
 {
-    return table.name + ": the change comes without the old row: run ALTER TABLE " + table.name +
-           " REPLICA IDENTITY FULL";
+    return table.name + ": the change comes without the old row" +
+           (table.old_row_remedy.empty() ? "" : ": " + table.old_row_remedy);
 }
 
 static bool same_columns(const feed_map &map, const feed_row &row)

@@ -1,5 +1,4 @@
-// Which dataset a table of the change stream feeds, and which column each of
-// its items.
+// Which dataset a table of the source feeds, and which column each of its items.
 #ifndef FEED_TABLE_H
 #define FEED_TABLE_H
 
@@ -32,13 +31,15 @@ struct feed_table {
     feed_map columns_map;              // for new rows
     feed_map identity_map;             // for old rows
     std::vector<std::string> left_out; // columns without item that were told
+    std::string old_row_remedy;        // how the source sends whole old rows; empty: not known
 };
 
 // The tables met so far.  The configuration must outlive it.
 struct feed_tables {
     const fwu_config *config = nullptr;
-    std::unordered_map<std::string, std::unique_ptr<feed_table>> known;
-    std::string key; // "schema.table" of the look-up, kept for its memory
+    const char *old_row_remedy = ""; // as in feed_table, "%" in the place of the table's name
+    std::unordered_map<std::string, std::unique_ptr<feed_table>> known = {};
+    std::string key = {}; // "schema.table" of the look-up, kept for its memory
 };
 
 // The table's record, looked up in the configuration at its first use.  OUTCOME_BAD when

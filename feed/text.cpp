@@ -1,5 +1,5 @@
-// UTF-8 is decoded strictly although the JSON parser has looked at it before:
-// array elements are cut out of strings here.
+// UTF-8 is decoded strictly whatever has looked at it before: a source may pass on what it
+// was sent, and elements of arrays are cut out of strings here.
 #include "feed/text.h"
 
 #include "util/utf8.h"
@@ -41,7 +41,7 @@ std::string feed_latin1_lossy(std::string_view utf8)
     return out;
 }
 
-// Passes over "[0:3]=", which the server writes when an array does not begin at 1.
+// Passes over "[0:3]=", which is written when an array does not begin at 1.
 static const char *skip_bounds(std::string_view &literal)
 {
     if (!literal.starts_with('['))

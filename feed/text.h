@@ -1,4 +1,4 @@
-// Texts of a change stream: UTF-8 to ISO 8859-1, array literals, names.
+// Texts of a source: UTF-8 to ISO 8859-1, array literals, names.
 #ifndef FEED_TEXT_H
 #define FEED_TEXT_H
 

@@ -35,40 +35,41 @@ constexpr int32_t PACKED_DIGITS_MAX = fwu_item_digits('P', FWU_PACKED_SIZE_MAX);
 struct type_row {
     uint32_t oid;
     const char *name;
+    feed_type type = {};
 };
 
 static constexpr type_row types[] = {
-    {BOOL, "boolean"},
+    {BOOL, "boolean", {FEED_BOOLEAN, FEED_BOOLEAN}},
     {17, "bytea"},
     {CHAR_1, "\"char\""},
-    {NAME, "name"},
+    {NAME, "name", {FEED_WORDS, FEED_WORDS}},
     {INT8, "bigint"},
     {INT2, "smallint"},
     {INT4, "integer"},
-    {25, "text"},
+    {25, "text", {FEED_WORDS, FEED_WORDS}},
     {OID, "oid"},
     {114, "json"},
     {142, "xml"},
     {FLOAT4, "real"},
     {FLOAT8, "double precision"},
-    {1000, "boolean[]"},
+    {1000, "boolean[]", {FEED_PLAIN, FEED_BOOLEAN}},
     {1005, "smallint[]"},
     {1007, "integer[]"},
-    {1009, "text[]"},
-    {1014, "character[]"},
-    {1015, "character varying[]"},
+    {1009, "text[]", {FEED_PLAIN, FEED_WORDS}},
+    {1014, "character[]", {FEED_PLAIN, FEED_FILLED_WORDS}},
+    {1015, "character varying[]", {FEED_WORDS, FEED_WORDS}},
     {1016, "bigint[]"},
     {1021, "real[]"},
     {1022, "double precision[]"},
-    {BPCHAR, "character"},
-    {VARCHAR, "character varying"},
+    {BPCHAR, "character", {FEED_FILLED_WORDS, FEED_FILLED_WORDS}},
+    {VARCHAR, "character varying", {FEED_WORDS, FEED_WORDS}},
     {DATE, "date"},
     {TIME, "time without time zone"},
-    {TIMESTAMP, "timestamp without time zone"},
-    {1115, "timestamp without time zone[]"},
+    {TIMESTAMP, "timestamp without time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+    {1115, "timestamp without time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
     {1182, "date[]"},
-    {TIMESTAMPTZ, "timestamp with time zone"},
-    {1185, "timestamp with time zone[]"},
+    {TIMESTAMPTZ, "timestamp with time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+    {1185, "timestamp with time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
     {1186, "interval"},
     {1231, "numeric[]"},
     {TIMETZ, "time with time zone"},
@@ -84,6 +85,14 @@ const char *pgc_type_name(uint32_t type)
         if (row.oid == type)
             return row.name;
     return nullptr;
+}
+
+feed_type pgc_type(uint32_t type)
+{
+    for (const type_row &row : types)
+        if (row.oid == type)
+            return row.type;
+    return {};
 }
 
 static void make(fwu_item &item, char type, int32_t size, int32_t scale = 0)

@@ -3,15 +3,18 @@
 #define FEED_POSTGRESQL_CATALOGUE_H
 
 #include "feed/postgresql/pgoutput.h"
+#include "feed/row.h"
 #include "fwutil/fwu_config.h"
 #include "util/outcome.h"
 
 #include <cstdint>
 #include <string>
 
-// Name of a built-in type as it stands in rows ("timestamp with time zone",
-// "smallint[]"), or null when the values of the type are texts like others.
+// Name of a built-in type ("timestamp with time zone", "smallint[]"), or null.
 const char *pgc_type_name(uint32_t type);
+
+// What values of a built-in type mean; those of other types are plain.
+feed_type pgc_type(uint32_t type);
 
 // Makes the dataset of a table from its columns: an item each, and a null map.
 // dbname and dsetname are those of the dataset.  OUTCOME_BAD, with the column, the

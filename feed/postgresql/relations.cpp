@@ -12,9 +12,8 @@ static void set_columns(feed_row &row, const pgo_relation &told)
     row.count = told.columns.size();
     row.columns.resize(row.count);
     for (size_t i = 0; i < row.count; i++) {
-        const char *type = pgc_type_name(told.columns[i].type);
         row.columns[i].name = told.columns[i].name;
-        row.columns[i].type = type == nullptr ? "" : type;
+        row.columns[i].type = pgc_type(told.columns[i].type);
     }
 }
 
@@ -66,8 +65,8 @@ static void set_types(feed_row &row, const fwu_config &config, const pgo_relatio
     for (const fwu_column &said : config.columns)
         for (size_t i = 0; i < row.count; i++)
             if (said.width != 0 && said.table == told.schema + "." + told.name &&
-                said.column == row.columns[i].name && row.columns[i].type != "boolean")
-                row.columns[i].type.clear();
+                said.column == row.columns[i].name && row.columns[i].type.whole != FEED_BOOLEAN)
+                row.columns[i].type = {};
 }
 
 outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id)
@@ -92,7 +91,7 @@ static void set_value(feed_column &column, const pgo_value &value)
 {
     column.value.assign(value.text);
     column.kind = value.kind == 'n' ? FEED_NULL : FEED_TEXT;
-    if (column.kind == FEED_TEXT && column.type == "boolean")
+    if (column.kind == FEED_TEXT && column.type.whole == FEED_BOOLEAN)
         column.kind = value.text == "t" ? FEED_TRUE : FEED_FALSE;
 }
 

@@ -19,8 +19,8 @@ struct pgb_relation {
 };
 
 struct pgb_relations {
-    feed_tables tables; // tables.config is the configuration
-    std::unordered_map<uint32_t, pgb_relation> known;
+    feed_tables tables = {.old_row_remedy = "run ALTER TABLE % REPLICA IDENTITY FULL"};
+    std::unordered_map<uint32_t, pgb_relation> known = {};
 };
 
 // Takes the server's description of a table, which holds from now on.

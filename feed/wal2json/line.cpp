@@ -68,6 +68,29 @@ static const char *member_option(member m)
     }
 }
 
+static feed_meaning meaning_of(std::string_view type)
+{
+    if (type == "boolean")
+        return FEED_BOOLEAN;
+    // "timestamp(3) without time zone", but no type of somebody's own with such a name
+    if (type.starts_with("timestamp ") || type.starts_with("timestamp("))
+        return FEED_TIMESTAMP;
+    if (type == "text" || type == "name" || type.starts_with("character varying"))
+        return FEED_WORDS;
+    if (type == "character" || type.starts_with("character("))
+        return FEED_FILLED_WORDS;
+    return FEED_PLAIN;
+}
+
+// A list's type is that of its elements and "[]".
+static feed_type type_of(std::string_view name)
+{
+    const feed_meaning whole = meaning_of(name);
+    if (!name.ends_with("[]"))
+        return {whole, whole};
+    return {whole, meaning_of(name.substr(0, name.size() - 2))};
+}
+
 enum place { BEFORE, IN_LINE, IN_ROW, IN_COLUMN };
 
 enum column_member : unsigned { NAME = 1, TYPE = 2, VALUE = 4, OTHER_OF_COLUMN = 0 };
@@ -202,7 +225,7 @@ struct handler {
         if (column_now == NAME)
             row().columns[row().count].name = text;
         else if (column_now == TYPE)
-            row().columns[row().count].type = text;
+            row().columns[row().count].type = type_of(text);
         else
             return column_value(FEED_TEXT, text);
         return true;

@@ -12,7 +12,7 @@
 
 struct w2j_stream {
     feed_transaction tx;
-    feed_tables tables;     // tables.config is the configuration
+    feed_tables tables = {.old_row_remedy = "run ALTER TABLE % REPLICA IDENTITY FULL"};
     uint64_t opened_at = 0; // number of the B line of the transaction in hand
     std::string lsn;        // as that line writes it
     w2j_line line;

@@ -8,17 +8,25 @@
 #include <string>
 #include <vector>
 
-inline feed_column text_column(const char *name, const char *type, const char *value)
+constexpr feed_type PLAIN = {};
+constexpr feed_type BOOLEAN = {FEED_BOOLEAN, FEED_BOOLEAN};
+constexpr feed_type TIMESTAMP = {FEED_TIMESTAMP, FEED_TIMESTAMP};
+constexpr feed_type WORDS = {FEED_WORDS, FEED_WORDS};
+constexpr feed_type FILLED = {FEED_FILLED_WORDS, FEED_FILLED_WORDS};
+constexpr feed_type LIST_OF_BOOLEANS = {FEED_PLAIN, FEED_BOOLEAN};
+constexpr feed_type LIST_OF_WORDS = {FEED_PLAIN, FEED_WORDS};
+
+inline feed_column text_column(const char *name, feed_type type, const char *value)
 {
     return {.name = name, .type = type, .value = value, .kind = FEED_TEXT};
 }
 
-inline feed_column number_column(const char *name, const char *type, const char *digits)
+inline feed_column number_column(const char *name, feed_type type, const char *digits)
 {
     return {.name = name, .type = type, .value = digits, .kind = FEED_DIGITS};
 }
 
-inline feed_column bare_column(const char *name, const char *type, feed_kind kind)
+inline feed_column bare_column(const char *name, feed_type type, feed_kind kind)
 {
     return {.name = name, .type = type, .value = "", .kind = kind};
 }

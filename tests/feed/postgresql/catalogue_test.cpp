@@ -162,3 +162,30 @@ TEST(Catalogue, WhatCannotBecomeAnItemIsToldWithTheRemedy)
     EXPECT_EQ(error_of(config_of(), table_of({})),
               "table app.parts has no columns: leave it out with the line skip-table app.parts");
 }
+
+TEST(Catalogue, TypesSayWhatCannotBeSeenFromTheValue)
+{
+    const struct {
+        uint32_t type;
+        feed_type expected;
+    } cases[] = {
+        {16, {FEED_BOOLEAN, FEED_BOOLEAN}},
+        {1000, {FEED_PLAIN, FEED_BOOLEAN}},
+        {1114, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {1184, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {1115, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {1185, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {25, {FEED_WORDS, FEED_WORDS}},
+        {1009, {FEED_PLAIN, FEED_WORDS}},
+        {19, {FEED_WORDS, FEED_WORDS}},
+        {1043, {FEED_WORDS, FEED_WORDS}},
+        {1015, {FEED_WORDS, FEED_WORDS}},
+        {1042, {FEED_FILLED_WORDS, FEED_FILLED_WORDS}},
+        {1014, {FEED_PLAIN, FEED_FILLED_WORDS}},
+        {1700, {}},
+        {1005, {}},
+        {99999, {}},
+    };
+    for (const auto &row : cases)
+        EXPECT_EQ(pgc_type(row.type), row.expected) << row.type;
+}

@@ -113,9 +113,9 @@ TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
     pgb_relation &relation = find(7);
     const feed_row &row =
         row_of(relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}));
-    EXPECT_EQ(row.columns[0].type, "");
-    EXPECT_EQ(row.columns[1].type, "boolean");
-    EXPECT_EQ(row.columns[2].type, "timestamp without time zone");
+    EXPECT_EQ(row.columns[0].type, feed_type());
+    EXPECT_EQ(row.columns[1].type.whole, FEED_BOOLEAN);
+    EXPECT_EQ(row.columns[2].type.whole, FEED_TIMESTAMP);
 }
 
 TEST_F(Relations, ConfiguredTableKeepsItsItems)
@@ -172,7 +172,7 @@ TEST_F(Relations, RowsHaveTheColumnsThatWereSent)
     const feed_row &row = row_of(relation, tuple('N', {{'t', "17"}, {'t', "t"}, {'n', {}}}));
     ASSERT_EQ(row.count, 3U);
     EXPECT_EQ(row.columns[0].name, "no");
-    EXPECT_EQ(row.columns[0].type, "integer");
+    EXPECT_EQ(row.columns[0].type, feed_type());
     EXPECT_EQ(row.columns[0].value, "17");
     EXPECT_EQ(row.columns[1].kind, FEED_TRUE);
     EXPECT_EQ(row.columns[2].kind, FEED_NULL);

@@ -62,7 +62,7 @@ TEST(Wal2json, RowKeepsTheDigitsOfNumbers)
         EXPECT_EQ(line.columns.columns[i].kind, FEED_DIGITS);
         EXPECT_EQ(line.columns.columns[i].name, std::string(1, static_cast<char>('a' + i)));
     }
-    EXPECT_EQ(line.columns.columns[0].type, "numeric");
+    EXPECT_EQ(line.columns.columns[0].type, feed_type());
     EXPECT_EQ(line.schema, "s");
     EXPECT_EQ(line.table, "t");
 }
@@ -255,4 +255,37 @@ TEST(Wal2json, EveryCutOfALineIsAnError)
     for (size_t length = 0; length < whole.size(); length++)
         EXPECT_NE(error_of(whole.substr(0, length)), "none") << length;
     EXPECT_EQ(error_of(whole), "none");
+}
+
+TEST(Wal2json, TypesSayWhatCannotBeSeenFromTheValue)
+{
+    const struct {
+        const char *type;
+        feed_type expected;
+    } cases[] = {
+        {"boolean", {FEED_BOOLEAN, FEED_BOOLEAN}},
+        {"boolean[]", {FEED_PLAIN, FEED_BOOLEAN}},
+        {"timestamp with time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {"timestamp(0) without time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {"timestamp without time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+        {"timestamp_kind", {}},
+        {"timestamps", {}},
+        {"text", {FEED_WORDS, FEED_WORDS}},
+        {"text[]", {FEED_PLAIN, FEED_WORDS}},
+        {"name", {FEED_WORDS, FEED_WORDS}},
+        {"character varying", {FEED_WORDS, FEED_WORDS}},
+        {"character varying(9)", {FEED_WORDS, FEED_WORDS}},
+        {"character", {FEED_FILLED_WORDS, FEED_FILLED_WORDS}},
+        {"character(4)", {FEED_FILLED_WORDS, FEED_FILLED_WORDS}},
+        {"character[]", {FEED_PLAIN, FEED_FILLED_WORDS}},
+        {"numeric(9,2)", {}},
+        {"smallint[]", {}},
+        {"", {}},
+    };
+    for (const auto &row : cases) {
+        const w2j_line line =
+            parsed(std::string(R"({"action":"I","xid":1,"schema":"s","table":"t",)") +
+                   R"("columns":[{"name":"a","type":")" + row.type + R"(","value":"x"}]})");
+        EXPECT_EQ(line.columns.columns.at(0).type, row.expected) << row.type;
+    }
 }
