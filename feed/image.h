@@ -1,4 +1,6 @@
-// Record images: the bytes of a row by the item layout of its dataset.
+// Record images: the bytes of a row by the item layout of its dataset.  An image is made
+// wholly or not at all: a value that does not fit is refused, and cut only where the user
+// wants texts cut.
 #ifndef FEED_IMAGE_H
 #define FEED_IMAGE_H
 

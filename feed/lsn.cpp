@@ -1,4 +1,4 @@
-// Positions in the log of a PostgreSQL server, read and written.
+// A position is written as its two halves, each as short as it can be.
 #include "feed/lsn.h"
 
 #include "fwutil/fwu_start.h"

@@ -1,4 +1,5 @@
-// Positions in the log of a PostgreSQL server (LSN).
+// Positions of a source: places in its own log (LSN), 64 bits that only grow from commit to
+// commit.  0 is before everything.
 #ifndef FEED_LSN_H
 #define FEED_LSN_H
 

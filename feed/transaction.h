@@ -1,5 +1,17 @@
 // Transactions of a source on their way into the log: rows become record images,
 // whole transactions reach the writer.
+//
+// What a source has to keep to, and may rely on:
+// - Transactions come in the order of their commits, each with a position that is greater
+//   than those before.  What the log has, by its last position, is passed over whole: after
+//   a restart a source may send again from wherever it likes, as long as it leaves no gap.
+// - Nothing of a transaction is in the log before feed_commit.  Whatever ends earlier, a row
+//   that does not fit, a source that is gone, a kill, leaves the log at the commit before,
+//   and the source begins with this transaction again.
+// - A commit that feed_commit took may not be on disk yet.  A source that forgets what it is
+//   told is done is told so only up to fwu_writer_logged_lsn, and only after
+//   fwu_writer_acknowledge: then the next run refuses a log that ends before.
+// - After a failure the transaction in hand is given up with feed_abandon.
 #ifndef FEED_TRANSACTION_H
 #define FEED_TRANSACTION_H
 
@@ -32,7 +44,7 @@ struct feed_transaction {
     // The transaction in hand.
     bool open = false;     // between begin and commit
     bool skipping = false; // the log has it
-    bool begun = false;    // the writer has its first change
+    bool begun = false;    // the writer has its first change; only while open
     bool has_session = false;
     bool session_changed = false; // since its last change that the writer has
     fwu_commit commit;
@@ -46,7 +58,7 @@ struct feed_transaction {
     std::vector<unsigned char> after;
 };
 
-// Begins a transaction; one that the log has already will be passed over.
+// Begins a transaction, none being open; one that the log has already will be passed over.
 void feed_begin(feed_transaction &tx, const fwu_commit &commit);
 
 // Takes "key=value;key=value" as the transaction's session from here on.  That it comes

@@ -1,4 +1,5 @@
-// Messages of the stream to transactions of the log.
+// What the server sends first may have to be the transaction that the log ends with: no
+// other proof is there that its history is the one that the log has.
 #include "feed/postgresql/apply.h"
 
 #include "feed/lsn.h"

@@ -1,5 +1,6 @@
 // What the bridge tells of itself: how far it is, in a small JSON file and on
-// standard error.
+// standard error.  The next run believes the file: told_lsn is on disk before the server
+// is told as much, snapshot before the slot is made and again once its rows are logged.
 #ifndef FEED_POSTGRESQL_STATE_H
 #define FEED_POSTGRESQL_STATE_H
 
