@@ -1,6 +1,4 @@
 // tmf info: what tmft_look finds, for people and as JSON.
-#include "msgfile/tmf_common.h"
-#include "msgfile/tmu.h"
 #include "tools/tmf/look.h"
 #include "tools/tmf/tmf_tool.h"
 #include "util/json_text.h"
@@ -73,8 +71,9 @@ static std::vector<int> ownerless_waits(const tmf_common &common)
 {
     std::vector<int> slots;
     for (int i = 0; i < TMF_MAX_READERS; i++) {
-        const bool taken = i < tmfc_reader_slots(&common) && tmu_get_bit(common.reader_map, i) != 0;
-        if (tmu_get_bit(common.wait_list, i) != 0 && !taken)
+        const bool taken =
+            i < tmft_slots(common.max_readers, TMF_MAX_READERS) && tmft_bit(common.reader_map, i);
+        if (tmft_bit(common.wait_list, i) && !taken)
             slots.push_back(i);
     }
     return slots;
@@ -112,9 +111,9 @@ static void put_users(std::string &out, const tmft_facts &facts, bool is_reader)
     out += (common.flags & exclusive) != 0 ? ", exclusive\n" : "\n";
     for (const tmft_user &user : is_reader ? facts.readers : facts.writers) {
         out += "        " + user_text(user);
-        if (is_reader && tmu_get_bit(common.wait_list, user.slot) != 0)
+        if (is_reader && tmft_bit(common.wait_list, user.slot))
             out += ", in the wait list at " + address_text(common) + ":" +
-                   std::to_string(tmc_get_signal_port(&common, user.slot));
+                   std::to_string(tmft_port(common, user.slot));
         out += '\n';
     }
 }
@@ -186,8 +185,8 @@ static std::string json_user(const tmf_common &common, const tmft_user &user, bo
                user.lock == TMFT_LOCK_UNKNOWN ? "null" : json_flag(user.lock == TMFT_LOCK_HELD));
     put_member(out, "lock_pid", json_pid(user.holder));
     if (is_reader) {
-        put_member(out, "waiting", json_flag(tmu_get_bit(common.wait_list, user.slot) != 0));
-        put_member(out, "port", std::to_string(tmc_get_signal_port(&common, user.slot)));
+        put_member(out, "waiting", json_flag(tmft_bit(common.wait_list, user.slot)));
+        put_member(out, "port", std::to_string(tmft_port(common, user.slot)));
     }
     return out + "}";
 }

@@ -3,8 +3,6 @@
 #include "tools/tmf/look.h"
 
 #include "msgfile/tmf.h"
-#include "msgfile/tmf_common.h"
-#include "msgfile/tmu.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,6 +14,47 @@
 // Looks at a file that is being written until two agree; a file that never rests
 // so long is shown as it was last.
 static constexpr int most_looks = 100;
+
+// ---- the format
+
+bool tmft_bit(const unsigned char *map, int i)
+{
+    return (map[i / 8] >> (i % 8) & 1) != 0;
+}
+
+int tmft_slots(int stated, int most)
+{
+    return std::clamp(stated, 0, most);
+}
+
+int tmft_port(const tmf_common &common, int i)
+{
+    const int stored = common.signal_ports[i][0] << 8 | common.signal_ports[i][1];
+    return stored != 0 ? stored : TMF_PORT_BASE + i;
+}
+
+static void reverse(void *bytes, size_t n)
+{
+    auto *const first = static_cast<unsigned char *>(bytes);
+    std::reverse(first, first + n);
+}
+
+// Brings an area of the other byte order into this host's.
+static void turn_around(tmf_common &common)
+{
+    for (const tmf_word &word : TMF_HOST_WORDS)
+        reverse(reinterpret_cast<unsigned char *>(&common) + word.at, word.width);
+}
+
+// What an open would say of an area in this host's order.  0 or a code.
+static int check_area(const tmf_common &common, bool was_other_order)
+{
+    if (memcmp(common.magic, TMF_MAGIC, sizeof(TMF_MAGIC)) != 0)
+        return TMF_ENOTMSG;
+    if (common.byte_order_mark != TMF_BYTE_ORDER_MARK)
+        return TMF_EINCOMPATIBLE;
+    return was_other_order || common.format_version == TMF_FORMAT_VERSION ? 0 : TMF_EFORMAT;
+}
 
 // ---- locks
 
@@ -45,7 +84,9 @@ static lock_test test_lock(int fd, int64_t at, int64_t length)
 // common area and the records.
 static int64_t slot_offset(const tmf_common &common, int id, bool is_reader)
 {
-    const int64_t at = tmfc_calc_user_lock_offset(&common, id, is_reader);
+    // A writer's slot, too, is found by the size of a reader's; the sum wraps.
+    const int64_t slot = is_reader ? id : int64_t{common.max_readers} + id;
+    const auto at = static_cast<int32_t>(common.lock_area_offset + slot * common.reader_slot_size);
     const int64_t width = is_reader ? common.reader_slot_size : common.writer_slot_size;
     return width > 0 && at >= TMF_COMMON_SIZE && at + width <= common.data_start ? at : -1;
 }
@@ -64,7 +105,7 @@ static tmft_user look_at_user(int fd, const tmft_facts &facts, int id, bool is_r
     int32_t pid = 0;
     if (width >= int64_t{sizeof(pid)} && pread(fd, &pid, sizeof(pid), at) == ssize_t{sizeof(pid)}) {
         if (facts.other_order)
-            tmu_reverse(&pid, sizeof(pid));
+            reverse(&pid, sizeof(pid));
         user.pid = pid;
     }
     return user;
@@ -75,7 +116,7 @@ static std::vector<tmft_user> look_at_users(int fd, const tmft_facts &facts,
 {
     std::vector<tmft_user> users;
     for (int id = 0; id < slots; id++) {
-        if (tmu_get_bit(map, id) != 0)
+        if (tmft_bit(map, id))
             users.push_back(look_at_user(fd, facts, id, is_reader));
     }
     return users;
@@ -170,7 +211,9 @@ static bool look_at(int fd, tmft_facts &facts, std::string &error)
         return false;
     }
     facts.other_order = facts.common.byte_order_mark == TMF_BYTE_ORDER_OTHER;
-    int code = tmfc_check(&facts.common);
+    if (facts.other_order)
+        turn_around(facts.common);
+    int code = check_area(facts.common, facts.other_order);
     if (code == 0 && got < TMF_COMMON_SIZE)
         code = TMF_EREAD_COMMON_EOF;
     if (code != 0) {
@@ -181,8 +224,10 @@ static bool look_at(int fd, tmft_facts &facts, std::string &error)
     const lock_test test = test_lock(fd, 0, TMF_COMMON_SIZE);
     facts.common_locked = test.lock == TMFT_LOCK_HELD;
     facts.common_holder = test.holder;
-    facts.readers = look_at_users(fd, facts, common.reader_map, tmfc_reader_slots(&common), true);
-    facts.writers = look_at_users(fd, facts, common.writer_map, tmfc_writer_slots(&common), false);
+    facts.readers = look_at_users(fd, facts, common.reader_map,
+                                  tmft_slots(common.max_readers, TMF_MAX_READERS), true);
+    facts.writers = look_at_users(fd, facts, common.writer_map,
+                                  tmft_slots(common.max_writers, TMF_MAX_WRITERS), false);
     find_damage(facts);
     return true;
 }

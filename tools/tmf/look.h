@@ -36,6 +36,16 @@ struct tmft_facts {
     std::vector<std::string> damage; // what contradicts itself, in words
 };
 
+// Bit i of a map of the common area.
+bool tmft_bit(const unsigned char *map, int i);
+
+// Reader or writer slots of a file that says it has so many: no more than the map has
+// bits for.
+int tmft_slots(int stated, int most);
+
+// The port that reader slot i is woken on.
+int tmft_port(const tmf_common &common, int i);
+
 // Fills facts.  False when the file cannot be read or is not a message file;
 // error says so.
 bool tmft_look(tmft_facts &facts, const char *path, std::string &error);
