@@ -144,7 +144,7 @@ static void begin(const trouble &t)
 }
 
 // Opens: for the mode and the file that is there before.
-static call_under_test open_call(int mode, std::string before)
+static call_under_test open_call(int mode, const std::string &before)
 {
     return {"tmf_fopen", [=](const std::string &path, const trouble &t) {
                 unlink(path.c_str());
@@ -161,7 +161,7 @@ static call_under_test open_call(int mode, std::string before)
 
 // A call on a handle of a mode, which has written or read a record (proven) or not.
 static call_under_test handle_call(const char *name, int mode, bool proven, bool records,
-                                   std::function<int(tmf_handle *&)> call)
+                                   const std::function<int(tmf_handle *&)> &call)
 {
     return {name, [=](const std::string &path, const trouble &t) {
                 write_file(path, busy_file());
