@@ -205,7 +205,7 @@ TEST_F(OrdersTest, FirstRecordIsTheExampleOfThePage)
     std::istringstream lines(md_find_block(md_page("docs/capture-record.md"), "000000"));
     std::string line;
     size_t at = 0;
-    for (const size_t width : {6, 24, 16, 16, 2, 24, 8, 24, 6, 15}) {
+    for (const size_t width : {6U, 24U, 16U, 16U, 2U, 24U, 8U, 24U, 6U, 15U}) {
         ASSERT_TRUE(std::getline(lines, line));
         const std::string item = line.substr(0, line.find("  "));
         EXPECT_EQ(record.substr(at, width), item + std::string(width - item.size(), ' ')) << line;
