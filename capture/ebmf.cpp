@@ -51,7 +51,15 @@ int ebmf_fclose(ebmf *file)
 
 void ebmf_detail(const ebmf *file, char *detail)
 {
-    (file != nullptr ? file->format : &text_format)->detail(file, detail);
+    if (file == nullptr)
+        ebmf_open_detail(&text_format, detail);
+    else
+        file->format->detail(file, detail);
+}
+
+void ebmf_open_detail(const cap_format *format, char *detail)
+{
+    format->detail(nullptr, detail);
 }
 
 // Prints the detail and then, from the same buffer, the message.

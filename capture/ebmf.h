@@ -54,6 +54,9 @@ int ebmf_fclose(ebmf *file);
 // which is forgotten then.
 void ebmf_detail(const ebmf *file, char *detail);
 
+// The same of the last failed open of a file of that format.
+void ebmf_open_detail(const cap_format *format, char *detail);
+
 // Print the detail of a file error as "CAPERR: ..." and then the formatted
 // message through set_error, whose result they return.  set_error_mf takes a
 // message-file handle, or null for the last failed open; set_error_emf takes

@@ -96,7 +96,7 @@ int cap_rollover(capfil *cf)
     capture_sync_soon();
     cf->fp = ebmf_fopen(cf->name, cap_open_mode(cf), cf->ascii_flags);
     if (cf->fp == nullptr) {
-        cf->format->detail(nullptr, detail);
+        ebmf_open_detail(cf->format, detail);
         return set_error_detail(detail, "Error opening capture file %s for rollover.", cf->name);
     }
     rc = ebmf_getfnum(cf->fp, &cf->fnum);

@@ -25,7 +25,9 @@ constexpr cli_kind FWLOG_POSITION = {.word = "POSITION",
 // What a call of the forward-log library came to, which tells its failures itself.
 inline outcome fwlog_told(bool good)
 {
-    return good ? outcome() : OUTCOME_FAILED;
+    if (good)
+        return {};
+    return OUTCOME_FAILED;
 }
 
 #endif

@@ -231,7 +231,9 @@ static outcome tail(tail_state &state)
         else
             break;
     }
-    return done ? fwlog_told(start != FWU_DAMAGED) : std::move(done);
+    if (!done)
+        return done;
+    return fwlog_told(start != FWU_DAMAGED);
 }
 
 static outcome run()
