@@ -114,6 +114,42 @@ TEST_F(Layers, IncludeThatIsNotWrittenFromTheRootIsRefused)
     EXPECT_EQ(layers().out, "capture/write.cpp:2: \"write.h\" is no file below the root\n");
 }
 
+TEST_F(Layers, AngleBracketsIntoTheTreeCountLikeQuotes)
+{
+    add("rows.def", "// Rows.\n");
+    add("driver/session.h", "// The session.\n");
+    add("ascii/columns.cpp", "// Columns.\n#include <driver/session.h>\n#include <ascii/none.h>\n"
+                             "#include <rows.def>\n#include <sys/stat.h>\n");
+    const run_result result = layers();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              "ascii/columns.cpp:2: \"driver/session.h\" - ascii/ may include driver/base\n"
+              "ascii/columns.cpp:3: \"ascii/none.h\" is no file below the root\n"
+              "ascii/columns.cpp:4: \"rows.def\" - ascii/ may include driver/base\n");
+}
+
+TEST_F(Layers, OneFileHasOneName)
+{
+    add("capture/slist.h",
+        "// Lists.\n#include \"capture//write.h\"\n"
+        "#include \"./capture/write.h\"\n#include <capture/../capture/write.h>\n");
+    const run_result result = layers();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              "capture/slist.h:2: \"capture//write.h\" is written \"capture/write.h\"\n"
+              "capture/slist.h:3: \"./capture/write.h\" is written \"capture/write.h\"\n"
+              "capture/slist.h:4: \"capture/../capture/write.h\" is written \"capture/write.h\"\n");
+}
+
+TEST_F(Layers, SourcesOfEverySuffixAreRead)
+{
+    for (const char *suffix : {"h", "hh", "hpp", "inc", "c", "cpp"}) {
+        const std::string name = std::string("ascii/rows.") + suffix;
+        add(name, "// Rows.\n#include \"capture/write.h\"\n");
+        EXPECT_THAT(layers().out, HasSubstr(name + ":2: \"capture/write.h\" - ascii/ may "));
+    }
+}
+
 TEST_F(Layers, PageWithoutTheTableIsRefused)
 {
     add("docs/architecture.md", "| folder | holds |\n|---|---|\n| `ascii/` | columns |\n");
