@@ -2,8 +2,8 @@
 // known; one without changes never does.
 #include "feed/transaction.h"
 
-#include "feed/lsn.h"
 #include "feed/text.h"
+#include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 #include "fwutil/fwutil.h"
 
@@ -95,7 +95,7 @@ static void make_session(feed_transaction &tx)
 {
     feed_session_from(tx.session, tx.has_session ? tx.content : std::string_view());
     tx.session.data.push_back("xid=" + std::to_string(tx.commit.xid));
-    tx.session.data.push_back("lsn=" + feed_lsn_text(tx.commit.lsn));
+    tx.session.data.push_back("lsn=" + fwu_lsn_text(tx.commit.lsn));
     tx.session.data.insert(tx.session.data.end(), tx.data.begin(), tx.data.end());
 }
 
@@ -151,5 +151,5 @@ outcome feed_tell_bad(const feed_transaction &tx, outcome done)
     if (!tx.open)
         return outcome_failed("%s", done.text().c_str());
     return outcome_failed("transaction %" PRIu64 " of %s: %s", tx.commit.xid,
-                          feed_lsn_text(tx.commit.lsn).c_str(), done.text().c_str());
+                          fwu_lsn_text(tx.commit.lsn).c_str(), done.text().c_str());
 }

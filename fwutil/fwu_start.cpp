@@ -15,6 +15,21 @@ std::string fwu_lsn_text(uint64_t lsn)
     return text;
 }
 
+bool fwu_lsn_parse(uint64_t &lsn, std::string_view text)
+{
+    uint32_t high = 0;
+    uint32_t low = 0;
+    const char *const end = text.data() + text.size();
+    const auto [slash, code] = std::from_chars(text.data(), end, high, 16);
+    if (code != std::errc() || slash == end || *slash != '/')
+        return false;
+    const auto [rest, low_code] = std::from_chars(slash + 1, end, low, 16);
+    if (low_code != std::errc() || rest != end)
+        return false;
+    lsn = uint64_t{high} << 32 | low;
+    return true;
+}
+
 std::string fwu_position_text(const fwu_position &position)
 {
     return std::to_string(position.generation) + "-" + std::to_string(position.sequence) + "." +

@@ -31,8 +31,13 @@ struct fwu_position {
 // "1-25.340"
 std::string fwu_position_text(const fwu_position &position);
 
-// A position of the source, as commit entries keep it: "0/1BC8080"
+// A position of the source, as commit entries keep it: a place in the source's own log, which
+// only grows from commit to commit; 0 is before everything.  "0/1BC8080"
 std::string fwu_lsn_text(uint64_t lsn);
+
+// Reads one, two hexadecimal numbers with "/" between them.  False, with lsn as it was, when
+// text is none.
+bool fwu_lsn_parse(uint64_t &lsn, std::string_view text);
 
 // Reads a position as all programs take it: a log file number ("25", any generation: 0),
 // generation and number ("1-25"), or those and a tag ("1-25.340").  Tag 0: none was given.

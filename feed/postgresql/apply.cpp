@@ -2,7 +2,7 @@
 // other proof is there that its history is the one that the log has.
 #include "feed/postgresql/apply.h"
 
-#include "feed/lsn.h"
+#include "fwutil/fwu_start.h"
 
 #include <cinttypes>
 
@@ -15,7 +15,7 @@ outcome pgb_diverged(const fwu_commit &last)
         " of %s, the last one in the log: it was set back to an older state, or the "
         "publication has lost a table; begin a new log directory with --create --snapshot, or "
         "go on as it is with --accept-gap",
-        last.xid, feed_lsn_text(last.lsn).c_str());
+        last.xid, fwu_lsn_text(last.lsn).c_str());
 }
 
 static outcome take_begin(pgb_apply &apply, feed_transaction &tx)

@@ -2,9 +2,9 @@
 // that gives no answer.
 #include "feed/postgresql/ask.h"
 
-#include "feed/lsn.h"
 #include "feed/postgresql/parameters.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_start.h"
 
 #include <poll.h>
 
@@ -65,5 +65,5 @@ void pgs_server_lsn(const pgs_server &server, uint64_t &lsn)
                 "SELECT CASE WHEN pg_is_in_recovery() THEN pg_last_wal_replay_lsn() ELSE "
                 "pg_current_wal_flush_lsn() END",
                 value))
-        (void)feed_lsn_parse(lsn, value); // stays
+        (void)fwu_lsn_parse(lsn, value); // stays
 }

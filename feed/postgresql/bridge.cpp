@@ -3,12 +3,12 @@
 #include "feed/postgresql/bridge.h"
 
 #include "feed/backoff.h"
-#include "feed/lsn.h"
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/follow.h"
 #include "feed/postgresql/prepare.h"
 #include "feed/postgresql/snapshot.h"
 #include "fwutil/fwu_config.h"
+#include "fwutil/fwu_start.h"
 #include "util/report_signal.h"
 #include "util/stop_signal.h"
 
@@ -50,7 +50,7 @@ static outcome follow(bridge &b)
 {
     if (b.options.verbose)
         tell("following slot \"%s\" behind %s", b.server.slot.c_str(),
-             feed_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str());
+             fwu_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str());
     const pgb_follow_settings settings = {.durable = b.config.sync != FWU_SYNC_NONE,
                                           .verbose = b.options.verbose,
                                           .once = b.options.once,
@@ -132,7 +132,7 @@ static outcome accept_loss(const bridge &b)
         "the log was cut back to %s and lacks what the server was told up to %s, which "
         "it will not send again: begin a new log directory with --create --snapshot, or go on "
         "as it is with --accept-gap",
-        feed_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str(), feed_lsn_text(told).c_str());
+        fwu_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str(), fwu_lsn_text(told).c_str());
 }
 
 // What the user and the configuration say.

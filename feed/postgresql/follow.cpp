@@ -4,10 +4,10 @@
 // still sends, and what it sends twice is known by its position and passed over.
 #include "feed/postgresql/follow.h"
 
-#include "feed/lsn.h"
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/query.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_start.h"
 #include "util/report_signal.h"
 #include "util/stop_signal.h"
 
@@ -295,7 +295,7 @@ static outcome start(const follow &f)
     return pgs_command(
         server, f.connection, result,
         "START_REPLICATION SLOT " + pgs_name(server.slot) + " LOGICAL " +
-            feed_lsn_text(fwu_writer_last_lsn(f.tx.writer)) +
+            fwu_lsn_text(fwu_writer_last_lsn(f.tx.writer)) +
             " (proto_version '1', publication_names " + pgs_literal(pgs_name(server.publication)) +
             (PQserverVersion(f.connection) >= VERSION_WITH_MESSAGES ? ", messages 'true')" : ")"));
 }

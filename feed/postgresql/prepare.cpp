@@ -3,11 +3,11 @@
 // before what comes in front of it was found right.
 #include "feed/postgresql/prepare.h"
 
-#include "feed/lsn.h"
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/query.h"
 #include "feed/table.h"
 #include "feed/text.h"
+#include "fwutil/fwu_start.h"
 
 #include <algorithm>
 #include <sstream>
@@ -55,7 +55,7 @@ static outcome check_timeline(const checks &on, uint32_t timeline)
         if (tab == std::string::npos || !pgs_number(past, line.substr(0, tab)) || past != before)
             continue;
         uint64_t left = 0;
-        if (!feed_lsn_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) ||
+        if (!fwu_lsn_parse(left, line.substr(tab + 1, line.find('\t', tab + 1) - tab - 1)) ||
             last >= left)
             break;
         // Beyond that place the old timeline had nothing for the log.
@@ -64,7 +64,7 @@ static outcome check_timeline(const checks &on, uint32_t timeline)
         return {};
     }
     return refuse("the server's timeline " + now + " has left timeline " + std::to_string(before) +
-                  " before the log's end, " + feed_lsn_text(last) +
+                  " before the log's end, " + fwu_lsn_text(last) +
                   ": it lacks transactions that the log has; begin a new log directory with "
                   "--create --snapshot, or go on as it is with --accept-gap");
 }
@@ -86,7 +86,7 @@ static outcome check_system(const checks &on, pgb_found &found)
     uint64_t now = 0;
     uint64_t number = 0;
     uint32_t timeline = 0;
-    if (!pgs_number(number, system) || !feed_lsn_parse(now, pgs_value(result, 0, 2)) ||
+    if (!pgs_number(number, system) || !fwu_lsn_parse(now, pgs_value(result, 0, 2)) ||
         !pgs_number(timeline, pgs_value(result, 0, 1)))
         return refuse("the server's answer to IDENTIFY_SYSTEM holds no system identifier, timeline "
                       "and position: " +
@@ -102,8 +102,8 @@ static outcome check_system(const checks &on, pgb_found &found)
         return checked;
     const uint64_t known = std::max(on.last.lsn, state.told_lsn);
     if (known > now)
-        return refuse("the log goes up to " + feed_lsn_text(known) + ", the server only to " +
-                      feed_lsn_text(now) +
+        return refuse("the log goes up to " + fwu_lsn_text(known) + ", the server only to " +
+                      fwu_lsn_text(now) +
                       ": it is another server, or was set back to an older state; begin a new log "
                       "directory with --create --snapshot");
     state.system = system;
@@ -198,16 +198,16 @@ static outcome create_slot(const checks &on, pgb_found &found)
     if (!done)
         return done;
     uint64_t lsn = 0;
-    if (!feed_lsn_parse(lsn, pgs_value(result, 0, 1)))
+    if (!fwu_lsn_parse(lsn, pgs_value(result, 0, 1)))
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position: " +
                       feed_quote(pgs_value(result, 0, 1)));
     // What was written since IDENTIFY_SYSTEM counts, too.
     pgs_server_lsn(server, state.server_lsn);
     if (lsn == 0 || lsn > state.server_lsn)
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds the position " +
-                      feed_lsn_text(lsn) + ", its log goes from above 0/0 up to " +
-                      feed_lsn_text(state.server_lsn) + "; is it a PostgreSQL server?");
-    tell("slot \"%s\" created, it begins at %s", server.slot.c_str(), feed_lsn_text(lsn).c_str());
+                      fwu_lsn_text(lsn) + ", its log goes from above 0/0 up to " +
+                      fwu_lsn_text(state.server_lsn) + "; is it a PostgreSQL server?");
+    tell("slot \"%s\" created, it begins at %s", server.slot.c_str(), fwu_lsn_text(lsn).c_str());
     state.told_lsn = lsn;
     if (!snapshot)
         return pgb_state_write(state, true);
@@ -224,7 +224,7 @@ static outcome slot_is_missing(const checks &on, pgb_found &found)
     const uint64_t known = std::max(last, on.state.told_lsn);
     const bool begins = known == 0 || (last == 0 && options.create && options.snapshot);
     if (!begins && !options.accept_gap)
-        return refuse(slot + ", and the log goes up to " + feed_lsn_text(known) +
+        return refuse(slot + ", and the log goes up to " + fwu_lsn_text(known) +
                       ": what was changed since cannot be had any more; begin a new log directory "
                       "with --create --snapshot, or go on as it is with --create --accept-gap");
     if (!on.options.create)
@@ -241,8 +241,8 @@ static outcome check_position(const checks &on, pgb_found &found, uint64_t confi
         state.told_lsn = confirmed; // the log begins here
     const uint64_t known = std::max(last.lsn, state.told_lsn);
     if (confirmed > known && !on.options.accept_gap)
-        return refuse("slot \"" + on.server.slot + "\" stands at " + feed_lsn_text(confirmed) +
-                      ", the log goes up to " + feed_lsn_text(known) + " only as far as " +
+        return refuse("slot \"" + on.server.slot + "\" stands at " + fwu_lsn_text(confirmed) +
+                      ", the log goes up to " + fwu_lsn_text(known) + " only as far as " +
                       state.path +
                       " tells: somebody else has used the slot or made it anew, and what was "
                       "changed between is missing; begin a new log directory with --create "
@@ -288,7 +288,7 @@ static outcome check_slot(const checks &on, pgb_found &found)
                       server.slot + "')), or leave --snapshot out");
     uint64_t confirmed = 0;
     const std::string_view position = pgs_value(result, 0, 3); // none: it was never used
-    if (!position.empty() && !feed_lsn_parse(confirmed, position))
+    if (!position.empty() && !fwu_lsn_parse(confirmed, position))
         return refuse(slot + " stands at " + feed_quote(position) + ", which is no position");
     done = check_position(on, found, confirmed);
     if (done)

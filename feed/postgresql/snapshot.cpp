@@ -2,10 +2,10 @@
 // without a gap and without a row twice.
 #include "feed/postgresql/snapshot.h"
 
-#include "feed/lsn.h"
 #include "feed/postgresql/query.h"
 #include "feed/text.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_start.h"
 
 #include <cinttypes>
 
@@ -218,7 +218,7 @@ static outcome copy_into_log(pgs_server &server, pgb_state &state, feed_transact
     if (!feed_commit(tx) || fwu_writer_sync(tx.writer) != 0 ||
         fwu_writer_acknowledge(tx.writer) != 0)
         return OUTCOME_FAILED;
-    tell("snapshot at %s: %" PRIu64 " rows", feed_lsn_text(lsn).c_str(), rows);
+    tell("snapshot at %s: %" PRIu64 " rows", fwu_lsn_text(lsn).c_str(), rows);
     return {};
 }
 

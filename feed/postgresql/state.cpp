@@ -2,9 +2,9 @@
 // it finds the old one or the new one, whole.
 #include "feed/postgresql/state.h"
 
-#include "feed/lsn.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_file.h"
+#include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 #include "util/json_text.h"
 
@@ -58,7 +58,7 @@ void pgb_state_read(pgb_state &state)
     if (member(json, "slot") != state.slot)
         return;
     state.snapshot = member(json, "snapshot");
-    (void)feed_lsn_parse(state.told_lsn, member(json, "told_lsn")); // stays 0
+    (void)fwu_lsn_parse(state.told_lsn, member(json, "told_lsn")); // stays 0
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
@@ -98,10 +98,10 @@ static std::string json_text(const pgb_state &state)
     put("database", state.database, true);
     put("timeline", std::to_string(state.timeline), true);
     put("snapshot", state.snapshot, true);
-    put("server_lsn", feed_lsn_text(state.server_lsn), true);
-    put("received_lsn", feed_lsn_text(state.received_lsn), true);
-    put("logged_lsn", feed_lsn_text(state.logged_lsn), true);
-    put("told_lsn", feed_lsn_text(state.told_lsn), true);
+    put("server_lsn", fwu_lsn_text(state.server_lsn), true);
+    put("received_lsn", fwu_lsn_text(state.received_lsn), true);
+    put("logged_lsn", fwu_lsn_text(state.logged_lsn), true);
+    put("told_lsn", fwu_lsn_text(state.told_lsn), true);
     put("lag_bytes", std::to_string(pgb_lag_bytes(state)), false);
     put("lag_seconds", seconds, false);
     put("last_commit", state.commit_us == 0 ? "null" : '"' + fwu_time_word(state.commit_us) + '"',
@@ -134,7 +134,7 @@ void pgb_state_print(const pgb_state &state)
 {
     tell("%s: logged %s, server %s, %" PRIu64 " bytes and %.1f seconds behind; %" PRIu64
          " transactions, %" PRIu64 " changes",
-         state.phase, feed_lsn_text(state.logged_lsn).c_str(),
-         feed_lsn_text(state.server_lsn).c_str(), pgb_lag_bytes(state), pgb_lag_seconds(state),
+         state.phase, fwu_lsn_text(state.logged_lsn).c_str(),
+         fwu_lsn_text(state.server_lsn).c_str(), pgb_lag_bytes(state), pgb_lag_seconds(state),
          state.transactions, state.changes);
 }

@@ -2,9 +2,9 @@
 // inside one.
 #include "feed/wal2json/stream.h"
 
-#include "feed/lsn.h"
 #include "feed/stamp.h"
 #include "feed/text.h"
+#include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 
 static std::string transaction_name(const w2j_stream &stream)
@@ -22,7 +22,7 @@ static outcome take_begin(w2j_stream &stream, uint64_t number)
     fwu_commit commit;
     feed_stamp stamp;
     commit.xid = line.xid;
-    if (!feed_lsn_parse(commit.lsn, line.lsn))
+    if (!fwu_lsn_parse(commit.lsn, line.lsn))
         return outcome_bad("lsn " + feed_quote(line.lsn) + " is not a log position");
     if (!feed_stamp_parse(stamp, line.timestamp) || !stamp.zoned)
         return outcome_bad("timestamp " + feed_quote(line.timestamp) +

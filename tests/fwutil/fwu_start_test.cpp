@@ -107,4 +107,15 @@ TEST(Start, PositionsOfTheSourceAreTwoHexadecimalNumbers)
     EXPECT_EQ(fwu_lsn_text(0), "0/0");
     EXPECT_EQ(fwu_lsn_text(0x1BC8080), "0/1BC8080");
     EXPECT_EQ(fwu_lsn_text(UINT64_MAX), "FFFFFFFF/FFFFFFFF");
+    EXPECT_EQ(fwu_lsn_text(0x1A0000002BU), "1A/2B");
+    uint64_t lsn = 0;
+    ASSERT_TRUE(fwu_lsn_parse(lsn, "0/195E398"));
+    EXPECT_EQ(lsn, 0x195E398U);
+    ASSERT_TRUE(fwu_lsn_parse(lsn, "1A/2b"));
+    EXPECT_EQ(lsn, 0x1A0000002BU);
+    ASSERT_TRUE(fwu_lsn_parse(lsn, "FFFFFFFF/FFFFFFFF"));
+    for (const char *text : {"", "/", "1", "1/", "/1", "1/2/3", "1/2 ", " 1/2", "-1/2", "1/-2",
+                             "100000000/0", "0/100000000", "0x1/2", "g/1"})
+        EXPECT_FALSE(fwu_lsn_parse(lsn, text)) << text;
+    EXPECT_EQ(lsn, UINT64_MAX);
 }

@@ -1,8 +1,8 @@
 // fwlog info: files, positions, times and counts of a log.
-#include "feed/lsn.h"
 #include "feed/stamp.h"
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_config.h"
+#include "fwutil/fwu_start.h"
 #include "tools/fwlog/dump_value.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
@@ -68,7 +68,7 @@ static void print_file(const survey_file &facts)
         printf("    commits       %s to %s\n"
                "    last          position %s, source %s\n",
                time_text(facts.first_us).c_str(), time_text(facts.last_us).c_str(),
-               survey_position(facts).c_str(), feed_lsn_text(facts.last_lsn).c_str());
+               survey_position(facts).c_str(), fwu_lsn_text(facts.last_lsn).c_str());
     if (facts.tail > 0)
         printf("    tail          %" PRId64 " bytes that are not a whole transaction (yet)\n",
                facts.tail);
@@ -91,12 +91,12 @@ static void print_log(const log_totals &totals)
     else
         printf("acknowledged      position %s, source %s, committed %s\n",
                fwu_position_text(totals.ack.position).c_str(),
-               feed_lsn_text(totals.ack.commit.lsn).c_str(),
+               fwu_lsn_text(totals.ack.commit.lsn).c_str(),
                time_text(totals.ack.commit.time_us).c_str());
     if (totals.ack.lost)
         printf("lost              a repair cut the log back; it had been acknowledged up to source "
                "%s\n",
-               feed_lsn_text(totals.ack.commit.lsn).c_str());
+               fwu_lsn_text(totals.ack.commit.lsn).c_str());
 }
 
 static std::string shown_name(const std::string &database, const std::string &dataset)
@@ -129,7 +129,7 @@ static void print_json_file(const survey_file &facts, bool first)
            ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s}",
            first ? "" : ",", json_text(facts.file.name).c_str(), facts.file.generation,
            facts.file.sequence, facts.size, facts.transactions, facts.entries, facts.last_tag,
-           facts.first_us, facts.last_us, json_text(feed_lsn_text(facts.last_lsn)).c_str(),
+           facts.first_us, facts.last_us, json_text(fwu_lsn_text(facts.last_lsn)).c_str(),
            facts.tail, facts.damage.empty() ? "null" : json_text(facts.damage).c_str());
 }
 
@@ -143,7 +143,7 @@ static void print_json_totals(const log_totals &totals)
     if (totals.have_ack)
         printf("{\"position\":%s,\"source\":%s,\"commit_us\":%" PRId64 ",\"lost\":%s}",
                ack.position.tag == 0 ? "null" : json_text(position).c_str(),
-               json_text(feed_lsn_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
+               json_text(fwu_lsn_text(ack.commit.lsn)).c_str(), ack.commit.time_us,
                ack.lost ? "true" : "false");
     else
         printf("null");

@@ -4,8 +4,8 @@
 // stream away.  A signal is looked at between two transactions.
 #include "tools/fwlog/load.h"
 
-#include "feed/lsn.h"
 #include "feed/wal2json/stream.h"
+#include "fwutil/fwu_start.h"
 #include "tools/fwlog/load_progress.h"
 #include "util/line_reader.h"
 #include "util/stop_signal.h"
@@ -105,7 +105,7 @@ static void print_summary(const w2j_stream &stream)
            " updates, %" PRIu64 " deletes; %" PRIu64 " without changes, %" PRIu64
            " skipped as loaded before; log at %s\n",
            totals.transactions, totals.inserts, totals.updates, totals.deletes, totals.empty,
-           totals.skipped, feed_lsn_text(fwu_writer_last_lsn(stream.tx.writer)).c_str());
+           totals.skipped, fwu_lsn_text(fwu_writer_last_lsn(stream.tx.writer)).c_str());
     if (stream.tx.work.settings.truncate)
         printf("fwlog: %" PRIu64 " texts cut to the length of their items\n",
                stream.tx.work.truncated);
@@ -117,10 +117,10 @@ static bool tell_loss(fwu_writer *writer)
     uint64_t acknowledged = 0;
     if (!fwu_writer_lost(writer, &acknowledged))
         return true;
-    const std::string end = feed_lsn_text(fwu_writer_last_lsn(writer));
+    const std::string end = fwu_lsn_text(fwu_writer_last_lsn(writer));
     tell("warning: the log was cut back to %s, and had been acknowledged up to %s: load "
          "all that came behind %s again, else it is missing (this is told once)",
-         end.c_str(), feed_lsn_text(acknowledged).c_str(), end.c_str());
+         end.c_str(), fwu_lsn_text(acknowledged).c_str(), end.c_str());
     return fwu_writer_accept_loss(writer) == 0;
 }
 

@@ -3,8 +3,8 @@
 // printed as bytes, never left out.
 #include "tools/fwlog/print.h"
 
-#include "feed/lsn.h"
 #include "feed/stamp.h"
+#include "fwutil/fwu_start.h"
 #include "fwutil/fwutil.h"
 #include "tools/fwlog/dump_value.h"
 
@@ -109,7 +109,7 @@ static bool put_commit(fwlog_printer &printer, const fwu_entry &entry)
     if (!fwu_entry_commit(entry, commit))
         return false;
     printer.out += "commit " + time_text(feed_stamp_of(commit.commit.time_us), 6) + " xid " +
-                   std::to_string(commit.commit.xid) + " lsn " + feed_lsn_text(commit.commit.lsn) +
+                   std::to_string(commit.commit.xid) + " lsn " + fwu_lsn_text(commit.commit.lsn) +
                    ", " + std::to_string(commit.entries) + " entries\n";
     return true;
 }

@@ -1,7 +1,7 @@
 // fwlog repair: says what is damaged, what is lost by cutting the log back and where it
 // is kept, and has it done.
-#include "feed/lsn.h"
 #include "fwutil/fwu_repair.h"
+#include "fwutil/fwu_start.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
 #include "util/json_text.h"
@@ -30,7 +30,7 @@ static std::string place_text(const fwu_ack &place)
     if (place.position.tag == 0)
         return "before its first transaction";
     return "behind position " + fwu_position_text(place.position) + " (source position " +
-           feed_lsn_text(place.commit.lsn) + ")";
+           fwu_lsn_text(place.commit.lsn) + ")";
 }
 
 static void print_lost(const fwu_lost &lost, bool done)
@@ -40,7 +40,7 @@ static void print_lost(const fwu_lost &lost, bool done)
     if (lost.transactions > 0)
         printf("; positions %s to %s, source positions %s to %s",
                fwu_position_text(lost.first).c_str(), fwu_position_text(lost.last).c_str(),
-               feed_lsn_text(lost.first_lsn).c_str(), feed_lsn_text(lost.last_lsn).c_str());
+               fwu_lsn_text(lost.first_lsn).c_str(), fwu_lsn_text(lost.last_lsn).c_str());
     puts("");
 }
 
@@ -66,7 +66,7 @@ static void print_text(const fwu_repair &repair, bool done)
     if (repair.below)
         printf("acknowledged had been up to position %s (source position %s)\n",
                fwu_position_text(repair.acked.position).c_str(),
-               feed_lsn_text(repair.acked.commit.lsn).c_str());
+               fwu_lsn_text(repair.acked.commit.lsn).c_str());
     for (const fwu_kept &kept : repair.kept)
         printf("%s kept: %s, %" PRId64 " bytes of %s from offset %" PRId64 " on\n",
                done ? "is" : "would be", kept.name.c_str(), kept.bytes, kept.file.name.c_str(),
@@ -86,12 +86,12 @@ static void print_json(const fwu_repair &repair, bool done)
            json_text(repair.directory).c_str(), repair.reason == nullptr ? "true" : "false",
            done && repair.reason != nullptr ? "true" : "false", repair.files, repair.transactions,
            json_position(repair.end).c_str(),
-           json_text(feed_lsn_text(repair.end.commit.lsn)).c_str(),
+           json_text(fwu_lsn_text(repair.end.commit.lsn)).c_str(),
            repair.reason == nullptr ? repair.unfinished : 0);
     if (repair.have_ack)
         printf(",\"acknowledged\":%s,\"acknowledged_source\":%s",
                json_position(repair.acked).c_str(),
-               json_text(feed_lsn_text(repair.acked.commit.lsn)).c_str());
+               json_text(fwu_lsn_text(repair.acked.commit.lsn)).c_str());
     if (repair.reason != nullptr) {
         printf(",\"file\":%s,\"offset\":%" PRId64 ",\"damage\":%s,\"below_acknowledged\":%s,"
                "\"lost\":{\"transactions\":%" PRIu64 ",\"records\":%" PRIu64,
@@ -102,8 +102,8 @@ static void print_json(const fwu_repair &repair, bool done)
             printf(",\"first\":%s,\"last\":%s,\"first_source\":%s,\"last_source\":%s",
                    json_text(fwu_position_text(lost.first)).c_str(),
                    json_text(fwu_position_text(lost.last)).c_str(),
-                   json_text(feed_lsn_text(lost.first_lsn)).c_str(),
-                   json_text(feed_lsn_text(lost.last_lsn)).c_str());
+                   json_text(fwu_lsn_text(lost.first_lsn)).c_str(),
+                   json_text(fwu_lsn_text(lost.last_lsn)).c_str());
         printf("},\"kept\":[");
         const char *separator = "";
         for (const fwu_kept &kept : repair.kept) {
@@ -124,7 +124,7 @@ static outcome refuse(const fwu_repair &repair)
         "position %s), and would end %s; what lies between is not sent again: restore "
         "the log from a copy; only if there is none, repair with --accept-loss",
         repair.directory.c_str(), fwu_position_text(repair.acked.position).c_str(),
-        feed_lsn_text(repair.acked.commit.lsn).c_str(), place_text(repair.end).c_str());
+        fwu_lsn_text(repair.acked.commit.lsn).c_str(), place_text(repair.end).c_str());
 }
 
 static outcome repair_log(fwu_repair &repair, const fwu_config &config)
