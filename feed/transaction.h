@@ -58,6 +58,9 @@ struct feed_transaction {
     std::vector<unsigned char> after;
 };
 
+// The prefix of the messages in a source's log that are session messages.
+constexpr std::string_view FEED_SESSION_PREFIX = "session";
+
 // Begins a transaction, none being open; one that the log has already will be passed over.
 void feed_begin(feed_transaction &tx, const fwu_commit &commit);
 

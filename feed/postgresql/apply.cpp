@@ -60,7 +60,7 @@ static void refuse_session(pgb_apply &apply, feed_transaction &tx)
 static outcome take_session(pgb_apply &apply, feed_transaction &tx)
 {
     const pgo_message &message = apply.message;
-    if (!message.transactional || message.prefix != "session" || !tx.open)
+    if (!message.transactional || message.prefix != FEED_SESSION_PREFIX || !tx.open)
         return {};
     if (message.content.size() > SESSION_LENGTH_MAX)
         refuse_session(apply, tx);

@@ -52,7 +52,7 @@ static outcome wrong_xid(const w2j_stream &stream)
 static outcome take_message(w2j_stream &stream)
 {
     const w2j_line &line = stream.line;
-    if (!line.transactional || line.prefix != "session")
+    if (!line.transactional || line.prefix != FEED_SESSION_PREFIX)
         return {};
     if (!stream.tx.open)
         return outcome_bad("a session message stands outside a transaction");
