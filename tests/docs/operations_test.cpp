@@ -1,9 +1,10 @@
-// docs/operations.md against the words, names and messages of the program.
+// docs/operations.md against the words, names and details of the program; its messages are
+// looked for in messages_test.cpp.
 #include "capture/settings.h"
 #include "msgfile/tmf.h"
+#include "tests/docs/source_text.h"
 #include "tests/support/captured.h"
 #include "tests/support/markdown.h"
-#include "tests/support/tempdir.h"
 
 #include <algorithm>
 #include <gmock/gmock.h>
@@ -67,24 +68,10 @@ TEST(OperationsPage, WhatHoldsWithoutAWordIsTheRowThatSaysSo)
     }
 }
 
-// The sources of the program and of its libraries, one behind the other.
-static std::string sources(const std::vector<std::string> &folders)
-{
-    std::string text;
-    for (const std::string &folder : folders) {
-        for (const auto &entry : std::filesystem::recursive_directory_iterator(
-                 std::filesystem::path(KESTRO_SOURCE_DIR) / folder)) {
-            if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")
-                text += read_file(entry.path().string());
-        }
-    }
-    return text;
-}
-
 TEST(OperationsPage, EnvironmentIsWhatTheSourcesRead)
 {
     static const std::regex variable("\"((KESTRO|FWUTIL)_[A-Z]+)\"");
-    const std::string text = sources({"driver", "capture", "ascii", "fwutil"});
+    const std::string text = source_text({"driver", "capture", "ascii", "fwutil"});
     std::set<std::string> read;
     for (std::sregex_iterator at(text.begin(), text.end(), variable), end; at != end; ++at)
         read.insert((*at)[1]);
@@ -95,40 +82,6 @@ TEST(OperationsPage, EnvironmentIsWhatTheSourcesRead)
             listed.insert(name);
     }
     EXPECT_EQ(listed, read);
-}
-
-// The fixed parts of a message: what stands between names in capitals, numbers and
-// "...", without punctuation at the ends, which may follow from what is put in.
-static std::vector<std::string> fixed_parts(const std::string &message)
-{
-    static const std::regex open(R"(\.\.\.|#?\b(OTHER|NAME|FILE|N|X|0)(\.[a-z]+)*\b|')");
-    static const char PUNCTUATION[] = " ;,:.";
-    std::vector<std::string> parts;
-    std::sregex_token_iterator at(message.begin(), message.end(), open, -1);
-    for (const std::sregex_token_iterator end; at != end; ++at) {
-        const std::string part = *at;
-        const size_t first = part.find_first_not_of(PUNCTUATION);
-        if (first != std::string::npos)
-            parts.push_back(part.substr(first, part.find_last_not_of(PUNCTUATION) + 1 - first));
-    }
-    return parts;
-}
-
-TEST(OperationsPage, EachMessageStandsInTheSources)
-{
-    // Texts may be cut into several literals.
-    const std::string text =
-        std::regex_replace(sources({"driver", "capture", "ascii"}), std::regex("\"\n *\""), "");
-    size_t checked = 0;
-    for (const auto &row : md_find_table(md_page(PAGE), "message").rows) {
-        for (const std::string &message : md_code(row[0])) {
-            for (const std::string &part : fixed_parts(message)) {
-                EXPECT_NE(text.find(part), std::string::npos) << message << ": \"" << part << '"';
-                checked++;
-            }
-        }
-    }
-    EXPECT_GT(checked, 40U);
 }
 
 // Whether a detail is the text of a code, with any text in the place of the system's part.

@@ -85,24 +85,33 @@ static std::vector<std::string> cells_of(const md_line &line)
     return cells;
 }
 
-md_table md_find_table(const std::string &text, const std::string &first_head)
+std::vector<md_table> md_find_tables(const std::string &text, const std::string &first_head)
 {
-    md_table table;
-    bool above = true; // the line before is no part of a table
+    std::vector<md_table> tables;
+    bool above = true;  // the line before is no part of a table
+    bool found = false; // the line before is part of one that is looked for
     for (const md_line &line : lines_of(text)) {
         const std::vector<std::string> cells = cells_of(line);
-        if (cells.empty() && !table.heads.empty())
-            break;
-        if (!table.heads.empty())
-            table.rows.push_back(cells);
-        else if (above && !cells.empty() && cells[0] == first_head)
-            table.heads = cells;
+        if (found && !cells.empty()) {
+            tables.back().rows.push_back(cells);
+        } else {
+            found = above && !cells.empty() && cells[0] == first_head;
+            if (found)
+                tables.push_back({cells, {}});
+        }
         above = cells.empty();
     }
-    if (table.rows.size() < 2)
+    std::erase_if(tables, [](const md_table &table) { return table.rows.size() < 2; });
+    if (tables.empty())
         throw std::runtime_error("no table \"" + first_head + "\"");
-    table.rows.erase(table.rows.begin()); // the line under the heads
-    return table;
+    for (md_table &table : tables)
+        table.rows.erase(table.rows.begin()); // the line under the heads
+    return tables;
+}
+
+md_table md_find_table(const std::string &text, const std::string &first_head)
+{
+    return md_find_tables(text, first_head).front();
 }
 
 std::vector<std::string> md_blocks(const std::string &text)

@@ -20,7 +20,8 @@ std::string md_page(const std::string &name);
 // or above.
 std::string md_section(const std::string &page, const std::string &heading);
 
-// The first table whose first head is that cell.
+// The tables whose first head is that cell, in their order; the first of them.
+std::vector<md_table> md_find_tables(const std::string &text, const std::string &first_head);
 md_table md_find_table(const std::string &text, const std::string &first_head);
 
 // Code blocks in their order, between fences or indented by four blanks, without

@@ -47,6 +47,15 @@ TEST(Markdown, TableIsFoundByItsFirstHead)
     EXPECT_THROW(md_find_table(md_section(PAGE, "Two"), "a"), std::runtime_error);
 }
 
+TEST(Markdown, TablesOfOneHeadAreFoundInTheirOrder)
+{
+    const std::vector<md_table> tables =
+        md_find_tables("| a |\n|---|\n| 1 |\n\n| b |\n|---|\n| a |\n\n| a |\n|---|\n| 2 |\n", "a");
+    ASSERT_EQ(tables.size(), 2U);
+    EXPECT_THAT(tables[0].rows, ElementsAre(ElementsAre("1")));
+    EXPECT_THAT(tables[1].rows, ElementsAre(ElementsAre("2")));
+}
+
 TEST(Markdown, BlocksAreFencedOrIndented)
 {
     EXPECT_THAT(md_blocks(PAGE),
