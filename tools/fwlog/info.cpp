@@ -168,7 +168,7 @@ static outcome run()
     bool sound = true;
     if (options.json)
         printf("{\"directory\":%s,\"files\":[", json_text(config.log_directory).c_str());
-    const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
+    outcome surveyed = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
         sound = sound && facts.damage.empty();
         options.json ? print_json_file(facts, totals.files == 0) : print_file(facts);
         add(totals, facts);
@@ -177,7 +177,7 @@ static outcome run()
     totals.have_ack = acked == FWU_FOUND;
     sound = sound && acked != FWU_FAILED;
     options.json ? print_json_totals(totals) : print_totals(totals);
-    return fwlog_told(result == 0 && sound);
+    return surveyed ? fwlog_told(sound) : std::move(surveyed);
 }
 
 static const char help[] =

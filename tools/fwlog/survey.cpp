@@ -4,6 +4,7 @@
 
 #include "fwutil/fwu_layout_check.h"
 #include "fwutil/fwutil.h"
+#include "tools/fwlog/fwlog.h"
 
 #include <cstdio>
 
@@ -69,11 +70,12 @@ static int take_item(survey_file &into, fwu_layout_check &layouts, const fwu_wal
     return wrong != nullptr;
 }
 
-int fwlog_survey(const std::string &directory, const std::function<void(const survey_file &)> &take)
+outcome fwlog_survey(const std::string &directory,
+                     const std::function<void(const survey_file &)> &take)
 {
     std::vector<fwu_log_file> files;
     if (fwu_log_list(directory, files) != 0)
-        return -1;
+        return OUTCOME_FAILED;
     fwu_cursor cursor;
     fwu_found found = FWU_END;
     for (size_t i = 0; i < files.size() && found != FWU_FAILED; i++) {
@@ -94,7 +96,7 @@ int fwlog_survey(const std::string &directory, const std::function<void(const su
             take(facts);
     }
     fwu_cursor_close(cursor);
-    return found == FWU_FAILED ? -1 : 0;
+    return fwlog_told(found != FWU_FAILED);
 }
 
 std::string survey_position(const survey_file &file)

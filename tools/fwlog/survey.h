@@ -4,6 +4,7 @@
 #define TOOLS_FWLOG_SURVEY_H
 
 #include "fwutil/fwu_log.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <functional>
@@ -41,9 +42,9 @@ struct survey_file {
 };
 
 // Reads every entry of every file and checks all there is to check.  The files go to
-// take one by one.  0, or -1 when the log could not be read (reported).
-int fwlog_survey(const std::string &directory,
-                 const std::function<void(const survey_file &)> &take);
+// take one by one.
+outcome fwlog_survey(const std::string &directory,
+                     const std::function<void(const survey_file &)> &take);
 
 // "1-25.340"
 std::string survey_position(const survey_file &file);

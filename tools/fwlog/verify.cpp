@@ -96,7 +96,7 @@ static outcome run()
     fwu_log_file last;
     fwu_position end; // the last commit
     fwu_identity identity;
-    const int result = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
+    outcome surveyed = fwlog_survey(config.log_directory, [&](const survey_file &facts) {
         sound = sound && facts.damage.empty() && facts.missing_from == 0;
         last = facts.file;
         if (facts.last_tag != 0)
@@ -108,7 +108,7 @@ static outcome run()
     sound = acked != FWU_FAILED && sound;
     if (acked == FWU_FOUND)
         sound = check_acknowledged(config.log_directory, ack, last, end, identity) && sound;
-    return fwlog_told(result == 0 && sound);
+    return surveyed ? fwlog_told(sound) : std::move(surveyed);
 }
 
 static const char help[] =

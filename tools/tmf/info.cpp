@@ -251,13 +251,13 @@ static outcome run()
     outcome done;
     for (const char *file : options.files) {
         tmft_facts facts;
-        std::string out;
-        if (!tmft_look(facts, file, out)) {
-            done = tmft_complain(file, out.c_str());
+        if (outcome looked = tmft_look(facts, file); !looked) {
+            done = tmft_complain(file, looked.text().c_str());
             continue;
         }
         if (!facts.damage.empty())
             done = OUTCOME_FAILED;
+        std::string out;
         (options.json ? put_json : put_text)(out, facts, file);
         fputs(out.c_str(), stdout);
     }

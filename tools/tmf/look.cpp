@@ -194,32 +194,24 @@ static ssize_t read_area(int fd, tmft_facts &facts)
     return got;
 }
 
-static bool look_at(int fd, tmft_facts &facts, std::string &error)
+static outcome look_at(int fd, tmft_facts &facts)
 {
     struct stat about;
-    if (fstat(fd, &about) != 0) {
-        error = strerror(errno);
-        return false;
-    }
-    if (!S_ISREG(about.st_mode)) {
-        error = tmf_strerror(TMF_ENOTMSG);
-        return false;
-    }
+    if (fstat(fd, &about) != 0)
+        return outcome_bad(strerror(errno));
+    if (!S_ISREG(about.st_mode))
+        return outcome_bad(tmf_strerror(TMF_ENOTMSG));
     const ssize_t got = read_area(fd, facts);
-    if (got < 0) {
-        error = strerror(errno);
-        return false;
-    }
+    if (got < 0)
+        return outcome_bad(strerror(errno));
     facts.other_order = facts.common.byte_order_mark == TMF_BYTE_ORDER_OTHER;
     if (facts.other_order)
         turn_around(facts.common);
     int code = check_area(facts.common, facts.other_order);
     if (code == 0 && got < TMF_COMMON_SIZE)
         code = TMF_EREAD_COMMON_EOF;
-    if (code != 0) {
-        error = tmf_strerror(code);
-        return false;
-    }
+    if (code != 0)
+        return outcome_bad(tmf_strerror(code));
     const tmf_common &common = facts.common;
     const lock_test test = test_lock(fd, 0, TMF_COMMON_SIZE);
     facts.common_locked = test.lock == TMFT_LOCK_HELD;
@@ -229,18 +221,16 @@ static bool look_at(int fd, tmft_facts &facts, std::string &error)
     facts.writers = look_at_users(fd, facts, common.writer_map,
                                   tmft_slots(common.max_writers, TMF_MAX_WRITERS), false);
     find_damage(facts);
-    return true;
+    return {};
 }
 
-bool tmft_look(tmft_facts &facts, const char *path, std::string &error)
+outcome tmft_look(tmft_facts &facts, const char *path)
 {
     // Not to wait for the writer of a pipe.
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) {
-        error = strerror(errno);
-        return false;
-    }
-    const bool found = look_at(fd, facts, error);
+    if (fd < 0)
+        return outcome_bad(strerror(errno));
+    outcome looked = look_at(fd, facts);
     close(fd);
-    return found;
+    return looked;
 }

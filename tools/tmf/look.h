@@ -5,6 +5,7 @@
 #define TOOLS_TMF_LOOK_H
 
 #include "msgfile/tmf_layout.h"
+#include "util/outcome.h"
 
 #include <cstdint>
 #include <string>
@@ -46,8 +47,7 @@ int tmft_slots(int stated, int most);
 // The port that reader slot i is woken on.
 int tmft_port(const tmf_common &common, int i);
 
-// Fills facts.  False when the file cannot be read or is not a message file;
-// error says so.
-bool tmft_look(tmft_facts &facts, const char *path, std::string &error);
+// Fills facts.  OUTCOME_BAD when the file cannot be read or is not a message file.
+outcome tmft_look(tmft_facts &facts, const char *path);
 
 #endif

@@ -45,10 +45,13 @@ struct record_source {
     bool at_end = false;
 };
 
-enum source_found { SOURCE_RECORD, SOURCE_END, SOURCE_STOPPED, SOURCE_BAD, SOURCE_FAILED };
+static outcome reading_failed()
+{
+    return outcome_failed("reading standard input: %s", strerror(errno));
+}
 
-// Reads more; SOURCE_RECORD when that went well.
-static source_found fill(record_source &source)
+// Reads more.
+static outcome fill(record_source &source)
 {
     if (source.begin > 0) {
         memmove(source.buffer.data(), source.buffer.data() + source.begin,
@@ -60,28 +63,27 @@ static source_found fill(record_source &source)
     for (;;) {
         const stop_wait wait = stop_signal_wait(STDIN_FILENO, -1);
         if (wait == STOP_ASKED)
-            return SOURCE_STOPPED;
+            return OUTCOME_STOPPED;
         if (wait == STOP_ERROR)
-            return SOURCE_FAILED;
+            return reading_failed();
         const ssize_t got = read(STDIN_FILENO, source.buffer.data() + source.end,
                                  source.buffer.size() - source.end);
         if (got >= 0) {
             source.end += static_cast<size_t>(got);
             source.at_end = got == 0;
-            return SOURCE_RECORD;
+            return {};
         }
         if (errno != EINTR && errno != EAGAIN)
-            return SOURCE_FAILED;
+            return reading_failed();
     }
 }
 
-static source_found give(record_source &source, std::string_view &record, size_t length,
-                         size_t with_end)
+static outcome give(record_source &source, std::string_view &record, size_t length, size_t with_end)
 {
     record = {source.buffer.data() + source.begin, length};
     source.begin += with_end;
     source.scanned = source.begin;
-    return SOURCE_RECORD;
+    return {};
 }
 
 // Looks for the end of a record among the bytes read and not scanned.
@@ -93,10 +95,11 @@ static const char *find_mark(record_source &source)
     return static_cast<const char *>(found);
 }
 
-// Gives the next record, valid until the next call.  SOURCE_BAD: error says what
-// is wrong with it; SOURCE_FAILED: errno.
-static source_found next_record(record_source &source, std::string_view &record, std::string &error)
+// Gives the next record, valid until the next call; an empty one at the end of the input.
+// OUTCOME_BAD says what is wrong with it.
+static outcome next_record(record_source &source, std::string_view &record)
 {
+    record = {};
     for (;;) {
         const char *const first = source.buffer.data() + source.begin;
         const size_t there = source.end - source.begin;
@@ -106,28 +109,22 @@ static source_found next_record(record_source &source, std::string_view &record,
                 return give(source, record, source.size, source.size);
         } else if (const char *const mark = find_mark(source); mark != nullptr) {
             length = static_cast<size_t>(mark - first);
-            if (length == 0) {
-                error = "is empty";
-                return SOURCE_BAD;
-            }
+            if (length == 0)
+                return outcome_bad("is empty");
             if (length <= TMF_MAX_DATA)
                 return give(source, record, length, length + 1);
         }
-        if (length > TMF_MAX_DATA) {
-            error = "is longer than " + std::to_string(TMF_MAX_DATA) + " bytes";
-            return SOURCE_BAD;
-        }
+        if (length > TMF_MAX_DATA)
+            return outcome_bad("is longer than " + std::to_string(TMF_MAX_DATA) + " bytes");
         if (source.at_end) {
             if (there == 0)
-                return SOURCE_END;
+                return {};
             if (source.size == 0)
                 return give(source, record, there, there);
-            error =
-                "has " + std::to_string(there) + " of " + std::to_string(source.size) + " bytes";
-            return SOURCE_BAD;
+            return outcome_bad("has " + std::to_string(there) + " of " +
+                               std::to_string(source.size) + " bytes");
         }
-        const source_found filled = fill(source);
-        if (filled != SOURCE_RECORD)
+        if (outcome filled = fill(source); !filled)
             return filled;
     }
 }
@@ -163,26 +160,18 @@ static outcome append_records(tmf_handle *h, uint64_t &written)
 {
     record_source source{.mark = options.null ? '\0' : '\n',
                          .size = static_cast<size_t>(options.size)};
-    std::string error;
     for (;;) {
-        std::string_view record;
-        source_found found = SOURCE_STOPPED;
-        if (stop_signal_get() == 0)
-            found = next_record(source, record, error);
-        const int code = errno;
-        switch (found) {
-        case SOURCE_RECORD:
-            break;
-        case SOURCE_END:
-            return {};
-        case SOURCE_STOPPED:
+        if (stop_signal_get() != 0)
             return stopped(written);
-        case SOURCE_BAD:
+        std::string_view record;
+        outcome found = next_record(source, record);
+        if (found.kind() == OUTCOME_STOPPED)
+            return stopped(written);
+        if (found.kind() == OUTCOME_BAD)
             return outcome_failed("standard input: record %" PRIu64 " %s", written + 1,
-                                  error.c_str());
-        case SOURCE_FAILED:
-            return outcome_failed("reading standard input: %s", strerror(code));
-        }
+                                  found.text().c_str());
+        if (!found || record.empty())
+            return found;
         const int failed = tmf_fwrite(h, record.data(), static_cast<int>(record.size()));
         if (failed != 0)
             return append_failed(h, failed, written);
