@@ -1,6 +1,6 @@
 // fwlog dump: prints a log, or a range of it.
-#include "fwutil/fwu_config.h"
 #include "fwutil/fwu_log.h"
+#include "fwutil/fwu_reader_config.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/position.h"
 #include "tools/fwlog/print.h"

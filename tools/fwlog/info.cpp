@@ -1,7 +1,7 @@
 // fwlog info: files, positions, times and counts of a log.
 #include "feed/stamp.h"
 #include "fwutil/fwu_ack.h"
-#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_reader_config.h"
 #include "fwutil/fwu_start.h"
 #include "tools/fwlog/dump_value.h"
 #include "tools/fwlog/fwlog.h"

@@ -1,10 +1,10 @@
 // fwlog prune: removes old log files.  They go oldest first, so that whatever ends
 // it leaves a log without a gap, and none goes that a given status file still needs.
 #include "fwutil/fwu_boot.h"
-#include "fwutil/fwu_config.h"
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_place.h"
+#include "fwutil/fwu_reader_config.h"
 #include "fwutil/fwu_status.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/position.h"

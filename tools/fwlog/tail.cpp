@@ -2,8 +2,8 @@
 //
 // It counts backwards, file by file, until there are enough, and reads on from there.  What it
 // prints ends behind a whole transaction, however it is stopped, as long as somebody takes it.
-#include "fwutil/fwu_config.h"
 #include "fwutil/fwu_log.h"
+#include "fwutil/fwu_reader_config.h"
 #include "fwutil/fwu_wait.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/print.h"

@@ -3,7 +3,7 @@
 // What was acknowledged is read before the files are listed: beside a writer the log may have
 // more than that by the time it is compared, never less.
 #include "fwutil/fwu_ack.h"
-#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_reader_config.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/survey.h"
 #include "util/json_text.h"
