@@ -1,0 +1,159 @@
+// docs/postgresql.md against the code: what columns become, and the members of the state file.
+#include "feed/postgresql/catalogue.h"
+#include "feed/postgresql/state.h"
+#include "fwutil/fwutil.h"
+#include "tests/support/markdown.h"
+#include "tests/support/tempdir.h"
+
+#include <gmock/gmock.h>
+
+#include <map>
+#include <regex>
+#include <set>
+
+using testing::HasSubstr;
+
+static const char PAGE[] = "docs/postgresql.md";
+
+// The parts of a cell between commas with a blank behind them.
+static std::vector<std::string> listed(const std::string &cell)
+{
+    static const std::regex comma(", ");
+    return {std::sregex_token_iterator(cell.begin(), cell.end(), comma, -1), {}};
+}
+
+// The OID of a type by the page's name for it; 0: there is none.
+static uint32_t oid_of(const std::string &name)
+{
+    static const std::map<std::string, std::string> long_names = {
+        {"char(n)", "character"},
+        {"varchar(n)", "character varying"},
+        {"varchar", "character varying"},
+        {"numeric(p,s)", "numeric"},
+        {"time(p)", "time without time zone"},
+        {"time(p) with time zone", "time with time zone"},
+        {"timestamp(p)", "timestamp without time zone"},
+        {"with time zone too", "timestamp with time zone"},
+    };
+    const auto found = long_names.find(name);
+    for (uint32_t oid = 1; oid < 10000; oid++) {
+        const char *built_in = pgc_type_name(oid);
+        if (built_in != nullptr && built_in == (found == long_names.end() ? name : found->second))
+            return oid;
+    }
+    return 0;
+}
+
+// "P 5 scale=2" for a column of that type, or "error: ..." when it becomes no item.
+static std::string item_of(uint32_t oid, int32_t modifier)
+{
+    pgo_relation relation;
+    relation.schema = "app";
+    relation.name = "parts";
+    relation.columns = {{"c", oid, modifier}};
+    fwu_config config;
+    config.path = "shop.cfg";
+    fwu_dataset dataset;
+    if (const outcome made = pgc_make_dataset(dataset, config, relation); !made)
+        return "error: " + made.text();
+    const fwu_item &item = dataset.layout.items.at(0);
+    return static_cast<char>(item.type) + (" " + std::to_string(item.size)) +
+           (item.item_aux == 0 ? "" : " scale=" + std::to_string(item.item_aux));
+}
+
+// The modifier of numeric(precision,scale).
+static int32_t numeric(int precision, int scale)
+{
+    return (precision << 16 | (scale & 0x7FF)) + 4;
+}
+
+static int number(const std::ssub_match &text)
+{
+    return std::stoi(text);
+}
+
+// Checks a row; false when it says something that nothing here checks.
+static bool check(const std::string &columns, const std::string &item)
+{
+    static const std::regex fixed("[A-Z] [0-9]+(, [A-Z] [0-9]+)*(: .*)?");
+    static const std::regex with_decimals(
+        "X ([0-9]+) \\+ 1 \\+ p \\(X ([0-9]+) for p = 0; without p ([0-9]+)\\).*");
+    static const std::regex digits("numeric\\(p,s\\) up to ([0-9]+) digits");
+    std::smatch found;
+    if (std::regex_match(item, fixed)) {
+        const std::vector<std::string> names = listed(columns);
+        const std::vector<std::string> items = listed(item.substr(0, item.find(':')));
+        EXPECT_EQ(names.size(), items.size()) << columns;
+        for (size_t i = 0; i < std::min(names.size(), items.size()); i++)
+            EXPECT_EQ(item_of(oid_of(names[i]), -1), items[i]) << names[i];
+        return true;
+    }
+    if (std::regex_match(item, found, with_decimals)) {
+        for (const std::string &name : listed(columns)) {
+            const uint32_t oid = oid_of(name);
+            EXPECT_EQ(item_of(oid, 0), "X " + found[2].str()) << name;
+            EXPECT_EQ(item_of(oid, -1), "X " + found[3].str()) << name;
+            for (const int p : {1, 3, 6})
+                EXPECT_EQ(item_of(oid, p), "X " + std::to_string(number(found[1]) + 1 + p)) << name;
+        }
+        return true;
+    }
+    if (std::regex_match(columns, found, digits)) {
+        EXPECT_THAT(item, HasSubstr("P of p / 2 + 1 bytes (rounded down), scale s"));
+        for (int p = 1; p <= number(found[1]); p++)
+            EXPECT_EQ(item_of(oid_of("numeric"), numeric(p, 1)),
+                      "P " + std::to_string(p / 2 + 1) + " scale=1");
+        EXPECT_THAT(item_of(oid_of("numeric"), numeric(number(found[1]) + 1, 1)),
+                    testing::StartsWith("X "));
+        return true;
+    }
+    if (columns == "numeric(p,s) of more digits, of negative scale, or with s > p") {
+        EXPECT_THAT(item, testing::StartsWith("X, "));
+        for (const int32_t modifier : {numeric(40, 2), numeric(3, -2), numeric(3, 5)})
+            EXPECT_THAT(item_of(oid_of("numeric"), modifier), testing::StartsWith("X "));
+        return true;
+    }
+    if (item == "X n") {
+        for (const std::string &name : listed(columns))
+            EXPECT_EQ(item_of(oid_of(name), 40 + 4), "X 40") << name;
+        return true;
+    }
+    if (item.find("need a width in the configuration") == 0) {
+        size_t known = 0; // the others are kinds of types: "arrays"
+        for (const std::string &name : listed(columns)) {
+            const std::string plain = name.substr(0, name.find(" and "));
+            if (oid_of(plain) == 0)
+                continue;
+            EXPECT_THAT(item_of(oid_of(plain), -1), HasSubstr("width=")) << name;
+            known++;
+        }
+        EXPECT_GE(known, 7U);
+        return true;
+    }
+    return false;
+}
+
+TEST(PostgresqlPage, ColumnsBecomeTheItemsOfTheTable)
+{
+    for (const auto &row : md_find_table(md_page(PAGE), "column").rows)
+        EXPECT_TRUE(check(row[0], row[1])) << row[0] << ": " << row[1];
+}
+
+TEST(PostgresqlPage, MembersAreThoseOfTheStateFile)
+{
+    const tempdir dir;
+    pgb_state state;
+    state.path = dir.file("state.json");
+    ASSERT_TRUE(pgb_state_write(state, false));
+    const std::string text = read_file(state.path);
+    static const std::regex member("\"([a-z_]+)\":");
+    std::set<std::string> written;
+    for (std::sregex_iterator at(text.begin(), text.end(), member), end; at != end; ++at)
+        written.insert((*at)[1]);
+    std::set<std::string> shown;
+    for (const auto &row : md_find_table(md_page(PAGE), "member").rows) {
+        for (const std::string &name : md_code(row[0]))
+            EXPECT_TRUE(shown.insert(name).second) << name;
+    }
+    EXPECT_EQ(shown, written);
+}
