@@ -2,6 +2,7 @@
 // whole rows: offsets, nulls, missing columns.
 #include "feed/image.h"
 #include "tests/feed/rows.h"
+#include "tests/support/markdown.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -112,6 +113,55 @@ TEST(FeedImage, NumbersGoIntoNumericItems)
         {value_item('P', 3, 1, 2), text(WORDS, "-8.2"), "\x00\x82\x0D"s},
         {value_item('E', 4), text(PLAIN, "Infinity"), "\x7F\x80\x00\x00"s},
     });
+}
+
+// The table of items and what they take, in docs/fwlog.md.
+TEST(FeedImage, ItemsTakeWhatThePageSays)
+{
+    const struct {
+        const char *word; // in the table
+        feed_column column;
+    } kinds[] = {
+        {"numbers", number(PLAIN, "1")},
+        {"booleans", boolean(true)},
+        {"`NaN`", text(PLAIN, "NaN")},
+        {"`Infinity`", text(PLAIN, "Infinity")},
+        {"`-Infinity`", text(PLAIN, "-Infinity")},
+        {"texts", text(WORDS, "abc")},
+    };
+    std::string letters;
+    std::string takes;
+    for (const auto &row : md_find_table(md_page("docs/fwlog.md"), "item").rows) {
+        SCOPED_TRACE(row[0]);
+        const size_t of = row[0].find(" of ");
+        ASSERT_NE(of, std::string::npos);
+        const bool positive = row[1].find("not negative") != std::string::npos;
+        takes = row[1].rfind("the same", 0) == 0 ? takes : row[1];
+        const bool everything = takes == "everything";
+        for (const char letter : row[0].substr(0, of)) {
+            if (letter == ',' || letter == ' ')
+                continue;
+            letters += letter;
+            const fwu_item_type *type = fwu_item_type_of(letter);
+            ASSERT_NE(type, nullptr) << letter;
+            const bool any_size = row[0].find("of n bytes") != std::string::npos;
+            for (int32_t size = 1; size <= 9 && !any_size; size++)
+                EXPECT_EQ(row[0].find(std::to_string(size), of) != std::string::npos,
+                          fwu_item_size_ok(*type, size))
+                    << letter << size;
+            const auto taken = [&](const feed_column &column) {
+                maker make(config_of({value_item(letter, type->binary ? 4 : 10)}));
+                return make.fresh(row_of({column})).rfind("error: ", 0) != 0;
+            };
+            for (const auto &kind : kinds)
+                EXPECT_EQ(taken(kind.column),
+                          everything || (", " + takes).find(", " + std::string(kind.word)) !=
+                                            std::string::npos)
+                    << letter << " " << kind.word;
+            EXPECT_EQ(taken(number(PLAIN, "-1")), !positive) << letter;
+        }
+    }
+    EXPECT_EQ(letters, "IJKPZERXU");
 }
 
 TEST(FeedImage, ByteOrderIsTheOneOfTheConfiguration)

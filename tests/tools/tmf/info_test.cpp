@@ -1,7 +1,10 @@
 // tmf info on files whose every byte is known, and on live users.
+#include "tests/support/markdown.h"
 #include "tests/tools/tmf/tmf_fixture.h"
 
 #include <csignal>
+#include <regex>
+#include <set>
 
 using testing::HasSubstr;
 using testing::Not;
@@ -75,6 +78,34 @@ TEST_F(TmfInfo, ShowsExclusiveUsersAndTheWaitList)
                    "    writers  1 of 1008, exclusive\n"
                    "        slot 0: process 4711, lock not held: gone\n"
                    "    wait list: slot 14, which no reader has\n"));
+}
+
+// Names of JSON members, those inside of others too.
+static std::set<std::string> members_of(const std::string &json)
+{
+    static const std::regex member("\"([a-z_]+)\":");
+    std::set<std::string> names;
+    for (std::sregex_iterator at(json.begin(), json.end(), member), end; at != end; ++at)
+        names.insert((*at)[1]);
+    return names;
+}
+
+TEST_F(TmfInfo, MembersAreThoseOfThePage)
+{
+    std::string file = golden;
+    file[68] = 1; // a reader, which has more members than the writer
+    file[126] = 1;
+    put_number<int32_t>(file, 256, 99);
+    write_file(path, file);
+    std::set<std::string> shown;
+    for (const auto &row : md_find_table(md_page("docs/tmf-tool.md"), "member").rows) {
+        const std::vector<std::string> names = md_code(row[0]);
+        shown.insert(names.begin(), names.end());
+        if (names.front() == "readers")
+            for (const std::string &inside : md_code(row[1]))
+                shown.insert(inside);
+    }
+    EXPECT_EQ(shown, members_of(tmf({"info", "--json", path}).out));
 }
 
 TEST_F(TmfInfo, ShowsUsersThatHoldTheirLocks)
