@@ -74,9 +74,10 @@ int fwu_start_parse(const char *text, fwu_position &position)
     if (fwu_position_parse(text, position) && position.generation <= FWU_GENERATION_MAX &&
         position.sequence <= FWU_SEQUENCE_MAX)
         return 0;
-    return fwu_error("start position \"%s\": give a log file number (25) for its first record, "
-                     "or generation-sequence.tag (1-25.340) for the record behind that one",
-                     text);
+    return fwu_error(
+        "start position \"%s\": give a log file number (25, 1-25) for its first record, "
+        "or generation-sequence.tag (1-25.340) for the record behind that one",
+        text);
 }
 
 const fwu_log_file *fwu_start_look(const std::vector<fwu_log_file> &files, fwu_position &position)

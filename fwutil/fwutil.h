@@ -26,7 +26,7 @@ typedef int (*fwu_callback)(uint32_t reserved, const char *dbname, const char *d
 
 // Delivers the log's records to the callback.  cfg: configuration file, or null
 // for the file named by FWUTIL_CFG, else "fwutil.cfg".  status: status file, or
-// null for "fwutil.status".  start: log file number ("25") or full position
+// null for "fwutil.status".  start: log file number ("25", "1-25") or full position
 // ("1-25.340"), or null to go on behind the position in the status file (the
 // oldest record when that names none).  Returns 0 at the end of the data when
 // Fwu_synconly is set and on SIGTERM or SIGINT, which it handles for the length

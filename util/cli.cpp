@@ -213,7 +213,8 @@ outcome cli_output_failed()
     return outcome_failed("writing standard output: %s", strerror(errno));
 }
 
-// Also where it stands behind an option that takes a value: who asks for help gets it.
+// Also where it stands behind an option that takes a value: who asks for help gets it;
+// behind "--" nobody asks.
 static bool asks_help(int argc, char **argv)
 {
     for (int i = 0; i < argc && strcmp(argv[i], "--") != 0; i++) {

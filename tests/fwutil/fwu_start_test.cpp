@@ -54,7 +54,7 @@ TEST(Start, AcceptsAFileWithOrWithoutGenerationAndAWholePosition)
             EXPECT_EQ(position, row.position) << row.text;
         else
             EXPECT_EQ(err, std::string("fwutil: start position \"") + row.text +
-                               "\": give a log file number (25) for its first record, or "
+                               "\": give a log file number (25, 1-25) for its first record, or "
                                "generation-sequence.tag (1-25.340) for the record behind that "
                                "one\n");
     }
