@@ -2,6 +2,7 @@
 // statements of the configuration, and the lines of a status file.
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_entry.h"
+#include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status_text.h"
 
 #include "tests/support/golden.h"
@@ -9,6 +10,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <regex>
 #include <sstream>
 
 static const std::string &page()
@@ -191,6 +193,36 @@ TEST(ForwardLogPage, ExampleOfAConfigurationIsRead)
     for (const char *statement :
          {"log-file-size", "byte-order", "log-mode", "sync", "database", "item"})
         EXPECT_NE(block.find(std::string("\n") + statement + " "), std::string::npos) << statement;
+}
+
+TEST(ForwardLogPage, SettingsOfSyncAreThoseOfTheCode)
+{
+    const tempdir dir;
+    const auto read_with = [&](const std::string &sync) {
+        write_file(dir.file("fwutil.cfg"), "log-directory log\nsync " + sync + "\n");
+        fwu_config config;
+        return fwu_config_read(config, dir.file("fwutil.cfg").c_str());
+    };
+    const auto rows = md_find_table(page(), "setting").rows;
+    EXPECT_EQ(rows.size(), 3U);
+    for (const auto &row : rows) {
+        const std::string setting = md_code(row.at(0)).at(0);
+        EXPECT_EQ(read_with(std::regex_replace(setting, std::regex("\\bN\\b"), "250")), 0)
+            << setting;
+    }
+}
+
+TEST(ForwardLogPage, StartPositionsAreRead)
+{
+    size_t given = 0;
+    for (const auto &row : md_find_table(page(), "`-start`").rows) {
+        for (const std::string &text : md_code(row.at(0))) {
+            fwu_position position;
+            EXPECT_EQ(fwu_start_parse(text.c_str(), position), 0) << text;
+            given++;
+        }
+    }
+    EXPECT_EQ(given, 2U);
 }
 
 TEST(ForwardLogPage, LinesOfAStatusFileStandWhereTheTableSays)
