@@ -42,12 +42,11 @@ outcome feed_check_name(const fwu_config &config, const std::string &name, std::
     const std::string dbname = feed_name(schema);
     const std::string dsetname = feed_name(table);
     if (dbname.size() > FWU_NAME_MAX || dsetname.size() > FWU_NAME_MAX)
-        return outcome_bad("table " + name + ": " +
-                           (dbname.size() > FWU_NAME_MAX ? dbname : dsetname) +
-                           " is longer than the 16 characters of a name: give the dataset a short "
-                           "name in " +
-                           config.path + " with table=" + name +
-                           ", or leave the table out with the line skip-table " + name);
+        return outcome_bad(
+            "table " + name + ": " + (dbname.size() > FWU_NAME_MAX ? dbname : dsetname) +
+            " is longer than the " + std::to_string(FWU_NAME_MAX) +
+            " characters of a name: give the dataset a short name in " + config.path +
+            " with table=" + name + ", or leave the table out with the line skip-table " + name);
     if (fwu_database_name_ok(dbname) && fwu_dataset_name_ok(dsetname))
         return {};
     return outcome_bad("table " + name + ": " + dbname + "." + dsetname +

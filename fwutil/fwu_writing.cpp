@@ -1,6 +1,7 @@
 // The statements for writers, a row each; all checks are made where the line is at hand.
 #include "fwutil/fwu_writing.h"
 
+#include <cinttypes>
 #include <cstring>
 #include <utility>
 
@@ -152,13 +153,14 @@ static int take_column(fwu_writing_lines &r, const fwu_words &w)
         if (word.rfind("item=", 0) == 0 && column.item.empty()) {
             column.item = word.substr(5);
             if (column.item.empty() || column.item.size() > FWU_ITEM_NAME_MAX)
-                return fwu_config_wrong(r.at, "%s: an item name has 1 to 17 bytes", word.c_str());
+                return fwu_config_wrong(r.at, "%s: an item name has 1 to %d bytes", word.c_str(),
+                                        FWU_ITEM_NAME_MAX);
         } else if (word.rfind("width=", 0) == 0 && column.width == 0) {
             column.width =
                 static_cast<int32_t>(fwu_config_number(word.substr(6), FWU_TEXT_SIZE_MAX));
             if (column.width < 1)
-                return fwu_config_wrong(r.at, "%s is not a width from 1 to 32767 bytes",
-                                        word.c_str());
+                return fwu_config_wrong(r.at, "%s is not a width from 1 to %" PRId32 " bytes",
+                                        word.c_str(), FWU_TEXT_SIZE_MAX);
         } else {
             return fwu_config_wrong(
                 r.at,
@@ -240,7 +242,8 @@ static int take_item_options(fwu_writing_lines &r, const fwu_words &w, fwu_item 
             item.count =
                 static_cast<int32_t>(fwu_config_number(word.substr(1), FWU_ITEM_COUNT_MAX));
             if (item.count < 1)
-                return fwu_config_wrong(r.at, "%s is not a count from x1 to x32767", word.c_str());
+                return fwu_config_wrong(r.at, "%s is not a count from x1 to x%" PRId32,
+                                        word.c_str(), FWU_ITEM_COUNT_MAX);
         } else if (word.rfind("scale=", 0) == 0 && !have_scale) {
             have_scale = true;
             if (item.type != 'P' && item.type != 'Z')
@@ -269,7 +272,8 @@ static int take_item(fwu_writing_lines &r, const fwu_words &w)
     if (w.size() < 4)
         return fwu_config_wrong(r.at, "item takes name, type and size");
     if (w[1].size() > FWU_ITEM_NAME_MAX)
-        return fwu_config_wrong(r.at, "the item name %s has more than 17 bytes", w[1].c_str());
+        return fwu_config_wrong(r.at, "the item name %s has more than %d bytes", w[1].c_str(),
+                                FWU_ITEM_NAME_MAX);
     for (const fwu_item &known : dataset.layout.items)
         if (known.name == w[1])
             return fwu_config_wrong(r.at, "item %s is given twice", w[1].c_str());

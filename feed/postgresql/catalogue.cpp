@@ -213,10 +213,10 @@ static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const st
     fwu_item item;
     item.name = said != nullptr && !said->item.empty() ? said->item : feed_name(column.name);
     if (item.name.size() > FWU_ITEM_NAME_MAX)
-        return outcome_bad(where + ": " + item.name +
-                           " is longer than the 17 characters of an item name: put the line "
-                           "\"column " +
-                           where + " item=SHORTER-NAME\" into " + config.path);
+        return outcome_bad(where + ": " + item.name + " is longer than the " +
+                           std::to_string(FWU_ITEM_NAME_MAX) +
+                           " characters of an item name: put the line \"column " + where +
+                           " item=SHORTER-NAME\" into " + config.path);
     if (!is_plain(item.name))
         return outcome_bad(where +
                            ": an item name has no blanks and no characters outside ASCII: put the "

@@ -35,6 +35,8 @@ static const struct {
     std::string part;
     std::vector<const char *> pieces;
 } joined[] = {
+    {"is longer than the 16 characters of a name",
+     {"\" is longer than the \"", "\" characters of a name"}},
     {"has no item in dataset", {"\" has no item\"", "\" in dataset \""}},
     {"and is left out of the log", {"\" and \"", "\"is\"", "\" left out of the log\""}},
     {"has the character U+20AC, which has no place in ISO 8859-1",
