@@ -29,7 +29,8 @@ static std::string path_of(const std::string &directory)
     return directory + "/" + FWU_ACK_NAME;
 }
 
-std::string fwu_ack_line(const fwu_ack &ack)
+// The line that the file gets.
+static std::string line_of(const fwu_ack &ack)
 {
     char line[2 * LINE_SIZE];
     const int length = snprintf(
@@ -61,7 +62,7 @@ static bool parse(fwu_ack &ack, const std::string &line)
         !fwu_identity_parse(found.identity, identity))
         return false;
     found.lost = strcmp(lost, "yes") == 0;
-    if (fwu_ack_line(found) != line)
+    if (line_of(found) != line)
         return false;
     ack = found;
     return true;
@@ -134,7 +135,7 @@ int fwu_ack_create(const std::string &directory, fwu_ack &ack, mode_t mode)
     const std::string path = path_of(directory);
     const std::string temporary = directory + "/new-acknowledged";
     ack.number++;
-    const std::string line = fwu_ack_line(ack);
+    const std::string line = line_of(ack);
     const std::string text = FIRST_LINE + line + line;
     const int fd = fwu_file_open(temporary, O_RDWR | O_TRUNC, mode);
     const bool written = fd >= 0 && fwu_write_all(fd, text.data(), text.size(), 0) == 0 &&
@@ -154,7 +155,7 @@ int fwu_ack_write(const std::string &directory, fwu_ack &ack)
     const std::string path = path_of(directory);
     fwu_ack next = ack;
     next.number++;
-    const std::string line = fwu_ack_line(next);
+    const std::string line = line_of(next);
     const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
     const auto at = static_cast<int64_t>(FIRST_SIZE + next.number % LINES * LINE_SIZE);
     const bool written =

@@ -40,7 +40,4 @@ int fwu_ack_missing(const std::string &directory, const fwu_ack &ack, const fwu_
 // Reports that it belongs to another log than the files there.  -1.
 int fwu_ack_foreign(const std::string &directory, const fwu_ack &ack, const fwu_identity &there);
 
-// The line that the file gets.
-std::string fwu_ack_line(const fwu_ack &ack);
-
 #endif

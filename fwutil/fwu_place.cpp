@@ -9,7 +9,8 @@
 
 #include <sys/stat.h>
 
-std::string fwu_place_origin(const fwu_place &place)
+// "committed 2026-11-21 03:33:52.123456 UTC at source position 0/1BC8080 in log 01..ef"
+static std::string origin_of(const fwu_place &place)
 {
     std::string time = "committed " + fwu_time_text(place.time_us);
     if (!place.full)
@@ -95,7 +96,7 @@ static int compare(const std::string &directory, const fwu_cursor &cursor, const
     if (there == place)
         return 0;
     return fwu_error("%s: the log has another record there: this one was %s, that one %s; %s",
-                     what.c_str(), fwu_place_origin(place).c_str(), fwu_place_origin(there).c_str(),
+                     what.c_str(), origin_of(place).c_str(), origin_of(there).c_str(),
                      remedy(directory, place).c_str());
 }
 

@@ -25,9 +25,6 @@ inline bool fwu_place_named(const fwu_place &place)
     return place.position.sequence != 0;
 }
 
-// "committed 2026-11-21 03:33:52.123456 UTC at source position 0/1BC8080 in log 01..ef"
-std::string fwu_place_origin(const fwu_place &place);
-
 // Whether the log in a directory has the record of this place: the file, its identity,
 // and the transaction that holds the position.  what begins the message.  0, or -1
 // after an error that says what differs and with which start position to go on.

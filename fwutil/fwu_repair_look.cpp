@@ -3,7 +3,6 @@
 #include "fwutil/fwu_repair_look.h"
 
 #include "fwutil/fwu_bytes.h"
-#include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_log.h"
 

@@ -2,7 +2,6 @@
 #include "fwutil/fwu_report.h"
 
 #include "fwutil/fwu_boot.h"
-#include "fwutil/fwu_error.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_place.h"
 #include "fwutil/fwu_start.h"

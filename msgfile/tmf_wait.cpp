@@ -5,7 +5,6 @@
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_net.h"
 #include "msgfile/tmf_users.h"
-#include "msgfile/tmu.h"
 
 #include <algorithm>
 

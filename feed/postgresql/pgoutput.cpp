@@ -50,7 +50,9 @@ static std::string_view text(input &in)
     return bytes;
 }
 
-int64_t pgo_time_us(int64_t since_2000)
+// Microseconds since 1970 of a time in microseconds since 2000, as the server
+// writes times.
+static int64_t time_us_of(int64_t since_2000)
 {
     return static_cast<int64_t>(static_cast<uint64_t>(since_2000) + EPOCH_2000_US);
 }
@@ -136,14 +138,14 @@ static bool take_body(input &in, pgo_message &message)
     switch (message.kind) {
     case 'B':
         message.lsn = number<uint64_t>(in);
-        message.time_us = pgo_time_us(number<int64_t>(in));
+        message.time_us = time_us_of(number<int64_t>(in));
         message.xid = number<uint32_t>(in);
         return true;
     case 'C':
         (void)number<char>(in); // flags, unused
         message.lsn = number<uint64_t>(in);
         message.end_lsn = number<uint64_t>(in);
-        message.time_us = pgo_time_us(number<int64_t>(in));
+        message.time_us = time_us_of(number<int64_t>(in));
         return true;
     case 'O':
         (void)number<uint64_t>(in); // the commit's position at the origin

@@ -59,8 +59,4 @@ struct pgo_message {
 // unknown kind.
 outcome pgo_decode(pgo_message &message, std::string_view bytes);
 
-// Microseconds since 1970 of a time in microseconds since 2000, as the server
-// writes times.
-int64_t pgo_time_us(int64_t since_2000);
-
 #endif

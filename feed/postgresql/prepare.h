@@ -7,7 +7,7 @@
 #include "feed/postgresql/server.h"
 #include "feed/postgresql/state.h"
 #include "fwutil/fwu_config.h"
-#include "fwutil/fwu_writer.h"
+#include "fwutil/fwu_entry.h"
 
 #include <cstdint>
 #include <string>
