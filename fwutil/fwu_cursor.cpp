@@ -7,6 +7,7 @@
 #include "fwutil/fwu_cursor.h"
 
 #include "fwutil/fwu_bytes.h"
+#include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_time.h"
@@ -15,7 +16,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -337,9 +337,7 @@ static fwu_found nothing_more(fwu_cursor &c, const fwu_stamp &before)
 {
     drop_window(c, c.scan_at);
     c.size = before.size;
-    timespec now = {};
-    if (clock_gettime(CLOCK_REALTIME, &now) == 0 &&
-        now.tv_sec * FWU_NS_PER_S + now.tv_nsec - before.mtime_ns > FWU_NS_PER_S)
+    if (fwu_now_us() * (FWU_NS_PER_S / FWU_US_PER_S) - before.mtime_ns > FWU_NS_PER_S)
         c.settled = before;
     return FWU_END;
 }
