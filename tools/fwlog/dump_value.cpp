@@ -195,3 +195,12 @@ bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian,
     }
     return true;
 }
+
+bool dump_time(std::string &out, int64_t second, int32_t micros, size_t length)
+{
+    char text[FWU_TIME_SIZE];
+    if (!fwu_time_put(text, second, micros) || std::string_view(text, 4) == "0000")
+        return false;
+    out.append(text, length);
+    return true;
+}

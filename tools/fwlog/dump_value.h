@@ -1,10 +1,12 @@
-// Items of record images as text.
+// Items of record images, and the times of a log, as text.
 #ifndef TOOLS_FWLOG_DUMP_VALUE_H
 #define TOOLS_FWLOG_DUMP_VALUE_H
 
 #include "fwutil/fwu_items.h"
+#include "fwutil/fwu_time.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -24,5 +26,9 @@ void dump_text(std::string &out, std::string_view text);
 
 // The same without the quotes around it, for a name; its quotes stay as they are.
 void dump_name(std::string &out, std::string_view name);
+
+// Appends "2026-11-21 03:33:52.123456", in UTC, or so many characters of it.  False, and
+// nothing appended, for a time outside the years 1 to 9999.
+bool dump_time(std::string &out, int64_t second, int32_t micros, size_t length = FWU_TIME_SIZE);
 
 #endif

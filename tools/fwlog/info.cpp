@@ -1,5 +1,4 @@
 // fwlog info: files, positions, times and counts of a log.
-#include "feed/stamp.h"
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_reader_config.h"
 #include "fwutil/fwu_start.h"
@@ -36,8 +35,8 @@ struct log_totals {
 static std::string time_text(int64_t us)
 {
     std::string text;
-    return feed_stamp_format(text, feed_stamp_of(us), 6) ? text + " UTC"
-                                                         : std::to_string(us) + " us";
+    return dump_time(text, fwu_second_of(us), fwu_micros_of(us)) ? text + " UTC"
+                                                                 : std::to_string(us) + " us";
 }
 
 static void add(log_totals &totals, const survey_file &facts)

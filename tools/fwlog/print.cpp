@@ -3,15 +3,19 @@
 // printed as bytes, never left out.
 #include "tools/fwlog/print.h"
 
-#include "feed/stamp.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwutil.h"
 #include "tools/fwlog/dump_value.h"
 
-static std::string time_text(const feed_stamp &stamp, int decimals)
+static std::string time_text(int64_t second, int32_t micros, size_t length)
 {
     std::string text;
-    return feed_stamp_format(text, stamp, decimals) ? text : std::to_string(stamp.seconds) + " s";
+    return dump_time(text, second, micros, length) ? text : std::to_string(second) + " s";
+}
+
+static std::string time_text(int64_t time_us)
+{
+    return time_text(fwu_second_of(time_us), fwu_micros_of(time_us), FWU_TIME_SIZE);
 }
 
 static void put_dataset(std::string &out, std::string_view database, std::string_view dataset)
@@ -95,7 +99,7 @@ static bool put_change(fwlog_printer &printer, const fwu_entry &entry)
                                                               : "delete ";
     printer.out += kind;
     put_dataset(printer.out, change.dbname, change.dsetname);
-    printer.out += " " + time_text({.seconds = change.logtime}, 0) + " record " +
+    printer.out += " " + time_text(change.logtime, 0, FWU_TIME_MICROS_AT - 1) + " record " +
                    std::to_string(change.recnum) + ", " + std::to_string(change.reclen) +
                    " bytes\n";
     put_image(printer, "    before", change, change.before);
@@ -108,7 +112,7 @@ static bool put_commit(fwlog_printer &printer, const fwu_entry &entry)
     fwu_commit_entry commit;
     if (!fwu_entry_commit(entry, commit))
         return false;
-    printer.out += "commit " + time_text(feed_stamp_of(commit.commit.time_us), 6) + " xid " +
+    printer.out += "commit " + time_text(commit.commit.time_us) + " xid " +
                    std::to_string(commit.commit.xid) + " lsn " + fwu_lsn_text(commit.commit.lsn) +
                    ", " + std::to_string(commit.entries) + " entries\n";
     return true;
@@ -151,7 +155,7 @@ void fwlog_print_item(fwlog_printer &printer, const fwu_walk_item &item)
         printer.big_endian = item.header.big_endian;
         printer.out += number + " file " + file.name + ", " +
                        (item.header.big_endian ? "big-endian" : "little-endian") + ", created " +
-                       time_text(feed_stamp_of(item.header.created_us), 6) + "\n";
+                       time_text(item.header.created_us) + "\n";
         break;
     case FWU_WALK_ENTRY:
         printer.out += number + "." + std::to_string(item.entry.tag) + at;

@@ -79,3 +79,18 @@ TEST(DumpValue, LayoutOfAnotherLengthIsNotUsed)
     EXPECT_EQ(dumped(item_of("A", 'X', 5), "abcdef"), "not covered");
     EXPECT_EQ(dumped(item_of("A", 'X', -1, -4), "abcd"), "not covered");
 }
+
+TEST(DumpValue, TimesHaveTheYears1To9999)
+{
+    const auto timed = [](int64_t second, int32_t micros, size_t length) {
+        std::string out = "at ";
+        return dump_time(out, second, micros, length) ? out : out + "none";
+    };
+    EXPECT_EQ(timed(1795314832, 123456, FWU_TIME_SIZE), "at 2026-11-22 02:33:52.123456");
+    EXPECT_EQ(timed(1795314832, 0, FWU_TIME_MICROS_AT - 1), "at 2026-11-22 02:33:52");
+    EXPECT_EQ(timed(-62135596800, 0, FWU_TIME_SIZE), "at 0001-01-01 00:00:00.000000");
+    EXPECT_EQ(timed(-62135596801, 999999, FWU_TIME_SIZE), "at none"); // of the year 0
+    EXPECT_EQ(timed(253402300799, 999999, FWU_TIME_SIZE), "at 9999-12-31 23:59:59.999999");
+    EXPECT_EQ(timed(253402300800, 0, FWU_TIME_SIZE), "at none");
+    EXPECT_EQ(timed(INT64_MIN, 0, FWU_TIME_SIZE), "at none");
+}
