@@ -78,8 +78,7 @@ static constexpr type_row types[] = {
     {3802, "jsonb"},
 };
 
-// Name of a built-in type ("timestamp with time zone", "smallint[]"), or null.
-static const char *type_name(uint32_t type)
+const char *pgc_type_name(uint32_t type)
 {
     for (const type_row &row : types)
         if (row.oid == type)
@@ -229,7 +228,7 @@ static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const st
     if (said != nullptr && said->width != 0) {
         make(item, 'X', said->width);
     } else if (!make_item(item, column) || item.size > FWU_TEXT_SIZE_MAX) {
-        const char *type = type_name(column.type);
+        const char *type = pgc_type_name(column.type);
         return outcome_bad(
             where + ": values of type " +
             (type != nullptr ? std::string(type) : "number " + std::to_string(column.type)) +

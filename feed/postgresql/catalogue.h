@@ -10,6 +10,9 @@
 #include <cstdint>
 #include <string>
 
+// Name of a built-in type ("timestamp with time zone", "smallint[]"), or null.
+const char *pgc_type_name(uint32_t type);
+
 // What values of a built-in type mean; those of other types are plain.
 feed_type pgc_type(uint32_t type);
 
