@@ -58,6 +58,8 @@ enum fwu_kind : uint16_t {
     FWU_KIND_UPDATE = 4,
     FWU_KIND_DELETE = 5,
     FWU_KIND_COMMIT = 6,
+    FWU_KIND_SOURCE = 7, // these two are optional
+    FWU_KIND_MARK = 8,
 };
 
 struct fwu_file_header {
@@ -92,10 +94,32 @@ struct fwu_change {
     const unsigned char *after = nullptr;  // null for a delete
 };
 
+// The source of the layout that the file has for a dataset.
+struct fwu_layout_source {
+    std::string dbname;
+    std::string dsetname;
+    fwu_source source; // indices of items are those of the layout, which the caller compares
+};
+
 // A session; the texts point into the entry and end with a NUL.
 struct fwu_session_view {
     const char *entry[FWU_SESSION_ENTRIES] = {}; // as FWU_SESSION_KEYS; null when absent
     std::vector<const char *> data;
+};
+
+// Something that happened to a dataset, or to all of them, and is no change of a record.
+enum fwu_mark_kind : char {
+    FWU_MARK_TRUNCATE = 't', // the table was emptied
+    FWU_MARK_GAP = 'g',      // changes are missing from here on
+};
+
+struct fwu_mark {
+    fwu_mark_kind kind = FWU_MARK_GAP;
+    std::string dbname; // empty, like dsetname: the table has no dataset, or all are meant
+    std::string dsetname;
+    std::string schema; // of the source, in UTF-8; empty, like table: not known, or all
+    std::string table;
+    std::string reason; // for people, in UTF-8; may be empty
 };
 
 // What a commit entry says of its transaction.
@@ -172,6 +196,8 @@ inline int32_t fwu_entry_recnum(const fwu_entry &entry)
 
 // Decode a payload; false when the entry is of another kind or malformed.
 bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout);
+bool fwu_entry_source(const fwu_entry &entry, fwu_layout_source &of);
+bool fwu_entry_mark(const fwu_entry &entry, fwu_mark &mark);
 bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session);
 bool fwu_entry_change(const fwu_entry &entry, fwu_change &change);
 bool fwu_entry_commit(const fwu_entry &entry, fwu_commit_entry &commit);
@@ -179,6 +205,9 @@ bool fwu_entry_commit(const fwu_entry &entry, fwu_commit_entry &commit);
 // Append a whole padded entry to a buffer.  The caller has checked names, texts
 // (no NUL inside) and lengths.
 void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout);
+// The source of a layout, which must be there.
+void fwu_entry_put_source(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout);
+void fwu_entry_put_mark(std::vector<unsigned char> &out, int32_t tag, const fwu_mark &mark);
 void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag,
                            const fwu_session &session);
 void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fwu_change &change);
@@ -191,5 +220,7 @@ void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
 uint64_t fwu_entry_session_length(const fwu_session &session);
 uint64_t fwu_entry_change_length(const fwu_change &change);
 uint64_t fwu_entry_layout_length(const fwu_layout &layout);
+uint64_t fwu_entry_source_length(const fwu_layout &layout);
+uint64_t fwu_entry_mark_length(const fwu_mark &mark);
 
 #endif

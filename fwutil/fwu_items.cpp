@@ -13,6 +13,19 @@ static constexpr fwu_item_type TYPES[] = {
     {'U', 1, FWU_TEXT_SIZE_MAX, false, "1 to 32767"},
 };
 
+// Layouts of one dataset mostly share their source.
+static bool same_source(const fwu_layout &one, const fwu_layout &other)
+{
+    return one.source == other.source ||
+           (one.source != nullptr && other.source != nullptr && *one.source == *other.source);
+}
+
+bool fwu_layout::operator==(const fwu_layout &other) const
+{
+    return dbname == other.dbname && dsetname == other.dsetname && items == other.items &&
+           same_source(*this, other);
+}
+
 const fwu_item_type *fwu_item_type_of(int32_t letter)
 {
     for (const fwu_item_type &row : TYPES)

@@ -1,9 +1,10 @@
-// Item layout of a dataset, as a log's layout entries carry it, and what names, types,
-// sizes and the item that tells of nulls may be.
+// Item layout of a dataset, as a log's layout entries carry it, where its items come from,
+// and what names, types, sizes and the item that tells of nulls may be.
 #ifndef FWUTIL_FWU_ITEMS_H
 #define FWUTIL_FWU_ITEMS_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,11 +23,30 @@ struct fwu_item {
     bool operator==(const fwu_item &) const = default;
 };
 
+// A column of the source's table, in UTF-8 as the source writes it.
+struct fwu_source_column {
+    std::string name;  // "order_no"
+    std::string type;  // "numeric(9,2)"; empty: not known
+    int32_t item = -1; // index of the item that it feeds; -1: it is left out of the log
+    int32_t key = 0;   // its place in the primary key, from 1; 0: it is no part of it
+    bool operator==(const fwu_source_column &) const = default;
+};
+
+// Where a dataset's records come from.
+struct fwu_source {
+    std::string schema;                     // "sales"; may be empty
+    std::string table;                      // "orders"
+    std::vector<fwu_source_column> columns; // in the order of the table
+    int32_t null_map = -1; // index of the item that tells which of the others are null; -1: none
+    bool operator==(const fwu_source &) const = default;
+};
+
 struct fwu_layout {
     std::string dbname;
     std::string dsetname;
     std::vector<fwu_item> items;
-    bool operator==(const fwu_layout &) const = default;
+    std::shared_ptr<const fwu_source> source = {}; // null: not known
+    bool operator==(const fwu_layout &other) const;
 };
 
 // What an item type allows.

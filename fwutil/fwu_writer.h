@@ -41,9 +41,12 @@ int fwu_writer_session(fwu_writer *writer, const fwu_session &session);
 int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layout, int64_t logtime,
                       int32_t reclen, const void *before_image, const void *after_image);
 
+// Adds a mark to the transaction.
+int fwu_writer_mark(fwu_writer *writer, const fwu_mark &mark);
+
 // Appends the transaction to the log, in a new log file when the present one
 // has reached its size.  After a failure the log ends with the transaction
-// before it.  A transaction without records appends nothing.
+// before it.  A transaction without records and marks appends nothing.
 int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit);
 
 // Forgets the transaction begun last.
