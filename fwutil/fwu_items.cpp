@@ -1,6 +1,8 @@
 // Item types in a table, and what follows from a layout's items.
 #include "fwutil/fwu_items.h"
 
+#include <algorithm>
+
 static constexpr fwu_item_type TYPES[] = {
     {'E', 4, 8, true, "4 or 8"},
     {'R', 4, 8, true, "4 or 8"},
@@ -44,6 +46,35 @@ bool fwu_null_map_ok(const std::vector<fwu_item> &items, size_t index)
 {
     return index < items.size() && items[index].type == 'X' && items[index].count == 1 &&
            static_cast<size_t>(items[index].size) == items.size() - 1;
+}
+
+bool fwu_source_fits(const fwu_source &source, size_t items)
+{
+    std::vector<bool> fed(items);
+    std::vector<bool> places(source.columns.size());
+    size_t in_key = 0;
+    size_t last = 0; // place in the key
+    if (source.null_map >= 0) {
+        if (static_cast<size_t>(source.null_map) >= items)
+            return false;
+        fed[static_cast<size_t>(source.null_map)] = true;
+    }
+    for (const fwu_source_column &column : source.columns) {
+        const auto item = static_cast<size_t>(column.item);
+        const auto place = static_cast<size_t>(column.key);
+        if (column.item >= 0 && (item >= items || fed[item]))
+            return false;
+        if (column.item >= 0)
+            fed[item] = true;
+        if (column.key < 0 || place > places.size() || (place > 0 && places[place - 1]))
+            return false;
+        if (place == 0)
+            continue;
+        places[place - 1] = true;
+        in_key++;
+        last = std::max(last, place);
+    }
+    return in_key == last;
 }
 
 int64_t fwu_layout_image_length(const fwu_layout &layout)

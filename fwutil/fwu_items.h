@@ -3,6 +3,7 @@
 #ifndef FWUTIL_FWU_ITEMS_H
 #define FWUTIL_FWU_ITEMS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -71,6 +72,11 @@ constexpr int32_t fwu_item_digits(int32_t type, int32_t size)
 // Whether the item at an index can tell which of the others are null: type X, one
 // element, a byte for each of them in their order.
 bool fwu_null_map_ok(const std::vector<fwu_item> &items, size_t index);
+
+// Whether a layout with this many items can come from the source: its columns feed items that
+// there are, no two of them the same one, their places in the key are 1, 2, 3, ... without a gap,
+// and the null map is an item that no column feeds.
+bool fwu_source_fits(const fwu_source &source, size_t items);
 
 // Length in bytes of a record image: the elements of all items, one behind the
 // other.  A sum above the most that any image can have is cut to that, so that no

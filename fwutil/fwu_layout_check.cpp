@@ -1,6 +1,10 @@
 // Entries against the layouts before them.
 #include "fwutil/fwu_layout_check.h"
 
+const char FWU_MALFORMED[] = "the entry's content is malformed";
+const char FWU_NO_LAYOUT[] = "no layout of the record's dataset stands before it in the file";
+const char FWU_OTHER_LENGTH[] = "the record has another length than its dataset's layout";
+
 static void make_key(std::string &key, const char *dbname, const char *dsetname)
 {
     key = dbname;
@@ -16,10 +20,8 @@ static const char *check_change(fwu_layout_check &check, const fwu_entry &entry)
     make_key(check.key, change.dbname, change.dsetname);
     const auto known = check.lengths.find(check.key);
     if (known == check.lengths.end())
-        return "no layout of the record's dataset stands before it in the file";
-    return known->second != change.reclen
-               ? "the record has another length than its dataset's layout"
-               : nullptr;
+        return FWU_NO_LAYOUT;
+    return known->second != change.reclen ? FWU_OTHER_LENGTH : nullptr;
 }
 
 static const char *check_layout(fwu_layout_check &check, const fwu_entry &entry)

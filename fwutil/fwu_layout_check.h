@@ -15,6 +15,11 @@ struct fwu_layout_check {
     std::string key;                                  // scratch
 };
 
+// What is wrong where entries do not fit together.
+extern const char FWU_MALFORMED[]; // an entry's content is not what its kind says
+extern const char FWU_NO_LAYOUT[];
+extern const char FWU_OTHER_LENGTH[];
+
 // Takes the next entry of a file; null, or what is wrong with it: it is malformed, or a
 // record has no layout before it, or another length than that says.
 const char *fwu_layout_check_entry(fwu_layout_check &check, const fwu_entry &entry);

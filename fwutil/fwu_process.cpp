@@ -10,6 +10,7 @@
 #include "fwutil/fwu_current.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_hook.h"
+#include "fwutil/fwu_layout_check.h"
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_map.h"
 #include "fwutil/fwu_place.h"
@@ -54,7 +55,7 @@ static int malformed(const run &r, const fwu_entry &entry)
     const fwu_cursor &cursor = r.log.cursor;
     return fwu_log_damage(
         cursor.file, {.at = cursor.read_at - static_cast<int64_t>(fwu_entry_padded(entry.length)),
-                      .reason = "the entry's content is malformed"});
+                      .reason = FWU_MALFORMED});
 }
 
 // Else the position could name what the log loses.

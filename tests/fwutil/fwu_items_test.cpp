@@ -84,3 +84,46 @@ TEST(Session, KeysNameTheFiveEntriesAndNothingElse)
     for (const char *key : {"", "PNAME", "pi", "users"})
         EXPECT_EQ(fwu_session_entry(session, key), nullptr) << key;
 }
+
+struct source_row {
+    const char *what;
+    std::vector<fwu_source_column> columns;
+    int32_t null_map;
+    bool fits; // a layout of three items
+};
+
+TEST(Items, ASourceFeedsItemsThatThereAreAndEachOnce)
+{
+    const source_row rows[] = {
+        {"no columns", {}, -1, true},
+        {"all items", {{"a", "", 0, 0}, {"b", "", 1, 0}, {"c", "", 2, 0}}, -1, true},
+        {"in another order, one left out", {{"a", "", 2, 0}, {"b", "", -1, 0}}, 1, true},
+        {"an item behind the last", {{"a", "", 3, 0}}, -1, false},
+        {"an item twice", {{"a", "", 1, 0}, {"b", "", 1, 0}}, -1, false},
+        {"the null map behind the last", {}, 3, false},
+        {"the null map is fed", {{"a", "", 2, 0}}, 2, false},
+        {"a key in another order", {{"a", "", 0, 2}, {"b", "", 1, 1}}, 2, true},
+        {"a key of a column left out", {{"a", "", -1, 1}}, -1, true},
+        {"a place of the key twice", {{"a", "", 0, 1}, {"b", "", 1, 1}}, -1, false},
+        {"no first place", {{"a", "", 0, 2}, {"b", "", 1, 0}}, -1, false},
+        {"a place behind all columns", {{"a", "", 0, 1}, {"b", "", 1, 3}}, -1, false},
+        {"a place below 0", {{"a", "", 0, -1}}, -1, false},
+    };
+    for (const source_row &row : rows)
+        EXPECT_EQ(fwu_source_fits({"s", "t", row.columns, row.null_map}, 3), row.fits) << row.what;
+}
+
+TEST(Items, LayoutsDifferByWhatTheirSourcesSay)
+{
+    const auto layout = [](const char *table) {
+        fwu_layout made = {"DB", "SET", {{"A", 'I', 4, 1, 0}}};
+        if (table != nullptr)
+            made.source = std::make_shared<fwu_source>(fwu_source{"s", table, {}, -1});
+        return made;
+    };
+    EXPECT_EQ(layout(nullptr), layout(nullptr));
+    EXPECT_EQ(layout("t"), layout("t")) << "two objects that say the same";
+    EXPECT_FALSE(layout("t") == layout("u"));
+    EXPECT_FALSE(layout("t") == layout(nullptr));
+    EXPECT_FALSE(layout(nullptr) == layout("t"));
+}
