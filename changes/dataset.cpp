@@ -1,0 +1,85 @@
+// What changes ask of a layout again and again is worked out once.
+#include "changes/dataset.h"
+
+#include <algorithm>
+
+static int find_item(const fwu_layout &layout, const std::string &name)
+{
+    for (size_t i = 0; i < layout.items.size(); i++)
+        if (layout.items[i].name == name)
+            return static_cast<int>(i);
+    return CHANGE_NO_ITEM;
+}
+
+static const fwu_dataset *find_said(const fwu_layout &layout, const fwu_writing &said)
+{
+    for (const fwu_dataset &row : said.datasets)
+        if (row.layout.dbname == layout.dbname && row.layout.dsetname == layout.dsetname)
+            return &row;
+    return nullptr;
+}
+
+static int find_null_map(const fwu_layout &layout, const fwu_dataset *said)
+{
+    int found = CHANGE_NO_ITEM;
+    if (layout.source != nullptr)
+        found = layout.source->null_map;
+    else if (said != nullptr && !said->layout.items.empty())
+        found =
+            said->null_map < 0
+                ? CHANGE_NO_ITEM
+                : find_item(layout, said->layout.items[static_cast<size_t>(said->null_map)].name);
+    else
+        found = find_item(layout, "NULL-MAP");
+    return found >= 0 && fwu_null_map_ok(layout.items, static_cast<size_t>(found)) ? found
+                                                                                   : CHANGE_NO_ITEM;
+}
+
+static void complete_items(change_dataset &dataset)
+{
+    const std::vector<fwu_item> &items = dataset.layout.items;
+    dataset.image_length = 0;
+    for (const fwu_item &item : items) {
+        dataset.offsets.push_back(dataset.image_length);
+        dataset.image_length += static_cast<int64_t>(item.size) * item.count;
+    }
+    dataset.null_flag.assign(items.size(), CHANGE_NO_ITEM);
+    int flag = 0;
+    for (size_t i = 0; dataset.null_map != CHANGE_NO_ITEM && i < items.size(); i++)
+        if (static_cast<int>(i) != dataset.null_map)
+            dataset.null_flag[i] = flag++;
+}
+
+static void complete_source(change_dataset &dataset)
+{
+    const fwu_layout &layout = dataset.layout;
+    dataset.column.assign(layout.items.size(), CHANGE_NO_ITEM);
+    if (layout.source == nullptr)
+        return;
+    const fwu_source &source = *layout.source;
+    dataset.table = source.schema.empty() ? source.table : source.schema + "." + source.table;
+    std::vector<std::pair<int32_t, int>> key;
+    for (size_t i = 0; i < source.columns.size(); i++) {
+        const fwu_source_column &column = source.columns[i];
+        if (column.item < 0)
+            continue;
+        dataset.column[static_cast<size_t>(column.item)] = static_cast<int>(i);
+        if (column.key > 0)
+            key.emplace_back(column.key, column.item);
+    }
+    std::sort(key.begin(), key.end());
+    const auto in_key = [](const fwu_source_column &column) { return column.key > 0; };
+    // A key of which a part is left out of the log tells no record from another.
+    if (key.size() !=
+        static_cast<size_t>(std::count_if(source.columns.begin(), source.columns.end(), in_key)))
+        return;
+    for (const auto &[place, item] : key)
+        dataset.key.push_back(item);
+}
+
+void change_dataset_complete(change_dataset &dataset, const fwu_writing &said)
+{
+    dataset.null_map = find_null_map(dataset.layout, find_said(dataset.layout, said));
+    complete_items(dataset);
+    complete_source(dataset);
+}
