@@ -144,7 +144,7 @@ static int take_column(fwu_writing_lines &r, const fwu_words &w)
         !table_ok(w[1].substr(0, dot)))
         return fwu_config_wrong(
             r.at, "column takes one name of the form schema.table.column, then item=NAME, "
-                  "width=N or both");
+                  "width=N, key or several of them");
     fwu_column column;
     column.table = w[1].substr(0, dot);
     column.column = w[1].substr(dot + 1);
@@ -161,11 +161,13 @@ static int take_column(fwu_writing_lines &r, const fwu_words &w)
             if (column.width < 1)
                 return fwu_config_wrong(r.at, "%s is not a width from 1 to %" PRId32 " bytes",
                                         word.c_str(), FWU_TEXT_SIZE_MAX);
+        } else if (word == "key" && !column.key) {
+            column.key = true;
         } else {
             return fwu_config_wrong(
                 r.at,
                 "%s is not known or given twice; behind the column's name stand "
-                "item=NAME and width=N",
+                "item=NAME, width=N and key",
                 word.c_str());
         }
     }
@@ -226,8 +228,10 @@ static int take_dataset(fwu_writing_lines &r, const fwu_words &w)
 static int take_item_options(fwu_writing_lines &r, const fwu_words &w, fwu_item &item,
                              fwu_dataset &dataset)
 {
+    const auto index = static_cast<int>(dataset.layout.items.size());
     bool have_count = false;
     bool have_scale = false;
+    bool is_key = false;
     for (size_t i = 4; i < w.size(); i++) {
         const std::string &word = w[i];
         if (word == "null-map") {
@@ -236,7 +240,10 @@ static int take_item_options(fwu_writing_lines &r, const fwu_words &w, fwu_item 
                                         dataset.layout.dsetname.c_str());
             if (item.type != 'X')
                 return fwu_config_wrong(r.at, "the null-map item must have type X");
-            dataset.null_map = static_cast<int>(dataset.layout.items.size());
+            dataset.null_map = index;
+        } else if (word == "key" && !is_key) {
+            is_key = true;
+            dataset.key.push_back(index);
         } else if (word[0] == 'x' && !have_count) {
             have_count = true;
             item.count =
@@ -257,10 +264,12 @@ static int take_item_options(fwu_writing_lines &r, const fwu_words &w, fwu_item 
             return fwu_config_wrong(
                 r.at,
                 "%s is not known or given twice; behind name, type and size stand "
-                "xCOUNT, scale=N and null-map",
+                "xCOUNT, scale=N, key and null-map",
                 word.c_str());
         }
     }
+    if (is_key && dataset.null_map == index)
+        return fwu_config_wrong(r.at, "the null-map item cannot be part of the key");
     return 0;
 }
 

@@ -24,17 +24,20 @@ enum fwu_sync_mode {
 // One dataset of the configuration.
 struct fwu_dataset {
     fwu_layout layout;
-    std::string table; // "schema.table" that feeds it; empty: found by its name
-    int line = 0;      // line in the configuration file, for messages
-    int null_map = -1; // index of the item that tells which items are null; -1: none
+    std::string table;    // "schema.table" that feeds it; empty: found by its name
+    int line = 0;         // line in the configuration file, for messages
+    int null_map = -1;    // index of the item that tells which items are null; -1: none
+    std::vector<int> key; // indices of the items of the primary key, in its order; empty: not said
 };
 
-// What is said of one column of a table whose items come from its source.
+// What is said of one column of a table: of its item where items come from the source, and
+// whether it is part of the key.
 struct fwu_column {
     std::string table;  // "schema.table"
     std::string column; // as the source names it
     std::string item;   // name of its item; empty: made from the column's
     int32_t width = 0;  // bytes of its item, which is text; 0: by the column's type
+    bool key = false;   // it is part of the primary key, whose order is that of the lines
 };
 
 struct fwu_writing {

@@ -188,7 +188,10 @@ TEST(ForwardLogPage, ExampleOfAConfigurationIsRead)
     EXPECT_EQ(config.log_directory, dir.file("log"));
     ASSERT_EQ(config.datasets.size(), 2U);
     EXPECT_EQ(config.datasets[1].layout.items.size(), 4U);
-    EXPECT_EQ(config.columns.size(), 1U);
+    ASSERT_EQ(config.columns.size(), 2U);
+    EXPECT_TRUE(config.columns[1].key);
+    ASSERT_FALSE(config.datasets.empty());
+    EXPECT_EQ(config.datasets.back().key, std::vector<int>{0});
     EXPECT_EQ(config.skip_tables.size(), 1U);
     for (const char *statement :
          {"log-file-size", "byte-order", "log-mode", "sync", "database", "item"})

@@ -129,6 +129,36 @@ TEST_F(ConfigTest, ColumnsOfTablesGetNamesAndWidths)
     }
 }
 
+TEST_F(ConfigTest, KeysAreInTheOrderOfTheirLines)
+{
+    ASSERT_EQ(read("log-directory l\n"
+                   "column a.b.second key\n"
+                   "column a.b.other width=3\n"
+                   "column a.b.first item=FIRST key width=9\n"
+                   "database D\n"
+                   "dataset NONE\n"
+                   "item A I 4\n"
+                   "dataset SOME\n"
+                   "item A I 4\n"
+                   "item B P 5 key scale=2\n"
+                   "item C X 3 x2 key\n"
+                   "item D X 3 null-map\n"),
+              0)
+        << err;
+    ASSERT_EQ(config.columns.size(), 3U);
+    EXPECT_TRUE(config.columns[0].key);
+    EXPECT_EQ(config.columns[0].width, 0);
+    EXPECT_FALSE(config.columns[1].key);
+    EXPECT_TRUE(config.columns[2].key);
+    EXPECT_EQ(config.columns[2].item, "FIRST");
+    EXPECT_EQ(config.columns[2].width, 9);
+    ASSERT_EQ(config.datasets.size(), 2U);
+    EXPECT_THAT(config.datasets[0].key, testing::IsEmpty());
+    EXPECT_THAT(config.datasets[1].key, testing::ElementsAre(1, 2));
+    EXPECT_EQ(config.datasets[1].layout.items[1].item_aux, 2);
+    EXPECT_EQ(config.datasets[1].layout.items[2].count, 2);
+}
+
 #define LOGDIR "log-directory l\n"
 #define SET LOGDIR "database D\ndataset S\n"
 
@@ -167,17 +197,19 @@ static const config_row ERRORS[] = {
     {LOGDIR "skip-table a.b\nskip-table a.b\n", "3: table a.b is skipped twice"},
     {LOGDIR "skip-table a.b\ndatabase D\ndataset S table=a.b\n", "4: table a.b is also named by a skip-table line"},
     {LOGDIR "database D\ndataset S table=a.b\nskip-table a.b\n", "4: table a.b is skipped here, but feeds the dataset of line 3"},
-    {LOGDIR "column\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
-    {LOGDIR "column a.b.c\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
-    {LOGDIR "column b.c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
-    {LOGDIR "column a.b. width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
-    {LOGDIR "column a..c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N or both"},
+    {LOGDIR "column\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
+    {LOGDIR "column a.b.c\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
+    {LOGDIR "column b.c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
+    {LOGDIR "column a.b. width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
+    {LOGDIR "column a..c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
     {LOGDIR "column a.b.c item=\n", "2: item=: an item name has 1 to 17 bytes"},
     {LOGDIR "column a.b.c item=EIGHTEEN-BYTES-XYZ\n", "2: item=EIGHTEEN-BYTES-XYZ: an item name has 1 to 17 bytes"},
     {LOGDIR "column a.b.c width=0\n", "2: width=0 is not a width from 1 to 32767 bytes"},
     {LOGDIR "column a.b.c width=32768\n", "2: width=32768 is not a width from 1 to 32767 bytes"},
-    {LOGDIR "column a.b.c width=3 width=4\n", "2: width=4 is not known or given twice; behind the column's name stand item=NAME and width=N"},
-    {LOGDIR "column a.b.c wide\n", "2: wide is not known or given twice; behind the column's name stand item=NAME and width=N"},
+    {LOGDIR "column a.b.c width=3 width=4\n", "2: width=4 is not known or given twice; behind the column's name stand item=NAME, width=N and key"},
+    {LOGDIR "column a.b.c key key\n", "2: key is not known or given twice; behind the column's name stand item=NAME, width=N and key"},
+    {LOGDIR "column a.b.c key\ncolumn a.b.c key\n", "3: column a.b.c is given twice"},
+    {LOGDIR "column a.b.c wide\n", "2: wide is not known or given twice; behind the column's name stand item=NAME, width=N and key"},
     {LOGDIR "column a.b.c width=3\ncolumn a.b.c item=C\n", "3: column a.b.c is given twice"},
     {LOGDIR "database\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
     {LOGDIR "database 1D\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
@@ -211,12 +243,15 @@ static const config_row ERRORS[] = {
     {SET "item A I 4 x0\n", "4: x0 is not a count from x1 to x32767"},
     {SET "item A I 4 x32768\n", "4: x32768 is not a count from x1 to x32767"},
     {SET "item A I 4 x\n", "4: x is not a count from x1 to x32767"},
-    {SET "item A I 4 x2 x2\n", "4: x2 is not known or given twice; behind name, type and size stand xCOUNT, scale=N and null-map"},
+    {SET "item A I 4 x2 x2\n", "4: x2 is not known or given twice; behind name, type and size stand xCOUNT, scale=N, key and null-map"},
     {SET "item A I 4 scale=1\n", "4: scale is for items of type P and Z only"},
     {SET "item A P 5 scale=10\n", "4: scale=10 is not a scale from 0 to the item's 9 digits"},
     {SET "item A Z 5 scale=6\n", "4: scale=6 is not a scale from 0 to the item's 5 digits"},
     {SET "item A Z 5 scale=\n", "4: scale= is not a scale from 0 to the item's 5 digits"},
-    {SET "item A Z 5 key\n", "4: key is not known or given twice; behind name, type and size stand xCOUNT, scale=N and null-map"},
+    {SET "item A Z 5 keys\n", "4: keys is not known or given twice; behind name, type and size stand xCOUNT, scale=N, key and null-map"},
+    {SET "item A Z 5 key key\n", "4: key is not known or given twice; behind name, type and size stand xCOUNT, scale=N, key and null-map"},
+    {SET "item A I 4\nitem N X 1 null-map key\n", "5: the null-map item cannot be part of the key"},
+    {SET "item A I 4\nitem N X 1 key null-map\n", "5: the null-map item cannot be part of the key"},
     {SET "item A X 32767 x512\nitem B X 513\n", "5: the record of dataset S is longer than 16777216 bytes"},
     {SET "item A I 4\nitem N U 1 null-map\n", "5: the null-map item must have type X"},
     {SET "item A X 1 null-map\nitem N X 1 null-map\n", "5: dataset S has two null-map items"},
