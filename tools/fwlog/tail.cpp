@@ -4,20 +4,11 @@
 // prints ends behind a whole transaction, however it is stopped, as long as somebody takes it.
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_reader_config.h"
-#include "fwutil/fwu_wait.h"
+#include "tools/fwlog/following.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/print.h"
-#include "util/stop_signal.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <poll.h>
-#include <unistd.h>
-
-constexpr int LOOK_AFTER_MS = 1000; // for file systems that do not tell of changes
-constexpr size_t WRITE_AFTER = 65536;
 
 struct tail_options {
     const char *cfg = nullptr;
@@ -97,52 +88,6 @@ static fwu_found find_start(tail_state &state)
     return opened == FWU_FOUND ? result : opened;
 }
 
-static outcome stopped()
-{
-    stop_signal_note(fwu_stop);
-    return OUTCOME_STOPPED;
-}
-
-// Writes the text.  A signal does not cut it short unless nobody takes it.
-static outcome write_out(std::string &text)
-{
-    sigset_t both;
-    sigset_t before;
-    sigemptyset(&both);
-    sigaddset(&both, SIGTERM);
-    sigaddset(&both, SIGINT);
-    (void)sigprocmask(SIG_BLOCK, &both, &before);
-    outcome result;
-    for (size_t at = 0; at < text.size() && result;) {
-        pollfd room = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-        const timespec at_once = {};
-        const int ready = ppoll(&room, 1, fwu_stop != 0 ? &at_once : nullptr, &before);
-        if (ready == 0)
-            result = stopped();
-        else if (ready < 0 && errno != EINTR)
-            result = cli_output_failed();
-        if (ready <= 0)
-            continue;
-        // A pipe that has room takes so much without waiting.
-        const size_t length = std::min<size_t>(text.size() - at, PIPE_BUF);
-        const ssize_t put = write(STDOUT_FILENO, text.data() + at, length);
-        if (put >= 0)
-            at += static_cast<size_t>(put);
-        else if (errno != EINTR && errno != EAGAIN)
-            result = cli_output_failed();
-    }
-    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
-    text.clear();
-    return result;
-}
-
-// Whether the reader of standard output, a pipe, is still there.
-static bool reader_gone()
-{
-    pollfd out = {.fd = STDOUT_FILENO, .events = 0, .revents = 0};
-    return poll(&out, 1, 0) > 0 && (out.revents & POLLERR) != 0;
-}
-
 // Layouts are learned from transactions that are passed over, too.
 static int pass_over(tail_state &state, const fwu_walk_item &item)
 {
@@ -177,13 +122,13 @@ static outcome take_transaction(tail_state &state)
             if (skipped)
                 return pass_over(state, entry);
             fwlog_print_item(state.printer, entry);
-            if (out.size() >= WRITE_AFTER)
-                written = write_out(out);
+            if (out.size() >= FWLOG_WRITE_AFTER)
+                written = fwlog_write_out(out);
             return written ? 0 : 1;
         },
         found);
     if (written)
-        written = write_out(out);
+        written = fwlog_write_out(out);
     if (!written)
         return written;
     if (found == FWU_DAMAGED)
@@ -192,18 +137,6 @@ static outcome take_transaction(tail_state &state)
         return OUTCOME_FAILED;
     (skipped ? state.skip : state.wanted)--;
     return {};
-}
-
-// Waits for more to read.
-static outcome wait_for_more(tail_state &state)
-{
-    const fwu_wake wake = fwu_watch_wait(state.watch, LOOK_AFTER_MS);
-    state.log.look = state.log.look || wake != FWU_WAKE_DATA;
-    if (wake != FWU_WAKE_TIMEOUT || !reader_gone())
-        return {};
-    (void)raise(SIGPIPE); // as the next write would; where that is ignored, an error
-    errno = EPIPE;
-    return cli_output_failed();
 }
 
 static outcome tail(tail_state &state)
@@ -218,7 +151,7 @@ static outcome tail(tail_state &state)
     outcome done;
     while (done) {
         if (fwu_stop != 0)
-            return stopped();
+            return fwlog_stopped();
         if (state.wanted == 0)
             break;
         const fwu_found found = fwu_log_next(state.log);
@@ -227,7 +160,7 @@ static outcome tail(tail_state &state)
         else if (found == FWU_FAILED)
             done = OUTCOME_FAILED;
         else if (options.follow)
-            done = wait_for_more(state);
+            done = fwlog_wait_for_more(state.log, state.watch);
         else
             break;
     }
