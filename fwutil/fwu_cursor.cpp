@@ -263,6 +263,7 @@ static bool take_recnums(fwu_cursor &c)
         if (c.verdict.gap)
             return false;
         c.first_recnum = c.scan_first_recnum;
+        c.first_recnum_at = c.tx_end;
     }
     c.last_recnum = c.scan_last_recnum;
     return true;

@@ -67,7 +67,8 @@ struct fwu_cursor {
     int32_t tx_last_tag = 0; // of its commit entry
     bool tx_in_window = false;
     fwu_commit_entry commit;
-    int32_t first_recnum = 0; // of the transactions found in the file; 0: no record yet
+    int32_t first_recnum = 0;    // of the transactions found in the file; 0: no record yet
+    int64_t first_recnum_at = 0; // where the transaction with it begins
     int32_t last_recnum = 0;
 
     // How far the transaction behind it has been scanned for its commit.

@@ -1,9 +1,10 @@
-// Encoding and decoding of file headers and entries.  Every length that comes
-// from a file is compared with the bytes at hand before anything is read by it.
+// Encoding and decoding of file headers and of the entries that every log has; sources
+// and marks are in fwu_entry_source.cpp.
 #include "fwutil/fwu_entry.h"
 
 #include "fwutil/fwu_bytes.h"
 #include "fwutil/fwu_crc32c.h"
+#include "fwutil/fwu_entry_payload.h"
 #include "fwutil/fwutil.h"
 
 #include <algorithm>
@@ -149,43 +150,23 @@ bool fwu_entry_is_commit(const unsigned char *in, const fwu_file_header &file, i
            get_le32(in + FWU_ENTRY_CRC_AT + 4) == payload_crc(in, COMMIT_PAYLOAD, file, offset);
 }
 
-// The text of length bytes and its NUL at the front of rest, which then begins
-// behind it; null when there is none.
-static const char *take_text(std::string_view &rest, size_t length)
-{
-    if (rest.size() <= length || rest.find('\0') != length)
-        return nullptr;
-    const char *text = rest.data();
-    rest.remove_prefix(length + 1);
-    return text;
-}
-
-static bool name_length_ok(size_t length)
-{
-    return length >= 1 && length <= FWU_NAME_MAX;
-}
-
-static std::string_view payload_of(const fwu_entry &entry)
-{
-    return {reinterpret_cast<const char *>(entry.payload), entry.payload_length};
-}
-
 bool fwu_entry_change(const fwu_entry &entry, fwu_change &change)
 {
-    std::string_view rest = payload_of(entry);
+    std::string_view rest = fwu_payload_of(entry);
     const unsigned char *p = entry.payload;
     if (rest.size() < CHANGE_FIXED || get_le16(p + 18) != 0)
         return false;
     change.logtime = static_cast<int64_t>(get_le64(p));
     change.recnum = static_cast<int32_t>(get_le32(p + 8));
     change.reclen = static_cast<int32_t>(get_le32(p + 12));
-    if (change.recnum < 1 || change.reclen < 0 || !name_length_ok(p[16]) || !name_length_ok(p[17]))
+    if (change.recnum < 1 || change.reclen < 0 || !fwu_payload_name_ok(p[16]) ||
+        !fwu_payload_name_ok(p[17]))
         return false;
     rest.remove_prefix(CHANGE_FIXED);
-    change.dbname = take_text(rest, p[16]);
+    change.dbname = fwu_payload_take_text(rest, p[16]);
     if (change.dbname == nullptr)
         return false;
-    change.dsetname = take_text(rest, p[17]);
+    change.dsetname = fwu_payload_take_text(rest, p[17]);
     if (change.dsetname == nullptr)
         return false;
 
@@ -216,20 +197,21 @@ bool fwu_entry_change(const fwu_entry &entry, fwu_change &change)
 
 bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout)
 {
-    std::string_view rest = payload_of(entry);
+    std::string_view rest = fwu_payload_of(entry);
     const unsigned char *p = entry.payload;
     if (entry.kind != FWU_KIND_LAYOUT || rest.size() < LAYOUT_FIXED || get_le16(p + 2) != 0 ||
-        !name_length_ok(p[0]) || !name_length_ok(p[1]))
+        !fwu_payload_name_ok(p[0]) || !fwu_payload_name_ok(p[1]))
         return false;
     uint32_t items = get_le32(p + 4);
     rest.remove_prefix(LAYOUT_FIXED);
-    const char *dbname = take_text(rest, p[0]);
-    const char *dsetname = dbname != nullptr ? take_text(rest, p[1]) : nullptr;
+    const char *dbname = fwu_payload_take_text(rest, p[0]);
+    const char *dsetname = dbname != nullptr ? fwu_payload_take_text(rest, p[1]) : nullptr;
     if (dsetname == nullptr)
         return false;
     layout.dbname = dbname;
     layout.dsetname = dsetname;
     layout.items.clear();
+    layout.source = nullptr; // an entry of its own tells of it
     for (; items > 0; items--) {
         if (rest.empty())
             return false;
@@ -255,7 +237,7 @@ bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout)
 
 bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session)
 {
-    std::string_view rest = payload_of(entry);
+    std::string_view rest = fwu_payload_of(entry);
     const unsigned char *p = entry.payload;
     if (entry.kind != FWU_KIND_SESSION || rest.size() < SESSION_FIXED ||
         p[0] >= 1 << FWU_SESSION_ENTRIES || !all_zero(p + 1, 3))
@@ -268,7 +250,7 @@ bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session)
             return nullptr;
         const uint32_t length = get_le32(reinterpret_cast<const unsigned char *>(rest.data()));
         rest.remove_prefix(4);
-        return take_text(rest, length);
+        return fwu_payload_take_text(rest, length);
     };
     for (unsigned i = 0; i < FWU_SESSION_ENTRIES; i++) {
         session.entry[i] = nullptr;
@@ -325,43 +307,28 @@ uint64_t fwu_entry_change_length(const fwu_change &change)
            2 + images * static_cast<uint64_t>(change.reclen);
 }
 
-// Makes room for a zero-filled entry; its payload is filled in behind the
-// header, then seal writes the header.
-static unsigned char *add_entry(std::vector<unsigned char> &out, uint64_t length)
-{
-    const size_t at = out.size();
-    out.resize(at + fwu_entry_padded(length));
-    return out.data() + at;
-}
-
-static void seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag,
-                 const fwu_file_header &file = {}, int64_t offset = 0)
+void fwu_payload_seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag,
+                      const fwu_file_header &file, int64_t offset)
 {
     put_le32(entry, static_cast<uint32_t>(length));
     put_le16(entry + 4, kind);
+    put_le16(entry + 6, fwu_kind_optional(kind) ? FWU_ENTRY_OPTIONAL : 0);
     put_le32(entry + 8, static_cast<uint32_t>(tag));
     put_le32(entry + FWU_ENTRY_CRC_AT, header_crc(entry, file, offset));
     put_le32(entry + FWU_ENTRY_CRC_AT + 4,
              payload_crc(entry, length - FWU_ENTRY_HEADER_SIZE, file, offset));
 }
 
-// The NUL behind each text is there already.
-static unsigned char *put_text(unsigned char *p, std::string_view text)
-{
-    memcpy(p, text.data(), text.size());
-    return p + text.size() + 1;
-}
-
 void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout)
 {
     const uint64_t length = fwu_entry_layout_length(layout);
-    unsigned char *entry = add_entry(out, length);
+    unsigned char *entry = fwu_payload_add(out, length);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     p[0] = static_cast<unsigned char>(layout.dbname.size());
     p[1] = static_cast<unsigned char>(layout.dsetname.size());
     put_le32(p + 4, static_cast<uint32_t>(layout.items.size()));
-    p = put_text(p + LAYOUT_FIXED, layout.dbname);
-    p = put_text(p, layout.dsetname);
+    p = fwu_payload_put_text(p + LAYOUT_FIXED, layout.dbname);
+    p = fwu_payload_put_text(p, layout.dsetname);
     for (const fwu_item &item : layout.items) {
         *p++ = static_cast<unsigned char>(item.name.size());
         p = std::copy(item.name.begin(), item.name.end(), p);
@@ -371,18 +338,18 @@ void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fw
         put_le32(p + 12, static_cast<uint32_t>(item.item_aux));
         p += ITEM_FIXED;
     }
-    seal(entry, length, FWU_KIND_LAYOUT, tag);
+    fwu_payload_seal(entry, length, FWU_KIND_LAYOUT, tag);
 }
 
 void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag, const fwu_session &session)
 {
     const uint64_t length = fwu_entry_session_length(session);
-    unsigned char *entry = add_entry(out, length);
+    unsigned char *entry = fwu_payload_add(out, length);
     unsigned char *payload = entry + FWU_ENTRY_HEADER_SIZE;
     unsigned char *p = payload + SESSION_FIXED;
     const auto put = [&p](const std::string &text) {
         put_le32(p, static_cast<uint32_t>(text.size()));
-        p = put_text(p + 4, text);
+        p = fwu_payload_put_text(p + 4, text);
     };
     for (unsigned i = 0; i < FWU_SESSION_ENTRIES; i++) {
         if (const std::optional<std::string> &text =
@@ -394,7 +361,7 @@ void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag, const f
     put_le32(payload + 4, static_cast<uint32_t>(session.data.size()));
     for (const std::string &text : session.data)
         put(text);
-    seal(entry, length, FWU_KIND_SESSION, tag);
+    fwu_payload_seal(entry, length, FWU_KIND_SESSION, tag);
 }
 
 void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fwu_change &change)
@@ -403,15 +370,15 @@ void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fw
     const std::string_view dsetname = change.dsetname;
     const auto image = static_cast<size_t>(change.reclen);
     const uint64_t length = fwu_entry_change_length(change);
-    unsigned char *entry = add_entry(out, length);
+    unsigned char *entry = fwu_payload_add(out, length);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     put_le64(p, static_cast<uint64_t>(change.logtime));
     put_le32(p + 8, static_cast<uint32_t>(change.recnum));
     put_le32(p + 12, static_cast<uint32_t>(change.reclen));
     p[16] = static_cast<unsigned char>(dbname.size());
     p[17] = static_cast<unsigned char>(dsetname.size());
-    p = put_text(p + CHANGE_FIXED, dbname);
-    p = put_text(p, dsetname);
+    p = fwu_payload_put_text(p + CHANGE_FIXED, dbname);
+    p = fwu_payload_put_text(p, dsetname);
     if (change.opcode != FWU_OP_INSERT && image > 0)
         memcpy(p, change.before, image);
     if (change.opcode != FWU_OP_INSERT)
@@ -421,19 +388,19 @@ void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fw
     const fwu_kind kind = change.opcode == FWU_OP_INSERT   ? FWU_KIND_INSERT
                           : change.opcode == FWU_OP_UPDATE ? FWU_KIND_UPDATE
                                                            : FWU_KIND_DELETE;
-    seal(entry, length, kind, tag);
+    fwu_payload_seal(entry, length, kind, tag);
 }
 
 void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
                           const fwu_commit_entry &commit, const fwu_file_header &file,
                           int64_t offset)
 {
-    unsigned char *entry = add_entry(out, FWU_COMMIT_SIZE);
+    unsigned char *entry = fwu_payload_add(out, FWU_COMMIT_SIZE);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     put_le64(p, static_cast<uint64_t>(commit.commit.time_us));
     put_le64(p + 8, commit.commit.xid);
     put_le64(p + 16, commit.commit.lsn);
     put_le32(p + 24, commit.entries);
     put_le32(p + 28, commit.chain);
-    seal(entry, FWU_COMMIT_SIZE, FWU_KIND_COMMIT, tag, file, offset);
+    fwu_payload_seal(entry, FWU_COMMIT_SIZE, FWU_KIND_COMMIT, tag, file, offset);
 }

@@ -115,11 +115,11 @@ enum fwu_mark_kind : char {
 
 struct fwu_mark {
     fwu_mark_kind kind = FWU_MARK_GAP;
-    std::string dbname; // empty, like dsetname: the table has no dataset, or all are meant
-    std::string dsetname;
-    std::string schema; // of the source, in UTF-8; empty, like table: not known, or all
-    std::string table;
-    std::string reason; // for people, in UTF-8; may be empty
+    std::string dbname = {}; // empty, like dsetname: the table has no dataset, or all are meant
+    std::string dsetname = {};
+    std::string schema = {}; // of the source, in UTF-8; empty, like table: not known, or all
+    std::string table = {};
+    std::string reason = {}; // for people, in UTF-8; may be empty
 };
 
 // What a commit entry says of its transaction.
@@ -174,10 +174,18 @@ const char *fwu_entry_body_get(fwu_entry &entry, const unsigned char *in,
 // of a file.
 bool fwu_entry_is_commit(const unsigned char *in, const fwu_file_header &file, int64_t offset);
 
+// Whether entries of a kind always are optional.
+constexpr bool fwu_kind_optional(uint16_t kind)
+{
+    return kind == FWU_KIND_SOURCE || kind == FWU_KIND_MARK;
+}
+
 // Whether this version knows what the entry says; what it does not know is optional.
 inline bool fwu_entry_known(const fwu_entry &entry)
 {
-    return entry.kind >= FWU_KIND_LAYOUT && entry.kind <= FWU_KIND_COMMIT;
+    return entry.kind >= FWU_KIND_LAYOUT &&
+           (entry.kind <= FWU_KIND_COMMIT ||
+            (fwu_kind_optional(entry.kind) && entry.flags == FWU_ENTRY_OPTIONAL));
 }
 
 inline bool fwu_entry_is_change(const fwu_entry &entry)

@@ -14,6 +14,7 @@ constexpr int FWU_ITEM_NAME_MAX = 17;
 constexpr int32_t FWU_PACKED_SIZE_MAX = 14;   // of a P item
 constexpr int32_t FWU_TEXT_SIZE_MAX = 32767;  // of an X or U item
 constexpr int32_t FWU_ITEM_COUNT_MAX = 32767; // elements
+constexpr size_t FWU_SOURCE_TEXT_MAX = 65535; // bytes of a name or type of the source
 
 struct fwu_item {
     std::string name;     // 1 to 17 bytes

@@ -11,8 +11,12 @@
 
 // The layouts that stand in a file so far.  To be cleared where a file begins.
 struct fwu_layout_check {
-    std::unordered_map<std::string, int64_t> lengths; // of a record image, by dataset
-    std::string key;                                  // scratch
+    struct known {
+        int64_t length = 0; // of a record image
+        size_t items = 0;
+    };
+    std::unordered_map<std::string, known> layouts; // by dataset
+    std::string key;                                // scratch
 };
 
 // What is wrong where entries do not fit together.
@@ -21,7 +25,7 @@ extern const char FWU_NO_LAYOUT[];
 extern const char FWU_OTHER_LENGTH[];
 
 // Takes the next entry of a file; null, or what is wrong with it: it is malformed, or a
-// record has no layout before it, or another length than that says.
+// record or source has no layout before it, or does not fit that.
 const char *fwu_layout_check_entry(fwu_layout_check &check, const fwu_entry &entry);
 
 #endif

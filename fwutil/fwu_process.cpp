@@ -168,7 +168,7 @@ static outcome deliver_transaction(run &r)
             good = fwu_current_take_layout(entry);
         else if (entry.kind == FWU_KIND_SESSION)
             good = fwu_current_take_session(entry);
-        else if (entry.kind != FWU_KIND_COMMIT && entry.tag > passed_over)
+        else if (fwu_entry_is_change(entry) && entry.tag > passed_over)
             result = deliver_change(r, entry);
         if (!good) {
             malformed(r, entry);

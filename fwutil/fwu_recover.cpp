@@ -14,31 +14,45 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <tuple>
 #include <unistd.h>
 
 constexpr size_t COPY_SIZE = size_t{1} << 20;
 
+// Takes the layout or the source of one that an entry tells of.
+static void learn_layout(fwu_layout_map &layouts, const fwu_entry &entry)
+{
+    fwu_layout layout;
+    fwu_layout_source of;
+    std::string key;
+    if (fwu_entry_layout(entry, layout)) {
+        fwu_layout_key(key, layout.dbname, layout.dsetname);
+        layouts[key] = std::move(layout);
+    } else if (fwu_entry_source(entry, of)) {
+        fwu_layout_key(key, of.dbname, of.dsetname);
+        const auto known = layouts.find(key);
+        if (known != layouts.end())
+            known->second.source = std::make_shared<const fwu_source>(std::move(of.source));
+    }
+}
+
 // Takes layouts, record numbers and source position from a transaction found.
 static fwu_found learn(fwu_log_end &log, fwu_cursor &cursor, bool with_layouts)
 {
     fwu_entry entry;
     fwu_change change;
-    fwu_layout layout;
-    std::string key;
     fwu_found found = FWU_FOUND;
     log.last = cursor.commit.commit;
     log.here.position = {cursor.file.generation, cursor.file.sequence, cursor.tx_last_tag};
     log.here.end = cursor.tx_end;
     log.here.commit = log.last;
     while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
-        if (fwu_entry_change(entry, change)) {
+        if (fwu_entry_change(entry, change))
             log.last_recnum = change.recnum;
-        } else if (with_layouts && fwu_entry_layout(entry, layout)) {
-            fwu_layout_key(key, layout.dbname, layout.dsetname);
-            log.layouts[key] = layout;
-        }
+        else if (with_layouts)
+            learn_layout(log.layouts, entry);
     }
     return found;
 }
@@ -295,16 +309,17 @@ int fwu_recover(fwu_log_end &log)
         joined = joined && follows(files[i], files[i - 1]);
         if (joined && recnum_before == 0)
             recnum_before = older.last_recnum;
-        if (recnum != 0) {
+        if (here.position.tag != 0) {
             log.here = here;
-            log.last_recnum = recnum;
             log.last = last;
         }
+        if (recnum != 0)
+            log.last_recnum = recnum;
     }
     const char *gap = result == 0 ? fwu_recnum_gap(recnum_before, cursor.first_recnum) : nullptr;
-    if (gap != nullptr) // it is at the beginning: no transaction is without records
+    if (gap != nullptr)
         result =
-            fwu_log_damage(cursor.file, {.at = FWU_FILE_HEADER_SIZE, .reason = gap, .gap = true});
+            fwu_log_damage(cursor.file, {.at = cursor.first_recnum_at, .reason = gap, .gap = true});
     // A log that is refused stays as it is.
     if (result == 0)
         result = make_ready(log, cursor);

@@ -39,7 +39,7 @@ struct fwu_writer {
     bool open = false;      // a transaction has begun
     bool failed = false;    // ... and one of its records was refused
     bool next_file = false; // it goes into a new file
-    bool records = false;   // it has some
+    bool holds = false;     // it has records or marks
     int32_t recnum = 0;     // last one that it uses
     fwu_txn txn;
     fwu_layout_map txn_layouts; // that it puts into the log
@@ -144,7 +144,7 @@ int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
     w.recnum = w.log.last_recnum;
     w.open = true;
     w.failed = false;
-    w.records = false;
+    w.holds = false;
     if (session == nullptr)
         return 0;
     fwu_entry_put_session(w.txn.entries, w.txn.tag + 1, *session);
@@ -162,11 +162,48 @@ int fwu_writer_session(fwu_writer *writer, const fwu_session &session)
     return fwu_txn_added(w.txn, w.log.directory) != 0 ? refuse(w) : 0;
 }
 
+static bool name_ok(const std::string &name, size_t max)
+{
+    return !name.empty() && name.size() <= max && text_ok(name);
+}
+
+static bool source_text_ok(const std::string &text)
+{
+    return text_ok(text) && text.size() <= FWU_SOURCE_TEXT_MAX;
+}
+
+static bool source_texts_ok(const fwu_source &source)
+{
+    bool ok = source_text_ok(source.schema) && name_ok(source.table, FWU_SOURCE_TEXT_MAX);
+    for (const fwu_source_column &column : source.columns)
+        ok = ok && name_ok(column.name, FWU_SOURCE_TEXT_MAX) && source_text_ok(column.type);
+    return ok;
+}
+
+static int check_source(const fwu_layout &layout)
+{
+    if (layout.source == nullptr)
+        return 0;
+    const char *const db = layout.dbname.c_str();
+    const char *const set = layout.dsetname.c_str();
+    const fwu_source &source = *layout.source;
+    if (!source_texts_ok(source))
+        return fwu_error(
+            "%s.%s: the source's table and columns have names of 1 to %zu bytes, schema "
+            "and types have at most as many, none zero",
+            db, set, FWU_SOURCE_TEXT_MAX);
+    if (!fwu_source_fits(source, layout.items.size()) || source.null_map < -1 ||
+        (source.null_map >= 0 &&
+         !fwu_null_map_ok(layout.items, static_cast<size_t>(source.null_map))))
+        return fwu_error("%s.%s: the source of the records does not fit their items", db, set);
+    if (fwu_entry_source_length(layout) > FWU_ENTRY_MAX)
+        return fwu_error("%s.%s: the source's texts are too long for a log entry (%zu bytes)", db,
+                         set, FWU_ENTRY_MAX);
+    return 0;
+}
+
 static int check_layout(const fwu_layout &layout)
 {
-    const auto name_ok = [](const std::string &name, size_t max) {
-        return !name.empty() && name.size() <= max && text_ok(name);
-    };
     if (!name_ok(layout.dbname, FWU_NAME_MAX) || !name_ok(layout.dsetname, FWU_NAME_MAX))
         return fwu_error("\"%s\".\"%s\": database and dataset names have 1 to %d bytes, none zero",
                          layout.dbname.c_str(), layout.dsetname.c_str(), FWU_NAME_MAX);
@@ -182,7 +219,7 @@ static int check_layout(const fwu_layout &layout)
     if (fwu_entry_layout_length(layout) > FWU_ENTRY_MAX)
         return fwu_error("%s.%s: too many items for a log entry", layout.dbname.c_str(),
                          layout.dsetname.c_str());
-    return 0;
+    return check_source(layout);
 }
 
 static int check_change(const fwu_layout &layout, const fwu_change &change)
@@ -210,25 +247,48 @@ static int check_change(const fwu_layout &layout, const fwu_change &change)
     return 0;
 }
 
-// Puts the layout into the transaction unless it stands in the file already.
+// Whether a map has the layout for the key.  One that is equal shares its source from then
+// on: the next record's comparison is one of pointers.
+static bool stands_there(fwu_layout_map &map, fwu_layout_map::iterator known,
+                         const fwu_layout &layout)
+{
+    if (known == map.end() || known->second != layout)
+        return false;
+    known->second.source = layout.source;
+    return true;
+}
+
+// Puts the layout into the transaction unless it stands in the file already, its source
+// right behind it.
 static int put_layout(fwu_writer &w, const fwu_layout &layout)
 {
     fwu_layout_key(w.key, layout.dbname, layout.dsetname);
-    auto known = w.txn_layouts.find(w.key);
-    if (known == w.txn_layouts.end() && !w.next_file) {
-        known = w.log.layouts.find(w.key);
-        if (known != w.log.layouts.end() && known->second == layout)
-            return 0;
-    } else if (known != w.txn_layouts.end() && known->second == layout) {
+    const auto known = w.txn_layouts.find(w.key);
+    if (known != w.txn_layouts.end()
+            ? stands_there(w.txn_layouts, known, layout)
+            : !w.next_file && stands_there(w.log.layouts, w.log.layouts.find(w.key), layout))
         return 0;
-    }
     if (check_layout(layout) != 0)
         return -1;
     fwu_entry_put_layout(w.txn.entries, w.txn.tag + 1, layout);
     if (fwu_txn_added(w.txn, w.log.directory) != 0)
         return refuse(w);
+    if (layout.source != nullptr) {
+        fwu_entry_put_source(w.txn.entries, w.txn.tag + 1, layout);
+        if (fwu_txn_added(w.txn, w.log.directory) != 0)
+            return refuse(w);
+    }
     w.txn_layouts[w.key] = layout;
     return 0;
+}
+
+// A layout, its source, the change itself and the commit entry come at most.
+static int check_room(const fwu_writer &w)
+{
+    if (w.txn.tag <= INT32_MAX - 5)
+        return 0;
+    return fwu_error("%s: the transaction has too many entries for one log file",
+                     w.log.directory.c_str());
 }
 
 int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layout, int64_t logtime,
@@ -246,18 +306,43 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     change.reclen = reclen;
     change.before = static_cast<const unsigned char *>(before_image);
     change.after = static_cast<const unsigned char *>(after_image);
-    if (check_change(layout, change) != 0)
-        return -1;
-    if (w.txn.tag > INT32_MAX - 4)
-        return fwu_error("%s: the transaction has too many entries for one log file",
-                         w.log.directory.c_str());
-    if (put_layout(w, layout) != 0)
+    if (check_change(layout, change) != 0 || check_room(w) != 0 || put_layout(w, layout) != 0)
         return -1;
     fwu_entry_put_change(w.txn.entries, w.txn.tag + 1, change);
     if (fwu_txn_added(w.txn, w.log.directory) != 0)
         return refuse(w);
     w.recnum = change.recnum;
-    w.records = true;
+    w.holds = true;
+    return 0;
+}
+
+static int check_mark(const fwu_mark &mark)
+{
+    if (mark.kind != FWU_MARK_TRUNCATE && mark.kind != FWU_MARK_GAP)
+        return fwu_error("mark %d is neither truncate (t) nor gap (g)", mark.kind);
+    const bool named = name_ok(mark.dbname, FWU_NAME_MAX) && name_ok(mark.dsetname, FWU_NAME_MAX);
+    if (!named && !(mark.dbname.empty() && mark.dsetname.empty()))
+        return fwu_error("a mark of \"%s\".\"%s\": database and dataset names have 1 to %d bytes, "
+                         "none zero, or both are empty",
+                         mark.dbname.c_str(), mark.dsetname.c_str(), FWU_NAME_MAX);
+    if (!text_ok(mark.schema) || !text_ok(mark.table) || !text_ok(mark.reason))
+        return fwu_error("a text of a mark holds a zero byte");
+    if (fwu_entry_mark_length(mark) > FWU_ENTRY_MAX)
+        return fwu_error("a mark's texts are too long for a log entry (%zu bytes)", FWU_ENTRY_MAX);
+    return 0;
+}
+
+int fwu_writer_mark(fwu_writer *writer, const fwu_mark &mark)
+{
+    fwu_writer &w = *writer;
+    if (!w.open)
+        return fwu_error("%s: a mark outside a transaction", w.log.directory.c_str());
+    if (check_mark(mark) != 0 || check_room(w) != 0)
+        return -1;
+    fwu_entry_put_mark(w.txn.entries, w.txn.tag + 1, mark);
+    if (fwu_txn_added(w.txn, w.log.directory) != 0)
+        return refuse(w);
+    w.holds = true;
     return 0;
 }
 
@@ -373,7 +458,7 @@ int fwu_writer_commit(fwu_writer *writer, const fwu_commit &commit)
     if (w.failed)
         result = fwu_error("%s: the transaction is given up: part of it could not be kept",
                            w.log.directory.c_str());
-    else if (w.records)
+    else if (w.holds)
         result = append(w, commit);
     fwu_writer_rollback(writer);
     return result;

@@ -40,6 +40,13 @@ TEST(ForwardLogPage, ExampleIsTheGoldenFile)
         << "the comments differ";
 }
 
+TEST(ForwardLogPage, ExampleOfTheOptionalEntriesIsOfTheGoldenFile)
+{
+    const std::string text = golden("forward_log_source.hex");
+    for (const char *entry : {"# source entry", "# mark entry"})
+        EXPECT_NE(text.find(md_find_block(page(), entry)), std::string::npos) << entry;
+}
+
 struct field_row {
     size_t at, width;
     std::string what;
@@ -147,7 +154,11 @@ TEST(ForwardLogPage, KindsAreThoseOfTheCode)
         {std::to_string(FWU_KIND_INSERT) + ", " + std::to_string(FWU_KIND_UPDATE) + ", " +
              std::to_string(FWU_KIND_DELETE),
          "insert, update, delete"},
-        {std::to_string(FWU_KIND_COMMIT), "commit"}};
+        {std::to_string(FWU_KIND_COMMIT), "commit"},
+        {std::to_string(FWU_KIND_SOURCE),
+         "source: where the records of a dataset come from; optional"},
+        {std::to_string(FWU_KIND_MARK),
+         "mark: a table was emptied, or changes are missing; optional"}};
     EXPECT_EQ(rows, expected);
     EXPECT_NE(page().find("**Commit** (always " + std::to_string(FWU_COMMIT_SIZE) + " bytes"),
               std::string::npos);

@@ -66,3 +66,33 @@ TEST_F(LayoutCheckTest, MalformedEntriesAreNamed)
     bytes[FWU_ENTRY_HEADER_SIZE] = 0xFF; // which texts are there
     EXPECT_STREQ(check_entry(bytes), "the session entry is malformed");
 }
+
+TEST_F(LayoutCheckTest, ASourceGoesWithTheLayoutThatStandsForIt)
+{
+    fwu_layout orders{.dbname = "SALES", .dsetname = "ORDERS", .items = {{"NO", 'X', 8, 1, 0}}};
+    const auto source = [&](int32_t item, int32_t key) {
+        orders.source = std::make_shared<const fwu_source>(
+            fwu_source{.schema = "", .table = "orders", .columns = {{"no", "", item, key}}});
+        std::vector<unsigned char> bytes;
+        fwu_entry_put_source(bytes, 1, orders);
+        return bytes;
+    };
+    EXPECT_STREQ(check_entry(source(0, 1)),
+                 "no layout of the source's dataset stands before it in the file");
+    EXPECT_EQ(check_entry(layout(8)), nullptr);
+    EXPECT_EQ(check_entry(source(0, 1)), nullptr);
+    EXPECT_STREQ(check_entry(source(1, 1)), "the source does not fit its dataset's layout");
+    EXPECT_STREQ(check_entry(source(0, 2)), "the source does not fit its dataset's layout");
+    std::vector<unsigned char> bytes = source(0, 1);
+    bytes[FWU_ENTRY_HEADER_SIZE + 4] = 2; // number of columns
+    EXPECT_STREQ(check_entry(bytes), "the source entry is malformed");
+}
+
+TEST_F(LayoutCheckTest, AMarkNeedsNoLayout)
+{
+    std::vector<unsigned char> bytes;
+    fwu_entry_put_mark(bytes, 1, {.dbname = "SALES", .dsetname = "ORDERS"});
+    EXPECT_EQ(check_entry(bytes), nullptr);
+    bytes[FWU_ENTRY_HEADER_SIZE] = 'x'; // its kind
+    EXPECT_STREQ(check_entry(bytes), "the mark entry is malformed");
+}
