@@ -58,23 +58,48 @@ static void complete_source(change_dataset &dataset)
         return;
     const fwu_source &source = *layout.source;
     dataset.table = source.schema.empty() ? source.table : source.schema + "." + source.table;
-    std::vector<std::pair<int32_t, int>> key;
-    for (size_t i = 0; i < source.columns.size(); i++) {
-        const fwu_source_column &column = source.columns[i];
-        if (column.item < 0)
-            continue;
-        dataset.column[static_cast<size_t>(column.item)] = static_cast<int>(i);
-        if (column.key > 0)
-            key.emplace_back(column.key, column.item);
-    }
-    std::sort(key.begin(), key.end());
-    const auto in_key = [](const fwu_source_column &column) { return column.key > 0; };
-    // A key of which a part is left out of the log tells no record from another.
-    if (key.size() !=
-        static_cast<size_t>(std::count_if(source.columns.begin(), source.columns.end(), in_key)))
-        return;
-    for (const auto &[place, item] : key)
-        dataset.key.push_back(item);
+    for (size_t i = 0; i < source.columns.size(); i++)
+        if (source.columns[i].item >= 0)
+            dataset.column[static_cast<size_t>(source.columns[i].item)] = static_cast<int>(i);
+}
+
+// The item of a column of the source; CHANGE_NO_ITEM: there is none.
+static int item_of_column(const change_dataset &dataset, const std::string &column)
+{
+    if (dataset.layout.source != nullptr)
+        for (const fwu_source_column &row : dataset.layout.source->columns)
+            if (row.name == column)
+                return row.item;
+    return CHANGE_NO_ITEM;
+}
+
+// The key as the configuration has it; empty: it says nothing.
+static std::vector<int> said_key(const change_dataset &dataset, const fwu_writing &said)
+{
+    std::vector<int> key;
+    if (const fwu_dataset *row = find_said(dataset.layout, said); row != nullptr)
+        for (const int item : row->key)
+            key.push_back(
+                find_item(dataset.layout, row->layout.items[static_cast<size_t>(item)].name));
+    if (key.empty() && !dataset.table.empty())
+        for (const fwu_column &row : said.columns)
+            if (row.key && row.table == dataset.table)
+                key.push_back(item_of_column(dataset, row.column));
+    return key;
+}
+
+static std::vector<int> source_key(const change_dataset &dataset)
+{
+    std::vector<std::pair<int32_t, int>> places;
+    if (dataset.layout.source != nullptr)
+        for (const fwu_source_column &column : dataset.layout.source->columns)
+            if (column.key > 0)
+                places.emplace_back(column.key, column.item);
+    std::sort(places.begin(), places.end());
+    std::vector<int> key;
+    for (const auto &[place, item] : places)
+        key.push_back(item);
+    return key;
 }
 
 void change_dataset_complete(change_dataset &dataset, const fwu_writing &said)
@@ -82,4 +107,10 @@ void change_dataset_complete(change_dataset &dataset, const fwu_writing &said)
     dataset.null_map = find_null_map(dataset.layout, find_said(dataset.layout, said));
     complete_items(dataset);
     complete_source(dataset);
+    dataset.key = said_key(dataset, said);
+    if (dataset.key.empty())
+        dataset.key = source_key(dataset);
+    // A key of which a part is left out of the log tells no record from another.
+    if (std::find(dataset.key.begin(), dataset.key.end(), CHANGE_NO_ITEM) != dataset.key.end())
+        dataset.key.clear();
 }
