@@ -166,23 +166,3 @@ std::string stderr_of(const std::function<void()> &statement)
     statement();
     return testing::internal::GetCapturedStderr();
 }
-
-std::string golden_bytes(const std::string &name)
-{
-    const std::string text = read_file(std::string(KESTRO_SOURCE_DIR "/tests/golden/") + name);
-    std::string bytes;
-    std::string digits;
-    bool comment = false;
-    for (const char c : text) {
-        if (c == '#' || c == '\n')
-            comment = c == '#';
-        if (comment || strchr("0123456789abcdef", c) == nullptr)
-            continue;
-        digits += c;
-        if (digits.size() == 2) {
-            bytes += static_cast<char>(std::stoi(digits, nullptr, 16));
-            digits.clear();
-        }
-    }
-    return bytes;
-}

@@ -5,6 +5,7 @@
 
 #include "fwutil/fwu_writer.h"
 #include "fwutil/fwutil.h"
+#include "tests/support/golden.h"
 #include "tests/support/log_header.h"
 #include "tests/support/tempdir.h"
 
@@ -71,8 +72,5 @@ class log_test : public ::testing::Test {
 
 // What a statement prints on standard error.
 std::string stderr_of(const std::function<void()> &statement);
-
-// The bytes of a .hex file of tests/golden: hex digits, "#" begins a comment.
-std::string golden_bytes(const std::string &name);
 
 #endif

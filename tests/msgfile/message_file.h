@@ -12,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -33,22 +32,6 @@ template <typename T> void put_number(std::string &bytes, size_t at, T value)
     if (at + sizeof(T) > bytes.size())
         throw std::out_of_range("no number at " + std::to_string(at));
     memcpy(bytes.data() + at, &value, sizeof(T));
-}
-
-// The bytes of a .hex file of tests/golden: pairs of hex digits, "00*40" stands
-// for 40 of them, "#" begins a comment.
-inline std::string golden_bytes(const std::string &name)
-{
-    std::istringstream lines(golden(name));
-    std::string bytes;
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line.substr(0, line.find('#')));
-        for (std::string word; words >> word;) {
-            const size_t times = word.size() == 2 ? 1 : std::stoul(word.substr(3));
-            bytes.append(times, static_cast<char>(std::stoi(word.substr(0, 2), nullptr, 16)));
-        }
-    }
-    return bytes;
 }
 
 // Descriptors that the process has open.

@@ -2,6 +2,8 @@
 // as many digits as tell it from its neighbours, text as it was.
 #include "tools/fwlog/dump_value.h"
 
+#include "util/utf8.h"
+
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -44,6 +46,27 @@ void dump_text(std::string &out, std::string_view text)
 void dump_name(std::string &out, std::string_view name)
 {
     put_escaped(out, name, false);
+}
+
+void dump_utf8(std::string &out, std::string_view text)
+{
+    constexpr uint32_t first_printable = 0xA0; // of the characters of several bytes
+    while (!text.empty()) {
+        uint32_t code = 0;
+        const size_t length = utf8_decode(text, code);
+        const std::string_view next = text.substr(0, length == 0 ? 1 : length);
+        text.remove_prefix(next.size());
+        if (length == 1)
+            put_escaped(out, next, false);
+        else if (code >= first_printable)
+            out += next;
+        else
+            for (const char c : next) {
+                const auto byte = static_cast<unsigned char>(c);
+                out += "\\x";
+                dump_hex(out, &byte, 1);
+            }
+    }
 }
 
 static uint64_t get_bytes(const unsigned char *in, int32_t size, bool big_endian)

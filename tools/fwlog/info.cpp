@@ -27,6 +27,8 @@ struct log_totals {
     int64_t bytes = 0;
     uint64_t transactions = 0;
     survey_datasets datasets;
+    uint64_t truncates = 0; // marks
+    uint64_t gaps = 0;
     fwu_identity identity; // of the newest file that has one
     bool have_ack = false;
     fwu_ack ack;
@@ -44,6 +46,8 @@ static void add(log_totals &totals, const survey_file &facts)
     totals.files++;
     totals.bytes += facts.size;
     totals.transactions += facts.transactions;
+    totals.truncates += facts.truncates;
+    totals.gaps += facts.gaps;
     if (facts.has_header && fwu_identity_known(facts.header.identity))
         totals.identity = facts.header.identity;
     for (const auto &[name, counts] : facts.datasets) {
@@ -112,6 +116,9 @@ static void print_totals(const log_totals &totals)
     printf("%" PRIu64 " files, %" PRId64 " bytes, %" PRIu64 " transactions\n", totals.files,
            totals.bytes, totals.transactions);
     print_log(totals);
+    if (totals.truncates > 0 || totals.gaps > 0)
+        printf("marks             %" PRIu64 " truncate, %" PRIu64 " gap\n", totals.truncates,
+               totals.gaps);
     if (!totals.datasets.empty())
         printf("%-33s %10s %10s %10s\n", "dataset", "inserts", "updates", "deletes");
     for (const auto &[name, counts] : totals.datasets)
@@ -155,7 +162,8 @@ static void print_json_totals(const log_totals &totals)
                counts.inserts, counts.updates, counts.deletes);
         separator = ",";
     }
-    puts("]}");
+    printf("],\"marks\":{\"truncate\":%" PRIu64 ",\"gap\":%" PRIu64 "}}\n", totals.truncates,
+           totals.gaps);
 }
 
 static outcome run()

@@ -51,6 +51,80 @@ static bool put_layout(fwlog_printer &printer, const fwu_entry &entry)
     return true;
 }
 
+static void put_table(std::string &out, std::string_view schema, std::string_view table)
+{
+    dump_utf8(out, schema);
+    out += schema.empty() ? "" : ".";
+    dump_utf8(out, table);
+}
+
+// An item of the source's dataset by its name where the file's layout has it.
+static void put_item(fwlog_printer &printer, const fwu_layout *layout, int32_t item)
+{
+    if (layout != nullptr && static_cast<size_t>(item) < layout->items.size())
+        dump_name(printer.out, layout->items[static_cast<size_t>(item)].name);
+    else
+        printer.out += "item " + std::to_string(item);
+}
+
+static bool put_source(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_layout_source of;
+    if (!fwu_entry_source(entry, of))
+        return false;
+    const fwu_source &source = of.source;
+    const auto found = printer.layouts.find({of.dbname, of.dsetname});
+    const fwu_layout *const layout = found == printer.layouts.end() ? nullptr : &found->second;
+    printer.out += "source ";
+    put_dataset(printer.out, of.dbname, of.dsetname);
+    printer.out += ": table ";
+    put_table(printer.out, source.schema, source.table);
+    printer.out += ", " + std::to_string(source.columns.size()) + " columns";
+    if (source.null_map >= 0) {
+        printer.out += ", nulls in ";
+        put_item(printer, layout, source.null_map);
+    }
+    printer.out += "\n";
+    for (const fwu_source_column &column : source.columns) {
+        printer.out += "    ";
+        dump_utf8(printer.out, column.name);
+        printer.out += column.type.empty() ? "" : " ";
+        dump_utf8(printer.out, column.type);
+        if (column.item >= 0) {
+            printer.out += " -> ";
+            put_item(printer, layout, column.item);
+        } else {
+            printer.out += ", left out";
+        }
+        if (column.key > 0)
+            printer.out += ", key " + std::to_string(column.key);
+        printer.out += "\n";
+    }
+    return true;
+}
+
+static bool put_mark(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_mark mark;
+    if (!fwu_entry_mark(entry, mark))
+        return false;
+    printer.out += mark.kind == FWU_MARK_TRUNCATE ? "mark truncate" : "mark gap";
+    if (!mark.dbname.empty()) {
+        printer.out += " ";
+        put_dataset(printer.out, mark.dbname, mark.dsetname);
+    }
+    if (!mark.table.empty()) {
+        printer.out += " table ";
+        put_table(printer.out, mark.schema, mark.table);
+    }
+    if (!mark.reason.empty()) {
+        printer.out += ": ";
+        dump_utf8(printer.out, mark.reason);
+    }
+    printer.out += "\n";
+    return true;
+}
+
 static void put_session_line(std::string &out, const char *name, const char *text)
 {
     out += std::string("    ") + name + " ";
@@ -131,6 +205,10 @@ static bool put_entry(fwlog_printer &printer, const fwu_entry &entry)
         return put_change(printer, entry);
     case FWU_KIND_COMMIT:
         return put_commit(printer, entry);
+    case FWU_KIND_SOURCE:
+        return put_source(printer, entry);
+    case FWU_KIND_MARK:
+        return put_mark(printer, entry);
     default:
         return false;
     }

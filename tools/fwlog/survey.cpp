@@ -33,11 +33,14 @@ static void take_entry(survey_file &into, const fwu_walk_item &item)
 {
     fwu_change change;
     fwu_commit_entry commit;
+    fwu_mark mark;
     into.entries++;
     if (fwu_entry_commit(item.entry, commit))
         take_commit(into, item.entry, commit.commit);
     else if (fwu_entry_change(item.entry, change))
         take_change(into, change);
+    else if (fwu_entry_mark(item.entry, mark))
+        (mark.kind == FWU_MARK_TRUNCATE ? into.truncates : into.gaps)++;
 }
 
 // Nonzero: the file is damaged here, though the checksums are right.

@@ -32,6 +32,8 @@ struct survey_file {
     int64_t last_us = 0;
     uint64_t last_lsn = 0;
     survey_datasets datasets;
+    uint64_t truncates = 0; // marks
+    uint64_t gaps = 0;
 
     int64_t tail = 0;         // bytes behind the last transaction that are not there yet
     int64_t tail_at = 0;      // where they begin

@@ -1,4 +1,5 @@
 // The dump command on logs put together entry by entry.
+#include "tests/support/golden.h"
 #include "tests/tools/fwlog/built_log.h"
 
 #include <gmock/gmock.h>
@@ -33,6 +34,81 @@ TEST(FwlogDump, PrintsEveryEntryWithItsPosition)
     before NO=-1 NET=-0.5 TAG={"",""}
 1-25.6 @448 commit 1970-01-02 00:01:01.000250 xid 7 lsn 1A/2B, 5 entries
 )");
+}
+
+TEST(FwlogDump, PrintsSourcesAndMarks)
+{
+    place here;
+    const std::string bytes = golden_bytes("forward_log_source.hex");
+    here.add(1, {bytes.begin(), bytes.end()});
+    const run_result result = here.dump();
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
+              R"(1-1 file fw0001-00000001.log, little-endian, created 2023-11-14 22:13:20.000000
+1-1.1 @64 layout SALES.ORDERS: 3 items, 11 bytes
+    NO I 4
+    PRICE P 5 scale=2
+    NULLS X 2
+1-1.2 @176 source SALES.ORDERS: table sales.orders, 3 columns, nulls in NULLS
+    order_no integer -> NO, key 1
+    price numeric(9,2) -> PRICE
+    größe text, left out
+1-1.3 @328 insert SALES.ORDERS 2023-11-14 22:13:21 record 1, 11 bytes
+    after NO=1 PRICE=1.25 NULLS=".."
+1-1.4 @400 mark truncate SALES.ORDERS table sales.orders: TRUNCATE
+1-1.5 @480 commit 2023-11-14 22:13:24.000005 xid 7 lsn 0/100, 4 entries
+)");
+}
+
+// A file of version 2 with one transaction.
+static std::vector<unsigned char> salted_file(const std::vector<unsigned char> &entries,
+                                              uint32_t count)
+{
+    const fwu_file_header header{
+        .version = FWU_VERSION_SALTED, .identity = {{1}}, .generation = 1, .sequence = 1};
+    std::vector<unsigned char> bytes(FWU_FILE_HEADER_SIZE);
+    fwu_file_header_put(bytes.data(), header);
+    fwu_commit_entry commit;
+    commit.entries = count;
+    for (size_t at = 0; at < entries.size();) {
+        fwu_entry entry;
+        fwu_entry_fields(entry, entries.data() + at);
+        commit.chain =
+            fwu_crc32c(commit.chain, entries.data() + at + FWU_ENTRY_CRC_AT, FWU_ENTRY_CRC_SIZE);
+        at += fwu_entry_padded(entry.length);
+    }
+    bytes.insert(bytes.end(), entries.begin(), entries.end());
+    fwu_entry_put_commit(bytes, static_cast<int32_t>(count) + 1, commit, header,
+                         static_cast<int64_t>(bytes.size()));
+    return bytes;
+}
+
+TEST(FwlogDump, TextsOfSourcesAndMarksCannotForgeLines)
+{
+    std::vector<unsigned char> entries;
+    fwu_entry_put_source(
+        entries, 1,
+        {.dbname = "S",
+         .dsetname = "O",
+         .items = {},
+         .source = std::make_shared<const fwu_source>(
+             fwu_source{.schema = "",
+                        .table = "or\nders\xFF",
+                        .columns = {{"a\x1B\\", "", 7, 0}, {"\xC2\x85\xC3\xA9", "t\ny", -1, 2}}})});
+    fwu_entry_put_mark(entries, 2, {.kind = FWU_MARK_GAP, .reason = "lost\n1-1.9 \xE2\x82\xAC"});
+    fwu_entry_put_mark(entries, 3, {.kind = FWU_MARK_GAP});
+    fwu_entry_put_mark(entries, 4, {.kind = FWU_MARK_TRUNCATE, .schema = "s", .table = "t"});
+    place here;
+    here.add(1, salted_file(entries, 4));
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr(" source S.O: table or\\x0Aders\\xFF, 2 columns\n"
+                                      "    a\\x1B\\\\ -> item 7\n"
+                                      "    \\xC2\\x85\u00E9 t\\x0Ay, left out, key 2\n"));
+    EXPECT_THAT(result.out, HasSubstr(" mark gap: lost\\x0A1-1.9 \u20AC\n"));
+    EXPECT_THAT(result.out, HasSubstr(" mark gap\n"));
+    EXPECT_THAT(result.out, HasSubstr(" mark truncate table s.t\n"));
 }
 
 TEST(FwlogDump, NamesCannotForgeLines)

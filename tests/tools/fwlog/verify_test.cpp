@@ -1,6 +1,7 @@
 // fwlog verify and info on small logs: sound, with a tail, damaged, a file missing.
 #include "fwutil/fwu_ack.h"
 #include "tests/procs/growing_log.h"
+#include "tests/support/golden.h"
 #include "tests/tools/fwlog/built_log.h"
 
 #include <atomic>
@@ -296,7 +297,20 @@ TEST_F(FwlogVerifyTest, InfoTellsPositionsTimesAndDatasets)
     const std::string json = run({"info", "--json"}).out;
     EXPECT_THAT(json, HasSubstr("\"last_tag\":9,\"first_commit_us\":1700000000000000,"));
     EXPECT_THAT(json, HasSubstr("\"datasets\":[{\"database\":\"TESTDB\",\"dataset\":\"COUNTER\","
-                                "\"inserts\":6,\"updates\":0,\"deletes\":0}]}\n"));
+                                "\"inserts\":6,\"updates\":0,\"deletes\":0}],"
+                                "\"marks\":{\"truncate\":0,\"gap\":0}}\n"));
+    EXPECT_EQ(result.out.find("\nmarks "), std::string::npos);
+}
+
+TEST_F(FwlogVerifyTest, SourcesAndMarksAreCounted)
+{
+    write_config(dir, "64M");
+    std::filesystem::create_directory(dir.file("log"));
+    write_file(file(1), golden_bytes("forward_log_source.hex"));
+    EXPECT_EQ(run({"verify"}).out, "log/fw0001-00000001.log: 1 transactions, 5 entries\n");
+    EXPECT_THAT(run({"info"}).out, HasSubstr("\nmarks             1 truncate, 0 gap\n"));
+    EXPECT_THAT(run({"info", "--json"}).out,
+                HasSubstr("}],\"marks\":{\"truncate\":1,\"gap\":0}}\n"));
 }
 
 TEST_F(FwlogVerifyTest, WrongCommandLinesAreRefused)
