@@ -33,6 +33,9 @@ static fwu_layout order_lines()
     return layout;
 }
 
+static constexpr unsigned char PRICE[] = {0x00, 0x00, 0x12, 0x34, 0x5C};
+static constexpr unsigned char AMOUNT[] = {0x00, 0x00, 0x00, 0x98, 0x76, 0x5D};
+
 static void make_image(char *image, int n)
 {
     const int32_t order_no = 700000 + n / 4;
@@ -48,9 +51,9 @@ static void make_image(char *image, int n)
     put(&line_no, 2);
     put("BR-00017", 8);
     put(&qty, 2);
-    put("\x00\x00\x12\x34\x5C", 5);
+    put(PRICE, sizeof PRICE);
     put(&disc, 4);
-    put("\x00\x00\x00\x98\x76\x5D", 6);
+    put(AMOUNT, sizeof AMOUNT);
     put(".......", 7);
 }
 

@@ -97,6 +97,7 @@ static std::vector<int> source_key(const change_dataset &dataset)
                 places.emplace_back(column.key, column.item);
     std::sort(places.begin(), places.end());
     std::vector<int> key;
+    key.reserve(places.size());
     for (const auto &[place, item] : places)
         key.push_back(item);
     return key;

@@ -12,7 +12,6 @@
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 static fwu_layout layout_of(const char *dsetname, int32_t text_size = 2)
 {
