@@ -1,46 +1,42 @@
-// fwlog dump: prints a log, or a range of it.
+// fwlog dump: prints a log, or a range of it, entry by entry or its changes as JSON.
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_reader_config.h"
 #include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/json_output.h"
 #include "tools/fwlog/position.h"
 #include "tools/fwlog/print.h"
+#include "tools/fwlog/selection.h"
 
 #include <cstdio>
 
 struct dump_options {
     const char *cfg = nullptr;
     bool hex = false;
-    fwu_position from;
-    fwu_position to;
 };
 static dump_options options;
-
-static bool take_from(const char *word)
-{
-    return fwu_position_parse(word, options.from);
-}
-
-static bool take_to(const char *word)
-{
-    return fwu_position_parse(word, options.to);
-}
 
 static constexpr cli_option rows[] = {
     {"-cfg", CLI_FILE, &options.cfg},
     {"--hex", CLI_FLAG, &options.hex},
-    {"--from", FWLOG_POSITION, take_from},
-    {"--to", FWLOG_POSITION, take_to},
+    FWLOG_FROM,
+    FWLOG_TO,
+    FWLOG_JSON,
+    FWLOG_SOURCE_NAMES,
+    FWLOG_NUMBERS,
+    FWLOG_DSET,
+    FWLOG_AFTER,
 };
 
 static bool before_range(const fwu_log_file &file, int32_t tag)
 {
-    return fwlog_position_given(options.from) &&
-           fwlog_position_compare(file, tag, options.from) < 0;
+    return fwlog_position_given(fwlog_selected.from) &&
+           fwlog_position_compare(file, tag, fwlog_selected.from) < 0;
 }
 
 static bool behind_range(const fwu_log_file &file, int32_t tag)
 {
-    return fwlog_position_given(options.to) && fwlog_position_compare(file, tag, options.to) > 0;
+    return fwlog_position_given(fwlog_selected.to) &&
+           fwlog_position_compare(file, tag, fwlog_selected.to) > 0;
 }
 
 // Layouts before the range are read, for the images inside it, but not printed.
@@ -59,7 +55,7 @@ static int visit(fwlog_printer &printer, const fwu_walk_item &item)
     return ferror(stdout) != 0 ? 1 : 0;
 }
 
-static outcome run()
+static outcome run_text()
 {
     fwlog_printer printer;
     printer.hex = options.hex;
@@ -72,24 +68,48 @@ static outcome run()
     return fwlog_told(walked >= 0);
 }
 
+static outcome run_json()
+{
+    change_reader reader;
+    if (outcome opened = fwlog_open_selected(reader, options.cfg); !opened)
+        return opened;
+    return fwlog_json_put(reader, {});
+}
+
+static outcome run()
+{
+    if (outcome checked = fwlog_json_check(options.hex, FWLOG_TEXT_RANGE); !checked)
+        return checked;
+    return fwlog_json.wanted ? run_json() : run_text();
+}
+
 static const char help[] =
     "Usage: fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
+    "                  [--json [--source-names] [--numbers text|json] [--dset PATTERN ...]\n"
+    "                  [--after POSITION]]\n"
     "\n"
-    "Prints the committed transactions of the forward log entry by entry.\n"
+    "Prints the committed transactions of the forward log entry by entry, or the changes\n"
+    "in them as JSON, an object a line.\n"
     "\n"
-    "  -cfg FILE        configuration file (else the one named by FWUTIL_CFG, else\n"
-    "                   fwutil.cfg), which names the log directory\n"
-    "  --hex            print record images as hexadecimal bytes instead of values\n"
-    "  --from POSITION  begin with the log file of this number (\"25\", \"1-25\"), or with\n"
-    "                   this entry (\"1-25.340\": generation, number, tag)\n"
-    "  --to POSITION    end with that log file or entry\n"
-    "  --help           print this\n"
+    "  -cfg FILE            configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                       fwutil.cfg), which names the log directory\n"
+    "  --hex                print record images as hexadecimal bytes instead of values\n"
+    "  --from POSITION      begin with the log file of this number (\"25\", \"1-25\"), or with\n"
+    "                       this entry (\"1-25.340\": generation, number, tag)\n"
+    "  --to POSITION        end with that log file or entry\n"
+    "  --json               print changes as JSON; all below needs it\n"
+    "  --source-names       name values by the source's columns instead of items\n"
+    "  --numbers text|json  integers and decimals as strings, or as numbers (if not given)\n"
+    "  --dset PATTERN       only datasets that match, as with Kestro's -dset; more than one\n"
+    "                       may be given\n"
+    "  --after POSITION     begin behind this entry\n"
+    "  --help               print this\n"
     "\n"
     "Exit status: 0 done; 1 error or damage; 2 wrong command line.\n";
 
 constinit const cli_command fwlog_dump_row = {
     .name = "dump",
-    .summary = "prints the entries of a forward log",
+    .summary = "prints the entries of a forward log, or its changes as JSON",
     .run = run,
     .options = rows,
     .help = help,

@@ -1,30 +1,53 @@
-// fwlog tail: the last transactions of a log and, with -f, those that come.
+// fwlog tail: the last transactions of a log and, with -f, those that come, entry by entry or
+// their changes as JSON.
 //
-// It counts backwards, file by file, until there are enough, and reads on from there.  What it
-// prints ends behind a whole transaction, however it is stopped, as long as somebody takes it.
+// What it prints ends behind a whole transaction, however it is stopped, as long as somebody
+// takes it.
 #include "fwutil/fwu_log.h"
 #include "fwutil/fwu_reader_config.h"
+#include "fwutil/fwu_wait.h"
 #include "tools/fwlog/following.h"
 #include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/json_output.h"
 #include "tools/fwlog/print.h"
+#include "tools/fwlog/selection.h"
+#include "tools/fwlog/tail_start.h"
 
-#include <algorithm>
+#include <charconv>
+#include <string_view>
 
 struct tail_options {
     const char *cfg = nullptr;
     bool follow = false;
+    bool counted = false; // -n was given
     uint64_t transactions = 10;
     bool hex = false;
 };
 static tail_options options;
+
+static bool take_count(const char *word)
+{
+    const std::string_view text = word;
+    const char *const end = text.data() + text.size();
+    const auto [behind, error] = std::from_chars(text.data(), end, options.transactions);
+    options.counted = true;
+    return error == std::errc() && behind == end;
+}
 
 static constexpr cli_kind TRANSACTION_COUNT = {
     .word = "N", .lacking = "option lacks its number", .bad = "not a number of transactions"};
 static constexpr cli_option rows[] = {
     {"-cfg", CLI_FILE, &options.cfg},
     {"-f", CLI_FLAG, &options.follow},
-    {"-n", TRANSACTION_COUNT, &options.transactions},
+    {"-n", TRANSACTION_COUNT, take_count},
     {"--hex", CLI_FLAG, &options.hex},
+    FWLOG_JSON,
+    FWLOG_SOURCE_NAMES,
+    FWLOG_NUMBERS,
+    FWLOG_DSET,
+    FWLOG_FROM,
+    FWLOG_TO,
+    FWLOG_AFTER,
 };
 
 struct tail_state {
@@ -35,58 +58,6 @@ struct tail_state {
     uint64_t skip = 0;            // transactions to pass over
     uint64_t wanted = UINT64_MAX; // transactions to print behind them
 };
-
-// Counts the transactions of one file; FWU_END when it was read to its end.
-static fwu_found count_file(fwu_cursor &cursor, const fwu_log_file &file, uint64_t &transactions)
-{
-    transactions = 0;
-    fwu_found found = fwu_log_open(cursor, file);
-    while (found == FWU_FOUND && fwu_stop == 0) {
-        found = fwu_cursor_next(cursor);
-        transactions += found == FWU_FOUND ? 1 : 0;
-    }
-    return found;
-}
-
-// Opens the file in which the transactions asked for begin and counts those before
-// them.  FWU_FOUND; FWU_END: the log has no files; FWU_DAMAGED: begun behind damage,
-// which was reported; FWU_GONE: look again; FWU_FAILED: reported.
-static fwu_found find_start(tail_state &state)
-{
-    const uint64_t asked = options.transactions;
-    std::vector<fwu_log_file> files;
-    if (fwu_log_list(state.log.directory, files) != 0)
-        return FWU_FAILED;
-    fwu_found result = files.empty() ? FWU_END : FWU_FOUND;
-    fwu_cursor &cursor = state.log.cursor;
-    uint64_t counted = 0;
-    bool damaged = false;
-    size_t first = files.size();
-    do {
-        if (first == 0)
-            break;
-        uint64_t transactions = 0;
-        const fwu_found found = count_file(cursor, files[--first], transactions);
-        if (found == FWU_FAILED || found == FWU_GONE)
-            return found;
-        const bool newest = first + 1 == files.size();
-        if (found == FWU_DAMAGED && !newest) {
-            fwu_log_damage(cursor);
-            result = FWU_DAMAGED;
-            first++;
-            break;
-        }
-        counted += transactions;
-        damaged = damaged || found == FWU_DAMAGED;
-    } while (counted < asked);
-    state.skip = counted - std::min(asked, counted);
-    // What is damaged in the newest file is reported when reading gets there.
-    state.wanted = damaged ? UINT64_MAX : counted - state.skip;
-    if (first == files.size())
-        return result;
-    const fwu_found opened = fwu_log_open(cursor, files[first]);
-    return opened == FWU_FOUND ? result : opened;
-}
 
 // Layouts are learned from transactions that are passed over, too.
 static int pass_over(tail_state &state, const fwu_walk_item &item)
@@ -141,13 +112,11 @@ static outcome take_transaction(tail_state &state)
 
 static outcome tail(tail_state &state)
 {
-    fwu_found start = FWU_GONE;
-    while (start == FWU_GONE)
-        start = find_start(state);
-    if (start == FWU_FAILED)
+    const fwlog_tail_start last = fwlog_tail_open(state.log, options.transactions);
+    if (last.found == FWU_FAILED)
         return OUTCOME_FAILED;
-    if (options.follow)
-        state.wanted = UINT64_MAX;
+    state.skip = last.skip;
+    state.wanted = options.follow ? UINT64_MAX : last.wanted;
     outcome done;
     while (done) {
         if (fwu_stop != 0)
@@ -166,18 +135,14 @@ static outcome tail(tail_state &state)
     }
     if (!done)
         return done;
-    return fwlog_told(start != FWU_DAMAGED);
+    return fwlog_told(last.found != FWU_DAMAGED);
 }
 
-static outcome run()
+static outcome run_text(const std::string &directory)
 {
-    fwu_reader_config config;
-    if (fwu_config_read(config, options.cfg) != 0)
-        return OUTCOME_FAILED;
     tail_state state;
     state.printer.hex = options.hex;
-    state.log.directory = config.log_directory;
-    const fwu_signals signals;
+    state.log.directory = directory;
     if (options.follow)
         fwu_watch_open(state.watch, state.log.directory);
     outcome done = tail(state);
@@ -186,17 +151,86 @@ static outcome run()
     return done;
 }
 
+// Begins the range where the last transactions begin.
+static fwlog_tail_start begin_range(const std::string &directory)
+{
+    fwu_log log;
+    log.directory = directory;
+    fwlog_tail_start last = fwlog_tail_open(log, options.transactions);
+    fwu_cursor &cursor = log.cursor;
+    for (uint64_t i = 0; i < last.skip && last.found != FWU_FAILED; i++)
+        if (fwu_cursor_next(cursor) != FWU_FOUND)
+            last.found = FWU_FAILED; // it was there a moment ago
+    const fwu_log_file &file = cursor.file;
+    if (last.skip > 0)
+        fwlog_selected.after = {file.generation, file.sequence, cursor.tx_last_tag};
+    else
+        fwlog_selected.from = {file.generation, file.sequence, 0};
+    fwu_cursor_close(cursor);
+    return last;
+}
+
+static outcome run_json(const std::string &directory)
+{
+    const fwlog_selection &selected = fwlog_selected;
+    const bool begun = selected.after.sequence != 0 || selected.from.sequence != 0;
+    if (begun && options.counted)
+        return cli_usage("give only one of -n, --after and --from", "-n");
+    fwlog_json_run how;
+    how.follow = options.follow;
+    fwlog_tail_start last;
+    if (!begun) {
+        last = begin_range(directory);
+        if (last.found == FWU_FAILED)
+            return OUTCOME_FAILED;
+        if (!options.follow)
+            how.transactions = last.wanted;
+    }
+    change_reader reader;
+    if (outcome opened = fwlog_open_selected(reader, options.cfg); !opened)
+        return opened;
+    outcome done = fwlog_json_put(reader, how);
+    if (!done)
+        return done;
+    return fwlog_told(last.found != FWU_DAMAGED);
+}
+
+static outcome run()
+{
+    if (outcome checked = fwlog_json_check(options.hex, FWLOG_TEXT_WHOLE); !checked)
+        return checked;
+    fwu_reader_config config;
+    if (fwu_config_read(config, options.cfg) != 0)
+        return OUTCOME_FAILED;
+    const fwu_signals signals;
+    return fwlog_json.wanted ? run_json(config.log_directory) : run_text(config.log_directory);
+}
+
 static const char help[] =
     "Usage: fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
+    "                  [--json [--source-names] [--numbers text|json] [--dset PATTERN ...]\n"
+    "                  [--from POSITION] [--to POSITION] [--after POSITION]]\n"
     "\n"
-    "Prints the entries of the last transactions of the forward log, as dump does.\n"
+    "Prints the entries of the last transactions of the forward log, as dump does, or the\n"
+    "changes in them as JSON, an object a line.\n"
     "\n"
-    "  -cfg FILE  configuration file (else the one named by FWUTIL_CFG, else\n"
-    "             fwutil.cfg), which names the log directory\n"
-    "  -f         go on with each transaction that is committed, until SIGINT or SIGTERM\n"
-    "  -n N       number of transactions (10 when not given; 0 with -f: new ones only)\n"
-    "  --hex      print record images as hexadecimal bytes instead of values\n"
-    "  --help     print this\n"
+    "  -cfg FILE            configuration file (else the one named by FWUTIL_CFG, else\n"
+    "                       fwutil.cfg), which names the log directory\n"
+    "  -f                   go on with each transaction that is committed, until SIGINT or\n"
+    "                       SIGTERM\n"
+    "  -n N                 number of transactions (10 when not given; 0 with -f: new ones\n"
+    "                       only)\n"
+    "  --hex                print record images as hexadecimal bytes instead of values\n"
+    "  --json               print changes as JSON; all below needs it\n"
+    "  --source-names       name values by the source's columns instead of items\n"
+    "  --numbers text|json  integers and decimals as strings, or as numbers (if not given)\n"
+    "  --dset PATTERN       only datasets that match, as with Kestro's -dset; more than one\n"
+    "                       may be given\n"
+    "  --from POSITION      instead of -n: begin with this log file or entry (\"25\",\n"
+    "                       \"1-25.340\")\n"
+    "  --to POSITION        end with that log file or entry\n"
+    "  --after POSITION     instead of -n: begin behind this entry\n"
+    "  --help               print this\n"
     "\n"
     "Exit status: 0 done; 1 error or damage; 2 wrong command line; 128 + signal number\n"
     "when SIGINT or SIGTERM ended it behind a whole transaction.\n";
