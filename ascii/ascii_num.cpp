@@ -4,13 +4,11 @@
 #include "ascii/ascii_digits.h"
 #include "ascii/ascii_flags.h"
 #include "ascii/ascii_float.h"
+#include "ascii/ascii_width.h"
 
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
-
-// First column that the zero-filled form of an integer fills.
-constexpr int ZERO_FILL_FROM = 7;
 
 template <typename T> static T load(uint32_t flags, const unsigned char *element)
 {
@@ -49,7 +47,7 @@ void put_ascii_e4(uint32_t flags, char *column, int32_t width, const unsigned ch
 }
 
 // Writes the digits of value leftwards from the last column; with zero_fill, "0"s
-// follow as far as ZERO_FILL_FROM; then the sign, then blanks.
+// follow as far as ASCII_ZERO_FILL_FROM; then the sign, then blanks.
 template <typename T> static void put_integer(T value, bool zero_fill, char *column, int32_t width)
 {
     // The absolute value of the most negative number has a place here.
@@ -58,7 +56,7 @@ template <typename T> static void put_integer(T value, bool zero_fill, char *col
     const auto bits = static_cast<magnitude>(value);
     char *first = digits_before(column + width, negative ? magnitude{0} - bits : bits);
     auto at = first - column;
-    while (zero_fill && at > ZERO_FILL_FROM)
+    while (zero_fill && at > ASCII_ZERO_FILL_FROM)
         column[--at] = '0';
     if (negative)
         column[--at] = '-';

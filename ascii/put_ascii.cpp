@@ -5,6 +5,7 @@
 #include "ascii/ascii_flags.h"
 #include "ascii/ascii_num.h"
 #include "ascii/ascii_text.h"
+#include "ascii/ascii_width.h"
 #include "driver/base/dsetinfo.h"
 #include "driver/base/log.h"
 #include "driver/base/mem.h"
@@ -13,8 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-
-constexpr int UNSUPPORTED = -1; // width of a column that there is none for
 
 // Puts one element of size bytes into its column.
 using put_column = void (*)(uint32_t flags, char *column, int64_t width,
@@ -41,31 +40,30 @@ static void put_text(uint32_t flags, char *column, int64_t, const unsigned char 
 }
 
 // Columns of binary numbers, by element size; none for the sizes left out.
-constexpr int BINARY_SIZE_MAX = 8;
-constexpr column_form NO_COLUMN = {nullptr, UNSUPPORTED};
-using binary_columns = column_form[BINARY_SIZE_MAX + 1];
+constexpr column_form NO_COLUMN = {nullptr, ASCII_NO_COLUMN};
+using binary_columns = column_form[ASCII_BINARY_SIZE_MAX + 1];
 // clang-format off
 static constexpr binary_columns float_columns = {
     NO_COLUMN, NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_binary<put_ascii_e2>, 15},
+    {put_binary<put_ascii_e2>, ascii_float_widths[4]},
     NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_binary<put_ascii_e4>, 25},
+    {put_binary<put_ascii_e4>, ascii_float_widths[8]},
 };
 static constexpr binary_columns signed_columns = {
     NO_COLUMN, NO_COLUMN,
-    {put_binary<put_ascii_i1>, 14},
+    {put_binary<put_ascii_i1>, ascii_signed_widths[2]},
     NO_COLUMN,
-    {put_binary<put_ascii_i2>, 14},
+    {put_binary<put_ascii_i2>, ascii_signed_widths[4]},
     NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_binary<put_ascii_i4>, 30},
+    {put_binary<put_ascii_i4>, ascii_signed_widths[8]},
 };
 static constexpr binary_columns unsigned_columns = {
     NO_COLUMN, NO_COLUMN,
-    {put_binary<put_ascii_k1>, 15},
+    {put_binary<put_ascii_k1>, ascii_unsigned_widths[2]},
     NO_COLUMN,
-    {put_binary<put_ascii_k2>, 15},
+    {put_binary<put_ascii_k2>, ascii_unsigned_widths[4]},
     NO_COLUMN, NO_COLUMN, NO_COLUMN,
-    {put_binary<put_ascii_k4>, 30},
+    {put_binary<put_ascii_k4>, ascii_unsigned_widths[8]},
 };
 // clang-format on
 
@@ -78,16 +76,22 @@ struct letter_row {
     int32_t more;
 };
 
+static constexpr letter_row sized_letter(put_column put, uint32_t letter)
+{
+    const ascii_letter_width width = ascii_letter_width_of(letter);
+    return {nullptr, put, width.per_byte, width.more};
+}
+
 static constexpr std::array<letter_row, 256> make_letters()
 {
     std::array<letter_row, 256> rows = {};
     for (letter_row &row : rows)
-        row = {nullptr, put_text, 1, 0};
+        row = sized_letter(put_text, 'X');
     rows['E'] = rows['R'] = {float_columns, nullptr, 0, 0};
     rows['I'] = rows['J'] = {signed_columns, nullptr, 0, 0};
     rows['K'] = {unsigned_columns, nullptr, 0, 0};
-    rows['P'] = {nullptr, put_ascii_p, 2, 0};
-    rows['Z'] = {nullptr, put_ascii_z, 1, 1};
+    rows['P'] = sized_letter(put_ascii_p, 'P');
+    rows['Z'] = sized_letter(put_ascii_z, 'Z');
     return rows;
 }
 
@@ -99,7 +103,7 @@ static column_form find_column(const dsetitem *item)
     const letter_row &row = letters[letter < letters.size() ? letter : 0];
     const int64_t size = item->size;
     if (row.by_size != nullptr)
-        return row.by_size[size >= 0 && size <= BINARY_SIZE_MAX ? size : 0];
+        return row.by_size[size >= 0 && size <= ASCII_BINARY_SIZE_MAX ? size : 0];
     if (size < 0)
         return NO_COLUMN; // from a broken layout only
     return {row.put, row.per_byte * size + row.more};
@@ -179,13 +183,13 @@ static int put_item(uint32_t flags, char **buffer, int32_t *bufsize, const dseti
     if (item->count <= 0)
         return 0;
     // Kept: an unsupported element takes the width of the column before it.
-    if (form.width != UNSUPPORTED)
+    if (form.width != ASCII_NO_COLUMN)
         walk.last_width = form.width;
     const int64_t width = walk.last_width * item->count;
     int rc = check_buf(buffer, walk.length, bufsize, width);
     if (rc != 0)
         return rc;
-    if (form.width == UNSUPPORTED)
+    if (form.width == ASCII_NO_COLUMN)
         rc = refuse_item(item, *buffer + walk.length, width);
     else
         put_elements(flags, item, form, *buffer + walk.length, bytes + walk.consumed,
@@ -213,7 +217,7 @@ int put_ascii(uint32_t flags, char **buffer, int32_t *length, int32_t *bufsize, 
             break;
         }
         const column_form form = find_column(item);
-        if (item->count == 1 && form.width != UNSUPPORTED && walk.length + form.width <= size) {
+        if (item->count == 1 && form.width != ASCII_NO_COLUMN && walk.length + form.width <= size) {
             // Nearly every item: one element, with room for its column.
             form.put(flags, text + walk.length, form.width, bytes + walk.consumed, item->size);
             walk = {walk.consumed + item->size, walk.length + static_cast<int32_t>(form.width),

@@ -4,20 +4,14 @@
 #define CAPTURE_CAPFIL_H
 
 #include "ascii/ascii_flags.h"
+#include "capture/hdrlayout.h"
 #include "driver/base/dsetinfo.h"
 
 #include <cstdint>
 
 struct cap_format;
 struct ebmf;
-struct hdritem;
 struct slist;
-
-// Header options.
-constexpr uint32_t HDR_EXTHDR = 1; // -exthdr
-constexpr uint32_t HDR_YYYY = 2;   // -yyyy
-constexpr uint32_t HDR_RECNUM = 4; // -recnum
-constexpr uint32_t HDR_FGA = 8;    // -fga
 
 // Bytes of a fresh record buffer behind the header.
 constexpr int RECBUF_ROOM = 256;

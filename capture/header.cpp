@@ -146,34 +146,26 @@ static const char *recnum_text(value_buf &buf, const capfil *, const log_record 
     return record == nullptr ? nullptr : zero_filled(buf, record->recnum, 15);
 }
 
-// What an item kind is: its width and what fills it.
-struct hdrkind_row {
-    int32_t width;
-    const char *(*text)(value_buf &buf, const capfil *cf, const log_record *record);
-};
+// What fills an item, by its kind.
+using put_text = const char *(*)(value_buf &buf, const capfil *cf, const log_record *record);
 
-static const hdrkind_row hdrkinds[HDRKINDS] = {
+static constexpr put_text texts[HDRKINDS] = {
     // clang-format off
-    /* HDRKIND_NONE     */ {0,  nullptr},
-    /* HDRKIND_SEQUENCE */ {6,  sequence_text},
-    /* HDRKIND_DBNAME   */ {24, dbname_text},
-    /* HDRKIND_DBFGA    */ {24, dbfga_text},
-    /* HDRKIND_DSETNAME */ {16, dsetname_text},
-    /* HDRKIND_DATE4    */ {16, date4_text},
-    /* HDRKIND_DATE2    */ {14, date2_text},
-    /* HDRKIND_OP       */ {2,  op_text},
-    /* HDRKIND_PROG     */ {24, prog_text},
-    /* HDRKIND_SESSION  */ {8,  session_text},
-    /* HDRKIND_DBUSER   */ {24, dbuser_text},
-    /* HDRKIND_PID      */ {6,  pid_text},
-    /* HDRKIND_RECNUM   */ {15, recnum_text},
+    /* HDRKIND_NONE     */ nullptr,
+    /* HDRKIND_SEQUENCE */ sequence_text,
+    /* HDRKIND_DBNAME   */ dbname_text,
+    /* HDRKIND_DBFGA    */ dbfga_text,
+    /* HDRKIND_DSETNAME */ dsetname_text,
+    /* HDRKIND_DATE4    */ date4_text,
+    /* HDRKIND_DATE2    */ date2_text,
+    /* HDRKIND_OP       */ op_text,
+    /* HDRKIND_PROG     */ prog_text,
+    /* HDRKIND_SESSION  */ session_text,
+    /* HDRKIND_DBUSER   */ dbuser_text,
+    /* HDRKIND_PID      */ pid_text,
+    /* HDRKIND_RECNUM   */ recnum_text,
     // clang-format on
 };
-
-int32_t cap_header_item_size(int32_t kind)
-{
-    return kind < 0 || kind >= HDRKINDS ? 0 : hdrkinds[kind].width;
-}
 
 int32_t cap_add_header_item(capfil *cf, int *count, int32_t offset, int32_t kind)
 {
@@ -192,21 +184,9 @@ int32_t cap_setup_header(capfil *cf, uint32_t hdropts)
 {
     int count = 0;
     int32_t size = 0;
-    const auto add = [&](int32_t kind) { size += cap_add_header_item(cf, &count, size, kind); };
-
-    add(HDRKIND_SEQUENCE);
-    add((hdropts & HDR_FGA) != 0 ? HDRKIND_DBFGA : HDRKIND_DBNAME);
-    add(HDRKIND_DSETNAME);
-    add((hdropts & HDR_YYYY) != 0 ? HDRKIND_DATE4 : HDRKIND_DATE2);
-    add(HDRKIND_OP);
-    if ((hdropts & HDR_EXTHDR) != 0) {
-        add(HDRKIND_PROG);
-        add(HDRKIND_SESSION);
-        add(HDRKIND_DBUSER);
-        add(HDRKIND_PID);
-    }
-    if ((hdropts & HDR_RECNUM) != 0)
-        add(HDRKIND_RECNUM);
+    const hdrkinds_of kinds = cap_header_kinds(hdropts);
+    for (size_t i = 0; i < kinds.n; i++)
+        size += cap_add_header_item(cf, &count, size, kinds.kind[i]);
 
     cf->hdropts = hdropts;
     logmsg(LOG_VERBOSE, "Setup capture file %s header, size=%d", cf->name, size);
@@ -232,7 +212,7 @@ void cap_header_put_item(capfil *cf, const hdritem *item, const log_record *reco
     value_buf buf;
     const char *text = nullptr;
     if (item->kind > HDRKIND_NONE && item->kind < HDRKINDS)
-        text = hdrkinds[item->kind].text(buf, cf, record);
+        text = texts[item->kind](buf, cf, record);
     cap_header_put_value(cf, text == nullptr ? "" : text, item);
 }
 

@@ -3,38 +3,13 @@
 #ifndef CAPTURE_HEADER_H
 #define CAPTURE_HEADER_H
 
+#include "capture/hdrlayout.h"
+
 #include <cstdint>
 #include <ctime>
 
 struct capfil;
 struct log_record;
-
-// Header item kinds.
-enum hdrkind : int32_t {
-    HDRKIND_NONE,
-    HDRKIND_SEQUENCE, // records of this file before this one
-    HDRKIND_DBNAME,   // database name
-    HDRKIND_DBFGA,    // database name in its three-part form
-    HDRKIND_DSETNAME, // dataset name
-    HDRKIND_DATE4,    // local date and time, 4-digit year
-    HDRKIND_DATE2,    // local date and time, 2-digit year
-    HDRKIND_OP,       // operation code
-    HDRKIND_PROG,     // program
-    HDRKIND_SESSION,  // session user
-    HDRKIND_DBUSER,   // database user
-    HDRKIND_PID,      // process id
-    HDRKIND_RECNUM,   // log record number
-    HDRKINDS
-};
-
-struct hdritem {
-    int32_t kind;   // one of hdrkind
-    int32_t offset; // byte position in the header
-    int32_t size;   // bytes; fixed by the kind
-};
-
-// Width of a kind in bytes; 0 for kind 0 and unknown kinds.
-int32_t cap_header_item_size(int32_t kind);
 
 // Appends an item at offset, counts it in count and returns its width.
 int32_t cap_add_header_item(capfil *cf, int *count, int32_t offset, int32_t kind);
