@@ -1,0 +1,26 @@
+// Values as they stand in statements, whatever bytes they have.
+#ifndef CHANGES_SQL_LITERAL_H
+#define CHANGES_SQL_LITERAL_H
+
+#include "changes/change.h"
+#include "changes/sql_table.h"
+
+#include <string>
+#include <string_view>
+
+// What the making of literals keeps from value to value.
+struct sql_work {
+    std::string digits;
+    std::string text;
+};
+
+// Appends the literal of a column's value in an image; NULL where it is null.  False: the
+// bytes there are no value of the column, which has to be told.
+bool sql_put_value(std::string &out, sql_work &work, const sql_table &table,
+                   const sql_column &column, const unsigned char *image);
+
+// What is wrong with bytes that are no value.
+std::string sql_no_value(const sql_table &table, const sql_column &column,
+                         const unsigned char *image);
+
+#endif
