@@ -12,6 +12,7 @@ extern const cli_command fwlog_postgresql_row;
 extern const cli_command fwlog_dump_row;
 extern const cli_command fwlog_tail_row;
 extern const cli_command fwlog_layout_row;
+extern const cli_command fwlog_sql_row;
 extern const cli_command fwlog_verify_row;
 extern const cli_command fwlog_info_row;
 extern const cli_command fwlog_repair_row;
