@@ -27,7 +27,8 @@ struct feed_type {
 struct feed_column {
     std::string name;
     feed_type type;
-    std::string value; // FEED_DIGITS: its digits as written; FEED_TEXT: UTF-8; else empty
+    std::string type_name = {}; // as the source writes it; empty: its rows do not tell
+    std::string value;          // FEED_DIGITS: its digits as written; FEED_TEXT: UTF-8; else empty
     feed_kind kind = FEED_NULL;
 };
 

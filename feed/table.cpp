@@ -88,6 +88,7 @@ static outcome measure(feed_table &table, const fwu_config &config)
             return outcome_bad(where + ": the record image is longer than 2 GB");
     }
     table.image_length = static_cast<int32_t>(offset);
+    table.layout = dataset.layout;
 
     if (dataset.null_map < 0)
         return {};
@@ -193,6 +194,15 @@ static bool same_columns(const feed_map &map, const feed_row &row)
     return true;
 }
 
+bool feed_feeds(const feed_table &table, const std::string &column, const std::string &name,
+                size_t item)
+{
+    if (static_cast<int>(item) == table.dataset->null_map)
+        return false;
+    return table.own == nullptr ? table.dataset->layout.items[item].name == name
+                                : table.own_columns[item] == column;
+}
+
 static outcome map_column(feed_map &map, const feed_table &table, const feed_row &row,
                           size_t column, bool &fed)
 {
@@ -200,9 +210,7 @@ static outcome map_column(feed_map &map, const feed_table &table, const feed_row
     const std::vector<fwu_item> &items = table.dataset->layout.items;
     const std::string name = feed_name(row.columns[column].name);
     for (size_t i = 0; i < items.size(); i++) {
-        if (static_cast<int>(i) == table.dataset->null_map ||
-            (table.own == nullptr ? items[i].name != name
-                                  : table.own_columns[i] != row.columns[column].name))
+        if (!feed_feeds(table, row.columns[column].name, name, i))
             continue;
         if (map.column_of_item[i] != FEED_NO_COLUMN)
             return outcome_bad(feed_column_name(table, row.columns[column]) + ": item " + name +

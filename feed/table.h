@@ -21,9 +21,26 @@ struct feed_map {
     std::vector<int> column_of_item; // index into the row, or FEED_NO_COLUMN
 };
 
+// A table as its source describes it.
+struct feed_told_column {
+    std::string name;
+    std::string type; // as the source writes it; empty: not known
+    bool operator==(const feed_told_column &) const = default;
+};
+struct feed_told {
+    std::string schema;
+    std::string table;
+    std::vector<feed_told_column> columns; // in the table's order
+    std::vector<std::string> key;          // columns of the primary key, in its order
+    bool operator==(const feed_told &) const = default;
+};
+
 struct feed_table {
     std::string name;                     // "sales.orders"
     const fwu_dataset *dataset = nullptr; // null: left out of the log on purpose
+    fwu_layout layout;                    // the dataset's, and where it comes from
+    feed_told told;                       // what layout.source was made from
+    bool key_told = false;                // that the configuration's key was not taken
     std::unique_ptr<fwu_dataset> own;     // the dataset, when its items are not configured
     std::vector<std::string> own_columns; // then: which column feeds each item
     std::vector<int64_t> offsets;         // of each item in the image
@@ -59,6 +76,10 @@ const fwu_dataset *feed_configured(const fwu_config &config, std::string_view sc
 // OUTCOME_BAD when another table feeds a dataset of this name; table then stays as it is.
 outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::string &name,
                        fwu_dataset dataset, std::vector<std::string> columns);
+
+// Whether a column feeds an item; name is the column's as feed_name makes it.
+bool feed_feeds(const feed_table &table, const std::string &column, const std::string &name,
+                size_t item);
 
 // Whether a dataset can bear the table's name.
 outcome feed_check_name(const fwu_config &config, const std::string &name, std::string_view schema,

@@ -126,10 +126,10 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
     const int32_t opcode = old == nullptr     ? FWU_OP_INSERT
                            : fresh == nullptr ? FWU_OP_DELETE
                                               : FWU_OP_UPDATE;
-    if (!begin_in_log(tx) || fwu_writer_record(tx.writer, opcode, table.dataset->layout,
-                                               fwu_second_of(tx.commit.time_us), table.image_length,
-                                               old == nullptr ? nullptr : tx.before.data(),
-                                               fresh == nullptr ? nullptr : tx.after.data()) != 0)
+    if (!begin_in_log(tx) ||
+        fwu_writer_record(tx.writer, opcode, table.layout, fwu_second_of(tx.commit.time_us),
+                          table.image_length, old == nullptr ? nullptr : tx.before.data(),
+                          fresh == nullptr ? nullptr : tx.after.data()) != 0)
         return OUTCOME_FAILED;
     (opcode == FWU_OP_INSERT   ? tx.changes.inserts
      : opcode == FWU_OP_UPDATE ? tx.changes.updates

@@ -11,6 +11,8 @@
 // - A commit that feed_commit took may not be on disk yet.  A source that forgets what it is
 //   told is done is told so only up to fwu_writer_logged_lsn, and only after
 //   fwu_writer_acknowledge: then the next run refuses a log that ends before.
+// - What a source knows of a table's columns it says by feed_describe (feed/source.h) before the
+//   table's changes, and again when it may be something else; the log keeps it beside the layout.
 // - After a failure the transaction in hand is given up with feed_abandon.
 #ifndef FEED_TRANSACTION_H
 #define FEED_TRANSACTION_H

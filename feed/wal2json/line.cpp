@@ -22,6 +22,7 @@ enum member : unsigned {
     TABLE,
     COLUMNS,
     IDENTITY,
+    KEY,
     TRANSACTIONAL,
     PREFIX,
     CONTENT,
@@ -29,9 +30,9 @@ enum member : unsigned {
     OTHER = MEMBERS,
 };
 
-static const char *const member_names[MEMBERS] = {"action",        "xid",    "lsn",     "timestamp",
-                                                  "schema",        "table",  "columns", "identity",
-                                                  "transactional", "prefix", "content"};
+static constexpr std::string_view member_names[MEMBERS] = {
+    "action",  "xid",      "lsn", "timestamp",     "schema", "table",
+    "columns", "identity", "pk",  "transactional", "prefix", "content"};
 
 static constexpr unsigned bit(member m)
 {
@@ -108,7 +109,7 @@ struct handler {
 
     feed_row &row()
     {
-        return now == COLUMNS ? line.columns : line.identity;
+        return now == COLUMNS ? line.columns : now == IDENTITY ? line.identity : line.key;
     }
 
     bool fail(std::string text)
@@ -122,11 +123,11 @@ struct handler {
         if (at == BEFORE)
             return fail("is not a JSON object");
         if (at == IN_LINE)
-            return fail(std::string("member \"") + member_names[now] + "\" has the wrong type");
+            return fail("member \"" + std::string(member_names[now]) + "\" has the wrong type");
         if (at == IN_ROW)
-            return fail(std::string("an element of \"") + member_names[now] +
+            return fail("an element of \"" + std::string(member_names[now]) +
                         "\" is not an object");
-        return fail(std::string("a column in \"") + member_names[now] +
+        return fail("a column in \"" + std::string(member_names[now]) +
                     "\" has a name, type or value of the wrong type");
     }
 
@@ -142,7 +143,7 @@ struct handler {
         const unsigned table = bit(SCHEMA) | bit(TABLE);
         const bool known = named && (seen & table) == table;
         return fail((known ? line.schema + "." + line.table + "." + name
-                           : "column " + name + " in \"" + member_names[now] + "\"") +
+                           : "column " + name + " in \"" + std::string(member_names[now]) + "\"") +
                     " has a JSON " + what + " as its value: let the server send it as a text");
     }
 
@@ -162,10 +163,11 @@ struct handler {
         return true;
     }
 
-    // Messages outside a transaction have neither its id nor its time.
+    // Messages outside a transaction have neither its id nor its time, and a table may have
+    // no key.
     bool null()
     {
-        if (at == IN_LINE && (now == XID || now == LSN || now == TIMESTAMP)) {
+        if (at == IN_LINE && (now == XID || now == LSN || now == TIMESTAMP || now == KEY)) {
             seen &= ~bit(now);
             return true;
         }
@@ -225,10 +227,19 @@ struct handler {
         if (column_now == NAME)
             row().columns[row().count].name = text;
         else if (column_now == TYPE)
-            row().columns[row().count].type = type_of(text);
+            set_type(row().columns[row().count], text);
         else
             return column_value(FEED_TEXT, text);
         return true;
+    }
+
+    // Lines of a table mostly follow each other: the type is known from the line before.
+    static void set_type(feed_column &column, const std::string &name)
+    {
+        if (column.type_name == name)
+            return;
+        column.type_name = name;
+        column.type = type_of(name);
     }
 
     bool line_string(const std::string &text)
@@ -329,9 +340,10 @@ struct handler {
         if (at == IN_LINE)
             return true;
         at = IN_ROW;
-        if (column_seen != (NAME | TYPE | VALUE))
-            return fail("a column in \"" + std::string(member_names[now]) +
-                        "\" lacks its name, type or value");
+        const unsigned needs = now == KEY ? unsigned{NAME} : NAME | TYPE | VALUE;
+        if ((column_seen & needs) != needs)
+            return fail("a column in \"" + std::string(member_names[now]) + "\" lacks its " +
+                        (now == KEY ? "name" : "name, type or value"));
         row().count++;
         return true;
     }
@@ -342,7 +354,7 @@ struct handler {
             skip++;
             return true;
         }
-        if (at != IN_LINE || (now != COLUMNS && now != IDENTITY))
+        if (at != IN_LINE || (now != COLUMNS && now != IDENTITY && now != KEY))
             return no_value("array");
         at = IN_ROW;
         row().present = true;
@@ -388,6 +400,8 @@ static void clear_line(w2j_line &line)
     line.columns.count = 0;
     line.identity.present = false;
     line.identity.count = 0;
+    line.key.present = false;
+    line.key.count = 0;
 }
 
 static outcome check_members(const w2j_line &line, unsigned seen)
@@ -399,7 +413,7 @@ static outcome check_members(const w2j_line &line, unsigned seen)
             continue;
         for (unsigned m = 0; m < MEMBERS; m++) {
             if (row.needs & ~seen & bit(static_cast<member>(m)))
-                return outcome_bad(std::string("member \"") + member_names[m] + "\" is missing" +
+                return outcome_bad("member \"" + std::string(member_names[m]) + "\" is missing" +
                                    member_option(static_cast<member>(m)));
         }
         return {};

@@ -19,6 +19,7 @@ struct w2j_line {
     std::string table;          // I, U, D, T
     feed_row columns;           // I, U: the new row
     feed_row identity;          // U, D: the old row
+    feed_row key;               // I, U, D: names of the primary key's columns, if they are told
     bool transactional = false; // M
     std::string prefix;         // M
     std::string content;        // M

@@ -4,6 +4,7 @@
 
 #include "feed/stamp.h"
 #include "feed/text.h"
+#include "feed/wal2json/columns.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 
@@ -78,6 +79,7 @@ static outcome take_change(w2j_stream &stream)
         return outcome_bad(feed_truncated_text(*table));
     if (line.action != 'I' && !line.identity.present)
         return outcome_bad(feed_no_old_row_text(*table));
+    w2j_describe(*table, *stream.tables.config, line, stream.tx.work.notes);
     return feed_change(stream.tx, *table, line.action == 'D' ? nullptr : &line.columns,
                        line.action == 'I' ? nullptr : &line.identity);
 }

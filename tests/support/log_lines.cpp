@@ -45,6 +45,26 @@ static std::string change_line(const fwu_entry &entry)
            hex(change.before, change.reclen) + "|" + hex(change.after, change.reclen) + ">";
 }
 
+// "source SALES.ORDERS sales.orders null-map=2: no integer >0 #1; qty smallint >1"
+static std::string source_line(const fwu_entry &entry)
+{
+    fwu_layout_source of;
+    if (!fwu_entry_source(entry, of))
+        return "bad source";
+    std::string line =
+        "source " + of.dbname + "." + of.dsetname + " " + of.source.schema + "." + of.source.table;
+    if (of.source.null_map >= 0)
+        line += " null-map=" + std::to_string(of.source.null_map);
+    const char *between = ": ";
+    for (const fwu_source_column &column : of.source.columns) {
+        line += between + column.name + " " + column.type;
+        line += column.item < 0 ? "" : " >" + std::to_string(column.item);
+        line += column.key == 0 ? "" : " #" + std::to_string(column.key);
+        between = "; ";
+    }
+    return line;
+}
+
 static std::string entry_line(const fwu_entry &entry)
 {
     fwu_layout layout;
@@ -54,6 +74,8 @@ static std::string entry_line(const fwu_entry &entry)
         if (!fwu_entry_layout(entry, layout))
             return "bad layout";
         return "layout " + layout.dbname + "." + layout.dsetname;
+    case FWU_KIND_SOURCE:
+        return source_line(entry);
     case FWU_KIND_SESSION:
         return session_line(entry);
     case FWU_KIND_COMMIT:

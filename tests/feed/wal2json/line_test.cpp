@@ -115,6 +115,45 @@ TEST(Wal2json, MembersThatNobodyNeedsAreLeftOutWhateverTheyHold)
     EXPECT_EQ(line.columns.columns[0].value, "v");
 }
 
+TEST(Wal2json, KeyIsTheNamesOfItsColumns)
+{
+    w2j_line line;
+    ASSERT_TRUE(w2j_parse(line, R"({"action":"D","xid":7,"schema":"s","table":"t","identity":[],)"
+                                R"("pk":[{"name":"b","type":"integer"},{"type":"text","name":"a"},)"
+                                R"({"name":"c"}]})"));
+    ASSERT_EQ(line.key.count, 3U);
+    EXPECT_EQ(line.key.columns[0].name, "b");
+    EXPECT_EQ(line.key.columns[1].name, "a");
+    EXPECT_EQ(line.key.columns[2].name, "c");
+    // Of the line before nothing is left.
+    ASSERT_TRUE(w2j_parse(line, R"({"action":"D","xid":7,"schema":"s","table":"t"})"));
+    EXPECT_EQ(line.key.count, 0U);
+    EXPECT_FALSE(line.key.present);
+    ASSERT_TRUE(w2j_parse(line, R"({"action":"D","xid":7,"schema":"s","table":"t","pk":null})"));
+    EXPECT_EQ(line.key.count, 0U);
+    EXPECT_EQ(error_of(R"({"pk":[{"type":"integer"}]})"), "a column in \"pk\" lacks its name");
+    EXPECT_EQ(error_of(R"({"pk":"a"})"), "member \"pk\" has the wrong type");
+    EXPECT_EQ(error_of(R"({"pk":["a"]})"), "an element of \"pk\" is not an object");
+    EXPECT_EQ(error_of(R"({"pk":[],"pk":[]})"), "member \"pk\" is given twice");
+}
+
+TEST(Wal2json, TypeOfAColumnIsThatOfItsOwnLine)
+{
+    w2j_line line;
+    const auto type_in = [&](const char *type) {
+        EXPECT_TRUE(w2j_parse(line, R"({"action":"I","xid":7,"schema":"s","table":"t","columns":[)"
+                                    R"({"name":"a","type":")" +
+                                        std::string(type) + R"(","value":null}]})"));
+        EXPECT_EQ(line.columns.columns[0].type_name, type);
+        return line.columns.columns[0].type.whole;
+    };
+    EXPECT_EQ(type_in("boolean"), FEED_BOOLEAN);
+    EXPECT_EQ(type_in("boolean"), FEED_BOOLEAN);
+    EXPECT_EQ(type_in("text"), FEED_WORDS);
+    EXPECT_EQ(type_in(""), FEED_PLAIN);
+    EXPECT_EQ(type_in("boolean"), FEED_BOOLEAN);
+}
+
 TEST(Wal2json, MessageLineGivesPrefixAndContent)
 {
     const w2j_line line = parsed(R"({"action":"M","xid":1,"transactional":true,)"

@@ -32,6 +32,9 @@ static std::string message(int xid, const char *content, const char *prefix = "s
            transactional + R"(,"prefix":")" + prefix + R"(","content":")" + content + R"("})";
 }
 
+// Where the records of its table come from.
+static const char source_line[] = "source SALES.ORDERS sales.orders: a text >0";
+
 static std::string row(const char *value)
 {
     return std::string(R"([{"name":"a","type":"text","value":")") + value + R"("}])";
@@ -103,7 +106,7 @@ TEST_F(FwlogStream, TransactionReachesTheLogAtItsEnd)
     EXPECT_THAT(log(), ElementsAre());
     EXPECT_EQ(take({commit(7, "0/A")}), "");
     EXPECT_THAT(log(), ElementsAre("session | <xid=7> <lsn=0/A>", "layout SALES.ORDERS",
-                                   "insert SALES.ORDERS 1 1 <|6E20>",
+                                   source_line, "insert SALES.ORDERS 1 1 <|6E20>",
                                    "update SALES.ORDERS 1 2 <6E20|6F20>",
                                    "delete SALES.ORDERS 1 3 <6F20|>", "commit 1500000 7 10"));
     EXPECT_EQ(stream.tx.totals.transactions, 1U);
@@ -130,7 +133,7 @@ TEST_F(FwlogStream, SessionOfOneTransactionIsNotThatOfTheNext)
         "");
     const std::vector<std::string> lines = log();
     EXPECT_EQ(lines.at(0), "session pid=<12> | <pid=12> <xid=7> <lsn=0/A>");
-    EXPECT_EQ(lines.at(4), "session | <xid=8> <lsn=0/B>");
+    EXPECT_EQ(lines.at(5), "session | <xid=8> <lsn=0/B>");
 }
 
 TEST(FwlogSession, PartsWithoutKeyOrOfOtherKeysAreDataOnly)
@@ -191,14 +194,14 @@ TEST_F(FwlogStream, ASessionBehindTheFirstChangeCountsFromThereOnAndIsToldOnce)
               change('I', 9, "i", nullptr), commit(9, "0/C")}),
         "");
     EXPECT_THAT(
-        log(),
-        ElementsAre(
-            "session | <xid=7> <lsn=0/A>", "layout SALES.ORDERS", "insert SALES.ORDERS 1 1 <|6E20>",
-            "session pid=<2> | <pid=2> <xid=7> <lsn=0/A>", "insert SALES.ORDERS 1 2 <|6D20>",
-            "commit 1500000 7 10", "session pid=<3> | <pid=3> <xid=8> <lsn=0/B>",
-            "insert SALES.ORDERS 1 3 <|6B20>", "session pid=<4> | <pid=4> <xid=8> <lsn=0/B>",
-            "insert SALES.ORDERS 1 4 <|6A20>", "commit 1500000 8 11", "session | <xid=9> <lsn=0/C>",
-            "insert SALES.ORDERS 1 5 <|6920>", "commit 1500000 9 12"));
+        log(), ElementsAre(
+                   "session | <xid=7> <lsn=0/A>", "layout SALES.ORDERS", source_line,
+                   "insert SALES.ORDERS 1 1 <|6E20>", "session pid=<2> | <pid=2> <xid=7> <lsn=0/A>",
+                   "insert SALES.ORDERS 1 2 <|6D20>", "commit 1500000 7 10",
+                   "session pid=<3> | <pid=3> <xid=8> <lsn=0/B>", "insert SALES.ORDERS 1 3 <|6B20>",
+                   "session pid=<4> | <pid=4> <xid=8> <lsn=0/B>", "insert SALES.ORDERS 1 4 <|6A20>",
+                   "commit 1500000 8 11", "session | <xid=9> <lsn=0/C>",
+                   "insert SALES.ORDERS 1 5 <|6920>", "commit 1500000 9 12"));
     EXPECT_THAT(stream.tx.work.notes,
                 ElementsAre("transaction 7: a session message comes behind the first change and "
                             "counts from there on (this is told once)"));
@@ -299,8 +302,9 @@ TEST_F(FwlogStream, WrongLineLoadsNothingOfItsTransaction)
                   wrong.error)
             << wrong.line;
         EXPECT_EQ(number, 6U) << wrong.line;
-        EXPECT_THAT(log(), ElementsAre("session | <xid=6> <lsn=0/A>", "layout SALES.ORDERS",
-                                       "insert SALES.ORDERS 1 1 <|6E20>", "commit 1500000 6 10"))
+        EXPECT_THAT(log(),
+                    ElementsAre("session | <xid=6> <lsn=0/A>", "layout SALES.ORDERS", source_line,
+                                "insert SALES.ORDERS 1 1 <|6E20>", "commit 1500000 6 10"))
             << wrong.line;
         EXPECT_EQ(stream.tx.totals.transactions, 1U);
         EXPECT_EQ(stream.tx.totals.inserts, 1U);
@@ -326,8 +330,8 @@ TEST_F(FwlogStream, CommitTimeIsUtcAndLogtimeItsFullSeconds)
               R"({"action":"C","xid":7,"lsn":"0/A",)" + stamp + "}"}),
         "");
     const std::vector<std::string> lines = log();
-    EXPECT_EQ(lines.at(2), "insert SALES.ORDERS -3602 1 <|6E20>");
-    EXPECT_EQ(lines.at(3), "commit -3601750000 7 10");
+    EXPECT_EQ(lines.at(3), "insert SALES.ORDERS -3602 1 <|6E20>");
+    EXPECT_EQ(lines.at(4), "commit -3601750000 7 10");
 }
 
 TEST_F(FwlogStream, TextsCutInATransactionThatIsNotLoadedDoNotCount)
@@ -341,4 +345,47 @@ TEST_F(FwlogStream, TextsCutInATransactionThatIsNotLoadedDoNotCount)
     feed_abandon(stream.tx);
     EXPECT_EQ(stream.tx.work.truncated, 1U);
     EXPECT_EQ(count_lines(log(), "insert "), 1U);
+}
+
+TEST_F(FwlogStream, SourceOfALayoutIsWhatTheLinesTellOfTheTable)
+{
+    config.datasets[0].layout.items = {item_of("ORDER-NO", 'I', 4), item_of("NULL-MAP", 'X', 2),
+                                       item_of("PRICE", 'P', 5, 1, 2)};
+    config.datasets[0].null_map = 1;
+    const std::string note = R"({"name":"note","type":"text","value":"x"})";
+    const auto line = [](char action, const std::string &fresh, const std::string &old = "") {
+        return std::string(R"({"action":")") + action +
+               R"(","xid":7,"schema":"sales","table":"orders")" +
+               (fresh.empty() ? "" : R"(,"columns":[)" + fresh + "]") +
+               (old.empty() ? "" : R"(,"identity":[)" + old + "]") +
+               R"(,"pk":[{"name":"order_no","type":"integer"}]})";
+    };
+    const std::string fixed = R"({"name":"order_no","type":"integer","value":1},)"
+                              R"~({"name":"price","type":"numeric(9,2)","value":1.00})~";
+    EXPECT_EQ(
+        take({begin(7, "0/A"), line('I', fixed + "," + note), line('U', fixed, fixed + "," + note),
+              line('D', "", fixed + "," + note), commit(7, "0/A")}),
+        "");
+    std::vector<std::string> lines = log();
+    ASSERT_EQ(lines.size(), 7U);
+    EXPECT_EQ(lines[2], "source SALES.ORDERS sales.orders null-map=1: "
+                        "order_no integer >0 #1; price numeric(9,2) >2; note text");
+
+    // The next run goes on in the same file, and finds the layout there.
+    close_log();
+    stream = {};
+    stream.tables.config = &config;
+    open_log();
+    EXPECT_EQ(take({begin(7, "0/B"), line('D', "", fixed + "," + note), commit(7, "0/B")}), "");
+    lines = log();
+    ASSERT_EQ(lines.size(), 10U);
+    EXPECT_TRUE(lines[8].starts_with("delete SALES.ORDERS")) << lines[8];
+
+    // A column goes: the layout comes again, its items being the same, with its new source.
+    EXPECT_EQ(take({begin(7, "0/C"), line('I', fixed), commit(7, "0/C")}), "");
+    lines = log();
+    ASSERT_EQ(lines.size(), 15U);
+    EXPECT_EQ(lines[11], "layout SALES.ORDERS");
+    EXPECT_EQ(lines[12], "source SALES.ORDERS sales.orders null-map=1: "
+                         "order_no integer >0 #1; price numeric(9,2) >2");
 }

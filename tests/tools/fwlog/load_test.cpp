@@ -218,8 +218,8 @@ TEST(FwlogLoad, ValueThatDoesNotFitStopsTheLoadBehindTheLastWholeTransaction)
     EXPECT_EQ(cut.status, 0);
     EXPECT_THAT(cut.out, HasSubstr(" 1 skipped as loaded before; log at 0/3\n"
                                    "fwlog: 1 texts cut to the length of their items\n"));
-    EXPECT_EQ(here.log().at(5).substr(0, 21), "insert SALES.ORDERS 1");
-    EXPECT_THAT(here.log().at(5), HasSubstr("<|746F6F20>"));
+    EXPECT_EQ(here.log().at(6).substr(0, 21), "insert SALES.ORDERS 1");
+    EXPECT_THAT(here.log().at(6), HasSubstr("<|746F6F20>"));
 }
 
 TEST(FwlogLoad, ConfigurationAndInputMustBeReadable)
