@@ -78,7 +78,7 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
     if (tx.skipping)
         return {};
     pgb_relation *relation = nullptr;
-    if (outcome found = pgb_find(relation, relations, message.relation_id); !found)
+    if (outcome found = pgb_find(relation, relations, message.relation_id, tx.work.notes); !found)
         return found;
     feed_table &table = *relation->table;
     if (table.dataset == nullptr)
@@ -101,14 +101,13 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
     return done;
 }
 
-static outcome take_truncate(const pgb_apply &apply, const feed_transaction &tx,
-                             pgb_relations &relations)
+static outcome take_truncate(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
     if (tx.skipping)
         return {};
     for (const uint32_t id : apply.message.truncated) {
         pgb_relation *relation = nullptr;
-        if (outcome found = pgb_find(relation, relations, id); !found)
+        if (outcome found = pgb_find(relation, relations, id, tx.work.notes); !found)
             return found;
         if (relation->table->dataset == nullptr)
             continue;

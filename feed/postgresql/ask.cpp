@@ -30,8 +30,18 @@ static bool connect(PGconn *connection, int64_t deadline_ms)
     return status == PGRES_POLLING_OK;
 }
 
-bool pgs_ask(const pgs_server &server, const PGconn *beside, const std::string &query,
-             std::string &value)
+// Waits for the next result, which is null behind the last one; false when time is up.
+static bool take_result(PGconn *connection, int64_t deadline_ms, pgs_result &result)
+{
+    while (PQisBusy(connection) != 0)
+        if (!wait_for(connection, POLLIN, deadline_ms) || PQconsumeInput(connection) != 1)
+            return false;
+    result.reset(PQgetResult(connection));
+    return true;
+}
+
+bool pgs_ask_rows(const pgs_server &server, const PGconn *beside, const std::string &query,
+                  pgs_result &rows)
 {
     const int64_t deadline = fwu_monotonic_ms() + PATIENCE_MS;
     const char *const address = PQhostaddr(beside);
@@ -48,11 +58,20 @@ bool pgs_ask(const pgs_server &server, const PGconn *beside, const std::string &
         !connect(connection.get(), deadline) || PQsetnonblocking(connection.get(), 1) != 0 ||
         PQsendQuery(connection.get(), query.c_str()) != 1 || PQflush(connection.get()) != 0)
         return false;
-    while (PQisBusy(connection.get()) != 0)
-        if (!wait_for(connection.get(), POLLIN, deadline) || PQconsumeInput(connection.get()) != 1)
+    pgs_result next;
+    do {
+        rows = std::move(next);
+        if (!take_result(connection.get(), deadline, next))
             return false;
-    const pgs_result result(PQgetResult(connection.get()));
-    if (PQresultStatus(result.get()) != PGRES_TUPLES_OK || PQntuples(result.get()) != 1)
+    } while (next != nullptr);
+    return PQresultStatus(rows.get()) == PGRES_TUPLES_OK;
+}
+
+bool pgs_ask(const pgs_server &server, const PGconn *beside, const std::string &query,
+             std::string &value)
+{
+    pgs_result result;
+    if (!pgs_ask_rows(server, beside, query, result) || PQntuples(result.get()) != 1)
         return false;
     value = pgs_value(result, 0, 0);
     return true;

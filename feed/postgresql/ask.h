@@ -1,4 +1,4 @@
-// Single values asked for beside the connections that are at work.
+// Values asked for beside the connections that are at work.
 #ifndef FEED_POSTGRESQL_ASK_H
 #define FEED_POSTGRESQL_ASK_H
 
@@ -7,8 +7,12 @@
 #include <cstdint>
 #include <string>
 
-// Asks for one value over a connection of its own, to the host that connection goes to.
-// False when it cannot be had within two seconds.
+// Asks for rows over a connection of its own, to the host that connection goes to; the last of
+// several commands gives them.  False when they cannot be had within two seconds.
+bool pgs_ask_rows(const pgs_server &server, const PGconn *connection, const std::string &query,
+                  pgs_result &rows);
+
+// The same for one value.
 bool pgs_ask(const pgs_server &server, const PGconn *connection, const std::string &query,
              std::string &value);
 

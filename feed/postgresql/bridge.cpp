@@ -3,6 +3,7 @@
 #include "feed/postgresql/bridge.h"
 
 #include "feed/backoff.h"
+#include "feed/postgresql/ask.h"
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/follow.h"
 #include "feed/postgresql/prepare.h"
@@ -146,6 +147,10 @@ static outcome set_up(bridge &b)
     b.server.publication = options.publication;
     b.server.timeout_ms = b.server.patience_ms = int64_t{1000} * options.timeout_s;
     b.relations.tables.config = &b.config;
+    b.relations.facts.ask = [&b](const std::string &query, pgs_result &rows) {
+        return pgs_ask_rows(b.server, b.server.replication.get(),
+                            "SET search_path = pg_catalog; " + query, rows);
+    };
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
     b.apply.ignore_truncate = options.ignore_truncate;
     b.state.slot = options.slot;

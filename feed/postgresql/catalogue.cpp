@@ -5,6 +5,7 @@
 #include "feed/text.h"
 
 #include <algorithm>
+#include <cstring>
 
 // OIDs of the built-in types, which are the same on every server.
 enum pg_type : uint32_t {
@@ -31,10 +32,14 @@ enum pg_type : uint32_t {
 constexpr int32_t MODIFIER_HEADER = 4; // added to lengths and precisions in a type modifier
 constexpr int32_t PACKED_DIGITS_MAX = fwu_item_digits('P', FWU_PACKED_SIZE_MAX);
 
+// What a modifier says of a type, and so where it stands in its name.
+enum modifier_kind { NO_MODIFIER, LENGTH, DIGITS, DECIMALS };
+
 struct type_row {
     uint32_t oid;
     const char *name;
     feed_type type = {};
+    modifier_kind modifier = NO_MODIFIER;
 };
 
 static constexpr type_row types[] = {
@@ -55,43 +60,86 @@ static constexpr type_row types[] = {
     {1005, "smallint[]"},
     {1007, "integer[]"},
     {1009, "text[]", {FEED_PLAIN, FEED_WORDS}},
-    {1014, "character[]", {FEED_PLAIN, FEED_FILLED_WORDS}},
-    {1015, "character varying[]", {FEED_WORDS, FEED_WORDS}},
+    {1014, "character[]", {FEED_PLAIN, FEED_FILLED_WORDS}, LENGTH},
+    {1015, "character varying[]", {FEED_WORDS, FEED_WORDS}, LENGTH},
     {1016, "bigint[]"},
     {1021, "real[]"},
     {1022, "double precision[]"},
-    {BPCHAR, "character", {FEED_FILLED_WORDS, FEED_FILLED_WORDS}},
-    {VARCHAR, "character varying", {FEED_WORDS, FEED_WORDS}},
+    {BPCHAR, "character", {FEED_FILLED_WORDS, FEED_FILLED_WORDS}, LENGTH},
+    {VARCHAR, "character varying", {FEED_WORDS, FEED_WORDS}, LENGTH},
     {DATE, "date"},
-    {TIME, "time without time zone"},
-    {TIMESTAMP, "timestamp without time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
-    {1115, "timestamp without time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+    {TIME, "time without time zone", {}, DECIMALS},
+    {TIMESTAMP, "timestamp without time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}, DECIMALS},
+    {1115, "timestamp without time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}, DECIMALS},
     {1182, "date[]"},
-    {TIMESTAMPTZ, "timestamp with time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
-    {1185, "timestamp with time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}},
+    {TIMESTAMPTZ, "timestamp with time zone", {FEED_TIMESTAMP, FEED_TIMESTAMP}, DECIMALS},
+    {1185, "timestamp with time zone[]", {FEED_TIMESTAMP, FEED_TIMESTAMP}, DECIMALS},
     {1186, "interval"},
-    {1231, "numeric[]"},
-    {TIMETZ, "time with time zone"},
-    {NUMERIC, "numeric"},
+    {1231, "numeric[]", {}, DIGITS},
+    {TIMETZ, "time with time zone", {}, DECIMALS},
+    {NUMERIC, "numeric", {}, DIGITS},
     {UUID, "uuid"},
     {2951, "uuid[]"},
     {3802, "jsonb"},
 };
 
-const char *pgc_type_name(uint32_t type)
+static const type_row *find_type(uint32_t type)
 {
     for (const type_row &row : types)
         if (row.oid == type)
-            return row.name;
+            return &row;
     return nullptr;
+}
+
+const char *pgc_type_name(uint32_t type)
+{
+    const type_row *row = find_type(type);
+    return row == nullptr ? nullptr : row->name;
+}
+
+// Digits and decimal places of numeric(p,s).
+static int32_t precision_of(int32_t modifier)
+{
+    return (modifier - MODIFIER_HEADER) >> 16 & 0xFFFF;
+}
+
+static int32_t scale_of(int32_t modifier)
+{
+    const int32_t low = (modifier - MODIFIER_HEADER) & 0x7FF;
+    return (low ^ 1024) - 1024; // 11 bits with a sign
+}
+
+// "(9,2)"; empty: the type stands without.
+static std::string modifier_text(modifier_kind kind, int32_t modifier)
+{
+    const bool counted = kind == LENGTH || kind == DIGITS;
+    if (modifier < 0 || (counted && modifier <= MODIFIER_HEADER))
+        return "";
+    if (kind == DIGITS)
+        return "(" + std::to_string(precision_of(modifier)) + "," +
+               std::to_string(scale_of(modifier)) + ")";
+    return "(" + std::to_string(counted ? modifier - MODIFIER_HEADER : modifier) + ")";
+}
+
+std::string pgc_type_text(uint32_t type, int32_t modifier)
+{
+    const type_row *row = find_type(type);
+    if (row == nullptr || (row->modifier == NO_MODIFIER && modifier >= 0))
+        return "";
+    std::string text = row->name;
+    const std::string inside = modifier_text(row->modifier, modifier);
+    const bool blank_filled = row->type.element == FEED_FILLED_WORDS;
+    if (inside.empty() && blank_filled) // "character" is one of length 1
+        return "bpchar" + text.substr(strlen("character"));
+    // "timestamp(3) without time zone[]", "character varying(7)[]"
+    const size_t end = row->modifier == DECIMALS ? text.find(' ') : text.find('[');
+    return text.insert(std::min(end, text.size()), inside);
 }
 
 feed_type pgc_type(uint32_t type)
 {
-    for (const type_row &row : types)
-        if (row.oid == type)
-            return row.type;
-    return {};
+    const type_row *row = find_type(type);
+    return row == nullptr ? feed_type() : row->type;
 }
 
 static void make(fwu_item &item, char type, int32_t size, int32_t scale = 0)
@@ -104,9 +152,8 @@ static void make(fwu_item &item, char type, int32_t size, int32_t scale = 0)
 // numeric(p,s): a packed decimal; a text where none is long enough.
 static void make_numeric(fwu_item &item, int32_t modifier)
 {
-    const int32_t precision = (modifier - MODIFIER_HEADER) >> 16 & 0xFFFF;
-    const int32_t low = (modifier - MODIFIER_HEADER) & 0x7FF;
-    const int32_t scale = (low ^ 1024) - 1024; // 11 bits with a sign
+    const int32_t precision = precision_of(modifier);
+    const int32_t scale = scale_of(modifier);
     if (scale >= 0 && scale <= precision && precision <= PACKED_DIGITS_MAX)
         make(item, 'P', precision / 2 + 1, scale);
     else // sign, digits, a zero before the point, the point

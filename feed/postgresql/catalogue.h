@@ -13,6 +13,10 @@
 // Name of a built-in type ("timestamp with time zone", "smallint[]"), or null.
 const char *pgc_type_name(uint32_t type);
 
+// The type of a column as the server writes it ("numeric(9,2)"), without asking it; empty for
+// types that are not known here.
+std::string pgc_type_text(uint32_t type, int32_t modifier);
+
 // What values of a built-in type mean; those of other types are plain.
 feed_type pgc_type(uint32_t type);
 

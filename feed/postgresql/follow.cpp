@@ -310,7 +310,9 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
                 .apply = apply,
                 .settings = settings,
                 .connection = server.replication.get()};
-    outcome done = start(f);
+    outcome done = pgb_get_facts(server, relations);
+    if (done)
+        done = start(f);
     if (!done)
         return done;
     f.heard_ms = fwu_monotonic_ms();

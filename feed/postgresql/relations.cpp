@@ -1,10 +1,24 @@
 // A table's items come from the configuration when it has them, else from the
 // columns that the server describes; then a changed table changes the dataset's
-// layout with its next change.
+// layout with its next change.  The server describes a table again when anything has changed
+// about it, its key included, which the description does not tell: it is asked for now and then.
 #include "feed/postgresql/relations.h"
 
 #include "feed/postgresql/catalogue.h"
+#include "feed/postgresql/query.h"
+#include "feed/source.h"
 #include "feed/text.h"
+#include "fwutil/fwu_clock.h"
+
+outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
+{
+    pgs_result rows;
+    outcome asked = pgs_query(server, server.sql.get(), rows, pgf_query_published(),
+                              {server.publication.c_str()});
+    if (asked)
+        pgf_take(relations.facts, rows);
+    return asked;
+}
 
 static void set_columns(feed_row &row, const pgo_relation &told)
 {
@@ -20,6 +34,7 @@ static void set_columns(feed_row &row, const pgo_relation &told)
 void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 {
     pgb_relation &relation = relations.known[told.id];
+    relation.facts = PGB_STALE;
     if (relation.told == told)
         return;
     if (relation.table != nullptr && relation.told.name != told.name)
@@ -69,20 +84,71 @@ static void set_types(feed_row &row, const fwu_config &config, const pgo_relatio
                 row.columns[i].type = {};
 }
 
-outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id)
+// Hands what is known of a table on to it.
+static void describe(pgb_relation &relation, const pgb_relations &relations,
+                     std::vector<std::string> &notes)
+{
+    const pgo_relation &told = relation.told;
+    feed_told source;
+    source.schema = told.schema;
+    source.table = told.name;
+    for (const pgo_column &column : told.columns)
+        source.columns.push_back(
+            {.name = column.name, .type = pgf_type_text(relations.facts, column)});
+    const auto key = relations.facts.keys.find(told.id);
+    if (key != relations.facts.keys.end())
+        source.key = key->second;
+    feed_describe(*relation.table, *relations.tables.config, std::move(source), notes);
+}
+
+// Asks for all that may have changed, where it is time for that.
+static void refresh(const pgb_relation &relation, pgb_relations &relations)
+{
+    pgf_facts &facts = relations.facts;
+    if (fwu_monotonic_ms() < (relation.urgent ? facts.retry_ms : facts.again_ms))
+        return;
+    std::vector<pgb_relation *> stale;
+    std::vector<const pgo_relation *> tables;
+    for (auto &[id, other] : relations.known) {
+        if (other.facts != PGB_STALE || other.table == nullptr || other.table->dataset == nullptr)
+            continue;
+        stale.push_back(&other);
+        tables.push_back(&other.told);
+    }
+    if (!pgf_refresh(facts, tables))
+        return;
+    for (pgb_relation *other : stale) {
+        other->facts = PGB_ASKED;
+        other->urgent = false;
+    }
+}
+
+outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
+                 std::vector<std::string> &notes)
 {
     const auto found = relations.known.find(id);
     if (found == relations.known.end())
         return outcome_bad("a change came of table number " + std::to_string(id) +
                            ", which the server has not described");
     relation = &found->second;
-    if (relation->table != nullptr)
+    if (relation->table == nullptr) {
+        if (outcome looked = find_table(relation->table, relations, relation->told); !looked)
+            return looked;
+        if (relation->table->own != nullptr) {
+            set_types(relation->fresh, *relations.tables.config, relation->told);
+            set_types(relation->old, *relations.tables.config, relation->told);
+        }
+        if (relation->table->dataset != nullptr)
+            describe(*relation, relations, notes);
+        relation->urgent = !pgf_knows(relations.facts, relation->told);
+    }
+    if (relation->facts == PGB_CURRENT || relation->table->dataset == nullptr)
         return {};
-    if (outcome looked = find_table(relation->table, relations, relation->told); !looked)
-        return looked;
-    if (relation->table->own != nullptr) {
-        set_types(relation->fresh, *relations.tables.config, relation->told);
-        set_types(relation->old, *relations.tables.config, relation->told);
+    if (relation->facts == PGB_STALE)
+        refresh(*relation, relations);
+    if (relation->facts == PGB_ASKED) {
+        describe(*relation, relations, notes);
+        relation->facts = PGB_CURRENT;
     }
     return {};
 }

@@ -2,6 +2,7 @@
 #ifndef FEED_POSTGRESQL_RELATIONS_H
 #define FEED_POSTGRESQL_RELATIONS_H
 
+#include "feed/postgresql/facts.h"
 #include "feed/postgresql/pgoutput.h"
 #include "feed/row.h"
 #include "feed/table.h"
@@ -9,11 +10,21 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <vector>
+
+// How far what the catalogue says of a table has come.
+enum pgb_facts_state {
+    PGB_STALE, // it may say something else by now
+    PGB_ASKED, // what it says is there, and not handed on to the table yet
+    PGB_CURRENT,
+};
 
 struct pgb_relation {
     pgo_relation told;           // as the server describes it
     feed_table *table = nullptr; // null: not looked up yet
-    feed_row fresh;              // names and types of all columns, values of the row in hand
+    pgb_facts_state facts = PGB_STALE;
+    bool urgent = false; // stale, and what is known is not enough
+    feed_row fresh;      // names and types of all columns, values of the row in hand
     feed_row old;
     feed_row partial; // of a new row of which not all was sent
 };
@@ -21,14 +32,19 @@ struct pgb_relation {
 struct pgb_relations {
     feed_tables tables = {.old_row_remedy = "run ALTER TABLE % REPLICA IDENTITY FULL"};
     std::unordered_map<uint32_t, pgb_relation> known = {};
+    pgf_facts facts = {};
 };
+
+// Asks over the sql connection for what is to be known of all tables of the publication.
+outcome pgb_get_facts(pgs_server &server, pgb_relations &relations);
 
 // Takes the server's description of a table, which holds from now on.
 void pgb_describe(pgb_relations &relations, const pgo_relation &told);
 
 // The relation of this number, with its table.  OUTCOME_BAD when it was not described or
 // cannot become a dataset.
-outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id);
+outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
+                 std::vector<std::string> &notes);
 
 // The row of a tuple, valid until the next one of its kind (new or old) of this
 // relation; columns that were not sent are left out.  OUTCOME_BAD when the tuple does

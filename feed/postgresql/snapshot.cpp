@@ -142,7 +142,7 @@ static outcome copy_table(pgs_server &server, feed_transaction &tx, pgb_relation
 {
     pgb_describe(relations, table.relation);
     pgb_relation *relation = nullptr;
-    outcome done = pgb_find(relation, relations, table.relation.id);
+    outcome done = pgb_find(relation, relations, table.relation.id, tx.work.notes);
     if (!done || relation->table->dataset == nullptr)
         return done;
     pgs_result result;
@@ -184,6 +184,8 @@ static outcome copy_tables(pgs_server &server, feed_transaction &tx, pgb_relatio
             pgs_command(server, sql, result, "SET TRANSACTION SNAPSHOT " + pgs_literal(snapshot));
     if (done)
         done = list_tables(server, tables);
+    if (done)
+        done = pgb_get_facts(server, relations);
     for (int i = 0; done && i < PQntuples(tables.get()); i++) {
         copied_table table;
         done = describe(table, server, tables, i);

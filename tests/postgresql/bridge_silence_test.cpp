@@ -219,7 +219,7 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
         {"c.relkind, p.attnames", length + table, length + std::string(table.size(), 'z'),
          "the server gives \"" + std::string(table.size(), 'z') +
              "\" as the number of table load.ledger"},
-        {"atttypid",
+        {"attname, atttypid",
          std::string("\0\0\0\2"
                      "20",
                      6),
@@ -227,7 +227,7 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
                      "-1",
                      6),
          "the server gives \"-1\" as the type of a column of table load.ledger"},
-        {"atttypid",
+        {"attname, atttypid",
          std::string("\0\0\0\2"
                      "-1",
                      6),

@@ -189,3 +189,45 @@ TEST(Catalogue, TypesSayWhatCannotBeSeenFromTheValue)
     for (const auto &row : cases)
         EXPECT_EQ(pgc_type(row.type), row.expected) << row.type;
 }
+
+TEST(Catalogue, TypesAreWrittenAsTheServerDoes)
+{
+    const struct {
+        uint32_t type;
+        int32_t modifier;
+        const char *text;
+    } cases[] = {
+        {23, -1, "integer"},
+        {16, -1, "boolean"},
+        {18, -1, "\"char\""},
+        {1700, -1, "numeric"},
+        {1700, numeric(9, 2), "numeric(9,2)"},
+        {1700, numeric(3, -2), "numeric(3,-2)"},
+        {1700, numeric(2, 5), "numeric(2,5)"},
+        {1700, numeric(1000, 1000), "numeric(1000,1000)"},
+        {1231, -1, "numeric[]"},
+        {1231, numeric(9, 0), "numeric(9,0)[]"},
+        {1043, -1, "character varying"},
+        {1043, 4 + 36, "character varying(36)"},
+        {1015, 4 + 7, "character varying(7)[]"},
+        {1042, -1, "bpchar"}, // of any length
+        {1042, 4 + 1, "character(1)"},
+        {1014, -1, "bpchar[]"},
+        {1014, 4 + 3, "character(3)[]"},
+        {1083, -1, "time without time zone"},
+        {1083, 0, "time(0) without time zone"},
+        {1266, 6, "time(6) with time zone"},
+        {1114, 3, "timestamp(3) without time zone"},
+        {1184, -1, "timestamp with time zone"},
+        {1115, 3, "timestamp(3) without time zone[]"},
+        {1185, -1, "timestamp with time zone[]"},
+        {1009, -1, "text[]"},
+        {1186, -1, "interval"},
+        {1186, 2147418112, ""}, // interval(0): the server is to say
+        {23, 5, ""},
+        {16400, -1, ""},
+        {0, -1, ""},
+    };
+    for (const auto &row : cases)
+        EXPECT_EQ(pgc_type_text(row.type, row.modifier), row.text) << row.type;
+}

@@ -1,6 +1,8 @@
 // Tables as the server describes them, and their rows.
 #include "feed/postgresql/relations.h"
+#include "tests/feed/postgresql/facts_rows.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 class Relations : public testing::Test {
@@ -24,7 +26,7 @@ class Relations : public testing::Test {
     pgb_relation &find(uint32_t id)
     {
         pgb_relation *found = nullptr;
-        const outcome done = pgb_find(found, relations, id);
+        const outcome done = pgb_find(found, relations, id, notes);
         EXPECT_TRUE(done) << done.text();
         return *found;
     }
@@ -32,7 +34,7 @@ class Relations : public testing::Test {
     std::string error_of(uint32_t id)
     {
         pgb_relation *found = nullptr;
-        return pgb_find(found, relations, id).text();
+        return pgb_find(found, relations, id, notes).text();
     }
 
     static const feed_row &row_of(pgb_relation &relation, const pgo_tuple &tuple)
@@ -56,8 +58,33 @@ class Relations : public testing::Test {
         return text;
     }
 
+    // "app.orders: no integer #1; qty smallint"
+    static std::string source_of(const pgb_relation &relation)
+    {
+        const fwu_source &source = *relation.table->layout.source;
+        std::string text = source.schema + "." + source.table;
+        for (const fwu_source_column &column : source.columns) {
+            text += (&column == source.columns.data() ? ": " : "; ") + column.name;
+            text += column.type.empty() ? "" : " " + column.type;
+            text += column.key == 0 ? "" : " #" + std::to_string(column.key);
+        }
+        return text;
+    }
+
+    // Has the catalogue answer with these rows from now on; each answer counts.
+    void answer(std::vector<facts_row> rows)
+    {
+        relations.facts.ask = [this, rows](const std::string &query, pgs_result &result) {
+            asked.push_back(query);
+            result = facts_rows(rows);
+            return true;
+        };
+    }
+
     fwu_config config;
     pgb_relations relations;
+    std::vector<std::string> asked;
+    std::vector<std::string> notes;
 };
 
 TEST_F(Relations, TableThatIsNotConfiguredGetsItsDatasetFromTheServer)
@@ -193,4 +220,123 @@ TEST_F(Relations, RowOfAnotherNumberOfColumnsIsRefused)
     const feed_row *row = nullptr;
     EXPECT_EQ(pgb_row(row, find(7), tuple('N', {{'t', "1"}, {'t', "2"}})).text(),
               "app.orders: a row of 2 columns came, the table has 1");
+}
+
+TEST_F(Relations, SourceIsWhatTheServerTellsAndItsCatalogue)
+{
+    answer({{"c", "7", "0", ""},
+            {"k", "7", "1", "qty"},
+            {"k", "7", "2", "no"},
+            {"t", "16400", "-1", "public.mood"}});
+    config.columns = {{"app.orders", "mood", "", 9}};
+    describe(7, "orders", {{"no", 23, -1}, {"qty", 1700, 655366}, {"mood", 16400, -1}});
+    EXPECT_EQ(source_of(find(7)),
+              "app.orders: no integer #2; qty numeric(10,2) #1; mood public.mood");
+    EXPECT_EQ(find(7).table->layout.source->null_map, 3);
+    EXPECT_EQ(find(7).table->layout.source->columns[2].item, 2);
+    EXPECT_EQ(asked.size(), 1U);
+}
+
+TEST_F(Relations, WithoutAnAnswerTheSourceIsWhatTheStreamTells)
+{
+    config.columns = {{"app.orders", "mood", "", 9}};
+    describe(7, "orders", {{"no", 23, -1}, {"mood", 16400, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer; mood");
+    relations.facts.ask = [this](const std::string &query, pgs_result &) {
+        asked.push_back(query);
+        return false;
+    };
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(source_of(find(7)), "app.orders: no integer; mood");
+    EXPECT_EQ(asked.size(), 1U) << "not again at once";
+    answer({{"c", "7", "0", ""}, {"k", "7", "1", "no"}, {"t", "16400", "-1", "mood"}});
+    relations.facts.retry_ms = 0;
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1; mood mood");
+    EXPECT_EQ(asked.size(), 2U);
+}
+
+TEST_F(Relations, WhatIsKnownIsNotAskedForAtOnce)
+{
+    pgf_take(relations.facts, facts_rows({{"c", "7", "0", ""}, {"k", "7", "1", "no"}}));
+    answer({{"c", "7", "0", ""}, {"k", "7", "1", "qty"}});
+    describe(7, "orders", {{"no", 23, -1}, {"qty", 21, -1}});
+    for (int i = 0; i < 5; i++) {
+        EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1; qty smallint");
+        describe(7, "orders", {{"no", 23, -1}, {"qty", 21, -1}});
+    }
+    EXPECT_EQ(asked.size(), 0U);
+    // Its time has come: the table may have been described because its key is another one.
+    relations.facts.again_ms = 0;
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer; qty smallint #1");
+    relations.facts.again_ms = 0;
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer; qty smallint #1");
+    EXPECT_EQ(asked.size(), 1U) << "nothing was described since";
+}
+
+TEST_F(Relations, AllTablesThatMayHaveChangedAreAskedForInOne)
+{
+    pgf_take(relations.facts, facts_rows({{"c", "7", "0", ""}, {"c", "8", "0", ""}}));
+    config.skip_tables = {"app.audit"};
+    describe(7, "orders", {{"no", 23, -1}});
+    describe(8, "parts", {{"no", 23, -1}});
+    describe(9, "audit", {{"no", 23, -1}});
+    describe(10, "idle", {{"no", 23, -1}});
+    for (const uint32_t id : {7U, 8U, 9U})
+        find(id);
+    answer(
+        {{"c", "7", "0", ""}, {"k", "7", "1", "no"}, {"c", "8", "0", ""}, {"k", "8", "1", "no"}});
+    relations.facts.again_ms = 0;
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1");
+    EXPECT_EQ(source_of(find(8)), "app.parts: no integer #1");
+    ASSERT_EQ(asked.size(), 1U);
+    EXPECT_TRUE(asked[0].find("'{7,8}'") != std::string::npos ||
+                asked[0].find("'{8,7}'") != std::string::npos)
+        << asked[0];
+}
+
+TEST_F(Relations, ACatalogueThatHasMovedOnIsNoError)
+{
+    answer({{"c", "7", "0", ""}, {"k", "7", "1", "number"}, {"k", "7", "2", "line"}});
+    describe(7, "orders", {{"no", 23, -1}, {"line", 21, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer; line smallint")
+        << "part of a key is none";
+    EXPECT_EQ(asked.size(), 1U);
+    describe(7, "orders", {{"no", 23, -1}, {"line", 21, -1}});
+    find(7);
+    EXPECT_EQ(asked.size(), 1U) << "asked for at once only when the table has changed";
+    describe(7, "orders", {{"number", 23, -1}, {"line", 21, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: number integer #1; line smallint #2");
+    answer({{"c", "7", "0", ""}}); // dropped
+    describe(7, "orders", {{"number", 20, -1}, {"line", 21, -1}, {"odd", 2950, -1}});
+    relations.facts.again_ms = 0;
+    EXPECT_EQ(source_of(find(7)), "app.orders: number bigint; line smallint; odd uuid");
+}
+
+TEST_F(Relations, TheConfigurationsKeyGoesBeforeTheCatalogues)
+{
+    answer({{"c", "7", "0", ""}, {"k", "7", "1", "no"}});
+    config.columns = {{"app.orders", "qty", "", 0, true}, {"app.orders", "no", "", 0, true}};
+    describe(7, "orders", {{"no", 23, -1}, {"qty", 21, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #2; qty smallint #1");
+    EXPECT_THAT(notes, testing::IsEmpty());
+    describe(7, "orders", {{"no", 23, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1");
+    EXPECT_THAT(notes, testing::ElementsAre(
+                           "table app.orders: column qty, which shop.cfg makes part of its key, is "
+                           "not there: the key is what the source says"));
+}
+
+TEST_F(Relations, ATableOfTheSameNameKeepsItsOwnSource)
+{
+    fwu_dataset dataset;
+    dataset.layout = {.dbname = "APP", .dsetname = "ORDERS", .items = {{"NO", 'I', 8, 1, 0}}};
+    config.datasets.push_back(dataset);
+    pgf_take(relations.facts, facts_rows({{"c", "7", "0", ""}, {"c", "8", "0", ""}}));
+    describe(7, "orders", {{"no", 23, -1}});
+    find(7);
+    describe(8, "orders", {{"no", 20, -1}, {"qty", 21, -1}}); // dropped and made anew
+    EXPECT_EQ(source_of(find(8)), "app.orders: no bigint; qty smallint");
+    answer({{"c", "7", "0", ""}, {"c", "8", "0", ""}, {"k", "8", "1", "no"}});
+    relations.facts.again_ms = 0;
+    EXPECT_EQ(source_of(find(8)), "app.orders: no bigint #1; qty smallint");
 }
