@@ -124,13 +124,11 @@ struct sql_state {
     change_reader reader;
     fwu_watch watch;
     sql_writer writer{options.sql};
-    std::string out;        // whole transactions, and what there is of the one in hand
-    size_t whole = 0;       // length of the whole ones
-    bool inside = false;    // a transaction is in hand
-    bool in_parts = false;  // ... and has been written out in part
-    bool placed = false;    // the log file in which reading began is known
-    int32_t generation = 0; // the log file in hand
-    int32_t sequence = 0;
+    std::string out;       // whole transactions, and what there is of the one in hand
+    size_t whole = 0;      // length of the whole ones
+    bool inside = false;   // a transaction is in hand
+    bool in_parts = false; // ... and has been written out in part
+    bool placed = false;   // the log file in which reading began is known
 };
 
 // Gives up the transaction in hand and writes out what is whole.
@@ -175,7 +173,7 @@ static outcome learn(sql_state &state, const fwu_config &config)
     }
 }
 
-// Where in the log a transaction stands: reading begins at one, and no file may be missing.
+// Where in the log a transaction stands: reading has to begin with a whole one.
 static outcome look_at_place(sql_state &state)
 {
     const fwu_cursor &cursor = state.reader.log.cursor;
@@ -194,13 +192,7 @@ static outcome look_at_place(sql_state &state)
             cursor.tx_last_tag);
     if (!state.placed)
         sql_begin_behind(state.writer, after.sequence != 0 ? after : here);
-    else if (here.generation == state.generation && here.sequence > state.sequence + 1)
-        return outcome_failed("log file %d-%d does not follow file %d-%d: those between have been "
-                              "removed before they were read",
-                              here.generation, here.sequence, state.generation, state.sequence);
     state.placed = true;
-    state.generation = here.generation;
-    state.sequence = here.sequence;
     return {};
 }
 

@@ -19,7 +19,7 @@ using model_row = std::vector<std::string>;
 
 class random_changes {
   public:
-    random_changes(written_log &log, unsigned seed) : log(log), random(seed)
+    random_changes(written_log &to, unsigned seed) : log(to), random(seed)
     {
     }
 

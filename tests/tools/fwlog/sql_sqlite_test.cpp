@@ -46,15 +46,15 @@ class FwlogSqliteTest : public testing::Test {
         log.commit();
     }
 
-    void compare(const random_changes &model, const sqlite &target) const
+    void compare(const random_changes &model, const sqlite &copy) const
     {
         std::string odd = "\"shop_";
         for (const char c : std::string(random_changes::ODD))
             odd += c == '"' ? "\"\"" : std::string(1, c);
         const std::string extra = model.with_extra ? ", extra" : "";
-        EXPECT_EQ(target.rows("SELECT no, net, \"na\"\"me\"" + extra + " FROM " + odd + "\""),
+        EXPECT_EQ(copy.rows("SELECT no, net, \"na\"\"me\"" + extra + " FROM " + odd + "\""),
                   model.odd_rows());
-        EXPECT_EQ(target.rows("SELECT a, b FROM shop_plain"), model.plain_rows());
+        EXPECT_EQ(copy.rows("SELECT a, b FROM shop_plain"), model.plain_rows());
     }
 
     written_log log{"database SHOP\ndataset N\nitem NO I 4 key\n"};
@@ -109,8 +109,9 @@ TEST_F(FwlogSqliteTest, TextsCutAnywhereAndRepeatedGiveTheTablesOnce)
                 text = whole;
         }
         const run_result last = copy.run(text, bail);
-        if (bail && text != whole)
+        if (bail && text != whole) {
             EXPECT_EQ(last.err, "");
+        }
         compare(model, copy);
     }
 }
@@ -129,7 +130,7 @@ TEST_F(FwlogSqliteTest, AnAppliedLogDoesNothingAgain)
     EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,2,3,50");
     add(6);
     EXPECT_EQ(target.run(once()).err, "");
-    EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,2,3,50,6");
+    EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,2,3,6,50");
     EXPECT_EQ(target.value("SELECT pending IS NULL FROM done"), "1");
 }
 
@@ -171,9 +172,10 @@ TEST_F(FwlogSqliteTest, ATransactionOfWhichAStatementFailsIsAllOrNothing)
             EXPECT_NE(failed.status, 0) << of.broken;
             EXPECT_EQ(target.value("SELECT position FROM done"), "0001-00000001.0000000003")
                 << of.broken;
-            if (of.before != std::string("?"))
+            if (of.before != std::string("?")) {
                 EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), of.before)
                     << of.broken;
+            }
             EXPECT_EQ(target.run(of.mended).err, "") << of.broken;
             EXPECT_EQ(target.run(once()).err, "") << of.broken;
             EXPECT_EQ(target.value("SELECT group_concat(NO) FROM (SELECT NO FROM SHOP_N ORDER BY "

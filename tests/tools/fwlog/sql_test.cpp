@@ -176,6 +176,7 @@ TEST(FwlogSql, ALogFileThatIsGoneIsAGap)
     std::filesystem::remove(log.log + "/fw0001-00000002.log");
     const run_result result = sql(log);
     EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("fw0001-00000002.log: the log file is missing"));
     EXPECT_EQ(result.out, transaction(1));
 }
 

@@ -12,7 +12,7 @@
 
 class sqlite {
   public:
-    explicit sqlite(std::string path) : path(std::move(path))
+    explicit sqlite(std::string database) : path(std::move(database))
     {
     }
 
