@@ -14,7 +14,7 @@ static const struct {
     size_t least;                     // fixed parts: fewer were not read
 } pages[] = {
     {"docs/operations.md", {"driver", "capture", "ascii"}, 40},
-    {"docs/fwlog.md", {"tools/fwlog", "feed", "util", "fwutil"}, 60},
+    {"docs/fwlog.md", {"tools/fwlog", "changes", "feed", "util", "fwutil"}, 60},
     {"docs/postgresql.md", {"feed", "util", "fwutil"}, 30},
     {"docs/tmf-tool.md", {"tools/tmf", "util", "msgfile"}, 12},
     {"docs/forward-log.md", {"fwutil"}, 12},

@@ -11,6 +11,7 @@ extern const cli_command fwlog_load_row;
 extern const cli_command fwlog_postgresql_row;
 extern const cli_command fwlog_dump_row;
 extern const cli_command fwlog_tail_row;
+extern const cli_command fwlog_csv_row;
 extern const cli_command fwlog_layout_row;
 extern const cli_command fwlog_sql_row;
 extern const cli_command fwlog_verify_row;

@@ -1,6 +1,6 @@
 // Preloaded into a program: the calls that change files are numbered 1, 2, 3, ..., and at
 // the one that the environment variable ENDING_CALL names the program is killed before it
-// ("kill:N"), or that call and all behind it fail ("fail:N").
+// ("kill:N") or asked to end ("term:N"), or that call and all behind it fail ("fail:N").
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -17,6 +17,10 @@ static bool fails()
         return false;
     if (strncmp(when, "kill:", 5) == 0)
         (void)raise(SIGKILL);
+    if (strncmp(when, "term:", 5) == 0) {
+        (void)raise(SIGTERM);
+        return false;
+    }
     errno = EIO;
     return true;
 }
