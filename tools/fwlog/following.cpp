@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 constexpr int LOOK_AFTER_MS = 1000; // for file systems that do not tell of changes
+constexpr timespec PATIENCE = {1, 0}; // behind a signal, with a reader that takes nothing
 
 outcome fwlog_stopped()
 {
@@ -30,8 +31,7 @@ outcome fwlog_write_out(std::string &text)
     outcome result;
     for (size_t at = 0; at < text.size() && result;) {
         pollfd room = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-        const timespec at_once = {};
-        const int ready = ppoll(&room, 1, fwu_stop != 0 ? &at_once : nullptr, &before);
+        const int ready = ppoll(&room, 1, fwu_stop != 0 ? &PATIENCE : nullptr, &before);
         if (ready == 0)
             result = fwlog_stopped();
         else if (ready < 0 && errno != EINTR)
