@@ -30,10 +30,10 @@ static void put_item(std::string &out, const record_item &item)
     std::string source;
     if (item.column != nullptr) {
         source = "  (";
-        dump_name(source, item.column->name);
+        dump_utf8(source, item.column->name);
         if (!item.column->type.empty()) {
             source += " ";
-            dump_name(source, item.column->type);
+            dump_utf8(source, item.column->type);
         }
         source += ")";
     }
@@ -51,7 +51,7 @@ void layout_put_columns(std::string &out, const record_layout &record)
     out += record.name;
     if (!dataset.table.empty()) {
         out += ", table ";
-        dump_name(out, dataset.table);
+        dump_utf8(out, dataset.table);
     }
     out += ", layout of " + fwu_position_text(dataset.begun) + "\n";
     if (record.options.ascii)

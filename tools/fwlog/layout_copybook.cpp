@@ -30,13 +30,11 @@ static void put_comment(std::string &out, const std::string &text)
 }
 
 // A text in which nothing can end a comment or is no ASCII.
-static std::string safe(const std::string &text)
+static std::string safe(std::string text)
 {
-    std::string shown;
-    dump_name(shown, text);
     std::replace_if(
-        shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return shown;
+        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return text;
 }
 
 // Appends an entry: its level and name and, on as many lines as they need, its clauses.

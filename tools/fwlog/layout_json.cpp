@@ -1,4 +1,5 @@
 // The layout of capture records for programs: all that is needed to take records apart.
+#include "changes/json_value.h"
 #include "tools/fwlog/layout_text.h"
 #include "util/json_text.h"
 
@@ -13,6 +14,13 @@ static void put(std::string &out, const char *name, std::string_view text)
 {
     put_member(out, name);
     json_text_append(out, text);
+}
+
+// A name of the log, which is ISO 8859-1.
+static void put_name(std::string &out, const char *name, std::string_view latin1)
+{
+    put_member(out, name);
+    change_json_text(out, latin1);
 }
 
 static void put(std::string &out, const char *name, const char *text)
@@ -97,8 +105,8 @@ static void put_item(std::string &out, const record_layout &record, const record
     const change_dataset &dataset = *record.dataset;
     const char type = static_cast<char>(item.item->type);
     out += "{";
-    put(out, "name", item.item->name);
-    put(out, "type", std::string_view(&type, 1));
+    put_name(out, "name", item.item->name);
+    put_name(out, "type", std::string_view(&type, 1));
     put(out, "size", int64_t{item.item->size});
     put(out, "count", int64_t{item.item->count});
     put(out, "scale", int64_t{item.item->item_aux});
@@ -121,8 +129,8 @@ void layout_put_json(std::string &out, const record_layout &record)
 {
     const change_dataset &dataset = *record.dataset;
     out += "{";
-    put(out, "database", dataset.layout.dbname);
-    put(out, "dataset", dataset.layout.dsetname);
+    put_name(out, "database", dataset.layout.dbname);
+    put_name(out, "dataset", dataset.layout.dsetname);
     if (dataset.table.empty())
         put_null(out, "table");
     else

@@ -1,5 +1,6 @@
 // The layout command: positions and pictures worked out by hand from Kestro's page of capture
 // records, and copybooks that a compiler takes.
+#include "tests/changes/written_log.h"
 #include "tests/support/program.h"
 #include "tests/tools/fwlog/built_log.h"
 
@@ -10,14 +11,16 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-static run_result run_layout(const place &here, std::vector<std::string> words)
+template <typename Log>
+static run_result run_layout(const Log &here, std::vector<std::string> words)
 {
     words.insert(words.begin(),
                  {KESTRO_BUILD_DIR "/bin/fwlog", "layout", "-cfg", here.dir.file("fwutil.cfg")});
     return run_program(words);
 }
 
-static std::string layout_of(const place &here, const std::vector<std::string> &words)
+template <typename Log>
+static std::string layout_of(const Log &here, const std::vector<std::string> &words)
 {
     const run_result result = run_layout(here, words);
     EXPECT_EQ(result.err, "");
@@ -219,6 +222,60 @@ TEST(FwlogLayout, InfoStandsOnlyWhereTheHeaderHasItsItem)
         words.emplace_back("--json");
         EXPECT_THAT(layout_of(here, words), HasSubstr(expected));
     }
+}
+
+// A layout that the log knows the source of, with names of any characters.
+static fwu_layout sourced_layout()
+{
+    fwu_layout layout{.dbname = "SALES",
+                      .dsetname = "ORDERS",
+                      .items = {item("NR", 'I', 4), item("GR\xD6SSE", 'X', 2, 2),
+                                item("MAP", 'X', 3), item("ALONE", 'X', 1)}};
+    fwu_source source;
+    source.schema = "sales";
+    source.table = "auftr\xC3\xA4ge";
+    source.columns = {{.name = "gr\xC3\xB6\xC3\x9F"
+                               "e",
+                       .type = "text[]",
+                       .item = 1,
+                       .key = 2},
+                      {.name = "left_out", .type = "text", .item = -1},
+                      {.name = "nr\n", .type = "", .item = 0, .key = 1}};
+    source.null_map = 2;
+    layout.source = std::make_shared<const fwu_source>(source);
+    return layout;
+}
+
+TEST(FwlogLayout, SourceOfItemsIsTold)
+{
+    written_log here;
+    here.begin();
+    here.insert(sourced_layout(), le(1, 4) + "abcd...x");
+    here.commit();
+    EXPECT_THAT(layout_of(here, {"--columns"}),
+                StartsWith("SALES.ORDERS, table sales.auftr\xC3\xA4ge, layout of 1-1.1\n"));
+    EXPECT_THAT(layout_of(here, {"--columns"}), EndsWith(R"(
+      63       66      4  S9(9) COMP-5                            0  NR  (nr\x0A)
+      67       68      2  X(2)                                    0  GRÖSSE[1]  (größe text[])
+      69       70      2  X(2)                                    0  GRÖSSE[2]
+      71       73      3  X(3)                                    0  MAP
+      74       74      1  X                                       0  ALONE
+)"));
+    const std::string json = layout_of(here, {"--json"});
+    EXPECT_THAT(json, HasSubstr(R"("table":"sales.aufträge",)"));
+    EXPECT_THAT(json, HasSubstr(R"({"name":"NR","type":"I","size":4,"count":1,"scale":0,)"
+                                R"("column":"nr\u000a","source_type":null,"key":1,)"
+                                R"("null_map":false,"null_flag":0,)"));
+    EXPECT_THAT(json, HasSubstr(R"({"name":"GRÖSSE","type":"X","size":2,"count":2,"scale":0,)"
+                                R"("column":"größe","source_type":"text[]","key":2,)"
+                                R"("null_map":false,"null_flag":1,)"));
+    EXPECT_THAT(json, HasSubstr(R"({"name":"MAP","type":"X","size":3,"count":1,"scale":0,)"
+                                R"("column":null,"source_type":null,"key":null,)"
+                                R"("null_map":true,"null_flag":null,)"));
+    EXPECT_THAT(layout_of(here, {"--copybook"}),
+                testing::AllOf(HasSubstr("Capture records of SALES.ORDERS, table sales.auftr??ge,"),
+                               HasSubstr("      * R-GR-SSE is item GR?SSE\n"
+                                         "               10  R-GR-SSE ")));
 }
 
 // First line of each table.
