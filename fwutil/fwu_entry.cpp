@@ -152,7 +152,7 @@ bool fwu_entry_is_commit(const unsigned char *in, const fwu_file_header &file, i
 
 bool fwu_entry_change(const fwu_entry &entry, fwu_change &change)
 {
-    std::string_view rest = fwu_payload_of(entry);
+    std::string_view rest = fwu_entry_payload(entry);
     const unsigned char *p = entry.payload;
     if (rest.size() < CHANGE_FIXED || get_le16(p + 18) != 0)
         return false;
@@ -197,7 +197,7 @@ bool fwu_entry_change(const fwu_entry &entry, fwu_change &change)
 
 bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout)
 {
-    std::string_view rest = fwu_payload_of(entry);
+    std::string_view rest = fwu_entry_payload(entry);
     const unsigned char *p = entry.payload;
     if (entry.kind != FWU_KIND_LAYOUT || rest.size() < LAYOUT_FIXED || get_le16(p + 2) != 0 ||
         !fwu_payload_name_ok(p[0]) || !fwu_payload_name_ok(p[1]))
@@ -237,7 +237,7 @@ bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout)
 
 bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session)
 {
-    std::string_view rest = fwu_payload_of(entry);
+    std::string_view rest = fwu_entry_payload(entry);
     const unsigned char *p = entry.payload;
     if (entry.kind != FWU_KIND_SESSION || rest.size() < SESSION_FIXED ||
         p[0] >= 1 << FWU_SESSION_ENTRIES || !all_zero(p + 1, 3))
@@ -307,8 +307,15 @@ uint64_t fwu_entry_change_length(const fwu_change &change)
            2 + images * static_cast<uint64_t>(change.reclen);
 }
 
-void fwu_payload_seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag,
-                      const fwu_file_header &file, int64_t offset)
+unsigned char *fwu_entry_add(std::vector<unsigned char> &out, uint64_t length)
+{
+    const size_t at = out.size();
+    out.resize(at + fwu_entry_padded(length));
+    return out.data() + at;
+}
+
+void fwu_entry_seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag,
+                    const fwu_file_header &file, int64_t offset)
 {
     put_le32(entry, static_cast<uint32_t>(length));
     put_le16(entry + 4, kind);
@@ -322,7 +329,7 @@ void fwu_payload_seal(unsigned char *entry, uint64_t length, fwu_kind kind, int3
 void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout)
 {
     const uint64_t length = fwu_entry_layout_length(layout);
-    unsigned char *entry = fwu_payload_add(out, length);
+    unsigned char *entry = fwu_entry_add(out, length);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     p[0] = static_cast<unsigned char>(layout.dbname.size());
     p[1] = static_cast<unsigned char>(layout.dsetname.size());
@@ -338,13 +345,13 @@ void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fw
         put_le32(p + 12, static_cast<uint32_t>(item.item_aux));
         p += ITEM_FIXED;
     }
-    fwu_payload_seal(entry, length, FWU_KIND_LAYOUT, tag);
+    fwu_entry_seal(entry, length, FWU_KIND_LAYOUT, tag);
 }
 
 void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag, const fwu_session &session)
 {
     const uint64_t length = fwu_entry_session_length(session);
-    unsigned char *entry = fwu_payload_add(out, length);
+    unsigned char *entry = fwu_entry_add(out, length);
     unsigned char *payload = entry + FWU_ENTRY_HEADER_SIZE;
     unsigned char *p = payload + SESSION_FIXED;
     const auto put = [&p](const std::string &text) {
@@ -361,7 +368,7 @@ void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag, const f
     put_le32(payload + 4, static_cast<uint32_t>(session.data.size()));
     for (const std::string &text : session.data)
         put(text);
-    fwu_payload_seal(entry, length, FWU_KIND_SESSION, tag);
+    fwu_entry_seal(entry, length, FWU_KIND_SESSION, tag);
 }
 
 void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fwu_change &change)
@@ -370,7 +377,7 @@ void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fw
     const std::string_view dsetname = change.dsetname;
     const auto image = static_cast<size_t>(change.reclen);
     const uint64_t length = fwu_entry_change_length(change);
-    unsigned char *entry = fwu_payload_add(out, length);
+    unsigned char *entry = fwu_entry_add(out, length);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     put_le64(p, static_cast<uint64_t>(change.logtime));
     put_le32(p + 8, static_cast<uint32_t>(change.recnum));
@@ -388,19 +395,19 @@ void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fw
     const fwu_kind kind = change.opcode == FWU_OP_INSERT   ? FWU_KIND_INSERT
                           : change.opcode == FWU_OP_UPDATE ? FWU_KIND_UPDATE
                                                            : FWU_KIND_DELETE;
-    fwu_payload_seal(entry, length, kind, tag);
+    fwu_entry_seal(entry, length, kind, tag);
 }
 
 void fwu_entry_put_commit(std::vector<unsigned char> &out, int32_t tag,
                           const fwu_commit_entry &commit, const fwu_file_header &file,
                           int64_t offset)
 {
-    unsigned char *entry = fwu_payload_add(out, FWU_COMMIT_SIZE);
+    unsigned char *entry = fwu_entry_add(out, FWU_COMMIT_SIZE);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     put_le64(p, static_cast<uint64_t>(commit.commit.time_us));
     put_le64(p + 8, commit.commit.xid);
     put_le64(p + 16, commit.commit.lsn);
     put_le32(p + 24, commit.entries);
     put_le32(p + 28, commit.chain);
-    fwu_payload_seal(entry, FWU_COMMIT_SIZE, FWU_KIND_COMMIT, tag, file, offset);
+    fwu_entry_seal(entry, FWU_COMMIT_SIZE, FWU_KIND_COMMIT, tag, file, offset);
 }

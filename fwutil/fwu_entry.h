@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // File header: 64 bytes.
@@ -230,5 +231,16 @@ uint64_t fwu_entry_change_length(const fwu_change &change);
 uint64_t fwu_entry_layout_length(const fwu_layout &layout);
 uint64_t fwu_entry_source_length(const fwu_layout &layout);
 uint64_t fwu_entry_mark_length(const fwu_mark &mark);
+
+// What encoding and decoding of all kinds share.
+inline std::string_view fwu_entry_payload(const fwu_entry &entry)
+{
+    return {reinterpret_cast<const char *>(entry.payload), entry.payload_length};
+}
+// Makes room for a zero-filled entry; its payload is filled in behind the header, then seal
+// writes the header.  A commit entry will stand at an offset of a file.
+unsigned char *fwu_entry_add(std::vector<unsigned char> &out, uint64_t length);
+void fwu_entry_seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_t tag,
+                    const fwu_file_header &file = {}, int64_t offset = 0);
 
 #endif

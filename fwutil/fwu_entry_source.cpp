@@ -1,4 +1,6 @@
 // Encoding and decoding of the optional entries: the sources of layouts, and marks.
+#include "fwutil/fwu_entry.h"
+
 #include "fwutil/fwu_bytes.h"
 #include "fwutil/fwu_entry_payload.h"
 
@@ -78,7 +80,7 @@ static bool take_column(std::string_view &rest, fwu_source_column &column)
 
 bool fwu_entry_source(const fwu_entry &entry, fwu_layout_source &of)
 {
-    std::string_view rest = fwu_payload_of(entry);
+    std::string_view rest = fwu_entry_payload(entry);
     const unsigned char *const p = entry.payload;
     fwu_source &source = of.source;
     if (entry.kind != FWU_KIND_SOURCE || rest.size() < SOURCE_FIXED || get_le16(p + 2) != 0 ||
@@ -102,7 +104,7 @@ bool fwu_entry_source(const fwu_entry &entry, fwu_layout_source &of)
 
 bool fwu_entry_mark(const fwu_entry &entry, fwu_mark &mark)
 {
-    std::string_view rest = fwu_payload_of(entry);
+    std::string_view rest = fwu_entry_payload(entry);
     const unsigned char *const p = entry.payload;
     if (entry.kind != FWU_KIND_MARK || rest.size() < MARK_FIXED ||
         (p[0] != FWU_MARK_TRUNCATE && p[0] != FWU_MARK_GAP) || p[3] != 0)
@@ -140,7 +142,7 @@ void fwu_entry_put_source(std::vector<unsigned char> &out, int32_t tag, const fw
 {
     const fwu_source &source = *layout.source;
     const uint64_t length = fwu_entry_source_length(layout);
-    unsigned char *const entry = fwu_payload_add(out, length);
+    unsigned char *const entry = fwu_entry_add(out, length);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     p[0] = static_cast<unsigned char>(layout.dbname.size());
     p[1] = static_cast<unsigned char>(layout.dsetname.size());
@@ -156,13 +158,13 @@ void fwu_entry_put_source(std::vector<unsigned char> &out, int32_t tag, const fw
         p = put_text(p + COLUMN_FIXED, 2, column.name);
         p = put_text(p, 2, column.type);
     }
-    fwu_payload_seal(entry, length, FWU_KIND_SOURCE, tag);
+    fwu_entry_seal(entry, length, FWU_KIND_SOURCE, tag);
 }
 
 void fwu_entry_put_mark(std::vector<unsigned char> &out, int32_t tag, const fwu_mark &mark)
 {
     const uint64_t length = fwu_entry_mark_length(mark);
-    unsigned char *const entry = fwu_payload_add(out, length);
+    unsigned char *const entry = fwu_entry_add(out, length);
     unsigned char *p = entry + FWU_ENTRY_HEADER_SIZE;
     p[0] = static_cast<unsigned char>(mark.kind);
     p[1] = static_cast<unsigned char>(mark.dbname.size());
@@ -171,5 +173,5 @@ void fwu_entry_put_mark(std::vector<unsigned char> &out, int32_t tag, const fwu_
     p = fwu_payload_put_text(p, mark.dsetname);
     for (const std::string *text : {&mark.schema, &mark.table, &mark.reason})
         p = put_text(p, 4, *text);
-    fwu_payload_seal(entry, length, FWU_KIND_MARK, tag);
+    fwu_entry_seal(entry, length, FWU_KIND_MARK, tag);
 }
