@@ -32,8 +32,13 @@ static bool is_older(const fwu_cursor &cursor, const fwu_place &place)
 }
 
 // How to go on from a place that this log does not have.
-static std::string remedy(const std::string &directory, const fwu_place &place)
+static std::string remedy(const std::string &directory, const fwu_place &place,
+                          const fwu_start_options &options)
 {
+    const auto option = [&options](const fwu_position &position) {
+        return std::string(position.tag == 0 ? options.file : options.entry) + " " +
+               fwu_position_text(position);
+    };
     static const std::string end = std::string("; or restore the log that belongs to it, or name "
                                                "another status file") +
                                    FWU_KEEP_FIRST;
@@ -59,12 +64,12 @@ static std::string remedy(const std::string &directory, const fwu_place &place)
         older = older && found == FWU_END;
     }
     fwu_cursor_close(cursor);
-    return "to go on with this log, give " + fwu_position_text(behind) +
-           " as start position (-start " + fwu_position_text(behind) + "), " +
+    return "to go on with this log, give " + fwu_position_text(behind) + " as start position (" +
+           option(behind) + "), " +
            (behind.tag == 0 ? "its oldest record" : "which is behind its last older transaction") +
            (behind.tag != 0 && other ? ", or, when it is fed from another source than before, its "
-                                       "oldest record (-start " +
-                                           fwu_position_text(oldest) + ")"
+                                       "oldest record (" +
+                                           option(oldest) + ")"
                                      : "") +
            end;
 }
@@ -81,7 +86,7 @@ static fwu_found find_transaction(fwu_cursor &cursor, int32_t tag)
 }
 
 static int compare(const std::string &directory, const fwu_cursor &cursor, const fwu_place &place,
-                   const std::string &what)
+                   const std::string &what, const fwu_start_options &options)
 {
     fwu_place there;
     there.position = place.position;
@@ -97,10 +102,11 @@ static int compare(const std::string &directory, const fwu_cursor &cursor, const
         return 0;
     return fwu_error("%s: the log has another record there: this one was %s, that one %s; %s",
                      what.c_str(), origin_of(place).c_str(), origin_of(there).c_str(),
-                     remedy(directory, place).c_str());
+                     remedy(directory, place, options).c_str());
 }
 
-int fwu_place_check(const std::string &directory, const fwu_place &place, const std::string &what)
+int fwu_place_check(const std::string &directory, const fwu_place &place, const std::string &what,
+                    const fwu_start_options &options)
 {
     std::vector<fwu_log_file> files;
     if (fwu_log_list(directory, files) != 0)
@@ -109,27 +115,27 @@ int fwu_place_check(const std::string &directory, const fwu_place &place, const 
     const fwu_log_file *file = fwu_start_look(files, position);
     if (file == nullptr)
         return fwu_error("%s: %s; %s", what.c_str(), fwu_start_range(files).c_str(),
-                         remedy(directory, place).c_str());
+                         remedy(directory, place, options).c_str());
     fwu_cursor cursor;
     if (fwu_cursor_open(cursor, *file) != 0)
         return -1;
     int result = -1;
     const fwu_found found = find_transaction(cursor, position.tag);
     if (found == FWU_FOUND)
-        result = compare(directory, cursor, place, what);
+        result = compare(directory, cursor, place, what, options);
     else if (found == FWU_DAMAGED)
         fwu_log_damage(cursor);
     else if (found == FWU_END)
         fwu_error("%s: %s holds positions up to %d-%d.%d only; the log has %s to %s; %s",
                   what.c_str(), file->name.c_str(), file->generation, file->sequence,
                   cursor.tx_last_tag, files.front().name.c_str(), files.back().name.c_str(),
-                  remedy(directory, place).c_str());
+                  remedy(directory, place, options).c_str());
     fwu_cursor_close(cursor);
     return result;
 }
 
 int fwu_place_look(const std::string &directory, const fwu_cursor &cursor, const fwu_place &place,
-                   const std::string &what)
+                   const std::string &what, const fwu_start_options &options)
 {
     if (cursor.fd < 0)
         return 0;
@@ -148,7 +154,7 @@ int fwu_place_look(const std::string &directory, const fwu_cursor &cursor, const
     }
     fwu_error("%s: the log file was %s while it was being read", cursor.file.path.c_str(),
               there ? "replaced" : "removed, and no newer one is there,");
-    if (fwu_place_named(place) && fwu_place_check(directory, place, what) != 0)
+    if (fwu_place_named(place) && fwu_place_check(directory, place, what, options) != 0)
         return -1;
     return fwu_error("%s: start again to go on with the log that is there now%s", what.c_str(),
                      FWU_KEEP_FIRST);
