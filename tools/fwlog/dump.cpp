@@ -25,6 +25,8 @@ static constexpr cli_option rows[] = {
     FWLOG_NUMBERS,
     FWLOG_DSET,
     FWLOG_AFTER,
+    FWLOG_STATE,
+    FWLOG_ACK,
 };
 
 static bool before_range(const fwu_log_file &file, int32_t tag)
@@ -68,25 +70,17 @@ static outcome run_text()
     return fwlog_told(walked >= 0);
 }
 
-static outcome run_json()
-{
-    change_reader reader;
-    if (outcome opened = fwlog_open_selected(reader, options.cfg); !opened)
-        return opened;
-    return fwlog_json_put(reader, {});
-}
-
 static outcome run()
 {
     if (outcome checked = fwlog_json_check(options.hex, FWLOG_TEXT_RANGE); !checked)
         return checked;
-    return fwlog_json.wanted ? run_json() : run_text();
+    return fwlog_json.wanted ? fwlog_json_selected(options.cfg, {}) : run_text();
 }
 
 static const char help[] =
     "Usage: fwlog dump [-cfg FILE] [--hex] [--from POSITION] [--to POSITION]\n"
     "                  [--json [--source-names] [--numbers text|json] [--dset PATTERN ...]\n"
-    "                  [--after POSITION]]\n"
+    "                  [--after POSITION] [--state FILE [--ack]]]\n"
     "\n"
     "Prints the committed transactions of the forward log entry by entry, or the changes\n"
     "in them as JSON, an object a line.\n"
@@ -103,9 +97,14 @@ static const char help[] =
     "  --dset PATTERN       only datasets that match, as with Kestro's -dset; more than one\n"
     "                       may be given\n"
     "  --after POSITION     begin behind this entry\n"
+    "  --state FILE         keep in this file how far changes were written, and begin behind\n"
+    "                       that\n"
+    "  --ack                keep instead how far they were dealt with: read such positions\n"
+    "                       from standard input, one a line\n"
     "  --help               print this\n"
     "\n"
-    "Exit status: 0 done; 1 error or damage; 2 wrong command line.\n";
+    "Exit status: 0 done; 1 error or damage, or changes were not acknowledged; 2 wrong\n"
+    "command line.\n";
 
 constinit const cli_command fwlog_dump_row = {
     .name = "dump",

@@ -6,8 +6,10 @@
 #include "tools/fwlog/following.h"
 #include "tools/fwlog/selection.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 fwlog_json_form fwlog_json;
 
@@ -23,6 +25,8 @@ outcome fwlog_json_check(bool hex, fwlog_text text)
 {
     if (fwlog_json.wanted && hex)
         return cli_usage("option does not go with --json", "--hex");
+    if (fwlog_json.wanted && fwlog_state.acknowledge && fwlog_state.file == nullptr)
+        return cli_usage("option needs --state", "--ack");
     if (fwlog_json.wanted)
         return {};
     const bool range = text == FWLOG_TEXT_RANGE;
@@ -35,6 +39,8 @@ outcome fwlog_json_check(bool hex, fwlog_text text)
         {"--numbers", fwlog_json.numbers},
         {"--dset", !selected.patterns.empty()},
         {"--after", selected.after.sequence != 0},
+        {"--state", fwlog_state.file != nullptr},
+        {"--ack", fwlog_state.acknowledge},
         {"--from", !range && selected.from.sequence != 0},
         {"--to", !range && selected.to.sequence != 0},
     };
@@ -52,16 +58,12 @@ struct json_state {
     std::string out;
     uint64_t left; // transactions
     fwu_watch watch;
-    fwu_position ended; // commit entry of the last transaction that has ended
 };
 
 static outcome write_out(json_state &state)
 {
-    if (outcome written = fwlog_write_out(state.out); !written)
-        return written;
-    if (state.run.written && state.ended.sequence != 0)
-        return state.run.written(state.ended);
-    return {};
+    return state.run.consumer != nullptr ? fwlog_consumer_write(*state.run.consumer, state.out)
+                                         : fwlog_write_out(state.out);
 }
 
 // Whether nothing behind the transaction in hand is wanted.
@@ -73,16 +75,21 @@ static bool is_range_over(const change_reader &reader)
 
 static bool is_over(const json_state &state)
 {
-    return state.left == 0 || is_range_over(state.reader);
+    return state.left == 0 || is_range_over(state.reader) || fwu_stop != 0 ||
+           (state.run.consumer != nullptr && fwlog_consumer_gone(*state.run.consumer));
 }
 
 // A transaction has ended.
 static outcome end_transaction(json_state &state, change_found found)
 {
     change_json_end(state.json, state.out, true);
-    state.ended = state.reader.transaction.position;
-    if (state.reader.range.after < state.ended)
+    if (state.reader.range.after < state.reader.transaction.position)
         state.left--;
+    if (state.run.consumer != nullptr)
+        if (outcome kept =
+                fwlog_consumer_end(*state.run.consumer, state.out, state.reader.transaction);
+            !kept)
+            return kept;
     // What waits is not to wait while transactions are passed over of which nothing is wanted.
     if (found == CHANGE_PASSED || state.out.size() >= FWLOG_WRITE_AFTER)
         return write_out(state);
@@ -93,7 +100,10 @@ static outcome wait_for_more(json_state &state)
 {
     if (outcome written = write_out(state); !written)
         return written;
-    return fwlog_wait_for_more(state.reader.log, state.watch);
+    fwu_log &log = state.reader.log;
+    return state.run.consumer != nullptr
+               ? fwlog_consumer_wait(*state.run.consumer, log, state.watch)
+               : fwlog_wait_for_more(log, state.watch);
 }
 
 // Goes on to the next change, or what there is instead of it; more: there may be another.
@@ -103,16 +113,18 @@ static outcome step(json_state &state, bool &more)
     const change_found found = change_next(state.reader, next);
     switch (found) {
     case CHANGE_FOUND:
+        if (state.run.consumer != nullptr)
+            fwlog_consumer_line(*state.run.consumer, state.out, next, state.reader.transaction);
         change_json_put(state.json, state.out, next, state.reader.transaction);
-        return state.out.size() >= FWLOG_WRITE_AFTER ? fwlog_write_out(state.out) : outcome();
+        return state.out.size() >= FWLOG_WRITE_AFTER ? write_out(state) : outcome();
     case CHANGE_COMMITTED:
     case CHANGE_PASSED: {
         outcome done = end_transaction(state, found);
-        more = !is_over(state) && fwu_stop == 0;
+        more = !is_over(state);
         return done;
     }
     case CHANGE_NO_MORE:
-        more = state.run.follow && fwu_stop == 0;
+        more = state.run.follow && !is_over(state);
         return more ? wait_for_more(state) : outcome();
     case CHANGE_RANGE_ENDED:
         change_json_end(state.json, state.out, true);
@@ -133,12 +145,11 @@ outcome fwlog_json_put(change_reader &reader, const fwlog_json_run &run)
                         .json = change_json(fwlog_json.form),
                         .out = {},
                         .left = run.transactions,
-                        .watch = {},
-                        .ended = {}};
+                        .watch = {}};
     if (run.follow)
         fwu_watch_open(state.watch, reader.log.directory);
     outcome done;
-    bool more = !is_over(state) && fwu_stop == 0;
+    bool more = !is_over(state);
     while (more && done)
         done = step(state, more);
     fwu_watch_close(state.watch);
@@ -146,5 +157,21 @@ outcome fwlog_json_put(change_reader &reader, const fwlog_json_run &run)
         done = write_out(state);
     if (done && fwu_stop != 0)
         done = fwlog_stopped();
+    if (run.consumer != nullptr)
+        done = fwlog_consumer_close(*run.consumer, std::move(done));
     return done;
+}
+
+outcome fwlog_json_selected(const char *cfg, fwlog_json_run run)
+{
+    std::optional<fwlog_consumer> consumer;
+    if (fwlog_state.file != nullptr) {
+        run.consumer = &consumer.emplace();
+        if (outcome opened = fwlog_consumer_open(*consumer, cfg); !opened)
+            return opened;
+    }
+    change_reader reader;
+    if (outcome opened = fwlog_open_selected(reader, cfg); !opened)
+        return opened;
+    return fwlog_json_put(reader, run);
 }

@@ -5,12 +5,11 @@
 
 #include "changes/json.h"
 #include "changes/reader.h"
-#include "fwutil/fwu_start.h"
+#include "tools/fwlog/consumer.h"
 #include "tools/fwlog/fwlog.h"
 #include "util/cli.h"
 
 #include <cstdint>
-#include <functional>
 
 // What the options have said.
 struct fwlog_json_form {
@@ -39,12 +38,14 @@ outcome fwlog_json_check(bool hex, fwlog_text text);
 struct fwlog_json_run {
     bool follow = false;                // go on with what comes until a signal (fwu_signals)
     uint64_t transactions = UINT64_MAX; // go through so many behind range.after at most
-    // Told after each write which transactions are now behind: all up to the one with this
-    // commit entry, of which every line was written out or none was wanted.  May be empty.
-    std::function<outcome(const fwu_position &commit)> written;
+    fwlog_consumer *consumer = nullptr; // whose state is kept; null: nobody's
 };
 
 // Writes out what the reader gives.  With follow each transaction is written out at once.
 outcome fwlog_json_put(change_reader &reader, const fwlog_json_run &run);
+
+// Writes out what the options select from the log of the configuration at cfg, and keeps the state
+// if there is to be one.
+outcome fwlog_json_selected(const char *cfg, fwlog_json_run run);
 
 #endif

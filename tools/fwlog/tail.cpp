@@ -48,6 +48,8 @@ static constexpr cli_option rows[] = {
     FWLOG_FROM,
     FWLOG_TO,
     FWLOG_AFTER,
+    FWLOG_STATE,
+    FWLOG_ACK,
 };
 
 struct tail_state {
@@ -176,20 +178,20 @@ static outcome run_json(const std::string &directory)
     const bool begun = selected.after.sequence != 0 || selected.from.sequence != 0;
     if (begun && options.counted)
         return cli_usage("give only one of -n, --after and --from", "-n");
+    const bool stated = fwlog_state.file != nullptr;
+    if (stated && options.counted)
+        return cli_usage("option does not go with --state", "-n");
     fwlog_json_run how;
     how.follow = options.follow;
     fwlog_tail_start last;
-    if (!begun) {
+    if (!begun && !stated) {
         last = begin_range(directory);
         if (last.found == FWU_FAILED)
             return OUTCOME_FAILED;
         if (!options.follow)
             how.transactions = last.wanted;
     }
-    change_reader reader;
-    if (outcome opened = fwlog_open_selected(reader, options.cfg); !opened)
-        return opened;
-    outcome done = fwlog_json_put(reader, how);
+    outcome done = fwlog_json_selected(options.cfg, how);
     if (!done)
         return done;
     return fwlog_told(last.found != FWU_DAMAGED);
@@ -209,7 +211,8 @@ static outcome run()
 static const char help[] =
     "Usage: fwlog tail [-cfg FILE] [-f] [-n N] [--hex]\n"
     "                  [--json [--source-names] [--numbers text|json] [--dset PATTERN ...]\n"
-    "                  [--from POSITION] [--to POSITION] [--after POSITION]]\n"
+    "                  [--from POSITION] [--to POSITION] [--after POSITION]\n"
+    "                  [--state FILE [--ack]]]\n"
     "\n"
     "Prints the entries of the last transactions of the forward log, as dump does, or the\n"
     "changes in them as JSON, an object a line.\n"
@@ -230,10 +233,15 @@ static const char help[] =
     "                       \"1-25.340\")\n"
     "  --to POSITION        end with that log file or entry\n"
     "  --after POSITION     instead of -n: begin behind this entry\n"
+    "  --state FILE         instead of -n: keep in this file how far changes were written,\n"
+    "                       and begin behind that; with the oldest when it is new\n"
+    "  --ack                keep instead how far they were dealt with: read such positions\n"
+    "                       from standard input, one a line\n"
     "  --help               print this\n"
     "\n"
-    "Exit status: 0 done; 1 error or damage; 2 wrong command line; 128 + signal number\n"
-    "when SIGINT or SIGTERM ended it behind a whole transaction.\n";
+    "Exit status: 0 done; 1 error or damage, or changes were not acknowledged; 2 wrong\n"
+    "command line; 128 + signal number when SIGINT or SIGTERM ended it behind a whole\n"
+    "transaction.\n";
 
 constinit const cli_command fwlog_tail_row = {
     .name = "tail",
