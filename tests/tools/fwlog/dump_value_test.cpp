@@ -35,6 +35,14 @@ TEST(DumpValue, NumbersAreDecimal)
     EXPECT_EQ(dumped(item_of("A", 'R', 8), "\xC0\x04\x00\x00\x00\x00\x00\x00"s), " A=-2.5");
 }
 
+TEST(DumpValue, NumbersThatAreNoneHaveTheirNames)
+{
+    EXPECT_EQ(dumped(item_of("A", 'E', 4), "\x7F\xC0\x00\x00"s), " A=nan");
+    EXPECT_EQ(dumped(item_of("A", 'E', 4), "\xFF\xC0\x00\x00"s), " A=-nan");
+    EXPECT_EQ(dumped(item_of("A", 'R', 8), "\x7F\xF0\x00\x00\x00\x00\x00\x00"s), " A=inf");
+    EXPECT_EQ(dumped(item_of("A", 'E', 4), "\x00\x00\x80\xFF"s, false), " A=-inf");
+}
+
 TEST(DumpValue, PackedAndZonedHaveTheirDecimalPoint)
 {
     EXPECT_EQ(dumped(item_of("A", 'P', 5, 1, 2), "\x00\x00\x87\x12\x0D"s), " A=-871.20");
