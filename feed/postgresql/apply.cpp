@@ -128,6 +128,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
         return decoded;
     switch (apply.message.kind) {
     case 'B':
+        relations.facts.xid = apply.message.xid;
         return take_begin(apply, tx);
     case 'C':
         return take_commit(apply, tx);

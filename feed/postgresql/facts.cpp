@@ -1,17 +1,22 @@
 // The stream tells what was, the catalogue what is: a table may be gone by now, or have other
 // columns.  So nothing that is asked here is needed; what there is of it makes the log say more.
+// A transaction is also sent a moment before others see it, with a synchronous standby long before.
 #include "feed/postgresql/facts.h"
 
 #include "feed/postgresql/catalogue.h"
 #include "fwutil/fwu_clock.h"
 
 #include <algorithm>
+#include <poll.h>
 #include <set>
 
-// Rows of the query, for tables in "t" and types in "y", in this order: tables ("c"), columns
-// of their keys ("k", by place), types ("t").
+// Rows of the query, for tables in "t" and types in "y", in this order: tables ("c") with their
+// columns, columns of their keys ("k", by place), the snapshot that all is seen in ("s"), types
+// ("t").
 static const char query_tail[] =
-    " SELECT 'c' AS kind, t.oid, 0 AS number, '' AS text FROM t"
+    " SELECT 'c' AS kind, t.oid, 0 AS number, (SELECT string_agg(a.attname || ' ' || a.atttypid"
+    " || ' ' || a.atttypmod, ',' ORDER BY a.attnum) FROM pg_attribute a WHERE a.attrelid = t.oid"
+    " AND a.attnum > 0 AND NOT a.attisdropped AND a.attgenerated = '') AS text FROM t"
     " UNION ALL"
     " SELECT 'k', i.indrelid, k.place::int, a.attname::text FROM t"
     " JOIN pg_index i ON i.indrelid = t.oid"
@@ -19,6 +24,8 @@ static const char query_tail[] =
     " JOIN pg_attribute a ON a.attrelid = i.indrelid AND a.attnum = k.attnum"
     " WHERE k.place <= i.indnkeyatts AND (i.indisprimary OR i.indisreplident AND NOT EXISTS"
     " (SELECT FROM pg_index p WHERE p.indrelid = i.indrelid AND p.indisprimary))"
+    " UNION ALL"
+    " SELECT 's', 0, 0, txid_current_snapshot()::text"
     " UNION ALL"
     " SELECT 't', y.type, y.modifier, format_type(y.type, y.modifier) FROM y"
     " ORDER BY 1, 2, 3";
@@ -71,45 +78,79 @@ void pgf_take(pgf_facts &facts, const pgs_result &rows)
         if (!pgs_number(id, pgs_value(rows, i, 1)) || !pgs_number(number, pgs_value(rows, i, 2)))
             continue;
         if (kind == "c")
-            facts.keys[id].clear();
+            facts.tables[id] = {.columns = text, .key = {}};
         else if (kind == "k")
-            facts.keys[id].push_back(text);
+            facts.tables[id].key.push_back(text);
+        else if (kind == "s")
+            facts.snapshot = text;
         else
             facts.types[{id, number}] = text.starts_with("???") ? "" : text; // dropped
     }
     facts.again_ms = fwu_monotonic_ms() + facts.pause_ms;
 }
 
-static bool has_column(const pgo_relation &table, const std::string &name)
+static std::string columns_of(const pgo_relation &table)
 {
-    return std::any_of(table.columns.begin(), table.columns.end(),
-                       [&](const pgo_column &column) { return column.name == name; });
+    std::string columns;
+    for (const pgo_column &column : table.columns)
+        columns += comma(columns) + column.name + " " + std::to_string(column.type) + " " +
+                   std::to_string(column.modifier);
+    return columns;
 }
 
 bool pgf_knows(const pgf_facts &facts, const pgo_relation &table)
 {
-    const auto key = facts.keys.find(table.id);
-    if (key == facts.keys.end())
-        return false;
-    for (const std::string &name : key->second)
-        if (!has_column(table, name))
-            return false;
-    return std::none_of(table.columns.begin(), table.columns.end(), [&](const pgo_column &column) {
-        return pgf_type_text(facts, column).empty();
-    });
+    const auto known = facts.tables.find(table.id);
+    return known != facts.tables.end() && known->second.columns == columns_of(table) &&
+           std::none_of(table.columns.begin(), table.columns.end(), [&](const pgo_column &column) {
+               return pgf_type_text(facts, column).empty();
+           });
 }
 
-bool pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *> &tables)
+// The next number of a text, which is cut off it.
+static uint64_t take_number(std::string_view &text)
+{
+    uint64_t number = 0;
+    const size_t end = std::min(text.find_first_of(":,"), text.size());
+    (void)pgs_number(number, text.substr(0, end)); // else 0, which no transaction has
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return number;
+}
+
+bool pgf_has_transaction(std::string_view snapshot, uint32_t xid)
+{
+    const uint64_t xmin = take_number(snapshot);
+    const uint64_t xmax = take_number(snapshot);
+    // Numbers there have 64 bits: the one that is nearest to the newest is meant.
+    const uint64_t full =
+        xmax + static_cast<uint64_t>(static_cast<int32_t>(xid - static_cast<uint32_t>(xmax)));
+    if (full < xmin || full >= xmax)
+        return full < xmin;
+    while (!snapshot.empty())
+        if (take_number(snapshot) == full)
+            return false;
+    return true;
+}
+
+pgf_answer pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *> &tables)
 {
     if (facts.ask == nullptr || fwu_monotonic_ms() < facts.retry_ms)
-        return false;
-    pgs_result rows;
-    if (facts.ask(pgf_query(tables), rows)) {
+        return PGF_NO_ANSWER;
+    const std::string query = pgf_query(tables);
+    // Mostly there is nothing between its arrival and its being seen.
+    for (const int pause_ms : {5, 20, 50, 0}) {
+        pgs_result rows;
+        if (!facts.ask(query, rows)) {
+            facts.retry_ms = facts.again_ms = fwu_monotonic_ms() + facts.pause_ms;
+            return PGF_NO_ANSWER;
+        }
         pgf_take(facts, rows);
-        return true;
+        if (facts.xid == 0 || pgf_has_transaction(facts.snapshot, facts.xid))
+            return PGF_ANSWER;
+        if (pause_ms != 0)
+            (void)poll(nullptr, 0, pause_ms); // a signal may cut it short
     }
-    facts.retry_ms = facts.again_ms = fwu_monotonic_ms() + facts.pause_ms;
-    return false;
+    return PGF_OLDER;
 }
 
 std::string pgf_type_text(const pgf_facts &facts, const pgo_column &column)

@@ -10,9 +10,17 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+struct pgf_table {
+    std::string columns; // names, types and modifiers of all, to be compared
+    // Columns of the primary key in its order, else those of the index that identifies the
+    // rows; empty: there is none.
+    std::vector<std::string> key;
+};
 
 using pgf_type = std::pair<uint32_t, int32_t>; // OID and modifier
 
@@ -23,10 +31,11 @@ struct pgf_facts {
     int64_t retry_ms = 0;      // not asked at all before this time, monotonic
     int64_t again_ms = 0;      // not asked again for what is known before this time
 
-    // By the table's OID, the columns of its key in their order: of the primary key, else of the
-    // index that identifies its rows; empty: it has none.
-    std::unordered_map<uint32_t, std::vector<std::string>> keys;
-    std::map<pgf_type, std::string> types; // empty: the server does not know them
+    uint32_t xid = 0; // transaction in hand, which is sent before others see it; 0: none
+
+    std::unordered_map<uint32_t, pgf_table> tables; // by OID
+    std::map<pgf_type, std::string> types;          // empty: the server does not know them
+    std::string snapshot;                           // of the last answer, "xmin:xmax:xip,..."
 };
 
 // The query for all tables of the publication that is parameter $1, and that for these tables.
@@ -36,12 +45,20 @@ std::string pgf_query(const std::vector<const pgo_relation *> &tables);
 // Takes the rows of these queries, in the place of what was known of the same tables and types.
 void pgf_take(pgf_facts &facts, const pgs_result &rows);
 
-// Whether nothing is missing to describe the table: its key is known and one of its columns, and
-// the names of its types are.
+// Whether what is known is of the table as it is described, and nothing is missing.
 bool pgf_knows(const pgf_facts &facts, const pgo_relation &table);
 
-// Asks for these tables, unless that is to wait.  False: nothing new is known.
-bool pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *> &tables);
+enum pgf_answer {
+    PGF_NO_ANSWER,
+    PGF_OLDER, // than the transaction in hand
+    PGF_ANSWER,
+};
+
+// Asks for these tables, unless that is to wait.
+pgf_answer pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *> &tables);
+
+// Whether a snapshot has a transaction: it has ended in it.
+bool pgf_has_transaction(std::string_view snapshot, uint32_t xid);
 
 // The type of a column as the server writes it; empty: not known.
 std::string pgf_type_text(const pgf_facts &facts, const pgo_column &column);

@@ -34,7 +34,7 @@ static void set_columns(feed_row &row, const pgo_relation &told)
 void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 {
     pgb_relation &relation = relations.known[told.id];
-    relation.facts = PGB_STALE;
+    relation.stale = true;
     if (relation.told == told)
         return;
     if (relation.table != nullptr && relation.told.name != told.name)
@@ -95,13 +95,14 @@ static void describe(pgb_relation &relation, const pgb_relations &relations,
     for (const pgo_column &column : told.columns)
         source.columns.push_back(
             {.name = column.name, .type = pgf_type_text(relations.facts, column)});
-    const auto key = relations.facts.keys.find(told.id);
-    if (key != relations.facts.keys.end())
-        source.key = key->second;
+    const auto known = relations.facts.tables.find(told.id);
+    if (known != relations.facts.tables.end())
+        source.key = known->second.key;
     feed_describe(*relation.table, *relations.tables.config, std::move(source), notes);
 }
 
-// Asks for all that may have changed, where it is time for that.
+// Asks for all that may have changed, where it is time for that.  What an answer says that lacks
+// the transaction in hand may be something else soon.
 static void refresh(const pgb_relation &relation, pgb_relations &relations)
 {
     pgf_facts &facts = relations.facts;
@@ -110,15 +111,17 @@ static void refresh(const pgb_relation &relation, pgb_relations &relations)
     std::vector<pgb_relation *> stale;
     std::vector<const pgo_relation *> tables;
     for (auto &[id, other] : relations.known) {
-        if (other.facts != PGB_STALE || other.table == nullptr || other.table->dataset == nullptr)
+        if (!other.stale || other.table == nullptr || other.table->dataset == nullptr)
             continue;
         stale.push_back(&other);
         tables.push_back(&other.told);
     }
-    if (!pgf_refresh(facts, tables))
+    const pgf_answer answer = pgf_refresh(facts, tables);
+    if (answer == PGF_NO_ANSWER)
         return;
     for (pgb_relation *other : stale) {
-        other->facts = PGB_ASKED;
+        other->stale = answer == PGF_OLDER;
+        other->news = true;
         other->urgent = false;
     }
 }
@@ -138,18 +141,14 @@ outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
             set_types(relation->fresh, *relations.tables.config, relation->told);
             set_types(relation->old, *relations.tables.config, relation->told);
         }
-        if (relation->table->dataset != nullptr)
-            describe(*relation, relations, notes);
+        relation->news = relation->table->dataset != nullptr;
         relation->urgent = !pgf_knows(relations.facts, relation->told);
     }
-    if (relation->facts == PGB_CURRENT || relation->table->dataset == nullptr)
-        return {};
-    if (relation->facts == PGB_STALE)
+    if (relation->stale && relation->table->dataset != nullptr)
         refresh(*relation, relations);
-    if (relation->facts == PGB_ASKED) {
+    if (relation->news)
         describe(*relation, relations, notes);
-        relation->facts = PGB_CURRENT;
-    }
+    relation->news = false;
     return {};
 }
 

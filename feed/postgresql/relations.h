@@ -12,19 +12,13 @@
 #include <unordered_map>
 #include <vector>
 
-// How far what the catalogue says of a table has come.
-enum pgb_facts_state {
-    PGB_STALE, // it may say something else by now
-    PGB_ASKED, // what it says is there, and not handed on to the table yet
-    PGB_CURRENT,
-};
-
 struct pgb_relation {
     pgo_relation told;           // as the server describes it
     feed_table *table = nullptr; // null: not looked up yet
-    pgb_facts_state facts = PGB_STALE;
-    bool urgent = false; // stale, and what is known is not enough
-    feed_row fresh;      // names and types of all columns, values of the row in hand
+    bool stale = true;           // the catalogue may say something else of it by now
+    bool urgent = false;         // ... and what is known does not fit
+    bool news = false;           // what is known was not handed on to the table yet
+    feed_row fresh;              // names and types of all columns, values of the row in hand
     feed_row old;
     feed_row partial; // of a new row of which not all was sent
 };

@@ -41,24 +41,24 @@ TEST(Facts, AnswersTakeThePlaceOfWhatWasKnown)
                                 {"t", "16400", "-1", "public.mood"},
                                 {"t", "16404", "5", "???"},
                                 {"t", "16405", "-1", "???[]"}}));
-    EXPECT_THAT(facts.keys[70], ElementsAre("no", "line"));
-    EXPECT_THAT(facts.keys[71], IsEmpty());
+    EXPECT_THAT(facts.tables[70].key, ElementsAre("no", "line"));
+    EXPECT_THAT(facts.tables[71].key, IsEmpty());
     EXPECT_EQ(pgf_type_text(facts, {"b", MOOD, -1}), "public.mood");
     EXPECT_EQ(pgf_type_text(facts, {"b", MOOD, 7}), "");
     EXPECT_EQ(pgf_type_text(facts, {"c", PRICE, 5}), "") << "the server does not know it any more";
     EXPECT_EQ(pgf_type_text(facts, {"c", 16405, -1}), "");
     EXPECT_EQ(pgf_type_text(facts, {"a", INT, -1}), "integer");
     pgf_take(facts, facts_rows({{"c", "70", "0", ""}, {"k", "70", "1", "id"}}));
-    EXPECT_THAT(facts.keys[70], ElementsAre("id"));
+    EXPECT_THAT(facts.tables[70].key, ElementsAre("id"));
     pgf_take(facts, facts_rows({{"c", "70", "0", ""}}));
-    EXPECT_THAT(facts.keys[70], IsEmpty());
+    EXPECT_THAT(facts.tables[70].key, IsEmpty());
 }
 
 TEST(Facts, AnswersThatAreNoneArePassedOver)
 {
     pgf_facts facts;
     pgf_take(facts, facts_rows({{"c", "x", "0", ""}, {"k", "70", "", "no"}, {"t", "", "", ""}}));
-    EXPECT_THAT(facts.keys, IsEmpty());
+    EXPECT_THAT(facts.tables, IsEmpty());
     EXPECT_THAT(facts.types, IsEmpty());
 }
 
@@ -67,20 +67,21 @@ TEST(Facts, ATableIsKnownWithItsKeyAndTheNamesOfItsTypes)
     pgf_facts facts;
     const pgo_relation table = table_of(70, {{"no", INT, -1}, {"mood", MOOD, -1}});
     EXPECT_FALSE(pgf_knows(facts, table));
-    facts.keys[70] = {"no"};
+    facts.tables[70] = {.columns = "no 23 -1,mood 16400 -1", .key = {"no"}};
     EXPECT_FALSE(pgf_knows(facts, table));
     facts.types[{MOOD, -1}] = "public.mood";
     EXPECT_TRUE(pgf_knows(facts, table));
-    facts.keys[70] = {};
-    EXPECT_TRUE(pgf_knows(facts, table));
-    facts.keys[70] = {"no", "renamed"};
-    EXPECT_FALSE(pgf_knows(facts, table));
+    for (const char *other : {"no 23 -1", "", "no 23 -1,mood 16400 5", "no 23 -1,mode 16400 -1",
+                              "mood 16400 -1,no 23 -1", "no 20 -1,mood 16400 -1"}) {
+        facts.tables[70].columns = other;
+        EXPECT_FALSE(pgf_knows(facts, table)) << other;
+    }
 }
 
 TEST(Facts, NobodyIsAskedAgainSoonAfterAFailure)
 {
     pgf_facts facts;
-    EXPECT_FALSE(pgf_refresh(facts, {})) << "nobody to ask";
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_NO_ANSWER) << "nobody to ask";
     int asked = 0;
     bool answers = false;
     facts.ask = [&](const std::string &, pgs_result &rows) {
@@ -89,14 +90,67 @@ TEST(Facts, NobodyIsAskedAgainSoonAfterAFailure)
         return answers;
     };
     facts.pause_ms = 3'600'000;
-    EXPECT_FALSE(pgf_refresh(facts, {}));
-    EXPECT_FALSE(pgf_refresh(facts, {}));
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_NO_ANSWER);
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_NO_ANSWER);
     EXPECT_EQ(asked, 1);
-    EXPECT_THAT(facts.keys, IsEmpty());
+    EXPECT_THAT(facts.tables, IsEmpty());
     facts.retry_ms = 0;
     answers = true;
-    EXPECT_TRUE(pgf_refresh(facts, {}));
-    EXPECT_TRUE(pgf_refresh(facts, {}));
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_ANSWER);
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_ANSWER);
     EXPECT_EQ(asked, 3);
-    EXPECT_EQ(facts.keys.count(70), 1U);
+    EXPECT_EQ(facts.tables.count(70), 1U);
+}
+
+TEST(Facts, ASnapshotHasTheTransactionsThatHaveEndedInIt)
+{
+    const struct {
+        const char *snapshot;
+        uint32_t xid;
+        bool has;
+    } rows[] = {
+        {"10:20:10,15", 9, true},
+        {"10:20:10,15", 10, false},
+        {"10:20:10,15", 11, true},
+        {"10:20:10,15", 15, false},
+        {"10:20:10,15", 19, true},
+        {"10:20:10,15", 20, false},
+        {"10:20:10,15", 21, false},
+        {"20:20:", 19, true},
+        {"20:20:", 20, false},
+        // 64 bits: 2^32 + 5, with transactions before and behind the turn of 32 bits
+        {"4294967290:4294967301:4294967292", 4294967290U, true},
+        {"4294967290:4294967301:4294967292", 4294967292U, false},
+        {"4294967290:4294967301:4294967300", 4, false},
+        {"4294967290:4294967301:4294967300", 3, true},
+        {"4294967290:4294967301:", 5, false},
+        {"", 7, false},
+        {"nonsense", 7, false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(pgf_has_transaction(row.snapshot, row.xid), row.has)
+            << row.snapshot << " " << row.xid;
+}
+
+TEST(Facts, AnAnswerThatLacksTheTransactionInHandIsAskedForAgain)
+{
+    pgf_facts facts;
+    facts.xid = 7;
+    int asked = 0;
+    int seen = 3; // from this answer on
+    facts.ask = [&](const std::string &, pgs_result &rows) {
+        const bool sees = ++asked >= seen;
+        rows = facts_rows({{"c", "70", "0", ""},
+                           {"k", "70", "1", sees ? "new" : "old"},
+                           {"s", "0", "0", sees ? "8:8:" : "7:7:"}});
+        return true;
+    };
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_ANSWER);
+    EXPECT_EQ(asked, 3);
+    EXPECT_THAT(facts.tables[70].key, ElementsAre("new"));
+    asked = 0;
+    seen = 99;
+    EXPECT_EQ(pgf_refresh(facts, {}), PGF_OLDER);
+    EXPECT_EQ(asked, 4);
+    EXPECT_THAT(facts.tables[70].key, ElementsAre("old"));
 }

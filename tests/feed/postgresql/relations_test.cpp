@@ -257,8 +257,9 @@ TEST_F(Relations, WithoutAnAnswerTheSourceIsWhatTheStreamTells)
 
 TEST_F(Relations, WhatIsKnownIsNotAskedForAtOnce)
 {
-    pgf_take(relations.facts, facts_rows({{"c", "7", "0", ""}, {"k", "7", "1", "no"}}));
-    answer({{"c", "7", "0", ""}, {"k", "7", "1", "qty"}});
+    pgf_take(relations.facts,
+             facts_rows({{"c", "7", "0", "no 23 -1,qty 21 -1"}, {"k", "7", "1", "no"}}));
+    answer({{"c", "7", "0", "no 23 -1,qty 21 -1"}, {"k", "7", "1", "qty"}});
     describe(7, "orders", {{"no", 23, -1}, {"qty", 21, -1}});
     for (int i = 0; i < 5; i++) {
         EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1; qty smallint");
@@ -273,9 +274,21 @@ TEST_F(Relations, WhatIsKnownIsNotAskedForAtOnce)
     EXPECT_EQ(asked.size(), 1U) << "nothing was described since";
 }
 
+TEST_F(Relations, AChangedTableIsAskedForAtOnce)
+{
+    pgf_take(relations.facts, facts_rows({{"c", "7", "0", "no 23 -1"}, {"k", "7", "1", "no"}}));
+    describe(7, "orders", {{"no", 23, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1");
+    answer({{"c", "7", "0", ""}, {"k", "7", "1", "line"}, {"k", "7", "2", "no"}});
+    describe(7, "orders", {{"no", 23, -1}, {"line", 21, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #2; line smallint #1");
+    EXPECT_EQ(asked.size(), 1U);
+}
+
 TEST_F(Relations, AllTablesThatMayHaveChangedAreAskedForInOne)
 {
-    pgf_take(relations.facts, facts_rows({{"c", "7", "0", ""}, {"c", "8", "0", ""}}));
+    pgf_take(relations.facts,
+             facts_rows({{"c", "7", "0", "no 23 -1"}, {"c", "8", "0", "no 23 -1"}}));
     config.skip_tables = {"app.audit"};
     describe(7, "orders", {{"no", 23, -1}});
     describe(8, "parts", {{"no", 23, -1}});
@@ -292,6 +305,23 @@ TEST_F(Relations, AllTablesThatMayHaveChangedAreAskedForInOne)
     EXPECT_TRUE(asked[0].find("'{7,8}'") != std::string::npos ||
                 asked[0].find("'{8,7}'") != std::string::npos)
         << asked[0];
+}
+
+TEST_F(Relations, WhatIsSeenBeforeTheTransactionInHandIsAskedForAgainLater)
+{
+    relations.facts.xid = 7;
+    answer({{"c", "7", "0", ""}, {"s", "0", "0", "7:7:"}});
+    describe(7, "orders", {{"no", 23, -1}});
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer");
+    const size_t first = asked.size();
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer");
+    EXPECT_EQ(asked.size(), first) << "not at once";
+    answer({{"c", "7", "0", "no 23 -1"}, {"k", "7", "1", "no"}, {"s", "0", "0", "8:8:"}});
+    relations.facts.again_ms = 0;
+    EXPECT_EQ(source_of(find(7)), "app.orders: no integer #1");
+    relations.facts.again_ms = 0;
+    find(7);
+    EXPECT_EQ(asked.size(), first + 1);
 }
 
 TEST_F(Relations, ACatalogueThatHasMovedOnIsNoError)
