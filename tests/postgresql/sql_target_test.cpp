@@ -1,0 +1,231 @@
+// Statements of "fwlog sql" applied to real databases on a PostgreSQL server: the recorded
+// stream, and random changes cut, repeated and refused.
+#include "tests/postgresql/bridge_fixture.h"
+#include "tests/tools/fwlog/random_changes.h"
+
+#include <algorithm>
+#include <iterator>
+#include <random>
+#include <sstream>
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+static const std::string example = KESTRO_SOURCE_DIR "/examples/orders";
+
+// The lines that one of two texts has and the other has not.
+static std::vector<std::string> differences(const std::string &one, const std::string &other)
+{
+    const auto lines = [](const std::string &text) {
+        std::istringstream in(text);
+        std::multiset<std::string> found;
+        for (std::string line; std::getline(in, line);)
+            found.insert(line);
+        return found;
+    };
+    const std::multiset<std::string> first = lines(one);
+    const std::multiset<std::string> second = lines(other);
+    std::vector<std::string> found;
+    std::set_symmetric_difference(first.begin(), first.end(), second.begin(), second.end(),
+                                  std::back_inserter(found));
+    return found;
+}
+
+class SqlTargetTest : public BridgeTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        psql = pg_server::programs() + "/psql";
+        if (server != nullptr && access(psql.c_str(), X_OK) != 0)
+            GTEST_SKIP() << "psql is missing (Debian package postgresql-client-15)";
+    }
+
+    std::string statements(std::vector<std::string> more) const
+    {
+        more.insert(more.begin(), {"sql", "--dialect", "postgresql", "--create-tables"});
+        const run_result result = fwlog(more);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out;
+    }
+
+    std::string once(std::vector<std::string> more = {}) const
+    {
+        more.insert(more.end(), {"--position-table", "ops_done"});
+        return statements(std::move(more));
+    }
+
+    // Applies statements to the case's database; stop: at the first that fails.
+    run_result apply(const std::string &text, bool stop = true) const
+    {
+        run_setup setup;
+        setup.input = text;
+        std::vector<std::string> argv = {psql, "-X", "-q", "-d", conninfo()};
+        if (stop)
+            argv.insert(argv.end(), {"-v", "ON_ERROR_STOP=1"});
+        return run_program(argv, setup);
+    }
+
+    void drop_all() const
+    {
+        sql("DROP SCHEMA IF EXISTS shop, sales, depot, \"SHOP\" CASCADE; "
+            "DROP TABLE IF EXISTS ops_done");
+    }
+
+    // The case's configuration reads this log.
+    void read_log(const written_log &log) const
+    {
+        write_file(dir.file("fwutil.cfg"),
+                   "log-directory " + log.log + "\ndatabase SHOP\ndataset N\nitem NO I 4 key\n");
+    }
+
+    void compare(const random_changes &model)
+    {
+        std::string odd = "shop.\"";
+        for (const char c : std::string(random_changes::ODD))
+            odd += c == '"' ? "\"\"" : std::string(1, c);
+        pg_client client = connect();
+        const auto rows = [&client](const std::string &query) {
+            const auto all = client.run(query);
+            return std::multiset<model_row>(all.begin(), all.end());
+        };
+        const std::string extra = model.with_extra ? ", extra" : "";
+        EXPECT_EQ(rows("SELECT no, net, \"na\"\"me\"" + extra + " FROM " + odd + "\""),
+                  model.odd_rows());
+        EXPECT_EQ(rows("SELECT a, b FROM shop.plain"), model.plain_rows());
+    }
+
+    std::string psql;
+};
+
+TEST_F(SqlTargetTest, TheRecordedStreamGivesTheDatabasesTables)
+{
+    write_file(dir.file("fwutil.cfg"), read_file(example + "/fwutil.cfg"));
+    const run_result load = fwlog({"load", example + "/orders-changes.jsonl"});
+    if (load.err.find("was built without") != std::string::npos)
+        GTEST_SKIP() << load.err;
+    ASSERT_EQ(load.status, 0) << load.err;
+    for (const bool positioned : {false, true})
+        for (const bool made : {true, false}) {
+            drop_all();
+            if (!made) {
+                sql("DO 'BEGIN CREATE ROLE shop; EXCEPTION WHEN OTHERS THEN NULL; END'");
+                std::string schema = read_file(example + "/orders-schema.sql");
+                sql(schema.substr(0, schema.find("-- who works with it")));
+            }
+            const std::string text = positioned ? once() : statements({});
+            const run_result applied = apply(text);
+            EXPECT_EQ(applied.status, 0);
+            EXPECT_EQ(applied.err, "");
+            EXPECT_EQ(positioned ? apply(text).err : "", "");
+            pg_client client = connect();
+            EXPECT_THAT(differences(pg_contents(client, "'depot', 'sales'"),
+                                    read_file(example + "/orders-final.csv")),
+                        IsEmpty());
+        }
+}
+
+TEST_F(SqlTargetTest, TextsCutAnywhereAndRepeatedGiveTheTablesOnce)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    written_log log;
+    read_log(log);
+    random_changes model(log, seed);
+    for (int n = 0; n < 60; n++) {
+        if (n % 12 == 11)
+            model.alter();
+        model.transaction();
+    }
+    EXPECT_EQ(apply(statements({})).err, "");
+    compare(model);
+    const std::string whole = once();
+    for (int round = 0; round < 8; round++) {
+        drop_all();
+        // A client that stops at errors begins where the database is, since a column that is
+        // gone is an error also in what is passed over; others begin anywhere before.
+        const bool stop = round % 2 == 0;
+        std::string text = whole;
+        for (int cut = 0; cut < 4; cut++) {
+            (void)apply(text.substr(0, random() % text.size()), stop);
+            const bool begun = value("SELECT to_regclass('ops_done') IS NOT NULL") == "t";
+            const std::string position =
+                begun ? value("SELECT coalesce(max(position), '') FROM ops_done") : "";
+            const bool after = !position.empty() && !position.ends_with(".0000000000") &&
+                               (stop || random() % 2 == 0);
+            text = after ? once({"--after", position}) : whole;
+            if (text.empty())
+                break;
+        }
+        const run_result last = apply(text, stop);
+        EXPECT_EQ(stop ? last.err : "", "");
+        compare(model);
+    }
+}
+
+TEST_F(SqlTargetTest, ATransactionOfWhichAStatementFailsIsAllOrNothing)
+{
+    written_log log;
+    read_log(log);
+    const fwu_layout layout{
+        .dbname = "SHOP", .dsetname = "N", .items = {{.name = "NO", .type = 'I', .size = 4}}};
+    const auto add = [&](const std::vector<uint64_t> &numbers) {
+        log.begin();
+        for (const uint64_t no : numbers)
+            log.insert(layout, le(no, 4));
+        log.commit();
+    };
+    add({1});
+    add({2, 3, 4});
+    add({5});
+    const std::string numbers =
+        "SELECT string_agg(\"NO\"::text, ',' ORDER BY \"NO\") FROM \"SHOP\".\"N\"";
+    for (const bool stop : {true, false}) {
+        drop_all();
+        EXPECT_EQ(apply(once({"--to", "1-1.3"})).err, "");
+        sql("INSERT INTO \"SHOP\".\"N\" VALUES (3)");
+        const run_result failed = apply(once(), stop);
+        EXPECT_THAT(failed.err, HasSubstr("duplicate key"));
+        EXPECT_EQ(value(numbers), "1,3");
+        EXPECT_EQ(value("SELECT position FROM ops_done"), "0001-00000001.0000000003");
+        if (!stop) {
+            EXPECT_THAT(failed.err, HasSubstr("transactions_before_this_one_are_missing"));
+        }
+        sql("DELETE FROM \"SHOP\".\"N\" WHERE \"NO\" = 3");
+        EXPECT_EQ(apply(once()).err, "");
+        EXPECT_EQ(value(numbers), "1,2,3,4,5");
+        // One that begins further on than the database is, and another log.
+        sql("UPDATE ops_done SET position = '0001-00000001.0000000003'");
+        EXPECT_THAT(apply(once({"--after", "1-1.7"}), stop).err,
+                    HasSubstr("transactions_before_this_one_are_missing"));
+        sql("UPDATE ops_done SET log = 'none'");
+        EXPECT_THAT(apply(once(), stop).err, HasSubstr("the_position_is_one_of_another_log"));
+        EXPECT_EQ(value(numbers), "1,2,3,4,5");
+    }
+}
+
+// A table whose key the database makes, one that others refer to by partitions, and a column
+// without equality.
+TEST_F(SqlTargetTest, TablesMadeByHandMayBeMoreThanTheLogKnows)
+{
+    sql("CREATE SCHEMA shop; "
+        "CREATE TABLE shop.plain (a smallint, b text, more json DEFAULT '{}') PARTITION BY LIST "
+        "(a);"
+        "CREATE TABLE shop.p0 PARTITION OF shop.plain FOR VALUES IN (0, 1);"
+        "CREATE TABLE shop.p1 PARTITION OF shop.plain DEFAULT;"
+        "CREATE TABLE shop.\"it's \"\"odd\"\"; --\" (no integer GENERATED ALWAYS AS IDENTITY"
+        " PRIMARY KEY, net numeric(7,2), \"na\"\"me\" text)");
+    written_log log;
+    read_log(log);
+    random_changes model(log, 7);
+    for (int n = 0; n < 80; n++)
+        model.transaction();
+    const run_result applied = apply(statements({}));
+    // Only a key that changes cannot be set there.
+    EXPECT_THAT(applied.err, HasSubstr("can only be updated to DEFAULT"));
+    sql("ALTER TABLE shop.\"it's \"\"odd\"\"; --\" ALTER no DROP IDENTITY; TRUNCATE shop.plain, "
+        "shop.\"it's \"\"odd\"\"; --\"");
+    EXPECT_EQ(apply(statements({})).err, "");
+    compare(model);
+}
