@@ -6,6 +6,7 @@
 #include "changes/sql_quote.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 
 // ---- PostgreSQL
@@ -164,6 +165,32 @@ static bool is_float(const fwu_item &item)
     return item.type == 'E' || item.type == 'R';
 }
 
+// SQLite reads a number with an error that its last digits can show, all the more the smaller
+// it is: 17 digits lie so near to the bits that they are found all the same, and tiny numbers
+// come as the product of two that are not.
+static void put_double_sqlite(std::string &out, std::string_view text)
+{
+    constexpr double TINY = 1e-200;
+    constexpr double DOWN = 0x1p-512;
+    constexpr double UP = 0x1p512;
+    constexpr int DIGITS = 17;
+    double value = 0;
+    (void)std::from_chars(text.data(), text.data() + text.size(), value); // it is one
+    const auto put = [&out](double number) {
+        char digits[64];
+        out.append(digits, std::to_chars(digits, digits + sizeof digits, number,
+                                         std::chars_format::general, DIGITS)
+                               .ptr);
+    };
+    if (value == 0 || std::abs(value) >= TINY)
+        return put(value);
+    out.push_back('(');
+    put(value * UP);
+    out += " * ";
+    put(DOWN);
+    out.push_back(')');
+}
+
 static void put_number_sqlite(std::string &out, const fwu_item &item, change_value kind,
                               std::string_view text)
 {
@@ -173,6 +200,8 @@ static void put_number_sqlite(std::string &out, const fwu_item &item, change_val
         is_big_unsigned(item) && std::from_chars(text.data(), end, ignored).ec == std::errc();
     if (kind == CHANGE_SPECIAL && text.ends_with("Infinity"))
         out += text.front() == '-' ? "-9e999" : "9e999";
+    else if (kind == CHANGE_NUMBER && is_float(item) && item.size == 8)
+        put_double_sqlite(out, text);
     else if (kind == CHANGE_NUMBER && (is_integer(item) || is_float(item) || fits))
         out += text;
     else
