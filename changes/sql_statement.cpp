@@ -102,7 +102,8 @@ static bool same_value(const change_dataset &dataset, const change &of, size_t i
         return was_null == change_is_null(dataset, of.after, item);
     const fwu_item &as = dataset.layout.items[item];
     const int64_t at = dataset.offsets[item];
-    return memcmp(of.before + at, of.after + at, static_cast<size_t>(as.size) * as.count) == 0;
+    return memcmp(of.before + at, of.after + at,
+                  static_cast<size_t>(as.size) * static_cast<size_t>(as.count)) == 0;
 }
 
 // All columns are set, so that the row has what the log says whatever it had, but for those of
