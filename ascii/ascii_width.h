@@ -4,6 +4,7 @@
 #define ASCII_ASCII_WIDTH_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 constexpr int32_t ASCII_NO_COLUMN = -1; // width of a column that there is none for

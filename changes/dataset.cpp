@@ -41,7 +41,9 @@ static void complete_items(change_dataset &dataset)
     dataset.image_length = 0;
     for (const fwu_item &item : items) {
         dataset.offsets.push_back(dataset.image_length);
-        dataset.image_length += static_cast<int64_t>(item.size) * item.count;
+        // Of a layout from a file that no image can have: no sum overflows.
+        dataset.image_length =
+            std::min(FWU_IMAGE_LENGTH_MAX, dataset.image_length + int64_t{item.size} * item.count);
     }
     dataset.null_flag.assign(items.size(), CHANGE_NO_ITEM);
     int flag = 0;

@@ -126,3 +126,12 @@ TEST(ChangeDataset, AKeyOfColumnLinesIsTheTables)
     said.columns[0].column = "gone";
     EXPECT_TRUE(complete(layout, said).key.empty());
 }
+
+TEST(ChangeDataset, ALayoutThatNoImageCanHaveHasALengthThatNoneHas)
+{
+    const fwu_item huge = {"HUGE", 'X', INT32_MAX, INT32_MAX, 0};
+    const change_dataset dataset = complete(layout_of({huge, NO, huge, huge}));
+    EXPECT_EQ(dataset.image_length, FWU_IMAGE_LENGTH_MAX);
+    EXPECT_EQ(dataset.offsets, (std::vector<int64_t>{0, FWU_IMAGE_LENGTH_MAX, FWU_IMAGE_LENGTH_MAX,
+                                                     FWU_IMAGE_LENGTH_MAX}));
+}

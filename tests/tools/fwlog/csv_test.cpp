@@ -345,6 +345,27 @@ TEST(FwlogCsv, DamageIsAFailureBehindWhatIsWhole)
     EXPECT_EQ(whole_lines(read_file(out.file("SALES.ORDERS.csv"))), 3U);
 }
 
+TEST(FwlogCsv, RowsOf16MiBAndWideTablesArePrintedWhole)
+{
+    fwu_layout large = layout_of("SALES", "LARGE", 32767);
+    large.items[0].count = 512;
+    fwu_layout wide = layout_of("SALES", "WIDE", 1);
+    for (int n = 1; n < 1600; n++)
+        wide.items.push_back({.name = "C" + std::to_string(n), .type = 'X', .size = 1});
+    written_log log;
+    log.begin();
+    log.change(FWU_OP_UPDATE, large, std::string(32767 * 512, 'x'), std::string(32767 * 512, 'y'));
+    log.insert(wide, std::string(1600, ','));
+    log.commit();
+    const std::string text = csv_of(log.cfg, {"--dset", "large", "--before"});
+    const std::string line = text.substr(text.find('\n') + 1);
+    // 1024 values of 32767, and commas between all fields
+    EXPECT_EQ(line.size(), std::string("u,1-1.2").size() + 1024 * 32768 + 2);
+    EXPECT_TRUE(line.ends_with("xxx\r\n"));
+    const std::string commas = csv_of(log.cfg, {"--dset", "wide"});
+    EXPECT_EQ(commas.size() - commas.find('\n') - 1, std::string("c,1-1.4").size() + 1600 * 4 + 2);
+}
+
 TEST(FwlogCsv, WrongCommandLinesAreRefusedWithStatusTwo)
 {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {

@@ -1,5 +1,6 @@
 // The layout command: positions and pictures worked out by hand from Kestro's page of capture
 // records, and copybooks that a compiler takes.
+#include "ascii/ascii_width.h"
 #include "tests/changes/written_log.h"
 #include "tests/support/program.h"
 #include "tests/tools/fwlog/built_log.h"
@@ -52,6 +53,43 @@ static fwu_layout small_layout()
     return {.dbname = "SALES",
             .dsetname = "ORDERS",
             .items = {item("NO", 'I', 2), item("NET", 'P', 2, 1, 1), item("TAG", 'X', 2, 2)}};
+}
+
+static const fwu_layout &all_types()
+{
+    static const fwu_layout layout{
+        .dbname = "TEST",
+        .dsetname = "ALL",
+        .items = {item("I2", 'I', 2, 3), item("I4", 'I', 4), item("J8", 'J', 8), item("K2", 'K', 2),
+                  item("K4", 'K', 4), item("K8", 'K', 8), item("P1", 'P', 1),
+                  item("P14", 'P', 14, 1, 4), item("P2", 'P', 2, 1, 3), item("Z1", 'Z', 1),
+                  item("Z28", 'Z', 28, 1, 3), item("Z4", 'Z', 4, 1, 2), item("X3", 'X', 3),
+                  item("E4", 'E', 4), item("R8", 'R', 8)}};
+    return layout;
+}
+
+// Compiles a program of these parts, which may include capture.cpy, and runs it.
+static std::string run_cobol(const place &here, const std::string &copybook,
+                             const std::string &file_control, const std::string &data,
+                             const std::string &statements,
+                             const std::vector<std::string> &options = {})
+{
+    write_file(here.dir.file("capture.cpy"), copybook);
+    write_file(here.dir.file("program.cob"), "       IDENTIFICATION DIVISION.\n"
+                                             "       PROGRAM-ID. PROGRAM-X.\n" +
+                                                 file_control + "       DATA DIVISION.\n" + data +
+                                                 "       PROCEDURE DIVISION.\n" + statements +
+                                                 "           STOP RUN.\n");
+    run_setup in_directory;
+    in_directory.directory = here.dir.path();
+    std::vector<std::string> words = {"cobc", "-x", "-Wall", "-Werror", "-o", "program"};
+    words.insert(words.end(), options.begin(), options.end());
+    words.emplace_back("program.cob");
+    const run_result compiled = run_program(words, in_directory);
+    EXPECT_EQ(compiled.status, 0) << compiled.err << copybook;
+    const run_result result = run_program({here.dir.file("program")}, in_directory);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out;
 }
 
 TEST(FwlogLayout, ColumnsOfATextCaptureFile)
@@ -354,6 +392,43 @@ TEST(FwlogLayout, NumberWithoutATextColumnIsRefusedWithARemedyThatHelps)
                          "ODD\\x0A\n"));
 }
 
+TEST(FwlogLayout, DamageIsAFailureUnlessItStandsBehindThePosition)
+{
+    log_file file = whole_file(1);
+    const size_t whole = file.bytes.size();
+    file.change(FWU_OP_DELETE, OLD_IMAGE, nullptr);
+    file.commit();
+    file.bytes[whole + 40] ^= 1; // inside the delete entry
+    place here;
+    here.add(1, file.bytes);
+    const run_result damaged = run_layout(here, {"--columns"});
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_EQ(damaged.out, "");
+    EXPECT_THAT(damaged.err, HasSubstr("damaged at offset 504"));
+    EXPECT_EQ(headings(layout_of(here, {"--columns", "--at", "1-1.5"})),
+              "SALES.ORDERS, layout of 1-1.2; ");
+}
+
+// 1,600 items of every type, the number of columns that a table can have at most.
+TEST(FwlogLayout, CopybookOfAWideTableCompiles)
+{
+    NEED_PROGRAM("cobc", "gnucobol3");
+    place here;
+    fwu_layout wide{.dbname = "WIDE", .dsetname = "TABLE", .items = {}};
+    int64_t width = 0;
+    for (int n = 0; n < 1600; n++) {
+        fwu_item one = all_types().items[static_cast<size_t>(n) % all_types().items.size()];
+        one.name = "COLUMN-" + std::to_string(n);
+        width += one.count * ascii_column_width(static_cast<uint32_t>(one.type), one.size);
+        wide.items.push_back(std::move(one));
+    }
+    add_layouts(here, {wide});
+    EXPECT_EQ(run_cobol(here, layout_of(here, {"--copybook", "-ascii"}), "",
+                        "       WORKING-STORAGE SECTION.\n       COPY \"capture.cpy\".\n",
+                        "           DISPLAY LENGTH OF CAPTURE-NEW-ROW.\n"),
+              std::to_string(width) + "\n");
+}
+
 TEST(FwlogLayout, ImpossibleLayoutIsRefused)
 {
     place here;
@@ -389,30 +464,6 @@ TEST(FwlogLayout, WrongCommandLinesAreRefusedWithStatusTwo)
         EXPECT_EQ(result.status, 2) << error;
         EXPECT_EQ(result.err, "fwlog: " + error + "\nTry \"fwlog --help\".\n");
     }
-}
-
-// Compiles a program of these parts, which may include capture.cpy, and runs it.
-static std::string run_cobol(const place &here, const std::string &copybook,
-                             const std::string &file_control, const std::string &data,
-                             const std::string &statements,
-                             const std::vector<std::string> &options = {})
-{
-    write_file(here.dir.file("capture.cpy"), copybook);
-    write_file(here.dir.file("program.cob"), "       IDENTIFICATION DIVISION.\n"
-                                             "       PROGRAM-ID. PROGRAM-X.\n" +
-                                                 file_control + "       DATA DIVISION.\n" + data +
-                                                 "       PROCEDURE DIVISION.\n" + statements +
-                                                 "           STOP RUN.\n");
-    run_setup in_directory;
-    in_directory.directory = here.dir.path();
-    std::vector<std::string> words = {"cobc", "-x", "-Wall", "-Werror", "-o", "program"};
-    words.insert(words.end(), options.begin(), options.end());
-    words.emplace_back("program.cob");
-    const run_result compiled = run_program(words, in_directory);
-    EXPECT_EQ(compiled.status, 0) << compiled.err << copybook;
-    const run_result result = run_program({here.dir.file("program")}, in_directory);
-    EXPECT_EQ(result.status, 0) << result.err;
-    return result.out;
 }
 
 TEST(FwlogLayout, CopybookOfHostileNamesCompiles)
@@ -463,19 +514,6 @@ struct number_bytes {
         }
     }
 };
-
-static const fwu_layout &all_types()
-{
-    static const fwu_layout layout{
-        .dbname = "TEST",
-        .dsetname = "ALL",
-        .items = {item("I2", 'I', 2, 3), item("I4", 'I', 4), item("J8", 'J', 8), item("K2", 'K', 2),
-                  item("K4", 'K', 4), item("K8", 'K', 8), item("P1", 'P', 1),
-                  item("P14", 'P', 14, 1, 4), item("P2", 'P', 2, 1, 3), item("Z1", 'Z', 1),
-                  item("Z28", 'Z', 28, 1, 3), item("Z4", 'Z', 4, 1, 2), item("X3", 'X', 3),
-                  item("E4", 'E', 4), item("R8", 'R', 8)}};
-    return layout;
-}
 
 static std::string extremes(bool big_endian)
 {
