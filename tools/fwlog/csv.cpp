@@ -50,8 +50,8 @@ static outcome step(change_reader &reader, csv_files &files, bool &more)
     case CHANGE_FOUND:
         return csv_files_put(files, next, reader.transaction);
     case CHANGE_COMMITTED:
-        csv_files_commit(files);
-        [[fallthrough]];
+        more = fwu_stop == 0;
+        return csv_files_commit(files);
     case CHANGE_PASSED:
         more = fwu_stop == 0;
         return {};

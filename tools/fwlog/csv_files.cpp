@@ -157,8 +157,7 @@ static outcome begin_file(csv_files &files, csv_file *&file, change_csv &&csv, c
     const fwu_layout &layout = next.dataset->layout;
     const csv_files::dataset_name name = {layout.dbname, layout.dsetname};
     if (file != nullptr)
-        if (outcome done = close_file(*file); !done)
-            return done;
+        files.over.push_back(file);
     auto begun = std::make_unique<csv_file>();
     const int number = ++files.layouts[name];
     if (!files.directory.empty()) {
@@ -236,16 +235,28 @@ outcome csv_files_put(csv_files &files, const change &next, const change_transac
     return done;
 }
 
-void csv_files_commit(csv_files &files)
+static void end_whole(csv_file &file)
+{
+    file.whole = file.written + static_cast<int64_t>(file.out.size());
+}
+
+outcome csv_files_commit(csv_files &files)
 {
     for (const auto &[name, file] : files.present)
-        file->whole = file->written + static_cast<int64_t>(file->out.size());
+        end_whole(*file);
+    outcome done;
+    for (csv_file *const file : files.over) {
+        end_whole(*file);
+        if (done)
+            done = close_file(*file);
+    }
+    files.over.clear();
+    return done;
 }
 
 outcome csv_files_finish(csv_files &files)
 {
-    csv_files_commit(files);
-    outcome done;
+    outcome done = csv_files_commit(files);
     for (const auto &file : files.files) {
         if (done)
             done = close_file(*file);

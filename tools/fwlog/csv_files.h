@@ -47,6 +47,7 @@ struct csv_files {
     std::map<dataset_name, csv_file *> present; // of each dataset the one in hand
     std::map<dataset_name, int> layouts;        // how many it has had
     std::vector<std::unique_ptr<csv_file>> files;
+    std::vector<csv_file *> over; // of earlier layouts, up to the end of the transaction
     std::vector<csv_mark> marks;
     fwu_position last; // change or mark that was put last
 };
@@ -55,7 +56,7 @@ struct csv_files {
 outcome csv_files_put(csv_files &files, const change &next, const change_transaction &transaction);
 
 // A transaction has ended.
-void csv_files_commit(csv_files &files);
+outcome csv_files_commit(csv_files &files);
 
 // Writes out what is left and closes the files; tells which there are, and of marks that no file
 // has.

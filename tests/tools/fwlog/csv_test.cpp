@@ -300,6 +300,30 @@ TEST(FwlogCsv, FullDiskLeavesWholeTransactionsAndSaysWhatToDo)
     EXPECT_EQ(whole_lines(read_file(name)), 60U);
 }
 
+TEST(FwlogCsv, FullDiskLeavesWholeTransactionsInFilesOfEarlierLayoutsToo)
+{
+    written_log log;
+    log.begin();
+    log.insert(ORDERS, "abc");
+    log.commit();
+    log.begin();
+    log.insert(ORDERS, "def");
+    log.insert(layout_of("SALES", "ORDERS", 32'000), std::string(32'000, 'x'));
+    for (int i = 0; i < 4; i++)
+        log.insert(layout_of("SALES", "ORDERS", 32'000), std::string(32'000, 'y'));
+    log.commit();
+    const tempdir out;
+    const std::string command = "trap '' XFSZ; ulimit -f 64; exec " KESTRO_BUILD_DIR
+                                "/bin/fwlog csv -cfg " +
+                                log.cfg + " --dir " + out.path();
+    const run_result full = run_program({"bash", "-c", command});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_THAT(full.err,
+                StartsWith("fwlog: " + out.file("SALES.ORDERS.2.csv") + ": cannot write: "));
+    EXPECT_EQ(read_file(out.file("SALES.ORDERS.csv")), "_op,_position,A\r\nc,1-1.2,abc\r\n");
+    EXPECT_EQ(read_file(out.file("SALES.ORDERS.2.csv")), "_op,_position,A\r\n");
+}
+
 TEST(FwlogCsv, FullStandardOutputIsAFailure)
 {
     written_log log;
