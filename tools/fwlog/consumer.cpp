@@ -31,7 +31,8 @@ constexpr int LOOK_WITHOUT_WATCH_MS = 200;
 constexpr int PATIENCE_MS = 1000;    // behind a signal, with a consumer that takes nothing
 constexpr int TELL_AFTER_MS = 10000; // what the end of the run waits for
 constexpr size_t READ_SIZE = 65536;
-constexpr size_t LINE_MAX_SIZE = 64; // bytes, more than any position has
+constexpr size_t PIPE_MAX_SIZE = 16 * READ_SIZE; // more than a pipe holds is not waited for
+constexpr size_t LINE_MAX_SIZE = 64;             // bytes, more than any position has
 
 static constexpr fwu_start_options START_OPTIONS = {.file = "--from", .entry = "--after"};
 
@@ -42,7 +43,7 @@ fwlog_consumer::fwlog_consumer() = default;
 fwlog_consumer::~fwlog_consumer()
 {
     if (acknowledges)
-        (void)signal(SIGPIPE, SIG_DFL);
+        (void)sigaction(SIGPIPE, &pipe_before, nullptr);
     fwu_status_close(state);
 }
 
@@ -114,8 +115,10 @@ outcome fwlog_consumer_open(fwlog_consumer &c, const char *cfg)
     else if (outcome taken = take_place(c); !taken)
         return taken;
     c.acknowledges = fwlog_state.acknowledge;
-    if (c.acknowledges)
-        (void)signal(SIGPIPE, SIG_IGN); // what the consumer has written is read first
+    struct sigaction ignored = {};
+    ignored.sa_handler = SIG_IGN;
+    if (c.acknowledges) // what the consumer has written is read first
+        (void)sigaction(SIGPIPE, &ignored, &c.pipe_before);
     return {};
 }
 
@@ -275,6 +278,8 @@ static outcome write_and_listen(fwlog_consumer &c, const std::string &text)
     descriptors rows;
     for (size_t at = 0; at < text.size() && !fwlog_consumer_gone(c);) {
         set_rows(c, rows, POLLOUT, -1);
+        if (fwu_stop != 0)
+            rows[INPUT].fd = -1; // only who reads is waited for
         const int ready = wait_for(rows, LOOK_AFTER_MS, PATIENCE_MS);
         if (ready == 0 && fwu_stop != 0)
             return fwlog_stopped();
@@ -381,13 +386,13 @@ static outcome await(fwlog_consumer &c)
     while (!c.silent && fwlog_outstanding_count(c.outstanding) > 0) {
         set_rows(c, rows, 0, -1);
         (void)wait_for(rows, LOOK_AFTER_MS, 0);
+        if (fwu_stop != 0)
+            return fwlog_stopped();
         outcome done = rows[INPUT].revents != 0 ? listen(c) : outcome();
         if (done)
             done = tend(c);
         if (!done)
             return done;
-        if (fwu_stop != 0 && rows[INPUT].revents == 0)
-            return fwlog_stopped();
         if (fwu_monotonic_ms() < tell_ms)
             continue;
         tell("waiting for %" PRIu64 " transactions to be acknowledged on standard input",
@@ -407,7 +412,8 @@ static outcome await(fwlog_consumer &c)
 static void take_what_is_there(fwlog_consumer &c)
 {
     descriptors rows;
-    for (outcome done; done && !c.silent;) {
+    outcome done;
+    for (size_t most = PIPE_MAX_SIZE; most > 0 && done && !c.silent; most -= READ_SIZE) {
         set_rows(c, rows, 0, -1);
         (void)wait_for(rows, 0, 0);
         if (rows[INPUT].revents == 0)
@@ -420,7 +426,7 @@ outcome fwlog_consumer_close(fwlog_consumer &c, outcome done)
 {
     if (c.acknowledges && done)
         done = await(c);
-    else if (c.acknowledges)
+    if (c.acknowledges && !done)
         take_what_is_there(c);
     if (!c.state.unsynced)
         return done;

@@ -14,6 +14,7 @@
 #include "tools/fwlog/outstanding.h"
 #include "util/cli.h"
 
+#include <csignal>
 #include <string>
 
 // What the options have said.
@@ -33,6 +34,7 @@ struct fwlog_consumer {
     const fwu_signals signals;
     const fwu_map_faults faults;
     bool acknowledges = false;
+    struct sigaction pipe_before = {}; // what SIGPIPE did
     fwu_status state;
     int64_t looked_ms = 0; // monotonic time at which the state was brought to disk, or looked at
     fwlog_outstanding outstanding;

@@ -6,10 +6,12 @@
 #include "tests/support/program.h"
 #include "tests/tools/fwlog/consumer_peer.h"
 
+#include <atomic>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <random>
 #include <set>
+#include <thread>
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -251,6 +253,26 @@ TEST_F(Consumer, ASignalEndsItWithWhatIsAcknowledgedSoFar)
     (void)fwlog.change();
     fwlog.signal(SIGTERM);
     EXPECT_EQ(fwlog.wait(), 128 + SIGTERM);
+}
+
+// What no run may wait for: one who writes without end and reads nothing.
+TEST_F(Consumer, ASignalEndsItBesideOneWhoNeverStopsWriting)
+{
+    for (int i = 0; i < 3000; i++)
+        append(1);
+    peer fwlog(words("dump", {"--ack"}), error);
+    const std::string line = fwlog.change();
+    std::atomic<bool> over = false;
+    std::thread writing([&] {
+        while (fwlog.say(position(line) + "\n"))
+            if (over)
+                break;
+    });
+    fwlog.signal(SIGTERM);
+    EXPECT_EQ(fwlog.wait(), 128 + SIGTERM);
+    over = true;
+    writing.join();
+    EXPECT_EQ(rest(), numbers_from(2));
 }
 
 struct said_row {
