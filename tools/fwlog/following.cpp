@@ -11,7 +11,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-constexpr int LOOK_AFTER_MS = 1000; // for file systems that do not tell of changes
+constexpr int LOOK_AFTER_MS = 1000;   // for file systems that do not tell of changes
 constexpr timespec PATIENCE = {1, 0}; // behind a signal, with a reader that takes nothing
 
 outcome fwlog_stopped()
@@ -22,6 +22,8 @@ outcome fwlog_stopped()
 
 outcome fwlog_write_out(std::string &text)
 {
+    if (text.empty())
+        return {};
     sigset_t both;
     sigset_t before;
     sigemptyset(&both);
