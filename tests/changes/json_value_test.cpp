@@ -137,6 +137,39 @@ TEST(ChangesJsonValue, DecimalsHaveTheirScale)
     expect_values(DECIMALS);
 }
 
+TEST(ChangesJsonValue, EverySignAndScaleOfADecimal)
+{
+    const std::string scaled[] = {"12345", "1234.5", "123.45", "12.345", "1.2345", "0.12345"};
+    const std::pair<std::string, const char *> packed[] = {
+        {"\x12\x34\x5C", ""}, {"\x12\x34\x5D", "-"}, {"\x12\x34\x5F", ""}};
+    const std::pair<std::string, const char *> zoned[] = {
+        {"1234E", ""}, {"1234N", "-"}, {"12345", ""}};
+    for (int32_t scale = 0; scale <= 5; scale++) {
+        for (const auto &[bytes, sign] : packed)
+            expect_values({{item_of('P', 3, scale), bytes, sign + scaled[scale]}});
+        for (const auto &[bytes, sign] : zoned)
+            expect_values({{item_of('Z', 5, scale), bytes, sign + scaled[scale]}});
+    }
+    const std::string last = "{ABCDEFGHI}JKLMNOPQR0123456789";
+    for (size_t i = 0; i < last.size(); i++)
+        expect_values({{item_of('Z', 2), "4" + last.substr(i, 1),
+                        (i / 10 == 1 ? "-4" : "4") + std::to_string(i % 10)}});
+    // No other half byte is a sign of P, no other character ends Z.
+    for (const int half : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 14}) {
+        const std::string hex = "123" + std::string(1, "0123456789abcdef"[half]);
+        expect_values({{item_of('P', 2),
+                        {'\x12', static_cast<char>(0x30 | half)},
+                        R"({"hex":")" + hex + "\"}"}});
+    }
+    for (int c = 0; c < 256; c++) {
+        const std::string byte(1, static_cast<char>(c));
+        if (last.find(byte) == last.npos) {
+            const std::string value = values_of(dataset_of("D", {item_of('Z', 2)}), "4" + byte);
+            EXPECT_TRUE(value.starts_with(R"({"A":{"hex":"34)")) << value;
+        }
+    }
+}
+
 TEST(ChangesJsonValue, NumbersAsTextAreStringsAndFloatsStayNumbers)
 {
     const auto quoted = [](std::vector<value_case> cases) {
