@@ -8,7 +8,7 @@ struct page_section {
 
 static const page_section sections[] = {
     {"A change as JSON", {{"jq", "jq"}}},
-    {"Order, and what arrives", {{"jq", "jq"}}},
+    {"Order, and what arrives", {{"jq", "jq"}, {"python3", "python3"}}},
     {"jq", {{"jq", "jq"}}},
     {"CSV and spreadsheets", {{"ssconvert", "gnumeric"}}},
     {"SQL: a copy in another database", {{"sqlite3", "sqlite3"}}},

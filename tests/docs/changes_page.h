@@ -25,7 +25,8 @@ class changes_page {
   public:
     changes_page()
     {
-        for (const char *name : {"fwutil.cfg", "orders-changes.jsonl", "order-sums.cob"})
+        for (const char *name :
+             {"fwutil.cfg", "orders-changes.jsonl", "order-sums.cob", "payments.py"})
             std::filesystem::copy(KESTRO_SOURCE_DIR "/examples/orders/" + std::string(name),
                                   dir.file(name));
         setup.directory = dir.path();
