@@ -229,3 +229,26 @@ TEST_F(SqlTargetTest, TablesMadeByHandMayBeMoreThanTheLogKnows)
     EXPECT_EQ(apply(statements({})).err, "");
     compare(model);
 }
+
+TEST_F(SqlTargetTest, WideTablesAreFoundByAllTheyHave)
+{
+    written_log log;
+    read_log(log);
+    fwu_layout layout{.dbname = "SHOP", .dsetname = "WIDE", .items = {}};
+    std::string one;
+    std::string other;
+    for (int i = 0; i < 1600; i++) {
+        layout.items.push_back({.name = "C" + std::to_string(i), .type = 'I', .size = 2});
+        one += le(7, 2);
+        other += le(8, 2);
+    }
+    log.begin();
+    log.insert(layout, one);
+    log.insert(layout, one);
+    log.change(FWU_OP_UPDATE, layout, one, other);
+    log.change(FWU_OP_DELETE, layout, one, "");
+    log.commit();
+    EXPECT_EQ(apply(once()).err, "");
+    EXPECT_EQ(value("SELECT count(*) || ' ' || sum(\"C0\" + \"C1599\") FROM \"SHOP\".\"WIDE\""),
+              "1 16");
+}

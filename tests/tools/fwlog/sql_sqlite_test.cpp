@@ -320,3 +320,42 @@ TEST_F(FwlogSqliteTest, FloatingPointNumbersComeBackBitByBit)
         expected += std::to_string(one) + "\n";
     EXPECT_TRUE(read.out == expected) << read.err;
 }
+
+TEST_F(FwlogSqliteTest, WideTablesAndLargeRowsAreFoundByAllTheyHave)
+{
+    struct row {
+        fwu_item item;
+        int columns;
+        std::string one, other;
+    };
+    const row rows[] = {
+        {{.name = "", .type = 'I', .size = 2}, 1600, le(7, 2), le(8, 2)},
+        {{.name = "", .type = 'X', .size = 32767},
+         512,
+         std::string(32767, 'a'),
+         std::string(32767, '\'')},
+    };
+    for (const row &of : rows) {
+        fwu_layout layout{
+            .dbname = "SHOP", .dsetname = of.columns == 1600 ? "WIDE" : "LARGE", .items = {}};
+        std::string one;
+        std::string other;
+        for (int i = 0; i < of.columns; i++) {
+            layout.items.push_back(of.item);
+            layout.items.back().name = "C" + std::to_string(i);
+            one += of.one;
+            other += of.other;
+        }
+        log.begin();
+        log.insert(layout, one);
+        log.insert(layout, one);
+        log.change(FWU_OP_UPDATE, layout, one, other);
+        log.change(FWU_OP_DELETE, layout, one, "");
+        log.commit();
+    }
+    EXPECT_EQ(target.run(once()).err, "");
+    EXPECT_EQ(target.value("SELECT count(*) || ' ' || sum(C0 + C1599) FROM SHOP_WIDE"), "1 16");
+    EXPECT_EQ(target.value("SELECT count(*) || ' ' || sum(length(C511)) || substr(C0, 1, 1) FROM "
+                           "SHOP_LARGE"),
+              "1 32767'");
+}
