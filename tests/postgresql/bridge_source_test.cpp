@@ -7,7 +7,6 @@
 #include <random>
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 class BridgeSourceTest : public BridgeTest {
   protected:

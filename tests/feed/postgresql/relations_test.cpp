@@ -72,7 +72,7 @@ class Relations : public testing::Test {
     }
 
     // Has the catalogue answer with these rows from now on; each answer counts.
-    void answer(std::vector<facts_row> rows)
+    void answer(const std::vector<facts_row> &rows)
     {
         relations.facts.ask = [this, rows](const std::string &query, pgs_result &result) {
             asked.push_back(query);
