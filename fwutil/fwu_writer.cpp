@@ -254,7 +254,8 @@ static bool stands_there(fwu_layout_map &map, fwu_layout_map::iterator known,
 {
     if (known == map.end() || known->second != layout)
         return false;
-    known->second.source = layout.source;
+    if (known->second.source != layout.source)
+        known->second.source = layout.source;
     return true;
 }
 

@@ -129,7 +129,9 @@ static outcome keep(fwlog_consumer &c)
         return {};
     if (fwu_status_acknowledge(c.state, c.outstanding.dealt) != 0)
         return OUTCOME_FAILED;
-    return c.state.written ? outcome() : force(c);
+    if (c.state.written)
+        return {};
+    return force(c);
 }
 
 // Once a second the state goes to disk, or is looked at.

@@ -35,6 +35,7 @@ class peer {
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0)
             throw std::runtime_error("no pipe");
         std::vector<char *> words;
+        words.reserve(argv.size() + 1);
         for (const std::string &word : argv)
             words.push_back(const_cast<char *>(word.c_str()));
         words.push_back(nullptr);
