@@ -26,15 +26,19 @@ class random_changes {
     void transaction()
     {
         log.begin();
+        if (altered) // so that the log has the layout
+            change_odd();
+        altered = false;
         for (int n = 1 + below(6); n > 0; n--)
             change();
         log.commit();
     }
 
-    // From the next change on table "odd" has another column, or lacks it.
+    // From the next transaction on table "odd" has another column, or lacks it.
     void alter()
     {
         with_extra = !with_extra;
+        altered = true;
         for (auto &[no, row] : odd) {
             if (with_extra)
                 row.push_back("\\N");
@@ -238,6 +242,7 @@ class random_changes {
 
     written_log &log;
     std::mt19937 random;
+    bool altered = false;
     std::map<int, model_row> odd;
     std::vector<model_row> plain;
 };
