@@ -21,8 +21,11 @@ class random_log {
             if (one_in(4))
                 log.new_file();
             transaction();
-            if (one_in(4)) // another layout of the dataset, or one that was there before
-                std::swap(layouts[0], layouts.emplace_back(layout("SET-0")));
+            if (one_in(3)) { // another layout of the dataset, or one that was there before
+                layouts.push_back(layout("SET-0"));
+                const auto behind = static_cast<int>(layouts.size()) - 3;
+                std::swap(layouts.front(), layouts[static_cast<size_t>(3 + below(behind))]);
+            }
         }
     }
 
