@@ -11,12 +11,12 @@ struct sql_column {
     std::string name;     // in UTF-8
     std::string quoted;   // as it stands in statements
     std::string type;     // as the source writes it; empty: not known
+    std::string compared; // what is compared with a value, unless it is part of the key
     bool boolean = false; // its values are true and false
-    bool as_text = false; // compared as text, unless it is part of the key
 };
 
-// Whether a type is one of a list of names separated by blanks, as it is, with a size, or as
-// the type of an array's elements.
+// Whether a type, or the type of an array's elements, begins with one of a list of words
+// separated by blanks: "double precision" with "double", "numeric(9,2)" with "numeric".
 bool sql_type_is(std::string_view type, std::string_view names);
 
 #endif

@@ -55,13 +55,31 @@ static bool is_text(const fwu_item &item)
     return item.type == 'X' || item.type == 'U';
 }
 
-// Types without "=", with one that means something else, or for which values that are written
-// in different ways are equal.
-static bool compares_text_postgresql(const sql_column &column, const fwu_item &item)
+// Types whose "=" holds for the same value only.  The text of some of them is another one than
+// the log's, which may have cut it, or may be of a server that was set to something else.
+static constexpr std::string_view EXACT =
+    "smallint integer bigint oid boolean real double money date time timestamp uuid bytea inet "
+    "cidr macaddr macaddr8 pg_lsn int4range int8range daterange tsrange tstzrange";
+
+// Types whose cast to text is what the server shows of them.
+static constexpr std::string_view CAST =
+    "text character name json jsonb xml numeric point line lseg box path polygon circle";
+
+// Types have no "=", or one that means something else, or for which values that are written in
+// different ways are equal: their texts tell them apart.  The text of a type that is not known
+// is the one that format() makes: a cast may make another one.
+static std::string compared_postgresql(const sql_column &column, const fwu_item &item)
 {
-    return is_text(item) && item.count == 1 &&
-           sql_type_is(column.type,
-                       "json jsonb xml numeric point line lseg box path polygon circle");
+    if (!is_text(item) || column.type.empty() || sql_type_is(column.type, EXACT))
+        return column.quoted;
+    std::string text;
+    if (item.count > 1)
+        text = "CAST(" + column.quoted + " AS text[])";
+    else if (sql_type_is(column.type, CAST))
+        text = "CAST(" + column.quoted + " AS text)";
+    else // blanks at the end are not in the log
+        text = "rtrim(format('%s', " + column.quoted + "), ' ')";
+    return text + " COLLATE \"C\"";
 }
 
 static std::string number(int32_t value)
@@ -208,9 +226,9 @@ static void put_number_sqlite(std::string &out, const fwu_item &item, change_val
         put_number_postgresql(out, item, kind, text);
 }
 
-static bool compares_text_sqlite(const sql_column & /*column*/, const fwu_item & /*item*/)
+static std::string compared_sqlite(const sql_column &column, const fwu_item & /*item*/)
 {
-    return false;
+    return column.quoted;
 }
 
 // Without a type a column keeps integers as integers and texts as texts.
@@ -255,7 +273,7 @@ static constexpr sql_dialect rows[] = {
         .booleans = {"'f'", "'t'"},
         .put_text = put_text_postgresql,
         .put_number = put_number_postgresql,
-        .compares_text = compares_text_postgresql,
+        .compared = compared_postgresql,
         .declared = declared_postgresql,
         .put_layout_change = put_layout_change_postgresql,
         .position_columns = "\"log\" text NOT NULL, \"position\" text COLLATE \"C\" NOT NULL, "
@@ -272,7 +290,7 @@ static constexpr sql_dialect rows[] = {
         .booleans = {"0", "1"},
         .put_text = put_text_sqlite,
         .put_number = put_number_sqlite,
-        .compares_text = compares_text_sqlite,
+        .compared = compared_sqlite,
         .declared = declared_sqlite,
         .put_layout_change = put_layout_change_sqlite,
         .position_columns =

@@ -24,9 +24,8 @@ struct sql_dialect {
     // Appends the literal of a number or special value.
     void (*put_number)(std::string &out, const fwu_item &item, change_value kind,
                        std::string_view text);
-    // Whether values of the column are compared as texts, where the type's own equality is
-    // missing or takes different values for the same.
-    bool (*compares_text)(const sql_column &column, const fwu_item &item);
+    // What has to be compared with a value, so that exactly the same is found.
+    std::string (*compared)(const sql_column &column, const fwu_item &item);
     // The type that the column of a new table gets; it may be empty.
     std::string (*declared)(const sql_column &column, const fwu_item &item);
     // Appends a statement that changes a table's layout, given without ";".  condition: what

@@ -2,7 +2,6 @@
 // those that are equal is taken.
 #include "changes/sql_statement.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -25,13 +24,13 @@ static bool put_value(statement &to, const sql_column &column, const unsigned ch
 }
 
 static bool put_comparison(statement &to, const sql_column &column, const unsigned char *image,
-                           bool as_text)
+                           const std::string &compared)
 {
     if (change_is_null(*to.table.dataset, image, column.item)) {
         to.out += column.quoted + " IS NULL";
         return true;
     }
-    to.out += as_text ? "CAST(" + column.quoted + " AS text) = " : column.quoted + " = ";
+    to.out += compared + " = ";
     return put_value(to, column, image);
 }
 
@@ -46,7 +45,7 @@ static bool put_whole_row(statement &to, const unsigned char *image)
     for (size_t i = 0; i < columns.size(); i++) {
         if (i > 0)
             to.out += i % TERMS == 0 ? ") AND (" : " AND ";
-        if (!put_comparison(to, columns[i], image, columns[i].as_text))
+        if (!put_comparison(to, columns[i], image, columns[i].compared))
             return false;
     }
     if (grouped)
@@ -61,7 +60,7 @@ static bool put_where(statement &to, const unsigned char *image, std::string_vie
     for (const size_t at : table.key) {
         if (at != table.key.front())
             to.out += " AND ";
-        if (!put_comparison(to, table.columns[at], image, false))
+        if (!put_comparison(to, table.columns[at], image, table.columns[at].quoted))
             return false;
     }
     if (table.key.empty()) {
@@ -106,22 +105,21 @@ static bool same_value(const change_dataset &dataset, const change &of, size_t i
                   static_cast<size_t>(as.size) * static_cast<size_t>(as.count)) == 0;
 }
 
-// All columns are set, so that the row has what the log says whatever it had, but for those of
-// the key that stay: some databases make a key's values and let nobody set them.
+// Columns that stay are not set: some databases make a column's values themselves and let
+// nobody set them.
 static bool put_update(statement &to, const change &of, std::string_view condition, bool &put)
 {
     const sql_table &table = to.table;
     const size_t begin = to.out.size();
     to.out += "UPDATE " + table.name + " SET ";
     const size_t bare = to.out.size();
-    for (size_t i = 0; i < table.columns.size(); i++) {
-        const bool in_key = std::find(table.key.begin(), table.key.end(), i) != table.key.end();
-        if (in_key && same_value(*table.dataset, of, table.columns[i].item))
+    for (const sql_column &column : table.columns) {
+        if (same_value(*table.dataset, of, column.item))
             continue;
         if (to.out.size() > bare)
             to.out += ", ";
-        to.out += table.columns[i].quoted + " = ";
-        if (!put_value(to, table.columns[i], of.after))
+        to.out += column.quoted + " = ";
+        if (!put_value(to, column, of.after))
             return false;
     }
     put = to.out.size() > bare;

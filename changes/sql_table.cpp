@@ -62,7 +62,7 @@ static void add_columns(sql_table &table)
         // An array in one text is that text.
         column.boolean = sql_type_is(column.type, "boolean bool") &&
                          column.type.ends_with("[]") == (item.count > 1);
-        column.as_text = table.dialect->compares_text(column, item);
+        column.compared = table.dialect->compared(column, item);
         table.columns.push_back(std::move(column));
     }
 }

@@ -31,12 +31,11 @@ TEST(SqlStatement, UpdatesAndDeletesFindRowsByTheOldKey)
                               "a   ..."s;
     sql_lines postgresql(sql_for("postgresql"));
     EXPECT_EQ(postgresql.of(CHANGE_UPDATE, orders, FIRST, moved),
-              "UPDATE \"sales\".\"orders\" SET \"no\" = '6', \"net\" = '12.3', "
-              "\"the tag\" = 'a' WHERE \"no\" = '5';\n");
+              "UPDATE \"sales\".\"orders\" SET \"no\" = '6' WHERE \"no\" = '5';\n");
     EXPECT_EQ(postgresql.of(CHANGE_DELETE, orders, SECOND, ""),
               "DELETE FROM \"sales\".\"orders\" WHERE \"no\" = '-1';\n");
     sql_lines sqlite(sql_for("sqlite"));
-    // A key that stays is not set: some databases make it themselves and let nobody set it.
+    // What stays is not set: some databases make it themselves and let nobody set it.
     EXPECT_EQ(sqlite.of(CHANGE_UPDATE, orders, FIRST,
                         "\x05\x00\x00\x5D"
                         "    ..N"s),
@@ -116,35 +115,83 @@ TEST(SqlStatement, KeysOfTheUserGoBeforeThoseOfTheLog)
 }
 
 // Columns whose type has no equality, or another one than that of what is written.
-TEST(SqlStatement, SomeColumnsAreComparedAsTexts)
+TEST(SqlStatement, ColumnsAreComparedAsTextsUnlessTheirTypesEqualityIsExact)
 {
-    const std::pair<const char *, bool> cases[] = {
-        {"json", true},
-        {"jsonb", true},
-        {"xml", true},
-        {"point", true},
-        {"numeric", true},
-        {"json[]", true},
-        {"polygon", true},
-        {"numeric(30,2)", true},
-        {"pg_catalog.json", true},
-        {"text", false},
-        {"date", false},
-        {"timestamp(3) without time zone", false},
-        {"bytea", false},
-        {"interval", false},
-        {"jsonx", false},
-        {"inet", false},
-        {"", false},
+    const std::string as_is = "\"d\"";
+    const std::string cast = "CAST(\"d\" AS text) COLLATE \"C\"";
+    const std::string shown = "rtrim(format('%s', \"d\"), ' ') COLLATE \"C\"";
+    const std::pair<const char *, std::string> cases[] = {
+        {"json", cast},
+        {"jsonb", cast},
+        {"xml", cast},
+        {"point", cast},
+        {"numeric", cast},
+        {"json[]", cast},
+        {"polygon", cast},
+        {"numeric(30,2)", cast},
+        {"pg_catalog.json", cast},
+        {"text", cast},
+        {"character(4)", cast},
+        {"character varying(4)[]", cast},
+        {"date", as_is},
+        {"timestamp(3) without time zone", as_is},
+        {"timestamp with time zone[]", as_is},
+        {"double precision", as_is},
+        {"bytea", as_is},
+        {"inet", as_is},
+        {"tstzrange", as_is},
+        {"", as_is},
+        {"interval", shown},
+        {"interval(3)", shown},
+        {"numrange", shown},
+        {"jsonx", shown},
+        {"public.citext", shown},
+        {"public.date", shown},
+        {"\"date\"", shown},
     };
-    for (const auto &[type, as_text] : cases) {
+    for (const auto &[type, compared] : cases) {
         change_dataset dataset = dataset_of("T", {{.name = "D", .type = 'X', .size = 2}});
         set_source(dataset, "t", {{.name = "d", .type = type, .item = 0}});
         EXPECT_EQ(sql_lines(sql_for("postgresql")).of(CHANGE_DELETE, dataset, "{}", ""),
                   "DELETE FROM \"sales\".\"t\" WHERE (tableoid, ctid) = (SELECT tableoid, ctid "
                   "FROM \"sales\".\"t\" WHERE " +
-                      (as_text ? "CAST(\"d\" AS text)"s : "\"d\""s) + " = '{}' LIMIT 1);\n")
+                      compared + " = '{}' LIMIT 1);\n")
             << type;
+    }
+    // Elements, numbers, and a key, whose type's equality is what makes it one.
+    change_dataset several = dataset_of("T", {{.name = "D", .type = 'X', .size = 1, .count = 2},
+                                              {.name = "N", .type = 'I', .size = 2}});
+    set_source(several, "t",
+               {{.name = "d", .type = "text[]", .item = 0},
+                {.name = "n", .type = "public.number", .item = 1}});
+    EXPECT_EQ(sql_lines(sql_for("postgresql")).of(CHANGE_DELETE, several, "ab\5\0"s, ""),
+              "DELETE FROM \"sales\".\"t\" WHERE (tableoid, ctid) = (SELECT tableoid, ctid FROM "
+              "\"sales\".\"t\" WHERE CAST(\"d\" AS text[]) COLLATE \"C\" = '{\"a\",\"b\"}' AND "
+              "\"n\" = '5' LIMIT 1);\n");
+    several.key = {0};
+    EXPECT_EQ(sql_lines(sql_for("postgresql")).of(CHANGE_DELETE, several, "ab\5\0"s, ""),
+              "DELETE FROM \"sales\".\"t\" WHERE \"d\" = '{\"a\",\"b\"}';\n");
+}
+
+// Also where null and value differ by the null map alone.
+TEST(SqlStatement, AnUpdateSetsWhatDiffers)
+{
+    const std::string null = "\x05\x00\x12\x3C"
+                             "    ..N"s;
+    const std::string blank = "\x05\x00\x12\x3C"
+                              "    ..."s;
+    for (const bool keyed : {true, false}) {
+        const change_dataset orders = sourced_orders(keyed);
+        const auto set = [&orders](const std::string &before, const std::string &after) {
+            const std::string text =
+                sql_lines(sql_for("sqlite")).of(CHANGE_UPDATE, orders, before, after);
+            return text.substr(0, text.find(" WHERE"));
+        };
+        EXPECT_EQ(set(null, blank), "UPDATE \"sales_orders\" SET \"the tag\" = ''");
+        EXPECT_EQ(set(blank, null), "UPDATE \"sales_orders\" SET \"the tag\" = NULL");
+        EXPECT_EQ(set(FIRST, blank), "UPDATE \"sales_orders\" SET \"the tag\" = ''");
+        EXPECT_EQ(set(FIRST, FIRST), "");
+        EXPECT_EQ(set(SECOND, SECOND), "");
     }
 }
 
