@@ -115,6 +115,39 @@ static void take_renames(std::vector<std::string> &statements, difference &found
     }
 }
 
+// The place of a column among those of the source; CHANGE_NO_ITEM: not known.
+static int source_place(const sql_table &table, const sql_column &column)
+{
+    return table.dataset->column[column.item];
+}
+
+// Takes for gone and added what was dropped and made again under its name: it stands behind
+// columns that it stood before.  What stands further behind came later still.  Returns the names.
+static std::string take_again(difference &found, const sql_table &from, const sql_table &to)
+{
+    std::stable_sort(found.kept.begin(), found.kept.end(),
+                     [&to](const auto &one, const auto &other) {
+                         return source_place(to, *one.second) < source_place(to, *other.second);
+                     });
+    decltype(found.kept) kept;
+    std::vector<const sql_column *> again;
+    int last = CHANGE_NO_ITEM;
+    for (const auto &[before, now] : found.kept) {
+        const int place = source_place(from, *before);
+        const bool known = place != CHANGE_NO_ITEM && source_place(to, *now) != CHANGE_NO_ITEM;
+        if (known && before->name == now->name && (place < last || !again.empty())) {
+            again.push_back(now);
+            found.gone.push_back(before);
+            found.added.push_back(now);
+            continue;
+        }
+        kept.emplace_back(before, now);
+        last = known ? std::max(last, place) : last;
+    }
+    found.kept = std::move(kept);
+    return names_of(again);
+}
+
 static outcome take_type(std::vector<std::string> &statements, const sql_table &from,
                          const sql_table &to, const sql_column &old_column,
                          const sql_column &new_column)
@@ -155,6 +188,12 @@ outcome sql_alter_table(std::vector<std::string> &statements, const sql_table &f
                            ") and new ones (" + names_of(found.added) + "): --rename " +
                            found.gone.front()->name + "=" + found.added.front()->name +
                            " says that one has become the other, --drop-columns that none has");
+    if (const std::string again = take_again(found, from, to);
+        !again.empty() && !options.drop_columns)
+        return outcome_bad(to.origin + " has columns (" + again +
+                           ") behind others that they stood before: --drop-columns says that they "
+                           "were dropped and made again; where they were not, change the table by "
+                           "hand and go on with --keep-tables");
     for (const sql_column *column : found.gone) {
         const bool in_key = std::any_of(from.key.begin(), from.key.end(),
                                         [&](size_t at) { return &from.columns[at] == column; });

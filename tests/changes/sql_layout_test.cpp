@@ -160,10 +160,70 @@ TEST(SqlLayout, AColumnMoreIsAddedAndOneLessDropped)
               "ALTER TABLE \"sales_t\" ADD COLUMN \"note\" TEXT;\n");
     EXPECT_EQ(changed(sql_for("sqlite"), two, one),
               "ALTER TABLE \"sales_t\" DROP COLUMN \"note\";\n");
-    EXPECT_EQ(changed(sql_for("sqlite"), two, dataset_with({note, no})), "");
     sql_options kept = sql_for("sqlite");
     kept.keep_tables = true;
     EXPECT_EQ(changed(kept, one, two), "");
+}
+
+// A source puts what is made again behind all others.
+TEST(SqlLayout, AColumnThatWasDroppedAndMadeAgainIsAnother)
+{
+    const auto table = [](const std::string &names) {
+        std::vector<layout_column> columns;
+        for (const char name : names)
+            columns.push_back({std::string(1, name), "integer", type('I', 4)});
+        return dataset_with(columns);
+    };
+    const auto refused = [](const std::string &names) {
+        return "! sales.t has columns (" + names +
+               ") behind others that they stood before: --drop-columns says that they were dropped "
+               "and made again; where they were not, change the table by hand and go on with "
+               "--keep-tables";
+    };
+    const auto drop = [](const char *name) {
+        return "ALTER TABLE \"sales_t\" DROP COLUMN \""s + name + "\";\n";
+    };
+    const auto add = [](const char *name) {
+        return "ALTER TABLE \"sales_t\" ADD COLUMN \""s + name + "\" INTEGER;\n";
+    };
+    struct row {
+        const char *before, *now, *again; // again: what the message names
+        std::string statements;           // with --drop-columns
+    };
+    const row rows[] = {
+        {"ab", "ab", "", ""},
+        {"ab", "axb", "", add("x")},
+        {"abc", "ac", "", drop("b")},
+        {"ab", "ba", "a", drop("a") + add("a")},
+        {"abc", "bca", "a", drop("a") + add("a")},
+        {"abc", "acb", "b", drop("b") + add("b")},
+        {"abc", "bac", "a, c", drop("a") + drop("c") + add("a") + add("c")},
+        {"abc", "cba", "b, a", drop("b") + drop("a") + add("b") + add("a")},
+        {"ab", "bxa", "a", drop("a") + add("x") + add("a")},
+        {"abc", "ba", "a", drop("c") + drop("a") + add("a")},
+    };
+    for (const row &of : rows) {
+        SCOPED_TRACE(of.before + " "s + of.now);
+        sql_options options = sql_for("sqlite");
+        EXPECT_EQ(changed(options, table(of.before), table(of.now)),
+                  *of.again == '\0' ? of.statements : refused(of.again));
+        options.layouts.drop_columns = true;
+        EXPECT_EQ(changed(options, table(of.before), table(of.now)), of.statements);
+        options.layouts.drop_columns = false;
+        options.keep_tables = true;
+        EXPECT_EQ(changed(options, table(of.before), table(of.now)), "");
+    }
+    // A column that got another name stays where it was.
+    sql_options options = sql_for("sqlite");
+    options.layouts.renames = {{"b", "x"}};
+    EXPECT_EQ(changed(options, table("abc"), table("axc")),
+              "ALTER TABLE \"sales_t\" RENAME COLUMN \"b\" TO \"x\";\n");
+    EXPECT_EQ(changed(options, table("abc"), table("xca")), refused("a"));
+    // Items alone have no such order.
+    const layout_column bare = {"A", "", type('I', 4)};
+    const layout_column other = {"B", "", type('I', 4)};
+    EXPECT_EQ(changed(sql_for("sqlite"), dataset_with({bare, other}), dataset_with({other, bare})),
+              "");
 }
 
 TEST(SqlLayout, OneGoneAndOneNewIsForTheUserToTell)

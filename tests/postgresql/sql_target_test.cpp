@@ -278,6 +278,27 @@ TEST_F(SqlTargetTest, AnIdentityOutsideTheKeyStays)
     EXPECT_EQ(value("SELECT n::text FROM \"SHOP\".\"N\" n"), "(1,70,6)");
 }
 
+TEST_F(SqlTargetTest, AColumnMadeAgainLosesItsValuesInTheCopyToo)
+{
+    configure("");
+    sql("CREATE SCHEMA odd; CREATE TABLE odd.t (a integer, b integer PRIMARY KEY, c integer);"
+        "ALTER TABLE odd.t REPLICA IDENTITY FULL");
+    const run_result created = catch_up({"--create"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    sql("INSERT INTO odd.t VALUES (1, 1, 1), (2, 2, 2); ALTER TABLE odd.t DROP a, ADD a integer;"
+        "UPDATE odd.t SET a = 7 WHERE b = 2");
+    const run_result followed = catch_up();
+    ASSERT_EQ(followed.status, 0) << followed.err;
+    sql("DROP PUBLICATION " + database + "; ALTER SCHEMA odd RENAME TO source");
+    const run_result refused = fwlog({"sql", "--dialect", "postgresql", "--create-tables"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err,
+                HasSubstr("odd.t has columns (a) behind others that they stood before"));
+    EXPECT_EQ(apply(once({"--drop-columns"})).err, "");
+    EXPECT_EQ(value("SELECT string_agg(t::text, ' ' ORDER BY b) FROM odd.t t"),
+              value("SELECT string_agg(t::text, ' ' ORDER BY b) FROM source.t t"));
+}
+
 // Between the updates of a swap two rows have one key.
 TEST_F(SqlTargetTest, RowsThatSwapTheirKeysNeedADeferrableKeyAndMoreToTellThemApart)
 {
