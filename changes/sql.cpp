@@ -39,11 +39,8 @@ static outcome make_table(sql_writer &writer, sql_table &table, const change_dat
     if (outcome done = sql_table_make(table, *writer.options.dialect, writer.options.keys, dataset);
         !done)
         return done;
-    std::string name = table.name;
-    if (!writer.options.dialect->schemas) // and none of the letters' cases
-        for (char &c : name)
-            c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-    const auto [taken, fresh] = writer.own->origins.try_emplace(name, table.origin);
+    const auto [taken, fresh] = writer.own->origins.try_emplace(
+        sql_same_name(*writer.options.dialect, table.name), table.origin);
     if (fresh || taken->second == table.origin)
         return {};
     return outcome_bad(table.origin + " and " + taken->second + " would both become table " +

@@ -267,6 +267,7 @@ static constexpr sql_dialect rows[] = {
                 "SET IntervalStyle = 'postgres';\n",
         .overriding = " OVERRIDING SYSTEM VALUE",
         .schemas = true,
+        .folds_names = false,
         .alters_types = true,
         .counts_changes = false,
         .rows = {"tableoid, ctid"},
@@ -284,6 +285,7 @@ static constexpr sql_dialect rows[] = {
         .head = "",
         .overriding = "",
         .schemas = false,
+        .folds_names = true,
         .alters_types = false,
         .counts_changes = true,
         .rows = {"rowid", "_rowid_", "oid"},
@@ -300,6 +302,14 @@ static constexpr sql_dialect rows[] = {
             ", CONSTRAINT this_transaction_was_applied_before CHECK (\"pending\" <> 'applied')",
     },
 };
+
+std::string sql_same_name(const sql_dialect &dialect, std::string name)
+{
+    for (char &c : name)
+        if (dialect.folds_names && c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    return name;
+}
 
 const sql_dialect *sql_dialect_of(std::string_view name)
 {

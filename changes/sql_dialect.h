@@ -15,6 +15,7 @@ struct sql_dialect {
     const char *head;        // statements in front of all others
     const char *overriding;  // behind the columns of an INSERT
     bool schemas;            // tables stand in schemas; else its schema is part of a table's name
+    bool folds_names;        // names that differ in the case of ASCII letters are the same
     bool alters_types;       // of the columns of a table that is there
     bool counts_changes;     // total_changes() tells how many rows all statements have changed
     const char *rows[3];     // what tells the rows of a table apart, the first that names no column
@@ -34,6 +35,9 @@ struct sql_dialect {
                               std::string_view condition);
     const char *position_columns; // of the position table, behind its first one
 };
+
+// A name, or one in quotes, as the database compares it with others.
+std::string sql_same_name(const sql_dialect &dialect, std::string name);
 
 // The row of a name; null: there is none.
 const sql_dialect *sql_dialect_of(std::string_view name);

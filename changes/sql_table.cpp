@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <strings.h>
+#include <unordered_map>
 
 static std::string utf8(const std::string &latin1)
 {
@@ -65,6 +66,22 @@ static void add_columns(sql_table &table)
         column.compared = table.dialect->compared(column, item);
         table.columns.push_back(std::move(column));
     }
+}
+
+// Each column has a name of its own.
+static outcome look_at_names(const sql_table &table)
+{
+    std::unordered_map<std::string, const sql_column *> names;
+    for (const sql_column &column : table.columns) {
+        const auto [taken, fresh] =
+            names.try_emplace(sql_same_name(*table.dialect, column.name), &column);
+        if (!fresh)
+            return outcome_bad(table.origin + " has columns " + taken->second->name + " and " +
+                               column.name +
+                               ", which would be one: leave it out with --dset, or begin a new "
+                               "log with one of them left out of the dataset or with another name");
+    }
+    return {};
 }
 
 static bool is_dataset(const std::string &name, const fwu_layout &layout)
@@ -127,6 +144,8 @@ outcome sql_table_make(sql_table &table, const sql_dialect &dialect,
     add_columns(table);
     if (table.columns.empty())
         return outcome_bad(table.origin + " has no columns; leave it out with --dset");
+    if (outcome done = look_at_names(table); !done)
+        return done;
     if (outcome done = set_key(table, keys); !done)
         return done;
     prepare(table);

@@ -238,6 +238,35 @@ TEST(SqlStatement, TwoTablesOfOneNameAreRefused)
     EXPECT_EQ(postgresql.put(CHANGE_CREATE, second, "", "\1\0"s), "");
 }
 
+TEST(SqlStatement, TwoColumnsOfOneNameAreRefused)
+{
+    change_dataset dataset = dataset_of("T", {{.name = "NO", .type = 'I', .size = 2},
+                                              {.name = "NO-2", .type = 'I', .size = 2},
+                                              {.name = "a", .type = 'I', .size = 2}});
+    const auto insert = [&dataset](const char *dialect) {
+        return sql_lines(sql_for(dialect)).put(CHANGE_CREATE, dataset, "", "\1\0\2\0\3\0"s);
+    };
+    EXPECT_EQ(insert("sqlite"), "");
+    set_source(dataset, "t",
+               {{.name = "Name", .type = "smallint", .item = 0},
+                {.name = "nAME", .type = "smallint", .item = 1}});
+    EXPECT_EQ(insert("postgresql"), "");
+    EXPECT_EQ(insert("sqlite"),
+              "sales.t has columns Name and nAME, which would be one: leave it out with --dset, or "
+              "begin a new log with one of them left out of the dataset or with another name");
+    // An item that has no column, and one whose column has its name.
+    set_source(dataset, "t",
+               {{.name = "a", .type = "smallint", .item = 0},
+                {.name = "b", .type = "smallint", .item = 1}});
+    EXPECT_NE(insert("postgresql").find("sales.t has columns a and a, which would be one"),
+              std::string::npos);
+    // Other letters are told apart.
+    set_source(dataset, "t",
+               {{.name = "\xC3\xA4", .type = "smallint", .item = 0},
+                {.name = "\xC3\x84", .type = "smallint", .item = 1}});
+    EXPECT_EQ(insert("sqlite"), "");
+}
+
 TEST(SqlStatement, ADatasetWithoutColumnsIsRefused)
 {
     const change_dataset none =
