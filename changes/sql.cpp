@@ -4,6 +4,7 @@
 
 #include "changes/sql_dialect.h"
 #include "changes/sql_position.h"
+#include "changes/sql_quote.h"
 #include "changes/sql_statement.h"
 
 #include <unordered_map>
@@ -24,13 +25,20 @@ sql_writer::sql_writer(sql_options given)
     own->position.dialect = options.dialect;
     if (!options.position_table.empty())
         sql_position_name(own->position, options.position_table);
+    sql_put_quoted(own->position.selection, options.selection);
 }
 
 sql_writer::~sql_writer() = default;
 
 void sql_begin_behind(sql_writer &writer, const fwu_position &position)
 {
-    writer.own->position.before = position;
+    writer.own->position.before = {SQL_BY_POSITION, 0, position};
+}
+
+void sql_pass(sql_writer &writer, const change_transaction &transaction)
+{
+    sql_place &before = writer.own->position.before;
+    before = sql_place_behind(before, transaction);
 }
 
 // Makes the table of a dataset; another one's table must not have its name.
@@ -164,7 +172,7 @@ static outcome put_truncate(sql_writer &writer, std::string &out, const change &
     return {};
 }
 
-static void begin(sql_writer &writer, std::string &out, const change_transaction &transaction)
+static outcome begin(sql_writer &writer, std::string &out, const change_transaction &transaction)
 {
     sql_writer::parts &own = *writer.own;
     const bool positioned = !own.position.table.empty();
@@ -176,8 +184,28 @@ static void begin(sql_writer &writer, std::string &out, const change_transaction
     own.headed = true;
     own.begun = true;
     out += "BEGIN;\n";
-    if (positioned)
-        sql_position_begin(own.position, out, transaction.identity, transaction.position);
+    return positioned ? sql_position_begin(own.position, out, transaction) : outcome{};
+}
+
+static outcome put_row(sql_writer &writer, std::string &out, const sql_table &table,
+                       const change &of)
+{
+    sql_position &position = writer.own->position;
+    const bool there = of.op == CHANGE_UPDATE || of.op == CHANGE_DELETE;
+    const size_t begin = out.size();
+    bool put = false;
+    if (there)
+        sql_position_begin_row(position, out);
+    outcome done = sql_put_statement(out, put, writer.own->work, table, of, position.condition);
+    if (!put) {
+        out.resize(begin);
+        return done;
+    }
+    if (there)
+        sql_position_end_row(position, out, table.name);
+    out += ";\n";
+    position.statements++;
+    return done;
 }
 
 outcome sql_put(sql_writer &writer, std::string &out, const change &of,
@@ -185,7 +213,8 @@ outcome sql_put(sql_writer &writer, std::string &out, const change &of,
 {
     sql_writer::parts &own = *writer.own;
     if (!own.begun)
-        begin(writer, out, transaction);
+        if (outcome done = begin(writer, out, transaction); !done)
+            return done;
     if (of.op == CHANGE_TRUNCATE)
         return put_truncate(writer, out, of);
     if (of.op == CHANGE_GAP)
@@ -193,16 +222,13 @@ outcome sql_put(sql_writer &writer, std::string &out, const change &of,
     const sql_table *table = nullptr;
     if (outcome done = find_table(writer, out, *of.dataset, table); !done)
         return done;
-    bool put = false;
-    outcome done = sql_put_statement(out, put, own.work, *table, of, own.position.condition);
-    own.position.statements += put ? 1 : 0;
-    return done;
+    return put_row(writer, out, *table, of);
 }
 
-void sql_end(sql_writer &writer, std::string &out, const change_transaction &transaction)
+void sql_end(sql_writer &writer, std::string &out)
 {
     if (!writer.own->position.table.empty())
-        sql_position_end(writer.own->position, out, transaction.position);
+        sql_position_end(writer.own->position, out);
     out += "COMMIT;\n";
     writer.own->begun = false;
 }

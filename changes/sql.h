@@ -20,6 +20,7 @@ enum sql_on_mark { SQL_STOP, SQL_SKIP, SQL_APPLY };
 struct sql_options {
     const sql_dialect *dialect = nullptr;
     std::string position_table; // its name; empty: none
+    std::string selection;      // what is known as the selection of these changes; empty: all
     bool create_tables = false; // make tables that are not there
     bool keep_tables = false;   // a new layout of a dataset changes no table
     sql_layout_options layouts;
@@ -39,8 +40,9 @@ struct sql_writer {
 };
 
 // What was applied before the first transaction that will be given: everything up to this
-// position of the log.
+// position of the log, where nothing is known of the transaction before it; this transaction.
 void sql_begin_behind(sql_writer &writer, const fwu_position &position);
+void sql_pass(sql_writer &writer, const change_transaction &transaction);
 
 // Takes a layout of a dataset as the one that its table has.  OUTCOME_BAD as sql_table_make.
 outcome sql_learn(sql_writer &writer, const change_dataset &dataset);
@@ -52,7 +54,7 @@ outcome sql_put(sql_writer &writer, std::string &out, const change &of,
                 const change_transaction &transaction);
 
 // Appends the end of the transaction whose changes were put.
-void sql_end(sql_writer &writer, std::string &out, const change_transaction &transaction);
+void sql_end(sql_writer &writer, std::string &out);
 
 // Appends what takes back the part of a transaction that was appended.
 void sql_give_up(std::string &out);

@@ -252,9 +252,11 @@ static void put_layout_change_sqlite(std::string &out, std::string_view statemen
 
 // ----
 
-#define SQL_POSITION_CHECKS                                                              \
-    ", CONSTRAINT transactions_before_this_one_are_missing CHECK (\"pending\" <> 'gap')" \
-    ", CONSTRAINT the_position_is_one_of_another_log CHECK (\"pending\" <> 'another log')"
+#define SQL_POSITION_CHECKS                                                                \
+    ", CONSTRAINT transactions_before_this_one_are_missing CHECK (\"pending\" <> 'gap')"   \
+    ", CONSTRAINT the_position_is_one_of_another_log CHECK (\"pending\" <> 'another log')" \
+    ", CONSTRAINT the_position_is_one_of_another_selection "                               \
+    "CHECK (\"pending\" <> 'another selection')"
 
 static constexpr sql_dialect rows[] = {
     {
@@ -277,8 +279,11 @@ static constexpr sql_dialect rows[] = {
         .compared = compared_postgresql,
         .declared = declared_postgresql,
         .put_layout_change = put_layout_change_postgresql,
-        .position_columns = "\"log\" text NOT NULL, \"position\" text COLLATE \"C\" NOT NULL, "
-                            "\"pending\" text" SQL_POSITION_CHECKS,
+        .position_columns =
+            "\"log\" text NOT NULL, \"selection\" text NOT NULL, "
+            "\"lsn\" text COLLATE \"C\" NOT NULL, \"position\" text COLLATE \"C\" NOT NULL, "
+            "\"pending\" text" SQL_POSITION_CHECKS ", CONSTRAINT a_change_met_no_row_or_several "
+            "CHECK (\"pending\" NOT LIKE 'not one row of %')",
     },
     {
         .name = "sqlite",
@@ -296,8 +301,8 @@ static constexpr sql_dialect rows[] = {
         .declared = declared_sqlite,
         .put_layout_change = put_layout_change_sqlite,
         .position_columns =
-            "\"log\" TEXT NOT NULL, \"position\" TEXT NOT NULL, \"pending\" TEXT, "
-            "\"changed\" INTEGER" SQL_POSITION_CHECKS
+            "\"log\" TEXT NOT NULL, \"selection\" TEXT NOT NULL, \"lsn\" TEXT NOT NULL, "
+            "\"position\" TEXT NOT NULL, \"pending\" TEXT, \"changed\" INTEGER" SQL_POSITION_CHECKS
             ", CONSTRAINT a_statement_of_this_transaction_failed CHECK (\"pending\" <> 'failed')"
             ", CONSTRAINT this_transaction_was_applied_before CHECK (\"pending\" <> 'applied')",
     },

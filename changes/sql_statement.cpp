@@ -148,7 +148,5 @@ outcome sql_put_statement(std::string &out, bool &put, sql_work &work, const sql
     put = true;
     if (!put_change(to, of, condition, put))
         return outcome_bad(std::move(to.wrong));
-    if (put)
-        out += ";\n";
     return {};
 }

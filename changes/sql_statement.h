@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-// Appends the statement of a change that is no mark, which affects one row.  condition: what
-// it depends on; empty: nothing.  put: whether there is one; an update that sets nothing has
-// none.  OUTCOME_BAD when the images have bytes that are no values.
+// Appends the statement of a change that is no mark, which affects one row, without its ";".
+// condition: what it depends on; empty: nothing.  put: whether there is one; an update that sets
+// nothing has none.  OUTCOME_BAD when the images have bytes that are no values.
 outcome sql_put_statement(std::string &out, bool &put, sql_work &work, const sql_table &table,
                           const change &of, std::string_view condition);
 

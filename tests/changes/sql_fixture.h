@@ -18,7 +18,7 @@ inline sql_options sql_for(const char *dialect)
     return options;
 }
 
-// The statements of transactions at 1-25.9, 1-25.19, ...
+// The statements of transactions at 1-25.9, 1-25.19, ..., 0/19B2DF0, 0/19B2E00, ...
 struct sql_lines {
     explicit sql_lines(sql_options options) : writer(std::move(options))
     {
@@ -56,8 +56,9 @@ struct sql_lines {
 
     void commit()
     {
-        sql_end(writer, out, transaction);
+        sql_end(writer, out);
         transaction.position.tag += 10;
+        transaction.commit.lsn += 0x10;
     }
 
     // What has come since the last call, without what begins and ends a transaction.

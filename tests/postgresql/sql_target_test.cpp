@@ -197,13 +197,87 @@ TEST_F(SqlTargetTest, ATransactionOfWhichAStatementFailsIsAllOrNothing)
         EXPECT_EQ(apply(once()).err, "");
         EXPECT_EQ(value(numbers), "1,2,3,4,5");
         // One that begins further on than the database is, and another log.
-        sql("UPDATE ops_done SET position = '0001-00000001.0000000003'");
+        sql("UPDATE ops_done SET position = '0001-00000001.0000000003', "
+            "lsn = '0000000000000010'");
         EXPECT_THAT(apply(once({"--after", "1-1.7"}), stop).err,
                     HasSubstr("transactions_before_this_one_are_missing"));
+        const std::string identity = value("SELECT log FROM ops_done");
         sql("UPDATE ops_done SET log = 'none'");
         EXPECT_THAT(apply(once(), stop).err, HasSubstr("the_position_is_one_of_another_log"));
         EXPECT_EQ(value(numbers), "1,2,3,4,5");
+        sql("UPDATE ops_done SET log = '" + identity + "'");
+        EXPECT_THAT(apply(once({"--dset", "SHOP:"}), stop).err,
+                    HasSubstr("the_position_is_one_of_another_selection"));
+        EXPECT_EQ(value(numbers), "1,2,3,4,5");
     }
+}
+
+// A dataset's rows stand in another table than its changes go to: one that was renamed at the
+// source, and made anew here.
+TEST_F(SqlTargetTest, ARowThatIsNotThereEndsItsTransaction)
+{
+    const auto layout = [](const char *name) {
+        return fwu_layout{.dbname = "SHOP",
+                          .dsetname = name,
+                          .items = {{.name = "NO", .type = 'I', .size = 4},
+                                    {.name = "NET", .type = 'I', .size = 4}}};
+    };
+    const auto row = [](uint64_t no, uint64_t net) { return le(no, 4) + le(net, 4); };
+    const auto rows = [this](const std::string &table) {
+        return value(
+            "SELECT coalesce(string_agg(\"NO\" || ' ' || \"NET\", ',' ORDER BY \"NO\"), '') "
+            "FROM \"SHOP\".\"" +
+            table + "\"");
+    };
+    for (const bool deletes : {false, true})
+        for (const bool keyed : {false, true}) {
+            written_log log;
+            read_log(log);
+            log.begin(); // 1 to 4
+            log.insert(layout("OLD"), row(1, 10));
+            log.insert(layout("OLD"), row(2, 20));
+            log.commit();
+            log.begin(); // 5 to 8
+            log.insert(layout("NEW"), row(3, 30));
+            if (deletes)
+                log.change(FWU_OP_DELETE, layout("NEW"), row(1, 10), "");
+            else
+                log.change(FWU_OP_UPDATE, layout("NEW"), row(1, 10), row(1, 11));
+            log.commit();
+            log.begin();
+            log.insert(layout("OLD"), row(4, 40));
+            log.commit();
+            std::vector<std::string> words = {"--position-table", "ops_done"};
+            if (keyed)
+                words.insert(words.end(), {"--key", "OLD=NO", "--key", "NEW=NO"});
+            const std::string text = statements(words);
+            for (const bool stop : {true, false}) {
+                drop_all();
+                const run_result failed = apply(text, stop);
+                EXPECT_THAT(failed.err, HasSubstr("a_change_met_no_row_or_several"));
+                EXPECT_THAT(failed.err, HasSubstr("not one row of \"SHOP\".\"NEW\""));
+                EXPECT_EQ(value("SELECT to_regclass('\"SHOP\".\"NEW\"')"), "\\N");
+                EXPECT_EQ(rows("OLD"), "1 10,2 20");
+                EXPECT_EQ(value("SELECT position FROM ops_done"), "0001-00000001.0000000004");
+            }
+            // Several rows of one key are not the row, either; of equal rows one is.
+            sql("CREATE TABLE \"SHOP\".\"NEW\" (\"NO\" integer, \"NET\" integer);"
+                "INSERT INTO \"SHOP\".\"NEW\" VALUES (1, 10), (1, 10)");
+            if (keyed) {
+                EXPECT_THAT(apply(text).err, HasSubstr("a_change_met_no_row_or_several"));
+                EXPECT_EQ(rows("NEW"), "1 10,1 10");
+                sql("DELETE FROM \"SHOP\".\"NEW\" WHERE ctid = (SELECT max(ctid) FROM "
+                    "\"SHOP\".\"NEW\")");
+            }
+            EXPECT_EQ(apply(text).err, "");
+            EXPECT_EQ(rows("NEW"),
+                      std::string(keyed ? "" : "1 10,") + (deletes ? "3 30" : "1 11,3 30"));
+            EXPECT_EQ(rows("OLD"), "1 10,2 20,4 40");
+            // What is passed over asks for no row.
+            sql("DELETE FROM \"SHOP\".\"NEW\"");
+            EXPECT_EQ(apply(text).err, "");
+            EXPECT_EQ(rows("NEW"), "");
+        }
 }
 
 // A table whose key the database makes, one that others refer to by partitions, and a column
@@ -228,6 +302,10 @@ TEST_F(SqlTargetTest, TablesMadeByHandMayBeMoreThanTheLogKnows)
     sql("ALTER TABLE shop.\"it's \"\"odd\"\"; --\" ALTER no DROP IDENTITY; TRUNCATE shop.plain, "
         "shop.\"it's \"\"odd\"\"; --\"");
     EXPECT_EQ(apply(statements({})).err, "");
+    compare(model);
+    // A row that goes to another partition is one row.
+    sql("TRUNCATE shop.plain, shop.\"it's \"\"odd\"\"; --\"");
+    EXPECT_EQ(apply(once()).err, "");
     compare(model);
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <set>
 
 fwlog_selection fwlog_selected;
 
@@ -42,6 +43,16 @@ bool fwlog_selects(const std::string &dbname, const std::string &dsetname)
            std::any_of(patterns.begin(), patterns.end(), [&](const std::string &pattern) {
                return patmatches(pattern.c_str(), subject.c_str()) != 0;
            });
+}
+
+std::string fwlog_selection_text()
+{
+    const std::set<std::string> patterns(fwlog_selected.patterns.begin(),
+                                         fwlog_selected.patterns.end());
+    std::string text;
+    for (const std::string &pattern : patterns)
+        text += (text.empty() ? "" : " ") + pattern;
+    return text;
 }
 
 outcome fwlog_open_selected(change_reader &reader, const char *cfg)

@@ -40,6 +40,9 @@ constexpr cli_option FWLOG_TO = {"--to", FWLOG_POSITION, fwlog_take_to};
 // Whether a pattern has the dataset, or there are none.
 bool fwlog_selects(const std::string &dbname, const std::string &dsetname);
 
+// The patterns in one text, which is the same in whatever order they were given; empty: all.
+std::string fwlog_selection_text();
+
 // Begins to read what the options select from the log of the configuration at cfg (null: as
 // fwu_config_read).  --after and --from exclude each other.
 outcome fwlog_open_selected(change_reader &reader, const char *cfg);

@@ -144,7 +144,8 @@ static outcome give_up(sql_state &state, outcome why)
     return why;
 }
 
-// The tables have the layouts that stand in the log before the position to begin behind.
+// The tables have the layouts that stand in the log before the position to begin behind, where
+// the transaction that ends there was the last one.
 static outcome learn(sql_state &state, const fwu_config &config)
 {
     if (change_open(
@@ -168,6 +169,7 @@ static outcome learn(sql_state &state, const fwu_config &config)
                 return done;
             break;
         default:
+            sql_pass(state.writer, state.before.transaction);
             break;
         }
     }
@@ -190,8 +192,8 @@ static outcome look_at_place(sql_state &state)
             fwu_position_text(start).c_str(),
             fwu_position_text({here.generation, here.sequence, cursor.tx_first_tag}).c_str(),
             cursor.tx_last_tag);
-    if (!state.placed)
-        sql_begin_behind(state.writer, after.sequence != 0 ? after : here);
+    if (!state.placed && after.sequence == 0)
+        sql_begin_behind(state.writer, here);
     state.placed = true;
     return {};
 }
@@ -218,7 +220,7 @@ static outcome take_change(sql_state &state, const change &of)
 
 static outcome take_end(sql_state &state)
 {
-    sql_end(state.writer, state.out, state.reader.transaction);
+    sql_end(state.writer, state.out);
     state.whole = state.out.size();
     state.inside = false;
     state.in_parts = false;
@@ -278,6 +280,7 @@ static outcome run()
     fwu_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
+    options.sql.selection = fwlog_selection_text();
     sql_state state;
     const fwu_signals signals;
     if (fwlog_selected.after.sequence != 0)

@@ -47,6 +47,26 @@ class FwlogSqliteTest : public testing::Test {
         log.commit();
     }
 
+    // Loses the end of the log, as a damaged disk does, and repairs it.  How many transactions
+    // are left.
+    uint64_t lose(uintmax_t bytes)
+    {
+        EXPECT_EQ(fwu_writer_sync(log.writer), 0);
+        EXPECT_EQ(fwu_writer_acknowledge(log.writer), 0);
+        EXPECT_EQ(fwu_writer_close(log.writer), 0);
+        const std::string file = log.log + "/fw0001-00000001.log";
+        std::filesystem::resize_file(file, std::filesystem::file_size(file) - bytes);
+        const run_result repaired =
+            run_program({program, "repair", "-cfg", log.cfg, "--accept-loss"});
+        EXPECT_EQ(repaired.status, 0) << repaired.err;
+        EXPECT_EQ(fwu_writer_open(&log.writer, log.config), 0);
+        const std::string left = sql();
+        uint64_t transactions = 0;
+        for (size_t at = left.find("COMMIT;"); at != left.npos; at = left.find("COMMIT;", at + 1))
+            transactions++;
+        return transactions;
+    }
+
     void compare(const random_changes &model, const sqlite &copy) const
     {
         std::string odd = "\"shop_";
@@ -209,6 +229,118 @@ TEST_F(FwlogSqliteTest, GapsAndOtherLogsAreRefused)
     EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,2,3,4");
 }
 
+// What comes behind a repair has positions that others had before.
+TEST_F(FwlogSqliteTest, WhatARepairedLogGoesOnWithIsApplied)
+{
+    for (int no = 1; no <= 40; no++)
+        add(no);
+    EXPECT_EQ(target.run(once()).err, "");
+    EXPECT_EQ(target.value("SELECT lsn || ' ' || position FROM done"),
+              "0000000000000280 0001-00000001.0000000081");
+    const uint64_t left = lose(3000);
+    EXPECT_GT(left, 10U);
+    EXPECT_LT(left, 30U);
+    EXPECT_EQ(target.run(once()).err, ""); // nothing new yet
+    for (int no = 101; no <= 140; no++)
+        add(no);
+    // The table's position is another transaction's now.
+    for (const bool bail : {true, false}) {
+        const run_result gap = target.run(once({"--after", "1-1.81"}), bail);
+        EXPECT_NE(gap.status, 0);
+        EXPECT_THAT(gap.err, HasSubstr("transactions_before_this_one_are_missing"));
+    }
+    EXPECT_EQ(target.value("SELECT count(*) || ' ' || max(NO) FROM SHOP_N"), "40 40");
+    EXPECT_EQ(target.run(once()).err, "");
+    EXPECT_EQ(target.value("SELECT count(*) || ' ' || sum(NO > 100) FROM SHOP_N"), "80 40");
+    EXPECT_EQ(target.run(once()).err, "");
+    add(141);
+    EXPECT_EQ(target
+                  .run(once({"--after", "1-" + target.value("SELECT ltrim(substr(position, 6, "
+                                                            "8), '0') || '.' || ltrim(substr("
+                                                            "position, 15), '0') FROM done")}))
+                  .err,
+              "");
+    EXPECT_EQ(target.value("SELECT count(*) || ' ' || max(NO) FROM SHOP_N"), "81 141");
+}
+
+// What was lost comes again from the source, at other positions of the log.
+TEST_F(FwlogSqliteTest, WhatComesAgainBehindARepairIsPassedOver)
+{
+    for (int no = 1; no <= 40; no++)
+        add(no);
+    EXPECT_EQ(target.run(once()).err, "");
+    log.commits = lose(3000);
+    log.new_file();
+    for (int no = static_cast<int>(log.commits) + 1; no <= 41; no++)
+        add(no);
+    EXPECT_EQ(target.run(once({"--to", "1-2.30"})).err, "");
+    EXPECT_EQ(target.value("SELECT count(*) FROM SHOP_N"), "40");
+    EXPECT_EQ(target.value("SELECT position FROM done"), "0001-00000001.0000000081");
+    EXPECT_EQ(target.run(once()).err, "");
+    EXPECT_EQ(target.value("SELECT count(*) || ' ' || max(NO) FROM SHOP_N"), "41 41");
+}
+
+// A log of a source that has no positions.
+TEST_F(FwlogSqliteTest, CommitsOfOneSourcePositionStandInTheOrderOfTheLog)
+{
+    for (int no = 1; no <= 6; no++) {
+        log.commits = 0; // each gets the position 0/10
+        add(no);
+    }
+    EXPECT_EQ(target.run(once({"--to", "1-1.7"})).err, "");
+    EXPECT_THAT(target.run(once({"--after", "1-1.9"})).err,
+                HasSubstr("transactions_before_this_one_are_missing"));
+    EXPECT_EQ(target.run(once({"--after", "1-1.7", "--to", "1-1.9"})).err, "");
+    EXPECT_EQ(target.run(once()).err, "");
+    EXPECT_EQ(target.run(once()).err, "");
+    EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,2,3,4,5,6");
+}
+
+TEST_F(FwlogSqliteTest, AnotherSelectionIsRefused)
+{
+    add(1);
+    add(2, "M");
+    EXPECT_EQ(target.run(once({"--dset", "shop:n"})).err, "");
+    add(3);
+    EXPECT_EQ(target.value("SELECT selection FROM done"), "SHOP:N");
+    for (const std::vector<std::string> &other :
+         {std::vector<std::string>{}, {"--dset", "M"}, {"--dset", "N", "--dset", "M"}})
+        for (const bool bail : {true, false}) {
+            const run_result refused = target.run(once(other), bail);
+            EXPECT_NE(refused.status, 0);
+            EXPECT_THAT(refused.err, HasSubstr("the_position_is_one_of_another_selection"));
+            EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1");
+        }
+    // Another way to say the same is the same.
+    EXPECT_EQ(target.run(once({"--dset", "SHOP:N", "--dset", "shop:N"})).err, "");
+    EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,3");
+    const sqlite both(log.dir.file("both.db"));
+    EXPECT_EQ(both.run(once({"--dset", "SHOP:N", "--dset", "SHOP:M"})).err, "");
+    EXPECT_EQ(both.value("SELECT selection FROM done"), "SHOP:M SHOP:N");
+    EXPECT_EQ(both.run(once({"--dset", "SHOP:M", "--dset", "SHOP:N"})).err, "");
+    // The remedy: a table for each selection.
+    EXPECT_EQ(target.run(sql({"--position-table", "done_m", "--dset", "shop:m"})).err, "");
+    EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_M"), "2");
+}
+
+TEST_F(FwlogSqliteTest, ALogWhoseSourceGoesBackIsRefused)
+{
+    add(1);
+    add(2);
+    log.commits = 0;
+    add(3);
+    const run_result refused = run_program({program, "sql", "-cfg", log.cfg, "--dialect", "sqlite",
+                                            "--create-tables", "--position-table", "done"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err,
+              "fwlog: position 1-1.6: the source's positions go back here, from 0/20 to 0/10, so "
+              "that no table can tell what was applied: go on behind the transaction before with "
+              "--after, without --position-table\n");
+    EXPECT_EQ(target.run(refused.out).err, "");
+    EXPECT_EQ(target.run(sql({"--after", "1-1.5"})).err, "");
+    EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,2,3");
+}
+
 TEST_F(FwlogSqliteTest, ADatabaseBehindAPrunedLogIsRefused)
 {
     for (int no = 1; no <= 3; no++) {
@@ -221,6 +353,9 @@ TEST_F(FwlogSqliteTest, ADatabaseBehindAPrunedLogIsRefused)
     const run_result gap = target.run(once());
     EXPECT_THAT(gap.err, HasSubstr("transactions_before_this_one_are_missing"));
     EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1");
+    // One that stood at what a repair has cut off, further on.
+    EXPECT_EQ(target.run("UPDATE done SET position = '0001-00000003.0000000009'").err, "");
+    EXPECT_THAT(target.run(once()).err, HasSubstr("transactions_before_this_one_are_missing"));
     EXPECT_EQ(target.run("UPDATE done SET position = '0001-00000003.0000000000'").err, "");
     EXPECT_EQ(target.run(once()).err, "");
     EXPECT_EQ(target.value("SELECT group_concat(NO) FROM SHOP_N"), "1,3");
