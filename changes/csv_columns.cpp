@@ -176,10 +176,12 @@ outcome change_csv_make(change_csv &csv, const change_dataset &dataset,
     if (csv.columns.size() > COLUMNS_MAX)
         return outcome_bad(place_of(dataset) +
                            " has more than 1000000 columns; name those that are wanted");
-    if (options.before)
-        add_before(csv.columns);
     add_always(csv.columns);
     make_unique(csv.columns);
+    if (options.before) { // the names of old values go by those of the others
+        add_before(csv.columns);
+        make_unique(csv.columns);
+    }
     for (const change_csv_column &column : csv.columns) {
         if (!csv.header.empty())
             csv.header.push_back(',');

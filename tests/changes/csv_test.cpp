@@ -204,7 +204,7 @@ TEST(ChangesCsv, HostileNamesStayApart)
     change_csv csv = csv_of(dataset, {.columns = {}, .source_names = false, .before = true});
     EXPECT_EQ(csv.header,
               "_op,_position,_op_2,before.A,A,A[1],Z[1],Z[2],Z[1]_2,\"N\nL\",\"\xC3\x84\"\"\","
-              "before._op,before.before.A,before.A_2,before.A[1],before.Z[1],before.Z[2],"
+              "before._op_2,before.before.A,before.A_2,before.A[1],before.Z[1],before.Z[2],"
               "before.Z[1]_2,\"before.N\nL\",\"before.\xC3\x84\"\"\"\r\n");
     EXPECT_EQ(line_of(csv, CHANGE_CREATE, "", "123456789"),
               "c,1-25.4,1,2,3,4,5,6,7,8,9,,,,,,,,,\r\n");
