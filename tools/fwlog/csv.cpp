@@ -117,7 +117,8 @@ static const char help[] =
     "  --help            print this\n"
     "\n"
     "Exit status: 0 done; 1 error or damage, a second layout without --dir; 2 wrong command\n"
-    "line; 128 + n stopped by signal n, behind a whole transaction.\n";
+    "line; 128 + n stopped by signal n, behind a whole transaction (or, with a reader that\n"
+    "took nothing for a second, inside a line).\n";
 
 constinit const cli_command fwlog_csv_row = {
     .name = "csv",
