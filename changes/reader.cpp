@@ -340,7 +340,9 @@ static change_found next_inside(change_reader &reader, change &next)
         }
         if (found != FWU_FOUND)
             return CHANGE_FAILED;
-        if (reader.range.to.sequence != 0 &&
+        // A transaction all of whose changes are in the range is whole.
+        const bool counts = fwu_entry_is_change(entry) || entry.kind == FWU_KIND_MARK;
+        if (counts && reader.range.to.sequence != 0 &&
             is_behind(position_of(reader, entry.tag), reader.range.to))
             return CHANGE_RANGE_ENDED;
         bool wanted = false;

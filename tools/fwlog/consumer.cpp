@@ -261,7 +261,9 @@ static void set_rows(const fwlog_consumer &c, descriptors &rows, short output, i
 static outcome write_part(fwlog_consumer &c, const std::string &text, size_t &at)
 {
     // A pipe that has room takes so much without waiting.
-    const size_t length = std::min<size_t>(text.size() - at, PIPE_BUF);
+    size_t length = std::min<size_t>(text.size() - at, PIPE_BUF);
+    if (c.silent) // only the line that is begun
+        length = std::min(length, std::min(text.find('\n', at), text.size() - 1) + 1 - at);
     const ssize_t put = write(STDOUT_FILENO, text.data() + at, length);
     if (put < 0 && errno == EPIPE)
         c.deaf = true;
@@ -270,6 +272,7 @@ static outcome write_part(fwlog_consumer &c, const std::string &text, size_t &at
     if (put <= 0)
         return {};
     at += static_cast<size_t>(put);
+    c.inside_line = text[at - 1] != '\n';
     c.written += static_cast<size_t>(put);
     fwlog_outstanding_written(c.outstanding, c.written);
     return {};
@@ -278,13 +281,15 @@ static outcome write_part(fwlog_consumer &c, const std::string &text, size_t &at
 static outcome write_and_listen(fwlog_consumer &c, const std::string &text)
 {
     descriptors rows;
-    for (size_t at = 0; at < text.size() && !fwlog_consumer_gone(c);) {
+    // Where acknowledgements end, the line that is begun is still written.
+    for (size_t at = 0; at < text.size() && !c.deaf && (!c.silent || c.inside_line);) {
         set_rows(c, rows, POLLOUT, -1);
         if (fwu_stop != 0)
             rows[INPUT].fd = -1; // only who reads is waited for
-        const int ready = wait_for(rows, LOOK_AFTER_MS, PATIENCE_MS);
+        const int ready = wait_for(rows, c.silent ? PATIENCE_MS : LOOK_AFTER_MS, PATIENCE_MS);
         if (ready == 0 && fwu_stop != 0)
             return fwlog_stopped();
+        c.deaf = c.deaf || (ready == 0 && c.silent); // nobody takes the rest of the line
         if (ready < 0 && errno != EINTR)
             return cli_output_failed();
         outcome done;
@@ -404,9 +409,8 @@ static outcome await(fwlog_consumer &c)
     const uint64_t left = fwlog_outstanding_count(c.outstanding);
     if (left == 0)
         return {};
-    return outcome_failed("standard input has ended, and %" PRIu64
-                          " transactions that were written "
-                          "are not acknowledged; they come again at the next start",
+    return outcome_failed("standard input has ended without acknowledging all that was written: "
+                          "%" PRIu64 " of the transactions come again at the next start",
                           left);
 }
 

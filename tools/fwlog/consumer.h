@@ -38,11 +38,12 @@ struct fwlog_consumer {
     fwu_status state;
     int64_t looked_ms = 0; // monotonic time at which the state was brought to disk, or looked at
     fwlog_outstanding outstanding;
-    uint64_t written = 0; // bytes
-    bool deaf = false;    // nobody reads standard output any more
-    bool silent = false;  // standard input has ended
-    std::string input;    // of a line that has not ended
-    uint64_t line = 0;    // lines of standard input
+    uint64_t written = 0;     // bytes
+    bool deaf = false;        // nobody reads standard output any more
+    bool silent = false;      // standard input has ended
+    bool inside_line = false; // what was written last did not end a line
+    std::string input;        // of a line that has not ended
+    uint64_t line = 0;        // lines of standard input
     fwlog_consumer();
     ~fwlog_consumer();
     fwlog_consumer(const fwlog_consumer &) = delete;

@@ -126,12 +126,12 @@ static outcome step(json_state &state, bool &more)
     case CHANGE_NO_MORE:
         more = state.run.follow && !is_over(state);
         return more ? wait_for_more(state) : outcome();
+    // A transaction that is broken off has lines, none of which is its last.
     case CHANGE_RANGE_ENDED:
-        change_json_end(state.json, state.out, true);
+        change_json_end(state.json, state.out, false);
         more = false;
         return {};
     default:
-        // A transaction that is broken off has lines, none of which is its last.
         change_json_end(state.json, state.out, false);
         outcome written = write_out(state);
         return written ? OUTCOME_FAILED : std::move(written);

@@ -8,9 +8,11 @@
 #include "tools/fwlog/position.h"
 #include "tools/fwlog/selection.h"
 
+#include <bit>
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <strings.h>
 #include <utility>
 
@@ -96,19 +98,30 @@ static void take_source(found_layouts &layouts, fwu_layout_source &&of)
         known->second.layout.source = std::make_shared<const fwu_source>(std::move(of.source));
 }
 
-static int visit(found_layouts &layouts, bool &big_endian, const fwu_walk_item &item)
+// What is known on the way through the log.
+struct layout_walk {
+    found_layouts layouts;
+    bool big_endian = false; // the file in hand
+    bool reached = false;    // the position of --at
+};
+
+static int visit(layout_walk &walk, const fwu_walk_item &item)
 {
+    found_layouts &layouts = walk.layouts;
     if (item.what == FWU_WALK_FILE)
-        big_endian = item.header.big_endian;
+        walk.big_endian = item.header.big_endian;
     const int32_t tag = item.what == FWU_WALK_ENTRY ? item.entry.tag : 0;
-    if (fwlog_position_given(options.at) && fwlog_position_compare(*item.file, tag, options.at) > 0)
+    const int order =
+        fwlog_position_given(options.at) ? fwlog_position_compare(*item.file, tag, options.at) : -1;
+    walk.reached = walk.reached || order == 0;
+    if (order > 0)
         return 1;
     if (item.what != FWU_WALK_ENTRY)
         return 0;
     found_layout found;
     fwu_layout_source of;
     if (fwu_entry_layout(item.entry, found.layout)) {
-        found.big_endian = big_endian;
+        found.big_endian = walk.big_endian;
         found.begun = {item.file->generation, item.file->sequence, tag};
         if (fwlog_selects(found.layout.dbname, found.layout.dsetname))
             take_layout(layouts, std::move(found));
@@ -126,12 +139,16 @@ static outcome find_layouts(const fwu_config &config, found_layouts &layouts)
         (fwu_log_list(config.log_directory, files) != 0 ||
          fwu_start_find(files, options.at, "--at " + fwu_position_text(options.at), file) != 0))
         return OUTCOME_FAILED;
-    bool big_endian = false;
-    const int walked = fwu_log_walk(config.log_directory, [&](const fwu_walk_item &item) {
-        return visit(layouts, big_endian, item);
-    });
+    layout_walk walk;
+    const int walked = fwu_log_walk(
+        config.log_directory, [&walk](const fwu_walk_item &item) { return visit(walk, item); });
     if (walked < 0)
         return OUTCOME_FAILED;
+    if (options.at.tag != 0 && !walk.reached)
+        return outcome_failed("--at %s: its log file ends before it; give a position that the log "
+                              "has",
+                              fwu_position_text(options.at).c_str());
+    layouts = std::move(walk.layouts);
     if (!layouts.empty())
         return {};
     const char *const directory = config.log_directory.c_str();
@@ -166,6 +183,22 @@ static outcome check_possible(const found_layout &found)
                           name.c_str(), fwu_position_text(found.begun).c_str());
 }
 
+// Kestro takes numbers as this machine has them, or turned about.
+static void tell_wrong_order(const record_layout &record)
+{
+    const bool big_endian = record.dataset->big_endian;
+    const bool turned = big_endian != (std::endian::native == std::endian::big);
+    if (!record.options.ascii || record.options.asciirev == turned)
+        return;
+    for (const record_item &item : record.items)
+        if (std::string_view("IJKER").find(static_cast<char>(item.item->type)) !=
+            std::string_view::npos)
+            return tell("warning: %s: its binary numbers are %s-endian, and Kestro takes them for "
+                        "others with %s on this machine: give %s",
+                        record.name.c_str(), record.order, turned ? "-ascii" : "-asciirev",
+                        turned ? "-asciirev" : "-ascii");
+}
+
 static outcome put_layouts(std::string &out, const fwu_config &config, const found_layouts &layouts)
 {
     std::set<std::string> names;
@@ -180,6 +213,7 @@ static outcome put_layouts(std::string &out, const fwu_config &config, const fou
         record_layout record;
         if (outcome done = record_layout_make(record, dataset, options.record); !done)
             return done;
+        tell_wrong_order(record);
         if (options.form == LAYOUT_COLUMNS) {
             out += out.empty() ? "" : "\n";
             layout_put_columns(out, record);

@@ -102,9 +102,10 @@ TEST_F(Consumer, WhatIsAcknowledgedIsNotGivenAgain)
     ASSERT_TRUE(fwlog.say(transaction(line) + "\n"));
     fwlog.end_input();
     EXPECT_EQ(fwlog.wait(), 1);
-    EXPECT_EQ(told(),
-              "fwlog: standard input has ended, and 3 transactions that were written are not "
-              "acknowledged; they come again at the next start\n");
+    EXPECT_EQ(
+        told(),
+        "fwlog: standard input has ended without acknowledging all that was written: 3 of the "
+        "transactions come again at the next start\n");
     EXPECT_EQ(rest(), numbers_from(5));
 }
 
@@ -227,8 +228,24 @@ TEST_F(Consumer, WhatWasWrittenBeforeTheReaderLeftCounts)
     fwlog.end_output();
     fwlog.end_input();
     EXPECT_EQ(fwlog.wait(), 1);
-    EXPECT_THAT(told(), HasSubstr(" transactions that were written are not acknowledged"));
+    EXPECT_THAT(told(), HasSubstr("standard input has ended without acknowledging all that was "
+                                  "written: "));
+    EXPECT_THAT(told(), HasSubstr(" of the transactions come again at the next start\n"));
     EXPECT_EQ(rest(), numbers_from(101));
+}
+
+TEST_F(Consumer, WhereAcknowledgementsEndTheLineInHandIsWhole)
+{
+    for (int i = 0; i < 3000; i++)
+        append(1);
+    const std::string command = program + " dump -cfg " + dir.file("fwutil.cfg") +
+                                " --json --state " + state + " --ack < /dev/null | cat";
+    const run_result result = run_program({"/bin/sh", "-c", command});
+    EXPECT_THAT(result.err, HasSubstr("standard input has ended"));
+    EXPECT_LT(std::count(result.out.begin(), result.out.end(), '\n'), 3000);
+    ASSERT_NE(result.out, "");
+    EXPECT_EQ(result.out.back(), '\n');
+    EXPECT_EQ(rest(), numbers_from(1));
 }
 
 TEST_F(Consumer, ASignalEndsItWithWhatIsAcknowledgedSoFar)

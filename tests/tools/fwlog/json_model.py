@@ -348,8 +348,9 @@ def expected_lines(directory, options):
             (n, c) for n, c in enumerate(changes, 1)
             if (after is None or c["position"] > after) and (to is None or c["position"] <= to)
             and (dset is None or c["names"][1] in ("", dset))]
+        broken_off = to is not None and any(c["position"] > to for c in changes)
         for place, (n, change) in enumerate(wanted):
-            layout, last = change["layout"], place + 1 == len(wanted)
+            layout, last = change["layout"], place + 1 == len(wanted) and not broken_off
             begun = first.setdefault(repr(layout), change["begun"])
             line = line_of(change, commit, n, last)
             if "reason" in change:

@@ -379,6 +379,52 @@ TEST(FwlogLayout, WhatIsNotThereIsAFailureWithItsReason)
     EXPECT_THAT(late.err, StartsWith("fwlog: --at 1-7.3: the log does not have that file"));
 }
 
+TEST(FwlogLayout, PositionBehindItsFileIsAFailure)
+{
+    place here;
+    add_layouts(here, {small_layout()}, false, 1);
+    const std::string all = layout_of(here, {"--columns"});
+    EXPECT_EQ(layout_of(here, {"--columns", "--at", "1-1.2"}), all) << "its commit";
+    const run_result behind = run_layout(here, {"--columns", "--at", "1-1.3"});
+    EXPECT_EQ(behind.status, 1);
+    EXPECT_EQ(behind.out, "");
+    EXPECT_EQ(behind.err, "fwlog: --at 1-1.3: its log file ends before it; give a position that "
+                          "the log has\n");
+    add_layouts(here, {small_layout()}, false, 2);
+    EXPECT_EQ(run_layout(here, {"--columns", "--at", "1-1.3"}).status, 1)
+        << "though another file follows";
+}
+
+TEST(FwlogLayout, NumbersOfTheOtherByteOrderAreWarnedOf)
+{
+    const auto warned = [](bool big_endian, std::vector<fwu_item> items,
+                           const std::vector<std::string> &options) {
+        place here;
+        add_layouts(here, {{.dbname = "D", .dsetname = "S", .items = std::move(items)}},
+                    big_endian);
+        std::vector<std::string> words = {"--columns"};
+        words.insert(words.end(), options.begin(), options.end());
+        const run_result result = run_layout(here, words);
+        EXPECT_EQ(result.status, 0);
+        return result.err;
+    };
+    const bool here = std::endian::native == std::endian::big;
+    const std::string other = here ? "little" : "big";
+    const std::string own = here ? "big" : "little";
+    EXPECT_EQ(warned(!here, {item("N", 'I', 2)}, {"-ascii"}),
+              "fwlog: warning: D.S: its binary numbers are " + other +
+                  "-endian, and Kestro takes them for others with -ascii on this machine: give "
+                  "-asciirev\n");
+    EXPECT_EQ(warned(here, {item("F", 'E', 8)}, {"-asciirev"}),
+              "fwlog: warning: D.S: its binary numbers are " + own +
+                  "-endian, and Kestro takes them for others with -asciirev on this machine: "
+                  "give -ascii\n");
+    EXPECT_EQ(warned(!here, {item("N", 'I', 2)}, {"-asciirev"}), "");
+    EXPECT_EQ(warned(here, {item("N", 'I', 2)}, {"-ascii"}), "");
+    EXPECT_EQ(warned(!here, {item("N", 'I', 2)}, {}), "") << "raw images";
+    EXPECT_EQ(warned(!here, {item("P", 'P', 2), item("X", 'X', 2)}, {"-ascii"}), "");
+}
+
 TEST(FwlogLayout, NumberWithoutATextColumnIsRefusedWithARemedyThatHelps)
 {
     place here;

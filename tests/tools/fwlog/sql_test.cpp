@@ -69,7 +69,7 @@ TEST(FwlogSql, TransactionsOfARange)
         {{"--after", "0001-00000001.0000000005"}, transaction(3)},
         {{"--from", "1-1.4"}, transaction(2) + transaction(3)},
         {{"--to", "1-1.5"}, transaction(1) + transaction(2)},
-        {{"--to", "1-1.6"}, transaction(1) + transaction(2)},
+        {{"--to", "1-1.6"}, transaction(1) + transaction(2) + transaction(3)}, // all its changes
         {{"--after", "1-1.3", "--to", "1-1.5"}, transaction(2)},
         {{"--after", "1-1.7"}, ""},
         {{"--dset", "OTHER"}, ""},
