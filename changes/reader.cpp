@@ -262,6 +262,7 @@ static const char *take_entry(change_reader &reader, const fwu_entry &entry, cha
     case FWU_KIND_MARK:
         return take_mark(reader, entry, next, wanted);
     case FWU_KIND_COMMIT:
+    case FWU_KIND_VALUE:
         return nullptr;
     default:
         return take_change(reader, entry, next, wanted);

@@ -1,5 +1,5 @@
 // Encoding and decoding of file headers and of the entries that every log has; sources
-// and marks are in fwu_entry_source.cpp.
+// and marks are in fwu_entry_source.cpp, whole values in fwu_entry_value.cpp.
 #include "fwutil/fwu_entry.h"
 
 #include "fwutil/fwu_bytes.h"
@@ -12,6 +12,7 @@
 #include <string_view>
 
 static constexpr char MAGIC[8] = {'K', 'F', 'W', 'L', 'O', 'G', '\r', '\n'};
+constexpr unsigned char HEADER_UTF8 = 'U';
 constexpr size_t HEADER_IDENTITY_AT = 32;
 constexpr size_t HEADER_SALT_AT = 48;
 constexpr size_t HEADER_CRC_AT = 60;
@@ -37,6 +38,7 @@ void fwu_file_header_put(unsigned char *out, const fwu_file_header &header)
     put_le16(out + 8, header.version);
     put_le16(out + 10, FWU_FILE_HEADER_SIZE);
     out[12] = header.big_endian ? 'B' : 'L';
+    out[13] = header.encoding == FWU_UTF8 ? HEADER_UTF8 : 0;
     put_le32(out + 16, static_cast<uint32_t>(header.generation));
     put_le32(out + 20, static_cast<uint32_t>(header.sequence));
     put_le64(out + 24, static_cast<uint64_t>(header.created_us));
@@ -65,13 +67,14 @@ const char *fwu_file_header_get(fwu_file_header &header, const unsigned char *in
         return "it has another format version; a newer libfwutil is needed to read it";
     const size_t zero_at =
         version == FWU_VERSION_PLAIN ? HEADER_IDENTITY_AT : HEADER_SALT_AT + header.salt.size();
-    if ((in[12] != 'L' && in[12] != 'B') || !all_zero(in + 13, 3) ||
-        !all_zero(in + zero_at, HEADER_CRC_AT - zero_at))
+    if ((in[12] != 'L' && in[12] != 'B') || (in[13] != 0 && in[13] != HEADER_UTF8) ||
+        !all_zero(in + 14, 2) || !all_zero(in + zero_at, HEADER_CRC_AT - zero_at))
         return "its file header holds values that this version does not know";
     header.version = version;
     memcpy(header.identity.bytes, in + HEADER_IDENTITY_AT, sizeof header.identity.bytes);
     memcpy(header.salt.data(), in + HEADER_SALT_AT, header.salt.size());
     header.big_endian = in[12] == 'B';
+    header.encoding = in[13] == HEADER_UTF8 ? FWU_UTF8 : FWU_LATIN1;
     header.generation = static_cast<int32_t>(get_le32(in + 16));
     header.sequence = static_cast<int32_t>(get_le32(in + 20));
     header.created_us = static_cast<int64_t>(get_le64(in + 24));

@@ -20,7 +20,8 @@
 //   8  u16   version     2; 1 in older files, which have neither identity nor salt
 //  10  u16   length      64
 //  12  u8    byte order  'L' or 'B': the numbers inside record images
-//  13  c[3]  zero
+//  13  u8    encoding    0: ISO 8859-1, 'U': UTF-8: the texts inside record images
+//  14  c[2]  zero
 //  16  i32   generation
 //  20  i32   sequence
 //  24  i64   created     microseconds since 1970 UTC
@@ -59,8 +60,9 @@ enum fwu_kind : uint16_t {
     FWU_KIND_UPDATE = 4,
     FWU_KIND_DELETE = 5,
     FWU_KIND_COMMIT = 6,
-    FWU_KIND_SOURCE = 7, // these two are optional
+    FWU_KIND_SOURCE = 7, // these three are optional
     FWU_KIND_MARK = 8,
+    FWU_KIND_VALUE = 9,
 };
 
 struct fwu_file_header {
@@ -68,6 +70,7 @@ struct fwu_file_header {
     fwu_identity identity{};             // none in version 1
     std::array<unsigned char, 8> salt{}; // zero in version 1
     bool big_endian = false;
+    fwu_encoding encoding = FWU_LATIN1; // of the texts in images
     int32_t generation = 0;
     int32_t sequence = 0;
     int64_t created_us = 0; // microseconds since 1970 UTC
@@ -122,6 +125,29 @@ struct fwu_mark {
     std::string table = {};
     std::string reason = {}; // for people, in UTF-8; may be empty
 };
+
+// Which of a change's images.
+enum fwu_image : char {
+    FWU_IMAGE_BEFORE = 'b',
+    FWU_IMAGE_AFTER = 'a',
+};
+
+// The whole value of an item, which the image of its change does not hold: in UTF-8 as the
+// source wrote it, or the source's own bytes where it has no UTF-8.
+struct fwu_value {
+    int32_t item = 0; // index in the layout
+    fwu_image image = FWU_IMAGE_AFTER;
+    std::string_view text = {};
+};
+
+// What one entry holds of such a value; the bytes are in the entry.
+struct fwu_value_piece {
+    int32_t item = 0;
+    fwu_image image = FWU_IMAGE_AFTER;
+    bool more = false; // the next entry goes on with it
+    std::string_view bytes = {};
+};
+constexpr size_t FWU_VALUE_PIECE_MAX = 1024 * 1024; // bytes of a value in one entry
 
 // What a commit entry says of its transaction.
 struct fwu_commit {
@@ -178,7 +204,7 @@ bool fwu_entry_is_commit(const unsigned char *in, const fwu_file_header &file, i
 // Whether entries of a kind always are optional.
 constexpr bool fwu_kind_optional(uint16_t kind)
 {
-    return kind == FWU_KIND_SOURCE || kind == FWU_KIND_MARK;
+    return kind == FWU_KIND_SOURCE || kind == FWU_KIND_MARK || kind == FWU_KIND_VALUE;
 }
 
 // Whether this version knows what the entry says; what it does not know is optional.
@@ -207,6 +233,7 @@ inline int32_t fwu_entry_recnum(const fwu_entry &entry)
 bool fwu_entry_layout(const fwu_entry &entry, fwu_layout &layout);
 bool fwu_entry_source(const fwu_entry &entry, fwu_layout_source &of);
 bool fwu_entry_mark(const fwu_entry &entry, fwu_mark &mark);
+bool fwu_entry_value(const fwu_entry &entry, fwu_value_piece &piece);
 bool fwu_entry_session(const fwu_entry &entry, fwu_session_view &session);
 bool fwu_entry_change(const fwu_entry &entry, fwu_change &change);
 bool fwu_entry_commit(const fwu_entry &entry, fwu_commit_entry &commit);
@@ -217,6 +244,9 @@ void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fw
 // The source of a layout, which must be there.
 void fwu_entry_put_source(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout);
 void fwu_entry_put_mark(std::vector<unsigned char> &out, int32_t tag, const fwu_mark &mark);
+// At most FWU_VALUE_PIECE_MAX bytes.
+void fwu_entry_put_value(std::vector<unsigned char> &out, int32_t tag,
+                         const fwu_value_piece &piece);
 void fwu_entry_put_session(std::vector<unsigned char> &out, int32_t tag,
                            const fwu_session &session);
 void fwu_entry_put_change(std::vector<unsigned char> &out, int32_t tag, const fwu_change &change);

@@ -28,6 +28,11 @@ bool fwu_layout::operator==(const fwu_layout &other) const
            same_source(*this, other);
 }
 
+const char *fwu_encoding_name(fwu_encoding encoding)
+{
+    return encoding == FWU_UTF8 ? "UTF-8" : "ISO 8859-1";
+}
+
 const fwu_item_type *fwu_item_type_of(int32_t letter)
 {
     for (const fwu_item_type &row : TYPES)

@@ -1,5 +1,5 @@
 // Item layout of a dataset, as a log's layout entries carry it, where its items come from,
-// and what names, types, sizes and the item that tells of nulls may be.
+// what names, types and sizes may be, and what the item that tells of nulls says.
 #ifndef FWUTIL_FWU_ITEMS_H
 #define FWUTIL_FWU_ITEMS_H
 
@@ -15,6 +15,23 @@ constexpr int32_t FWU_PACKED_SIZE_MAX = 14;   // of a P item
 constexpr int32_t FWU_TEXT_SIZE_MAX = 32767;  // of an X or U item
 constexpr int32_t FWU_ITEM_COUNT_MAX = 32767; // elements
 constexpr size_t FWU_SOURCE_TEXT_MAX = 65535; // bytes of a name or type of the source
+
+// What the texts of a log's images are written in.
+enum fwu_encoding : unsigned char {
+    FWU_LATIN1, // ISO 8859-1
+    FWU_UTF8,
+};
+
+// A character of the null map: what an item of the image is.  The whole values of C, R and !
+// stand in the log beside their record.
+enum fwu_flag : unsigned char {
+    FWU_FLAG_VALUE = '.',    // the value
+    FWU_FLAG_NULL = 'N',     // null
+    FWU_FLAG_CUT = 'C',      // a text cut to the item's size, between characters
+    FWU_FLAG_REPLACED = 'R', // a text with characters replaced; one that was cut, too, is 'C'
+    FWU_FLAG_UNKNOWN = '?',  // blank or zero: the source did not send the value
+    FWU_FLAG_BLANK = '!',    // blank or zero: no item of its type and size holds the value
+};
 
 struct fwu_item {
     std::string name;     // 1 to 17 bytes
@@ -50,6 +67,9 @@ struct fwu_layout {
     std::shared_ptr<const fwu_source> source = {}; // null: not known
     bool operator==(const fwu_layout &other) const;
 };
+
+// "UTF-8" or "ISO 8859-1".
+const char *fwu_encoding_name(fwu_encoding encoding);
 
 // What an item type allows.
 struct fwu_item_type {

@@ -79,6 +79,7 @@ int fwu_log_end_put_header(fwu_log_end &log, int fd, const fwu_log_file &file,
     header.version = FWU_VERSION_SALTED;
     header.identity = log.identity;
     header.big_endian = log.big_endian;
+    header.encoding = log.encoding;
     header.generation = file.generation;
     header.sequence = file.sequence;
     header.created_us = fwu_now_us();

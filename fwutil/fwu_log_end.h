@@ -10,6 +10,7 @@
 #include "fwutil/fwu_entry.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
@@ -19,6 +20,8 @@ using fwu_layout_map = std::unordered_map<std::string, fwu_layout>;
 struct fwu_log_end {
     std::string directory;
     bool big_endian = false;
+    fwu_encoding encoding = FWU_LATIN1;          // of a log that has a file: what that says
+    std::optional<fwu_encoding> wanted_encoding; // what the configuration says
     mode_t file_mode = 0600;
 
     // The last log file; its generation is 0 until there is one.

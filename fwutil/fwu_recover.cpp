@@ -178,6 +178,10 @@ static int make_ready(fwu_log_end &log, const fwu_cursor &cursor)
         return fwu_error("%s: the log holds images of %s-endian numbers, but the configuration "
                          "says otherwise; correct byte-order in it",
                          log.file.path.c_str(), cursor.header.big_endian ? "big" : "little");
+    if (log.wanted_encoding.value_or(log.encoding) != log.encoding)
+        return fwu_error("%s: the log holds texts in %s, but the configuration says otherwise; "
+                         "correct text-encoding in it, or leave it out",
+                         log.file.path.c_str(), fwu_encoding_name(log.encoding));
     if (st.st_size > log.end && cut_off(log, cursor, st.st_size - log.end) != 0)
         return -1;
     if (cursor.header_read) {
@@ -216,16 +220,22 @@ static int write_again(fwu_log_end &log)
     return 0;
 }
 
-// The identity that the log's newest file has of those that have one.
+// The encoding that the log's newest good file says, and the identity that the newest file
+// has of those that have one.
 static int find_identity(fwu_log_end &log, const std::vector<fwu_log_file> &files)
 {
+    bool known = false; // the encoding
     for (size_t i = files.size(); i > 0 && !fwu_identity_known(log.identity); i--) {
         fwu_file_header header;
         const fwu_found found = fwu_log_header(files[i - 1], header);
         if (found == FWU_FAILED)
             return -1;
-        if (found == FWU_FOUND)
-            log.identity = header.identity;
+        if (found != FWU_FOUND)
+            continue;
+        log.identity = header.identity;
+        if (!known)
+            log.encoding = header.encoding;
+        known = true;
     }
     if (!log.have_ack)
         return 0;

@@ -24,6 +24,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,6 +45,7 @@ struct fwu_writer {
     fwu_txn txn;
     fwu_layout_map txn_layouts; // that it puts into the log
     std::string key;            // scratch for the maps' keys
+    std::vector<bool> valued;   // scratch: the items whose whole value was given
 };
 
 // The directory, and the mode of the files that will be made in it.
@@ -80,6 +82,8 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
     w->log.directory = config.log_directory;
     w->log_file_size = config.log_file_size;
     w->log.big_endian = config.big_endian;
+    w->log.wanted_encoding = config.encoding;
+    w->log.encoding = config.encoding.value_or(config.new_log_encoding);
     w->sync = config.sync;
     w->sync_interval_ms = config.sync_interval_ms;
     if (make_directory(*w, config.log_mode) == 0 && take_lock(*w) == 0 &&
@@ -283,17 +287,71 @@ static int put_layout(fwu_writer &w, const fwu_layout &layout)
     return 0;
 }
 
-// A layout, its source, the change itself and the commit entry come at most.
-static int check_room(const fwu_writer &w)
+// The entries that a value takes.
+static size_t pieces_of(const fwu_value &value)
 {
-    if (w.txn.tag <= INT32_MAX - 5)
+    return std::max<size_t>((value.text.size() + FWU_VALUE_PIECE_MAX - 1) / FWU_VALUE_PIECE_MAX, 1);
+}
+
+// A layout, its source, the pieces of values, the change itself and the commit entry come at
+// most.
+static int check_room(const fwu_writer &w, std::span<const fwu_value> values = {})
+{
+    size_t pieces = 0;
+    for (const fwu_value &value : values)
+        pieces += pieces_of(value);
+    if (pieces < INT32_MAX &&
+        static_cast<int64_t>(w.txn.tag) + static_cast<int64_t>(pieces) <= INT32_MAX - 5)
         return 0;
     return fwu_error("%s: the transaction has too many entries for one log file",
                      w.log.directory.c_str());
 }
 
+static int check_values(fwu_writer &w, const fwu_layout &layout, const fwu_change &change,
+                        std::span<const fwu_value> values)
+{
+    if (values.empty())
+        return 0;
+    const char *const db = layout.dbname.c_str();
+    const char *const set = layout.dsetname.c_str();
+    const size_t items = layout.items.size();
+    w.valued.assign(2 * items, false);
+    for (const fwu_value &value : values) {
+        const auto item = static_cast<size_t>(value.item);
+        const bool before = value.image == FWU_IMAGE_BEFORE;
+        if (value.item < 0 || item >= items)
+            return fwu_error("%s.%s: a whole value of item %d, but the layout has %zu items", db,
+                             set, value.item, items);
+        if (before ? change.before == nullptr
+                   : value.image != FWU_IMAGE_AFTER || change.after == nullptr)
+            return fwu_error("%s.%s: item %s: a whole value of an image that operation %d has not",
+                             db, set, layout.items[item].name.c_str(), change.opcode);
+        const size_t place = before ? item : items + item;
+        if (w.valued[place])
+            return fwu_error("%s.%s: item %s: two whole values for one image", db, set,
+                             layout.items[item].name.c_str());
+        w.valued[place] = true;
+    }
+    return 0;
+}
+
+static int put_value(fwu_writer &w, const fwu_value &value)
+{
+    std::string_view rest = value.text;
+    for (size_t pieces = pieces_of(value); pieces > 0; pieces--) {
+        const std::string_view bytes = rest.substr(0, FWU_VALUE_PIECE_MAX);
+        rest.remove_prefix(bytes.size());
+        fwu_entry_put_value(w.txn.entries, w.txn.tag + 1,
+                            {value.item, value.image, pieces > 1, bytes});
+        if (fwu_txn_added(w.txn, w.log.directory) != 0)
+            return refuse(w);
+    }
+    return 0;
+}
+
 int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layout, int64_t logtime,
-                      int32_t reclen, const void *before_image, const void *after_image)
+                      int32_t reclen, const void *before_image, const void *after_image,
+                      std::span<const fwu_value> values)
 {
     fwu_writer &w = *writer;
     if (!w.open)
@@ -307,8 +365,12 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     change.reclen = reclen;
     change.before = static_cast<const unsigned char *>(before_image);
     change.after = static_cast<const unsigned char *>(after_image);
-    if (check_change(layout, change) != 0 || check_room(w) != 0 || put_layout(w, layout) != 0)
+    if (check_change(layout, change) != 0 || check_values(w, layout, change, values) != 0 ||
+        check_room(w, values) != 0 || put_layout(w, layout) != 0)
         return -1;
+    for (const fwu_value &value : values)
+        if (put_value(w, value) != 0)
+            return -1;
     fwu_entry_put_change(w.txn.entries, w.txn.tag + 1, change);
     if (fwu_txn_added(w.txn, w.log.directory) != 0)
         return refuse(w);
@@ -367,6 +429,11 @@ int fwu_writer_accept_loss(fwu_writer *writer)
         return 0;
     writer->log.acked.lost = false;
     return fwu_log_end_keep(writer->log);
+}
+
+fwu_encoding fwu_writer_encoding(const fwu_writer *writer)
+{
+    return writer->log.encoding;
 }
 
 mode_t fwu_writer_file_mode(const fwu_writer *writer)

@@ -11,6 +11,7 @@
 #include "fwutil/fwu_session.h"
 
 #include <cstdint>
+#include <span>
 #include <sys/types.h>
 
 struct fwu_writer; // opaque
@@ -18,7 +19,8 @@ struct fwu_writer; // opaque
 // Opens the log of the configuration for appending and creates its directory
 // when that is missing.  One writer at a time: another one's lock is an error.
 // A torn tail, left by a writer that died, is cut back to the last whole
-// transaction and the cut is reported.
+// transaction and the cut is reported.  Byte order and encoding of a log stay what they
+// are: a configuration that says something else is an error.
 int fwu_writer_open(fwu_writer **writer, const fwu_config &config);
 
 // Position of the last commit in the log; 0 when it holds none.
@@ -37,9 +39,12 @@ int fwu_writer_session(fwu_writer *writer, const fwu_session &session);
 // Adds one change.  opcode is FWU_OP_INSERT (after only), FWU_OP_UPDATE (both
 // images) or FWU_OP_DELETE (before only); logtime in seconds since 1970.  The
 // layout is put into the log where it is first used in a file or has changed.
-// reclen is the length of each image and must be the layout's.
+// reclen is the length of each image and must be the layout's.  values are whole values of
+// items that the images do not hold, at most one for an item of an image; they go into the
+// log before the change.
 int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layout, int64_t logtime,
-                      int32_t reclen, const void *before_image, const void *after_image);
+                      int32_t reclen, const void *before_image, const void *after_image,
+                      std::span<const fwu_value> values = {});
 
 // Adds a mark to the transaction.
 int fwu_writer_mark(fwu_writer *writer, const fwu_mark &mark);
@@ -77,6 +82,9 @@ int fwu_writer_acknowledge(fwu_writer *writer);
 bool fwu_writer_lost(const fwu_writer *writer, uint64_t *lsn);
 // Takes that mark away: whoever needs to know has been told.
 int fwu_writer_accept_loss(fwu_writer *writer);
+
+// What the texts in the images of this log are written in.
+fwu_encoding fwu_writer_encoding(const fwu_writer *writer);
 
 // Mode of the log's files, for what else is made beside them.
 mode_t fwu_writer_file_mode(const fwu_writer *writer);

@@ -7,6 +7,7 @@
 #include "fwutil/fwu_items.h"
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -43,6 +44,8 @@ struct fwu_column {
 struct fwu_writing {
     int64_t log_file_size = FWU_LOG_FILE_SIZE_DEFAULT; // bytes after which a new file begins
     bool big_endian = false;                           // byte order of the numbers inside images
+    std::optional<fwu_encoding> encoding;              // of the texts inside images; none: not said
+    fwu_encoding new_log_encoding = FWU_LATIN1;        // of a new log where it is not said
     fwu_sync_mode sync = FWU_SYNC_COMMIT;
     int64_t sync_interval_ms = 0;         // for FWU_SYNC_INTERVAL
     int log_mode = -1;                    // of the log's files; -1: not given
