@@ -26,6 +26,7 @@ struct cap_format {
     const char *name;   // in the mark of what is on disk; at most 7 characters
     uint32_t chosen_by; // ASCII_ bits of which one chooses this format; 0: when no other is chosen
     bool limited;       // by get_cap_maxbytes; only then end and record_end are asked for
+    int32_t longest;    // bytes of a record, header included; its write refuses more; 0: any number
 
     // The record.  fits is null for a format whose build says what is wrong with a length.
     bool (*fits)(const capfil *cf, const record_images &images);

@@ -194,6 +194,7 @@ const cap_format message_format = {
     .name = "message",
     .chosen_by = 0,
     .limited = true,
+    .longest = TMF_MAX_DATA,
     .fits = message_fits,
     .build = message_build,
     .open = message_open,

@@ -137,6 +137,7 @@ const cap_format text_format = {
     .name = "text",
     .chosen_by = ASCII_ON | ASCII_REVERSE | ASCII_DIRTY | ASCII_BWFMT,
     .limited = false,
+    .longest = 0,
     .fits = nullptr, // the conversion says
     .build = text_build,
     .open = text_open,

@@ -22,6 +22,7 @@
 // What sets one operation apart from the others.
 struct write_kind {
     char op[3];                                 // operation code in the header
+    const char *word;                           // the operation in a message
     int stat;                                   // what it is counted as
     int nimages;                                // images in the capture record
     const void *log_record::*image[MAX_IMAGES]; // which, in order
@@ -54,11 +55,11 @@ static void dump_delete(const log_record *record)
 
 // clang-format off
 static const write_kind insert_kind = {
-    "IP", STAT_INSERT, 1, {&log_record::after_image, nullptr}, dump_insert};
+    "IP", "Insert", STAT_INSERT, 1, {&log_record::after_image, nullptr}, dump_insert};
 static const write_kind update_kind = {
-    "IU", STAT_UPDATE, 2, {&log_record::before_image, &log_record::after_image}, dump_update};
+    "IU", "Update", STAT_UPDATE, 2, {&log_record::before_image, &log_record::after_image}, dump_update};
 static const write_kind delete_kind = {
-    "ID", STAT_DELETE, 1, {&log_record::before_image, nullptr}, dump_delete};
+    "ID", "Delete", STAT_DELETE, 1, {&log_record::before_image, nullptr}, dump_delete};
 // clang-format on
 
 // The record comes from another library: refuses a length that the format has no
@@ -74,6 +75,19 @@ static int check_record(const capfil *cf, const log_record *record, const record
                                logrec_dsetname(record));
     }
     return 0;
+}
+
+// Says what a record that was too long for its file consists of, and what to do about it.
+static void tell_too_long(const capfil *cf, const log_record *record, const record_images &images,
+                          const write_kind &kind, int32_t length)
+{
+    const char *dbname = logrec_dbname(record);
+    const char *dsetname = logrec_dsetname(record);
+    set_error_f("%s of %s.%s makes a record of %d bytes (header %d, images %d x %d), and a %s file "
+                "takes %d at most: capture %s:%s into a text file (-ascii), the others into this "
+                "one by -dset, and start again; shorter items help later records",
+                kind.word, dbname, dsetname, length, cf->hdrsize, images.n, images.reclen,
+                cf->format->name, cf->format->longest, dbname, dsetname);
 }
 
 static record_images images_of(const log_record *record, const write_kind &kind)
@@ -107,10 +121,13 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
         // Kept: each text file's conversion result replaces the one before it, and a
         // record that did not convert is written all the same.
         const int32_t length = cf->format->build(cf, images, ci->dsets, &conversion);
-        if (cap_write_buf(cf, length) != 0)
+        if (cap_write_buf(cf, length) != 0) {
             failed++;
-        else if (cf->stats != nullptr)
+            if (cf->format->longest != 0 && length > cf->format->longest && cf->fp != nullptr)
+                tell_too_long(cf, record, images, kind, length);
+        } else if (cf->stats != nullptr) {
             add_capstat(cf->stats, record, kind.stat);
+        }
     }
     if (taken == 0 && ci->skipstats != nullptr)
         add_capstat(ci->skipstats, record, kind.stat);

@@ -21,6 +21,8 @@ TEST(Format, OnlyMessageFilesHaveALimit)
 {
     EXPECT_TRUE(message_format.limited);
     EXPECT_FALSE(text_format.limited);
+    EXPECT_EQ(message_format.longest, TMF_MAX_DATA);
+    EXPECT_EQ(text_format.longest, 0);
 }
 
 TEST(Format, NamesOfAMarkFindTheirRow)

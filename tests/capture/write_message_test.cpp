@@ -98,13 +98,44 @@ TEST_F(Write, RecordTooLongForAMessageFileFails)
     record.after_image = image.data();
     record.reclen = static_cast<int32_t>(image.size());
     EXPECT_EQ(-1, write(capture_write_insert));
-    EXPECT_EQ("CAPERR: Invalid record size.\nError writing to capture file: " + dir.file("f") +
-                  "\n",
+    const std::string refused =
+        "CAPERR: Invalid record size.\nError writing to capture file: " + dir.file("f") + "\n";
+    const std::string remedy =
+        ", and a message file takes 32761 at most: capture ORDERS:CUST into a text file (-ascii), "
+        "the others into this one by -dset, and start again; shorter items help later records\n";
+    EXPECT_EQ(refused +
+                  "Insert of ORDERS.CUST makes a record of 32762 bytes (header 62, images 1 x "
+                  "32700)" +
+                  remedy,
               printed.err);
     EXPECT_EQ(1, cf->nwritten);
     record.reclen--;
     EXPECT_EQ(0, write(capture_write_insert));
-    EXPECT_EQ(1U, records_of(dir.file("f")).size());
+    EXPECT_EQ("", printed.err);
+    record.before_image = record.after_image;
+    record.reclen = 16350;
+    EXPECT_EQ(-1, write(capture_write_update));
+    EXPECT_EQ(refused +
+                  "Update of ORDERS.CUST makes a record of 32762 bytes (header 62, images 2 x "
+                  "16350)" +
+                  remedy,
+              printed.err);
+    record.reclen--;
+    EXPECT_EQ(0, write(capture_write_update));
+    EXPECT_EQ(2U, records_of(dir.file("f")).size());
+}
+
+TEST_F(Write, AFileThatCannotBeOpenedSaysNothingOfTheRecordsLength)
+{
+    add_file(dir.file("no/f"));
+    const std::string image(TMF_MAX_DATA, 'x');
+    record.after_image = image.data();
+    record.reclen = static_cast<int32_t>(image.size());
+    EXPECT_EQ(-1, write(capture_write_insert));
+    EXPECT_EQ("CAPERR: Error opening file: No such file or directory\n"
+              "Error opening message capture file: " +
+                  dir.file("no/f") + "\n",
+              printed.err);
 }
 
 TEST_F(Write, ImpossibleLengthsAreRefusedByAMessageFile)

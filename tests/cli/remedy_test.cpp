@@ -129,6 +129,41 @@ TEST_F(Remedy, AFullMessageFileAndARunThatRollsOver)
         << "the record in hand comes once more";
 }
 
+// One record in the middle is longer than a message file's may be.
+TEST_F(Remedy, ARecordTooLongForAMessageFileAndATextFileForItsDataset)
+{
+    fwu_config config;
+    ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+    fwu_writer *writer = nullptr;
+    ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+    const std::string image(20000, 'x');
+    const fwu_layout layout = {"TESTDB", "LETTERS", {{"TEXT", 'X', 20000}}, {}};
+    ASSERT_EQ(fwu_writer_begin(writer, nullptr), 0);
+    ASSERT_EQ(fwu_writer_record(writer, FWU_OP_UPDATE, layout, 1700000000, 20000, image.data(),
+                                image.data()),
+              0);
+    fwu_commit commit;
+    commit.time_us = 1700000000LL * 1000000;
+    commit.lsn = 1000000;
+    ASSERT_EQ(fwu_writer_commit(writer, commit), 0);
+    fwu_writer_close(writer);
+    append(100);
+
+    const run_result refused = sh("$K msg");
+    EXPECT_EQ(1, refused.status);
+    EXPECT_THAT(refused.err,
+                HasSubstr("CAPERR: Invalid record size.\nError writing to capture file: msg\n"
+                          "Update of TESTDB.LETTERS makes a record of 40062 bytes (header 62, "
+                          "images 2 x 20000), and a message file takes 32761 at most: capture "
+                          "TESTDB:LETTERS into a text file (-ascii), "));
+    const run_result again = sh("$K -ascii -dset TESTDB:LETTERS text -dset TESTDB:COUNTER msg");
+    EXPECT_EQ(0, again.status) << again.err;
+    EXPECT_EQ("", again.err);
+    EXPECT_EQ(62 + 2 * 20000 + 1U, read_file(dir.file("text")).size());
+    EXPECT_EQ(std::to_string(logged) + "\n",
+              sh("$TMF info msg | sed -n 's/ *records  \\([0-9]*\\),.*/\\1/p'").out);
+}
+
 TEST_F(Remedy, KilledRunsThatAppend)
 {
     const auto whole = all();
