@@ -39,4 +39,23 @@ struct feed_row {
     std::vector<feed_column> columns;
 };
 
+// The row itself when wanted(i) is true of each of its columns; else part, with those alone.
+template <typename Wanted>
+const feed_row &feed_take_columns(feed_row &part, const feed_row &row, Wanted wanted)
+{
+    size_t first = 0;
+    while (first < row.count && wanted(first))
+        first++;
+    if (first == row.count)
+        return row;
+    part.present = true;
+    part.count = 0;
+    if (part.columns.size() < row.count)
+        part.columns.resize(row.count);
+    for (size_t i = 0; i < row.count; i++)
+        if (i < first || (i > first && wanted(i)))
+            part.columns[part.count++] = row.columns[i];
+    return part;
+}
+
 #endif

@@ -2,6 +2,7 @@
 // other proof is there that its history is the one that the log has.
 #include "feed/postgresql/apply.h"
 
+#include "feed/postgresql/old_row.h"
 #include "fwutil/fwu_start.h"
 
 #include <cinttypes>
@@ -75,6 +76,7 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
 {
     if (!tx.open)
         return outcome_bad("a change came outside a transaction");
+    pgb_note_change(relations, message.relation_id);
     if (tx.skipping)
         return {};
     pgb_relation *relation = nullptr;
@@ -83,18 +85,15 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
     feed_table &table = *relation->table;
     if (table.dataset == nullptr)
         return {};
-    if (message.kind != 'I' && message.old_row.kind != 'O')
-        return outcome_bad(feed_no_old_row_text(table) +
-                           "; what was changed before that cannot be followed: leave the "
-                           "table out with the line skip-table " +
-                           table.name + ", or begin a new log");
     const feed_row *fresh = nullptr;
     const feed_row *old = nullptr;
     outcome done;
     if (message.kind != 'D')
         done = pgb_row(fresh, *relation, message.new_row);
     if (done && message.kind != 'I')
-        done = pgb_row(old, *relation, message.old_row);
+        done = pgb_old_row(old, *relation, relations, message);
+    if (done && old != nullptr && old->count < relation->told.columns.size())
+        done = outcome_bad(pgb_no_old_row_text(*relation, relations));
     if (done)
         done = feed_change(tx, table, fresh, old);
     feed_tell_notes(tx);
@@ -103,6 +102,7 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
 
 static outcome take_truncate(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
+    pgb_note_truncate(relations, apply.message.truncated);
     if (tx.skipping)
         return {};
     for (const uint32_t id : apply.message.truncated) {
@@ -139,6 +139,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
         return {};
     case 'R':
         pgb_describe(relations, apply.message.relation);
+        pgb_note_described(relations, apply.message.relation.id);
         return {};
     case 'I':
     case 'U':

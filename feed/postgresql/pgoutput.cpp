@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+static constexpr int IDENTITY_FLAG = 1; // of a column
 static constexpr int64_t EPOCH_2000_US = 946'684'800 * FWU_US_PER_S;
 
 // Bytes to be read; good stays false once there were too few.
@@ -69,7 +70,7 @@ static void take_relation(input &in, pgo_relation &relation)
     relation.columns.clear();
     for (int i = 0; i < count && in.good; i++) {
         pgo_column column;
-        (void)number<char>(in); // whether it is part of the key
+        column.identity = (number<char>(in) & IDENTITY_FLAG) != 0;
         column.name = text(in);
         column.type = number<uint32_t>(in);
         column.modifier = number<int32_t>(in);

@@ -13,6 +13,7 @@ struct pgo_column {
     std::string name;
     uint32_t type = 0;     // OID
     int32_t modifier = -1; // atttypmod
+    bool identity = true;  // old rows that are keys have it
     bool operator==(const pgo_column &) const = default;
 };
 

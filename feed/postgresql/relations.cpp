@@ -160,27 +160,22 @@ static void set_value(feed_column &column, const pgo_value &value)
         column.kind = value.text == "t" ? FEED_TRUE : FEED_FALSE;
 }
 
-outcome pgb_row(const feed_row *&taken, pgb_relation &relation, const pgo_tuple &tuple)
+outcome pgb_fill(feed_row &row, const pgb_relation &relation, const pgo_tuple &tuple)
 {
-    feed_row &row = tuple.kind == 'N' ? relation.fresh : relation.old;
     if (tuple.count != row.count)
         return outcome_bad(relation.told.schema + "." + relation.told.name + ": a row of " +
                            std::to_string(tuple.count) + " columns came, the table has " +
                            std::to_string(row.count));
-    bool whole = true;
-    for (size_t i = 0; i < tuple.count; i++) {
-        whole = whole && tuple.values[i].kind != 'u';
-        set_value(row.columns[i], tuple.values[i]);
-    }
-    taken = &row;
-    if (whole)
-        return {};
-    relation.partial.present = true;
-    relation.partial.columns.clear();
     for (size_t i = 0; i < tuple.count; i++)
-        if (tuple.values[i].kind != 'u')
-            relation.partial.columns.push_back(row.columns[i]);
-    relation.partial.count = relation.partial.columns.size();
-    taken = &relation.partial;
+        set_value(row.columns[i], tuple.values[i]);
+    return {};
+}
+
+outcome pgb_row(const feed_row *&taken, pgb_relation &relation, const pgo_tuple &tuple)
+{
+    if (outcome filled = pgb_fill(relation.fresh, relation, tuple); !filled)
+        return filled;
+    const auto was_sent = [&](size_t i) { return tuple.values[i].kind != 'u'; };
+    taken = &feed_take_columns(relation.partial, relation.fresh, was_sent);
     return {};
 }

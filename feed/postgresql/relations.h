@@ -20,13 +20,17 @@ struct pgb_relation {
     bool news = false;           // what is known was not handed on to the table yet
     feed_row fresh;              // names and types of all columns, values of the row in hand
     feed_row old;
-    feed_row partial; // of a new row of which not all was sent
+    feed_row partial;             // of a new row of which not all was sent
+    feed_row partial_old;         // of an old row of which not all is known
+    uint32_t next = 0;            // described directly behind it, before any change; 0: none
+    std::vector<uint32_t> leaves; // partitions that its changes came from in this connection
 };
 
 struct pgb_relations {
     feed_tables tables = {.old_row_remedy = "run ALTER TABLE % REPLICA IDENTITY FULL"};
     std::unordered_map<uint32_t, pgb_relation> known = {};
     pgf_facts facts = {};
+    uint32_t described = 0; // last, and no change came since; 0: none
 };
 
 // Asks over the sql connection for what is to be known of all tables of the publication.
@@ -40,9 +44,11 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told);
 outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
                  std::vector<std::string> &notes);
 
-// The row of a tuple, valid until the next one of its kind (new or old) of this
-// relation; columns that were not sent are left out.  OUTCOME_BAD when the tuple does
-// not fit the description.
+// The new row of a tuple, valid until the next one of this relation; columns that were not
+// sent are left out.  OUTCOME_BAD when the tuple does not fit the description.
 outcome pgb_row(const feed_row *&row, pgb_relation &relation, const pgo_tuple &tuple);
+
+// Fills the values of a row with all columns of its relation.  OUTCOME_BAD as above.
+outcome pgb_fill(feed_row &row, const pgb_relation &relation, const pgo_tuple &tuple);
 
 #endif

@@ -93,8 +93,8 @@ TEST(Pgoutput, RelationGivesColumnsWithTheirTypes)
     EXPECT_EQ(got.name, "orders");
     EXPECT_EQ(got.identity, 'f');
     ASSERT_EQ(got.columns.size(), 2U);
-    EXPECT_EQ(got.columns[0], (pgo_column{"order_no", 23, -1}));
-    EXPECT_EQ(got.columns[1], (pgo_column{"net", 1700, 0x000B0006}));
+    EXPECT_EQ(got.columns[0], (pgo_column{"order_no", 23, -1, true}));
+    EXPECT_EQ(got.columns[1], (pgo_column{"net", 1700, 0x000B0006, false}));
 }
 
 TEST(Pgoutput, InsertGivesTextsAndNulls)

@@ -204,10 +204,6 @@ TEST_F(Relations, RowsHaveTheColumnsThatWereSent)
     EXPECT_EQ(row.columns[1].kind, FEED_TRUE);
     EXPECT_EQ(row.columns[2].kind, FEED_NULL);
 
-    const feed_row &old = row_of(relation, tuple('O', {{'t', "1"}, {'t', "f"}, {'t', "x"}}));
-    EXPECT_EQ(old.columns[1].kind, FEED_FALSE);
-    EXPECT_EQ(row.columns[0].value, "17") << "both rows of an update are needed at once";
-
     const feed_row &partial = row_of(relation, tuple('N', {{'t', "18"}, {'u', {}}, {'t', "y"}}));
     ASSERT_EQ(partial.count, 2U);
     EXPECT_EQ(partial.columns[1].name, "note");

@@ -1,0 +1,81 @@
+// What the server sends of old rows: whole ones, keys, nothing, and those of partitions in the
+// name of their table.
+#include "tests/postgresql/bridge_fixture.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+class BridgeIdentityTest : public BridgeTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        if (server == nullptr)
+            return;
+        sql("CREATE SCHEMA shop");
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+    }
+
+    void catch_up_well() const
+    {
+        const run_result result = catch_up();
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+
+    // The commands that the bridge says are needed, behind this text, each on a line of its own.
+    static std::string commands_in(const std::string &text, const std::string &behind)
+    {
+        std::string commands;
+        for (size_t at = std::min(text.find(behind), text.size());
+             (at = text.find("\n  ALTER TABLE ", at)) != std::string::npos;) {
+            const size_t end = text.find('\n', at + 1);
+            commands += text.substr(at + 3, end - at - 2);
+            at = end;
+        }
+        return commands;
+    }
+};
+
+TEST_F(BridgeIdentityTest, ANewPartitionsKeysAreNoWholeRows)
+{
+    configure();
+    sql("CREATE TABLE shop.\"Parts\" (id integer PRIMARY KEY, qty integer, note varchar(9))"
+        " PARTITION BY RANGE (id);"
+        "CREATE TABLE shop.parts_1 PARTITION OF shop.\"Parts\" FOR VALUES FROM (0) TO (10);"
+        "ALTER TABLE shop.\"Parts\" REPLICA IDENTITY FULL;"
+        "ALTER TABLE shop.parts_1 REPLICA IDENTITY FULL;");
+    sql("INSERT INTO shop.\"Parts\" VALUES (1, NULL, 'one')");
+    sql("DELETE FROM shop.\"Parts\"");
+    catch_up_well();
+    EXPECT_THAT(dump(), HasSubstr("before ID=1 QTY=0 NOTE=\"one\" NULL-MAP=\".N.\""));
+    sql("CREATE TABLE shop.parts_2 PARTITION OF shop.\"Parts\" FOR VALUES FROM (10) TO (20)");
+    sql("INSERT INTO shop.\"Parts\" VALUES (11, 5, 'two')");
+    catch_up_well();
+    sql("DELETE FROM shop.\"Parts\"");
+    const run_result refused = catch_up();
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr("the change comes without the whole old row"));
+    EXPECT_EQ(commands_in(refused.err, "transaction "),
+              "ALTER TABLE shop.parts_2 REPLICA IDENTITY FULL;\n");
+    sql(commands_in(refused.err, "transaction "));
+    EXPECT_THAT(catch_up().err, HasSubstr("made before the table got REPLICA IDENTITY FULL"));
+}
+
+TEST_F(BridgeIdentityTest, TheCommandsAreThoseOfTheTableAndAllItsPartitions)
+{
+    configure();
+    sql("CREATE TABLE shop.\"My_Parts\" (id integer PRIMARY KEY, qty integer) PARTITION BY RANGE "
+        "(id);"
+        "CREATE TABLE shop.low PARTITION OF shop.\"My_Parts\" FOR VALUES FROM (0) TO (10)"
+        " PARTITION BY RANGE (id);"
+        "CREATE TABLE shop.lowest PARTITION OF shop.low FOR VALUES FROM (0) TO (5);");
+    sql("INSERT INTO shop.\"My_Parts\" VALUES (1, 1)");
+    catch_up_well();
+    sql("UPDATE shop.\"My_Parts\" SET qty = 2");
+    const run_result refused = catch_up();
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(commands_in(refused.err, "transaction "),
+              "ALTER TABLE shop.\"My_Parts\" REPLICA IDENTITY FULL;\n"
+              "ALTER TABLE shop.low REPLICA IDENTITY FULL;\n"
+              "ALTER TABLE shop.lowest REPLICA IDENTITY FULL;\n");
+}
