@@ -3,6 +3,7 @@
 #include "feed/table.h"
 
 #include "feed/text.h"
+#include "fwutil/fwu_source_name.h"
 
 #include <algorithm>
 #include <climits>
@@ -21,7 +22,7 @@ bool feed_is_skipped(const fwu_config &config, const std::string &name)
 const fwu_dataset *feed_configured(const fwu_config &config, std::string_view schema,
                                    std::string_view table)
 {
-    const std::string name = std::string(schema) + "." + std::string(table);
+    const std::string name = fwu_source_name(schema, table);
     for (const fwu_dataset &dataset : config.datasets) {
         if (dataset.table == name)
             return &dataset;
@@ -128,9 +129,10 @@ static std::unique_ptr<feed_table> make_table(const feed_tables &tables, const s
 outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_view schema,
                         std::string_view name)
 {
-    tables.key.assign(schema);
+    tables.key.clear();
+    fwu_source_name_put(tables.key, schema);
     tables.key.push_back('.');
-    tables.key.append(name);
+    fwu_source_name_put(tables.key, name);
     const auto found = tables.known.find(tables.key);
     if (found != tables.known.end()) {
         table = found->second.get();
@@ -262,5 +264,7 @@ outcome feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
 
 std::string feed_column_name(const feed_table &table, const feed_column &column)
 {
-    return table.name + "." + column.name;
+    std::string name = table.name + ".";
+    fwu_source_name_put(name, column.name);
+    return name;
 }

@@ -36,7 +36,7 @@ struct feed_told {
 };
 
 struct feed_table {
-    std::string name;                     // "sales.orders"
+    std::string name;                     // its fwu_source_name, "sales.orders"
     const fwu_dataset *dataset = nullptr; // null: left out of the log on purpose
     fwu_layout layout;                    // the dataset's, and where it comes from
     feed_told told;                       // what layout.source was made from
@@ -56,7 +56,7 @@ struct feed_tables {
     const fwu_config *config = nullptr;
     const char *old_row_remedy = ""; // as in feed_table, "%" in the place of the table's name
     std::unordered_map<std::string, std::unique_ptr<feed_table>> known = {};
-    std::string key = {}; // "schema.table" of the look-up, kept for its memory
+    std::string key = {}; // name of the look-up, kept for its memory
 };
 
 // The table's record, looked up in the configuration at its first use.  OUTCOME_BAD when
@@ -94,7 +94,7 @@ std::string feed_no_old_row_text(const feed_table &table);
 outcome feed_map_columns(feed_map &map, feed_table &table, const feed_row &row,
                          std::vector<std::string> &notes);
 
-// "sales.orders.note", as messages name a column.
+// Its fwu_source_name, "sales.orders.note".
 std::string feed_column_name(const feed_table &table, const feed_column &column);
 
 #endif

@@ -35,7 +35,10 @@ static int take_line(fwu_reader_config &config, fwu_writing_lines &lines, std::s
     for (const char c : line)
         if ((c >= 0 && c < ' ' && c != '\t' && c != '\r') || c == 127)
             return fwu_config_wrong(lines.at, "the line holds a control character");
-    if (fwu_config_split(lines.at, line, w, quoted) != 0)
+    const int split = fwu_writing_has_names(fwu_config_first(line))
+                          ? fwu_config_split_names(lines.at, line, w)
+                          : fwu_config_split(lines.at, line, w, quoted);
+    if (split != 0)
         return -1;
     if (w.empty())
         return 0;
@@ -45,10 +48,13 @@ static int take_line(fwu_reader_config &config, fwu_writing_lines &lines, std::s
         return fwu_config_wrong(
             lines.at,
             "%s is not known here; a line begins with log-directory, log-file-size, "
-            "byte-order, sync, log-mode, skip-table, column, database, dataset or item",
+            "byte-order, text-encoding, sync, log-mode, values, default-width, skip-table, table, "
+            "column, database, dataset or item",
             w[0].c_str());
     if (quoted)
-        return fwu_config_wrong(lines.at, "only a path is written in quotes");
+        return fwu_config_wrong(
+            lines.at,
+            "only a path, a type and parts of a table's or column's name are written in quotes");
     return fwu_writing_take(lines, w);
 }
 

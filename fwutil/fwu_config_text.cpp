@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
+
+constexpr std::string_view BLANKS = " \t\r";
 
 int fwu_config_wrong(const fwu_config_at &at, const char *format, ...)
 {
@@ -23,21 +24,21 @@ int fwu_config_split(const fwu_config_at &at, std::string_view line, fwu_words &
     quoted = false;
     size_t begin = 0;
     for (;;) {
-        begin = line.find_first_not_of(" \t\r", begin);
+        begin = line.find_first_not_of(BLANKS, begin);
         if (begin == line.npos || line[begin] == '#')
             return 0;
         if (line[begin] == '"') {
             const size_t end = line.find('"', begin + 1);
             if (end == line.npos)
                 return fwu_config_wrong(at, "the closing quote is missing");
-            if (end + 1 < line.size() && strchr(" \t\r", line[end + 1]) == nullptr)
+            if (end + 1 < line.size() && BLANKS.find(line[end + 1]) == BLANKS.npos)
                 return fwu_config_wrong(at, "text follows directly behind the closing quote");
             out.emplace_back(line.substr(begin + 1, end - begin - 1));
             quoted = true;
             begin = end + 1;
             continue;
         }
-        const size_t end = std::min(line.find_first_of(" \t\r", begin), line.size());
+        const size_t end = std::min(line.find_first_of(BLANKS, begin), line.size());
         const std::string_view word = line.substr(begin, end - begin);
         if (word.find('"') != word.npos)
             return fwu_config_wrong(at, "a quote stands inside the word %s",
@@ -45,6 +46,30 @@ int fwu_config_split(const fwu_config_at &at, std::string_view line, fwu_words &
         out.emplace_back(word);
         begin = end;
     }
+}
+
+int fwu_config_split_names(const fwu_config_at &at, std::string_view line, fwu_words &out)
+{
+    size_t begin = 0;
+    for (;;) {
+        begin = line.find_first_not_of(BLANKS, begin);
+        if (begin == line.npos || line[begin] == '#')
+            return 0;
+        bool quoted = false;
+        size_t end = begin;
+        for (; end < line.size() && (quoted || BLANKS.find(line[end]) == BLANKS.npos); end++)
+            quoted = quoted != (line[end] == '"');
+        if (quoted)
+            return fwu_config_wrong(at, "the closing quote is missing");
+        out.emplace_back(line.substr(begin, end - begin));
+        begin = end;
+    }
+}
+
+std::string_view fwu_config_first(std::string_view line)
+{
+    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    return line.substr(0, line.find_first_of(BLANKS));
 }
 
 int64_t fwu_config_number(std::string_view text, int64_t max)

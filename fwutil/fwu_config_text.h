@@ -24,6 +24,13 @@ __attribute__((format(printf, 2, 3))) int fwu_config_wrong(const fwu_config_at &
 // was.  0 or -1 (reported).
 int fwu_config_split(const fwu_config_at &at, std::string_view line, fwu_words &out, bool &quoted);
 
+// The same for lines with names of the source, in which quotes may stand anywhere in a word: they
+// hold blanks together and stay where they are.
+int fwu_config_split_names(const fwu_config_at &at, std::string_view line, fwu_words &out);
+
+// The first word of a line; empty: there is none.
+std::string_view fwu_config_first(std::string_view line);
+
 // Decimal digits only, at most max; -1 for anything else.
 int64_t fwu_config_number(std::string_view text, int64_t max);
 

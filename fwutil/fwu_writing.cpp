@@ -1,8 +1,10 @@
 // The statements for writers, a row each; all checks are made where the line is at hand.
 #include "fwutil/fwu_writing.h"
 
+#include "fwutil/fwu_source_name.h"
+#include "fwutil/fwu_writing_source.h"
+
 #include <cinttypes>
-#include <cstring>
 #include <utility>
 
 constexpr int64_t LOG_FILE_SIZE_MIN = 4096;
@@ -38,14 +40,6 @@ bool fwu_dataset_name_ok(std::string_view name)
     return name_ok(name, FWU_NAME_MAX, DATASET_OTHERS);
 }
 
-// "schema.table": one dot with something on both sides.
-static bool table_ok(std::string_view table)
-{
-    const size_t dot = table.find('.');
-    return dot != table.npos && dot > 0 && dot + 1 < table.size() &&
-           table.find('.', dot + 1) == table.npos;
-}
-
 static int take_log_file_size(fwu_writing_lines &r, const fwu_words &w)
 {
     if (r.have_size)
@@ -78,6 +72,16 @@ static int take_byte_order(fwu_writing_lines &r, const fwu_words &w)
     if (w.size() != 2 || (w[1] != "little" && w[1] != "big"))
         return fwu_config_wrong(r.at, "byte-order takes the word little or big");
     r.writing.big_endian = w[1] == "big";
+    return 0;
+}
+
+static int take_text_encoding(fwu_writing_lines &r, const fwu_words &w)
+{
+    if (r.writing.encoding)
+        return fwu_config_wrong(r.at, "text-encoding is given twice");
+    if (w.size() != 2 || (w[1] != "utf-8" && w[1] != "iso-8859-1"))
+        return fwu_config_wrong(r.at, "text-encoding takes the word utf-8 or iso-8859-1");
+    r.writing.encoding = w[1] == "utf-8" ? FWU_UTF8 : FWU_LATIN1;
     return 0;
 }
 
@@ -121,63 +125,6 @@ static int take_log_mode(fwu_writing_lines &r, const fwu_words &w)
     return 0;
 }
 
-static int take_skip_table(fwu_writing_lines &r, const fwu_words &w)
-{
-    if (w.size() != 2 || !table_ok(w[1]))
-        return fwu_config_wrong(r.at, "skip-table takes one name of the form schema.table");
-    for (const std::string &known : r.writing.skip_tables)
-        if (known == w[1])
-            return fwu_config_wrong(r.at, "table %s is skipped twice", w[1].c_str());
-    for (const fwu_dataset &dataset : r.writing.datasets)
-        if (dataset.table == w[1])
-            return fwu_config_wrong(r.at,
-                                    "table %s is skipped here, but feeds the dataset of line %d",
-                                    w[1].c_str(), dataset.line);
-    r.writing.skip_tables.push_back(w[1]);
-    return 0;
-}
-
-static int take_column(fwu_writing_lines &r, const fwu_words &w)
-{
-    const size_t dot = w.size() < 2 ? std::string::npos : w[1].rfind('.');
-    if (w.size() < 3 || dot == std::string::npos || dot + 1 == w[1].size() ||
-        !table_ok(w[1].substr(0, dot)))
-        return fwu_config_wrong(
-            r.at, "column takes one name of the form schema.table.column, then item=NAME, "
-                  "width=N, key or several of them");
-    fwu_column column;
-    column.table = w[1].substr(0, dot);
-    column.column = w[1].substr(dot + 1);
-    for (size_t i = 2; i < w.size(); i++) {
-        const std::string &word = w[i];
-        if (word.rfind("item=", 0) == 0 && column.item.empty()) {
-            column.item = word.substr(5);
-            if (column.item.empty() || column.item.size() > FWU_ITEM_NAME_MAX)
-                return fwu_config_wrong(r.at, "%s: an item name has 1 to %d bytes", word.c_str(),
-                                        FWU_ITEM_NAME_MAX);
-        } else if (word.rfind("width=", 0) == 0 && column.width == 0) {
-            column.width =
-                static_cast<int32_t>(fwu_config_number(word.substr(6), FWU_TEXT_SIZE_MAX));
-            if (column.width < 1)
-                return fwu_config_wrong(r.at, "%s is not a width from 1 to %" PRId32 " bytes",
-                                        word.c_str(), FWU_TEXT_SIZE_MAX);
-        } else if (word == "key" && !column.key) {
-            column.key = true;
-        } else {
-            return fwu_config_wrong(
-                r.at,
-                "%s is not known or given twice; behind the column's name stand "
-                "item=NAME, width=N and key",
-                word.c_str());
-        }
-    }
-    for (const fwu_column &known : r.writing.columns)
-        if (known.table == column.table && known.column == column.column)
-            return fwu_config_wrong(r.at, "column %s is given twice", w[1].c_str());
-    r.writing.columns.push_back(std::move(column));
-    return 0;
-}
-
 static int take_database(fwu_writing_lines &r, const fwu_words &w)
 {
     if (w.size() != 2 || !fwu_database_name_ok(w[1]))
@@ -188,6 +135,7 @@ static int take_database(fwu_writing_lines &r, const fwu_words &w)
         return fwu_config_wrong(r.at, "database %s is given twice", w[1].c_str());
     r.database = w[1];
     r.database_line = r.at.line;
+    r.writing.has_database = true;
     return 0;
 }
 
@@ -202,9 +150,9 @@ static int take_dataset(fwu_writing_lines &r, const fwu_words &w)
                                 w[1].c_str());
     fwu_dataset dataset;
     if (w.size() == 3) {
-        if (w[2].rfind("table=", 0) != 0 || !table_ok(w[2].substr(6)))
+        if (!w[2].starts_with("table=") ||
+            !fwu_writing_table(dataset.table, std::string_view(w[2]).substr(6)))
             return fwu_config_wrong(r.at, "%s is not of the form table=schema.table", w[2].c_str());
-        dataset.table = w[2].substr(6);
         for (const std::string &skipped : r.writing.skip_tables)
             if (skipped == dataset.table)
                 return fwu_config_wrong(r.at, "table %s is also named by a skip-table line",
@@ -309,11 +257,22 @@ static int take_item(fwu_writing_lines &r, const fwu_words &w)
 struct statement_row {
     std::string_view word;
     int (*take)(fwu_writing_lines &r, const fwu_words &w);
+    bool has_names = false;
 };
 static constexpr statement_row STATEMENTS[] = {
-    {"log-file-size", take_log_file_size}, {"byte-order", take_byte_order}, {"sync", take_sync},
-    {"log-mode", take_log_mode},           {"skip-table", take_skip_table}, {"column", take_column},
-    {"database", take_database},           {"dataset", take_dataset},       {"item", take_item},
+    {"log-file-size", take_log_file_size},
+    {"byte-order", take_byte_order},
+    {"text-encoding", take_text_encoding},
+    {"sync", take_sync},
+    {"log-mode", take_log_mode},
+    {"values", fwu_writing_take_values},
+    {"default-width", fwu_writing_take_default_width, true},
+    {"skip-table", fwu_writing_take_skip_table, true},
+    {"table", fwu_writing_take_table, true},
+    {"column", fwu_writing_take_column, true},
+    {"database", take_database},
+    {"dataset", take_dataset, true},
+    {"item", take_item},
 };
 
 static const statement_row *find_statement(std::string_view word)
@@ -329,9 +288,20 @@ bool fwu_writing_knows(std::string_view word)
     return find_statement(word) != nullptr;
 }
 
+bool fwu_writing_has_names(std::string_view word)
+{
+    const statement_row *row = find_statement(word);
+    return row != nullptr && row->has_names;
+}
+
 int fwu_writing_take(fwu_writing_lines &lines, const fwu_words &words)
 {
     return find_statement(words[0])->take(lines, words);
+}
+
+bool fwu_writing_describes(const fwu_writing &writing)
+{
+    return writing.has_database || !writing.datasets.empty() || !writing.columns.empty();
 }
 
 int fwu_writing_check(fwu_writing_lines &r)

@@ -22,10 +22,17 @@ enum fwu_sync_mode {
     FWU_SYNC_NONE,     // never: the system does it in its own time
 };
 
+// What becomes of values that their items cannot hold.
+enum fwu_policy {
+    FWU_POLICY_UNSAID,
+    FWU_POLICY_ERROR, // they end the run
+    FWU_POLICY_MARK,  // what fits is taken, and the null map says that it is not all
+};
+
 // One dataset of the configuration.
 struct fwu_dataset {
     fwu_layout layout;
-    std::string table;    // "schema.table" that feeds it; empty: found by its name
+    std::string table;    // its fwu_source_name that feeds it; empty: found by its name
     int line = 0;         // line in the configuration file, for messages
     int null_map = -1;    // index of the item that tells which items are null; -1: none
     std::vector<int> key; // indices of the items of the primary key, in its order; empty: not said
@@ -34,11 +41,24 @@ struct fwu_dataset {
 // What is said of one column of a table: of its item where items come from the source, and
 // whether it is part of the key.
 struct fwu_column {
-    std::string table;  // "schema.table"
+    std::string table;  // its fwu_source_name
     std::string column; // as the source names it
     std::string item;   // name of its item; empty: made from the column's
     int32_t width = 0;  // bytes of its item, which is text; 0: by the column's type
     bool key = false;   // it is part of the primary key, whose order is that of the lines
+    fwu_policy policy = FWU_POLICY_UNSAID;
+};
+
+// What is said of all columns of a table.
+struct fwu_table_rule {
+    std::string table; // its fwu_source_name
+    fwu_policy policy = FWU_POLICY_UNSAID;
+};
+
+// Bytes of the item of a column whose type has no length of its own.
+struct fwu_default_width {
+    std::string type; // as the source writes it; empty: all others
+    int32_t width = 0;
 };
 
 struct fwu_writing {
@@ -47,12 +67,19 @@ struct fwu_writing {
     std::optional<fwu_encoding> encoding;              // of the texts inside images; none: not said
     fwu_encoding new_log_encoding = FWU_LATIN1;        // of a new log where it is not said
     fwu_sync_mode sync = FWU_SYNC_COMMIT;
-    int64_t sync_interval_ms = 0;         // for FWU_SYNC_INTERVAL
-    int log_mode = -1;                    // of the log's files; -1: not given
-    std::vector<fwu_dataset> datasets;    // in file order
-    std::vector<std::string> skip_tables; // "schema.table": left out of the log on purpose
+    int64_t sync_interval_ms = 0;          // for FWU_SYNC_INTERVAL
+    int log_mode = -1;                     // of the log's files; -1: not given
+    fwu_policy policy = FWU_POLICY_UNSAID; // of all tables
+    bool has_database = false;             // there is a database line
+    std::vector<fwu_dataset> datasets;     // in file order
+    std::vector<std::string> skip_tables;  // fwu_source_names: left out of the log on purpose
+    std::vector<fwu_table_rule> table_rules;
     std::vector<fwu_column> columns;
+    std::vector<fwu_default_width> default_widths;
 };
+
+// Whether it describes what becomes of the source's tables: a database, dataset or column line.
+bool fwu_writing_describes(const fwu_writing &writing);
 
 // Whether databases and datasets of the configuration may have such names.
 bool fwu_database_name_ok(std::string_view name);
@@ -72,6 +99,9 @@ struct fwu_writing_lines {
 
 // Whether a line that begins with this word is one of these statements.
 bool fwu_writing_knows(std::string_view word);
+
+// Whether names of the source stand in it, see fwu_config_split_names.
+bool fwu_writing_has_names(std::string_view word);
 
 // Takes such a line.  0 or -1 (reported).
 int fwu_writing_take(fwu_writing_lines &lines, const fwu_words &words);

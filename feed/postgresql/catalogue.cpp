@@ -3,6 +3,7 @@
 #include "feed/postgresql/catalogue.h"
 
 #include "feed/text.h"
+#include "fwutil/fwu_source_name.h"
 
 #include <algorithm>
 #include <cstring>
@@ -251,10 +252,11 @@ static bool is_plain(const std::string &name)
 
 static constexpr char NULL_MAP[] = "NULL-MAP";
 
-static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const std::string &table,
+static outcome add_item(fwu_dataset &dataset, const fwu_config &config,
+                        const pgo_relation &relation, const std::string &table,
                         const pgo_column &column)
 {
-    const std::string where = table + "." + column.name;
+    const std::string where = fwu_source_name(relation.schema, relation.name, column.name);
     const fwu_column *said = find_column(config, table, column.name);
     fwu_item item;
     item.name = said != nullptr && !said->item.empty() ? said->item : feed_name(column.name);
@@ -289,11 +291,11 @@ static outcome add_item(fwu_dataset &dataset, const fwu_config &config, const st
 outcome pgc_make_dataset(fwu_dataset &dataset, const fwu_config &config,
                          const pgo_relation &relation)
 {
-    const std::string table = relation.schema + "." + relation.name;
+    const std::string table = fwu_source_name(relation.schema, relation.name);
     dataset.layout.items.clear();
     dataset.null_map = -1;
     for (const pgo_column &column : relation.columns)
-        if (outcome added = add_item(dataset, config, table, column); !added)
+        if (outcome added = add_item(dataset, config, relation, table, column); !added)
             return added;
     if (dataset.layout.items.empty())
         return outcome_bad("table " + table +

@@ -9,6 +9,7 @@
 #include "feed/source.h"
 #include "feed/text.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_source_name.h"
 
 outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
 {
@@ -49,7 +50,7 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 static outcome find_table(feed_table *&table, pgb_relations &relations, const pgo_relation &told)
 {
     const fwu_config &config = *relations.tables.config;
-    const std::string name = told.schema + "." + told.name;
+    const std::string name = fwu_source_name(told.schema, told.name);
     const fwu_dataset *said = feed_configured(config, told.schema, told.name);
     if (feed_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
         return feed_find_table(table, relations.tables, told.schema, told.name);
@@ -77,10 +78,11 @@ static outcome find_table(feed_table *&table, pgb_relations &relations, const pg
 // A timestamp of a width that the configuration gives is a text like others.
 static void set_types(feed_row &row, const fwu_config &config, const pgo_relation &told)
 {
+    const std::string name = fwu_source_name(told.schema, told.name);
     for (const fwu_column &said : config.columns)
         for (size_t i = 0; i < row.count; i++)
-            if (said.width != 0 && said.table == told.schema + "." + told.name &&
-                said.column == row.columns[i].name && row.columns[i].type.whole != FEED_BOOLEAN)
+            if (said.width != 0 && said.table == name && said.column == row.columns[i].name &&
+                row.columns[i].type.whole != FEED_BOOLEAN)
                 row.columns[i].type = {};
 }
 
@@ -163,9 +165,9 @@ static void set_value(feed_column &column, const pgo_value &value)
 outcome pgb_fill(feed_row &row, const pgb_relation &relation, const pgo_tuple &tuple)
 {
     if (tuple.count != row.count)
-        return outcome_bad(relation.told.schema + "." + relation.told.name + ": a row of " +
-                           std::to_string(tuple.count) + " columns came, the table has " +
-                           std::to_string(row.count));
+        return outcome_bad(fwu_source_name(relation.told.schema, relation.told.name) +
+                           ": a row of " + std::to_string(tuple.count) +
+                           " columns came, the table has " + std::to_string(row.count));
     for (size_t i = 0; i < tuple.count; i++)
         set_value(row.columns[i], tuple.values[i]);
     return {};

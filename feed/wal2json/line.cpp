@@ -2,6 +2,8 @@
 // that nothing here needs are passed over whatever they hold.
 #include "feed/wal2json/line.h"
 
+#include "fwutil/fwu_source_name.h"
+
 #include <charconv>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -142,7 +144,7 @@ struct handler {
             named ? whole.columns[whole.count].name : std::to_string(whole.count + 1);
         const unsigned table = bit(SCHEMA) | bit(TABLE);
         const bool known = named && (seen & table) == table;
-        return fail((known ? line.schema + "." + line.table + "." + name
+        return fail((known ? fwu_source_name(line.schema, line.table, name)
                            : "column " + name + " in \"" + std::string(member_names[now]) + "\"") +
                     " has a JSON " + what + " as its value: let the server send it as a text");
     }

@@ -157,7 +157,7 @@ TEST_F(FeedSource, TablesOfItemsFromTheServerGoByTheColumnsNames)
 TEST_F(FeedSource, SchemaAndTableAreKeptApart)
 {
     configure({item_of("A", 'I', 4)});
-    config.datasets[0].table = "my.schema.t.x";
+    config.datasets[0].table = "\"my.schema\".\"t.x\"";
     feed_table &table = find("t.x", "my.schema");
     feed_describe(table, config,
                   {.schema = "my.schema", .table = "t.x", .columns = {{"a", ""}}, .key = {}},

@@ -129,6 +129,115 @@ TEST_F(ConfigTest, ColumnsOfTablesGetNamesAndWidths)
     }
 }
 
+TEST_F(ConfigTest, EncodingIsOnlySaidByItsLine)
+{
+    ASSERT_EQ(read("log-directory l\n"), 0) << err;
+    EXPECT_FALSE(config.encoding.has_value());
+    EXPECT_EQ(config.new_log_encoding, FWU_LATIN1);
+    ASSERT_EQ(read("log-directory l\ntext-encoding utf-8\n"), 0) << err;
+    EXPECT_EQ(config.encoding, FWU_UTF8);
+    ASSERT_EQ(read("log-directory l\ntext-encoding iso-8859-1\n"), 0) << err;
+    EXPECT_EQ(config.encoding, FWU_LATIN1);
+}
+
+TEST_F(ConfigTest, PoliciesAreForAllForATableAndForAColumn)
+{
+    ASSERT_EQ(read("log-directory l\n"), 0) << err;
+    EXPECT_EQ(config.policy, FWU_POLICY_UNSAID);
+    ASSERT_EQ(read("log-directory l\n"
+                   "values mark\n"
+                   "table sales.orders values=error\n"
+                   "table sales.lines values=mark\n"
+                   "column sales.orders.note values=mark width=9\n"
+                   "column sales.orders.sum key values=error\n"
+                   "column sales.orders.no key\n"),
+              0)
+        << err;
+    EXPECT_EQ(config.policy, FWU_POLICY_MARK);
+    ASSERT_EQ(config.table_rules.size(), 2U);
+    EXPECT_EQ(config.table_rules[0].table, "sales.orders");
+    EXPECT_EQ(config.table_rules[0].policy, FWU_POLICY_ERROR);
+    EXPECT_EQ(config.table_rules[1].table, "sales.lines");
+    EXPECT_EQ(config.table_rules[1].policy, FWU_POLICY_MARK);
+    ASSERT_EQ(config.columns.size(), 3U);
+    EXPECT_EQ(config.columns[0].policy, FWU_POLICY_MARK);
+    EXPECT_EQ(config.columns[0].width, 9);
+    EXPECT_EQ(config.columns[1].policy, FWU_POLICY_ERROR);
+    EXPECT_TRUE(config.columns[1].key);
+    EXPECT_EQ(config.columns[2].policy, FWU_POLICY_UNSAID);
+}
+
+TEST_F(ConfigTest, DefaultWidthsAreForAllTypesAndForSome)
+{
+    ASSERT_EQ(read("log-directory l\n"
+                   "default-width jsonb 1000\n"
+                   "default-width 32767\n"
+                   "default-width \"character varying\" 1 # counted ones have their own\n"
+                   "default-width public.\"Mood of day\" 9\n"
+                   "default-width \"public.\"\"Mood\"\"[]\" 10\n"
+                   "default-width \"Up\".\"Down\" 11\n"),
+              0)
+        << err;
+    const struct {
+        const char *type;
+        int32_t width;
+    } rows[] = {{"jsonb", 1000},           {"", 32767},
+                {"character varying", 1},  {"public.\"Mood of day\"", 9},
+                {"public.\"Mood\"[]", 10}, {"\"Up\".\"Down\"", 11}};
+    ASSERT_EQ(config.default_widths.size(), std::size(rows));
+    for (size_t i = 0; i < std::size(rows); i++) {
+        EXPECT_EQ(config.default_widths[i].type, rows[i].type);
+        EXPECT_EQ(config.default_widths[i].width, rows[i].width);
+    }
+}
+
+TEST_F(ConfigTest, NamesMayHaveQuotedParts)
+{
+    ASSERT_EQ(read("log-directory l\n"
+                   "skip-table \"sales\".\"Order Lines\"\r\n"
+                   "skip-table a.\"b#c\"# a word, and no comment\n"),
+              -1);
+    EXPECT_EQ(err, "fwutil: " + path + ":3: skip-table takes one name of the form schema.table\n");
+    ASSERT_EQ(read("log-directory l\n"
+                   "skip-table \"sales\".\"Order Lines\"\r\n"
+                   "skip-table a.\" # \" # a comment\n"
+                   "table a.\"b\"\"c\" values=mark\n"
+                   "column \"a\".\"b\".\"c\" width=3\n"
+                   "column sales.\"Order Lines\".\"price \"\"net\"\"\" key\n"
+                   "column a.b=c.U&\"d\\000Ae\" key\n"
+                   "database D\n"
+                   "dataset S table=\"x.y\".\"z \"\n"
+                   "dataset T table=\"x\".y\n"),
+              0)
+        << err;
+    EXPECT_THAT(config.skip_tables, testing::ElementsAre("sales.\"Order Lines\"", "a.\" # \""));
+    ASSERT_EQ(config.table_rules.size(), 1U);
+    EXPECT_EQ(config.table_rules[0].table, "a.\"b\"\"c\"");
+    ASSERT_EQ(config.columns.size(), 3U);
+    EXPECT_EQ(config.columns[0].table, "a.b");
+    EXPECT_EQ(config.columns[0].column, "c");
+    EXPECT_EQ(config.columns[1].table, "sales.\"Order Lines\"");
+    EXPECT_EQ(config.columns[1].column, "price \"net\"");
+    EXPECT_EQ(config.columns[2].table, "a.\"b=c\"");
+    EXPECT_EQ(config.columns[2].column, "d\ne");
+    ASSERT_EQ(config.datasets.size(), 2U);
+    EXPECT_EQ(config.datasets[0].table, "\"x.y\".\"z \"");
+    EXPECT_EQ(config.datasets[1].table, "x.y");
+}
+
+TEST_F(ConfigTest, DescribesOnlyWithADatabaseOrAColumn)
+{
+    ASSERT_EQ(read("log-directory l\nskip-table a.b\nvalues mark\ntable a.c values=error\n"
+                   "default-width 9\ntext-encoding utf-8\n"),
+              0)
+        << err;
+    EXPECT_FALSE(fwu_writing_describes(config));
+    ASSERT_EQ(read("log-directory l\ndatabase D\n"), 0) << err;
+    EXPECT_TRUE(fwu_writing_describes(config));
+    ASSERT_EQ(read("log-directory l\ncolumn a.b.c values=mark\n"), 0) << err;
+    EXPECT_TRUE(fwu_writing_describes(config));
+}
+
 TEST_F(ConfigTest, KeysAreInTheOrderOfTheirLines)
 {
     ASSERT_EQ(read("log-directory l\n"
@@ -161,6 +270,9 @@ TEST_F(ConfigTest, KeysAreInTheOrderOfTheirLines)
 
 #define LOGDIR "log-directory l\n"
 #define SET LOGDIR "database D\ndataset S\n"
+#define WIDTH                                                                                 \
+    "default-width takes a width from 1 to 32767 bytes; in front of it may stand a type (in " \
+    "double quotes when it holds blanks)"
 
 // clang-format off
 static const config_row ERRORS[] = {
@@ -173,7 +285,7 @@ static const config_row ERRORS[] = {
     {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
     {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
     {"\nlog-directory a\x01\n", "2: the line holds a control character"},
-    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, sync, log-mode, skip-table, column, database, dataset or item"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, text-encoding, sync, log-mode, values, default-width, skip-table, table, column, database, dataset or item"},
     {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
@@ -184,32 +296,61 @@ static const config_row ERRORS[] = {
     {LOGDIR "byte-order middle\n", "2: byte-order takes the word little or big"},
     {LOGDIR "byte-order\n", "2: byte-order takes the word little or big"},
     {LOGDIR "byte-order big\nbyte-order big\n", "3: byte-order is given twice"},
+    {LOGDIR "text-encoding\n", "2: text-encoding takes the word utf-8 or iso-8859-1"},
+    {LOGDIR "text-encoding latin1\n", "2: text-encoding takes the word utf-8 or iso-8859-1"},
+    {LOGDIR "text-encoding utf-8 utf-8\n", "2: text-encoding takes the word utf-8 or iso-8859-1"},
+    {LOGDIR "text-encoding utf-8\ntext-encoding utf-8\n", "3: text-encoding is given twice"},
+    {LOGDIR "values\n", "2: values takes the word error or mark"},
+    {LOGDIR "values cut\n", "2: values takes the word error or mark"},
+    {LOGDIR "values mark error\n", "2: values takes the word error or mark"},
+    {LOGDIR "values mark\nvalues mark\n", "3: values is given twice"},
+    {LOGDIR "table a.b\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
+    {LOGDIR "table a values=mark\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
+    {LOGDIR "table a.b values=\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
+    {LOGDIR "table a.b mark\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
+    {LOGDIR "table a.b values=mark values=mark\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
+    {LOGDIR "table a.b values=mark\ntable \"a\".b values=error\n", "3: table a.b is given twice"},
+    {LOGDIR "default-width\n", "2: " WIDTH},
+    {LOGDIR "default-width 0\n", "2: " WIDTH},
+    {LOGDIR "default-width 32768\n", "2: " WIDTH},
+    {LOGDIR "default-width jsonb\n", "2: " WIDTH},
+    {LOGDIR "default-width \"\" 3\n", "2: " WIDTH},
+    {LOGDIR "default-width character varying 3\n", "2: " WIDTH},
+    {LOGDIR "default-width 3\ndefault-width 4\n", "3: the default width is given twice"},
+    {LOGDIR "default-width json 3\ndefault-width \"json\" 4\n", "3: the default width of type json is given twice"},
     {LOGDIR "sync\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
     {LOGDIR "sync interval\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
     {LOGDIR "sync interval 0\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
     {LOGDIR "sync interval 3600001\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
     {LOGDIR "sync commit 5\n", "2: sync takes the word commit, none, or interval and 1 to 3600000 milliseconds"},
     {LOGDIR "sync none\nsync none\n", "3: sync is given twice"},
-    {LOGDIR "byte-order \"big\"\n", "2: only a path is written in quotes"},
+    {LOGDIR "byte-order \"big\"\n", "2: only a path, a type and parts of a table's or column's name are written in quotes"},
     {LOGDIR "skip-table journal\n", "2: skip-table takes one name of the form schema.table"},
     {LOGDIR "skip-table a.b.c\n", "2: skip-table takes one name of the form schema.table"},
+    {LOGDIR "skip-table \"a.b\"\n", "2: skip-table takes one name of the form schema.table"},
+    {LOGDIR "skip-table a\"b\".c\n", "2: skip-table takes one name of the form schema.table"},
+    {LOGDIR "skip-table a.\"b\n", "2: the closing quote is missing"},
+    {LOGDIR "skip-table a.b\nskip-table a.\"b\"\n", "3: table a.b is skipped twice"},
     {LOGDIR "skip-table .b\n", "2: skip-table takes one name of the form schema.table"},
     {LOGDIR "skip-table a.b\nskip-table a.b\n", "3: table a.b is skipped twice"},
     {LOGDIR "skip-table a.b\ndatabase D\ndataset S table=a.b\n", "4: table a.b is also named by a skip-table line"},
     {LOGDIR "database D\ndataset S table=a.b\nskip-table a.b\n", "4: table a.b is skipped here, but feeds the dataset of line 3"},
-    {LOGDIR "column\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
-    {LOGDIR "column a.b.c\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
-    {LOGDIR "column b.c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
-    {LOGDIR "column a.b. width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
-    {LOGDIR "column a..c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key or several of them"},
+    {LOGDIR "column\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
+    {LOGDIR "column a.b.c\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
+    {LOGDIR "column b.c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
+    {LOGDIR "column a.b. width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
+    {LOGDIR "column a..c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
     {LOGDIR "column a.b.c item=\n", "2: item=: an item name has 1 to 17 bytes"},
     {LOGDIR "column a.b.c item=EIGHTEEN-BYTES-XYZ\n", "2: item=EIGHTEEN-BYTES-XYZ: an item name has 1 to 17 bytes"},
     {LOGDIR "column a.b.c width=0\n", "2: width=0 is not a width from 1 to 32767 bytes"},
     {LOGDIR "column a.b.c width=32768\n", "2: width=32768 is not a width from 1 to 32767 bytes"},
-    {LOGDIR "column a.b.c width=3 width=4\n", "2: width=4 is not known or given twice; behind the column's name stand item=NAME, width=N and key"},
-    {LOGDIR "column a.b.c key key\n", "2: key is not known or given twice; behind the column's name stand item=NAME, width=N and key"},
+    {LOGDIR "column a.b.c width=3 width=4\n", "2: width=4 is not known or given twice; behind the column's name stand item=NAME, width=N, key and values=error or values=mark"},
+    {LOGDIR "column a.b.c key key\n", "2: key is not known or given twice; behind the column's name stand item=NAME, width=N, key and values=error or values=mark"},
     {LOGDIR "column a.b.c key\ncolumn a.b.c key\n", "3: column a.b.c is given twice"},
-    {LOGDIR "column a.b.c wide\n", "2: wide is not known or given twice; behind the column's name stand item=NAME, width=N and key"},
+    {LOGDIR "column a.b.c item=\"C\"\n", "2: a quote stands inside the word item=\"C\""},
+    {LOGDIR "column a.b.c values=cut\n", "2: values=cut is not known or given twice; behind the column's name stand item=NAME, width=N, key and values=error or values=mark"},
+    {LOGDIR "column a.b.c values=mark values=error\n", "2: values=error is not known or given twice; behind the column's name stand item=NAME, width=N, key and values=error or values=mark"},
+    {LOGDIR "column a.b.c wide\n", "2: wide is not known or given twice; behind the column's name stand item=NAME, width=N, key and values=error or values=mark"},
     {LOGDIR "column a.b.c width=3\ncolumn a.b.c item=C\n", "3: column a.b.c is given twice"},
     {LOGDIR "database\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
     {LOGDIR "database 1D\n", "2: database takes one name of at most 16 characters: a letter, then letters, digits and \"-\""},
@@ -220,6 +361,8 @@ static const config_row ERRORS[] = {
     {LOGDIR "database D\ndataset\n", "3: dataset takes one name of at most 16 characters: a letter, then letters, digits and - + * / ? ' # % &; table=schema.table may follow"},
     {LOGDIR "database D\ndataset A_B\n", "3: dataset takes one name of at most 16 characters: a letter, then letters, digits and - + * / ? ' # % &; table=schema.table may follow"},
     {LOGDIR "database D\ndataset S b.c\n", "3: b.c is not of the form table=schema.table"},
+    {LOGDIR "database D\ndataset \"S\"\n", "3: dataset takes one name of at most 16 characters: a letter, then letters, digits and - + * / ? ' # % &; table=schema.table may follow"},
+    {LOGDIR "database D\ndataset S table=\"b.c\"\n", "3: table=\"b.c\" is not of the form table=schema.table"},
     {LOGDIR "database D\ndataset S table=c\n", "3: table=c is not of the form table=schema.table"},
     {SET "dataset S\n", "4: dataset S is given twice, first in line 3"},
     {LOGDIR "database D\ndataset S table=a.b\ndataset T table=a.b\n", "4: table a.b feeds the dataset of line 3 already"},
