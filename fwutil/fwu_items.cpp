@@ -30,7 +30,7 @@ bool fwu_layout::operator==(const fwu_layout &other) const
 
 const char *fwu_encoding_name(fwu_encoding encoding)
 {
-    return encoding == FWU_UTF8 ? "UTF-8" : "ISO 8859-1";
+    return encoding == FWU_UTF8 ? "utf-8" : "iso-8859-1";
 }
 
 const fwu_item_type *fwu_item_type_of(int32_t letter)

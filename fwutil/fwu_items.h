@@ -68,7 +68,7 @@ struct fwu_layout {
     bool operator==(const fwu_layout &other) const;
 };
 
-// "UTF-8" or "ISO 8859-1".
+// "utf-8" or "iso-8859-1", as the configuration says it.
 const char *fwu_encoding_name(fwu_encoding encoding);
 
 // What an item type allows.

@@ -6,8 +6,10 @@
 #include "fwutil/fwu_entry.h"
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 // The layouts that stand in a file so far.  To be cleared where a file begins.
 struct fwu_layout_check {
@@ -17,6 +19,11 @@ struct fwu_layout_check {
     };
     std::unordered_map<std::string, known> layouts; // by dataset
     std::string key;                                // scratch
+
+    // The items and images whose whole values stand before the record to come.
+    std::set<std::pair<int32_t, fwu_image>> values;
+    std::pair<int32_t, fwu_image> value; // the last one
+    bool more = false;                   // ... goes on in the next entry
 };
 
 // What is wrong where entries do not fit together.
@@ -25,7 +32,8 @@ extern const char FWU_NO_LAYOUT[];
 extern const char FWU_OTHER_LENGTH[];
 
 // Takes the next entry of a file; null, or what is wrong with it: it is malformed, or a
-// record or source has no layout before it, or does not fit that.
+// record or source has no layout before it, or does not fit that, or the values before a
+// record are none of its own.
 const char *fwu_layout_check_entry(fwu_layout_check &check, const fwu_entry &entry);
 
 #endif

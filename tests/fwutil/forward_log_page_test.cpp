@@ -45,6 +45,18 @@ TEST(ForwardLogPage, ExampleOfTheOptionalEntriesIsOfTheGoldenFile)
     const std::string text = golden("forward_log_source.hex");
     for (const char *entry : {"# source entry", "# mark entry"})
         EXPECT_NE(text.find(md_find_block(page(), entry)), std::string::npos) << entry;
+    EXPECT_NE(golden("forward_log_values.hex").find(md_find_block(page(), "# value entry")),
+              std::string::npos);
+}
+
+TEST(ForwardLogPage, CharactersOfTheNullMapAreThoseOfTheCode)
+{
+    std::string flags;
+    for (const auto &row : md_find_table(page(), "character").rows)
+        flags += md_code(row.at(0)).at(0);
+    EXPECT_EQ(flags, (std::string{FWU_FLAG_VALUE, FWU_FLAG_NULL, FWU_FLAG_CUT, FWU_FLAG_REPLACED,
+                                  FWU_FLAG_UNKNOWN, FWU_FLAG_BLANK}));
+    EXPECT_EQ(flags, ".NCR?!");
 }
 
 struct field_row {
@@ -101,6 +113,7 @@ TEST(ForwardLogPage, FileHeaderFieldsStandWhereTheTableSays)
 {
     fwu_file_header header = {.version = FWU_VERSION_SALTED,
                               .big_endian = true,
+                              .encoding = FWU_UTF8,
                               .generation = 0x11121314,
                               .sequence = 0x21222324,
                               .created_us = 0x3132333435363738};
@@ -113,6 +126,7 @@ TEST(ForwardLogPage, FileHeaderFieldsStandWhereTheTableSays)
     EXPECT_EQ(number_at(bytes, field(rows, "format version, 2")), 2U);
     EXPECT_EQ(number_at(bytes, field(rows, "header length, 64")), 64U);
     EXPECT_EQ(bytes[field(rows, "byte order").at], 'B');
+    EXPECT_EQ(bytes[field(rows, "encoding").at], 'U');
     EXPECT_EQ(number_at(bytes, field(rows, "generation")), 0x11121314U);
     EXPECT_EQ(number_at(bytes, field(rows, "sequence")), 0x21222324U);
     EXPECT_EQ(number_at(bytes, field(rows, "creation time")), 0x3132333435363738U);
@@ -158,7 +172,9 @@ TEST(ForwardLogPage, KindsAreThoseOfTheCode)
         {std::to_string(FWU_KIND_SOURCE),
          "source: where the records of a dataset come from; optional"},
         {std::to_string(FWU_KIND_MARK),
-         "mark: a table was emptied, or changes are missing; optional"}};
+         "mark: a table was emptied, or changes are missing; optional"},
+        {std::to_string(FWU_KIND_VALUE),
+         "value: what an item of the next record does not hold; optional"}};
     EXPECT_EQ(rows, expected);
     EXPECT_NE(page().find("**Commit** (always " + std::to_string(FWU_COMMIT_SIZE) + " bytes"),
               std::string::npos);

@@ -176,6 +176,7 @@ TEST_P(Example, FileHeaderIsUnderstoodAndSaysWhatIsWrong)
     EXPECT_EQ(get_header(header, good), nullptr);
     EXPECT_EQ(header.created_us, 1700000000000000);
     EXPECT_FALSE(header.big_endian);
+    EXPECT_EQ(header.encoding, FWU_LATIN1);
     EXPECT_EQ(header.version, wanted.version);
     EXPECT_EQ(header.identity, wanted.identity);
     EXPECT_EQ(header.salt, wanted.salt);
@@ -185,6 +186,8 @@ TEST_P(Example, FileHeaderIsUnderstoodAndSaysWhatIsWrong)
              {10, 72, "it has another format version; a newer libfwutil is needed to read it"},
              {12, 'X', "its file header holds values that this version does not know"},
              {13, 1, "its file header holds values that this version does not know"},
+             {13, 'L', "its file header holds values that this version does not know"},
+             {14, 'U', "its file header holds values that this version does not know"},
              {59, 1, "its file header holds values that this version does not know"}}) {
         std::string bytes = good;
         bytes[row.at] = static_cast<char>(row.value);
@@ -196,6 +199,17 @@ TEST_P(Example, FileHeaderIsUnderstoodAndSaysWhatIsWrong)
     std::string bytes = good;
     bytes[0] = 'k';
     EXPECT_STREQ(get_header(header, bytes), "it does not begin as a log file does");
+}
+
+TEST(FileHeader, SaysTheEncodingOfTexts)
+{
+    std::string bytes = golden_bytes("forward_log_values.hex").substr(0, 64);
+    fwu_file_header header;
+    EXPECT_EQ(get_header(header, bytes), nullptr);
+    EXPECT_EQ(header.encoding, FWU_UTF8);
+    EXPECT_EQ(header_bytes(header), bytes);
+    header.encoding = FWU_LATIN1;
+    EXPECT_EQ(header_bytes(header), golden_bytes("forward_log_salted.hex").substr(0, 64));
 }
 
 // Where the commit entry of the examples stands.

@@ -88,6 +88,68 @@ TEST_F(LayoutCheckTest, ASourceGoesWithTheLayoutThatStandsForIt)
     EXPECT_STREQ(check_entry(bytes), "the source entry is malformed");
 }
 
+static std::vector<unsigned char> value(int32_t item, fwu_image image, bool more = false)
+{
+    std::vector<unsigned char> bytes;
+    fwu_entry_put_value(bytes, 1, {item, image, more, "text"});
+    return bytes;
+}
+
+TEST_F(LayoutCheckTest, WholeValuesStandRightBeforeTheirRecord)
+{
+    const char *const no_record = "the record of the whole values before it is missing";
+    const char *const not_its_own =
+        "a whole value before the record is of no item or image that it has";
+    const auto begin = [&] {
+        check = {};
+        EXPECT_EQ(check_entry(layout(8)), nullptr);
+    };
+    begin();
+    for (int i = 0; i < 2; i++) { // those of a record are no one else's
+        EXPECT_EQ(check_entry(value(0, FWU_IMAGE_AFTER)), nullptr);
+        EXPECT_EQ(check_entry(insert(8)), nullptr);
+    }
+    EXPECT_EQ(check_entry(layout(8)), nullptr);
+    EXPECT_EQ(check_entry(value(0, FWU_IMAGE_AFTER)), nullptr);
+    EXPECT_STREQ(check_entry(layout(8)), no_record);
+    for (const auto &[item, image] : {std::pair(1, FWU_IMAGE_AFTER), {0, FWU_IMAGE_BEFORE}}) {
+        begin();
+        EXPECT_EQ(check_entry(value(item, image)), nullptr);
+        EXPECT_STREQ(check_entry(insert(8)), not_its_own);
+    }
+    begin();
+    EXPECT_EQ(check_entry(value(0, FWU_IMAGE_AFTER)), nullptr);
+    EXPECT_STREQ(check_entry(value(0, FWU_IMAGE_AFTER)),
+                 "two whole values stand for one item of an image");
+    begin();
+    EXPECT_EQ(check_entry(value(0, FWU_IMAGE_AFTER)), nullptr);
+    std::vector<unsigned char> bytes;
+    fwu_entry_put_commit(bytes, 1, {}, {}, 0);
+    EXPECT_STREQ(check_entry(bytes), no_record);
+    begin();
+    bytes = value(0, FWU_IMAGE_AFTER);
+    bytes[FWU_ENTRY_HEADER_SIZE + 4] = 'x'; // the image
+    EXPECT_STREQ(check_entry(bytes), "the value entry is malformed");
+}
+
+TEST_F(LayoutCheckTest, PiecesOfAValueFollowEachOther)
+{
+    const char *const missing = "the next piece of the value before it is missing";
+    const std::vector<unsigned char> piece = value(0, FWU_IMAGE_AFTER, true);
+    EXPECT_EQ(check_entry(layout(8)), nullptr);
+    EXPECT_EQ(check_entry(piece), nullptr);
+    EXPECT_EQ(check_entry(piece), nullptr);
+    EXPECT_EQ(check_entry(value(0, FWU_IMAGE_AFTER)), nullptr);
+    EXPECT_EQ(check_entry(insert(8)), nullptr);
+    for (const std::vector<unsigned char> &next :
+         {insert(8), layout(8), value(1, FWU_IMAGE_AFTER), value(0, FWU_IMAGE_BEFORE)}) {
+        check = {};
+        EXPECT_EQ(check_entry(layout(8)), nullptr);
+        EXPECT_EQ(check_entry(piece), nullptr);
+        EXPECT_STREQ(check_entry(next), missing);
+    }
+}
+
 TEST_F(LayoutCheckTest, AMarkNeedsNoLayout)
 {
     std::vector<unsigned char> bytes;

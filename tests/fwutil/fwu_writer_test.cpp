@@ -1,7 +1,7 @@
 // Appending: what is refused, rotation, recovery, and a disk that fails.
 #include "fwutil/fwu_writer.h"
 
-#include "fwutil/fwu_cursor.h"
+#include "fwutil/fwu_log.h"
 #include "fwutil/fwu_txn.h"
 #include "tests/fwutil/log_fixture.h"
 #include "tests/fwutil/system_calls.h"
@@ -242,6 +242,90 @@ TEST_F(WriterTest, AnotherByteOrderIsRefused)
     two_files();
     config.big_endian = true;
     EXPECT_THAT(reopen_failing(), HasSubstr("the log holds images of little-endian numbers"));
+}
+
+// The encoding that the headers of the log's files say.
+static std::string encodings(const std::string &log)
+{
+    std::string text;
+    std::vector<fwu_log_file> files;
+    EXPECT_EQ(fwu_log_list(log, files), 0);
+    for (const fwu_log_file &file : files) {
+        fwu_file_header header;
+        EXPECT_EQ(fwu_log_header(file, header), FWU_FOUND);
+        text += header.encoding == FWU_UTF8 ? 'U' : '1';
+    }
+    return text;
+}
+
+TEST_F(WriterTest, ANewLogHasTheEncodingThatIsSaidElseTheProgramsOwn)
+{
+    const std::optional<fwu_encoding> unsaid;
+    for (const auto &[said, of_new, expected] :
+         std::vector<std::tuple<std::optional<fwu_encoding>, fwu_encoding, fwu_encoding>>{
+             {unsaid, FWU_LATIN1, FWU_LATIN1},
+             {unsaid, FWU_UTF8, FWU_UTF8},
+             {FWU_LATIN1, FWU_UTF8, FWU_LATIN1},
+             {FWU_UTF8, FWU_LATIN1, FWU_UTF8}}) {
+        std::filesystem::remove_all(log);
+        written.clear();
+        config.encoding = said;
+        config.new_log_encoding = of_new;
+        open_writer();
+        EXPECT_EQ(fwu_writer_encoding(writer), expected);
+        add({insert(1)});
+        close_writer();
+        EXPECT_EQ(encodings(log), expected == FWU_UTF8 ? "U" : "1");
+    }
+    EXPECT_EQ(fwu_config().new_log_encoding, FWU_LATIN1);
+}
+
+TEST_F(WriterTest, ALogKeepsItsEncodingAndAnotherOneIsRefused)
+{
+    for (const fwu_encoding encoding : {FWU_UTF8, FWU_LATIN1}) {
+        const fwu_encoding other = encoding == FWU_UTF8 ? FWU_LATIN1 : FWU_UTF8;
+        std::filesystem::remove_all(log);
+        std::filesystem::remove(status);
+        written.clear();
+        config.encoding = encoding;
+        config.new_log_encoding = other;
+        two_files();
+        config.encoding = other;
+        EXPECT_EQ(reopen_failing(),
+                  "fwutil: " + file(2) + ": the log holds texts in " +
+                      (encoding == FWU_UTF8 ? "utf-8" : "iso-8859-1") +
+                      ", but the configuration says otherwise; correct text-encoding in it, or "
+                      "leave it out\n");
+        config.encoding = encoding;
+        open_writer();
+        close_writer();
+        config.encoding.reset();
+        config.log_file_size = 100;
+        open_writer();
+        EXPECT_EQ(fwu_writer_encoding(writer), encoding);
+        add({insert(6)});
+        close_writer();
+        EXPECT_EQ(encodings(log), encoding == FWU_UTF8 ? "UUU" : "111");
+        EXPECT_EQ(run().records, written);
+    }
+}
+
+// The header of the last file is lost; the file before says what the log's texts are.
+TEST_F(WriterTest, ATornFileHeaderIsWrittenAnewInTheEncodingOfTheLog)
+{
+    config.encoding = FWU_UTF8;
+    two_files();
+    write_file(file(2), log_file_bytes(2).substr(0, 30));
+    written.resize(3);
+    config.encoding = FWU_LATIN1;
+    EXPECT_THAT(reopen_failing(), HasSubstr(file(2) + ": the log holds texts in utf-8"));
+    config.encoding.reset();
+    EXPECT_THAT(stderr_of([&] { open_writer(); }), HasSubstr(file(2) + ": cut 30 bytes"));
+    EXPECT_EQ(fwu_writer_encoding(writer), FWU_UTF8);
+    add({insert(8)});
+    close_writer();
+    EXPECT_EQ(encodings(log), "UU");
+    EXPECT_EQ(run().records, written);
 }
 
 TEST_F(WriterTest, ADirectoryThatCannotBeMadeIsNamed)
