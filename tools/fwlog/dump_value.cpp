@@ -47,7 +47,7 @@ void dump_name(std::string &out, std::string_view name)
     put_escaped(out, name, false);
 }
 
-void dump_utf8(std::string &out, std::string_view text)
+static void put_utf8(std::string &out, std::string_view text, bool quoted)
 {
     constexpr uint32_t first_printable = 0xA0; // of the characters of several bytes
     while (!text.empty()) {
@@ -56,7 +56,7 @@ void dump_utf8(std::string &out, std::string_view text)
         const std::string_view next = text.substr(0, length == 0 ? 1 : length);
         text.remove_prefix(next.size());
         if (length == 1)
-            put_escaped(out, next, false);
+            put_escaped(out, next, quoted);
         else if (code >= first_printable)
             out += next;
         else
@@ -66,6 +66,18 @@ void dump_utf8(std::string &out, std::string_view text)
                 dump_hex(out, &byte, 1);
             }
     }
+}
+
+void dump_utf8(std::string &out, std::string_view text)
+{
+    put_utf8(out, text, false);
+}
+
+void dump_utf8_text(std::string &out, std::string_view text)
+{
+    out.push_back('"');
+    put_utf8(out, text, true);
+    out.push_back('"');
 }
 
 // Special numbers as the C library prints them, a NaN's sign included.

@@ -27,8 +27,10 @@ void dump_text(std::string &out, std::string_view text);
 // The same without the quotes around it, for a name; its quotes stay as they are.
 void dump_name(std::string &out, std::string_view name);
 
-// Appends UTF-8 text for a name in the same way; bytes that are none as \xNN.
+// Appends UTF-8 text for a name in the same way, or in quotes as dump_text does; bytes that
+// are none as \xNN.
 void dump_utf8(std::string &out, std::string_view text);
+void dump_utf8_text(std::string &out, std::string_view text);
 
 // Appends "2026-11-21 03:33:52.123456", in UTC, or so many characters of it.  False, and
 // nothing appended, for a time outside the years 1 to 9999.

@@ -29,6 +29,8 @@ struct log_totals {
     survey_datasets datasets;
     uint64_t truncates = 0; // marks
     uint64_t gaps = 0;
+    uint64_t values = 0; // whole values beside their records
+    uint64_t value_bytes = 0;
     fwu_identity identity; // of the newest file that has one
     bool have_ack = false;
     fwu_ack ack;
@@ -48,6 +50,8 @@ static void add(log_totals &totals, const survey_file &facts)
     totals.transactions += facts.transactions;
     totals.truncates += facts.truncates;
     totals.gaps += facts.gaps;
+    totals.values += facts.values;
+    totals.value_bytes += facts.value_bytes;
     if (facts.has_header && fwu_identity_known(facts.header.identity))
         totals.identity = facts.header.identity;
     for (const auto &[name, counts] : facts.datasets) {
@@ -62,9 +66,10 @@ static void print_file(const survey_file &facts)
 {
     printf("%s\n", facts.file.name.c_str());
     if (facts.has_header)
-        printf("    created       %s, %s-endian images\n",
+        printf("    created       %s, %s-endian images%s\n",
                time_text(facts.header.created_us).c_str(),
-               facts.header.big_endian ? "big" : "little");
+               facts.header.big_endian ? "big" : "little",
+               facts.header.encoding == FWU_UTF8 ? ", UTF-8 texts" : "");
     printf("    size          %" PRId64 " bytes\n", facts.size);
     printf("    transactions  %" PRIu64 "\n", facts.transactions);
     if (facts.transactions > 0)
@@ -119,6 +124,9 @@ static void print_totals(const log_totals &totals)
     if (totals.truncates > 0 || totals.gaps > 0)
         printf("marks             %" PRIu64 " truncate, %" PRIu64 " gap\n", totals.truncates,
                totals.gaps);
+    if (totals.values > 0)
+        printf("whole values      %" PRIu64 ", %" PRIu64 " bytes\n", totals.values,
+               totals.value_bytes);
     if (!totals.datasets.empty())
         printf("%-33s %10s %10s %10s\n", "dataset", "inserts", "updates", "deletes");
     for (const auto &[name, counts] : totals.datasets)
@@ -132,11 +140,12 @@ static void print_json_file(const survey_file &facts, bool first)
     printf("%s{\"file\":%s,\"generation\":%" PRId32 ",\"sequence\":%" PRId32 ",\"size\":%" PRId64
            ",\"transactions\":%" PRIu64 ",\"entries\":%" PRIu64 ",\"last_tag\":%" PRId32
            ",\"first_commit_us\":%" PRId64 ",\"last_commit_us\":%" PRId64
-           ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s}",
+           ",\"last_source\":%s,\"tail\":%" PRId64 ",\"damage\":%s,\"text_encoding\":%s}",
            first ? "" : ",", json_text(facts.file.name).c_str(), facts.file.generation,
            facts.file.sequence, facts.size, facts.transactions, facts.entries, facts.last_tag,
            facts.first_us, facts.last_us, json_text(fwu_lsn_text(facts.last_lsn)).c_str(),
-           facts.tail, facts.damage.empty() ? "null" : json_text(facts.damage).c_str());
+           facts.tail, facts.damage.empty() ? "null" : json_text(facts.damage).c_str(),
+           facts.has_header ? json_text(fwu_encoding_name(facts.header.encoding)).c_str() : "null");
 }
 
 static void print_json_totals(const log_totals &totals)
@@ -162,8 +171,9 @@ static void print_json_totals(const log_totals &totals)
                counts.inserts, counts.updates, counts.deletes);
         separator = ",";
     }
-    printf("],\"marks\":{\"truncate\":%" PRIu64 ",\"gap\":%" PRIu64 "}}\n", totals.truncates,
-           totals.gaps);
+    printf("],\"marks\":{\"truncate\":%" PRIu64 ",\"gap\":%" PRIu64
+           "},\"whole_values\":{\"count\":%" PRIu64 ",\"bytes\":%" PRIu64 "}}\n",
+           totals.truncates, totals.gaps, totals.values, totals.value_bytes);
 }
 
 static outcome run()

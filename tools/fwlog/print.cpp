@@ -181,6 +181,25 @@ static bool put_change(fwlog_printer &printer, const fwu_entry &entry)
     return true;
 }
 
+// The layout is that of the record to come: the value's item has no name before it.
+static bool put_value(fwlog_printer &printer, const fwu_entry &entry)
+{
+    fwu_value_piece piece;
+    if (!fwu_entry_value(entry, piece))
+        return false;
+    printer.out += "value of item " + std::to_string(piece.item) +
+                   (piece.image == FWU_IMAGE_BEFORE ? " before, " : " after, ") +
+                   std::to_string(piece.bytes.size()) + " bytes" +
+                   (piece.more ? ", more follows" : "") + "\n    ";
+    if (printer.hex)
+        dump_hex(printer.out, reinterpret_cast<const unsigned char *>(piece.bytes.data()),
+                 piece.bytes.size());
+    else
+        dump_utf8_text(printer.out, piece.bytes);
+    printer.out += "\n";
+    return true;
+}
+
 static bool put_commit(fwlog_printer &printer, const fwu_entry &entry)
 {
     fwu_commit_entry commit;
@@ -209,6 +228,8 @@ static bool put_entry(fwlog_printer &printer, const fwu_entry &entry)
         return put_source(printer, entry);
     case FWU_KIND_MARK:
         return put_mark(printer, entry);
+    case FWU_KIND_VALUE:
+        return put_value(printer, entry);
     default:
         return false;
     }
@@ -232,7 +253,8 @@ void fwlog_print_item(fwlog_printer &printer, const fwu_walk_item &item)
         printer.layouts.clear();
         printer.big_endian = item.header.big_endian;
         printer.out += number + " file " + file.name + ", " +
-                       (item.header.big_endian ? "big-endian" : "little-endian") + ", created " +
+                       (item.header.big_endian ? "big-endian" : "little-endian") +
+                       (item.header.encoding == FWU_UTF8 ? ", UTF-8" : "") + ", created " +
                        time_text(item.header.created_us) + "\n";
         break;
     case FWU_WALK_ENTRY:

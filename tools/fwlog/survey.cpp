@@ -34,6 +34,7 @@ static void take_entry(survey_file &into, const fwu_walk_item &item)
     fwu_change change;
     fwu_commit_entry commit;
     fwu_mark mark;
+    fwu_value_piece piece;
     into.entries++;
     if (fwu_entry_commit(item.entry, commit))
         take_commit(into, item.entry, commit.commit);
@@ -41,6 +42,10 @@ static void take_entry(survey_file &into, const fwu_walk_item &item)
         take_change(into, change);
     else if (fwu_entry_mark(item.entry, mark))
         (mark.kind == FWU_MARK_TRUNCATE ? into.truncates : into.gaps)++;
+    else if (fwu_entry_value(item.entry, piece)) {
+        into.values += piece.more ? 0 : 1;
+        into.value_bytes += piece.bytes.size();
+    }
 }
 
 // Nonzero: the file is damaged here, though the checksums are right.

@@ -34,6 +34,8 @@ struct survey_file {
     survey_datasets datasets;
     uint64_t truncates = 0; // marks
     uint64_t gaps = 0;
+    uint64_t values = 0; // whole values beside their records
+    uint64_t value_bytes = 0;
 
     int64_t tail = 0;         // bytes behind the last transaction that are not there yet
     int64_t tail_at = 0;      // where they begin

@@ -111,6 +111,41 @@ TEST(FwlogDump, TextsOfSourcesAndMarksCannotForgeLines)
     EXPECT_THAT(result.out, HasSubstr(" mark truncate table s.t\n"));
 }
 
+TEST(FwlogDump, WholeValuesStandBeforeTheirRecord)
+{
+    place here;
+    const std::string bytes = golden_bytes("forward_log_values.hex");
+    here.add(1, {bytes.begin(), bytes.end()});
+    const run_result result = here.dump();
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out,
+                StartsWith("1-1 file fw0001-00000001.log, little-endian, UTF-8, created "
+                           "2023-11-14 22:13:20.000000\n"));
+    EXPECT_THAT(result.out, HasSubstr("\n1-1.2 @176 value of item 1 after, 8 bytes\n"
+                                      "    \"größer\"\n"
+                                      "1-1.3 @216 insert SALES.ORDERS "));
+    EXPECT_THAT(here.dump({"--hex"}).out, HasSubstr(" value of item 1 after, 8 bytes\n"
+                                                    "    6772C3B6C39F6572\n"));
+}
+
+TEST(FwlogDump, WholeValuesCannotForgeLines)
+{
+    std::vector<unsigned char> entries;
+    fwu_entry_put_value(entries, 1, {7, FWU_IMAGE_BEFORE, true, "a\n1-1.9 \"\\\xC3"});
+    fwu_entry_put_value(entries, 2, {7, FWU_IMAGE_BEFORE, false, "\xB6\xC2\x85"});
+    fwu_entry_put_value(entries, 3, {0, FWU_IMAGE_AFTER, false, ""});
+    place here;
+    here.add(1, salted_file(entries, 3));
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr(" value of item 7 before, 11 bytes, more follows\n"
+                                      "    \"a\\x0A1-1.9 \\\"\\\\\\xC3\"\n"));
+    EXPECT_THAT(result.out, HasSubstr(" value of item 7 before, 3 bytes\n"
+                                      "    \"\\xB6\\xC2\\x85\"\n"));
+    EXPECT_THAT(result.out, HasSubstr(" value of item 0 after, 0 bytes\n    \"\"\n"));
+}
+
 TEST(FwlogDump, NamesCannotForgeLines)
 {
     log_file file(1, false);

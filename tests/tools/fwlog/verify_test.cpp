@@ -2,6 +2,7 @@
 #include "fwutil/fwu_ack.h"
 #include "tests/procs/growing_log.h"
 #include "tests/support/golden.h"
+#include "tests/support/log_header.h"
 #include "tests/tools/fwlog/built_log.h"
 
 #include <atomic>
@@ -298,8 +299,12 @@ TEST_F(FwlogVerifyTest, InfoTellsPositionsTimesAndDatasets)
     EXPECT_THAT(json, HasSubstr("\"last_tag\":9,\"first_commit_us\":1700000000000000,"));
     EXPECT_THAT(json, HasSubstr("\"datasets\":[{\"database\":\"TESTDB\",\"dataset\":\"COUNTER\","
                                 "\"inserts\":6,\"updates\":0,\"deletes\":0}],"
-                                "\"marks\":{\"truncate\":0,\"gap\":0}}\n"));
+                                "\"marks\":{\"truncate\":0,\"gap\":0},"
+                                "\"whole_values\":{\"count\":0,\"bytes\":0}}\n"));
+    EXPECT_THAT(json, HasSubstr(",\"damage\":null,\"text_encoding\":\"iso-8859-1\"}]"));
     EXPECT_EQ(result.out.find("\nmarks "), std::string::npos);
+    EXPECT_EQ(result.out.find("whole values"), std::string::npos);
+    EXPECT_EQ(result.out.find("UTF-8"), std::string::npos);
 }
 
 TEST_F(FwlogVerifyTest, SourcesAndMarksAreCounted)
@@ -309,8 +314,65 @@ TEST_F(FwlogVerifyTest, SourcesAndMarksAreCounted)
     write_file(file(1), golden_bytes("forward_log_source.hex"));
     EXPECT_EQ(run({"verify"}).out, "log/fw0001-00000001.log: 1 transactions, 5 entries\n");
     EXPECT_THAT(run({"info"}).out, HasSubstr("\nmarks             1 truncate, 0 gap\n"));
-    EXPECT_THAT(run({"info", "--json"}).out,
-                HasSubstr("}],\"marks\":{\"truncate\":1,\"gap\":0}}\n"));
+    EXPECT_THAT(run({"info", "--json"}).out, HasSubstr("}],\"marks\":{\"truncate\":1,\"gap\":0},"));
+}
+
+TEST_F(FwlogVerifyTest, WholeValuesAndTheEncodingAreTold)
+{
+    write_config(dir, "64M");
+    std::filesystem::create_directory(dir.file("log"));
+    write_file(file(1), golden_bytes("forward_log_values.hex"));
+    EXPECT_EQ(run({"verify"}).out, "log/fw0001-00000001.log: 1 transactions, 4 entries\n");
+    const std::string out = run({"info"}).out;
+    EXPECT_THAT(out, HasSubstr("    created       2023-11-14 22:13:20.000000 UTC, little-endian "
+                               "images, UTF-8 texts\n"));
+    EXPECT_THAT(out, HasSubstr("\nwhole values      1, 8 bytes\n"));
+    const std::string json = run({"info", "--json"}).out;
+    EXPECT_THAT(json, HasSubstr(",\"damage\":null,\"text_encoding\":\"utf-8\"}]"));
+    EXPECT_THAT(json, HasSubstr(",\"whole_values\":{\"count\":1,\"bytes\":8}}\n"));
+}
+
+// Of a value in pieces whose record follows, and of one whose record does not: the checksums
+// are right in both.
+TEST_F(FwlogVerifyTest, AWholeValueWithoutItsRecordIsDamage)
+{
+    write_config(dir, "64M");
+    fwu_config config;
+    fwu_writer *writer = nullptr;
+    ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+    ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+    ASSERT_EQ(fwu_writer_begin(writer, nullptr), 0);
+    const std::string text(2 * FWU_VALUE_PIECE_MAX + 1, 'x');
+    const std::string image(24, ' ');
+    const fwu_value value = {1, FWU_IMAGE_AFTER, text};
+    ASSERT_EQ(fwu_writer_record(writer, FWU_OP_INSERT, counter_layout(), 1700000000, 24, nullptr,
+                                image.data(), {&value, 1}),
+              0);
+    ASSERT_EQ(fwu_writer_commit(writer, {1700000000000000, 1, 1}), 0);
+    ASSERT_EQ(fwu_writer_close(writer), 0);
+    EXPECT_EQ(run({"verify"}).out, "log/fw0001-00000001.log: 1 transactions, 6 entries\n");
+    EXPECT_THAT(run({"info"}).out, HasSubstr("\nwhole values      1, 2097153 bytes\n"));
+
+    std::string bytes = read_file(file(1));
+    const fwu_file_header header = header_of(bytes);
+    const std::string whole = bytes;
+    const auto at = static_cast<int64_t>(bytes.size());
+    std::vector<unsigned char> more;
+    fwu_entry_put_value(more, 7, {1, FWU_IMAGE_AFTER, false, "lost"});
+    fwu_commit_entry commit;
+    commit.entries = 1;
+    commit.chain = fwu_crc32c(0, more.data() + FWU_ENTRY_CRC_AT, FWU_ENTRY_CRC_SIZE);
+    const int64_t commit_at = at + static_cast<int64_t>(more.size());
+    fwu_entry_put_commit(more, 8, commit, header, commit_at);
+    bytes.append(more.begin(), more.end());
+    write_file(file(1), bytes);
+    EXPECT_EQ(run({"verify"}).out,
+              "log/fw0001-00000001.log: damaged at offset " + std::to_string(commit_at) +
+                  ": the record of the whole values before it is missing; what follows in this "
+                  "file was not looked at\n");
+    EXPECT_EQ(run({"repair", "--accept-loss"}).status, 0);
+    EXPECT_EQ(read_file(file(1)), whole);
+    EXPECT_EQ(run({"verify"}).status, 0);
 }
 
 TEST_F(FwlogVerifyTest, WrongCommandLinesAreRefused)
