@@ -3,9 +3,11 @@
 // only writes the server's text to a file (test_decoding) and one that writes the bytes
 // that the bridge gets (pgoutput); each on a copy of its slot, in turn.  Then the delay
 // of single changes at a steady pace, from the client that sends the statement to the
-// reader that takes the record out of Kestro's message file.
+// reader that takes the record out of Kestro's message file.  Then how long the bridge
+// takes where the publication has many tables.  OTHER is another build's fwlog, which
+// takes its turns with this one's.
 //
-// usage: postgresql_bench [UPDATES [ROUNDS [SECONDS [RATE]]]]
+// usage: postgresql_bench [UPDATES [ROUNDS [SECONDS [RATE [TABLES [OTHER]]]]]]
 #include "msgfile/tmf.h"
 #include "tests/postgresql/background.h"
 #include "tests/postgresql/pg_client.h"
@@ -62,8 +64,10 @@ template <typename Number> static Number median(std::vector<Number> values)
 
 struct bench {
     tempdir dir;
-    pg_server server{{"wal_sender_timeout = 60s"}};
+    pg_server server{{"wal_sender_timeout = 60s", "max_locks_per_transaction = 1000"}};
     std::string bin = fs::read_symlink("/proc/self/exe").parent_path();
+    std::string fwlog = bin + "/fwlog";
+    std::string other; // fwlog of another build; empty: none
 
     pg_client connect() const
     {
@@ -76,6 +80,15 @@ struct bench {
         write_file(dir.file(log + ".cfg"), "log-directory " + log + "\n");
         return {bin + "/fwlog",    "postgresql", "-cfg", dir.file(log + ".cfg"), "--conninfo",
                 server.conninfo(), "--slot",     slot,   "--publication",        "bench"};
+    }
+
+    // The same of one build, as far as the server is now, into a new log.
+    std::vector<std::string> once(const std::string &slot, const std::string &program) const
+    {
+        std::vector<std::string> argv = bridge(slot, "log");
+        argv[0] = program;
+        argv.emplace_back("--once");
+        return argv;
     }
 
     std::vector<std::string> receiver(const std::string &slot, const std::string &file,
@@ -96,6 +109,7 @@ struct bench {
 
     double seconds_of(const std::vector<std::string> &argv) const
     {
+        fs::remove_all(dir.file("log"));
         const auto begin = steady::now();
         run_setup options;
         options.directory = dir.path();
@@ -135,24 +149,25 @@ static void bench_backlog(const bench &b, int updates, int rounds)
 {
     const std::string end = make_backlog(b, updates);
     std::vector<double> bridge;
+    std::vector<double> other;
     std::vector<double> text;
     std::vector<double> bytes;
     for (int round = 0; round < rounds; round++) {
         pg_client client = b.connect();
         const std::string n = std::to_string(round);
         client.run("SELECT pg_copy_logical_replication_slot('binary', 'bridge" + n +
+                   "'), pg_copy_logical_replication_slot('binary', 'other" + n +
                    "'), pg_copy_logical_replication_slot('text', 'text" + n +
                    "'), pg_copy_logical_replication_slot('binary', 'bytes" + n + "')");
-        std::vector<std::string> argv = b.bridge("bridge" + n, "log" + n);
-        argv.emplace_back("--once");
-        bridge.push_back(b.seconds_of(argv));
+        bridge.push_back(b.seconds_of(b.once("bridge" + n, b.fwlog)));
+        if (!b.other.empty())
+            other.push_back(b.seconds_of(b.once("other" + n, b.other)));
         text.push_back(b.seconds_of(b.receiver("text" + n, "text", end)));
-        argv = b.receiver("bytes" + n, "bytes", end);
+        std::vector<std::string> argv = b.receiver("bytes" + n, "bytes", end);
         argv.insert(argv.end(), {"-o", "proto_version=1", "-o", "publication_names=bench"});
         bytes.push_back(b.seconds_of(argv));
         client.run("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots "
                    "WHERE slot_name ~ '[0-9]'");
-        fs::remove_all(b.dir.file("log" + n));
         fs::remove(b.dir.file("text"));
         fs::remove(b.dir.file("bytes"));
     }
@@ -162,6 +177,8 @@ static void bench_backlog(const bench &b, int updates, int rounds)
            A_TRANSACTION, rounds);
     printf("%-44s %8s %12s %8s\n", "", "seconds", "changes/s", "ratio");
     print_rate("fwlog postgresql, into the forward log", bridge, updates, median(text));
+    if (!b.other.empty())
+        print_rate("the other fwlog postgresql, the same", other, updates, median(text));
     print_rate("pg_recvlogical, test_decoding, into a file", text, updates, median(text));
     print_rate("pg_recvlogical, pgoutput, into a file", bytes, updates, median(text));
 }
@@ -263,6 +280,57 @@ static void bench_delay(const bench &b, int seconds, int rate)
     munmap(shared, size);
 }
 
+// ---- many tables
+
+static void make_tables(const bench &b, int tables)
+{
+    pg_client client = b.connect();
+    client.run("CREATE SCHEMA many");
+    client.run("DO $$ BEGIN FOR i IN 1 .. " + std::to_string(tables) +
+               " LOOP"
+               "  EXECUTE format('CREATE TABLE many.table_%s (id integer PRIMARY KEY,"
+               "   name varchar(60), note varchar(200), price numeric(9,2), at timestamp(3),"
+               "   day date, flag boolean, qty smallint, share real, total bigint)', i);"
+               "  EXECUTE format('ALTER TABLE many.table_%s REPLICA IDENTITY FULL', i);"
+               "  IF i % 100 = 0 THEN COMMIT; END IF;"
+               " END LOOP; END $$");
+}
+
+static void print_start(const bench &b, const char *what, const std::string &insert, int rounds)
+{
+    std::vector<double> seconds[2];
+    for (int round = 0; round < rounds; round++) {
+        pg_client client = b.connect();
+        client.run("SELECT pg_create_logical_replication_slot('start0', 'pgoutput'),"
+                   " pg_create_logical_replication_slot('start1', 'pgoutput')");
+        client.run(insert);
+        seconds[0].push_back(b.seconds_of(b.once("start0", b.fwlog)));
+        if (!b.other.empty())
+            seconds[1].push_back(b.seconds_of(b.once("start1", b.other)));
+        client.run("DELETE FROM many.table_1; SELECT pg_drop_replication_slot(slot_name)"
+                   " FROM pg_replication_slots");
+    }
+    printf("%-44s %8.2f", what, median(seconds[0]));
+    if (!b.other.empty())
+        printf(" %12.2f", median(seconds[1]));
+    printf("\n");
+}
+
+static void bench_start(const bench &b, int tables, int rounds)
+{
+    make_tables(b, tables);
+    b.connect().run("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots");
+    printf("\n%d tables in the publication; seconds of a start with --once%s\n", tables,
+           b.other.empty() ? "" : ", this fwlog and the other");
+    print_start(b, "one of them was changed", "INSERT INTO many.table_1 (id) VALUES (1)", rounds);
+    print_start(
+        b, "each of them was changed",
+        "DO $$ BEGIN FOR i IN 1 .. " + std::to_string(tables) +
+            " LOOP EXECUTE format('INSERT INTO many.table_%s (id) SELECT coalesce(max(id), 0) + 1"
+            " FROM many.table_%s', i, i); END LOOP; END $$",
+        rounds);
+}
+
 static int number(char **argv, int argc, int at, int usual)
 {
     return at < argc ? atoi(argv[at]) : usual;
@@ -274,8 +342,11 @@ int main(int argc, char **argv)
     const int rounds = number(argv, argc, 2, 3);
     const int seconds = number(argv, argc, 3, 20);
     const int rate = number(argv, argc, 4, 1000);
-    if (argc > 5 || updates < A_TRANSACTION || rounds < 1 || seconds < 1 || rate < 1) {
-        fprintf(stderr, "usage: postgresql_bench [UPDATES [ROUNDS [SECONDS [RATE]]]]\n");
+    const int tables = number(argv, argc, 5, 10'000);
+    if (argc > 7 || updates < A_TRANSACTION || rounds < 1 || seconds < 1 || rate < 1 ||
+        tables < 1) {
+        fprintf(stderr, "usage: postgresql_bench [UPDATES [ROUNDS [SECONDS [RATE [TABLES "
+                        "[OTHER]]]]]]\n");
         return 2;
     }
     const std::string missing = pg_server::missing();
@@ -284,9 +355,11 @@ int main(int argc, char **argv)
         return 1;
     }
     try {
-        const bench b;
+        bench b;
+        b.other = argc > 6 ? fs::absolute(argv[6]) : "";
         bench_backlog(b, updates, rounds);
         bench_delay(b, seconds, rate);
+        bench_start(b, tables, rounds);
     } catch (const std::exception &error) {
         fprintf(stderr, "postgresql_bench: %s\n", error.what());
         return 1;
