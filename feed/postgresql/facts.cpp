@@ -1,22 +1,31 @@
 // The stream tells what was, the catalogue what is: a table may be gone by now, or have other
-// columns.  So nothing that is asked here is needed; what there is of it makes the log say more.
+// columns.  So nothing that is asked here is needed, but for what types are, on which layouts rest;
+// all else makes the log say more.
 // A transaction is also sent a moment before others see it, with a synchronous standby long before.
 #include "feed/postgresql/facts.h"
 
-#include "feed/postgresql/catalogue.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_source_name.h"
 
 #include <algorithm>
 #include <poll.h>
 #include <set>
 
 // Rows of the query, for tables in "t" and types in "y", in this order: tables ("c") with their
-// columns, columns of their keys ("k", by place), the snapshot that all is seen in ("s"), types
-// ("t").
+// columns, what types are and those that they are made of ("d": kind, category, base type and
+// modifier, element, name), columns of keys ("k", by place), the snapshot that all is seen in
+// ("s"), names of types ("t").
 static const char query_tail[] =
+    ", z AS (SELECT p.oid, p.typtype, p.typcategory, p.typbasetype, p.typtypmod, p.typelem"
+    " FROM pg_type p WHERE p.oid IN (SELECT type FROM y)"
+    " UNION SELECT p.oid, p.typtype, p.typcategory, p.typbasetype, p.typtypmod, p.typelem"
+    " FROM z JOIN pg_type p ON p.oid IN (z.typbasetype, z.typelem))"
     " SELECT 'c' AS kind, t.oid, 0 AS number, (SELECT string_agg(a.attname || ' ' || a.atttypid"
     " || ' ' || a.atttypmod, ',' ORDER BY a.attnum) FROM pg_attribute a WHERE a.attrelid = t.oid"
     " AND a.attnum > 0 AND NOT a.attisdropped AND a.attgenerated = '') AS text FROM t"
+    " UNION ALL"
+    " SELECT 'd', oid, 0, concat_ws(' ', typtype, typcategory, typbasetype, typtypmod, typelem,"
+    " format_type(oid, -1)) FROM z"
     " UNION ALL"
     " SELECT 'k', i.indrelid, k.place::int, a.attname::text FROM t"
     " JOIN pg_index i ON i.indrelid = t.oid"
@@ -32,7 +41,7 @@ static const char query_tail[] =
 
 std::string pgf_query_published()
 {
-    return std::string("WITH t AS (SELECT c.oid FROM pg_publication_tables p"
+    return std::string("WITH RECURSIVE t AS (SELECT c.oid FROM pg_publication_tables p"
                        " JOIN pg_namespace n ON n.nspname = p.schemaname"
                        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
                        " WHERE p.pubname = $1),"
@@ -54,7 +63,7 @@ std::string pgf_query(const std::vector<const pgo_relation *> &tables)
     for (const pgo_relation *table : tables) {
         ids += comma(ids) + std::to_string(table->id);
         for (const pgo_column &column : table->columns)
-            if (pgc_type_text(column.type, column.modifier).empty())
+            if (pgt_text(column.type, column.modifier).empty())
                 types.insert({column.type, column.modifier});
     }
     std::string oids;
@@ -63,9 +72,31 @@ std::string pgf_query(const std::vector<const pgo_relation *> &tables)
         oids += comma(oids) + std::to_string(type);
         modifiers += comma(modifiers) + std::to_string(modifier);
     }
-    return "WITH t AS (SELECT unnest('{" + ids +
+    return "WITH RECURSIVE t AS (SELECT unnest('{" + ids +
            "}'::oid[]) AS oid), y AS (SELECT * FROM unnest('{" + oids + "}'::oid[], '{" +
            modifiers + "}'::int[]) AS u (type, modifier))" + query_tail;
+}
+
+// Takes the next word of a text, up to a blank.
+static std::string_view take_word(std::string_view &text)
+{
+    const std::string_view word = text.substr(0, text.find(' '));
+    text.remove_prefix(std::min(word.size() + 1, text.size()));
+    return word;
+}
+
+static void take_kind(pgf_facts &facts, uint32_t id, std::string_view text)
+{
+    const std::string_view kind = take_word(text);
+    const std::string_view category = take_word(text);
+    pgt_fact fact;
+    if (kind.size() != 1 || category.size() != 1 || !pgs_number(fact.base, take_word(text)) ||
+        !pgs_number(fact.modifier, take_word(text)) || !pgs_number(fact.element, take_word(text)))
+        return;
+    fact.kind = kind.front();
+    fact.category = category.front();
+    fact.name = text;
+    facts.kinds[id] = std::move(fact);
 }
 
 void pgf_take(pgf_facts &facts, const pgs_result &rows)
@@ -79,6 +110,8 @@ void pgf_take(pgf_facts &facts, const pgs_result &rows)
             continue;
         if (kind == "c")
             facts.tables[id] = {.columns = text, .key = {}};
+        else if (kind == "d")
+            take_kind(facts, id, text);
         else if (kind == "k")
             facts.tables[id].key.push_back(text);
         else if (kind == "s")
@@ -153,9 +186,24 @@ pgf_answer pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *>
     return PGF_OLDER;
 }
 
+outcome pgf_need_types(pgf_facts &facts, const pgo_relation &table)
+{
+    const bool known =
+        std::all_of(table.columns.begin(), table.columns.end(), [&](const pgo_column &column) {
+            return pgt_resolve(column.type, column.modifier, facts.kinds).known;
+        });
+    if (known || facts.ask == nullptr)
+        return {};
+    facts.retry_ms = 0; // however short ago there was no answer
+    if (pgf_refresh(facts, {&table}) == PGF_ANSWER)
+        return {};
+    return {OUTCOME_LOST, "the server does not tell yet what the types of table " +
+                              fwu_source_name(table.schema, table.name) + " are"};
+}
+
 std::string pgf_type_text(const pgf_facts &facts, const pgo_column &column)
 {
-    std::string text = pgc_type_text(column.type, column.modifier);
+    std::string text = pgt_text(column.type, column.modifier);
     if (!text.empty())
         return text;
     const auto known = facts.types.find({column.type, column.modifier});

@@ -1,10 +1,11 @@
-// What a server tells of tables only when it is asked: their primary keys, and the names of
-// types that are not built in.
+// What a server tells of tables only when it is asked: their primary keys, and what types are
+// that are not built in.
 #ifndef FEED_POSTGRESQL_FACTS_H
 #define FEED_POSTGRESQL_FACTS_H
 
 #include "feed/postgresql/pgoutput.h"
 #include "feed/postgresql/server.h"
+#include "feed/postgresql/types.h"
 
 #include <cstdint>
 #include <functional>
@@ -34,7 +35,8 @@ struct pgf_facts {
     uint32_t xid = 0; // transaction in hand, which is sent before others see it; 0: none
 
     std::unordered_map<uint32_t, pgf_table> tables; // by OID
-    std::map<pgf_type, std::string> types;          // empty: the server does not know them
+    std::map<pgf_type, std::string> types;          // names; empty: the server does not know them
+    pgt_facts kinds;                                // what types are, by OID
     std::string snapshot;                           // of the last answer, "xmin:xmax:xip,..."
 };
 
@@ -56,6 +58,10 @@ enum pgf_answer {
 
 // Asks for these tables, unless that is to wait.
 pgf_answer pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *> &tables);
+
+// Asks, if there is need, what the types of a table's columns are.  OUTCOME_LOST when there is no
+// answer yet; a type that an answer lacks was dropped since.
+outcome pgf_need_types(pgf_facts &facts, const pgo_relation &table);
 
 // Whether a snapshot has a transaction: it has ended in it.
 bool pgf_has_transaction(std::string_view snapshot, uint32_t xid);

@@ -26,10 +26,8 @@ static void set_columns(feed_row &row, const pgo_relation &told)
     row.present = true;
     row.count = told.columns.size();
     row.columns.resize(row.count);
-    for (size_t i = 0; i < row.count; i++) {
+    for (size_t i = 0; i < row.count; i++)
         row.columns[i].name = told.columns[i].name;
-        row.columns[i].type = pgc_type(told.columns[i].type);
-    }
 }
 
 void pgb_describe(pgb_relations &relations, const pgo_relation &told)
@@ -44,6 +42,24 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
     relation.table = nullptr;
     set_columns(relation.fresh, told);
     set_columns(relation.old, told);
+}
+
+static const fwu_column *find_width(const fwu_config &config, const std::string &table,
+                                    const std::string &column)
+{
+    for (const fwu_column &said : config.columns)
+        if (said.width != 0 && said.table == table && said.column == column)
+            return &said;
+    return nullptr;
+}
+
+// Asks what the types are of the columns whose items depend on it.
+static outcome need_types(pgb_relations &relations, pgo_relation told, const std::string &name)
+{
+    std::erase_if(told.columns, [&](const pgo_column &column) {
+        return find_width(*relations.tables.config, name, column.name) != nullptr;
+    });
+    return pgf_need_types(relations.facts, told);
 }
 
 // Looks the table up, or makes its dataset from what the server says.
@@ -63,7 +79,13 @@ static outcome find_table(feed_table *&table, pgb_relations &relations, const pg
         dataset.layout.dbname = feed_name(told.schema);
         dataset.layout.dsetname = feed_name(told.name);
     }
-    if (outcome made = pgc_make_dataset(dataset, config, told); !made)
+    const pgc_rules rules = {
+        .config = config, .facts = relations.facts, .encoding = relations.encoding};
+    std::vector<pgc_choice> choices;
+    outcome made = need_types(relations, told, name);
+    if (made)
+        made = pgc_make_dataset(dataset, choices, rules, told);
+    if (!made)
         return made;
     // Another table had this name before it was dropped or renamed.
     for (auto &[id, other] : relations.known)
@@ -75,15 +97,28 @@ static outcome find_table(feed_table *&table, pgb_relations &relations, const pg
     return feed_put_table(table, relations.tables, name, std::move(dataset), std::move(columns));
 }
 
-// A timestamp of a width that the configuration gives is a text like others.
-static void set_types(feed_row &row, const fwu_config &config, const pgo_relation &told)
+// Where the configuration gives an item, a value is the server's text, but for what the server
+// itself calls a truth value, and in a table of configured items a timestamp, too.
+static feed_type type_of(const feed_table &table, const pgb_relations &relations,
+                         const pgo_column &column)
 {
-    const std::string name = fwu_source_name(told.schema, told.name);
-    for (const fwu_column &said : config.columns)
-        for (size_t i = 0; i < row.count; i++)
-            if (said.width != 0 && said.table == name && said.column == row.columns[i].name &&
-                row.columns[i].type.whole != FEED_BOOLEAN)
-                row.columns[i].type = {};
+    feed_type type = pgt_meaning(column.type, relations.facts.kinds);
+    const bool configured = table.own == nullptr;
+    const bool width =
+        !configured && find_width(*relations.tables.config, table.name, column.name) != nullptr;
+    const bool built_in = pgt_name(column.type) != nullptr;
+    if ((width && type.whole == FEED_TIMESTAMP) ||
+        ((width || configured) && !built_in &&
+         (type.whole == FEED_TIMESTAMP || type.whole == FEED_BOOLEAN)))
+        type.whole = FEED_PLAIN;
+    return type;
+}
+
+static void set_types(pgb_relation &relation, const pgb_relations &relations)
+{
+    for (feed_row *row : {&relation.fresh, &relation.old})
+        for (size_t i = 0; i < row->count; i++)
+            row->columns[i].type = type_of(*relation.table, relations, relation.told.columns[i]);
 }
 
 // Hands what is known of a table on to it.
@@ -139,10 +174,7 @@ outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
     if (relation->table == nullptr) {
         if (outcome looked = find_table(relation->table, relations, relation->told); !looked)
             return looked;
-        if (relation->table->own != nullptr) {
-            set_types(relation->fresh, *relations.tables.config, relation->told);
-            set_types(relation->old, *relations.tables.config, relation->told);
-        }
+        set_types(*relation, relations);
         relation->news = relation->table->dataset != nullptr;
         relation->urgent = !pgf_knows(relations.facts, relation->told);
     }

@@ -31,6 +31,7 @@ struct pgb_relations {
     std::unordered_map<uint32_t, pgb_relation> known = {};
     pgf_facts facts = {};
     uint32_t described = 0; // last, and no change came since; 0: none
+    fwu_encoding encoding = FWU_LATIN1; // of the log's texts
 };
 
 // Asks over the sql connection for what is to be known of all tables of the publication.

@@ -13,18 +13,28 @@ static pgo_relation table_of(std::vector<pgo_column> columns)
     return relation;
 }
 
-static fwu_dataset made(const fwu_config &config, const pgo_relation &relation)
-{
+struct made_table {
     fwu_dataset dataset;
-    const outcome done = pgc_make_dataset(dataset, config, relation);
+    std::vector<pgc_choice> choices;
+};
+
+static made_table made(const fwu_config &config, const pgo_relation &relation,
+                       const pgf_facts &facts = {}, fwu_encoding encoding = FWU_LATIN1)
+{
+    made_table made;
+    const outcome done =
+        pgc_make_dataset(made.dataset, made.choices,
+                         {.config = config, .facts = facts, .encoding = encoding}, relation);
     EXPECT_TRUE(done) << done.text();
-    return dataset;
+    return made;
 }
 
 static std::string error_of(const fwu_config &config, const pgo_relation &relation)
 {
     fwu_dataset dataset;
-    const outcome done = pgc_make_dataset(dataset, config, relation);
+    std::vector<pgc_choice> choices;
+    const outcome done =
+        pgc_make_dataset(dataset, choices, {.config = config, .facts = {}}, relation);
     return done ? "none" : done.text();
 }
 
@@ -36,64 +46,11 @@ static fwu_config config_of(std::vector<fwu_column> columns = {})
     return config;
 }
 
-// The modifier of numeric(precision,scale).
-static int32_t numeric(int precision, int scale)
-{
-    return (precision << 16 | (scale & 0x7FF)) + 4;
-}
-
-TEST(Catalogue, TypesWithALengthOfTheirOwnBecomeItems)
-{
-    const struct {
-        uint32_t type;
-        int32_t modifier;
-        char letter;
-        int32_t size;
-        int32_t scale;
-    } rows[] = {
-        {21, -1, 'I', 2, 0},              // smallint
-        {23, -1, 'I', 4, 0},              // integer
-        {20, -1, 'I', 8, 0},              // bigint
-        {26, -1, 'K', 4, 0},              // oid
-        {700, -1, 'E', 4, 0},             // real
-        {701, -1, 'E', 8, 0},             // double precision
-        {1700, numeric(1, 0), 'P', 1, 0}, // a digit and the sign in a byte
-        {1700, numeric(2, 1), 'P', 2, 1},
-        {1700, numeric(9, 2), 'P', 5, 2},
-        {1700, numeric(10, 2), 'P', 6, 2},
-        {1700, numeric(27, 27), 'P', 14, 27},
-        {1700, numeric(28, 2), 'X', 31, 0}, // more digits than a packed decimal has
-        {1700, numeric(3, 5), 'X', 8, 0},   // -0.00123
-        {1700, numeric(3, -2), 'X', 8, 0},  // -12300 and room to spare
-        {1042, 8, 'X', 4, 0},               // char(4)
-        {1043, 44, 'X', 40, 0},             // varchar(40)
-        {16, -1, 'X', 1, 0},                // boolean
-        {18, -1, 'X', 1, 0},                // "char"
-        {19, -1, 'X', 63, 0},               // name
-        {1082, -1, 'X', 10, 0},             // date
-        {1083, -1, 'X', 15, 0},             // 23:59:59.999999
-        {1083, 0, 'X', 8, 0},               // time(0)
-        {1083, INT32_MAX, 'X', 15, 0},      // no server's
-        {1083, 3, 'X', 12, 0},              // 23:59:59.999
-        {1266, -1, 'X', 24, 0},             // 23:59:59.999999+15:59:59
-        {1266, 0, 'X', 17, 0},
-        {1114, -1, 'X', 26, 0}, // 2026-03-09 08:18:01.261644
-        {1114, 0, 'X', 19, 0},
-        {1184, 3, 'X', 23, 0},
-        {2950, -1, 'X', 36, 0}, // uuid
-    };
-    for (const auto &row : rows) {
-        const fwu_dataset dataset = made(config_of(), table_of({{"c", row.type, row.modifier}}));
-        ASSERT_EQ(dataset.layout.items.size(), 2U);
-        const fwu_item item = {"C", row.letter, row.size, 1, row.scale};
-        EXPECT_EQ(dataset.layout.items[0], item) << row.type << " " << row.modifier;
-    }
-}
-
 TEST(Catalogue, NullMapStandsBehindTheColumns)
 {
     const fwu_dataset dataset =
-        made(config_of(), table_of({{"order_no", 23, -1}, {"qty", 21, -1}, {"unit", 1042, 7}}));
+        made(config_of(), table_of({{"order_no", 23, -1}, {"qty", 21, -1}, {"unit", 1042, 7}}))
+            .dataset;
     ASSERT_EQ(dataset.layout.items.size(), 4U);
     EXPECT_EQ(dataset.null_map, 3);
     EXPECT_EQ(dataset.layout.items[0].name, "ORDER-NO");
@@ -109,7 +66,8 @@ TEST(Catalogue, ConfigurationGivesWidthsAndNames)
     const fwu_dataset dataset = made(config, table_of({{"remarks", 25, -1},
                                                        {"a_name_of_18_chars", 23, -1},
                                                        {"no", 20, -1},
-                                                       {"qty", 21, -1}}));
+                                                       {"qty", 21, -1}}))
+                                    .dataset;
     const fwu_item items[] = {{"REMARKS", 'X', 200, 1, 0},
                               {"SHORT", 'I', 4, 1, 0},
                               {"NUMBER", 'X', 12, 1, 0},
@@ -124,21 +82,6 @@ TEST(Catalogue, WhatCannotBecomeAnItemIsToldWithTheRemedy)
         pgo_column column;
         const char *error;
     } rows[] = {
-        {{"note", 25, -1},
-         "app.parts.note: values of type text have no greatest length that an item could have: put "
-         "the line \"column app.parts.note width=N\" into shop.cfg"},
-        {{"c", 1043, -1},
-         "app.parts.c: values of type character varying have no greatest length that an item could "
-         "have: put the line \"column app.parts.c width=N\" into shop.cfg"},
-        {{"n", 1700, -1},
-         "app.parts.n: values of type numeric have no greatest length that an item could have: put "
-         "the line \"column app.parts.n width=N\" into shop.cfg"},
-        {{"v", 1043, 4 + 32768},
-         "app.parts.v: values of type character varying have no greatest length that an item could "
-         "have: put the line \"column app.parts.v width=N\" into shop.cfg"},
-        {{"m", 16390, -1},
-         "app.parts.m: values of type number 16390 have no greatest length that an item could "
-         "have: put the line \"column app.parts.m width=N\" into shop.cfg"},
         {{"a_name_of_18_chars", 23, -1},
          "app.parts.a_name_of_18_chars: A-NAME-OF-18-CHARS is longer than the 17 characters of an "
          "item name: put the line \"column app.parts.a_name_of_18_chars item=SHORTER-NAME\" into "
@@ -163,71 +106,143 @@ TEST(Catalogue, WhatCannotBecomeAnItemIsToldWithTheRemedy)
               "table app.parts has no columns: leave it out with the line skip-table app.parts");
 }
 
-TEST(Catalogue, TypesSayWhatCannotBeSeenFromTheValue)
+// "NOTE X 1000: default of text; ..."
+static std::string chosen(const made_table &made)
 {
-    const struct {
-        uint32_t type;
-        feed_type expected;
-    } cases[] = {
-        {16, {FEED_BOOLEAN, FEED_BOOLEAN}},
-        {1000, {FEED_PLAIN, FEED_BOOLEAN}},
-        {1114, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
-        {1184, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
-        {1115, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
-        {1185, {FEED_TIMESTAMP, FEED_TIMESTAMP}},
-        {25, {FEED_WORDS, FEED_WORDS}},
-        {1009, {FEED_PLAIN, FEED_WORDS}},
-        {19, {FEED_WORDS, FEED_WORDS}},
-        {1043, {FEED_WORDS, FEED_WORDS}},
-        {1015, {FEED_WORDS, FEED_WORDS}},
-        {1042, {FEED_FILLED_WORDS, FEED_FILLED_WORDS}},
-        {1014, {FEED_PLAIN, FEED_FILLED_WORDS}},
-        {1700, {}},
-        {1005, {}},
-        {99999, {}},
-    };
-    for (const auto &row : cases)
-        EXPECT_EQ(pgc_type(row.type), row.expected) << row.type;
+    std::string text;
+    for (size_t i = 0; i < made.choices.size(); i++) {
+        const pgc_choice &choice = made.choices[i];
+        const fwu_item &item = made.dataset.layout.items[i];
+        EXPECT_EQ(choice.item, item.name);
+        EXPECT_EQ(choice.width, item.size);
+        EXPECT_EQ(choice.shrunk, choice.width < choice.wanted);
+        text += (i == 0 ? "" : "; ") + choice.column + " " + choice.type + ": " + item.name + " " +
+                static_cast<char>(item.type) + " " + std::to_string(item.size) + ", " + choice.why +
+                (choice.bounded ? ", bounded" : "") + (choice.shrunk ? ", shrunk" : "");
+    }
+    return text;
 }
 
-TEST(Catalogue, TypesAreWrittenAsTheServerDoes)
+TEST(Catalogue, AChoiceSaysWhatGaveTheWidth)
+{
+    pgf_facts facts;
+    facts.kinds[16400] = {.name = "public.mood", .kind = 'e', .category = 'E'};
+    facts.kinds[16401] = {
+        .name = "public.price", .kind = 'd', .category = 'N', .base = 1700, .modifier = 589830};
+    facts.types = {{{16400, -1}, "public.mood"}, {{16401, -1}, "public.price"}};
+    const fwu_config config = config_of({{"app.parts", "remarks", "", 200}});
+    const made_table table = made(config,
+                                  table_of({{"id", 23, -1},
+                                            {"remarks", 25, -1},
+                                            {"body", 25, -1},
+                                            {"code", 1043, 12},
+                                            {"mood", 16400, -1},
+                                            {"price", 16401, -1},
+                                            {"gone", 16402, -1}}),
+                                  facts, FWU_UTF8);
+    EXPECT_EQ(chosen(table), "id integer: ID I 4, its type, bounded; "
+                             "remarks text: REMARKS X 200, width= in shop.cfg; "
+                             "body text: BODY X 1000, default of text; "
+                             "code character varying(8): CODE X 18, room for its characters; "
+                             "mood public.mood: MOOD X 63, default of public.mood; "
+                             "price public.price: PRICE P 5, its type, bounded; "
+                             "gone : GONE X 255, default of types that are not known");
+}
+
+// The widths of columns of one table, "4 1000".
+static std::string widths(const made_table &made)
+{
+    std::string text;
+    for (const pgc_choice &choice : made.choices)
+        text += (text.empty() ? "" : " ") + std::to_string(choice.width);
+    return text;
+}
+
+TEST(Catalogue, ADefaultWidthIsThatOfTheNearestName)
+{
+    pgf_facts facts;
+    facts.kinds[16400] = {.name = "public.note", .kind = 'd', .category = 'S', .base = 25};
+    facts.kinds[16401] = {.name = "public.memo", .kind = 'd', .category = 'S', .base = 25};
+    const pgo_relation table = table_of({{"note", 16400, -1},
+                                         {"memo", 16401, -1},
+                                         {"t", 25, -1},
+                                         {"v", 1043, -1},
+                                         {"c", 1042, -1},
+                                         {"v7", 1043, 11},
+                                         {"n", 1700, -1},
+                                         {"i", 23, -1}});
+    fwu_config config = config_of({{"app.parts", "v", "", 5}});
+    config.default_widths = {{"text", 300}, {"public.note", 200}, {"character", 70}};
+    EXPECT_EQ(chosen(made(config, table, facts)),
+              "note : NOTE X 200, default-width of public.note in shop.cfg; "
+              "memo : MEMO X 300, default-width of text in shop.cfg; "
+              "t text: T X 300, default-width of text in shop.cfg; "
+              "v character varying: V X 5, width= in shop.cfg; "
+              "c bpchar: C X 70, default-width of character in shop.cfg; "
+              "v7 character varying(7): V7 X 7, its type, bounded; "
+              "n numeric: N X 40, default of numeric; "
+              "i integer: I I 4, its type, bounded");
+    config.default_widths = {{"", 20}, {"text", 300}, {"bpchar", 30}};
+    EXPECT_EQ(widths(made(config, table, facts)), "300 300 300 5 30 7 20 4");
+    // One width for all is a default, too: it shrinks.
+    config.default_widths = {{"", 32767}};
+    EXPECT_EQ(widths(made(config, table, facts)), "3255 3255 3255 5 3255 7 3255 4");
+}
+
+static pgo_relation table_of_texts(size_t texts, pgo_column last)
+{
+    std::vector<pgo_column> columns;
+    for (size_t i = 0; i < texts; i++)
+        columns.push_back({"t" + std::to_string(i), 25, -1});
+    columns.push_back(std::move(last));
+    return table_of(std::move(columns));
+}
+
+TEST(Catalogue, WidthsThatNobodyGaveShrinkUntilTheRecordFits)
 {
     const struct {
-        uint32_t type;
-        int32_t modifier;
-        const char *text;
-    } cases[] = {
-        {23, -1, "integer"},
-        {16, -1, "boolean"},
-        {18, -1, "\"char\""},
-        {1700, -1, "numeric"},
-        {1700, numeric(9, 2), "numeric(9,2)"},
-        {1700, numeric(3, -2), "numeric(3,-2)"},
-        {1700, numeric(2, 5), "numeric(2,5)"},
-        {1700, numeric(1000, 1000), "numeric(1000,1000)"},
-        {1231, -1, "numeric[]"},
-        {1231, numeric(9, 0), "numeric(9,0)[]"},
-        {1043, -1, "character varying"},
-        {1043, 4 + 36, "character varying(36)"},
-        {1015, 4 + 7, "character varying(7)[]"},
-        {1042, -1, "bpchar"}, // of any length
-        {1042, 4 + 1, "character(1)"},
-        {1014, -1, "bpchar[]"},
-        {1014, 4 + 3, "character(3)[]"},
-        {1083, -1, "time without time zone"},
-        {1083, 0, "time(0) without time zone"},
-        {1266, 6, "time(6) with time zone"},
-        {1114, 3, "timestamp(3) without time zone"},
-        {1184, -1, "timestamp with time zone"},
-        {1115, 3, "timestamp(3) without time zone[]"},
-        {1185, -1, "timestamp with time zone[]"},
-        {1009, -1, "text[]"},
-        {1186, -1, "interval"},
-        {1186, 2147418112, ""}, // interval(0): the server is to say
-        {23, 5, ""},
-        {16400, -1, ""},
-        {0, -1, ""},
+        size_t texts;
+        pgo_column last;
+        int32_t width;      // of the texts
+        int32_t last_width; // of the last column
+        int32_t length;     // of the image
+    } rows[] = {
+        // 16 * 1000 + 4 and a null map of 17 fit
+        {16, {"n", 23, -1}, 1000, 4, 16021},
+        // 17 * 1000 + 4 + 18 do not: (16300 - 22) / 17 is 957.5
+        {17, {"n", 23, -1}, 957, 4, 16291},
+        // a width that is below the cap stays: 255 of a varchar
+        {17, {"v", 1043, -1}, 942, 255, 16287},
+        // exact types never shrink: numeric(1000,2) is 1003 digits, sign and point
+        {40, {"n", 1700, (1000 << 16 | 2) + 4}, 381, 1003, 16284},
+        // the greatest number of columns that a table can have: (16300 - 1600 - 4) / 1599
+        {1599, {"n", 23, -1}, 9, 4, 15995},
+        // a given width, too: (16300 - 3 - 16000) / 2
+        {2, {"given", 25, -1}, 148, 16000, 16299},
+        // ... and where it alone is too long, the others keep theirs
+        {2, {"wide", 25, -1}, 1000, 16290, 18293},
     };
-    for (const auto &row : cases)
-        EXPECT_EQ(pgc_type_text(row.type, row.modifier), row.text) << row.type;
+    const fwu_config config =
+        config_of({{"app.parts", "given", "", 16000}, {"app.parts", "wide", "", 16290}});
+    for (const auto &row : rows) {
+        const made_table table = made(config, table_of_texts(row.texts, row.last));
+        SCOPED_TRACE(std::to_string(row.texts) + " " + row.last.name);
+        EXPECT_EQ(table.choices[0].width, row.width);
+        EXPECT_EQ(table.choices[0].wanted, 1000);
+        EXPECT_EQ(table.choices.back().width, row.last_width);
+        EXPECT_EQ(fwu_layout_image_length(table.dataset.layout), row.length);
+        chosen(table);
+    }
+}
+
+TEST(Catalogue, CountedTextsShrinkWhereTheirCharactersMayTakeSeveralBytes)
+{
+    // 2 * 8000 + 2 bytes of UTF-8, twice
+    const pgo_relation table = table_of({{"a", 1043, 8004}, {"b", 1042, 8004}, {"c", 1043, 24}});
+    EXPECT_EQ(widths(made(config_of(), table, {}, FWU_UTF8)), "8127 8127 42");
+    // Each character is a byte: it is as long as its type says.
+    EXPECT_EQ(widths(made(config_of(), table)), "8000 8000 20");
+    const pgo_relation longer = table_of({{"a", 1043, 20004}, {"b", 25, -1}});
+    EXPECT_EQ(widths(made(config_of(), longer)), "20000 1000");
+    EXPECT_EQ(widths(made(config_of(), longer, {}, FWU_UTF8)), "15298 1000");
 }

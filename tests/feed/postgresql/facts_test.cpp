@@ -54,6 +54,68 @@ TEST(Facts, AnswersTakeThePlaceOfWhatWasKnown)
     EXPECT_THAT(facts.tables[70].key, IsEmpty());
 }
 
+TEST(Facts, AnswersSayWhatTypesAre)
+{
+    pgf_facts facts;
+    pgf_take(facts, facts_rows({{"d", "16400", "0", "e E 0 -1 0 public.mood"},
+                                {"d", "16401", "0", "b A 0 -1 16400 public.mood[]"},
+                                {"d", "16402", "0", "d N 1700 589830 0 public.\"my price\""},
+                                {"d", "16403", "0", "e E 0 -1"},
+                                {"d", "16404", "0", "e E x -1 0 public.no"},
+                                {"d", "16405", "0", "e E 0 x 0 public.no"},
+                                {"d", "16406", "0", "e E 0 -1 x public.no"},
+                                {"d", "16407", "0", "ee E 0 -1 0 public.no"},
+                                {"d", "16408", "0", "e EE 0 -1 0 public.no"},
+                                {"d", "16409", "0", ""}}));
+    const pgt_facts expected = {
+        {16400, {.name = "public.mood", .kind = 'e', .category = 'E'}},
+        {16401, {.name = "public.mood[]", .category = 'A', .element = 16400}},
+        {16402,
+         {.name = "public.\"my price\"",
+          .kind = 'd',
+          .category = 'N',
+          .base = 1700,
+          .modifier = 589830}},
+    };
+    EXPECT_EQ(facts.kinds, expected);
+}
+
+TEST(Facts, TypesThatAreNeededAreAskedForHoweverShortAgoThatFailed)
+{
+    pgf_facts facts;
+    pgo_relation table = table_of(70, {{"a", INT, -1}});
+    table.schema = "app";
+    table.name = "orders";
+    int asked = 0;
+    bool answers = false;
+    std::vector<facts_row> rows = {{"s", "0", "0", "8:8:"}};
+    facts.ask = [&](const std::string &, pgs_result &result) {
+        asked++;
+        result = facts_rows(rows);
+        return answers;
+    };
+    EXPECT_TRUE(pgf_need_types(facts, table));
+    EXPECT_EQ(asked, 0) << "all are built in";
+    table.columns.push_back({"b", MOOD, -1});
+    for (int i = 1; i <= 3; i++) {
+        const outcome done = pgf_need_types(facts, table);
+        EXPECT_EQ(done.kind(), OUTCOME_LOST);
+        EXPECT_EQ(done.text(),
+                  "the server does not tell yet what the types of table app.orders are");
+        EXPECT_EQ(asked, i);
+    }
+    answers = true;
+    facts.xid = 9; // which the answer's snapshot lacks
+    EXPECT_EQ(pgf_need_types(facts, table).kind(), OUTCOME_LOST);
+    facts.xid = 7;
+    EXPECT_TRUE(pgf_need_types(facts, table)) << "dropped by now";
+    rows.push_back({"d", "16400", "0", "e E 0 -1 0 public.mood"});
+    EXPECT_TRUE(pgf_need_types(facts, table));
+    asked = 0;
+    EXPECT_TRUE(pgf_need_types(facts, table));
+    EXPECT_EQ(asked, 0);
+}
+
 TEST(Facts, AnswersThatAreNoneArePassedOver)
 {
     pgf_facts facts;

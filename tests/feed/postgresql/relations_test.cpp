@@ -135,14 +135,70 @@ TEST_F(Relations, RenamedTableGivesItsDatasetFree)
 
 TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
 {
-    config.columns = {{"app.orders", "at", "", 40}, {"app.orders", "ok", "", 3}};
-    describe(7, "orders", {{"at", 1114, -1}, {"ok", 16, -1}, {"then", 1114, -1}});
+    config.columns = {
+        {"app.orders", "at", "", 40}, {"app.orders", "ok", "", 3}, {"app.orders", "note", "", 9}};
+    describe(7, "orders",
+             {{"at", 1114, -1}, {"ok", 16, -1}, {"then", 1114, -1}, {"note", 1043, 44}});
     pgb_relation &relation = find(7);
-    const feed_row &row =
-        row_of(relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}}));
-    EXPECT_EQ(row.columns[0].type, feed_type());
+    const feed_row &row = row_of(
+        relation, tuple('N', {{'t', "20000-01-01 00:00:00"}, {'t', "t"}, {'n', {}}, {'n', {}}}));
+    EXPECT_EQ(row.columns[0].type.whole, FEED_PLAIN);
     EXPECT_EQ(row.columns[1].type.whole, FEED_BOOLEAN);
     EXPECT_EQ(row.columns[2].type.whole, FEED_TIMESTAMP);
+    EXPECT_EQ(row.columns[3].type.whole, FEED_WORDS) << "it may be cut";
+}
+
+TEST_F(Relations, TypesThatAreNotBuiltInAreWhatTheCatalogueSays)
+{
+    answer({{"c", "7", "0", ""},
+            {"d", "16400", "0", "e E 0 -1 0 public.mood"},
+            {"d", "16401", "0", "d B 16 -1 0 public.yes"},
+            {"d", "16402", "0", "d D 1114 3 0 public.seen"}});
+    describe(7, "orders", {{"mood", 16400, -1}, {"ok", 16401, -1}, {"at", 16402, -1}});
+    pgb_relation &relation = find(7);
+    EXPECT_EQ(asked.size(), 2U) << "for the types, and for what is to be told of the table";
+    EXPECT_EQ(relation.table->image_length, 63 + 1 + 23 + 3);
+    const feed_row &row =
+        row_of(relation, tuple('N', {{'t', "fine"}, {'t', "t"}, {'t', "2026-03-09 08:18:01.2"}}));
+    EXPECT_EQ(row.columns[0].type.whole, FEED_WORDS);
+    EXPECT_EQ(row.columns[1].kind, FEED_TRUE);
+    EXPECT_EQ(row.columns[2].type.whole, FEED_TIMESTAMP);
+}
+
+TEST_F(Relations, WithoutWhatTheTypesAreTheTableWaits)
+{
+    relations.facts.ask = [this](const std::string &query, pgs_result &) {
+        asked.push_back(query);
+        return false;
+    };
+    describe(7, "orders", {{"mood", 16400, -1}, {"wide", 16401, -1}});
+    config.columns = {{"app.orders", "wide", "", 9}};
+    pgb_relation *found = nullptr;
+    EXPECT_EQ(pgb_find(found, relations, 7, notes).kind(), OUTCOME_LOST);
+    ASSERT_EQ(asked.size(), 1U);
+    EXPECT_NE(asked[0].find("'{16400}'::oid[]"), std::string::npos) << asked[0];
+    answer({{"c", "7", "0", ""}}); // both are dropped by now
+    EXPECT_EQ(find(7).table->image_length, 255 + 9 + 2);
+    EXPECT_EQ(source_of(find(7)), "app.orders: mood; wide");
+}
+
+TEST_F(Relations, ConfiguredItemsOfDomainsHaveTheServersText)
+{
+    fwu_dataset dataset;
+    dataset.layout = {
+        .dbname = "APP",
+        .dsetname = "ORDERS",
+        .items = {{"OK", 'X', 1, 1, 0}, {"YES", 'X', 1, 1, 0}, {"AT", 'X', 26, 1, 0}}};
+    config.datasets.push_back(dataset);
+    pgf_take(relations.facts, facts_rows({{"d", "16401", "0", "d B 16 -1 0 public.yes"},
+                                          {"d", "16402", "0", "d D 1114 3 0 public.seen"}}));
+    describe(7, "orders", {{"ok", 16, -1}, {"yes", 16401, -1}, {"at", 16402, -1}, {"b", 25, -1}});
+    const feed_row &row = row_of(
+        find(7), tuple('N', {{'t', "t"}, {'t', "t"}, {'t', "2026-03-09 08:18:01"}, {'n', {}}}));
+    EXPECT_EQ(row.columns[0].kind, FEED_TRUE);
+    EXPECT_EQ(row.columns[1].kind, FEED_TEXT);
+    EXPECT_EQ(row.columns[2].type.whole, FEED_PLAIN);
+    EXPECT_EQ(row.columns[3].type.whole, FEED_WORDS);
 }
 
 TEST_F(Relations, ConfiguredTableKeepsItsItems)
