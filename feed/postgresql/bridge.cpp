@@ -161,7 +161,7 @@ static outcome set_up(bridge &b)
 }
 
 // What the log and the run before say.
-static void take_over(bridge &b)
+static outcome take_over(bridge &b)
 {
     pgb_state_read(b.state);
     const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
@@ -169,6 +169,9 @@ static void take_over(bridge &b)
     if (last.lsn != 0 && b.state.snapshot == "begun")
         b.state.snapshot = "done"; // cut short behind its commit
     b.state.mode = fwu_writer_file_mode(b.tx.writer);
+    b.relations.encoding = fwu_writer_encoding(b.tx.writer);
+    return feed_names_open(b.relations.names, b.config.log_directory,
+                           static_cast<mode_t>(b.state.mode));
 }
 
 outcome pgb_run(const pgb_options &options)
@@ -181,8 +184,9 @@ outcome pgb_run(const pgb_options &options)
     signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
     if (fwu_writer_open(&b.tx.writer, b.config) != 0)
         return OUTCOME_FAILED;
-    take_over(b);
-    outcome done = accept_loss(b);
+    outcome done = take_over(b);
+    if (done)
+        done = accept_loss(b);
     if (done)
         done = pgb_state_write(b.state, false); // before the server is asked, which may take long
     if (done)

@@ -24,33 +24,21 @@ static bool name_is_free(const fwu_layout &layout, const std::string &name)
                         [&](const fwu_item &item) { return item.name == name; });
 }
 
-static bool is_plain(const std::string &name)
+// The items that the configuration names, which columns without such a name have to leave free.
+static outcome take_names(fwu_layout &taken, const fwu_config &config, const pgo_relation &relation,
+                          const std::string &table)
 {
-    return std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~'; });
-}
-
-static constexpr char NULL_MAP[] = "NULL-MAP";
-
-static outcome name_item(std::string &name, const fwu_dataset &dataset, const fwu_config &config,
-                         const pgo_relation &relation, const fwu_column *said,
-                         const pgo_column &column)
-{
-    const std::string where = fwu_source_name(relation.schema, relation.name, column.name);
-    name = said != nullptr && !said->item.empty() ? said->item : feed_name(column.name);
-    if (name.size() > FWU_ITEM_NAME_MAX)
-        return outcome_bad(where + ": " + name + " is longer than the " +
-                           std::to_string(FWU_ITEM_NAME_MAX) +
-                           " characters of an item name: put the line \"column " + where +
-                           " item=SHORTER-NAME\" into " + config.path);
-    if (!is_plain(name))
-        return outcome_bad(where +
-                           ": an item name has no blanks and no characters outside ASCII: put the "
-                           "line \"column " +
-                           where + " item=OTHER-NAME\" into " + config.path);
-    if (name == NULL_MAP || !name_is_free(dataset.layout, name))
-        return outcome_bad(where + ": there is another item " + name +
-                           " in this dataset: put the line \"column " + where +
-                           " item=OTHER-NAME\" into " + config.path);
+    for (const pgo_column &column : relation.columns) {
+        const fwu_column *said = find_column(config, table, column.name);
+        if (said == nullptr || said->item.empty())
+            continue;
+        if (said->item == FEED_NULL_MAP || !name_is_free(taken, said->item))
+            return outcome_bad(fwu_source_name(relation.schema, relation.name, column.name) +
+                               ": there is another item " + said->item +
+                               " in this dataset: give the column another one in its line of " +
+                               config.path);
+        taken.items.push_back({.name = said->item});
+    }
     return {};
 }
 
@@ -135,13 +123,19 @@ outcome pgc_make_dataset(fwu_dataset &dataset, std::vector<pgc_choice> &choices,
     dataset.layout.items.clear();
     dataset.null_map = -1;
     choices.clear();
+    fwu_layout taken;
+    if (outcome named = take_names(taken, rules.config, relation, table); !named)
+        return named;
     for (const pgo_column &column : relation.columns) {
         const fwu_column *said = find_column(rules.config, table, column.name);
         pgc_choice choice;
         fwu_item item = choose(choice, rules, said, column).item;
-        if (outcome named = name_item(item.name, dataset, rules.config, relation, said, column);
-            !named)
-            return named;
+        if (said != nullptr && !said->item.empty())
+            item.name = said->item;
+        else
+            feed_names_item(item.name, rules.names, taken, relation.schema, relation.name,
+                            column.name, rules.notes);
+        taken.items.push_back(item);
         choice.column = column.name;
         choice.item = item.name;
         choice.type = pgf_type_text(rules.facts, column);
@@ -154,7 +148,7 @@ outcome pgc_make_dataset(fwu_dataset &dataset, std::vector<pgc_choice> &choices,
                            " has no columns: leave it out with the line skip-table " + table);
     shrink(dataset.layout, choices);
     fwu_item map;
-    map.name = NULL_MAP;
+    map.name = FEED_NULL_MAP;
     map.type = 'X';
     map.size = static_cast<int32_t>(dataset.layout.items.size());
     dataset.null_map = static_cast<int>(dataset.layout.items.size());

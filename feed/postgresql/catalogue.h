@@ -2,6 +2,7 @@
 #ifndef FEED_POSTGRESQL_CATALOGUE_H
 #define FEED_POSTGRESQL_CATALOGUE_H
 
+#include "feed/names.h"
 #include "feed/postgresql/facts.h"
 #include "feed/postgresql/pgoutput.h"
 #include "fwutil/fwu_config.h"
@@ -19,6 +20,8 @@ constexpr int32_t PGC_IMAGE_MAX = 16'300;
 struct pgc_rules {
     const fwu_config &config;
     const pgf_facts &facts;
+    feed_names &names;
+    std::vector<std::string> &notes;    // what is to be told of names
     fwu_encoding encoding = FWU_LATIN1; // of the log's texts
 };
 
@@ -37,8 +40,8 @@ struct pgc_choice {
 
 // Makes the dataset of a table from its columns: an item each, and a null map.  Its dbname and
 // dsetname are those of the dataset.  Widths that nobody has given shrink until the record fits
-// a message file, all to one length, where that is possible.  OUTCOME_BAD, with the column, the
-// reason and the remedy, when a column cannot become an item.
+// a message file, all to one length, where that is possible.  OUTCOME_BAD, with the reason and the
+// remedy, when the configuration gives names that cannot be, or there is no column.
 outcome pgc_make_dataset(fwu_dataset &dataset, std::vector<pgc_choice> &choices,
                          const pgc_rules &rules, const pgo_relation &relation);
 

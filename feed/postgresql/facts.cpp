@@ -13,8 +13,8 @@
 
 // Rows of the query, for tables in "t" and types in "y", in this order: tables ("c") with their
 // columns, what types are and those that they are made of ("d": kind, category, base type and
-// modifier, element, name), columns of keys ("k", by place), the snapshot that all is seen in
-// ("s"), names of types ("t").
+// modifier, element, name), columns of keys ("k", by place), names of tables ("n": 0 the schema's,
+// 1 the table's), the snapshot that all is seen in ("s"), names of types ("t").
 static const char query_tail[] =
     ", z AS (SELECT p.oid, p.typtype, p.typcategory, p.typbasetype, p.typtypmod, p.typelem"
     " FROM pg_type p WHERE p.oid IN (SELECT type FROM y)"
@@ -33,6 +33,10 @@ static const char query_tail[] =
     " JOIN pg_attribute a ON a.attrelid = i.indrelid AND a.attnum = k.attnum"
     " WHERE k.place <= i.indnkeyatts AND (i.indisprimary OR i.indisreplident AND NOT EXISTS"
     " (SELECT FROM pg_index p WHERE p.indrelid = i.indrelid AND p.indisprimary))"
+    " UNION ALL"
+    " SELECT 'n', c.oid, v.number, CASE v.number WHEN 0 THEN n.nspname ELSE c.relname END::text"
+    " FROM t JOIN pg_class c ON c.oid = t.oid JOIN pg_namespace n ON n.oid = c.relnamespace"
+    " CROSS JOIN (VALUES (0), (1)) AS v (number)"
     " UNION ALL"
     " SELECT 's', 0, 0, txid_current_snapshot()::text"
     " UNION ALL"
@@ -109,11 +113,13 @@ void pgf_take(pgf_facts &facts, const pgs_result &rows)
         if (!pgs_number(id, pgs_value(rows, i, 1)) || !pgs_number(number, pgs_value(rows, i, 2)))
             continue;
         if (kind == "c")
-            facts.tables[id] = {.columns = text, .key = {}};
+            facts.tables[id] = {.columns = text};
         else if (kind == "d")
             take_kind(facts, id, text);
         else if (kind == "k")
             facts.tables[id].key.push_back(text);
+        else if (kind == "n")
+            (number == 0 ? facts.tables[id].schema : facts.tables[id].name) = text;
         else if (kind == "s")
             facts.snapshot = text;
         else

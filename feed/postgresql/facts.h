@@ -17,10 +17,12 @@
 #include <vector>
 
 struct pgf_table {
-    std::string columns; // names, types and modifiers of all, to be compared
+    std::string columns = {}; // names, types and modifiers of all, to be compared
     // Columns of the primary key in its order, else those of the index that identifies the
     // rows; empty: there is none.
-    std::vector<std::string> key;
+    std::vector<std::string> key = {};
+    std::string schema = {};
+    std::string name = {};
 };
 
 using pgf_type = std::pair<uint32_t, int32_t>; // OID and modifier

@@ -11,14 +11,32 @@
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_source_name.h"
 
+// All tables get their datasets' names at once, in an order of their own: which one changes first
+// makes no difference to them.
+static outcome name_tables(pgb_relations &relations)
+{
+    const fwu_config &config = *relations.tables.config;
+    std::vector<feed_table_name> tables;
+    for (const auto &[id, table] : relations.facts.tables)
+        if (!table.name.empty() &&
+            !feed_is_skipped(config, fwu_source_name(table.schema, table.name)))
+            tables.push_back({.schema = table.schema, .table = table.name});
+    std::vector<std::string> notes;
+    feed_names_tables(relations.names, config, std::move(tables), notes);
+    for (const std::string &note : notes)
+        tell("%s", note.c_str());
+    return feed_names_keep(relations.names);
+}
+
 outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
 {
     pgs_result rows;
     outcome asked = pgs_query(server, server.sql.get(), rows, pgf_query_published(),
                               {server.publication.c_str()});
-    if (asked)
-        pgf_take(relations.facts, rows);
-    return asked;
+    if (!asked)
+        return asked;
+    pgf_take(relations.facts, rows);
+    return name_tables(relations);
 }
 
 static void set_columns(feed_row &row, const pgo_relation &told)
@@ -63,28 +81,29 @@ static outcome need_types(pgb_relations &relations, pgo_relation told, const std
 }
 
 // Looks the table up, or makes its dataset from what the server says.
-static outcome find_table(feed_table *&table, pgb_relations &relations, const pgo_relation &told)
+static outcome find_table(pgb_relation &relation, pgb_relations &relations,
+                          std::vector<std::string> &notes)
 {
+    feed_table *&table = relation.table;
+    const pgo_relation &told = relation.told;
     const fwu_config &config = *relations.tables.config;
     const std::string name = fwu_source_name(told.schema, told.name);
     const fwu_dataset *said = feed_configured(config, told.schema, told.name);
     if (feed_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
         return feed_find_table(table, relations.tables, told.schema, told.name);
     fwu_dataset dataset;
-    if (said != nullptr) {
-        dataset.layout = said->layout;
-    } else {
-        if (outcome checked = feed_check_name(config, name, told.schema, told.name); !checked)
-            return checked;
-        dataset.layout.dbname = feed_name(told.schema);
-        dataset.layout.dsetname = feed_name(told.name);
-    }
-    const pgc_rules rules = {
-        .config = config, .facts = relations.facts, .encoding = relations.encoding};
-    std::vector<pgc_choice> choices;
+    feed_names_table(dataset.layout.dbname, dataset.layout.dsetname, relations.names, config,
+                     told.schema, told.name, notes);
+    const pgc_rules rules = {.config = config,
+                             .facts = relations.facts,
+                             .names = relations.names,
+                             .notes = notes,
+                             .encoding = relations.encoding};
     outcome made = need_types(relations, told, name);
     if (made)
-        made = pgc_make_dataset(dataset, choices, rules, told);
+        made = pgc_make_dataset(dataset, relation.choices, rules, told);
+    if (made)
+        made = feed_names_keep(relations.names);
     if (!made)
         return made;
     // Another table had this name before it was dropped or renamed.
@@ -172,7 +191,7 @@ outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
                            ", which the server has not described");
     relation = &found->second;
     if (relation->table == nullptr) {
-        if (outcome looked = find_table(relation->table, relations, relation->told); !looked)
+        if (outcome looked = find_table(*relation, relations, notes); !looked)
             return looked;
         set_types(*relation, relations);
         relation->news = relation->table->dataset != nullptr;

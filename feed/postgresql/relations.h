@@ -2,6 +2,8 @@
 #ifndef FEED_POSTGRESQL_RELATIONS_H
 #define FEED_POSTGRESQL_RELATIONS_H
 
+#include "feed/names.h"
+#include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/facts.h"
 #include "feed/postgresql/pgoutput.h"
 #include "feed/row.h"
@@ -13,12 +15,13 @@
 #include <vector>
 
 struct pgb_relation {
-    pgo_relation told;           // as the server describes it
-    feed_table *table = nullptr; // null: not looked up yet
-    bool stale = true;           // the catalogue may say something else of it by now
-    bool urgent = false;         // ... and what is known does not fit
-    bool news = false;           // what is known was not handed on to the table yet
-    feed_row fresh;              // names and types of all columns, values of the row in hand
+    pgo_relation told;               // as the server describes it
+    feed_table *table = nullptr;     // null: not looked up yet
+    std::vector<pgc_choice> choices; // of its columns, where they make its items
+    bool stale = true;               // the catalogue may say something else of it by now
+    bool urgent = false;             // ... and what is known does not fit
+    bool news = false;               // what is known was not handed on to the table yet
+    feed_row fresh;                  // names and types of all columns, values of the row in hand
     feed_row old;
     feed_row partial;             // of a new row of which not all was sent
     feed_row partial_old;         // of an old row of which not all is known
@@ -30,11 +33,13 @@ struct pgb_relations {
     feed_tables tables = {.old_row_remedy = "run ALTER TABLE % REPLICA IDENTITY FULL"};
     std::unordered_map<uint32_t, pgb_relation> known = {};
     pgf_facts facts = {};
-    uint32_t described = 0; // last, and no change came since; 0: none
+    feed_names names = {};              // of datasets and items, kept beside the log
+    uint32_t described = 0;             // last, and no change came since; 0: none
     fwu_encoding encoding = FWU_LATIN1; // of the log's texts
 };
 
-// Asks over the sql connection for what is to be known of all tables of the publication.
+// Asks over the sql connection for what is to be known of all tables of the publication, and
+// gives them their names.
 outcome pgb_get_facts(pgs_server &server, pgb_relations &relations);
 
 // Takes the server's description of a table, which holds from now on.

@@ -2,7 +2,12 @@
 #include "feed/postgresql/catalogue.h"
 #include "fwutil/fwutil.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <set>
+
+using testing::MatchesRegex;
 
 static pgo_relation table_of(std::vector<pgo_column> columns)
 {
@@ -16,25 +21,31 @@ static pgo_relation table_of(std::vector<pgo_column> columns)
 struct made_table {
     fwu_dataset dataset;
     std::vector<pgc_choice> choices;
+    feed_names names;
+    std::vector<std::string> notes;
 };
 
 static made_table made(const fwu_config &config, const pgo_relation &relation,
                        const pgf_facts &facts = {}, fwu_encoding encoding = FWU_LATIN1)
 {
     made_table made;
-    const outcome done =
-        pgc_make_dataset(made.dataset, made.choices,
-                         {.config = config, .facts = facts, .encoding = encoding}, relation);
+    const pgc_rules rules = {.config = config,
+                             .facts = facts,
+                             .names = made.names,
+                             .notes = made.notes,
+                             .encoding = encoding};
+    const outcome done = pgc_make_dataset(made.dataset, made.choices, rules, relation);
     EXPECT_TRUE(done) << done.text();
     return made;
 }
 
 static std::string error_of(const fwu_config &config, const pgo_relation &relation)
 {
-    fwu_dataset dataset;
-    std::vector<pgc_choice> choices;
-    const outcome done =
-        pgc_make_dataset(dataset, choices, {.config = config, .facts = {}}, relation);
+    made_table made;
+    const pgf_facts facts;
+    const pgc_rules rules = {
+        .config = config, .facts = facts, .names = made.names, .notes = made.notes};
+    const outcome done = pgc_make_dataset(made.dataset, made.choices, rules, relation);
     return done ? "none" : done.text();
 }
 
@@ -76,34 +87,49 @@ TEST(Catalogue, ConfigurationGivesWidthsAndNames)
         EXPECT_EQ(dataset.layout.items[i], items[i]);
 }
 
-TEST(Catalogue, WhatCannotBecomeAnItemIsToldWithTheRemedy)
+TEST(Catalogue, NamesOfTheConfigurationThatCannotBeAreToldWithTheRemedy)
 {
     const struct {
-        pgo_column column;
+        std::vector<fwu_column> said;
         const char *error;
     } rows[] = {
-        {{"a_name_of_18_chars", 23, -1},
-         "app.parts.a_name_of_18_chars: A-NAME-OF-18-CHARS is longer than the 17 characters of an "
-         "item name: put the line \"column app.parts.a_name_of_18_chars item=SHORTER-NAME\" into "
-         "shop.cfg"},
-        {{"gr\xC3\xB6\xC3\x9F"
-          "e",
-          23, -1},
-         "app.parts.gr\xC3\xB6\xC3\x9F"
-         "e: an item name has no blanks and no characters outside ASCII: "
-         "put the line \"column app.parts.gr\xC3\xB6\xC3\x9F"
-         "e item=OTHER-NAME\" into shop.cfg"},
-        {{"NO", 23, -1},
-         "app.parts.NO: there is another item NO in this dataset: put the line \"column "
-         "app.parts.NO item=OTHER-NAME\" into shop.cfg"},
-        {{"null_map", 23, -1},
-         "app.parts.null_map: there is another item NULL-MAP in this dataset: put the line "
-         "\"column app.parts.null_map item=OTHER-NAME\" into shop.cfg"},
+        {{{"app.parts", "a", "SAME"}, {"app.parts", "b.c", "SAME"}},
+         "app.parts.\"b.c\": there is another item SAME in this dataset: give the column another "
+         "one in its line of shop.cfg"},
+        {{{"app.parts", "b.c", "NULL-MAP"}},
+         "app.parts.\"b.c\": there is another item NULL-MAP in this dataset: give the column "
+         "another one in its line of shop.cfg"},
+        {{{"app.parts", "a", "B-C"}}, "none"},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(error_of(config_of(), table_of({{"no", 23, -1}, row.column})), row.error);
+        EXPECT_EQ(error_of(config_of(row.said), table_of({{"a", 23, -1}, {"b.c", 23, -1}})),
+                  row.error);
     EXPECT_EQ(error_of(config_of(), table_of({})),
               "table app.parts has no columns: leave it out with the line skip-table app.parts");
+}
+
+TEST(Catalogue, ColumnsWithoutANameOfTheirOwnGetOne)
+{
+    // The configuration's names go first, wherever their columns stand.
+    const fwu_config config = config_of({{"app.parts", "z", "NO", 0}});
+    const made_table table = made(config, table_of({{"no", 23, -1},
+                                                    {"NO", 23, -1},
+                                                    {"null_map", 23, -1},
+                                                    {"a_name_of_18_chars", 23, -1},
+                                                    {"z", 23, -1}}));
+    const std::vector<fwu_item> &items = table.dataset.layout.items;
+    ASSERT_EQ(items.size(), 6U);
+    std::set<std::string> names;
+    for (const fwu_item &item : items)
+        EXPECT_TRUE(names.insert(item.name).second) << item.name;
+    EXPECT_THAT(items[0].name, MatchesRegex("NO-[0-9A-V]{5}"));
+    EXPECT_THAT(items[1].name, MatchesRegex("NO-[0-9A-V]{5}"));
+    EXPECT_THAT(items[2].name, MatchesRegex("NULL-MAP-[0-9A-V]{5}"));
+    EXPECT_THAT(items[3].name, MatchesRegex("A-NAME-OF-1-[0-9A-V]{5}"));
+    EXPECT_EQ(items[4].name, "NO");
+    EXPECT_EQ(items[5].name, "NULL-MAP");
+    EXPECT_EQ(table.notes.size(), 4U);
+    EXPECT_EQ(table.names.items.size(), 4U) << "to be kept";
 }
 
 // "NOTE X 1000: default of text; ..."

@@ -38,10 +38,14 @@ TEST(Facts, AnswersTakeThePlaceOfWhatWasKnown)
                                 {"c", "71", "0", ""},
                                 {"k", "70", "1", "no"},
                                 {"k", "70", "2", "line"},
+                                {"n", "70", "0", "app"},
+                                {"n", "70", "1", "orders"},
                                 {"t", "16400", "-1", "public.mood"},
                                 {"t", "16404", "5", "???"},
                                 {"t", "16405", "-1", "???[]"}}));
     EXPECT_THAT(facts.tables[70].key, ElementsAre("no", "line"));
+    EXPECT_EQ(facts.tables[70].schema, "app");
+    EXPECT_EQ(facts.tables[70].name, "orders");
     EXPECT_THAT(facts.tables[71].key, IsEmpty());
     EXPECT_EQ(pgf_type_text(facts, {"b", MOOD, -1}), "public.mood");
     EXPECT_EQ(pgf_type_text(facts, {"b", MOOD, 7}), "");

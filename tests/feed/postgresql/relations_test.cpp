@@ -1,9 +1,12 @@
 // Tables as the server describes them, and their rows.
 #include "feed/postgresql/relations.h"
 #include "tests/feed/postgresql/facts_rows.h"
+#include "tests/support/tempdir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+using testing::MatchesRegex;
 
 class Relations : public testing::Test {
   protected:
@@ -117,10 +120,8 @@ TEST_F(Relations, NewTableOfAnOldNameTakesItsPlace)
     EXPECT_EQ(items_of(find(8)), "ORDERS: KEY NULL-MAP");
 }
 
-TEST_F(Relations, RenamedTableGivesItsDatasetFree)
+TEST_F(Relations, ADatasetStaysWithTheNameOfItsTable)
 {
-    describe(7, "Parts", {{"no", 23, -1}});
-    find(7);
     describe(7, "parts", {{"no", 23, -1}});
     EXPECT_EQ(items_of(find(7)), "PARTS: NO NULL-MAP");
     describe(8, "new", {{"no", 23, -1}});
@@ -131,6 +132,9 @@ TEST_F(Relations, RenamedTableGivesItsDatasetFree)
     describe(8, "parts", {{"no", 23, -1}});
     EXPECT_EQ(items_of(find(8)), "PARTS: NO NULL-MAP");
     EXPECT_EQ(items_of(find(7)), "NEW: NO NULL-MAP");
+    // Another name is another dataset, also where both come to the same.
+    describe(8, "Parts", {{"no", 23, -1}});
+    EXPECT_THAT(items_of(find(8)), MatchesRegex("PARTS-[0-9A-V]{5}: NO NULL-MAP"));
 }
 
 TEST_F(Relations, ColumnOfAGivenWidthIsATextLikeOthers)
@@ -227,25 +231,33 @@ TEST_F(Relations, SkippedTableHasNoDataset)
     EXPECT_EQ(find(7).table->dataset, nullptr);
 }
 
-TEST_F(Relations, TablesThatCannotBecomeADatasetAreToldWithTheRemedy)
+TEST_F(Relations, TablesThatCannotHaveTheirNameGetAnother)
 {
     describe(7, "a_table_name_of_22", {{"no", 23, -1}});
-    EXPECT_EQ(error_of(7), "table app.a_table_name_of_22: A-TABLE-NAME-OF-22 is longer than the 16 "
-                           "characters of a name: give the dataset a short name in shop.cfg with "
-                           "table=app.a_table_name_of_22, or leave the table out with the line "
-                           "skip-table app.a_table_name_of_22");
-    describe(6, "2nd", {{"no", 23, -1}});
-    EXPECT_EQ(error_of(6),
-              "table app.2nd: APP.2ND has characters that names of databases and datasets "
-              "cannot have: name the dataset in shop.cfg with table=app.2nd, or leave the "
-              "table out with the line skip-table app.2nd");
+    EXPECT_THAT(items_of(find(7)), MatchesRegex("A-TABLE-NA-[0-9A-V]{5}: NO NULL-MAP"));
     describe(8, "parts", {{"no", 23, -1}});
     describe(9, "PARTS", {{"no", 23, -1}});
-    find(8);
-    EXPECT_EQ(error_of(9),
-              "table app.PARTS goes into dataset APP.PARTS like table app.parts: describe "
-              "a dataset of its own in shop.cfg with table=app.PARTS");
+    EXPECT_EQ(items_of(find(8)), "PARTS: NO NULL-MAP");
+    EXPECT_THAT(items_of(find(9)), MatchesRegex("PARTS-[0-9A-V]{5}: NO NULL-MAP"));
+    EXPECT_EQ(notes.size(), 2U);
     EXPECT_EQ(error_of(10), "a change came of table number 10, which the server has not described");
+}
+
+TEST_F(Relations, NamesAreKeptBesideTheLogBeforeTheirFirstUse)
+{
+    const tempdir dir;
+    ASSERT_TRUE(feed_names_open(relations.names, dir.path(), 0600));
+    describe(7, "orders", {{"no", 23, -1}, {"NO", 23, -1}});
+    const std::string items = items_of(find(7));
+    feed_names kept;
+    ASSERT_TRUE(feed_names_open(kept, dir.path(), 0600));
+    EXPECT_EQ(kept.tables, relations.names.tables);
+    EXPECT_EQ(kept.items, relations.names.items);
+    EXPECT_EQ(kept.items.size(), 1U);
+    ASSERT_TRUE(feed_names_open(relations.names, dir.file("nowhere"), 0600));
+    describe(8, "parts", {{"no", 23, -1}});
+    pgb_relation *found = nullptr;
+    EXPECT_EQ(pgb_find(found, relations, 8, notes).kind(), OUTCOME_FAILED);
 }
 
 TEST_F(Relations, RowsHaveTheColumnsThatWereSent)
