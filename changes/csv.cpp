@@ -28,27 +28,24 @@ static bool is_plain(std::string_view text)
     return true;
 }
 
-static void put_value(change_csv &csv, std::string &out, const change_csv_column &column,
-                      const unsigned char *image)
+static void put_value(std::string &out, std::string &work, change_value kind, std::string_view text)
 {
-    const change_dataset &dataset = *csv.dataset;
-    if (image == nullptr || change_is_null(dataset, image, column.item))
-        return;
-    std::string_view text;
-    switch (change_value_get(text, csv.work, dataset.layout.items[column.item], dataset.big_endian,
-                             image + column.offset)) {
+    switch (kind) {
     case CHANGE_NUMBER:
     case CHANGE_SPECIAL:
         out += text;
         break;
-    case CHANGE_TEXT:
+    case CHANGE_LATIN1:
         if (is_plain(text)) {
             out += text;
         } else {
-            csv.work.clear();
-            change_put_utf8(csv.work, text);
-            change_csv_put_text(out, csv.work);
+            work.clear();
+            change_put_utf8(work, text);
+            change_csv_put_text(out, work);
         }
+        break;
+    case CHANGE_UTF8:
+        change_csv_put_text(out, text);
         break;
     case CHANGE_BYTES:
         put_hex(out, text);
@@ -56,10 +53,35 @@ static void put_value(change_csv &csv, std::string &out, const change_csv_column
     }
 }
 
+static void put_field(change_csv &csv, std::string &out, const change_csv_column &column,
+                      const change_row &row)
+{
+    if (row.image == nullptr)
+        return;
+    const change_dataset &dataset = *csv.dataset;
+    const fwu_item &item = dataset.layout.items[column.item];
+    std::string_view text;
+    switch (change_place_of(text, dataset, row, column.item)) {
+    case CHANGE_IN_IMAGE: {
+        const change_value kind = change_value_get(text, csv.work, item, dataset.big_endian,
+                                                   dataset.encoding, row.image + column.offset);
+        put_value(out, csv.work, kind, text);
+        break;
+    }
+    case CHANGE_WHOLE: // of all elements: it stands where the first one would
+        if (column.offset == dataset.offsets[column.item])
+            put_value(out, csv.work, change_value_whole(text, item), text);
+        break;
+    case CHANGE_NULL:
+    case CHANGE_NOT_KNOWN:
+        break;
+    }
+}
+
 void change_csv_put(change_csv &csv, std::string &out, const change &next,
                     const change_transaction &transaction)
 {
-    const unsigned char *const row = next.op == CHANGE_DELETE ? next.before : next.after;
+    const change_row &row = next.op == CHANGE_DELETE ? next.before : next.after;
     bool first = true;
     for (const change_csv_column &column : csv.columns) {
         if (!first)
@@ -68,7 +90,7 @@ void change_csv_put(change_csv &csv, std::string &out, const change &next,
         if (column.about != nullptr)
             column.about->put(out, next, transaction);
         else
-            put_value(csv, out, column, column.before ? next.before : row);
+            put_field(csv, out, column, column.before ? next.before : row);
     }
     out += "\r\n";
 }

@@ -75,8 +75,7 @@ static void put_table(std::string &out, const change &next, const change_transac
     if (next.dataset != nullptr)
         put_known(out, next.dataset->table);
     else
-        put_known(out, next.mark->schema.empty() ? next.mark->table
-                                                 : next.mark->schema + "." + next.mark->table);
+        put_known(out, change_table_name(next.mark->schema, next.mark->table));
 }
 
 static void put_transaction(std::string &out, const change &, const change_transaction &transaction)
@@ -126,6 +125,32 @@ static void put_reason(std::string &out, const change &next, const change_transa
         put_known(out, next.mark->reason);
 }
 
+static void add_unknown(std::string &names, std::string_view lead, const change_dataset &dataset,
+                        const change_row &row)
+{
+    std::string_view ignored;
+    for (size_t i = 0; row.image != nullptr && i < dataset.layout.items.size(); i++) {
+        if (change_place_of(ignored, dataset, row, i) != CHANGE_NOT_KNOWN)
+            continue;
+        std::string name(lead);
+        change_put_utf8(name, dataset.layout.items[i].name);
+        names += names.empty() ? "" : ",";
+        change_csv_put_text(names, name);
+    }
+}
+
+// Values that are not known, as --columns names them: an empty field is a null otherwise.
+static void put_unknown(std::string &out, const change &next, const change_transaction &)
+{
+    if (next.dataset == nullptr)
+        return;
+    std::string names;
+    const bool deleted = next.op == CHANGE_DELETE;
+    add_unknown(names, "", *next.dataset, deleted ? next.before : next.after);
+    add_unknown(names, "before.", *next.dataset, deleted ? change_row{} : next.before);
+    put_known(out, names);
+}
+
 static constexpr change_csv_about rows[] = {
     {"_op", put_op},
     {"_position", put_change_position},
@@ -145,6 +170,7 @@ static constexpr change_csv_about rows[] = {
     {"_pid", put_session<3>},
     {"_info", put_session<4>},
     {"_reason", put_reason},
+    {"_unknown", put_unknown},
 };
 
 const change_csv_about *change_csv_about_of(std::string_view name)

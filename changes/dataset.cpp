@@ -59,7 +59,7 @@ static void complete_source(change_dataset &dataset)
     if (layout.source == nullptr)
         return;
     const fwu_source &source = *layout.source;
-    dataset.table = source.schema.empty() ? source.table : source.schema + "." + source.table;
+    dataset.table = change_table_name(source.schema, source.table);
     for (size_t i = 0; i < source.columns.size(); i++)
         if (source.columns[i].item >= 0)
             dataset.column[static_cast<size_t>(source.columns[i].item)] = static_cast<int>(i);

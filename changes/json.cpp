@@ -264,13 +264,13 @@ static void set_transaction(change_json::parts &own, const change_transaction &t
     own.end_text += "}\n";
 }
 
-static void put_image(change_json::parts &own, std::string &out, const change &next,
-                      const json_dataset *made, const unsigned char *image)
+static void put_row(change_json::parts &own, std::string &out, const change &next,
+                    const json_dataset *made, const change_row &row)
 {
-    if (image == nullptr || made == nullptr)
+    if (row.image == nullptr || made == nullptr)
         out += "null";
     else
-        change_json_image(out, own.work, made->items, next.dataset->big_endian, image);
+        change_json_row(out, own.work, made->items, *next.dataset, row);
 }
 
 static std::string table_of(const change &next)
@@ -278,7 +278,7 @@ static std::string table_of(const change &next)
     const fwu_mark &mark = *next.mark;
     if (mark.table.empty())
         return next.dataset == nullptr ? "" : next.dataset->table;
-    return mark.schema.empty() ? mark.table : mark.schema + "." + mark.table;
+    return change_table_name(mark.schema, mark.table);
 }
 
 // What a mark has beside the members of a change.
@@ -305,9 +305,9 @@ void change_json_put(change_json &json, std::string &out, const change &next,
     out += R"({"op":")";
     out += static_cast<char>(next.op);
     out += R"(","before":)";
-    put_image(own, out, next, made, next.before);
+    put_row(own, out, next, made, next.before);
     out += R"(,"after":)";
-    put_image(own, out, next, made, next.after);
+    put_row(own, out, next, made, next.after);
     if (next.mark != nullptr)
         put_mark(out, next);
     out += R"(,"source":{)";

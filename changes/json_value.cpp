@@ -62,6 +62,27 @@ void change_json_text(std::string &out, std::string_view latin1)
     out += '"';
 }
 
+void change_json_utf8(std::string &out, std::string_view text)
+{
+    constexpr char control_lead = '\xC2'; // of U+0080 to U+00BF
+    out += '"';
+    size_t begun = 0; // of the characters that stay as they are
+    for (size_t at = 0; at < text.size(); at++) {
+        const bool control = text[at] == control_lead && escape_of(text[at + 1]).text[0] == '\\';
+        if (static_cast<signed char>(text[at]) < 0 && !control)
+            continue;
+        const escape &row = escape_of(text[control ? at + 1 : at]);
+        if (row.length == 1)
+            continue;
+        out.append(text, begun, at - begun);
+        out.append(row.text, row.length);
+        at += control ? 1 : 0;
+        begun = at + 1;
+    }
+    out.append(text, begun);
+    out += '"';
+}
+
 // Columns of truth values, single ones and arrays.
 static bool is_boolean(const std::string &source_type)
 {
@@ -87,16 +108,14 @@ std::vector<change_json_item> change_json_items(const change_dataset &dataset,
                 : nullptr;
         change_json_item &item = made.emplace_back();
         item.item = &layout.items[i];
-        item.name = made.size() == 1 ? "" : ",";
+        item.index = i;
+        item.name = ",";
         if (column != nullptr)
             json_text_append(item.name, column->name);
         else
             change_json_text(item.name, item.item->name);
         item.name += ':';
         item.offset = dataset.offsets[i];
-        if (dataset.null_flag[i] != CHANGE_NO_ITEM)
-            item.null_at =
-                dataset.offsets[static_cast<size_t>(dataset.null_map)] + dataset.null_flag[i];
         item.quoted = options.text_numbers && !is_floating(*item.item);
         item.boolean = column != nullptr && is_boolean(column->type);
     }
@@ -114,20 +133,19 @@ static std::string_view truth(change_value kind, std::string_view text)
         text = text.substr(0, point);
         return text == "1" ? "true" : text == "0" ? "false" : "";
     }
+    const bool is_text = kind == CHANGE_LATIN1 || kind == CHANGE_UTF8;
     for (const std::string_view one : {"T", "t", "true"})
-        if (kind == CHANGE_TEXT && text == one)
+        if (is_text && text == one)
             return "true";
     for (const std::string_view one : {"F", "f", "false"})
-        if (kind == CHANGE_TEXT && text == one)
+        if (is_text && text == one)
             return "false";
     return {};
 }
 
-static void put_element(std::string &out, std::string &work, const change_json_item &item,
-                        bool big_endian, const unsigned char *element)
+static void put_value(std::string &out, const change_json_item &item, change_value kind,
+                      std::string_view text)
 {
-    std::string_view text;
-    const change_value kind = change_value_get(text, work, *item.item, big_endian, element);
     if (item.boolean) {
         if (const std::string_view said = truth(kind, text); !said.empty()) {
             out += said;
@@ -146,8 +164,11 @@ static void put_element(std::string &out, std::string &work, const change_json_i
         out += text;
         out += '"';
         break;
-    case CHANGE_TEXT:
+    case CHANGE_LATIN1:
         change_json_text(out, text);
+        break;
+    case CHANGE_UTF8:
+        change_json_utf8(out, text);
         break;
     case CHANGE_BYTES:
         out += R"({"hex":")";
@@ -157,28 +178,43 @@ static void put_element(std::string &out, std::string &work, const change_json_i
     }
 }
 
-void change_json_image(std::string &out, std::string &work,
-                       const std::vector<change_json_item> &items, bool big_endian,
-                       const unsigned char *image)
+static void put_elements(std::string &out, std::string &work, const change_json_item &item,
+                         const change_dataset &dataset, const unsigned char *element)
+{
+    const int32_t count = item.item->count;
+    if (count > 1)
+        out += '[';
+    for (int32_t i = 0; i < count; i++, element += item.item->size) {
+        if (i > 0)
+            out += ',';
+        std::string_view text;
+        const change_value kind =
+            change_value_get(text, work, *item.item, dataset.big_endian, dataset.encoding, element);
+        put_value(out, item, kind, text);
+    }
+    if (count > 1)
+        out += ']';
+}
+
+void change_json_row(std::string &out, std::string &work,
+                     const std::vector<change_json_item> &items, const change_dataset &dataset,
+                     const change_row &row)
 {
     out += '{';
+    size_t separator = 0; // characters of it in front of the next name
     for (const change_json_item &item : items) {
-        out += item.name;
-        if (item.null_at != CHANGE_NO_ITEM && image[item.null_at] == 'N') {
-            out += "null";
+        std::string_view whole;
+        const change_place place = change_place_of(whole, dataset, row, item.index);
+        if (place == CHANGE_NOT_KNOWN)
             continue;
-        }
-        const unsigned char *element = image + item.offset;
-        const int32_t count = item.item->count;
-        if (count > 1)
-            out += '[';
-        for (int32_t i = 0; i < count; i++, element += item.item->size) {
-            if (i > 0)
-                out += ',';
-            put_element(out, work, item, big_endian, element);
-        }
-        if (count > 1)
-            out += ']';
+        out.append(item.name, 1 - separator);
+        separator = 1;
+        if (place == CHANGE_NULL)
+            out += "null";
+        else if (place == CHANGE_WHOLE)
+            put_value(out, item, change_value_whole(whole, *item.item), whole);
+        else
+            put_elements(out, work, item, dataset, row.image + item.offset);
     }
     out += '}';
 }

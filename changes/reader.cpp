@@ -3,6 +3,7 @@
 #include "changes/reader.h"
 
 #include "changes/dataset.h"
+#include "changes/values.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_layout_check.h"
 #include "fwutil/fwu_place.h"
@@ -39,6 +40,7 @@ struct change_reader::parts {
     bool has_session = false;
     bool snapshot = false; // its changes are rows of a snapshot
     fwu_mark mark;
+    change_values values; // that stand before the change to come
 };
 
 change_reader::change_reader() : own(std::make_unique<parts>())
@@ -166,15 +168,17 @@ static file_dataset *find_dataset(change_reader::parts &own, const char *dbname,
 static const change_dataset *make_dataset(change_reader &reader, const file_dataset &from)
 {
     change_reader::parts &own = *reader.own;
-    const bool big_endian = reader.log.cursor.header.big_endian;
+    const fwu_file_header &file = reader.log.cursor.header;
     set_key(own.key, from.layout.dbname, from.layout.dsetname);
     auto &known = own.made[own.key];
     for (const auto &dataset : known)
-        if (dataset->big_endian == big_endian && dataset->layout == from.layout)
+        if (dataset->big_endian == file.big_endian && dataset->encoding == file.encoding &&
+            dataset->layout == from.layout)
             return dataset.get();
     auto dataset = std::make_unique<change_dataset>();
     dataset->layout = from.layout;
-    dataset->big_endian = big_endian;
+    dataset->big_endian = file.big_endian;
+    dataset->encoding = file.encoding;
     dataset->begun = from.begun;
     change_dataset_complete(*dataset, own.said);
     return known.emplace_back(std::move(dataset)).get();
@@ -209,6 +213,10 @@ static const char *take_change(change_reader &reader, const fwu_entry &entry, ch
     file_dataset *dataset = find_dataset(own, from.dbname, from.dsetname);
     if (dataset == nullptr)
         return FWU_NO_LAYOUT;
+    next.before = {from.before, {}};
+    next.after = {from.after, {}};
+    if (!change_values_give(own.values, dataset->layout.items.size(), next.before, next.after))
+        return FWU_MALFORMED;
     wanted = wanted && dataset->wanted;
     if (!wanted)
         return nullptr;
@@ -219,8 +227,6 @@ static const char *take_change(change_reader &reader, const fwu_entry &entry, ch
     next.op = op_of(own, from.opcode);
     next.dataset = dataset->made;
     next.record = from.recnum;
-    next.before = from.before;
-    next.after = from.after;
     next.mark = nullptr;
     return nullptr;
 }
@@ -242,16 +248,26 @@ static const char *take_mark(change_reader &reader, const fwu_entry &entry, chan
     next.op = mark.kind == FWU_MARK_TRUNCATE ? CHANGE_TRUNCATE : CHANGE_GAP;
     next.dataset = dataset == nullptr ? nullptr : dataset->made;
     next.record = 0;
-    next.before = nullptr;
-    next.after = nullptr;
+    next.before = {};
+    next.after = {};
     next.mark = &mark;
     return nullptr;
+}
+
+static const char *take_value(change_reader::parts &own, const fwu_entry &entry)
+{
+    fwu_value_piece piece;
+    return fwu_entry_value(entry, piece) && change_values_take(own.values, piece) ? nullptr
+                                                                                  : FWU_MALFORMED;
 }
 
 static const char *take_entry(change_reader &reader, const fwu_entry &entry, change &next,
                               bool &wanted)
 {
     wanted = false;
+    if (entry.kind != FWU_KIND_VALUE && change_values_wait(reader.own->values) &&
+        !fwu_entry_is_change(entry))
+        return FWU_MALFORMED; // they belong to nothing
     switch (entry.kind) {
     case FWU_KIND_LAYOUT:
         return take_layout(reader, entry);
@@ -261,8 +277,9 @@ static const char *take_entry(change_reader &reader, const fwu_entry &entry, cha
         return take_session(*reader.own, entry);
     case FWU_KIND_MARK:
         return take_mark(reader, entry, next, wanted);
-    case FWU_KIND_COMMIT:
     case FWU_KIND_VALUE:
+        return take_value(*reader.own, entry);
+    case FWU_KIND_COMMIT:
         return nullptr;
     default:
         return take_change(reader, entry, next, wanted);
@@ -315,6 +332,7 @@ static void begin(change_reader &reader)
     own.has_session = false;
     own.snapshot = false;
     own.pass_over = 0;
+    change_values_clear(own.values);
     const fwu_position here = position_of(reader, 0);
     const auto in_file = [&here](const fwu_position &position) {
         return position.sequence == here.sequence && position.generation == here.generation;

@@ -7,6 +7,7 @@
 #include "changes/sql_quote.h"
 #include "changes/sql_statement.h"
 
+#include <set>
 #include <unordered_map>
 
 struct sql_writer::parts {
@@ -15,8 +16,9 @@ struct sql_writer::parts {
     const sql_table *last = nullptr;
     sql_position position;
     sql_work work;
-    bool headed = false; // what stands in front of everything has been put
-    bool begun = false;  // a transaction
+    std::set<std::string> left_out; // columns of which it was told
+    bool headed = false;            // what stands in front of everything has been put
+    bool begun = false;             // a transaction
 };
 
 sql_writer::sql_writer(sql_options given)
@@ -115,7 +117,7 @@ static outcome find_table(sql_writer &writer, std::string &out, const change_dat
 static std::string mark_name(const fwu_mark &mark)
 {
     if (!mark.table.empty())
-        return mark.schema.empty() ? mark.table : mark.schema + "." + mark.table;
+        return change_table_name(mark.schema, mark.table);
     return mark.dsetname.empty() ? "all tables" : mark.dbname + "." + mark.dsetname;
 }
 
@@ -187,6 +189,17 @@ static outcome begin(sql_writer &writer, std::string &out, const change_transact
     return positioned ? sql_position_begin(own.position, out, transaction) : outcome{};
 }
 
+// Tells once of each column.
+static void tell_left_out(sql_writer &writer, const sql_table &table, const change &of)
+{
+    for (const std::string &column : writer.own->work.left_out)
+        if (writer.own->left_out.insert(table.origin + "." + column).second)
+            writer.notes.push_back("position " + fwu_position_text(of.position) + ": " +
+                                   table.origin + " column " + column +
+                                   " is not known of a new row, here for the first time; it gets "
+                                   "what the database gives it");
+}
+
 static outcome put_row(sql_writer &writer, std::string &out, const sql_table &table,
                        const change &of)
 {
@@ -201,6 +214,7 @@ static outcome put_row(sql_writer &writer, std::string &out, const sql_table &ta
         out.resize(begin);
         return done;
     }
+    tell_left_out(writer, table, of);
     if (there)
         sql_position_end_row(position, out, table.name);
     out += ";\n";

@@ -7,20 +7,21 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
-// What the making of literals keeps from value to value.
+// What the making of statements keeps from value to value.
 struct sql_work {
     std::string digits;
     std::string text;
+    std::vector<std::string> left_out; // columns that the INSERT made last does not have
 };
 
-// Appends the literal of a column's value in an image; NULL where it is null.  False: the
-// bytes there are no value of the column, which has to be told.
+// Appends the literal of a column's value in a row; NULL where it is null.  False: the bytes
+// there are no value of the column, which has to be told.  The value must be known.
 bool sql_put_value(std::string &out, sql_work &work, const sql_table &table,
-                   const sql_column &column, const unsigned char *image);
+                   const sql_column &column, const change_row &row);
 
 // What is wrong with bytes that are no value.
-std::string sql_no_value(const sql_table &table, const sql_column &column,
-                         const unsigned char *image);
+std::string sql_no_value(const sql_table &table, const sql_column &column, const change_row &row);
 
 #endif

@@ -2,6 +2,7 @@
 // those that are equal is taken.
 #include "changes/sql_statement.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -15,37 +16,52 @@ struct statement {
 
 } // namespace
 
-static bool put_value(statement &to, const sql_column &column, const unsigned char *image)
+static bool is_known(const statement &to, const sql_column &column, const change_row &row)
 {
-    if (sql_put_value(to.out, to.work, to.table, column, image))
+    std::string_view ignored;
+    return change_place_of(ignored, *to.table.dataset, row, column.item) != CHANGE_NOT_KNOWN;
+}
+
+static bool put_value(statement &to, const sql_column &column, const change_row &row)
+{
+    if (sql_put_value(to.out, to.work, to.table, column, row))
         return true;
-    to.wrong = sql_no_value(to.table, column, image);
+    to.wrong = sql_no_value(to.table, column, row);
     return false;
 }
 
-static bool put_comparison(statement &to, const sql_column &column, const unsigned char *image,
+static bool put_comparison(statement &to, const sql_column &column, const change_row &row,
                            const std::string &compared)
 {
-    if (change_is_null(*to.table.dataset, image, column.item)) {
+    std::string_view ignored;
+    if (change_place_of(ignored, *to.table.dataset, row, column.item) == CHANGE_NULL) {
         to.out += column.quoted + " IS NULL";
         return true;
     }
     to.out += compared + " = ";
-    return put_value(to, column, image);
+    return put_value(to, column, row);
+}
+
+static bool nothing_known(statement &to, const char *which)
+{
+    to.wrong = to.table.origin + " has a change of whose " + which +
+               " row nothing is known: make it by hand and go on behind this transaction with "
+               "--after, or leave the dataset out with --dset";
+    return false;
 }
 
 // Terms in brackets of their own: databases bound how deep an expression may be.
-static bool put_whole_row(statement &to, const unsigned char *image)
+static bool put_columns(statement &to, const std::vector<const sql_column *> &columns,
+                        const change_row &row)
 {
     constexpr size_t TERMS = 100;
-    const std::vector<sql_column> &columns = to.table.columns;
     const bool grouped = columns.size() > TERMS;
     if (grouped)
         to.out.push_back('(');
     for (size_t i = 0; i < columns.size(); i++) {
         if (i > 0)
             to.out += i % TERMS == 0 ? ") AND (" : " AND ";
-        if (!put_comparison(to, columns[i], image, columns[i].compared))
+        if (!put_comparison(to, *columns[i], row, columns[i]->compared))
             return false;
     }
     if (grouped)
@@ -53,21 +69,46 @@ static bool put_whole_row(statement &to, const unsigned char *image)
     return true;
 }
 
-static bool put_where(statement &to, const unsigned char *image, std::string_view condition)
+// A row without key, or one of whose key not all is known.  Rows that are equal in all columns
+// are one as good as the other; where not all are known there has to be a single one.
+static bool put_known_row(statement &to, const change_row &row)
+{
+    const sql_table &table = to.table;
+    std::vector<const sql_column *> known;
+    for (const sql_column &column : table.columns)
+        if (is_known(to, column, row))
+            known.push_back(&column);
+    if (known.empty())
+        return nothing_known(to, "old");
+    if (known.size() == table.columns.size()) {
+        to.out += "(" + table.row + ") = (SELECT " + table.row + " FROM " + table.name + " WHERE ";
+        const bool put = put_columns(to, known, row);
+        to.out += " LIMIT 1)";
+        return put;
+    }
+    const size_t begin = to.out.size();
+    if (!put_columns(to, known, row))
+        return false;
+    const std::string terms = to.out.substr(begin);
+    to.out += " AND 1 = (SELECT count(*) FROM " + table.name + " WHERE " + terms + ")";
+    return true;
+}
+
+static bool put_where(statement &to, const change_row &row, std::string_view condition)
 {
     const sql_table &table = to.table;
     to.out += " WHERE ";
-    for (const size_t at : table.key) {
-        if (at != table.key.front())
-            to.out += " AND ";
-        if (!put_comparison(to, table.columns[at], image, table.columns[at].quoted))
+    const bool by_key =
+        !table.key.empty() && std::all_of(table.key.begin(), table.key.end(), [&](size_t at) {
+            return is_known(to, table.columns[at], row);
+        });
+    if (!by_key && !put_known_row(to, row))
+        return false;
+    for (size_t i = 0; by_key && i < table.key.size(); i++) {
+        const sql_column &column = table.columns[table.key[i]];
+        to.out += i > 0 ? " AND " : "";
+        if (!put_comparison(to, column, row, column.quoted))
             return false;
-    }
-    if (table.key.empty()) {
-        to.out += "(" + table.row + ") = (SELECT " + table.row + " FROM " + table.name + " WHERE ";
-        if (!put_whole_row(to, image))
-            return false;
-        to.out += " LIMIT 1)";
     }
     if (!condition.empty())
         to.out += " AND ";
@@ -75,14 +116,36 @@ static bool put_where(statement &to, const unsigned char *image, std::string_vie
     return true;
 }
 
-static bool put_insert(statement &to, const unsigned char *image, std::string_view condition)
+// What is not known gets what the database gives it.
+static void put_insert_columns(statement &to, const change_row &row)
 {
-    to.out += to.table.insert;
+    for (const sql_column &column : to.table.columns)
+        if (!is_known(to, column, row))
+            to.work.left_out.push_back(column.name);
+    if (to.work.left_out.empty()) {
+        to.out += to.table.insert;
+        return;
+    }
+    std::string names;
+    for (const sql_column &column : to.table.columns)
+        if (is_known(to, column, row))
+            names += (names.empty() ? "" : ", ") + column.quoted;
+    to.out += sql_insert_into(to.table, names);
+}
+
+static bool put_insert(statement &to, const change_row &row, std::string_view condition)
+{
+    put_insert_columns(to, row);
+    if (to.work.left_out.size() == to.table.columns.size())
+        return nothing_known(to, "new");
     to.out += condition.empty() ? " VALUES (" : " SELECT ";
+    bool first = true;
     for (const sql_column &column : to.table.columns) {
-        if (&column != to.table.columns.data())
-            to.out += ", ";
-        if (!put_value(to, column, image))
+        if (!is_known(to, column, row))
+            continue;
+        to.out += first ? "" : ", ";
+        first = false;
+        if (!put_value(to, column, row))
             return false;
     }
     if (condition.empty())
@@ -93,20 +156,25 @@ static bool put_insert(statement &to, const unsigned char *image, std::string_vi
     return true;
 }
 
-// Whether both images have the same value of an item.
+// Whether both rows have the same value of an item, which is known in the new one.
 static bool same_value(const change_dataset &dataset, const change &of, size_t item)
 {
-    const bool was_null = change_is_null(dataset, of.before, item);
-    if (was_null || change_is_null(dataset, of.after, item))
-        return was_null == change_is_null(dataset, of.after, item);
+    std::string_view was;
+    std::string_view is;
+    const change_place before = change_place_of(was, dataset, of.before, item);
+    const change_place after = change_place_of(is, dataset, of.after, item);
+    if (before != after)
+        return false;
+    if (before != CHANGE_IN_IMAGE)
+        return was == is;
     const fwu_item &as = dataset.layout.items[item];
     const int64_t at = dataset.offsets[item];
-    return memcmp(of.before + at, of.after + at,
+    return memcmp(of.before.image + at, of.after.image + at,
                   static_cast<size_t>(as.size) * static_cast<size_t>(as.count)) == 0;
 }
 
 // Columns that stay are not set: some databases make a column's values themselves and let
-// nobody set them.
+// nobody set them.  What is not known stays, too.
 static bool put_update(statement &to, const change &of, std::string_view condition, bool &put)
 {
     const sql_table &table = to.table;
@@ -114,7 +182,7 @@ static bool put_update(statement &to, const change &of, std::string_view conditi
     to.out += "UPDATE " + table.name + " SET ";
     const size_t bare = to.out.size();
     for (const sql_column &column : table.columns) {
-        if (same_value(*table.dataset, of, column.item))
+        if (!is_known(to, column, of.after) || same_value(*table.dataset, of, column.item))
             continue;
         if (to.out.size() > bare)
             to.out += ", ";
@@ -145,6 +213,7 @@ outcome sql_put_statement(std::string &out, bool &put, sql_work &work, const sql
                           const change &of, std::string_view condition)
 {
     statement to{out, work, table, {}};
+    work.left_out.clear();
     put = true;
     if (!put_change(to, of, condition, put))
         return outcome_bad(std::move(to.wrong));

@@ -37,7 +37,7 @@ static void name_table(sql_table &table)
     const bool known = layout.source != nullptr && !layout.source->table.empty();
     const std::string schema = known ? layout.source->schema : utf8(layout.dbname);
     const std::string name = known ? layout.source->table : utf8(layout.dsetname);
-    table.origin = schema.empty() ? name : schema + "." + name;
+    table.origin = change_table_name(schema, name);
     table.name = sql_table_name(*table.dialect, schema, name);
     if (table.dialect->schemas && !schema.empty())
         sql_put_name(table.schema, schema);
@@ -118,12 +118,17 @@ static outcome set_key(sql_table &table, const std::vector<sql_key> &keys)
     return {};
 }
 
+std::string sql_insert_into(const sql_table &table, const std::string &columns)
+{
+    return "INSERT INTO " + table.name + " (" + columns + ")" + table.dialect->overriding;
+}
+
 static void prepare(sql_table &table)
 {
-    table.insert = "INSERT INTO " + table.name + " (";
+    std::string names;
     for (const sql_column &column : table.columns)
-        table.insert += (&column == table.columns.data() ? "" : ", ") + column.quoted;
-    table.insert += std::string(")") + table.dialect->overriding;
+        names += (names.empty() ? "" : ", ") + column.quoted;
+    table.insert = sql_insert_into(table, names);
     for (const char *const row : table.dialect->rows) {
         const auto has_name = [row](const sql_column &column) {
             return strcasecmp(column.name.c_str(), row) == 0;

@@ -38,4 +38,7 @@ struct sql_key {
 outcome sql_table_make(sql_table &table, const sql_dialect &dialect,
                        const std::vector<sql_key> &keys, const change_dataset &dataset);
 
+// An INSERT of these columns up to its values.
+std::string sql_insert_into(const sql_table &table, const std::string &columns);
+
 #endif

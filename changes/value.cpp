@@ -3,6 +3,8 @@
 // back to the same bits.
 #include "changes/value.h"
 
+#include "util/utf8.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -120,8 +122,20 @@ static std::string_view text_at(const fwu_item &item, const unsigned char *in)
     return {reinterpret_cast<const char *>(in), static_cast<size_t>(item.size)};
 }
 
+static bool is_text(const fwu_item &item)
+{
+    return item.type == 'X' || item.type == 'U';
+}
+
+static change_value kind_of_text(std::string_view text, fwu_encoding encoding)
+{
+    if (encoding == FWU_LATIN1)
+        return CHANGE_LATIN1;
+    return utf8_valid(text) ? CHANGE_UTF8 : CHANGE_BYTES;
+}
+
 change_value change_value_get(std::string_view &text, std::string &work, const fwu_item &item,
-                              bool big_endian, const unsigned char *element)
+                              bool big_endian, fwu_encoding encoding, const unsigned char *element)
 {
     change_value found = CHANGE_BYTES;
     work.clear();
@@ -145,12 +159,52 @@ change_value change_value_get(std::string_view &text, std::string &work, const f
     case 'U':
         text = text_at(item, element);
         text = text.substr(0, text.find_last_not_of(' ') + 1);
-        return CHANGE_TEXT;
+        found = kind_of_text(text, encoding);
+        if (found != CHANGE_BYTES)
+            return found;
+        break;
     default:
         break;
     }
     text = found == CHANGE_BYTES ? text_at(item, element) : work;
     return found;
+}
+
+static bool take_digits(std::string_view &text)
+{
+    const size_t n = std::min(text.find_first_not_of("0123456789"), text.size());
+    text.remove_prefix(n);
+    return n > 0;
+}
+
+bool change_is_number(std::string_view text)
+{
+    if (text.starts_with('-'))
+        text.remove_prefix(1);
+    if (text.starts_with('0'))
+        text.remove_prefix(1); // no other digit may follow
+    else if (!take_digits(text))
+        return false;
+    if (text.starts_with('.')) {
+        text.remove_prefix(1);
+        if (!take_digits(text))
+            return false;
+    }
+    if (text.starts_with('e') || text.starts_with('E')) {
+        text.remove_prefix(1);
+        if (text.starts_with('+') || text.starts_with('-'))
+            text.remove_prefix(1);
+        if (!take_digits(text))
+            return false;
+    }
+    return text.empty();
+}
+
+change_value change_value_whole(std::string_view whole, const fwu_item &item)
+{
+    if (!is_text(item) && change_is_number(whole))
+        return CHANGE_NUMBER;
+    return kind_of_text(whole, FWU_UTF8);
 }
 
 void change_put_utf8(std::string &out, std::string_view latin1)

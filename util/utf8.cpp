@@ -1,6 +1,8 @@
 // The forms of a character of several bytes, as a table.
 #include "util/utf8.h"
 
+#include <cstring>
+
 // The bits of the first byte that tell the form, what they are in it, and the least code
 // that has to be written so long.
 struct utf8_form {
@@ -34,4 +36,24 @@ size_t utf8_decode_long(std::string_view text, uint32_t &code)
         return form.length;
     }
     return 0;
+}
+
+bool utf8_valid(std::string_view text)
+{
+    while (!text.empty()) {
+        uint64_t eight = 0; // most texts are ASCII
+        if (text.size() >= sizeof eight) {
+            memcpy(&eight, text.data(), sizeof eight);
+            if ((eight & 0x8080808080808080) == 0) {
+                text.remove_prefix(sizeof eight);
+                continue;
+            }
+        }
+        uint32_t code = 0;
+        const size_t length = utf8_decode(text, code);
+        if (length == 0)
+            return false;
+        text.remove_prefix(length);
+    }
+    return true;
 }

@@ -26,4 +26,7 @@ constexpr bool utf8_continues(char byte)
     return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
 }
 
+// Whether all of a text is UTF-8.
+bool utf8_valid(std::string_view text);
+
 #endif

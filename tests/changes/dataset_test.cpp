@@ -36,10 +36,11 @@ TEST(ChangeDataset, EveryOtherItemHasItsByteInTheNullMap)
     EXPECT_EQ(dataset.null_map, 1);
     EXPECT_EQ(dataset.null_flag, (std::vector<int>{0, CHANGE_NO_ITEM, 1}));
     const std::string image = "1234.N      ";
-    const auto *bytes = reinterpret_cast<const unsigned char *>(image.data());
-    EXPECT_FALSE(change_is_null(dataset, bytes, 0));
-    EXPECT_FALSE(change_is_null(dataset, bytes, 1)) << "the map itself is never null";
-    EXPECT_TRUE(change_is_null(dataset, bytes, 2));
+    const change_row row = {reinterpret_cast<const unsigned char *>(image.data()), {}};
+    std::string_view whole;
+    EXPECT_EQ(change_place_of(whole, dataset, row, 0), CHANGE_IN_IMAGE);
+    EXPECT_EQ(change_place_of(whole, dataset, row, 1), CHANGE_IN_IMAGE) << "the map itself";
+    EXPECT_EQ(change_place_of(whole, dataset, row, 2), CHANGE_NULL);
 }
 
 struct map_row {

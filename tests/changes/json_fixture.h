@@ -21,15 +21,16 @@ struct json_lines {
     }
 
     void put(change_op op, const change_dataset &dataset, const std::string &before,
-             const std::string &after, const fwu_session_view *session = nullptr)
+             const std::string &after, const fwu_session_view *session = nullptr,
+             const whole_values &whole = {})
     {
         change next;
         next.op = op;
         next.dataset = &dataset;
         next.session = session;
         next.record = ++record;
-        next.before = image(dataset, before);
-        next.after = image(dataset, after);
+        next.before = {image(dataset, before), whole.before};
+        next.after = {image(dataset, after), whole.after};
         put(next);
     }
 
@@ -95,10 +96,11 @@ inline std::string rest_of_line(const std::string &names, int32_t record = 1)
 
 // The members of one image, as they stand in the line of its insert.
 inline std::string values_of(const change_dataset &dataset, const std::string &image,
-                             change_json_options options = {})
+                             change_json_options options = {},
+                             const std::vector<fwu_value> &whole = {})
 {
     json_lines lines(options);
-    lines.put(CHANGE_CREATE, dataset, "", image);
+    lines.put(CHANGE_CREATE, dataset, "", image, nullptr, {{}, whole});
     lines.commit();
     const std::string line = lines.out.substr(lines.out.find('\n') + 1);
     const std::string front = R"({"op":"c","before":null,"after":)";

@@ -121,7 +121,7 @@ TEST(ChangesJson, PositionsGoFromFileToFile)
         next.position = position;
         next.record = 2147483647;
         next.n = 18446744073709551615U;
-        next.after = reinterpret_cast<const unsigned char *>("\1\0a ..");
+        next.after.image = reinterpret_cast<const unsigned char *>("\1\0a ..");
         change_json_put(lines.json, lines.out, next, lines.transaction);
         EXPECT_THAT(lines.taken(), HasSubstr("\"position\":\"" + fwu_position_text(position) +
                                              "\",\"record\":2147483647,"));
@@ -286,7 +286,11 @@ TEST(ChangesJson, MarksHaveNoImagesAndAReason)
         {{FWU_MARK_TRUNCATE, "", "", "", "t\"1", "x"},
          nullptr,
          R"({"op":"t","before":null,"after":null,"truncate":{"reason":"x"},)",
-         R"("database":null,"dataset":null,"table":"t\"1")"},
+         R"("database":null,"dataset":null,"table":"\"t\"\"1\"")"},
+        {{FWU_MARK_TRUNCATE, "", "", "Shop", "two words", "x"},
+         nullptr,
+         R"({"op":"t","before":null,"after":null,"truncate":{"reason":"x"},)",
+         R"("database":null,"dataset":null,"table":"Shop.\"two words\"")"},
     };
     for (const auto &row : cases) {
         json_lines lines;

@@ -47,6 +47,12 @@ inline void set_source(change_dataset &dataset, const std::string &table,
     dataset.layout.source = std::make_shared<const fwu_source>(std::move(source));
 }
 
+// Whole values of items that stand beside a record, by item.
+struct whole_values {
+    std::vector<fwu_value> before = {};
+    std::vector<fwu_value> after = {};
+};
+
 // A transaction at 2023-11-14 22:13:20.000250 UTC, committed at 1-25.9.
 inline change_transaction transaction_at(int32_t tag = 9)
 {

@@ -40,7 +40,8 @@ static std::string shown(const change &next)
                       std::to_string(next.n);
     if (next.mark != nullptr)
         return out + " " + next.mark->reason;
-    return out + " " + image_text(next, next.before) + " " + image_text(next, next.after);
+    return out + " " + image_text(next, next.before.image) + " " +
+           image_text(next, next.after.image);
 }
 
 struct all_changes {
@@ -223,7 +224,7 @@ TEST(ChangeReader, GoesOnWithWhatIsCommittedLater)
         log.commit();
         reader.log.look = true;
         ASSERT_EQ(change_next(reader, next), CHANGE_FOUND);
-        EXPECT_EQ(next.after[0], number);
+        EXPECT_EQ(next.after.image[0], number);
         ASSERT_EQ(change_next(reader, next), CHANGE_COMMITTED);
         EXPECT_EQ(reader.transaction.commit.xid, 100 + number);
     }

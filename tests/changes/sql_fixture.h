@@ -28,13 +28,13 @@ struct sql_lines {
 
     // Empty, or what was wrong.
     std::string put(change_op op, const change_dataset &dataset, const std::string &before,
-                    const std::string &after)
+                    const std::string &after, const whole_values &whole = {})
     {
         change next;
         next.op = op;
         next.dataset = &dataset;
-        next.before = image(dataset, before);
-        next.after = image(dataset, after);
+        next.before = {image(dataset, before), whole.before};
+        next.after = {image(dataset, after), whole.after};
         return put(next);
     }
 
@@ -72,9 +72,9 @@ struct sql_lines {
 
     // The statements of one change.
     std::string of(change_op op, const change_dataset &dataset, const std::string &before,
-                   const std::string &after)
+                   const std::string &after, const whole_values &whole = {})
     {
-        EXPECT_EQ(put(op, dataset, before, after), "");
+        EXPECT_EQ(put(op, dataset, before, after, whole), "");
         commit();
         return taken();
     }

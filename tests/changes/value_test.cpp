@@ -6,14 +6,16 @@
 #include <cstdint>
 #include <random>
 
-static const char *const KINDS[] = {"number", "special", "text", "bytes"};
+static const char *const KINDS[] = {"number", "special", "text", "utf8", "bytes"};
 
-static std::string shown(const fwu_item &item, std::string_view bytes, bool big_endian = false)
+static std::string shown(const fwu_item &item, std::string_view bytes, bool big_endian = false,
+                         fwu_encoding encoding = FWU_LATIN1)
 {
     std::string_view text;
     std::string work = "left over from before";
-    const change_value kind = change_value_get(
-        text, work, item, big_endian, reinterpret_cast<const unsigned char *>(bytes.data()));
+    const change_value kind =
+        change_value_get(text, work, item, big_endian, encoding,
+                         reinterpret_cast<const unsigned char *>(bytes.data()));
     return std::string(KINDS[kind]) + " " + std::string(text);
 }
 
@@ -201,4 +203,58 @@ TEST(ChangeValue, PackedNumbersAreThoseOfANaiveReader)
                   number.empty() ? "bytes " + in : "number " + number)
             << "round " << round;
     }
+}
+
+TEST(ChangeValue, TextsOfAUtf8LogAreUtf8OrBytes)
+{
+    const auto of = [](std::string_view bytes) {
+        return shown({"A", 'X', static_cast<int32_t>(bytes.size()), 1, 0}, bytes, false, FWU_UTF8);
+    };
+    EXPECT_EQ(of("ab  "), "utf8 ab");
+    EXPECT_EQ(of("    "), "utf8 ");
+    EXPECT_EQ(of("\xE2\x82\xAC 5 "), "utf8 \xE2\x82\xAC 5");
+    EXPECT_EQ(of("\xE2\x82  "), "bytes \xE2\x82  ") << "with its blanks: it is no text";
+    EXPECT_EQ(of("\xE9  "), "bytes \xE9  ");
+    EXPECT_EQ(of("12345678\xFF"), "bytes 12345678\xFF");
+    EXPECT_EQ(shown({"A", 'I', 2, 1, 0}, "\xE9\x01", false, FWU_UTF8), "number 489");
+}
+
+struct whole_row {
+    char type;
+    std::string_view whole;
+    change_value kind;
+};
+
+TEST(ChangeValue, WholeValuesOfNumbersAreNumbersWhenTheirTextIs)
+{
+    for (const whole_row &row : {whole_row{'P', "0", CHANGE_NUMBER},
+                                 whole_row{'P', "-0.00", CHANGE_NUMBER},
+                                 whole_row{'P', "123456789012345678901234567890.5", CHANGE_NUMBER},
+                                 whole_row{'I', "-9223372036854775809", CHANGE_NUMBER},
+                                 whole_row{'Z', "10", CHANGE_NUMBER},
+                                 whole_row{'E', "1e+400", CHANGE_NUMBER},
+                                 whole_row{'R', "1.5E-7", CHANGE_NUMBER},
+                                 whole_row{'K', "1e5", CHANGE_NUMBER},
+                                 whole_row{'P', "NaN", CHANGE_UTF8},
+                                 whole_row{'P', "Infinity", CHANGE_UTF8},
+                                 whole_row{'P', "", CHANGE_UTF8},
+                                 whole_row{'P', "-", CHANGE_UTF8},
+                                 whole_row{'P', "01", CHANGE_UTF8},
+                                 whole_row{'P', "1.", CHANGE_UTF8},
+                                 whole_row{'P', ".5", CHANGE_UTF8},
+                                 whole_row{'P', "+1", CHANGE_UTF8},
+                                 whole_row{'P', "1 ", CHANGE_UTF8},
+                                 whole_row{'P', "1e", CHANGE_UTF8},
+                                 whole_row{'P', "1e+", CHANGE_UTF8},
+                                 whole_row{'P', "0x1", CHANGE_UTF8},
+                                 whole_row{'P', "--1", CHANGE_UTF8},
+                                 whole_row{'P', "1,5", CHANGE_UTF8},
+                                 whole_row{'P', "\xE9", CHANGE_BYTES},
+                                 whole_row{'X', "12", CHANGE_UTF8},
+                                 whole_row{'U', "a  ", CHANGE_UTF8},
+                                 whole_row{'X', "", CHANGE_UTF8},
+                                 whole_row{'X', "\xE2\x82\xAC", CHANGE_UTF8},
+                                 whole_row{'X', "a\xE9", CHANGE_BYTES},
+                                 whole_row{'X', "\xE2\x82", CHANGE_BYTES}})
+        EXPECT_EQ(change_value_whole(row.whole, {"A", row.type, 8, 1, 0}), row.kind) << row.whole;
 }

@@ -25,12 +25,12 @@ void written_log::begin(const fwu_session *session)
 }
 
 void written_log::change(int32_t opcode, const fwu_layout &layout, const std::string &before,
-                         const std::string &after)
+                         const std::string &after, std::span<const fwu_value> values)
 {
     ASSERT_EQ(fwu_writer_record(writer, opcode, layout, 1'700'000'000,
                                 static_cast<int32_t>(fwu_layout_image_length(layout)),
                                 before.empty() ? nullptr : before.data(),
-                                after.empty() ? nullptr : after.data()),
+                                after.empty() ? nullptr : after.data(), values),
               0);
 }
 

@@ -6,6 +6,7 @@
 #include "tests/support/tempdir.h"
 
 #include <initializer_list>
+#include <span>
 #include <string>
 
 class written_log {
@@ -19,7 +20,7 @@ class written_log {
     void begin(const fwu_session *session = nullptr);
     // Images are the bytes of the layout; an empty one stands for none.
     void change(int32_t opcode, const fwu_layout &layout, const std::string &before,
-                const std::string &after);
+                const std::string &after, std::span<const fwu_value> values = {});
     void insert(const fwu_layout &layout, const std::string &after);
     void mark(const fwu_mark &mark);
     // The n-th commit: at n seconds behind 2023-11-14 22:13:20 UTC, xid 100 + n, lsn 16 * n.

@@ -55,3 +55,16 @@ TEST(Utf8, KnowsTheBytesInsideACharacter)
     for (int byte = 0; byte <= 0xFF; byte++)
         EXPECT_EQ(utf8_continues(static_cast<char>(byte)), byte >= 0x80 && byte <= 0xBF) << byte;
 }
+
+TEST(Utf8, ATextIsValidWhenAllItsCharactersAre)
+{
+    for (const std::string_view good :
+         {"", "a", "12345678", "123456789abcdefgh", "\xE2\x82\xAC", "1234567\xE2\x82\xAC",
+          "12345678\xF0\x9F\x98\x80tail of it", "\xC2\x80\xDF\xBF\xEF\xBF\xBD"})
+        EXPECT_TRUE(utf8_valid(good)) << good;
+    EXPECT_TRUE(utf8_valid({"a\0b", 3}));
+    for (const std::string_view bad :
+         {"\x80", "1234567\x80", "12345678\x80", "1234567\xE2", "12345678\xE2\x82",
+          "123456789abcde\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80"})
+        EXPECT_FALSE(utf8_valid(bad)) << bad;
+}

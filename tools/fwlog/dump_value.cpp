@@ -89,19 +89,22 @@ static void put_special(std::string &out, std::string_view text, bool negative)
 }
 
 static void put_element(std::string &out, std::string &work, const fwu_item &item, bool big_endian,
-                        const unsigned char *in)
+                        fwu_encoding encoding, const unsigned char *in)
 {
     const auto size = static_cast<size_t>(item.size);
     std::string_view text;
-    switch (change_value_get(text, work, item, big_endian, in)) {
+    switch (change_value_get(text, work, item, big_endian, encoding, in)) {
     case CHANGE_NUMBER:
         out += text;
         break;
     case CHANGE_SPECIAL:
         put_special(out, text, (in[big_endian ? 0 : size - 1] & 0x80) != 0);
         break;
-    case CHANGE_TEXT:
+    case CHANGE_LATIN1:
         dump_text(out, text);
+        break;
+    case CHANGE_UTF8:
+        dump_utf8_text(out, text);
         break;
     case CHANGE_BYTES:
         out += "0x";
@@ -110,7 +113,7 @@ static void put_element(std::string &out, std::string &work, const fwu_item &ite
     }
 }
 
-bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian,
+bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian, fwu_encoding encoding,
                 const unsigned char *image, size_t length)
 {
     for (const fwu_item &item : layout.items) {
@@ -127,7 +130,7 @@ bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian,
         for (int32_t i = 0; i < item.count; i++) {
             if (i > 0)
                 out.push_back(',');
-            put_element(out, work, item, big_endian, image);
+            put_element(out, work, item, big_endian, encoding, image);
             image += item.size;
         }
         if (item.count > 1)

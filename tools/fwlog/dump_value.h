@@ -14,7 +14,7 @@
 // {value,value}.  Texts stand in quotes, in UTF-8, without the blanks at their
 // end; bytes that are not what the item's type says as 0x... .  False, and nothing
 // appended, when the layout does not cover length bytes.
-bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian,
+bool dump_image(std::string &out, const fwu_layout &layout, bool big_endian, fwu_encoding encoding,
                 const unsigned char *image, size_t length);
 
 // Appends two hexadecimal digits for each byte.

@@ -156,7 +156,8 @@ static void put_image(fwlog_printer &printer, const char *title, const fwu_chang
     const auto found = printer.layouts.find({change.dbname, change.dsetname});
     printer.out += title;
     if (printer.hex || found == printer.layouts.end() ||
-        !dump_image(printer.out, found->second, printer.big_endian, image, length)) {
+        !dump_image(printer.out, found->second, printer.big_endian, printer.encoding, image,
+                    length)) {
         printer.out += " ";
         dump_hex(printer.out, image, length);
     }
@@ -252,6 +253,7 @@ void fwlog_print_item(fwlog_printer &printer, const fwu_walk_item &item)
     case FWU_WALK_FILE:
         printer.layouts.clear();
         printer.big_endian = item.header.big_endian;
+        printer.encoding = item.header.encoding;
         printer.out += number + " file " + file.name + ", " +
                        (item.header.big_endian ? "big-endian" : "little-endian") +
                        (item.header.encoding == FWU_UTF8 ? ", UTF-8" : "") + ", created " +

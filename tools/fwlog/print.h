@@ -13,6 +13,7 @@
 struct fwlog_printer {
     bool hex = false; // images as bytes instead of values
     bool big_endian = false;
+    fwu_encoding encoding = FWU_LATIN1;                                // of the texts in images
     std::map<std::pair<std::string, std::string>, fwu_layout> layouts; // of the present file
     std::string out;
 };

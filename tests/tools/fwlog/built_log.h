@@ -1,5 +1,5 @@
-// Log files of version 1 put together entry by entry, so that every byte of what is printed of
-// them is known.
+// Log files, of version 1 unless said, put together entry by entry, so that every byte of what
+// is printed of them is known.
 #ifndef TESTS_TOOLS_FWLOG_BUILT_LOG_H
 #define TESTS_TOOLS_FWLOG_BUILT_LOG_H
 
@@ -14,14 +14,19 @@
 
 // A log file being put together; images are those of dataset SALES.ORDERS.
 struct log_file {
-    explicit log_file(int32_t sequence, bool big_endian)
+    explicit log_file(int32_t sequence, bool big_endian, uint16_t version = FWU_VERSION_PLAIN,
+                      fwu_encoding encoding = FWU_LATIN1)
+        : header{.version = version,
+                 .identity = {},
+                 .salt = {},
+                 .big_endian = big_endian,
+                 .encoding = encoding,
+                 .generation = 1,
+                 .sequence = sequence,
+                 .created_us = 86'401'500'000} // 1.5 seconds behind 1970-01-02 00:00:00
     {
         bytes.resize(FWU_FILE_HEADER_SIZE);
-        // 1.5 seconds behind 1970-01-02 00:00:00
-        fwu_file_header_put(bytes.data(), {.big_endian = big_endian,
-                                           .generation = 1,
-                                           .sequence = sequence,
-                                           .created_us = 86'401'500'000});
+        fwu_file_header_put(bytes.data(), header);
     }
 
     void layout()
@@ -65,7 +70,7 @@ struct log_file {
                              {.commit = {.time_us = 86'461'000'250, .xid = 7, .lsn = 0x1A0000002B},
                               .entries = entries,
                               .chain = chain},
-                             {}, 0);
+                             header, static_cast<int64_t>(bytes.size()));
         entries = 0;
         chain = 0;
         counted = bytes.size();
@@ -79,6 +84,13 @@ struct log_file {
         entries++;
     }
 
+    void value(const fwu_value_piece &piece)
+    {
+        fwu_entry_put_value(bytes, ++tag, piece);
+        added();
+    }
+
+    fwu_file_header header;
     std::vector<unsigned char> bytes;
     int32_t tag = 0;
     uint32_t entries = 0;

@@ -6,14 +6,15 @@
 
 using namespace std::string_literals;
 
-static std::string dumped(const fwu_item &item, const std::string &image, bool big_endian = true)
+static std::string dumped(const fwu_item &item, const std::string &image, bool big_endian = true,
+                          fwu_encoding encoding = FWU_LATIN1)
 {
     fwu_layout layout;
     layout.items = {item};
     std::string out;
     const bool covered =
-        dump_image(out, layout, big_endian, reinterpret_cast<const unsigned char *>(image.data()),
-                   image.size());
+        dump_image(out, layout, big_endian, encoding,
+                   reinterpret_cast<const unsigned char *>(image.data()), image.size());
     return covered ? out : "not covered" + out;
 }
 
@@ -101,4 +102,14 @@ TEST(DumpValue, TimesHaveTheYears1To9999)
     EXPECT_EQ(timed(253402300799, 999999, FWU_TIME_SIZE), "at 9999-12-31 23:59:59.999999");
     EXPECT_EQ(timed(253402300800, 0, FWU_TIME_SIZE), "at none");
     EXPECT_EQ(timed(INT64_MIN, 0, FWU_TIME_SIZE), "at none");
+}
+
+TEST(DumpValue, TextsOfAUtf8LogAreAsTheyAre)
+{
+    const auto of = [](const std::string &text) {
+        return dumped(item_of("A", 'X', static_cast<int32_t>(text.size())), text, true, FWU_UTF8);
+    };
+    EXPECT_EQ(of("\xE2\x82\xAC 5\xC3\xA9  "), " A=\"\xE2\x82\xAC 5\xC3\xA9\"");
+    EXPECT_EQ(of("\"\\\n\xC2\x85"), " A=\"\\\"\\\\\\x0A\\xC2\\x85\"");
+    EXPECT_EQ(of("a\xE2\x82"), " A=0x61E282") << "cut inside a character: no text";
 }

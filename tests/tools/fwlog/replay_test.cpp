@@ -161,7 +161,7 @@ static contents replayed_contents(const fwu_config &config, const std::string &d
         const std::string name = dataset.layout.dbname + "." + dataset.layout.dsetname;
         for (const auto &[image, count] : images[name]) {
             std::string row;
-            EXPECT_TRUE(dump_image(row, dataset.layout, config.big_endian,
+            EXPECT_TRUE(dump_image(row, dataset.layout, config.big_endian, FWU_LATIN1,
                                    reinterpret_cast<const unsigned char *>(image.data()),
                                    image.size()));
             replayed[name].insert(replayed[name].end(), static_cast<size_t>(count), row);
