@@ -76,6 +76,7 @@ static constexpr cli_option rows[] = {
 struct found_layout {
     fwu_layout layout;
     bool big_endian = false;
+    fwu_encoding encoding = FWU_LATIN1;
     fwu_position begun; // where it stands first, or again behind another one
 };
 using found_layouts = std::map<std::pair<std::string, std::string>, found_layout>;
@@ -85,7 +86,7 @@ static void take_layout(found_layouts &layouts, found_layout &&found)
 {
     found_layout &known = layouts[{found.layout.dbname, found.layout.dsetname}];
     const bool same = known.begun.sequence != 0 && known.big_endian == found.big_endian &&
-                      known.layout.items == found.layout.items;
+                      known.encoding == found.encoding && known.layout.items == found.layout.items;
     if (same)
         found.begun = known.begun;
     known = std::move(found);
@@ -101,15 +102,15 @@ static void take_source(found_layouts &layouts, fwu_layout_source &&of)
 // What is known on the way through the log.
 struct layout_walk {
     found_layouts layouts;
-    bool big_endian = false; // the file in hand
-    bool reached = false;    // the position of --at
+    fwu_file_header file; // the one in hand
+    bool reached = false; // the position of --at
 };
 
 static int visit(layout_walk &walk, const fwu_walk_item &item)
 {
     found_layouts &layouts = walk.layouts;
     if (item.what == FWU_WALK_FILE)
-        walk.big_endian = item.header.big_endian;
+        walk.file = item.header;
     const int32_t tag = item.what == FWU_WALK_ENTRY ? item.entry.tag : 0;
     const int order =
         fwlog_position_given(options.at) ? fwlog_position_compare(*item.file, tag, options.at) : -1;
@@ -121,7 +122,8 @@ static int visit(layout_walk &walk, const fwu_walk_item &item)
     found_layout found;
     fwu_layout_source of;
     if (fwu_entry_layout(item.entry, found.layout)) {
-        found.big_endian = walk.big_endian;
+        found.big_endian = walk.file.big_endian;
+        found.encoding = walk.file.encoding;
         found.begun = {item.file->generation, item.file->sequence, tag};
         if (fwlog_selects(found.layout.dbname, found.layout.dsetname))
             take_layout(layouts, std::move(found));
@@ -208,6 +210,7 @@ static outcome put_layouts(std::string &out, const fwu_config &config, const fou
         change_dataset dataset;
         dataset.layout = found.layout;
         dataset.big_endian = found.big_endian;
+        dataset.encoding = found.encoding;
         dataset.begun = found.begun;
         change_dataset_complete(dataset, config);
         record_layout record;

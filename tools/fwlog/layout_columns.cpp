@@ -53,7 +53,8 @@ void layout_put_columns(std::string &out, const record_layout &record)
         out += ", table ";
         dump_utf8(out, dataset.table);
     }
-    out += ", layout of " + fwu_position_text(dataset.begun) + "\n";
+    out += ", layout of " + fwu_position_text(dataset.begun) +
+           (dataset.encoding == FWU_UTF8 ? ", texts in UTF-8" : "") + "\n";
     if (record.options.ascii)
         out += "line of a text capture file, " + record.options_text + "\n";
     else

@@ -119,6 +119,9 @@ static bool has_type(const record_layout &record, std::string_view letters)
 static void put_advice(std::string &out, const record_layout &record)
 {
     const bool big_endian = record.dataset->big_endian;
+    if (record.dataset->encoding == FWU_UTF8 && has_type(record, "XU"))
+        put_comment(out, "Texts are in UTF-8: PIC X counts bytes, and a character may have up to "
+                         "four.");
     if (record.options.ascii) {
         if (has_type(record, "ER"))
             put_comment(out, "Floating-point numbers are texts for FUNCTION NUMVAL-F.");

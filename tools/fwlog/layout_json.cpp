@@ -138,6 +138,7 @@ void layout_put_json(std::string &out, const record_layout &record)
     put(out, "position", fwu_position_text(dataset.begun));
     put(out, "form", record.options.ascii ? "text" : "message");
     put(out, "byte_order", record.order);
+    put(out, "text_encoding", fwu_encoding_name(dataset.encoding));
     put_options(out, record.options);
     if (record.options.progterm == nullptr)
         put_null(out, "progterm");

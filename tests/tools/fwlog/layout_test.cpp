@@ -31,9 +31,10 @@ static std::string layout_of(const Log &here, const std::vector<std::string> &wo
 
 // A log of one file, of one transaction, that has the layouts.
 static void add_layouts(place &here, const std::vector<fwu_layout> &layouts,
-                        bool big_endian = false, int32_t sequence = 1)
+                        bool big_endian = false, int32_t sequence = 1,
+                        fwu_encoding encoding = FWU_LATIN1)
 {
-    log_file file(sequence, big_endian);
+    log_file file(sequence, big_endian, FWU_VERSION_PLAIN, encoding);
     for (const fwu_layout &layout : layouts) {
         fwu_entry_put_layout(file.bytes, ++file.tag, layout);
         file.added();
@@ -132,6 +133,26 @@ IU: 78 bytes, the old row and the new one behind it, 8 further on
 )"));
 }
 
+TEST(FwlogLayout, TextsInUtf8AreSaidToBe)
+{
+    place here;
+    fwu_layout numbers = small_layout();
+    numbers.dsetname = "TOTALS";
+    numbers.items.pop_back();
+    add_layouts(here, {small_layout(), numbers}, false, 1, FWU_UTF8);
+    EXPECT_THAT(layout_of(here, {"--columns", "-ascii"}),
+                StartsWith("SALES.ORDERS, layout of 1-1.1, texts in UTF-8\n"));
+    const std::string json = layout_of(here, {"--json"});
+    EXPECT_THAT(json, HasSubstr(R"("byte_order":"little","text_encoding":"utf-8",)"));
+    const std::string copybook = layout_of(here, {"--copybook"});
+    const std::string advice =
+        "      * Texts are in UTF-8: PIC X counts bytes, and a character may "
+        "have\n      * up to four.\n";
+    const size_t at = copybook.find(advice);
+    ASSERT_NE(at, std::string::npos) << copybook;
+    EXPECT_EQ(copybook.find(advice, at + 1), std::string::npos) << "TOTALS has no texts";
+}
+
 TEST(FwlogLayout, JsonHasAllThatTakesRecordsApart)
 {
     place here;
@@ -141,7 +162,7 @@ TEST(FwlogLayout, JsonHasAllThatTakesRecordsApart)
     EXPECT_EQ(
         layout_of(here, {"--json", "-asciirev", "-yyyy", "-info", "dbname", "-progterm", "a\"b"}),
         R"j({"database":"SALES","dataset":"ORDERS","table":null,"position":"1-1.1","form":"text",)j"
-        R"j("byte_order":"big","options":{"exthdr":false,"yyyy":true,"recnum":false,"fga":false,)j"
+        R"j("byte_order":"big","text_encoding":"iso-8859-1","options":{"exthdr":false,"yyyy":true,"recnum":false,"fga":false,)j"
         R"j("ascii":true,"asciirev":true,"dirty":false,"bwfmt":false},"progterm":"a\"b",)j"
         R"j("header":[{"name":"sequence","offset":0,"width":6},)j"
         R"j({"name":"info","offset":6,"width":24},{"name":"dataset","offset":30,"width":16},)j"
