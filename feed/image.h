@@ -6,24 +6,15 @@
 
 #include "feed/row.h"
 #include "feed/table.h"
+#include "feed/value.h"
 #include "util/outcome.h"
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
-struct feed_image_settings {
-    bool big_endian = false; // byte order of binary numbers
-    bool truncate = false;   // cut texts that are too long instead of refusing them
-};
-
 // What the making of images keeps from row to row.
-struct feed_image_work {
-    feed_image_settings settings;
-    uint64_t truncated = 0;         // texts cut so far
+struct feed_image_work : feed_value_work {
     std::vector<std::string> notes; // what is to be told; whoever tells it takes it away
-    std::string text;
-    std::vector<std::string> elements;
 };
 
 // The image of a new row, of table.image_length bytes.  Columns that the row
