@@ -1,23 +1,9 @@
-// Item by item, each from its column of the row.
+// Item by item, each from its column of the row; the null map is made along with them.
 #include "feed/image.h"
 
-#include <cstring>
+#include "feed/marks.h"
 
-static outcome put_column(feed_image_work &work, const feed_table &table, const fwu_item &item,
-                          const feed_column &column, unsigned char *out)
-{
-    if (column.kind == FEED_NULL) {
-        if (table.dataset->null_map < 0)
-            return outcome_bad(
-                "is null, and dataset " + table.dataset->layout.dbname + "." +
-                table.dataset->layout.dsetname +
-                " has no item to say so: give it an X item with the word null-map in the "
-                "configuration");
-        feed_put_blank(item, out);
-        return {};
-    }
-    return feed_put_value(work, item, column, out);
-}
+#include <cstring>
 
 static const feed_column *column_at(const feed_map &map, const feed_row &row, size_t item)
 {
@@ -33,37 +19,89 @@ static outcome missing_error(const feed_table &table, const fwu_item &item, bool
     if (is_old && !table.old_row_remedy.empty())
         error += table.old_row_remedy + ", or ";
     error += "take the item out of the configuration";
+    if (table.dataset->null_map >= 0)
+        error += ", or let what is missing be marked: table " + table.name + " values=mark";
     return outcome_bad(std::move(error));
+}
+
+static outcome null_error(const feed_table &table)
+{
+    const fwu_layout &layout = table.dataset->layout;
+    return outcome_bad("is null, and dataset " + layout.dbname + "." + layout.dsetname +
+                       " has no item to say so: give it an X item with the word null-map in the "
+                       "configuration");
+}
+
+// Names the column of a value that was refused, and what would take it.
+static outcome refuse(const feed_table &table, const feed_column &column, outcome why)
+{
+    const std::string name = feed_column_name(table, column);
+    if (table.dataset->null_map < 0)
+        return std::move(why).at(name + ": ");
+    return outcome_bad(name + ": " + why.text() + "; or let such values be marked: column " + name +
+                       " values=mark");
+}
+
+// Puts a value, or what stands for one; place.flag is then the item's character in the null map.
+static outcome put_item(feed_image_work &work, const feed_item_at &at, feed_place &place,
+                        const feed_column *column)
+{
+    if (column == nullptr) {
+        if (!place.mark)
+            return missing_error(at.table, place.item, at.image == FWU_IMAGE_BEFORE);
+        feed_put_blank(place.item, place.out);
+        place.flag = FWU_FLAG_UNKNOWN;
+        feed_mark_unknown(work, at);
+        return {};
+    }
+    if (column->kind == FEED_NULL) {
+        if (at.table.dataset->null_map < 0)
+            return null_error(at.table).at(feed_column_name(at.table, *column) + ": ");
+        feed_put_blank(place.item, place.out);
+        place.flag = FWU_FLAG_NULL;
+        return {};
+    }
+    outcome put = feed_put_value(work, place, *column);
+    if (!put && !place.mark)
+        return refuse(at.table, *column, std::move(put));
+    if (!put) {
+        feed_put_blank(place.item, place.out);
+        place.flag = FWU_FLAG_BLANK;
+    }
+    if (place.flag != FWU_FLAG_VALUE)
+        feed_mark(work, at, place, *column, put.text());
+    return {};
 }
 
 // Makes the image item by item; find(i) is the column that feeds item i, or null.
 template <typename Find>
 static outcome make_image(feed_image_work &work, std::vector<unsigned char> &image,
-                          const feed_table &table, Find find, bool is_old)
+                          feed_table &table, Find find, fwu_image which)
 {
     const std::vector<fwu_item> &items = table.dataset->layout.items;
     const int null_map = table.dataset->null_map;
     image.resize(static_cast<size_t>(table.image_length));
 
-    unsigned char *nulls = nullptr;
+    unsigned char *flags = nullptr;
     if (null_map >= 0) {
         const auto index = static_cast<size_t>(null_map);
-        nulls = image.data() + table.offsets[index];
-        memset(nulls, ' ',
+        flags = image.data() + table.offsets[index];
+        memset(flags, ' ',
                static_cast<size_t>(items[index].size) * static_cast<size_t>(items[index].count));
     }
     for (size_t i = 0; i < items.size(); i++) {
         if (static_cast<int>(i) == null_map)
             continue;
-        const feed_column *column = find(i);
-        if (column == nullptr)
-            return missing_error(table, items[i], is_old);
-        outcome put = put_column(work, table, items[i], *column, image.data() + table.offsets[i]);
-        if (!put)
-            return std::move(put).at(feed_column_name(table, *column) + ": ");
-        if (nulls != nullptr)
-            *nulls++ = column->kind == FEED_NULL ? 'N' : '.';
+        feed_place place = {.item = items[i],
+                            .out = image.data() + table.offsets[i],
+                            .mark = table.policies[i] == FWU_POLICY_MARK};
+        const feed_item_at at = {.table = table, .item = i, .image = which};
+        if (outcome put = put_item(work, at, place, find(i)); !put)
+            return put;
+        if (flags != nullptr)
+            *flags++ = place.flag;
     }
+    feed_tell_unknown(work, table, which);
     return {};
 }
 
@@ -81,7 +119,7 @@ outcome feed_new_image(feed_image_work &work, std::vector<unsigned char> &image,
             column = column_at(table.identity_map, *old_row, item);
         return column;
     };
-    return make_image(work, image, table, find, false);
+    return make_image(work, image, table, find, FWU_IMAGE_AFTER);
 }
 
 outcome feed_old_image(feed_image_work &work, std::vector<unsigned char> &image, feed_table &table,
@@ -90,5 +128,5 @@ outcome feed_old_image(feed_image_work &work, std::vector<unsigned char> &image,
     if (outcome mapped = feed_map_columns(table.identity_map, table, old_row, work.notes); !mapped)
         return mapped;
     const auto find = [&](size_t item) { return column_at(table.identity_map, old_row, item); };
-    return make_image(work, image, table, find, true);
+    return make_image(work, image, table, find, FWU_IMAGE_BEFORE);
 }

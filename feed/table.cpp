@@ -2,6 +2,7 @@
 // put in upper case.
 #include "feed/table.h"
 
+#include "feed/policy.h"
 #include "feed/text.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -71,8 +72,28 @@ static outcome find_dataset(const fwu_dataset *&dataset, const fwu_config &confi
                        " there, or leave the table out with the line skip-table " + name);
 }
 
-static outcome measure(feed_table &table, const fwu_config &config)
+// Without a null map there is no place for marks.
+static void set_policies(feed_table &table, const fwu_config &config, fwu_policy otherwise)
 {
+    const size_t items = table.dataset->layout.items.size();
+    table.marks_told.assign(items, 0);
+    table.policies.assign(items, FWU_POLICY_ERROR);
+    if (table.dataset->null_map < 0)
+        return;
+    table.policies.assign(items, feed_policy_of(config, table.name, otherwise));
+    for (const fwu_column &said : config.columns) {
+        if (said.table != table.name || said.policy == FWU_POLICY_UNSAID)
+            continue;
+        const std::string name = feed_name(said.column);
+        for (size_t i = 0; i < items; i++)
+            if (feed_feeds(table, said.column, name, i))
+                table.policies[i] = said.policy;
+    }
+}
+
+static outcome measure(feed_table &table, const feed_tables &tables)
+{
+    const fwu_config &config = *tables.config;
     const fwu_dataset &dataset = *table.dataset;
     const std::vector<fwu_item> &items = dataset.layout.items;
     const std::string where =
@@ -91,12 +112,11 @@ static outcome measure(feed_table &table, const fwu_config &config)
     table.image_length = static_cast<int32_t>(offset);
     table.layout = dataset.layout;
 
-    if (dataset.null_map < 0)
-        return {};
-    if (!fwu_null_map_ok(items, static_cast<size_t>(dataset.null_map)))
+    if (dataset.null_map >= 0 && !fwu_null_map_ok(items, static_cast<size_t>(dataset.null_map)))
         return outcome_bad(
             where + ": the null map must be an X item with a character for each other item, " +
             std::to_string(items.size() - 1));
+    set_policies(table, config, tables.default_policy);
     return {};
 }
 
@@ -143,7 +163,7 @@ outcome feed_find_table(feed_table *&table, feed_tables &tables, std::string_vie
     if (!feed_is_skipped(*tables.config, made->name)) {
         outcome done = find_dataset(made->dataset, *tables.config, made->name, schema, name);
         if (done)
-            done = measure(*made, *tables.config);
+            done = measure(*made, tables);
         if (done)
             done = check_feeds_alone(tables, *made);
         if (!done)
@@ -160,7 +180,7 @@ outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::strin
     made->own_columns = std::move(columns);
     made->own = std::make_unique<fwu_dataset>(std::move(dataset));
     made->dataset = made->own.get();
-    outcome done = measure(*made, *tables.config);
+    outcome done = measure(*made, tables);
     if (done)
         done = check_feeds_alone(tables, *made);
     if (!done)

@@ -6,6 +6,7 @@
 #include "fwutil/fwu_config.h"
 #include "util/outcome.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -44,6 +45,8 @@ struct feed_table {
     std::unique_ptr<fwu_dataset> own;     // the dataset, when its items are not configured
     std::vector<std::string> own_columns; // then: which column feeds each item
     std::vector<int64_t> offsets;         // of each item in the image
+    std::vector<fwu_policy> policies;     // of each item: error or mark
+    std::vector<uint8_t> marks_told;      // of each item: see feed/marks
     int32_t image_length = 0;
     feed_map columns_map;              // for new rows
     feed_map identity_map;             // for old rows
@@ -55,6 +58,7 @@ struct feed_table {
 struct feed_tables {
     const fwu_config *config = nullptr;
     const char *old_row_remedy = ""; // as in feed_table, "%" in the place of the table's name
+    fwu_policy default_policy = FWU_POLICY_ERROR; // where the configuration says nothing
     std::unordered_map<std::string, std::unique_ptr<feed_table>> known = {};
     std::string key = {}; // name of the look-up, kept for its memory
 };

@@ -5,39 +5,68 @@
 #include "util/utf8.h"
 
 #include <algorithm>
+#include <cstring>
 
-static constexpr uint32_t NOT_UTF8 = 0xFFFD;
+static constexpr uint32_t LATIN1_LAST = 0xFF;
+static constexpr uint32_t UTF8_LAST = 0x10FFFF;
 static constexpr size_t QUOTE_MAX = 40;
+static constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD"; // U+FFFD
 
-// Takes one character off text; NOT_UTF8 and one byte less when it is none.
-static uint32_t take_character(std::string_view &text)
+size_t feed_ascii_length(std::string_view text)
 {
-    uint32_t code = NOT_UTF8;
-    text.remove_prefix(std::max<size_t>(utf8_decode(text, code), 1));
-    return code;
-}
-
-bool feed_latin1(std::string &out, std::string_view utf8, uint32_t &bad)
-{
-    out.clear();
-    while (!utf8.empty()) {
-        const uint32_t code = take_character(utf8);
-        if (code > 0xFF) {
-            bad = code;
-            return false;
-        }
-        out.push_back(static_cast<char>(code));
+    size_t n = 0;
+    // Eight bytes at a time: most texts are ASCII throughout.
+    for (uint64_t word = 0; text.size() - n >= sizeof word; n += sizeof word) {
+        memcpy(&word, text.data() + n, sizeof word);
+        if ((word & 0x8080808080808080U) != 0)
+            break;
     }
-    return true;
+    while (n < text.size() && static_cast<unsigned char>(text[n]) < 0x80)
+        n++;
+    return n;
 }
 
-std::string feed_latin1_lossy(std::string_view utf8)
+// What stands in the encoding for a character, or for a byte that is no part of one;
+// latin1 is room for one of ISO 8859-1.
+static std::string_view stand_in(std::string_view character, uint32_t code, fwu_encoding encoding,
+                                 char &latin1)
+{
+    if (encoding == FWU_UTF8)
+        return code == FEED_NOT_UTF8 ? REPLACEMENT : character;
+    latin1 = code > LATIN1_LAST ? '?' : static_cast<char>(code);
+    return {&latin1, 1};
+}
+
+feed_encoded feed_encode(std::string &out, std::string_view utf8, fwu_encoding encoding,
+                         size_t room)
+{
+    feed_encoded done;
+    char latin1 = 0;
+    out.clear();
+    for (;;) {
+        std::string_view rest = utf8.substr(done.taken);
+        const size_t ascii = feed_ascii_length(rest.substr(0, room - out.size()));
+        out.append(rest, 0, ascii);
+        done.taken += ascii;
+        rest.remove_prefix(ascii);
+        if (rest.empty() || out.size() == room)
+            return done;
+        uint32_t code = FEED_NOT_UTF8;
+        const size_t length = std::max<size_t>(utf8_decode(rest, code), 1);
+        const std::string_view made = stand_in(rest.substr(0, length), code, encoding, latin1);
+        if (made.size() > room - out.size())
+            return done;
+        out.append(made);
+        done.taken += length;
+        if (done.bad == 0 && code > (encoding == FWU_UTF8 ? UTF8_LAST : LATIN1_LAST))
+            done.bad = code;
+    }
+}
+
+std::string feed_latin1(std::string_view utf8)
 {
     std::string out;
-    while (!utf8.empty()) {
-        const uint32_t code = take_character(utf8);
-        out.push_back(code > 0xFF ? '?' : static_cast<char>(code));
-    }
+    (void)feed_encode(out, utf8, FWU_LATIN1, FEED_ALL); // what has no place is of no interest
     return out;
 }
 

@@ -1,19 +1,34 @@
-// Texts of a source: UTF-8 to ISO 8859-1, array literals, names.
+// Texts of a source: UTF-8 in the encoding of a log, array literals, names.
 #ifndef FEED_TEXT_H
 #define FEED_TEXT_H
+
+#include "fwutil/fwu_items.h"
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// Converts UTF-8 to ISO 8859-1.  Returns true, or false at the first character
-// that has no place there, whose code point goes to bad (0xFFFD for bytes that
-// are not UTF-8); out then holds what came before.
-bool feed_latin1(std::string &out, std::string_view utf8, uint32_t &bad);
+constexpr size_t FEED_ALL = std::string_view::npos;
+constexpr uint32_t FEED_NOT_UTF8 = UINT32_MAX; // no character: bytes that are not UTF-8
 
-// As feed_latin1, but with "?" for each character without a place.
-std::string feed_latin1_lossy(std::string_view utf8);
+// What became of a text.
+struct feed_encoded {
+    size_t taken = 0; // bytes of it that out stands for
+    uint32_t bad = 0; // the first character of these without a place, or FEED_NOT_UTF8; 0: none
+};
+
+// Brings UTF-8 to an encoding, as many whole characters as room bytes hold.  Characters without
+// a place there become "?" in ISO 8859-1, and so does each byte that is no part of one; in
+// UTF-8, where only such bytes have no place, each becomes U+FFFD.
+feed_encoded feed_encode(std::string &out, std::string_view utf8, fwu_encoding encoding,
+                         size_t room);
+
+// In ISO 8859-1, whatever has no place there.
+std::string feed_latin1(std::string_view utf8);
+
+// Bytes of ASCII that a text begins with.
+size_t feed_ascii_length(std::string_view text);
 
 // The elements of a one-dimensional array literal such as {44,0,"a \"b\""}; a
 // leading "[0:3]=" is passed over.  Returns null, or what is wrong with it.

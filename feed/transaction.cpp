@@ -18,14 +18,14 @@ void feed_session_from(fwu_session &session, std::string_view content)
         content.remove_prefix(end == std::string_view::npos ? content.size() : end + 1);
         if (part.empty())
             continue;
-        session.data.push_back(feed_latin1_lossy(part));
+        session.data.push_back(feed_latin1(part));
         const size_t equals = part.find('=');
         if (equals == std::string_view::npos)
             continue;
         std::optional<std::string> *entry = fwu_session_entry(session, part.substr(0, equals));
         // The first one counts: what a client sets of its own stands behind the rest.
         if (entry != nullptr && !entry->has_value())
-            *entry = feed_latin1_lossy(part.substr(equals + 1));
+            *entry = feed_latin1(part.substr(equals + 1));
     }
 }
 
@@ -33,8 +33,10 @@ void feed_abandon(feed_transaction &tx)
 {
     if (tx.begun)
         fwu_writer_rollback(tx.writer);
-    if (tx.open)
+    if (tx.open) {
         tx.work.truncated = tx.truncated_before;
+        tx.work.marked = tx.marked_before;
+    }
     tx.begun = false;
     tx.open = false;
 }
@@ -50,6 +52,7 @@ void feed_begin(feed_transaction &tx, const fwu_commit &commit)
     tx.data.clear();
     tx.changes = {};
     tx.truncated_before = tx.work.truncated;
+    tx.marked_before = tx.work.marked;
 }
 
 void feed_set_session(feed_transaction &tx, std::string_view content)
@@ -86,6 +89,7 @@ outcome feed_commit(feed_transaction &tx)
             return OUTCOME_FAILED;
         tx.totals.transactions++;
         add_changes(tx.totals, tx.changes);
+        tx.totals.marked = tx.work.marked;
     }
     tx.open = false;
     return {};
@@ -117,6 +121,7 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
                     const feed_row *old)
 {
     outcome made;
+    tx.work.values.clear();
     if (old != nullptr)
         made = feed_old_image(tx.work, tx.before, table, *old);
     if (made && fresh != nullptr)
@@ -129,7 +134,7 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
     if (!begin_in_log(tx) ||
         fwu_writer_record(tx.writer, opcode, table.layout, fwu_second_of(tx.commit.time_us),
                           table.image_length, old == nullptr ? nullptr : tx.before.data(),
-                          fresh == nullptr ? nullptr : tx.after.data()) != 0)
+                          fresh == nullptr ? nullptr : tx.after.data(), tx.work.values) != 0)
         return OUTCOME_FAILED;
     (opcode == FWU_OP_INSERT   ? tx.changes.inserts
      : opcode == FWU_OP_UPDATE ? tx.changes.updates

@@ -35,6 +35,7 @@ struct feed_totals {
     uint64_t deletes = 0;
     uint64_t empty = 0;   // transactions without a change for the log
     uint64_t skipped = 0; // transactions that the log had already
+    feed_marked marked;   // items of their images
 };
 
 struct feed_transaction {
@@ -54,6 +55,7 @@ struct feed_transaction {
     std::vector<std::string> data; // further data elements of its session
     feed_totals changes;
     uint64_t truncated_before = 0; // work.truncated at its begin
+    feed_marked marked_before;     // work.marked at its begin
 
     fwu_session session;
     std::vector<unsigned char> before;

@@ -24,8 +24,7 @@ static bool is_text(const fwu_item &item)
     return item.type == 'X' || item.type == 'U';
 }
 
-// "PRICE (P 5, 2 decimal places)"
-static std::string describe(const fwu_item &item)
+std::string feed_item_text(const fwu_item &item)
 {
     std::string out =
         item.name + " (" + static_cast<char>(item.type) + " " + std::to_string(item.size);
@@ -41,17 +40,18 @@ static outcome number_error(const fwu_item &item, std::string_view text, feed_nu
     case FEED_NUMBER_OK:
         return {};
     case FEED_NOT_A_NUMBER:
-        error += " is not a number, item " + describe(item) + " needs one: make it an X item";
+        error += " is not a number, item " + feed_item_text(item) + " needs one: make it an X item";
         break;
     case FEED_NUMBER_FRACTION:
-        error += " has decimal places that item " + describe(item) +
+        error += " has decimal places that item " + feed_item_text(item) +
                  " has no room for: give the item more of them (scale=N)";
         break;
     case FEED_NUMBER_DIGITS:
-        error += " has more digits than item " + describe(item) + " holds: make the item longer";
+        error +=
+            " has more digits than item " + feed_item_text(item) + " holds: make the item longer";
         break;
     case FEED_NUMBER_RANGE:
-        error += " is out of the range of item " + describe(item) + ": make the item wider";
+        error += " is out of the range of item " + feed_item_text(item) + ": make the item wider";
         break;
     }
     return outcome_bad(std::move(error));
@@ -102,71 +102,114 @@ static outcome make_stamp(feed_value_work &work, const fwu_item &item, std::stri
     if (feed_stamp_format(work.text, stamp, static_cast<int>(decimals)))
         return {};
     return outcome_bad(
-        feed_quote(text) + " has decimals that item " + describe(item) +
+        feed_quote(text) + " has decimals that item " + feed_item_text(item) +
         " has no room for (or a year above 9999 in UTC): make the item up to 26 wide");
 }
 
-static outcome make_latin1(feed_value_work &work, std::string_view text)
+std::string feed_no_place_text(uint32_t bad)
 {
-    uint32_t bad = 0;
-    if (feed_latin1(work.text, text, bad))
-        return {};
+    if (bad == FEED_NOT_UTF8)
+        return "bytes that are not UTF-8";
     char code[16];
     snprintf(code, sizeof code, "U+%04X", static_cast<unsigned>(bad));
-    return outcome_bad(feed_quote(text) + " has the character " + code +
-                       ", which has no place in ISO 8859-1: change the text at its source, or "
-                       "leave the column out of the dataset");
+    return std::string("the character ") + code + ", which has no place in ISO 8859-1";
 }
 
-static void drop_filling(std::string &text, size_t width)
+static outcome too_long(const feed_value_work &work, const fwu_item &item, std::string_view text,
+                        size_t length, bool may_cut)
 {
-    while (text.size() > width && text.back() == ' ')
-        text.pop_back();
+    const bool utf8 = work.settings.encoding == FWU_UTF8;
+    return outcome_bad(feed_quote(text) + " is " + std::to_string(length) +
+                       (utf8 ? " bytes long, item " : " characters long, item ") +
+                       feed_item_text(item) + " holds " + std::to_string(item.size) +
+                       ": make the item wider" + (may_cut ? ", or cut texts with --truncate" : ""));
 }
 
-static outcome put_text(feed_value_work &work, const fwu_item &item, const value &from,
-                        unsigned char *out)
+static outcome no_place(std::string_view text, uint32_t bad)
 {
-    const size_t width = static_cast<size_t>(item.size);
-    bool may_cut = false;
-    if (from.kind == FEED_TRUE || from.kind == FEED_FALSE) {
-        work.text = from.kind == FEED_TRUE ? "T" : "F";
-    } else if (from.kind == FEED_DIGITS) {
-        work.text = from.text;
-    } else if (from.meaning == FEED_TIMESTAMP) {
-        if (outcome made = make_stamp(work, item, from.text); !made)
-            return made;
-    } else {
-        if (outcome made = make_latin1(work, from.text); !made)
-            return made;
-        may_cut = from.meaning == FEED_WORDS || from.meaning == FEED_FILLED_WORDS;
-        if (from.meaning == FEED_FILLED_WORDS)
-            drop_filling(work.text, width);
+    return outcome_bad(feed_quote(text) + " has " + feed_no_place_text(bad) +
+                       ": change the text at its source, " +
+                       (bad == FEED_NOT_UTF8 ? "" : "begin a new log with text-encoding utf-8, ") +
+                       "or leave the column out of the dataset");
+}
+
+static void put_bytes(const feed_place &place, std::string_view bytes)
+{
+    memcpy(place.out, bytes.data(), bytes.size());
+    memset(place.out + bytes.size(), ' ', static_cast<size_t>(place.item.size) - bytes.size());
+}
+
+// A text in the encoding of the log.
+static outcome put_words(feed_value_work &work, feed_place &place, const value &from)
+{
+    const size_t width = static_cast<size_t>(place.item.size);
+    const fwu_encoding encoding = work.settings.encoding;
+    const bool may_cut = from.meaning == FEED_WORDS || from.meaning == FEED_FILLED_WORDS;
+    std::string_view text = from.text;
+    if (from.meaning == FEED_FILLED_WORDS) // the item is filled up with blanks again
+        text = text.substr(0, text.find_last_not_of(' ') + 1);
+    // Nearly all texts are ASCII, which is the same in each encoding.
+    if (text.size() <= width && feed_ascii_length(text) == text.size()) {
+        put_bytes(place, text);
+        return {};
     }
 
+    const bool cuts = place.mark && may_cut;
+    feed_encoded made = feed_encode(work.text, text, encoding, cuts ? width : FEED_ALL);
+    if (made.bad != 0 && !place.mark)
+        return no_place(text, made.bad);
     if (work.text.size() > width) {
         if (!may_cut || !work.settings.truncate)
-            return outcome_bad(feed_quote(from.text) + " is " + std::to_string(work.text.size()) +
-                               " characters long, item " + describe(item) + " holds " +
-                               std::to_string(width) + ": make the item wider" +
-                               (may_cut ? ", or cut texts with --truncate" : ""));
-        work.text.resize(width);
+            return too_long(work, place.item, from.text, work.text.size(), may_cut);
+        made = feed_encode(work.text, text, encoding, width);
         work.truncated++;
+    } else if (made.taken < text.size()) {
+        place.flag = FWU_FLAG_CUT;
     }
-    memcpy(out, work.text.data(), work.text.size());
-    memset(out + work.text.size(), ' ', width - work.text.size());
+    if (made.bad != 0 && place.flag == FWU_FLAG_VALUE) {
+        place.flag = FWU_FLAG_REPLACED;
+        place.bad = made.bad;
+    }
+    put_bytes(place, work.text);
     return {};
 }
 
-static outcome put_value(feed_value_work &work, const fwu_item &item, const value &from,
-                         unsigned char *out)
+static outcome put_text(feed_value_work &work, feed_place &place, const value &from)
 {
-    return is_text(item) ? put_text(work, item, from, out) : put_number(work, item, from, out);
+    std::string_view text = from.text;
+    if (from.kind == FEED_TRUE || from.kind == FEED_FALSE) {
+        text = from.kind == FEED_TRUE ? "T" : "F";
+    } else if (from.kind != FEED_DIGITS) {
+        if (from.meaning != FEED_TIMESTAMP)
+            return put_words(work, place, from);
+        if (outcome made = make_stamp(work, place.item, text); !made)
+            return made;
+        text = work.text;
+    }
+    if (text.size() > static_cast<size_t>(place.item.size))
+        return too_long(work, place.item, from.text, text.size(), false);
+    put_bytes(place, text);
+    return {};
 }
 
-static outcome put_array(feed_value_work &work, const fwu_item &item, const value &from,
-                         unsigned char *out)
+static outcome put_one(feed_value_work &work, feed_place &place, const value &from)
 {
+    return is_text(place.item) ? put_text(work, place, from)
+                               : put_number(work, place.item, from, place.out);
+}
+
+// What is to be said of an array of which one element became this.
+static void add_element(feed_place &array, const feed_place &element)
+{
+    if (element.flag == FWU_FLAG_VALUE || array.flag == FWU_FLAG_CUT)
+        return;
+    array.flag = element.flag;
+    array.bad = array.bad == 0 ? element.bad : array.bad;
+}
+
+static outcome put_array(feed_value_work &work, feed_place &place, const value &from)
+{
+    const fwu_item &item = place.item;
     if (from.kind != FEED_TEXT)
         return outcome_bad("is not an array, item " + item.name + " has " +
                            std::to_string(item.count) + " elements: give it one element");
@@ -178,13 +221,16 @@ static outcome put_array(feed_value_work &work, const fwu_item &item, const valu
         return outcome_bad(feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
                            " elements, item " + item.name + " has " + std::to_string(item.count) +
                            ": the numbers must be the same");
+    feed_place element_place = {.item = item, .out = place.out, .mark = place.mark};
     for (const std::string &element : work.elements) {
         value one{.kind = FEED_TEXT, .text = element, .meaning = from.meaning};
         if (from.meaning == FEED_BOOLEAN && (element == "t" || element == "f"))
             one.kind = element == "t" ? FEED_TRUE : FEED_FALSE;
-        if (outcome put = put_value(work, item, one, out); !put)
+        element_place.flag = FWU_FLAG_VALUE;
+        if (outcome put = put_one(work, element_place, one); !put)
             return put;
-        out += item.size;
+        add_element(place, element_place);
+        element_place.out += item.size;
     }
     return {};
 }
@@ -210,13 +256,12 @@ static bool is_array(const feed_column &column)
            (column.value.starts_with('{') || column.value.starts_with('['));
 }
 
-outcome feed_put_value(feed_value_work &work, const fwu_item &item, const feed_column &column,
-                       unsigned char *out)
+outcome feed_put_value(feed_value_work &work, feed_place &place, const feed_column &column)
 {
     // A text takes an array as it is written.
-    const bool array = item.count > 1 || (!is_text(item) && is_array(column));
+    const bool array = place.item.count > 1 || (!is_text(place.item) && is_array(column));
     const value from{.kind = column.kind,
                      .text = column.value,
                      .meaning = array ? column.type.element : column.type.whole};
-    return array ? put_array(work, item, from, out) : put_value(work, item, from, out);
+    return array ? put_array(work, place, from) : put_one(work, place, from);
 }

@@ -3,6 +3,7 @@
 #include "feed/postgresql/bridge.h"
 
 #include "feed/backoff.h"
+#include "feed/policy.h"
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/follow.h"
@@ -147,6 +148,7 @@ static outcome set_up(bridge &b)
     b.server.publication = options.publication;
     b.server.timeout_ms = b.server.patience_ms = int64_t{1000} * options.timeout_s;
     b.relations.tables.config = &b.config;
+    b.relations.tables.default_policy = feed_server_policy(b.config);
     b.relations.facts.ask = [&b](const std::string &query, pgs_result &rows) {
         return pgs_ask_rows(b.server, b.server.replication.get(),
                             "SET search_path = pg_catalog; " + query, rows);
@@ -170,6 +172,7 @@ static outcome take_over(bridge &b)
         b.state.snapshot = "done"; // cut short behind its commit
     b.state.mode = fwu_writer_file_mode(b.tx.writer);
     b.relations.encoding = fwu_writer_encoding(b.tx.writer);
+    b.tx.work.settings.encoding = b.relations.encoding;
     return feed_names_open(b.relations.names, b.config.log_directory,
                            static_cast<mode_t>(b.state.mode));
 }

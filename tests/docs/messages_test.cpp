@@ -40,7 +40,7 @@ static const struct {
     {"has no item in dataset", {"\" has no item\"", "\" in dataset \""}},
     {"and is left out of the log", {"\" and \"", "\"is\"", "\" left out of the log\""}},
     {"has the character U+20AC, which has no place in ISO 8859-1",
-     {"\" has the character \"", "\"U+%04X\"", "\", which has no place in ISO 8859-1"}},
+     {"\" has \"", "\"the character \"", "\"U+%04X\"", "\", which has no place in ISO 8859-1"}},
     {"has a JSON object as its value", {"\" has a JSON \"", "object", "\" as its value"}},
     {"has a JSON array as its value", {"\" has a JSON \"", "array", "\" as its value"}},
     {"the line is longer than 256 MiB", {": the line is longer than %zu MiB"}},

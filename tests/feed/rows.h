@@ -59,4 +59,14 @@ inline fwu_item item_of(const char *name, char type, int32_t size, int32_t count
     return {.name = name, .type = type, .size = size, .count = count, .item_aux = scale};
 }
 
+// A column line that says nothing but values=.
+inline fwu_column policy_line(const char *table, const char *column, fwu_policy policy)
+{
+    fwu_column line;
+    line.table = table;
+    line.column = column;
+    line.policy = policy;
+    return line;
+}
+
 #endif

@@ -1,51 +1,184 @@
-// UTF-8 to ISO 8859-1, array literals, names, quotes in messages.
+// UTF-8 in the encodings of a log, array literals, names, quotes in messages.
 #include "feed/text.h"
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
-static std::string latin1(std::string_view text)
+// "text", and behind it what was left of it and the first character without a place.
+static std::string encode(std::string_view text, fwu_encoding encoding, size_t room = FEED_ALL)
+{
+    std::string out = "left over";
+    const feed_encoded done = feed_encode(out, text, encoding, room);
+    if (done.taken < text.size())
+        out += " and " + std::to_string(text.size() - done.taken);
+    char code[24];
+    snprintf(code, sizeof code, " bad %X", static_cast<unsigned>(done.bad));
+    return done.bad == 0 ? out : out + code;
+}
+
+TEST(FeedText, CharactersUpToFFAreAByteOfIso8859)
+{
+    EXPECT_EQ(encode("", FWU_LATIN1), "");
+    EXPECT_EQ(encode("plain ~", FWU_LATIN1), "plain ~");
+    EXPECT_EQ(encode("gr\xC3\xBC\xC3\x9F", FWU_LATIN1), "gr\xFC\xDF");
+    EXPECT_EQ(encode("\xC2\x80\xC3\xBF", FWU_LATIN1), "\x80\xFF");
+    EXPECT_EQ(encode("tab\tline\nend", FWU_LATIN1), "tab\tline\nend");
+}
+
+TEST(FeedText, CharactersAboveFFBecomeAQuestionMarkInIso8859)
+{
+    EXPECT_EQ(encode("\xC4\x80", FWU_LATIN1), "? bad 100");
+    EXPECT_EQ(encode("10 \xE2\x82\xAC, \xC4\x80", FWU_LATIN1), "10 ?, ? bad 20AC");
+    EXPECT_EQ(encode("\xF0\x9F\x98\x80", FWU_LATIN1), "? bad 1F600");
+    EXPECT_EQ(encode("\xEF\xBF\xBD", FWU_LATIN1), "? bad FFFD");
+}
+
+TEST(FeedText, Utf8StaysWhatItIs)
+{
+    for (const char *text : {"", "plain ~", "gr\xC3\xBC\xC3\x9F", "10 \xE2\x82\xAC", "\x7F\xC2\x80",
+                             "\xEF\xBF\xBD", "\xF0\x90\x80\x80 \xF4\x8F\xBF\xBF",
+                             "eight by\xC3\xBCte words and more of them \xE2\x82\xAC"})
+        EXPECT_EQ(encode(text, FWU_UTF8), text);
+}
+
+TEST(FeedText, EachByteThatIsNoUtf8IsReplaced)
+{
+    const struct {
+        const char *text;
+        int bytes;
+    } rows[] = {{"\x80", 1},
+                {"\xFF", 1},
+                {"\xC3", 1},
+                {"\xC0\x80", 2},
+                {"\xC1\xBF", 2},
+                {"\xE0\x80\x80", 3},
+                {"\xE0\x83\xBC", 3},
+                {"\xF0\x80\x83\xBC", 4},
+                {"\xE2\x82", 2},
+                {"\xED\xA0\x80", 3},
+                {"\xF5\x80\x80\x80", 4},
+                {"\xF4\x90\x80\x80", 4}};
+    for (const auto &row : rows) {
+        std::string replaced;
+        for (int i = 0; i < row.bytes; i++)
+            replaced += "\xEF\xBF\xBD";
+        const std::string bytes = row.text;
+        EXPECT_EQ(encode("a" + bytes + "b", FWU_UTF8), "a" + replaced + "b bad FFFFFFFF");
+        EXPECT_EQ(encode("a" + bytes + "b", FWU_LATIN1),
+                  "a" + std::string(static_cast<size_t>(row.bytes), '?') + "b bad FFFFFFFF");
+    }
+    EXPECT_EQ(encode("\xC3(", FWU_LATIN1), "?( bad FFFFFFFF");
+}
+
+TEST(FeedText, RoomEndsBetweenCharacters)
+{
+    const std::string text = "ab\xC3\xBC\xE2\x82\xAC\xF0\x9F\x98\x80z";
+    const char *const utf8[] = {" and 12",
+                                "a and 11",
+                                "ab and 10",
+                                "ab and 10",
+                                "ab\xC3\xBC and 8",
+                                "ab\xC3\xBC and 8",
+                                "ab\xC3\xBC and 8",
+                                "ab\xC3\xBC\xE2\x82\xAC and 5",
+                                "ab\xC3\xBC\xE2\x82\xAC and 5",
+                                "ab\xC3\xBC\xE2\x82\xAC and 5",
+                                "ab\xC3\xBC\xE2\x82\xAC and 5",
+                                "ab\xC3\xBC\xE2\x82\xAC\xF0\x9F\x98\x80 and 1",
+                                "ab\xC3\xBC\xE2\x82\xAC\xF0\x9F\x98\x80z"};
+    for (size_t room = 0; room < std::size(utf8); room++)
+        EXPECT_EQ(encode(text, FWU_UTF8, room), utf8[room]) << room;
+    const char *const latin1[] = {" and 12",
+                                  "a and 11",
+                                  "ab and 10",
+                                  "ab\xFC and 8",
+                                  "ab\xFC? and 5 bad 20AC",
+                                  "ab\xFC?? and 1 bad 20AC",
+                                  "ab\xFC??z bad 20AC"};
+    for (size_t room = 0; room < std::size(latin1); room++)
+        EXPECT_EQ(encode(text, FWU_LATIN1, room), latin1[room]) << room;
+    // What replaces a byte may be longer than the room left.
+    EXPECT_EQ(encode("a\xFFz", FWU_UTF8, 3), "a and 2");
+    EXPECT_EQ(encode("a\xFFz", FWU_UTF8, 4), "a\xEF\xBF\xBD and 1 bad FFFFFFFF");
+}
+
+// The same, character by character, with forms of characters taken from a table.
+static std::string naive(std::string_view text, fwu_encoding encoding, size_t room)
 {
     std::string out;
-    uint32_t bad = 0;
-    if (feed_latin1(out, text, bad))
-        return out;
-    char code[16];
-    snprintf(code, sizeof code, "bad %X", static_cast<unsigned>(bad));
-    return code;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t length = 0;
+        unsigned code = 0;
+        const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[at + i]); };
+        for (size_t n = 1; n <= 4 && length == 0; n++) {
+            static const unsigned first[] = {0, 0x00, 0xC0, 0xE0, 0xF0};
+            static const unsigned mask[] = {0, 0x80, 0xE0, 0xF0, 0xF8};
+            static const unsigned least[] = {0, 0, 0x80, 0x800, 0x10000};
+            if ((byte(0) & mask[n]) != first[n] || at + n > text.size())
+                continue;
+            code = byte(0) & ~mask[n];
+            bool good = true;
+            for (size_t i = 1; i < n; i++) {
+                good = good && byte(i) / 64 == 2;
+                code = code * 64 + byte(i) % 64;
+            }
+            if (good && code >= least[n] && code < 0x110000 && code / 0x800 != 0x1B)
+                length = n;
+        }
+        std::string made;
+        if (encoding == FWU_UTF8)
+            made = length == 0 ? "\xEF\xBF\xBD" : std::string(text.substr(at, length));
+        else
+            made = length == 0 || code > 255 ? "?" : std::string(1, static_cast<char>(code));
+        if (made.size() > room - out.size())
+            break;
+        out += made;
+        at += length == 0 ? 1 : length;
+    }
+    return out + (at < text.size() ? " and " + std::to_string(text.size() - at) : "");
 }
 
-TEST(PgText, CharactersUpToFFBecomeOneByte)
+TEST(FeedText, RandomBytesBecomeWhatASlowerWayMakesOfThem)
 {
-    EXPECT_EQ(latin1(""), "");
-    EXPECT_EQ(latin1("plain ~"), "plain ~");
-    EXPECT_EQ(latin1("gr\xC3\xBC\xC3\x9F"), "gr\xFC\xDF");
-    EXPECT_EQ(latin1("\xC2\x80\xC3\xBF"), "\x80\xFF");
-    EXPECT_EQ(latin1("tab\tline\nend"), "tab\tline\nend");
+    static const char *const pieces[] = {
+        "a",    "bcd efgh ijklm", "\xC3\xBC",     "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
+        "\xFF", "\xC3",           "\xED\xA0\x80", "\x80"};
+    std::minstd_rand random(20261122);
+    for (int run = 0; run < 3000; run++) {
+        std::string text;
+        for (auto n = random() % 12; n > 0; n--)
+            text += pieces[random() % std::size(pieces)];
+        const size_t room = random() % 3 == 0 ? FEED_ALL : random() % 40;
+        for (const fwu_encoding encoding : {FWU_LATIN1, FWU_UTF8}) {
+            const std::string made = encode(text, encoding, room);
+            EXPECT_EQ(made.substr(0, made.find(" bad ")), naive(text, encoding, room))
+                << "run " << run << " room " << room;
+        }
+    }
 }
 
-TEST(PgText, CharactersAboveFFHaveNoPlace)
+TEST(FeedText, AsciiEndsBeforeTheFirstOtherByte)
 {
-    EXPECT_EQ(latin1("\xC4\x80"), "bad 100");
-    EXPECT_EQ(latin1("10 \xE2\x82\xAC"), "bad 20AC");
-    EXPECT_EQ(latin1("\xF0\x9F\x98\x80"), "bad 1F600");
+    for (size_t length = 0; length <= 40; length++) {
+        std::string text(length, 'x');
+        EXPECT_EQ(feed_ascii_length(text), length);
+        for (size_t at = 0; at < length; at++) {
+            text[at] = '\x80';
+            EXPECT_EQ(feed_ascii_length(text), at);
+            text[at] = '\x7F';
+        }
+    }
 }
 
-TEST(PgText, BytesThatAreNotUtf8AreNeverTakenForText)
+TEST(FeedText, SessionTextsKeepGoingWithAQuestionMark)
 {
-    for (const char *text : {"\x80", "\xFF", "\xC3", "\xC3(", "\xC0\x80", "\xC1\xBF",
-                             "\xE0\x80\x80", "\xE0\x83\xBC", "\xF0\x80\x83\xBC", "\xE2\x82",
-                             "\xF5\x80\x80\x80", "\x80 and ten more bytes", "\xF4\x90\x80\x80"})
-        EXPECT_EQ(latin1(text), "bad FFFD");
-}
-
-TEST(PgText, SessionTextsKeepGoingWithAQuestionMark)
-{
-    EXPECT_EQ(feed_latin1_lossy("a\xE2\x82\xAC\xC3\xBC"), "a?\xFC");
-    EXPECT_EQ(feed_latin1_lossy("a\xFF"
-                                "b"),
+    EXPECT_EQ(feed_latin1("a\xE2\x82\xAC\xC3\xBC"), "a?\xFC");
+    EXPECT_EQ(feed_latin1("a\xFF"
+                          "b"),
               "a?b");
 }
 
@@ -60,7 +193,7 @@ static std::string array(const char *literal)
     return out;
 }
 
-TEST(PgText, ArraysAreTakenApartAtTheirCommas)
+TEST(FeedText, ArraysAreTakenApartAtTheirCommas)
 {
     EXPECT_EQ(array("{44,0,44,0}"), "<44><0><44><0>");
     EXPECT_EQ(array("{}"), "");
@@ -69,14 +202,14 @@ TEST(PgText, ArraysAreTakenApartAtTheirCommas)
     EXPECT_EQ(array("[0:1]={7,8}"), "<7><8>");
 }
 
-TEST(PgText, QuotesAndBackslashesInArraysAreUndone)
+TEST(FeedText, QuotesAndBackslashesInArraysAreUndone)
 {
     EXPECT_EQ(array(R"({"a,b","c}","d\"e","f\\g",""})"), R"(<a,b><c}><d"e><f\g><>)");
     EXPECT_EQ(array(R"({"NULL",\NULL})"), "<NULL><NULL>");
     EXPECT_EQ(array(R"({a\,b})"), "<a,b>");
 }
 
-TEST(PgText, ArraysThatCannotBeTakenApartAreRefused)
+TEST(FeedText, ArraysThatCannotBeTakenApartAreRefused)
 {
     EXPECT_EQ(array("{1,NULL}"), "has a NULL among its elements");
     EXPECT_EQ(array("{null}"), "has a NULL among its elements");
@@ -92,14 +225,14 @@ TEST(PgText, ArraysThatCannotBeTakenApartAreRefused)
     EXPECT_EQ(array("{\"a\\}"), "is an array literal whose quotes do not match");
 }
 
-TEST(PgText, NamesAreUpperCaseWithHyphens)
+TEST(FeedText, NamesAreUpperCaseWithHyphens)
 {
     EXPECT_EQ(feed_name("order_lines"), "ORDER-LINES");
     EXPECT_EQ(feed_name("Mixed9_z"), "MIXED9-Z");
     EXPECT_EQ(feed_name(""), "");
 }
 
-TEST(PgText, QuotesInMessagesAreShortAndPrintable)
+TEST(FeedText, QuotesInMessagesAreShortAndPrintable)
 {
     EXPECT_EQ(feed_quote("a\tb\n"), "\"a?b?\"");
     EXPECT_EQ(feed_quote(std::string(41, 'x')), "\"" + std::string(40, 'x') + "...\"");

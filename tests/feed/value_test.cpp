@@ -202,7 +202,8 @@ TEST(FeedValue, ValuesThatDoNotFitAreErrorsWithARemedy)
               "wider"},
         {value_item('X', 9), text(WORDS, "10 \xE2\x82\xAC"),
          at + "\"10 \xE2\x82\xAC\" has the character U+20AC, which has no place in ISO 8859-1: "
-              "change the text at its source, or leave the column out of the dataset"},
+              "change the text at its source, begin a new log with text-encoding utf-8, or leave "
+              "the column out of the dataset"},
         {value_item('I', 2), number(PLAIN, "40000"),
          at + "\"40000\" is out of the range of item VALUE (I 2): make the item wider"},
         {value_item('K', 2), number(PLAIN, "-1"),
@@ -326,4 +327,38 @@ TEST(FeedValue, TruncateCutsTheTextsOfAnArray)
     make.work.settings.truncate = true;
     EXPECT_EQ(make.fresh(row_of({text(LIST_OF_WORDS, "{abcd,xy}")})), "abcxy ");
     EXPECT_EQ(make.work.truncated, 1U);
+}
+
+TEST(FeedValue, TruncateCutsBetweenCharacters)
+{
+    maker make(config_of({value_item('X', 4)}));
+    make.work.settings.truncate = true;
+    make.work.settings.encoding = FWU_UTF8;
+    EXPECT_EQ(make.fresh(row_of({text(WORDS, "abc\xC3\xBC")})), "abc ");
+    EXPECT_EQ(make.fresh(row_of({text(WORDS, "ab\xC3\xBC")})), "ab\xC3\xBC");
+    EXPECT_EQ(make.fresh(row_of({text(WORDS, "\xE2\x82\xAC\xE2\x82\xAC")})), "\xE2\x82\xAC ");
+    EXPECT_EQ(make.work.truncated, 2U);
+}
+
+static std::string in_utf8(int32_t width, feed_column column)
+{
+    maker make(config_of({value_item('X', width)}));
+    make.work.settings.encoding = FWU_UTF8;
+    return make.fresh(row_of({std::move(column)}));
+}
+
+TEST(FeedValue, Utf8LogTakesAllCharacters)
+{
+    EXPECT_EQ(in_utf8(8, text(WORDS, "10 \xE2\x82\xAC")), "10 \xE2\x82\xAC  ");
+    EXPECT_EQ(in_utf8(4, text(WORDS, "\xF0\x9F\x98\x80")), "\xF0\x9F\x98\x80");
+    EXPECT_EQ(in_utf8(4, text(FILLED, "\xC3\xBC\xC3\xBC       ")), "\xC3\xBC\xC3\xBC");
+    const std::string at = "error: sales.orders.value: ";
+    EXPECT_EQ(
+        in_utf8(4, text(WORDS, "abc\xC3\xBC")),
+        at + "\"abc\xC3\xBC\" is 5 bytes long, item VALUE (X 4) holds 4: make the item wider, or "
+             "cut texts with --truncate");
+    EXPECT_EQ(in_utf8(4, text(WORDS, "a\xC3")),
+              at +
+                  "\"a\xC3\" has bytes that are not UTF-8: change the text at its source, or leave "
+                  "the column out of the dataset");
 }

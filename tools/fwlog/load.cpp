@@ -109,6 +109,11 @@ static void print_summary(const w2j_stream &stream)
     if (stream.tx.work.settings.truncate)
         printf("fwlog: %" PRIu64 " texts cut to the length of their items\n",
                stream.tx.work.truncated);
+    const feed_marked &marked = totals.marked;
+    if (marked != feed_marked())
+        printf("fwlog: items marked: %" PRIu64 " cut, %" PRIu64
+               " with characters replaced, %" PRIu64 " left blank, %" PRIu64 " not known\n",
+               marked.cut, marked.replaced, marked.left_out, marked.unknown);
 }
 
 // Tells once that a repair has cut off what an earlier summary had acknowledged.
@@ -140,6 +145,8 @@ static outcome load(const fwlog_load_options &options, int fd, const char *name)
         (void)fwu_writer_close(stream.tx.writer); // nothing was written
         return OUTCOME_FAILED;
     }
+
+    stream.tx.work.settings.encoding = fwu_writer_encoding(stream.tx.writer);
 
     line_reader reader;
     reader.fd = fd;
