@@ -186,6 +186,19 @@ TEST_F(BridgeRefusalTest, TextTooLongForItsItem)
     EXPECT_TRUE(logged("BODY=\"" + std::string(60, 'x') + "\""));
 }
 
+TEST_F(BridgeRefusalTest, TextTooLongForTheWidthGivenToItsColumn)
+{
+    sql("CREATE TABLE load.notes (id integer PRIMARY KEY, note text)");
+    sql("ALTER TABLE load.notes REPLICA IDENTITY FULL");
+    configure(std::string("column load.notes.note width=5\n") + ledger_cfg);
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO load.notes VALUES (1, 'sixsix')");
+    expect_refused({"--once"}, {"load.notes.note", "holds 5", "--truncate"});
+    const run_result cut = catch_up({"--truncate"});
+    EXPECT_EQ(cut.status, 0) << cut.err;
+    EXPECT_TRUE(logged("NOTE=\"sixsi\""));
+}
+
 TEST_F(BridgeRefusalTest, CharacterThatHasNoPlaceInTheLog)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);

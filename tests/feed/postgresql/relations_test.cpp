@@ -205,6 +205,17 @@ TEST_F(Relations, ConfiguredItemsOfDomainsHaveTheServersText)
     EXPECT_EQ(row.columns[3].type.whole, FEED_WORDS);
 }
 
+TEST_F(Relations, TextOfAGivenWidthMayStillBeCut)
+{
+    config.columns = {
+        {"app.orders", "note", "", 40}, {"app.orders", "code", "", 3}, {"app.orders", "no", "", 3}};
+    describe(7, "orders", {{"note", 25, -1}, {"code", 1042, 14}, {"no", 23, -1}});
+    const feed_row &row = find(7).fresh;
+    EXPECT_EQ(row.columns[0].type.whole, FEED_WORDS);
+    EXPECT_EQ(row.columns[1].type.whole, FEED_FILLED_WORDS);
+    EXPECT_EQ(row.columns[2].type, feed_type()) << "no text: cut it is another number";
+}
+
 TEST_F(Relations, ConfiguredTableKeepsItsItems)
 {
     fwu_dataset dataset;
