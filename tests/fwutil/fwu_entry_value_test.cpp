@@ -272,6 +272,7 @@ TEST_F(ValueTest, WhatWasGivenStandsBeforeItsRecord)
                                                                    : (text.size() - 1) % PIECE + 1);
                 }
             std::vector<fwu_value> values;
+            values.reserve(given.size());
             for (const kept_value &value : given)
                 values.push_back({value.item,
                                   value.image == 'a' ? FWU_IMAGE_AFTER : FWU_IMAGE_BEFORE,

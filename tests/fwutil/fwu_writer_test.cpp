@@ -310,6 +310,28 @@ TEST_F(WriterTest, ALogKeepsItsEncodingAndAnotherOneIsRefused)
     }
 }
 
+TEST_F(WriterTest, AnotherEncodingIsCorrectedOrLeftOutInTheConfiguration)
+{
+    const auto encoded = [&](const std::string &line) {
+        configure(line + "byte-order little\ndatabase SALES\ndataset ORDERS\nitem NO I 4\n"
+                         "item TEXT X 12\n");
+    };
+    encoded("text-encoding utf-8\n");
+    open_writer();
+    add({insert(1)});
+    close_writer();
+    encoded("text-encoding iso-8859-1\n");
+    EXPECT_THAT(reopen_failing(), HasSubstr("correct text-encoding in it, or leave it out"));
+    for (const char *line : {"text-encoding utf-8\n", ""}) {
+        encoded(line);
+        open_writer();
+        add({insert(2)});
+        close_writer();
+    }
+    EXPECT_EQ(encodings(log), "U");
+    EXPECT_EQ(run().records, written);
+}
+
 // The header of the last file is lost; the file before says what the log's texts are.
 TEST_F(WriterTest, ATornFileHeaderIsWrittenAnewInTheEncodingOfTheLog)
 {

@@ -124,7 +124,9 @@ TEST(FwlogDump, WholeValuesStandBeforeTheirRecord)
                            "2023-11-14 22:13:20.000000\n"));
     EXPECT_THAT(result.out, HasSubstr("\n1-1.2 @176 value of item 1 after, 8 bytes\n"
                                       "    \"größer\"\n"
-                                      "1-1.3 @216 insert SALES.ORDERS "));
+                                      "1-1.3 @216 insert SALES.ORDERS 2023-11-14 22:13:21 "
+                                      "record 1, 10 bytes\n"
+                                      "    after NO=1 NOTE=\"grö\" NULLS=\".C\"\n"));
     EXPECT_THAT(here.dump({"--hex"}).out, HasSubstr(" value of item 1 after, 8 bytes\n"
                                                     "    6772C3B6C39F6572\n"));
 }
