@@ -9,6 +9,7 @@
 
 static const char *program = "fwutil";
 static int verbose = 0;
+static std::string last; // printed by fwu_error
 
 void fwu_set_program(const char *name)
 {
@@ -20,7 +21,7 @@ void fwu_set_verbose(int on)
     verbose = on;
 }
 
-__attribute__((format(printf, 1, 0))) static void report(const char *format, va_list args)
+__attribute__((format(printf, 1, 0))) static std::string report(const char *format, va_list args)
 {
     const int saved_errno = errno;
     va_list again;
@@ -29,26 +30,32 @@ __attribute__((format(printf, 1, 0))) static void report(const char *format, va_
     std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
     (void)vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
-    text = std::string(program) + ": " + text + "\n";
-    (void)fwrite(text.data(), 1, text.size(), stderr); // nobody is left to tell
+    const std::string line = std::string(program) + ": " + text + "\n";
+    (void)fwrite(line.data(), 1, line.size(), stderr); // nobody is left to tell
     (void)fflush(stderr);
     errno = saved_errno;
+    return text;
 }
 
 int fwu_error(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    report(format, args);
+    last = report(format, args);
     va_end(args);
     return -1;
+}
+
+const std::string &fwu_error_last()
+{
+    return last;
 }
 
 void fwu_warn(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    report(format, args);
+    (void)report(format, args);
     va_end(args);
 }
 
@@ -58,6 +65,6 @@ void fwu_note(const char *format, ...)
         return;
     va_list args;
     va_start(args, format);
-    report(format, args);
+    (void)report(format, args);
     va_end(args);
 }

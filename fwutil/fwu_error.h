@@ -2,6 +2,8 @@
 #ifndef FWUTIL_FWU_ERROR_H
 #define FWUTIL_FWU_ERROR_H
 
+#include <string>
+
 // Behind each advice to start a run again or elsewhere: a program may empty at its start
 // what the records before are in.
 constexpr char FWU_KEEP_FIRST[] =
@@ -16,6 +18,9 @@ void fwu_set_verbose(int on);
 
 // Prints one line about an error; always returns -1.  Leaves errno alone.
 __attribute__((format(printf, 1, 2))) int fwu_error(const char *format, ...);
+
+// The text that fwu_error printed last; empty: it has printed nothing yet.
+const std::string &fwu_error_last();
 
 // Prints one line that is no error but that an operator has to see.
 __attribute__((format(printf, 1, 2))) void fwu_warn(const char *format, ...);

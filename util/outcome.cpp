@@ -8,6 +8,7 @@
 #include <cstdio>
 
 static const char *g_program = "?"; // until main has set it
+static std::string g_failed;        // told last by outcome_failed
 
 const std::string &outcome::text() const
 {
@@ -37,7 +38,7 @@ const char *told_as()
     return g_program;
 }
 
-__attribute__((format(printf, 1, 0))) static void print(const char *format, va_list args)
+__attribute__((format(printf, 1, 0))) static std::string print(const char *format, va_list args)
 {
     const int saved_errno = errno;
     va_list again;
@@ -46,17 +47,18 @@ __attribute__((format(printf, 1, 0))) static void print(const char *format, va_l
     std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
     (void)vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
-    text = std::string(g_program) + ": " + text + "\n";
-    (void)fwrite(text.data(), 1, text.size(), stderr); // nobody is left to tell
+    const std::string line = std::string(g_program) + ": " + text + "\n";
+    (void)fwrite(line.data(), 1, line.size(), stderr); // nobody is left to tell
     (void)fflush(stderr);
     errno = saved_errno;
+    return text;
 }
 
 void tell(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    print(format, args);
+    (void)print(format, args);
     va_end(args);
 }
 
@@ -64,9 +66,14 @@ outcome outcome_failed(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    print(format, args);
+    g_failed = print(format, args);
     va_end(args);
     return OUTCOME_FAILED;
+}
+
+const std::string &outcome_failed_last()
+{
+    return g_failed;
 }
 
 int outcome_exit_status(const outcome &done)

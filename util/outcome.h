@@ -66,6 +66,9 @@ __attribute__((format(printf, 1, 2))) void tell(const char *format, ...);
 // The same, for what ends the step: OUTCOME_FAILED.
 __attribute__((format(printf, 1, 2))) outcome outcome_failed(const char *format, ...);
 
+// The text that outcome_failed told last; empty: it has told nothing yet.
+const std::string &outcome_failed_last();
+
 // What the program ends with; what is to be told is told: 0, 1 for a failure, 2 for
 // a wrong command line, 128 and the signal's number.
 constexpr int EXIT_STATUS_OK = 0;

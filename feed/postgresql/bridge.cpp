@@ -10,12 +10,16 @@
 #include "feed/postgresql/prepare.h"
 #include "feed/postgresql/snapshot.h"
 #include "fwutil/fwu_config.h"
+#include "fwutil/fwu_error.h"
 #include "fwutil/fwu_start.h"
 #include "util/report_signal.h"
 #include "util/stop_signal.h"
 
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 constexpr int SLOT_WAIT_MS = 60'000; // for a receiver that the server has not given up yet
 
@@ -87,22 +91,24 @@ static bool try_again(bridge &b, losses &past, const std::string &why)
     if (strcmp(b.state.phase, "streaming") == 0) // it went well for a while
         past = {.backoff = {}, .followed = true};
     if (server.slot_in_use && !past.followed && past.slot_waited_ms >= SLOT_WAIT_MS) {
-        tell("%s; stop the process that uses the slot, or name another slot with --slot",
-             why.c_str());
+        (void)outcome_failed(
+            "%s; stop the process that uses the slot, or name another slot with --slot",
+            why.c_str());
         return false;
     }
     if (!b.connected) {
-        tell("cannot connect: %s; %s", why.c_str(),
-             server.remedy != nullptr
-                 ? server.remedy
-                 : "check --conninfo or the environment (host, port, dbname, user, password), "
-                   "and that the server runs");
+        (void)outcome_failed(
+            "cannot connect: %s; %s", why.c_str(),
+            server.remedy != nullptr
+                ? server.remedy
+                : "check --conninfo or the environment (host, port, dbname, user, password), "
+                  "and that the server runs");
         return false;
     }
     feed_backoff_tell(past.backoff, why);
-    b.state.phase = "waiting";
+    pgb_state_enter(b.state, "waiting", why);
     b.state.reconnects++;
-    (void)pgb_state_write(b.state, false); // told
+    (void)pgb_state_write(b.state); // told
     if (server.slot_in_use)
         past.slot_waited_ms += past.backoff.pause_ms;
     return feed_backoff_wait(past.backoff);
@@ -157,6 +163,7 @@ static outcome set_up(bridge &b)
     b.apply.ignore_truncate = options.ignore_truncate;
     b.state.slot = options.slot;
     b.state.publication = options.publication;
+    b.state.kept.path = b.config.log_directory + "/source";
     b.state.path =
         options.status != nullptr ? options.status : b.config.log_directory + "/postgresql.json";
     return {};
@@ -165,16 +172,57 @@ static outcome set_up(bridge &b)
 // What the log and the run before say.
 static outcome take_over(bridge &b)
 {
-    pgb_state_read(b.state);
+    pgb_kept &kept = b.state.kept;
+    kept.mode = fwu_writer_file_mode(b.tx.writer);
+    outcome done = pgb_kept_read(kept, b.state.path);
     const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
     b.state.commit_us = last.time_us;
-    if (last.lsn != 0 && b.state.snapshot == "begun")
-        b.state.snapshot = "done"; // cut short behind its commit
-    b.state.mode = fwu_writer_file_mode(b.tx.writer);
+    if (last.lsn != 0 && kept.snapshot == "begun")
+        kept.snapshot = "done"; // cut short behind its commit
     b.relations.encoding = fwu_writer_encoding(b.tx.writer);
     b.tx.work.settings.encoding = b.relations.encoding;
-    return feed_names_open(b.relations.names, b.config.log_directory,
-                           static_cast<mode_t>(b.state.mode));
+    if (done)
+        done = feed_names_open(b.relations.names, b.config.log_directory, kept.mode);
+    return done;
+}
+
+// What a monitor finds when the program has ended.
+static void enter_last_phase(pgb_state &state, const outcome &done)
+{
+    if (done || done.kind() == OUTCOME_STOPPED)
+        pgb_state_enter(state, "stopped");
+    else
+        pgb_state_enter(state, "failed",
+                        !done.text().empty()             ? done.text()
+                        : !outcome_failed_last().empty() ? outcome_failed_last()
+                                                         : fwu_error_last());
+    (void)pgb_state_write(state); // told
+}
+
+// Whether it is not another process that writes the log, and its state.
+static bool log_is_free(const std::string &directory, mode_t &mode)
+{
+    const int fd = open((directory + "/writer.lock").c_str(), O_RDWR | O_CLOEXEC);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    struct stat file = {};
+    const bool free = fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK &&
+                      fstat(fd, &file) == 0;
+    mode = file.st_mode & 0666;
+    if (fd >= 0)
+        close(fd);
+    return free;
+}
+
+// The log cannot be written: monitors are to know.
+static outcome fail_to_open(bridge &b)
+{
+    const outcome failed = OUTCOME_FAILED;
+    pgb_kept &kept = b.state.kept;
+    if (log_is_free(b.config.log_directory, kept.mode) && pgb_kept_read(kept, b.state.path))
+        enter_last_phase(b.state, failed);
+    return OUTCOME_FAILED;
 }
 
 outcome pgb_run(const pgb_options &options)
@@ -186,18 +234,17 @@ outcome pgb_run(const pgb_options &options)
     report_signal_install();
     signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
     if (fwu_writer_open(&b.tx.writer, b.config) != 0)
-        return OUTCOME_FAILED;
+        return fail_to_open(b);
     outcome done = take_over(b);
     if (done)
-        done = accept_loss(b);
+        done = pgb_state_write(b.state); // before the server is asked, which may take long
     if (done)
-        done = pgb_state_write(b.state, false); // before the server is asked, which may take long
+        done = accept_loss(b);
     if (done)
         done = run(b);
     if (fwu_writer_close(b.tx.writer) != 0)
         done = OUTCOME_FAILED;
-    b.state.phase = "stopped";
-    (void)pgb_state_write(b.state, false); // told
+    enter_last_phase(b.state, done);
     if (options.verbose)
         pgb_state_print(b.state);
     return done;

@@ -1,5 +1,5 @@
 // The server forgets what it is told is done, so the order is fixed: transactions are on
-// disk in the log, the log's acknowledgement and the state file say so, and only then is
+// disk in the log, the log's acknowledgement and file "source" say so, and only then is
 // the server told.  A restart relies on it: whatever was cut off on the way, the server
 // still sends, and what it sends twice is known by its position and passed over.
 #include "feed/postgresql/follow.h"
@@ -105,13 +105,14 @@ static outcome send_feedback(follow &f)
 static outcome acknowledge(follow &f)
 {
     pgb_state &state = f.state;
-    const bool moves = state.logged_lsn > state.told_lsn;
+    const bool moves = state.logged_lsn > state.kept.told_lsn;
     if (fwu_writer_acknowledge(f.tx.writer) != 0)
         return OUTCOME_FAILED;
-    state.told_lsn = std::max(state.told_lsn, state.logged_lsn);
-    if (outcome written = pgb_state_write(state, f.settings.durable); !written)
+    state.kept.told_lsn = std::max(state.kept.told_lsn, state.logged_lsn);
+    if (outcome written = pgb_kept_write(state.kept, f.settings.durable); !written)
         return written;
     f.acked_lsn = state.logged_lsn;
+    (void)pgb_state_write(state); // told, and tried again soon
     if (moves)
         f.server.patience_ms = f.server.timeout_ms; // it sends what it has
     return {};
@@ -141,7 +142,7 @@ static outcome keep_in_touch(follow &f)
         if (outcome done = acknowledge(f); !done)
             return done;
     } else if (now >= f.feedback_due_ms) {
-        (void)pgb_state_write(f.state, false); // told, and tried again soon
+        (void)pgb_state_write(f.state); // told, and tried again soon
     } else {
         return send_feedback(f); // only since the server asks
     }
@@ -317,7 +318,7 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
         return done;
     f.heard_ms = fwu_monotonic_ms();
     server.sql.reset(); // an idle session would keep the server from shutting down
-    state.phase = "streaming";
+    pgb_state_enter(state, "streaming");
     apply.end = fwu_writer_last_lsn(tx.writer);
     state.received_lsn = apply.end;
     state.logged_lsn = 0;

@@ -19,6 +19,7 @@ constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
 struct checks {
     pgs_server &server;
     pgb_state &state;
+    pgb_kept &kept; // as it will be when all is found right
     const fwu_config &config;
     const pgb_options &options;
     const fwu_commit &last; // of the log
@@ -34,12 +35,12 @@ static outcome refuse(const std::string &text)
 static outcome check_timeline(const checks &on, uint32_t timeline)
 {
     pgs_server &server = on.server;
-    pgb_state &state = on.state;
+    pgb_kept &kept = on.kept;
     const std::string now = std::to_string(timeline);
     const uint64_t last = on.last.lsn;
-    const uint32_t before = last == 0 ? 0 : state.timeline;
+    const uint32_t before = last == 0 ? 0 : kept.timeline;
     if (before == 0 || before == timeline || on.options.accept_gap) {
-        state.timeline = timeline;
+        kept.timeline = timeline;
         return {};
     }
     pgs_result result;
@@ -59,8 +60,8 @@ static outcome check_timeline(const checks &on, uint32_t timeline)
             last >= left)
             break;
         // Beyond that place the old timeline had nothing for the log.
-        state.told_lsn = std::min(state.told_lsn, left);
-        state.timeline = timeline;
+        kept.told_lsn = std::min(kept.told_lsn, left);
+        kept.timeline = timeline;
         return {};
     }
     return refuse("the server's timeline " + now + " has left timeline " + std::to_string(before) +
@@ -72,7 +73,7 @@ static outcome check_timeline(const checks &on, uint32_t timeline)
 static outcome check_system(const checks &on, pgb_found &found)
 {
     pgs_server &server = on.server;
-    pgb_state &state = on.state;
+    pgb_kept &kept = on.kept;
     const int version = PQserverVersion(server.sql.get());
     if (version < OLDEST_VERSION)
         return refuse("the server is PostgreSQL " + std::to_string(version / 10000) +
@@ -92,23 +93,22 @@ static outcome check_system(const checks &on, pgb_found &found)
                       "and position: " +
                       feed_quote(system) + ", " + feed_quote(pgs_value(result, 0, 1)) + ", " +
                       feed_quote(pgs_value(result, 0, 2)) + "; is it a PostgreSQL server?");
-    const bool log_begun = on.last.lsn != 0 || state.told_lsn != 0 || state.snapshot != "none";
-    if (log_begun && !state.system.empty() &&
-        (state.system != system || state.database != database))
-        return refuse("the log belongs to database \"" + state.database + "\" of server system " +
-                      state.system + ", this is database \"" + database + "\" of " + system +
-                      "; use another log directory for it (" + state.path + " tells)");
+    const bool log_begun = on.last.lsn != 0 || kept.told_lsn != 0 || kept.snapshot != "none";
+    if (log_begun && !kept.system.empty() && (kept.system != system || kept.database != database))
+        return refuse("the log belongs to database \"" + kept.database + "\" of server system " +
+                      kept.system + ", this is database \"" + database + "\" of " + system +
+                      "; use another log directory for it (" + kept.path + " tells)");
     if (outcome checked = check_timeline(on, timeline); !checked)
         return checked;
-    const uint64_t known = std::max(on.last.lsn, state.told_lsn);
+    const uint64_t known = std::max(on.last.lsn, kept.told_lsn);
     if (known > now)
         return refuse("the log goes up to " + fwu_lsn_text(known) + ", the server only to " +
                       fwu_lsn_text(now) +
                       ": it is another server, or was set back to an older state; begin a new log "
                       "directory with --create --snapshot");
-    state.system = system;
-    state.database = database;
-    state.server_lsn = now;
+    kept.system = system;
+    kept.database = database;
+    on.state.server_lsn = now;
     found.server_end = now;
     return {};
 }
@@ -183,18 +183,26 @@ static outcome create_slot(const checks &on, pgb_found &found)
 {
     pgs_server &server = on.server;
     pgb_state &state = on.state;
+    pgb_kept &kept = on.kept;
     const bool snapshot = on.options.snapshot && on.last.lsn == 0;
     pgs_result result;
     outcome done = check_identities(on, true);
     if (!done)
         return done;
-    state.snapshot = snapshot ? "begun" : "none";
-    done = pgb_state_write(state, true);
+    const pgb_kept before = state.kept;
+    kept.slot = server.slot;
+    kept.snapshot = snapshot ? "begun" : "none";
+    done = pgb_kept_write(kept, true);
+    state.kept = kept; // the slot may be there even when no answer comes
     if (done)
         done =
             pgs_command(server, server.replication.get(), result,
                         "CREATE_REPLICATION_SLOT " + pgs_name(server.slot) + " LOGICAL pgoutput " +
                             (snapshot ? "EXPORT_SNAPSHOT" : "NOEXPORT_SNAPSHOT"));
+    if (done.kind() == OUTCOME_FAILED) {
+        state.kept = before;
+        (void)pgb_kept_write(before, true); // told
+    }
     if (!done)
         return done;
     uint64_t lsn = 0;
@@ -208,9 +216,9 @@ static outcome create_slot(const checks &on, pgb_found &found)
                       fwu_lsn_text(lsn) + ", its log goes from above 0/0 up to " +
                       fwu_lsn_text(state.server_lsn) + "; is it a PostgreSQL server?");
     tell("slot \"%s\" created, it begins at %s", server.slot.c_str(), fwu_lsn_text(lsn).c_str());
-    state.told_lsn = lsn;
+    kept.told_lsn = lsn;
     if (!snapshot)
-        return pgb_state_write(state, true);
+        return {};
     found.snapshot = pgs_value(result, 0, 2);
     found.begin = lsn;
     return {};
@@ -221,7 +229,7 @@ static outcome slot_is_missing(const checks &on, pgb_found &found)
     const std::string slot = "slot \"" + on.server.slot + "\" is not there";
     const pgb_options &options = on.options;
     const uint64_t last = on.last.lsn;
-    const uint64_t known = std::max(last, on.state.told_lsn);
+    const uint64_t known = std::max(last, on.kept.told_lsn);
     const bool begins = known == 0 || (last == 0 && options.create && options.snapshot);
     if (!begins && !options.accept_gap)
         return refuse(slot + ", and the log goes up to " + fwu_lsn_text(known) +
@@ -235,27 +243,63 @@ static outcome slot_is_missing(const checks &on, pgb_found &found)
 // Compares the position that the slot has with what the log and its state know.
 static outcome check_position(const checks &on, pgb_found &found, uint64_t confirmed)
 {
-    pgb_state &state = on.state;
+    pgb_kept &kept = on.kept;
     const fwu_commit &last = on.last;
-    if (last.lsn == 0 && state.told_lsn == 0)
-        state.told_lsn = confirmed; // the log begins here
-    const uint64_t known = std::max(last.lsn, state.told_lsn);
+    if (last.lsn == 0 && kept.told_lsn == 0)
+        kept.told_lsn = confirmed; // the log begins here
+    const uint64_t known = std::max(last.lsn, kept.told_lsn);
     if (confirmed > known && !on.options.accept_gap)
         return refuse("slot \"" + on.server.slot + "\" stands at " + fwu_lsn_text(confirmed) +
                       ", the log goes up to " + fwu_lsn_text(known) + " only as far as " +
-                      state.path +
+                      kept.path +
                       " tells: somebody else has used the slot or made it anew, and what was "
                       "changed between is missing; begin a new log directory with --create "
                       "--snapshot, or go on as it is with --accept-gap");
-    state.told_lsn = std::max(known, confirmed);
+    kept.told_lsn = std::max(known, confirmed);
+    kept.slot = on.server.slot;
     // What is sent first must then be the last transaction that the log has.
     found.expects_last = confirmed <= last.lsn && last.xid != 0 && !on.options.accept_gap;
     return {};
 }
 
+// The log follows one slot; what another one gives may have a gap, and belongs to others.
+static outcome check_slot_is_the_logs(const checks &on)
+{
+    pgb_kept &kept = on.kept;
+    const std::string &slot = on.server.slot;
+    if (kept.slot == slot)
+        return {};
+    const bool log_begun = on.last.lsn != 0 || kept.told_lsn != 0;
+    if (log_begun && !kept.slot.empty() && !on.options.accept_gap)
+        return refuse("the log follows slot \"" + kept.slot + "\", not \"" + slot +
+                      "\": name that one with --slot " + kept.slot +
+                      ", use another log directory for this one, or go on as it is with "
+                      "--accept-gap (" +
+                      kept.path + " tells)");
+    kept.snapshot = "none";
+    kept.told_lsn = 0;
+    return {};
+}
+
+// Of a slot that the log has never heard of nobody knows what it gave before, and to whom.
+static outcome check_slot_is_known(const checks &on)
+{
+    const std::string &slot = on.server.slot;
+    if (on.last.lsn != 0 || on.kept.slot == slot || on.options.accept_gap)
+        return {};
+    return refuse("slot \"" + slot +
+                  "\" is there already, and the log directory knows nothing of it: what it gave "
+                  "to others is missing here; drop it (SELECT pg_drop_replication_slot(" +
+                  pgs_literal(slot) +
+                  ")) and begin with --create --snapshot, name another with --slot, or go on from "
+                  "where it stands with --accept-gap");
+}
+
 static outcome check_slot(const checks &on, pgb_found &found)
 {
     pgs_server &server = on.server;
+    if (outcome checked = check_slot_is_the_logs(on); !checked)
+        return checked;
     pgs_result result;
     outcome done = pgs_query(server, server.sql.get(), result,
                              "SELECT plugin, database, current_database(), confirmed_flush_lsn"
@@ -271,8 +315,10 @@ static outcome check_slot(const checks &on, pgb_found &found)
         return refuse(slot + " is one of plugin \"" + std::string(pgs_value(result, 0, 0)) +
                       "\" and database \"" + std::string(pgs_value(result, 0, 1)) +
                       "\", not of pgoutput and this database; name another with --slot");
+    if (outcome checked = check_slot_is_known(on); !checked)
+        return checked;
     const bool nothing_logged = on.last.lsn == 0;
-    if (nothing_logged && on.state.snapshot == "begun") {
+    if (nothing_logged && on.kept.snapshot == "begun") {
         if (!on.options.create || !on.options.snapshot)
             return refuse("the snapshot of " + slot +
                           " was cut short; give --create and --snapshot to take it anew");
@@ -281,11 +327,11 @@ static outcome check_slot(const checks &on, pgb_found &found)
                          {server.slot.c_str()});
         return done ? slot_is_missing(on, found) : std::move(done);
     }
-    if (nothing_logged && on.options.snapshot && on.state.snapshot != "done")
+    if (nothing_logged && on.options.snapshot && on.kept.snapshot != "done")
         return refuse(slot +
                       " is there already, and a snapshot can only be taken when the slot is "
-                      "made; drop it (SELECT pg_drop_replication_slot('" +
-                      server.slot + "')), or leave --snapshot out");
+                      "made; drop it (SELECT pg_drop_replication_slot(" +
+                      pgs_literal(server.slot) + ")), or leave --snapshot out");
     uint64_t confirmed = 0;
     const std::string_view position = pgs_value(result, 0, 3); // none: it was never used
     if (!position.empty() && !fwu_lsn_parse(confirmed, position))
@@ -308,8 +354,13 @@ static outcome check_role(pgs_server &server)
 outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
                     const fwu_config &config, const pgb_options &options, const fwu_commit &last)
 {
-    const checks on = {
-        .server = server, .state = state, .config = config, .options = options, .last = last};
+    pgb_kept kept = state.kept;
+    const checks on = {.server = server,
+                       .state = state,
+                       .kept = kept,
+                       .config = config,
+                       .options = options,
+                       .last = last};
     outcome done = check_role(server);
     if (done)
         done = check_system(on, found);
@@ -317,5 +368,9 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
         done = check_publication(on);
     if (done)
         done = check_slot(on, found);
+    if (done)
+        done = pgb_kept_write(kept, true);
+    if (done)
+        state.kept = std::move(kept);
     return done;
 }

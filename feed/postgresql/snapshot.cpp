@@ -197,15 +197,16 @@ static outcome copy_tables(pgs_server &server, feed_transaction &tx, pgb_relatio
     return done;
 }
 
-// The state on disk says "begun" from before the slot is there until the log has the rows;
+// What is kept says "begun" from before the slot is there until the log has the rows;
 // a run that finds it so, and an empty log, takes slot and snapshot anew.
 static outcome copy_into_log(pgs_server &server, pgb_state &state, feed_transaction &tx,
                              pgb_relations &relations, const std::string &snapshot, uint64_t lsn,
                              bool verbose)
 {
-    state.phase = "snapshot";
-    if (outcome written = pgb_state_write(state, true); !written) // where the slot begins
+    pgb_state_enter(state, "snapshot");
+    if (outcome written = pgb_kept_write(state.kept, true); !written) // where the slot begins
         return written;
+    (void)pgb_state_write(state); // told
     fwu_commit commit;
     commit.lsn = lsn - 1; // the first transaction behind the snapshot may commit at lsn
     commit.time_us = fwu_now_us();
@@ -233,8 +234,9 @@ static void give_up_slot(pgs_server &server, pgb_state &state, const outcome &wh
         !pgs_command(server, server.replication.get(), result,
                      "DROP_REPLICATION_SLOT " + pgs_name(server.slot)))
         return;
-    state.snapshot = "none";
-    state.told_lsn = 0;
+    state.kept.snapshot = "none";
+    state.kept.told_lsn = 0;
+    (void)pgb_kept_write(state.kept, true); // told
 }
 
 outcome pgb_take_snapshot(pgs_server &server, pgb_state &state, feed_transaction &tx,
@@ -246,6 +248,6 @@ outcome pgb_take_snapshot(pgs_server &server, pgb_state &state, feed_transaction
         give_up_slot(server, state, done);
         return done;
     }
-    state.snapshot = "done";
-    return pgb_state_write(state, true);
+    state.kept.snapshot = "done";
+    return pgb_kept_write(state.kept, true);
 }

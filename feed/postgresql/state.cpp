@@ -1,69 +1,35 @@
-// The state file is written beside its name and renamed into place, so that who reads
-// it finds the old one or the new one, whole.
+// Who reads the file finds the old one or the new one, whole.
 #include "feed/postgresql/state.h"
 
 #include "fwutil/fwu_clock.h"
-#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 #include "util/json_text.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <sstream>
-#include <sys/stat.h>
 #include <unistd.h>
 
-// The text of a member that pgb_state_write has written; empty when it is not there.
-static std::string member(const std::string &json, const char *name)
+void pgb_state_enter(pgb_state &state, const char *phase)
 {
-    const std::string key = std::string("\"") + name + "\":\"";
-    const size_t found = json.find(key);
-    std::string text;
-    if (found == std::string::npos)
-        return text;
-    for (size_t at = found + key.size(); at < json.size() && json[at] != '"'; at++) {
-        if (json.compare(at, 4, "\\u00") == 0) {
-            text += static_cast<char>(strtol(json.substr(at + 4, 2).c_str(), nullptr, 16));
-            at += 5;
-            continue;
-        }
-        if (json[at] == '\\' && at + 1 < json.size())
-            at++;
-        text += json[at];
-    }
-    return text;
+    state.phase = phase;
+    state.error.clear();
+    state.error_us = 0;
 }
 
-void pgb_state_read(pgb_state &state)
+void pgb_state_enter(pgb_state &state, const char *phase, const std::string &error)
 {
-    std::ifstream file(state.path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    const std::string json = text.str();
-    if (json.empty() || json.back() != '\n')
-        return;
-    state.system = member(json, "system_identifier");
-    state.database = member(json, "database");
-    const std::string timeline = member(json, "timeline");
-    (void)std::from_chars(timeline.data(), timeline.data() + timeline.size(),
-                          state.timeline); // stays 0
-    if (member(json, "slot") != state.slot)
-        return;
-    state.snapshot = member(json, "snapshot");
-    (void)fwu_lsn_parse(state.told_lsn, member(json, "told_lsn")); // stays 0
+    state.phase = phase;
+    state.error = error;
+    state.error_us = fwu_now_us();
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
 {
-    const uint64_t reached = std::max(state.logged_lsn, state.told_lsn);
+    const uint64_t reached = std::max(state.logged_lsn, state.kept.told_lsn);
     return state.server_lsn > reached ? state.server_lsn - reached : 0;
 }
 
@@ -75,7 +41,7 @@ double pgb_lag_seconds(const pgb_state &state)
            static_cast<double>(FWU_US_PER_S);
 }
 
-static std::string json_text(const pgb_state &state)
+static std::string text_of(const pgb_state &state)
 {
     std::string out = "{";
     const auto put = [&out](const char *name, const std::string &value, bool quoted) {
@@ -89,45 +55,38 @@ static std::string json_text(const pgb_state &state)
     };
     char seconds[32];
     snprintf(seconds, sizeof seconds, "%.3f", pgb_lag_seconds(state));
+    const auto put_time = [&put](const char *name, int64_t time_us) {
+        put(name, time_us == 0 ? "null" : '"' + fwu_time_word(time_us) + '"', false);
+    };
     put("state", state.phase, true);
+    put("error", state.error.empty() ? "null" : json_text(state.error), false);
+    put_time("error_time", state.error_us);
     put("pid", std::to_string(getpid()), false);
     put("updated", fwu_time_word(fwu_now_us()), true);
     put("slot", state.slot, true);
     put("publication", state.publication, true);
-    put("system_identifier", state.system, true);
-    put("database", state.database, true);
-    put("timeline", std::to_string(state.timeline), true);
-    put("snapshot", state.snapshot, true);
+    put("system_identifier", state.kept.system, true);
+    put("database", state.kept.database, true);
+    put("timeline", std::to_string(state.kept.timeline), true);
+    put("snapshot", state.kept.snapshot, true);
     put("server_lsn", fwu_lsn_text(state.server_lsn), true);
     put("received_lsn", fwu_lsn_text(state.received_lsn), true);
     put("logged_lsn", fwu_lsn_text(state.logged_lsn), true);
-    put("told_lsn", fwu_lsn_text(state.told_lsn), true);
+    put("told_lsn", fwu_lsn_text(state.kept.told_lsn), true);
     put("lag_bytes", std::to_string(pgb_lag_bytes(state)), false);
     put("lag_seconds", seconds, false);
-    put("last_commit", state.commit_us == 0 ? "null" : '"' + fwu_time_word(state.commit_us) + '"',
-        false);
+    put_time("last_commit", state.commit_us);
     put("transactions", std::to_string(state.transactions), false);
     put("changes", std::to_string(state.changes), false);
     put("reconnects", std::to_string(state.reconnects), false);
     return out + "}\n";
 }
 
-outcome pgb_state_write(const pgb_state &state, bool durable)
+outcome pgb_state_write(const pgb_state &state)
 {
-    const std::string text = json_text(state);
-    const std::string fresh = state.path + ".new";
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, state.mode);
-    bool good = fd >= 0 && fchmod(fd, state.mode) == 0 && // whatever the umask says
-                write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    good = good && (!durable || fsync(fd) == 0);
-    const int code = errno;
-    if (fd >= 0)
-        close(fd);
-    if (good && rename(fresh.c_str(), state.path.c_str()) == 0 &&
-        (!durable || fwu_path_sync(fwu_directory_of(state.path)) == 0))
+    if (pgb_put_file(state.path, state.kept.mode, text_of(state), false))
         return {};
-    return outcome_failed("%s: cannot write the state: %s", state.path.c_str(),
-                          strerror(good ? errno : code));
+    return outcome_failed("%s: cannot write the state: %s", state.path.c_str(), strerror(errno));
 }
 
 void pgb_state_print(const pgb_state &state)

@@ -85,7 +85,9 @@ TEST_F(BridgeGapTest, SlotThatAnotherLogUses)
     std::filesystem::create_directory(dir.file("other"));
     std::filesystem::copy_file(dir.file("fwutil.cfg"), dir.file("other/fwutil.cfg"));
     insert(2);
-    const run_result other = catch_up({"-cfg", "other/fwutil.cfg"});
+    expect_refused({"the log directory knows nothing of it"}, {"-cfg", "other/fwutil.cfg"});
+    EXPECT_EQ(logged_ids(), "1 ");
+    const run_result other = catch_up({"-cfg", "other/fwutil.cfg", "--accept-gap"});
     EXPECT_EQ(other.status, 0) << other.err; // an empty log begins where the slot is
     expect_refused({"stands at "});
     EXPECT_EQ(logged_ids(), "1 ");
@@ -94,6 +96,7 @@ TEST_F(BridgeGapTest, SlotThatAnotherLogUses)
 TEST_F(BridgeGapTest, StateThatIsLostCannotTellThatNothingIsMissing)
 {
     ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    std::filesystem::remove(dir.file("log/source"));
     std::filesystem::remove(dir.file("log/postgresql.json"));
     expect_refused({"stands at "});
     EXPECT_EQ(catch_up({"--accept-gap"}).status, 0);

@@ -164,7 +164,7 @@ TEST_F(BridgeStreamTest, ASlotThatAnotherProcessUsesIsWaitedFor)
     std::filesystem::create_directory(elsewhere.directory);
     write_file(dir.file("other/fwutil.cfg"), read_file(dir.file("fwutil.cfg")));
     background second;
-    second.start(bridge_argv({"--once"}), elsewhere, dir.file("second"));
+    second.start(bridge_argv({"--once", "--accept-gap"}), elsewhere, dir.file("second"));
     const std::string in_use = "replication slot \"" + database + "\" is active for PID";
     ASSERT_TRUE(poll_until([&] { return second.err().find(in_use) != std::string::npos; }))
         << second.err();

@@ -170,7 +170,7 @@ TEST(PostgresqlPage, MembersAreThoseOfTheStateFile)
     const tempdir dir;
     pgb_state state;
     state.path = dir.file("state.json");
-    ASSERT_TRUE(pgb_state_write(state, false));
+    ASSERT_TRUE(pgb_state_write(state));
     const std::string text = read_file(state.path);
     static const std::regex member("\"([a-z_]+)\":");
     std::set<std::string> written;

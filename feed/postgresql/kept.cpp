@@ -1,0 +1,100 @@
+// The file is one line of JSON with texts only.  It is written beside its name and renamed into
+// place, so that it is the old one or the new one, whole.
+#include "feed/postgresql/kept.h"
+
+#include "feed/postgresql/server.h"
+#include "fwutil/fwu_file.h"
+#include "fwutil/fwu_start.h"
+#include "util/json_text.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The text of a member; empty when it is not there.
+static std::string member(const std::string &json, const char *name)
+{
+    const std::string key = std::string("\"") + name + "\":\"";
+    const size_t found = json.find(key);
+    std::string text;
+    if (found == std::string::npos)
+        return text;
+    for (size_t at = found + key.size(); at < json.size() && json[at] != '"'; at++) {
+        if (json.compare(at, 4, "\\u00") == 0) {
+            text += static_cast<char>(strtol(json.substr(at + 4, 2).c_str(), nullptr, 16));
+            at += 5;
+            continue;
+        }
+        if (json[at] == '\\' && at + 1 < json.size())
+            at++;
+        text += json[at];
+    }
+    return text;
+}
+
+// A state file that is nothing but that has this member.
+static const char for_monitors[] = "\"error_time\":";
+
+// False when there is no such file, or one that is not whole.
+static bool read_file(pgb_kept &kept, const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    const std::string json = text.str();
+    if (json.empty() || json.back() != '\n' || json.find(for_monitors) != json.npos)
+        return false;
+    kept.system = member(json, "system_identifier");
+    kept.database = member(json, "database");
+    kept.slot = member(json, "slot");
+    const std::string snapshot = member(json, "snapshot");
+    if (!snapshot.empty())
+        kept.snapshot = snapshot;
+    (void)pgs_number(kept.timeline, member(json, "timeline"));    // stays 0
+    (void)fwu_lsn_parse(kept.told_lsn, member(json, "told_lsn")); // likewise
+    return true;
+}
+
+outcome pgb_kept_read(pgb_kept &kept, const std::string &older)
+{
+    if (access(kept.path.c_str(), F_OK) == 0) {
+        (void)read_file(kept, kept.path); // else nothing is known
+        return {};
+    }
+    return read_file(kept, older) ? pgb_kept_write(kept, true) : outcome();
+}
+
+bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable)
+{
+    const std::string fresh = path + ".new";
+    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    bool good = fd >= 0 && fchmod(fd, mode) == 0 && // whatever the umask says
+                write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    good = good && (!durable || fsync(fd) == 0);
+    const int code = errno;
+    if (fd >= 0)
+        close(fd);
+    if (!good)
+        errno = code;
+    return good && rename(fresh.c_str(), path.c_str()) == 0 &&
+           (!durable || fwu_path_sync(fwu_directory_of(path)) == 0);
+}
+
+outcome pgb_kept_write(const pgb_kept &kept, bool durable)
+{
+    const std::string text = "{\"system_identifier\":" + json_text(kept.system) +
+                             ",\"database\":" + json_text(kept.database) + ",\"timeline\":\"" +
+                             std::to_string(kept.timeline) + "\",\"slot\":" + json_text(kept.slot) +
+                             ",\"snapshot\":" + json_text(kept.snapshot) + ",\"told_lsn\":\"" +
+                             fwu_lsn_text(kept.told_lsn) + "\"}\n";
+    if (pgb_put_file(kept.path, kept.mode, text, durable))
+        return {};
+    return outcome_failed("%s: cannot write what the log belongs to: %s", kept.path.c_str(),
+                          strerror(errno));
+}

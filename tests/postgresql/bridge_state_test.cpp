@@ -1,0 +1,195 @@
+// What the log directory keeps of the server, and what monitors find there: both outlive starts
+// that go wrong.
+#include "tests/postgresql/bridge_fixture.h"
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class BridgeStateTest : public LedgerTest {
+  protected:
+    std::string kept() const
+    {
+        return read_file(dir.file("log/source"));
+    }
+
+    void begin_with_row_1() const
+    {
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+        insert(1);
+        ASSERT_EQ(catch_up().status, 0);
+    }
+
+    void expect_refused(const std::vector<std::string> &more, const std::string &text) const
+    {
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 1) << result.err;
+        EXPECT_THAT(result.err, HasSubstr(text));
+    }
+};
+
+TEST_F(BridgeStateTest, AWrongSlotNameHarmsNothing)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    const std::string before = kept();
+    const std::string text = "the log follows slot \"" + database + "\", not \"typo\"";
+    expect_refused({"--slot", "typo"}, text);
+    expect_refused({"--slot", "typo", "--create"}, text);
+    sql("SELECT pg_create_logical_replication_slot('typo', 'pgoutput')");
+    expect_refused({"--slot", "typo"}, text);
+    EXPECT_EQ(kept(), before);
+    insert(2);
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=2 "));
+}
+
+TEST_F(BridgeStateTest, AWrongSlotNameHarmsNoLogThatIsEmptyYet)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    const std::string before = kept();
+    expect_refused({"--slot", "typo", "--create"}, "the log follows slot ");
+    EXPECT_EQ(kept(), before);
+    insert(1);
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=1 "));
+}
+
+TEST_F(BridgeStateTest, WhoeverSaysSoGoesOnWithAnotherSlot)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    sql("SELECT pg_create_logical_replication_slot('another', 'pgoutput')");
+    insert(2);
+    EXPECT_EQ(catch_up({"--slot", "another", "--accept-gap"}).status, 0);
+    insert(3);
+    EXPECT_EQ(catch_up({"--slot", "another"}).status, 0);
+    EXPECT_TRUE(logged("after ID=3 "));
+    expect_refused({}, "the log follows slot \"another\", not \"" + database + "\"");
+}
+
+TEST_F(BridgeStateTest, ASlotNameThatTheServerRefusesIsForgotten)
+{
+    expect_refused({"--slot", "No Slot", "--create"}, "No Slot");
+    EXPECT_EQ(json_member(kept(), "slot"), "");
+    EXPECT_EQ(catch_up({"--create"}).status, 0);
+}
+
+TEST_F(BridgeStateTest, AnEmptyDirectoryTakesNoSlotOfOthers)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    insert(2);
+    std::filesystem::rename(dir.file("log"), dir.file("first"));
+    const std::string text = "is there already, and the log directory knows nothing of it";
+    expect_refused({}, text);
+    expect_refused({"--create", "--snapshot"}, text);
+    std::filesystem::remove_all(dir.file("log"));
+    std::filesystem::rename(dir.file("first"), dir.file("log"));
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=2 "));
+}
+
+TEST_F(BridgeStateTest, RemediesOfAnEmptyDirectoryCarriedOut)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    insert(2);
+    std::filesystem::remove_all(dir.file("log"));
+    const run_result refused = catch_up();
+    const std::string drop = "SELECT pg_drop_replication_slot('" + database + "')";
+    ASSERT_THAT(refused.err,
+                HasSubstr("drop it (" + drop + ") and begin with --create --snapshot"));
+    std::filesystem::copy(dir.file("log"), dir.file("empty"));
+    EXPECT_EQ(catch_up({"--accept-gap"}).status, 0);
+    EXPECT_FALSE(logged("after ID=1 "));
+    EXPECT_TRUE(logged("after ID=2 "));
+    std::filesystem::remove_all(dir.file("log"));
+    std::filesystem::rename(dir.file("empty"), dir.file("log"));
+    sql(drop);
+    EXPECT_EQ(catch_up({"--create", "--snapshot"}).status, 0);
+    EXPECT_TRUE(logged("after ID=1 "));
+    EXPECT_TRUE(logged("after ID=2 "));
+}
+
+TEST_F(BridgeStateTest, ALogOfBeforeHasItsPlaceFromItsStateFile)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    std::filesystem::rename(dir.file("log/source"), dir.file("log/postgresql.json"));
+    expect_refused({"--slot", "typo"}, "the log follows slot ");
+    insert(2);
+    const run_result result = catch_up();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(logged("after ID=2 "));
+    EXPECT_EQ(json_member(kept(), "slot"), database);
+}
+
+TEST_F(BridgeStateTest, WhatMonitorsReadIsNothingThatItNeeds)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    write_file(dir.file("log/postgresql.json"), "{\"told_lsn\":\"0/1\",\"slot\":\"x\"}\n");
+    insert(2);
+    EXPECT_EQ(catch_up().status, 0);
+    std::filesystem::remove(dir.file("log/postgresql.json"));
+    insert(3);
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=3 "));
+}
+
+TEST_F(BridgeStateTest, FailuresAreToldUntilTheNextStart)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    EXPECT_EQ(status_member("state"), "stopped");
+    EXPECT_EQ(status_member("error"), "null");
+    EXPECT_EQ(status_member("error_time"), "null");
+    insert(1);
+    sql("TRUNCATE load.ledger");
+    const run_result refused = catch_up();
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(status_member("state"), "failed");
+    EXPECT_THAT(status_member("error"), HasSubstr("table load.ledger was truncated"));
+    EXPECT_EQ(refused.err, "fwlog: " + status_member("error") + "\n") << "word for word";
+    EXPECT_THAT(status_member("error_time"), StartsWith("20"));
+    EXPECT_EQ(catch_up({"--ignore-truncate"}).status, 0);
+    EXPECT_EQ(status_member("state"), "stopped");
+    EXPECT_EQ(status_member("error"), "null");
+}
+
+TEST_F(BridgeStateTest, AStopIsNoFailure)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_following());
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(status_member("state"), "stopped");
+    EXPECT_EQ(status_member("error"), "null");
+}
+
+TEST_F(BridgeStateTest, AServerThatCannotBeReachedIsAFailure)
+{
+    expect_refused({"--conninfo", "host=" + dir.path()}, "cannot connect");
+    EXPECT_EQ(status_member("state"), "failed");
+    EXPECT_THAT(status_member("error"), HasSubstr("cannot connect: "));
+}
+
+TEST_F(BridgeStateTest, AServerThatIsWaitedForIsTold)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_following());
+    server->stop();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "waiting"; })) << bridge.err();
+    EXPECT_THAT(status_member("error_time"), StartsWith("20"));
+    server->start();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    EXPECT_EQ(status_member("error"), "null");
+}
+
+TEST_F(BridgeStateTest, ALogThatCannotBeWrittenIsAFailure)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    write_file(dir.file("fwutil.cfg"),
+               std::string("log-directory log\nbyte-order big\n") + ledger_cfg);
+    const run_result refused = catch_up();
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(status_member("state"), "failed");
+    EXPECT_EQ(refused.err, "fwlog: " + status_member("error") + "\n");
+}
+
+TEST_F(BridgeStateTest, TheStateOfTheProcessThatWritesTheLogIsLeftAlone)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_following());
+    EXPECT_EQ(catch_up().status, 1);
+    EXPECT_EQ(status_member("state"), "streaming");
+}
