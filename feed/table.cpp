@@ -191,6 +191,13 @@ outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::strin
     return {};
 }
 
+feed_table *feed_pass_over(feed_tables &tables, const std::string &name)
+{
+    std::unique_ptr<feed_table> &place = tables.known[name];
+    place = make_table(tables, name);
+    return place.get();
+}
+
 std::string feed_truncated_text(const feed_table &table)
 {
     return "table " + table.name +

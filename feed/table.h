@@ -81,6 +81,9 @@ const fwu_dataset *feed_configured(const fwu_config &config, std::string_view sc
 outcome feed_put_table(feed_table *&table, feed_tables &tables, const std::string &name,
                        fwu_dataset dataset, std::vector<std::string> columns);
 
+// Registers a table whose rows are passed over, in the place of what was known by this name.
+feed_table *feed_pass_over(feed_tables &tables, const std::string &name);
+
 // Whether a column feeds an item; name is the column's as feed_name makes it.
 bool feed_feeds(const feed_table &table, const std::string &column, const std::string &name,
                 size_t item);

@@ -80,6 +80,14 @@ static outcome need_types(pgb_relations &relations, pgo_relation told, const std
     return pgf_need_types(relations.facts, told);
 }
 
+// Another table had this name before it was dropped or renamed.
+static void forget_name(pgb_relations &relations, const std::string &name)
+{
+    for (auto &[id, other] : relations.known)
+        if (other.table != nullptr && other.table->name == name)
+            other.table = nullptr;
+}
+
 // Looks the table up, or makes its dataset from what the server says.
 static outcome find_table(pgb_relation &relation, pgb_relations &relations,
                           std::vector<std::string> &notes)
@@ -91,6 +99,14 @@ static outcome find_table(pgb_relation &relation, pgb_relations &relations,
     const fwu_dataset *said = feed_configured(config, told.schema, told.name);
     if (feed_is_skipped(config, name) || (said != nullptr && !said->layout.items.empty()))
         return feed_find_table(table, relations.tables, told.schema, told.name);
+    if (told.columns.empty()) {
+        notes.push_back("table " + name +
+                        " has no columns that the server sends, nothing of its "
+                        "rows could be logged: they are passed over");
+        forget_name(relations, name);
+        table = feed_pass_over(relations.tables, name);
+        return {};
+    }
     fwu_dataset dataset;
     feed_names_table(dataset.layout.dbname, dataset.layout.dsetname, relations.names, config,
                      told.schema, told.name, notes);
@@ -106,10 +122,7 @@ static outcome find_table(pgb_relation &relation, pgb_relations &relations,
         made = feed_names_keep(relations.names);
     if (!made)
         return made;
-    // Another table had this name before it was dropped or renamed.
-    for (auto &[id, other] : relations.known)
-        if (other.table != nullptr && other.table->name == name)
-            other.table = nullptr;
+    forget_name(relations, name);
     std::vector<std::string> columns;
     for (const pgo_column &column : told.columns)
         columns.push_back(column.name);

@@ -242,6 +242,21 @@ TEST_F(Relations, SkippedTableHasNoDataset)
     EXPECT_EQ(find(7).table->dataset, nullptr);
 }
 
+TEST_F(Relations, TableWithoutColumnsIsPassedOverUntilItHasSome)
+{
+    describe(4, "orders", {});
+    EXPECT_EQ(find(4).table->dataset, nullptr);
+    EXPECT_EQ(notes.back(), "table app.orders has no columns that the server sends, nothing of its "
+                            "rows could be logged: they are passed over");
+    const size_t told = notes.size();
+    EXPECT_EQ(find(4).table->dataset, nullptr);
+    EXPECT_EQ(notes.size(), told) << "once";
+    describe(4, "orders", {{"no", 23, -1}});
+    EXPECT_EQ(items_of(find(4)), "ORDERS: NO NULL-MAP");
+    describe(4, "orders", {});
+    EXPECT_EQ(find(4).table->dataset, nullptr);
+}
+
 TEST_F(Relations, TablesThatCannotHaveTheirNameGetAnother)
 {
     describe(7, "a_table_name_of_22", {{"no", 23, -1}});
