@@ -68,11 +68,21 @@ static outcome open_one(pgs_server &server, pgs_connection &connection, bool rep
     return {};
 }
 
+outcome pgs_connect_sql(pgs_server &server)
+{
+    return open_one(server, server.sql, false);
+}
+
+outcome pgs_connect_replication(pgs_server &server)
+{
+    return open_one(server, server.replication, true);
+}
+
 outcome pgs_connect(pgs_server &server)
 {
-    outcome done = open_one(server, server.sql, false);
+    outcome done = pgs_connect_sql(server);
     if (done)
-        done = open_one(server, server.replication, true);
+        done = pgs_connect_replication(server);
     return done;
 }
 

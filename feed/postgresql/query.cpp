@@ -53,6 +53,14 @@ static bool passes(const PGconn *connection, const char *state)
            strncmp(state, "57P", 3) == 0;
 }
 
+// Whether the server has answered a command with an error of that command.
+static bool is_refusal(const PGconn *connection, const PGresult *result)
+{
+    const char *state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
+    return state != nullptr && PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY) != nullptr &&
+           !passes(connection, state);
+}
+
 outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
                    const std::string &doing)
 {
@@ -163,8 +171,9 @@ static outcome await(pgs_server &server, PGconn *connection, const std::string &
     return done;
 }
 
+// What the server refuses is told, unless the caller wants to know it: then it goes to refused.
 static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_result &result,
-                      const std::string &query)
+                      const std::string &query, std::string *refused = nullptr)
 {
     result.reset();
     if (!sent)
@@ -185,7 +194,11 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
             result = std::move(next);
             return {};
         default: {
-            outcome failure = pgs_failed(server, connection, next.get(), query);
+            outcome failure;
+            if (refused != nullptr && is_refusal(connection, next.get()))
+                *refused = pgs_one_line(PQresultErrorField(next.get(), PG_DIAG_MESSAGE_PRIMARY));
+            else
+                failure = pgs_failed(server, connection, next.get(), query);
             while (await(server, connection, query) &&
                    (next.reset(PQgetResult(connection)), next != nullptr)) {
             }
@@ -202,6 +215,14 @@ outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
         PQsendQueryParams(connection, query.c_str(), static_cast<int>(parameters.size()), nullptr,
                           parameters.data(), nullptr, nullptr, 0) == 1;
     return finish(server, connection, sent, result, query);
+}
+
+outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
+                const std::string &query, std::string &refused)
+{
+    refused.clear();
+    const bool sent = PQsendQuery(connection, query.c_str()) == 1;
+    return finish(server, connection, sent, result, query, &refused);
 }
 
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,

@@ -14,6 +14,10 @@
 outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
                   const std::string &query, const std::vector<const char *> &parameters = {});
 
+// The same, where the server may refuse: refused is then its message, else empty.
+outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
+                const std::string &query, std::string &refused);
+
 // The same without parameters, as the replication connection needs it.
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
                     const std::string &command);
