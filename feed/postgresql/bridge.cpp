@@ -5,6 +5,7 @@
 #include "feed/backoff.h"
 #include "feed/policy.h"
 #include "feed/postgresql/ask.h"
+#include "feed/postgresql/check.h"
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/follow.h"
 #include "feed/postgresql/prepare.h"
@@ -97,12 +98,8 @@ static bool try_again(bridge &b, losses &past, const std::string &why)
         return false;
     }
     if (!b.connected) {
-        (void)outcome_failed(
-            "cannot connect: %s; %s", why.c_str(),
-            server.remedy != nullptr
-                ? server.remedy
-                : "check --conninfo or the environment (host, port, dbname, user, password), "
-                  "and that the server runs");
+        (void)outcome_failed("cannot connect: %s; %s", why.c_str(),
+                             server.remedy != nullptr ? server.remedy : PGS_CONNECT_REMEDY);
         return false;
     }
     feed_backoff_tell(past.backoff, why);
@@ -227,6 +224,8 @@ static outcome fail_to_open(bridge &b)
 
 outcome pgb_run(const pgb_options &options)
 {
+    if (options.check)
+        return pgk_check(options);
     bridge b = {.options = options};
     if (outcome said = set_up(b); !said)
         return said;

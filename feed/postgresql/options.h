@@ -17,6 +17,12 @@ struct pgb_options {
     bool accept_gap = false;      // go on where the slot is although changes are missing
     bool once = false;            // end when the log has what the server had at the start
     bool verbose = false;
+    bool check = false;                 // tell what a run would find, and change nothing; the
+                                        // others below go with it
+    bool scan = false;                  // read the tables, too
+    int scan_timeout_s = 60;            // for each query that does
+    bool json = false;                  // print one JSON object
+    const char *write_config = nullptr; // file that gets the configuration; null: none
 };
 
 #endif

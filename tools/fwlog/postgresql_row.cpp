@@ -14,6 +14,12 @@ static constexpr cli_kind TIMEOUT = {.word = "SECONDS",
                                      .smallest = 1,
                                      .largest = 3600,
                                      .may_be_empty = false};
+static constexpr cli_kind SCAN_TIMEOUT = {.word = "SECONDS",
+                                          .lacking = LACKING,
+                                          .bad = "--scan-timeout takes 1 to 86400 seconds",
+                                          .smallest = 1,
+                                          .largest = 86400,
+                                          .may_be_empty = false};
 static constexpr cli_option rows[] = {
     {"-cfg", VALUE_FILE, &options.cfg},
     {"--conninfo", CONNINFO, &options.conninfo},
@@ -28,10 +34,24 @@ static constexpr cli_option rows[] = {
     {"--timeout", TIMEOUT, &options.timeout_s},
     {"--status", VALUE_FILE, &options.status},
     {"-v", CLI_FLAG, &options.verbose},
+    {"--check", CLI_FLAG, &options.check},
+    {"--scan", CLI_FLAG, &options.scan},
+    {"--scan-timeout", SCAN_TIMEOUT, &options.scan_timeout_s},
+    {"--json", CLI_FLAG, &options.json},
+    {"--write-config", VALUE_FILE, &options.write_config},
 };
 
 static outcome run()
 {
+    const struct {
+        const char *name;
+        bool given;
+    } of_check[] = {{"--scan", options.scan},
+                    {"--json", options.json},
+                    {"--write-config", options.write_config != nullptr}};
+    for (const auto &row : of_check)
+        if (row.given && !options.check)
+            return cli_usage("option needs --check", row.name);
     return pgb_run(options);
 }
 
@@ -39,7 +59,8 @@ static const char help[] =
     "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
     "           [--publication NAME] [--create] [--snapshot] [--truncate]\n"
     "           [--ignore-truncate] [--accept-gap] [--once] [--timeout SECONDS]\n"
-    "           [--status FILE] [-v]\n"
+    "           [--status FILE] [-v] [--check [--scan [--scan-timeout SECONDS]]\n"
+    "           [--json] [--write-config FILE]]\n"
     "\n"
     "Follows a PostgreSQL server (12 or later) by logical replication and appends every\n"
     "transaction to the forward log, until SIGINT or SIGTERM.  The server keeps what is\n"
@@ -66,9 +87,19 @@ static const char help[] =
     "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
     "                       in the log directory); SIGUSR1 prints the same\n"
     "  -v                   tell what is done, and every ten seconds how far it is\n"
+    "  --check              change nothing, and tell what a start with these options\n"
+    "                       would find: each table and column with its dataset, item,\n"
+    "                       type and width; what is missing, with the SQL to paste\n"
+    "  --scan               with --check: read the tables, too, and count the values that\n"
+    "                       would be cut, replaced or left out\n"
+    "  --scan-timeout SECONDS\n"
+    "                       for each query that reads a table (default 60)\n"
+    "  --json               with --check: print one JSON object\n"
+    "  --write-config FILE  with --check: write it as a configuration, to be edited\n"
     "  --help               print this\n"
     "\n"
-    "Exit status: 0 done (--once); 1 error (whole transactions before it are in the log);\n"
+    "Exit status: 0 done (--once), or nothing is in a start's way (--check); 1 error (whole\n"
+    "transactions before it are in the log), or something is in its way (--check);\n"
     "2 wrong command line; 128 + signal number after SIGINT or SIGTERM.\n";
 
 constinit const cli_command fwlog_postgresql_row = {

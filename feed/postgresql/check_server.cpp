@@ -1,0 +1,244 @@
+// What a start needs of the server, in the order in which one rests on the other; all of it
+// is looked at, whatever is missing before.
+#include "feed/postgresql/check_report.h"
+#include "feed/postgresql/connect.h"
+#include "feed/postgresql/query.h"
+
+constexpr int OLDEST_VERSION = 120000;
+constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
+
+static bool is_true(const pgs_result &result, int row, int column)
+{
+    return pgs_value(result, row, column) == "t";
+}
+
+// A number of the server's settings that has to be above what is in use.
+static void check_room(pgk_report &report, const char *setting, std::string_view room,
+                       std::string_view used)
+{
+    int64_t most = 0;
+    int64_t taken = 0;
+    if (!pgs_number(most, room) || !pgs_number(taken, used) || taken < most)
+        return;
+    pgk_stop(
+        report, "setting",
+        std::string("all ") + std::to_string(most) + " of " + setting +
+            " are in use: raise it and restart the server",
+        {std::string("ALTER SYSTEM SET ") + setting + " = " + std::to_string(taken + 4) + ";"});
+}
+
+static outcome look_at_settings(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    pgk_server &found = report.found;
+    pgs_result result;
+    outcome asked =
+        pgs_query(server, server.sql.get(), result,
+                  "SELECT current_setting('server_version'), current_database(), current_user,"
+                  " r.rolsuper, pg_is_in_recovery(), current_setting('server_encoding'),"
+                  " current_setting('wal_level'), current_setting('max_replication_slots'),"
+                  " (SELECT count(*) FROM pg_replication_slots),"
+                  " EXISTS (SELECT FROM pg_replication_slots WHERE slot_name = $1)"
+                  " FROM pg_roles r WHERE r.rolname = current_user",
+                  {server.slot.c_str()});
+    if (!asked)
+        return asked;
+    found.version = pgs_value(result, 0, 0);
+    found.database = pgs_value(result, 0, 1);
+    found.role = pgs_value(result, 0, 2);
+    found.superuser = is_true(result, 0, 3);
+    found.standby = is_true(result, 0, 4);
+    found.encoding = pgs_value(result, 0, 5);
+    found.slot = is_true(result, 0, 9);
+    if (PQserverVersion(server.sql.get()) < OLDEST_VERSION)
+        pgk_stop(report, "server",
+                 "the server is PostgreSQL " + found.version + "; version 12 or later is needed");
+    if (found.standby)
+        pgk_note(report, "server",
+                 "the server is a standby: a run waits until it takes over; name the primary in "
+                 "--conninfo");
+    const std::string wal_level(pgs_value(result, 0, 6));
+    if (wal_level != "logical")
+        pgk_stop(report, "setting",
+                 "wal_level is " + wal_level +
+                     ", it has to be logical: set it and restart the server",
+                 {"ALTER SYSTEM SET wal_level = logical;"});
+    if (!found.slot)
+        check_room(report, "max_replication_slots", pgs_value(result, 0, 7),
+                   pgs_value(result, 0, 8));
+    return {};
+}
+
+// Whether it is the server that the log belongs to.
+static outcome look_at_system(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    const pgb_kept &kept = report.kept;
+    pgs_result result;
+    outcome asked = pgs_command(server, server.replication.get(), result, "IDENTIFY_SYSTEM");
+    if (!asked)
+        return asked;
+    const std::string system(pgs_value(result, 0, 0));
+    if (kept.told_lsn != 0 && !kept.system.empty() &&
+        (kept.system != system || kept.database != report.found.database))
+        pgk_stop(report, "server",
+                 "the log belongs to database \"" + kept.database + "\" of server system " +
+                     kept.system + ", this is database \"" + report.found.database + "\" of " +
+                     system + ": use another log directory for it");
+    return {};
+}
+
+// The stream needs a connection of its own kind.
+static outcome look_at_replication(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    outcome opened = pgs_connect_replication(server);
+    report.found.replication = static_cast<bool>(opened);
+    if (opened)
+        return look_at_system(report);
+    if (opened.kind() != OUTCOME_LOST)
+        return opened;
+    pgs_result result;
+    outcome asked =
+        pgs_query(server, server.sql.get(), result,
+                  "SELECT rolreplication OR rolsuper FROM pg_roles WHERE rolname = current_user");
+    if (!asked)
+        return asked;
+    const bool may = is_true(result, 0, 0);
+    std::vector<std::string> sql;
+    if (!may)
+        sql.push_back("ALTER ROLE " + pgs_name(report.found.role) + " REPLICATION;");
+    pgk_stop(report, "right",
+             "cannot connect for replication: " + opened.text() +
+                 (server.remedy == nullptr ? "" : std::string("; ") + server.remedy),
+             std::move(sql));
+    return {};
+}
+
+static std::string create_publication(const pgk_report &report)
+{
+    const bool via_root = PQserverVersion(report.server.sql.get()) >= VERSION_WITH_PARTITION_ROOT;
+    return "CREATE PUBLICATION " + pgs_name(report.server.publication) + " FOR ALL TABLES" +
+           (via_root ? " WITH (publish_via_partition_root = true);" : ";");
+}
+
+static void no_publication(pgk_report &report)
+{
+    const pgk_server &found = report.found;
+    const std::string missing = "publication \"" + report.server.publication + "\" is not there: ";
+    if (!report.options.create)
+        pgk_stop(report, "publication",
+                 missing + "start with --create, or make it, or name another with --publication",
+                 {create_publication(report)});
+    else if (!found.superuser)
+        pgk_stop(report, "right",
+                 missing + "only a superuser may make one of all tables, which role " + found.role +
+                     " is not: let one make it",
+                 {create_publication(report)});
+}
+
+static outcome look_at_publication(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    pgs_result result;
+    // The last member is of version 13 on.
+    outcome asked =
+        pgs_query(server, server.sql.get(), result,
+                  "SELECT p.puballtables, p.pubinsert, p.pubupdate, p.pubdelete,"
+                  " to_jsonb(p) ->> 'pubviaroot', EXISTS (SELECT FROM pg_publication_tables t"
+                  " JOIN pg_namespace n ON n.nspname = t.schemaname"
+                  " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
+                  " WHERE t.pubname = p.pubname AND c.relispartition)"
+                  " FROM pg_publication p WHERE p.pubname = $1",
+                  {server.publication.c_str()});
+    if (!asked)
+        return asked;
+    pgk_server &found = report.found;
+    found.publication = PQntuples(result.get()) == 1;
+    if (!found.publication) {
+        no_publication(report);
+        return {};
+    }
+    const std::string name = "publication \"" + server.publication + "\" ";
+    const std::string alter = "ALTER PUBLICATION " + pgs_name(server.publication) + " SET (";
+    found.updates = is_true(result, 0, 2) || is_true(result, 0, 3);
+    if (!is_true(result, 0, 1) || !is_true(result, 0, 2) || !is_true(result, 0, 3))
+        pgk_note(report, "publication", name + "leaves inserts, updates or deletes out",
+                 {alter + "publish = 'insert, update, delete, truncate');"});
+    if (pgs_value(result, 0, 4) == "false" && is_true(result, 0, 5))
+        pgk_note(report, "publication",
+                 name + "gives each partition as a table of its own; with this they come as their "
+                        "parent's rows",
+                 {alter + "publish_via_partition_root = true);"});
+    if (!is_true(result, 0, 0))
+        pgk_note(report, "publication",
+                 name + "is not of all tables: new ones are followed once they are added to it");
+    return {};
+}
+
+static outcome look_at_slot(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    const std::string name = "slot \"" + server.slot + "\" ";
+    const std::string drop = "SELECT pg_drop_replication_slot(" + pgs_literal(server.slot) + ");";
+    const pgb_options &options = report.options;
+    const pgb_kept &kept = report.kept;
+    if (kept.told_lsn != 0 && !kept.slot.empty() && kept.slot != server.slot && !options.accept_gap)
+        pgk_stop(report, "slot",
+                 "the log follows slot \"" + kept.slot + "\", not \"" + server.slot +
+                     "\": name that one with --slot, or use another log directory");
+    if (!report.found.slot) {
+        if (kept.slot == server.slot && kept.told_lsn != 0 && !options.accept_gap)
+            pgk_stop(report, "slot",
+                     name + "is not there, and the log goes on from it: begin a new log directory "
+                            "with --create --snapshot, or go on as it is with --create "
+                            "--accept-gap");
+        else if (!options.create)
+            pgk_stop(report, "slot", name + "is not there: start with --create");
+        return {};
+    }
+    pgs_result result;
+    // Members of later versions are asked for by name.
+    outcome asked = pgs_query(
+        server, server.sql.get(), result,
+        "SELECT s.plugin = 'pgoutput' AND s.database = current_database(), s.plugin, s.database,"
+        " s.active_pid, to_jsonb(s) ->> 'wal_status' FROM pg_replication_slots s"
+        " WHERE s.slot_name = $1",
+        {server.slot.c_str()});
+    if (!asked || PQntuples(result.get()) == 0)
+        return asked;
+    if (!is_true(result, 0, 0))
+        pgk_stop(report, "slot",
+                 name + "is one of plugin \"" + std::string(pgs_value(result, 0, 1)) +
+                     "\" and database \"" + std::string(pgs_value(result, 0, 2)) +
+                     "\", not of pgoutput and this database: name another with --slot");
+    else if (!report.log_begun && kept.slot != server.slot && !options.accept_gap)
+        pgk_stop(report, "slot",
+                 name + "is there already, and the log directory knows nothing of it: drop it and "
+                        "begin with --create --snapshot, name another with --slot, or go on from "
+                        "where it stands with --accept-gap",
+                 {drop});
+    if (pgs_value(result, 0, 4) == "lost")
+        pgk_stop(report, "slot",
+                 name +
+                     "is lost, the server has removed what it needs: drop it, and begin a new log "
+                     "directory with --create --snapshot",
+                 {drop});
+    else if (!pgs_value(result, 0, 3).empty())
+        pgk_stop(report, "slot",
+                 name + "is used by process " + std::string(pgs_value(result, 0, 3)) +
+                     ": end that one first, or name another slot with --slot");
+    return {};
+}
+
+outcome pgk_look_at_server(pgk_report &report)
+{
+    outcome done = look_at_settings(report);
+    if (done)
+        done = look_at_replication(report);
+    if (done)
+        done = look_at_publication(report);
+    if (done)
+        done = look_at_slot(report);
+    return done;
+}

@@ -1,0 +1,204 @@
+// The tables as a run finds them, all at once: it is asked for their columns like a stream that
+// describes each of them, so that the datasets are the same.
+#include "feed/postgresql/catalogue.h"
+#include "feed/postgresql/check_report.h"
+#include "feed/postgresql/query.h"
+#include "feed/text.h"
+#include "fwutil/fwu_source_name.h"
+
+constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
+constexpr int VERSION_WITH_COLUMN_LISTS = 150000;
+
+// What the publication has, or what it would have as --create makes it.
+static std::string query_for(const pgk_report &report)
+{
+    const int version = PQserverVersion(report.server.sql.get());
+    const std::string lists =
+        version >= VERSION_WITH_COLUMN_LISTS ? "p.attnames, p.rowfilter" : "NULL::name[], NULL";
+    const std::string published = "SELECT c.oid, " + lists +
+                                  " FROM pg_publication_tables p"
+                                  " JOIN pg_namespace n ON n.nspname = p.schemaname"
+                                  " JOIN pg_class c ON c.relnamespace = n.oid"
+                                  " AND c.relname = p.tablename WHERE p.pubname = $1";
+    // Numbers below 16384 belong to the server's own.
+    const std::string all =
+        std::string("SELECT c.oid, NULL::name[], NULL FROM pg_class c"
+                    " WHERE c.relpersistence = 'p' AND c.oid >= 16384 AND ") +
+        (version >= VERSION_WITH_PARTITION_ROOT ? "c.relkind IN ('r', 'p') AND NOT c.relispartition"
+                                                : "c.relkind = 'r'") +
+        " AND $1::text IS NOT NULL";
+    return "WITH t (id, columns, filter) AS (" + (report.found.publication ? published : all) +
+           ") SELECT t.id, n.nspname, c.relname, format('%I.%I', n.nspname, c.relname),"
+           " c.relkind = 'p', t.filter, c.reltuples::bigint,"
+           " a.attname, a.atttypid, a.atttypmod"
+           " FROM t JOIN pg_class c ON c.oid = t.id JOIN pg_namespace n ON n.oid = c.relnamespace"
+           " LEFT JOIN pg_attribute a ON a.attrelid = t.id AND a.attnum > 0"
+           " AND NOT a.attisdropped AND a.attgenerated = ''"
+           " AND (t.columns IS NULL OR a.attname = ANY (t.columns))"
+           " ORDER BY 2, 3, a.attnum";
+}
+
+static outcome bad_answer(const pgs_result &rows, int row)
+{
+    return outcome_failed(
+        "the server's catalogue gives %s, %s and %s as the numbers of table "
+        "%s.%s and its column's type",
+        feed_quote(pgs_value(rows, row, 0)).c_str(), feed_quote(pgs_value(rows, row, 8)).c_str(),
+        feed_quote(pgs_value(rows, row, 9)).c_str(), std::string(pgs_value(rows, row, 1)).c_str(),
+        std::string(pgs_value(rows, row, 2)).c_str());
+}
+
+// A row for each column, or one for a table without.
+static outcome list_tables(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    pgs_result rows;
+    outcome asked =
+        pgs_query(server, server.sql.get(), rows, query_for(report), {server.publication.c_str()});
+    for (int i = 0; asked && i < PQntuples(rows.get()); i++) {
+        uint32_t id = 0;
+        if (!pgs_number(id, pgs_value(rows, i, 0)))
+            return bad_answer(rows, i);
+        if (report.tables.empty() || report.tables.back().relation.id != id) {
+            report.table_of_id[id] = report.tables.size();
+            pgk_table &table = report.tables.emplace_back();
+            table.relation.id = id;
+            table.relation.schema = pgs_value(rows, i, 1);
+            table.relation.name = pgs_value(rows, i, 2);
+            table.name = fwu_source_name(table.relation.schema, table.relation.name);
+            table.sql = pgs_value(rows, i, 3);
+            table.partitioned = pgs_value(rows, i, 4) == "t";
+            table.filter = pgs_value(rows, i, 5);
+            (void)pgs_number(table.about, pgs_value(rows, i, 6)); // else not known
+        }
+        pgo_column column;
+        column.name = pgs_value(rows, i, 7);
+        if (column.name.empty())
+            continue;
+        if (!pgs_number(column.type, pgs_value(rows, i, 8)) ||
+            !pgs_number(column.modifier, pgs_value(rows, i, 9)))
+            return bad_answer(rows, i);
+        report.tables.back().relation.columns.push_back(std::move(column));
+    }
+    return asked;
+}
+
+// Asks for what is to be known of all tables and types, with one query.
+static outcome get_facts(pgk_report &report)
+{
+    std::vector<const pgo_relation *> relations;
+    for (const pgk_table &table : report.tables)
+        relations.push_back(&table.relation);
+    pgs_result rows;
+    outcome asked = pgs_command(report.server, report.server.sql.get(), rows, pgf_query(relations));
+    if (asked)
+        pgf_take(report.relations.facts, rows);
+    return asked;
+}
+
+// The item that a column feeds; -1: none.
+static int item_of(const feed_table &table, const std::string &column)
+{
+    const std::string name = feed_name(column);
+    for (size_t i = 0; i < table.layout.items.size(); i++)
+        if (feed_feeds(table, column, name, i))
+            return static_cast<int>(i);
+    return -1;
+}
+
+static void describe_column(const pgk_report &report, pgk_table &table,
+                            const pgb_relation &relation, size_t index)
+{
+    const pgf_facts &facts = report.relations.facts;
+    const pgo_column &told = table.relation.columns[index];
+    pgk_column column;
+    column.name = told.name;
+    column.type = pgf_type_text(facts, told);
+    column.item = item_of(*table.fed, told.name);
+    column.base = pgt_resolve(told.type, told.modifier, facts.kinds).type;
+    column.meaning = relation.fresh.columns[index].type.whole;
+    if (column.item >= 0)
+        column.policy = table.fed->policies[static_cast<size_t>(column.item)];
+    if (table.described) {
+        column.why = column.type + ": " + report.config.path;
+    } else {
+        const pgc_choice &choice = relation.choices[index];
+        column.why = column.type + ": " + choice.why;
+        if (choice.shrunk)
+            column.why += ", " + std::to_string(choice.wanted) + " shrunk to fit the record";
+        column.chosen = choice.shrinks;
+        column.wanted = choice.wanted;
+        column.counted =
+            pgt_item_of(told.type, told.modifier, report.encoding, facts.kinds).length ==
+            PGT_COUNTED;
+    }
+    table.columns.push_back(std::move(column));
+}
+
+static void find_record(pgk_report &report, const pgk_table &table)
+{
+    const int64_t length = pgk_record_length(table);
+    if (length <= PGK_RECORD_MAX)
+        return;
+    const fwu_layout &layout = table.fed->layout;
+    pgk_note(report, "record",
+             table.name + ": the record of an update of " + layout.dbname + "." + layout.dsetname +
+                 " takes up to " + std::to_string(length) + " bytes, twice " +
+                 std::to_string(table.fed->image_length) +
+                 " and a header; a message file refuses more than " +
+                 std::to_string(PGK_RECORD_MAX) +
+                 ": give its widest columns less with width=, or capture it as text");
+}
+
+static outcome look_at(pgk_report &report, pgk_table &table, std::vector<std::string> &notes)
+{
+    pgb_relation *relation = nullptr;
+    outcome found = pgb_find(relation, report.relations, table.relation.id, notes);
+    if (found.kind() == OUTCOME_BAD) {
+        table.refused = found.text();
+        pgk_stop(report, "table", table.refused);
+        return {};
+    }
+    if (!found)
+        return found;
+    table.skipped = relation->table->dataset == nullptr;
+    if (table.skipped)
+        return {};
+    table.fed = relation->table;
+    table.described = table.fed->own == nullptr;
+    for (size_t i = 0; i < table.relation.columns.size(); i++)
+        describe_column(report, table, *relation, i);
+    find_record(report, table);
+    return {};
+}
+
+// All at once and in the order of a run, so that they are the same; nothing is kept.
+static void name_tables(pgk_report &report, std::vector<std::string> &notes)
+{
+    std::vector<feed_table_name> tables;
+    for (const pgk_table &table : report.tables)
+        if (!feed_is_skipped(report.config, table.name))
+            tables.push_back({.schema = table.relation.schema, .table = table.relation.name});
+    feed_names_tables(report.relations.names, report.config, std::move(tables), notes);
+}
+
+outcome pgk_look_at_tables(pgk_report &report)
+{
+    std::vector<std::string> notes;
+    outcome done = list_tables(report);
+    if (done)
+        done = get_facts(report);
+    if (!done)
+        return done;
+    name_tables(report, notes);
+    for (pgk_table &table : report.tables)
+        pgb_describe(report.relations, table.relation);
+    for (pgk_table &table : report.tables)
+        if (done)
+            done = look_at(report, table, notes);
+    if (!notes.empty())
+        report.findings.push_back({.kind = "table",
+                                   .text = "a run tells of names and columns:",
+                                   .notes = std::move(notes)});
+    return done;
+}
