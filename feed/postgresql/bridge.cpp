@@ -146,6 +146,7 @@ static outcome set_up(bridge &b)
     const pgb_options &options = b.options;
     if (fwu_config_read(b.config, options.cfg) != 0)
         return OUTCOME_FAILED;
+    b.config.new_log_encoding = FWU_UTF8; // what a server's texts are, as a rule
     b.server.conninfo = options.conninfo;
     b.server.slot = options.slot;
     b.server.publication = options.publication;

@@ -201,7 +201,7 @@ TEST_F(BridgeGapTest, SnapshotThatIsRefusedLeavesNoSlot)
     sql("CREATE TABLE load.notes (id integer PRIMARY KEY, note text);"
         "ALTER TABLE load.notes REPLICA IDENTITY FULL; INSERT INTO load.notes VALUES (1, 'long')");
     configure(std::string("column load.notes.note width=2\n") + ledger_cfg);
-    expect_refused({"load.notes.note: \"long\" is 4 characters long"}, {"--create", "--snapshot"});
+    expect_refused({"load.notes.note: \"long\" is 4 bytes long"}, {"--create", "--snapshot"});
     EXPECT_EQ(value("SELECT count(*) FROM pg_replication_slots"), "0");
     configure(std::string("column load.notes.note width=20\n") + ledger_cfg);
     EXPECT_EQ(catch_up({"--create", "--snapshot"}).status, 0);

@@ -180,7 +180,7 @@ TEST_F(BridgeRefusalTest, TextTooLongForItsItem)
     ASSERT_EQ(catch_up({"--create"}).status, 0);
     sql("ALTER TABLE load.ledger ALTER body TYPE varchar(80)");
     sql("INSERT INTO load.ledger VALUES (1, 0, 1, repeat('x', 70), NULL)");
-    expect_refused({"--once"}, {"load.ledger", "BODY", "70 characters"});
+    expect_refused({"--once"}, {"load.ledger", "BODY", "70 bytes"});
     const run_result cut = catch_up({"--truncate"});
     EXPECT_EQ(cut.status, 0) << cut.err;
     EXPECT_TRUE(logged("BODY=\"" + std::string(60, 'x') + "\""));
@@ -201,6 +201,7 @@ TEST_F(BridgeRefusalTest, TextTooLongForTheWidthGivenToItsColumn)
 
 TEST_F(BridgeRefusalTest, CharacterThatHasNoPlaceInTheLog)
 {
+    configure(std::string("text-encoding iso-8859-1\n") + ledger_cfg);
     ASSERT_EQ(catch_up({"--create"}).status, 0);
     sql("INSERT INTO load.ledger VALUES (1, 0, 1, '5 \xE2\x82\xAC', NULL)");
     expect_refused({"--once"}, {"load.ledger", "U+20AC"});

@@ -1,0 +1,102 @@
+// Values that their items cannot hold, or that do not come, where that is marked: null maps,
+// whole values beside the records, what is told.
+#include "tests/postgresql/bridge_fixture.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+class BridgeMarksTest : public BridgeTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        if (server == nullptr)
+            return;
+        sql("CREATE SCHEMA shop");
+        sql("CREATE TABLE shop.notes (id integer PRIMARY KEY, note text, price numeric(5,2),"
+            " at timestamp)");
+        sql("ALTER TABLE shop.notes REPLICA IDENTITY FULL");
+    }
+
+    std::string catch_up_well(const std::vector<std::string> &more = {}) const
+    {
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.err;
+    }
+
+    std::string json() const
+    {
+        const run_result result = fwlog({"dump", "--json"});
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.out;
+    }
+};
+
+TEST_F(BridgeMarksTest, DatabaseThatNobodyDescribesNeverStopsForAValue)
+{
+    std::string notes;
+    notes = catch_up_well({"--create"});
+    EXPECT_THAT(notes, Not(HasSubstr("marked")));
+    sql("INSERT INTO shop.notes VALUES (1, repeat('\u00e4', 600), 'NaN', '0044-03-15 12:00:00 BC'),"
+        " (2, '10 \u20ac', 1.5, '2026-03-09 08:18:01')");
+    notes = catch_up_well();
+    for (const char *told :
+         {"shop.notes.note: \"", "marked C: the line \"column shop.notes.note width=N\"",
+          "shop.notes.price: \"NaN\"", "left blank and marked !",
+          "shop.notes.at: \"0044-03-15 12:00:00 BC\""})
+        EXPECT_EQ(occurrences(notes, told), told == std::string("left blank and marked !") ? 2 : 1)
+            << told << "\n"
+            << notes;
+    EXPECT_TRUE(logged("NULL-MAP=\".C!!\""));
+    EXPECT_TRUE(logged("NOTE=\"10 \u20ac\" PRICE=1.50"));
+    std::string whole;
+    for (int i = 0; i < 600; i++)
+        whole += "\u00e4";
+    EXPECT_THAT(json(), HasSubstr("\"NOTE\":\"" + whole + "\""));
+    EXPECT_THAT(json(), HasSubstr(R"("PRICE":"NaN","AT":"0044-03-15 12:00:00 BC")"));
+
+    // Of an update both images have their whole values; what was told is not told again.
+    sql("UPDATE shop.notes SET note = note || 'x' WHERE id = 1");
+    sql("UPDATE shop.notes SET note = note || 'y' WHERE id = 1");
+    notes = catch_up_well();
+    EXPECT_EQ(occurrences(notes, "marked C"), 1);
+    EXPECT_EQ(occurrences(json(), whole + "\""), 2);
+    EXPECT_EQ(occurrences(json(), whole + "x\""), 2);
+    EXPECT_EQ(occurrences(json(), whole + "xy\""), 1);
+    EXPECT_EQ(captured().size(), 4U) << "readers of records pass over whole values";
+    EXPECT_EQ(fwlog({"verify"}).status, 0);
+}
+
+TEST_F(BridgeMarksTest, ErrorStopsWhereTheConfigurationWantsIt)
+{
+    catch_up_well({"--create"});
+    configure("values error\ncolumn shop.notes.note width=9\n");
+    sql("INSERT INTO shop.notes VALUES (1, 'longer than that', 1, NULL)");
+    const run_result refused = catch_up();
+    EXPECT_EQ(refused.status, 1);
+    const std::string line = "column shop.notes.note values=mark";
+    EXPECT_THAT(refused.err, HasSubstr(line));
+    // The line that is told does it, for this column alone.
+    configure("values error\ncolumn shop.notes.note width=9 values=mark\n");
+    catch_up_well();
+    EXPECT_TRUE(logged("NOTE=\"longer th\" PRICE=1.00 AT=\"\" NULL-MAP=\".C.N\""));
+    sql("INSERT INTO shop.notes VALUES (2, 'short', 'NaN', NULL)");
+    EXPECT_EQ(catch_up().status, 1);
+    // A text that is cut on demand is not marked.
+    configure("values error\ncolumn shop.notes.note width=9\ncolumn shop.notes.price width=9\n");
+    sql("INSERT INTO shop.notes VALUES (3, 'as long as that', 'NaN', NULL)");
+    EXPECT_THAT(catch_up_well({"--truncate"}), Not(HasSubstr("marked")));
+    EXPECT_TRUE(logged("NOTE=\"as long a\" PRICE=\"NaN\" AT=\"\" NULL-MAP=\"...N\""));
+}
+
+TEST_F(BridgeMarksTest, Iso8859LogReplacesCharacters)
+{
+    configure("text-encoding iso-8859-1\n");
+    catch_up_well({"--create"});
+    sql("INSERT INTO shop.notes VALUES (1, '10 \u20ac, caf\u00e9', 1, NULL)");
+    EXPECT_THAT(catch_up_well(), HasSubstr("has the character U+20AC, which has no place in ISO "
+                                           "8859-1: replaced and marked R"));
+    EXPECT_TRUE(logged("NOTE=\"10 ?, caf\u00e9\" PRICE=1.00 AT=\"\" NULL-MAP=\".R.N\""));
+    EXPECT_THAT(json(), HasSubstr("\"NOTE\":\"10 \u20ac, caf\u00e9\""));
+}
