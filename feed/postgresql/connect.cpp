@@ -43,6 +43,21 @@ static void drop_notice(void *, const PGresult *)
 {
 }
 
+// A database without an encoding holds any bytes, of which the server would make UTF-8 only
+// where they are that: they are taken as they are.
+static outcome set_encoding(pgs_server &server, PGconn *connection)
+{
+    const char *const encoding = PQparameterStatus(connection, "server_encoding");
+    const bool any_bytes = encoding != nullptr && strcmp(encoding, "SQL_ASCII") == 0;
+    pgs_result result;
+    if (any_bytes == server.any_bytes) // as the connection was asked for
+        return {};
+    server.any_bytes = any_bytes;
+    return pgs_command(server, connection, result,
+                       any_bytes ? "SET client_encoding = 'SQL_ASCII'"
+                                 : "SET client_encoding = 'UTF8'");
+}
+
 static outcome open_one(pgs_server &server, pgs_connection &connection, bool replication)
 {
     connection = open_connection(server, replication);
@@ -65,7 +80,7 @@ static outcome open_one(pgs_server &server, pgs_connection &connection, bool rep
         if (outcome set = pgs_command(server, connection.get(), result, setting); !set)
             return set;
     }
-    return {};
+    return set_encoding(server, connection.get());
 }
 
 outcome pgs_connect_sql(pgs_server &server)

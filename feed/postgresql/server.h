@@ -38,6 +38,7 @@ struct pgs_server {
     pgs_connection replication;   // for the stream
     pgs_memory row;               // that pgs_row gave last
     const char *remedy = nullptr; // after OUTCOME_LOST: what to do about it, if that is known
+    bool any_bytes = false;       // the database has no encoding: texts are not always UTF-8
     bool slot_in_use = false;     // after OUTCOME_LOST: it was that another process has the slot
     int64_t timeout_ms = 60'000;  // of silence after which the server is taken for gone
     int64_t patience_ms = 60'000; // the same, longer after each time

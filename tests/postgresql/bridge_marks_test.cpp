@@ -100,3 +100,27 @@ TEST_F(BridgeMarksTest, Iso8859LogReplacesCharacters)
     EXPECT_TRUE(logged("NOTE=\"10 ?, caf\u00e9\" PRICE=1.00 AT=\"\" NULL-MAP=\".R.N\""));
     EXPECT_THAT(json(), HasSubstr("\"NOTE\":\"10 \u20ac, caf\u00e9\""));
 }
+
+TEST_F(BridgeMarksTest, BytesThatAreNoUtf8AreKeptAsTheyAre)
+{
+    pg_client(server->conninfo())
+        .run("CREATE DATABASE bytes_" + database +
+             " ENCODING 'SQL_ASCII' TEMPLATE template0"
+             " LC_COLLATE 'C' LC_CTYPE 'C'");
+    const std::string other = database;
+    database = "bytes_" + other;
+    sql("CREATE TABLE public.raw (id integer PRIMARY KEY, body text);"
+        "ALTER TABLE raw REPLICA IDENTITY FULL");
+    catch_up_well({"--create"});
+    sql("INSERT INTO raw VALUES (1, E'a\\xFFz')");
+    EXPECT_THAT(catch_up_well(), HasSubstr("bytes that are not UTF-8: replaced and marked R"));
+    EXPECT_TRUE(logged("BODY=\"a\uFFFDz\" NULL-MAP=\".R\""));
+    EXPECT_THAT(json(), HasSubstr(R"("BODY":{"hex":"61ff7a"})"));
+    pg_client client(server->conninfo());
+    poll_until([&] {
+        return client.value("SELECT count(*) FROM pg_replication_slots WHERE active") == "0";
+    });
+    client.run("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots");
+    client.run("DROP DATABASE " + database + " WITH (FORCE)");
+    database = other;
+}
