@@ -42,11 +42,12 @@ static bool put_comparison(statement &to, const sql_column &column, const change
     return put_value(to, column, row);
 }
 
-static bool nothing_known(statement &to, const char *which)
+static bool nothing_known(statement &to)
 {
-    to.wrong = to.table.origin + " has a change of whose " + which +
-               " row nothing is known: make it by hand and go on behind this transaction with "
-               "--after, or leave the dataset out with --dset";
+    to.wrong = to.table.origin +
+               " has a change of a row of which nothing is known: make it by hand "
+               "and go on behind this transaction with --after, or leave the "
+               "dataset out with --dset";
     return false;
 }
 
@@ -79,7 +80,7 @@ static bool put_known_row(statement &to, const change_row &row)
         if (is_known(to, column, row))
             known.push_back(&column);
     if (known.empty())
-        return nothing_known(to, "old");
+        return nothing_known(to);
     if (known.size() == table.columns.size()) {
         to.out += "(" + table.row + ") = (SELECT " + table.row + " FROM " + table.name + " WHERE ";
         const bool put = put_columns(to, known, row);
@@ -137,7 +138,7 @@ static bool put_insert(statement &to, const change_row &row, std::string_view co
 {
     put_insert_columns(to, row);
     if (to.work.left_out.size() == to.table.columns.size())
-        return nothing_known(to, "new");
+        return nothing_known(to);
     to.out += condition.empty() ? " VALUES (" : " SELECT ";
     bool first = true;
     for (const sql_column &column : to.table.columns) {
