@@ -12,11 +12,12 @@ import collections
 import glob
 import json
 import os
+import re
 import struct
 import sys
 from decimal import Decimal
 
-Layout = collections.namedtuple("Layout", "names items source order")
+Layout = collections.namedtuple("Layout", "names items source order encoding")
 
 
 class Reader:
@@ -46,8 +47,24 @@ def decimal_of(digits, negative, scale):
     return "-" + text if negative else text
 
 
-def value_of(kind, size, scale, order, data):
+def text_of_bytes(data, encoding):
+    try:
+        return "text", data.decode(encoding)
+    except UnicodeDecodeError:
+        return "bytes", data.hex()
+
+
+def whole_of(kind, data):
+    """What a whole value is: as value_of, and ("plain number", text) that is never a string."""
+    number = re.fullmatch(rb"-?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?", data)
+    if kind not in "XU" and number:
+        return "plain number" if kind in "ER" else "number", data.decode()
+    return text_of_bytes(data, "utf-8")
+
+
+def value_of(kind, size, scale, layout, data):
     """What an element is: ("number", text), ("float", bits), ("text", str) or ("bytes", hex)."""
+    order = layout.order
     nothing = ("bytes", data.hex())
     if kind in "IJK":
         if size not in (2, 4, 8):
@@ -67,7 +84,8 @@ def value_of(kind, size, scale, order, data):
             return nothing
         text = decimal_of(digits[:-1] + str(last % 10), 10 <= last < 20, scale)
     elif kind in "XU":
-        return "text", data.decode("latin-1").rstrip(" ")
+        text = text_of_bytes(data, layout.encoding)
+        return (text[0], text[1].rstrip(" ")) if text[0] == "text" else text
     else:
         return nothing
     return nothing if text is None else ("number", text)
@@ -85,6 +103,8 @@ def same(expected, got, options):
         return got is value
     if kind == "number":
         return got == value and isinstance(got, Number) != ("text" in options)
+    if kind == "plain number":
+        return got == value and isinstance(got, Number)
     if kind == "text":
         return got == value and not isinstance(got, Number)
     if kind == "bytes":
@@ -108,7 +128,7 @@ def truth_of(expected):
     if kind == "float":
         number = struct.unpack("<f" if len(value) == 4 else "<d", value)[0]
         return ("true or false", number == 1) if number in (0, 1) else expected
-    if kind == "number" and Decimal(value) in (0, 1) and not value.startswith("-"):
+    if kind in ("number", "plain number") and Decimal(value) in (0, 1) and not value.startswith("-"):
         return "true or false", Decimal(value) == 1
     if kind == "text" and value in ("T", "t", "true", "F", "f", "false"):
         return "true or false", value[0] in "Tt"
@@ -126,8 +146,8 @@ def null_map_of(layout):
     return index if kind == "X" and count == 1 and size == len(layout.items) - 1 else -1
 
 
-def image_of(layout, data, options):
-    """Names and values of an image, in order."""
+def image_of(layout, data, wholes, options):
+    """Names and values of an image, in order; wholes: those beside it, by item."""
     if data is None:
         return None
     null_map = null_map_of(layout)
@@ -143,11 +163,18 @@ def image_of(layout, data, options):
         if i == null_map:
             continue
         column = columns.get(i) if "source-names" in options else None
-        if next(flags) == ord("N"):
+        flag = chr(next(flags))
+        if flag == "?" or (flag == "!" and i not in wholes):
+            continue
+        if flag == "N":
             elements = ("null", None)
+        elif i in wholes:
+            elements = whole_of(kind, wholes[i])
+            if column and column["type"] in ("boolean", "boolean[]"):
+                elements = truth_of(elements)
         else:
             elements = [
-                value_of(kind, size, scale, layout.order, pieces[i][n * size : n * size + size])
+                value_of(kind, size, scale, layout, pieces[i][n * size : n * size + size])
                 for n in range(count)
             ]
             if column and column["type"] in ("boolean", "boolean[]"):
@@ -178,7 +205,7 @@ def latin(data):
     return data.decode("latin-1")
 
 
-def take_layout(r, order):
+def take_layout(r, order, encoding):
     database, dataset, _, count = r.number("B"), r.number("B"), r.number("H"), r.number("I")
     names = latin(r.text(database)), latin(r.text(dataset))
     items = []
@@ -186,7 +213,7 @@ def take_layout(r, order):
         name = latin(r.text(r.number("B"), 0))
         kind, size, elements, aux = (r.number("i") for _ in range(4))
         items.append((name, chr(kind), size, elements, aux))
-    return Layout(names, items, None, order)
+    return Layout(names, items, None, order, encoding)
 
 
 def take_source(r):
@@ -214,7 +241,20 @@ def take_mark(r):
     kind, database, dataset, _ = (r.number("B") for _ in range(4))
     names = latin(r.text(database)), latin(r.text(dataset))
     schema, table, reason = (r.text(r.number("I")).decode("utf-8") for _ in range(3))
-    return chr(kind), names, (schema + "." if schema else "") + table, reason
+    return chr(kind), names, table_name(schema, table), reason
+
+
+def take_value(r):
+    item, image, more, _ = (r.number(f) for f in "IBBH")
+    return (chr(image), item), more == 1, r.take(len(r.data) - r.at)
+
+
+def table_name(schema, table):
+    """As the configuration writes it; controls are not in these logs."""
+    def part(name):
+        return '"' + name.replace('"', '""') + '"' if not name or set(name) & set('." #=') else name
+
+    return ".".join(part(name) for name in (schema, table) if name)
 
 
 def take_change(r, kind):
@@ -230,10 +270,11 @@ def entries_of(path):
     with open(path, "rb") as file:
         data = file.read()
     order = {"L": "little", "B": "big"}[chr(data[12])]
+    encoding = {0: "latin-1", ord("U"): "utf-8"}[data[13]]
     at = 64
     while at < len(data):
         length, kind, _, tag = struct.unpack_from("<IHHi", data, at)
-        yield tag, kind, Reader(data[at + 24 : at + length]), order
+        yield tag, kind, Reader(data[at + 24 : at + length]), order, encoding
         at += length + -length % 8
 
 
@@ -243,15 +284,19 @@ def transactions(directory):
         file = os.path.basename(path)
         number = int(file[2:6]), int(file[7:15])
         layouts, begun, changes, session = {}, {}, [], ([None] * 4, [])
-        for tag, kind, r, order in entries_of(path):
+        wholes = {}  # of the change to come: bytes by image and item
+        for tag, kind, r, order, encoding in entries_of(path):
             position = number + (tag,)
             if kind == 1:
-                layout = take_layout(r, order)
+                layout = take_layout(r, order, encoding)
                 layouts[layout.names] = layout
                 begun[layout.names] = position
             elif kind == 7:
                 names, source = take_source(r)
                 layouts[names] = layouts[names]._replace(source=source)
+            elif kind == 9:
+                place, more, data = take_value(r)
+                wholes[place] = wholes.get(place, b"") + data
             elif kind == 2:
                 session = take_session(r)
             elif kind == 8:
@@ -272,7 +317,9 @@ def transactions(directory):
                 changes.append(
                     {"op": op, "names": names, "position": position, "session": session[0],
                      "record": record, "table": table_of(layouts[names]), "before": before,
-                     "after": after, "layout": layouts[names], "begun": begun[names]})
+                     "after": after, "layout": layouts[names], "begun": begun[names],
+                     "wholes": wholes})
+                wholes = {}
 
 
 def text_of(position):
@@ -282,8 +329,7 @@ def text_of(position):
 def table_of(layout):
     if layout.source is None:
         return ""
-    source = layout.source
-    return (source["schema"] + "." if source["schema"] else "") + source["table"]
+    return table_name(layout.source["schema"], layout.source["table"])
 
 
 def schema_of(change, begun):
@@ -360,8 +406,12 @@ def expected_lines(directory, options):
             if given.get(layout.names) != said:
                 yield schema_of(change, begun), None, None
             given[layout.names] = said
-            yield (line, image_of(layout, change["before"], options),
-                   image_of(layout, change["after"], options))
+            rows = [
+                image_of(layout, change[name], {item: data for (image, item), data
+                                                in change["wholes"].items() if image == name[0]},
+                         options)
+                for name in ("before", "after")]
+            yield line, rows[0], rows[1]
 
 
 def values_of(pairs):

@@ -1,5 +1,5 @@
-// Logs of random layouts, bytes, sessions and marks, printed as JSON and held to a second
-// reading of the log's files, which shares nothing with the first.
+// Logs of random layouts, bytes, whole values, sessions and marks, printed as JSON and held to a
+// second reading of the log's files, which shares nothing with the first.
 #include "fwutil/fwutil.h"
 #include "tests/changes/written_log.h"
 #include "tests/support/run.h"
@@ -13,7 +13,8 @@
 class random_log {
   public:
     explicit random_log(unsigned seed)
-        : random(seed), log(seed % 2 == 0 ? "byte-order little\n" : "byte-order big\n")
+        : random(seed), log(std::string("byte-order ") + (seed % 2 == 0 ? "little" : "big") +
+                            "\ntext-encoding " + (seed % 3 == 0 ? "utf-8" : "iso-8859-1") + "\n")
     {
         for (int n = 0; n < 3; n++)
             layouts.push_back(layout("SET-" + std::to_string(n)));
@@ -110,6 +111,9 @@ class random_log {
         }
         if ((of.type == 'X' || of.type == 'U') && one_in(2))
             bytes.assign(static_cast<size_t>(of.size), "Tf1 "[below(4)]);
+        else if ((of.type == 'X' || of.type == 'U') && one_in(2)) // characters, the last one cut
+            for (size_t at = 0; at < bytes.size(); at++)
+                bytes[at] = "\xC2\x85 \xE2\x82\xAC"[at % 6];
         if (of.type != 'P' && of.type != 'Z' && one_in(6)) {
             bytes.assign(static_cast<size_t>(of.size), '\0');
             (one_in(2) ? bytes.front() : bytes.back()) = 1; // truth values of integers
@@ -123,12 +127,39 @@ class random_log {
         for (const fwu_item &row : of.items) {
             if (row.name.starts_with("NULL"))
                 for (int32_t i = 0; i < row.size; i++)
-                    bytes += one_in(4) ? 'N' : '.';
+                    bytes += one_in(2) ? '.' : "NCR?!"[below(5)];
             else
                 for (int32_t i = 0; i < row.count; i++)
                     bytes += element(row);
         }
         return bytes;
+    }
+
+    // Adds whole values of items of an image that there is.
+    void add_values(std::vector<fwu_value> &values, const fwu_layout &of, fwu_image image)
+    {
+        static constexpr std::string_view texts[] = {"",
+                                                     "12.5",
+                                                     "-0",
+                                                     "NaN",
+                                                     "007",
+                                                     "1.5E-7",
+                                                     "123456789012345678901234567890.1",
+                                                     "  a",
+                                                     "b  ",
+                                                     "{1,2}",
+                                                     "true",
+                                                     "f",
+                                                     "1",
+                                                     "\"\\\n\xC2\x85\xC2\xA0\xE2\x82\xAC",
+                                                     "\xE9",
+                                                     "\xE2\x82"};
+        static const std::string longest(FWU_VALUE_PIECE_MAX + 1, 'x');
+        for (size_t i = 0; i < of.items.size(); i++)
+            if (!of.items[i].name.starts_with("NULL") && one_in(4))
+                values.push_back(
+                    {static_cast<int32_t>(i), image,
+                     one_in(400) ? std::string_view(longest) : texts[below(std::size(texts))]});
     }
 
     fwu_session session()
@@ -151,8 +182,13 @@ class random_log {
         const fwu_layout &of = layouts[static_cast<size_t>(below(3))];
         static constexpr int32_t opcodes[] = {FWU_OP_INSERT, FWU_OP_UPDATE, FWU_OP_DELETE};
         const int32_t opcode = opcodes[below(3)];
+        std::vector<fwu_value> values;
+        if (opcode != FWU_OP_DELETE && one_in(2))
+            add_values(values, of, FWU_IMAGE_AFTER);
+        if (opcode != FWU_OP_INSERT && one_in(2))
+            add_values(values, of, FWU_IMAGE_BEFORE);
         log.change(opcode, of, opcode == FWU_OP_INSERT ? "" : image(of),
-                   opcode == FWU_OP_DELETE ? "" : image(of));
+                   opcode == FWU_OP_DELETE ? "" : image(of), values);
     }
 
     void mark()
