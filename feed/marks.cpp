@@ -48,8 +48,9 @@ static std::string mark_text(const feed_table &table, const feed_place &place,
         return value + " is too long for item " + feed_item_text(place.item) +
                ", cut and marked C: " +
                (table.own == nullptr ? "make the item wider"
-                                     : "the line \"column " + feed_column_name(table, column) +
-                                           " width=N\" makes it wider");
+                                     : "put the line \"column " + feed_column_name(table, column) +
+                                           " width=N\" into the configuration, and \"values mark\" "
+                                           "if it is not there");
     case FWU_FLAG_REPLACED:
         return value + " has " + feed_no_place_text(place.bad) + ": replaced and marked R";
     default:

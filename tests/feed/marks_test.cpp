@@ -257,10 +257,12 @@ TEST(FeedMarks, ItemFromTheSourceGetsWiderByALineThatIsTold)
     const feed_row row = row_of({text_column("a b", WORDS, "abcd")});
     ASSERT_TRUE(feed_new_image(work, image, *table, row, nullptr));
     EXPECT_EQ(std::string(image.begin(), image.end()), "abcC");
-    EXPECT_THAT(work.notes,
-                ElementsAre("sales.orders.\"a b\": \"abcd\" is too long for item A (X 3), cut and "
-                            "marked C: the line \"column sales.orders.\"a b\" width=N\" makes it "
-                            "wider (the whole value stands beside its record; told once)"));
+    EXPECT_THAT(
+        work.notes,
+        ElementsAre("sales.orders.\"a b\": \"abcd\" is too long for item A (X 3), cut and "
+                    "marked C: put the line \"column sales.orders.\"a b\" width=N\" into the "
+                    "configuration, and \"values mark\" if it is not there (the whole value stands "
+                    "beside its record; told once)"));
 }
 
 TEST(FeedMarks, PolicyIsEachColumnsOwn)

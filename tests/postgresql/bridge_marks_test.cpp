@@ -42,7 +42,7 @@ TEST_F(BridgeMarksTest, DatabaseThatNobodyDescribesNeverStopsForAValue)
         " (2, '10 \u20ac', 1.5, '2026-03-09 08:18:01')");
     notes = catch_up_well();
     for (const char *told :
-         {"shop.notes.note: \"", "marked C: the line \"column shop.notes.note width=N\"",
+         {"shop.notes.note: \"", "marked C: put the line \"column shop.notes.note width=N\"",
           "shop.notes.price: \"NaN\"", "left blank and marked !",
           "shop.notes.at: \"0044-03-15 12:00:00 BC\""})
         EXPECT_EQ(occurrences(notes, told), told == std::string("left blank and marked !") ? 2 : 1)

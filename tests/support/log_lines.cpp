@@ -65,6 +65,16 @@ static std::string source_line(const fwu_entry &entry)
     return line;
 }
 
+// "value 0a <text>"
+static std::string value_line(const fwu_entry &entry)
+{
+    fwu_value_piece piece;
+    if (!fwu_entry_value(entry, piece))
+        return "bad value";
+    return "value " + std::to_string(piece.item) + static_cast<char>(piece.image) + " <" +
+           std::string(piece.bytes) + ">" + (piece.more ? " ..." : "");
+}
+
 static std::string entry_line(const fwu_entry &entry)
 {
     fwu_layout layout;
@@ -76,6 +86,8 @@ static std::string entry_line(const fwu_entry &entry)
         return "layout " + layout.dbname + "." + layout.dsetname;
     case FWU_KIND_SOURCE:
         return source_line(entry);
+    case FWU_KIND_VALUE:
+        return value_line(entry);
     case FWU_KIND_SESSION:
         return session_line(entry);
     case FWU_KIND_COMMIT:

@@ -347,6 +347,41 @@ TEST_F(FwlogStream, TextsCutInATransactionThatIsNotLoadedDoNotCount)
     EXPECT_EQ(count_lines(log(), "insert "), 1U);
 }
 
+TEST_F(FwlogStream, WhatAnItemCannotHoldIsMarkedAndWholeInTheLog)
+{
+    config.datasets[0].layout.items = {item_of("A", 'X', 2), item_of("B", 'I', 2),
+                                       item_of("NULL-MAP", 'X', 2)};
+    config.datasets[0].null_map = 2;
+    config.policy = FWU_POLICY_MARK;
+    const auto line = [](char action, int xid, const std::string &fresh, const std::string &old) {
+        return std::string(R"({"action":")") + action + R"(","xid":)" + std::to_string(xid) +
+               R"(,"schema":"sales","table":"orders")" +
+               (fresh.empty() ? "" : R"(,"columns":[)" + fresh + "]") +
+               (old.empty() ? "" : R"(,"identity":[)" + old + "]") + "}";
+    };
+    const std::string a = R"({"name":"a","type":"text","value":"long"})";
+    const std::string b = R"({"name":"b","type":"integer","value":70000})";
+    EXPECT_EQ(take({begin(7, "0/A"), line('I', 7, a + "," + b, ""), line('U', 7, b, a),
+                    commit(7, "0/A")}),
+              "");
+    const feed_marked expected = {.cut = 3, .replaced = 0, .left_out = 2, .unknown = 1};
+    EXPECT_EQ(stream.tx.totals.marked, expected);
+    EXPECT_EQ(stream.tx.work.notes.size(), 3U);
+    const std::vector<std::string> lines = log();
+    ASSERT_EQ(lines.size(), 11U);
+    EXPECT_THAT(std::vector(lines.begin() + 3, lines.end()),
+                ElementsAre("value 0a <long>", "value 1a <70000>",
+                            "insert SALES.ORDERS 1 1 <|6C6F00004321>", // "lo", 0, "C!"
+                            "value 0b <long>", "value 0a <long>", "value 1a <70000>",
+                            "update SALES.ORDERS 1 2 <6C6F0000433F|6C6F00004321>", // "C?", "C!"
+                            "commit 1500000 7 10"));
+    // What a transaction that is given up has marked does not count.
+    EXPECT_EQ(take({begin(8, "0/B"), line('I', 8, a + "," + b, "")}), "");
+    EXPECT_EQ(stream.tx.work.marked.cut, 4U);
+    feed_abandon(stream.tx);
+    EXPECT_EQ(stream.tx.work.marked, expected);
+}
+
 TEST_F(FwlogStream, SourceOfALayoutIsWhatTheLinesTellOfTheTable)
 {
     config.datasets[0].layout.items = {item_of("ORDER-NO", 'I', 4), item_of("NULL-MAP", 'X', 2),
