@@ -1,4 +1,5 @@
 // docs/postgresql.md against the code: what columns become, and the members of the state file.
+#include "feed/names.h"
 #include "feed/postgresql/state.h"
 #include "feed/postgresql/types.h"
 #include "fwutil/fwutil.h"
@@ -163,6 +164,16 @@ TEST(PostgresqlPage, ColumnsBecomeTheItemsOfTheTable)
 {
     for (const auto &row : md_find_table(md_page(PAGE), "column").rows)
         EXPECT_TRUE(check(row[0], row[1])) << row[0] << ": " << row[1];
+}
+
+TEST(PostgresqlPage, AShortenedNameIsWhatTheRuleGives)
+{
+    std::string dbname;
+    std::string dsetname;
+    feed_names names;
+    std::vector<std::string> notes;
+    feed_names_table(dbname, dsetname, names, {}, "sales", "order_lines_archive", notes);
+    EXPECT_THAT(md_page(PAGE), HasSubstr("`sales.order_lines_archive` becomes `" + dsetname + "`"));
 }
 
 TEST(PostgresqlPage, MembersAreThoseOfTheStateFile)
