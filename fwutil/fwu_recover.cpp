@@ -222,7 +222,7 @@ static int write_again(fwu_log_end &log)
 
 // The encoding that the log's newest good file says, and the identity that the newest file
 // has of those that have one.
-static int find_identity(fwu_log_end &log, const std::vector<fwu_log_file> &files)
+static int take_headers(fwu_log_end &log, const std::vector<fwu_log_file> &files)
 {
     bool known = false; // the encoding
     for (size_t i = files.size(); i > 0 && !fwu_identity_known(log.identity); i--) {
@@ -289,7 +289,7 @@ int fwu_recover(fwu_log_end &log)
         return -1;
     log.have_ack = acked == FWU_FOUND;
     log.synced = log.acked; // it was on disk before it was acknowledged
-    if (find_identity(log, files) != 0)
+    if (take_headers(log, files) != 0)
         return -1;
     if (files.empty())
         return log.have_ack && log.acked.position.generation != 0
