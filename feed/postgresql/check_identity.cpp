@@ -62,16 +62,22 @@ outcome pgk_look_at_identities(pgk_report &report)
                  "are marked \"?\" (not known); for whole old rows"},
         {.stops = true,
          .kind = "identity",
-         .text = "of these tables the server sends the keys of old rows only, and the policy "
-                 "\"values error\" needs whole ones"},
+         .text = "of these tables the server sends the keys of old rows only, and without marks "
+                 "(\"values error\", or a dataset without a null map) whole ones are needed"},
     };
+    // A start that makes the publication gives them one.
+    if (!report.found.publication && report.options.create)
+        kinds[0].text = "these tables have no usable identity, without which the server would "
+                        "refuse their updates and deletes: --create gives them one";
+    const fwu_policy default_policy = report.relations.tables.default_policy;
     for (int i = 0; i < PQntuples(result.get()); i++) {
         const pgk_table *table = table_of(report, pgs_value(result, i, 0));
         if (table == nullptr)
             continue;
         const bool marks =
-            feed_policy_of(report.config, table->name, report.relations.tables.default_policy) !=
-            FWU_POLICY_ERROR;
+            table->fed == nullptr ||
+            (table->fed->dataset->null_map >= 0 &&
+             feed_policy_of(report.config, table->name, default_policy) != FWU_POLICY_ERROR);
         const size_t kind = !is_true(result, i, 2) ? 0 : marks ? 1 : 2;
         kinds[kind].sql.push_back("ALTER TABLE " + std::string(pgs_value(result, i, 1)) +
                                   " REPLICA IDENTITY FULL;");

@@ -65,7 +65,9 @@ static void put_table(std::string &out, const pgk_table &table)
 {
     out += "\n" + table.name;
     if (table.skipped) {
-        out += ": left out by the configuration\n";
+        out += table.relation.columns.empty()
+                   ? ": has no columns that the server sends, passed over\n"
+                   : ": left out by the configuration\n";
         return;
     }
     if (table.fed == nullptr) {

@@ -3,6 +3,7 @@
 #include "feed/postgresql/check_report.h"
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/query.h"
+#include "fwutil/fwu_source_name.h"
 
 constexpr int OLDEST_VERSION = 120000;
 constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
@@ -137,20 +138,50 @@ static void no_publication(pgk_report &report)
                  {create_publication(report)});
 }
 
+// Tables that the publication does not have.
+static outcome look_at_others(pgk_report &report, bool via_root)
+{
+    pgs_server &server = report.server;
+    pgs_result result;
+    const std::string kinds =
+        via_root ? "c.relkind IN ('r', 'p') AND NOT c.relispartition" : "c.relkind = 'r'";
+    outcome asked =
+        pgs_query(server, server.sql.get(), result,
+                  "SELECT n.nspname, c.relname, format('%I.%I', n.nspname, c.relname)"
+                  " FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace WHERE " +
+                      kinds +
+                      " AND c.relpersistence = 'p' AND c.oid >= 16384"
+                      " AND (n.nspname, c.relname) NOT IN (SELECT schemaname, tablename"
+                      " FROM pg_publication_tables WHERE pubname = $1) ORDER BY 1, 2",
+                  {server.publication.c_str()});
+    std::vector<std::string> sql;
+    for (int i = 0; asked && i < PQntuples(result.get()); i++)
+        if (!feed_is_skipped(report.config,
+                             fwu_source_name(pgs_value(result, i, 0), pgs_value(result, i, 1))))
+            sql.push_back("ALTER PUBLICATION " + pgs_name(server.publication) + " ADD TABLE " +
+                          std::string(pgs_value(result, i, 2)) + ";");
+    if (!sql.empty())
+        pgk_note(report, "publication",
+                 "publication \"" + server.publication +
+                     "\" does not have these tables, they are not followed:",
+                 std::move(sql));
+    return asked;
+}
+
 static outcome look_at_publication(pgk_report &report)
 {
     pgs_server &server = report.server;
     pgs_result result;
     // The last member is of version 13 on.
-    outcome asked =
-        pgs_query(server, server.sql.get(), result,
-                  "SELECT p.puballtables, p.pubinsert, p.pubupdate, p.pubdelete,"
-                  " to_jsonb(p) ->> 'pubviaroot', EXISTS (SELECT FROM pg_publication_tables t"
-                  " JOIN pg_namespace n ON n.nspname = t.schemaname"
-                  " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
-                  " WHERE t.pubname = p.pubname AND c.relispartition)"
-                  " FROM pg_publication p WHERE p.pubname = $1",
-                  {server.publication.c_str()});
+    outcome asked = pgs_query(
+        server, server.sql.get(), result,
+        "SELECT p.puballtables, p.pubinsert, p.pubupdate, p.pubdelete,"
+        " (to_jsonb(p) ->> 'pubviaroot')::bool, EXISTS (SELECT FROM pg_publication_tables t"
+        " JOIN pg_namespace n ON n.nspname = t.schemaname"
+        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
+        " WHERE t.pubname = p.pubname AND c.relispartition)"
+        " FROM pg_publication p WHERE p.pubname = $1",
+        {server.publication.c_str()});
     if (!asked)
         return asked;
     pgk_server &found = report.found;
@@ -165,15 +196,12 @@ static outcome look_at_publication(pgk_report &report)
     if (!is_true(result, 0, 1) || !is_true(result, 0, 2) || !is_true(result, 0, 3))
         pgk_note(report, "publication", name + "leaves inserts, updates or deletes out",
                  {alter + "publish = 'insert, update, delete, truncate');"});
-    if (pgs_value(result, 0, 4) == "false" && is_true(result, 0, 5))
+    if (pgs_value(result, 0, 4) == "f" && is_true(result, 0, 5))
         pgk_note(report, "publication",
                  name + "gives each partition as a table of its own; with this they come as their "
                         "parent's rows",
                  {alter + "publish_via_partition_root = true);"});
-    if (!is_true(result, 0, 0))
-        pgk_note(report, "publication",
-                 name + "is not of all tables: new ones are followed once they are added to it");
-    return {};
+    return is_true(result, 0, 0) ? outcome() : look_at_others(report, is_true(result, 0, 4));
 }
 
 static outcome look_at_slot(pgk_report &report)

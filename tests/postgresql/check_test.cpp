@@ -218,7 +218,7 @@ TEST_F(BridgeCheckTest, IdentitiesOfParentsAndAllPartitions)
     configure("values error\n");
     const run_result strict = check({"--create"});
     EXPECT_EQ(strict.status, 1);
-    EXPECT_THAT(strict.out, HasSubstr("the policy \"values error\" needs whole ones\n"
+    EXPECT_THAT(strict.out, HasSubstr("or a dataset without a null map) whole ones are needed\n"
                                       "     ALTER TABLE load.keyed REPLICA IDENTITY FULL;\n"));
     for (const std::string &command : sql_of(strict.out))
         sql(command);
@@ -453,6 +453,42 @@ TEST_F(BridgeCheckTest, TablesThatCannotBeScannedAreToldAndPassedOver)
     EXPECT_THAT(result.out, HasSubstr("  not scanned: permission denied for table c_closed\n"));
     other.run("COMMIT");
     sql("DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeCheckTest, SignalEndsAScanAndItsQuery)
+{
+    sql("CREATE TABLE locked (id int PRIMARY KEY)");
+    pg_client other = connect();
+    other.run("BEGIN; LOCK TABLE locked");
+    start_bridge({"--check", "--create", "--scan"});
+    const auto waiting = [&] {
+        return value("SELECT count(*) FROM pg_stat_activity WHERE application_name = 'fwlog'"
+                     " AND wait_event_type = 'Lock'");
+    };
+    ASSERT_TRUE(poll_until([&] { return waiting() == "1"; })) << bridge.err();
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    EXPECT_TRUE(poll_until([&] { return waiting() == "0"; }));
+    EXPECT_EQ(bridge.out(), "");
+}
+
+TEST_F(BridgeCheckTest, TablesThatThePublicationDoesNotHave)
+{
+    sql("CREATE TABLE a_followed (id int PRIMARY KEY); CREATE TABLE b_skipped (id int PRIMARY KEY);"
+        "CREATE TABLE \"C not\" (id int PRIMARY KEY);"
+        "CREATE TABLE d_parent (id int PRIMARY KEY) PARTITION BY LIST (id);"
+        "CREATE TABLE d_part PARTITION OF d_parent FOR VALUES IN (1);"
+        "CREATE PUBLICATION " +
+        database + " FOR TABLE a_followed WITH (publish_via_partition_root = true)");
+    configure("skip-table public.b_skipped\n");
+    const run_result result = check({"--create"});
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    const std::string add = "ALTER PUBLICATION \"" + database + "\" ADD TABLE public.";
+    EXPECT_THAT(result.out, HasSubstr("does not have these tables, they are not followed:\n     " +
+                                      add + "\"C not\";\n     " + add + "d_parent;\n"));
+    EXPECT_THAT(result.out, Not(HasSubstr("b_skipped")));
+    for (const std::string &command : sql_of(result.out))
+        sql(command);
+    EXPECT_THAT(check({"--create"}).out, Not(HasSubstr("they are not followed")));
 }
 
 TEST_F(BridgeCheckTest, RecordsThatAMessageFileRefuses)
