@@ -101,7 +101,7 @@ static outcome take_option(const cli_option &row, const char *word, const char *
 {
     if (!names(word, row))
         return cli_usage("unknown option", word);
-    const bool wanted = row.kind.word != nullptr;
+    const bool wanted = row.kind.word != nullptr && !row.kind.may_be_left_out;
     if (wanted && (value == nullptr || (*value == '\0' && !row.kind.may_be_empty)))
         return cli_usage(row.kind.lacking, word);
     return take_value(row, value);
@@ -138,8 +138,10 @@ static std::vector<option> rows_for_scan(const cli_command &command)
     for (const cli_option &row : command.options) {
         if (is_option(row))
             rows.push_back({without_hyphens(row.name).data(),
-                            row.kind.word != nullptr ? required_argument : no_argument, nullptr,
-                            FIRST_ROW + static_cast<int>(rows.size())});
+                            row.kind.word == nullptr   ? no_argument
+                            : row.kind.may_be_left_out ? optional_argument
+                                                       : required_argument,
+                            nullptr, FIRST_ROW + static_cast<int>(rows.size())});
     }
     rows.push_back({});
     return rows;

@@ -25,6 +25,7 @@ struct cli_kind {
     const char *again = nullptr;   // an operand, or another choice, came before
     uint64_t smallest = 0;         // of numbers
     uint64_t largest = UINT64_MAX;
+    bool may_be_left_out = false; // the value, which then stands behind "=" only
     bool may_be_empty = true;
     bool may_be_hyphen = false; // an operand "-" is none of its options written wrong
 };

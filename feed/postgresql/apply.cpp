@@ -92,7 +92,7 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
         done = pgb_row(fresh, *relation, message.new_row);
     if (done && message.kind != 'I')
         done = pgb_old_row(old, *relation, relations, message);
-    if (done && old != nullptr && old->count < relation->told.columns.size())
+    if (done && old != nullptr && pgb_lacks_needed(*relation, *old))
         done = outcome_bad(pgb_no_old_row_text(*relation, relations));
     if (done)
         done = feed_change(tx, table, fresh, old);

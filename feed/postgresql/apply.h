@@ -4,6 +4,7 @@
 
 #include "feed/postgresql/pgoutput.h"
 #include "feed/postgresql/relations.h"
+#include "feed/postgresql/watch.h"
 #include "feed/transaction.h"
 #include "util/outcome.h"
 
@@ -18,6 +19,7 @@ struct pgb_apply {
     uint64_t end = 0;             // behind the last whole transaction
     int64_t commit_us = 0;        // commit time of the transaction logged last, 0 for none
     pgo_message message;
+    pgb_watch watch;
 };
 
 // Takes the next message of the output plugin.

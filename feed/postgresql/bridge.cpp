@@ -158,6 +158,7 @@ static outcome set_up(bridge &b)
                             "SET search_path = pg_catalog; " + query, rows);
     };
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
+    b.apply.watch.config = &b.config;
     b.apply.ignore_truncate = options.ignore_truncate;
     b.state.slot = options.slot;
     b.state.publication = options.publication;

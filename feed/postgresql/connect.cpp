@@ -13,15 +13,17 @@ static const char *find_connection_remedy(const char *message)
     static constexpr struct {
         const char *text;
         const char *state;
+        const char *message = "replication";
     } rows[] = {
         {"replication role", "42501"}, {"WAL sender", "42501"},
         {"max_wal_senders", "53300"},  {"too many clients", "53300"},
         {"connection slots", "53300"}, {"authentication failed", "28"},
-        {"pg_hba.conf", "28"},         {"does not exist", "3D000"},
+        {"pg_hba.conf", "28"},         {"role \"", "28", "does not exist"},
+        {"database \"", "3D000"},
     };
     for (const auto &row : rows)
         if (strstr(message, row.text) != nullptr)
-            return pgs_find_remedy(row.state, "replication");
+            return pgs_find_remedy(row.state, row.message);
     return nullptr;
 }
 

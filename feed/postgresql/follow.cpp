@@ -68,6 +68,7 @@ static void note_progress(follow &f)
     const feed_totals &totals = f.tx.totals;
     state.transactions = totals.transactions;
     state.changes = totals.inserts + totals.updates + totals.deletes;
+    state.marked = totals.marked;
 }
 
 static outcome lost(follow &f)
@@ -135,6 +136,7 @@ static outcome keep_in_touch(follow &f)
     if (now >= f.report_due_ms) {
         f.report_due_ms = now + REPORT_MS;
         pgs_server_lsn(f.server, f.state.server_lsn);
+        pgb_watch_look(f.apply.watch, f.server);
         if (f.settings.verbose)
             pgb_state_print(f.state);
     }

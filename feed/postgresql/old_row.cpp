@@ -5,6 +5,9 @@
 // first change that it sends of it, so that all those that rows may be from are known.
 #include "feed/postgresql/old_row.h"
 
+#include "feed/postgresql/identity.h"
+#include "feed/text.h"
+
 #include <algorithm>
 
 void pgb_note_described(pgb_relations &relations, uint32_t id)
@@ -102,6 +105,26 @@ outcome pgb_old_row(const feed_row *&row, pgb_relation &relation, const pgb_rela
     return {};
 }
 
+bool pgb_lacks_needed(const pgb_relation &relation, const feed_row &old)
+{
+    const feed_table &table = *relation.table;
+    const auto is_needed = [&](const pgo_column &column) {
+        const std::string name = feed_name(column.name);
+        for (size_t i = 0; i < table.policies.size(); i++)
+            if (table.policies[i] == FWU_POLICY_ERROR && feed_feeds(table, column.name, name, i))
+                return true;
+        return false;
+    };
+    size_t at = 0; // the old row has the columns in the table's order
+    for (const pgo_column &column : relation.told.columns) {
+        if (at < old.count && old.columns[at].name == column.name)
+            at++;
+        else if (is_needed(column))
+            return true;
+    }
+    return false;
+}
+
 // The commands for a table and its partitions, as far as they are still needed.
 static std::string identity_commands(const pgb_relation &relation, const pgb_relations &relations)
 {
@@ -116,7 +139,7 @@ static std::string identity_commands(const pgb_relation &relation, const pgb_rel
                                 " ('r', 'p') AND c.relreplident <> 'f' ORDER BY c.relkind, 1",
                             rows);
     const auto add = [&](const std::string &name) {
-        commands += "\n  ALTER TABLE " + name + " REPLICA IDENTITY FULL;";
+        commands += "\n  " + pgb_identity_command(name) + ";";
     };
     if (answered)
         for (int i = 0; i < PQntuples(rows.get()); i++)
@@ -133,8 +156,9 @@ std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relation
     std::string text = table.name + ": the change comes without the whole old row";
     text += commands.empty() ? ", since it was made before the table got REPLICA IDENTITY FULL; "
                              : "; let the server send it:" + commands + "\n";
-    return text +
-           "what was changed before that cannot be followed: leave the table out with the "
-           "line skip-table " +
-           table.name + ", or begin a new log";
+    text += "what was changed before that cannot be followed: ";
+    if (table.dataset != nullptr && table.dataset->null_map >= 0)
+        text += "mark what is not known with the line table " + table.name + " values=mark, ";
+    return text + "leave the table out with the line skip-table " + table.name +
+           ", or begin a new log";
 }

@@ -20,6 +20,9 @@ void pgb_note_truncate(pgb_relations &relations, const std::vector<uint32_t> &id
 outcome pgb_old_row(const feed_row *&row, pgb_relation &relation, const pgb_relations &relations,
                     const pgo_message &message);
 
+// Whether an old row lacks what must not be marked as not known.
+bool pgb_lacks_needed(const pgb_relation &relation, const feed_row &old);
+
 // What is wrong with a change whose old row lacks columns, with the commands that let the server
 // send whole ones.
 std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relations &relations);

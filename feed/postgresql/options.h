@@ -11,6 +11,7 @@ struct pgb_options {
     const char *status = nullptr; // JSON file; null: postgresql.json in the log directory
     int timeout_s = 60;           // of silence after which the server is taken for gone
     bool create = false;          // make slot and publication when they are missing
+    bool minimal = false;         // ... and touch no table
     bool snapshot = false;        // begin a new slot with the tables' contents
     bool truncate = false;        // cut texts that are too long for their item
     bool ignore_truncate = false; // pass over truncates instead of stopping

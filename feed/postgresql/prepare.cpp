@@ -3,17 +3,20 @@
 // before what comes in front of it was found right.
 #include "feed/postgresql/prepare.h"
 
+#include "feed/policy.h"
 #include "feed/postgresql/ask.h"
+#include "feed/postgresql/create.h"
+#include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
 #include "feed/table.h"
 #include "feed/text.h"
+#include "fwutil/fwu_source_name.h"
 #include "fwutil/fwu_start.h"
 
 #include <algorithm>
 #include <sstream>
 
 constexpr int OLDEST_VERSION = 120000;
-constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
 
 // What all the checks look at.
 struct checks {
@@ -113,38 +116,59 @@ static outcome check_system(const checks &on, pgb_found &found)
     return {};
 }
 
-// Tables whose old rows the server would not send.  They are an error as long as
-// nothing was logged, and a warning later.
-static outcome check_identities(const checks &on, bool refuses)
+// Whether a change of the table has to come with its whole old row.
+static bool needs_whole_rows(const checks &on, const std::string &schema, const std::string &table)
+{
+    const std::string name = fwu_source_name(schema, table);
+    if (feed_is_skipped(on.config, name))
+        return false;
+    const fwu_dataset *said = feed_configured(on.config, schema, table);
+    return (said != nullptr && !said->layout.items.empty() && said->null_map < 0) ||
+           feed_policy_of(on.config, name, feed_server_policy(on.config)) == FWU_POLICY_ERROR;
+}
+
+// Tables whose old rows the server would not send although they are needed, of the publication
+// or, before that is made, of all that it may have but those that will send them then.  They are
+// an error as long as nothing was logged, and a warning later.
+static outcome check_identities(const checks &on, bool refuses, bool before_creation = false)
 {
     pgs_server &server = on.server;
     pgs_result result;
-    outcome asked =
-        pgs_query(server, server.sql.get(), result,
-                  "SELECT DISTINCT p.schemaname || '.' || p.tablename, l.oid::regclass::text"
-                  " FROM pg_publication b JOIN pg_publication_tables p ON p.pubname = b.pubname"
-                  " JOIN pg_namespace n ON n.nspname = p.schemaname"
-                  " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
-                  " LEFT JOIN LATERAL pg_partition_tree(c.oid) t ON c.relkind = 'p'"
-                  " JOIN pg_class l ON l.oid = coalesce(t.relid, c.oid)"
-                  " WHERE b.pubname = $1 AND (b.pubupdate OR b.pubdelete)"
-                  " AND l.relkind = 'r' AND l.relreplident <> 'f' ORDER BY 1, 2",
-                  {server.publication.c_str()});
+    const std::string of_all = "SELECT t.schema, t.name, t.oid FROM t WHERE NOT t.is_part AND "
+                               "t.identified";
+    const std::string of_publication =
+        "SELECT q.schemaname, q.tablename, c.oid FROM pg_publication b"
+        " JOIN pg_publication_tables q ON q.pubname = b.pubname"
+        " JOIN pg_namespace n ON n.nspname = q.schemaname"
+        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = q.tablename"
+        " WHERE b.pubname = " +
+        pgs_literal(server.publication) + " AND (b.pubupdate OR b.pubdelete)";
+    outcome asked = pgs_query(
+        server, server.sql.get(), result,
+        std::string("WITH ") + pgb_all_tables + ", w (schema, name, oid) AS (" +
+            (before_creation ? of_all : of_publication) +
+            ") SELECT DISTINCT w.schema, w.name, l.oid::regclass::text FROM w"
+            " LEFT JOIN LATERAL pg_partition_tree(w.oid) m ON true"
+            " JOIN t l ON l.oid = coalesce(m.relid, w.oid) JOIN pg_class k ON k.oid = l.oid"
+            " WHERE k.relreplident <> 'f'" +
+            (before_creation ? " AND l.identified" : "") + " ORDER BY 1, 2, 3");
     if (!asked)
         return asked;
     std::string text;
-    for (int i = 0; i < PQntuples(result.get()); i++) {
-        if (feed_is_skipped(on.config, std::string(pgs_value(result, i, 0))))
-            continue;
-        text +=
-            "\n  ALTER TABLE " + std::string(pgs_value(result, i, 1)) + " REPLICA IDENTITY FULL;";
-    }
+    for (int i = 0; i < PQntuples(result.get()); i++)
+        if (needs_whole_rows(on, std::string(pgs_value(result, i, 0)),
+                             std::string(pgs_value(result, i, 1))))
+            text += "\n  " + pgb_identity_command(std::string(pgs_value(result, i, 2))) + ";";
     if (text.empty())
         return {};
-    tell("%sthe server does not send the old rows of these tables; let it do so, or "
-         "leave the tables out with skip-table:%s",
-         refuses ? "" : "warning: ", text.c_str());
-    return refuses ? OUTCOME_FAILED : OUTCOME_OK;
+    const std::string message =
+        "the server does not send the old rows of these tables; let it do so, leave the tables "
+        "out with skip-table, or mark what is not known with values mark:" +
+        text;
+    if (refuses)
+        return refuse(message);
+    tell("warning: %s", message.c_str());
+    return {};
 }
 
 static outcome check_publication(const checks &on)
@@ -160,20 +184,9 @@ static outcome check_publication(const checks &on)
         return refuse("publication \"" + server.publication +
                       "\" is not there; make it with --create, or CREATE PUBLICATION ..., or name "
                       "another with --publication");
-    std::string command = "CREATE PUBLICATION " + pgs_name(server.publication) + " FOR ALL TABLES";
-    if (PQserverVersion(server.sql.get()) >= VERSION_WITH_PARTITION_ROOT)
-        command += " WITH (publish_via_partition_root = true)";
-    // Updates of a table without identity fail once it is published: it is looked at
-    // before that counts.
-    done = pgs_command(server, server.sql.get(), result, "BEGIN");
+    done = check_identities(on, true, true);
     if (done)
-        done = pgs_command(server, server.sql.get(), result, command);
-    if (done)
-        done = check_identities(on, true);
-    if (done)
-        done = pgs_command(server, server.sql.get(), result, "COMMIT");
-    if (done)
-        tell("publication \"%s\" of all tables created", server.publication.c_str());
+        done = pgb_create_publication(server, on.options.minimal);
     return done;
 }
 
@@ -194,11 +207,13 @@ static outcome create_slot(const checks &on, pgb_found &found)
     kept.snapshot = snapshot ? "begun" : "none";
     done = pgb_kept_write(kept, true);
     state.kept = kept; // the slot may be there even when no answer comes
-    if (done)
-        done =
-            pgs_command(server, server.replication.get(), result,
-                        "CREATE_REPLICATION_SLOT " + pgs_name(server.slot) + " LOGICAL pgoutput " +
-                            (snapshot ? "EXPORT_SNAPSHOT" : "NOEXPORT_SNAPSHOT"));
+    if (done) {
+        const std::string command = "CREATE_REPLICATION_SLOT " + pgs_name(server.slot) +
+                                    " LOGICAL pgoutput " +
+                                    (snapshot ? "EXPORT_SNAPSHOT" : "NOEXPORT_SNAPSHOT");
+        pgb_tell_statement(command);
+        done = pgs_command(server, server.replication.get(), result, command);
+    }
     if (done.kind() == OUTCOME_FAILED) {
         state.kept = before;
         (void)pgb_kept_write(before, true); // told

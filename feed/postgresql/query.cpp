@@ -13,28 +13,53 @@ constexpr int64_t LOOK_MS = 10'000; // between two looks at what holds an answer
 constexpr int64_t PATIENCE_MAX_MS = 3'600'000;
 
 struct remedy_row {
-    const char *state;   // SQLSTATE, or its class
+    const char *state;   // SQLSTATE, its class, or empty: any
     const char *message; // that the server's message holds; null: any
     const char *remedy;
 };
 
+static constexpr char SLOT_IS_LOST[] =
+    "the server has removed what the slot needs: drop the slot (SELECT "
+    "pg_drop_replication_slot('...')), and begin a new log directory with --create --snapshot; a "
+    "greater max_slot_wal_keep_size keeps more for the next time";
+
 static constexpr remedy_row remedies[] = {
+    {"", "output_plugin_libraries",
+     "let the server load the plugin: add pgoutput to output_plugin_libraries in postgresql.conf, "
+     "then SELECT pg_reload_conf()"},
     {"55000", "wal_level", "set wal_level = logical in postgresql.conf and restart the server"},
     {"53400", "replication slots",
      "raise max_replication_slots in postgresql.conf, or drop a slot that nobody uses"},
     {"53300", nullptr,
      "raise max_connections or max_wal_senders in postgresql.conf, or end other sessions"},
+    {"42501", "event trigger",
+     "let a superuser run the command with --create once, or leave the tables as they are with "
+     "--create=minimal"},
+    {"42501", "FOR ALL TABLES",
+     "let a superuser run the command with --create once, or make a publication of the role's own "
+     "tables with --create=minimal"},
+    {"42501", "permission denied for database",
+     "let a superuser run the command with --create once, or make the publication by hand"},
+    {"42501", "must be owner of",
+     "let the tables' owner or a superuser run the command with --create once, or make a "
+     "publication of some tables by hand"},
     {"42501", "replication", "give the role the right: ALTER ROLE ... REPLICATION (and LOGIN)"},
     {"42501", nullptr,
      "give the role the right that is missing, or use --conninfo with another role"},
+    {"28", "does not exist",
+     "name an existing role in --conninfo (user=...), or make it: CREATE ROLE"
+     " ... LOGIN REPLICATION"},
     {"28", nullptr, "check role, password and pg_hba.conf (its lines for replication, too)"},
     {"3D000", nullptr, "name an existing database in --conninfo (dbname=...)"},
     {"42704", "replication slot", "create it with --create, or name another with --slot"},
     {"42704", "publication",
      "create it with --create, or name another with --publication; a publication that was made "
      "later than the slot is unknown to the changes between"},
-    {"55000", "can no longer get changes",
-     "the server has removed what the slot needs: begin a new log with --create --snapshot"},
+    {"", "can no longer get changes", SLOT_IS_LOST},
+    {"", "can no longer access replication slot", SLOT_IS_LOST},
+    {"", "cannot read from logical replication slot", SLOT_IS_LOST},
+    {"", "has been invalidated", SLOT_IS_LOST},
+    {"", "requested WAL segment", SLOT_IS_LOST},
 };
 
 const char *pgs_find_remedy(const char *state, const char *message)
@@ -74,7 +99,11 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
     server.slot_in_use = strcmp(state, "55006") == 0;
     if (server.slot_in_use || passes(connection, state))
         return {OUTCOME_LOST, message};
-    const char *remedy = pgs_find_remedy(state, message.c_str());
+    std::string all = message; // newer servers have the reason apart
+    for (const int field : {PG_DIAG_MESSAGE_DETAIL, PG_DIAG_MESSAGE_HINT})
+        if (const char *more = result == nullptr ? nullptr : PQresultErrorField(result, field))
+            all += std::string(" ") + more;
+    const char *remedy = pgs_find_remedy(state, all.c_str());
     return outcome_failed("%s: %s%s%s", doing.c_str(), message.c_str(),
                           remedy == nullptr ? "" : "; ", remedy == nullptr ? "" : remedy);
 }

@@ -78,6 +78,10 @@ static std::string text_of(const pgb_state &state)
     put_time("last_commit", state.commit_us);
     put("transactions", std::to_string(state.transactions), false);
     put("changes", std::to_string(state.changes), false);
+    put("cut", std::to_string(state.marked.cut), false);
+    put("replaced", std::to_string(state.marked.replaced), false);
+    put("left_out", std::to_string(state.marked.left_out), false);
+    put("unknown", std::to_string(state.marked.unknown), false);
     put("reconnects", std::to_string(state.reconnects), false);
     return out + "}\n";
 }

@@ -3,6 +3,7 @@
 #ifndef FEED_POSTGRESQL_STATE_H
 #define FEED_POSTGRESQL_STATE_H
 
+#include "feed/image_work.h"
 #include "feed/postgresql/kept.h"
 #include "util/outcome.h"
 
@@ -24,6 +25,7 @@ struct pgb_state {
     int64_t commit_us = 0;     // commit time of the transaction logged last, 0 for none
     uint64_t transactions = 0; // logged since the start
     uint64_t changes = 0;
+    feed_marked marked; // items of these changes that do not hold what the source has
     uint64_t reconnects = 0;
 };
 

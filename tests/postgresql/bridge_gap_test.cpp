@@ -209,10 +209,11 @@ TEST_F(BridgeGapTest, SnapshotThatIsRefusedLeavesNoSlot)
 
 TEST_F(BridgeGapTest, RefusedPublicationIsNotLeftOnTheServer)
 {
-    sql("CREATE TABLE load.plain (a integer); INSERT INTO load.plain VALUES (1)");
-    expect_refused({"ALTER TABLE load.plain REPLICA IDENTITY FULL;"}, {"--create"});
-    sql("UPDATE load.plain SET a = 2");
+    sql("CREATE TABLE load.keyed (a integer PRIMARY KEY); CREATE TABLE load.plain (b integer)");
+    expect_refused({"ALTER TABLE load.keyed REPLICA IDENTITY FULL;"}, {"--create"});
     EXPECT_EQ(value("SELECT count(*) FROM pg_publication"), "0");
+    EXPECT_EQ(value("SELECT count(*) FROM pg_event_trigger"), "0");
+    EXPECT_EQ(value("SELECT relreplident FROM pg_class WHERE relname = 'plain'"), "d");
 }
 
 TEST_F(BridgeGapTest, RowsHiddenFromTheRoleAreAnError)

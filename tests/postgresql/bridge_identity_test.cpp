@@ -38,7 +38,7 @@ class BridgeIdentityTest : public BridgeTest {
 
 TEST_F(BridgeIdentityTest, ANewPartitionsKeysAreNoWholeRows)
 {
-    configure();
+    configure("values error\n");
     sql("CREATE TABLE shop.\"Parts\" (id integer PRIMARY KEY, qty integer, note varchar(9))"
         " PARTITION BY RANGE (id);"
         "CREATE TABLE shop.parts_1 PARTITION OF shop.\"Parts\" FOR VALUES FROM (0) TO (10);"
@@ -63,7 +63,7 @@ TEST_F(BridgeIdentityTest, ANewPartitionsKeysAreNoWholeRows)
 
 TEST_F(BridgeIdentityTest, TheCommandsAreThoseOfTheTableAndAllItsPartitions)
 {
-    configure();
+    configure("values error\n");
     sql("CREATE TABLE shop.\"My_Parts\" (id integer PRIMARY KEY, qty integer) PARTITION BY RANGE "
         "(id);"
         "CREATE TABLE shop.low PARTITION OF shop.\"My_Parts\" FOR VALUES FROM (0) TO (10)"
@@ -78,4 +78,53 @@ TEST_F(BridgeIdentityTest, TheCommandsAreThoseOfTheTableAndAllItsPartitions)
               "ALTER TABLE shop.\"My_Parts\" REPLICA IDENTITY FULL;\n"
               "ALTER TABLE shop.low REPLICA IDENTITY FULL;\n"
               "ALTER TABLE shop.lowest REPLICA IDENTITY FULL;\n");
+}
+
+TEST_F(BridgeIdentityTest, WhatIsNotKnownOfOldRowsIsMarked)
+{
+    sql("CREATE TABLE shop.keyed (id integer PRIMARY KEY, qty integer, note varchar(9))");
+    sql("INSERT INTO shop.keyed VALUES (1, 5, 'one')");
+    sql("UPDATE shop.keyed SET qty = NULL");
+    sql("UPDATE shop.keyed SET id = 2");
+    sql("DELETE FROM shop.keyed");
+    catch_up_well();
+    const std::string text = dump();
+    EXPECT_THAT(text, HasSubstr("before ID=1 QTY=0 NOTE=\"\" NULL-MAP=\".??\""));
+    EXPECT_THAT(text, HasSubstr("after ID=1 QTY=0 NOTE=\"one\" NULL-MAP=\".N.\""));
+    EXPECT_THAT(text, HasSubstr("after ID=2 QTY=0 NOTE=\"one\" NULL-MAP=\".N.\""));
+    EXPECT_THAT(text, HasSubstr("before ID=2 QTY=0 NOTE=\"\" NULL-MAP=\".??\""));
+    EXPECT_EQ(status_member("unknown"), "6");
+}
+
+TEST_F(BridgeIdentityTest, APartitionsKeysAreMarkedAndWholeRowsAreNot)
+{
+    sql("CREATE TABLE shop.parts (id integer PRIMARY KEY, qty integer, note varchar(9))"
+        " PARTITION BY RANGE (id);"
+        "CREATE TABLE shop.parts_1 PARTITION OF shop.parts FOR VALUES FROM (0) TO (10);"
+        "ALTER TABLE shop.parts REPLICA IDENTITY FULL;"
+        "ALTER TABLE shop.parts_1 REPLICA IDENTITY FULL;");
+    sql("INSERT INTO shop.parts VALUES (1, NULL, 'one')");
+    sql("DELETE FROM shop.parts");
+    catch_up_well();
+    EXPECT_THAT(dump(), HasSubstr("before ID=1 QTY=0 NOTE=\"one\" NULL-MAP=\".N.\""));
+    sql("CREATE TABLE shop.parts_2 PARTITION OF shop.parts FOR VALUES FROM (10) TO (20)");
+    sql("INSERT INTO shop.parts VALUES (11, 5, 'two')");
+    sql("UPDATE shop.parts SET qty = 6");
+    sql("DELETE FROM shop.parts");
+    catch_up_well();
+    EXPECT_EQ(occurrences(dump(), "before ID=11 QTY=0 NOTE=\"\" NULL-MAP=\".??\""), 2);
+}
+
+TEST_F(BridgeIdentityTest, ARemedyIsALineThatTheConfigurationTakes)
+{
+    configure("values error\n");
+    sql("CREATE TABLE shop.keyed (id integer PRIMARY KEY, qty integer)");
+    sql("INSERT INTO shop.keyed VALUES (1, 5)");
+    sql("UPDATE shop.keyed SET qty = 6");
+    const run_result refused = catch_up();
+    EXPECT_EQ(refused.status, 1);
+    ASSERT_THAT(refused.err, HasSubstr("with the line table shop.keyed values=mark, leave"));
+    configure("values error\ntable shop.keyed values=mark\n");
+    catch_up_well();
+    EXPECT_THAT(dump(), HasSubstr("before ID=1 QTY=0 NULL-MAP=\".?\""));
 }

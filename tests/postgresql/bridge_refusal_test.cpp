@@ -38,6 +38,32 @@ TEST_F(BridgeRefusalTest, NoSuchDatabase)
                    {"database \"nowhere\" does not exist"});
 }
 
+TEST_F(BridgeRefusalTest, NoSuchRole)
+{
+    expect_refused(with_conninfo(conninfo("nobody_at_all"), {"--create"}),
+                   {"role \"nobody_at_all\" does not exist", "name an existing role"});
+}
+
+TEST_F(BridgeRefusalTest, SlotThatTheServerHasGivenUp)
+{
+    const pg_server small({"max_slot_wal_keep_size = 1MB", "min_wal_size = 32MB",
+                           "max_wal_size = 32MB", "wal_keep_size = 0"});
+    const std::vector<std::string> words = with_conninfo(small.conninfo(), {"--once", "--create"});
+    ASSERT_EQ(run_bridge(words).status, 0);
+    pg_client client(small.conninfo());
+    for (int i = 0; i < 5; i++)
+        client.run("SELECT pg_switch_wal(); CREATE TABLE filling AS SELECT 1 AS a;"
+                   "DROP TABLE filling");
+    client.run("CHECKPOINT");
+    expect_refused(words, {"the server has removed what the slot needs",
+                           "SELECT pg_drop_replication_slot('", "--create --snapshot"});
+    client.run("SELECT pg_drop_replication_slot('" + database + "')");
+    std::filesystem::remove_all(dir.file("log"));
+    EXPECT_EQ(
+        run_bridge(with_conninfo(small.conninfo(), {"--once", "--create", "--snapshot"})).status,
+        0);
+}
+
 TEST_F(BridgeRefusalTest, NoSlot)
 {
     sql("CREATE PUBLICATION " + database + " FOR ALL TABLES");
@@ -95,7 +121,8 @@ TEST_F(BridgeRefusalTest, RoleThatMayNotPublish)
 {
     const std::string role = database + "_replicates";
     sql("CREATE ROLE " + role + " LOGIN REPLICATION");
-    expect_refused(with_conninfo(conninfo(role), {"--create"}), {"CREATE PUBLICATION"});
+    expect_refused(with_conninfo(conninfo(role), {"--create"}),
+                   {"let a superuser run the command with --create once"});
     // With slot and publication made for it, it may follow.
     ASSERT_EQ(catch_up({"--create"}).status, 0);
     sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");

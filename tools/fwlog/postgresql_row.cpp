@@ -2,6 +2,8 @@
 #include "feed/postgresql/bridge.h"
 #include "tools/fwlog/fwlog.h"
 
+#include <cstring>
+
 static pgb_options options;
 
 static constexpr char LACKING[] = "option lacks its value";
@@ -20,12 +22,22 @@ static constexpr cli_kind SCAN_TIMEOUT = {.word = "SECONDS",
                                           .smallest = 1,
                                           .largest = 86400,
                                           .may_be_empty = false};
+static constexpr cli_kind CREATE = {
+    .word = "minimal", .bad = "--create takes =minimal or nothing", .may_be_left_out = true};
+
+static bool take_create(const char *word)
+{
+    options.create = true;
+    options.minimal = word != nullptr;
+    return word == nullptr || strcmp(word, "minimal") == 0;
+}
+
 static constexpr cli_option rows[] = {
     {"-cfg", VALUE_FILE, &options.cfg},
     {"--conninfo", CONNINFO, &options.conninfo},
     {"--slot", NAME, &options.slot},
     {"--publication", NAME, &options.publication},
-    {"--create", CLI_FLAG, &options.create},
+    {"--create", CREATE, &take_create},
     {"--snapshot", CLI_FLAG, &options.snapshot},
     {"--truncate", CLI_FLAG, &options.truncate},
     {"--ignore-truncate", CLI_FLAG, &options.ignore_truncate},
@@ -57,7 +69,7 @@ static outcome run()
 
 static const char help[] =
     "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
-    "           [--publication NAME] [--create] [--snapshot] [--truncate]\n"
+    "           [--publication NAME] [--create[=minimal]] [--snapshot] [--truncate]\n"
     "           [--ignore-truncate] [--accept-gap] [--once] [--timeout SECONDS]\n"
     "           [--status FILE] [-v] [--check [--scan [--scan-timeout SECONDS]]\n"
     "           [--json] [--write-config FILE]]\n"
@@ -76,7 +88,10 @@ static const char help[] =
     "                       from a password file, since others see the command line\n"
     "  --slot NAME          replication slot (default kestro)\n"
     "  --publication NAME   publication (default kestro)\n"
-    "  --create             create what is missing of slot and publication (of all tables)\n"
+    "  --create[=minimal]   create what is missing of slot and publication: of all tables,\n"
+    "                       and REPLICA IDENTITY FULL for those, also later ones, whose\n"
+    "                       rows nothing else identifies; minimal: of the tables that\n"
+    "                       something identifies, and no table is touched\n"
     "  --snapshot           begin a new slot with the tables' contents as inserts\n"
     "  --truncate           cut texts that are too long for their item and go on\n"
     "  --ignore-truncate    go on when a table is truncated, with a warning\n"

@@ -30,6 +30,7 @@ TEST(BridgeState, FileTellsPositionsAndLag)
     state.kept.timeline = 3;
     state.transactions = 3;
     state.changes = 12;
+    state.marked = {.cut = 1, .replaced = 2, .left_out = 3, .unknown = 4};
     state.reconnects = 1;
     ASSERT_TRUE(pgb_state_write(state));
     std::string text = text_of(state.path);
@@ -45,7 +46,8 @@ TEST(BridgeState, FileTellsPositionsAndLag)
                         "\"received_lsn\":\"1/30\",\"logged_lsn\":\"1/30\",\"told_lsn\":\"1/"
                         "28\",\"lag_bytes\":16,"
                         "\"lag_seconds\":0.000,\"last_commit\":null,\"transactions\":3,"
-                        "\"changes\":12,\"reconnects\":1}\n");
+                        "\"changes\":12,\"cut\":1,\"replaced\":2,\"left_out\":3,\"unknown\":4,"
+                        "\"reconnects\":1}\n");
 }
 
 TEST(BridgeState, WhatIsWrongStandsThereUntilItIsOver)

@@ -1,0 +1,16 @@
+// What --create makes of the publication and around it.  Each statement is told before it runs.
+#ifndef FEED_POSTGRESQL_CREATE_H
+#define FEED_POSTGRESQL_CREATE_H
+
+#include "feed/postgresql/server.h"
+#include "util/outcome.h"
+
+// Makes the server's publication, of all tables, and lets all tables have something that
+// identifies their rows, those of later on too.  minimal: of the tables that have it now, and
+// no table is touched.
+outcome pgb_create_publication(pgs_server &server, bool minimal);
+
+// Tells a statement that --create runs.
+void pgb_tell_statement(const std::string &statement);
+
+#endif

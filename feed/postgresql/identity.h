@@ -1,0 +1,21 @@
+// What identifies the rows of tables, as the server's catalogue has it: queries and commands.
+//
+// A table whose updates are published needs something that identifies its rows, its primary key
+// or all of its columns; else the server refuses the application's own updates and deletes.
+#ifndef FEED_POSTGRESQL_IDENTITY_H
+#define FEED_POSTGRESQL_IDENTITY_H
+
+#include <string>
+
+// The tables that a publication of all tables has, as rows of "t": oid, schema, name, kind ('r',
+// 'p' for a partitioned one), is_part (of another one), identified.
+extern const char pgb_all_tables[];
+
+// The members of publication $1's list of tables, as rows of "p": oid.  Empty for one of all
+// tables.
+extern const char pgb_listed_tables[];
+
+// "ALTER TABLE sales.orders REPLICA IDENTITY FULL"; name is as SQL writes it.
+std::string pgb_identity_command(const std::string &name);
+
+#endif
