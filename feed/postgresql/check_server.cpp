@@ -2,6 +2,7 @@
 // is looked at, whatever is missing before.
 #include "feed/postgresql/check_report.h"
 #include "feed/postgresql/connect.h"
+#include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -131,7 +132,7 @@ static void no_publication(pgk_report &report)
         pgk_stop(report, "publication",
                  missing + "start with --create, or make it, or name another with --publication",
                  {create_publication(report)});
-    else if (!found.superuser)
+    else if (!found.superuser && !report.options.minimal)
         pgk_stop(report, "right",
                  missing + "only a superuser may make one of all tables, which role " + found.role +
                      " is not: let one make it",
@@ -168,6 +169,30 @@ static outcome look_at_others(pgk_report &report, bool via_root)
     return asked;
 }
 
+// Tables that --create=minimal leaves out.
+static outcome look_at_unidentified(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    pgs_result result;
+    outcome asked = pgs_query(server, server.sql.get(), result,
+                              std::string("WITH ") + pgb_all_tables +
+                                  ", r AS (SELECT oid FROM t WHERE NOT is_part AND NOT " +
+                                  pgb_identified_tables +
+                                  ") SELECT DISTINCT l.oid::regclass::text FROM r"
+                                  " LEFT JOIN LATERAL pg_partition_tree(r.oid) m ON true"
+                                  " JOIN t l ON l.oid = coalesce(m.relid, r.oid)"
+                                  " WHERE NOT l.identified ORDER BY 1");
+    std::vector<std::string> sql;
+    for (int i = 0; asked && i < PQntuples(result.get()); i++)
+        sql.push_back(pgb_identity_command(std::string(pgs_value(result, i, 0))) + ";");
+    if (!sql.empty())
+        pgk_note(report, "identity",
+                 "these tables have no usable identity, --create=minimal leaves them out; to have "
+                 "them followed",
+                 std::move(sql));
+    return asked;
+}
+
 static outcome look_at_publication(pgk_report &report)
 {
     pgs_server &server = report.server;
@@ -188,7 +213,8 @@ static outcome look_at_publication(pgk_report &report)
     found.publication = PQntuples(result.get()) == 1;
     if (!found.publication) {
         no_publication(report);
-        return {};
+        return report.options.create && report.options.minimal ? look_at_unidentified(report)
+                                                               : outcome();
     }
     const std::string name = "publication \"" + server.publication + "\" ";
     const std::string alter = "ALTER PUBLICATION " + pgs_name(server.publication) + " SET (";

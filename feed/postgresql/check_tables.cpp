@@ -2,6 +2,7 @@
 // describes each of them, so that the datasets are the same.
 #include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/check_report.h"
+#include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
 #include "feed/text.h"
 #include "fwutil/fwu_source_name.h"
@@ -27,7 +28,15 @@ static std::string query_for(const pgk_report &report)
         (version >= VERSION_WITH_PARTITION_ROOT ? "c.relkind IN ('r', 'p') AND NOT c.relispartition"
                                                 : "c.relkind = 'r'") +
         " AND $1::text IS NOT NULL";
-    return "WITH t (id, columns, filter) AS (" + (report.found.publication ? published : all) +
+    // That of --create=minimal.
+    const std::string identified = std::string("WITH ") + pgb_all_tables +
+                                   " SELECT oid, NULL::name[], NULL FROM t WHERE NOT is_part AND " +
+                                   pgb_identified_tables + " AND $1::text IS NOT NULL";
+    const bool minimal = report.options.create && report.options.minimal;
+    return "WITH t (id, columns, filter) AS (" +
+           (report.found.publication ? published
+            : minimal                ? identified
+                                     : all) +
            ") SELECT t.id, n.nspname, c.relname, format('%I.%I', n.nspname, c.relname),"
            " c.relkind = 'p', t.filter, c.reltuples::bigint,"
            " a.attname, a.atttypid, a.atttypmod"

@@ -86,9 +86,8 @@ static outcome list_identified(pgs_server &server, std::string &list)
     outcome done = pgs_query(server, server.sql.get(), rows,
                              std::string("WITH ") + pgb_all_tables +
                                  " SELECT string_agg(oid::regclass::text, ', ' ORDER BY oid) FROM t"
-                                 " WHERE NOT is_part AND (CASE WHEN kind = 'r' THEN identified"
-                                 " ELSE NOT EXISTS (SELECT FROM pg_partition_tree(oid) m JOIN t l"
-                                 " ON l.oid = m.relid WHERE NOT l.identified) END)");
+                                 " WHERE NOT is_part AND " +
+                                 pgb_identified_tables);
     if (done)
         list = pgs_value(rows, 0, 0);
     return done;

@@ -9,6 +9,10 @@ const char pgb_all_tables[] =
     " FROM pg_class c JOIN pg_namespace n ON n.oid = c.relnamespace"
     " WHERE c.relkind IN ('r', 'p') AND c.relpersistence = 'p' AND c.oid >= 16384)";
 
+const char pgb_identified_tables[] =
+    "(CASE WHEN kind = 'r' THEN identified ELSE NOT EXISTS (SELECT FROM pg_partition_tree(oid) m"
+    " JOIN t l ON l.oid = m.relid WHERE NOT l.identified) END)";
+
 const char pgb_listed_tables[] =
     "p AS (SELECT c.oid FROM pg_publication b JOIN pg_publication_tables q ON q.pubname = b.pubname"
     " JOIN pg_namespace n ON n.nspname = q.schemaname"

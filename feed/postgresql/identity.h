@@ -11,6 +11,10 @@
 // 'p' for a partitioned one), is_part (of another one), identified.
 extern const char pgb_all_tables[];
 
+// Which of them, no parts of others, a publication can have without a table being touched: a
+// condition on "t".
+extern const char pgb_identified_tables[];
+
 // The members of publication $1's list of tables, as rows of "p": oid.  Empty for one of all
 // tables.
 extern const char pgb_listed_tables[];

@@ -491,6 +491,25 @@ TEST_F(BridgeCheckTest, TablesThatThePublicationDoesNotHave)
     EXPECT_THAT(check({"--create"}).out, Not(HasSubstr("they are not followed")));
 }
 
+TEST_F(BridgeCheckTest, MinimalCreationLeavesTablesOut)
+{
+    sql("CREATE TABLE keyed (id int PRIMARY KEY); CREATE TABLE unkeyed (id int);"
+        "CREATE TABLE parent (id int) PARTITION BY LIST (id);"
+        "CREATE TABLE part PARTITION OF parent FOR VALUES IN (1)");
+    const run_result result = check({"--create=minimal"});
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_THAT(result.out, HasSubstr("\n  tables      1\n"));
+    EXPECT_THAT(result.out, HasSubstr("--create=minimal leaves them out; to have them followed\n"
+                                      "     ALTER TABLE public.parent REPLICA IDENTITY FULL;\n"
+                                      "     ALTER TABLE public.part REPLICA IDENTITY FULL;\n"
+                                      "     ALTER TABLE public.unkeyed REPLICA IDENTITY FULL;\n"));
+    for (const std::string &command : sql_of(result.out))
+        sql(command);
+    const run_result mended = check({"--create=minimal"});
+    EXPECT_THAT(mended.out, HasSubstr("\n  tables      3\n"));
+    EXPECT_THAT(mended.out, Not(HasSubstr("leaves them out")));
+}
+
 TEST_F(BridgeCheckTest, RecordsThatAMessageFileRefuses)
 {
     sql("CREATE TABLE large (id int PRIMARY KEY, note text)");
