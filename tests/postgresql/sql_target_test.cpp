@@ -290,7 +290,7 @@ TEST_F(SqlTargetTest, TablesMadeByHandMayBeMoreThanTheLogKnows)
         "CREATE TABLE shop.p0 PARTITION OF shop.plain FOR VALUES IN (0, 1);"
         "CREATE TABLE shop.p1 PARTITION OF shop.plain DEFAULT;"
         "CREATE TABLE shop.\"it's \"\"odd\"\"; --\" (no integer GENERATED ALWAYS AS IDENTITY"
-        " PRIMARY KEY, net numeric(7,2), \"na\"\"me\" text)");
+        " PRIMARY KEY, net numeric(12,2), \"na\"\"me\" text)");
     written_log log;
     read_log(log);
     random_changes model(log, 7);
