@@ -61,21 +61,22 @@ static void put_field(change_csv &csv, std::string &out, const change_csv_column
     const change_dataset &dataset = *csv.dataset;
     const fwu_item &item = dataset.layout.items[column.item];
     std::string_view text;
+    change_value kind = CHANGE_BYTES;
     switch (change_place_of(text, dataset, row, column.item)) {
-    case CHANGE_IN_IMAGE: {
-        const change_value kind = change_value_get(text, csv.work, item, dataset.big_endian,
-                                                   dataset.encoding, row.image + column.offset);
-        put_value(out, csv.work, kind, text);
+    case CHANGE_IN_IMAGE:
+        kind = change_value_get(text, csv.work, item, dataset.big_endian, dataset.encoding,
+                                row.image + column.offset);
         break;
-    }
     case CHANGE_WHOLE: // of all elements: it stands where the first one would
-        if (column.offset == dataset.offsets[column.item])
-            put_value(out, csv.work, change_value_whole(text, item), text);
+        if (column.offset != dataset.offsets[column.item])
+            return;
+        kind = change_value_whole(text, item);
         break;
     case CHANGE_NULL:
     case CHANGE_NOT_KNOWN:
-        break;
+        return;
     }
+    put_value(out, csv.work, kind, text);
 }
 
 void change_csv_put(change_csv &csv, std::string &out, const change &next,

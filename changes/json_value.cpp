@@ -116,6 +116,9 @@ std::vector<change_json_item> change_json_items(const change_dataset &dataset,
             change_json_text(item.name, item.item->name);
         item.name += ':';
         item.offset = dataset.offsets[i];
+        if (dataset.null_flag[i] != CHANGE_NO_ITEM)
+            item.flag_at =
+                dataset.offsets[static_cast<size_t>(dataset.null_map)] + dataset.null_flag[i];
         item.quoted = options.text_numbers && !is_floating(*item.item);
         item.boolean = column != nullptr && is_boolean(column->type);
     }
@@ -178,18 +181,22 @@ static void put_value(std::string &out, const change_json_item &item, change_val
     }
 }
 
+// The elements of an item, or its whole value in their place.
 static void put_elements(std::string &out, std::string &work, const change_json_item &item,
-                         const change_dataset &dataset, const unsigned char *element)
+                         const change_dataset &dataset, const unsigned char *element,
+                         const std::string_view *whole)
 {
-    const int32_t count = item.item->count;
+    const int32_t count = whole != nullptr ? 1 : item.item->count;
     if (count > 1)
         out += '[';
     for (int32_t i = 0; i < count; i++, element += item.item->size) {
         if (i > 0)
             out += ',';
-        std::string_view text;
-        const change_value kind =
-            change_value_get(text, work, *item.item, dataset.big_endian, dataset.encoding, element);
+        std::string_view text = whole != nullptr ? *whole : std::string_view();
+        const change_value kind = whole != nullptr
+                                      ? change_value_whole(text, *item.item)
+                                      : change_value_get(text, work, *item.item, dataset.big_endian,
+                                                         dataset.encoding, element);
         put_value(out, item, kind, text);
     }
     if (count > 1)
@@ -201,20 +208,25 @@ void change_json_row(std::string &out, std::string &work,
                      const change_row &row)
 {
     out += '{';
+    const bool all_in_image = row.values.empty();
     size_t separator = 0; // characters of it in front of the next name
     for (const change_json_item &item : items) {
         std::string_view whole;
-        const change_place place = change_place_of(whole, dataset, row, item.index);
+        const unsigned char flag = item.flag_at == CHANGE_NO_ITEM
+                                       ? static_cast<unsigned char>(FWU_FLAG_VALUE)
+                                       : row.image[item.flag_at];
+        const change_place place = flag == FWU_FLAG_VALUE && all_in_image
+                                       ? CHANGE_IN_IMAGE
+                                       : change_place_of_flagged(whole, row, item.index, flag);
         if (place == CHANGE_NOT_KNOWN)
             continue;
-        out.append(item.name, 1 - separator);
+        out.append(item.name.data() + 1 - separator, item.name.size() - 1 + separator);
         separator = 1;
         if (place == CHANGE_NULL)
             out += "null";
-        else if (place == CHANGE_WHOLE)
-            put_value(out, item, change_value_whole(whole, *item.item), whole);
         else
-            put_elements(out, work, item, dataset, row.image + item.offset);
+            put_elements(out, work, item, dataset, row.image + item.offset,
+                         place == CHANGE_WHOLE ? &whole : nullptr);
     }
     out += '}';
 }

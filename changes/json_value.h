@@ -19,10 +19,11 @@ struct change_json_options {
 struct change_json_item {
     std::string name; // with its quotes and the colon, behind what separates it from another one
     const fwu_item *item = nullptr;
-    size_t index = 0;     // in the layout
-    int64_t offset = 0;   // in the image
-    bool quoted = false;  // its numbers are strings
-    bool boolean = false; // its values are true and false
+    size_t index = 0;                 // in the layout
+    int64_t offset = 0;               // in the image
+    int64_t flag_at = CHANGE_NO_ITEM; // of its flag of the null map, in the image
+    bool quoted = false;              // its numbers are strings
+    bool boolean = false;             // its values are true and false
 };
 
 // The items whose values are written, which point into the dataset.

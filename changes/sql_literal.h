@@ -13,7 +13,8 @@
 struct sql_work {
     std::string digits;
     std::string text;
-    std::vector<std::string> left_out; // columns that the INSERT made last does not have
+    std::vector<const sql_column *> known; // columns by which a row is found
+    std::vector<std::string> left_out;     // columns that the INSERT made last does not have
 };
 
 // Appends the literal of a column's value in a row; NULL where it is null.  False: the bytes

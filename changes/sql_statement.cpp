@@ -75,7 +75,8 @@ static bool put_columns(statement &to, const std::vector<const sql_column *> &co
 static bool put_known_row(statement &to, const change_row &row)
 {
     const sql_table &table = to.table;
-    std::vector<const sql_column *> known;
+    std::vector<const sql_column *> &known = to.work.known;
+    known.clear();
     for (const sql_column &column : table.columns)
         if (is_known(to, column, row))
             known.push_back(&column);
@@ -140,9 +141,10 @@ static bool put_insert(statement &to, const change_row &row, std::string_view co
     if (to.work.left_out.size() == to.table.columns.size())
         return nothing_known(to);
     to.out += condition.empty() ? " VALUES (" : " SELECT ";
+    const bool all = to.work.left_out.empty();
     bool first = true;
     for (const sql_column &column : to.table.columns) {
-        if (!is_known(to, column, row))
+        if (!all && !is_known(to, column, row))
             continue;
         to.out += first ? "" : ", ";
         first = false;
@@ -157,21 +159,22 @@ static bool put_insert(statement &to, const change_row &row, std::string_view co
     return true;
 }
 
-// Whether both rows have the same value of an item, which is known in the new one.
-static bool same_value(const change_dataset &dataset, const change &of, size_t item)
+// Whether the new row's value of an item is known and another one than the old row's.
+static bool is_changed(const change_dataset &dataset, const change &of, size_t item)
 {
     std::string_view was;
     std::string_view is;
-    const change_place before = change_place_of(was, dataset, of.before, item);
     const change_place after = change_place_of(is, dataset, of.after, item);
-    if (before != after)
+    if (after == CHANGE_NOT_KNOWN)
         return false;
-    if (before != CHANGE_IN_IMAGE)
-        return was == is;
+    if (after != change_place_of(was, dataset, of.before, item))
+        return true;
+    if (after != CHANGE_IN_IMAGE)
+        return was != is;
     const fwu_item &as = dataset.layout.items[item];
     const int64_t at = dataset.offsets[item];
     return memcmp(of.before.image + at, of.after.image + at,
-                  static_cast<size_t>(as.size) * static_cast<size_t>(as.count)) == 0;
+                  static_cast<size_t>(as.size) * static_cast<size_t>(as.count)) != 0;
 }
 
 // Columns that stay are not set: some databases make a column's values themselves and let
@@ -183,7 +186,7 @@ static bool put_update(statement &to, const change &of, std::string_view conditi
     to.out += "UPDATE " + table.name + " SET ";
     const size_t bare = to.out.size();
     for (const sql_column &column : table.columns) {
-        if (!is_known(to, column, of.after) || same_value(*table.dataset, of, column.item))
+        if (!is_changed(*table.dataset, of, column.item))
             continue;
         if (to.out.size() > bare)
             to.out += ", ";

@@ -50,13 +50,14 @@ static void make_rows(change_values &values)
               [](const fwu_value &a, const fwu_value &b) { return place_of(a) < place_of(b); });
 }
 
-bool change_values_give(change_values &values, size_t items, change_row &before, change_row &after)
+bool change_values_give_some(change_values &values, size_t items, change_row &before,
+                             change_row &after)
 {
-    if (values.given)
+    if (values.given) { // to the change before this one
         change_values_clear(values);
-    values.given = true;
-    if (values.wholes.empty())
         return true;
+    }
+    values.given = true;
     make_rows(values);
     const auto same_place = [](const fwu_value &a, const fwu_value &b) {
         return place_of(a) == place_of(b);

@@ -28,7 +28,13 @@ bool change_values_take(change_values &values, const fwu_value_piece &piece);
 
 // Gives a change with these images the values that were taken for it, of which its dataset has so
 // many items; they are valid until the next call.  False: they are not such that it can have them.
-bool change_values_give(change_values &values, size_t items, change_row &before, change_row &after);
+bool change_values_give_some(change_values &values, size_t items, change_row &before,
+                             change_row &after);
+inline bool change_values_give(change_values &values, size_t items, change_row &before,
+                               change_row &after)
+{
+    return values.wholes.empty() || change_values_give_some(values, items, before, after);
+}
 
 // Whether values were taken that no change has been given.
 inline bool change_values_wait(const change_values &values)
