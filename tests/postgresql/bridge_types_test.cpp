@@ -386,3 +386,21 @@ TEST_F(BridgeTypesTest, ALogKeepsItsEncoding)
     expect_found(
         {{"varchar(3)", "X 3", {same(times(3, UMLAUT))}}, {"varchar(3)", "X 3", {same(UMLAUT)}}});
 }
+
+TEST_F(BridgeTypesTest, TypesThatComeOrGoWhileItRunsAreKnownAsFarAsTheServerKnowsThem)
+{
+    follow({}, "");
+    start_bridge({});
+    sql("BEGIN; CREATE DOMAIN shop.price AS numeric(9,2);"
+        "CREATE TABLE shop.t0 (v shop.price); INSERT INTO shop.t0 VALUES (1.5), (NULL); COMMIT");
+    ASSERT_TRUE(poll_until([&] { return logged("layout SHOP.T0"); })) << bridge.err();
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    // The server cannot say any more what this one was.
+    sql("CREATE DOMAIN shop.fee AS numeric(9,2); CREATE TABLE shop.t1 (v shop.fee);"
+        "INSERT INTO shop.t1 VALUES (2.5), (NULL)");
+    sql("DROP TABLE shop.t1; DROP DOMAIN shop.fee");
+    const run_result result = catch_up();
+    EXPECT_EQ(result.status, 0) << result.err;
+    expect_found({{"shop.price", "P 5 scale=2", {{"1.5", "1.50"}}},
+                  {"shop.fee", "X 255", {{"2.5", "\"2.50\""}}}});
+}
