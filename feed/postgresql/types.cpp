@@ -151,9 +151,11 @@ static const pgt_fact *find_fact(uint32_t type, const pgt_facts &facts)
 
 static const kind_row &kind_of(const pgt_fact *fact)
 {
+    const pgt_fact unknown = {.kind = '?'};
+    const pgt_fact &is = fact == nullptr ? unknown : *fact;
     const kind_row *row = kinds;
-    while ((row->kind != 0 && (fact == nullptr || row->kind != fact->kind)) ||
-           (row->category != 0 && row->category != fact->category))
+    while ((row->kind != 0 && row->kind != is.kind) ||
+           (row->category != 0 && row->category != is.category))
         row++;
     return *row;
 }
