@@ -3,6 +3,7 @@
 #include "fwutil/fwu_config.h"
 
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_statements.h"
 
 #include <algorithm>
 #include <bit>

@@ -3,12 +3,10 @@
 #ifndef FWUTIL_FWU_WRITING_H
 #define FWUTIL_FWU_WRITING_H
 
-#include "fwutil/fwu_config_text.h"
 #include "fwutil/fwu_items.h"
 
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -84,29 +82,5 @@ bool fwu_writing_describes(const fwu_writing &writing);
 // Whether databases and datasets of the configuration may have such names.
 bool fwu_database_name_ok(std::string_view name);
 bool fwu_dataset_name_ok(std::string_view name);
-
-// Its statements being read, line by line.
-struct fwu_writing_lines {
-    fwu_writing &writing;
-    fwu_config_at at;
-    std::string database{};
-    int database_line = 0; // 0: no database line yet
-    bool have_size = false;
-    bool have_order = false;
-    bool have_sync = false;
-    std::set<std::string> databases{};
-};
-
-// Whether a line that begins with this word is one of these statements.
-bool fwu_writing_knows(std::string_view word);
-
-// Whether names of the source stand in it, see fwu_config_split_names.
-bool fwu_writing_has_names(std::string_view word);
-
-// Takes such a line.  0 or -1 (reported).
-int fwu_writing_take(fwu_writing_lines &lines, const fwu_words &words);
-
-// What only the end of the file shows.  0 or -1 (reported).
-int fwu_writing_check(fwu_writing_lines &lines);
 
 #endif

@@ -2,7 +2,7 @@
 #ifndef FWUTIL_FWU_WRITING_SOURCE_H
 #define FWUTIL_FWU_WRITING_SOURCE_H
 
-#include "fwutil/fwu_writing.h"
+#include "fwutil/fwu_writing_lines.h"
 
 // The canonical name of a table.  False: the text is no name of a table.
 bool fwu_writing_table(std::string &table, std::string_view text);
