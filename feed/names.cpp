@@ -1,6 +1,6 @@
 // Items are named anew from their columns each time, so only the names that the rule had to
-// shorten need keeping; tables come and go while others keep their datasets, so all of theirs are
-// kept.
+// shorten are kept, and only those that another item was the reason for need it; tables come and
+// go while others keep their datasets, so all of theirs are kept.
 #include "feed/names.h"
 
 #include "feed/table.h"
@@ -126,7 +126,7 @@ void feed_names_table(std::string &dbname, std::string &dsetname, feed_names &na
                             ", since " + why);
         names.owners.emplace(key_of(name), whole);
         found = names.tables.emplace(whole, std::move(name)).first;
-        names.is_new = true;
+        names.is_new = names.must_keep = true;
     }
     dbname = found->second.dbname;
     dsetname = found->second.dsetname;
@@ -161,14 +161,14 @@ static bool is_free(const fwu_layout &layout, const std::string &name)
                                                  [&](const fwu_item &i) { return i.name == name; });
 }
 
-// Why a column cannot give its name to an item; empty: it can.
-static std::string wrong_item(const fwu_layout &so_far, const std::string &name)
+// What is wrong with a name for an item; null: nothing.
+static const char *wrong_item(const std::string &name)
 {
     if (!std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c <= '~'; }))
         return "an item name has no blanks and no characters outside ASCII";
     if (name.empty() || name.size() > FWU_ITEM_NAME_MAX)
         return "an item name has 1 to 17 characters";
-    return is_free(so_far, name) ? "" : name + " is another item of this dataset";
+    return nullptr;
 }
 
 void feed_names_item(std::string &item, feed_names &names, const fwu_layout &so_far,
@@ -182,12 +182,18 @@ void feed_names_item(std::string &item, feed_names &names, const fwu_layout &so_
         return;
     }
     item = feed_name(column);
-    const std::string why = wrong_item(so_far, item);
-    if (why.empty())
+    const char *wrong = wrong_item(item);
+    if (wrong == nullptr && is_free(so_far, item))
         return;
-    for (int count = 1; count == 1 || !is_free(so_far, item); count++)
+    const std::string why = wrong != nullptr ? wrong : item + " is another item of this dataset";
+    bool is_taken = wrong == nullptr && item != FEED_NULL_MAP;
+    item = short_name(column, whole, FWU_ITEM_NAME_MAX, 1);
+    for (int count = 2; !is_free(so_far, item); count++) {
         item = short_name(column, whole, FWU_ITEM_NAME_MAX, count);
+        is_taken = true;
+    }
     notes.push_back("column " + whole + ": its item is named " + item + ", since " + why);
     names.items[whole] = item;
     names.is_new = true;
+    names.must_keep = names.must_keep || is_taken;
 }

@@ -33,7 +33,8 @@ struct feed_names {
     std::map<std::string, feed_dataset_name> tables = {};     // by fwu_source_name
     std::map<std::string, std::string> items = {};            // shortened ones, by fwu_source_name
     std::unordered_map<std::string, std::string> owners = {}; // "DATABASE.DATASET" to the table
-    bool is_new = false;                                      // there are names to be kept
+    bool is_new = false;                                      // some are not in the file
+    bool must_keep = false; // ... which could be given otherwise the next time
 };
 
 // Reads the names kept in a log directory; there need not be any.  Nothing is made.  An empty
@@ -60,7 +61,9 @@ void feed_names_item(std::string &item, feed_names &names, const fwu_layout &so_
                      std::string_view schema, std::string_view table, std::string_view column,
                      std::vector<std::string> &notes);
 
-// Brings new names to disk, which comes before their first use; nothing when there are none.
-outcome feed_names_keep(feed_names &names);
+// Brings new names to disk, which comes before their first use.  The whole file is written: names
+// of items that the rule gives again anyway wait for others, or until all are asked for, at the
+// end of a run.
+outcome feed_names_keep(feed_names &names, bool all = false);
 
 #endif

@@ -102,9 +102,9 @@ static std::string text_of(const feed_names &names)
     return text + last_line(text);
 }
 
-outcome feed_names_keep(feed_names &names)
+outcome feed_names_keep(feed_names &names, bool all)
 {
-    if (!names.is_new || names.path.empty())
+    if (!(all ? names.is_new : names.must_keep) || names.path.empty())
         return {};
     const std::string text = text_of(names);
     const std::string fresh = names.path + ".new";
@@ -119,6 +119,6 @@ outcome feed_names_keep(feed_names &names)
     if (!written || fwu_path_sync(fwu_directory_of(names.path)) != 0)
         return outcome_failed("%s: cannot keep the names of datasets and items: %s",
                               names.path.c_str(), strerror(written ? errno : code));
-    names.is_new = false;
+    names.is_new = names.must_keep = false;
     return {};
 }

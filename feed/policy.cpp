@@ -12,8 +12,8 @@ fwu_policy feed_policy_of(const fwu_config &config, const std::string &table, fw
 fwu_policy feed_policy_of(const fwu_config &config, const std::string &table,
                           const std::string &column, fwu_policy otherwise)
 {
-    for (const fwu_column &said : config.columns)
-        if (said.table == table && said.column == column && said.policy != FWU_POLICY_UNSAID)
+    for (const fwu_column &said : fwu_columns_of(config, table))
+        if (said.column == column && said.policy != FWU_POLICY_UNSAID)
             return said.policy;
     return feed_policy_of(config, table, otherwise);
 }

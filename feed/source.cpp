@@ -51,8 +51,8 @@ static bool set_configured_key(feed_table &table, const fwu_config &config, colu
     if (!key.empty())
         return set_key(key); // an item without a column is told where the rows are made
     std::string missing;
-    for (const fwu_column &said : config.columns) {
-        if (!said.key || said.table != table.name)
+    for (const fwu_column &said : fwu_columns_of(config, table.name)) {
+        if (!said.key)
             continue;
         key.push_back(find_column(all, said.column));
         if (key.back() == nullptr && missing.empty())

@@ -81,8 +81,8 @@ static void set_policies(feed_table &table, const fwu_config &config, fwu_policy
     if (table.dataset->null_map < 0)
         return;
     table.policies.assign(items, feed_policy_of(config, table.name, otherwise));
-    for (const fwu_column &said : config.columns) {
-        if (said.table != table.name || said.policy == FWU_POLICY_UNSAID)
+    for (const fwu_column &said : fwu_columns_of(config, table.name)) {
+        if (said.policy == FWU_POLICY_UNSAID)
             continue;
         const std::string name = feed_name(said.column);
         for (size_t i = 0; i < items; i++)

@@ -3,6 +3,7 @@
 
 #include "fwutil/fwu_writing_source.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <utility>
 
@@ -272,6 +273,8 @@ int fwu_writing_take(fwu_writing_lines &lines, const fwu_words &words)
 
 int fwu_writing_check(fwu_writing_lines &r)
 {
+    std::stable_sort(r.writing.columns.begin(), r.writing.columns.end(),
+                     [](const fwu_column &a, const fwu_column &b) { return a.table < b.table; });
     for (const fwu_dataset &dataset : r.writing.datasets) {
         r.at.line = dataset.line;
         const std::vector<fwu_item> &items = dataset.layout.items;

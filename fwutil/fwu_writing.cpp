@@ -1,6 +1,8 @@
 // What follows from a configuration that was read, and what names in it may be.
 #include "fwutil/fwu_writing.h"
 
+#include <algorithm>
+
 static bool is_letter(char c)
 {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -27,6 +29,24 @@ bool fwu_database_name_ok(std::string_view name)
 bool fwu_dataset_name_ok(std::string_view name)
 {
     return name_ok(name, FWU_NAME_MAX, DATASET_OTHERS);
+}
+
+struct by_table {
+    bool operator()(const fwu_column &column, std::string_view table) const
+    {
+        return column.table < table;
+    }
+    bool operator()(std::string_view table, const fwu_column &column) const
+    {
+        return table < column.table;
+    }
+};
+
+std::span<const fwu_column> fwu_columns_of(const fwu_writing &writing, std::string_view table)
+{
+    const auto [begin, end] =
+        std::equal_range(writing.columns.begin(), writing.columns.end(), table, by_table());
+    return {begin, end};
 }
 
 bool fwu_writing_describes(const fwu_writing &writing)

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -72,9 +73,12 @@ struct fwu_writing {
     std::vector<fwu_dataset> datasets;     // in file order
     std::vector<std::string> skip_tables;  // fwu_source_names: left out of the log on purpose
     std::vector<fwu_table_rule> table_rules;
-    std::vector<fwu_column> columns;
+    std::vector<fwu_column> columns; // by table, those of one in file order
     std::vector<fwu_default_width> default_widths;
 };
+
+// What is said of a table's columns.
+std::span<const fwu_column> fwu_columns_of(const fwu_writing &writing, std::string_view table);
 
 // Whether it describes what becomes of the source's tables: a database, dataset or column line.
 bool fwu_writing_describes(const fwu_writing &writing);

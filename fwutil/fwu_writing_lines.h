@@ -7,6 +7,7 @@
 
 #include <set>
 #include <string>
+#include <unordered_set>
 
 // What came in the lines so far, and the line in hand.
 struct fwu_writing_lines {
@@ -18,6 +19,7 @@ struct fwu_writing_lines {
     bool have_order = false;
     bool have_sync = false;
     std::set<std::string> databases{};
+    std::unordered_set<std::string> columns{}; // fwu_source_names
 };
 
 #endif

@@ -157,9 +157,8 @@ int fwu_writing_take_column(fwu_writing_lines &r, const fwu_words &w)
     for (size_t i = 2; i < w.size(); i++)
         if (take_column_option(r, column, w[i]) != 0)
             return -1;
-    for (const fwu_column &known : r.writing.columns)
-        if (known.table == column.table && known.column == column.column)
-            return fwu_config_wrong(r.at, "column %s is given twice", w[1].c_str());
+    if (!r.columns.insert(fwu_source_name(parts[0], parts[1], parts[2])).second)
+        return fwu_config_wrong(r.at, "column %s is given twice", w[1].c_str());
     r.writing.columns.push_back(std::move(column));
     return 0;
 }

@@ -75,6 +75,7 @@ static outcome connect_and_follow(bridge &b)
     if (done)
         done = follow(b);
     pgs_disconnect(b.server);
+    (void)feed_names_keep(b.relations.names, true); // told; they would be given again anyway
     return done;
 }
 

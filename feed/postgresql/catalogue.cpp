@@ -12,8 +12,8 @@ constexpr int32_t WIDTH_MIN = 4; // to which a text may shrink
 static const fwu_column *find_column(const fwu_config &config, const std::string &table,
                                      const std::string &column)
 {
-    for (const fwu_column &row : config.columns)
-        if (row.table == table && row.column == column)
+    for (const fwu_column &row : fwu_columns_of(config, table))
+        if (row.column == column)
             return &row;
     return nullptr;
 }

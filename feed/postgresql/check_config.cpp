@@ -79,8 +79,8 @@ static std::string column_name(const pgk_table &table, const pgk_column &column)
 static const fwu_column *find_said(const fwu_config &config, const std::string &table,
                                    const std::string &column)
 {
-    for (const fwu_column &said : config.columns)
-        if (said.table == table && said.column == column)
+    for (const fwu_column &said : fwu_columns_of(config, table))
+        if (said.column == column)
             return &said;
     return nullptr;
 }

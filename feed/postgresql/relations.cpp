@@ -25,7 +25,7 @@ static outcome name_tables(pgb_relations &relations)
     feed_names_tables(relations.names, config, std::move(tables), notes);
     for (const std::string &note : notes)
         tell("%s", note.c_str());
-    return feed_names_keep(relations.names);
+    return feed_names_keep(relations.names, true);
 }
 
 outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
@@ -65,8 +65,8 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 static const fwu_column *find_width(const fwu_config &config, const std::string &table,
                                     const std::string &column)
 {
-    for (const fwu_column &said : config.columns)
-        if (said.width != 0 && said.table == table && said.column == column)
+    for (const fwu_column &said : fwu_columns_of(config, table))
+        if (said.width != 0 && said.column == column)
             return &said;
     return nullptr;
 }

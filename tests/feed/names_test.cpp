@@ -49,9 +49,9 @@ class Names : public testing::Test {
         return feed_names_open(names, dir.path(), 0640);
     }
 
-    void keep()
+    void keep(bool all = false)
     {
-        const outcome kept = feed_names_keep(names);
+        const outcome kept = feed_names_keep(names, all);
         ASSERT_TRUE(kept) << kept.text();
     }
 
@@ -82,6 +82,7 @@ TEST_F(Names, TablesFollowTheRule)
         {"sales", "order_lines", "SALES.ORDER-LINES", nullptr},
         {"sales", "Sixteen_Letters2", "SALES.SIXTEEN-LETTERS2", nullptr},
         {"sales", "a+b*/?'#%&", "SALES.A+B*/?'#%&", nullptr},
+        {"sales", "order_lines_archive", "SALES.ORDER-LINE-CFUD8", LONG},
         {"sales", "order_lines_of_last_year", "SALES.ORDER-LINE-V9HDC", LONG},
         {"sales",
          "gr\xC3\xB6\xC3\x9F"
@@ -239,6 +240,22 @@ TEST_F(Names, TheFileIsWrittenOnlyWhenThereAreNewOnes)
     keep();
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     item("telephone_extension_2");
+    item("null_map");
+    keep(); // they come again anyway
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    keep(true);
+    EXPECT_EQ(access(path.c_str(), F_OK), 0);
+    unlink(path.c_str());
+    keep(true);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    item("a-b", {"A-B"});
+    keep();
+    EXPECT_EQ(access(path.c_str(), F_OK), 0);
+    unlink(path.c_str());
+    item("a-b", {"A-B"});
+    item("gr\xC3\xB6\xC3\x9F"
+         "e",
+         {"GR--E-1RR8D"});
     keep();
     EXPECT_EQ(access(path.c_str(), F_OK), 0);
     EXPECT_NE(access((path + ".new").c_str(), F_OK), 0);

@@ -24,9 +24,9 @@ TEST(FeedPolicy, NarrowestStatementCounts)
         // Another table and another column say the contrary.
         const fwu_policy contrary = row.of_column == MARK ? ERROR : MARK;
         config.table_rules = {{"sales.others", contrary}, {"sales.orders", row.table}};
-        config.columns = {policy_line("sales.others", "note", contrary),
-                          policy_line("sales.orders", "text", contrary),
-                          policy_line("sales.orders", "note", row.column)};
+        config.columns = {policy_line("sales.orders", "text", contrary),
+                          policy_line("sales.orders", "note", row.column),
+                          policy_line("sales.others", "note", contrary)};
         EXPECT_EQ(feed_policy_of(config, "sales.orders", "note", row.otherwise), row.of_column);
         EXPECT_EQ(feed_policy_of(config, "sales.orders", row.otherwise), row.of_table);
     }

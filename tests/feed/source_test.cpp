@@ -120,8 +120,8 @@ TEST_F(FeedSource, KeyColumnsOfTheConfigurationGoBeforeTheSource)
     configure({item_of("A", 'I', 4)});
     config.columns = {{"sales.orders", "c", "", 0, true},
                       {"sales.orders", "b", "", 7, false},
-                      {"sales.other", "b", "", 0, true},
-                      {"sales.orders", "a", "", 0, true}};
+                      {"sales.orders", "a", "", 0, true},
+                      {"sales.other", "b", "", 0, true}};
     EXPECT_EQ(described(told({{"a", ""}, {"b", ""}, {"c", ""}}, {"b"})),
               "sales.orders: a >0 #2; b; c #1");
     EXPECT_THAT(notes, IsEmpty());

@@ -1,6 +1,7 @@
 // From table names to datasets.
 #include "feed/table.h"
 #include "tests/feed/rows.h"
+#include "tests/support/tempdir.h"
 
 #include <gtest/gtest.h>
 
@@ -111,6 +112,42 @@ static std::string refusal(std::vector<fwu_item> items, int null_map = -1)
     feed_table *found = nullptr;
     const outcome done = feed_find_table(found, tables, "sales", "orders");
     return done ? "none" : done.text();
+}
+
+// What a message tells to put into the configuration can be put there as it stands.
+TEST(PgTable, RemediesAreTakenAsTheyStand)
+{
+    const tempdir dir;
+    const std::string path = dir.file("x.cfg");
+    for (const char *name : {"a_name_that_is_too_long", "Order Lines", "a.b", "price \"net\"",
+                             "a=b", "#", "\"", "two\nlines", "tab\tand\\",
+                             "gr\xC3\xB6\xC3\x9F"
+                             "e"}) {
+        fwu_config config;
+        config.path = "test.cfg";
+        feed_tables tables;
+        tables.config = &config;
+        feed_table *found = nullptr;
+        const outcome done = feed_find_table(found, tables, "sales.x", name);
+        ASSERT_FALSE(done);
+        const std::string text = done.text();
+        const std::string skip = text.substr(text.find("skip-table "));
+        write_file(path, "log-directory l\n" + skip + "\n");
+        ASSERT_EQ(fwu_config_read(config, path.c_str()), 0) << text;
+        ASSERT_TRUE(feed_find_table(found, tables, "sales.x", name)) << text;
+        EXPECT_EQ(found->dataset, nullptr);
+        EXPECT_EQ(
+            feed_truncated_text(*found).substr(feed_truncated_text(*found).find("skip-table ")),
+            skip);
+
+        const size_t feeds = text.find("table=");
+        const std::string given = text.substr(feeds, text.find(", or leave") - feeds);
+        write_file(path, "log-directory l\ndatabase D\ndataset S " + given + "\nitem A I 4\n");
+        ASSERT_EQ(fwu_config_read(config, path.c_str()), 0) << text;
+        tables.known.clear();
+        ASSERT_TRUE(feed_find_table(found, tables, "sales.x", name)) << text;
+        EXPECT_EQ(found->dataset->layout.dsetname, "S");
+    }
 }
 
 TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)

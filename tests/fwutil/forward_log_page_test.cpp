@@ -215,14 +215,27 @@ TEST(ForwardLogPage, ExampleOfAConfigurationIsRead)
     EXPECT_EQ(config.log_directory, dir.file("log"));
     ASSERT_EQ(config.datasets.size(), 2U);
     EXPECT_EQ(config.datasets[1].layout.items.size(), 4U);
-    ASSERT_EQ(config.columns.size(), 2U);
-    EXPECT_TRUE(config.columns[1].key);
+    ASSERT_EQ(config.columns.size(), 3U);
+    EXPECT_EQ(config.columns[0].table, "sales.\"Order Lines\"");
+    EXPECT_EQ(config.columns[0].column, "price \"net\"");
+    EXPECT_EQ(config.columns[0].policy, FWU_POLICY_ERROR);
+    EXPECT_TRUE(config.columns[2].key);
+    EXPECT_EQ(config.encoding, FWU_UTF8);
+    EXPECT_EQ(config.policy, FWU_POLICY_MARK);
+    EXPECT_EQ(config.table_rules.size(), 1U);
+    EXPECT_EQ(config.default_widths.size(), 2U);
     ASSERT_FALSE(config.datasets.empty());
     EXPECT_EQ(config.datasets.back().key, std::vector<int>{0});
     EXPECT_EQ(config.skip_tables.size(), 1U);
     for (const char *statement :
          {"log-file-size", "byte-order", "log-mode", "sync", "database", "item"})
         EXPECT_NE(block.find(std::string("\n") + statement + " "), std::string::npos) << statement;
+}
+
+TEST(ForwardLogPage, ExampleOfTheFileOfNamesIsTheOneThatIsTested)
+{
+    EXPECT_EQ(md_find_block(page(), "fwlog names 1"),
+              read_file(KESTRO_SOURCE_DIR "/tests/golden/names.txt"));
 }
 
 TEST(ForwardLogPage, SettingsOfSyncAreThoseOfTheCode)

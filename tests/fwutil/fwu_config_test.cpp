@@ -129,6 +129,29 @@ TEST_F(ConfigTest, ColumnsOfTablesGetNamesAndWidths)
     }
 }
 
+TEST_F(ConfigTest, ColumnsAreFoundByTheirTable)
+{
+    ASSERT_EQ(read("log-directory l\n"
+                   "column s.b.z key\n"
+                   "column s.c.y key\n"
+                   "column s.b.x key\n"
+                   "column s.a.w key\n"
+                   "column s.b.a key\n"),
+              0)
+        << err;
+    const struct {
+        const char *table, *columns;
+    } rows[] = {{"s.a", "w "}, {"s.b", "z x a "}, {"s.c", "y "},
+                {"s.", ""},    {"s.bb", ""},      {"t", ""}};
+    for (const auto &row : rows) {
+        std::string found;
+        for (const fwu_column &column : fwu_columns_of(config, row.table))
+            found += column.column + " ";
+        EXPECT_EQ(found, row.columns) << row.table;
+    }
+    EXPECT_TRUE(fwu_columns_of(fwu_writing(), "s.a").empty());
+}
+
 TEST_F(ConfigTest, EncodingIsOnlySaidByItsLine)
 {
     ASSERT_EQ(read("log-directory l\n"), 0) << err;
@@ -214,12 +237,12 @@ TEST_F(ConfigTest, NamesMayHaveQuotedParts)
     ASSERT_EQ(config.table_rules.size(), 1U);
     EXPECT_EQ(config.table_rules[0].table, "a.\"b\"\"c\"");
     ASSERT_EQ(config.columns.size(), 3U);
-    EXPECT_EQ(config.columns[0].table, "a.b");
-    EXPECT_EQ(config.columns[0].column, "c");
-    EXPECT_EQ(config.columns[1].table, "sales.\"Order Lines\"");
-    EXPECT_EQ(config.columns[1].column, "price \"net\"");
-    EXPECT_EQ(config.columns[2].table, "a.\"b=c\"");
-    EXPECT_EQ(config.columns[2].column, "d\ne");
+    EXPECT_EQ(config.columns[0].table, "a.\"b=c\"");
+    EXPECT_EQ(config.columns[0].column, "d\ne");
+    EXPECT_EQ(config.columns[1].table, "a.b");
+    EXPECT_EQ(config.columns[1].column, "c");
+    EXPECT_EQ(config.columns[2].table, "sales.\"Order Lines\"");
+    EXPECT_EQ(config.columns[2].column, "price \"net\"");
     ASSERT_EQ(config.datasets.size(), 2U);
     EXPECT_EQ(config.datasets[0].table, "\"x.y\".\"z \"");
     EXPECT_EQ(config.datasets[1].table, "x.y");

@@ -70,10 +70,10 @@ TEST(Catalogue, NullMapStandsBehindTheColumns)
 
 TEST(Catalogue, ConfigurationGivesWidthsAndNames)
 {
-    const fwu_config config = config_of({{"app.parts", "remarks", "", 200},
+    const fwu_config config = config_of({{"app.other", "qty", "WRONG", 1},
+                                         {"app.parts", "remarks", "", 200},
                                          {"app.parts", "a_name_of_18_chars", "SHORT", 0},
-                                         {"app.parts", "no", "NUMBER", 12},
-                                         {"app.other", "qty", "WRONG", 1}});
+                                         {"app.parts", "no", "NUMBER", 12}});
     const fwu_dataset dataset = made(config, table_of({{"remarks", 25, -1},
                                                        {"a_name_of_18_chars", 23, -1},
                                                        {"no", 20, -1},
