@@ -10,13 +10,18 @@ static bool is_control(char c)
     return (c >= 0 && c < ' ') || c == 127;
 }
 
+static bool needs_quotes(char c)
+{
+    return is_control(c) || c == '.' || c == '"' || c == ' ' || c == '#' || c == '=';
+}
+
 void fwu_source_name_put(std::string &out, std::string_view part)
 {
-    const bool controls = std::any_of(part.begin(), part.end(), is_control);
-    if (!part.empty() && !controls && part.find_first_of(".\" #=") == part.npos) {
+    if (!part.empty() && std::none_of(part.begin(), part.end(), needs_quotes)) {
         out += part;
         return;
     }
+    const bool controls = std::any_of(part.begin(), part.end(), is_control);
     out += controls ? "U&\"" : "\"";
     for (const char c : part) {
         if (is_control(c)) {
