@@ -24,7 +24,8 @@ static const struct {
 static const std::set<std::string> servers = {
     "logical decoding requires wal_level >= logical",
     "permission denied",
-    "must be superuser or replication role",
+    "must be superuser",
+    "can no longer get changes from replication slot",
     "all replication slots are in use",
     "is active for PID",
     "query would be affected by row-level security policy",
