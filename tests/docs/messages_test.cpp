@@ -17,7 +17,7 @@ static const struct {
     {"docs/fwlog.md", {"tools/fwlog", "changes", "feed", "util", "fwutil"}, 60},
     {"docs/postgresql.md", {"feed", "util", "fwutil"}, 30},
     {"docs/tmf-tool.md", {"tools/tmf", "util", "msgfile"}, 12},
-    {"docs/forward-log.md", {"fwutil"}, 12},
+    {"docs/forward-log.md", {"fwutil", "feed"}, 12},
 };
 
 // What the server says and no source.
@@ -46,6 +46,10 @@ static const struct {
     {"has a JSON array as its value", {"\" has a JSON \"", "array", "\" as its value"}},
     {"the line is longer than 256 MiB", {": the line is longer than %zu MiB"}},
     {"/writer.lock: another writer, process", {"\"/writer.lock\"", "%s: another writer, process"}},
+    {"/names: cannot read the names of datasets and items",
+     {"\"/names\"", "%s: cannot read the names of datasets and items"}},
+    {"/names: damaged: it says which dataset each table has",
+     {"\"/names\"", "%s: damaged: it says which dataset each table has"}},
     {"/acknowledged: damaged", {"\"acknowledged\"", "\"damaged: it says"}},
     {"/acknowledged: cannot create the file of what was acknowledged",
      {"\"acknowledged\"", "\"cannot create the file of what was acknowledged\""}},
