@@ -2,17 +2,19 @@
 #ifndef CHANGES_SQL_COLUMN_H
 #define CHANGES_SQL_COLUMN_H
 
+#include "changes/sql_dialect.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
 
 struct sql_column {
     size_t item = 0;
-    std::string name;     // in UTF-8
-    std::string quoted;   // as it stands in statements
-    std::string type;     // as the source writes it; empty: not known
-    std::string compared; // what is compared with a value, unless it is part of the key
-    bool boolean = false; // its values are true and false
+    std::string name;      // in UTF-8
+    std::string quoted;    // as it stands in statements
+    std::string type;      // as the source writes it; empty: not known
+    sql_compared compared; // unless it is part of the key
+    bool boolean = false;  // its values are true and false
 };
 
 // Whether a type, or the type of an array's elements, begins with one of a list of words

@@ -68,18 +68,19 @@ static constexpr std::string_view CAST =
 // Types have no "=", or one that means something else, or for which values that are written in
 // different ways are equal: their texts tell them apart.  The text of a type that is not known
 // is the one that format() makes: a cast may make another one.
-static std::string compared_postgresql(const sql_column &column, const fwu_item &item)
+static sql_compared compared_postgresql(const sql_column &column, const fwu_item &item)
 {
     if (!is_text(item) || column.type.empty() || sql_type_is(column.type, EXACT))
-        return column.quoted;
+        return {column.quoted};
     std::string text;
+    const bool trims = item.count == 1 && !sql_type_is(column.type, CAST);
     if (item.count > 1)
         text = "CAST(" + column.quoted + " AS text[])";
-    else if (sql_type_is(column.type, CAST))
+    else if (!trims)
         text = "CAST(" + column.quoted + " AS text)";
-    else // blanks at the end are not in the log
+    else // images do not tell of blanks at the end
         text = "rtrim(format('%s', " + column.quoted + "), ' ')";
-    return text + " COLLATE \"C\"";
+    return {text + " COLLATE \"C\"", trims};
 }
 
 static std::string number(int32_t value)
@@ -226,9 +227,9 @@ static void put_number_sqlite(std::string &out, const fwu_item &item, change_val
         put_number_postgresql(out, item, kind, text);
 }
 
-static std::string compared_sqlite(const sql_column &column, const fwu_item & /*item*/)
+static sql_compared compared_sqlite(const sql_column &column, const fwu_item & /*item*/)
 {
-    return column.quoted;
+    return {column.quoted};
 }
 
 // Without a type a column keeps integers as integers and texts as texts.

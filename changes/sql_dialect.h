@@ -10,6 +10,12 @@
 
 struct sql_column;
 
+// What stands for a column where it is compared with a value.
+struct sql_compared {
+    std::string text;
+    bool trims = false; // it is without the blanks at its end
+};
+
 struct sql_dialect {
     const char *name;        // as --dialect takes it
     const char *head;        // statements in front of all others
@@ -26,7 +32,7 @@ struct sql_dialect {
     void (*put_number)(std::string &out, const fwu_item &item, change_value kind,
                        std::string_view text);
     // What has to be compared with a value, so that exactly the same is found.
-    std::string (*compared)(const sql_column &column, const fwu_item &item);
+    sql_compared (*compared)(const sql_column &column, const fwu_item &item);
     // The type that the column of a new table gets; it may be empty.
     std::string (*declared)(const sql_column &column, const fwu_item &item);
     // Appends a statement that changes a table's layout, given without ";".  condition: what

@@ -98,8 +98,7 @@ static bool put_single(std::string &out, sql_work &work, const sql_table &table,
     return true;
 }
 
-// A value that the source wrote, which a column of any type takes.  It ends where its blanks
-// begin, as texts of images do: in the database one is like the other.
+// A value that the source wrote, which a column of any type takes.
 static bool put_whole(std::string &out, const sql_table &table, const sql_column &column,
                       std::string_view whole)
 {
@@ -107,12 +106,12 @@ static bool put_whole(std::string &out, const sql_table &table, const sql_column
         return false;
     if (column.boolean && table.dataset->layout.items[column.item].count == 1)
         return put_boolean(out, table, whole);
-    table.dialect->put_text(out, whole.substr(0, whole.find_last_not_of(' ') + 1));
+    table.dialect->put_text(out, whole);
     return true;
 }
 
 bool sql_put_value(std::string &out, sql_work &work, const sql_table &table,
-                   const sql_column &column, const change_row &row)
+                   const sql_column &column, const change_row &row, bool trimmed)
 {
     const change_dataset &dataset = *table.dataset;
     std::string_view whole;
@@ -121,6 +120,8 @@ bool sql_put_value(std::string &out, sql_work &work, const sql_table &table,
         out += "NULL";
         return true;
     case CHANGE_WHOLE:
+        if (trimmed)
+            whole = whole.substr(0, whole.find_last_not_of(' ') + 1);
         return put_whole(out, table, column, whole);
     case CHANGE_IN_IMAGE: {
         const unsigned char *const element = row.image + dataset.offsets[column.item];

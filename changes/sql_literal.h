@@ -19,8 +19,9 @@ struct sql_work {
 
 // Appends the literal of a column's value in a row; NULL where it is null.  False: the bytes
 // there are no value of the column, which has to be told.  The value must be known.
+// trimmed: without the blanks at its end.
 bool sql_put_value(std::string &out, sql_work &work, const sql_table &table,
-                   const sql_column &column, const change_row &row);
+                   const sql_column &column, const change_row &row, bool trimmed = false);
 
 // What is wrong with bytes that are no value.
 std::string sql_no_value(const sql_table &table, const sql_column &column, const change_row &row);

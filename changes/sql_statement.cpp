@@ -22,24 +22,25 @@ static bool is_known(const statement &to, const sql_column &column, const change
     return change_place_of(ignored, *to.table.dataset, row, column.item) != CHANGE_NOT_KNOWN;
 }
 
-static bool put_value(statement &to, const sql_column &column, const change_row &row)
+static bool put_value(statement &to, const sql_column &column, const change_row &row,
+                      bool trimmed = false)
 {
-    if (sql_put_value(to.out, to.work, to.table, column, row))
+    if (sql_put_value(to.out, to.work, to.table, column, row, trimmed))
         return true;
     to.wrong = sql_no_value(to.table, column, row);
     return false;
 }
 
 static bool put_comparison(statement &to, const sql_column &column, const change_row &row,
-                           const std::string &compared)
+                           const sql_compared &compared)
 {
     std::string_view ignored;
     if (change_place_of(ignored, *to.table.dataset, row, column.item) == CHANGE_NULL) {
         to.out += column.quoted + " IS NULL";
         return true;
     }
-    to.out += compared + " = ";
-    return put_value(to, column, row);
+    to.out += compared.text + " = ";
+    return put_value(to, column, row, compared.trims);
 }
 
 static bool nothing_known(statement &to)
@@ -109,7 +110,7 @@ static bool put_where(statement &to, const change_row &row, std::string_view con
     for (size_t i = 0; by_key && i < table.key.size(); i++) {
         const sql_column &column = table.columns[table.key[i]];
         to.out += i > 0 ? " AND " : "";
-        if (!put_comparison(to, column, row, column.quoted))
+        if (!put_comparison(to, column, row, {column.quoted}))
             return false;
     }
     if (!condition.empty())

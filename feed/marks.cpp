@@ -35,7 +35,10 @@ static std::string_view whole_text(const feed_column &column)
 {
     if (column.kind == FEED_TRUE || column.kind == FEED_FALSE)
         return column.kind == FEED_TRUE ? "t" : "f";
-    return column.value;
+    const std::string_view text = column.value;
+    if (column.type.whole == FEED_FILLED_WORDS)
+        return text.substr(0, text.find_last_not_of(' ') + 1);
+    return text;
 }
 
 // What became of the value.
@@ -45,6 +48,9 @@ static std::string mark_text(const feed_table &table, const feed_place &place,
     const std::string value = feed_quote(whole_text(column));
     switch (place.flag) {
     case FWU_FLAG_CUT:
+        if (place.blanks)
+            return value + " ends with blanks, which item " + feed_item_text(place.item) +
+                   " cannot tell from its filling: marked C";
         return value + " is too long for item " + feed_item_text(place.item) +
                ", cut and marked C: " +
                (table.own == nullptr ? "make the item wider"

@@ -139,6 +139,16 @@ static void put_bytes(const feed_place &place, std::string_view bytes)
     memset(place.out + bytes.size(), ' ', static_cast<size_t>(place.item.size) - bytes.size());
 }
 
+// Blanks at the end of a text are its own, and an item's are filling: it does not tell them apart.
+static void mark_blanks(feed_place &place, const value &from, std::string_view text)
+{
+    if (!place.mark || place.flag != FWU_FLAG_VALUE || !text.ends_with(' ') ||
+        from.meaning == FEED_FILLED_WORDS)
+        return;
+    place.flag = FWU_FLAG_CUT;
+    place.blanks = true;
+}
+
 // A text in the encoding of the log.
 static outcome put_words(feed_value_work &work, feed_place &place, const value &from)
 {
@@ -151,6 +161,7 @@ static outcome put_words(feed_value_work &work, feed_place &place, const value &
     // Nearly all texts are ASCII, which is the same in each encoding.
     if (text.size() <= width && feed_ascii_length(text) == text.size()) {
         put_bytes(place, text);
+        mark_blanks(place, from, text);
         return {};
     }
 
@@ -171,6 +182,7 @@ static outcome put_words(feed_value_work &work, feed_place &place, const value &
         place.bad = made.bad;
     }
     put_bytes(place, work.text);
+    mark_blanks(place, from, text);
     return {};
 }
 
@@ -204,6 +216,7 @@ static void add_element(feed_place &array, const feed_place &element)
     if (element.flag == FWU_FLAG_VALUE || array.flag == FWU_FLAG_CUT)
         return;
     array.flag = element.flag;
+    array.blanks = element.blanks;
     array.bad = array.bad == 0 ? element.bad : array.bad;
 }
 

@@ -31,7 +31,8 @@ struct feed_place {
     unsigned char *out;
     bool mark;                      // texts may be cut and lose characters: flag says so
     fwu_flag flag = FWU_FLAG_VALUE; // or FWU_FLAG_CUT, FWU_FLAG_REPLACED
-    uint32_t bad = 0;               // then: the first character that was replaced, see feed_encode
+    bool blanks = false; // cut: only of blanks at its end, which the item fills up with anyway
+    uint32_t bad = 0;    // replaced: the first such character, see feed_encode
 };
 
 // Brings a column's value, which is not null, to its item.  OUTCOME_BAD, with the reason,

@@ -29,10 +29,8 @@ TEST(SqlWhole, ValuesAreThoseOfTheSource)
     EXPECT_EQ(inserted(".!.", one(1, "123456789012345678901234.5")),
               "('5', '123456789012345678901234.5', 'a');\n");
     EXPECT_EQ(inserted(".!.", one(1, "NaN")), "('5', 'NaN', 'a');\n");
-    EXPECT_EQ(inserted("..C", one(2, "with blanks behind  ")),
-              "('5', '12.3', 'with blanks behind');\n")
-        << "texts end where their blanks begin";
-    EXPECT_EQ(inserted("..C", one(2, "   ")), "('5', '12.3', '');\n");
+    EXPECT_EQ(inserted("..C", one(2, "blanks behind  ")), "('5', '12.3', 'blanks behind  ');\n");
+    EXPECT_EQ(inserted("..C", one(2, "   ")), "('5', '12.3', '   ');\n");
     EXPECT_EQ(inserted("..C", {}), "('5', '12.3', 'a');\n") << "what there is of it";
     EXPECT_TRUE(lines.writer.notes.empty());
     sql_lines lite(sql_for("sqlite"));
@@ -107,6 +105,21 @@ TEST(SqlWhole, RowsAreFoundByWhatIsKnownOfThem)
                      R"(WHERE "no" = '5' AND "net" = '12.3' AND )"
                      R"(CAST("the tag" AS text) COLLATE "C" = 'a longer one' LIMIT 1);)"
                      "\n");
+}
+
+// The text of such a type may be filled up with blanks, so it is compared without those at its end.
+TEST(SqlWhole, RowsAreFoundByTextsThatEndWithBlanks)
+{
+    for (const auto &[type, found] :
+         {std::pair<const char *, const char *>("text", R"(CAST("d" AS text) COLLATE "C" = 'a ' )"),
+          {"public.citext", R"(rtrim(format('%s', "d"), ' ') COLLATE "C" = 'a' )"}}) {
+        change_dataset dataset = dataset_of("T", {{.name = "D", .type = 'X', .size = 2},
+                                                  {.name = "NULL-MAP", .type = 'X', .size = 1}});
+        set_source(dataset, "t", {{.name = "d", .type = type, .item = 0}});
+        const std::string made = sql_lines(sql_for("postgresql"))
+                                     .of(CHANGE_DELETE, dataset, "a C", "", {one(0, "a "), {}});
+        EXPECT_NE(made.find(found), std::string::npos) << made;
+    }
 }
 
 TEST(SqlWhole, AKeyThatWasCutIsWhole)
