@@ -121,17 +121,18 @@ static outcome measure(feed_table &table, const feed_tables &tables)
 }
 
 // Two tables whose names differ in case or in "_" and "-" only come to one dataset.
-static outcome check_feeds_alone(const feed_tables &tables, const feed_table &table)
+static outcome check_feeds_alone(feed_tables &tables, const feed_table &table)
 {
-    for (const auto &[name, other] : tables.known) {
-        if (other->dataset == nullptr || name == table.name ||
-            dataset_name(*other->dataset) != dataset_name(*table.dataset))
-            continue;
-        return outcome_bad("table " + table.name + " goes into dataset " +
-                           dataset_name(*table.dataset) + " like table " + name +
-                           ": describe a dataset of its own in " + tables.config->path +
-                           " with table=" + table.name);
-    }
+    const std::string dataset = dataset_name(*table.dataset);
+    std::string &feeder = tables.feeders[dataset];
+    const auto other = tables.known.find(feeder);
+    // What is said of a table that was forgotten, or feeds another dataset by now, is past.
+    if (feeder != table.name && other != tables.known.end() && other->second->dataset != nullptr &&
+        dataset_name(*other->second->dataset) == dataset)
+        return outcome_bad("table " + table.name + " goes into dataset " + dataset +
+                           " like table " + feeder + ": describe a dataset of its own in " +
+                           tables.config->path + " with table=" + table.name);
+    feeder = table.name;
     return {};
 }
 

@@ -60,6 +60,7 @@ struct feed_tables {
     const char *old_row_remedy = ""; // as in feed_table, "%" in the place of the table's name
     fwu_policy default_policy = FWU_POLICY_ERROR; // where the configuration says nothing
     std::unordered_map<std::string, std::unique_ptr<feed_table>> known = {};
+    std::unordered_map<std::string, std::string> feeders = {}; // of a dataset: which table met last
     std::string key = {}; // name of the look-up, kept for its memory
 };
 

@@ -83,6 +83,8 @@ static outcome need_types(pgb_relations &relations, pgo_relation told, const std
 // Another table had this name before it was dropped or renamed.
 static void forget_name(pgb_relations &relations, const std::string &name)
 {
+    if (!relations.tables.known.contains(name))
+        return;
     for (auto &[id, other] : relations.known)
         if (other.table != nullptr && other.table->name == name)
             other.table = nullptr;

@@ -3,8 +3,13 @@
 
 #include <gtest/gtest.h>
 
-static const feed_totals totals{
-    .transactions = 12, .inserts = 100, .updates = 20, .deletes = 3, .empty = 0, .skipped = 0};
+static const feed_totals totals{.transactions = 12,
+                                .inserts = 100,
+                                .updates = 20,
+                                .deletes = 3,
+                                .empty = 0,
+                                .skipped = 0,
+                                .marked = {}};
 
 static std::string shown(load_progress &progress, uint64_t bytes)
 {
