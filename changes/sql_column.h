@@ -2,11 +2,15 @@
 #ifndef CHANGES_SQL_COLUMN_H
 #define CHANGES_SQL_COLUMN_H
 
-#include "changes/sql_dialect.h"
-
 #include <cstddef>
 #include <string>
 #include <string_view>
+
+// What stands for a column where it is compared with a value.
+struct sql_compared {
+    std::string text;
+    bool trims = false; // it is without the blanks at its end
+};
 
 struct sql_column {
     size_t item = 0;

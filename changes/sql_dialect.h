@@ -9,12 +9,7 @@
 #include <string_view>
 
 struct sql_column;
-
-// What stands for a column where it is compared with a value.
-struct sql_compared {
-    std::string text;
-    bool trims = false; // it is without the blanks at its end
-};
+struct sql_compared;
 
 struct sql_dialect {
     const char *name;        // as --dialect takes it

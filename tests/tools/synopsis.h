@@ -45,10 +45,12 @@ inline std::string help_synopsis(const cli_command &command)
     return one_line(help.substr(7, help.find("\n\n") - 7));
 }
 
-// As help and synopsis write it: "--from POSITION".
+// As help and synopsis write it: "--from POSITION", "--create[=minimal]".
 inline std::string written(const cli_option &row)
 {
     const std::string name = row.name;
+    if (row.kind.may_be_left_out)
+        return name + "[=" + row.kind.word + "]";
     return row.kind.word != nullptr && name != row.kind.word ? name + " " + row.kind.word : name;
 }
 
@@ -91,7 +93,7 @@ inline void expect_described(const cli_command &command)
         if (!line.starts_with("  -"))
             continue;
         const std::string option = line.substr(2, line.find("  ", 2) - 2);
-        const std::string name = option.substr(0, option.find(' '));
+        const std::string name = option.substr(0, option.find_first_of(" ["));
         described += option + "\n";
         EXPECT_TRUE(name == "--help" || has_line(options_of(command), name))
             << command.name << " has no row " << name;
