@@ -42,9 +42,8 @@ STAMP = re.compile(r"(\d{4,}-\d\d-\d\d \d\d:\d\d:\d\d|\d\d:\d\d:\d\d)(\.\d+)?(\+
 
 
 def plain(text):
-    """A text as all three write it: without blanks at its end, zeros behind a second's decimals
-    and the name of the zone UTC."""
-    text = text.rstrip(" ")
+    """A text as all three write it: without zeros behind a second's decimals and the name of
+    the zone UTC."""
     stamp = STAMP.fullmatch(text)
     if stamp:
         zone = stamp[3] or "" if len(stamp[1]) == 8 else ""
@@ -78,6 +77,8 @@ def same(left, right, kind):
         return same_number(left, right)
     if kind == "boolean":
         return left.lower() == right.lower()
+    if kind == "character":  # filled up, or not
+        return left.rstrip(" ") == right.rstrip(" ")
     return plain(left) == plain(right)
 
 
@@ -144,13 +145,13 @@ def check_item(where, item, flag, raw, image, marks):
         if item["type"] in "ER":
             alike = (single if item["size"] == "4" else same_number)(held, value)
         else:
-            alike = held is not None and held.rstrip(" ") == value.rstrip(" ")
+            alike = held is not None and held.rstrip(" ") == value
         if not alike:
             wrong(f"{where}: {name} is {held!r} in the record, {value!r} in the line")
     elif flag == "C":
         held, whole = decode(item, raw), value.encode("utf-8")
         fits = whole[:len(raw)].decode("utf-8", "ignore")  # the last whole character that fits
-        if len(whole) <= len(raw) or held.rstrip(" ") != fits.rstrip(" "):
+        if (len(whole) <= len(raw) and not value.endswith(" ")) or held.rstrip(" ") != fits.rstrip(" "):
             wrong(f"{where}: {name} is cut to {held!r}, from {value!r}")
     elif flag == "!":
         if not is_blank(item, raw):
