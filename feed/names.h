@@ -37,8 +37,8 @@ struct feed_names {
     bool must_keep = false; // ... which could be given otherwise the next time
 };
 
-// Reads the names kept in a log directory; there need not be any.  Nothing is made.  An empty
-// directory: names are in memory only.  mode: of the file.
+// Reads the names kept in a log directory; without the file those that the log itself tells.
+// Nothing is made.  An empty directory: names are in memory only.  mode: of the file.
 outcome feed_names_open(feed_names &names, const std::string &directory, mode_t mode);
 
 // The dataset of a table: the one that the configuration names, else the one that it has or gets.

@@ -2,6 +2,7 @@
 // of what stands before, and between them stands a line for each name.
 #include "feed/names.h"
 
+#include "feed/names_log.h"
 #include "fwutil/fwu_config_text.h"
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_file.h"
@@ -82,13 +83,13 @@ outcome feed_names_open(feed_names &names, const std::string &directory, mode_t 
     std::string text;
     if (read_all(text, names.path) != 0)
         return errno == ENOENT
-                   ? outcome()
+                   ? feed_names_from_log(names, directory)
                    : outcome_failed("%s: cannot read the names of datasets and items: %m",
                                     names.path.c_str());
     if (take_all(names, text))
         return {};
     return outcome_failed("%s: damaged: it says which dataset each table has; restore it from a "
-                          "copy, or remove it: then all names are given anew, by the same rule",
+                          "copy, or remove it: then they are taken from the layouts in the log",
                           names.path.c_str());
 }
 

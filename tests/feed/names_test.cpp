@@ -3,6 +3,8 @@
 #include "feed/names.h"
 
 #include "fwutil/fwu_crc32c.h"
+#include "fwutil/fwu_writer.h"
+#include "fwutil/fwutil.h"
 #include "tests/support/tempdir.h"
 
 #include <cstdio>
@@ -301,7 +303,7 @@ TEST_F(Names, ADamagedFileIsRefused)
     const std::string error =
         told_as() + std::string(": ") + path +
         ": damaged: it says which dataset each table has; restore it from a copy, or remove it: "
-        "then all names are given anew, by the same rule\n";
+        "then they are taken from the layouts in the log\n";
     for (size_t i = 0; i < whole.size(); i++) {
         for (const bool cut : {true, false}) {
             std::string text = whole.substr(0, cut ? i : whole.size());
@@ -315,6 +317,107 @@ TEST_F(Names, ADamagedFileIsRefused)
     ASSERT_TRUE(reopen());
     EXPECT_EQ(table("order_lines"), "SALES.ORDER-LINES");
     EXPECT_EQ(table("Order Lines"), "SALES.ORDER-LINE-TI6AQ");
+}
+
+// A log with a record of each of these, one behind the other, in files of their own.
+static void write_log(const std::string &directory, const std::vector<fwu_layout> &layouts)
+{
+    fwu_config log;
+    log.log_directory = directory;
+    log.sync = FWU_SYNC_NONE;
+    log.log_file_size = 1; // each transaction begins a file
+    fwu_writer *writer = nullptr;
+    ASSERT_EQ(fwu_writer_open(&writer, log), 0);
+    uint64_t lsn = fwu_writer_last_lsn(writer);
+    for (const fwu_layout &layout : layouts) {
+        ASSERT_EQ(fwu_writer_begin(writer, nullptr), 0);
+        const std::string image(layout.items.size(), 'x');
+        ASSERT_EQ(fwu_writer_record(writer, FWU_OP_INSERT, layout, 1,
+                                    static_cast<int32_t>(image.size()), nullptr, image.data()),
+                  0);
+        ASSERT_EQ(fwu_writer_commit(writer, {.time_us = 1, .xid = 1, .lsn = ++lsn}), 0);
+    }
+    ASSERT_EQ(fwu_writer_close(writer), 0);
+}
+
+static fwu_layout layout_of(const std::string &dataset, const std::string &table,
+                            const std::vector<std::pair<std::string, std::string>> &items)
+{
+    fwu_layout layout;
+    layout.dbname = "SALES";
+    layout.dsetname = dataset;
+    fwu_source source;
+    source.schema = "sales";
+    source.table = table;
+    for (const auto &[item, column] : items) {
+        fwu_source_column &made = source.columns.emplace_back();
+        made.name = column;
+        made.item = static_cast<int32_t>(layout.items.size());
+        layout.items.push_back({.name = item, .type = 'X', .size = 1, .count = 1});
+    }
+    layout.source = std::make_shared<const fwu_source>(std::move(source));
+    return layout;
+}
+
+// "order_lines" was dropped before "Order_Lines" came, which the rule alone would not know.
+TEST_F(Names, MissingFileIsMadeFromTheLog)
+{
+    ASSERT_TRUE(reopen());
+    EXPECT_EQ(table("gone_1"), "SALES.GONE-1");
+    EXPECT_EQ(table("Gone_1"), "SALES.GONE-1-D42S0");
+    const std::string second = "A-B-KJLDP";
+    EXPECT_EQ(item("a-b", {"A-B"}), second);
+    keep(true);
+    const std::map<std::string, std::string> items = names.items;
+    fwu_layout plain = layout_of("PLAIN", "unused", {{"NO", "no"}});
+    plain.source = nullptr;
+    write_log(dir.path(), {layout_of("OLD", "orders", {{"NO", "no"}}),
+                           layout_of("GONE-1-D42S0", "Gone_1", {{"NO", "no"}}), plain,
+                           layout_of("ORDERS", "orders", {{"A-B", "a_b"}, {second, "a-b"}})});
+    unlink(path.c_str());
+
+    ASSERT_TRUE(reopen());
+    EXPECT_EQ(names.items, items);
+    EXPECT_EQ(names.tables, (std::map<std::string, feed_dataset_name>{
+                                {"sales.Gone_1", {"SALES", "GONE-1-D42S0"}},
+                                {"sales.orders", {"SALES", "ORDERS"}},
+                            }));
+    EXPECT_EQ(item("a-b"), second);
+    EXPECT_EQ(table("Gone_1"), "SALES.GONE-1-D42S0");
+    EXPECT_EQ(table("old"), "SALES.OLD"); // free again
+    keep();
+    const std::string kept = read_file(path);
+    EXPECT_THAT(kept, testing::HasSubstr("table sales.Gone_1 SALES GONE-1-D42S0\n"));
+    ASSERT_TRUE(reopen());
+    EXPECT_FALSE(names.is_new) << "read from the file";
+    EXPECT_EQ(table("orders"), "SALES.ORDERS");
+    EXPECT_EQ(read_file(path), kept);
+}
+
+// Of a log that tells no names the file says that there are none, so that it is not read again.
+TEST_F(Names, LogWithoutSourcesIsReadOnce)
+{
+    fwu_layout plain = layout_of("PLAIN", "unused", {{"NO", "no"}});
+    plain.source = nullptr;
+    write_log(dir.path(), {plain});
+    ASSERT_TRUE(reopen());
+    EXPECT_THAT(names.tables, IsEmpty());
+    keep();
+    ASSERT_TRUE(reopen());
+    EXPECT_FALSE(names.is_new);
+    EXPECT_THAT(names.tables, IsEmpty());
+    EXPECT_EQ(table("Plain"), "SALES.PLAIN");
+}
+
+// Names that the file could not hold are passed over.
+TEST_F(Names, OddNamesInTheLogAreNotKept)
+{
+    write_log(dir.path(), {layout_of("ODD", "odd", {{"A\"B", "a"}, {"#C", "c"}, {"D E", "d"}})});
+    ASSERT_TRUE(reopen());
+    EXPECT_THAT(names.items, IsEmpty());
+    keep();
+    ASSERT_TRUE(reopen());
+    EXPECT_EQ(table("odd"), "SALES.ODD");
 }
 
 // Lines that nobody writes, with a good checksum.
