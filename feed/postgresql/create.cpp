@@ -53,29 +53,46 @@ static outcome run(pgs_server &server, const std::string &statement)
     return pgs_command(server, server.sql.get(), result, statement);
 }
 
-static outcome see_to_later_tables(pgs_server &server)
+outcome pgb_later_tables_commands(pgs_server &server, std::vector<std::string> &commands)
 {
     pgs_result found;
-    outcome done =
+    outcome asked =
         pgs_query(server, server.sql.get(), found,
                   "SELECT FROM pg_event_trigger WHERE evtname = 'kestro_replica_identity'");
-    if (!done || PQntuples(found.get()) != 0)
-        return done;
-    for (const char *statement : {"BEGIN", "CREATE SCHEMA IF NOT EXISTS kestro", identity_function,
-                                  event_trigger, "COMMIT"})
+    if (asked && PQntuples(found.get()) == 0)
+        commands = {"BEGIN", "CREATE SCHEMA IF NOT EXISTS kestro", identity_function, event_trigger,
+                    "COMMIT"};
+    return asked;
+}
+
+outcome pgb_identity_commands(pgs_server &server, std::vector<std::string> &commands)
+{
+    pgs_result tables;
+    outcome asked = pgs_query(server, server.sql.get(), tables,
+                              std::string("WITH ") + pgb_all_tables +
+                                  " SELECT oid::regclass FROM t WHERE NOT identified ORDER BY oid");
+    for (int i = 0; asked && i < PQntuples(tables.get()); i++)
+        commands.push_back(pgb_identity_command(std::string(pgs_value(tables, i, 0))));
+    return asked;
+}
+
+static outcome see_to_later_tables(pgs_server &server)
+{
+    std::vector<std::string> commands;
+    outcome done = pgb_later_tables_commands(server, commands);
+    for (const std::string &command : commands)
         if (done)
-            done = run(server, statement);
+            done = run(server, command);
     return done;
 }
 
 static outcome see_to_tables(pgs_server &server)
 {
-    pgs_result tables;
-    outcome done = pgs_query(server, server.sql.get(), tables,
-                             std::string("WITH ") + pgb_all_tables +
-                                 " SELECT oid::regclass FROM t WHERE NOT identified ORDER BY oid");
-    for (int i = 0; done && i < PQntuples(tables.get()); i++)
-        done = run(server, pgb_identity_command(std::string(pgs_value(tables, i, 0))));
+    std::vector<std::string> commands;
+    outcome done = pgb_identity_commands(server, commands);
+    for (const std::string &command : commands)
+        if (done)
+            done = run(server, command);
     return done;
 }
 
@@ -93,22 +110,33 @@ static outcome list_identified(pgs_server &server, std::string &list)
     return done;
 }
 
-outcome pgb_create_publication(pgs_server &server, bool minimal)
+outcome pgb_publication_command(pgs_server &server, bool minimal, std::string &command)
 {
     std::string what = " FOR ALL TABLES";
     outcome done;
     if (minimal) {
         done = list_identified(server, what);
         what = what.empty() ? "" : " FOR TABLE " + what;
-    } else {
+    }
+    if (PQserverVersion(server.sql.get()) >= VERSION_WITH_PARTITION_ROOT)
+        what += " WITH (publish_via_partition_root = true)";
+    command = "CREATE PUBLICATION " + pgs_name(server.publication) + what;
+    return done;
+}
+
+outcome pgb_create_publication(pgs_server &server, bool minimal)
+{
+    outcome done;
+    if (!minimal) {
         done = see_to_later_tables(server);
         if (done)
             done = see_to_tables(server);
     }
-    if (PQserverVersion(server.sql.get()) >= VERSION_WITH_PARTITION_ROOT)
-        what += " WITH (publish_via_partition_root = true)";
+    std::string command;
     if (done)
-        done = run(server, "CREATE PUBLICATION " + pgs_name(server.publication) + what);
+        done = pgb_publication_command(server, minimal, command);
+    if (done)
+        done = run(server, command);
     if (done && !minimal)
         done = see_to_tables(server);
     return done;

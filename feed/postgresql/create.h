@@ -5,10 +5,19 @@
 #include "feed/postgresql/server.h"
 #include "util/outcome.h"
 
+#include <string>
+#include <vector>
+
 // Makes the server's publication, of all tables, and lets all tables have something that
 // identifies their rows, those of later on too.  minimal: of the tables that have it now, and
 // no table is touched.
 outcome pgb_create_publication(pgs_server &server, bool minimal);
+
+// What it runs for that, in this order and without ";": what sees to tables of later on (nothing
+// when that is there), what gives the tables that are there an identity, and the publication.
+outcome pgb_later_tables_commands(pgs_server &server, std::vector<std::string> &commands);
+outcome pgb_identity_commands(pgs_server &server, std::vector<std::string> &commands);
+outcome pgb_publication_command(pgs_server &server, bool minimal, std::string &command);
 
 // Tells a statement that --create runs.
 void pgb_tell_statement(const std::string &statement);
