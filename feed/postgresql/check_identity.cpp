@@ -82,6 +82,9 @@ outcome pgk_look_at_identities(pgk_report &report)
         kinds[kind].sql.push_back("ALTER TABLE " + std::string(pgs_value(result, i, 1)) +
                                   " REPLICA IDENTITY FULL;");
     }
+    // Where somebody else has to make the publication, these stand before it already.
+    if (!report.found.publication && !(report.options.create && report.found.superuser))
+        kinds[0].sql.clear();
     for (pgk_finding &finding : kinds)
         if (!finding.sql.empty())
             report.findings.push_back(std::move(finding));

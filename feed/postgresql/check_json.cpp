@@ -117,12 +117,12 @@ static void put_table(json_writer &json, const pgk_table &table)
         json.number("image_length", table.fed->image_length);
         json.number("record_length", pgk_record_length(table));
         json.truth("fits_message_file", pgk_record_length(table) <= PGK_RECORD_MAX);
-        json.name("columns");
-        json.open('[');
-        for (const pgk_column &column : table.columns)
-            put_column(json, table, column);
-        json.close(']');
     }
+    json.name("columns"); // of a table that has a dataset
+    json.open('[');
+    for (const pgk_column &column : table.columns)
+        put_column(json, table, column);
+    json.close(']');
     json.name("rows");
     json.out += table.rows < 0 ? "null" : std::to_string(table.rows);
     json.text_or_null("not_scanned", table.not_scanned);

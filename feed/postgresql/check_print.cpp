@@ -97,6 +97,15 @@ static void put_table(std::string &out, const pgk_table &table)
         out += "  scanned: " + plural(table.rows, "row") + "\n";
 }
 
+// A statement may have several lines.
+static void put_indented(std::string &out, const std::string &text)
+{
+    out += "     ";
+    for (const char c : text)
+        out += c == '\n' ? std::string("\n     ") : std::string(1, c);
+    out += "\n";
+}
+
 static void put_findings(std::string &out, const pgk_report &report, bool stops, const char *title)
 {
     int number = 0;
@@ -108,7 +117,7 @@ static void put_findings(std::string &out, const pgk_report &report, bool stops,
         out += "\n" + std::to_string(++number) + ". " + finding.text + "\n";
         for (const auto *lines : {&finding.sql, &finding.lines, &finding.notes})
             for (const std::string &line : *lines)
-                out += "     " + line + "\n";
+                put_indented(out, line);
     }
 }
 

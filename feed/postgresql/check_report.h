@@ -77,6 +77,7 @@ struct pgk_table {
     bool skipped = false;            // by the configuration
     bool described = false;          // its items are
     std::vector<pgk_column> columns;
+    std::vector<std::string> generated = {}; // columns that the server computes and does not send
     int64_t about = -1;      // rows as the server's statistics have it; -1: not known
     int64_t rows = -1;       // counted by a scan; -1: not scanned
     std::string not_scanned; // why it was not

@@ -58,6 +58,16 @@ static std::string length_of(const pgk_report &report, const std::string &text)
                : "octet_length(convert_to(" + text + ", 'UTF8'))";
 }
 
+// Bytes of a database without an encoding that are no UTF-8, by a pattern of their hexadecimal
+// digits: of such a database the server itself takes any.
+static std::string no_utf8(const std::string &text)
+{
+    return "encode(convert_to(" + text +
+           ", 'SQL_ASCII'), 'hex') !~ '^([0-7].|(c[2-9a-f]|d.)[89ab].|e0[ab].[89ab]."
+           "|e[1-9abcef]([89ab].){2}|ed[89].[89ab].|f0[9ab].([89ab].){2}|f[1-3]([89ab].){3}"
+           "|f48.([89ab].){2})*$'";
+}
+
 static column_terms stamp_terms(const std::string &column, const std::string &type,
                                 const fwu_item &item)
 {
@@ -87,6 +97,8 @@ static column_terms text_terms(const pgk_report &report, const pgk_column &colum
     terms.cut = over;
     if (report.encoding == FWU_LATIN1 && report.found.encoding == "UTF8")
         terms.replaced = text + " ~ '[^\\u0001-\\u00FF]' AND NOT " + over;
+    else if (report.found.encoding == "SQL_ASCII")
+        terms.replaced = no_utf8(text) + " AND NOT " + over;
     return terms;
 }
 

@@ -2,12 +2,13 @@
 // is looked at, whatever is missing before.
 #include "feed/postgresql/check_report.h"
 #include "feed/postgresql/connect.h"
+#include "feed/postgresql/create.h"
 #include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
 #include "fwutil/fwu_source_name.h"
 
 constexpr int OLDEST_VERSION = 120000;
-constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
+constexpr int ROOM_FOR_OTHERS = 4;
 
 static bool is_true(const pgs_result &result, int row, int column)
 {
@@ -22,11 +23,11 @@ static void check_room(pgk_report &report, const char *setting, std::string_view
     int64_t taken = 0;
     if (!pgs_number(most, room) || !pgs_number(taken, used) || taken < most)
         return;
-    pgk_stop(
-        report, "setting",
-        std::string("all ") + std::to_string(most) + " of " + setting +
-            " are in use: raise it and restart the server",
-        {std::string("ALTER SYSTEM SET ") + setting + " = " + std::to_string(taken + 4) + ";"});
+    pgk_stop(report, "setting",
+             std::string("all ") + std::to_string(most) + " of " + setting +
+                 " are in use: raise it and restart the server",
+             {std::string("ALTER SYSTEM SET ") + setting + " = " +
+              std::to_string(taken + ROOM_FOR_OTHERS) + ";"});
 }
 
 static outcome look_at_settings(pgk_report &report)
@@ -90,6 +91,24 @@ static outcome look_at_system(pgk_report &report)
     return {};
 }
 
+// What lets the role connect for replication, which the server refused.
+static outcome connection_commands(pgk_report &report, const std::string &refusal,
+                                   std::vector<std::string> &sql)
+{
+    pgs_server &server = report.server;
+    pgs_result result;
+    outcome asked = pgs_query(
+        server, server.sql.get(), result,
+        "SELECT rolreplication OR rolsuper, current_setting('max_wal_senders')::int + " +
+            std::to_string(ROOM_FOR_OTHERS) + " FROM pg_roles WHERE rolname = current_user");
+    if (asked && !is_true(result, 0, 0))
+        sql.push_back("ALTER ROLE " + pgs_name(report.found.role) + " REPLICATION;");
+    if (asked && refusal.find("max_wal_senders") != std::string::npos)
+        sql.push_back("ALTER SYSTEM SET max_wal_senders = " + std::string(pgs_value(result, 0, 1)) +
+                      "; -- and restart the server");
+    return asked;
+}
+
 // The stream needs a connection of its own kind.
 static outcome look_at_replication(pgk_report &report)
 {
@@ -100,43 +119,95 @@ static outcome look_at_replication(pgk_report &report)
         return look_at_system(report);
     if (opened.kind() != OUTCOME_LOST)
         return opened;
-    pgs_result result;
-    outcome asked =
-        pgs_query(server, server.sql.get(), result,
-                  "SELECT rolreplication OR rolsuper FROM pg_roles WHERE rolname = current_user");
-    if (!asked)
-        return asked;
-    const bool may = is_true(result, 0, 0);
+    const std::string refusal = opened.text();
+    const std::string remedy = server.remedy == nullptr ? "" : std::string("; ") + server.remedy;
     std::vector<std::string> sql;
-    if (!may)
-        sql.push_back("ALTER ROLE " + pgs_name(report.found.role) + " REPLICATION;");
-    pgk_stop(report, "right",
-             "cannot connect for replication: " + opened.text() +
-                 (server.remedy == nullptr ? "" : std::string("; ") + server.remedy),
+    if (outcome asked = connection_commands(report, refusal, sql); !asked)
+        return asked;
+    pgk_stop(report, "right", "cannot connect for replication: " + refusal + remedy,
              std::move(sql));
     return {};
 }
 
-static std::string create_publication(const pgk_report &report)
+// Commands as they are pasted.
+static void put_commands(std::vector<std::string> &sql, const std::vector<std::string> &commands)
 {
-    const bool via_root = PQserverVersion(report.server.sql.get()) >= VERSION_WITH_PARTITION_ROOT;
-    return "CREATE PUBLICATION " + pgs_name(report.server.publication) + " FOR ALL TABLES" +
-           (via_root ? " WITH (publish_via_partition_root = true);" : ";");
+    for (const std::string &command : commands)
+        sql.push_back(command + ";");
 }
 
-static void no_publication(pgk_report &report)
+// All that --create would run, in its order: a publication of all tables alone makes the
+// application's own updates fail.
+static outcome full_creation(pgk_report &report, std::vector<std::string> &sql)
+{
+    pgs_server &server = report.server;
+    std::vector<std::string> commands;
+    outcome done = pgb_later_tables_commands(server, commands);
+    if (done)
+        done = pgb_identity_commands(server, commands);
+    std::string publication;
+    if (done)
+        done = pgb_publication_command(server, false, publication);
+    commands.push_back(publication);
+    put_commands(sql, commands);
+    return done;
+}
+
+// Whether the role may make the publication of --create=minimal.
+static outcome look_at_minimal_rights(pgk_report &report, const std::string &missing)
+{
+    pgs_server &server = report.server;
+    pgs_result result;
+    outcome asked =
+        pgs_query(server, server.sql.get(), result,
+                  std::string("WITH ") + pgb_all_tables +
+                      " SELECT has_database_privilege(current_database(), 'CREATE'),"
+                      " (SELECT string_agg(oid::regclass::text, ', ' ORDER BY oid) FROM t"
+                      " WHERE NOT is_part AND " +
+                      pgb_identified_tables +
+                      " AND EXISTS (SELECT FROM pg_class c WHERE c.oid = t.oid"
+                      " AND NOT pg_has_role(c.relowner, 'USAGE')))");
+    if (!asked)
+        return asked;
+    const bool creates = is_true(result, 0, 0);
+    const std::string others(pgs_value(result, 0, 1));
+    if (creates && others.empty())
+        return {};
+    std::string command;
+    outcome done = pgb_publication_command(server, true, command);
+    std::string text = missing + "role " + report.found.role + " may not make it, ";
+    if (!creates)
+        text += "it lacks the right CREATE on database " + report.found.database;
+    if (!others.empty())
+        text += std::string(creates ? "" : ", and ") + "it does not own " + others;
+    pgk_stop(report, "right", text + ": let a superuser make it", {command + ";"});
+    return done;
+}
+
+static outcome no_publication(pgk_report &report)
 {
     const pgk_server &found = report.found;
+    const pgb_options &options = report.options;
     const std::string missing = "publication \"" + report.server.publication + "\" is not there: ";
-    if (!report.options.create)
-        pgk_stop(report, "publication",
-                 missing + "start with --create, or make it, or name another with --publication",
-                 {create_publication(report)});
-    else if (!found.superuser && !report.options.minimal)
+    if (options.create && options.minimal)
+        return look_at_minimal_rights(report, missing);
+    if (options.create && found.superuser)
+        return {};
+    std::vector<std::string> sql;
+    outcome done = full_creation(report, sql);
+    if (options.create)
         pgk_stop(report, "right",
                  missing + "only a superuser may make one of all tables, which role " + found.role +
-                     " is not: let one make it",
-                 {create_publication(report)});
+                     " is not: let one start fwlog postgresql with --create --once, or run these, "
+                     "all and in this order; without the first ones the server refuses updates and "
+                     "deletes of tables without a usable identity",
+                 std::move(sql));
+    else
+        pgk_stop(report, "publication",
+                 missing + "start with --create, or let a superuser make it with these, all and in "
+                           "this order, or name another with --publication",
+                 std::move(sql));
+    return done;
 }
 
 // Tables that the publication does not have.
@@ -212,9 +283,10 @@ static outcome look_at_publication(pgk_report &report)
     pgk_server &found = report.found;
     found.publication = PQntuples(result.get()) == 1;
     if (!found.publication) {
-        no_publication(report);
-        return report.options.create && report.options.minimal ? look_at_unidentified(report)
-                                                               : outcome();
+        outcome done = no_publication(report);
+        if (done && report.options.create && report.options.minimal)
+            done = look_at_unidentified(report);
+        return done;
     }
     const std::string name = "publication \"" + server.publication + "\" ";
     const std::string alter = "ALTER PUBLICATION " + pgs_name(server.publication) + " SET (";

@@ -9,6 +9,7 @@
 
 constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
 constexpr int VERSION_WITH_COLUMN_LISTS = 150000;
+constexpr int VERSION_WITH_GENERATED_COLUMNS = 180000; // where the publication wants them
 
 // What the publication has, or what it would have as --create makes it.
 static std::string query_for(const pgk_report &report)
@@ -39,11 +40,14 @@ static std::string query_for(const pgk_report &report)
                                      : all) +
            ") SELECT t.id, n.nspname, c.relname, format('%I.%I', n.nspname, c.relname),"
            " c.relkind = 'p', t.filter, c.reltuples::bigint,"
-           " a.attname, a.atttypid, a.atttypmod"
+           " a.attname, a.atttypid, a.atttypmod, a.attgenerated <> ''" +
+           (version >= VERSION_WITH_GENERATED_COLUMNS
+                ? " AND NOT coalesce(a.attname = ANY (t.columns), false)"
+                : "") +
            " FROM t JOIN pg_class c ON c.oid = t.id JOIN pg_namespace n ON n.oid = c.relnamespace"
            " LEFT JOIN pg_attribute a ON a.attrelid = t.id AND a.attnum > 0"
-           " AND NOT a.attisdropped AND a.attgenerated = ''"
-           " AND (t.columns IS NULL OR a.attname = ANY (t.columns))"
+           " AND NOT a.attisdropped"
+           " AND (t.columns IS NULL OR a.attname = ANY (t.columns) OR a.attgenerated <> '')"
            " ORDER BY 2, 3, a.attnum";
 }
 
@@ -84,6 +88,10 @@ static outcome list_tables(pgk_report &report)
         column.name = pgs_value(rows, i, 7);
         if (column.name.empty())
             continue;
+        if (pgs_value(rows, i, 10) == "t") {
+            report.tables.back().generated.push_back(column.name);
+            continue;
+        }
         if (!pgs_number(column.type, pgs_value(rows, i, 8)) ||
             !pgs_number(column.modifier, pgs_value(rows, i, 9)))
             return bad_answer(rows, i);
@@ -144,6 +152,20 @@ static void describe_column(const pgk_report &report, pgk_table &table,
     table.columns.push_back(std::move(column));
 }
 
+// Whether the record would fit with texts of another width.
+static bool can_shrink(const pgk_table &table)
+{
+    int64_t length = table.fed->image_length;
+    for (const pgk_column &column : table.columns)
+        if (column.item >= 0 &&
+            (column.meaning == FEED_WORDS || column.meaning == FEED_FILLED_WORDS)) {
+            const fwu_item &item = table.fed->layout.items[static_cast<size_t>(column.item)];
+            if (item.type == 'X' && item.count == 1 && item.size > 1)
+                length -= item.size - 1;
+        }
+    return PGK_HEADER_MAX + 2 * length <= PGK_RECORD_MAX;
+}
+
 static void find_record(pgk_report &report, const pgk_table &table)
 {
     const int64_t length = pgk_record_length(table);
@@ -156,7 +178,43 @@ static void find_record(pgk_report &report, const pgk_table &table)
                  std::to_string(table.fed->image_length) +
                  " and a header; a message file refuses more than " +
                  std::to_string(PGK_RECORD_MAX) +
-                 ": give its widest columns less with width=, or capture it as text");
+                 (!can_shrink(table) ? ": no width of its texts makes it fit, capture it as text"
+                  : table.described  ? ": make its widest items smaller, or capture it as text"
+                                     : ": give its widest columns less with width=, or capture it "
+                                       "as text"));
+}
+
+// What the server keeps out of its log, or of the changes that it sends.
+static outcome look_at_what_is_not_sent(pgk_report &report)
+{
+    pgs_server &server = report.server;
+    pgs_result rows;
+    outcome asked = pgs_query(server, server.sql.get(), rows,
+                              "SELECT n.nspname, c.relname, CASE c.relkind WHEN 'f' THEN 'foreign'"
+                              " ELSE 'unlogged' END FROM pg_class c"
+                              " JOIN pg_namespace n ON n.oid = c.relnamespace WHERE c.oid >= 16384"
+                              " AND (c.relkind = 'f' OR c.relkind IN ('r', 'p')"
+                              " AND c.relpersistence = 'u') ORDER BY 1, 2");
+    pgk_finding tables = {.kind = "table",
+                          .text = "the server does not log the changes of these tables, they "
+                                  "cannot be followed"};
+    for (int i = 0; asked && i < PQntuples(rows.get()); i++) {
+        const std::string name = fwu_source_name(pgs_value(rows, i, 0), pgs_value(rows, i, 1));
+        if (!feed_is_skipped(report.config, name))
+            tables.notes.push_back(name + ": " + std::string(pgs_value(rows, i, 2)));
+    }
+    pgk_finding columns = {.kind = "table",
+                           .text = "the server does not send these columns, which it computes from "
+                                   "others; they are left out of the log"};
+    for (const pgk_table &table : report.tables)
+        if (!table.skipped)
+            for (const std::string &column : table.generated)
+                columns.notes.push_back(
+                    fwu_source_name(table.relation.schema, table.relation.name, column));
+    for (pgk_finding *const finding : {&tables, &columns})
+        if (!finding->notes.empty())
+            report.findings.push_back(std::move(*finding));
+    return asked;
 }
 
 static outcome look_at(pgk_report &report, pgk_table &table, std::vector<std::string> &notes)
@@ -205,6 +263,8 @@ outcome pgk_look_at_tables(pgk_report &report)
     for (pgk_table &table : report.tables)
         if (done)
             done = look_at(report, table, notes);
+    if (done)
+        done = look_at_what_is_not_sent(report);
     if (!notes.empty())
         report.findings.push_back({.kind = "table",
                                    .text = "a run tells of names and columns:",

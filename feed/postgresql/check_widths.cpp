@@ -86,6 +86,43 @@ static std::string rows_of(int64_t n, const char *what)
     return std::to_string(n) + (n == 1 ? " row " : " rows ") + what;
 }
 
+static bool has_line(const pgk_report &report, const pgk_table &table, const pgk_column &column)
+{
+    for (const fwu_column &said : fwu_columns_of(report.config, table.name))
+        if (said.column == column.name)
+            return true;
+    return false;
+}
+
+// A column has one line in the configuration.
+static void suggest_width(const pgk_report &report, const pgk_table &table,
+                          const pgk_column &column, pgk_finding &finding)
+{
+    const std::string name =
+        fwu_source_name(table.relation.schema, table.relation.name, column.name);
+    const std::string width = "width=" + std::to_string(column.width);
+    if (has_line(report, table, column))
+        finding.notes.push_back(width + " in its line \"column " + name + " ...\" gives it room");
+    else
+        finding.lines.push_back("column " + name + " " + width);
+}
+
+// The first line that says something of a column makes an error of all that does not fit,
+// unless marks are asked for.
+static void find_policy(pgk_report &report)
+{
+    const bool any =
+        std::any_of(report.findings.begin(), report.findings.end(), [](const pgk_finding &finding) {
+            return finding.kind == std::string_view("values") && !finding.lines.empty();
+        });
+    if (!any || report.config.policy != FWU_POLICY_UNSAID || fwu_writing_describes(report.config))
+        return;
+    pgk_note(report, "configuration",
+             "with a \"column\" line and without this one, once, values that do not fit end a run, "
+             "and whole old rows of all tables are needed");
+    report.findings.back().lines.push_back("values mark");
+}
+
 static void find_values(pgk_report &report, const pgk_table &table, const pgk_column &column)
 {
     const pgk_scanned &scanned = column.scanned;
@@ -119,7 +156,7 @@ static void find_values(pgk_report &report, const pgk_table &table, const pgk_co
     if (scanned.longest > item.size)
         finding.text += ", the longest value has " + std::to_string(scanned.longest);
     if (column.width > item.size)
-        finding.lines.push_back("column " + name + " width=" + std::to_string(column.width));
+        suggest_width(report, table, column, finding);
     report.findings.push_back(std::move(finding));
 }
 
@@ -133,4 +170,5 @@ void pgk_choose_widths(pgk_report &report)
             if (column.scanned.looked)
                 find_values(report, table, column);
     }
+    find_policy(report);
 }

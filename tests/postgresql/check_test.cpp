@@ -28,15 +28,31 @@ class BridgeCheckTest : public BridgeTest {
         return run_bridge(more);
     }
 
-    // The lines that are to be pasted into a session.
+    // The statements that are to be pasted into a session; a function has several lines.
     static std::vector<std::string> sql_of(const std::string &text)
     {
         std::vector<std::string> found;
         std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);)
-            if (line.starts_with("     ") && line.ends_with(";"))
-                found.push_back(line.substr(5));
+        std::string statement;
+        for (std::string line; std::getline(lines, line);) {
+            if (!line.starts_with("     ") || (statement.empty() && line[5] == ' '))
+                continue;
+            statement += (statement.empty() ? "" : "\n") + line.substr(5);
+            const bool whole = occurrences(statement, "$$") != 1;
+            if (whole && statement.ends_with(";"))
+                found.push_back(statement);
+            if (whole)
+                statement.clear();
+        }
         return found;
+    }
+
+    // All in one session.
+    void paste(const std::vector<std::string> &commands) const
+    {
+        pg_client session = connect();
+        for (const std::string &command : commands)
+            session.run(command);
     }
 
     // The lines below a table's, up to the next empty one, with one blank between words.
@@ -106,19 +122,23 @@ TEST_F(BridgeCheckTest, ChangesNothing)
 
 TEST_F(BridgeCheckTest, WhatIsMissingIsMadeByWhatItPrints)
 {
-    sql("CREATE TABLE plain (id int PRIMARY KEY); ALTER TABLE plain REPLICA IDENTITY FULL");
+    sql("CREATE TABLE plain (id int PRIMARY KEY); ALTER TABLE plain REPLICA IDENTITY FULL;"
+        "CREATE TABLE unkeyed (id int); INSERT INTO unkeyed VALUES (1)");
     const run_result missing = check();
     EXPECT_EQ(missing.status, 1) << missing.err;
     const std::vector<std::string> commands = sql_of(missing.out);
-    EXPECT_THAT(commands,
-                ElementsAre("CREATE PUBLICATION \"" + database +
-                            "\" FOR ALL TABLES WITH (publish_via_partition_root = true);"));
+    EXPECT_THAT(commands, testing::Contains("ALTER TABLE public.unkeyed REPLICA IDENTITY FULL;"));
+    EXPECT_EQ(commands.front(), "BEGIN;");
+    EXPECT_EQ(commands.back(), "CREATE PUBLICATION \"" + database +
+                                   "\" FOR ALL TABLES WITH (publish_via_partition_root = true);");
     EXPECT_THAT(missing.out,
                 HasSubstr("slot \"" + database + "\" is not there: start with --create\n"));
     EXPECT_THAT(missing.out, HasSubstr("A run would not start, or not go on: 2 things are in its "
                                        "way.\n"));
-    for (const std::string &command : commands)
-        sql(command);
+    paste(commands);
+    // The application's own updates go on, those of tables that come later, too.
+    sql("UPDATE unkeyed SET id = 2; CREATE TABLE later (id int); INSERT INTO later VALUES (1);"
+        "UPDATE later SET id = 2");
     const run_result mended = check({"--create"});
     EXPECT_EQ(mended.status, 0) << mended.out << mended.err;
     EXPECT_THAT(sql_of(mended.out), IsEmpty());
@@ -170,11 +190,17 @@ TEST_F(BridgeCheckTest, RightsAreGrantedByWhatItPrints)
     sql("CREATE ROLE " + role +
         " LOGIN; CREATE SCHEMA \"Back Office\"; CREATE TABLE \"Back Office\".\"Order\" (id int "
         "PRIMARY KEY); CREATE TABLE hidden (id int PRIMARY KEY);"
-        "ALTER TABLE hidden ENABLE ROW LEVEL SECURITY; GRANT SELECT ON hidden TO " +
+        "ALTER TABLE hidden ENABLE ROW LEVEL SECURITY; CREATE TABLE unkeyed (id int);"
+        "INSERT INTO unkeyed VALUES (1); GRANT SELECT ON hidden TO " +
         role);
     const run_result missing = check_as(role, {"--create", "--snapshot"});
     EXPECT_EQ(missing.status, 1) << missing.err;
-    EXPECT_THAT(missing.out, HasSubstr("only a superuser may make one of all tables"));
+    EXPECT_THAT(missing.out,
+                HasSubstr("only a superuser may make one of all tables, which role " + role +
+                          " is not: let one start fwlog postgresql with "
+                          "--create --once, or run these, all and in this "
+                          "order"));
+    EXPECT_EQ(occurrences(missing.out, "public.unkeyed REPLICA IDENTITY FULL"), 1);
     EXPECT_THAT(missing.out, HasSubstr("row security hides rows of these tables from role " + role +
                                        ", and --snapshot needs all: public.hidden\n"));
     const std::string quoted = "\"" + role + "\"";
@@ -184,8 +210,10 @@ TEST_F(BridgeCheckTest, RightsAreGrantedByWhatItPrints)
                                "GRANT USAGE ON SCHEMA \"Back Office\" TO " + quoted + ";",
                                "GRANT SELECT ON \"Back Office\".\"Order\" TO " + quoted + ";",
                                "ALTER ROLE " + quoted + " BYPASSRLS;"}));
-    for (const std::string &command : sql_of(missing.out))
-        sql(command);
+    paste(sql_of(missing.out));
+    sql("UPDATE unkeyed SET id = 2; CREATE TABLE later (id int); INSERT INTO later VALUES (1);"
+        "UPDATE later SET id = 2; GRANT SELECT ON later TO " +
+        role);
     const run_result mended = check_as(role, {"--create", "--snapshot"});
     EXPECT_EQ(mended.status, 0) << mended.out << mended.err;
     const run_result run =
@@ -510,6 +538,106 @@ TEST_F(BridgeCheckTest, MinimalCreationLeavesTablesOut)
     EXPECT_THAT(mended.out, Not(HasSubstr("leaves them out")));
 }
 
+TEST_F(BridgeCheckTest, MinimalCreationNeedsTheRightsToThePublication)
+{
+    const std::string role = database + "_minimal";
+    sql("CREATE ROLE " + role +
+        " LOGIN REPLICATION; CREATE TABLE theirs (id int PRIMARY KEY);"
+        "CREATE TABLE own (id int PRIMARY KEY); ALTER TABLE own OWNER TO " +
+        role + "; CREATE TABLE unkeyed (id int)");
+    const run_result missing = check_as(role, {"--create=minimal"});
+    EXPECT_EQ(missing.status, 1) << missing.err;
+    EXPECT_THAT(missing.out,
+                HasSubstr("publication \"" + database + "\" is not there: role " + role +
+                          " may not make it, it lacks the right CREATE on database " + database +
+                          ", and it does not own public.theirs: let a superuser make it\n"));
+    const std::vector<std::string> commands = sql_of(missing.out);
+    ASSERT_FALSE(commands.empty());
+    EXPECT_EQ(commands[0], "CREATE PUBLICATION \"" + database +
+                               "\" FOR TABLE public.theirs, public.own WITH "
+                               "(publish_via_partition_root = true);");
+    // With the rights instead a start makes it.
+    sql("GRANT CREATE ON DATABASE " + database + " TO " + role);
+    const run_result tables = check_as(role, {"--create=minimal"});
+    EXPECT_EQ(tables.status, 1);
+    EXPECT_THAT(tables.out, HasSubstr(" may not make it, it does not own public.theirs: let"));
+    sql("ALTER TABLE theirs OWNER TO " + role);
+    EXPECT_EQ(check_as(role, {"--create=minimal"}).status, 0);
+    sql("REVOKE CREATE ON DATABASE " + database + " FROM " + role);
+    const run_result right = check_as(role, {"--create=minimal"});
+    EXPECT_THAT(right.out, HasSubstr(" it lacks the right CREATE on database " + database +
+                                     ": let a superuser make it\n"));
+    // And so does what it prints.
+    paste({sql_of(right.out)[0]});
+    EXPECT_EQ(check_as(role, {"--create=minimal"}).status, 0);
+    const run_result run = run_bridge({"--conninfo", conninfo(role), "--create=minimal", "--once"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    sql("DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeCheckTest, WhatTheServerDoesNotSend)
+{
+    sql("CREATE TABLE plain (id int PRIMARY KEY, twice int GENERATED ALWAYS AS (id * 2) STORED);"
+        "CREATE UNLOGGED TABLE quick (id int PRIMARY KEY);"
+        "CREATE UNLOGGED TABLE skipped (id int PRIMARY KEY); CREATE TEMPORARY TABLE own (id int);"
+        "CREATE FOREIGN DATA WRAPPER afar; CREATE SERVER there FOREIGN DATA WRAPPER afar;"
+        "CREATE FOREIGN TABLE \"Far Away\" (id int) SERVER there");
+    configure("skip-table public.skipped\n");
+    const std::string expected =
+        "the server does not log the changes of these tables, they cannot be followed\n"
+        "     public.\"Far Away\": foreign\n     public.quick: unlogged\n";
+    const std::string computed =
+        "the server does not send these columns, which it computes from others; they are left out "
+        "of the log\n     public.plain.twice\n";
+    // Both before a publication is there and after that.
+    const run_result before = check({"--create"});
+    EXPECT_EQ(before.status, 0) << before.err;
+    EXPECT_THAT(before.out, HasSubstr(expected));
+    EXPECT_THAT(before.out, HasSubstr(computed));
+    EXPECT_THAT(before.out, Not(HasSubstr("own:")));
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    const run_result after = check();
+    EXPECT_EQ(after.status, 0) << after.err;
+    EXPECT_THAT(after.out, HasSubstr(expected));
+    EXPECT_THAT(after.out, HasSubstr(computed));
+}
+
+TEST_F(BridgeCheckTest, LinesOfAScanAreTakenAsTheyStand)
+{
+    sql("CREATE TABLE held (id int PRIMARY KEY, note text, code varchar(5), said text);"
+        "INSERT INTO held VALUES (1, repeat('x', 4000), '€€€€€', repeat('y', 1001))");
+    const run_result scanned = check({"--create", "--scan"});
+    EXPECT_EQ(scanned.status, 0) << scanned.err;
+    std::string lines;
+    std::istringstream text(scanned.out);
+    for (std::string line; std::getline(text, line);)
+        if (line.starts_with("     column ") || line == "     values mark")
+            lines += line.substr(5) + "\n";
+    EXPECT_EQ(lines, "column public.held.note width=5000\ncolumn public.held.code width=24\n"
+                     "column public.held.said width=1256\nvalues mark\n");
+    configure(lines);
+    const run_result mended = check({"--create", "--scan"});
+    EXPECT_EQ(mended.status, 0) << mended.out << mended.err;
+    EXPECT_THAT(mended.out, Not(HasSubstr("would be cut")));
+    EXPECT_THAT(mended.out, Not(HasSubstr("values mark")));
+    const run_result run = catch_up({"--create", "--snapshot"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_THAT(run.err, Not(HasSubstr("marked C")));
+}
+
+TEST_F(BridgeCheckTest, AColumnThatHasALineGetsNoSecondOne)
+{
+    sql("CREATE TABLE held (id int PRIMARY KEY, note text); INSERT INTO held VALUES (1, repeat('x',"
+        " 4000))");
+    configure("values mark\ncolumn public.held.note item=REMARK\n");
+    const run_result scanned = check({"--create", "--scan"});
+    EXPECT_THAT(scanned.out, HasSubstr("\n     width=5000 in its line \"column public.held.note "
+                                       "...\" gives it room\n"));
+    EXPECT_THAT(scanned.out, Not(HasSubstr("     column public.held.note width")));
+    configure("values mark\ncolumn public.held.note item=REMARK width=5000\n");
+    EXPECT_THAT(check({"--create", "--scan"}).out, Not(HasSubstr("would be cut")));
+}
+
 TEST_F(BridgeCheckTest, RecordsThatAMessageFileRefuses)
 {
     sql("CREATE TABLE large (id int PRIMARY KEY, note text)");
@@ -524,16 +652,30 @@ TEST_F(BridgeCheckTest, RecordsThatAMessageFileRefuses)
                                       "record of an update up to 40153 of 32761\n"));
 }
 
+TEST_F(BridgeCheckTest, RecordsThatNoWidthShrinks)
+{
+    std::string columns = "id int PRIMARY KEY";
+    for (int i = 0; i < 1000; i++)
+        columns += ", u" + std::to_string(i) + " uuid";
+    sql("CREATE TABLE large (" + columns + ", note text)");
+    const run_result result = check({"--create"});
+    EXPECT_THAT(result.out,
+                HasSubstr("refuses more than 32761: no width of its texts makes it fit, "
+                          "capture it as text\n"));
+}
+
 TEST_F(BridgeCheckTest, PrintsOneJsonObject)
 {
-    sql("CREATE TABLE plain (id int PRIMARY KEY, note text)");
+    sql("CREATE TABLE plain (id int PRIMARY KEY, note text); CREATE TABLE skipped (id int)");
+    configure("skip-table public.skipped\n");
     const run_result result = check({"--create", "--json", "--scan"});
     EXPECT_EQ(result.status, 0) << result.err;
     write_file(dir.file("check.json"), result.out);
     write_file(dir.file("look.py"),
                "import json\n"
                "check = json.load(open('check.json'))\n"
-               "table, = check['tables']\n"
+               "table, skipped = check['tables']\n"
+               "assert skipped['skipped'] and skipped['columns'] == []\n"
                "print(check['starts'], check['slot_exists'], check['text_encoding'],"
                " check['values'])\n"
                "print(table['table'], table['database'], table['dataset'], table['rows'],"
@@ -601,7 +743,7 @@ TEST(CheckServer, SettingsAreSetByWhatItPrints)
 {
     if (const std::string why = pg_server::missing(); !why.empty())
         GTEST_SKIP() << why;
-    pg_server server({"wal_level = replica", "max_replication_slots = 0"});
+    pg_server server({"wal_level = replica", "max_replication_slots = 0", "max_wal_senders = 0"});
     const tempdir dir;
     run_setup options;
     options.directory = dir.path();
@@ -619,8 +761,13 @@ TEST(CheckServer, SettingsAreSetByWhatItPrints)
     EXPECT_THAT(missing.out, HasSubstr("all 0 of max_replication_slots are in use: raise it and "
                                        "restart the server\n"
                                        "     ALTER SYSTEM SET max_replication_slots = 4;\n"));
+    EXPECT_THAT(missing.out,
+                HasSubstr("\n     ALTER SYSTEM SET max_wal_senders = 4; -- and restart "
+                          "the server\n"));
     pg_client(server.conninfo()).run("ALTER SYSTEM SET wal_level = logical");
     pg_client(server.conninfo()).run("ALTER SYSTEM SET max_replication_slots = 4");
+    pg_client(server.conninfo())
+        .run("ALTER SYSTEM SET max_wal_senders = 4; -- and restart the server");
     server.stop();
     server.start();
     const run_result mended = check();
