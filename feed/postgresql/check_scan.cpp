@@ -48,24 +48,39 @@ static std::string text_of(const std::string &column, feed_meaning meaning)
     return meaning == FEED_FILLED_WORDS ? "rtrim(" + text + ", ' ')" : text;
 }
 
-static std::string length_of(const pgk_report &report, const std::string &text)
+// The hexadecimal digits of a text in UTF-8.  Of a database without an encoding they are what it
+// holds: the server itself takes any bytes there.
+static std::string digits_of(const pgk_report &report, const std::string &text)
 {
-    if (report.encoding == FWU_LATIN1)
-        return "char_length(" + text + ")";
-    const std::string &encoding = report.found.encoding;
-    return encoding == "UTF8" || encoding == "SQL_ASCII"
-               ? "octet_length(" + text + ")"
-               : "octet_length(convert_to(" + text + ", 'UTF8'))";
+    const bool any_bytes = report.found.encoding == "SQL_ASCII";
+    return "encode(convert_to(" + text + (any_bytes ? ", 'SQL_ASCII'" : ", 'UTF8'") + "), 'hex')";
 }
 
-// Bytes of a database without an encoding that are no UTF-8, by a pattern of their hexadecimal
-// digits: of such a database the server itself takes any.
-static std::string no_utf8(const std::string &text)
+static std::string length_of(const pgk_report &report, const std::string &text)
 {
-    return "encode(convert_to(" + text +
-           ", 'SQL_ASCII'), 'hex') !~ '^([0-7].|(c[2-9a-f]|d.)[89ab].|e0[ab].[89ab]."
-           "|e[1-9abcef]([89ab].){2}|ed[89].[89ab].|f0[9ab].([89ab].){2}|f[1-3]([89ab].){3}"
-           "|f48.([89ab].){2})*$'";
+    const std::string &encoding = report.found.encoding;
+    const bool any_bytes = encoding == "SQL_ASCII";
+    if (report.encoding == FWU_LATIN1)
+        return any_bytes // a byte that does not continue a character is one
+                   ? "length(regexp_replace(" + digits_of(report, text) +
+                         ", '([^89ab].)|[89ab].', '\\1', 'g')) / 2"
+                   : "char_length(" + text + ")";
+    return encoding == "UTF8" || any_bytes ? "octet_length(" + text + ")"
+                                           : "octet_length(convert_to(" + text + ", 'UTF8'))";
+}
+
+// Whether a text has characters, or bytes, without a place in the log.
+static std::string no_place(const pgk_report &report, const std::string &text)
+{
+    const std::string &encoding = report.found.encoding;
+    if (report.encoding == FWU_LATIN1)
+        return encoding == "UTF8" ? text + " ~ '[^\\u0001-\\u00FF]'"
+                                  : digits_of(report, text) + " !~ '^([0-7].|c[23][89ab].)*$'";
+    if (encoding != "SQL_ASCII")
+        return "false";
+    return digits_of(report, text) +
+           " !~ '^([0-7].|(c[2-9a-f]|d.)[89ab].|e0[ab].[89ab].|e[1-9abcef]([89ab].){2}"
+           "|ed[89].[89ab].|f0[9ab].([89ab].){2}|f[1-3]([89ab].){3}|f48.([89ab].){2})*$'";
 }
 
 static column_terms stamp_terms(const std::string &column, const std::string &type,
@@ -95,10 +110,9 @@ static column_terms text_terms(const pgk_report &report, const pgk_column &colum
         return terms;
     }
     terms.cut = over;
-    if (report.encoding == FWU_LATIN1 && report.found.encoding == "UTF8")
-        terms.replaced = text + " ~ '[^\\u0001-\\u00FF]' AND NOT " + over;
-    else if (report.found.encoding == "SQL_ASCII")
-        terms.replaced = no_utf8(text) + " AND NOT " + over;
+    const std::string replaced = no_place(report, text);
+    if (replaced != terms.replaced)
+        terms.replaced = replaced + " AND NOT " + over;
     return terms;
 }
 

@@ -444,6 +444,40 @@ TEST_F(BridgeCheckTest, ScanOfTheOldEncodingCountsCharacters)
     EXPECT_THAT(strict.out, HasSubstr("public.held.code: 1 row with characters without a place"));
 }
 
+TEST_F(BridgeCheckTest, ScanOfADatabaseWithoutEncodingCountsBytesThatAreNoUtf8)
+{
+    pg_client(server->conninfo())
+        .run("CREATE DATABASE bytes_" + database +
+             " ENCODING 'SQL_ASCII' TEMPLATE template0 LC_COLLATE 'C' LC_CTYPE 'C'");
+    const std::string other = database;
+    database = "bytes_" + other;
+    // The last of each length and the first of the next; then what is none: not continued,
+    // continuing nothing, longer than need be, half of a pair, beyond the last character.
+    sql("CREATE TABLE held (id serial PRIMARY KEY, note text); ALTER TABLE held REPLICA IDENTITY "
+        "FULL; INSERT INTO held (note) VALUES (E'~\\x7f'), (E'\\xc2\\x80 \\xc3\\xbf'),"
+        " (E'\\xdf\\xbf'), (E'\\xe0\\xa0\\x80'), (E'\\xed\\x9f\\xbf\\xee\\x80\\x80'),"
+        " (E'\\xef\\xbf\\xbf'), (E'\\xf0\\x90\\x80\\x80'), (E'\\xf4\\x8f\\xbf\\xbf'), (NULL), ('');"
+        "INSERT INTO held (note) VALUES (E'a\\xffz'), (E'\\xc3'), (E'\\xc3z'), (E'\\xe2\\x82'),"
+        " (E'\\x80'), (E'\\xc0\\x80'), (E'\\xc1\\xbf'), (E'\\xe0\\x9f\\xbf'), (E'\\xed\\xa0\\x80'),"
+        " (E'\\xf0\\x8f\\xbf\\xbf'), (E'\\xf4\\x90\\x80\\x80'), (E'\\xf5\\x80\\x80\\x80')");
+    const run_result scanned = check({"--create", "--scan"});
+    EXPECT_EQ(scanned.status, 0) << scanned.err;
+    EXPECT_THAT(scanned.out, HasSubstr("public.held.note: 12 rows would have characters replaced, "
+                                       "of 22 rows in all; item NOTE is X 1000\n"));
+    // A run finds the same.
+    ASSERT_EQ(catch_up({"--create", "--snapshot"}).status, 0);
+    EXPECT_EQ(status_member("replaced"), "12");
+    // The old encoding has no more than 256 characters.
+    std::filesystem::remove_all(dir.file("log"));
+    configure("text-encoding iso-8859-1\ncolumn public.held.note width=3\nvalues mark\n");
+    const run_result old = check({"--create", "--scan"});
+    EXPECT_THAT(old.out, HasSubstr("public.held.note: 18 rows would have characters replaced, of "
+                                   "22 rows in all; item NOTE is X 3\n"));
+    sql("SELECT pg_drop_replication_slot('" + database + "')");
+    pg_client(server->conninfo()).run("DROP DATABASE " + database + " WITH (FORCE)");
+    database = other;
+}
+
 TEST_F(BridgeCheckTest, ScanOfDescribedTables)
 {
     sql("CREATE SCHEMA load; CREATE TABLE load.ledger (id bigint PRIMARY KEY, client bigint,"
