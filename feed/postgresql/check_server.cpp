@@ -264,6 +264,24 @@ static outcome look_at_unidentified(pgk_report &report)
     return asked;
 }
 
+// A publication of all tables that was made without what --create makes before it.
+static outcome look_at_later_tables(pgk_report &report)
+{
+    std::vector<std::string> commands;
+    outcome asked = pgb_later_tables_commands(report.server, commands);
+    std::vector<std::string> sql;
+    put_commands(sql, commands);
+    if (!sql.empty())
+        pgk_note(
+            report, "identity",
+            "publication \"" + report.server.publication +
+                "\" has all tables, also later ones, and nothing gives those without a "
+                "primary key an identity: the server will refuse their updates and deletes, "
+                "those of the application, too; a superuser makes what sees to them with these",
+            std::move(sql));
+    return asked;
+}
+
 static outcome look_at_publication(pgk_report &report)
 {
     pgs_server &server = report.server;
@@ -299,7 +317,9 @@ static outcome look_at_publication(pgk_report &report)
                  name + "gives each partition as a table of its own; with this they come as their "
                         "parent's rows",
                  {alter + "publish_via_partition_root = true);"});
-    return is_true(result, 0, 0) ? outcome() : look_at_others(report, is_true(result, 0, 4));
+    if (!is_true(result, 0, 0))
+        return look_at_others(report, is_true(result, 0, 4));
+    return found.updates ? look_at_later_tables(report) : outcome();
 }
 
 static outcome look_at_slot(pgk_report &report)
