@@ -2,6 +2,8 @@
 #include "feed/image.h"
 
 #include "feed/marks.h"
+#include "feed/policy.h"
+#include "feed/remedy.h"
 
 #include <cstring>
 
@@ -11,16 +13,27 @@ static const feed_column *column_at(const feed_map &map, const feed_row &row, si
     return index == FEED_NO_COLUMN ? nullptr : &row.columns[static_cast<size_t>(index)];
 }
 
-static outcome missing_error(const feed_table &table, const fwu_item &item, bool is_old)
+// What else helps: that such values are marked, unless the dataset has no place for that and
+// nobody asked for it.
+static std::string or_mark(const feed_table &table, const std::string &lead,
+                           const std::string &remedy, fwu_policy wanted)
 {
+    if (table.dataset->null_map >= 0)
+        return lead + remedy;
+    return wanted == FWU_POLICY_MARK ? lead + feed_null_map_remedy(table) : "";
+}
+
+static outcome missing_error(const feed_table &table, size_t index, bool is_old)
+{
+    const fwu_item &item = table.dataset->layout.items[index];
     std::string error = table.name + ": item " + item.name;
     error += is_old ? " has no column in the old row of this change: "
                     : " has no column in the stream: ";
     if (is_old && !table.old_row_remedy.empty())
         error += table.old_row_remedy + ", or ";
     error += "take the item out of the configuration";
-    if (table.dataset->null_map >= 0)
-        error += ", or let what is missing be marked: table " + table.name + " values=mark";
+    error += or_mark(table, ", or let what is missing be marked: ", feed_mark_remedy(table, index),
+                     feed_policy_of(*table.config, table.name, FWU_POLICY_UNSAID));
     return outcome_bad(std::move(error));
 }
 
@@ -33,13 +46,17 @@ static outcome null_error(const feed_table &table)
 }
 
 // Names the column of a value that was refused, and what would take it.
-static outcome refuse(const feed_table &table, const feed_column &column, outcome why)
+static outcome refuse(const feed_table &table, const feed_place &place, const feed_column &column,
+                      const feed_refusal &refusal, const outcome &why)
 {
-    const std::string name = feed_column_name(table, column);
-    if (table.dataset->null_map < 0)
-        return std::move(why).at(name + ": ");
-    return outcome_bad(name + ": " + why.text() + "; or let such values be marked: column " + name +
-                       " values=mark");
+    std::string error = feed_column_name(table, column) + ": " + why.text() + ": ";
+    error += feed_value_remedy(table, place.item, column, refusal);
+    if (refusal.may_cut)
+        error += ", or cut texts with --truncate";
+    error +=
+        or_mark(table, "; or let such values be marked: ", feed_mark_remedy(table, column.name),
+                feed_policy_of(*table.config, table.name, column.name, FWU_POLICY_UNSAID));
+    return outcome_bad(std::move(error));
 }
 
 // Puts a value, or what stands for one; place.flag is then the item's character in the null map.
@@ -48,7 +65,7 @@ static outcome put_item(feed_image_work &work, const feed_item_at &at, feed_plac
 {
     if (column == nullptr) {
         if (!place.mark)
-            return missing_error(at.table, place.item, at.image == FWU_IMAGE_BEFORE);
+            return missing_error(at.table, at.item, at.image == FWU_IMAGE_BEFORE);
         feed_put_blank(place.item, place.out);
         place.flag = FWU_FLAG_UNKNOWN;
         feed_mark_unknown(work, at);
@@ -63,7 +80,7 @@ static outcome put_item(feed_image_work &work, const feed_item_at &at, feed_plac
     }
     outcome put = feed_put_value(work, place, *column);
     if (!put && !place.mark)
-        return refuse(at.table, *column, std::move(put));
+        return refuse(at.table, place, *column, work.refusal, put);
     if (!put) {
         feed_put_blank(place.item, place.out);
         place.flag = FWU_FLAG_BLANK;

@@ -2,6 +2,7 @@
 // outlast the table's record, which is made anew when its columns change.
 #include "feed/marks.h"
 
+#include "feed/remedy.h"
 #include "feed/text.h"
 
 // A bit for each kind of mark; what an old row lacks says nothing of new ones.
@@ -43,7 +44,8 @@ static std::string_view whole_text(const feed_column &column)
 
 // What became of the value.
 static std::string mark_text(const feed_table &table, const feed_place &place,
-                             const feed_column &column, const std::string &why)
+                             const feed_column &column, const feed_refusal &refusal,
+                             const std::string &why)
 {
     const std::string value = feed_quote(whole_text(column));
     switch (place.flag) {
@@ -54,13 +56,12 @@ static std::string mark_text(const feed_table &table, const feed_place &place,
         return value + " is too long for item " + feed_item_text(place.item) +
                ", cut and marked C: " +
                (table.own == nullptr ? "make the item wider"
-                                     : "put the line \"column " + feed_column_name(table, column) +
-                                           " width=N\" into the configuration, and \"values mark\" "
-                                           "if it is not there");
+                                     : feed_wider_remedy(table, place.item, column, 0));
     case FWU_FLAG_REPLACED:
         return value + " has " + feed_no_place_text(place.bad) + ": replaced and marked R";
     default:
-        return why + "; left blank and marked !";
+        return why + ", left blank and marked !: " +
+               feed_value_remedy(table, place.item, column, refusal);
     }
 }
 
@@ -74,7 +75,7 @@ void feed_mark(feed_image_work &work, const feed_item_at &at, const feed_place &
         {.item = static_cast<int32_t>(at.item), .image = at.image, .text = whole_text(column)});
     if (is_news(work, at, place.flag))
         work.notes.push_back(feed_column_name(at.table, column) + ": " +
-                             mark_text(at.table, place, column, why) +
+                             mark_text(at.table, place, column, work.refusal, why) +
                              " (the whole value stands beside its record; told once)");
 }
 

@@ -140,6 +140,7 @@ static std::unique_ptr<feed_table> make_table(const feed_tables &tables, const s
 {
     auto made = std::make_unique<feed_table>();
     made->name = name;
+    made->config = tables.config;
     made->old_row_remedy = tables.old_row_remedy;
     const size_t place = made->old_row_remedy.find('%');
     if (place != std::string::npos)

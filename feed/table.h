@@ -38,6 +38,7 @@ struct feed_told {
 
 struct feed_table {
     std::string name;                     // its fwu_source_name, "sales.orders"
+    const fwu_config *config = nullptr;   // what is said of it
     const fwu_dataset *dataset = nullptr; // null: left out of the log on purpose
     fwu_layout layout;                    // the dataset's, and where it comes from
     feed_told told;                       // what layout.source was made from

@@ -33,31 +33,37 @@ std::string feed_item_text(const fwu_item &item)
     return out + ")";
 }
 
-static outcome number_error(const fwu_item &item, std::string_view text, feed_number_result result)
+static outcome refuse(feed_value_work &work, std::string what, feed_refusal refusal)
 {
-    std::string error = feed_quote(text);
+    work.refusal = std::move(refusal);
+    return outcome_bad(std::move(what));
+}
+
+static outcome number_error(feed_value_work &work, const fwu_item &item, std::string_view text,
+                            feed_number_result result)
+{
+    const std::string value = feed_quote(text);
+    const std::string name = feed_item_text(item);
     switch (result) {
     case FEED_NUMBER_OK:
         return {};
     case FEED_NOT_A_NUMBER:
-        error += " is not a number, item " + feed_item_text(item) + " needs one: make it an X item";
-        break;
+        return refuse(work, value + " is not a number, item " + name + " needs one",
+                      {.remedy = "make it an X item", .is_narrow = true});
     case FEED_NUMBER_FRACTION:
-        error += " has decimal places that item " + feed_item_text(item) +
-                 " has no room for: give the item more of them (scale=N)";
-        break;
+        return refuse(work, value + " has decimal places that item " + name + " has no room for",
+                      {.remedy = "give the item more of them (scale=N)", .is_narrow = true});
     case FEED_NUMBER_DIGITS:
-        error +=
-            " has more digits than item " + feed_item_text(item) + " holds: make the item longer";
-        break;
+        return refuse(work, value + " has more digits than item " + name + " holds",
+                      {.remedy = "make the item longer", .is_narrow = true});
     case FEED_NUMBER_RANGE:
-        error += " is out of the range of item " + feed_item_text(item) + ": make the item wider";
-        break;
+        return refuse(work, value + " is out of the range of item " + name,
+                      {.remedy = "make the item wider", .is_narrow = true});
     }
-    return outcome_bad(std::move(error));
+    return {};
 }
 
-static outcome put_number(const feed_value_work &work, const fwu_item &item, const value &from,
+static outcome put_number(feed_value_work &work, const fwu_item &item, const value &from,
                           unsigned char *out)
 {
     const std::string_view text = from.kind == FEED_TRUE    ? "1"
@@ -80,7 +86,7 @@ static outcome put_number(const feed_value_work &work, const fwu_item &item, con
         result = feed_put_integer(text, item.type != 'K', big_endian, out, item.size);
         break;
     }
-    return result == FEED_NUMBER_OK ? outcome() : number_error(item, text, result);
+    return result == FEED_NUMBER_OK ? outcome() : number_error(work, item, text, result);
 }
 
 // The timestamp as work.text; one with time zone becomes UTC.
@@ -92,18 +98,21 @@ static outcome make_stamp(feed_value_work &work, const fwu_item &item, std::stri
     }
     feed_stamp stamp;
     if (!feed_stamp_parse(stamp, text))
-        return outcome_bad(feed_quote(text) +
-                           " is not a timestamp of the years 0001 to 9999, written "
-                           "YYYY-MM-DD HH:MM:SS: let the server write dates in the ISO "
-                           "style, or leave the column out of the dataset");
+        return refuse(work,
+                      feed_quote(text) + " is not a timestamp of the years 0001 to 9999, written "
+                                         "YYYY-MM-DD HH:MM:SS",
+                      {.remedy = "let the server write dates in the ISO style, or leave the "
+                                 "column out of the dataset",
+                       .is_narrow = true});
     const size_t width = static_cast<size_t>(item.size);
     const size_t decimals =
         width <= STAMP_LENGTH ? 0 : std::min(width - STAMP_LENGTH - 1, STAMP_DECIMALS_MAX);
     if (feed_stamp_format(work.text, stamp, static_cast<int>(decimals)))
         return {};
-    return outcome_bad(
-        feed_quote(text) + " has decimals that item " + feed_item_text(item) +
-        " has no room for (or a year above 9999 in UTC): make the item up to 26 wide");
+    return refuse(work,
+                  feed_quote(text) + " has decimals that item " + feed_item_text(item) +
+                      " has no room for (or a year above 9999 in UTC)",
+                  {.remedy = "make the item up to 26 wide", .is_narrow = true});
 }
 
 std::string feed_no_place_text(uint32_t bad)
@@ -115,22 +124,24 @@ std::string feed_no_place_text(uint32_t bad)
     return std::string("the character ") + code + ", which has no place in ISO 8859-1";
 }
 
-static outcome too_long(const feed_value_work &work, const fwu_item &item, std::string_view text,
+static outcome too_long(feed_value_work &work, const fwu_item &item, std::string_view text,
                         size_t length, bool may_cut)
 {
     const bool utf8 = work.settings.encoding == FWU_UTF8;
-    return outcome_bad(feed_quote(text) + " is " + std::to_string(length) +
-                       (utf8 ? " bytes long, item " : " characters long, item ") +
-                       feed_item_text(item) + " holds " + std::to_string(item.size) +
-                       ": make the item wider" + (may_cut ? ", or cut texts with --truncate" : ""));
+    return refuse(work,
+                  feed_quote(text) + " is " + std::to_string(length) +
+                      (utf8 ? " bytes long, item " : " characters long, item ") +
+                      feed_item_text(item) + " holds " + std::to_string(item.size),
+                  {.remedy = "make the item wider", .is_narrow = true, .may_cut = may_cut});
 }
 
-static outcome no_place(std::string_view text, uint32_t bad)
+static outcome no_place(feed_value_work &work, std::string_view text, uint32_t bad)
 {
-    return outcome_bad(feed_quote(text) + " has " + feed_no_place_text(bad) +
-                       ": change the text at its source, " +
-                       (bad == FEED_NOT_UTF8 ? "" : "begin a new log with text-encoding utf-8, ") +
-                       "or leave the column out of the dataset");
+    return refuse(
+        work, feed_quote(text) + " has " + feed_no_place_text(bad),
+        {.remedy = std::string("change the text at its source, ") +
+                   (bad == FEED_NOT_UTF8 ? "" : "begin a new log with text-encoding utf-8, ") +
+                   "or leave the column out of the dataset"});
 }
 
 static void put_bytes(const feed_place &place, std::string_view bytes)
@@ -168,7 +179,7 @@ static outcome put_words(feed_value_work &work, feed_place &place, const value &
     const bool cuts = place.mark && may_cut;
     feed_encoded made = feed_encode(work.text, text, encoding, cuts ? width : FEED_ALL);
     if (made.bad != 0 && !place.mark)
-        return no_place(text, made.bad);
+        return no_place(work, text, made.bad);
     if (work.text.size() > width) {
         if (!may_cut || !work.settings.truncate)
             return too_long(work, place.item, from.text, work.text.size(), may_cut);
@@ -224,16 +235,20 @@ static outcome put_array(feed_value_work &work, feed_place &place, const value &
 {
     const fwu_item &item = place.item;
     if (from.kind != FEED_TEXT)
-        return outcome_bad("is not an array, item " + item.name + " has " +
-                           std::to_string(item.count) + " elements: give it one element");
+        return refuse(work,
+                      "is not an array, item " + item.name + " has " + std::to_string(item.count) +
+                          " elements",
+                      {.remedy = "give it one element"});
     if (const char *wrong = feed_array(work.elements, from.text))
-        return outcome_bad(feed_quote(from.text) + " " + wrong + "; item " + item.name +
-                           " needs a list of " + std::to_string(item.count) +
-                           " values: or make it an X item of one element");
+        return refuse(work,
+                      feed_quote(from.text) + " " + wrong + "; item " + item.name +
+                          " needs a list of " + std::to_string(item.count) + " values",
+                      {.remedy = "or make it an X item of one element"});
     if (work.elements.size() != static_cast<size_t>(item.count))
-        return outcome_bad(feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
-                           " elements, item " + item.name + " has " + std::to_string(item.count) +
-                           ": the numbers must be the same");
+        return refuse(work,
+                      feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
+                          " elements, item " + item.name + " has " + std::to_string(item.count),
+                      {.remedy = "the numbers must be the same"});
     feed_place element_place = {.item = item, .out = place.out, .mark = place.mark};
     for (const std::string &element : work.elements) {
         value one{.kind = FEED_TEXT, .text = element, .meaning = from.meaning};

@@ -17,12 +17,20 @@ struct feed_value_settings {
     bool truncate = false;              // cut texts that are too long instead of refusing them
 };
 
+// What would have taken the value that was refused last.
+struct feed_refusal {
+    std::string remedy;     // where the configuration describes the item
+    bool is_narrow = false; // a text item that is wide enough
+    bool may_cut = false;   // --truncate
+};
+
 // What is kept from value to value.
 struct feed_value_work {
     feed_value_settings settings;
     uint64_t truncated = 0; // texts cut so far since the settings say so
     std::string text;
     std::vector<std::string> elements;
+    feed_refusal refusal;
 };
 
 // Where a value goes, and what became of it there.
@@ -35,8 +43,8 @@ struct feed_place {
     uint32_t bad = 0;    // replaced: the first such character, see feed_encode
 };
 
-// Brings a column's value, which is not null, to its item.  OUTCOME_BAD, with the reason,
-// when it does not fit; the item then holds anything.
+// Brings a column's value, which is not null, to its item.  OUTCOME_BAD, with the reason, when
+// it does not fit; work.refusal then says what would help, and the item holds anything.
 outcome feed_put_value(feed_value_work &work, feed_place &place, const feed_column &column);
 
 // "PRICE (P 5, 2 decimal places)", and "the character U+20AC, which has no place in ISO 8859-1",

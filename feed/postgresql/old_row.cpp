@@ -6,6 +6,7 @@
 #include "feed/postgresql/old_row.h"
 
 #include "feed/postgresql/identity.h"
+#include "feed/remedy.h"
 #include "feed/text.h"
 
 #include <algorithm>
@@ -157,8 +158,11 @@ std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relation
     text += commands.empty() ? ", since it was made before the table got REPLICA IDENTITY FULL; "
                              : "; let the server send it:" + commands + "\n";
     text += "what was changed before that cannot be followed: ";
-    if (table.dataset != nullptr && table.dataset->null_map >= 0)
-        text += "mark what is not known with the line table " + table.name + " values=mark, ";
+    if (table.dataset != nullptr && table.dataset->null_map >= 0) {
+        const std::string remedy = feed_mark_remedy(table);
+        text += "mark what is not known";
+        text += (remedy.starts_with("table ") ? " with the line " : ": ") + remedy + ", ";
+    }
     return text + "leave the table out with the line skip-table " + table.name +
            ", or begin a new log";
 }

@@ -231,8 +231,8 @@ TEST(FeedMarks, EachKindOfMarkIsToldOnceForAColumn)
         ElementsAre("sales.orders.a: \"abcd\" is too long for item A (X 3), cut and marked C: "
                     "make the item wider" +
                         kept,
-                    "sales.orders.b: \"70000\" is out of the range of item B (I 2): make the "
-                    "item wider; left blank and marked !" +
+                    "sales.orders.b: \"70000\" is out of the range of item B (I 2), left blank "
+                    "and marked !: make the item wider" +
                         kept));
     make.work.notes.clear();
     EXPECT_EQ(make.fresh(row("ab ", "80000")).substr(5), "C!");
@@ -269,8 +269,8 @@ TEST(FeedMarks, ItemFromTheSourceGetsWiderByALineThatIsTold)
         work.notes,
         ElementsAre("sales.orders.\"a b\": \"abcd\" is too long for item A (X 3), cut and "
                     "marked C: put the line \"column sales.orders.\"a b\" width=N\" into the "
-                    "configuration, and \"values mark\" if it is not there (the whole value stands "
-                    "beside its record; told once)"));
+                    "configuration, and \"values mark\" with it (the whole value stands beside its "
+                    "record; told once)"));
 }
 
 TEST(FeedMarks, PolicyIsEachColumnsOwn)
@@ -284,11 +284,14 @@ TEST(FeedMarks, PolicyIsEachColumnsOwn)
     EXPECT_EQ(make.fresh(row("123", "12")), "1212C.");
     EXPECT_EQ(make.fresh(row("123", "123")),
               "error: sales.orders.b_c: \"123\" is 3 characters long, item B-C (X 2) holds 2: make "
-              "the item wider, or cut texts with --truncate; or let such values be marked: column "
-              "sales.orders.b_c values=mark");
-    EXPECT_EQ(make.fresh(row_of({text_column("a", WORDS, "1")})),
-              "error: sales.orders: item B-C has no column in the stream: take the item out of the "
-              "configuration, or let what is missing be marked: table sales.orders values=mark");
+              "the item wider, or cut texts with --truncate; or let such values be marked: change "
+              "values=error to values=mark in the line of test.cfg that begins with \"column "
+              "sales.orders.b_c\"");
+    EXPECT_EQ(
+        make.fresh(row_of({text_column("a", WORDS, "1")})),
+        "error: sales.orders: item B-C has no column in the stream: take the item out of the "
+        "configuration, or let what is missing be marked: change values=error to values=mark in "
+        "the line of test.cfg that begins with \"column sales.orders.b_c\"");
     EXPECT_EQ(make.old(row_of({text_column("b_c", WORDS, "1")})), "  1 ?.");
 }
 
@@ -302,6 +305,102 @@ TEST(FeedMarks, BlanksAtTheEndAreTold)
                             "record; told once)"));
 }
 
+// A line that is there cannot be given again.
+TEST(FeedMarks, RemedyNamesTheLineThatIsThere)
+{
+    const feed_row row = row_of({text_column("a", WORDS, "abcd")});
+    const auto said = [&](fwu_config config, bool is_missing) {
+        maker make(std::move(config));
+        const std::string error = make.fresh(is_missing ? row_of({}) : row);
+        return error.substr(error.find("be marked: ") + 11);
+    };
+    fwu_config config = marked({item_of("A", 'X', 3)});
+    config.policy = FWU_POLICY_ERROR;
+    EXPECT_EQ(said(config, false), "column sales.orders.a values=mark");
+    EXPECT_EQ(said(config, true), "table sales.orders values=mark");
+    config.columns.push_back({.table = "sales.orders", .column = "a", .item = {}, .key = true});
+    EXPECT_EQ(said(config, false), "add values=mark in the line of test.cfg that begins with "
+                                   "\"column sales.orders.a\"");
+    EXPECT_EQ(said(config, true), "table sales.orders values=mark");
+    config.table_rules = {{"sales.orders", FWU_POLICY_ERROR}};
+    EXPECT_EQ(said(config, true), "change values=error to values=mark in the line of test.cfg that "
+                                  "begins with \"table sales.orders\"");
+}
+
+// What is told of a value in an item that comes from the source, under marks.
+static std::string wider(const fwu_config &config, const fwu_item &item, const feed_column &column)
+{
+    feed_tables tables = {.config = &config, .default_policy = FWU_POLICY_MARK};
+    fwu_dataset dataset = marked({item}).datasets[0];
+    feed_table *table = nullptr;
+    EXPECT_TRUE(feed_put_table(table, tables, "sales.orders", std::move(dataset), {"value"}));
+    feed_image_work work;
+    std::vector<unsigned char> image;
+    EXPECT_TRUE(feed_new_image(work, image, *table, row_of({column}), nullptr));
+    EXPECT_EQ(work.notes.size(), 1U);
+    const std::string note = work.notes.empty() ? "" : work.notes[0];
+    const size_t at = note.find("marked ") + 10;
+    return note.substr(at, note.rfind(" (the whole") - at);
+}
+
+// The width is one that takes the value, and all others that the item has taken so far.
+TEST(FeedMarks, RemedyGivesTheWidthThatTakesTheValue)
+{
+    const struct {
+        fwu_item item;
+        feed_column column;
+        int32_t width;
+    } rows[] = {
+        {value_item('X', 10), text(PLAIN, "0044-03-15 BC"), 13},
+        {value_item('X', 10), text(PLAIN, "10000-01-01"), 11},
+        {value_item('X', 26), text(TIMESTAMP, "0044-03-15 12:00:00 BC"), 38},
+        {value_item('X', 26), text(TIMESTAMP, "10000-01-01 00:00:00+00"), 38},
+        {value_item('P', 4, 1, 2), text(PLAIN, "NaN"), 10},
+        {value_item('P', 2, 1, 2), text(PLAIN, "123456.78"), 9},
+        {value_item('P', 2, 1, 2), text(PLAIN, "1.234"), 6},
+        {value_item('Z', 2), digits("100"), 5},
+        {value_item('I', 2), digits("40000"), 20},
+        {value_item('E', 4), digits("1e60"), 24},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.column.value);
+        fwu_config config;
+        config.path = "test.cfg";
+        const std::string width = "width=" + std::to_string(row.width);
+        EXPECT_EQ(wider(config, row.item, row.column),
+                  "put the line \"column sales.orders.value " + width +
+                      "\" into the configuration, and \"values mark\" with it");
+        config.policy = FWU_POLICY_MARK;
+        EXPECT_EQ(wider(config, row.item, row.column), "put the line \"column sales.orders.value " +
+                                                           width + "\" into the configuration");
+        config.columns.push_back(policy_line("sales.orders", "value", FWU_POLICY_MARK));
+        const std::string line = " in the line of test.cfg that begins with \"column "
+                                 "sales.orders.value\"";
+        EXPECT_EQ(wider(config, row.item, row.column), "add " + width + line);
+        config.columns[0].width = 1;
+        EXPECT_EQ(wider(config, row.item, row.column), "change width=1 to " + width + line);
+
+        // As it says; the server's text is taken as it is then.
+        feed_column as_text = row.column;
+        as_text.type = PLAIN;
+        maker make(marked({value_item('X', row.width)}));
+        EXPECT_EQ(make.fresh(row_of({as_text})).back(), '.');
+    }
+}
+
+TEST(FeedMarks, RemedyForTextsIsAGreaterWidth)
+{
+    fwu_config config;
+    config.path = "test.cfg";
+    config.columns.push_back(policy_line("sales.orders", "value", FWU_POLICY_MARK));
+    config.columns[0].width = 3;
+    EXPECT_EQ(wider(config, value_item('X', 3), text(WORDS, "abcd")),
+              "change width=3 to a greater one in the line of test.cfg that begins with \"column "
+              "sales.orders.value\"");
+    EXPECT_EQ(wider(config, value_item('P', 3), text(PLAIN, std::string(32'768, '9'))),
+              "no item is longer than 32767 bytes");
+}
+
 TEST(FeedMarks, DatasetWithoutNullMapKeepsItsErrors)
 {
     fwu_config config = config_of({item_of("A", 'X', 2)});
@@ -309,13 +408,17 @@ TEST(FeedMarks, DatasetWithoutNullMapKeepsItsErrors)
     config.table_rules = {{"sales.orders", FWU_POLICY_MARK}};
     config.columns.push_back(policy_line("sales.orders", "a", FWU_POLICY_MARK));
     maker make(std::move(config));
-    EXPECT_EQ(make.fresh(row_of({text_column("a", WORDS, "123")})),
-              "error: sales.orders.a: \"123\" is 3 characters long, item A (X 2) holds 2: make the "
-              "item wider, or cut texts with --truncate");
     EXPECT_EQ(
-        make.old(row_of({})),
-        "error: sales.orders: item A has no column in the old row of this change: run ALTER "
-        "TABLE sales.orders REPLICA IDENTITY FULL, or take the item out of the configuration");
+        make.fresh(row_of({text_column("a", WORDS, "123")})),
+        "error: sales.orders.a: \"123\" is 3 characters long, item A (X 2) holds 2: make the "
+        "item wider, or cut texts with --truncate; or let such values be marked: give dataset "
+        "SALES.ORDERS in test.cfg an item with the word null-map, X 1, which marks need");
+    EXPECT_EQ(make.old(row_of({})),
+              "error: sales.orders: item A has no column in the old row of this change: run ALTER "
+              "TABLE sales.orders REPLICA IDENTITY FULL, or take the item out of the "
+              "configuration, or let what "
+              "is missing be marked: give dataset SALES.ORDERS in test.cfg an item with the word "
+              "null-map, X 1, which marks need");
     EXPECT_EQ(make.work.marked, feed_marked());
     EXPECT_THAT(make.work.values, IsEmpty());
 }

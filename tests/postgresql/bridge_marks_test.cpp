@@ -75,9 +75,12 @@ TEST_F(BridgeMarksTest, ErrorStopsWhereTheConfigurationWantsIt)
     sql("INSERT INTO shop.notes VALUES (1, 'longer than that', 1, NULL)");
     const run_result refused = catch_up();
     EXPECT_EQ(refused.status, 1);
-    const std::string line = "column shop.notes.note values=mark";
-    EXPECT_THAT(refused.err, HasSubstr(line));
-    // The line that is told does it, for this column alone.
+    EXPECT_THAT(refused.err,
+                HasSubstr("change width=9 to width=16 "
+                          "in the line of fwutil.cfg that begins with "
+                          "\"column shop.notes.note\", or cut texts with --truncate; "
+                          "or let such values be marked: add values=mark in the line"));
+    // What is told does it, for this column alone.
     configure("values error\ncolumn shop.notes.note width=9 values=mark\n");
     catch_up_well();
     EXPECT_TRUE(logged("NOTE=\"longer th\" PRICE=1.00 AT=\"\" NULL-MAP=\".C.N\""));
