@@ -4,6 +4,7 @@
 
 #include "fwutil/fwu_source_name.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <utility>
 
@@ -126,6 +127,10 @@ static int take_column_option(const fwu_writing_lines &r, fwu_column &column,
         if (column.item.empty() || column.item.size() > FWU_ITEM_NAME_MAX)
             return fwu_config_wrong(r.at, "%s: an item name has 1 to %d bytes", word.c_str(),
                                     FWU_ITEM_NAME_MAX);
+        if (std::any_of(column.item.begin(), column.item.end(),
+                        [](char c) { return c <= ' ' || c > '~'; }))
+            return fwu_config_wrong(r.at, "%s: an item name has no characters outside ASCII",
+                                    word.c_str());
     } else if (text.starts_with("width=") && column.width == 0) {
         column.width = width_of(text.substr(6));
         if (column.width < 1)

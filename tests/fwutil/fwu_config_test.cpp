@@ -364,6 +364,7 @@ static const config_row ERRORS[] = {
     {LOGDIR "column a.b. width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
     {LOGDIR "column a..c width=3\n", "2: column takes one name of the form schema.table.column, then item=NAME, width=N, key, values=error or values=mark, or several of them"},
     {LOGDIR "column a.b.c item=\n", "2: item=: an item name has 1 to 17 bytes"},
+    {LOGDIR "column a.b.c item=Gr\xC3\xB6SSE\n", "2: item=Gr\xC3\xB6SSE: an item name has no characters outside ASCII"},
     {LOGDIR "column a.b.c item=EIGHTEEN-BYTES-XYZ\n", "2: item=EIGHTEEN-BYTES-XYZ: an item name has 1 to 17 bytes"},
     {LOGDIR "column a.b.c width=0\n", "2: width=0 is not a width from 1 to 32767 bytes"},
     {LOGDIR "column a.b.c width=32768\n", "2: width=32768 is not a width from 1 to 32767 bytes"},
