@@ -5,6 +5,7 @@
 #include "feed/postgresql/relations.h"
 
 #include "feed/postgresql/catalogue.h"
+#include "feed/postgresql/idle_lines.h"
 #include "feed/postgresql/query.h"
 #include "feed/source.h"
 #include "feed/text.h"
@@ -36,6 +37,10 @@ outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
     if (!asked)
         return asked;
     pgf_take(relations.facts, rows);
+    if (!relations.idle_told)
+        for (const std::string &note : pgb_idle_lines(*relations.tables.config, relations.facts))
+            tell("warning: %s", note.c_str());
+    relations.idle_told = true;
     return name_tables(relations);
 }
 

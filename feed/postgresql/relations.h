@@ -36,6 +36,7 @@ struct pgb_relations {
     feed_names names = {};              // of datasets and items, kept beside the log
     uint32_t described = 0;             // last, and no change came since; 0: none
     fwu_encoding encoding = FWU_LATIN1; // of the log's texts
+    bool idle_told = false;             // the configuration's lines about nothing
 };
 
 // Asks over the sql connection for what is to be known of all tables of the publication, and

@@ -238,6 +238,13 @@ std::vector<std::string> pgt_names(uint32_t type, const pgt_facts &facts)
     return names;
 }
 
+bool pgt_has_name(std::string_view name)
+{
+    return std::any_of(std::begin(types), std::end(types), [&](const type_row &row) {
+        return name == row.name || name == pgt_text(row.oid, -1);
+    });
+}
+
 static feed_meaning meaning_of(uint32_t type, const pgt_facts &facts)
 {
     const uint32_t base = pgt_resolve(type, -1, facts).type;

@@ -42,6 +42,9 @@ pgt_type pgt_resolve(uint32_t type, int32_t modifier, const pgt_facts &facts);
 // Its names without modifier, as far as known, that of a domain before that of its base.
 std::vector<std::string> pgt_names(uint32_t type, const pgt_facts &facts);
 
+// Whether a type that is built in has this name.
+bool pgt_has_name(std::string_view name);
+
 // What values of a type mean.  What may be cut is words, also where the server's text of a
 // value has some structure; a number or a date that is cut would be another one.
 feed_type pgt_meaning(uint32_t type, const pgt_facts &facts);

@@ -1,4 +1,5 @@
 // Tables as the server describes them, and their rows.
+#include "feed/postgresql/idle_lines.h"
 #include "feed/postgresql/relations.h"
 #include "tests/feed/postgresql/facts_rows.h"
 #include "tests/support/tempdir.h"
@@ -459,4 +460,60 @@ TEST_F(Relations, ATableOfTheSameNameKeepsItsOwnSource)
     answer({{"c", "7", "0", ""}, {"c", "8", "0", ""}, {"k", "8", "1", "no"}});
     relations.facts.again_ms = 0;
     EXPECT_EQ(source_of(find(8)), "app.orders: no bigint #1; qty smallint");
+}
+
+// A name that is not written as the server's is would do nothing, and say nothing.
+TEST(IdleLines, AreToldLineByLine)
+{
+    fwu_config config;
+    config.path = "shop.cfg";
+    pgf_facts facts;
+    facts.tables[1] = {.columns = "no 23 -1,odd, name 25 -1,x 1 y 25 -1,due 1082 -1",
+                       .schema = "app",
+                       .name = "orders"};
+    facts.tables[2] = {.columns = "a 23 -1", .schema = "app", .name = "Two.Parts"};
+    facts.kinds[16400].name = "app.mood";
+    const auto column = [&](const char *table, const char *name) {
+        fwu_column said;
+        said.table = table;
+        said.column = name;
+        config.columns.push_back(said);
+    };
+    config.skip_tables = {"app.orders", "app.\"Two.Parts\""};
+    config.table_rules = {{"app.orders", FWU_POLICY_MARK}};
+    config.datasets.resize(2);
+    config.datasets[0].table = "app.orders";
+    for (const char *name : {"no", "odd, name", "x 1 y", "due"})
+        column("app.orders", name);
+    for (const char *type : {"", "jsonb", "character varying", "bpchar", "app.mood", "text[]"})
+        config.default_widths.push_back({.type = type, .width = 9});
+    EXPECT_THAT(pgb_idle_lines(config, facts), testing::IsEmpty());
+
+    config.skip_tables.emplace_back("app.two");
+    config.table_rules.push_back({"app.Orders", FWU_POLICY_MARK});
+    config.datasets[1].table = "app.order";
+    config.datasets[1].layout.dsetname = "ORDER";
+    for (const char *name : {"No", "name", "x", "x 1", "23 -1", ""})
+        column("app.orders", name);
+    column("app.none", "no");
+    for (const char *type : {"varchar", "mood"})
+        config.default_widths.push_back({.type = type, .width = 9});
+    const std::string no_table = "; names are written as the server has them, capitals told apart";
+    std::vector<std::string> expected;
+    for (const auto &[line, table] :
+         {std::pair("skip-table app.two", "app.two"), std::pair("table app.Orders", "app.Orders"),
+          std::pair("dataset ORDER table=app.order", "app.order")})
+        expected.push_back(std::string("shop.cfg: ") + line + ": the publication has no table " +
+                           table + no_table);
+    for (const char *name : {"No", "name", "x", "\"x 1\"", "\"23 -1\"", "\"\""})
+        expected.push_back(std::string("shop.cfg: column app.orders.") + name +
+                           ": the server sends no such column of the table" + no_table);
+    expected.push_back("shop.cfg: column app.none.no: the publication has no table app.none" +
+                       no_table);
+    for (const char *type : {"varchar", "mood"})
+        expected.push_back(
+            std::string("shop.cfg: default-width ") + type +
+            ": no column has a type of this name; types are named as the server "
+            "writes them (\"character varying\", not varchar; numeric, not decimal)");
+    EXPECT_EQ(pgb_idle_lines(config, facts), expected);
 }
