@@ -77,12 +77,12 @@ bool pgs_ask(const pgs_server &server, const PGconn *beside, const std::string &
     return true;
 }
 
+const char pgs_lsn_query[] = "SELECT CASE WHEN pg_is_in_recovery() THEN pg_last_wal_replay_lsn() "
+                             "ELSE pg_current_wal_flush_lsn() END";
+
 void pgs_server_lsn(const pgs_server &server, uint64_t &lsn)
 {
     std::string value;
-    if (pgs_ask(server, server.replication.get(),
-                "SELECT CASE WHEN pg_is_in_recovery() THEN pg_last_wal_replay_lsn() ELSE "
-                "pg_current_wal_flush_lsn() END",
-                value))
+    if (pgs_ask(server, server.replication.get(), pgs_lsn_query, value))
         (void)fwu_lsn_parse(lsn, value); // stays
 }

@@ -16,6 +16,9 @@ bool pgs_ask_rows(const pgs_server &server, const PGconn *connection, const std:
 bool pgs_ask(const pgs_server &server, const PGconn *connection, const std::string &query,
              std::string &value);
 
+// Gives the end of the server's log; of a standby, what it has applied.
+extern const char pgs_lsn_query[];
+
 // Gets the end of the log of the server that is followed; lsn stays as it is when that
 // cannot be had.
 void pgs_server_lsn(const pgs_server &server, uint64_t &lsn);

@@ -165,8 +165,9 @@ static outcome set_up(bridge &b)
     b.state.publication = options.publication;
     b.state.kept.path = b.config.log_directory + "/source";
     b.state.path =
-        options.status != nullptr ? options.status : b.config.log_directory + "/postgresql.json";
-    return {};
+        options.status != nullptr ? options.status : b.config.log_directory + "/" + PGB_STATE_FILE;
+    return options.status == nullptr ? outcome()
+                                     : pgb_state_check_path(b.state.path, b.config.log_directory);
 }
 
 // What the log and the run before say.

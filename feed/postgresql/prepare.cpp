@@ -96,6 +96,8 @@ static outcome check_system(const checks &on, pgb_found &found)
                       "and position: " +
                       feed_quote(system) + ", " + feed_quote(pgs_value(result, 0, 1)) + ", " +
                       feed_quote(pgs_value(result, 0, 2)) + "; is it a PostgreSQL server?");
+    on.state.system = system;
+    on.state.database = database;
     const bool log_begun = on.last.lsn != 0 || kept.told_lsn != 0 || kept.snapshot != "none";
     if (log_begun && !kept.system.empty() && (kept.system != system || kept.database != database))
         return refuse("the log belongs to database \"" + kept.database + "\" of server system " +
@@ -199,6 +201,7 @@ static outcome create_slot(const checks &on, pgb_found &found)
     pgb_kept &kept = on.kept;
     const bool snapshot = on.options.snapshot && on.last.lsn == 0;
     pgs_result result;
+    pgs_result end;
     outcome done = check_identities(on, true);
     if (!done)
         return done;
@@ -225,7 +228,10 @@ static outcome create_slot(const checks &on, pgb_found &found)
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds no position: " +
                       feed_quote(pgs_value(result, 0, 1)));
     // What was written since IDENTIFY_SYSTEM counts, too.
-    pgs_server_lsn(server, state.server_lsn);
+    done = pgs_query(server, server.sql.get(), end, pgs_lsn_query);
+    if (!done)
+        return done;
+    (void)fwu_lsn_parse(state.server_lsn, pgs_value(end, 0, 0)); // else it stays
     if (lsn == 0 || lsn > state.server_lsn)
         return refuse("the server's answer to CREATE_REPLICATION_SLOT holds the position " +
                       fwu_lsn_text(lsn) + ", its log goes from above 0/0 up to " +
@@ -275,6 +281,24 @@ static outcome check_position(const checks &on, pgb_found &found, uint64_t confi
     // What is sent first must then be the last transaction that the log has.
     found.expects_last = confirmed <= last.lsn && last.xid != 0 && !on.options.accept_gap;
     return {};
+}
+
+// The slot that the log is to follow no more keeps what the server writes until someone drops it.
+static outcome tell_slot_is_left(const checks &on, const std::string &slot)
+{
+    pgs_server &server = on.server;
+    pgs_result result;
+    outcome asked = pgs_query(server, server.sql.get(), result,
+                              "SELECT FROM pg_replication_slots WHERE slot_name = $1"
+                              " AND database = current_database()",
+                              {slot.c_str()});
+    if (asked && PQntuples(result.get()) != 0)
+        tell(
+            "warning: the log follows slot \"%s\" no more, which stays on the server and keeps all "
+            "that is written there until the disk is full; unless somebody else uses it, drop it: "
+            "SELECT pg_drop_replication_slot(%s)",
+            slot.c_str(), pgs_literal(slot).c_str());
+    return asked;
 }
 
 // The log follows one slot; what another one gives may have a gap, and belongs to others.
@@ -357,6 +381,15 @@ static outcome check_slot(const checks &on, pgb_found &found)
     return done;
 }
 
+static outcome check_slot_and_leave(const checks &on, pgb_found &found)
+{
+    const std::string before = on.kept.slot;
+    outcome done = check_slot(on, found);
+    if (done && !before.empty() && before != on.server.slot)
+        done = tell_slot_is_left(on, before);
+    return done;
+}
+
 static outcome check_role(pgs_server &server)
 {
     pgs_result result;
@@ -382,7 +415,7 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
     if (done)
         done = check_publication(on);
     if (done)
-        done = check_slot(on, found);
+        done = check_slot_and_leave(on, found);
     if (done)
         done = pgb_kept_write(kept, true);
     if (done)

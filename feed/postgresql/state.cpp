@@ -11,6 +11,8 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <unistd.h>
 
 void pgb_state_enter(pgb_state &state, const char *phase)
@@ -25,6 +27,53 @@ void pgb_state_enter(pgb_state &state, const char *phase, const std::string &err
     state.phase = phase;
     state.error = error;
     state.error_us = fwu_now_us();
+}
+
+static const char file_begins[] = "{\"state\":";
+
+// A path without links and dots, as far as it is there.
+static std::filesystem::path real_path(const std::filesystem::path &path)
+{
+    std::error_code failed;
+    const std::filesystem::path real = std::filesystem::weakly_canonical(
+        std::filesystem::absolute(path, failed).lexically_normal(), failed);
+    return failed ? path : real;
+}
+
+static bool is_inside(const std::filesystem::path &path, const std::filesystem::path &directory)
+{
+    return std::mismatch(directory.begin(), directory.end(), path.begin(), path.end()).first ==
+           directory.end();
+}
+
+static bool is_state_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string found(sizeof file_begins - 1, '\0');
+    file.read(found.data(), static_cast<std::streamsize>(found.size()));
+    return file.gcount() == 0 ? file.eof() : found == file_begins;
+}
+
+outcome pgb_state_check_path(const std::string &path, const std::string &log_directory)
+{
+    const std::filesystem::path named = path;
+    const std::filesystem::path directory =
+        real_path(named.has_parent_path() ? named.parent_path() : ".");
+    const std::filesystem::path log = real_path(log_directory);
+    if (directory == log && named.filename() == PGB_STATE_FILE)
+        return {};
+    if (is_inside(directory, log) || is_inside(real_path(named), log))
+        return outcome_failed("%s: the log directory is no place for a status file but for its %s; "
+                              "name one elsewhere with --status, or leave that out",
+                              path.c_str(), PGB_STATE_FILE);
+    std::error_code failed;
+    const std::filesystem::file_type type = std::filesystem::status(named, failed).type();
+    if (type == std::filesystem::file_type::not_found ||
+        (type == std::filesystem::file_type::regular && is_state_file(path)))
+        return {};
+    return outcome_failed("%s: this is no status file, and would be replaced by one; name another "
+                          "with --status, or remove it",
+                          path.c_str());
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
@@ -65,8 +114,8 @@ static std::string text_of(const pgb_state &state)
     put("updated", fwu_time_word(fwu_now_us()), true);
     put("slot", state.slot, true);
     put("publication", state.publication, true);
-    put("system_identifier", state.kept.system, true);
-    put("database", state.kept.database, true);
+    put("system_identifier", state.kept.system.empty() ? state.system : state.kept.system, true);
+    put("database", state.kept.database.empty() ? state.database : state.kept.database, true);
     put("timeline", std::to_string(state.kept.timeline), true);
     put("snapshot", state.kept.snapshot, true);
     put("server_lsn", fwu_lsn_text(state.server_lsn), true);

@@ -11,6 +11,8 @@
 #include <string>
 #include <sys/types.h>
 
+constexpr char PGB_STATE_FILE[] = "postgresql.json"; // in the log directory
+
 struct pgb_state {
     std::string path;               // of the JSON file
     const char *phase = "starting"; // snapshot streaming waiting stopped failed
@@ -18,6 +20,8 @@ struct pgb_state {
     int64_t error_us = 0;           // when that was
     std::string slot;
     std::string publication;
+    std::string system;   // as the server said last; empty: not yet
+    std::string database; // likewise
     pgb_kept kept;
     uint64_t server_lsn = 0;   // end of the server's log as it said last
     uint64_t received_lsn = 0; // everything before it was received
@@ -34,6 +38,10 @@ void pgb_state_enter(pgb_state &state, const char *phase);
 
 // The same for one that something wrong has led to.
 void pgb_state_enter(pgb_state &state, const char *phase, const std::string &error);
+
+// Whether a path that the user gave may become the file: nothing in the log directory but the usual
+// name, and nothing that is there and no such file.  OUTCOME_FAILED when it may not.
+outcome pgb_state_check_path(const std::string &path, const std::string &log_directory);
 
 // Writes the file anew, under its name only once it is whole.  OUTCOME_FAILED when it could not
 // be written.

@@ -58,11 +58,49 @@ TEST_F(BridgeStateTest, WhoeverSaysSoGoesOnWithAnotherSlot)
     ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
     sql("SELECT pg_create_logical_replication_slot('another', 'pgoutput')");
     insert(2);
-    EXPECT_EQ(catch_up({"--slot", "another", "--accept-gap"}).status, 0);
+    const run_result left = catch_up({"--slot", "another", "--accept-gap"});
+    EXPECT_EQ(left.status, 0);
+    EXPECT_THAT(left.err,
+                HasSubstr("the log follows slot \"" + database + "\" no more, which stays"));
+    const std::string drop = "SELECT pg_drop_replication_slot('" + database + "')";
+    EXPECT_THAT(left.err, HasSubstr(drop + "\n"));
+    sql(drop);
     insert(3);
     EXPECT_EQ(catch_up({"--slot", "another"}).status, 0);
     EXPECT_TRUE(logged("after ID=3 "));
     expect_refused({}, "the log follows slot \"another\", not \"" + database + "\"");
+}
+
+TEST_F(BridgeStateTest, ASlotThatIsLeftForANewOneIsToldOnce)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    const std::vector<std::string> words = {"--slot", "newer", "--create", "--accept-gap"};
+    EXPECT_EQ(occurrences(catch_up(words).err, "pg_drop_replication_slot"), 1);
+    EXPECT_EQ(occurrences(catch_up(words).err, "pg_drop_replication_slot"), 0);
+}
+
+TEST_F(BridgeStateTest, AFileOfTheLogIsNeverReplacedByTheStatus)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with_row_1());
+    const std::string before = kept();
+    const std::string log = read_file(dir.file("log/fw0001-00000001.log"));
+    for (const char *name : {"log/source", "log/fw0001-00000001.log"})
+        expect_refused({"--status", name}, "the log directory is no place for a status file");
+    expect_refused({"--status", "fwutil.cfg"}, "this is no status file");
+    EXPECT_EQ(kept(), before);
+    EXPECT_EQ(read_file(dir.file("log/fw0001-00000001.log")), log);
+    for (int again = 0; again < 2; again++)
+        EXPECT_EQ(catch_up({"--status", "status.json"}).status, 0);
+    EXPECT_EQ(json_member(read_file(dir.file("status.json")), "state"), "stopped");
+}
+
+TEST_F(BridgeStateTest, AFirstStartThatFailsTellsTheServer)
+{
+    expect_refused({}, "publication \"" + database + "\" is not there");
+    EXPECT_EQ(status_member("database"), database);
+    EXPECT_EQ(status_member("system_identifier"),
+              value("SELECT system_identifier FROM pg_control_system()"));
+    EXPECT_EQ(json_member(kept(), "database"), "");
 }
 
 TEST_F(BridgeStateTest, ASlotNameThatTheServerRefusesIsForgotten)

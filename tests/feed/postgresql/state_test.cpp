@@ -2,6 +2,7 @@
 #include "feed/postgresql/state.h"
 #include "tests/support/tempdir.h"
 
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -67,6 +68,78 @@ TEST(BridgeState, WhatIsWrongStandsThereUntilItIsOver)
     EXPECT_EQ(text_of(state.path)
                   .find("{\"state\":\"streaming\",\"error\":null,\"error_time\":null,\"pid\":"),
               0U);
+}
+
+TEST(BridgeState, TheServersNameStandsThereBeforeTheLogBelongsToIt)
+{
+    const tempdir dir;
+    pgb_state state;
+    state.path = dir.file("state.json");
+    state.system = "77";
+    state.database = "other";
+    ASSERT_TRUE(pgb_state_write(state));
+    EXPECT_NE(text_of(state.path).find("\"system_identifier\":\"77\",\"database\":\"other\""),
+              std::string::npos);
+    state.kept.system = "88";
+    state.kept.database = "shop";
+    ASSERT_TRUE(pgb_state_write(state));
+    EXPECT_NE(text_of(state.path).find("\"system_identifier\":\"88\",\"database\":\"shop\""),
+              std::string::npos);
+}
+
+TEST(BridgeState, OnlyAStatusFileIsReplaced)
+{
+    const tempdir dir;
+    const auto put = [&](const std::string &name, const char *text) {
+        std::ofstream(dir.file(name), std::ios::binary) << text;
+    };
+    for (const char *made : {"log", "log/deeper", "beside"})
+        std::filesystem::create_directory(dir.file(made));
+    std::filesystem::create_directory_symlink(dir.file("log"), dir.file("link"));
+    std::filesystem::create_symlink(dir.file("log/source"), dir.file("to_source"));
+    put("log/source", "{\"slot\":1}\n");
+    put("log/postgresql.json", "{\"told_lsn\":\"0/1\"}\n");
+    put("log/old.json", "{\"state\":\"stopped\"}\n");
+    put("empty", "");
+    put("status", "{\"state\":\"stopped\"}\n");
+    put("short", "{\"stat");
+    put("text", "my only copy\n");
+    const std::string log = "the log directory is no place for a status file but for its";
+    const std::string other = "this is no status file, and would be replaced by one";
+    const struct {
+        const char *name;
+        std::string refused; // empty: taken
+    } rows[] = {
+        {"fresh", ""},
+        {"beside/fresh", ""},
+        {"missing/fresh", ""},
+        {"logs", ""},
+        {"empty", ""},
+        {"status", ""},
+        {"log/postgresql.json", ""},
+        {"link/postgresql.json", ""},
+        {"beside/../log/postgresql.json", ""},
+        {"short", other},
+        {"text", other},
+        {"beside", other},
+        {"log", log},
+        {"log/source", log},
+        {"log/names", log},
+        {"log/old.json", log},
+        {"log/deeper/fresh", log},
+        {"log/deeper/postgresql.json", log},
+        {"link/fw0001-00000001.log", log},
+        {"beside/../log/fresh", log},
+        {"to_source", log},
+    };
+    tell_as("fwlog");
+    for (const auto &row : rows) {
+        testing::internal::CaptureStderr();
+        const bool taken = bool(pgb_state_check_path(dir.file(row.name), dir.file("log")));
+        const std::string said = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(taken, row.refused.empty()) << row.name << said;
+        EXPECT_NE(said.find(row.refused), std::string::npos) << row.name << said;
+    }
 }
 
 TEST(BridgeState, FileThatCannotBeWrittenIsReported)
