@@ -18,6 +18,8 @@ struct remedy_row {
     const char *remedy;
 };
 
+static constexpr char SLOT_PLACE[] = "'...'"; // for its name, in a remedy
+
 static constexpr char SLOT_IS_LOST[] =
     "the server has removed what the slot needs: drop the slot (SELECT "
     "pg_drop_replication_slot('...')), and begin a new log directory with --create --snapshot; a "
@@ -78,12 +80,12 @@ static bool passes(const PGconn *connection, const char *state)
            strncmp(state, "57P", 3) == 0;
 }
 
-// Whether the server has answered a command with an error of that command.
-static bool is_refusal(const PGconn *connection, const PGresult *result)
+// Whether the server has answered a command with an error of that command, this one if given.
+static bool is_refusal(const PGconn *connection, const PGresult *result, const char *only)
 {
     const char *state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
     return state != nullptr && PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY) != nullptr &&
-           !passes(connection, state);
+           !passes(connection, state) && (only == nullptr || strcmp(state, only) == 0);
 }
 
 outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
@@ -103,9 +105,11 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
     for (const int field : {PG_DIAG_MESSAGE_DETAIL, PG_DIAG_MESSAGE_HINT})
         if (const char *more = result == nullptr ? nullptr : PQresultErrorField(result, field))
             all += std::string(" ") + more;
-    const char *remedy = pgs_find_remedy(state, all.c_str());
-    return outcome_failed("%s: %s%s%s", doing.c_str(), message.c_str(),
-                          remedy == nullptr ? "" : "; ", remedy == nullptr ? "" : remedy);
+    const char *const found = pgs_find_remedy(state, all.c_str());
+    std::string remedy = found == nullptr ? "" : std::string("; ") + found;
+    if (const size_t at = remedy.find(SLOT_PLACE); at != remedy.npos)
+        remedy.replace(at, strlen(SLOT_PLACE), pgs_literal(server.slot));
+    return outcome_failed("%s: %s%s", doing.c_str(), message.c_str(), remedy.c_str());
 }
 
 // A query in a message.
@@ -126,9 +130,8 @@ outcome pgs_silent(pgs_server &server, const std::string &doing)
     return pgs_lost(server, std::move(why));
 }
 
-// The sessions that the connection's command waits for; empty when there are none, or
-// when the server does not tell.
-static std::string held_up_by(const pgs_server &server, const PGconn *connection)
+std::string pgs_sessions(const pgs_server &server, const PGconn *connection,
+                         const std::string &processes)
 {
     std::string sessions;
     (void)pgs_ask(
@@ -137,11 +140,24 @@ static std::string held_up_by(const pgs_server &server, const PGconn *connection
         " || b.pid || coalesce(' of user ' || a.usename, '') || coalesce(', in a transaction since "
         "'"
         " || to_char(a.xact_start AT TIME ZONE 'UTC', 'YYYY-MM-DD HH24:MI:SS') || ' UTC', '') END,"
-        " '; ') FROM unnest(pg_blocking_pids(" +
-            std::to_string(PQbackendPID(connection)) +
-            ")) AS b (pid) LEFT JOIN pg_stat_activity a ON a.pid = b.pid",
+        " '; ') FROM (" +
+            processes + ") AS b (pid) LEFT JOIN pg_stat_activity a ON a.pid = b.pid",
         sessions); // nothing: stays empty
     return sessions;
+}
+
+// The sessions that the connection's command waits for.
+static std::string held_up_by(const pgs_server &server, const PGconn *connection)
+{
+    return pgs_sessions(server, connection,
+                        "SELECT unnest(pg_blocking_pids(" +
+                            std::to_string(PQbackendPID(connection)) + "))");
+}
+
+void pgs_tell_held_up(const std::string &doing, const std::string &sessions)
+{
+    tell("%s waits until others have ended their transactions: %s", brief(doing).c_str(),
+         sessions.c_str());
 }
 
 // How long an answer is waited for.
@@ -159,8 +175,7 @@ static void tell_held_up(const pgs_server &server, wait_state &wait, const std::
     if (wait.told_ms != 0 && now - wait.told_ms < server.timeout_ms)
         return;
     wait.told_ms = now;
-    tell("%s waits until others have ended their transactions: %s", brief(doing).c_str(),
-         sessions.c_str());
+    pgs_tell_held_up(doing, sessions);
 }
 
 // Receives something of the answer to what was sent.  A signal to stop ends the wait.
@@ -202,7 +217,8 @@ static outcome await(pgs_server &server, PGconn *connection, const std::string &
 
 // What the server refuses is told, unless the caller wants to know it: then it goes to refused.
 static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_result &result,
-                      const std::string &query, std::string *refused = nullptr)
+                      const std::string &query, std::string *refused = nullptr,
+                      const char *only = nullptr)
 {
     result.reset();
     if (!sent)
@@ -224,7 +240,7 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
             return {};
         default: {
             outcome failure;
-            if (refused != nullptr && is_refusal(connection, next.get()))
+            if (refused != nullptr && is_refusal(connection, next.get(), only))
                 *refused = pgs_one_line(PQresultErrorField(next.get(), PG_DIAG_MESSAGE_PRIMARY));
             else
                 failure = pgs_failed(server, connection, next.get(), query);
@@ -247,11 +263,11 @@ outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
 }
 
 outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
-                const std::string &query, std::string &refused)
+                const std::string &query, std::string &refused, const char *state)
 {
     refused.clear();
     const bool sent = PQsendQuery(connection, query.c_str()) == 1;
-    return finish(server, connection, sent, result, query, &refused);
+    return finish(server, connection, sent, result, query, &refused, state);
 }
 
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,

@@ -14,9 +14,10 @@
 outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
                   const std::string &query, const std::vector<const char *> &parameters = {});
 
-// The same, where the server may refuse: refused is then its message, else empty.
+// The same, where the server may refuse: refused is then its message, else empty.  state: only
+// with this SQLSTATE, all else is told.
 outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
-                const std::string &query, std::string &refused);
+                const std::string &query, std::string &refused, const char *state = nullptr);
 
 // The same without parameters, as the replication connection needs it.
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
@@ -25,6 +26,14 @@ outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
 // The next row of a COPY ... TO STDOUT on the sql connection, valid until the next
 // call; empty at the end.
 outcome pgs_row(pgs_server &server, std::string_view &row);
+
+// The sessions of the processes that a query gives (0: a prepared transaction), asked for over a
+// connection beside this one; empty when there are none, or when the server does not tell.
+std::string pgs_sessions(const pgs_server &server, const PGconn *connection,
+                         const std::string &processes);
+
+// Tells that what is done waits for these.
+void pgs_tell_held_up(const std::string &doing, const std::string &sessions);
 
 // The failed result, or that of the connection when result is null: what was done, the
 // server's message, the remedy if one is known.  What may pass by itself is OUTCOME_LOST,

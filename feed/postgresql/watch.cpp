@@ -7,18 +7,28 @@
 #include "fwutil/fwu_source_name.h"
 
 // Rows: "u" for a table that is not followed, "i" for one whose updates the server refuses; schema,
-// name; the name as SQL writes it; "t" when something identifies its rows.
+// name; the name as SQL writes it; the commands, each on a line, that identify its rows and those
+// of its partitions, as far as nothing does.
 std::string pgb_watch_query()
 {
+    const std::string command =
+        "E'\\n  " + pgb_identity_command("' || l.oid::regclass || '") + ";'";
     return std::string("WITH ") + pgb_all_tables + ", " + pgb_listed_tables +
            ", b AS (SELECT puballtables, pubupdate OR pubdelete AS changes FROM pg_publication"
            " WHERE pubname = $1)"
-           " SELECT 'u' AS problem, schema, name, oid::regclass, identified FROM t"
+           " SELECT 'u' AS problem, schema, name, oid::regclass, CASE WHEN kind = 'r'"
+           " THEN (SELECT " +
+           command + " FROM (SELECT t.oid) l WHERE NOT t.identified) ELSE (SELECT string_agg(" +
+           command +
+           ", '' ORDER BY m.level, l.oid) FROM pg_partition_tree(t.oid) m JOIN t l"
+           " ON l.oid = m.relid WHERE NOT l.identified) END FROM t"
            " WHERE NOT is_part AND EXISTS (SELECT FROM b WHERE NOT puballtables)"
            " AND oid NOT IN (SELECT oid FROM p) AND NOT (kind = 'p' AND EXISTS (SELECT FROM"
            " pg_partition_tree(t.oid) m WHERE m.relid IN (SELECT oid FROM p)))"
            " UNION ALL"
-           " SELECT 'i', schema, name, oid::regclass, identified FROM t"
+           " SELECT 'i', schema, name, oid::regclass, (SELECT " +
+           command +
+           " FROM (SELECT t.oid) l) FROM t"
            " WHERE kind = 'r' AND NOT identified AND EXISTS (SELECT FROM b WHERE changes)"
            " AND (EXISTS (SELECT FROM b WHERE puballtables) OR oid IN (SELECT oid FROM p)"
            " OR is_part AND EXISTS (SELECT FROM pg_partition_ancestors(t.oid) m (relid)"
@@ -43,8 +53,7 @@ std::string pgb_watch_text(pgb_watch &watch, const std::string &publication, con
             continue;
         const std::string sql_name(pgs_value(rows, i, 3));
         std::string &commands = is_left_out ? left_out : refused;
-        if (pgs_value(rows, i, 4) != "t")
-            commands += "\n  " + pgb_identity_command(sql_name) + ";";
+        commands += pgs_value(rows, i, 4);
         if (is_left_out)
             commands +=
                 "\n  ALTER PUBLICATION " + pgs_name(publication) + " ADD TABLE " + sql_name + ";";

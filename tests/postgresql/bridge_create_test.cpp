@@ -2,6 +2,8 @@
 // are not followed.
 #include "tests/postgresql/bridge_fixture.h"
 
+#include <cstring>
+
 using testing::HasSubstr;
 using testing::Not;
 
@@ -55,6 +57,98 @@ TEST_F(BridgeCreateTest, TablesWithoutIdentityGetOneNowAndLater)
     EXPECT_THAT(dump(), HasSubstr("before A=2 NULL-MAP=\".\""));
 }
 
+TEST_F(BridgeCreateTest, TablesThatLoseTheirIdentityGetOne)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    EXPECT_EQ(value("SELECT count(*) FROM pg_event_trigger"), "2");
+    const struct {
+        const char *table;
+        const char *columns;
+        const char *lost;
+    } rows[] = {
+        {"by_index", "a integer NOT NULL UNIQUE", "DROP INDEX shop.of_by_index"},
+        {"at_once", "a integer NOT NULL UNIQUE", "DROP INDEX CONCURRENTLY shop.of_at_once"},
+        {"by_type", "a shop.mood PRIMARY KEY, b integer", "DROP TYPE shop.mood CASCADE"},
+        {"by_domain", "a shop.small PRIMARY KEY, b integer", "DROP DOMAIN shop.small CASCADE"},
+        {"by_schema", "a away.small PRIMARY KEY, b integer", "DROP SCHEMA away CASCADE"},
+        {"by_column", "a integer PRIMARY KEY, b integer",
+         "ALTER TABLE shop.by_column DROP COLUMN a"},
+        {"by_word", "a integer PRIMARY KEY", "ALTER TABLE shop.by_word REPLICA IDENTITY NOTHING"},
+    };
+    sql("CREATE TYPE shop.mood AS ENUM ('good'); CREATE DOMAIN shop.small AS integer;"
+        "CREATE SCHEMA away; CREATE DOMAIN away.small AS integer");
+    for (const auto &row : rows) {
+        const std::string table = std::string("shop.") + row.table;
+        sql("CREATE TABLE " + table + " (" + row.columns + ")");
+        if (strstr(row.lost, "INDEX") != nullptr)
+            sql("ALTER TABLE " + table +
+                " REPLICA IDENTITY DEFAULT;"
+                "CREATE UNIQUE INDEX of_" +
+                row.table + " ON " + table +
+                " (a);"
+                "ALTER TABLE " +
+                table + " REPLICA IDENTITY USING INDEX of_" + row.table);
+        EXPECT_NE(identity_of(table), "f") << table;
+        sql(row.lost);
+        EXPECT_EQ(identity_of(table), "f") << table;
+        sql("DELETE FROM " + table); // or the server would refuse it
+    }
+    sql("DROP TABLE shop.by_index");
+    EXPECT_EQ(identity_of("shop.keyed"), "d") << "has its key";
+}
+
+TEST_F(BridgeCreateTest, WhatIsMissingOfTheTriggersIsMade)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("DROP EVENT TRIGGER kestro_replica_identity_drop; DROP PUBLICATION " + database);
+    const run_result again = catch_up({"--create"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_THAT(again.err, HasSubstr("CREATE EVENT TRIGGER kestro_replica_identity_drop ON"));
+    EXPECT_EQ(occurrences(again.err, "CREATE EVENT TRIGGER"), 1);
+}
+
+TEST_F(BridgeCreateTest, ItIsUndoneAsThePageSays)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("DROP SCHEMA kestro CASCADE; DROP PUBLICATION " + database);
+    EXPECT_EQ(value("SELECT count(*) FROM pg_event_trigger"), "0");
+    sql("CREATE TABLE shop.later (a integer); DROP TABLE shop.keyed");
+    EXPECT_EQ(identity_of("shop.later"), "d");
+}
+
+TEST_F(BridgeCreateTest, WhoUsesATableIsNotHeldUpAndNobodyBehindIt)
+{
+    pg_client busy = connect();
+    busy.run("BEGIN; SELECT * FROM shop.\"Bare Rows\"");
+    start_bridge({"--create"});
+    ASSERT_TRUE(bridge_says("ALTER TABLE shop.\"Bare Rows\" REPLICA IDENTITY FULL waits until "
+                            "others have ended their transactions: process " +
+                            busy.value("SELECT pg_backend_pid()")))
+        << bridge.err();
+    pg_client others = connect();
+    others.run("SET lock_timeout = '30s'");
+    for (int i = 0; i < 20; i++) // an exclusive lock that waits till the end would end one of them
+        others.run("INSERT INTO shop.\"Bare Rows\" VALUES (1, 1)");
+    EXPECT_EQ(identity_of("shop.\"Bare Rows\""), "d");
+    busy.run("COMMIT");
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    EXPECT_EQ(identity_of("shop.\"Bare Rows\""), "f");
+    EXPECT_EQ(occurrences(bridge.err(), "fwlog: ALTER TABLE shop.\"Bare Rows\" REPLICA IDENTITY "
+                                        "FULL;"),
+              1);
+    EXPECT_EQ(occurrences(bridge.err(), "waits until"), 1);
+}
+
+TEST_F(BridgeCreateTest, ATableThatIsDroppedMeanwhileHoldsNothingUp)
+{
+    pg_client busy = connect();
+    busy.run("BEGIN; DROP TABLE shop.\"Bare Rows\"");
+    start_bridge({"--create"});
+    ASSERT_TRUE(bridge_says("waits until others")) << bridge.err();
+    busy.run("COMMIT");
+    EXPECT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+}
+
 TEST_F(BridgeCreateTest, AnotherRoleMakesTablesAsBefore)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);
@@ -98,6 +192,30 @@ TEST_F(BridgeCreateTest, MinimalTouchesNoTableAndTellsWhatIsNotFollowed)
     sql("INSERT INTO shop.\"Bare Rows\" VALUES (77, 8)");
     EXPECT_EQ(catch_up().status, 0);
     EXPECT_TRUE(logged("after A=77 "));
+}
+
+TEST_F(BridgeCreateTest, CommandsForATableAreThoseOfItsPartitionsToo)
+{
+    sql("CREATE TABLE shop.parts (a integer, b integer) PARTITION BY RANGE (a);"
+        "CREATE TABLE shop.low PARTITION OF shop.parts FOR VALUES FROM (0) TO (10)"
+        " PARTITION BY RANGE (a);"
+        "CREATE TABLE shop.\"Lowest\" PARTITION OF shop.low FOR VALUES FROM (0) TO (5);"
+        "CREATE TABLE shop.high PARTITION OF shop.parts (PRIMARY KEY (a))"
+        " FOR VALUES FROM (10) TO (20)");
+    const run_result made = catch_up({"--create=minimal"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    const std::string commands = "\n  ALTER TABLE shop.parts REPLICA IDENTITY FULL;"
+                                 "\n  ALTER TABLE shop.low REPLICA IDENTITY FULL;"
+                                 "\n  ALTER TABLE shop.\"Lowest\" REPLICA IDENTITY FULL;"
+                                 "\n  ALTER PUBLICATION \"" +
+                                 database + "\" ADD TABLE shop.parts;";
+    ASSERT_THAT(made.err, HasSubstr(commands + "\n"));
+    sql(commands);
+    sql("INSERT INTO shop.parts VALUES (1, 1), (11, 1); UPDATE shop.parts SET b = 2;"
+        "DELETE FROM shop.parts");
+    const run_result followed = catch_up();
+    EXPECT_EQ(followed.status, 0) << followed.err;
+    EXPECT_THAT(followed.err, Not(HasSubstr("shop.parts;")));
 }
 
 TEST_F(BridgeCreateTest, ATableThatIsLeftOutOnPurposeIsNotTold)

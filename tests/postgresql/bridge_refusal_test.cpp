@@ -56,7 +56,8 @@ TEST_F(BridgeRefusalTest, SlotThatTheServerHasGivenUp)
                    "DROP TABLE filling");
     client.run("CHECKPOINT");
     expect_refused(words, {"the server has removed what the slot needs",
-                           "SELECT pg_drop_replication_slot('", "--create --snapshot"});
+                           "(SELECT pg_drop_replication_slot('" + database + "'))",
+                           "--create --snapshot"});
     client.run("SELECT pg_drop_replication_slot('" + database + "')");
     std::filesystem::remove_all(dir.file("log"));
     EXPECT_EQ(
