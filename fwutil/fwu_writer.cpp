@@ -15,7 +15,7 @@
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_recover.h"
 #include "fwutil/fwu_txn.h"
-#include "fwutil/fwutil.h"
+#include "fwutil/fwu_writer_check.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -105,27 +105,6 @@ const fwu_commit &fwu_writer_last_commit(const fwu_writer *writer)
     return writer->log.last;
 }
 
-static bool text_ok(const std::string &text)
-{
-    return text.find('\0') == text.npos;
-}
-
-static int check_session(const fwu_session &session)
-{
-    bool ok = true;
-    for (const char *key : FWU_SESSION_KEYS)
-        if (const std::optional<std::string> &text = *fwu_session_entry(session, key))
-            ok = ok && text_ok(*text);
-    for (const std::string &text : session.data)
-        ok = ok && text_ok(text);
-    if (!ok)
-        return fwu_error("a session text holds a zero byte");
-    if (fwu_entry_session_length(session) > FWU_ENTRY_MAX)
-        return fwu_error("the session's texts are too long for a log entry (%zu bytes)",
-                         FWU_ENTRY_MAX);
-    return 0;
-}
-
 // A transaction that an entry failed to join cannot be committed any more.
 static int refuse(fwu_writer &w)
 {
@@ -139,7 +118,7 @@ int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
     if (w.open)
         return fwu_error("%s: a transaction is open already; commit it or roll it back first",
                          w.log.directory.c_str());
-    if (session != nullptr && check_session(*session) != 0)
+    if (session != nullptr && fwu_check_session(*session) != 0)
         return -1;
     w.next_file = w.log.file.generation == 0 || w.log.header.version == FWU_VERSION_PLAIN ||
                   w.log.end >= w.log_file_size;
@@ -160,95 +139,10 @@ int fwu_writer_session(fwu_writer *writer, const fwu_session &session)
     fwu_writer &w = *writer;
     if (!w.open)
         return fwu_error("%s: a session outside a transaction", w.log.directory.c_str());
-    if (check_session(session) != 0)
+    if (fwu_check_session(session) != 0)
         return -1;
     fwu_entry_put_session(w.txn.entries, w.txn.tag + 1, session);
     return fwu_txn_added(w.txn, w.log.directory) != 0 ? refuse(w) : 0;
-}
-
-static bool name_ok(const std::string &name, size_t max)
-{
-    return !name.empty() && name.size() <= max && text_ok(name);
-}
-
-static bool source_text_ok(const std::string &text)
-{
-    return text_ok(text) && text.size() <= FWU_SOURCE_TEXT_MAX;
-}
-
-static bool source_texts_ok(const fwu_source &source)
-{
-    bool ok = source_text_ok(source.schema) && name_ok(source.table, FWU_SOURCE_TEXT_MAX);
-    for (const fwu_source_column &column : source.columns)
-        ok = ok && name_ok(column.name, FWU_SOURCE_TEXT_MAX) && source_text_ok(column.type);
-    return ok;
-}
-
-static int check_source(const fwu_layout &layout)
-{
-    if (layout.source == nullptr)
-        return 0;
-    const char *const db = layout.dbname.c_str();
-    const char *const set = layout.dsetname.c_str();
-    const fwu_source &source = *layout.source;
-    if (!source_texts_ok(source))
-        return fwu_error(
-            "%s.%s: the source's table and columns have names of 1 to %zu bytes, schema "
-            "and types have at most as many, none zero",
-            db, set, FWU_SOURCE_TEXT_MAX);
-    if (!fwu_source_fits(source, layout.items.size()) || source.null_map < -1 ||
-        (source.null_map >= 0 &&
-         !fwu_null_map_ok(layout.items, static_cast<size_t>(source.null_map))))
-        return fwu_error("%s.%s: the source of the records does not fit their items", db, set);
-    if (fwu_entry_source_length(layout) > FWU_ENTRY_MAX)
-        return fwu_error("%s.%s: the source's texts are too long for a log entry (%zu bytes)", db,
-                         set, FWU_ENTRY_MAX);
-    return 0;
-}
-
-static int check_layout(const fwu_layout &layout)
-{
-    if (!name_ok(layout.dbname, FWU_NAME_MAX) || !name_ok(layout.dsetname, FWU_NAME_MAX))
-        return fwu_error("\"%s\".\"%s\": database and dataset names have 1 to %d bytes, none zero",
-                         layout.dbname.c_str(), layout.dsetname.c_str(), FWU_NAME_MAX);
-    for (const fwu_item &item : layout.items) {
-        if (!name_ok(item.name, FWU_ITEM_NAME_MAX))
-            return fwu_error("%s.%s: item name \"%s\": item names have 1 to %d bytes, none zero",
-                             layout.dbname.c_str(), layout.dsetname.c_str(), item.name.c_str(),
-                             FWU_ITEM_NAME_MAX);
-        if (item.size < 1 || item.count < 1)
-            return fwu_error("%s.%s: item %s: size and count must be at least 1",
-                             layout.dbname.c_str(), layout.dsetname.c_str(), item.name.c_str());
-    }
-    if (fwu_entry_layout_length(layout) > FWU_ENTRY_MAX)
-        return fwu_error("%s.%s: too many items for a log entry", layout.dbname.c_str(),
-                         layout.dsetname.c_str());
-    return check_source(layout);
-}
-
-static int check_change(const fwu_layout &layout, const fwu_change &change)
-{
-    const char *db = layout.dbname.c_str();
-    const char *set = layout.dsetname.c_str();
-    const bool wants_before = change.opcode != FWU_OP_INSERT;
-    const bool wants_after = change.opcode != FWU_OP_DELETE;
-    if (change.opcode != FWU_OP_INSERT && change.opcode != FWU_OP_UPDATE &&
-        change.opcode != FWU_OP_DELETE)
-        return fwu_error("%s.%s: operation %d is none of update (1), insert (3) and delete (5)", db,
-                         set, change.opcode);
-    if ((change.before != nullptr) != wants_before || (change.after != nullptr) != wants_after)
-        return fwu_error("%s.%s: operation %d takes %s", db, set, change.opcode,
-                         !wants_before  ? "an after image only"
-                         : !wants_after ? "a before image only"
-                                        : "a before and an after image");
-    if (change.reclen < 0 || change.reclen != fwu_layout_image_length(layout))
-        return fwu_error("%s.%s: a record of %d bytes, but the layout's items add up to %lld", db,
-                         set, change.reclen,
-                         static_cast<long long>(fwu_layout_image_length(layout)));
-    if (fwu_entry_change_length(change) > FWU_ENTRY_MAX)
-        return fwu_error("%s.%s: a record of %d bytes is too long for a log entry (%zu bytes)", db,
-                         set, change.reclen, FWU_ENTRY_MAX);
-    return 0;
 }
 
 // Whether a map has the layout for the key.  One that is equal shares its source from then
@@ -273,7 +167,7 @@ static int put_layout(fwu_writer &w, const fwu_layout &layout)
             ? stands_there(w.txn_layouts, known, layout)
             : !w.next_file && stands_there(w.log.layouts, w.log.layouts.find(w.key), layout))
         return 0;
-    if (check_layout(layout) != 0)
+    if (fwu_check_layout(layout) != 0)
         return -1;
     fwu_entry_put_layout(w.txn.entries, w.txn.tag + 1, layout);
     if (fwu_txn_added(w.txn, w.log.directory) != 0)
@@ -365,7 +259,7 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     change.reclen = reclen;
     change.before = static_cast<const unsigned char *>(before_image);
     change.after = static_cast<const unsigned char *>(after_image);
-    if (check_change(layout, change) != 0 || check_values(w, layout, change, values) != 0 ||
+    if (fwu_check_change(layout, change) != 0 || check_values(w, layout, change, values) != 0 ||
         check_room(w, values) != 0 || put_layout(w, layout) != 0)
         return -1;
     for (const fwu_value &value : values)
@@ -379,28 +273,12 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     return 0;
 }
 
-static int check_mark(const fwu_mark &mark)
-{
-    if (mark.kind != FWU_MARK_TRUNCATE && mark.kind != FWU_MARK_GAP)
-        return fwu_error("mark %d is neither truncate (t) nor gap (g)", mark.kind);
-    const bool named = name_ok(mark.dbname, FWU_NAME_MAX) && name_ok(mark.dsetname, FWU_NAME_MAX);
-    if (!named && !(mark.dbname.empty() && mark.dsetname.empty()))
-        return fwu_error("a mark of \"%s\".\"%s\": database and dataset names have 1 to %d bytes, "
-                         "none zero, or both are empty",
-                         mark.dbname.c_str(), mark.dsetname.c_str(), FWU_NAME_MAX);
-    if (!text_ok(mark.schema) || !text_ok(mark.table) || !text_ok(mark.reason))
-        return fwu_error("a text of a mark holds a zero byte");
-    if (fwu_entry_mark_length(mark) > FWU_ENTRY_MAX)
-        return fwu_error("a mark's texts are too long for a log entry (%zu bytes)", FWU_ENTRY_MAX);
-    return 0;
-}
-
 int fwu_writer_mark(fwu_writer *writer, const fwu_mark &mark)
 {
     fwu_writer &w = *writer;
     if (!w.open)
         return fwu_error("%s: a mark outside a transaction", w.log.directory.c_str());
-    if (check_mark(mark) != 0 || check_room(w) != 0)
+    if (fwu_check_mark(mark) != 0 || check_room(w) != 0)
         return -1;
     fwu_entry_put_mark(w.txn.entries, w.txn.tag + 1, mark);
     if (fwu_txn_added(w.txn, w.log.directory) != 0)
