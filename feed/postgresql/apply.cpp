@@ -94,6 +94,8 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
         done = pgb_old_row(old, *relation, relations, message);
     if (done && old != nullptr && pgb_lacks_needed(*relation, *old))
         done = outcome_bad(pgb_no_old_row_text(*relation, relations));
+    if (done && old != nullptr)
+        pgb_find_remedy(*relation, relations, *old);
     if (done)
         done = feed_change(tx, table, fresh, old);
     feed_tell_notes(tx);

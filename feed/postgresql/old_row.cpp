@@ -150,6 +150,16 @@ static std::string identity_commands(const pgb_relation &relation, const pgb_rel
     return commands;
 }
 
+void pgb_find_remedy(pgb_relation &relation, const pgb_relations &relations, const feed_row &old)
+{
+    if (relation.remedy_found || relation.leaves.empty() ||
+        old.count == relation.told.columns.size())
+        return;
+    relation.remedy_found = true;
+    if (const std::string commands = identity_commands(relation, relations); !commands.empty())
+        relation.table->old_row_remedy = "run" + commands;
+}
+
 std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relations &relations)
 {
     const feed_table &table = *relation.table;

@@ -27,4 +27,8 @@ bool pgb_lacks_needed(const pgb_relation &relation, const feed_row &old);
 // send whole ones.
 std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relations &relations);
 
+// Where an old row lacks something, and rows are partitions': their commands become the table's
+// remedy, once.
+void pgb_find_remedy(pgb_relation &relation, const pgb_relations &relations, const feed_row &old);
+
 #endif

@@ -27,6 +27,7 @@ struct pgb_relation {
     feed_row partial_old;         // of an old row of which not all is known
     uint32_t next = 0;            // described directly behind it, before any change; 0: none
     std::vector<uint32_t> leaves; // partitions that its changes came from in this connection
+    bool remedy_found = false;    // its table's old_row_remedy names its partitions
 };
 
 struct pgb_relations {

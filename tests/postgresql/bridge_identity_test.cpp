@@ -111,7 +111,10 @@ TEST_F(BridgeIdentityTest, APartitionsKeysAreMarkedAndWholeRowsAreNot)
     sql("INSERT INTO shop.parts VALUES (11, 5, 'two')");
     sql("UPDATE shop.parts SET qty = 6");
     sql("DELETE FROM shop.parts");
-    catch_up_well();
+    const run_result marked = catch_up();
+    EXPECT_EQ(marked.status, 0) << marked.err;
+    EXPECT_EQ(commands_in(marked.err, "for such values, run"),
+              "ALTER TABLE shop.parts_2 REPLICA IDENTITY FULL;\n");
     EXPECT_EQ(occurrences(dump(), "before ID=11 QTY=0 NOTE=\"\" NULL-MAP=\".??\""), 2);
 }
 
