@@ -83,7 +83,7 @@ static void put_column(json_writer &json, const pgk_table &table, const pgk_colu
     json.open('{');
     json.text("column", column.name);
     json.text_or_null("source_type", column.type);
-    if (column.item < 0) {
+    if (table.fed == nullptr || column.item < 0) {
         json.text_or_null("item", "");
     } else {
         const fwu_item &item = table.fed->layout.items[static_cast<size_t>(column.item)];
