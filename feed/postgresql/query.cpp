@@ -102,7 +102,7 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
     if (server.slot_in_use || passes(connection, state))
         return {OUTCOME_LOST, message};
     std::string all = message; // newer servers have the reason apart
-    for (const int field : {PG_DIAG_MESSAGE_DETAIL, PG_DIAG_MESSAGE_HINT})
+    for (const char field : {PG_DIAG_MESSAGE_DETAIL, PG_DIAG_MESSAGE_HINT})
         if (const char *more = result == nullptr ? nullptr : PQresultErrorField(result, field))
             all += std::string(" ") + more;
     const char *const found = pgs_find_remedy(state, all.c_str());
