@@ -7,7 +7,11 @@
 #include "fwutil/fwu_time.h"
 #include "fwutil/fwutil.h"
 
+#include <algorithm>
 #include <cinttypes>
+
+// Bytes of a mark's reason: enough for any that is made here, whatever names stand in it.
+constexpr size_t REASON_MAX = 4096;
 
 void feed_session_from(fwu_session &session, std::string_view content)
 {
@@ -140,6 +144,18 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
      : opcode == FWU_OP_UPDATE ? tx.changes.updates
                                : tx.changes.deletes)++;
     return {};
+}
+
+outcome feed_put_mark(feed_transaction &tx, const fwu_mark &mark)
+{
+    if (tx.skipping)
+        return {};
+    fwu_mark taken = mark;
+    taken.reason.clear();
+    (void)feed_encode(taken.reason, mark.reason, FWU_UTF8, REASON_MAX); // the rest is cut off
+    std::replace(taken.reason.begin(), taken.reason.end(), '\0', ' ');
+    const bool put = begin_in_log(tx) && fwu_writer_mark(tx.writer, taken) == 0;
+    return put ? OUTCOME_OK : OUTCOME_FAILED;
 }
 
 void feed_tell_notes(feed_transaction &tx, const std::string &place)

@@ -77,6 +77,10 @@ void feed_set_session(feed_transaction &tx, std::string_view content);
 outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fresh,
                     const feed_row *old);
 
+// Adds a mark, behind the changes that came so far.  Its reason may be of any bytes and length:
+// what has no place in the log is replaced, or cut off.
+outcome feed_put_mark(feed_transaction &tx, const fwu_mark &mark);
+
 // Hands the whole transaction to the log.  After a failure it is forgotten.
 outcome feed_commit(feed_transaction &tx);
 
