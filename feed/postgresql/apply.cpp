@@ -2,6 +2,7 @@
 // other proof is there that its history is the one that the log has.
 #include "feed/postgresql/apply.h"
 
+#include "feed/postgresql/change.h"
 #include "feed/postgresql/old_row.h"
 #include "fwutil/fwu_start.h"
 
@@ -82,22 +83,9 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
     pgb_relation *relation = nullptr;
     if (outcome found = pgb_find(relation, relations, message.relation_id, tx.work.notes); !found)
         return found;
-    feed_table &table = *relation->table;
-    if (table.dataset == nullptr)
+    if (relation->table->dataset == nullptr)
         return {};
-    const feed_row *fresh = nullptr;
-    const feed_row *old = nullptr;
-    outcome done;
-    if (message.kind != 'D')
-        done = pgb_row(fresh, *relation, message.new_row);
-    if (done && message.kind != 'I')
-        done = pgb_old_row(old, *relation, relations, message);
-    if (done && old != nullptr && pgb_lacks_needed(*relation, *old))
-        done = outcome_bad(pgb_no_old_row_text(*relation, relations));
-    if (done && old != nullptr)
-        pgb_find_remedy(*relation, relations, *old);
-    if (done)
-        done = feed_change(tx, table, fresh, old);
+    outcome done = pgb_log_change(tx, relations, *relation, message);
     feed_tell_notes(tx);
     return done;
 }
