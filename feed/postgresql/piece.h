@@ -1,0 +1,112 @@
+// Rows of tables as one moment of the server shows them, between whose changes they belong, piece
+// by piece in the order of their keys.
+//
+// A piece is read in a transaction that sees one snapshot: it says exactly which transactions it
+// has (pgf_has_transaction), all of which have committed before position high of the server's log.
+// Its tables are locked against whatever would make another table of them before it is taken.
+#ifndef FEED_POSTGRESQL_PIECE_H
+#define FEED_POSTGRESQL_PIECE_H
+
+#include "feed/postgresql/pgoutput.h"
+#include "feed/postgresql/server.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// A table whose rows are wanted, and how far it has been read.
+struct pgp_want {
+    std::string schema;
+    std::string table;
+    std::vector<std::string> key;     // of the part before, as it is; empty: nothing was read yet
+    std::vector<std::string> reached; // values of the key in the last row that was read
+    uint32_t id = 0;                  // OID of the table that was read; 0: none, or not known
+};
+
+// The columns of a key, by their places in a relation, and the types they are compared as.
+struct pgp_order {
+    std::vector<size_t> columns;
+    std::vector<uint32_t> types;
+};
+
+// A table's rows behind those read before, up to the last one in the piece, or all of them.
+struct pgp_part {
+    size_t want = 0;               // which of those wanted
+    pgo_relation relation;         // as the stream describes it
+    std::vector<std::string> key;  // that orders it, an entry a column, to be kept as it is; empty:
+                                   // none can, the rows are all there are, in any order
+    pgp_order order;               // the same in relation
+    std::vector<std::string> from; // the rows are behind this one; empty: from the first one on
+    std::vector<std::string> to;   // the last row; empty: none came, or no key
+    bool ends = false;             // with it, the table has been read to its end
+    bool anew = false;             // from the first row on, though something was read: that was of
+                                   // another table, or ordered by another key
+    std::string lines;             // the rows, see pgp_next
+    uint64_t rows = 0;
+    int64_t estimate = -1; // rows of the whole table, as the server guesses; -1: it does not
+    std::string refused;   // the server does not give its rows: why.  All the above is empty then
+    bool gone = false;     // there is no such table, or it is not published: the same
+};
+
+struct pgp_piece {
+    std::string snapshot; // "xmin:xmax:xip,..."
+    uint64_t high = 0;    // everything in the snapshot has committed before it
+    int64_t time_us = 0;  // since 1970, by the server's clock
+    std::vector<pgp_part> parts;
+    bool direct = false; // the rows of the one part that is not refused or gone are still to come,
+                         // by pgp_direct_row; its range is known already
+};
+
+// Reads the next rows of tables wanted, from the first one on as many of them as make a piece.
+// Connects server.sql where it is not; a lost connection, a table that is locked, and what else may
+// pass by itself go to later (it may be told): tables that are not in piece.parts are to be wanted
+// again, shortly after if there are no parts at all.  passed are transactions that the piece has
+// to have, and whose changes of these tables have been passed over or logged.
+// Fails by OUTCOME_STOPPED, and OUTCOME_FAILED.
+outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_want> &wants,
+                 const std::vector<uint32_t> &passed, std::string &later);
+
+// Takes the next row of lines, from byte at on, apart in its place; false at the end.  A line can
+// be taken once.  Valid as long as lines is.
+bool pgp_next(pgo_tuple &row, std::string &lines, size_t &at);
+
+enum pgp_came {
+    PGP_ROW,
+    PGP_NOT_YET, // nothing within the time; the stream may want something meanwhile
+    PGP_LAST,    // all rows had come; parts have their count
+    PGP_BROKEN,  // what came does not count: the part is refused or gone now, else later says why
+};
+
+// The next row of a direct piece, waited for wait_ms at most; valid until the next call.
+// Fails by OUTCOME_STOPPED, and OUTCOME_FAILED.
+outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
+                       int wait_ms, std::string &later);
+
+// Gives up a direct piece that did not come to its end; for others there is nothing to do.
+void pgp_end(pgp_piece &piece, pgs_server &server);
+
+// The columns of a part's key in a relation as the stream describes it.  False: it lacks one, or
+// has it in another type; the table has to be read anew.
+bool pgp_find_order(pgp_order &order, const pgo_relation &relation,
+                    const std::vector<std::string> &key);
+
+// Values of the key in a row.  False: the row lacks one.
+bool pgp_key_of(std::vector<std::string_view> &key, const pgp_order &order, const pgo_tuple &row);
+
+// Where a row stands.
+enum pgp_side {
+    PGP_TAKEN,   // at or before the rows read before
+    PGP_PIECE,   // in the part's range
+    PGP_LATER,   // behind it
+    PGP_UNKNOWN, // a value of its key is none of its type
+};
+pgp_side pgp_side_of(const pgp_part &part, const std::vector<std::string_view> &key);
+
+// The same while no part is in hand, only what was reached (empty: nothing): PGP_TAKEN or
+// PGP_LATER, or PGP_UNKNOWN.
+pgp_side pgp_side_of(const pgp_order &order, const std::vector<std::string> &reached,
+                     const std::vector<std::string_view> &key);
+
+#endif
