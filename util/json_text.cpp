@@ -4,6 +4,7 @@
 #include "util/utf8.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 
 static const char digits[] = "0123456789abcdef";
@@ -57,4 +58,49 @@ std::string json_text(std::string_view text)
     std::string out;
     json_text_append(out, text);
     return out;
+}
+
+// Appends what stands behind a backslash, and takes it away; false: it is nothing of ours.
+static bool take_escaped(std::string &value, std::string_view &text)
+{
+    if (text.starts_with('"') || text.starts_with('\\')) {
+        value += text[0];
+        text.remove_prefix(1);
+        return true;
+    }
+    unsigned byte = 0;
+    if (text.starts_with("u00") && text.size() >= 5 &&
+        std::from_chars(text.data() + 3, text.data() + 5, byte, 16).ptr == text.data() + 5)
+        value += static_cast<char>(byte);
+    else if (text.starts_with("ufffd"))
+        value += "\xEF\xBF\xBD";
+    else
+        return false;
+    text.remove_prefix(5);
+    return true;
+}
+
+bool json_text_take(std::string &value, std::string_view &text)
+{
+    std::string_view rest = text;
+    std::string taken;
+    if (!rest.starts_with('"'))
+        return false;
+    rest.remove_prefix(1);
+    for (;;) {
+        const size_t plain = std::min(rest.find_first_of("\"\\"), rest.size());
+        taken += rest.substr(0, plain);
+        rest.remove_prefix(plain);
+        if (rest.empty())
+            return false;
+        const bool ends = rest[0] == '"';
+        rest.remove_prefix(1);
+        if (ends)
+            break;
+        if (!take_escaped(taken, rest))
+            return false;
+    }
+    value = std::move(taken);
+    text = rest;
+    return true;
 }

@@ -1,4 +1,4 @@
-// Bytes as hexadecimal digits and as JSON strings.
+// Bytes as hexadecimal digits and as JSON strings, and such strings as bytes again.
 #ifndef UTIL_JSON_TEXT_H
 #define UTIL_JSON_TEXT_H
 
@@ -13,6 +13,10 @@ void json_text_append(std::string &out, std::string_view text);
 
 // The same by itself.
 std::string json_text(std::string_view text);
+
+// Takes a string as json_text writes it from the front of a text.  False, with both as they were:
+// none stands there.
+bool json_text_take(std::string &value, std::string_view &text);
 
 // Whether all bytes are printable ASCII; so is nothing.
 bool json_text_printable(std::string_view bytes);

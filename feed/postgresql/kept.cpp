@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -20,20 +19,12 @@
 // The text of a member; empty when it is not there.
 static std::string member(const std::string &json, const char *name)
 {
-    const std::string key = std::string("\"") + name + "\":\"";
+    const std::string key = std::string("\"") + name + "\":";
     const size_t found = json.find(key);
     std::string text;
-    if (found == std::string::npos)
-        return text;
-    for (size_t at = found + key.size(); at < json.size() && json[at] != '"'; at++) {
-        if (json.compare(at, 4, "\\u00") == 0) {
-            text += static_cast<char>(strtol(json.substr(at + 4, 2).c_str(), nullptr, 16));
-            at += 5;
-            continue;
-        }
-        if (json[at] == '\\' && at + 1 < json.size())
-            at++;
-        text += json[at];
+    if (found != json.npos) {
+        std::string_view rest = std::string_view(json).substr(found + key.size());
+        (void)json_text_take(text, rest); // stays empty
     }
     return text;
 }

@@ -43,3 +43,40 @@ TEST(JsonText, PrintableIsAsciiFromBlankToTilde)
     }
     EXPECT_TRUE(json_text_printable(""));
 }
+
+TEST(JsonText, StringsAreTakenAsTheyWereWritten)
+{
+    std::string all;
+    for (int byte = 1; byte < 0x80; byte++)
+        all += static_cast<char>(byte);
+    for (const std::string_view text :
+         {""sv, "plain"sv, "a\"b\\c\\\""sv, "\0\t\xC3\xBC"sv, std::string_view(all)}) {
+        const std::string json = json_text(text) + ",\"next\"";
+        std::string_view rest = json;
+        std::string value = "before";
+        ASSERT_TRUE(json_text_take(value, rest)) << json;
+        EXPECT_EQ(value, text);
+        EXPECT_EQ(rest, ",\"next\"");
+    }
+}
+
+TEST(JsonText, WhatIsNoStringIsLeftAlone)
+{
+    for (const std::string_view text : {"", "x", "\"", "\"abc", "\"\\", "\"\\\"", "\"\\n\"",
+                                        "\"\\u00\"", "\"\\u00g0\"", "\"\\u0100\"", "\"\\u00"}) {
+        std::string_view rest = text;
+        std::string value = "before";
+        EXPECT_FALSE(json_text_take(value, rest)) << text;
+        EXPECT_EQ(value, "before");
+        EXPECT_EQ(rest, text);
+    }
+}
+
+TEST(JsonText, AReplacementIsTakenAsOne)
+{
+    const std::string json = json_text("a\xFF");
+    std::string_view rest = json;
+    std::string value;
+    ASSERT_TRUE(json_text_take(value, rest));
+    EXPECT_EQ(value, "a\xEF\xBF\xBD");
+}
