@@ -47,7 +47,7 @@ static void say_notes(w2j_stream &stream, const line_reader &reader, load_progre
 {
     if (stream.tx.work.notes.empty())
         return;
-    load_progress_erase(progress);
+    progress_line_erase(progress.line);
     feed_tell_notes(stream.tx, std::string(name) + ":" + std::to_string(reader.number) + ": ");
 }
 
@@ -67,7 +67,7 @@ static outcome take_lines(w2j_stream &stream, line_reader &reader, load_progress
             const outcome taken = w2j_stream_line(stream, line, reader.number);
             say_notes(stream, reader, progress, name);
             if (!taken) {
-                load_progress_erase(progress);
+                progress_line_erase(progress.line);
                 if (taken.kind() == OUTCOME_BAD)
                     say_bad_line(stream, reader, name, was_open, taken.text());
                 return OUTCOME_FAILED;
@@ -78,7 +78,7 @@ static outcome take_lines(w2j_stream &stream, line_reader &reader, load_progress
 
         const int code = errno;
         const bool was_open = stream.tx.open;
-        load_progress_erase(progress);
+        progress_line_erase(progress.line);
         feed_abandon(stream.tx);
         switch (found) {
         case LINE_STOPPED:
@@ -157,14 +157,14 @@ static outcome load(const fwlog_load_options &options, int fd, const char *name)
     };
     struct stat about = {};
     load_progress progress;
-    progress.on_terminal = isatty(STDERR_FILENO) == 1;
+    progress.line = progress_line_open();
     if (fstat(fd, &about) == 0 && S_ISREG(about.st_mode))
         progress.size = static_cast<uint64_t>(about.st_size);
 
     outcome done = take_lines(stream, reader, progress, name);
     if (!on_disk)
         done = OUTCOME_FAILED;
-    load_progress_erase(progress);
+    progress_line_erase(progress.line);
     if (done.kind() == OUTCOME_STOPPED)
         tell("stopped by signal %d behind a whole transaction; load the stream again to go on",
              stop_signal_get());

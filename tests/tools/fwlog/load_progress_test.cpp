@@ -1,5 +1,6 @@
 // The progress line.
 #include "tools/fwlog/load_progress.h"
+#include "util/outcome.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,7 @@ static const feed_totals totals{.transactions = 12,
 static std::string shown(load_progress &progress, uint64_t bytes)
 {
     testing::internal::CaptureStderr();
+    tell_as("fwlog");
     load_progress_show(progress, totals, bytes);
     return testing::internal::GetCapturedStderr();
 }
@@ -21,14 +23,14 @@ static std::string shown(load_progress &progress, uint64_t bytes)
 static std::string erased(load_progress &progress)
 {
     testing::internal::CaptureStderr();
-    load_progress_erase(progress);
+    progress_line_erase(progress.line);
     return testing::internal::GetCapturedStderr();
 }
 
 TEST(LoadProgress, TellsHowFarTheLoadHasCome)
 {
     load_progress progress;
-    progress.on_terminal = true;
+    progress.line.on_terminal = true;
     progress.size = 5'000'000;
     EXPECT_EQ(shown(progress, 1'250'000),
               "fwlog: 12 transactions, 123 changes, 1.2 MB, 25 %\033[K\r");
@@ -39,15 +41,15 @@ TEST(LoadProgress, TellsHowFarTheLoadHasCome)
 TEST(LoadProgress, NoPercentageWhereTheSizeIsNotKnown)
 {
     load_progress progress;
-    progress.on_terminal = true;
+    progress.line.on_terminal = true;
     EXPECT_EQ(shown(progress, 7'000'000), "fwlog: 12 transactions, 123 changes, 7.0 MB\033[K\r");
 }
 
 TEST(LoadProgress, NothingIsPrintedBeforeTheNextTurn)
 {
     load_progress progress;
-    progress.on_terminal = true;
-    progress.next_ms = INT64_MAX;
+    progress.line.on_terminal = true;
+    progress.line.next_ms = INT64_MAX;
     EXPECT_EQ(shown(progress, 1), "");
 }
 
