@@ -242,7 +242,9 @@ static void signal_all(pid_t postmaster, int number)
         const int process = atoi(entry.path().filename().c_str());
         if (process <= 0)
             continue;
-        const std::string stat = read_file(entry.path() / "stat");
+        std::ifstream file(entry.path() / "stat");
+        std::string stat;
+        std::getline(file, stat); // of a process that ends meanwhile: nothing
         const size_t name_end = stat.rfind(')'); // then " STATE PARENT"
         if (name_end != std::string::npos && atoi(stat.c_str() + name_end + 4) == postmaster)
             kill(process, number);
