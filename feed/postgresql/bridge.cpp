@@ -184,6 +184,8 @@ static outcome take_over(bridge &b)
     b.tx.work.settings.encoding = b.relations.encoding;
     if (done)
         done = feed_names_open(b.relations.names, b.config.log_directory, kept.mode);
+    if (done)
+        done = pga_open(b.relations.aside, b.config.log_directory, kept.mode, last.lsn);
     return done;
 }
 

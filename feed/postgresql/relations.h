@@ -3,6 +3,7 @@
 #define FEED_POSTGRESQL_RELATIONS_H
 
 #include "feed/names.h"
+#include "feed/postgresql/aside.h"
 #include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/facts.h"
 #include "feed/postgresql/pgoutput.h"
@@ -38,6 +39,7 @@ struct pgb_relations {
     uint32_t described = 0;             // last, and no change came since; 0: none
     fwu_encoding encoding = FWU_LATIN1; // of the log's texts
     bool idle_told = false;             // the configuration's lines about nothing
+    pga_registry aside = {};            // where tables stand that are not just followed
 };
 
 // Asks over the sql connection for what is to be known of all tables of the publication, and

@@ -1,0 +1,179 @@
+// Records of a table stand in the order of their positions, so that whether one holds is seen from
+// the log's last position alone.
+#include "feed/postgresql/aside.h"
+
+#include "feed/postgresql/aside_file.h"
+#include "feed/whole_file.h"
+#include "fwutil/fwu_source_name.h"
+
+#include <algorithm>
+
+static constexpr std::string_view FIRST_LINE = "fwlog aside 1\n";
+
+// Puts what holds from a position on behind what holds before.
+template <typename Record> static void put(std::vector<Record> &records, Record record)
+{
+    if (!records.empty())
+        record.at = std::max(record.at, records.back().at); // positions of the log only grow
+    if (!records.empty() && records.back().at == record.at)
+        records.pop_back();
+    records.push_back(std::move(record));
+}
+
+// Whether any went that is newer than the log.
+template <typename Record> static bool withdraw(std::vector<Record> &records, uint64_t last_lsn)
+{
+    const size_t before = records.size();
+    while (!records.empty() && records.back().at > last_lsn)
+        records.pop_back();
+    return records.size() != before;
+}
+
+// Drops those that a newer one replaces which the log has.
+template <typename Record> static void forget_old(std::vector<Record> &records, uint64_t last_lsn)
+{
+    size_t held = 0;
+    for (size_t i = 1; i < records.size() && records[i].at <= last_lsn; i++)
+        held = i;
+    records.erase(records.begin(), records.begin() + static_cast<ptrdiff_t>(held));
+}
+
+static void find_holders(pga_registry &registry)
+{
+    registry.holders.clear();
+    for (const auto &[id, names] : registry.ids)
+        if (!names.back().lost)
+            registry.holders[fwu_source_name(names.back().schema, names.back().table)] = id;
+}
+
+outcome pga_open(pga_registry &registry, const std::string &directory, mode_t mode,
+                 uint64_t last_lsn)
+{
+    registry = {.path = directory + "/aside", .mode = mode, .version = registry.version + 1};
+    std::string lines;
+    const feed_whole read = feed_whole_read(lines, registry.path, FIRST_LINE);
+    if (read == FEED_WHOLE_FAILED)
+        return outcome_failed("%s: cannot read which tables are set aside: %m",
+                              registry.path.c_str());
+    if (read == FEED_WHOLE_DAMAGED || (read == FEED_WHOLE && !pga_take_lines(registry, lines)))
+        return outcome_failed(
+            "%s: damaged: it says which tables are set aside or being taken in; restore it from a "
+            "copy, or remove it: then all tables are followed from here on, and those with gap "
+            "marks in the log are to be taken in with --resume",
+            registry.path.c_str());
+    find_holders(registry);
+    pga_withdraw(registry, last_lsn);
+    return {};
+}
+
+const pga_record *pga_find(const pga_registry &registry, const std::string &name)
+{
+    const auto found = registry.tables.find(name);
+    return found == registry.tables.end() ? nullptr : &found->second.records.back();
+}
+
+pga_table *pga_find_table(pga_registry &registry, const std::string &name)
+{
+    const auto found = registry.tables.find(name);
+    return found == registry.tables.end() ? nullptr : &found->second;
+}
+
+void pga_put(pga_registry &registry, const std::string &schema, const std::string &table,
+             pga_record record)
+{
+    pga_table &of = registry.tables[fwu_source_name(schema, table)];
+    of.schema = schema;
+    of.table = table;
+    put(of.records, std::move(record));
+    registry.version++;
+    registry.dirty = true;
+}
+
+void pga_withdraw(pga_registry &registry, uint64_t last_lsn)
+{
+    bool any = false;
+    for (auto &[name, table] : registry.tables)
+        any = withdraw(table.records, last_lsn) || any;
+    bool renamed = false;
+    for (auto &[id, names] : registry.ids)
+        renamed = withdraw(names, last_lsn) || renamed;
+    if (!any && !renamed)
+        return;
+    std::erase_if(registry.tables, [](const auto &table) { return table.second.records.empty(); });
+    std::erase_if(registry.ids, [](const auto &id) { return id.second.empty(); });
+    find_holders(registry);
+    registry.version++;
+    registry.dirty = true; // the file must lose it before the log gets there
+}
+
+outcome pga_keep(pga_registry &registry, uint64_t last_lsn)
+{
+    if (!registry.dirty || registry.path.empty())
+        return {};
+    for (auto &[name, table] : registry.tables)
+        forget_old(table.records, last_lsn);
+    const size_t gone = std::erase_if(registry.tables, [last_lsn](const auto &table) {
+        const std::vector<pga_record> &records = table.second.records;
+        return records.size() == 1 && records.back().standing == PGA_FOLLOWED &&
+               records.back().at <= last_lsn;
+    });
+    if (gone != 0)
+        registry.version++;
+    for (auto &[id, names] : registry.ids)
+        forget_old(names, last_lsn);
+    if (!feed_whole_write(registry.path, registry.mode, FIRST_LINE, pga_lines(registry)))
+        return outcome_failed("%s: cannot keep which tables are set aside: %m",
+                              registry.path.c_str());
+    registry.dirty = false;
+    return {};
+}
+
+// Forgets what the catalogue said of an OID that the stream is not at yet.
+static void forget_guess(pga_registry &registry, uint32_t id, uint64_t at)
+{
+    const auto found = registry.ids.find(id);
+    if (found == registry.ids.end() || found->second.back().guessed <= at)
+        return;
+    const pga_name &name = found->second.back();
+    registry.holders.erase(fwu_source_name(name.schema, name.table));
+    registry.ids.erase(found);
+}
+
+pga_identity pga_describe(pga_registry &registry, uint32_t id, const std::string &schema,
+                          const std::string &table, uint64_t at)
+{
+    pga_identity found;
+    forget_guess(registry, id, at);
+    if (const auto known = registry.ids.find(id); known != registry.ids.end())
+        found.before = known->second.back();
+    pga_name &before = found.before;
+    if (!before.lost && before.schema == schema && before.table == table)
+        return found;
+    const std::string name = fwu_source_name(schema, table);
+    if (const auto holder = registry.holders.find(name); holder != registry.holders.end()) {
+        const uint32_t other = holder->second;
+        forget_guess(registry, other, at);
+        if (const auto known = registry.ids.find(other); known != registry.ids.end()) {
+            found.was_known = true;
+            put(known->second, {.schema = schema, .table = table, .at = at, .lost = true});
+        }
+    }
+    if (!before.table.empty() && !before.lost)
+        registry.holders.erase(fwu_source_name(before.schema, before.table));
+    registry.holders[name] = id;
+    put(registry.ids[id], {.schema = schema, .table = table, .at = at});
+    registry.dirty = true;
+    found.what = !before.table.empty() ? PGA_RENAMED : found.was_known ? PGA_REMADE : PGA_NEW;
+    return found;
+}
+
+void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
+               const std::string &table, uint64_t at)
+{
+    const std::string name = fwu_source_name(schema, table);
+    if (registry.ids.contains(id) || registry.holders.contains(name))
+        return;
+    registry.ids[id] = {{.schema = schema, .table = table, .guessed = at}};
+    registry.holders[name] = id;
+    registry.dirty = true;
+}

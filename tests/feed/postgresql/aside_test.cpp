@@ -1,0 +1,298 @@
+// Standings of tables: the file, and what counts of it when the log ends anywhere.
+#include "feed/postgresql/aside.h"
+
+#include "tests/support/tempdir.h"
+#include "util/outcome.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <sys/stat.h>
+
+class Aside : public testing::Test {
+  protected:
+    Aside()
+    {
+        tell_as("prog");
+        open(0);
+    }
+
+    void open(uint64_t last_lsn)
+    {
+        ASSERT_TRUE(pga_open(registry, dir.path(), 0640, last_lsn));
+    }
+
+    void keep(uint64_t last_lsn)
+    {
+        ASSERT_TRUE(pga_keep(registry, last_lsn));
+    }
+
+    pga_standing standing(const std::string &name) const
+    {
+        const pga_record *record = pga_find(registry, name);
+        return record == nullptr ? PGA_FOLLOWED : record->standing;
+    }
+
+    tempdir dir;
+    std::string path = dir.file("aside");
+    pga_registry registry;
+};
+
+static pga_record aside_at(uint64_t at, const std::string &reason = "why")
+{
+    return {.standing = PGA_ASIDE, .at = at, .since = at, .since_us = 5, .reason = reason};
+}
+
+TEST_F(Aside, FileSaysAllInWords)
+{
+    registry.skipped = {"sales.\"two words\""};
+    pga_put(registry, "sales", "orders", aside_at(0x10000002A, "100% odd\n"));
+    pga_record taking = aside_at(0x20, "");
+    taking.standing = PGA_TAKING;
+    taking.at = 0x30;
+    taking.replaces = true;
+    taking.why = "resume";
+    taking.rows = 7;
+    taking.key = {"a b", ""};
+    taking.reached = {"", "x=\xFF"};
+    pga_put(registry, "", " ", taking);
+    pga_put(registry, "", " ", {.at = 0x40});
+    EXPECT_EQ(pga_describe(registry, 16385, "sales", "orders", 0x18).what, PGA_NEW);
+    EXPECT_EQ(pga_describe(registry, 16386, "sales", "orders", 0x20).what, PGA_REMADE);
+    pga_guess(registry, 16387, "sales", "lines", 0x50);
+    keep(0);
+    const std::string text = read_file(path);
+    EXPECT_EQ(text.substr(0, text.rfind("checksum ")),
+              "fwlog aside 1\n"
+              "skipped sales.\"two%20words\"\n"
+              "id 16385 sales orders at=0/18 guessed=0/0\n"
+              "id 16385 sales orders at=0/20 guessed=0/0 lost\n"
+              "id 16386 sales orders at=0/20 guessed=0/0\n"
+              "id 16387 sales lines at=0/0 guessed=0/50\n"
+              "table % %20\n"
+              "taking at=0/30 since=0/20 since_us=5 reason=% replaces=1 why=resume rows=7 "
+              "key=a%20b key=% reached=% reached=x=\xFF\n"
+              "followed at=0/40\n"
+              "table sales orders\n"
+              "aside at=1/2A since=1/2A since_us=5 reason=100%25%20odd%0a\n");
+    struct stat file = {};
+    ASSERT_EQ(stat(path.c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0640U);
+    const pga_registry kept = registry;
+    open(UINT64_MAX);
+    EXPECT_EQ(registry.skipped, kept.skipped);
+    EXPECT_EQ(registry.ids, kept.ids);
+    EXPECT_EQ(registry.holders, kept.holders);
+    ASSERT_EQ(registry.tables.size(), 2U);
+    for (const auto &[name, table] : kept.tables) {
+        EXPECT_EQ(registry.tables[name].schema, table.schema);
+        EXPECT_EQ(registry.tables[name].table, table.table);
+        EXPECT_EQ(registry.tables[name].records, table.records);
+    }
+}
+
+TEST_F(Aside, DamagedFileIsRefusedAndTheRemedyHelps)
+{
+    pga_put(registry, "sales", "orders", aside_at(16));
+    (void)pga_describe(registry, 16385, "sales", "orders", 16);
+    keep(0);
+    const std::string whole = read_file(path);
+    const auto refused = [this](const std::string &bytes) {
+        write_file(path, bytes);
+        testing::internal::CaptureStderr();
+        const outcome opened = pga_open(registry, dir.path(), 0640, 16);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  opened ? ""
+                         : "prog: " + path +
+                               ": damaged: it says which tables are set aside or being taken in; "
+                               "restore it from a copy, or remove it: then all tables are followed "
+                               "from here on, and those with gap marks in the log are to be taken "
+                               "in with --resume\n");
+        return opened.kind() == OUTCOME_FAILED;
+    };
+    for (size_t length = 0; length < whole.size(); length++)
+        EXPECT_TRUE(refused(whole.substr(0, length))) << length;
+    for (size_t at = 0; at < whole.size(); at++) {
+        std::string bytes = whole;
+        bytes[at] ^= 1;
+        EXPECT_TRUE(refused(bytes)) << at;
+    }
+    EXPECT_TRUE(refused(whole + "\n"));
+    std::filesystem::remove(path);
+    open(16);
+    EXPECT_EQ(standing("sales.orders"), PGA_FOLLOWED);
+    write_file(path, whole);
+    open(16);
+    EXPECT_EQ(standing("sales.orders"), PGA_ASIDE);
+}
+
+TEST_F(Aside, FileThatCannotBeReadOrWrittenIsAnError)
+{
+    std::filesystem::create_directory(path);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(pga_open(registry, dir.path(), 0640, 0).kind(), OUTCOME_FAILED);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "prog: " + path + ": cannot read which tables are set aside: Is a directory\n");
+    pga_put(registry, "sales", "orders", aside_at(16));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(pga_keep(registry, 0).kind(), OUTCOME_FAILED);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "prog: " + path + ": cannot keep which tables are set aside: Is a directory\n");
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+    std::filesystem::remove(path);
+    keep(0); // still to be written
+    open(16);
+    EXPECT_EQ(standing("sales.orders"), PGA_ASIDE);
+}
+
+TEST_F(Aside, NothingIsWrittenAsLongAsNothingChanges)
+{
+    keep(0);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    pga_put(registry, "sales", "orders", aside_at(16));
+    keep(0);
+    std::filesystem::remove(path);
+    keep(16);
+    pga_withdraw(registry, 16);
+    keep(16);
+    EXPECT_EQ(pga_describe(registry, 1, "a", "b", 24).what, PGA_NEW);
+    keep(16);
+    std::filesystem::remove(path);
+    EXPECT_EQ(pga_describe(registry, 1, "a", "b", 32).what, PGA_SAME);
+    keep(24);
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(Aside, VersionChangesWithEveryStanding)
+{
+    uint64_t before = registry.version;
+    const auto has_changed = [&] { return std::exchange(before, registry.version) != before; };
+    pga_put(registry, "sales", "orders", aside_at(16));
+    EXPECT_TRUE(has_changed());
+    pga_find_table(registry, "sales.orders")->missed++;
+    keep(0);
+    EXPECT_FALSE(has_changed());
+    pga_withdraw(registry, 16);
+    EXPECT_FALSE(has_changed());
+    pga_put(registry, "sales", "orders", {.at = 24});
+    EXPECT_TRUE(has_changed());
+    keep(24); // the table is forgotten
+    EXPECT_TRUE(has_changed());
+    EXPECT_EQ(pga_find_table(registry, "sales.orders"), nullptr);
+    pga_put(registry, "sales", "orders", aside_at(32));
+    EXPECT_TRUE(has_changed());
+    pga_withdraw(registry, 24);
+    EXPECT_TRUE(has_changed());
+    open(24);
+    EXPECT_TRUE(has_changed());
+}
+
+// A log that is written, given up and killed at random, against a list of all that was committed.
+TEST_F(Aside, EveryKillLeavesWhatTheLogHas)
+{
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned n) { return static_cast<unsigned>(random() % n); };
+    using model = std::map<std::string, pga_record>;
+    model logged; // as of last
+    uint64_t last = 0;
+    for (int i = 0; i < 3000; i++) {
+        const uint64_t at = last + 8 + 8 * below(3);
+        model hand = logged;
+        for (unsigned n = below(4); n > 0; n--) {
+            const std::string table = "t" + std::to_string(below(3));
+            pga_record record = aside_at(at, std::to_string(i));
+            record.standing = static_cast<pga_standing>(below(3));
+            if (record.standing == PGA_FOLLOWED)
+                record = {.at = at};
+            pga_put(registry, "s", table, record);
+            hand["s." + table] = record;
+        }
+        const unsigned how = below(8);
+        if (how > 0) // else killed, or given up, before
+            keep(last);
+        if (how > 2) {
+            last = at;
+            logged = hand;
+        }
+        if (how == 2)
+            pga_withdraw(registry, last);
+        else if (how < 5)
+            open(last);
+        for (const char *name : {"s.t0", "s.t1", "s.t2"}) {
+            const pga_record *found = pga_find(registry, name);
+            const auto expected = logged.find(name);
+            if (expected == logged.end() || expected->second.standing == PGA_FOLLOWED)
+                EXPECT_TRUE(found == nullptr || found->standing == PGA_FOLLOWED);
+            else if (found == nullptr)
+                ADD_FAILURE() << name << " is not known";
+            else
+                EXPECT_EQ(*found, expected->second);
+        }
+        for (const auto &[name, table] : registry.tables)
+            EXPECT_LE(table.records.size(), 3U) << "old records stay";
+        if (HasFailure())
+            break;
+    }
+}
+
+TEST_F(Aside, NamesOfTablesAreFollowedThroughRenamesAndDrops)
+{
+    struct step {
+        uint32_t id;
+        const char *table;
+        pga_description what;
+        const char *before; // the OID's name
+        bool lost;
+        bool was_known;
+    };
+    static const step steps[] = {
+        {1, "t", PGA_NEW, "", false, false},
+        {1, "t", PGA_SAME, "t", false, false},
+        {2, "new", PGA_NEW, "", false, false},
+        // t to old, new to t, of which the latter is told first
+        {2, "t", PGA_RENAMED, "new", false, true},
+        {1, "old", PGA_RENAMED, "t", true, false},
+        {1, "old", PGA_SAME, "old", false, false},
+        // dropped, and made anew
+        {3, "t", PGA_REMADE, "", false, true},
+        {3, "t", PGA_SAME, "t", false, false},
+        {4, "new", PGA_NEW, "", false, false}, // the name is free
+        // the one that was taken for dropped comes with its name again
+        {2, "t", PGA_RENAMED, "t", true, true},
+    };
+    uint64_t at = 0;
+    for (const step &s : steps) {
+        SCOPED_TRACE(at += 8);
+        for (const bool again : {false, true}) { // the server sends the transaction again
+            const pga_identity found = pga_describe(registry, s.id, "s", s.table, at);
+            EXPECT_EQ(found.what, s.what);
+            EXPECT_EQ(found.before.table, s.before);
+            EXPECT_EQ(found.before.lost, s.lost);
+            EXPECT_EQ(found.was_known, s.was_known);
+            keep(at - 8);
+            open(again ? at : at - 8);
+        }
+    }
+}
+
+TEST_F(Aside, CatalogueAheadOfTheStreamIsNoRename)
+{
+    EXPECT_EQ(pga_describe(registry, 5, "s", "kept", 8).what, PGA_NEW);
+    pga_guess(registry, 5, "s", "other", 100); // known already
+    pga_guess(registry, 6, "s", "kept", 100);  // likewise
+    pga_guess(registry, 1, "s", "later", 100);
+    pga_guess(registry, 2, "s", "t", 100);
+    pga_guess(registry, 3, "s", "u", 100);
+    EXPECT_EQ(registry.ids.size(), 4U);
+    EXPECT_EQ(pga_describe(registry, 1, "s", "before", 16).what, PGA_NEW);
+    EXPECT_EQ(pga_describe(registry, 1, "s", "later", 96).what, PGA_RENAMED);
+    // The table that was t before, dropped since.
+    EXPECT_EQ(pga_describe(registry, 4, "s", "t", 16).what, PGA_NEW);
+    EXPECT_EQ(pga_describe(registry, 2, "s", "t", 24).what, PGA_REMADE);
+    // What the catalogue said counts from where it was said.
+    EXPECT_EQ(pga_describe(registry, 3, "s", "u", 104).what, PGA_SAME);
+    EXPECT_EQ(pga_describe(registry, 3, "s", "v", 112).what, PGA_RENAMED);
+}
