@@ -20,7 +20,7 @@ outcome pgb_diverged(const fwu_commit &last)
         last.xid, fwu_lsn_text(last.lsn).c_str());
 }
 
-static outcome take_begin(pgb_apply &apply, feed_transaction &tx)
+static outcome take_begin(pgb_apply &apply, feed_transaction &tx, const pgb_relations &relations)
 {
     fwu_commit commit;
     commit.lsn = apply.message.lsn;
@@ -32,8 +32,10 @@ static outcome take_begin(pgb_apply &apply, feed_transaction &tx)
             return pgb_diverged(last);
         apply.expects_last = false;
     }
-    feed_begin(tx, commit);
-    return {};
+    outcome skipped = pgb_skip_begin(apply.skip, tx, relations, commit);
+    if (skipped)
+        feed_begin(tx, commit);
+    return skipped;
 }
 
 static outcome take_commit(pgb_apply &apply, feed_transaction &tx)
@@ -119,7 +121,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
     switch (apply.message.kind) {
     case 'B':
         relations.facts.xid = apply.message.xid;
-        return take_begin(apply, tx);
+        return take_begin(apply, tx, relations);
     case 'C':
         return take_commit(apply, tx);
     case 'M':

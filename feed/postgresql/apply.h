@@ -4,6 +4,7 @@
 
 #include "feed/postgresql/pgoutput.h"
 #include "feed/postgresql/relations.h"
+#include "feed/postgresql/skip.h"
 #include "feed/postgresql/watch.h"
 #include "feed/transaction.h"
 #include "util/outcome.h"
@@ -18,6 +19,7 @@ struct pgb_apply {
     bool session_told = false;    // that a session message is too long
     uint64_t end = 0;             // behind the last whole transaction
     int64_t commit_us = 0;        // commit time of the transaction logged last, 0 for none
+    pgb_skip skip;                // a transaction that the user wants passed over
     pgo_message message;
     pgb_watch watch;
 };

@@ -161,6 +161,7 @@ static outcome set_up(bridge &b)
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
     b.apply.watch.config = &b.config;
     b.apply.ignore_truncate = options.ignore_truncate;
+    b.apply.skip = {.lsn = options.skip_lsn, .tables = options.skip_tables};
     b.state.slot = options.slot;
     b.state.publication = options.publication;
     b.state.kept.path = b.config.log_directory + "/source";
@@ -178,6 +179,7 @@ static outcome take_over(bridge &b)
     outcome done = pgb_kept_read(kept, b.state.path);
     const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
     b.state.commit_us = last.time_us;
+    pgb_skip_open(b.apply.skip, last.lsn);
     if (last.lsn != 0 && kept.snapshot == "begun")
         kept.snapshot = "done"; // cut short behind its commit
     b.relations.encoding = fwu_writer_encoding(b.tx.writer);

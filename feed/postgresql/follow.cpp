@@ -168,13 +168,67 @@ static outcome take_copy_data(follow &f, std::string_view bytes)
         if (f.apply.expects_last && end > fwu_writer_last_lsn(f.tx.writer))
             return pgb_diverged(fwu_writer_last_commit(f.tx.writer));
         // All that was committed before it has been sent.
-        if (!f.tx.open)
+        if (!f.tx.open) {
             f.apply.end = std::max(f.apply.end, end);
+            pgb_skip_pass(f.apply.skip, end);
+        }
         f.answer = f.answer || bytes[KEEPALIVE_SIZE - 1] != 0;
         return {};
     }
     return feed_tell_bad(
         f.tx, outcome_bad("the server sent something that is neither data nor a keep-alive"));
+}
+
+// The last position that a text names; 0: none.
+static uint64_t position_in(std::string_view text)
+{
+    constexpr std::string_view digits = "0123456789ABCDEFabcdef";
+    const size_t slash = text.rfind('/');
+    uint64_t position = 0;
+    if (slash == text.npos)
+        return 0;
+    const size_t before = text.find_last_not_of(digits, slash - 1); // npos + 1: from the start
+    const size_t end = std::min(text.find_first_not_of(digits, slash + 1), text.size());
+    (void)fwu_lsn_parse(position, text.substr(before + 1, end - before - 1)); // stays 0
+    return position;
+}
+
+// The server has ended the stream with an error, or the connection is gone.  An error is about
+// the transaction in hand, if there is one: a server of version 15 or later begins one with its
+// first change, and may fail before that.
+static outcome fail(follow &f, const PGresult *result)
+{
+    pgb_skip &skip = f.apply.skip;
+    const fwu_commit &commit = f.tx.commit;
+    if (!pgs_refused(f.connection, result))
+        return pgs_failed(f.server, f.connection, result, "following the server");
+    const char *const context = PQresultErrorField(result, PG_DIAG_CONTEXT);
+    const uint64_t at = context == nullptr ? 0 : position_in(context);
+    bool skipped = pgb_skip_holds(skip, f.tx);
+    if (!f.tx.open && at != 0)
+        if (outcome done = pgb_skip_unbegun(skip, f.tx, f.relations, at, skipped); !done)
+            return done;
+    if (skipped)
+        return lost(f, "the server has failed in the transaction that is skipped");
+    if (f.tx.open)
+        return pgs_failed(f.server, f.connection, result,
+                          "following the server, in transaction " + std::to_string(commit.xid) +
+                              " of " + fwu_lsn_text(commit.lsn),
+                          "if that cannot be mended on the server, pass the transaction over with "
+                          "--skip-transaction " +
+                              fwu_lsn_text(commit.lsn) +
+                              ", which leaves a gap mark for all tables in the log (" +
+                              fwu_lsn_text(commit.lsn) + ",TABLE,... for those named)");
+    if (at == 0)
+        return pgs_failed(f.server, f.connection, result, "following the server");
+    return pgs_failed(f.server, f.connection, result,
+                      "following the server, at " + fwu_lsn_text(at) +
+                          " in a transaction that it has not begun to send",
+                      "if that cannot be mended on the server, find the position where the "
+                      "transaction with the change at " +
+                          fwu_lsn_text(at) +
+                          " commits (pg_waldump, or extension pg_walinspect), and pass it over "
+                          "with --skip-transaction and that position");
 }
 
 // Takes messages as long as there are some at hand.
@@ -191,7 +245,7 @@ static outcome take_waiting(follow &f)
             const pgs_result result(length == -1 ? PQgetResult(f.connection) : nullptr);
             if (length == -1 && PQresultStatus(result.get()) != PGRES_FATAL_ERROR)
                 return lost(f, "the server has ended the stream");
-            return pgs_failed(f.server, f.connection, result.get(), "following the server");
+            return fail(f, result.get());
         }
         done = take_copy_data(f, {bytes, static_cast<size_t>(length)});
         if (done && (n % MESSAGES_A_LOOK == 0 || f.answer))

@@ -3,6 +3,10 @@
 #ifndef FEED_POSTGRESQL_OPTIONS_H
 #define FEED_POSTGRESQL_OPTIONS_H
 
+#include <cstdint>
+#include <string>
+#include <vector>
+
 struct pgb_options {
     const char *cfg = nullptr; // configuration file; null: the usual one
     const char *conninfo = ""; // empty: the environment's settings count
@@ -16,7 +20,9 @@ struct pgb_options {
     bool truncate = false;        // cut texts that are too long for their item
     bool ignore_truncate = false; // pass over truncates instead of stopping
     bool accept_gap = false;      // go on where the slot is although changes are missing
-    bool once = false;            // end when the log has what the server had at the start
+    uint64_t skip_lsn = 0;        // commit of a transaction to be passed over; 0: none
+    std::vector<std::string> skip_tables = {}; // that its mark is for (fwu_source_name); empty: all
+    bool once = false; // end when the log has what the server had at the start
     bool verbose = false;
     bool check = false;                 // tell what a run would find, and change nothing; the
                                         // others below go with it

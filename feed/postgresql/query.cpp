@@ -80,8 +80,7 @@ static bool passes(const PGconn *connection, const char *state)
            strncmp(state, "57P", 3) == 0;
 }
 
-// Whether the server has answered a command with an error of that command, this one if given.
-static bool is_refusal(const PGconn *connection, const PGresult *result, const char *only)
+bool pgs_refused(const PGconn *connection, const PGresult *result, const char *only)
 {
     const char *state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
     return state != nullptr && PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY) != nullptr &&
@@ -89,7 +88,7 @@ static bool is_refusal(const PGconn *connection, const PGresult *result, const c
 }
 
 outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
-                   const std::string &doing)
+                   const std::string &doing, const std::string &otherwise)
 {
     const char *state = result == nullptr ? nullptr : PQresultErrorField(result, PG_DIAG_SQLSTATE);
     if (state == nullptr)
@@ -109,7 +108,11 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
     std::string remedy = found == nullptr ? "" : std::string("; ") + found;
     if (const size_t at = remedy.find(SLOT_PLACE); at != remedy.npos)
         remedy.replace(at, strlen(SLOT_PLACE), pgs_literal(server.slot));
-    return outcome_failed("%s: %s%s", doing.c_str(), message.c_str(), remedy.c_str());
+    const bool known = found != nullptr || otherwise.empty();
+    if (!known)
+        remedy = "; " + otherwise;
+    return outcome_failed("%s: %s%s", doing.c_str(), known ? message.c_str() : all.c_str(),
+                          remedy.c_str());
 }
 
 // A query in a message.
@@ -240,7 +243,7 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
             return {};
         default: {
             outcome failure;
-            if (refused != nullptr && is_refusal(connection, next.get(), only))
+            if (refused != nullptr && pgs_refused(connection, next.get(), only))
                 *refused = pgs_one_line(PQresultErrorField(next.get(), PG_DIAG_MESSAGE_PRIMARY));
             else
                 failure = pgs_failed(server, connection, next.get(), query);

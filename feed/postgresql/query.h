@@ -37,9 +37,14 @@ void pgs_tell_held_up(const std::string &doing, const std::string &sessions);
 
 // The failed result, or that of the connection when result is null: what was done, the
 // server's message, the remedy if one is known.  What may pass by itself is OUTCOME_LOST,
-// all else is told: OUTCOME_FAILED.
+// all else is told: OUTCOME_FAILED.  otherwise: what to do where no remedy is known; the server's
+// details stand in front of it.
 outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *result,
-                   const std::string &doing);
+                   const std::string &doing, const std::string &otherwise = {});
+
+// Whether the server has answered with an error that does not pass by itself; only, when given,
+// is its SQLSTATE.
+bool pgs_refused(const PGconn *connection, const PGresult *result, const char *only = nullptr);
 
 // The server was silent for too long while this was waited for: OUTCOME_LOST.  It gets
 // more time the next time, since it may have been busy with something huge.

@@ -1,5 +1,7 @@
 // fwlog postgresql: command line and help, in every build.
 #include "feed/postgresql/bridge.h"
+#include "fwutil/fwu_source_name.h"
+#include "fwutil/fwu_start.h"
 #include "tools/fwlog/fwlog.h"
 
 #include <cstring>
@@ -32,6 +34,41 @@ static bool take_create(const char *word)
     return word == nullptr || strcmp(word, "minimal") == 0;
 }
 
+static constexpr cli_kind SKIP = {
+    .word = "LSN[,TABLE...]",
+    .lacking = LACKING,
+    .bad = "--skip-transaction takes the position of a commit (0/16B3748), and behind commas "
+           "tables (sales.orders)",
+    .may_be_empty = false};
+
+// Takes what stands in front of the next comma outside of quotes, and the comma.
+static std::string_view take_word(std::string_view &rest)
+{
+    bool quoted = false;
+    size_t end = 0;
+    for (; end < rest.size() && (quoted || rest[end] != ','); end++)
+        quoted = quoted != (rest[end] == '"');
+    const std::string_view word = rest.substr(0, end);
+    rest.remove_prefix(end == rest.size() ? end : end + 1);
+    return word;
+}
+
+static bool take_skip(const char *word)
+{
+    std::string_view rest = word;
+    options.skip_tables.clear();
+    if (!fwu_lsn_parse(options.skip_lsn, take_word(rest)) || options.skip_lsn == 0 ||
+        std::string_view(word).ends_with(','))
+        return false;
+    while (!rest.empty()) {
+        std::vector<std::string> parts;
+        if (!fwu_source_name_parts(parts, take_word(rest)) || parts.size() != 2)
+            return false;
+        options.skip_tables.push_back(fwu_source_name(parts[0], parts[1]));
+    }
+    return true;
+}
+
 static constexpr cli_option rows[] = {
     {"-cfg", VALUE_FILE, &options.cfg},
     {"--conninfo", CONNINFO, &options.conninfo},
@@ -42,6 +79,7 @@ static constexpr cli_option rows[] = {
     {"--truncate", CLI_FLAG, &options.truncate},
     {"--ignore-truncate", CLI_FLAG, &options.ignore_truncate},
     {"--accept-gap", CLI_FLAG, &options.accept_gap},
+    {"--skip-transaction", SKIP, &take_skip},
     {"--once", CLI_FLAG, &options.once},
     {"--timeout", TIMEOUT, &options.timeout_s},
     {"--status", VALUE_FILE, &options.status},
@@ -70,8 +108,9 @@ static outcome run()
 static const char help[] =
     "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
     "           [--publication NAME] [--create[=minimal]] [--snapshot] [--truncate]\n"
-    "           [--ignore-truncate] [--accept-gap] [--once] [--timeout SECONDS]\n"
-    "           [--status FILE] [-v] [--check [--scan [--scan-timeout SECONDS]]\n"
+    "           [--ignore-truncate] [--accept-gap] [--skip-transaction LSN[,TABLE...]]\n"
+    "           [--once] [--timeout SECONDS] [--status FILE] [-v]\n"
+    "           [--check [--scan [--scan-timeout SECONDS]]\n"
     "           [--json] [--write-config FILE]]\n"
     "\n"
     "Follows a PostgreSQL server (12 or later) by logical replication and appends every\n"
@@ -97,6 +136,10 @@ static const char help[] =
     "  --ignore-truncate    go on when a table is truncated, with a warning\n"
     "  --accept-gap         go on with the slot although the log lacks what was changed\n"
     "                       meanwhile, or the server what the log has\n"
+    "  --skip-transaction LSN[,TABLE...]\n"
+    "                       pass over the transaction that commits at LSN, which the\n"
+    "                       server cannot send; the log gets a gap mark for these\n"
+    "                       tables, else for all\n"
     "  --once               end when the log has what the server had at the start\n"
     "  --timeout SECONDS    of silence after which the server is taken for gone (default 60)\n"
     "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
