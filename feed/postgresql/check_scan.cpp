@@ -211,9 +211,11 @@ static outcome scan_table(pgk_report &report, pgk_table &table)
     for (size_t first = 0; first < table.columns.size(); first += COLUMNS_IN_QUERY) {
         const size_t last = std::min(first + COLUMNS_IN_QUERY, table.columns.size());
         pgs_result result;
+        pgs_refusal refused;
         outcome asked = pgs_try(server, server.sql.get(), result,
-                                query_for(report, table, first, last), table.not_scanned);
-        if (!asked || !table.not_scanned.empty())
+                                query_for(report, table, first, last), refused);
+        table.not_scanned = refused.message;
+        if (!asked || !refused.state.empty())
             return asked;
         if (outcome taken = take_counts(table, result, first, last); !taken)
             return taken;

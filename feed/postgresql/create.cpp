@@ -162,11 +162,11 @@ static outcome alter_tables(pgs_server &server, telling &told, bool &left)
         if (told.statements.insert(statement).second)
             pgb_tell_statement(statement);
         pgs_result result;
-        std::string refused;
+        pgs_refusal refused;
         done = pgs_try(server, server.sql.get(), result,
                        std::string("SET LOCAL lock_timeout = '") + lock_wait + "'; " + statement,
                        refused, lock_not_available);
-        if (refused.empty())
+        if (refused.state.empty())
             continue;
         left = true;
         tell_in_use(server, told, std::string(pgs_value(tables, i, 1)), statement);

@@ -20,9 +20,9 @@
 struct pgp_want {
     std::string schema;
     std::string table;
-    std::vector<std::string> key;     // of the part before, as it is; empty: nothing was read yet
-    std::vector<std::string> reached; // values of the key in the last row that was read
-    uint32_t id = 0;                  // OID of the table that was read; 0: none, or not known
+    std::vector<std::string> key = {}; // of the part before, as it is; empty: nothing was read yet
+    std::vector<std::string> reached = {}; // values of the key in the last row that was read
+    uint32_t id = 0;                       // OID of the table that was read; 0: none, or not known
 };
 
 // The columns of a key, by their places in a relation, and the types they are compared as.
@@ -55,8 +55,20 @@ struct pgp_piece {
     uint64_t high = 0;    // everything in the snapshot has committed before it
     int64_t time_us = 0;  // since 1970, by the server's clock
     std::vector<pgp_part> parts;
-    bool direct = false; // the rows of the one part that is not refused or gone are still to come,
-                         // by pgp_direct_row; its range is known already
+    bool direct = false; // the rows of the one part that is neither refused nor gone are still to
+                         // come, by pgp_direct_row; its range is known already
+    std::string command = {}; // direct: gives the rows
+    bool sent = false;        // ... it was sent
+    bool copying = false;     // ... the rows come
+    int64_t heard_ms = 0;     // ... when something came last, monotonic
+};
+
+// Where a piece ends, so that the stream waits for it for a moment only.
+struct pgp_limits {
+    uint64_t rows = 20'000;
+    uint64_t bytes = 4U << 20; // of texts; a row more, where it is longer
+    size_t tables = 500;
+    int64_t time_ms = 2000; // no further table is begun after that
 };
 
 // Reads the next rows of tables wanted, from the first one on as many of them as make a piece.
@@ -66,7 +78,8 @@ struct pgp_piece {
 // to have, and whose changes of these tables have been passed over or logged.
 // Fails by OUTCOME_STOPPED, and OUTCOME_FAILED.
 outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_want> &wants,
-                 const std::vector<uint32_t> &passed, std::string &later);
+                 const std::vector<uint32_t> &passed, std::string &later,
+                 const pgp_limits &limits = {});
 
 // Takes the next row of lines, from byte at on, apart in its place; false at the end.  A line can
 // be taken once.  Valid as long as lines is.

@@ -218,9 +218,15 @@ static outcome await(pgs_server &server, PGconn *connection, const std::string &
     return done;
 }
 
-// What the server refuses is told, unless the caller wants to know it: then it goes to refused.
+static std::string field_of(const PGresult *result, char field)
+{
+    const char *const text = PQresultErrorField(result, field);
+    return text == nullptr ? "" : pgs_one_line(text);
+}
+
+// What the server refuses is told, unless the caller wants to know it.
 static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_result &result,
-                      const std::string &query, std::string *refused = nullptr,
+                      const std::string &query, pgs_refusal *refused = nullptr,
                       const char *only = nullptr)
 {
     result.reset();
@@ -244,7 +250,9 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
         default: {
             outcome failure;
             if (refused != nullptr && pgs_refused(connection, next.get(), only))
-                *refused = pgs_one_line(PQresultErrorField(next.get(), PG_DIAG_MESSAGE_PRIMARY));
+                *refused = {.state = field_of(next.get(), PG_DIAG_SQLSTATE),
+                            .message = field_of(next.get(), PG_DIAG_MESSAGE_PRIMARY),
+                            .detail = field_of(next.get(), PG_DIAG_MESSAGE_DETAIL)};
             else
                 failure = pgs_failed(server, connection, next.get(), query);
             while (await(server, connection, query) &&
@@ -266,11 +274,11 @@ outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
 }
 
 outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
-                const std::string &query, std::string &refused, const char *state)
+                const std::string &query, pgs_refusal &refusal, const char *state)
 {
-    refused.clear();
+    refusal = {};
     const bool sent = PQsendQuery(connection, query.c_str()) == 1;
-    return finish(server, connection, sent, result, query, &refused, state);
+    return finish(server, connection, sent, result, query, &refusal, state);
 }
 
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
@@ -302,4 +310,83 @@ outcome pgs_row(pgs_server &server, std::string_view &row)
         return length == -1 ? finish(server, connection, true, result, "COPY")
                             : pgs_failed(server, connection, nullptr, "COPY");
     }
+}
+
+// Receives something, or nothing in the time that the caller has.
+static outcome receive_some(pgs_server &server, wait_state &wait, int wait_ms, bool &came)
+{
+    PGconn *const connection = server.sql.get();
+    came = true;
+    if (wait_ms < 0)
+        return receive(server, connection, wait, "COPY");
+    if (PQflush(connection) < 0)
+        return pgs_failed(server, connection, nullptr, "COPY");
+    switch (stop_signal_wait(PQsocket(connection), wait_ms)) {
+    case STOP_READABLE:
+        break;
+    case STOP_TIMEOUT:
+        came = false;
+        return {};
+    default:
+        return OUTCOME_STOPPED;
+    }
+    return PQconsumeInput(connection) == 1 ? outcome()
+                                           : pgs_failed(server, connection, nullptr, "COPY");
+}
+
+outcome pgs_copy_send(pgs_server &server, const std::string &command)
+{
+    return PQsendQuery(server.sql.get(), command.c_str()) == 1
+               ? outcome()
+               : pgs_failed(server, server.sql.get(), nullptr, "COPY");
+}
+
+outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &refusal, int wait_ms)
+{
+    PGconn *const connection = server.sql.get();
+    wait_state wait;
+    refusal = {};
+    copied = PGS_COPY_WAITS;
+    while (PQisBusy(connection) != 0) {
+        bool came = false;
+        outcome done = receive_some(server, wait, wait_ms, came);
+        if (!done || !came)
+            return done;
+    }
+    pgs_result result;
+    outcome done = finish(server, connection, true, result, "COPY", &refusal);
+    copied = PQresultStatus(result.get()) == PGRES_COPY_OUT ? PGS_COPY_ROW : PGS_COPY_END;
+    return done;
+}
+
+outcome pgs_copy_row(pgs_copied &copied, std::string_view &row, pgs_server &server,
+                     pgs_refusal &refusal, int wait_ms)
+{
+    PGconn *const connection = server.sql.get();
+    wait_state wait;
+    refusal = {};
+    copied = PGS_COPY_WAITS;
+    int length = 0;
+    for (;;) {
+        char *bytes = nullptr;
+        server.row.reset(); // before the next one is made
+        length = PQgetCopyData(connection, &bytes, 1);
+        server.row.reset(bytes);
+        row = {bytes, static_cast<size_t>(std::max(length, 0))};
+        if (length != 0)
+            break;
+        bool came = false;
+        outcome done = receive_some(server, wait, wait_ms, came);
+        if (!done || !came)
+            return done;
+    }
+    copied = length > 0 ? PGS_COPY_ROW : PGS_COPY_END;
+    if (length > 0)
+        return {};
+    pgs_result result;
+    outcome done;
+    if (length == -1)
+        done = finish(server, connection, true, result, "COPY", &refusal);
+    const bool whole = PQresultStatus(result.get()) == PGRES_COMMAND_OK || !refusal.state.empty();
+    return done && !whole ? pgs_failed(server, connection, nullptr, "COPY") : std::move(done);
 }

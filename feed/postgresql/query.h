@@ -14,10 +14,17 @@
 outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
                   const std::string &query, const std::vector<const char *> &parameters = {});
 
-// The same, where the server may refuse: refused is then its message, else empty.  state: only
-// with this SQLSTATE, all else is told.
+// What the server has refused.
+struct pgs_refusal {
+    std::string state;   // SQLSTATE; empty: nothing was refused
+    std::string message; // its first line
+    std::string detail;  // what the server adds, may be empty
+};
+
+// The same, where the server may refuse: refusal then says what.  state: only with this SQLSTATE,
+// all else is told.
 outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
-                const std::string &query, std::string &refused, const char *state = nullptr);
+                const std::string &query, pgs_refusal &refusal, const char *state = nullptr);
 
 // The same without parameters, as the replication connection needs it.
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
@@ -26,6 +33,24 @@ outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
 // The next row of a COPY ... TO STDOUT on the sql connection, valid until the next
 // call; empty at the end.
 outcome pgs_row(pgs_server &server, std::string_view &row);
+
+// A COPY ... TO STDOUT on the sql connection that the server may refuse, at its beginning or behind
+// any row.
+enum pgs_copied {
+    PGS_COPY_ROW,   // there is one; of pgs_copy_begins: they come now
+    PGS_COPY_END,   // of the rows, or the server has refused
+    PGS_COPY_WAITS, // nothing has come in the time given
+};
+
+// Sends the command.
+outcome pgs_copy_send(pgs_server &server, const std::string &command);
+
+// Its answer, and each of its rows, valid until the next call, waited for wait_ms at most
+// (negative: as long as for any answer).
+outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &refusal,
+                        int wait_ms = -1);
+outcome pgs_copy_row(pgs_copied &copied, std::string_view &row, pgs_server &server,
+                     pgs_refusal &refusal, int wait_ms = -1);
 
 // The sessions of the processes that a query gives (0: a prepared transaction), asked for over a
 // connection beside this one; empty when there are none, or when the server does not tell.

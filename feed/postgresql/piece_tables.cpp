@@ -1,0 +1,263 @@
+// The key that orders a table's rows has to be known of every change of it, too: of an old row,
+// the server sends what identifies it, and that is another index than the primary key at times, or
+// another one in each partition.
+#include "feed/postgresql/piece_work.h"
+
+#include "feed/postgresql/key_order.h"
+
+constexpr int VERSION_WITH_COLUMN_LISTS = 150000;
+
+// Whether column "a" of table "t" is published.
+static const char published[] =
+    "a.attnum > 0 AND NOT a.attisdropped AND CASE WHEN t.names IS NULL THEN a.attgenerated = ''"
+    " ELSE a.attname = ANY (t.names) AND (a.attgenerated = ''"
+    " OR current_setting('server_version_num')::int >= 180000) END";
+
+// What is published of tables "t", and the index of the key: unique, of columns that are published
+// and not null, which the server sends of each old row.
+static std::string tables_query()
+{
+    return std::string(
+               "SELECT t.place, t.oid, t.schema, t.name, t.relkind, t.relreplident, t.filter,"
+               " t.names, (SELECT i.indexrelid FROM pg_index i WHERE i.indrelid = t.oid"
+               " AND i.indisvalid AND i.indisunique AND i.indimmediate AND i.indpred IS NULL"
+               " AND CASE t.relreplident WHEN 'd' THEN i.indisprimary"
+               " WHEN 'i' THEN i.indisreplident ELSE true END"
+               " AND NOT EXISTS (SELECT FROM generate_series(0, i.indnkeyatts - 1) g"
+               " LEFT JOIN pg_attribute a ON a.attrelid = t.oid AND a.attnum = i.indkey[g]"
+               " AND a.attnotnull AND ") +
+           published +
+           " WHERE a.attnum IS NULL)"
+           // What was not validated leaves nulls.
+           " AND (i.indisprimary OR NOT EXISTS (SELECT FROM pg_constraint o"
+           " WHERE o.conrelid = t.oid AND o.contype = 'n' AND NOT o.convalidated))"
+           // Of an old row, each partition sends what identifies the rows there.
+           " AND (t.relkind <> 'p' OR NOT EXISTS (SELECT FROM pg_partition_tree(t.oid) m"
+           " JOIN pg_class l ON l.oid = m.relid WHERE m.isleaf AND l.relreplident <> 'f'"
+           " AND NOT EXISTS (SELECT FROM pg_index p CROSS JOIN LATERAL"
+           " pg_partition_ancestors(p.indexrelid) AS above (relid)"
+           " WHERE p.indrelid = l.oid AND above.relid = i.indexrelid"
+           " AND CASE l.relreplident WHEN 'd' THEN p.indisprimary"
+           " WHEN 'i' THEN p.indisreplident ELSE true END)))"
+           " ORDER BY i.indisprimary DESC, i.indexrelid LIMIT 1),"
+           " s.estimate, s.size FROM t CROSS JOIN LATERAL (SELECT CASE WHEN sum(c.relpages) = 0"
+           " THEN -1 ELSE sum(greatest(c.reltuples, 0)) END::bigint AS estimate,"
+           " sum(pg_table_size(c.oid))::bigint AS size FROM (SELECT t.oid AS id UNION"
+           " SELECT m.relid FROM pg_partition_tree(t.oid) m WHERE t.relkind = 'p') l"
+           " JOIN pg_class c ON c.oid = l.id) s ORDER BY t.place";
+}
+
+// Columns of tables "t": which identify old rows, as the stream says it, and of those of the key
+// their place, the type behind their domains, and whether their texts are compared by bytes that
+// are sent as they are.
+static std::string columns_query()
+{
+    return std::string(
+               ", d AS (SELECT getdatabaseencoding() IN ('UTF8', 'SQL_ASCII', 'LATIN1') AS sent,"
+               " CASE coalesce(to_jsonb(b) ->> 'datlocprovider', 'c') WHEN 'b' THEN true"
+               " WHEN 'c' THEN b.datcollate IN ('C', 'POSIX') END AS by_bytes"
+               " FROM pg_database b WHERE b.datname = current_database())"
+               " SELECT t.place, a.attname, a.atttypid, a.atttypmod,"
+               " c.relreplident = 'f' OR EXISTS (SELECT FROM pg_index i WHERE i.indrelid = t.oid"
+               " AND i.indisvalid AND i.indisunique AND i.indimmediate AND i.indpred IS NULL"
+               " AND CASE c.relreplident WHEN 'd' THEN i.indisprimary"
+               " WHEN 'i' THEN i.indisreplident ELSE false END"
+               " AND a.attnum = ANY ((i.indkey::int2[])[0:i.indnkeyatts - 1])),"
+               " coalesce(k.place, 0), CASE WHEN k.place IS NULL THEN 0 ELSE"
+               " (WITH RECURSIVE y AS (SELECT p.oid, p.typtype, p.typbasetype FROM pg_type p"
+               " WHERE p.oid = a.atttypid UNION ALL SELECT p.oid, p.typtype, p.typbasetype FROM y"
+               " JOIN pg_type p ON y.typtype = 'd' AND p.oid = y.typbasetype)"
+               " SELECT y.oid FROM y WHERE y.typtype <> 'd') END,"
+               " d.sent AND coalesce(CASE o.collprovider WHEN 'd' THEN d.by_bytes"
+               " WHEN 'b' THEN true WHEN 'c' THEN o.collcollate IN ('C', 'POSIX') END, false)"
+               " FROM t CROSS JOIN d JOIN pg_class c ON c.oid = t.oid"
+               " JOIN pg_attribute a ON a.attrelid = t.oid AND ") +
+           published +
+           " LEFT JOIN LATERAL (SELECT n.place FROM pg_index i CROSS JOIN LATERAL"
+           " unnest(i.indkey::int2[]) WITH ORDINALITY AS n (attnum, place)"
+           " WHERE i.indexrelid = t.key AND n.place <= i.indnkeyatts AND n.attnum = a.attnum"
+           " LIMIT 1) k ON true LEFT JOIN pg_collation o ON o.oid = a.attcollation"
+           " ORDER BY t.place, a.attnum";
+}
+
+static std::string comma(const std::string &list)
+{
+    return list.empty() ? "" : ", ";
+}
+
+std::string pgp_sql_name(const pgp_want &want)
+{
+    return pgs_name(want.schema) + "." + pgs_name(want.table);
+}
+
+// "t": tables wanted that are there and published.
+static std::string named_tables(pgs_server &server, const std::vector<pgp_want> &wants,
+                                const std::vector<size_t> &places)
+{
+    const bool lists = PQserverVersion(server.sql.get()) >= VERSION_WITH_COLUMN_LISTS;
+    std::string values;
+    for (const size_t place : places)
+        values += comma(values) + "(" + std::to_string(place) + ", " +
+                  pgp_literal(server, wants[place].schema) + ", " +
+                  pgp_literal(server, wants[place].table) + ")";
+    return "WITH t AS (SELECT v.place, c.oid, n.nspname AS schema, c.relname AS name, c.relkind,"
+           " c.relreplident, " +
+           std::string(lists ? "p.rowfilter AS filter, p.attnames AS names"
+                             : "NULL AS filter, NULL::name[] AS names") +
+           " FROM (VALUES " + values +
+           ") AS v (place, schema, name) JOIN pg_namespace n ON n.nspname = v.schema::name"
+           " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = v.name::name"
+           " JOIN pg_publication_tables p ON p.schemaname = n.nspname AND p.tablename = c.relname"
+           " WHERE p.pubname = " +
+           pgp_literal(server, server.publication) + ") ";
+}
+
+// "t": the tables that were found.
+static std::string known_tables(pgs_server &server, const pgs_result &found)
+{
+    std::string values;
+    for (int i = 0; i < PQntuples(found.get()); i++) {
+        const auto value = [&](int column) { return std::string(pgs_value(found, i, column)); };
+        const std::string key = value(8);
+        const bool all = PQgetisnull(found.get(), i, 7) == 1;
+        values += comma(values) + "(" + value(0) + ", " + value(1) + "::oid, " +
+                  (key.empty() ? "NULL" : key) + "::oid, " +
+                  (all ? "NULL" : pgp_literal(server, value(7))) + "::name[])";
+    }
+    return "WITH t (place, oid, key, names) AS (VALUES " + values + ")";
+}
+
+static outcome not_read(const char *what, std::string_view text)
+{
+    return {OUTCOME_LOST, std::string("the server gives \"") + std::string(text) + "\" as " + what};
+}
+
+static outcome take_table(pgp_table &table, const pgs_result &result, int row)
+{
+    table.relation.schema = pgs_value(result, row, 2);
+    table.relation.name = pgs_value(result, row, 3);
+    table.relation.identity = pgs_value(result, row, 5).front();
+    table.filter = pgs_value(result, row, 6);
+    if (!pgs_number(table.want, pgs_value(result, row, 0)))
+        return not_read("a table's place", pgs_value(result, row, 0));
+    if (!pgs_number(table.relation.id, pgs_value(result, row, 1)))
+        return not_read("a table's number", pgs_value(result, row, 1));
+    if (!pgs_number(table.estimate, pgs_value(result, row, 9)) ||
+        !pgs_number(table.size, pgs_value(result, row, 10)))
+        return not_read("a table's size", pgs_value(result, row, 10));
+    // Rows of tables that inherit from this one are published as their own.
+    table.rows = std::string(pgs_value(result, row, 4) == "p" ? "" : "ONLY ") +
+                 pgs_name(table.relation.schema) + "." + pgs_name(table.relation.name);
+    return {};
+}
+
+// A column of a key; place 0: it is none.
+struct key_column {
+    size_t place = 0;
+    uint32_t type = 0; // behind its domains
+    bool by_bytes = false;
+};
+
+static outcome take_column(pgp_table &table, std::vector<key_column> &keys,
+                           const pgs_result &result, int row)
+{
+    pgo_column column;
+    key_column key;
+    column.name = pgs_value(result, row, 1);
+    column.identity = pgs_value(result, row, 4) == "t";
+    key.by_bytes = pgs_value(result, row, 7) == "t";
+    if (!pgs_number(column.type, pgs_value(result, row, 2)) ||
+        !pgs_number(column.modifier, pgs_value(result, row, 3)))
+        return not_read("a column's type", pgs_value(result, row, 2));
+    if (!pgs_number(key.place, pgs_value(result, row, 5)) ||
+        !pgs_number(key.type, pgs_value(result, row, 6)))
+        return not_read("a column of a key", pgs_value(result, row, 5));
+    table.relation.columns.push_back(std::move(column));
+    keys.push_back(key);
+    return {};
+}
+
+// The key, if all of it can be compared here.
+static void set_key(pgp_table &table, const std::vector<key_column> &keys)
+{
+    std::vector<std::string> entries;
+    pgp_order order;
+    for (size_t place = 1; place <= keys.size(); place++)
+        for (size_t i = 0; i < keys.size(); i++) {
+            if (keys[i].place != place)
+                continue;
+            if (!pgy_comparable(keys[i].type, keys[i].by_bytes))
+                return;
+            entries.push_back(pgp_key_text(table.relation.columns[i], keys[i].type));
+            order.columns.push_back(i);
+            order.types.push_back(keys[i].type);
+        }
+    table.key = std::move(entries);
+    table.order = std::move(order);
+}
+
+static void set_rows(pgp_table &table)
+{
+    std::string list;
+    for (const pgo_column &column : table.relation.columns)
+        list += comma(list) + pgs_name(column.name);
+    table.rows = "SELECT " + list + " FROM " + table.rows;
+}
+
+outcome pgp_describe(std::vector<pgp_table> &tables, pgs_server &server,
+                     const std::vector<pgp_want> &wants, const std::vector<size_t> &places)
+{
+    tables.clear();
+    pgs_result found;
+    outcome done = pgp_ask(server, found, named_tables(server, wants, places) + tables_query());
+    const int count = done ? PQntuples(found.get()) : 0;
+    if (count == 0)
+        return done;
+    tables.resize(static_cast<size_t>(count));
+    for (int i = 0; done && i < count; i++)
+        done = take_table(tables[static_cast<size_t>(i)], found, i);
+    pgs_result columns;
+    if (done)
+        done = pgp_ask(server, columns, known_tables(server, found) + columns_query());
+    int row = 0;
+    for (pgp_table &table : tables) {
+        std::vector<key_column> keys;
+        const std::string place = std::to_string(table.want);
+        for (; done && row < PQntuples(columns.get()) && pgs_value(columns, row, 0) == place; row++)
+            done = take_column(table, keys, columns, row);
+        set_key(table, keys);
+        set_rows(table);
+    }
+    return done;
+}
+
+static std::string row_of(const std::vector<std::string> &values)
+{
+    std::string list;
+    for (const std::string &value : values)
+        list += comma(list) + value;
+    return values.size() == 1 ? list : "(" + list + ")";
+}
+
+std::string pgp_command(const pgp_table &table, pgs_server &server,
+                        const std::vector<std::string> &behind, uint64_t limit)
+{
+    std::vector<std::string> columns;
+    std::vector<std::string> values;
+    std::string order;
+    for (const size_t column : table.order.columns) {
+        columns.push_back(pgs_name(table.relation.columns[column].name));
+        order += comma(order) + columns.back();
+    }
+    for (const std::string &value : behind)
+        values.push_back(pgp_literal(server, value));
+    std::string command = "COPY (" + table.rows;
+    if (!table.filter.empty())
+        command += " WHERE (" + table.filter + ")";
+    if (!behind.empty())
+        command +=
+            (table.filter.empty() ? " WHERE " : " AND ") + row_of(columns) + " > " + row_of(values);
+    if (limit != 0)
+        command += " ORDER BY " + order + " LIMIT " + std::to_string(limit);
+    return command + ") TO STDOUT";
+}
