@@ -49,8 +49,8 @@ static int take_line(fwu_reader_config &config, fwu_writing_lines &lines, std::s
         return fwu_config_wrong(
             lines.at,
             "%s is not known here; a line begins with log-directory, log-file-size, "
-            "byte-order, text-encoding, sync, log-mode, values, default-width, skip-table, table, "
-            "column, database, dataset or item",
+            "byte-order, text-encoding, sync, log-mode, values, truncate, default-width, "
+            "skip-table, table, column, database, dataset or item",
             w[0].c_str());
     if (quoted)
         return fwu_config_wrong(
@@ -100,6 +100,7 @@ int fwu_config_read(fwu_config &config, const char *path)
     }
     if (config.log_directory.empty())
         return fwu_config_wrong(lines.at, "the log-directory line is missing");
+    config.stops_at_truncate = fwu_writing_stops_at_truncate(config);
     return fwu_writing_check(lines);
 }
 

@@ -1,6 +1,7 @@
 // The record loop.  For each record, in this order: the callback, the status file's line
 // that names it, and, when it is due, what brings that to disk.  A record that was
 // refused is named nowhere, so it comes again; a signal counts between records only.
+// A truncate takes the same way without a callback: whoever stops there comes back to it.
 // Before the first record: configuration, status file, the place that counts, whether
 // the log has it, and only then what changes anything.
 #include "fwutil/fwu_process.h"
@@ -15,6 +16,7 @@
 #include "fwutil/fwu_map.h"
 #include "fwutil/fwu_place.h"
 #include "fwutil/fwu_reader_config.h"
+#include "fwutil/fwu_source_name.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status.h"
 #include "fwutil/fwu_wait.h"
@@ -33,8 +35,10 @@ struct run {
     fwu_callback callback = nullptr;
     bool sync_only = false;
     bool start_given = false; // the status file does not count
-    std::string start_text;   // where the start position comes from, for messages
-    fwu_position start;       // records up to here are not delivered; sequence 0: none
+    bool stops_at_truncate = false;
+    std::string cfg;        // path of the configuration, for messages
+    std::string start_text; // where the start position comes from, for messages
+    fwu_position start;     // records up to here are not delivered; sequence 0: none
     fwu_log log;
     fwu_status status;
     fwu_watch watch;
@@ -134,6 +138,45 @@ static outcome deliver_change(run &r, const fwu_entry &entry)
     return fwu_stop != 0 ? STOPPED : GO_ON;
 }
 
+// "SALES.ORDERS (table sales.orders)", as far as known.
+static std::string marked_name(const fwu_mark &mark)
+{
+    const std::string table =
+        mark.table.empty() ? "" : "table " + fwu_source_name(mark.schema, mark.table);
+    if (mark.dsetname.empty())
+        return table.empty() ? "a table" : table;
+    return mark.dbname + "." + mark.dsetname + (table.empty() ? "" : " (" + table + ")");
+}
+
+// A start position that names a truncate is its answer, which the status file keeps at once: the
+// next start may come before the next record does.
+static outcome meet_truncate(run &r, const fwu_mark &mark)
+{
+    const std::string at = fwu_position_text(r.place.position);
+    if (r.stops_at_truncate && r.start < r.place.position) {
+        fwu_error("%s: %s was truncated here, and nothing in the records tells it: empty what is "
+                  "made of them, then start with start position %s (-start %s), which passes over "
+                  "this truncate, or with the line \"truncate mark\" in %s, which passes over "
+                  "all%s",
+                  at.c_str(), marked_name(mark).c_str(), at.c_str(), at.c_str(), r.cfg.c_str(),
+                  FWU_KEEP_FIRST);
+        return FAILED;
+    }
+    fwu_note("%s: %s was truncated here", at.c_str(), marked_name(mark).c_str());
+    return acknowledge(r) == 0 ? GO_ON : FAILED;
+}
+
+// Takes a mark behind the start position, or at it.
+static outcome take_mark(run &r, const fwu_entry &entry)
+{
+    fwu_mark mark;
+    if (!fwu_entry_mark(entry, mark)) {
+        malformed(r, entry);
+        return FAILED;
+    }
+    return mark.kind == FWU_MARK_TRUNCATE ? meet_truncate(r, mark) : GO_ON;
+}
+
 // Passes over the transaction found, keeping its layouts and delivering its
 // records behind the start position.
 static outcome deliver_transaction(run &r)
@@ -170,6 +213,9 @@ static outcome deliver_transaction(run &r)
             good = fwu_current_take_session(entry);
         else if (fwu_entry_is_change(entry) && entry.tag > passed_over)
             result = deliver_change(r, entry);
+        else if (entry.kind == FWU_KIND_MARK &&
+                 (entry.tag > passed_over || (r.start_given && entry.tag == passed_over)))
+            result = take_mark(r, entry);
         if (!good) {
             malformed(r, entry);
             return FAILED;
@@ -330,6 +376,8 @@ static int prepare(run &r, const char *cfg, const char *status, const char *star
     if (fwu_config_read(config, cfg) != 0)
         return -1;
     fwu_note("configuration %s", config.path.c_str());
+    r.cfg = config.path;
+    r.stops_at_truncate = config.stops_at_truncate;
     r.start_given = start != nullptr;
     if (start != nullptr && fwu_start_parse(start, r.start) != 0)
         return -1;

@@ -97,6 +97,16 @@ static int take_log_mode(fwu_writing_lines &r, const fwu_words &w)
     return 0;
 }
 
+static int take_truncate(fwu_writing_lines &r, const fwu_words &w)
+{
+    if (r.writing.truncate != FWU_TRUNCATE_UNSAID)
+        return fwu_config_wrong(r.at, "truncate is given twice");
+    if (w.size() != 2 || (w[1] != "stop" && w[1] != "mark"))
+        return fwu_config_wrong(r.at, "truncate takes the word stop or mark");
+    r.writing.truncate = w[1] == "stop" ? FWU_TRUNCATE_STOP : FWU_TRUNCATE_MARK;
+    return 0;
+}
+
 static int take_database(fwu_writing_lines &r, const fwu_words &w)
 {
     if (w.size() != 2 || !fwu_database_name_ok(w[1]))
@@ -238,6 +248,7 @@ static constexpr statement_row STATEMENTS[] = {
     {"sync", take_sync},
     {"log-mode", take_log_mode},
     {"values", fwu_writing_take_values},
+    {"truncate", take_truncate},
     {"default-width", fwu_writing_take_default_width, true},
     {"skip-table", fwu_writing_take_skip_table, true},
     {"table", fwu_writing_take_table, true},

@@ -53,3 +53,10 @@ bool fwu_writing_describes(const fwu_writing &writing)
 {
     return writing.has_database || !writing.datasets.empty() || !writing.columns.empty();
 }
+
+bool fwu_writing_stops_at_truncate(const fwu_writing &writing)
+{
+    if (writing.truncate == FWU_TRUNCATE_UNSAID)
+        return fwu_writing_describes(writing);
+    return writing.truncate == FWU_TRUNCATE_STOP;
+}

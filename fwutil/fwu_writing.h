@@ -28,6 +28,13 @@ enum fwu_policy {
     FWU_POLICY_MARK,  // what fits is taken, and the null map says that it is not all
 };
 
+// What becomes of a follower of the log where a table was truncated.
+enum fwu_at_truncate {
+    FWU_TRUNCATE_UNSAID,
+    FWU_TRUNCATE_STOP, // its run ends there
+    FWU_TRUNCATE_MARK, // it goes on: the log's mark is enough
+};
+
 // One dataset of the configuration.
 struct fwu_dataset {
     fwu_layout layout;
@@ -69,9 +76,10 @@ struct fwu_writing {
     int64_t sync_interval_ms = 0;          // for FWU_SYNC_INTERVAL
     int log_mode = -1;                     // of the log's files; -1: not given
     fwu_policy policy = FWU_POLICY_UNSAID; // of all tables
-    bool has_database = false;             // there is a database line
-    std::vector<fwu_dataset> datasets;     // in file order
-    std::vector<std::string> skip_tables;  // fwu_source_names: left out of the log on purpose
+    fwu_at_truncate truncate = FWU_TRUNCATE_UNSAID;
+    bool has_database = false;            // there is a database line
+    std::vector<fwu_dataset> datasets;    // in file order
+    std::vector<std::string> skip_tables; // fwu_source_names: left out of the log on purpose
     std::vector<fwu_table_rule> table_rules;
     std::vector<fwu_column> columns; // by table, those of one in file order
     std::vector<fwu_default_width> default_widths;
@@ -82,6 +90,10 @@ std::span<const fwu_column> fwu_columns_of(const fwu_writing &writing, std::stri
 
 // Whether it describes what becomes of the source's tables: a database, dataset or column line.
 bool fwu_writing_describes(const fwu_writing &writing);
+
+// Whether a follower of the log stops at a truncate: where nothing is said, if the tables are
+// described, since what is described has had a use for every change so far.
+bool fwu_writing_stops_at_truncate(const fwu_writing &writing);
 
 // Whether databases and datasets of the configuration may have such names.
 bool fwu_database_name_ok(std::string_view name);

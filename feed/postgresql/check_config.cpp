@@ -48,6 +48,8 @@ static void put_settings(std::string &out, const pgk_report &report, const std::
     out += std::string("text-encoding ") + pgk_encoding_word(report.encoding) + "\n";
     out += std::string("values ") + pgk_policy_word(pgk_policy(report)) +
            "   # what becomes of values that do not fit: mark, or error\n";
+    out += std::string("truncate ") + (fwu_writing_stops_at_truncate(config) ? "stop" : "mark") +
+           "   # what whoever follows the log does where a table was truncated: mark, or stop\n";
     for (const fwu_default_width &width : config.default_widths) {
         out += "default-width ";
         if (!width.type.empty()) {

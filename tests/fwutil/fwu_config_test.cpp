@@ -261,6 +261,30 @@ TEST_F(ConfigTest, DescribesOnlyWithADatabaseOrAColumn)
     EXPECT_TRUE(fwu_writing_describes(config));
 }
 
+TEST_F(ConfigTest, StopsAtATruncateWhereItSaysSoOrDescribesTables)
+{
+    const struct {
+        const char *lines;
+        fwu_at_truncate said;
+        bool stops;
+    } rows[] = {
+        {"", FWU_TRUNCATE_UNSAID, false},
+        {"values error\n", FWU_TRUNCATE_UNSAID, false},
+        {"database D\n", FWU_TRUNCATE_UNSAID, true},
+        {"column a.b.c key\n", FWU_TRUNCATE_UNSAID, true},
+        {"truncate stop\n", FWU_TRUNCATE_STOP, true},
+        {"truncate mark\ndatabase D\n", FWU_TRUNCATE_MARK, false},
+    };
+    for (const auto &row : rows) {
+        ASSERT_EQ(read(std::string("log-directory l\n") + row.lines), 0) << err;
+        EXPECT_EQ(config.truncate, row.said) << row.lines;
+        EXPECT_EQ(config.stops_at_truncate, row.stops) << row.lines;
+        fwu_reader_config reader;
+        ASSERT_EQ(fwu_config_read(reader, path.c_str()), 0);
+        EXPECT_EQ(reader.stops_at_truncate, row.stops) << row.lines;
+    }
+}
+
 TEST_F(ConfigTest, KeysAreInTheOrderOfTheirLines)
 {
     ASSERT_EQ(read("log-directory l\n"
@@ -308,7 +332,7 @@ static const config_row ERRORS[] = {
     {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
     {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
     {"\nlog-directory a\x01\n", "2: the line holds a control character"},
-    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, text-encoding, sync, log-mode, values, default-width, skip-table, table, column, database, dataset or item"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, text-encoding, sync, log-mode, values, truncate, default-width, skip-table, table, column, database, dataset or item"},
     {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
@@ -327,6 +351,10 @@ static const config_row ERRORS[] = {
     {LOGDIR "values cut\n", "2: values takes the word error or mark"},
     {LOGDIR "values mark error\n", "2: values takes the word error or mark"},
     {LOGDIR "values mark\nvalues mark\n", "3: values is given twice"},
+    {LOGDIR "truncate\n", "2: truncate takes the word stop or mark"},
+    {LOGDIR "truncate go\n", "2: truncate takes the word stop or mark"},
+    {LOGDIR "truncate mark stop\n", "2: truncate takes the word stop or mark"},
+    {LOGDIR "truncate mark\ntruncate stop\n", "3: truncate is given twice"},
     {LOGDIR "table a.b\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
     {LOGDIR "table a values=mark\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
     {LOGDIR "table a.b values=\n", "2: table takes one name of the form schema.table, then values=error or values=mark"},
