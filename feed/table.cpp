@@ -200,14 +200,6 @@ feed_table *feed_pass_over(feed_tables &tables, const std::string &name)
     return place.get();
 }
 
-std::string feed_truncated_text(const feed_table &table)
-{
-    return "table " + table.name +
-           " was truncated, which a log of record changes cannot express: delete the rows "
-           "instead, or leave the table out with the line skip-table " +
-           table.name;
-}
-
 std::string feed_no_old_row_text(const feed_table &table)
 {
     return table.name + ": the change comes without the old row" +

@@ -94,8 +94,7 @@ bool feed_feeds(const feed_table &table, const std::string &column, const std::s
 outcome feed_check_name(const fwu_config &config, const std::string &name, std::string_view schema,
                         std::string_view table);
 
-// What is wrong with a truncate of the table, and with a change without its old row.
-std::string feed_truncated_text(const feed_table &table);
+// What is wrong with a change of the table without its old row.
 std::string feed_no_old_row_text(const feed_table &table);
 
 // Brings map up to date for the row's columns; columns without item that come for the

@@ -158,6 +158,17 @@ outcome feed_put_mark(feed_transaction &tx, const fwu_mark &mark)
     return put ? OUTCOME_OK : OUTCOME_FAILED;
 }
 
+outcome feed_put_truncate(feed_transaction &tx, const feed_table &table, std::string_view schema,
+                          std::string_view name)
+{
+    return feed_put_mark(tx, {.kind = FWU_MARK_TRUNCATE,
+                              .dbname = table.layout.dbname,
+                              .dsetname = table.layout.dsetname,
+                              .schema = std::string(schema),
+                              .table = std::string(name),
+                              .reason = "TRUNCATE"});
+}
+
 void feed_tell_notes(feed_transaction &tx, const std::string &place)
 {
     for (const std::string &note : tx.work.notes)

@@ -81,6 +81,10 @@ outcome feed_change(feed_transaction &tx, feed_table &table, const feed_row *fre
 // what has no place in the log is replaced, or cut off.
 outcome feed_put_mark(feed_transaction &tx, const fwu_mark &mark);
 
+// Adds the mark that a table, by its schema and name in the source, was emptied.
+outcome feed_put_truncate(feed_transaction &tx, const feed_table &table, std::string_view schema,
+                          std::string_view name);
+
 // Hands the whole transaction to the log.  After a failure it is forgotten.
 outcome feed_commit(feed_transaction &tx);
 

@@ -103,12 +103,9 @@ static outcome take_truncate(const pgb_apply &apply, feed_transaction &tx, pgb_r
             return found;
         if (relation->table->dataset == nullptr)
             continue;
-        if (!apply.ignore_truncate)
-            return outcome_bad(feed_truncated_text(*relation->table) +
-                               ", or pass over truncates with --ignore-truncate");
-        tell("warning: table %s was truncated in transaction %" PRIu64
-             ", which the log does not tell",
-             relation->table->name.c_str(), tx.commit.xid);
+        const pgo_relation &told = relation->told;
+        if (outcome put = feed_put_truncate(tx, *relation->table, told.schema, told.name); !put)
+            return put;
     }
     return {};
 }

@@ -160,7 +160,6 @@ static outcome set_up(bridge &b)
     };
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
     b.apply.watch.config = &b.config;
-    b.apply.ignore_truncate = options.ignore_truncate;
     b.apply.skip = {.lsn = options.skip_lsn, .tables = options.skip_tables};
     b.state.slot = options.slot;
     b.state.publication = options.publication;

@@ -18,7 +18,6 @@ struct pgb_options {
     bool minimal = false;         // ... and touch no table
     bool snapshot = false;        // begin a new slot with the tables' contents
     bool truncate = false;        // cut texts that are too long for their item
-    bool ignore_truncate = false; // pass over truncates instead of stopping
     bool accept_gap = false;      // go on where the slot is although changes are missing
     uint64_t skip_lsn = 0;        // commit of a transaction to be passed over; 0: none
     std::vector<std::string> skip_tables = {}; // that its mark is for (fwu_source_name); empty: all

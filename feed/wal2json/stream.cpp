@@ -76,7 +76,7 @@ static outcome take_change(w2j_stream &stream)
     if (table->dataset == nullptr)
         return {};
     if (line.action == 'T')
-        return outcome_bad(feed_truncated_text(*table));
+        return feed_put_truncate(stream.tx, *table, line.schema, line.table);
     if (line.action != 'I' && !line.identity.present)
         return outcome_bad(feed_no_old_row_text(*table));
     w2j_describe(*table, *stream.tables.config, line, stream.tx.work.notes);

@@ -177,32 +177,6 @@ TEST_F(BridgeRefusalTest, ChangeWithoutTheWholeOldRow)
     EXPECT_EQ(catch_up().status, 0);
 }
 
-TEST_F(BridgeRefusalTest, Truncate)
-{
-    ASSERT_EQ(catch_up({"--create"}).status, 0);
-    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
-    sql("TRUNCATE load.ledger");
-    sql("INSERT INTO load.ledger VALUES (2, 0, 1, 'row', NULL)");
-    expect_refused({"--once"}, {"load.ledger", "truncated", "--ignore-truncate"});
-    EXPECT_EQ(occurrences(dump(), " insert LOAD.LEDGER "), 1);
-    const run_result passed = catch_up({"--ignore-truncate"});
-    EXPECT_EQ(passed.status, 0);
-    EXPECT_THAT(passed.err, HasSubstr("load.ledger was truncated"));
-    EXPECT_EQ(occurrences(dump(), " insert LOAD.LEDGER "), 2);
-}
-
-TEST_F(BridgeRefusalTest, TruncateOfATableLeftOut)
-{
-    sql("CREATE TABLE load.scratch (id integer PRIMARY KEY)");
-    configure(std::string("skip-table load.scratch\n") + ledger_cfg);
-    ASSERT_EQ(catch_up({"--create"}).status, 0);
-    sql("INSERT INTO load.scratch VALUES (1)");
-    sql("TRUNCATE load.scratch");
-    sql("INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL)");
-    EXPECT_EQ(catch_up().status, 0);
-    EXPECT_TRUE(logged("after ID=1 "));
-}
-
 TEST_F(BridgeRefusalTest, TextTooLongForItsItem)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);

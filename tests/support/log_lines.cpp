@@ -75,6 +75,16 @@ static std::string value_line(const fwu_entry &entry)
            std::string(piece.bytes) + ">" + (piece.more ? " ..." : "");
 }
 
+// "mark t DATABASE.DATASET schema.table: reason"
+static std::string mark_line(const fwu_entry &entry)
+{
+    fwu_mark mark;
+    if (!fwu_entry_mark(entry, mark))
+        return "bad mark";
+    return std::string("mark ") + static_cast<char>(mark.kind) + " " + mark.dbname + "." +
+           mark.dsetname + " " + mark.schema + "." + mark.table + ": " + mark.reason;
+}
+
 static std::string entry_line(const fwu_entry &entry)
 {
     fwu_layout layout;
@@ -88,6 +98,8 @@ static std::string entry_line(const fwu_entry &entry)
         return source_line(entry);
     case FWU_KIND_VALUE:
         return value_line(entry);
+    case FWU_KIND_MARK:
+        return mark_line(entry);
     case FWU_KIND_SESSION:
         return session_line(entry);
     case FWU_KIND_COMMIT:

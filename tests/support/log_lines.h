@@ -8,8 +8,8 @@
 #include <vector>
 
 // "layout DB.SET", "session key=value ... | data ...", "insert DB.SET time
-// <hex|hex>", "commit time_us xid lsn" and so on; nothing that differs between
-// two logs of the same changes.  "damage ..." where the log is not whole.
+// <hex|hex>", "mark t DB.SET schema.table: reason", "commit time_us xid lsn" and so on; nothing
+// that differs between two logs of the same changes.  "damage ..." where the log is not whole.
 std::vector<std::string> log_lines(const std::string &directory);
 
 // Number of lines that begin with the words given, as "insert SALES.ORDERS ".

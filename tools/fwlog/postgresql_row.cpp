@@ -77,7 +77,6 @@ static constexpr cli_option rows[] = {
     {"--create", CREATE, &take_create},
     {"--snapshot", CLI_FLAG, &options.snapshot},
     {"--truncate", CLI_FLAG, &options.truncate},
-    {"--ignore-truncate", CLI_FLAG, &options.ignore_truncate},
     {"--accept-gap", CLI_FLAG, &options.accept_gap},
     {"--skip-transaction", SKIP, &take_skip},
     {"--once", CLI_FLAG, &options.once},
@@ -108,7 +107,7 @@ static outcome run()
 static const char help[] =
     "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
     "           [--publication NAME] [--create[=minimal]] [--snapshot] [--truncate]\n"
-    "           [--ignore-truncate] [--accept-gap] [--skip-transaction LSN[,TABLE...]]\n"
+    "           [--accept-gap] [--skip-transaction LSN[,TABLE...]]\n"
     "           [--once] [--timeout SECONDS] [--status FILE] [-v]\n"
     "           [--check [--scan [--scan-timeout SECONDS]]\n"
     "           [--json] [--write-config FILE]]\n"
@@ -133,7 +132,6 @@ static const char help[] =
     "                       something identifies, and no table is touched\n"
     "  --snapshot           begin a new slot with the tables' contents as inserts\n"
     "  --truncate           cut texts that are too long for their item and go on\n"
-    "  --ignore-truncate    go on when a table is truncated, with a warning\n"
     "  --accept-gap         go on with the slot although the log lacks what was changed\n"
     "                       meanwhile, or the server what the log has\n"
     "  --skip-transaction LSN[,TABLE...]\n"

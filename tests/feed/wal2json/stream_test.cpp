@@ -115,6 +115,23 @@ TEST_F(FwlogStream, TransactionReachesTheLogAtItsEnd)
     EXPECT_EQ(stream.tx.totals.deletes, 1U);
 }
 
+TEST_F(FwlogStream, TruncateIsAMarkAtItsPlaceAmongTheChanges)
+{
+    EXPECT_EQ(take({begin(6, "0/9"), change('T', 6, nullptr, nullptr), commit(6, "0/9"),
+                    begin(7, "0/A"), change('I', 7, "n", nullptr), change('T', 7, nullptr, nullptr),
+                    change('T', 7, nullptr, nullptr, "audit"), change('I', 7, "o", nullptr),
+                    commit(7, "0/A"), begin(7, "0/A"), change('T', 7, nullptr, nullptr),
+                    commit(7, "0/A")}),
+              "");
+    const std::string mark = "mark t SALES.ORDERS sales.orders: TRUNCATE";
+    EXPECT_THAT(log(), ElementsAre("session | <xid=6> <lsn=0/9>", mark, "commit 1500000 6 9",
+                                   "session | <xid=7> <lsn=0/A>", "layout SALES.ORDERS",
+                                   source_line, "insert SALES.ORDERS 1 1 <|6E20>", mark,
+                                   "insert SALES.ORDERS 1 2 <|6F20>", "commit 1500000 7 10"));
+    EXPECT_EQ(stream.tx.totals.transactions, 2U);
+    EXPECT_EQ(stream.tx.totals.skipped, 1U);
+}
+
 TEST_F(FwlogStream, SessionMessageGivesEntriesAndDataElements)
 {
     EXPECT_EQ(take({begin(7, "0/A"), message(7, "pid=12;login=ann;user=;pname=desk;info=a=b c"),
@@ -275,10 +292,9 @@ TEST_F(FwlogStream, WrongLineLoadsNothingOfItsTransaction)
         {change('D', 7, nullptr, nullptr),
          "sales.orders: the change comes without the old row: run "
          "ALTER TABLE sales.orders REPLICA IDENTITY FULL"},
-        {change('T', 7, nullptr, nullptr),
-         "table sales.orders was truncated, which a log of record changes cannot express: delete "
-         "the "
-         "rows instead, or leave the table out with the line skip-table sales.orders"},
+        {change('T', 7, nullptr, nullptr, "other"),
+         "table sales.other is not in test.cfg: describe dataset OTHER of database SALES there, or "
+         "leave the table out with the line skip-table sales.other"},
         {change('I', 7, "abc", nullptr), "sales.orders.a: \"abc\" is 3 characters long, item A (X "
                                          "2) holds 2: make the item wider, or "
                                          "cut texts with --truncate"},
