@@ -4,6 +4,7 @@
 
 #include "feed/postgresql/change.h"
 #include "feed/postgresql/old_row.h"
+#include "feed/postgresql/standing.h"
 #include "fwutil/fwu_start.h"
 
 #include <cinttypes>
@@ -20,7 +21,7 @@ outcome pgb_diverged(const fwu_commit &last)
         last.xid, fwu_lsn_text(last.lsn).c_str());
 }
 
-static outcome take_begin(pgb_apply &apply, feed_transaction &tx, const pgb_relations &relations)
+static outcome take_begin(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
     fwu_commit commit;
     commit.lsn = apply.message.lsn;
@@ -38,12 +39,12 @@ static outcome take_begin(pgb_apply &apply, feed_transaction &tx, const pgb_rela
     return skipped;
 }
 
-static outcome take_commit(pgb_apply &apply, feed_transaction &tx)
+static outcome take_commit(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
     if (!tx.open)
         return outcome_bad("a commit came outside a transaction");
     const bool logs = tx.begun;
-    if (outcome done = feed_commit(tx); !done)
+    if (outcome done = pgb_commit(tx, relations); !done)
         return done;
     if (logs)
         apply.commit_us = tx.commit.time_us;
@@ -74,6 +75,32 @@ static outcome take_session(pgb_apply &apply, feed_transaction &tx)
     return {};
 }
 
+// Something came of a table; passes: it is set aside.
+static outcome meet(bool &passes, feed_transaction &tx, pgb_relations &relations, uint32_t id)
+{
+    const auto found = relations.known.find(id);
+    if (found == relations.known.end())
+        return pgb_undescribed(id);
+    pgb_relation &relation = found->second;
+    if (outcome done = pgb_identify(tx, relations, relation); !done)
+        return done;
+    passes = pgb_standing(relation, relations) == PGA_ASIDE;
+    if (passes)
+        relation.aside->missed++;
+    return {};
+}
+
+static outcome log_change(const pgo_message &message, feed_transaction &tx,
+                          pgb_relations &relations)
+{
+    pgb_relation *relation = nullptr;
+    outcome done = pgb_find(relation, relations, message.relation_id, tx.work.notes);
+    if (done && relation->table->dataset != nullptr)
+        done = pgb_log_change(tx, relations, *relation, message);
+    feed_tell_notes(tx);
+    return pgb_or_set_aside(std::move(done), tx, relations, *relation);
+}
+
 static outcome take_change(const pgo_message &message, feed_transaction &tx,
                            pgb_relations &relations)
 {
@@ -82,32 +109,35 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
     pgb_note_change(relations, message.relation_id);
     if (tx.skipping)
         return {};
-    pgb_relation *relation = nullptr;
-    if (outcome found = pgb_find(relation, relations, message.relation_id, tx.work.notes); !found)
-        return found;
-    if (relation->table->dataset == nullptr)
-        return {};
-    outcome done = pgb_log_change(tx, relations, *relation, message);
-    feed_tell_notes(tx);
-    return done;
+    bool passes = false;
+    outcome done = meet(passes, tx, relations, message.relation_id);
+    return done && !passes ? log_change(message, tx, relations) : std::move(done);
 }
 
-static outcome take_truncate(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
+static outcome log_truncate(feed_transaction &tx, pgb_relations &relations, uint32_t id)
 {
-    pgb_note_truncate(relations, apply.message.truncated);
-    if (tx.skipping)
+    pgb_relation *relation = nullptr;
+    if (outcome found = pgb_find(relation, relations, id, tx.work.notes); !found)
+        return pgb_or_set_aside(std::move(found), tx, relations, *relation);
+    if (relation->table->dataset == nullptr)
         return {};
-    for (const uint32_t id : apply.message.truncated) {
-        pgb_relation *relation = nullptr;
-        if (outcome found = pgb_find(relation, relations, id, tx.work.notes); !found)
-            return found;
-        if (relation->table->dataset == nullptr)
-            continue;
-        const pgo_relation &told = relation->told;
-        if (outcome put = feed_put_truncate(tx, *relation->table, told.schema, told.name); !put)
-            return put;
+    const pgo_relation &told = relation->told;
+    return feed_put_truncate(tx, *relation->table, told.schema, told.name);
+}
+
+static outcome take_truncate(const pgo_message &message, feed_transaction &tx,
+                             pgb_relations &relations)
+{
+    pgb_note_truncate(relations, message.truncated);
+    outcome done;
+    for (size_t i = 0; i < message.truncated.size() && done && !tx.skipping; i++) {
+        const uint32_t id = message.truncated[i];
+        bool passes = false;
+        done = meet(passes, tx, relations, id);
+        if (done && !passes)
+            done = log_truncate(tx, relations, id);
     }
-    return {};
+    return done;
 }
 
 static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
@@ -120,7 +150,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
         relations.facts.xid = apply.message.xid;
         return take_begin(apply, tx, relations);
     case 'C':
-        return take_commit(apply, tx);
+        return take_commit(apply, tx, relations);
     case 'M':
         return take_session(apply, tx);
     case 'O':
@@ -135,7 +165,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
     case 'D':
         return take_change(apply.message, tx, relations);
     case 'T':
-        return take_truncate(apply, tx, relations);
+        return take_truncate(apply.message, tx, relations);
     default:
         return {};
     }

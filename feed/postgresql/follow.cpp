@@ -386,6 +386,7 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
     if (done)
         done = run(f);
     feed_abandon(tx);
+    pga_withdraw(relations.aside, fwu_writer_last_lsn(tx.writer));
     if (done) {
         note_progress(f);
         f.feedback_due_ms = 0;

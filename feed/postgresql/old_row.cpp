@@ -165,14 +165,13 @@ std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relation
     const feed_table &table = *relation.table;
     const std::string commands = identity_commands(relation, relations);
     std::string text = table.name + ": the change comes without the whole old row";
-    text += commands.empty() ? ", since it was made before the table got REPLICA IDENTITY FULL; "
-                             : "; let the server send it:" + commands + "\n";
-    text += "what was changed before that cannot be followed: ";
+    text += commands.empty() ? ", since it was made before the table got REPLICA IDENTITY FULL, "
+                               "which mends it; else "
+                             : "; let the server send it:" + commands + "\nor ";
     if (table.dataset != nullptr && table.dataset->null_map >= 0) {
         const std::string remedy = feed_mark_remedy(table);
         text += "mark what is not known";
-        text += (remedy.starts_with("table ") ? " with the line " : ": ") + remedy + ", ";
+        text += (remedy.starts_with("table ") ? " with the line " : ": ") + remedy + ", or ";
     }
-    return text + "leave the table out with the line skip-table " + table.name +
-           ", or begin a new log";
+    return text + "leave the table out with the line skip-table " + table.name;
 }

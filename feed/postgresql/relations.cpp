@@ -63,6 +63,8 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
         relations.tables.known.erase(relation.table->name); // renamed: its dataset is free
     relation.told = told;
     relation.table = nullptr;
+    relation.identified = false;
+    relation.aside_version = 0;
     set_columns(relation.fresh, told);
     set_columns(relation.old, told);
 }
@@ -202,13 +204,18 @@ static void refresh(const pgb_relation &relation, pgb_relations &relations)
     }
 }
 
+outcome pgb_undescribed(uint32_t id)
+{
+    return outcome_bad("a change came of table number " + std::to_string(id) +
+                       ", which the server has not described");
+}
+
 outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
                  std::vector<std::string> &notes)
 {
     const auto found = relations.known.find(id);
     if (found == relations.known.end())
-        return outcome_bad("a change came of table number " + std::to_string(id) +
-                           ", which the server has not described");
+        return pgb_undescribed(id);
     relation = &found->second;
     if (relation->table == nullptr) {
         if (outcome looked = find_table(*relation, relations, notes); !looked)

@@ -29,6 +29,9 @@ struct pgb_relation {
     uint32_t next = 0;            // described directly behind it, before any change; 0: none
     std::vector<uint32_t> leaves; // partitions that its changes came from in this connection
     bool remedy_found = false;    // its table's old_row_remedy names its partitions
+    bool identified = false;      // its OID and name are in the registry as they are described
+    uint64_t aside_version = 0;   // of the registry when aside was looked up
+    pga_table *aside = nullptr;   // its standing there; null: it is followed
 };
 
 struct pgb_relations {
@@ -48,6 +51,9 @@ outcome pgb_get_facts(pgs_server &server, pgb_relations &relations);
 
 // Takes the server's description of a table, which holds from now on.
 void pgb_describe(pgb_relations &relations, const pgo_relation &told);
+
+// OUTCOME_BAD: something came of a relation of this number, which was not described.
+outcome pgb_undescribed(uint32_t id);
 
 // The relation of this number, with its table.  OUTCOME_BAD when it was not described or
 // cannot become a dataset.

@@ -2,7 +2,7 @@
 // for what commits later, and the option has nothing more to do.
 #include "feed/postgresql/skip.h"
 
-#include "feed/table.h"
+#include "feed/postgresql/standing.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_source_name.h"
 #include "fwutil/fwu_start.h"
@@ -38,43 +38,24 @@ void pgb_skip_pass(pgb_skip &skip, uint64_t lsn)
          option_text(skip).c_str());
 }
 
-// The dataset of a table, as far as it is known.
-static void set_names(fwu_mark &mark, const pgb_relations &relations, const std::string &name)
-{
-    std::vector<std::string> parts;
-    (void)fwu_source_name_parts(parts, name); // the command line was taken with it
-    mark.schema = parts.front();
-    mark.table = parts.back();
-    const fwu_dataset *said = feed_configured(*relations.tables.config, mark.schema, mark.table);
-    const auto known = relations.names.tables.find(name);
-    if (said != nullptr) {
-        mark.dbname = said->layout.dbname;
-        mark.dsetname = said->layout.dsetname;
-    } else if (known != relations.names.tables.end()) {
-        mark.dbname = known->second.dbname;
-        mark.dsetname = known->second.dsetname;
-    }
-}
-
 // Logs the marks.  what: the transaction, as far as it is known.
-static outcome log_gap(pgb_skip &skip, feed_transaction &tx, const pgb_relations &relations,
+static outcome log_gap(pgb_skip &skip, feed_transaction &tx, pgb_relations &relations,
                        int64_t time_us, const std::string &what)
 {
     skip.met = true;
     feed_begin(tx, {.time_us = time_us, .xid = 0, .lsn = behind(skip)});
-    fwu_mark mark = {.kind = FWU_MARK_GAP, .reason = what + " was skipped"};
+    const std::string reason = what + " was skipped";
     outcome done;
     if (skip.tables.empty())
-        done = feed_put_mark(tx, mark);
+        done = feed_put_mark(tx, {.kind = FWU_MARK_GAP, .reason = reason});
     for (const std::string &name : skip.tables) {
-        mark.dbname.clear();
-        mark.dsetname.clear();
-        set_names(mark, relations, name);
+        std::vector<std::string> parts;
+        (void)fwu_source_name_parts(parts, name); // the command line was taken with it
         if (done)
-            done = feed_put_mark(tx, mark);
+            done = feed_put_mark(tx, pgb_gap_of(relations, parts.front(), parts.back(), reason));
     }
     if (done)
-        done = feed_commit(tx);
+        done = pgb_commit(tx, relations);
     if (done)
         tell("%s is skipped; the log has a gap mark at %s for %s", what.c_str(),
              fwu_lsn_text(behind(skip)).c_str(),
@@ -82,7 +63,7 @@ static outcome log_gap(pgb_skip &skip, feed_transaction &tx, const pgb_relations
     return done;
 }
 
-outcome pgb_skip_begin(pgb_skip &skip, feed_transaction &tx, const pgb_relations &relations,
+outcome pgb_skip_begin(pgb_skip &skip, feed_transaction &tx, pgb_relations &relations,
                        const fwu_commit &commit)
 {
     pgb_skip_pass(skip, commit.lsn);
@@ -92,7 +73,7 @@ outcome pgb_skip_begin(pgb_skip &skip, feed_transaction &tx, const pgb_relations
                    "transaction " + std::to_string(commit.xid) + " of " + fwu_lsn_text(commit.lsn));
 }
 
-outcome pgb_skip_unbegun(pgb_skip &skip, feed_transaction &tx, const pgb_relations &relations,
+outcome pgb_skip_unbegun(pgb_skip &skip, feed_transaction &tx, pgb_relations &relations,
                          uint64_t failed_at, bool &taken)
 {
     taken = !skip.met && failed_at < skip.lsn;

@@ -23,7 +23,7 @@ void pgb_skip_open(pgb_skip &skip, uint64_t last_lsn);
 // that is named the log gets the gap marks, as a transaction of its own directly behind its
 // commit: the log has the position then, so that what comes of it is passed over like all that
 // the log has, and the server goes on behind it.  That it was never met is told.
-outcome pgb_skip_begin(pgb_skip &skip, feed_transaction &tx, const pgb_relations &relations,
+outcome pgb_skip_begin(pgb_skip &skip, feed_transaction &tx, pgb_relations &relations,
                        const fwu_commit &commit);
 
 // All that commits up to here has come: it was never met, which is told.
@@ -31,7 +31,7 @@ void pgb_skip_pass(pgb_skip &skip, uint64_t lsn);
 
 // The server has failed at a position before it has begun any transaction, which may be the one
 // that is named.  Then the log gets the gap marks, and taken is true.
-outcome pgb_skip_unbegun(pgb_skip &skip, feed_transaction &tx, const pgb_relations &relations,
+outcome pgb_skip_unbegun(pgb_skip &skip, feed_transaction &tx, pgb_relations &relations,
                          uint64_t failed_at, bool &taken);
 
 // Whether the transaction in hand is the one.
