@@ -104,3 +104,15 @@ bool json_text_take(std::string &value, std::string_view &text)
     text = rest;
     return true;
 }
+
+std::string json_text_member(std::string_view json, std::string_view name)
+{
+    const std::string key = json_text(name) + ":"; // inside a string its quotes would be escaped
+    const size_t found = json.find(key);
+    std::string text;
+    if (found == json.npos)
+        return text;
+    json.remove_prefix(found + key.size());
+    (void)json_text_take(text, json); // stays empty
+    return text;
+}

@@ -18,6 +18,10 @@ std::string json_text(std::string_view text);
 // none stands there.
 bool json_text_take(std::string &value, std::string_view &text);
 
+// The string of a member, the first one of this name; empty: there is none.  For objects that
+// json_text has written the strings of.
+std::string json_text_member(std::string_view json, std::string_view name);
+
 // Whether all bytes are printable ASCII; so is nothing.
 bool json_text_printable(std::string_view bytes);
 

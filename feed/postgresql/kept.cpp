@@ -16,19 +16,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The text of a member; empty when it is not there.
-static std::string member(const std::string &json, const char *name)
-{
-    const std::string key = std::string("\"") + name + "\":";
-    const size_t found = json.find(key);
-    std::string text;
-    if (found != json.npos) {
-        std::string_view rest = std::string_view(json).substr(found + key.size());
-        (void)json_text_take(text, rest); // stays empty
-    }
-    return text;
-}
-
 // A state file that is nothing but that has this member.
 static const char for_monitors[] = "\"error_time\":";
 
@@ -41,14 +28,14 @@ static bool read_file(pgb_kept &kept, const std::string &path)
     const std::string json = text.str();
     if (json.empty() || json.back() != '\n' || json.find(for_monitors) != json.npos)
         return false;
-    kept.system = member(json, "system_identifier");
-    kept.database = member(json, "database");
-    kept.slot = member(json, "slot");
-    const std::string snapshot = member(json, "snapshot");
+    kept.system = json_text_member(json, "system_identifier");
+    kept.database = json_text_member(json, "database");
+    kept.slot = json_text_member(json, "slot");
+    const std::string snapshot = json_text_member(json, "snapshot");
     if (!snapshot.empty())
         kept.snapshot = snapshot;
-    (void)pgs_number(kept.timeline, member(json, "timeline"));    // stays 0
-    (void)fwu_lsn_parse(kept.told_lsn, member(json, "told_lsn")); // likewise
+    (void)pgs_number(kept.timeline, json_text_member(json, "timeline"));    // stays 0
+    (void)fwu_lsn_parse(kept.told_lsn, json_text_member(json, "told_lsn")); // likewise
     return true;
 }
 

@@ -80,3 +80,12 @@ TEST(JsonText, AReplacementIsTakenAsOne)
     ASSERT_TRUE(json_text_take(value, rest));
     EXPECT_EQ(value, "a\xEF\xBF\xBD");
 }
+
+TEST(JsonText, AMemberIsFoundByItsName)
+{
+    const std::string json = "{\"a\":1,\"b\":" + json_text("say \"c\":\"no\"") + ",\"c\":\"yes\"}";
+    EXPECT_EQ(json_text_member(json, "a"), "");
+    EXPECT_EQ(json_text_member(json, "b"), "say \"c\":\"no\"");
+    EXPECT_EQ(json_text_member(json, "c"), "yes");
+    EXPECT_EQ(json_text_member(json, "d"), "");
+}
