@@ -3,6 +3,7 @@
 #ifndef FEED_BACKOFF_H
 #define FEED_BACKOFF_H
 
+#include <functional>
 #include <string>
 
 constexpr int FEED_FIRST_PAUSE_MS = 100;
@@ -17,7 +18,8 @@ struct feed_backoff {
 // Tells why the source is lost and that it is tried again, unless that was told last.
 void feed_backoff_tell(feed_backoff &backoff, const std::string &why);
 
-// Waits before the next attempt.  False: a signal asks to stop.
-bool feed_backoff_wait(feed_backoff &backoff);
+// Waits before the next attempt; every second at least, meanwhile is called, if there is one.
+// False: a signal asks to stop.
+bool feed_backoff_wait(feed_backoff &backoff, const std::function<void()> &meanwhile = {});
 
 #endif

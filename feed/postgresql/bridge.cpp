@@ -9,6 +9,8 @@
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/follow.h"
 #include "feed/postgresql/prepare.h"
+#include "feed/postgresql/request.h"
+#include "feed/postgresql/resume.h"
 #include "feed/postgresql/snapshot.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_error.h"
@@ -18,9 +20,6 @@
 
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 constexpr int SLOT_WAIT_MS = 60'000; // for a receiver that the server has not given up yet
 
@@ -32,6 +31,7 @@ struct bridge {
     pgb_relations relations = {};
     feed_transaction tx = {};
     pgb_apply apply = {};
+    pgr_requests requests = {};
     bool connected = false; // the server was reached once
     uint64_t stop_at = 0;   // --once: position that the log has to reach; 0: not known yet
 };
@@ -61,7 +61,8 @@ static outcome follow(bridge &b)
     const pgb_follow_settings settings = {.durable = b.config.sync != FWU_SYNC_NONE,
                                           .verbose = b.options.verbose,
                                           .once = b.options.once,
-                                          .stop_at = b.stop_at};
+                                          .stop_at = b.stop_at,
+                                          .requests = &b.requests};
     return pgb_follow(b.server, b.state, b.tx, b.relations, b.apply, settings);
 }
 
@@ -109,7 +110,10 @@ static bool try_again(bridge &b, losses &past, const std::string &why)
     (void)pgb_state_write(b.state); // told
     if (server.slot_in_use)
         past.slot_waited_ms += past.backoff.pause_ms;
-    return feed_backoff_wait(past.backoff);
+    return feed_backoff_wait(past.backoff, [&b, &why] {
+        (void)pgr_look(b.requests, b.relations,
+                       {.writer = b.tx.writer, .waits = "the server is not there: " + why});
+    });
 }
 
 static outcome run(bridge &b)
@@ -187,6 +191,11 @@ static outcome take_over(bridge &b)
         done = feed_names_open(b.relations.names, b.config.log_directory, kept.mode);
     if (done)
         done = pga_open(b.relations.aside, b.config.log_directory, kept.mode, last.lsn);
+    b.requests.directory = b.config.log_directory;
+    b.requests.mode = kept.mode;
+    b.requests.publication = b.server.publication;
+    if (done)
+        pgr_open(b.requests, b.relations.aside, b.options.resume);
     return done;
 }
 
@@ -203,28 +212,14 @@ static void enter_last_phase(pgb_state &state, const outcome &done)
     (void)pgb_state_write(state); // told
 }
 
-// Whether it is not another process that writes the log, and its state.
-static bool log_is_free(const std::string &directory, mode_t &mode)
-{
-    const int fd = open((directory + "/writer.lock").c_str(), O_RDWR | O_CLOEXEC);
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    struct stat file = {};
-    const bool free = fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK &&
-                      fstat(fd, &file) == 0;
-    mode = file.st_mode & 0666;
-    if (fd >= 0)
-        close(fd);
-    return free;
-}
-
 // The log cannot be written: monitors are to know.
 static outcome fail_to_open(bridge &b)
 {
     const outcome failed = OUTCOME_FAILED;
     pgb_kept &kept = b.state.kept;
-    if (log_is_free(b.config.log_directory, kept.mode) && pgb_kept_read(kept, b.state.path))
+    const pgr_holder holder = pgr_find_holder(b.config.log_directory);
+    kept.mode = holder.mode;
+    if (holder.known && !holder.held && pgb_kept_read(kept, b.state.path))
         enter_last_phase(b.state, failed);
     return OUTCOME_FAILED;
 }
@@ -239,6 +234,8 @@ outcome pgb_run(const pgb_options &options)
     stop_signal_install();
     report_signal_install();
     signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
+    if (!options.resume.empty() && pgr_find_holder(b.config.log_directory).held)
+        return pgr_resume(b.config.log_directory, b.state.path, options.resume);
     if (fwu_writer_open(&b.tx.writer, b.config) != 0)
         return fail_to_open(b);
     outcome done = take_over(b);
@@ -248,6 +245,8 @@ outcome pgb_run(const pgb_options &options)
         done = accept_loss(b);
     if (done)
         done = run(b);
+    if (done && b.requests.refused)
+        done = outcome_failed("not all tables were taken in that --resume names");
     if (fwu_writer_close(b.tx.writer) != 0)
         done = OUTCOME_FAILED;
     enter_last_phase(b.state, done);

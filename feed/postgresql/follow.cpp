@@ -127,6 +127,9 @@ static outcome keep_in_touch(follow &f)
         pgs_server_lsn(f.server, f.state.server_lsn);
         pgb_state_print(f.state);
     }
+    const pgr_moment moment = {.writer = f.tx.writer, .between = !f.tx.open};
+    if (outcome looked = pgr_look(*f.settings.requests, f.relations, moment); !looked)
+        return looked;
     if (now < f.feedback_due_ms && !f.answer)
         return {};
     // A server that asks may be waiting to shut down until it is told everything.
@@ -258,7 +261,8 @@ static outcome take_waiting(follow &f)
 
 static bool is_done(const follow &f)
 {
-    return stop_signal_get() != 0 || (f.settings.once && f.state.logged_lsn >= f.settings.stop_at);
+    return stop_signal_get() != 0 || (f.settings.once && f.state.logged_lsn >= f.settings.stop_at &&
+                                      !pgr_waits(*f.settings.requests));
 }
 
 // Waits limit_ms at most for the server to send something, and receives it.

@@ -23,12 +23,13 @@ struct pgb_options {
     std::vector<std::string> skip_tables = {}; // that its mark is for (fwu_source_name); empty: all
     bool once = false; // end when the log has what the server had at the start
     bool verbose = false;
-    bool check = false;                 // tell what a run would find, and change nothing; the
-                                        // others below go with it
-    bool scan = false;                  // read the tables, too
-    int scan_timeout_s = 60;            // for each query that does
-    bool json = false;                  // print one JSON object
-    const char *write_config = nullptr; // file that gets the configuration; null: none
+    std::vector<const char *> resume = {}; // tables to be taken in, as pgr_table_name has them
+    bool check = false;                    // tell what a run would find, and change nothing; the
+                                           // others below go with it
+    bool scan = false;                     // read the tables, too
+    int scan_timeout_s = 60;               // for each query that does
+    bool json = false;                     // print one JSON object
+    const char *write_config = nullptr;    // file that gets the configuration; null: none
 };
 
 #endif

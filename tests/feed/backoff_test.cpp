@@ -31,6 +31,10 @@ TEST(Backoff, PausesDoubleUpToTheLongestAndEndAtASignal)
     feed_backoff backoff = {.pause_ms = 1};
     EXPECT_TRUE(feed_backoff_wait(backoff));
     EXPECT_EQ(backoff.pause_ms, 2);
+    int called = 0;
+    backoff.pause_ms = 1001;
+    EXPECT_TRUE(feed_backoff_wait(backoff, [&called] { called++; }));
+    EXPECT_EQ(called, 2);
     stop_signal_install();
     raise(SIGTERM); // from here on no pause is made
     backoff.pause_ms = FEED_LONGEST_PAUSE_MS - 1;

@@ -27,6 +27,18 @@ static constexpr cli_kind SCAN_TIMEOUT = {.word = "SECONDS",
 static constexpr cli_kind CREATE = {
     .word = "minimal", .bad = "--create takes =minimal or nothing", .may_be_left_out = true};
 
+static constexpr cli_kind TABLE = {.word = "TABLE",
+                                   .lacking = LACKING,
+                                   .bad = "--resume takes all, or a table with its schema",
+                                   .may_be_empty = false};
+
+static bool take_resume(const char *word)
+{
+    std::vector<std::string> parts;
+    options.resume.push_back(word);
+    return strcmp(word, "all") == 0 || (fwu_source_name_parts(parts, word) && parts.size() == 2);
+}
+
 static bool take_create(const char *word)
 {
     options.create = true;
@@ -79,6 +91,7 @@ static constexpr cli_option rows[] = {
     {"--truncate", CLI_FLAG, &options.truncate},
     {"--accept-gap", CLI_FLAG, &options.accept_gap},
     {"--skip-transaction", SKIP, &take_skip},
+    {"--resume", TABLE, &take_resume},
     {"--once", CLI_FLAG, &options.once},
     {"--timeout", TIMEOUT, &options.timeout_s},
     {"--status", VALUE_FILE, &options.status},
@@ -108,7 +121,7 @@ static const char help[] =
     "Usage: fwlog postgresql [-cfg FILE] [--conninfo \"...\"] [--slot NAME]\n"
     "           [--publication NAME] [--create[=minimal]] [--snapshot] [--truncate]\n"
     "           [--accept-gap] [--skip-transaction LSN[,TABLE...]]\n"
-    "           [--once] [--timeout SECONDS] [--status FILE] [-v]\n"
+    "           [--resume TABLE ...] [--once] [--timeout SECONDS] [--status FILE] [-v]\n"
     "           [--check [--scan [--scan-timeout SECONDS]]\n"
     "           [--json] [--write-config FILE]]\n"
     "\n"
@@ -138,6 +151,9 @@ static const char help[] =
     "                       pass over the transaction that commits at LSN, which the\n"
     "                       server cannot send; the log gets a gap mark for these\n"
     "                       tables, else for all\n"
+    "  --resume TABLE       take a table in that is set aside, or came later, with all that it\n"
+    "                       holds; all: every one that is set aside; where fwlog postgresql\n"
+    "                       runs already, it is asked to, and this command ends when it has\n"
     "  --once               end when the log has what the server had at the start\n"
     "  --timeout SECONDS    of silence after which the server is taken for gone (default 60)\n"
     "  --status FILE        JSON file that tells how far it is (default postgresql.json\n"
@@ -154,9 +170,10 @@ static const char help[] =
     "  --write-config FILE  with --check: write it as a configuration, to be edited\n"
     "  --help               print this\n"
     "\n"
-    "Exit status: 0 done (--once), or nothing is in a start's way (--check); 1 error (whole\n"
-    "transactions before it are in the log), or something is in its way (--check);\n"
-    "2 wrong command line; 128 + signal number after SIGINT or SIGTERM.\n";
+    "Exit status: 0 done (--once, --resume), or nothing is in a start's way (--check);\n"
+    "1 error (whole transactions before it are in the log), a table that is not taken in\n"
+    "(--resume), or something is in its way (--check); 2 wrong command line; 128 + signal\n"
+    "number after SIGINT or SIGTERM.\n";
 
 constinit const cli_command fwlog_postgresql_row = {
     .name = "postgresql",
