@@ -1,19 +1,23 @@
 #!/usr/bin/env python3
 """Plays what was captured of a database into empty tables and compares these with the database.
 
-usage: any_database_compare.py LINES RECORDS CONTENTS [OLD=NEW]...
+usage: any_database_compare.py LINES RECORDS CONTENTS [OLD=NEW]... [aside:TABLE]...
 
 LINES     what "fwlog tail --json" gives: layouts, and all values whole
 RECORDS   the records of a message file (-exthdr -yyyy -recnum), each behind its length (u32,
-          little-endian); numbers of the images are little-endian, texts UTF-8
+          little-endian); numbers of the images are little-endian, texts UTF-8.  A record whose
+          number comes twice is one that was in hand at a kill
 CONTENTS  of each table a line "@" with JSON (table, columns, types), then "=" and a row as COPY
           writes it
 OLD=NEW   columns that were renamed, as schema.table.column
+TABLE     tables that are set aside: of these the log has a gap mark, and nothing behind it;
+          they are not compared
 
 A value comes from the record where the record's null map says that it holds it, and must be the
 one of the line then; else it comes from the line, and the record must be what the null map says.
-Old values must be those of a row that is there.  Prints how often each mark was seen; exit
-status 1 when something differs."""
+Old values must be those of a row that is there.  A truncate empties its table.  Behind a gap
+there are no changes of a table, unless a truncate begins it anew.  Prints how often each mark was
+seen; exit status 1 when something differs."""
 import collections
 import json
 import re
@@ -179,15 +183,19 @@ def row_of(where, layout, raw, image, marks):
 def records_of(path):
     with open(path, "rb") as file:
         data = file.read()
-    at = 0
+    at, number = 0, None
     while at < len(data):
         size, = struct.unpack_from("<I", data, at)
-        yield data[at + 4:at + 4 + size]
+        record = data[at + 4:at + 4 + size]
         at += 4 + size
+        if record[126:HEADER] != number:
+            number = record[126:HEADER]
+            yield record
 
 
 def changes_of(lines_path, records_path, marks):
-    """Table, operation, old row and new row of each change."""
+    """Operation, place, table, types, old row and new row of each change, of a mark without the
+    last three."""
     records, layouts, last = records_of(records_path), {}, True
     with open(lines_path, encoding="utf-8", newline="\n") as lines:
         for line in lines:
@@ -199,6 +207,9 @@ def changes_of(lines_path, records_path, marks):
             source = change["source"]
             where = f"{source['position']} {source['table']}"
             last = change["transaction"]["last"]
+            if change["op"] in "tg":
+                yield change["op"], where, source["table"], None, None, None
+                continue
             record = next(records, None)
             if record is None:
                 wrong(f"{where}: no record was captured")
@@ -219,7 +230,7 @@ def changes_of(lines_path, records_path, marks):
                 images.append(row_of(f"{where} {name}", layout, body[:size], change[name], marks))
                 body = body[size:]
             types = {i["column"]: i["source_type"] for i in layout["items"]}
-            yield where, source["table"], types, images[0], images[1]
+            yield change["op"], where, source["table"], types, images[0], images[1]
     if next(records, None) is not None:
         wrong("more records than lines")
     if not last:
@@ -240,12 +251,35 @@ def find_row(rows, old, types):
     return None
 
 
+class Played:
+    """What a log gives: tables, and which of them lack changes (True: they have older rows)."""
+
+    def __init__(self):
+        self.tables = collections.defaultdict(list)
+        self.gaps = {}
+        self.count = collections.Counter()
+
+
+def play_mark(played, op, table):
+    played.count[op] += 1
+    if op == "t":
+        played.tables[table] = []
+        played.gaps.pop(table, None)
+        return
+    for missed in [table] if table is not None else list(played.tables):
+        played.gaps[missed] = played.gaps.get(missed, False) or bool(played.tables.get(missed))
+
+
 def play(changes, renamed):
-    tables = collections.defaultdict(list)
-    count = 0
-    for where, table, types, old, new in changes:
-        count += 1
-        rows = tables[table]
+    played = Played()
+    for op, where, table, types, old, new in changes:
+        if op in "tg":
+            play_mark(played, op, table)
+            continue
+        played.count["changes"] += 1
+        if played.gaps.pop(table, False):
+            wrong(f"{where}: a change behind a gap, of a table that has older rows")
+        rows = played.tables[table]
         for row in rows if table in renamed and any(c in types for c in renamed[table].values()) else ():
             for before, after in renamed[table].items():
                 if before in row:
@@ -259,7 +293,7 @@ def play(changes, renamed):
                 kept = rows.pop(i)
         if new is not None:
             rows.append({**kept, **new})
-    return tables, count
+    return played
 
 
 ESCAPE = {"b": "\b", "f": "\f", "n": "\n", "r": "\r", "t": "\t", "v": "\v"}
@@ -271,9 +305,11 @@ def copied(field):
     return re.sub(r"\\(.)", lambda m: ESCAPE.get(m[1], m[1]), field)
 
 
-def compare(tables, path):
+def compare(played, aside, path):
     """Each row of the database must be one row of the table played, and none be left."""
     seen, left = set(), []
+    for table in aside - set(played.gaps):
+        wrong(f"{table} is set aside, but the log has no gap mark, or something behind it")
     with open(path, encoding="utf-8", newline="\n") as file:
         for line in file:
             line = line.rstrip("\n")
@@ -283,8 +319,13 @@ def compare(tables, path):
                 head = json.loads(line[1:])
                 table = source_name(*head["table"])
                 columns, types = head["columns"] or [], dict(zip(head["columns"] or [], head["types"] or []))
-                seen.add(table)
-                left = list(tables.get(table, []))
+                if table not in aside:
+                    seen.add(table)
+                    if table in played.gaps:
+                        wrong(f"{table}: the log has a gap, behind which nothing begins anew")
+                left = list(played.tables.get(table, [])) if table not in aside else []
+                continue
+            if table in aside:
                 continue
             fields = line[1:].split("\t") if columns else []
             row = {c: copied(f) for c, f in zip(columns, fields)}
@@ -300,16 +341,21 @@ def compare(tables, path):
 
 
 def main():
-    renamed = collections.defaultdict(dict)
+    renamed, aside = collections.defaultdict(dict), set()
     for pair in sys.argv[4:]:
+        if pair.startswith("aside:"):
+            aside.add(pair[6:])
+            continue
         old, new = pair.split("=")
         table, column = old.rsplit(".", 1)
         renamed[table][column] = new.rsplit(".", 1)[1]
     marks = collections.Counter()
-    tables, changes = play(changes_of(sys.argv[1], sys.argv[2], marks), renamed)
-    compared = compare(tables, sys.argv[3])
-    print("\n".join(WRONG + [f"{compared} tables, {changes} changes; values " +
-                             ", ".join(f"{marks[flag]} {flag}" for flag in ".NCR?!")]))
+    played = play(changes_of(sys.argv[1], sys.argv[2], marks), renamed)
+    compared = compare(played, aside, sys.argv[3])
+    count = played.count
+    print("\n".join(WRONG + [f"{compared} tables, {count['changes']} changes; values " +
+                             ", ".join(f"{marks[flag]} {flag}" for flag in ".NCR?!") +
+                             f"; {count['t']} truncates, {count['g']} gaps"]))
     sys.exit(1 if WRONG else 0)
 
 

@@ -4,6 +4,7 @@
 --   SELECT work.begin(0.5)      the sequence of random choices, as of setseed()
 --   CALL work.fill(rows)        so many rows for each table
 --   CALL work.go(steps)         so many transactions of one to five statements
+-- A table whose comment is "work: none" is left alone.
 -- What a constraint, another session or a partition that is not there refuses is rolled back
 -- and the transaction goes on without it.
 CREATE SCHEMA work;
@@ -241,7 +242,8 @@ $$;
 
 CREATE VIEW work.tables AS
     SELECT c.oid::regclass AS tab FROM pg_class c JOIN pg_namespace n ON n.oid = relnamespace
-    WHERE relkind IN ('r', 'p') AND NOT relispartition AND nspname !~ '^(pg_|information_schema$|work$|kestro$)';
+    WHERE relkind IN ('r', 'p') AND NOT relispartition AND nspname !~ '^(pg_|information_schema$|work$|kestro$)'
+        AND obj_description(c.oid, 'pg_class') IS DISTINCT FROM 'work: none';
 
 -- One statement, given up where it is refused.
 CREATE PROCEDURE work.try(statement text) LANGUAGE plpgsql AS $$
