@@ -210,14 +210,21 @@ static outcome write_config(const pgk_report &report)
     return cannot_write(path, "write");
 }
 
-outcome pgk_check(const pgb_options &options)
+// before: a look that has found out that the server cannot convert its texts; null: none.
+static outcome check(const pgb_options &options, const pgs_server *before)
 {
     pgk_report report{.options = options};
-    stop_signal_install();
-    signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
     outcome done = set_up(report);
+    if (before != nullptr) {
+        report.server.texts = before->texts;
+        report.server.encoding = before->encoding;
+    }
     if (done)
         done = look(report);
+    if (done.kind() == OUTCOME_LOST && before == nullptr && report.server.texts != nullptr) {
+        tell("%s", done.text().c_str());
+        return check(options, &report.server);
+    }
     if (done.kind() == OUTCOME_LOST)
         done = outcome_failed("%s", done.text().c_str());
     if (!done)
@@ -229,4 +236,11 @@ outcome pgk_check(const pgb_options &options)
     if (!done)
         return done;
     return pgk_starts(report) ? OUTCOME_OK : OUTCOME_FAILED;
+}
+
+outcome pgk_check(const pgb_options &options)
+{
+    stop_signal_install();
+    signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
+    return check(options, nullptr);
 }

@@ -2,6 +2,7 @@
 // it never could.
 #include "feed/postgresql/connect.h"
 
+#include "feed/postgresql/encoding.h"
 #include "feed/postgresql/parameters.h"
 #include "feed/postgresql/query.h"
 
@@ -52,6 +53,7 @@ static outcome set_encoding(pgs_server &server, PGconn *connection)
     const char *const encoding = PQparameterStatus(connection, "server_encoding");
     const bool any_bytes = encoding != nullptr && strcmp(encoding, "SQL_ASCII") == 0;
     pgs_result result;
+    server.encoding = encoding == nullptr ? "" : encoding;
     if (any_bytes == server.any_bytes) // as the connection was asked for
         return {};
     server.any_bytes = any_bytes;
@@ -64,6 +66,13 @@ static outcome open_one(pgs_server &server, pgs_connection &connection, bool rep
 {
     connection = open_connection(server, replication);
     server.remedy = nullptr;
+    // Of this encoding it converts nothing, and takes no connection that wants UTF-8.
+    const bool refused = PQstatus(connection.get()) != CONNECTION_OK && server.texts == nullptr &&
+                         strstr(PQerrorMessage(connection.get()), "MULE_INTERNAL") != nullptr;
+    if (refused) {
+        pge_begin(server);
+        connection = open_connection(server, replication);
+    }
     // Sending never waits: what is not sent goes along with what is sent next.
     if (PQstatus(connection.get()) != CONNECTION_OK || PQsetnonblocking(connection.get(), 1) != 0) {
         const std::string why = pgs_one_line(PQerrorMessage(connection.get()));

@@ -5,6 +5,7 @@
 #include "feed/postgresql/follow.h"
 
 #include "feed/postgresql/ask.h"
+#include "feed/postgresql/encoding.h"
 #include "feed/postgresql/query.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
@@ -38,6 +39,7 @@ struct follow {
     uint64_t acked_lsn = 0; // everything before it is acknowledged: what the server may be told
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
+    std::string converted = {};            // a message whose texts the server does not convert
     int64_t heard_ms = fwu_monotonic_ms(); // when the server sent something
 };
 
@@ -101,6 +103,15 @@ static outcome send_feedback(follow &f)
     return {};
 }
 
+// It was a question beside the stream that came to a text which the server cannot convert.
+static outcome lost_texts(follow &f)
+{
+    f.server.texts_failed = false;
+    std::string why = pge_text(f.server, nullptr);
+    pge_begin(f.server);
+    return lost(f, why.c_str());
+}
+
 // What the server is told stands on disk first, so that the next run can see whether the
 // log still has it, and whether somebody else has moved the slot.
 static outcome acknowledge(follow &f)
@@ -136,6 +147,9 @@ static outcome keep_in_touch(follow &f)
     if (f.answer && fwu_writer_settle_in(f.tx.writer) >= 0 && fwu_writer_sync(f.tx.writer) != 0)
         return OUTCOME_FAILED;
     note_progress(f);
+    pge_rest(f.server);
+    if (f.server.texts_failed)
+        return lost_texts(f);
     if (now >= f.report_due_ms) {
         f.report_due_ms = now + REPORT_MS;
         pgs_server_lsn(f.server, f.state.server_lsn);
@@ -160,7 +174,14 @@ static outcome take_copy_data(follow &f, std::string_view bytes)
     pgb_state &state = f.state;
     if (bytes.size() >= DATA_HEADER && bytes[0] == 'w') {
         state.server_lsn = std::max(state.server_lsn, big_endian(bytes.data() + 9));
-        outcome done = pgb_apply_message(f.apply, f.tx, f.relations, bytes.substr(DATA_HEADER));
+        std::string_view message = bytes.substr(DATA_HEADER);
+        if (f.server.texts != nullptr) {
+            f.converted.clear();
+            if (outcome done = pge_message(f.converted, f.server, message); !done)
+                return done;
+            message = f.converted;
+        }
+        outcome done = pgb_apply_message(f.apply, f.tx, f.relations, message);
         if (f.apply.commit_us != 0)
             state.commit_us = f.apply.commit_us;
         return done;
@@ -203,7 +224,7 @@ static outcome fail(follow &f, const PGresult *result)
 {
     pgb_skip &skip = f.apply.skip;
     const fwu_commit &commit = f.tx.commit;
-    if (!pgs_refused(f.connection, result))
+    if (!pgs_refused(f.connection, result) || pge_is_failure(f.server, result))
         return pgs_failed(f.server, f.connection, result, "following the server");
     const char *const context = PQresultErrorField(result, PG_DIAG_CONTEXT);
     const uint64_t at = context == nullptr ? 0 : position_in(context);

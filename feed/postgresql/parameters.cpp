@@ -63,7 +63,8 @@ void pgs_collect(pgs_parameters &parameters, const pgs_server &server)
         parameters.values.push_back(parameters.texts.back().c_str());
     }
     parameters.keys.insert(parameters.keys.end(), {"dbname", "client_encoding", nullptr});
-    parameters.values.insert(
-        parameters.values.end(),
-        {server.conninfo.c_str(), server.any_bytes ? "SQL_ASCII" : "UTF8", nullptr});
+    parameters.values.insert(parameters.values.end(),
+                             {server.conninfo.c_str(),
+                              server.any_bytes || server.texts != nullptr ? "SQL_ASCII" : "UTF8",
+                              nullptr});
 }

@@ -3,6 +3,7 @@
 #include "feed/postgresql/query.h"
 
 #include "feed/postgresql/ask.h"
+#include "feed/postgresql/encoding.h"
 #include "fwutil/fwu_clock.h"
 #include "util/stop_signal.h"
 
@@ -100,6 +101,11 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
     server.slot_in_use = strcmp(state, "55006") == 0;
     if (server.slot_in_use || passes(connection, state))
         return {OUTCOME_LOST, message};
+    if (pge_is_failure(server, result)) {
+        std::string why = pge_text(server, result);
+        pge_begin(server);
+        return pgs_lost(server, std::move(why));
+    }
     std::string all = message; // newer servers have the reason apart
     for (const char field : {PG_DIAG_MESSAGE_DETAIL, PG_DIAG_MESSAGE_HINT})
         if (const char *more = result == nullptr ? nullptr : PQresultErrorField(result, field))
@@ -242,6 +248,8 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
         case PGRES_COMMAND_OK:
         case PGRES_TUPLES_OK:
             result = std::move(next);
+            if (outcome converted = pge_answer(server, result); !converted)
+                return converted;
             break;
         case PGRES_COPY_OUT:
         case PGRES_COPY_BOTH:
@@ -249,7 +257,8 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
             return {};
         default: {
             outcome failure;
-            if (refused != nullptr && pgs_refused(connection, next.get(), only))
+            if (refused != nullptr && pgs_refused(connection, next.get(), only) &&
+                !pge_is_failure(server, next.get()))
                 *refused = {.state = field_of(next.get(), PG_DIAG_SQLSTATE),
                             .message = field_of(next.get(), PG_DIAG_MESSAGE_PRIMARY),
                             .detail = field_of(next.get(), PG_DIAG_MESSAGE_DETAIL)};
@@ -267,9 +276,18 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
 outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
                   const std::string &query, const std::vector<const char *> &parameters)
 {
-    const bool sent =
-        PQsendQueryParams(connection, query.c_str(), static_cast<int>(parameters.size()), nullptr,
-                          parameters.data(), nullptr, nullptr, 0) == 1;
+    std::string text;
+    std::vector<std::string> texts(parameters.size());
+    std::vector<const char *> words;
+    outcome done = pge_query(text, server, query);
+    for (size_t i = 0; done && i < parameters.size(); i++) {
+        done = pge_query(texts[i], server, parameters[i]);
+        words.push_back(texts[i].c_str());
+    }
+    if (!done)
+        return done;
+    const bool sent = PQsendQueryParams(connection, text.c_str(), static_cast<int>(words.size()),
+                                        nullptr, words.data(), nullptr, nullptr, 0) == 1;
     return finish(server, connection, sent, result, query);
 }
 
@@ -277,15 +295,29 @@ outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
                 const std::string &query, pgs_refusal &refusal, const char *state)
 {
     refusal = {};
-    const bool sent = PQsendQuery(connection, query.c_str()) == 1;
+    std::string text;
+    if (outcome done = pge_query(text, server, query); !done)
+        return done;
+    const bool sent = PQsendQuery(connection, text.c_str()) == 1;
     return finish(server, connection, sent, result, query, &refusal, state);
 }
 
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
                     const std::string &command)
 {
-    const bool sent = PQsendQuery(connection, command.c_str()) == 1;
+    std::string text;
+    if (outcome done = pge_query(text, server, command); !done)
+        return done;
+    const bool sent = PQsendQuery(connection, text.c_str()) == 1;
     return finish(server, connection, sent, result, command);
+}
+
+static outcome convert_row(pgs_server &server, std::string_view &row)
+{
+    server.row_text.clear();
+    outcome done = pge_from_server(server.row_text, server, row);
+    row = server.row_text;
+    return done;
 }
 
 outcome pgs_row(pgs_server &server, std::string_view &row)
@@ -297,10 +329,10 @@ outcome pgs_row(pgs_server &server, std::string_view &row)
         const int length = PQgetCopyData(connection, &bytes, 1);
         server.row.reset(bytes);
         row = {};
-        if (length > 0)
+        if (length > 0) {
             row = {bytes, static_cast<size_t>(length)};
-        if (length > 0)
-            return {};
+            return server.texts == nullptr ? outcome() : convert_row(server, row);
+        }
         if (length == 0) {
             if (outcome received = receive(server, connection, wait, "COPY"); !received)
                 return received;

@@ -30,6 +30,8 @@ using pgs_connection = std::unique_ptr<PGconn, pgs_close>;
 using pgs_result = std::unique_ptr<PGresult, pgs_close>;
 using pgs_memory = std::unique_ptr<char, pgs_close>;
 
+struct pge_texts; // feed/postgresql/encoding.h
+
 struct pgs_server {
     std::string conninfo; // may be empty: the environment's settings count
     std::string slot;
@@ -38,7 +40,11 @@ struct pgs_server {
     pgs_connection replication;   // for the stream
     pgs_memory row;               // that pgs_row gave last
     const char *remedy = nullptr; // after OUTCOME_LOST: what to do about it, if that is known
-    bool any_bytes = false;       // the database has no encoding: texts are not always UTF-8
+    std::string encoding;         // of the database, as the server calls it; empty: not known yet
+    std::shared_ptr<pge_texts> texts;  // what is known of its characters; null: the server converts
+    mutable bool texts_failed = false; // it could not, on a connection beside these
+    std::string row_text;              // that pgs_row gave last, converted
+    bool any_bytes = false;            // the database has no encoding: texts are not always UTF-8
     bool slot_in_use = false;     // after OUTCOME_LOST: it was that another process has the slot
     int64_t timeout_ms = 60'000;  // of silence after which the server is taken for gone
     int64_t patience_ms = 60'000; // the same, longer after each time
