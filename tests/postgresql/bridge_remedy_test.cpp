@@ -1,0 +1,272 @@
+// What docs/postgresql.md says about the server's errors is carried out as it stands there, and the
+// feed runs afterwards.  Cases whose remedy needs more than a step are where the error is tested.
+#include "tests/postgresql/bridge_fixture.h"
+
+#include <regex>
+
+using testing::HasSubstr;
+
+class BridgeRemedyTest : public LedgerTest {
+  protected:
+    using words = std::vector<std::string>;
+
+    // The first run, which ends with this error; what it said.
+    std::string refused(const words &more, const std::string &text) const
+    {
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 1) << result.err;
+        EXPECT_THAT(result.err, HasSubstr(text));
+        return result.err;
+    }
+
+    // The feed runs: what is changed from now on comes to the log.
+    void expect_runs(const words &more) const
+    {
+        const run_result begun = catch_up(more);
+        EXPECT_EQ(begun.status, 0) << begun.err;
+        insert(next);
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_TRUE(logged("after ID=" + std::to_string(next) + " "));
+        next++;
+    }
+
+    // The same on a server of its own, which has the table, too.
+    void expect_runs_on(const pg_server &own, words more) const
+    {
+        more.insert(more.end(), {"--conninfo", own.conninfo()});
+        const run_result begun = catch_up(more);
+        EXPECT_EQ(begun.status, 0) << begun.err;
+        pg_client(own.conninfo())
+            .run("INSERT INTO load.ledger VALUES (" + std::to_string(next) +
+                 ", 0, 1, 'row', NULL)");
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_TRUE(logged("after ID=" + std::to_string(next) + " "));
+        next++;
+    }
+
+    static std::string found_in(const std::string &text, const char *pattern)
+    {
+        std::smatch found;
+        EXPECT_TRUE(std::regex_search(text, found, std::regex(pattern))) << text;
+        return found.size() > 1 ? found.str(1) : "";
+    }
+
+    mutable int next = 1;
+};
+
+TEST_F(BridgeRemedyTest, CannotConnect)
+{
+    refused({"--create", "--conninfo", "host=" + dir.path() + " dbname=shop"}, "cannot connect: ");
+    expect_runs({"--create"});
+}
+
+TEST_F(BridgeRemedyTest, RoleThatDoesNotExist)
+{
+    const std::string role = database + "_late";
+    const std::string by_role = conninfo(role);
+    EXPECT_THAT(refused({"--conninfo", by_role}, "role \"" + role + "\" does not exist"),
+                HasSubstr("name an existing role"));
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION");
+    expect_runs({"--create"}); // by a superuser, once
+    expect_runs({"--conninfo", by_role});
+    sql("DROP ROLE " + role);
+}
+
+TEST_F(BridgeRemedyTest, DatabaseThatDoesNotExist)
+{
+    refused({"--create", "--conninfo", server->conninfo("nowhere")},
+            "database \"nowhere\" does not exist");
+    expect_runs({"--create"});
+}
+
+TEST_F(BridgeRemedyTest, RoleWithoutItsRights)
+{
+    const std::string role = database + "_poor";
+    sql("CREATE ROLE " + role + " LOGIN");
+    const words by_role = {"--conninfo", conninfo(role), "--create=minimal"};
+    EXPECT_THAT(refused(by_role, "replication role"), HasSubstr("ALTER ROLE ... REPLICATION"));
+    sql("ALTER ROLE " + role + " REPLICATION");
+    EXPECT_THAT(refused(by_role, "permission denied for database"),
+                HasSubstr("let a superuser run the command with --create once"));
+    sql("GRANT CREATE ON DATABASE " + database + " TO " + role);
+    refused(by_role, "permission denied for schema load; give the role the right");
+    sql("GRANT USAGE ON SCHEMA load TO " + role);
+    refused(by_role, "must be owner of");
+    sql("ALTER SCHEMA load OWNER TO " + role + "; ALTER TABLE load.ledger OWNER TO " + role);
+    expect_runs(by_role);
+    sql("REASSIGN OWNED BY " + role + " TO postgres; DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeRemedyTest, WalLevel)
+{
+    pg_server own({"wal_level = replica"});
+    pg_client(own.conninfo()).run(ledger_sql);
+    refused({"--create", "--conninfo", own.conninfo()}, "set wal_level = logical");
+    pg_client(own.conninfo()).run("ALTER SYSTEM SET wal_level = logical");
+    own.stop();
+    own.start();
+    expect_runs_on(own, {"--create"});
+}
+
+TEST_F(BridgeRemedyTest, AllSlotsInUse)
+{
+    pg_server own({"max_replication_slots = 1"});
+    pg_client(own.conninfo()).run(ledger_sql);
+    pg_client(own.conninfo()).run("SELECT pg_create_physical_replication_slot('old')");
+    const words create = {"--create", "--conninfo", own.conninfo()};
+    EXPECT_THAT(refused(create, "all replication slots are in use"),
+                HasSubstr("raise max_replication_slots in postgresql.conf, or drop a slot"));
+    pg_client(own.conninfo()).run("ALTER SYSTEM SET max_replication_slots = 2");
+    own.stop();
+    own.start();
+    expect_runs_on(own, {"--create"});
+    // The other one.
+    pg_client(own.conninfo()).run("SELECT pg_drop_replication_slot('" + database + "')");
+    pg_client(own.conninfo()).run("SELECT pg_create_physical_replication_slot('older')");
+    std::filesystem::remove_all(dir.file("log"));
+    refused(create, "all replication slots are in use");
+    pg_client(own.conninfo()).run("SELECT pg_drop_replication_slot('older')");
+    expect_runs_on(own, {"--create"});
+}
+
+// More of the log is kept for the next time.
+TEST_F(BridgeRemedyTest, SlotThatTheServerHasGivenUp)
+{
+    const pg_server own({"max_slot_wal_keep_size = 1MB", "min_wal_size = 32MB",
+                         "max_wal_size = 32MB", "wal_keep_size = 0"});
+    pg_client client(own.conninfo());
+    client.run(ledger_sql);
+    const auto fill = [&] {
+        for (int i = 0; i < 5; i++)
+            client.run("SELECT pg_switch_wal(); CREATE TABLE filling AS SELECT 1 AS a;"
+                       "DROP TABLE filling");
+        client.run("CHECKPOINT");
+    };
+    const words create = {"--create", "--snapshot", "--conninfo", own.conninfo()};
+    expect_runs_on(own, {"--create", "--snapshot"});
+    fill();
+    const std::string drop =
+        found_in(refused(create, "the server has removed what the slot needs"),
+                 "drop the slot \\((SELECT pg_drop_replication_slot\\('[^']*'\\))\\)");
+    client.run(drop);
+    client.run("ALTER SYSTEM SET max_slot_wal_keep_size = '1GB'");
+    client.run("SELECT pg_reload_conf()");
+    std::filesystem::remove_all(dir.file("log"));
+    expect_runs_on(own, {"--create", "--snapshot"});
+    fill();
+    expect_runs_on(own, {"--create", "--snapshot"});
+}
+
+TEST_F(BridgeRemedyTest, SessionThatHoldsUpIsEnded)
+{
+    pg_client open_transaction = connect();
+    open_transaction.run("BEGIN; INSERT INTO load.ledger VALUES (900, 0, 1, 'open', NULL)");
+    start_bridge({"--create", "--timeout", "1"});
+    ASSERT_TRUE(bridge_says(" waits until others have ended their transactions: process "));
+    const std::string process = found_in(bridge.err(), "transactions: process ([0-9]+)");
+    sql("SELECT pg_terminate_backend(" + process + ")");
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    insert(1);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
+}
+
+TEST_F(BridgeRemedyTest, PreparedTransactionThatHoldsUpIsEnded)
+{
+    const pg_server own({"max_prepared_transactions = 4"});
+    pg_client client(own.conninfo());
+    client.run(ledger_sql);
+    for (const char *end : {"COMMIT PREPARED", "ROLLBACK PREPARED"}) {
+        client.run("BEGIN; CREATE TABLE load.later (id integer); PREPARE TRANSACTION 'kept'");
+        start_bridge({"--create", "--timeout", "1", "--conninfo", own.conninfo()});
+        EXPECT_TRUE(bridge_says(
+            " waits until others have ended their transactions: a prepared transaction"))
+            << bridge.err();
+        client.run(std::string(end) + " 'kept'");
+        EXPECT_TRUE(poll_until([&] { return status_member("state") == "streaming"; }))
+            << bridge.err();
+        client.run("INSERT INTO load.ledger VALUES (" + std::to_string(next) +
+                   ", 0, 1, 'row', NULL)");
+        ASSERT_NO_FATAL_FAILURE(wait_for_row(next++));
+        EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+        client.run("DROP TABLE IF EXISTS load.later");
+        client.run("SELECT pg_drop_replication_slot('" + database + "')");
+        std::filesystem::remove_all(dir.file("log"));
+    }
+}
+
+TEST_F(BridgeRemedyTest, PublicationAndSlotThatAreNotThere)
+{
+    refused({}, "publication \"" + database + "\" is not there");
+    sql("CREATE PUBLICATION other FOR ALL TABLES");
+    refused({"--publication", "other"}, "slot \"" + database + "\" is not there");
+    expect_runs({"--publication", "other", "--create"});
+    // The right name, then both made.
+    expect_runs({"--publication", "other"});
+    refused({}, "publication \"" + database + "\" is not there");
+    expect_runs({"--create"});
+}
+
+TEST_F(BridgeRemedyTest, LogOfAnotherDatabaseOrSlot)
+{
+    expect_runs({"--create"});
+    const words elsewhere = {"--conninfo",    server->conninfo(), "--slot",  "elsewhere",
+                             "--publication", "elsewhere",        "--create"};
+    refused(elsewhere, "the log belongs to database \"" + database + "\"");
+    refused({"--slot", "second", "--create"}, "the log follows slot \"" + database + "\"");
+    // Another log directory for each.
+    std::filesystem::create_directory(dir.file("other"));
+    write_file(dir.file("other/fwutil.cfg"), read_file(dir.file("fwutil.cfg")));
+    words other = elsewhere;
+    other.insert(other.end(), {"-cfg", "other/fwutil.cfg"});
+    EXPECT_EQ(catch_up(other).status, 0);
+    pg_client(server->conninfo()).run("DROP PUBLICATION elsewhere");
+    std::filesystem::remove_all(dir.file("other/log"));
+    const words second = {"--slot", "second", "--create", "-cfg", "other/fwutil.cfg"};
+    EXPECT_EQ(catch_up(second).status, 0);
+    insert(500);
+    const run_result result = catch_up(second);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(
+        run_program({KESTRO_BUILD_DIR "/bin/fwlog", "dump", "-cfg", "other/fwutil.cfg"}, options)
+            .out.find("after ID=500 "),
+        std::string::npos);
+    expect_runs({});
+}
+
+TEST_F(BridgeRemedyTest, OldRowsThatTheServerDoesNotSend)
+{
+    sql("CREATE TABLE load.keyed (id integer PRIMARY KEY, note varchar(9))");
+    const std::string told =
+        refused({"--create"}, "the server does not send the old rows of these tables");
+    // The line of the configuration.
+    configure(std::string("skip-table load.keyed\n") + ledger_cfg);
+    expect_runs({"--create"});
+    // The commands.
+    pg_client(server->conninfo()).run("SELECT pg_drop_replication_slot('" + database + "')");
+    std::filesystem::remove_all(dir.file("log"));
+    configure(ledger_cfg);
+    sql(found_in(told, "\n  (ALTER TABLE [^\n]*;)\n"));
+    expect_runs({"--create"});
+    sql("INSERT INTO load.keyed VALUES (1, 'one'); UPDATE load.keyed SET note = 'two'");
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("NOTE=\"two\""));
+}
+
+TEST_F(BridgeRemedyTest, UpdatesThatTheServerRefuses)
+{
+    configure();
+    sql("CREATE TABLE load.bare (id integer, note varchar(9)); INSERT INTO load.bare VALUES (1);"
+        "CREATE PUBLICATION " +
+        database + " FOR ALL TABLES");
+    const run_result made = catch_up({"--create"});
+    EXPECT_EQ(made.status, 0) << made.err;
+    EXPECT_THROW(sql("UPDATE load.bare SET note = 'new'"), pg_error);
+    EXPECT_THAT(made.err, HasSubstr("the server refuses updates and deletes of these tables"));
+    sql(found_in(made.err, "\n  (ALTER TABLE load.bare REPLICA IDENTITY FULL;)\n"));
+    sql("UPDATE load.bare SET note = 'new'");
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("NOTE=\"new\""));
+    expect_runs({});
+}
