@@ -40,11 +40,12 @@ static std::string tables_query()
            " AND CASE l.relreplident WHEN 'd' THEN p.indisprimary"
            " WHEN 'i' THEN p.indisreplident ELSE true END)))"
            " ORDER BY i.indisprimary DESC, i.indexrelid LIMIT 1),"
-           " s.estimate, s.size FROM t CROSS JOIN LATERAL (SELECT CASE WHEN sum(c.relpages) = 0"
-           " THEN -1 ELSE sum(greatest(c.reltuples, 0)) END::bigint AS estimate,"
-           " sum(pg_table_size(c.oid))::bigint AS size FROM (SELECT t.oid AS id UNION"
-           " SELECT m.relid FROM pg_partition_tree(t.oid) m WHERE t.relkind = 'p') l"
-           " JOIN pg_class c ON c.oid = l.id) s ORDER BY t.place";
+           " coalesce(s.estimate, 0), coalesce(s.size, 0) FROM t CROSS JOIN LATERAL"
+           " (SELECT CASE WHEN sum(c.relpages) = 0 THEN -1 ELSE sum(greatest(c.reltuples, 0))"
+           " END::bigint AS estimate, sum(pg_table_size(c.oid))::bigint AS size"
+           " FROM (SELECT t.oid AS id UNION SELECT m.relid FROM pg_partition_tree(t.oid) m"
+           " WHERE t.relkind = 'p') l JOIN pg_class c ON c.oid = l.id AND c.relkind <> 'p') s"
+           " ORDER BY t.place";
 }
 
 // Columns of tables "t": which identify old rows, as the stream says it, and of those of the key
