@@ -76,7 +76,8 @@ struct pgp_limits {
 // pass by itself go to later (it may be told): tables that are not in piece.parts are to be wanted
 // again, shortly after if there are no parts at all.  passed are transactions that the piece has
 // to have, and whose changes of these tables have been passed over or logged.
-// Fails by OUTCOME_STOPPED, and OUTCOME_FAILED.
+// Fails by OUTCOME_STOPPED, by OUTCOME_LOST when all connections have to be made anew, since the
+// server is to convert no texts any more, and by OUTCOME_FAILED.
 outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_want> &wants,
                  const std::vector<uint32_t> &passed, std::string &later,
                  const pgp_limits &limits = {});
@@ -92,8 +93,8 @@ enum pgp_came {
     PGP_BROKEN,  // what came does not count: the part is refused or gone now, else later says why
 };
 
-// The next row of a direct piece, waited for wait_ms at most; valid until the next call.
-// Fails by OUTCOME_STOPPED, and OUTCOME_FAILED.
+// The next row of a direct piece, waited for wait_ms at most; valid until the next call.  Fails
+// like pgp_read.
 outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
                        int wait_ms, std::string &later);
 

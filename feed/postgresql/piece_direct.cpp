@@ -49,7 +49,7 @@ static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_se
                         pgs_refusal &refusal, int wait_ms)
 {
     pgs_copied copied = PGS_COPY_ROW;
-    std::string_view line;
+    std::span<char> line;
     outcome done;
     came = PGP_NOT_YET;
     if (!piece.copying) {
@@ -64,7 +64,7 @@ static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_se
     if (copied == PGS_COPY_ROW) {
         came = PGP_ROW;
         find_part(piece)->rows++;
-        pgp_split(row, server.row.get(), line.size());
+        pgp_split(row, line.data(), line.size());
         return {};
     }
     if (!refusal.state.empty())
@@ -81,7 +81,10 @@ outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_ser
     pgs_refusal refusal;
     if (!piece.sent)
         piece.heard_ms = fwu_monotonic_ms();
+    const bool converts = server.texts == nullptr;
     outcome done = take_row(came, row, piece, server, refusal, wait_ms);
+    if (converts != (server.texts == nullptr))
+        return done;
     const bool lost = done.kind() == OUTCOME_LOST;
     if (!lost && refusal.state.empty())
         return done;

@@ -212,11 +212,11 @@ static outcome copy(pgp_reading &r, const std::string &command, std::string &lin
     if (done)
         done = pgs_copy_begins(copied, r.server, read.refusal);
     while (done && copied == PGS_COPY_ROW) {
-        std::string_view row;
+        std::span<char> row;
         done = pgs_copy_row(copied, row, r.server, read.refusal);
         if (!done || copied != PGS_COPY_ROW)
             break;
-        lines += row;
+        lines.append(row.data(), row.size());
         read.rows++;
         read.cut = lines.size() - before > TOO_LONG * r.limits.bytes;
         if (read.cut)
@@ -506,7 +506,10 @@ outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_wan
                      .limits = limits,
                      .ways = std::vector<pgp_way>(wants.size(), BY_KEY),
                      .settled = {}};
+    const bool converts = server.texts == nullptr;
     outcome done = read_piece(r);
+    if (done.kind() == OUTCOME_LOST && converts != (server.texts == nullptr))
+        return done;
     if (done.kind() == OUTCOME_LOST) {
         later = done.text();
         piece = {};

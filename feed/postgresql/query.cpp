@@ -368,9 +368,11 @@ static outcome receive_some(pgs_server &server, wait_state &wait, int wait_ms, b
 
 outcome pgs_copy_send(pgs_server &server, const std::string &command)
 {
-    return PQsendQuery(server.sql.get(), command.c_str()) == 1
-               ? outcome()
-               : pgs_failed(server, server.sql.get(), nullptr, "COPY");
+    std::string text;
+    outcome done = pge_query(text, server, command);
+    if (done && PQsendQuery(server.sql.get(), text.c_str()) != 1)
+        done = pgs_failed(server, server.sql.get(), nullptr, "COPY");
+    return done;
 }
 
 outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &refusal, int wait_ms)
@@ -391,7 +393,7 @@ outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &ref
     return done;
 }
 
-outcome pgs_copy_row(pgs_copied &copied, std::string_view &row, pgs_server &server,
+outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &server,
                      pgs_refusal &refusal, int wait_ms)
 {
     PGconn *const connection = server.sql.get();
@@ -413,10 +415,15 @@ outcome pgs_copy_row(pgs_copied &copied, std::string_view &row, pgs_server &serv
             return done;
     }
     copied = length > 0 ? PGS_COPY_ROW : PGS_COPY_END;
-    if (length > 0)
-        return {};
-    pgs_result result;
     outcome done;
+    if (length > 0 && server.texts != nullptr) {
+        server.row_text.clear();
+        done = pge_from_server(server.row_text, server, {row.data(), row.size()});
+        row = server.row_text;
+    }
+    if (length > 0)
+        return done;
+    pgs_result result;
     if (length == -1)
         done = finish(server, connection, true, result, "COPY", &refusal);
     const bool whole = PQresultStatus(result.get()) == PGRES_COMMAND_OK || !refusal.state.empty();

@@ -6,6 +6,7 @@
 
 #include "feed/postgresql/server.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,11 +46,11 @@ enum pgs_copied {
 // Sends the command.
 outcome pgs_copy_send(pgs_server &server, const std::string &command);
 
-// Its answer, and each of its rows, valid until the next call, waited for wait_ms at most
-// (negative: as long as for any answer).
+// Its answer, and each of its rows, valid until the next call and free to be changed, waited for
+// wait_ms at most (negative: as long as for any answer).
 outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &refusal,
                         int wait_ms = -1);
-outcome pgs_copy_row(pgs_copied &copied, std::string_view &row, pgs_server &server,
+outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &server,
                      pgs_refusal &refusal, int wait_ms = -1);
 
 // The sessions of the processes that a query gives (0: a prepared transaction), asked for over a

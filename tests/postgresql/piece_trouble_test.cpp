@@ -407,12 +407,37 @@ TEST_F(PieceTroubleTest, WhatIsGivenUpLeavesNoTransaction)
 }
 
 // Text that the server cannot make UTF-8.
-TEST_F(PieceTroubleTest, ATextThatCannotBeSentIsRefused)
+TEST_F(PieceTroubleTest, ATextThatTheServerCannotConvertComesInConnectionsMadeAnew)
 {
     use("piece_" + std::to_string(++databases), "TEMPLATE template0 ENCODING 'EUC_JP' LOCALE 'C'");
     sql("CREATE TABLE a (id int PRIMARY KEY, v text); CREATE TABLE b (id int PRIMARY KEY);"
         "INSERT INTO a VALUES (1, 'good'), (2, convert_from('\\xfea1', 'EUC_JP'))");
-    const pgp_piece piece = read({want("a"), want("b")});
-    EXPECT_EQ(names(piece), (name_set{"refused a", "b"}));
-    EXPECT_THAT(piece.parts.back().refused, HasSubstr("has no equivalent in encoding \"UTF8\""));
+    pgp_piece piece;
+    const outcome done = pgp_read(piece, from, {want("a"), want("b")}, {}, later);
+    EXPECT_EQ(done.kind(), OUTCOME_LOST);
+    EXPECT_THAT(done.text(), HasSubstr("has no equivalent in encoding \"UTF8\""));
+    pgs_disconnect(from);
+    piece = read({want("a"), want("b")});
+    EXPECT_EQ(names(piece), (name_set{"a", "b"}));
+    const piece_rows rows = {{"1", "good"}, {"2", "\xED\xB3\xBE\xED\xB2\xA1"}};
+    EXPECT_EQ(rows_of(part(piece)), rows);
+    // Directly, too.
+    sql("DROP TABLE a; CREATE TABLE a (v text); INSERT INTO a SELECT convert_from('\\xfea1',"
+        " 'EUC_JP') FROM generate_series(1, 300)");
+    from.texts = nullptr;
+    pgs_disconnect(from);
+    piece = read({want("a")}, {.bytes = 8000});
+    ASSERT_TRUE(piece.direct);
+    pgo_tuple row;
+    pgp_came came = PGP_NOT_YET;
+    outcome direct;
+    while (direct && came == PGP_NOT_YET)
+        direct = pgp_direct_row(came, row, piece, from, 100, later);
+    EXPECT_EQ(direct.kind(), OUTCOME_LOST);
+    pgs_disconnect(from);
+    piece = read({want("a")}, {.bytes = 8000});
+    ASSERT_TRUE(piece.direct);
+    piece_rows marked;
+    EXPECT_EQ(read_direct(piece, marked), PGP_LAST);
+    EXPECT_EQ(marked, piece_rows(300, {"\xED\xB3\xBE\xED\xB2\xA1"}));
 }
