@@ -12,7 +12,7 @@
 
 static int order_of(std::strong_ordering ordering)
 {
-    return ordering < 0 ? -1 : ordering > 0 ? 1 : 0;
+    return std::is_lt(ordering) ? -1 : std::is_gt(ordering) ? 1 : 0;
 }
 
 static bool is_digit(char c)
@@ -47,12 +47,11 @@ struct decimal_form {
     {
         if (rank != other.rank || rank == 0)
             return rank <=> other.rank;
-        std::strong_ordering size = whole.size() <=> other.whole.size();
-        if (size == 0)
-            size = whole <=> other.whole;
-        if (size == 0)
-            size = fraction <=> other.fraction;
-        return rank > 0 ? size : 0 <=> size;
+        const decimal_form &a = rank > 0 ? *this : other; // below zero, the longer one is less
+        const decimal_form &b = rank > 0 ? other : *this;
+        if (a.whole.size() != b.whole.size())
+            return a.whole.size() <=> b.whole.size();
+        return a.whole != b.whole ? a.whole <=> b.whole : a.fraction <=> b.fraction;
     }
 };
 

@@ -250,6 +250,7 @@ std::string pgp_command(const pgp_table &table, pgs_server &server,
         columns.push_back(pgs_name(table.relation.columns[column].name));
         order += comma(order) + columns.back();
     }
+    values.reserve(behind.size());
     for (const std::string &value : behind)
         values.push_back(pgp_literal(server, value));
     std::string command = "COPY (" + table.rows;
