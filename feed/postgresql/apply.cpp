@@ -3,6 +3,7 @@
 #include "feed/postgresql/apply.h"
 
 #include "feed/postgresql/change.h"
+#include "feed/postgresql/gap.h"
 #include "feed/postgresql/old_row.h"
 #include "feed/postgresql/standing.h"
 #include "fwutil/fwu_start.h"
@@ -11,14 +12,17 @@
 
 constexpr size_t SESSION_LENGTH_MAX = 64 * 1024;
 
-outcome pgb_diverged(const fwu_commit &last)
+outcome pgb_diverged(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
+    const fwu_commit &last = fwu_writer_last_commit(tx.writer);
+    const std::string text = "the server does not have transaction " + std::to_string(last.xid) +
+                             " of " + fwu_lsn_text(last.lsn) + ", the last one in the log";
+    if (apply.accepts_gap)
+        return pgb_log_gaps(tx, relations, {}, text);
     return outcome_failed(
-        "the server does not have transaction %" PRIu64
-        " of %s, the last one in the log: it was set back to an older state, or the "
-        "publication has lost a table; begin a new log directory with --create --snapshot, or "
-        "go on as it is with --accept-gap",
-        last.xid, fwu_lsn_text(last.lsn).c_str());
+        "%s: it was set back to an older state, or the publication has lost a table; begin a new "
+        "log directory with --create --snapshot, or go on as it is with --accept-gap",
+        text.c_str());
 }
 
 static outcome take_begin(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
@@ -29,9 +33,10 @@ static outcome take_begin(pgb_apply &apply, feed_transaction &tx, pgb_relations 
     commit.xid = apply.message.xid;
     if (apply.expects_last) {
         const fwu_commit &last = fwu_writer_last_commit(tx.writer);
-        if (commit.lsn != last.lsn || commit.xid != last.xid || commit.time_us != last.time_us)
-            return pgb_diverged(last);
         apply.expects_last = false;
+        if (commit.lsn != last.lsn || commit.xid != last.xid || commit.time_us != last.time_us)
+            if (outcome done = pgb_diverged(apply, tx, relations); !done)
+                return done;
     }
     outcome skipped = pgb_skip_begin(apply.skip, tx, relations, commit);
     if (skipped)

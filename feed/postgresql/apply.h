@@ -15,6 +15,7 @@
 // What is kept from message to message, and from one connection to the next.
 struct pgb_apply {
     bool expects_last = false; // the server has to send the log's last transaction first
+    bool accepts_gap = false;  // ... or else the log gets a gap mark
     bool session_told = false; // that a session message is too long
     uint64_t end = 0;          // behind the last whole transaction
     int64_t commit_us = 0;     // commit time of the transaction logged last, 0 for none
@@ -27,7 +28,7 @@ struct pgb_apply {
 outcome pgb_apply_message(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
                           std::string_view bytes);
 
-// Tells that the server lacks the last transaction of the log; OUTCOME_FAILED.
-outcome pgb_diverged(const fwu_commit &last);
+// The server lacks the last transaction of the log: OUTCOME_FAILED, told, unless that is accepted.
+outcome pgb_diverged(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations);
 
 #endif

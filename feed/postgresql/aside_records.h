@@ -40,6 +40,7 @@ struct pga_table {
     std::string table = {};
     std::vector<pga_record> records = {}; // oldest first, one for a position
     uint64_t missed = 0;                  // changes passed over since the start
+    int64_t estimate = -1;                // rows, as the server guesses; -1: not known
 };
 
 // What an OID stands for from a position on.

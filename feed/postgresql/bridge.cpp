@@ -8,6 +8,7 @@
 #include "feed/postgresql/check.h"
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/follow.h"
+#include "feed/postgresql/gap.h"
 #include "feed/postgresql/prepare.h"
 #include "feed/postgresql/request.h"
 #include "feed/postgresql/resume.h"
@@ -40,6 +41,9 @@ struct bridge {
 static outcome prepare(bridge &b)
 {
     pgb_found found;
+    found.log_gap = [&b](const std::string &why) {
+        return pgb_log_gaps(b.tx, b.relations, {}, why);
+    };
     outcome done = pgb_prepare(found, b.server, b.state, b.config, b.options,
                                fwu_writer_last_commit(b.tx.writer));
     if (b.stop_at == 0)
@@ -131,18 +135,22 @@ static outcome run(bridge &b)
 }
 
 // A repair may have cut off what the server was told, and will not send again.
-static outcome accept_loss(const bridge &b)
+static outcome accept_loss(bridge &b)
 {
     uint64_t told = 0;
     if (!fwu_writer_lost(b.tx.writer, &told))
         return {};
-    if (b.options.accept_gap)
-        return fwu_writer_accept_loss(b.tx.writer) == 0 ? OUTCOME_OK : OUTCOME_FAILED;
+    const std::string text = "the log was cut back to " +
+                             fwu_lsn_text(fwu_writer_last_lsn(b.tx.writer)) +
+                             " and lacks what the server was told up to " + fwu_lsn_text(told);
+    if (b.options.accept_gap) {
+        outcome done = pgb_log_gaps(b.tx, b.relations, {}, text);
+        return done && fwu_writer_accept_loss(b.tx.writer) != 0 ? OUTCOME_FAILED : std::move(done);
+    }
     return outcome_failed(
-        "the log was cut back to %s and lacks what the server was told up to %s, which "
-        "it will not send again: begin a new log directory with --create --snapshot, or go on "
-        "as it is with --accept-gap",
-        fwu_lsn_text(fwu_writer_last_lsn(b.tx.writer)).c_str(), fwu_lsn_text(told).c_str());
+        "%s, which it will not send again: begin a new log directory with --create --snapshot, or "
+        "go on as it is with --accept-gap",
+        text.c_str());
 }
 
 // What the user and the configuration say.
@@ -164,7 +172,9 @@ static outcome set_up(bridge &b)
     };
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
     b.apply.watch.config = &b.config;
+    b.apply.accepts_gap = options.accept_gap;
     b.apply.skip = {.lsn = options.skip_lsn, .tables = options.skip_tables};
+    b.state.relations = &b.relations;
     b.state.slot = options.slot;
     b.state.publication = options.publication;
     b.state.kept.path = b.config.log_directory + "/source";
@@ -239,6 +249,8 @@ outcome pgb_run(const pgb_options &options)
     if (fwu_writer_open(&b.tx.writer, b.config) != 0)
         return fail_to_open(b);
     outcome done = take_over(b);
+    if (done)
+        pgb_state_tell_aside(b.state);
     if (done)
         done = pgb_state_write(b.state); // before the server is asked, which may take long
     if (done)

@@ -6,6 +6,7 @@
 
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/encoding.h"
+#include "feed/postgresql/gap.h"
 #include "feed/postgresql/query.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
@@ -189,8 +190,11 @@ static outcome take_copy_data(follow &f, std::string_view bytes)
     if (bytes.size() == KEEPALIVE_SIZE && bytes[0] == 'k') {
         const uint64_t end = big_endian(bytes.data() + 1);
         state.server_lsn = std::max(state.server_lsn, end);
-        if (f.apply.expects_last && end > fwu_writer_last_lsn(f.tx.writer))
-            return pgb_diverged(fwu_writer_last_commit(f.tx.writer));
+        if (f.apply.expects_last && end > fwu_writer_last_lsn(f.tx.writer)) {
+            f.apply.expects_last = false;
+            if (outcome done = pgb_diverged(f.apply, f.tx, f.relations); !done)
+                return done;
+        }
         // All that was committed before it has been sent.
         if (!f.tx.open) {
             f.apply.end = std::max(f.apply.end, end);
@@ -393,6 +397,8 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
                 .settings = settings,
                 .connection = server.replication.get()};
     outcome done = pgb_get_facts(server, relations);
+    if (done)
+        done = pgb_take_stock(tx, relations, state.server_lsn);
     if (done)
         done = start(f);
     if (!done)

@@ -26,11 +26,18 @@ struct checks {
     const fwu_config &config;
     const pgb_options &options;
     const fwu_commit &last; // of the log
+    std::string &gap;       // what --accept-gap has allowed; empty: nothing was wrong
 };
 
 static outcome refuse(const std::string &text)
 {
     return outcome_failed("%s", text.c_str());
+}
+
+// Notes what is missing, and allowed to be.
+static void accept_gap(const checks &on, const std::string &text)
+{
+    on.gap += (on.gap.empty() ? "" : "; ") + text;
 }
 
 // A server that was set back, or a standby that took over, begins a new timeline; the
@@ -42,17 +49,19 @@ static outcome check_timeline(const checks &on, uint32_t timeline)
     const std::string now = std::to_string(timeline);
     const uint64_t last = on.last.lsn;
     const uint32_t before = last == 0 ? 0 : kept.timeline;
-    if (before == 0 || before == timeline || on.options.accept_gap) {
+    if (before == 0 || before == timeline) {
         kept.timeline = timeline;
         return {};
     }
     pgs_result result;
-    if (outcome asked =
-            pgs_command(server, server.replication.get(), result, "TIMELINE_HISTORY " + now);
-        !asked)
+    outcome asked; // the first one has no history, and an older one not this timeline
+    if (timeline > before)
+        asked = pgs_command(server, server.replication.get(), result, "TIMELINE_HISTORY " + now);
+    if (!asked)
         return asked;
     // Lines "timeline, a tab, where it was left, a tab, why".
-    std::istringstream history{std::string(pgs_value(result, 0, 1))};
+    std::istringstream history{
+        std::string(result == nullptr ? std::string_view() : pgs_value(result, 0, 1))};
     for (std::string line; std::getline(history, line);) {
         const size_t tab = line.find('\t');
         uint32_t past = 0;
@@ -67,10 +76,16 @@ static outcome check_timeline(const checks &on, uint32_t timeline)
         kept.timeline = timeline;
         return {};
     }
-    return refuse("the server's timeline " + now + " has left timeline " + std::to_string(before) +
-                  " before the log's end, " + fwu_lsn_text(last) +
-                  ": it lacks transactions that the log has; begin a new log directory with "
-                  "--create --snapshot, or go on as it is with --accept-gap");
+    const std::string text = "the server's timeline " + now + " has left timeline " +
+                             std::to_string(before) + " before the log's end, " +
+                             fwu_lsn_text(last);
+    if (on.options.accept_gap) {
+        accept_gap(on, text);
+        kept.timeline = timeline;
+        return {};
+    }
+    return refuse(text + ": it lacks transactions that the log has; begin a new log directory with "
+                         "--create --snapshot, or go on as it is with --accept-gap");
 }
 
 static outcome check_system(const checks &on, pgb_found &found)
@@ -258,6 +273,8 @@ static outcome slot_is_missing(const checks &on, pgb_found &found)
                       "with --create --snapshot, or go on as it is with --create --accept-gap");
     if (!on.options.create)
         return refuse(slot + "; make it with --create, or name another with --slot");
+    if (!begins)
+        accept_gap(on, slot);
     return create_slot(on, found);
 }
 
@@ -276,10 +293,13 @@ static outcome check_position(const checks &on, pgb_found &found, uint64_t confi
                       " tells: somebody else has used the slot or made it anew, and what was "
                       "changed between is missing; begin a new log directory with --create "
                       "--snapshot, or go on as it is with --accept-gap");
+    if (confirmed > known)
+        accept_gap(on, "slot \"" + on.server.slot + "\" stands at " + fwu_lsn_text(confirmed) +
+                           ", the log goes up to " + fwu_lsn_text(known) + " only");
     kept.told_lsn = std::max(known, confirmed);
     kept.slot = on.server.slot;
     // What is sent first must then be the last transaction that the log has.
-    found.expects_last = confirmed <= last.lsn && last.xid != 0 && !on.options.accept_gap;
+    found.expects_last = confirmed <= last.lsn && last.xid != 0;
     return {};
 }
 
@@ -403,12 +423,14 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
                     const fwu_config &config, const pgb_options &options, const fwu_commit &last)
 {
     pgb_kept kept = state.kept;
+    std::string gap;
     const checks on = {.server = server,
                        .state = state,
                        .kept = kept,
                        .config = config,
                        .options = options,
-                       .last = last};
+                       .last = last,
+                       .gap = gap};
     outcome done = check_role(server);
     if (done)
         done = check_system(on, found);
@@ -416,6 +438,10 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
         done = check_publication(on);
     if (done)
         done = check_slot_and_leave(on, found);
+    if (done && !gap.empty()) {
+        found.expects_last = false; // the log ends with something else
+        done = found.log_gap(gap);
+    }
     if (done)
         done = pgb_kept_write(kept, true);
     if (done)

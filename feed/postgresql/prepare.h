@@ -10,13 +10,17 @@
 #include "fwutil/fwu_entry.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 struct pgb_found {
     uint64_t server_end = 0;   // of the server's log when it was asked; 0: it was not
     bool expects_last = false; // the server has to send the log's last transaction first
-    std::string snapshot;      // begin with it, before the server is asked for anything else
-    uint64_t begin = 0;        // with a snapshot: where the stream begins
+    // Told, before what was found is kept, that changes are missing from here on, as --accept-gap
+    // allows.
+    std::function<outcome(const std::string &why)> log_gap = {};
+    std::string snapshot; // begin with it, before the server is asked for anything else
+    uint64_t begin = 0;   // with a snapshot: where the stream begins
 };
 
 // Checks the server and what is to be followed, and makes slot and publication where that

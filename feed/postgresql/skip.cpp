@@ -2,9 +2,9 @@
 // for what commits later, and the option has nothing more to do.
 #include "feed/postgresql/skip.h"
 
+#include "feed/postgresql/gap.h"
 #include "feed/postgresql/standing.h"
 #include "fwutil/fwu_clock.h"
-#include "fwutil/fwu_source_name.h"
 #include "fwutil/fwu_start.h"
 
 #include <cinttypes>
@@ -44,16 +44,7 @@ static outcome log_gap(pgb_skip &skip, feed_transaction &tx, pgb_relations &rela
 {
     skip.met = true;
     feed_begin(tx, {.time_us = time_us, .xid = 0, .lsn = behind(skip)});
-    const std::string reason = what + " was skipped";
-    outcome done;
-    if (skip.tables.empty())
-        done = feed_put_mark(tx, {.kind = FWU_MARK_GAP, .reason = reason});
-    for (const std::string &name : skip.tables) {
-        std::vector<std::string> parts;
-        (void)fwu_source_name_parts(parts, name); // the command line was taken with it
-        if (done)
-            done = feed_put_mark(tx, pgb_gap_of(relations, parts.front(), parts.back(), reason));
-    }
+    outcome done = pgb_put_gaps(tx, relations, skip.tables, what + " was skipped");
     if (done)
         done = pgb_commit(tx, relations);
     if (done)

@@ -1,6 +1,7 @@
 // Who reads the file finds the old one or the new one, whole.
 #include "feed/postgresql/state.h"
 
+#include "feed/postgresql/standing.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
@@ -28,6 +29,8 @@ void pgb_state_enter(pgb_state &state, const char *phase, const std::string &err
     state.error = error;
     state.error_us = fwu_now_us();
 }
+
+constexpr size_t LINES_MAX = 20; // for tables, in what is told
 
 static const char file_begins[] = "{\"state\":";
 
@@ -90,6 +93,55 @@ double pgb_lag_seconds(const pgb_state &state)
            static_cast<double>(FWU_US_PER_S);
 }
 
+// Calls use(name, table, record) for each table of this standing.
+template <typename Use>
+static void for_each(const pgb_state &state, pga_standing standing, const Use &use)
+{
+    if (state.relations == nullptr)
+        return;
+    for (const auto &[name, table] : state.relations->aside.tables)
+        if (const pga_record &record = table.records.back(); record.standing == standing)
+            use(name, table, record);
+}
+
+static std::string time_or_null(int64_t time_us)
+{
+    return time_us == 0 ? "null" : '"' + fwu_time_word(time_us) + '"';
+}
+
+static std::string aside_text(const pgb_state &state)
+{
+    std::string out;
+    for_each(state, PGA_ASIDE,
+             [&](const std::string &name, const pga_table &table, const pga_record &record) {
+                 const feed_dataset_name dataset =
+                     pgb_dataset_of(*state.relations, table.schema, table.table);
+                 out += (out.empty() ? "[" : ",") + std::string("{\"table\":") + json_text(name) +
+                        ",\"dataset\":" +
+                        (dataset.dsetname.empty()
+                             ? "null"
+                             : json_text(dataset.dbname + "." + dataset.dsetname)) +
+                        ",\"position\":\"" + fwu_lsn_text(record.since) +
+                        "\",\"time\":" + time_or_null(record.since_us) +
+                        ",\"reason\":" + json_text(record.reason) +
+                        ",\"missed\":" + std::to_string(table.missed) + "}";
+             });
+    return out.empty() ? "[]" : out + "]";
+}
+
+static std::string taking_text(const pgb_state &state)
+{
+    std::string out;
+    for_each(state, PGA_TAKING,
+             [&](const std::string &name, const pga_table &table, const pga_record &record) {
+                 out += (out.empty() ? "[" : ",") + std::string("{\"table\":") + json_text(name) +
+                        ",\"why\":" + json_text(record.why) +
+                        ",\"rows\":" + std::to_string(record.rows) + ",\"estimate\":" +
+                        (table.estimate < 0 ? "null" : std::to_string(table.estimate)) + "}";
+             });
+    return out.empty() ? "[]" : out + "]";
+}
+
 static std::string text_of(const pgb_state &state)
 {
     std::string out = "{";
@@ -105,7 +157,7 @@ static std::string text_of(const pgb_state &state)
     char seconds[32];
     snprintf(seconds, sizeof seconds, "%.3f", pgb_lag_seconds(state));
     const auto put_time = [&put](const char *name, int64_t time_us) {
-        put(name, time_us == 0 ? "null" : '"' + fwu_time_word(time_us) + '"', false);
+        put(name, time_or_null(time_us), false);
     };
     put("state", state.phase, true);
     put("error", state.error.empty() ? "null" : json_text(state.error), false);
@@ -132,6 +184,8 @@ static std::string text_of(const pgb_state &state)
     put("left_out", std::to_string(state.marked.left_out), false);
     put("unknown", std::to_string(state.marked.unknown), false);
     put("reconnects", std::to_string(state.reconnects), false);
+    put("aside", aside_text(state), false);
+    put("taking", taking_text(state), false);
     return out + "}\n";
 }
 
@@ -149,4 +203,39 @@ void pgb_state_print(const pgb_state &state)
          state.phase, fwu_lsn_text(state.logged_lsn).c_str(),
          fwu_lsn_text(state.server_lsn).c_str(), pgb_lag_bytes(state), pgb_lag_seconds(state),
          state.transactions, state.changes);
+    size_t lines = 0;
+    for_each(state, PGA_ASIDE,
+             [&](const std::string &name, const pga_table &table, const pga_record &record) {
+                 if (lines++ < LINES_MAX)
+                     tell("table %s is set aside since %s, %" PRIu64 " changes passed over: %s",
+                          name.c_str(), fwu_lsn_text(record.since).c_str(), table.missed,
+                          record.reason.c_str());
+             });
+    for_each(state, PGA_TAKING,
+             [&](const std::string &name, const pga_table &table, const pga_record &record) {
+                 if (lines++ < LINES_MAX)
+                     tell("table %s is being taken in (%s): %" PRIu64 " rows%s", name.c_str(),
+                          record.why.c_str(), record.rows,
+                          table.estimate < 0
+                              ? ""
+                              : (" of about " + std::to_string(table.estimate)).c_str());
+             });
+    if (lines > LINES_MAX)
+        tell("... and %zu more tables, which %s has", lines - LINES_MAX, state.path.c_str());
+}
+
+void pgb_state_tell_aside(const pgb_state &state)
+{
+    std::string names;
+    size_t count = 0;
+    for_each(state, PGA_ASIDE, [&](const std::string &name, const pga_table &, const pga_record &) {
+        if (count++ < LINES_MAX)
+            names += (names.empty() ? "" : ", ") + name;
+    });
+    if (count == 0)
+        return;
+    tell("warning: %zu table%s set aside: %s%s; %s has the reasons, and fwlog postgresql --resume "
+         "takes them back in",
+         count, count == 1 ? " is" : "s are", names.c_str(), count > LINES_MAX ? ", ..." : "",
+         state.path.c_str());
 }

@@ -5,6 +5,7 @@
 
 #include "feed/image_work.h"
 #include "feed/postgresql/kept.h"
+#include "feed/postgresql/relations.h"
 #include "util/outcome.h"
 
 #include <cstdint>
@@ -31,6 +32,7 @@ struct pgb_state {
     uint64_t changes = 0;
     feed_marked marked; // items of these changes that do not hold what the source has
     uint64_t reconnects = 0;
+    const pgb_relations *relations = nullptr; // whose standings are told; null: none are
 };
 
 // Enters a phase; what was wrong before is over.
@@ -51,7 +53,11 @@ outcome pgb_state_write(const pgb_state &state);
 uint64_t pgb_lag_bytes(const pgb_state &state);
 double pgb_lag_seconds(const pgb_state &state);
 
-// Prints the state as a line on standard error.
+// Prints the state as a line on standard error, and lines for the tables that are not just
+// followed.
 void pgb_state_print(const pgb_state &state);
+
+// Tells which tables are set aside, if any are, and how they come back.
+void pgb_state_tell_aside(const pgb_state &state);
 
 #endif

@@ -181,6 +181,12 @@ TEST(PostgresqlPage, MembersAreThoseOfTheStateFile)
     const tempdir dir;
     pgb_state state;
     state.path = dir.file("state.json");
+    fwu_config config;
+    pgb_relations relations;
+    relations.tables.config = &config;
+    pga_put(relations.aside, "sales", "orders", {.standing = PGA_ASIDE});
+    pga_put(relations.aside, "sales", "lines", {.standing = PGA_TAKING});
+    state.relations = &relations;
     ASSERT_TRUE(pgb_state_write(state));
     const std::string text = read_file(state.path);
     static const std::regex member("\"([a-z_]+)\":");

@@ -2,6 +2,7 @@
 #include "feed/postgresql/state.h"
 #include "tests/support/tempdir.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -48,7 +49,87 @@ TEST(BridgeState, FileTellsPositionsAndLag)
                         "28\",\"lag_bytes\":16,"
                         "\"lag_seconds\":0.000,\"last_commit\":null,\"transactions\":3,"
                         "\"changes\":12,\"cut\":1,\"replaced\":2,\"left_out\":3,\"unknown\":4,"
-                        "\"reconnects\":1}\n");
+                        "\"reconnects\":1,\"aside\":[],\"taking\":[]}\n");
+}
+
+// A configuration that describes nothing, and three tables of which one is just followed.
+class BridgeStateOfTables : public testing::Test {
+  protected:
+    BridgeStateOfTables()
+    {
+        tell_as("prog");
+        relations.tables.config = &config;
+        relations.names.tables["sales.orders"] = {.dbname = "SALES", .dsetname = "ORDERS"};
+        state.path = dir.file("state.json");
+        state.relations = &relations;
+    }
+
+    void set_aside(const std::string &table)
+    {
+        pga_put(relations.aside, "sales", table,
+                {.standing = PGA_ASIDE,
+                 .at = 0x18,
+                 .since = 0x18,
+                 .since_us = 1'773'044'281'000'000,
+                 .reason = "no\nroom"});
+    }
+
+    std::string members() const
+    {
+        EXPECT_TRUE(pgb_state_write(state));
+        const std::string text = text_of(state.path);
+        return text.substr(text.find("\"aside\":"));
+    }
+
+    tempdir dir;
+    fwu_config config;
+    pgb_relations relations;
+    pgb_state state;
+};
+
+TEST_F(BridgeStateOfTables, ThoseSetAsideAndTakenInAreNamed)
+{
+    set_aside("orders");
+    pga_find_table(relations.aside, "sales.orders")->missed = 7;
+    pga_put(relations.aside, "sales", "lines",
+            {.standing = PGA_TAKING, .at = 0x20, .why = "resume", .rows = 3});
+    pga_put(relations.aside, "sales", "followed", {.at = 0x20});
+    EXPECT_EQ(members(), "\"aside\":[{\"table\":\"sales.orders\",\"dataset\":\"SALES.ORDERS\","
+                         "\"position\":\"0/18\",\"time\":\"2026-03-09T08:18:01.000000Z\","
+                         "\"reason\":\"no\\u000aroom\",\"missed\":7}],"
+                         "\"taking\":[{\"table\":\"sales.lines\",\"why\":\"resume\",\"rows\":3,"
+                         "\"estimate\":null}]}\n");
+    pga_find_table(relations.aside, "sales.lines")->estimate = 9;
+    testing::internal::CaptureStderr();
+    pgb_state_print(state);
+    pgb_state_tell_aside(state);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "prog: starting: logged 0/0, server 0/0, 0 bytes and 0.0 seconds behind; 0 "
+              "transactions, 0 changes\n"
+              "prog: table sales.orders is set aside since 0/18, 7 changes passed over: no\nroom\n"
+              "prog: table sales.lines is being taken in (resume): 3 rows of about 9\n"
+              "prog: warning: 1 table is set aside: sales.orders; " +
+                  state.path +
+                  " has the reasons, and fwlog postgresql --resume takes them back in\n");
+}
+
+TEST_F(BridgeStateOfTables, ManyAreNotAllTold)
+{
+    testing::internal::CaptureStderr();
+    pgb_state_tell_aside(state);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    for (int i = 0; i < 30; i++)
+        set_aside("t" + std::to_string(i));
+    const std::string text = members();
+    EXPECT_NE(text.find("\"sales.t29\",\"dataset\":null"), std::string::npos);
+    testing::internal::CaptureStderr();
+    pgb_state_print(state);
+    pgb_state_tell_aside(state);
+    const std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1 + 2 * 20 + 1 + 1); // reasons have two
+    EXPECT_NE(told.find("prog: ... and 10 more tables, which " + state.path + " has\n"),
+              std::string::npos);
+    EXPECT_NE(told.find("30 tables are set aside: sales.t0, "), std::string::npos);
 }
 
 TEST(BridgeState, WhatIsWrongStandsThereUntilItIsOver)
