@@ -96,25 +96,25 @@ static bool pass_rows(passage &p)
 outcome pge_message(std::string &out, const pgs_server &server, std::string_view bytes)
 {
     passage p = {.out = out, .server = server, .left = bytes};
-    const char kind = bytes.empty() ? '\0' : bytes[0];
-    bool good = pass(p, 1);
-    switch (good ? kind : '\0') {
+    const char kind = pass(p, 1) ? bytes[0] : '\0';
+    // Where something does not get to its end, what is left goes on as it is, like all else.
+    switch (kind) {
     case 'R':
-        good = pass_relation(p);
+        (void)pass_relation(p);
         break;
     case 'Y':
-        good = pass(p, 4) && pass_name(p) && pass_name(p);
+        (void)(pass(p, 4) && pass_name(p) && pass_name(p));
         break;
     case 'O':
-        good = pass(p, 8) && pass_name(p);
+        (void)(pass(p, 8) && pass_name(p));
         break;
     case 'M': // its content is the client's, of whatever bytes
-        good = pass(p, 1 + 8) && pass_name(p);
+        (void)(pass(p, 1 + 8) && pass_name(p));
         break;
     case 'I':
     case 'U':
     case 'D':
-        good = pass_rows(p);
+        (void)pass_rows(p);
         break;
     default:
         break;
