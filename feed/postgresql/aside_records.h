@@ -57,6 +57,7 @@ struct pga_registry {
     std::string path = {}; // of the file; empty: it is kept nowhere
     mode_t mode = 0600;
     std::map<std::string, pga_table> tables = {};       // by fwu_source_name
+    std::map<std::string, uint64_t> taken = {};         // rows of those taken in since the start
     std::set<std::string> skipped = {};                 // left out on purpose by a run before
     std::map<uint32_t, std::vector<pga_name>> ids = {}; // by OID, oldest name first
     std::map<std::string, uint32_t> holders = {};       // whose newest name it is

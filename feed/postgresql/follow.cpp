@@ -309,6 +309,7 @@ static outcome receive(follow &f, int limit_ms, bool &received)
 static int patience_ms(const follow &f)
 {
     int64_t limit = std::max<int64_t>(f.feedback_due_ms - fwu_monotonic_ms(), 0);
+    limit = std::clamp<int64_t>(f.settings.requests->look_ms - fwu_monotonic_ms(), 0, limit);
     const int settle_in = fwu_writer_settle_in(f.tx.writer);
     if (settle_in >= 0)
         limit = std::min<int64_t>(limit, settle_in);

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 static constexpr int64_t LOOK_MS = 1000;
+static constexpr int64_t LOOK_SOON_MS = 200;   // while somebody waits for an answer
 static constexpr int64_t ASK_AGAIN_MS = 5000;  // for a server that did not answer
 static constexpr time_t LEFT_S = 60;           // after which nobody is just making such a file
 static constexpr char DATA_EXCEPTION[] = "22"; // SQLSTATE: texts that its encoding does not have
@@ -304,8 +305,11 @@ static void follow(pgr_requests &requests, const pgr_request &request, pgr_table
     const pga_record *record = pga_find(aside, table.name);
     if (moment.between)
         table.reason.clear();
-    if (record != nullptr && record->standing != PGA_ASIDE)
+    const auto taken = aside.taken.find(table.name);
+    if (record != nullptr && record->standing == PGA_TAKING)
         table.rows = record->rows;
+    else if (taken != aside.taken.end())
+        table.rows = taken->second;
     if (record == nullptr ||
         (record->standing == PGA_FOLLOWED && record->at <= fwu_writer_logged_lsn(moment.writer)))
         table.state = PGR_FOLLOWED;
@@ -329,8 +333,8 @@ outcome pgr_look(pgr_requests &requests, pgb_relations &relations, const pgr_mom
     const int64_t now = fwu_monotonic_ms();
     if (now < requests.look_ms)
         return {};
-    requests.look_ms = now + LOOK_MS;
     look_at_files(requests, relations.aside);
+    requests.look_ms = now + LOOK_MS;
     if (moment.between) {
         if (outcome done = decide(requests, relations, moment.writer); !done)
             return done;
@@ -348,6 +352,8 @@ outcome pgr_look(pgr_requests &requests, pgb_relations &relations, const pgr_mom
             request.answer.done = request.answer.done && table.state >= PGR_FOLLOWED;
         }
         answer(requests, request);
+        if (!request.answer.done)
+            requests.look_ms = now + LOOK_SOON_MS;
     }
     return {};
 }
