@@ -95,20 +95,27 @@ static outcome meet(bool &passes, feed_transaction &tx, pgb_relations &relations
     return {};
 }
 
-static outcome log_change(const pgo_message &message, feed_transaction &tx,
-                          pgb_relations &relations)
+static outcome log_change(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
+                          std::string_view bytes)
 {
+    pgo_message &message = apply.message;
     pgb_relation *relation = nullptr;
+    pgb_sides sides;
     outcome done = pgb_find(relation, relations, message.relation_id, tx.work.notes);
-    if (done && relation->table->dataset != nullptr)
-        done = pgb_log_change(tx, relations, *relation, message);
+    if (done && relation->table->dataset == nullptr)
+        sides = {.old = false, .fresh = false};
+    else if (done && pgb_standing(*relation, relations) == PGA_TAKING)
+        done = pgi_sort(sides, apply.intake, tx, relations, *relation, message, bytes);
+    if (done && (sides.old || sides.fresh))
+        done = pgb_log_change(tx, relations, *relation, message, sides);
     feed_tell_notes(tx);
     return pgb_or_set_aside(std::move(done), tx, relations, *relation);
 }
 
-static outcome take_change(const pgo_message &message, feed_transaction &tx,
-                           pgb_relations &relations)
+static outcome take_change(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
+                           std::string_view bytes)
 {
+    const pgo_message &message = apply.message;
     if (!tx.open)
         return outcome_bad("a change came outside a transaction");
     pgb_note_change(relations, message.relation_id);
@@ -116,7 +123,7 @@ static outcome take_change(const pgo_message &message, feed_transaction &tx,
         return {};
     bool passes = false;
     outcome done = meet(passes, tx, relations, message.relation_id);
-    return done && !passes ? log_change(message, tx, relations) : std::move(done);
+    return done && !passes ? log_change(apply, tx, relations, bytes) : std::move(done);
 }
 
 static outcome log_truncate(feed_transaction &tx, pgb_relations &relations, uint32_t id)
@@ -124,7 +131,8 @@ static outcome log_truncate(feed_transaction &tx, pgb_relations &relations, uint
     pgb_relation *relation = nullptr;
     if (outcome found = pgb_find(relation, relations, id, tx.work.notes); !found)
         return pgb_or_set_aside(std::move(found), tx, relations, *relation);
-    if (relation->table->dataset == nullptr)
+    if (relation->table->dataset == nullptr || (pgb_standing(*relation, relations) == PGA_TAKING &&
+                                                !pgi_is_truncated(relation->aside->records.back())))
         return {};
     const pgo_relation &told = relation->told;
     return feed_put_truncate(tx, *relation->table, told.schema, told.name);
@@ -168,7 +176,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
     case 'I':
     case 'U':
     case 'D':
-        return take_change(apply.message, tx, relations);
+        return take_change(apply, tx, relations, bytes);
     case 'T':
         return take_truncate(apply.message, tx, relations);
     default:

@@ -2,6 +2,7 @@
 #ifndef FEED_POSTGRESQL_APPLY_H
 #define FEED_POSTGRESQL_APPLY_H
 
+#include "feed/postgresql/intake.h"
 #include "feed/postgresql/pgoutput.h"
 #include "feed/postgresql/relations.h"
 #include "feed/postgresql/skip.h"
@@ -22,6 +23,7 @@ struct pgb_apply {
     pgb_skip skip;             // a transaction that the user wants passed over
     pgo_message message;
     pgb_watch watch;
+    pgi_intake intake; // of tables whose rows are read meanwhile
 };
 
 // Takes the next message of the output plugin.

@@ -12,7 +12,6 @@
 #include "feed/postgresql/prepare.h"
 #include "feed/postgresql/request.h"
 #include "feed/postgresql/resume.h"
-#include "feed/postgresql/snapshot.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_start.h"
@@ -37,7 +36,6 @@ struct bridge {
     uint64_t stop_at = 0;   // --once: position that the log has to reach; 0: not known yet
 };
 
-// Checks the server, and begins with a snapshot where that is asked for and due.
 static outcome prepare(bridge &b)
 {
     pgb_found found;
@@ -51,10 +49,7 @@ static outcome prepare(bridge &b)
     if (!done)
         return done;
     b.apply.expects_last = found.expects_last;
-    if (found.snapshot.empty())
-        return done;
-    return pgb_take_snapshot(b.server, b.state, b.tx, b.relations, found.snapshot, found.begin,
-                             b.options.verbose);
+    return done;
 }
 
 static outcome follow(bridge &b)

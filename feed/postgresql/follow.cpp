@@ -23,6 +23,7 @@ constexpr int64_t FEEDBACK_MS = 1000;    // how often the server is told of the 
 constexpr int64_t FEEDBACKS = 4;         // at least so many in the time of silence allowed
 constexpr int64_t REPORT_MS = 10'000;    // how often -v tells of it
 constexpr size_t DATA_HEADER = 25;       // 'w', start, end and time before the message
+constexpr size_t BEGIN_SIZE = 21;        // 'B', commit position, time, number
 constexpr size_t KEEPALIVE_SIZE = 18;    // 'k', end, time, whether an answer is wanted
 constexpr int MESSAGES_A_LOOK = 256;     // messages between two looks at the clock
 constexpr int64_t ASK_AFTER_MS = 20'000; // of silence, whether the server is there
@@ -170,19 +171,51 @@ static outcome keep_in_touch(follow &f)
     return send_feedback(f);
 }
 
+// While the stream is not read.
+static outcome stay_in_touch(follow &f)
+{
+    if (fwu_monotonic_ms() < f.feedback_due_ms)
+        return {};
+    f.feedback_due_ms = fwu_monotonic_ms() + std::min(FEEDBACK_MS, f.server.timeout_ms / FEEDBACKS);
+    (void)pgb_state_write(f.state); // told, and tried again soon
+    return send_feedback(f);
+}
+
+// Everything before position has come: tables that are taken in may have a piece to log or to
+// read.
+static outcome pass(follow &f, uint64_t position)
+{
+    if (!pgi_busy(f.apply.intake, f.relations.aside) && f.server.sql == nullptr &&
+        f.state.kept.snapshot != "taking")
+        return {};
+    const pgi_place on = {.server = f.server,
+                          .state = f.state,
+                          .tx = f.tx,
+                          .relations = f.relations,
+                          .verbose = f.settings.verbose,
+                          .touch = [&f] { return stay_in_touch(f); }};
+    const int64_t begun_ms = fwu_monotonic_ms();
+    outcome done = pgi_pass(f.apply.intake, on, position);
+    f.heard_ms += fwu_monotonic_ms() - begun_ms; // nobody has listened
+    return done;
+}
+
 static outcome take_copy_data(follow &f, std::string_view bytes)
 {
     pgb_state &state = f.state;
     if (bytes.size() >= DATA_HEADER && bytes[0] == 'w') {
         state.server_lsn = std::max(state.server_lsn, big_endian(bytes.data() + 9));
         std::string_view message = bytes.substr(DATA_HEADER);
-        if (f.server.texts != nullptr) {
+        outcome done;
+        if (message.size() >= BEGIN_SIZE && message[0] == 'B' && !f.tx.open)
+            done = pass(f, big_endian(message.data() + 1));
+        if (done && f.server.texts != nullptr) {
             f.converted.clear();
-            if (outcome done = pge_message(f.converted, f.server, message); !done)
-                return done;
+            done = pge_message(f.converted, f.server, message);
             message = f.converted;
         }
-        outcome done = pgb_apply_message(f.apply, f.tx, f.relations, message);
+        if (done)
+            done = pgb_apply_message(f.apply, f.tx, f.relations, message);
         if (f.apply.commit_us != 0)
             state.commit_us = f.apply.commit_us;
         return done;
@@ -287,7 +320,8 @@ static outcome take_waiting(follow &f)
 static bool is_done(const follow &f)
 {
     return stop_signal_get() != 0 || (f.settings.once && f.state.logged_lsn >= f.settings.stop_at &&
-                                      !pgr_waits(*f.settings.requests));
+                                      !pgr_waits(*f.settings.requests) &&
+                                      !pgi_busy(f.apply.intake, f.relations.aside));
 }
 
 // Waits limit_ms at most for the server to send something, and receives it.
@@ -311,6 +345,9 @@ static int patience_ms(const follow &f)
     int64_t limit = std::max<int64_t>(f.feedback_due_ms - fwu_monotonic_ms(), 0);
     limit = std::clamp<int64_t>(f.settings.requests->look_ms - fwu_monotonic_ms(), 0, limit);
     const int settle_in = fwu_writer_settle_in(f.tx.writer);
+    const int read_in = pgi_due_in(f.apply.intake, f.relations.aside);
+    if (read_in >= 0)
+        limit = std::min<int64_t>(limit, read_in);
     if (settle_in >= 0)
         limit = std::min<int64_t>(limit, settle_in);
     return static_cast<int>(limit);
@@ -323,6 +360,8 @@ static outcome run(follow &f)
         bool received = false;
         if (done)
             done = keep_in_touch(f);
+        if (done && !f.tx.open && stop_signal_get() == 0)
+            done = pass(f, f.apply.end);
         // One sync for all that is on its way.
         if (done && stop_signal_get() == 0)
             done = receive(f, 0, received);
@@ -387,6 +426,21 @@ static outcome start(const follow &f)
             (PQserverVersion(f.connection) >= VERSION_WITH_MESSAGES ? ", messages 'true')" : ")"));
 }
 
+// What the tables hold is taken in beside the stream; file "aside" has all of them before anything
+// rests on that.
+static outcome begin_snapshot(const follow &f)
+{
+    pgb_kept &kept = f.state.kept;
+    const uint64_t last = fwu_writer_last_lsn(f.tx.writer);
+    if (kept.snapshot != "begun" || last != 0)
+        return {};
+    pgi_want_all(f.relations, last);
+    if (outcome done = pga_keep(f.relations.aside, last); !done)
+        return done;
+    kept.snapshot = "taking";
+    return pgb_kept_write(kept, true);
+}
+
 outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
                    pgb_relations &relations, pgb_apply &apply, const pgb_follow_settings &settings)
 {
@@ -399,6 +453,8 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
                 .connection = server.replication.get()};
     outcome done = pgb_get_facts(server, relations);
     if (done)
+        done = begin_snapshot(f);
+    if (done)
         done = pgb_take_stock(tx, relations, state.server_lsn);
     if (done)
         done = start(f);
@@ -406,6 +462,7 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
         return done;
     f.heard_ms = fwu_monotonic_ms();
     server.sql.reset(); // an idle session would keep the server from shutting down
+    pgi_open(apply.intake);
     pgb_state_enter(state, "streaming");
     apply.end = fwu_writer_last_lsn(tx.writer);
     state.received_lsn = apply.end;

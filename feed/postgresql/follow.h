@@ -12,7 +12,7 @@
 struct pgb_follow_settings {
     bool durable = true;  // the state is brought to disk before the server is told
     bool verbose = false; // tell every ten seconds how far it is
-    bool once = false;    // end when the log has reached stop_at
+    bool once = false;    // end when the log has reached stop_at, and has all tables' rows
     uint64_t stop_at = 0;
     pgr_requests *requests = nullptr; // to be looked at
 };

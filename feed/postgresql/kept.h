@@ -17,7 +17,8 @@ struct pgb_kept {
     std::string database;          // likewise
     uint32_t timeline = 0;         // of its history; 0: not known yet
     std::string slot;              // that the log follows; empty: none yet
-    std::string snapshot = "none"; // or begun: it may have been cut short; done
+    std::string snapshot = "none"; // or begun: a slot may be there; taking: file "aside" has the
+                                   // tables; done
     uint64_t told_lsn = 0;         // the furthest position that the server was told
 };
 

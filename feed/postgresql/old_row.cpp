@@ -65,9 +65,8 @@ static bool identifies(const pgo_relation &table, const std::string &name)
     });
 }
 
-// Whether a column is the same in the old row where none was sent: part of an identity that has
-// not changed.  Those who keep all send one always.
-static bool stays(const pgb_relation &relation, const pgb_relations &relations, size_t column)
+// Those who keep all send an old row always.
+bool pgb_stays(const pgb_relation &relation, const pgb_relations &relations, size_t column)
 {
     const std::string &name = relation.told.columns[column].name;
     if (relation.leaves.empty())
@@ -90,7 +89,7 @@ outcome pgb_old_row(const feed_row *&row, pgb_relation &relation, const pgb_rela
     const pgo_tuple &sent = message.old_row;
     if (sent.kind == 0) {
         const auto is_known = [&](size_t i) {
-            return message.new_row.values[i].kind != 'u' && stays(relation, relations, i);
+            return message.new_row.values[i].kind != 'u' && pgb_stays(relation, relations, i);
         };
         row = &feed_take_columns(relation.partial_old, relation.fresh, is_known);
         return {};

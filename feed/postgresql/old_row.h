@@ -20,6 +20,10 @@ void pgb_note_truncate(pgb_relations &relations, const std::vector<uint32_t> &id
 outcome pgb_old_row(const feed_row *&row, pgb_relation &relation, const pgb_relations &relations,
                     const pgo_message &message);
 
+// Whether a column is the same in the old row of an update that came without one: part of an
+// identity that has not changed.
+bool pgb_stays(const pgb_relation &relation, const pgb_relations &relations, size_t column);
+
 // Whether an old row lacks what must not be marked as not known.
 bool pgb_lacks_needed(const pgb_relation &relation, const feed_row &old);
 

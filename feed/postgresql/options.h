@@ -16,7 +16,7 @@ struct pgb_options {
     int timeout_s = 60;           // of silence after which the server is taken for gone
     bool create = false;          // make slot and publication when they are missing
     bool minimal = false;         // ... and touch no table
-    bool snapshot = false;        // begin a new slot with the tables' contents
+    bool snapshot = false;        // take in what the tables hold, as long as nothing is logged
     bool truncate = false;        // cut texts that are too long for their item
     bool accept_gap = false;      // go on where the slot is although changes are missing
     uint64_t skip_lsn = 0;        // commit of a transaction to be passed over; 0: none

@@ -207,9 +207,8 @@ static outcome check_publication(const checks &on)
     return done;
 }
 
-// Makes the slot, and exports the snapshot that it is to begin with.  What the slot begins
-// with is on disk before the slot is there.
-static outcome create_slot(const checks &on, pgb_found &found)
+// What the log is to begin with is on disk before the slot is there.
+static outcome create_slot(const checks &on)
 {
     pgs_server &server = on.server;
     pgb_state &state = on.state;
@@ -227,8 +226,7 @@ static outcome create_slot(const checks &on, pgb_found &found)
     state.kept = kept; // the slot may be there even when no answer comes
     if (done) {
         const std::string command = "CREATE_REPLICATION_SLOT " + pgs_name(server.slot) +
-                                    " LOGICAL pgoutput " +
-                                    (snapshot ? "EXPORT_SNAPSHOT" : "NOEXPORT_SNAPSHOT");
+                                    " LOGICAL pgoutput NOEXPORT_SNAPSHOT";
         pgb_tell_statement(command);
         done = pgs_command(server, server.replication.get(), result, command);
     }
@@ -253,14 +251,10 @@ static outcome create_slot(const checks &on, pgb_found &found)
                       fwu_lsn_text(state.server_lsn) + "; is it a PostgreSQL server?");
     tell("slot \"%s\" created, it begins at %s", server.slot.c_str(), fwu_lsn_text(lsn).c_str());
     kept.told_lsn = lsn;
-    if (!snapshot)
-        return {};
-    found.snapshot = pgs_value(result, 0, 2);
-    found.begin = lsn;
     return {};
 }
 
-static outcome slot_is_missing(const checks &on, pgb_found &found)
+static outcome slot_is_missing(const checks &on)
 {
     const std::string slot = "slot \"" + on.server.slot + "\" is not there";
     const pgb_options &options = on.options;
@@ -275,7 +269,7 @@ static outcome slot_is_missing(const checks &on, pgb_found &found)
         return refuse(slot + "; make it with --create, or name another with --slot");
     if (!begins)
         accept_gap(on, slot);
-    return create_slot(on, found);
+    return create_slot(on);
 }
 
 // Compares the position that the slot has with what the log and its state know.
@@ -368,7 +362,7 @@ static outcome check_slot(const checks &on, pgb_found &found)
     if (!done)
         return done;
     if (PQntuples(result.get()) == 0)
-        return slot_is_missing(on, found);
+        return slot_is_missing(on);
     const std::string slot = "slot \"" + server.slot + "\"";
     if (pgs_value(result, 0, 0) != "pgoutput" || pgs_value(result, 0, 1) != pgs_value(result, 0, 2))
         return refuse(slot + " is one of plugin \"" + std::string(pgs_value(result, 0, 0)) +
@@ -376,21 +370,8 @@ static outcome check_slot(const checks &on, pgb_found &found)
                       "\", not of pgoutput and this database; name another with --slot");
     if (outcome checked = check_slot_is_known(on); !checked)
         return checked;
-    const bool nothing_logged = on.last.lsn == 0;
-    if (nothing_logged && on.kept.snapshot == "begun") {
-        if (!on.options.create || !on.options.snapshot)
-            return refuse("the snapshot of " + slot +
-                          " was cut short; give --create and --snapshot to take it anew");
-        tell("the snapshot of %s was cut short: it is taken anew", slot.c_str());
-        done = pgs_query(server, server.sql.get(), result, "SELECT pg_drop_replication_slot($1)",
-                         {server.slot.c_str()});
-        return done ? slot_is_missing(on, found) : std::move(done);
-    }
-    if (nothing_logged && on.options.snapshot && on.kept.snapshot != "done")
-        return refuse(slot +
-                      " is there already, and a snapshot can only be taken when the slot is "
-                      "made; drop it (SELECT pg_drop_replication_slot(" +
-                      pgs_literal(server.slot) + ")), or leave --snapshot out");
+    if (on.last.lsn == 0 && on.options.snapshot && on.kept.snapshot == "none")
+        on.kept.snapshot = "begun";
     uint64_t confirmed = 0;
     const std::string_view position = pgs_value(result, 0, 3); // none: it was never used
     if (!position.empty() && !fwu_lsn_parse(confirmed, position))

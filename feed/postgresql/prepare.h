@@ -19,8 +19,6 @@ struct pgb_found {
     // Told, before what was found is kept, that changes are missing from here on, as --accept-gap
     // allows.
     std::function<outcome(const std::string &why)> log_gap = {};
-    std::string snapshot; // begin with it, before the server is asked for anything else
-    uint64_t begin = 0;   // with a snapshot: where the stream begins
 };
 
 // Checks the server and what is to be followed, and makes slot and publication where that

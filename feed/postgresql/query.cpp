@@ -312,38 +312,6 @@ outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
     return finish(server, connection, sent, result, command);
 }
 
-static outcome convert_row(pgs_server &server, std::string_view &row)
-{
-    server.row_text.clear();
-    outcome done = pge_from_server(server.row_text, server, row);
-    row = server.row_text;
-    return done;
-}
-
-outcome pgs_row(pgs_server &server, std::string_view &row)
-{
-    PGconn *const connection = server.sql.get();
-    wait_state wait;
-    for (;;) {
-        char *bytes = nullptr;
-        const int length = PQgetCopyData(connection, &bytes, 1);
-        server.row.reset(bytes);
-        row = {};
-        if (length > 0) {
-            row = {bytes, static_cast<size_t>(length)};
-            return server.texts == nullptr ? outcome() : convert_row(server, row);
-        }
-        if (length == 0) {
-            if (outcome received = receive(server, connection, wait, "COPY"); !received)
-                return received;
-            continue;
-        }
-        pgs_result result;
-        return length == -1 ? finish(server, connection, true, result, "COPY")
-                            : pgs_failed(server, connection, nullptr, "COPY");
-    }
-}
-
 // Receives something, or nothing in the time that the caller has.
 static outcome receive_some(pgs_server &server, wait_state &wait, int wait_ms, bool &came)
 {

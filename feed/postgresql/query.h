@@ -31,10 +31,6 @@ outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
                     const std::string &command);
 
-// The next row of a COPY ... TO STDOUT on the sql connection, valid until the next
-// call; empty at the end.
-outcome pgs_row(pgs_server &server, std::string_view &row);
-
 // A COPY ... TO STDOUT on the sql connection that the server may refuse, at its beginning or behind
 // any row.
 enum pgs_copied {

@@ -38,12 +38,12 @@ struct pgs_server {
     std::string publication;
     pgs_connection sql;           // for queries
     pgs_connection replication;   // for the stream
-    pgs_memory row;               // that pgs_row gave last
+    pgs_memory row;               // of a COPY, that came last
     const char *remedy = nullptr; // after OUTCOME_LOST: what to do about it, if that is known
     std::string encoding;         // of the database, as the server calls it; empty: not known yet
     std::shared_ptr<pge_texts> texts;  // what is known of its characters; null: the server converts
     mutable bool texts_failed = false; // it could not, on a connection beside these
-    std::string row_text;              // that pgs_row gave last, converted
+    std::string row_text;              // the same, converted; else not used
     bool any_bytes = false;            // the database has no encoding: texts are not always UTF-8
     bool slot_in_use = false;     // after OUTCOME_LOST: it was that another process has the slot
     int64_t timeout_ms = 60'000;  // of silence after which the server is taken for gone

@@ -16,7 +16,7 @@ constexpr char PGB_STATE_FILE[] = "postgresql.json"; // in the log directory
 
 struct pgb_state {
     std::string path;               // of the JSON file
-    const char *phase = "starting"; // snapshot streaming waiting stopped failed
+    const char *phase = "starting"; // streaming waiting stopped failed
     std::string error;              // failed: what ended it; waiting: what for; else empty
     int64_t error_us = 0;           // when that was
     std::string slot;

@@ -32,7 +32,22 @@ class BridgeSilenceTest : public LedgerTest {
 
     // Begins a log with a snapshot of two rows, the server silent behind a request; the
     // next attempt has to take it all.
-    void expect_snapshot_all_the_same(const std::string &request, size_t bytes = 0)
+    void expect_snapshot_all_the_same(const std::string &request)
+    {
+        const run_result result = take_snapshot(request);
+        EXPECT_THAT(result.err, HasSubstr("fwlog: the server has been silent for 1 second ("));
+        EXPECT_THAT(result.err, HasSubstr("); trying again\n"));
+    }
+
+    // The connection that reads rows goes silent behind a request, or behind some bytes of the
+    // answer: it alone is made anew, the stream goes on.
+    void expect_snapshot_beside_the_stream(const std::string &request, size_t bytes = 0)
+    {
+        EXPECT_THAT(take_snapshot(request, bytes).err, Not(HasSubstr("trying again")));
+        EXPECT_EQ(status_member("reconnects"), "0");
+    }
+
+    run_result take_snapshot(const std::string &request, size_t bytes = 0)
     {
         insert(1);
         insert(2);
@@ -40,9 +55,8 @@ class BridgeSilenceTest : public LedgerTest {
         const run_result result = run_bridge(by_proxy({"--create", "--snapshot", "--once"}));
         EXPECT_TRUE(proxy->happened());
         EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_THAT(result.err, HasSubstr("fwlog: the server has been silent for 1 second ("));
-        EXPECT_THAT(result.err, HasSubstr("); trying again\n"));
         expect_log_equals_tables();
+        return result;
     }
 
     std::unique_ptr<pg_proxy> proxy;
@@ -98,20 +112,20 @@ TEST_F(BridgeSilenceTest, NewSlot)
     expect_snapshot_all_the_same("CREATE_REPLICATION_SLOT");
 }
 
-TEST_F(BridgeSilenceTest, SnapshotImport)
+TEST_F(BridgeSilenceTest, Snapshot)
 {
-    expect_snapshot_all_the_same("SET TRANSACTION SNAPSHOT");
+    expect_snapshot_beside_the_stream("txid_current_snapshot(), pg_current");
 }
 
 TEST_F(BridgeSilenceTest, Rows)
 {
-    expect_snapshot_all_the_same("COPY (SELECT");
+    expect_snapshot_beside_the_stream("COPY (SELECT");
 }
 
 TEST_F(BridgeSilenceTest, MiddleOfTheRows)
 {
     sql("INSERT INTO load.ledger SELECT n, 0, 1, 'row', NULL FROM generate_series(3, 5000) n");
-    expect_snapshot_all_the_same("COPY (SELECT", 100'000);
+    expect_snapshot_beside_the_stream("COPY (SELECT", 100'000);
 }
 
 TEST_F(BridgeSilenceTest, Stream)
@@ -195,8 +209,6 @@ TEST_F(BridgeSilenceTest, SnapshotOfALockedTableWaitsForTheLock)
 TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
 {
     insert(1);
-    const std::string table = value("SELECT 'load.ledger'::regclass::oid");
-    const std::string length(1, static_cast<char>(table.size()));
     const struct {
         std::string request;
         std::string from;
@@ -216,25 +228,6 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
          "the server's answer to CREATE_REPLICATION_SLOT holds no position: \"0;"},
         {"CREATE_REPLICATION_SLOT", "0/", "9/",
          "the server's answer to CREATE_REPLICATION_SLOT holds the position 9/"},
-        {"c.relkind, p.attnames", length + table, length + std::string(table.size(), 'z'),
-         "the server gives \"" + std::string(table.size(), 'z') +
-             "\" as the number of table load.ledger"},
-        {"attname, atttypid",
-         std::string("\0\0\0\2"
-                     "20",
-                     6),
-         std::string("\0\0\0\2"
-                     "-1",
-                     6),
-         "the server gives \"-1\" as the type of a column of table load.ledger"},
-        {"attname, atttypid",
-         std::string("\0\0\0\2"
-                     "-1",
-                     6),
-         std::string("\0\0\0\2"
-                     "1e",
-                     6),
-         "the server gives \"1e\" as the length of a column of table load.ledger"},
     };
     for (const auto &row : rows) {
         proxy->change_behind(row.request, row.from, row.to);
@@ -242,6 +235,7 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
         EXPECT_TRUE(proxy->happened()) << row.request;
         EXPECT_EQ(result.status, 1) << result.err;
         EXPECT_THAT(result.err, HasSubstr("fwlog: " + row.text));
+        sql("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots");
     }
     const run_result result = run_bridge(by_proxy({"--create", "--snapshot", "--once"}));
     EXPECT_EQ(result.status, 0) << result.err;

@@ -1,0 +1,191 @@
+// Changes of tables that are taken in, by the key of each side: logged, kept or passed over.
+#include "feed/postgresql/intake.h"
+
+#include "feed/postgresql/old_row.h"
+#include "fwutil/fwu_start.h"
+
+#include <algorithm>
+
+constexpr size_t KEPT_MAX = 8 * 1024 * 1024; // bytes of changes kept beside a piece
+
+// What becomes of a side.
+enum fate {
+    FATE_LOG,
+    FATE_KEEP,
+    FATE_PASS,
+};
+
+void pgi_drop_piece(pgi_intake &intake)
+{
+    intake.in_hand = false;
+    intake.part_of.clear();
+    intake.kept.clear();
+    intake.kept_bytes = 0;
+}
+
+void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry &registry,
+                    const std::string &name)
+{
+    const pga_record *found = pga_find(registry, name);
+    pga_table *table = pga_find_table(registry, name);
+    if (found == nullptr || table == nullptr)
+        return;
+    pga_record record = *found;
+    record.replaces = record.replaces || !record.reached.empty();
+    record.key.clear();
+    record.reached.clear();
+    record.rows = 0;
+    // It says less than what it replaces, so that it holds at once.
+    record.at = std::max(record.at, fwu_writer_last_lsn(tx.writer));
+    pga_put(registry, table->schema, table->table, std::move(record));
+    std::erase_if(intake.part_of, [&](const auto &part) {
+        const pgp_want &want = intake.wants[intake.piece.parts[part.second].want];
+        return want.schema == table->schema && want.table == table->table;
+    });
+}
+
+// Looks whether the last snapshot has the transaction in hand.
+static void judge(pgi_intake &intake, uint32_t xid)
+{
+    if (intake.judged == xid)
+        return;
+    intake.judged = xid;
+    intake.has_judged = !intake.seen.empty() && pgf_has_transaction(intake.seen, xid);
+    intake.noted = false;
+}
+
+// What was passed over has to be in the piece that is read next.
+static void note_passed(pgi_intake &intake)
+{
+    if (intake.has_judged || intake.noted)
+        return;
+    intake.noted = true;
+    intake.passed.push_back(intake.judged);
+}
+
+// How the rows of a table are told apart.
+struct yardstick {
+    const pgp_part *part = nullptr; // in hand; null: only what was reached counts
+    const pga_record &record;
+    pgp_order order = {};
+};
+
+// False: the row's key is not known.
+static bool find_fate(fate &found, const pgi_intake &intake, const yardstick &by,
+                      const pgo_tuple &row)
+{
+    std::vector<std::string_view> key;
+    if (!pgp_key_of(key, by.order, row))
+        return false;
+    const pgp_side side = by.part != nullptr ? pgp_side_of(*by.part, key)
+                                             : pgp_side_of(by.order, by.record.reached, key);
+    switch (side) {
+    case PGP_TAKEN:
+        found = FATE_LOG;
+        return true;
+    case PGP_PIECE:
+        found = intake.has_judged ? FATE_PASS : FATE_KEEP;
+        return true;
+    case PGP_LATER:
+        found = FATE_PASS;
+        return true;
+    default:
+        return false;
+    }
+}
+
+void pgi_complete(pgo_message &message)
+{
+    pgo_tuple &row = message.new_row;
+    const pgo_tuple &old = message.old_row;
+    if (message.kind != 'U' || old.kind == 0)
+        return;
+    for (size_t i = 0; i < std::min(row.count, old.count); i++)
+        if (row.values[i].kind == 'u' && old.values[i].kind == 't')
+            row.values[i] = old.values[i];
+}
+
+static bool is_complete(const pgo_tuple &row)
+{
+    return std::none_of(row.values.begin(), row.values.begin() + static_cast<ptrdiff_t>(row.count),
+                        [](const pgo_value &value) { return value.kind == 'u'; });
+}
+
+// Of an update that brought no old row the key is the same in it, where the key is part of what
+// identifies rows; else nobody knows.
+static bool find_fates(fate &old, fate &fresh, const pgi_intake &intake, const yardstick &by,
+                       const pgb_relations &relations, const pgb_relation &relation,
+                       const pgo_message &message)
+{
+    if (message.kind != 'D' && !find_fate(fresh, intake, by, message.new_row))
+        return false;
+    if (message.kind == 'I')
+        return true;
+    if (message.old_row.kind != 0)
+        return find_fate(old, intake, by, message.old_row);
+    old = fresh;
+    return std::all_of(by.order.columns.begin(), by.order.columns.end(),
+                       [&](size_t column) { return pgb_stays(relation, relations, column); });
+}
+
+static void keep(pgi_intake &intake, std::string_view bytes, pgb_sides sides)
+{
+    intake.kept.push_back({.bytes = std::string(bytes), .sides = sides});
+    intake.kept_bytes += bytes.size();
+    if (intake.kept_bytes > KEPT_MAX)
+        pgi_drop_piece(intake);
+}
+
+// The part in hand that has the table's range; null: none.
+static const pgp_part *find_part(const pgi_intake &intake, uint32_t id)
+{
+    const auto found = intake.part_of.find(id);
+    return intake.in_hand && found != intake.part_of.end() ? &intake.piece.parts[found->second]
+                                                           : nullptr;
+}
+
+outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
+                 pgb_relations &relations, const pgb_relation &relation, pgo_message &message,
+                 std::string_view bytes)
+{
+    now = {.old = false, .fresh = false};
+    judge(intake, static_cast<uint32_t>(tx.commit.xid)); // as the stream gave it
+    const std::string &name = relation.table->name;
+    const pga_record *const record = pga_find(relations.aside, name);
+    yardstick by = {.part = find_part(intake, relation.told.id), .record = *record};
+    const bool nothing_taken = by.part != nullptr ? by.part->from.empty() : record->reached.empty();
+    fate old = FATE_PASS;
+    fate fresh = FATE_PASS;
+    if (nothing_taken && (by.part == nullptr || intake.has_judged)) {
+        // No row of it is in the log, and a piece will have it, or has it.
+    } else if (by.part != nullptr && by.part->key.empty()) {
+        old = fresh = FATE_KEEP;
+    } else if (!pgp_find_order(by.order, relation.told,
+                               by.part != nullptr ? by.part->key : record->key)) {
+        pgi_begin_anew(intake, tx, relations.aside, name);
+    } else {
+        pgi_complete(message);
+        if (!find_fates(old, fresh, intake, by, relations, relation, message))
+            return outcome_bad(pgb_no_old_row_text(relation, relations));
+    }
+    if (message.kind == 'I')
+        old = fresh;
+    if (message.kind == 'D')
+        fresh = old;
+    // A row that comes to those that are logged, or kept, has to come whole.
+    if (old != fresh && fresh != FATE_PASS && !is_complete(message.new_row)) {
+        pgi_begin_anew(intake, tx, relations.aside, name);
+        old = fresh = FATE_PASS;
+    }
+    if (old != FATE_LOG || fresh != FATE_LOG)
+        note_passed(intake);
+    if (old == FATE_KEEP || fresh == FATE_KEEP)
+        keep(intake, bytes, {.old = old == FATE_KEEP, .fresh = fresh == FATE_KEEP});
+    now = {.old = old == FATE_LOG, .fresh = fresh == FATE_LOG};
+    return {};
+}
+
+bool pgi_is_truncated(const pga_record &record)
+{
+    return record.replaces || !record.reached.empty();
+}

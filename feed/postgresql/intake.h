@@ -1,0 +1,119 @@
+// Tables that are taken in: their rows are read in pieces while the stream goes on, and each piece
+// is logged where it belongs between the changes.
+//
+// A piece is read between two transactions of the stream, and has what one snapshot of the server
+// shows.  It says exactly which transactions it has, all of them committed before position high.
+// While the stream goes on up to high, a change of such a table is, by its key,
+// - of a row that was logged before: logged as usual;
+// - of a row in the piece's range: passed over when the piece has its transaction, else kept, and
+//   logged behind the rows of the piece;
+// - of a row behind it: passed over, a later piece will have it.
+// A key that moves is a delete here and an insert there.  What was passed over has to be in the
+// snapshot of the piece that is read next, which is asked of it.  The piece is logged when the
+// stream has passed high, as one transaction of position high - 1, which is free: positions of the
+// server's commits are multiples of 8.  A table's standing says how far it has come, and goes with
+// that transaction.  Whatever ends a run before, the piece is read again.
+#ifndef FEED_POSTGRESQL_INTAKE_H
+#define FEED_POSTGRESQL_INTAKE_H
+
+#include "feed/postgresql/change.h"
+#include "feed/postgresql/piece.h"
+#include "feed/postgresql/relations.h"
+#include "feed/postgresql/server.h"
+#include "feed/postgresql/state.h"
+#include "feed/transaction.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+// A change that belongs behind the piece's rows.
+struct pgi_kept {
+    std::string bytes; // of its message
+    pgb_sides sides;
+};
+
+struct pgi_intake {
+    // The piece in hand: read, and not logged yet.
+    bool in_hand = false;
+    pgp_piece piece;
+    std::vector<pgp_want> wants;                  // what it was asked for
+    std::unordered_map<uint32_t, size_t> part_of; // by OID: parts that count
+    std::vector<pgi_kept> kept;
+    size_t kept_bytes = 0;
+
+    // Transactions whose changes were passed over, or may have been, and that no snapshot was seen
+    // to have.
+    std::vector<uint32_t> passed;
+    std::vector<uint32_t> before; // likewise, of before the tables in names were taken in
+    int64_t before_until_ms = 0;  // monotonic; then these have not committed; 0: no such time
+    std::string seen;             // the last snapshot
+    uint32_t judged = 0;          // transaction looked for last, 0: none
+    bool has_judged = false;      // ... which the last snapshot has
+    bool noted = false;           // ... is in passed already
+
+    std::set<std::string> names;              // of the tables at the last look
+    uint64_t version = 0;                     // of the registry then
+    int64_t again_ms = 0;                     // nothing is read before this time, monotonic
+    int64_t told_ms = 0;                      // that it waits; 0: not yet
+    uint64_t turn = 0;                        // of the tables, which comes first
+    uint64_t rows = 0;                        // logged since the start
+    std::map<std::string, int64_t> estimates; // rows of a table, as the server guesses
+};
+
+// What an intake works on.
+struct pgi_place {
+    pgs_server &server;
+    pgb_state &state;
+    feed_transaction &tx;
+    pgb_relations &relations;
+    bool verbose = false;
+    std::function<outcome()> touch = {}; // to be called now and then in what takes long
+};
+
+// A connection begins: nothing is in hand.
+void pgi_open(pgi_intake &intake);
+
+// All tables of the publication are to be taken in, behind last_lsn, the log's last position.
+void pgi_want_all(pgb_relations &relations, uint64_t last_lsn);
+
+// Whether anything is left to take in.
+bool pgi_busy(pgi_intake &intake, const pga_registry &registry);
+
+// Which sides of a change, of a table that is taken in, are to be logged now.  What the new side
+// lacks is taken from the old one.  OUTCOME_BAD when the change does not bring the row's key.
+outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
+                 pgb_relations &relations, const pgb_relation &relation, pgo_message &message,
+                 std::string_view bytes);
+
+// Whether a truncate of a table that is taken in says something of rows in the log.
+bool pgi_is_truncated(const pga_record &record);
+
+// Logs the piece in hand, or reads one, when it is time for that.  To be called between two
+// transactions of the stream, all those before position having come.
+outcome pgi_pass(pgi_intake &intake, const pgi_place &on, uint64_t position);
+
+// Milliseconds until pgi_pass has something to do by the clock; -1: nothing.
+int pgi_due_in(pgi_intake &intake, const pga_registry &registry);
+
+// The steps of these:
+
+// Logs the piece in hand as one transaction.
+outcome pgi_log_piece(pgi_intake &intake, const pgi_place &on);
+
+// Forgets the piece in hand; it will be read again.
+void pgi_drop_piece(pgi_intake &intake);
+
+// Begins a table from its first row on.
+void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry &registry,
+                    const std::string &name);
+
+// Takes values that an update did not send again from its old row, as far as that has them.
+void pgi_complete(pgo_message &message);
+
+#endif

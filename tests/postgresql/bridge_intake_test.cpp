@@ -1,0 +1,178 @@
+// Tables that are read while they are followed: rows that are made, changed, moved to other keys
+// and deleted meanwhile, by several clients, and whatever ends the bridge on the way.
+#include "tests/postgresql/bridge_fixture.h"
+
+#include <atomic>
+#include <iostream>
+#include <random>
+#include <thread>
+
+using testing::HasSubstr;
+using testing::Not;
+
+#ifdef KESTRO_SANITIZED
+constexpr int ROWS = 25'000;
+#else
+constexpr int ROWS = 70'000;
+#endif
+
+// A change of one row, or of none; b is a key that a row moves to.
+static const char step_sql[] =
+    "CREATE FUNCTION load.step(top bigint) RETURNS void LANGUAGE plpgsql AS $$ DECLARE"
+    " a bigint := floor(random() * top); b bigint := floor(random() * top);"
+    " what integer := floor(random() * 9);"
+    "BEGIN IF what < 2 THEN"
+    "  INSERT INTO load.ledger VALUES (a, 0, what, 'new', NULL) ON CONFLICT DO NOTHING;"
+    " ELSIF what < 3 THEN DELETE FROM load.ledger WHERE id = a;"
+    " ELSIF what < 6 THEN UPDATE load.ledger SET id = b, body = 'moved' WHERE id = a;"
+    " ELSE UPDATE load.ledger SET client = client + 1 WHERE id = a; END IF;"
+    "EXCEPTION WHEN unique_violation OR deadlock_detected THEN NULL; END $$";
+
+// Clients that change rows until they are stopped.
+class steps {
+  public:
+    steps(const std::string &conninfo, int clients)
+    {
+        for (int i = 0; i < clients; i++)
+            threads.emplace_back([this, conninfo] {
+                pg_client session(conninfo);
+                session.run("SET deadlock_timeout = '20ms'");
+                while (!stopped) {
+                    session.run("SELECT load.step(" + std::to_string(ROWS) +
+                                " + 100) FROM generate_series(0, (random() * 3)::integer)");
+                    usleep(500);
+                }
+            });
+    }
+    ~steps()
+    {
+        stop();
+    }
+    void stop()
+    {
+        stopped = true;
+        for (std::thread &thread : threads)
+            thread.join();
+        threads.clear();
+    }
+
+  private:
+    std::atomic<bool> stopped = false;
+    std::vector<std::thread> threads;
+};
+
+class BridgeIntakeTest : public LedgerTest {
+  protected:
+    void SetUp() override
+    {
+        LedgerTest::SetUp();
+        if (server == nullptr)
+            return;
+        sql(step_sql);
+        fill(1, ROWS);
+    }
+
+    void fill(int first, int last) const
+    {
+        sql("INSERT INTO load.ledger SELECT g, 0, g % 1000, 'row', NULL FROM generate_series(" +
+            std::to_string(first) + ", " + std::to_string(last) + ") g");
+    }
+
+    bool snapshot_is_done() const
+    {
+        return status_member("snapshot") == "done";
+    }
+
+    void finish()
+    {
+        EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM) << bridge.err();
+        const run_result rest = catch_up();
+        EXPECT_EQ(rest.status, 0) << rest.err;
+        EXPECT_TRUE(snapshot_is_done());
+        expect_log_equals_tables();
+    }
+
+    // Commits wait for a standby that is not there: the stream has them, others do not see them.
+    void let_commits_wait(bool wait) const
+    {
+        pg_client session = connect();
+        session.run("SET synchronous_commit = local");
+        session.run(wait ? "ALTER SYSTEM SET synchronous_standby_names = 'nobody'"
+                         : "ALTER SYSTEM RESET synchronous_standby_names");
+        session.run("SELECT pg_reload_conf()");
+    }
+
+    const char *given_seed = getenv("KESTRO_TEST_SEED");
+    unsigned seed = given_seed != nullptr ? static_cast<unsigned>(strtoul(given_seed, nullptr, 10))
+                                          : std::random_device{}();
+    std::mt19937 random{seed};
+};
+
+TEST_F(BridgeIntakeTest, RowsThatChangeMeanwhileAreTakenOnce)
+{
+    steps clients(conninfo(), 3);
+    start_bridge({"--create", "--snapshot", "-v"});
+    ASSERT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
+    EXPECT_THAT(bridge.err(), HasSubstr("load.ledger is taken in (snapshot): "));
+    EXPECT_THAT(bridge.err(), HasSubstr("fwlog: snapshot at "));
+    clients.stop();
+    ASSERT_NO_FATAL_FAILURE(finish());
+    EXPECT_GE(occurrences(dump(), "snapshot="), 2) << "in pieces";
+}
+
+TEST_F(BridgeIntakeTest, ABridgeThatIsKilledGoesOnWhereItWas)
+{
+    std::cout << "KESTRO_TEST_SEED=" << seed << "\n";
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    steps clients(conninfo(), 2);
+    int starts = 0;
+    start_bridge({"--create", "--snapshot"});
+    ASSERT_TRUE(poll_until([&] { return status_member("snapshot") == "taking"; })) << bridge.err();
+    while (!snapshot_is_done() && starts < 100) {
+        usleep(static_cast<useconds_t>(random() % 400'000));
+        bridge.end(SIGKILL);
+        start_bridge();
+        starts++;
+        ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; }))
+            << bridge.err();
+    }
+    std::cout << starts << " starts\n";
+    EXPECT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
+    clients.stop();
+    ASSERT_NO_FATAL_FAILURE(finish());
+}
+
+TEST_F(BridgeIntakeTest, CommitsThatOthersDoNotSeeYet)
+{
+    std::cout << "KESTRO_TEST_SEED=" << seed << "\n";
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    steps clients(conninfo(), 4);
+    start_bridge({"--snapshot"});
+    bool wait = false;
+    ASSERT_TRUE(poll_until([&] {
+        let_commits_wait(wait = !wait);
+        usleep(static_cast<useconds_t>(random() % 60'000));
+        return snapshot_is_done();
+    })) << bridge.err();
+    let_commits_wait(false);
+    clients.stop();
+    ASSERT_NO_FATAL_FAILURE(finish());
+}
+
+TEST_F(BridgeIntakeTest, ACommitBeforeTheStartThatOthersDoNotSeeIsWaitedFor)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    let_commits_wait(true);
+    std::thread client([this] { sql("UPDATE load.ledger SET body = 'late' WHERE id = 7"); });
+    ASSERT_TRUE(poll_until([&] {
+        return value("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'") == "1";
+    }));
+    start_bridge({"--snapshot", "--timeout", "1"});
+    EXPECT_TRUE(bridge_says("taking in tables waits: ")) << bridge.err();
+    EXPECT_EQ(occurrences(dump(), " insert "), 0) << bridge.err();
+    let_commits_wait(false);
+    client.join();
+    EXPECT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
+    ASSERT_NO_FATAL_FAILURE(finish());
+}
