@@ -38,11 +38,34 @@ template <typename Record> static void forget_old(std::vector<Record> &records, 
     records.erase(records.begin(), records.begin() + static_cast<ptrdiff_t>(held));
 }
 
+// A name that its table has left for another one stands here under an OID that no table of a user
+// has: the log has rows under it, which the next table of that name has to take away.
+constexpr uint32_t LEFT_FIRST = 8192;
+constexpr uint32_t LEFT_END = 16384;
+
+static bool is_left(uint32_t id)
+{
+    return id >= LEFT_FIRST && id < LEFT_END;
+}
+
+// The names of one that was left and not taken since; null: it was not.
+static std::vector<pga_name> *find_left(pga_registry &registry, const std::string &schema,
+                                        const std::string &table)
+{
+    const auto end = registry.ids.lower_bound(LEFT_END);
+    for (auto at = registry.ids.lower_bound(LEFT_FIRST); at != end; ++at) {
+        const pga_name &name = at->second.back();
+        if (!name.lost && name.schema == schema && name.table == table)
+            return &at->second;
+    }
+    return nullptr;
+}
+
 static void find_holders(pga_registry &registry)
 {
     registry.holders.clear();
     for (const auto &[id, names] : registry.ids)
-        if (!names.back().lost)
+        if (!names.back().lost && !is_left(id))
             registry.holders[fwu_source_name(names.back().schema, names.back().table)] = id;
 }
 
@@ -128,6 +151,17 @@ outcome pga_keep(pga_registry &registry, uint64_t last_lsn)
     return {};
 }
 
+static void leave_name(pga_registry &registry, const pga_name &name, uint64_t at)
+{
+    uint32_t id = LEFT_FIRST;
+    for (auto found = registry.ids.find(id);
+         found != registry.ids.end() && !found->second.back().lost && is_left(id);
+         found = registry.ids.find(id))
+        id++;
+    if (is_left(id)) // else so many were left that one more makes no difference
+        put(registry.ids[id], {.schema = name.schema, .table = name.table, .at = at});
+}
+
 // Forgets what the catalogue said of an OID that the stream is not at yet.
 static void forget_guess(pga_registry &registry, uint32_t id, uint64_t at)
 {
@@ -158,8 +192,14 @@ pga_identity pga_describe(pga_registry &registry, uint32_t id, const std::string
             put(known->second, {.schema = schema, .table = table, .at = at, .lost = true});
         }
     }
-    if (!before.table.empty() && !before.lost)
+    if (std::vector<pga_name> *left = find_left(registry, schema, table); left != nullptr) {
+        found.was_known = true;
+        put(*left, {.schema = schema, .table = table, .at = at, .lost = true});
+    }
+    if (!before.table.empty() && !before.lost) {
         registry.holders.erase(fwu_source_name(before.schema, before.table));
+        leave_name(registry, before, at);
+    }
     registry.holders[name] = id;
     put(registry.ids[id], {.schema = schema, .table = table, .at = at});
     registry.dirty = true;
@@ -171,7 +211,8 @@ void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
                const std::string &table, uint64_t at)
 {
     const std::string name = fwu_source_name(schema, table);
-    if (registry.ids.contains(id) || registry.holders.contains(name))
+    if (registry.ids.contains(id) || registry.holders.contains(name) ||
+        find_left(registry, schema, table) != nullptr)
         return;
     registry.ids[id] = {{.schema = schema, .table = table, .guessed = at}};
     registry.holders[name] = id;

@@ -42,13 +42,14 @@ enum pga_description {
     PGA_SAME,
     PGA_NEW,     // nobody had this OID or this name
     PGA_RENAMED, // the OID had another name
-    PGA_REMADE,  // the name had another OID: the table before was dropped, or will have another one
+    PGA_REMADE,  // the name had another OID: the table before was dropped, or has another one, now
+                 // or soon
 };
 
 struct pga_identity {
     pga_description what = PGA_SAME;
     pga_name before;        // PGA_RENAMED: the OID's name, which may be lost already
-    bool was_known = false; // the name was another OID's
+    bool was_known = false; // the name was another OID's, or this one's before
 };
 
 // Takes that the server, in the transaction of this position, describes the table of an OID so.

@@ -259,9 +259,18 @@ TEST_F(Aside, NamesOfTablesAreFollowedThroughRenamesAndDrops)
         // dropped, and made anew
         {3, "t", PGA_REMADE, "", false, true},
         {3, "t", PGA_SAME, "t", false, false},
-        {4, "new", PGA_NEW, "", false, false}, // the name is free
+        {4, "new", PGA_REMADE, "", false, true}, // the log has rows of the one that left it
         // the one that was taken for dropped comes with its name again
         {2, "t", PGA_RENAMED, "t", true, true},
+        // two that change their names with each other
+        {5, "a", PGA_NEW, "", false, false},
+        {6, "b", PGA_NEW, "", false, false},
+        {5, "b", PGA_RENAMED, "a", false, true},
+        {6, "a", PGA_RENAMED, "b", true, true},
+        // there and back
+        {5, "c", PGA_RENAMED, "b", false, false},
+        {5, "b", PGA_RENAMED, "c", false, true},
+        {7, "c", PGA_REMADE, "", false, true},
     };
     uint64_t at = 0;
     for (const step &s : steps) {
@@ -292,6 +301,11 @@ TEST_F(Aside, CatalogueAheadOfTheStreamIsNoRename)
     // The table that was t before, dropped since.
     EXPECT_EQ(pga_describe(registry, 4, "s", "t", 16).what, PGA_NEW);
     EXPECT_EQ(pga_describe(registry, 2, "s", "t", 24).what, PGA_REMADE);
+    // A name that was left waits for the stream.
+    EXPECT_EQ(pga_describe(registry, 4, "s", "moved", 32).what, PGA_RENAMED);
+    EXPECT_EQ(pga_describe(registry, 2, "s", "gone", 32).what, PGA_RENAMED);
+    pga_guess(registry, 7, "s", "t", 100);
+    EXPECT_EQ(pga_describe(registry, 7, "s", "t", 104).what, PGA_REMADE);
     // What the catalogue said counts from where it was said.
     EXPECT_EQ(pga_describe(registry, 3, "s", "u", 104).what, PGA_SAME);
     EXPECT_EQ(pga_describe(registry, 3, "s", "v", 112).what, PGA_RENAMED);
