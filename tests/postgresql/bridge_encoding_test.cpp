@@ -10,9 +10,9 @@ class BridgeEncodingTest : public BridgeTest {
     void recreate(const std::string &encoding) const
     {
         pg_client client(server->conninfo());
-        client.run("DROP DATABASE " + database + " WITH (FORCE)");
+        client.run("DROP DATABASE " + database);
         client.run("CREATE DATABASE " + database + " ENCODING '" + encoding +
-                   "' TEMPLATE template0 LOCALE 'C'");
+                   "' TEMPLATE template0 LC_COLLATE 'C' LC_CTYPE 'C'");
     }
 
     // A session that sends and gets bytes as they are stored.

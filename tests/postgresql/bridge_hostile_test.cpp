@@ -105,8 +105,10 @@ TEST_F(BridgeHostileTest, NamesOfQuotesAndBlanksAndTheLongest)
     client.run("CREATE TABLE wide (number integer PRIMARY KEY" + columns + ")");
     client.run("INSERT INTO wide VALUES (4711)");
     expect_alive();
-    for (size_t i = 0; i < names.size(); i++)
-        EXPECT_TRUE(logged("=" + std::to_string(i + 1) + " ")) << names[i];
+    const std::string log = dump();
+    const int tables = static_cast<int>(names.size());
+    EXPECT_EQ(occurrences(log, " insert "), tables + 2); // table "wide", and the one behind it
+    EXPECT_EQ(occurrences(log, " update "), tables);
     EXPECT_TRUE(logged("after NUMBER=4711 "));
     EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
     EXPECT_THAT(bridge.err(), Not(HasSubstr("set aside")));
@@ -158,9 +160,10 @@ TEST_F(BridgeHostileTest, MessagesOfEveryPrefix)
 // A database without an encoding takes all bytes but zero, in names, too.
 TEST_F(BridgeHostileTest, AnyBytesInADatabaseWithoutEncoding)
 {
-    pg_client(server->conninfo()).run("DROP DATABASE " + database + " WITH (FORCE)");
+    pg_client(server->conninfo()).run("DROP DATABASE " + database);
     pg_client(server->conninfo())
-        .run("CREATE DATABASE " + database + " ENCODING 'SQL_ASCII' TEMPLATE template0 LOCALE 'C'");
+        .run("CREATE DATABASE " + database +
+             " ENCODING 'SQL_ASCII' TEMPLATE template0 LC_COLLATE 'C' LC_CTYPE 'C'");
     start_bridge({"--create", "-v"});
     ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
     pg_client client = connect();
@@ -180,8 +183,9 @@ TEST_F(BridgeHostileTest, AnyBytesInADatabaseWithoutEncoding)
     }
     client.run("UPDATE bytes SET body = body || body; DELETE FROM bytes");
     expect_alive();
+    const std::string log = dump();
     for (int first = 1; first < 256; first += 7)
-        EXPECT_GE(occurrences(dump(), "after ID=" + std::to_string(first) + " "), 3) << first;
+        EXPECT_GE(occurrences(log, "after ID=" + std::to_string(first) + " "), 3) << first;
     EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
     expect_alive();
 }
