@@ -44,7 +44,7 @@ static outcome end_rows(pgp_piece &piece, pgs_server &server)
     return done ? pgp_ask(server, result, "COMMIT") : std::move(done);
 }
 
-// Takes what came; waits: nothing did.
+// Takes what came, if something did.
 static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
                         pgs_refusal &refusal, int wait_ms)
 {
@@ -75,6 +75,21 @@ static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_se
     return done;
 }
 
+// The server has refused to give the rows, or the rest of them.
+static void take_refusal(pgp_part &part, const pgs_refusal &refusal, std::string &later)
+{
+    switch (pgp_trouble_of(refusal)) {
+    case PGP_GONE:
+        part.gone = true;
+        return;
+    case PGP_REFUSED:
+        part.refused = pgp_reason(refusal);
+        return;
+    default:
+        later = pgp_reason(refusal);
+    }
+}
+
 outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
                        int wait_ms, std::string &later)
 {
@@ -82,22 +97,16 @@ outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_ser
     if (!piece.sent)
         piece.heard_ms = fwu_monotonic_ms();
     const bool converts = server.texts == nullptr;
-    outcome done = take_row(came, row, piece, server, refusal, wait_ms);
-    if (converts != (server.texts == nullptr))
-        return done;
-    const bool lost = done.kind() == OUTCOME_LOST;
-    if (!lost && refusal.state.empty())
-        return done;
-    came = PGP_BROKEN;
-    const pgp_trouble trouble = pgp_trouble_of(refusal);
-    if (lost)
+    if (outcome done = take_row(came, row, piece, server, refusal, wait_ms); !done) {
+        if (done.kind() != OUTCOME_LOST || converts != (server.texts == nullptr))
+            return done;
         later = done.text();
-    else if (trouble == PGP_GONE)
-        find_part(piece)->gone = true;
-    else if (trouble == PGP_REFUSED)
-        find_part(piece)->refused = pgp_reason(refusal);
-    else
-        later = pgp_reason(refusal);
+    } else if (refusal.state.empty()) {
+        return {};
+    } else {
+        take_refusal(*find_part(piece), refusal, later);
+    }
+    came = PGP_BROKEN;
     pgp_end(piece, server);
     return {};
 }

@@ -388,8 +388,8 @@ static outcome read_table(pgp_reading &r, pgp_table &table)
 
 static bool has_room(const pgp_reading &r)
 {
-    return !r.full && r.rows < r.limits.rows && r.bytes < r.limits.bytes &&
-           fwu_monotonic_ms() - r.begun_ms < r.limits.time_ms;
+    return r.piece.parts.empty() || (r.rows < r.limits.rows && r.bytes < r.limits.bytes &&
+                                     fwu_monotonic_ms() - r.begun_ms < r.limits.time_ms);
 }
 
 static outcome read_tables(pgp_reading &r, const std::vector<size_t> &places)
@@ -399,8 +399,9 @@ static outcome read_tables(pgp_reading &r, const std::vector<size_t> &places)
     if (done)
         done = run(r, "SET LOCAL statement_timeout = " + r.time_limit + "; SAVEPOINT rows");
     size_t next = 0;
+    r.begun_ms = fwu_monotonic_ms();
     for (const size_t place : places) {
-        if (!done || !has_room(r))
+        if (!done || r.full || !has_room(r))
             return done;
         if (next < tables.size() && tables[next].want == place)
             done = read_table(r, tables[next++]);
@@ -464,7 +465,6 @@ static outcome read_piece(pgp_reading &r)
         r.piece.parts.clear();
         r.rows = r.bytes = 0;
         r.full = r.closed = r.again = false;
-        r.begun_ms = fwu_monotonic_ms();
         if (places.empty() || wants.empty())
             return {};
         outcome done = connect(r);

@@ -44,7 +44,9 @@ static std::string tables_query()
            " (SELECT CASE WHEN sum(c.relpages) = 0 THEN -1 ELSE sum(greatest(c.reltuples, 0))"
            " END::bigint AS estimate, sum(pg_table_size(c.oid))::bigint AS size"
            " FROM (SELECT t.oid AS id UNION SELECT m.relid FROM pg_partition_tree(t.oid) m"
-           " WHERE t.relkind = 'p') l JOIN pg_class c ON c.oid = l.id AND c.relkind <> 'p') s"
+           " WHERE t.relkind = 'p') l CROSS JOIN LATERAL"
+           // Looked up one by one, however many the planner expects.
+           " (SELECT * FROM pg_class m WHERE m.oid = l.id AND m.relkind <> 'p' OFFSET 0) c) s"
            " ORDER BY t.place";
 }
 
@@ -101,16 +103,18 @@ static std::string named_tables(pgs_server &server, const std::vector<pgp_want> 
         values += comma(values) + "(" + std::to_string(place) + ", " +
                   pgp_literal(server, wants[place].schema) + ", " +
                   pgp_literal(server, wants[place].table) + ")";
-    return "WITH t AS (SELECT v.place, c.oid, n.nspname AS schema, c.relname AS name, c.relkind,"
-           " c.relreplident, " +
+    // All that is published is looked at once.
+    return "WITH p AS MATERIALIZED (SELECT p.schemaname, p.tablename, " +
            std::string(lists ? "p.rowfilter AS filter, p.attnames AS names"
                              : "NULL AS filter, NULL::name[] AS names") +
-           " FROM (VALUES " + values +
-           ") AS v (place, schema, name) JOIN pg_namespace n ON n.nspname = v.schema::name"
-           " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = v.name::name"
-           " JOIN pg_publication_tables p ON p.schemaname = n.nspname AND p.tablename = c.relname"
-           " WHERE p.pubname = " +
-           pgp_literal(server, server.publication) + ") ";
+           " FROM pg_publication_tables p WHERE p.pubname = " +
+           pgp_literal(server, server.publication) +
+           "), t AS MATERIALIZED (SELECT v.place, c.oid, n.nspname AS schema, c.relname AS name,"
+           " c.relkind, c.relreplident, p.filter, p.names FROM (VALUES " +
+           values +
+           ") AS v (place, schema, name) JOIN p ON p.schemaname = v.schema::name"
+           " AND p.tablename = v.name::name JOIN pg_namespace n ON n.nspname = p.schemaname"
+           " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename) ";
 }
 
 // "t": the tables that were found.

@@ -351,13 +351,22 @@ outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &ref
     copied = PGS_COPY_WAITS;
     while (PQisBusy(connection) != 0) {
         bool came = false;
-        outcome done = receive_some(server, wait, wait_ms, came);
-        if (!done || !came)
+        if (outcome done = receive_some(server, wait, wait_ms, came); !done)
             return done;
+        if (!came)
+            return {};
     }
     pgs_result result;
     outcome done = finish(server, connection, true, result, "COPY", &refusal);
     copied = PQresultStatus(result.get()) == PGRES_COPY_OUT ? PGS_COPY_ROW : PGS_COPY_END;
+    return done;
+}
+
+static outcome convert_row(pgs_server &server, std::span<char> &row)
+{
+    server.row_text.clear();
+    outcome done = pge_from_server(server.row_text, server, {row.data(), row.size()});
+    row = server.row_text;
     return done;
 }
 
@@ -378,20 +387,16 @@ outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &serve
         if (length != 0)
             break;
         bool came = false;
-        outcome done = receive_some(server, wait, wait_ms, came);
-        if (!done || !came)
+        if (outcome done = receive_some(server, wait, wait_ms, came); !done)
             return done;
+        if (!came)
+            return {};
     }
     copied = length > 0 ? PGS_COPY_ROW : PGS_COPY_END;
-    outcome done;
-    if (length > 0 && server.texts != nullptr) {
-        server.row_text.clear();
-        done = pge_from_server(server.row_text, server, {row.data(), row.size()});
-        row = server.row_text;
-    }
     if (length > 0)
-        return done;
+        return server.texts == nullptr ? outcome() : convert_row(server, row);
     pgs_result result;
+    outcome done;
     if (length == -1)
         done = finish(server, connection, true, result, "COPY", &refusal);
     const bool whole = PQresultStatus(result.get()) == PGRES_COMMAND_OK || !refusal.state.empty();
