@@ -132,6 +132,13 @@ TEST_F(BridgeGapTest, ServerSetBackThatHasGrownPastTheLog)
         insert(id);
     expect_refused({"the server does not have transaction ", "the last one in the log"});
     EXPECT_EQ(logged_ids(), "1 2 ");
+    const run_result accepted = catch_up({"--accept-gap"});
+    EXPECT_EQ(accepted.status, 0) << accepted.err;
+    EXPECT_EQ(occurrences(accepted.err, "for all tables: the server does not have transaction "), 1)
+        << accepted.err;
+    EXPECT_EQ(occurrences(fwlog({"dump"}).out, "the server does not have transaction "), 1);
+    EXPECT_TRUE(logged("after ID=29 "));
+    EXPECT_EQ(catch_up().status, 0) << "the gap is behind it";
 }
 
 TEST_F(BridgeGapTest, LastTransactionThatComesAgainIsNotLoggedAgain)
