@@ -10,7 +10,7 @@
 // - of a row behind it: passed over, a later piece will have it.
 // A key that moves is a delete here and an insert there.  What was passed over has to be in the
 // snapshot of the piece that is read next, which is asked of it.  The piece is logged when the
-// stream has passed high, as one transaction of position high - 1, which is free: positions of the
+// stream has passed high, as one transaction of position high - 7, which is free: positions of the
 // server's commits are multiples of 8.  A table's standing says how far it has come, and goes with
 // that transaction.  Whatever ends a run before, the piece is read again.
 #ifndef FEED_POSTGRESQL_INTAKE_H

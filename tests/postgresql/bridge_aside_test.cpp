@@ -146,6 +146,20 @@ TEST_F(BridgeAsideTest, SkipTableTakenOutLeavesAMark)
     EXPECT_EQ(history(), before + "gap GOOD: skip-table was taken out\nc GOOD 3\n");
 }
 
+TEST_F(BridgeAsideTest, AMarkHasAPlaceDirectlyBehindASnapshot)
+{
+    sql("INSERT INTO shop.good VALUES (1); INSERT INTO shop.\"odd one\" VALUES (1);"
+        "SELECT pg_drop_replication_slot('" +
+        database + "')");
+    std::filesystem::remove_all(dir.file("log"));
+    configure("skip-table shop.good\n");
+    catch_up_well({"--create", "--snapshot"});
+    EXPECT_EQ(history(), "r ODD-ONE-ODNCD 1\n");
+    configure();
+    catch_up_well();
+    EXPECT_EQ(history(), "r ODD-ONE-ODNCD 1\ngap GOOD: skip-table was taken out\n");
+}
+
 TEST_F(BridgeAsideTest, ATableThatIsLeftOutIsSetAsideNoMore)
 {
     sql("INSERT INTO shop.\"odd one\" VALUES (1, 'x')");
