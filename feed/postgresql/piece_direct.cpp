@@ -58,8 +58,10 @@ static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_se
     }
     if (done && copied == PGS_COPY_ROW)
         done = pgs_copy_row(copied, line, server, refusal, wait_ms);
-    if (!done || copied == PGS_COPY_WAITS)
-        return done ? look_after(piece, server) : std::move(done);
+    if (!done)
+        return done;
+    if (copied == PGS_COPY_WAITS)
+        return look_after(piece, server);
     piece.heard_ms = fwu_monotonic_ms();
     if (copied == PGS_COPY_ROW) {
         came = PGP_ROW;

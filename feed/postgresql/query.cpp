@@ -330,8 +330,9 @@ static outcome receive_some(pgs_server &server, wait_state &wait, int wait_ms, b
     default:
         return OUTCOME_STOPPED;
     }
-    return PQconsumeInput(connection) == 1 ? outcome()
-                                           : pgs_failed(server, connection, nullptr, "COPY");
+    if (PQconsumeInput(connection) != 1)
+        return pgs_failed(server, connection, nullptr, "COPY");
+    return {};
 }
 
 outcome pgs_copy_send(pgs_server &server, const std::string &command)
