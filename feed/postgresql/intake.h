@@ -25,7 +25,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -57,13 +56,12 @@ struct pgi_intake {
     bool has_judged = false;      // ... which the last snapshot has
     bool noted = false;           // ... is in passed already
 
-    std::set<std::string> names;              // of the tables at the last look
-    uint64_t version = 0;                     // of the registry then
-    int64_t again_ms = 0;                     // nothing is read before this time, monotonic
-    int64_t told_ms = 0;                      // that it waits; 0: not yet
-    uint64_t turn = 0;                        // of the tables, which comes first
-    uint64_t rows = 0;                        // logged since the start
-    std::map<std::string, int64_t> estimates; // rows of a table, as the server guesses
+    std::set<std::string> names; // of the tables at the last look
+    uint64_t version = 0;        // of the registry then
+    int64_t again_ms = 0;        // nothing is read before this time, monotonic
+    int64_t told_ms = 0;         // that it waits; 0: not yet
+    uint64_t turn = 0;           // of the tables, which comes first
+    uint64_t rows = 0;           // logged since the start
 };
 
 // What an intake works on.

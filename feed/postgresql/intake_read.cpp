@@ -162,7 +162,8 @@ static void take_piece(pgi_intake &intake, const pgi_place &on)
         const pgp_part &part = intake.piece.parts[i];
         const pgp_want &want = intake.wants[part.want];
         const std::string name = fwu_source_name(want.schema, want.table);
-        intake.estimates[name] = part.estimate;
+        if (pga_table *const table = pga_find_table(registry, name))
+            table->estimate = part.estimate;
         if (part.anew) // what was logged is no measure for what comes meanwhile
             pgi_begin_anew(intake, on.tx, registry, name);
         if (part.refused.empty() && !part.gone)
