@@ -4,8 +4,10 @@
 // that the bridge gets (pgoutput); each on a copy of its slot, in turn.  Then the delay
 // of single changes at a steady pace, from the client that sends the statement to the
 // reader that takes the record out of Kestro's message file.  Then how long the bridge
-// takes where the publication has many tables.  OTHER is another build's fwlog, which
-// takes its turns with this one's.
+// takes where the publication has many tables.  Then how long the last record of a large
+// transaction takes from its commit to the reader, and how long a table takes that --resume
+// brings in, beside a COPY of it.  OTHER is another build's fwlog, which takes its turns with
+// this one's.
 //
 // usage: postgresql_bench [UPDATES [ROUNDS [SECONDS [RATE [TABLES [OTHER]]]]]]
 #include "msgfile/tmf.h"
@@ -26,6 +28,7 @@ using steady = std::chrono::steady_clock;
 
 constexpr int ROWS = 5000;       // that the updates go round
 constexpr int A_TRANSACTION = 5; // updates
+constexpr int LARGE = 200'000;   // rows of a large transaction, and of a table that is taken in
 
 static const char schema[] =
     "CREATE SCHEMA sales;"
@@ -183,6 +186,22 @@ static void bench_backlog(const bench &b, int updates, int rounds)
     print_rate("pg_recvlogical, pgoutput, into a file", bytes, updates, median(text));
 }
 
+// The bridge in the background, once it follows the server.
+static void follow_in(background &bridge, const bench &b, const std::string &name)
+{
+    run_setup options;
+    options.directory = b.dir.path();
+    std::vector<std::string> argv = b.bridge(name, name);
+    argv.emplace_back("--create");
+    bridge.start(argv, options, b.dir.file(name + "-bridge"));
+    const auto streams = [&] {
+        return read_file(b.dir.file(name + "/postgresql.json")).find("\"streaming\"") !=
+               std::string::npos;
+    };
+    if (!poll_until(streams))
+        fail("the bridge does not follow: " + bridge.err());
+}
+
 // ---- delays at a steady pace
 
 static int64_t now_us()
@@ -242,15 +261,7 @@ static void bench_delay(const bench &b, int seconds, int rate)
     run_setup options;
     options.directory = b.dir.path();
     background bridge;
-    std::vector<std::string> argv = b.bridge("delay", "follow");
-    argv.emplace_back("--create");
-    bridge.start(argv, options, b.dir.file("bridge"));
-    const auto streams = [&] {
-        return read_file(b.dir.file("follow/postgresql.json")).find("\"streaming\"") !=
-               std::string::npos;
-    };
-    if (!poll_until(streams))
-        fail("the bridge does not follow: " + bridge.err());
+    follow_in(bridge, b, "follow");
     background capture;
     capture.start({b.bin + "/Kestro", "-cfg", b.dir.file("follow.cfg"), "-stat",
                    b.dir.file("status"), b.dir.file("stamps.msg")},
@@ -331,6 +342,97 @@ static void bench_start(const bench &b, int tables, int rounds)
         rounds);
 }
 
+// ---- large transactions, and tables that are taken in
+
+// Takes n records and notes when the last one came.
+static int take_records(const std::string &path, int n, arrivals &seen)
+{
+    tmf_handle *reader = tmf_fopen(path.c_str(), TMF_MODE_READ);
+    char record[1024];
+    for (int i = 0; i < n; i++)
+        if (tmf_fread(reader, record, sizeof record, TMF_READ_WAIT) <= 0)
+            return 1;
+    seen.delays_us[0] = now_us();
+    return tmf_fclose(reader);
+}
+
+// Seconds from the commit of LARGE rows, and from the first of them, to the last record.
+static void bench_commit(const bench &b, int rounds)
+{
+    void *shared =
+        mmap(nullptr, sizeof(arrivals), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED)
+        fail("no memory");
+    auto &seen = *static_cast<arrivals *>(shared);
+    background bridge;
+    follow_in(bridge, b, "large");
+    run_setup options;
+    options.directory = b.dir.path();
+    background capture;
+    capture.start({b.bin + "/Kestro", "-cfg", b.dir.file("large.cfg"), "-stat",
+                   b.dir.file("large-status"), b.dir.file("large.msg")},
+                  options, b.dir.file("large-kestro"));
+    send_stamps(b, 1, 1); // the first change makes the message file
+    if (!poll_until([&] { return fs::exists(b.dir.file("large.msg")); }))
+        fail("Kestro captures nothing: " + capture.err());
+    std::vector<double> from_commit;
+    std::vector<double> from_begin;
+    int before = 1;
+    for (int round = 0; round < rounds; round++) {
+        const pid_t reader = fork();
+        if (reader == 0)
+            _exit(take_records(b.dir.file("large.msg"), before + LARGE, seen));
+        const int64_t begin = now_us();
+        b.connect().run(with("INSERT INTO sales.stamps SELECT g FROM generate_series(1, LARGE) g",
+                             "LARGE", LARGE));
+        const int64_t commit = now_us();
+        if (wait_program(reader) != 0)
+            fail("the reader failed");
+        from_commit.push_back(static_cast<double>(seen.delays_us[0] - commit) / 1e6);
+        from_begin.push_back(static_cast<double>(seen.delays_us[0] - begin) / 1e6);
+        before = 0; // what was read is gone from the message file
+    }
+    capture.end(SIGTERM);
+    bridge.end(SIGTERM);
+    munmap(shared, sizeof(arrivals));
+    printf("\n%d rows in one transaction; medians of %d rounds\n", LARGE, rounds);
+    printf("seconds from the commit to the last capture record, read: %.2f; from the statement: "
+           "%.2f\n",
+           median(from_commit), median(from_begin));
+}
+
+static void bench_resume(const bench &b, int rounds)
+{
+    pg_client client = b.connect();
+    client.run(with("CREATE TABLE sales.taken (LIKE sales.order_lines INCLUDING ALL);"
+                    "ALTER TABLE sales.taken REPLICA IDENTITY FULL;"
+                    "INSERT INTO sales.taken SELECT g, g % 4 + 1, 'BR-00017', 1, 12.34, 2.5, 12.34"
+                    " FROM generate_series(1, LARGE) g; ANALYZE sales.taken",
+                    "LARGE", LARGE));
+    background bridge;
+    follow_in(bridge, b, "resume");
+    const auto is_quiet = [&] {
+        return read_file(b.dir.file("resume/postgresql.json")).find("\"lag_bytes\":0,") !=
+               std::string::npos;
+    };
+    if (!poll_until(is_quiet))
+        fail("the bridge is behind: " + bridge.err());
+    std::vector<double> resume;
+    std::vector<double> copy;
+    for (int round = 0; round < rounds; round++) {
+        resume.push_back(b.seconds_of(
+            {b.fwlog, "postgresql", "-cfg", b.dir.file("resume.cfg"), "--resume", "sales.taken"}));
+        const auto begin = steady::now();
+        write_file(b.dir.file("copied"), client.copy("COPY sales.taken TO STDOUT"));
+        const std::chrono::duration<double> taken = steady::now() - begin;
+        copy.push_back(taken.count());
+    }
+    bridge.end(SIGTERM);
+    printf("\n--resume of a table of %d rows, medians of %d rounds: %.2f seconds; COPY of it into "
+           "a file: %.2f\n",
+           LARGE, rounds, median(resume), median(copy));
+}
+
 static int number(char **argv, int argc, int at, int usual)
 {
     return at < argc ? atoi(argv[at]) : usual;
@@ -359,6 +461,8 @@ int main(int argc, char **argv)
         b.other = argc > 6 ? fs::absolute(argv[6]) : "";
         bench_backlog(b, updates, rounds);
         bench_delay(b, seconds, rate);
+        bench_commit(b, rounds);
+        bench_resume(b, rounds);
         bench_start(b, tables, rounds);
     } catch (const std::exception &error) {
         fprintf(stderr, "postgresql_bench: %s\n", error.what());
