@@ -107,6 +107,7 @@ static outcome log_rows(logging &l, pgp_part &part)
     if (!done || l.broken)
         return done;
     if (part.ends) {
+        l.on.relations.aside.taken[name_of(l, part)] = record.rows + l.rows - rows;
         if (l.on.verbose)
             tell("%s is taken in (%s): %" PRIu64 " rows", name_of(l, part).c_str(),
                  record.why.c_str(), record.rows + l.rows - rows);
