@@ -140,7 +140,8 @@ static outcome keep_in_touch(follow &f)
         pgs_server_lsn(f.server, f.state.server_lsn);
         pgb_state_print(f.state);
     }
-    const pgr_moment moment = {.writer = f.tx.writer, .between = !f.tx.open};
+    const pgr_moment moment = {
+        .writer = f.tx.writer, .logged_lsn = f.state.logged_lsn, .between = !f.tx.open};
     if (outcome looked = pgr_look(*f.settings.requests, f.relations, moment); !looked)
         return looked;
     if (now < f.feedback_due_ms && !f.answer)
@@ -319,9 +320,9 @@ static outcome take_waiting(follow &f)
 
 static bool is_done(const follow &f)
 {
-    return stop_signal_get() != 0 || (f.settings.once && f.state.logged_lsn >= f.settings.stop_at &&
-                                      !pgr_waits(*f.settings.requests) &&
-                                      !pgi_busy(f.apply.intake, f.relations.aside));
+    return stop_signal_get() != 0 ||
+           (f.settings.once && f.state.logged_lsn >= f.settings.stop_at &&
+            !pgr_waits(*f.settings.requests) && !pgi_busy(f.apply.intake, f.relations.aside));
 }
 
 // Waits limit_ms at most for the server to send something, and receives it.

@@ -303,6 +303,7 @@ static void follow(pgr_requests &requests, const pgr_request &request, pgr_table
                    const pga_registry &aside, const pgr_moment &moment)
 {
     const pga_record *record = pga_find(aside, table.name);
+    const uint64_t logged = fwu_writer_logged_lsn(moment.writer);
     if (moment.between)
         table.reason.clear();
     const auto taken = aside.taken.find(table.name);
@@ -310,8 +311,10 @@ static void follow(pgr_requests &requests, const pgr_request &request, pgr_table
         table.rows = record->rows;
     else if (taken != aside.taken.end())
         table.rows = taken->second;
-    if (record == nullptr ||
-        (record->standing == PGA_FOLLOWED && record->at <= fwu_writer_logged_lsn(moment.writer)))
+    if (record == nullptr || (record->standing == PGA_FOLLOWED &&
+                              record->at <= (logged == fwu_writer_last_lsn(moment.writer)
+                                                 ? std::max(moment.logged_lsn, logged)
+                                                 : logged)))
         table.state = PGR_FOLLOWED;
     else if (record->standing == PGA_ASIDE)
         refuse(requests, request, table, "it was set aside again: " + record->reason);

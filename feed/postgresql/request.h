@@ -41,8 +41,9 @@ void pgr_open(pgr_requests &requests, const pga_registry &aside,
 // What may be done at this moment.
 struct pgr_moment {
     fwu_writer *writer = nullptr;
-    bool between = false;   // no transaction is in hand, and the server is there
-    std::string waits = {}; // else: what for; empty: for the transaction's end
+    uint64_t logged_lsn = 0; // everything before it is logged, also where that is nothing
+    bool between = false;    // no transaction is in hand, and the server is there
+    std::string waits = {};  // else: what for; empty: for the transaction's end
 };
 
 // Looks and answers, where that is due.  OUTCOME_FAILED when what was asked for could not be kept.
