@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 enum feed_kind { FEED_NULL, FEED_FALSE, FEED_TRUE, FEED_DIGITS, FEED_TEXT };
@@ -28,7 +29,9 @@ struct feed_column {
     std::string name;
     feed_type type;
     std::string type_name = {}; // as the source writes it; empty: its rows do not tell
-    std::string value;          // FEED_DIGITS: its digits as written; FEED_TEXT: UTF-8; else empty
+    // FEED_DIGITS: its digits as written; FEED_TEXT: UTF-8; else empty.  The bytes belong to
+    // whoever filled the row, since they may be hundreds of megabytes.
+    std::string_view value = {};
     feed_kind kind = FEED_NULL;
 };
 

@@ -2,6 +2,7 @@
 #include "feed/source.h"
 
 #include "feed/text.h"
+#include "fwutil/fwu_writer_check.h"
 
 #include <algorithm>
 
@@ -112,4 +113,8 @@ void feed_describe(feed_table &table, const fwu_config &config, feed_told told,
     table.told = std::move(told);
     if (table.layout.source == nullptr || *table.layout.source != source)
         table.layout.source = std::make_shared<const fwu_source>(std::move(source));
+    if (const std::string problem = fwu_source_problem(table.layout); !problem.empty()) {
+        notes.push_back(problem + ": the log does not say where its records come from");
+        table.layout.source = nullptr;
+    }
 }

@@ -5,6 +5,7 @@
 #include "feed/policy.h"
 #include "feed/text.h"
 #include "fwutil/fwu_source_name.h"
+#include "fwutil/fwu_writer_check.h"
 
 #include <algorithm>
 #include <climits>
@@ -91,6 +92,19 @@ static void set_policies(feed_table &table, const fwu_config &config, fwu_policy
     }
 }
 
+// A change that the log has no room for would come too late to be refused.
+static std::string image_too_long_text(const feed_table &table, const std::string &where,
+                                       int64_t length)
+{
+    const std::string what = ": the record image is longer than the " +
+                             std::to_string(FWU_IMAGE_MAX) + " bytes that the log has room for";
+    if (table.own == nullptr)
+        return where + what;
+    return "table " + table.name + what + ", " + std::to_string(length) +
+           ": give its columns less with lines column " + table.name + ".COLUMN width=N in " +
+           table.config->path + ", or leave it out with the line skip-table " + table.name;
+}
+
 static outcome measure(feed_table &table, const feed_tables &tables)
 {
     const fwu_config &config = *tables.config;
@@ -106,8 +120,9 @@ static outcome measure(feed_table &table, const feed_tables &tables)
                                " has a type and size that cannot be loaded");
         table.offsets.push_back(offset);
         offset += int64_t{item.size} * item.count;
-        if (offset > INT32_MAX)
-            return outcome_bad(where + ": the record image is longer than 2 GB");
+        if (offset > static_cast<int64_t>(FWU_IMAGE_MAX))
+            return outcome_bad(
+                image_too_long_text(table, where, fwu_layout_image_length(dataset.layout)));
     }
     table.image_length = static_cast<int32_t>(offset);
     table.layout = dataset.layout;
@@ -116,6 +131,8 @@ static outcome measure(feed_table &table, const feed_tables &tables)
         return outcome_bad(
             where + ": the null map must be an X item with a character for each other item, " +
             std::to_string(items.size() - 1));
+    if (std::string problem = fwu_items_problem(dataset.layout); !problem.empty())
+        return outcome_bad(std::move(problem));
     set_policies(table, config, tables.default_policy);
     return {};
 }

@@ -63,6 +63,20 @@ feed_encoded feed_encode(std::string &out, std::string_view utf8, fwu_encoding e
     }
 }
 
+feed_measured feed_measure(std::string_view utf8, fwu_encoding encoding)
+{
+    constexpr size_t at_a_time = 4096;
+    feed_measured all;
+    std::string piece;
+    while (!utf8.empty()) {
+        const feed_encoded done = feed_encode(piece, utf8, encoding, at_a_time);
+        all.length += piece.size();
+        all.bad = all.bad == 0 ? done.bad : all.bad;
+        utf8.remove_prefix(done.taken);
+    }
+    return all;
+}
+
 std::string feed_latin1(std::string_view utf8)
 {
     std::string out;
@@ -142,9 +156,11 @@ static const char *take_element(std::string &element, std::string_view &rest)
     return !escaped && is_null_word(element) ? "has a NULL among its elements" : nullptr;
 }
 
-const char *feed_array(std::vector<std::string> &elements, std::string_view literal)
+const char *feed_array(std::vector<std::string> &elements, size_t &count, std::string_view literal,
+                       size_t most)
 {
-    size_t count = 0;
+    std::string passed_over;
+    count = 0;
     if (const char *wrong = skip_bounds(literal))
         return wrong;
     if (literal.size() < 2 || literal.front() != '{' || literal.back() != '}')
@@ -155,9 +171,9 @@ const char *feed_array(std::vector<std::string> &elements, std::string_view lite
         return nullptr;
     }
     for (;;) {
-        if (count == elements.size())
+        if (count < most && count == elements.size())
             elements.emplace_back();
-        if (const char *wrong = take_element(elements[count], literal))
+        if (const char *wrong = take_element(count < most ? elements[count] : passed_over, literal))
             return wrong;
         count++;
         if (literal == "}")
@@ -166,7 +182,7 @@ const char *feed_array(std::vector<std::string> &elements, std::string_view lite
             return "is not an array literal";
         literal.remove_prefix(1);
     }
-    elements.resize(count);
+    elements.resize(std::min(count, most));
     return nullptr;
 }
 

@@ -24,6 +24,13 @@ struct feed_encoded {
 feed_encoded feed_encode(std::string &out, std::string_view utf8, fwu_encoding encoding,
                          size_t room);
 
+// What a text would become as a whole.
+struct feed_measured {
+    size_t length = 0; // bytes
+    uint32_t bad = 0;  // as above
+};
+feed_measured feed_measure(std::string_view utf8, fwu_encoding encoding);
+
 // In ISO 8859-1, whatever has no place there.
 std::string feed_latin1(std::string_view utf8);
 
@@ -31,8 +38,10 @@ std::string feed_latin1(std::string_view utf8);
 size_t feed_ascii_length(std::string_view text);
 
 // The elements of a one-dimensional array literal such as {44,0,"a \"b\""}; a
-// leading "[0:3]=" is passed over.  Returns null, or what is wrong with it.
-const char *feed_array(std::vector<std::string> &elements, std::string_view literal);
+// leading "[0:3]=" is passed over.  Those behind the first most are counted only, since a literal
+// may have millions.  Returns null, or what is wrong with it.
+const char *feed_array(std::vector<std::string> &elements, size_t &count, std::string_view literal,
+                       size_t most);
 
 // Name of a dataset or item for a table or column: upper case, "_" becomes "-".
 std::string feed_name(std::string_view name);

@@ -177,15 +177,18 @@ static outcome put_words(feed_value_work &work, feed_place &place, const value &
     }
 
     const bool cuts = place.mark && may_cut;
-    feed_encoded made = feed_encode(work.text, text, encoding, cuts ? width : FEED_ALL);
-    if (made.bad != 0 && !place.mark)
-        return no_place(work, text, made.bad);
-    if (work.text.size() > width) {
+    const feed_encoded made = feed_encode(work.text, text, encoding, width);
+    const bool whole = made.taken == text.size();
+    const feed_measured all = whole || cuts
+                                  ? feed_measured{.length = work.text.size(), .bad = made.bad}
+                                  : feed_measure(text, encoding);
+    if (all.bad != 0 && !place.mark)
+        return no_place(work, text, all.bad);
+    if (!whole && !cuts) {
         if (!may_cut || !work.settings.truncate)
-            return too_long(work, place.item, from.text, work.text.size(), may_cut);
-        made = feed_encode(work.text, text, encoding, width);
+            return too_long(work, place.item, from.text, all.length, may_cut);
         work.truncated++;
-    } else if (made.taken < text.size()) {
+    } else if (!whole) {
         place.flag = FWU_FLAG_CUT;
     }
     if (made.bad != 0 && place.flag == FWU_FLAG_VALUE) {
@@ -239,15 +242,17 @@ static outcome put_array(feed_value_work &work, feed_place &place, const value &
                       "is not an array, item " + item.name + " has " + std::to_string(item.count) +
                           " elements",
                       {.remedy = "give it one element"});
-    if (const char *wrong = feed_array(work.elements, from.text))
+    const auto wanted = static_cast<size_t>(item.count);
+    size_t count = 0;
+    if (const char *wrong = feed_array(work.elements, count, from.text, wanted))
         return refuse(work,
                       feed_quote(from.text) + " " + wrong + "; item " + item.name +
                           " needs a list of " + std::to_string(item.count) + " values",
                       {.remedy = "or make it an X item of one element"});
-    if (work.elements.size() != static_cast<size_t>(item.count))
+    if (count != wanted)
         return refuse(work,
-                      feed_quote(from.text) + " has " + std::to_string(work.elements.size()) +
-                          " elements, item " + item.name + " has " + std::to_string(item.count),
+                      feed_quote(from.text) + " has " + std::to_string(count) + " elements, item " +
+                          item.name + " has " + std::to_string(item.count),
                       {.remedy = "the numbers must be the same"});
     feed_place element_place = {.item = item, .out = place.out, .mark = place.mark};
     for (const std::string &element : work.elements) {

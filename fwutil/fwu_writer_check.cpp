@@ -45,46 +45,62 @@ static bool source_texts_ok(const fwu_source &source)
     return ok;
 }
 
-static int check_source(const fwu_layout &layout)
+// A name in a message, which ends at a zero byte.
+static std::string shown(const std::string &name)
+{
+    return name.substr(0, name.find('\0'));
+}
+
+static std::string name_of(const fwu_layout &layout)
+{
+    return shown(layout.dbname) + "." + shown(layout.dsetname);
+}
+
+std::string fwu_source_problem(const fwu_layout &layout)
 {
     if (layout.source == nullptr)
-        return 0;
-    const char *const db = layout.dbname.c_str();
-    const char *const set = layout.dsetname.c_str();
+        return "";
     const fwu_source &source = *layout.source;
     if (!source_texts_ok(source))
-        return fwu_error(
-            "%s.%s: the source's table and columns have names of 1 to %zu bytes, schema "
-            "and types have at most as many, none zero",
-            db, set, FWU_SOURCE_TEXT_MAX);
+        return name_of(layout) + ": the source's table and columns have names of 1 to " +
+               std::to_string(FWU_SOURCE_TEXT_MAX) +
+               " bytes, schema and types have at most as many, none zero";
     if (!fwu_source_fits(source, layout.items.size()) || source.null_map < -1 ||
         (source.null_map >= 0 &&
          !fwu_null_map_ok(layout.items, static_cast<size_t>(source.null_map))))
-        return fwu_error("%s.%s: the source of the records does not fit their items", db, set);
+        return name_of(layout) + ": the source of the records does not fit their items";
     if (fwu_entry_source_length(layout) > FWU_ENTRY_MAX)
-        return fwu_error("%s.%s: the source's texts are too long for a log entry (%zu bytes)", db,
-                         set, FWU_ENTRY_MAX);
-    return 0;
+        return name_of(layout) + ": the source's texts are too long for a log entry (" +
+               std::to_string(FWU_ENTRY_MAX) + " bytes)";
+    return "";
+}
+
+std::string fwu_items_problem(const fwu_layout &layout)
+{
+    if (!name_ok(layout.dbname, FWU_NAME_MAX) || !name_ok(layout.dsetname, FWU_NAME_MAX))
+        return "\"" + shown(layout.dbname) + "\".\"" + shown(layout.dsetname) +
+               "\": database and dataset names have 1 to " + std::to_string(FWU_NAME_MAX) +
+               " bytes, none zero";
+    for (const fwu_item &item : layout.items) {
+        if (!name_ok(item.name, FWU_ITEM_NAME_MAX))
+            return name_of(layout) + ": item name \"" + shown(item.name) +
+                   "\": item names have 1 to " + std::to_string(FWU_ITEM_NAME_MAX) +
+                   " bytes, none zero";
+        if (item.size < 1 || item.count < 1)
+            return name_of(layout) + ": item " + shown(item.name) +
+                   ": size and count must be at least 1";
+    }
+    if (fwu_entry_layout_length(layout) > FWU_ENTRY_MAX)
+        return name_of(layout) + ": too many items for a log entry";
+    return "";
 }
 
 int fwu_check_layout(const fwu_layout &layout)
 {
-    if (!name_ok(layout.dbname, FWU_NAME_MAX) || !name_ok(layout.dsetname, FWU_NAME_MAX))
-        return fwu_error("\"%s\".\"%s\": database and dataset names have 1 to %d bytes, none zero",
-                         layout.dbname.c_str(), layout.dsetname.c_str(), FWU_NAME_MAX);
-    for (const fwu_item &item : layout.items) {
-        if (!name_ok(item.name, FWU_ITEM_NAME_MAX))
-            return fwu_error("%s.%s: item name \"%s\": item names have 1 to %d bytes, none zero",
-                             layout.dbname.c_str(), layout.dsetname.c_str(), item.name.c_str(),
-                             FWU_ITEM_NAME_MAX);
-        if (item.size < 1 || item.count < 1)
-            return fwu_error("%s.%s: item %s: size and count must be at least 1",
-                             layout.dbname.c_str(), layout.dsetname.c_str(), item.name.c_str());
-    }
-    if (fwu_entry_layout_length(layout) > FWU_ENTRY_MAX)
-        return fwu_error("%s.%s: too many items for a log entry", layout.dbname.c_str(),
-                         layout.dsetname.c_str());
-    return check_source(layout);
+    std::string problem = fwu_items_problem(layout);
+    if (problem.empty())
+        problem = fwu_source_problem(layout);
+    return problem.empty() ? 0 : fwu_error("%s", problem.c_str());
 }
 
 int fwu_check_change(const fwu_layout &layout, const fwu_change &change)

@@ -6,7 +6,14 @@
 #include "fwutil/fwu_items.h"
 #include "fwutil/fwu_session.h"
 
+#include <string>
+
 int fwu_check_session(const fwu_session &session);
+
+// What is wrong with a layout's names and items, and with the source that it has; empty: nothing.
+// Whoever makes layouts from what others say asks first.
+std::string fwu_items_problem(const fwu_layout &layout);
+std::string fwu_source_problem(const fwu_layout &layout);
 
 // The source of the layout, too, if it has one.
 int fwu_check_layout(const fwu_layout &layout);

@@ -234,7 +234,7 @@ outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
 
 static void set_value(feed_column &column, const pgo_value &value)
 {
-    column.value.assign(value.text);
+    column.value = value.text;
     column.kind = value.kind == 'n' ? FEED_NULL : FEED_TEXT;
     if (column.kind == FEED_TEXT && column.type.whole == FEED_BOOLEAN)
         column.kind = value.text == "t" ? FEED_TRUE : FEED_FALSE;

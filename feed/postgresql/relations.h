@@ -60,8 +60,9 @@ outcome pgb_undescribed(uint32_t id);
 outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
                  std::vector<std::string> &notes);
 
-// The new row of a tuple, valid until the next one of this relation; columns that were not
-// sent are left out.  OUTCOME_BAD when the tuple does not fit the description.
+// The new row of a tuple, valid until the next one of this relation and as long as the message's
+// bytes, which its values are; columns that were not sent are left out.  OUTCOME_BAD when the tuple
+// does not fit the description.
 outcome pgb_row(const feed_row *&row, pgb_relation &relation, const pgo_tuple &tuple);
 
 // Fills the values of a row with all columns of its relation.  OUTCOME_BAD as above.

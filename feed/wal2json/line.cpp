@@ -155,13 +155,21 @@ struct handler {
                (at == IN_COLUMN && column_now == OTHER_OF_COLUMN);
     }
 
+    // The parser's text is gone with the call.
+    std::string_view keep(std::string_view text)
+    {
+        if (line.used == line.texts.size())
+            line.texts.emplace_back();
+        return line.texts[line.used++] = text;
+    }
+
     bool column_value(feed_kind kind, std::string_view text)
     {
         if (at != IN_COLUMN || column_now != VALUE)
             return wrong_type();
         feed_column &column = row().columns[row().count];
         column.kind = kind;
-        column.value = text;
+        column.value = keep(text);
         return true;
     }
 
@@ -398,6 +406,7 @@ static void clear_line(w2j_line &line)
     line.action = 0;
     line.xid = 0;
     line.transactional = false;
+    line.used = 0;
     line.columns.present = false;
     line.columns.count = 0;
     line.identity.present = false;

@@ -6,23 +6,27 @@
 #include "feed/row.h"
 #include "util/outcome.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 
 struct w2j_line {
     char action = 0; // B I U D C M T
     uint64_t xid = 0;
-    std::string lsn;            // B, C: position of the commit, "hi/lo"
-    std::string timestamp;      // B, C: time of the commit
-    std::string schema;         // I, U, D, T
-    std::string table;          // I, U, D, T
-    feed_row columns;           // I, U: the new row
-    feed_row identity;          // U, D: the old row
-    feed_row key;               // I, U, D: names of the primary key's columns, if they are told
-    bool transactional = false; // M
-    std::string prefix;         // M
-    std::string content;        // M
+    std::string lsn;               // B, C: position of the commit, "hi/lo"
+    std::string timestamp;         // B, C: time of the commit
+    std::string schema;            // I, U, D, T
+    std::string table;             // I, U, D, T
+    feed_row columns;              // I, U: the new row
+    feed_row identity;             // U, D: the old row
+    feed_row key;                  // I, U, D: names of the primary key's columns, if they are told
+    bool transactional = false;    // M
+    std::string prefix;            // M
+    std::string content;           // M
+    std::deque<std::string> texts; // the first used ones hold the values of the rows
+    size_t used = 0;
 };
 
 // Reads one line.  OUTCOME_BAD: not JSON, not UTF-8, a member that is missing, given

@@ -3,6 +3,7 @@
 #include "feed/marks.h"
 #include "tests/feed/maker.h"
 
+#include <deque>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -43,7 +44,8 @@ struct mark_case {
 
 static feed_column text(feed_type type, const std::string &value)
 {
-    return text_column("value", type, value.c_str());
+    static std::deque<std::string> kept; // columns only point to their values
+    return text_column("value", type, kept.emplace_back(value).c_str());
 }
 
 static feed_column digits(const char *value)
@@ -55,7 +57,7 @@ static void check(const std::vector<mark_case> &cases, fwu_encoding encoding)
 {
     for (const mark_case &row : cases) {
         SCOPED_TRACE(std::string(1, static_cast<char>(row.item.type)) +
-                     std::to_string(row.item.size) + " " + row.column.value);
+                     std::to_string(row.item.size) + " " + std::string(row.column.value));
         maker make(marked({row.item}));
         make.work.settings.encoding = encoding;
         const feed_row of = row_of({row.column});

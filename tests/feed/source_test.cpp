@@ -186,3 +186,15 @@ TEST_F(FeedSource, TwoColumnsThatFeedOneItemAreOneFeedAndAnother)
     EXPECT_EQ(described(told({{"Order_No", ""}, {"order_no", ""}})),
               "sales.orders: Order_No >0; order_no");
 }
+
+TEST_F(FeedSource, ASourceThatTheLogCannotHoldIsTold)
+{
+    configure({item_of("NO", 'I', 4)});
+    feed_told no_name = told({{.name = "no", .type = "integer"}});
+    no_name.table = "";
+    EXPECT_EQ(described(no_name), "none");
+    EXPECT_THAT(notes, ElementsAre("SALES.ORDERS: the source's table and columns have names of 1 "
+                                   "to 65535 bytes, schema and types have at most as many, none "
+                                   "zero: the log does not say where its records come from"));
+    EXPECT_EQ(described(told({{.name = "no", .type = "integer"}})), "sales.orders: no integer >0");
+}

@@ -155,9 +155,17 @@ TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)
           item_of("A", 'Q', 4), item_of("A", 'X', 4, 0), item_of("A", 'P', 15),
           item_of("A", 'X', 32768)})
         EXPECT_EQ(refusal({item}), at + "item A has a type and size that cannot be loaded");
+    // 1024 * 32767 + 960 bytes are the most of which an update of two fits a log entry.
+    EXPECT_EQ(refusal({item_of("A", 'X', 32767, 1024), item_of("B", 'X', 960)}), "none");
+    const std::string too_long =
+        at + "the record image is longer than the 33554368 bytes that the log has room for";
+    EXPECT_EQ(refusal({item_of("A", 'X', 32767, 1024), item_of("B", 'X', 961)}), too_long);
     EXPECT_EQ(refusal({item_of("A", 'X', 32767, 32767), item_of("B", 'X', 32767, 32767),
                        item_of("C", 'X', 32767, 32767)}),
-              at + "the record image is longer than 2 GB");
+              too_long);
+    EXPECT_EQ(refusal({item_of("ITEM-NAME-OF-18-CH", 'I', 4)}),
+              "SALES.ORDERS: item name \"ITEM-NAME-OF-18-CH\": item names have 1 to 17 bytes, "
+              "none zero");
     const std::string null_map =
         at + "the null map must be an X item with a character for each other item, 2";
     EXPECT_EQ(refusal({item_of("A", 'X', 1), item_of("B", 'X', 1), item_of("N", 'X', 1)}, 2),

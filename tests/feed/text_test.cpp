@@ -182,15 +182,48 @@ TEST(FeedText, SessionTextsKeepGoingWithAQuestionMark)
               "a?b");
 }
 
-static std::string array(const char *literal)
+static std::string array(const char *literal, size_t most = 100, size_t in_all = 0)
 {
     std::vector<std::string> elements = {"left", "over", "from", "before", "this"};
-    if (const char *wrong = feed_array(elements, literal))
+    size_t count = 0;
+    if (const char *wrong = feed_array(elements, count, literal, most))
         return wrong;
+    EXPECT_EQ(count, in_all == 0 ? elements.size() : in_all) << literal;
     std::string out;
     for (const std::string &element : elements)
         out += "<" + element + ">";
     return out;
+}
+
+TEST(FeedText, ElementsBehindTheMostAreCountedOnly)
+{
+    EXPECT_EQ(array("{1,2,3,4}", 2, 4), "<1><2>");
+    EXPECT_EQ(array("{1,2}", 2, 2), "<1><2>");
+    EXPECT_EQ(array("{\"a,b\",2}", 0, 2), "");
+    EXPECT_EQ(array("{1,2,3,{4}}", 2), "is an array of more than one dimension");
+    EXPECT_EQ(array("{1,2,3", 2), "is not an array literal");
+}
+
+TEST(FeedText, ATextIsMeasuredAsItWouldBeEncoded)
+{
+    const std::string characters[] = {"a",    "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x8C\x8D",
+                                      "\xFF", "\xC3"};
+    const unsigned seed = std::random_device{}();
+    std::minstd_rand random(seed);
+    for (int round = 0; round < 200; round++) {
+        std::string text;
+        const size_t length = random() % 10'000;
+        const size_t kinds = 1 + random() % std::size(characters);
+        while (text.size() < length)
+            text += characters[random() % kinds];
+        for (const fwu_encoding encoding : {FWU_LATIN1, FWU_UTF8}) {
+            std::string out;
+            const feed_encoded whole = feed_encode(out, text, encoding, FEED_ALL);
+            const feed_measured measured = feed_measure(text, encoding);
+            ASSERT_EQ(measured.length, out.size()) << "seed " << seed;
+            ASSERT_EQ(measured.bad, whole.bad) << "seed " << seed;
+        }
+    }
 }
 
 TEST(FeedText, ArraysAreTakenApartAtTheirCommas)

@@ -61,7 +61,7 @@ class OldRow : public testing::Test {
         for (size_t i = 0; i < old->count; i++) {
             const feed_column &column = old->columns[i];
             text += (text.empty() ? "" : " ") + column.name + "=" +
-                    (column.kind == FEED_NULL ? "null" : column.value);
+                    (column.kind == FEED_NULL ? "null" : std::string(column.value));
         }
         return text;
     }
