@@ -92,17 +92,23 @@ static void set_policies(feed_table &table, const fwu_config &config, fwu_policy
     }
 }
 
-// A change that the log has no room for would come too late to be refused.
-static std::string image_too_long_text(const feed_table &table, const std::string &where,
-                                       int64_t length)
+// A change that the log has no room for would come too late to be refused.  Where nobody has
+// asked for them, images stay so short that a few of them take little memory.
+static int64_t image_max(const feed_table &table)
 {
-    const std::string what = ": the record image is longer than the " +
-                             std::to_string(FWU_IMAGE_MAX) + " bytes that the log has room for";
+    return table.own == nullptr ? int64_t{FWU_IMAGE_MAX} : FEED_IMAGE_MAX;
+}
+
+static std::string image_too_long_text(const feed_table &table, const std::string &where)
+{
+    const std::string what =
+        ": the record image is longer than " + std::to_string(image_max(table)) + " bytes";
     if (table.own == nullptr)
-        return where + what;
-    return "table " + table.name + what + ", " + std::to_string(length) +
+        return where + what + ", of which the log has room for two";
+    return "table " + table.name + what + ", " +
+           std::to_string(fwu_layout_image_length(table.dataset->layout)) +
            ": give its columns less with lines column " + table.name + ".COLUMN width=N in " +
-           table.config->path + ", or leave it out with the line skip-table " + table.name;
+           table.config->path + ", or leave the table out with the line skip-table " + table.name;
 }
 
 static outcome measure(feed_table &table, const feed_tables &tables)
@@ -120,9 +126,8 @@ static outcome measure(feed_table &table, const feed_tables &tables)
                                " has a type and size that cannot be loaded");
         table.offsets.push_back(offset);
         offset += int64_t{item.size} * item.count;
-        if (offset > static_cast<int64_t>(FWU_IMAGE_MAX))
-            return outcome_bad(
-                image_too_long_text(table, where, fwu_layout_image_length(dataset.layout)));
+        if (offset > image_max(table))
+            return outcome_bad(image_too_long_text(table, where));
     }
     table.image_length = static_cast<int32_t>(offset);
     table.layout = dataset.layout;

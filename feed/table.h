@@ -14,6 +14,7 @@
 #include <vector>
 
 constexpr int FEED_NO_COLUMN = -1;
+constexpr int64_t FEED_IMAGE_MAX = 16 * 1024 * 1024; // bytes, of items that are not configured
 
 // Where the items of a dataset find their columns in rows whose columns have
 // these names.  Rows of a table hardly ever differ in that.

@@ -47,7 +47,6 @@ constexpr uint16_t FWU_VERSION_SALTED = 2; // what a writer makes
 // that stands inside a record, not even a copy of a real one, passes for it.
 constexpr size_t FWU_ENTRY_HEADER_SIZE = 24;
 constexpr size_t FWU_ENTRY_MAX = 64 * 1024 * 1024;
-constexpr size_t FWU_IMAGE_MAX = FWU_ENTRY_MAX / 2 - 64; // an update has two, behind two names
 constexpr size_t FWU_ENTRY_ALIGN = 8;
 constexpr size_t FWU_ENTRY_CRC_AT = 12; // both CRC words: what the chain covers
 constexpr size_t FWU_ENTRY_CRC_SIZE = 8;

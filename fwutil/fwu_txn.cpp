@@ -50,6 +50,11 @@ static int spill(fwu_txn &txn, const std::string &directory)
     return 0;
 }
 
+int fwu_txn_room(fwu_txn &txn, uint64_t length, const std::string &directory)
+{
+    return length > FWU_TXN_SPILL_SIZE && !txn.entries.empty() ? spill(txn, directory) : 0;
+}
+
 int fwu_txn_added(fwu_txn &txn, const std::string &directory)
 {
     txn.chain = fwu_crc32c(txn.chain, txn.entries.data() + txn.counted + FWU_ENTRY_CRC_AT,

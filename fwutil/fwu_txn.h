@@ -24,6 +24,9 @@ struct fwu_txn {
 // Begins anew, the first entry gets first_tag.
 void fwu_txn_begin(fwu_txn &txn, int32_t first_tag);
 
+// Spills what is there before an entry of this length that is large itself.  0, or -1 (reported).
+int fwu_txn_room(fwu_txn &txn, uint64_t length, const std::string &directory);
+
 // Counts the entry that has just been appended to entries, and spills what is
 // too much for memory into a file in directory.  0, or -1 (reported).
 int fwu_txn_added(fwu_txn &txn, const std::string &directory);

@@ -265,6 +265,8 @@ int fwu_writer_record(fwu_writer *writer, int32_t opcode, const fwu_layout &layo
     for (const fwu_value &value : values)
         if (put_value(w, value) != 0)
             return -1;
+    if (fwu_txn_room(w.txn, fwu_entry_change_length(change), w.log.directory) != 0)
+        return refuse(w);
     fwu_entry_put_change(w.txn.entries, w.txn.tag + 1, change);
     if (fwu_txn_added(w.txn, w.log.directory) != 0)
         return refuse(w);

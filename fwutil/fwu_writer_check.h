@@ -8,6 +8,8 @@
 
 #include <string>
 
+constexpr size_t FWU_IMAGE_MAX = FWU_ENTRY_MAX / 2 - 64; // an update has two, behind two names
+
 int fwu_check_session(const fwu_session &session);
 
 // What is wrong with a layout's names and items, and with the source that it has; empty: nothing.

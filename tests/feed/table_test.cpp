@@ -158,7 +158,7 @@ TEST(PgTable, LayoutsThatCannotBeFilledAreRefused)
     // 1024 * 32767 + 960 bytes are the most of which an update of two fits a log entry.
     EXPECT_EQ(refusal({item_of("A", 'X', 32767, 1024), item_of("B", 'X', 960)}), "none");
     const std::string too_long =
-        at + "the record image is longer than the 33554368 bytes that the log has room for";
+        at + "the record image is longer than 33554368 bytes, of which the log has room for two";
     EXPECT_EQ(refusal({item_of("A", 'X', 32767, 1024), item_of("B", 'X', 961)}), too_long);
     EXPECT_EQ(refusal({item_of("A", 'X', 32767, 32767), item_of("B", 'X', 32767, 32767),
                        item_of("C", 'X', 32767, 32767)}),

@@ -468,6 +468,21 @@ TEST_F(WriterTest, ALargeTransactionGoesThroughASpillFileThatHasNoName)
     EXPECT_TRUE(outcome.records == written);
 }
 
+TEST_F(WriterTest, RecordsThatAreLargeThemselvesFollowEachOther)
+{
+    configure("database SALES\ndataset ORDERS\nitem TEXT X 30000 x300\n");
+    open_writer();
+    const std::string large(9'000'000, 'x');
+    const std::string other(9'000'000, 'y');
+    add({{"SALES", "ORDERS", 2, FWU_OP_UPDATE, 0, large, other},
+         {"SALES", "ORDERS", 3, FWU_OP_INSERT, 0, "", large},
+         {"SALES", "ORDERS", 4, FWU_OP_DELETE, 0, other, ""}});
+    close_writer();
+    const run_outcome outcome = run();
+    EXPECT_EQ(outcome.result, 0) << outcome.err;
+    EXPECT_TRUE(outcome.records == written);
+}
+
 TEST_F(WriterTest, AFullDiskWhileSpillingGivesTheTransactionUp)
 {
     const system_calls_guard guard;

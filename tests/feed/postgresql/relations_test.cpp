@@ -100,6 +100,28 @@ TEST_F(Relations, TableThatIsNotConfiguredGetsItsDatasetFromTheServer)
     EXPECT_EQ(relation.table->image_length, 4 + 2 + 2);
 }
 
+TEST_F(Relations, ATableWhoseImagesWouldBeTooLongIsRefusedUntilItsColumnsGetLess)
+{
+    // bit(32767) always is as long as it says: 512 of them, and a null map, are just not too many.
+    std::vector<pgo_column> columns;
+    for (size_t i = 0; i < 512; i++)
+        columns.push_back({"c" + std::to_string(i), 1560, 32767});
+    describe(6, "most", columns);
+    EXPECT_EQ(find(6).table->image_length, 16'777'216);
+    columns.push_back({"done", 16, -1});
+    describe(7, "orders", columns);
+    EXPECT_EQ(error_of(7),
+              "table app.orders: the record image is longer than 16777216 bytes, 16777218: give "
+              "its columns less with lines column app.orders.COLUMN width=N in shop.cfg, or leave "
+              "the table out with the line skip-table app.orders");
+    fwu_column less;
+    less.table = "app.orders";
+    less.column = "c0";
+    less.width = 32765;
+    config.columns.push_back(less);
+    EXPECT_EQ(find(7).table->image_length, 16'777'216);
+}
+
 TEST_F(Relations, ChangedTableChangesItsLayout)
 {
     describe(7, "orders", {{"no", 23, -1}});
