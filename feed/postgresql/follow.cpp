@@ -29,6 +29,9 @@ constexpr int MESSAGES_A_LOOK = 256;     // messages between two looks at the cl
 constexpr int64_t ASK_AFTER_MS = 20'000; // of silence, whether the server is there
 constexpr int64_t GOOD_BYE_MS = 3000;    // for the server to end the stream
 
+// Bytes of a message in UTF-8 that stay for the next one.
+constexpr size_t CONVERTED_KEPT = 1 << 20;
+
 struct follow {
     pgs_server &server;
     pgb_state &state;
@@ -211,7 +214,10 @@ static outcome take_copy_data(follow &f, std::string_view bytes)
         if (message.size() >= BEGIN_SIZE && message[0] == 'B' && !f.tx.open)
             done = pass(f, big_endian(message.data() + 1));
         if (done && f.server.texts != nullptr) {
+            if (f.converted.capacity() > CONVERTED_KEPT)
+                std::string().swap(f.converted);
             f.converted.clear();
+            f.converted.reserve(message.size() + message.size() / 2); // three bytes for two
             done = pge_message(f.converted, f.server, message);
             message = f.converted;
         }
