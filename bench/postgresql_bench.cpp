@@ -97,7 +97,7 @@ struct bench {
     std::vector<std::string> receiver(const std::string &slot, const std::string &file,
                                       const std::string &end) const
     {
-        return {pg_server::programs() + "/pg_recvlogical",
+        return {pg_server::client_program("pg_recvlogical"),
                 "-d",
                 server.conninfo(),
                 "--slot",

@@ -15,8 +15,8 @@ class AnyDatabase : public BridgeTest {
         BridgeTest::SetUp();
         if (server == nullptr)
             return;
-        psql = pg_server::programs() + "/psql";
-        if (access(psql.c_str(), X_OK) != 0)
+        psql = pg_server::client_program("psql");
+        if (psql.empty())
             GTEST_SKIP() << "psql is missing (Debian package postgresql-client-15)";
         if (run_program({"/usr/bin/env", "python3", "--version"}).status != 0)
             GTEST_SKIP() << "no python3";
@@ -60,6 +60,10 @@ class AnyDatabase : public BridgeTest {
     {
         pg_client client = connect();
         std::ofstream file(dir.file("contents"), std::ios::binary);
+        const std::string sent = client.version() < 18 ? "= ''" : "<> 'v'";
+        const std::string published = client.version() < 13
+                                          ? "relkind = 'r'"
+                                          : "relkind IN ('r', 'p') AND NOT relispartition";
         // One without columns has nothing to tell of, and the bridge says so.
         for (const auto &table : client.run(
                  "SELECT json_build_object('table', ARRAY[nspname, relname],"
@@ -72,8 +76,9 @@ class AnyDatabase : public BridgeTest {
                  "     SELECT format_type(t, NULL) FROM base JOIN pg_type ON oid = t"
                  "     WHERE typtype <> 'd') ORDER BY attnum) AS types"
                  "  FROM pg_attribute WHERE attrelid = c.oid AND attnum > 0 AND NOT attisdropped"
-                 "   AND attgenerated = '') a"
-                 " WHERE relkind IN ('r', 'p') AND NOT relispartition AND relpersistence = 'p'"
+                 "   AND attgenerated " +
+                 sent + ") a WHERE " + published +
+                 " AND relpersistence = 'p'"
                  " AND list <> '' AND nspname !~ '^(pg_|information_schema$|kestro$)' ORDER BY "
                  "nspname, relname"))
             file << '@' << table[0] << '\n' << rows(client, table);

@@ -2,6 +2,13 @@
 -- that such a database has and that a fixed-width record finds hard.  Nothing here prepares
 -- it for being followed.  A comment "work: EXPRESSION" on a column tells the workload
 -- (any_database_work.sql) where the values come from that the column's constraints take.
+
+-- What the server may be too old for is something else there.
+SELECT CASE WHEN number < 150000 THEN 'numeric(5,0)' ELSE 'numeric(3,-2)' END AS hundreds,
+    CASE WHEN number < 150000 THEN 'numeric(5,5)' ELSE 'numeric(2,5)' END AS thousandths,
+    CASE WHEN number < 140000 THEN 'tsrange' ELSE 'tsmultirange' END AS ranges
+    FROM (SELECT current_setting('server_version_num')::integer AS number) AS version \gset
+
 CREATE EXTENSION hstore;
 CREATE EXTENSION citext;
 CREATE SCHEMA crm;
@@ -44,7 +51,7 @@ CREATE TABLE group_members (group_id integer, user_id integer, owner boolean,
 CREATE TABLE permissions (category_id integer, group_id integer, permission_type smallint);
 CREATE TABLE api_keys (key_hash bytea PRIMARY KEY DEFAULT decode(md5(random()::text), 'hex'),
     description varchar(200), allowed cidr[], revoked_at timestamptz(0), scopes hstore);
-CREATE TABLE sessions (id uuid PRIMARY KEY DEFAULT gen_random_uuid(), data bytea, expires timestamptz);
+CREATE TABLE sessions (id uuid PRIMARY KEY DEFAULT md5(random()::text)::uuid, data bytea, expires timestamptz);
 CREATE TABLE devices (mac macaddr, mac8 macaddr8, owner text, flags bit(12), features bit varying,
     firmware varchar(20));
 
@@ -93,7 +100,7 @@ CREATE TABLE crm.customers (id serial PRIMARY KEY, "Name" varchar(80), "NAME" va
     moods crm.mood[], email crm.email, phone varchar(20), rating crm.score, credit money,
     since date, birthday_of_contact_person date, notes text, preferences jsonb DEFAULT '{}',
     address_line_1 varchar(100), address_line_2 varchar(100), address_line_3 varchar(100));
-CREATE TABLE crm.contacts (id uuid PRIMARY KEY DEFAULT gen_random_uuid(), customer integer
+CREATE TABLE crm.contacts (id uuid PRIMARY KEY DEFAULT md5(random()::text)::uuid, customer integer
     REFERENCES crm.customers ON DELETE CASCADE, given_name text, family_name text, born date,
     anniversary timestamp(0), call_at time, call_zone timetz, waiting interval, attributes jsonb);
 COMMENT ON COLUMN crm.contacts.customer IS 'work: 1 + floor(random() * 20)';
@@ -121,7 +128,7 @@ CREATE TABLE "Billing Dept."."Invoices" ("Invoice No." serial PRIMARY KEY, "Cust
     "Fee" "Billing Dept.".fee, "Rate %" numeric(7,4), "Issued" date, "Remarks" text,
     "Gross" numeric GENERATED ALWAYS AS ("Net Amount" + "Tax") STORED);
 CREATE TABLE "Billing Dept."."Invoice Lines" ("Invoice No." integer, "Line" smallint, "Text" varchar(120),
-    "Qty" numeric, "Price" numeric(27,9), "Discount" numeric(3,-2), "Tiny" numeric(2,5),
+    "Qty" numeric, "Price" numeric(27,9), "Discount" :hundreds, "Tiny" :thousandths,
     "Huge" numeric(40,10), PRIMARY KEY ("Line", "Invoice No."));
 CREATE TABLE "Billing Dept."."Line ""Notes""" ("Invoice No." integer, note text);
 CREATE TABLE "Billing Dept.".payments (id bigint PRIMARY KEY, amount money, paid_at timestamptz,
@@ -174,7 +181,7 @@ CREATE TABLE measurements_and_telemetry_of_all_sites.events_1
 CREATE TABLE measurements_and_telemetry_of_all_sites.events_rest
     PARTITION OF measurements_and_telemetry_of_all_sites.events DEFAULT;
 CREATE TABLE measurements_and_telemetry_of_all_sites.sensors (id integer PRIMARY KEY, site point, reach numrange,
-    active daterange, alive tstzrange, busy tsmultirange, config xml, calibration float8[], wal pg_lsn,
+    active daterange, alive tstzrange, busy :ranges, config xml, calibration float8[], wal pg_lsn,
     kind regtype);
 CREATE UNLOGGED TABLE measurements_and_telemetry_of_all_sites.scratch (id serial PRIMARY KEY, note text);
 

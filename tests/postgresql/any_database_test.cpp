@@ -14,7 +14,12 @@ constexpr int STEPS = 150;
 constexpr int STEPS = 600;
 #endif
 constexpr int SESSIONS = 3;
-static const char TABLES[] = "64 tables, "; // of the schema and of the migrations
+// Tables of the schema and of the migrations: before version 13 partitions count, from version 18
+// on one that has nothing but a generated column.
+static std::string tables_of(int version)
+{
+    return version < 13 ? "69 tables, " : version < 18 ? "64 tables, " : "65 tables, ";
+}
 
 class AnyDatabaseTest : public AnyDatabase {
   protected:
@@ -77,7 +82,7 @@ TEST_F(AnyDatabaseTest, AnApplicationsCapturesAndWholeValuesGiveItsTables)
     write_both();
     const run_result compared = compare({"public.users.karma=public.users.reputation"});
     EXPECT_EQ(compared.status, 0) << compared.out << compared.err << bridge.err();
-    EXPECT_THAT(compared.out, HasSubstr(TABLES));
+    EXPECT_THAT(compared.out, HasSubstr(tables_of(server_version())));
     EXPECT_THAT(bridge.err(), HasSubstr("fwlog: warning: table public.no_columns has no columns"));
     // Each mark that such a database needs has been there.
     for (const char *mark : {" 0 .", " 0 N", " 0 C", " 0 ?", " 0 !"})

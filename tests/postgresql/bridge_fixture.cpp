@@ -66,7 +66,7 @@ void BridgeTest::TearDown()
         return client.value("SELECT count(*) FROM pg_replication_slots WHERE active") == "0";
     });
     client.run("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots");
-    client.run("DROP DATABASE " + database + " WITH (FORCE)");
+    server->drop_database(database);
 }
 
 void LedgerTest::SetUp()
@@ -86,6 +86,25 @@ void LedgerTest::insert(int id) const
 std::string BridgeTest::conninfo(const std::string &user) const
 {
     return server->conninfo(database, user);
+}
+
+int BridgeTest::server_version()
+{
+    return pg_client(server->conninfo()).version();
+}
+
+std::string BridgeTest::unsent_kind()
+{
+    return server_version() < 18 ? "STORED" : "VIRTUAL";
+}
+
+std::string BridgeTest::publication_with()
+{
+    const int version = server_version();
+    if (version < 13)
+        return "";
+    return std::string(" WITH (publish_via_partition_root = true") +
+           (version < 18 ? ")" : ", publish_generated_columns = stored)");
 }
 
 pg_client BridgeTest::connect(const std::string &user) const

@@ -31,6 +31,15 @@ class BridgeTest : public testing::Test {
     std::string value(const std::string &text) const;
     std::string conninfo(const std::string &user = "postgres") const;
 
+    // The server's main version.
+    static int server_version();
+
+    // A kind of generated columns that the server does not send: "STORED".
+    static std::string unsent_kind();
+
+    // What --create puts behind CREATE PUBLICATION ... FOR ...
+    static std::string publication_with();
+
     // ---- the bridge
 
     // Writes the configuration: the log's directory, then the text.

@@ -127,6 +127,6 @@ TEST_F(BridgeMarksTest, BytesThatAreNoUtf8AreKeptAsTheyAre)
         return client.value("SELECT count(*) FROM pg_replication_slots WHERE active") == "0";
     });
     client.run("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots");
-    client.run("DROP DATABASE " + database + " WITH (FORCE)");
+    server->drop_database(database);
     database = other;
 }

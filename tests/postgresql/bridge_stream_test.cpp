@@ -231,6 +231,11 @@ TEST_F(BridgeStreamTest, SessionsComeFromMessagesInTheTransaction)
     insert(2, 2);
     ASSERT_EQ(catch_up().status, 0);
     const std::string text = dump();
+    if (server_version() < 14) { // does not send messages
+        EXPECT_THAT(text, Not(HasSubstr("ANN01")));
+        EXPECT_EQ(occurrences(text, "data \"xid="), 2);
+        return;
+    }
     EXPECT_THAT(text, HasSubstr("user \"ANN01\""));
     EXPECT_THAT(text, HasSubstr("login \"ann\""));
     EXPECT_EQ(occurrences(text, "data \"xid="), 2);
@@ -256,6 +261,11 @@ TEST_F(BridgeStreamTest, ASessionMessageInTheMiddleCountsFromThereOn)
     insert(4, 4);
     const run_result result = catch_up();
     EXPECT_EQ(result.status, 0);
+    if (server_version() < 14) { // does not send messages
+        EXPECT_EQ(result.err, "");
+        EXPECT_EQ(captured().size(), 4U);
+        return;
+    }
     EXPECT_THAT(result.err, HasSubstr(": a session message comes behind the first change and "
                                       "counts from there on (this is told once)\n"));
     EXPECT_EQ(occurrences(result.err, "a session message"), 1);

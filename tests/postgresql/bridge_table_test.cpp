@@ -98,8 +98,11 @@ TEST_F(BridgeTableTest, EveryTypeHasItsItem)
 
 TEST_F(BridgeTableTest, GreatestAndSmallestValuesFitTheirItems)
 {
-    sql("CREATE TABLE shop.edges (n numeric(27,27), o numeric(27,0), p numeric(28,28),"
-        " q numeric(3,-2), r numeric(2,5), t timetz, b bigint)");
+    // Scales outside the digits are known from version 15 on.
+    const std::string scales = server_version() < 15 ? " q varchar(6), r varchar(8),"
+                                                     : " q numeric(3,-2), r numeric(2,5),";
+    sql("CREATE TABLE shop.edges (n numeric(27,27), o numeric(27,0), p numeric(28,28)," + scales +
+        " t timetz, b bigint)");
     sql("INSERT INTO shop.edges VALUES (-0.999999999999999999999999999,"
         " -999999999999999999999999999, -0.9999999999999999999999999999, -99900, -0.00099,"
         " '23:59:59.999999-15:59:59', -9223372036854775808)");
@@ -207,6 +210,7 @@ TEST_F(BridgeTableTest, AValueStoredApartIsInEveryImage)
 
 TEST_F(BridgeTableTest, PartitionsAreTheirTable)
 {
+    const bool apart = server_version() < 13; // partitions are tables of their own
     sql("CREATE TABLE shop.years (year integer, note varchar(5)) PARTITION BY LIST (year);"
         "CREATE TABLE shop.y2025 PARTITION OF shop.years FOR VALUES IN (2025);"
         "CREATE TABLE shop.y2026 PARTITION OF shop.years FOR VALUES IN (2026);"
@@ -223,7 +227,7 @@ TEST_F(BridgeTableTest, PartitionsAreTheirTable)
                             "IU          2025a           ..          2025c           ..",
                             "ID          2025c           ..", "IP          2026c           ..",
                             "ID          2026b           .."));
-    EXPECT_THAT(dump(), HasSubstr(" layout SHOP.YEARS: "));
+    EXPECT_THAT(dump(), HasSubstr(apart ? " layout SHOP.Y2025: " : " layout SHOP.YEARS: "));
 }
 
 TEST_F(BridgeTableTest, LongNamesAreShortenedOrGivenByTheConfiguration)
@@ -278,7 +282,9 @@ TEST_F(BridgeTableTest, WhichOfTwoTablesChangesFirstMakesNoDifferenceToTheirName
 
 TEST_F(BridgeTableTest, GeneratedColumnsAndTablesWithoutColumnsDoNoHarm)
 {
-    sql("CREATE TABLE shop.sums (a integer, b integer GENERATED ALWAYS AS (a * 2) STORED);"
+    sql("CREATE TABLE shop.sums (a integer, b integer GENERATED ALWAYS AS (a * 2) " +
+        unsent_kind() +
+        ");"
         "CREATE TABLE shop.nothing (); CREATE UNLOGGED TABLE shop.passing (a integer);"
         "CREATE TEMPORARY TABLE own (a integer); INSERT INTO own VALUES (1);"
         "CREATE MATERIALIZED VIEW shop.seen AS SELECT 1 AS one; REFRESH MATERIALIZED VIEW "

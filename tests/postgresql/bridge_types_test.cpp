@@ -17,6 +17,7 @@ struct kind {
     std::string type;
     std::string item; // "X 10"
     std::vector<edge> edges;
+    int since = 12; // first version of the server that takes them
 };
 
 static std::string times(size_t count, const std::string &text)
@@ -77,6 +78,13 @@ class BridgeTypesTest : public BridgeTest {
         ASSERT_EQ(result.status, 0) << result.err;
     }
 
+    // Without those that this server is too old for.
+    static std::vector<kind> known(std::vector<kind> kinds)
+    {
+        std::erase_if(kinds, [](const kind &kind) { return kind.since > server_version(); });
+        return kinds;
+    }
+
     // What the dump says: "V X 10" and "V=... NULL-MAP=..." of each table, whole values behind.
     struct found {
         std::string item;
@@ -132,7 +140,7 @@ TEST_F(BridgeTypesTest, NumbersAndTimesKeepTheirValueOrAreLeftBlank)
 {
     const std::string nines = std::string(27, '9');
     const std::string thousand = "1" + std::string(999, '0');
-    const std::vector<kind> kinds = {
+    const std::vector<kind> kinds = known({
         {"smallint", "I 2", {{"-32768", "-32768"}, {"32767", "32767"}}},
         {"integer", "I 4", {{"-2147483648", "-2147483648"}, {"2147483647", "2147483647"}}},
         {"bigint",
@@ -160,14 +168,15 @@ TEST_F(BridgeTypesTest, NumbersAndTimesKeepTheirValueOrAreLeftBlank)
         {"numeric(27,0)", "P 14", {{"-" + nines, "-" + nines}, {nines, nines}}},
         {"numeric(27,27)", "P 14 scale=27", {{"-0." + nines, "-0." + nines}}},
         {"numeric(28,28)", "X 31", {same("-0.9" + nines), same("NaN")}},
-        {"numeric(3,-2)", "X 8", {same("-99900"), same("0")}},
-        {"numeric(2,5)", "X 8", {same("-0.00099")}},
+        {"numeric(3,-2)", "X 8", {same("-99900"), same("0")}, 15},
+        {"numeric(2,5)", "X 8", {same("-0.00099")}, 15},
         {"numeric(1000)", "X 1003", {same("-" + thousand), same("NaN")}},
-        {"numeric(1000,-1000)", "X 2003", {same("-" + thousand + std::string(1000, '0'))}},
+        {"numeric(1000,-1000)", "X 2003", {same("-" + thousand + std::string(1000, '0'))}, 15},
         {"numeric",
          "X 40",
-         {same(std::string(40, '7')), same("-Infinity"), same("NaN"),
-          left_out(std::string(41, '7')), left_out("-1." + std::string(40, '3'))}},
+         {same(std::string(40, '7')), same("NaN"), left_out(std::string(41, '7')),
+          left_out("-1." + std::string(40, '3'))}},
+        {"numeric", "X 40", {same("-Infinity")}, 14},
         {"date",
          "X 10",
          {same("0001-01-01"), same("9999-12-31"), same("infinity"), same("-infinity"),
@@ -199,25 +208,26 @@ TEST_F(BridgeTypesTest, NumbersAndTimesKeepTheirValueOrAreLeftBlank)
            .flag = '!',
            .whole = "0001-12-31 23:00:00+00 BC"}}},
         {"timestamptz(3)", "X 23", {{"'2026-03-09 08:18:01.2Z'", "\"2026-03-09 08:18:01.200\""}}},
+        {"interval", "X 67", {same("00:00:00"), same("-1 years -2 mons +3 days -04:05:06.789")}},
         {"interval",
          "X 67",
-         {same("00:00:00"),
+         {same("178956970 years 7 mons 2147483647 days 2562047788:00:54.775806"),
           same("-178956970 years -8 mons -2147483648 days -2562047788:00:54.775807"),
-          same("-178956969 years -11 mons -2147483648 days -2562047788:00:54.775807"),
-          same("178956970 years 7 mons 2147483647 days 2562047788:00:54.775807"),
-          same("-1 years -2 mons +3 days -04:05:06.789")}},
+          same("-178956969 years -11 mons -2147483648 days -2562047788:00:54.775807")},
+         15},
+        {"interval", "X 67", {same("infinity"), same("-infinity")}, 17},
         {"interval(0)", "X 67", {same("1 day 00:00:02")}},
         {"boolean", "X 1", {{"true", "\"T\""}, {"false", "\"F\""}}},
         {"uuid", "X 36", {same("00000000-0000-0000-0000-000000000000")}},
         {"pg_lsn", "X 17", {same("FFFFFFFF/FFFFFFFF"), same("0/0")}},
         {"xid", "X 10", {same("4294967295")}},
         {"cid", "X 10", {same("4294967295")}},
-        {"xid8", "X 20", {same("18446744073709551615")}},
+        {"xid8", "X 20", {same("18446744073709551615")}, 13},
         {"tid", "X 18", {same("(4294967295,65535)")}},
         {"money",
          "X 32",
          {{"'-92233720368547758.08'::numeric::money", "\"-$92,233,720,368,547,758.08\""}}},
-    };
+    });
     follow(kinds, "");
     expect_found(kinds);
 }
@@ -228,7 +238,7 @@ TEST_F(BridgeTypesTest, AddressesBitsAndFiguresHaveRoomForTheLongest)
     const std::string high = "-1.2345678901234567e+300";
     const std::string point = "(" + low + "," + low + ")";
     const std::string ones = std::string(40, '1');
-    const std::vector<kind> kinds = {
+    const std::vector<kind> kinds = known({
         {"inet",
          "X 43",
          {same("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/127"), same("255.255.255.255/31"),
@@ -259,8 +269,8 @@ TEST_F(BridgeTypesTest, AddressesBitsAndFiguresHaveRoomForTheLongest)
          "X 80",
          {same("[1.5,)"),
           left_out("[1." + std::string(40, '1') + ",1." + std::string(40, '2') + "]")}},
-        {"int4multirange", "X 255", {same("{[1,3),[5,7)}"), same("{}")}},
-    };
+        {"int4multirange", "X 255", {same("{[1,3),[5,7)}"), same("{}")}, 14},
+    });
     follow(kinds, "");
     expect_found(kinds);
 }

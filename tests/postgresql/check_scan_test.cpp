@@ -84,7 +84,7 @@ TEST_F(BridgeCheckTest, ScanOfADatabaseWithoutEncodingCountsBytesThatAreNoUtf8)
     EXPECT_THAT(old.out, HasSubstr("public.held.note: 18 rows would have characters replaced, of "
                                    "22 rows in all; item NOTE is X 3\n"));
     sql("SELECT pg_drop_replication_slot('" + database + "')");
-    pg_client(server->conninfo()).run("DROP DATABASE " + database + " WITH (FORCE)");
+    server->drop_database(database);
     database = other;
 }
 

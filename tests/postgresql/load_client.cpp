@@ -12,7 +12,7 @@
 
 const char audit_sql[] =
     "CREATE TABLE load.audit (id bigserial PRIMARY KEY, client integer NOT NULL,"
-    " xid bigint NOT NULL DEFAULT pg_current_xact_id()::text::bigint);"
+    " xid bigint NOT NULL DEFAULT txid_current());"
     "ALTER TABLE load.audit REPLICA IDENTITY FULL;";
 
 const char audit_cfg[] = "dataset AUDIT\n"

@@ -13,6 +13,11 @@ pg_client::pg_client(const std::string &conninfo)
         connection.get(), [](void *, const char *) {}, nullptr);
 }
 
+int pg_client::version() const
+{
+    return PQserverVersion(connection.get()) / 10000;
+}
+
 std::vector<std::vector<std::string>> pg_client::run(const std::string &sql)
 {
     const owned_result result(PQexec(connection.get(), sql.c_str()), PQclear);

@@ -17,6 +17,9 @@ class pg_client {
     // Connects; throws pg_error.
     explicit pg_client(const std::string &conninfo);
 
+    // The server's main version.
+    int version() const;
+
     // Runs SQL and returns the rows of the last statement, null as "\N"; throws pg_error.
     std::vector<std::vector<std::string>> run(const std::string &sql);
 

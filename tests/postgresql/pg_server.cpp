@@ -2,6 +2,7 @@
 // another user where this one is root.
 #include "tests/postgresql/pg_server.h"
 
+#include "tests/postgresql/pg_client.h"
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 
@@ -30,7 +31,8 @@ static const char usual_settings[] = "listen_addresses = ''\n"
                                      "timezone = 'UTC'\n"
                                      "datestyle = 'ISO, MDY'\n";
 
-std::string pg_server::programs()
+// Debian's newest server, or that of pg_config.
+static std::string installed_programs()
 {
     int newest = 0;
     std::error_code ignored; // no such directory: no version
@@ -44,6 +46,25 @@ std::string pg_server::programs()
     const run_result config = run_program({"pg_config", "--bindir"});
     const std::string path = config.out.substr(0, config.out.find('\n'));
     return config.status == 0 && access((path + "/initdb").c_str(), X_OK) == 0 ? path : "";
+}
+
+// Empty when nobody has chosen a server.
+static std::string chosen_programs()
+{
+    const char *const chosen = getenv("KESTRO_POSTGRESQL");
+    return chosen != nullptr ? chosen : "";
+}
+
+std::string pg_server::programs()
+{
+    const std::string chosen = chosen_programs();
+    return chosen.empty() ? installed_programs() : chosen;
+}
+
+std::string pg_server::client_program(const std::string &name)
+{
+    const std::string path = installed_programs() + "/" + name;
+    return access(path.c_str(), X_OK) == 0 ? path : "";
 }
 
 // The user that root gives the server to; null when this process is not root.
@@ -90,6 +111,8 @@ std::string pg_server::missing()
         return "no PostgreSQL server here (Debian package postgresql-15)";
     if (geteuid() == 0 && server_user() == nullptr)
         return "no user postgres or nobody to run a PostgreSQL server";
+    if (!chosen_programs().empty())
+        return ""; // must run
     const int status = wait_program(start_as_server({bin + "/postgres", "--version"}, "/dev/null"));
     return status == 0 ? "" : bin + "/postgres cannot be run";
 }
@@ -107,14 +130,19 @@ static std::string make_directory()
     return name;
 }
 
-pg_server::pg_server(const std::vector<std::string> &settings) : directory(make_directory())
+constexpr int SOCKET_PORT = 5432; // which no other server has in this directory
+
+pg_server::pg_server(const std::vector<std::string> &settings, int tcp_port)
+    : directory(make_directory()), port(tcp_port)
 {
     const int status = wait_program(
         start_as_server({programs() + "/initdb", "-D", directory + "/data", "-U", "postgres", "-A",
-                         "trust", "-E", "UTF8", "--locale=C.UTF-8", "-N", "--no-instructions"},
+                         "trust", "-E", "UTF8", "--locale=C.UTF-8", "-N"},
                         directory + "/server.log"));
     std::ofstream conf(directory + "/data/postgresql.conf", std::ios::app);
     conf << usual_settings << "unix_socket_directories = '" << directory << "'\n";
+    if (port != 0)
+        conf << "listen_addresses = '127.0.0.1'\nport = " << port << '\n';
     for (const std::string &line : settings)
         conf << line << '\n';
     conf.close();
@@ -215,22 +243,34 @@ void pg_server::start_standby()
 
 void pg_server::promote() const
 {
-    const std::unique_ptr<PGconn, decltype(&PQfinish)> client(PQconnectdb(conninfo().c_str()),
-                                                              PQfinish);
-    const std::unique_ptr<PGresult, decltype(&PQclear)> result(
-        PQexec(client.get(), "SELECT pg_promote()"), PQclear);
-    if (PQresultStatus(result.get()) != PGRES_TUPLES_OK)
-        throw std::runtime_error(std::string("pg_promote failed: ") + PQerrorMessage(client.get()));
+    pg_client(conninfo()).run("SELECT pg_promote()");
+}
+
+// WITH (FORCE) is known from version 13 on.
+void pg_server::drop_database(const std::string &name) const
+{
+    pg_client client(conninfo());
+    const std::string this_one = "datname = '" + name + "'";
+    if (client.value("SELECT count(*) FROM pg_database WHERE " + this_one) == "0")
+        return;
+    client.run("ALTER DATABASE " + name + " ALLOW_CONNECTIONS false");
+    poll_until([&] {
+        return client
+            .run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE " + this_one)
+            .empty();
+    });
+    client.run("DROP DATABASE " + name);
 }
 
 std::string pg_server::conninfo(const std::string &database, const std::string &user) const
 {
-    return "host=" + directory + " dbname=" + database + " user=" + user;
+    return "host=" + directory + " port=" + std::to_string(port != 0 ? port : SOCKET_PORT) +
+           " dbname=" + database + " user=" + user;
 }
 
 std::string pg_server::socket() const
 {
-    return directory + "/.s.PGSQL.5432";
+    return directory + "/.s.PGSQL." + std::to_string(port != 0 ? port : SOCKET_PORT);
 }
 
 // The postmaster first, so that nobody new comes; its processes are its children.
@@ -244,7 +284,7 @@ static void signal_all(pid_t postmaster, int number)
             continue;
         std::ifstream file(entry.path() / "stat");
         std::string stat;
-        std::getline(file, stat); // of a process that ends meanwhile: nothing
+        std::getline(file, stat);                // of a process that ends meanwhile: nothing
         const size_t name_end = stat.rfind(')'); // then " STATE PARENT"
         if (name_end != std::string::npos && atoi(stat.c_str() + name_end + 4) == postmaster)
             kill(process, number);

@@ -1,6 +1,6 @@
 // A temporary PostgreSQL server: made, started, stopped, crashed and removed.  It
-// listens on a Unix socket in its own directory only.  Root hands it to user
-// postgres (or nobody), since the server refuses to run as root.
+// listens on a Unix socket in its own directory, and on no other unless it is given a port.  Root
+// hands it to user postgres (or nobody), since the server refuses to run as root.
 #ifndef TESTS_POSTGRESQL_PG_SERVER_H
 #define TESTS_POSTGRESQL_PG_SERVER_H
 
@@ -11,17 +11,22 @@
 class pg_server {
   public:
     // Makes the server's directory and starts it; settings are lines of
-    // postgresql.conf that come behind the usual ones.  Throws std::runtime_error.
-    explicit pg_server(const std::vector<std::string> &settings = {});
+    // postgresql.conf that come behind the usual ones.  With a port it listens on 127.0.0.1,
+    // too.  Throws std::runtime_error.
+    explicit pg_server(const std::vector<std::string> &settings = {}, int port = 0);
     ~pg_server();
     pg_server(const pg_server &) = delete;
     pg_server &operator=(const pg_server &) = delete;
 
-    // Why no server can be had on this machine; empty when one can.
+    // Why no server can be had on this machine; empty when one can, or when one was chosen.
     static std::string missing();
 
-    // The directory of the server's programs; empty when there is none.
+    // The directory of the server's programs: what KESTRO_POSTGRESQL names, else the newest
+    // that is installed; empty when there is none.
     static std::string programs();
+
+    // A client program of those that are installed (psql); empty when it is not there.
+    static std::string client_program(const std::string &name);
 
     // Starts the server again and waits until it takes connections.
     void start();
@@ -47,6 +52,9 @@ class pg_server {
     void start_standby();
     void promote() const;
 
+    // Ends a database's sessions and drops it, if it is there; its slots must be gone.
+    void drop_database(const std::string &name) const;
+
     // Connection string of a superuser, or of the user named.
     std::string conninfo(const std::string &database = "postgres",
                          const std::string &user = "postgres") const;
@@ -66,6 +74,7 @@ class pg_server {
     bool end(int signal, int seconds);
 
     std::string directory;
+    int port; // 0: that of the socket only
     pid_t pid = -1;
 };
 

@@ -216,8 +216,8 @@ class SqlLiveTest : public BridgeTest {
         BridgeTest::SetUp();
         if (server == nullptr)
             return;
-        const std::string psql = pg_server::programs() + "/psql";
-        if (access(psql.c_str(), X_OK) != 0)
+        const std::string psql = pg_server::client_program("psql");
+        if (psql.empty())
             GTEST_SKIP() << "psql is missing (Debian package postgresql-client-15)";
         if (sqlite::missing())
             GTEST_SKIP() << "sqlite3 is missing (Debian package sqlite3)";
@@ -240,8 +240,7 @@ class SqlLiveTest : public BridgeTest {
         }
         BridgeTest::TearDown();
         if (server != nullptr)
-            pg_client(server->conninfo())
-                .run("DROP DATABASE IF EXISTS " + database + "_copy WITH (FORCE)");
+            server->drop_database(database + "_copy");
     }
 
     pg_client copy() const

@@ -37,8 +37,8 @@ class SqlTargetTest : public BridgeTest {
     void SetUp() override
     {
         BridgeTest::SetUp();
-        psql = pg_server::programs() + "/psql";
-        if (server != nullptr && access(psql.c_str(), X_OK) != 0)
+        psql = pg_server::client_program("psql");
+        if (server != nullptr && psql.empty())
             GTEST_SKIP() << "psql is missing (Debian package postgresql-client-15)";
     }
 
