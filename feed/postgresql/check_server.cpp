@@ -184,6 +184,17 @@ static outcome look_at_minimal_rights(pgk_report &report, const std::string &mis
     return done;
 }
 
+static outcome look_at_unsent(pgk_report &report)
+{
+    std::vector<std::string> commands;
+    outcome asked = pgb_unsent_commands(report.server, commands);
+    std::vector<std::string> sql;
+    put_commands(sql, commands);
+    if (!sql.empty())
+        pgk_stop(report, "identity", PGB_UNSENT, std::move(sql));
+    return asked;
+}
+
 static outcome no_publication(pgk_report &report)
 {
     const pgk_server &found = report.found;
@@ -191,6 +202,8 @@ static outcome no_publication(pgk_report &report)
     const std::string missing = "publication \"" + report.server.publication + "\" is not there: ";
     if (options.create && options.minimal)
         return look_at_minimal_rights(report, missing);
+    if (outcome looked = look_at_unsent(report); !looked)
+        return looked;
     if (options.create && found.superuser)
         return {};
     std::vector<std::string> sql;
@@ -245,17 +258,18 @@ static outcome look_at_unidentified(pgk_report &report)
 {
     pgs_server &server = report.server;
     pgs_result result;
-    outcome asked = pgs_query(server, server.sql.get(), result,
-                              std::string("WITH ") + pgb_all_tables +
-                                  ", r AS (SELECT oid FROM t WHERE NOT is_part AND NOT " +
-                                  pgb_identified_tables +
-                                  ") SELECT DISTINCT l.oid::regclass::text FROM r"
-                                  " LEFT JOIN LATERAL pg_partition_tree(r.oid) m ON true"
-                                  " JOIN t l ON l.oid = coalesce(m.relid, r.oid)"
-                                  " WHERE NOT l.identified ORDER BY 1");
+    outcome asked = pgs_query(
+        server, server.sql.get(), result,
+        std::string("WITH ") + pgb_all_tables +
+            ", r AS (SELECT oid FROM t WHERE NOT is_part AND NOT " + pgb_identified_tables +
+            ") SELECT DISTINCT l.oid::regclass::text, " + pgb_identity_expression("l") +
+            " FROM r"
+            " LEFT JOIN LATERAL pg_partition_tree(r.oid) m ON true"
+            " JOIN t l ON l.oid = coalesce(m.relid, r.oid)"
+            " WHERE NOT l.identified ORDER BY 1");
     std::vector<std::string> sql;
     for (int i = 0; asked && i < PQntuples(result.get()); i++)
-        sql.push_back(pgb_identity_command(std::string(pgs_value(result, i, 0))) + ";");
+        sql.push_back(std::string(pgs_value(result, i, 1)) + ";");
     if (!sql.empty())
         pgk_note(report, "identity",
                  "these tables have no usable identity, --create=minimal leaves them out; to have "
@@ -286,14 +300,19 @@ static outcome look_at_publication(pgk_report &report)
 {
     pgs_server &server = report.server;
     pgs_result result;
-    // The last member is of version 13 on.
+    // Members of later versions are asked for by name.
     outcome asked = pgs_query(
         server, server.sql.get(), result,
         "SELECT p.puballtables, p.pubinsert, p.pubupdate, p.pubdelete,"
         " (to_jsonb(p) ->> 'pubviaroot')::bool, EXISTS (SELECT FROM pg_publication_tables t"
         " JOIN pg_namespace n ON n.nspname = t.schemaname"
         " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
-        " WHERE t.pubname = p.pubname AND c.relispartition)"
+        " WHERE t.pubname = p.pubname AND c.relispartition),"
+        " to_jsonb(p) ->> 'pubgencols' = 'n' AND EXISTS (SELECT FROM pg_publication_tables t"
+        " JOIN pg_namespace n ON n.nspname = t.schemaname"
+        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
+        " JOIN pg_attribute a ON a.attrelid = c.oid AND a.attgenerated = 's'"
+        " WHERE t.pubname = p.pubname AND c.relreplident = 'f')"
         " FROM pg_publication p WHERE p.pubname = $1",
         {server.publication.c_str()});
     if (!asked)
@@ -317,6 +336,11 @@ static outcome look_at_publication(pgk_report &report)
                  name + "gives each partition as a table of its own; with this they come as their "
                         "parent's rows",
                  {alter + "publish_via_partition_root = true);"});
+    if (is_true(result, 0, 6) && found.updates)
+        pgk_note(report, "publication",
+                 name + "lacks generated columns, and the server refuses updates and deletes of "
+                        "tables that have some and whose whole rows are their identity",
+                 {alter + "publish_generated_columns = stored);"});
     if (!is_true(result, 0, 0))
         return look_at_others(report, is_true(result, 0, 4));
     return found.updates ? look_at_later_tables(report) : outcome();

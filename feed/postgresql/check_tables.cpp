@@ -42,7 +42,7 @@ static std::string query_for(const pgk_report &report)
            " c.relkind = 'p', t.filter, c.reltuples::bigint,"
            " a.attname, a.atttypid, a.atttypmod, a.attgenerated <> ''" +
            (version >= VERSION_WITH_GENERATED_COLUMNS
-                ? " AND NOT coalesce(a.attname = ANY (t.columns), false)"
+                ? " AND NOT coalesce(a.attname = ANY (t.columns), a.attgenerated = 's')"
                 : "") +
            " FROM t JOIN pg_class c ON c.oid = t.id JOIN pg_namespace n ON n.oid = c.relnamespace"
            " LEFT JOIN pg_attribute a ON a.attrelid = t.id AND a.attnum > 0"

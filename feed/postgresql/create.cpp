@@ -15,6 +15,7 @@
 #include <set>
 
 constexpr int VERSION_WITH_PARTITION_ROOT = 130000;
+constexpr int VERSION_WITH_GENERATED_COLUMNS = 180000;
 static const char lock_wait[] = "200ms"; // others wait no longer behind an ALTER TABLE
 static const char lock_not_available[] = "55P03";
 
@@ -106,10 +107,36 @@ outcome pgb_identity_commands(pgs_server &server, std::vector<std::string> &comm
     pgs_result tables;
     outcome asked = pgs_query(server, server.sql.get(), tables,
                               std::string("WITH ") + pgb_all_tables +
-                                  " SELECT oid::regclass FROM t WHERE NOT identified ORDER BY oid");
+                                  " SELECT oid::regclass FROM t WHERE NOT identified AND NOT unsent"
+                                  " ORDER BY oid");
     for (int i = 0; asked && i < PQntuples(tables.get()); i++)
         commands.push_back(pgb_identity_command(std::string(pgs_value(tables, i, 0))));
     return asked;
+}
+
+outcome pgb_unsent_commands(pgs_server &server, std::vector<std::string> &commands)
+{
+    pgs_result tables;
+    outcome asked = pgs_query(server, server.sql.get(), tables,
+                              std::string("WITH ") + pgb_all_tables + " SELECT " +
+                                  pgb_identity_expression("t") +
+                                  " FROM t WHERE NOT identified AND unsent ORDER BY oid");
+    for (int i = 0; asked && i < PQntuples(tables.get()); i++)
+        commands.emplace_back(pgs_value(tables, i, 0));
+    return asked;
+}
+
+// The application's updates of a table that cannot be identified would end with the publication.
+static outcome refuse_unsent(pgs_server &server)
+{
+    std::vector<std::string> commands;
+    outcome asked = pgb_unsent_commands(server, commands);
+    if (!asked || commands.empty())
+        return asked;
+    std::string text;
+    for (const std::string &command : commands)
+        text += "\n  " + command + ";";
+    return outcome_failed("%s:%s", PGB_UNSENT, text.c_str());
 }
 
 static outcome see_to_later_tables(pgs_server &server)
@@ -156,7 +183,7 @@ static outcome alter_tables(pgs_server &server, telling &told, bool &left)
         pgs_query(server, server.sql.get(), tables,
                   std::string("WITH ") + pgb_all_tables +
                       " SELECT oid::regclass, oid::text AS number FROM t WHERE NOT identified"
-                      " ORDER BY t.oid");
+                      " AND NOT unsent ORDER BY t.oid");
     for (int i = 0; done && i < PQntuples(tables.get()); i++) {
         const std::string statement = pgb_identity_command(std::string(pgs_value(tables, i, 0)));
         if (told.statements.insert(statement).second)
@@ -209,7 +236,11 @@ outcome pgb_publication_command(pgs_server &server, bool minimal, std::string &c
         done = list_identified(server, what);
         what = what.empty() ? "" : " FOR TABLE " + what;
     }
-    if (PQserverVersion(server.sql.get()) >= VERSION_WITH_PARTITION_ROOT)
+    // Without its generated columns a table's whole row is no identity from version 18 on.
+    const int version = PQserverVersion(server.sql.get());
+    if (version >= VERSION_WITH_GENERATED_COLUMNS)
+        what += " WITH (publish_via_partition_root = true, publish_generated_columns = stored)";
+    else if (version >= VERSION_WITH_PARTITION_ROOT)
         what += " WITH (publish_via_partition_root = true)";
     command = "CREATE PUBLICATION " + pgs_name(server.publication) + what;
     return done;
@@ -219,7 +250,9 @@ outcome pgb_create_publication(pgs_server &server, bool minimal)
 {
     outcome done;
     if (!minimal) {
-        done = see_to_later_tables(server);
+        done = refuse_unsent(server);
+        if (done)
+            done = see_to_later_tables(server);
         if (done)
             done = see_to_tables(server);
     }

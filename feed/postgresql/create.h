@@ -19,6 +19,15 @@ outcome pgb_later_tables_commands(pgs_server &server, std::vector<std::string> &
 outcome pgb_identity_commands(pgs_server &server, std::vector<std::string> &commands);
 outcome pgb_publication_command(pgs_server &server, bool minimal, std::string &command);
 
+// A publication of all tables is not made while there are tables whose updates and deletes the
+// server would refuse from then on, whatever --create does: what is said of them, and the commands
+// that let them have a key.
+constexpr char PGB_UNSENT[] =
+    "these tables have virtual generated columns and no key: once they are published, the server "
+    "refuses their updates and deletes, those of the application, too; give each a key, such as "
+    "this one, or publish others only, with --create=minimal";
+outcome pgb_unsent_commands(pgs_server &server, std::vector<std::string> &commands);
+
 // Tells a statement that --create runs.
 void pgb_tell_statement(const std::string &statement);
 

@@ -12,7 +12,8 @@
 #include <set>
 
 // Rows of the query, for tables in "t" and types in "y", in this order: tables ("c") with their
-// columns, what types are and those that they are made of ("d": kind, category, base type and
+// columns (0, and 1 with those that are generated, which a publication may have from version 18
+// on), what types are and those that they are made of ("d": kind, category, base type and
 // modifier, element, name), columns of keys ("k", by place), names of tables ("n": 0 the schema's,
 // 1 the table's), the snapshot that all is seen in ("s"), names of types ("t").
 static const char query_tail[] =
@@ -23,6 +24,12 @@ static const char query_tail[] =
     " SELECT 'c' AS kind, t.oid, 0 AS number, (SELECT string_agg(a.attname || ' ' || a.atttypid"
     " || ' ' || a.atttypmod, ',' ORDER BY a.attnum) FROM pg_attribute a WHERE a.attrelid = t.oid"
     " AND a.attnum > 0 AND NOT a.attisdropped AND a.attgenerated = '') AS text FROM t"
+    " UNION ALL"
+    " SELECT 'c', t.oid, 1, (SELECT string_agg(a.attname || ' ' || a.atttypid"
+    " || ' ' || a.atttypmod, ',' ORDER BY a.attnum) FROM pg_attribute a WHERE a.attrelid = t.oid"
+    " AND a.attnum > 0 AND NOT a.attisdropped AND a.attgenerated IN ('', 's')) FROM t"
+    " WHERE EXISTS (SELECT FROM pg_attribute g WHERE g.attrelid = t.oid"
+    " AND g.attgenerated = 's' AND NOT g.attisdropped)"
     " UNION ALL"
     " SELECT 'd', oid, 0, concat_ws(' ', typtype, typcategory, typbasetype, typtypmod, typelem,"
     " format_type(oid, -1)) FROM z"
@@ -112,7 +119,9 @@ void pgf_take(pgf_facts &facts, const pgs_result &rows)
         int32_t number = 0;
         if (!pgs_number(id, pgs_value(rows, i, 1)) || !pgs_number(number, pgs_value(rows, i, 2)))
             continue;
-        if (kind == "c")
+        if (kind == "c" && number == 1)
+            facts.tables[id].with_generated = text;
+        else if (kind == "c")
             facts.tables[id] = {.columns = text};
         else if (kind == "d")
             take_kind(facts, id, text);
@@ -140,7 +149,10 @@ static std::string columns_of(const pgo_relation &table)
 bool pgf_knows(const pgf_facts &facts, const pgo_relation &table)
 {
     const auto known = facts.tables.find(table.id);
-    return known != facts.tables.end() && known->second.columns == columns_of(table) &&
+    if (known == facts.tables.end())
+        return false;
+    const std::string columns = columns_of(table);
+    return (known->second.columns == columns || known->second.with_generated == columns) &&
            std::none_of(table.columns.begin(), table.columns.end(), [&](const pgo_column &column) {
                return pgf_type_text(facts, column).empty();
            });

@@ -17,7 +17,8 @@
 #include <vector>
 
 struct pgf_table {
-    std::string columns = {}; // names, types and modifiers of all, to be compared
+    std::string columns = {};        // names, types and modifiers of all, to be compared
+    std::string with_generated = {}; // and of all with those that are generated; empty: none is
     // Columns of the primary key in its order, else those of the index that identifies the
     // rows; empty: there is none.
     std::vector<std::string> key = {};

@@ -8,7 +8,9 @@
 #include <string>
 
 // The tables that a publication of all tables has, as rows of "t": oid, schema, name, kind ('r',
-// 'p' for a partitioned one), is_part (of another one), identified.
+// 'p' for a partitioned one), is_part (of another one), identified,
+// unsent (it has columns for which the server takes no whole rows as identity), needs_generated
+// (its whole rows are an identity only where the publication has its generated columns).
 extern const char pgb_all_tables[];
 
 // Which of them, no parts of others, a publication can have without a table being touched: a
@@ -18,6 +20,9 @@ extern const char pgb_identified_tables[];
 // The members of publication $1's list of tables, as rows of "p": oid.  Empty for one of all
 // tables.
 extern const char pgb_listed_tables[];
+
+// The command that gives a row of "t", here of this name, an identity, as an SQL expression.
+std::string pgb_identity_expression(const std::string &table);
 
 // "ALTER TABLE sales.orders REPLICA IDENTITY FULL"; name is as SQL writes it.
 std::string pgb_identity_command(const std::string &name);

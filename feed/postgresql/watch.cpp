@@ -11,14 +11,15 @@
 // of its partitions, as far as nothing does.
 std::string pgb_watch_query()
 {
-    const std::string command =
-        "E'\\n  " + pgb_identity_command("' || l.oid::regclass || '") + ";'";
+    const std::string command = "E'\\n  ' || " + pgb_identity_expression("l") + " || ';'";
     return std::string("WITH ") + pgb_all_tables + ", " + pgb_listed_tables +
-           ", b AS (SELECT puballtables, pubupdate OR pubdelete AS changes FROM pg_publication"
-           " WHERE pubname = $1)"
+           ", b AS (SELECT puballtables, pubupdate OR pubdelete AS changes,"
+           " coalesce(to_jsonb(q) ->> 'pubgencols', 's') <> 's' AS lacks_generated"
+           " FROM pg_publication q WHERE pubname = $1)"
            " SELECT 'u' AS problem, schema, name, oid::regclass, CASE WHEN kind = 'r'"
            " THEN (SELECT " +
-           command + " FROM (SELECT t.oid) l WHERE NOT t.identified) ELSE (SELECT string_agg(" +
+           command +
+           " FROM (SELECT t.oid, t.unsent) l WHERE NOT t.identified) ELSE (SELECT string_agg(" +
            command +
            ", '' ORDER BY m.level, l.oid) FROM pg_partition_tree(t.oid) m JOIN t l"
            " ON l.oid = m.relid WHERE NOT l.identified) END FROM t"
@@ -26,10 +27,13 @@ std::string pgb_watch_query()
            " AND oid NOT IN (SELECT oid FROM p) AND NOT (kind = 'p' AND EXISTS (SELECT FROM"
            " pg_partition_tree(t.oid) m WHERE m.relid IN (SELECT oid FROM p)))"
            " UNION ALL"
-           " SELECT 'i', schema, name, oid::regclass, (SELECT " +
+           " SELECT 'i', schema, name, oid::regclass, CASE WHEN identified"
+           " THEN E'\\n  ALTER PUBLICATION ' || quote_ident($1) ||"
+           " ' SET (publish_generated_columns = stored);' ELSE (SELECT " +
            command +
-           " FROM (SELECT t.oid) l) FROM t"
-           " WHERE kind = 'r' AND NOT identified AND EXISTS (SELECT FROM b WHERE changes)"
+           " FROM (SELECT t.oid, t.unsent) l) END FROM t"
+           " WHERE kind = 'r' AND EXISTS (SELECT FROM b WHERE changes"
+           " AND (NOT identified OR needs_generated AND lacks_generated))"
            " AND (EXISTS (SELECT FROM b WHERE puballtables) OR oid IN (SELECT oid FROM p)"
            " OR is_part AND EXISTS (SELECT FROM pg_partition_ancestors(t.oid) m (relid)"
            " WHERE m.relid IN (SELECT oid FROM p)))"
@@ -53,7 +57,9 @@ std::string pgb_watch_text(pgb_watch &watch, const std::string &publication, con
             continue;
         const std::string sql_name(pgs_value(rows, i, 3));
         std::string &commands = is_left_out ? left_out : refused;
-        commands += pgs_value(rows, i, 4);
+        const std::string_view command = pgs_value(rows, i, 4);
+        if (commands.find(command) == commands.npos) // one may mend several tables
+            commands += command;
         if (is_left_out)
             commands +=
                 "\n  ALTER PUBLICATION " + pgs_name(publication) + " ADD TABLE " + sql_name + ";";
