@@ -16,9 +16,9 @@ class BridgeIdentityTest : public BridgeTest {
         ASSERT_EQ(catch_up({"--create"}).status, 0);
     }
 
-    void catch_up_well() const
+    void catch_up_well(const std::vector<std::string> &more = {}) const
     {
-        const run_result result = catch_up();
+        const run_result result = catch_up(more);
         EXPECT_EQ(result.status, 0) << result.err;
     }
 
@@ -145,7 +145,9 @@ TEST_F(BridgeIdentityTest, ARemedyIsALineThatTheConfigurationTakes)
     EXPECT_EQ(aside.status, 0);
     ASSERT_THAT(aside.err, HasSubstr("with the line table shop.keyed values=mark, or leave"));
     configure("values error\ntable shop.keyed values=mark\n");
-    std::filesystem::remove(dir.file("log/aside")); // followed again from here on
+    ASSERT_THAT(aside.err, HasSubstr("mend that, then fwlog postgresql --resume shop.keyed\n"));
+    catch_up_well({"--resume", "shop.keyed"});
+    EXPECT_EQ(occurrences(dump(), "after ID=1 QTY=6"), 1) << dump();
     sql("UPDATE shop.keyed SET qty = 7");
     catch_up_well();
     EXPECT_THAT(dump(), HasSubstr("before ID=1 QTY=0 NULL-MAP=\".?\""));
