@@ -139,6 +139,9 @@ static bool take_answer(pgr_answer &answer, const std::string &path)
     pgr_answer found;
     if (!read || lines.size() != 1 || !pgr_answer_read(found, lines[0] + "\n"))
         return false;
+    // A name that is no UTF-8 is another one there: what was asked for is taken from the request.
+    if (lines[0].find("\\ufffd") != std::string::npos)
+        return false;
     const auto is_no_name = [](const pgr_table &table) {
         return table.state == PGR_ASKED && pgr_table_name(table.name) != table.name;
     };
@@ -295,7 +298,7 @@ static outcome decide(pgr_requests &requests, pgb_relations &relations, fwu_writ
             table.estimate = known->estimate;
         pgr_put(relations.aside, table.name, last_lsn);
     });
-    return pga_keep(relations.aside, last_lsn);
+    return pga_keep(relations.aside, fwu_writer_durable_lsn(writer));
 }
 
 // What has become of a table that is being taken in.

@@ -467,6 +467,25 @@ TEST_F(Requests, AnAnswerThatIsNoneCountsForNothing)
     }
 }
 
+TEST_F(Requests, TheNextBridgeKnowsNamesOfAnyBytes)
+{
+    set_aside("caf\xE9"); // of a database that says nothing of its texts
+    found_row cafe = orders;
+    cafe[1] = "caf\xE9";
+    server_has({cafe});
+    ask("resume-abc123", "app.caf\xE9\n");
+    look();
+    EXPECT_EQ(standing_of("app.caf\xE9"), PGA_TAKING);
+    requests.open.clear();
+    look();
+    EXPECT_THAT(answer_of("resume-abc123"),
+                HasSubstr("{\"done\":false,\"tables\":[{\"table\":\"app.caf\\ufffd\",\"state\":"
+                          "\"taking\""));
+    pgb_put("caf\xE9", {.at = 1000});
+    look();
+    EXPECT_THAT(answer_of("resume-abc123"), HasSubstr("\"state\":\"followed\""));
+}
+
 TEST_F(Requests, WhatWasLeftForGoodGoesAtAStart)
 {
     const auto age = [this](const char *name, int64_t seconds) {
