@@ -458,6 +458,11 @@ uint64_t fwu_writer_logged_lsn(const fwu_writer *writer)
     return writer->sync == FWU_SYNC_NONE ? writer->log.last.lsn : writer->log.synced_lsn;
 }
 
+uint64_t fwu_writer_durable_lsn(const fwu_writer *writer)
+{
+    return writer->log.synced_lsn;
+}
+
 int fwu_writer_close(fwu_writer *writer)
 {
     if (writer == nullptr)

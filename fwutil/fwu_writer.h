@@ -93,6 +93,10 @@ mode_t fwu_writer_file_mode(const fwu_writer *writer);
 // which counts a commit once it is appended.
 uint64_t fwu_writer_logged_lsn(const fwu_writer *writer);
 
+// Position of the last commit that this writer has brought to disk, whatever sync says: no power
+// cut takes it.  0: none yet.
+uint64_t fwu_writer_durable_lsn(const fwu_writer *writer);
+
 // Syncs, releases the lock and frees the writer; null is allowed.  An open
 // transaction is forgotten.
 int fwu_writer_close(fwu_writer *writer);

@@ -29,11 +29,12 @@ template <typename Record> static bool withdraw(std::vector<Record> &records, ui
     return records.size() != before;
 }
 
-// Drops those that a newer one replaces which the log has.
-template <typename Record> static void forget_old(std::vector<Record> &records, uint64_t last_lsn)
+// Drops those that a newer one replaces which the log has for good.
+template <typename Record>
+static void forget_old(std::vector<Record> &records, uint64_t durable_lsn)
 {
     size_t held = 0;
-    for (size_t i = 1; i < records.size() && records[i].at <= last_lsn; i++)
+    for (size_t i = 1; i < records.size() && records[i].at <= durable_lsn; i++)
         held = i;
     records.erase(records.begin(), records.begin() + static_cast<ptrdiff_t>(held));
 }
@@ -129,21 +130,21 @@ void pga_withdraw(pga_registry &registry, uint64_t last_lsn)
     registry.dirty = true; // the file must lose it before the log gets there
 }
 
-outcome pga_keep(pga_registry &registry, uint64_t last_lsn)
+outcome pga_keep(pga_registry &registry, uint64_t durable_lsn)
 {
     if (!registry.dirty || registry.path.empty())
         return {};
     for (auto &[name, table] : registry.tables)
-        forget_old(table.records, last_lsn);
-    const size_t gone = std::erase_if(registry.tables, [last_lsn](const auto &table) {
+        forget_old(table.records, durable_lsn);
+    const size_t gone = std::erase_if(registry.tables, [durable_lsn](const auto &table) {
         const std::vector<pga_record> &records = table.second.records;
         return records.size() == 1 && records.back().standing == PGA_FOLLOWED &&
-               records.back().at <= last_lsn;
+               records.back().at <= durable_lsn;
     });
     if (gone != 0)
         registry.version++;
     for (auto &[id, names] : registry.ids)
-        forget_old(names, last_lsn);
+        forget_old(names, durable_lsn);
     if (!feed_whole_write(registry.path, registry.mode, FIRST_LINE, pga_lines(registry)))
         return outcome_failed("%s: cannot keep which tables are set aside: %m",
                               registry.path.c_str());

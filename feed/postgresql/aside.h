@@ -34,9 +34,10 @@ void pga_put(pga_registry &registry, const std::string &schema, const std::strin
 // Drops what goes with positions behind the log's last one.
 void pga_withdraw(pga_registry &registry, uint64_t last_lsn);
 
-// Brings what has changed to disk, and drops what newer records that the log has replace.
+// Brings what has changed to disk, and drops what newer records replace which the log has for good,
+// up to durable_lsn: after a power cut it may end there, and what was before counts again.
 // OUTCOME_FAILED when it could not be written.
-outcome pga_keep(pga_registry &registry, uint64_t last_lsn);
+outcome pga_keep(pga_registry &registry, uint64_t durable_lsn);
 
 enum pga_description {
     PGA_SAME,

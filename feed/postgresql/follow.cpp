@@ -442,7 +442,7 @@ static outcome begin_snapshot(const follow &f)
     if (kept.snapshot != "begun" || last != 0)
         return {};
     pgi_want_all(f.relations, last);
-    if (outcome done = pga_keep(f.relations.aside, last); !done)
+    if (outcome done = pga_keep(f.relations.aside, fwu_writer_durable_lsn(f.tx.writer)); !done)
         return done;
     kept.snapshot = "taking";
     return pgb_kept_write(kept, true);

@@ -96,5 +96,5 @@ outcome pgb_take_stock(feed_transaction &tx, pgb_relations &relations, uint64_t 
         if (feed_is_skipped(*relations.tables.config, fwu_source_name(table.schema, table.name)))
             leave_out(relations, table.schema, table.name, last);
     }
-    return pga_keep(relations.aside, last);
+    return pga_keep(relations.aside, fwu_writer_durable_lsn(tx.writer));
 }

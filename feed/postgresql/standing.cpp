@@ -52,7 +52,7 @@ fwu_mark pgb_gap_of(const pgb_relations &relations, const std::string &schema,
 outcome pgb_commit(feed_transaction &tx, pgb_relations &relations)
 {
     outcome kept =
-        tx.skipping ? outcome() : pga_keep(relations.aside, fwu_writer_last_lsn(tx.writer));
+        tx.skipping ? outcome() : pga_keep(relations.aside, fwu_writer_durable_lsn(tx.writer));
     return kept ? feed_commit(tx) : std::move(kept);
 }
 
@@ -106,10 +106,16 @@ outcome pgb_or_set_aside(outcome done, feed_transaction &tx, pgb_relations &rela
     return pgb_set_aside(tx, relations, relation.told.schema, relation.told.name, done.text());
 }
 
+static bool is_followed(const pga_registry &registry, const std::string &name)
+{
+    const pga_record *const record = pga_find(registry, name);
+    return record == nullptr || record->standing == PGA_FOLLOWED;
+}
+
 // Nobody but the table of this name held it: nothing is left of where that one stood.
 static void forget_standing(pgb_relations &relations, const pga_name &name, uint64_t at)
 {
-    if (pga_find(relations.aside, fwu_source_name(name.schema, name.table)) != nullptr)
+    if (!is_followed(relations.aside, fwu_source_name(name.schema, name.table)))
         pga_put(relations.aside, name.schema, name.table, {.at = at});
 }
 
@@ -163,7 +169,7 @@ static outcome take_remade(feed_transaction &tx, pgb_relations &relations, const
     if (!done)
         return done;
     // What it has had so far may have been passed over.
-    if (pga_find(relations.aside, name) != nullptr)
+    if (!is_followed(relations.aside, name))
         take_in(relations, tx, told, reason, "made anew", false);
     return {};
 }
