@@ -3,6 +3,7 @@
 #include "tools/fwlog/dump_value.h"
 
 #include "changes/value.h"
+#include "fwutil/fwu_source_name.h"
 #include "util/utf8.h"
 
 #include <cstdint>
@@ -17,7 +18,12 @@ void dump_hex(std::string &out, const unsigned char *bytes, size_t length)
     }
 }
 
-static void put_escaped(std::string &out, std::string_view text, bool quoted)
+// What gets a backslash in front of it.
+static constexpr std::string_view IN_QUOTES = "\\\"";
+static constexpr std::string_view WITHOUT_QUOTES = "\\";
+static constexpr std::string_view NOTHING;
+
+static void put_escaped(std::string &out, std::string_view text, std::string_view marked)
 {
     for (const char c : text) {
         const auto byte = static_cast<unsigned char>(c);
@@ -28,7 +34,7 @@ static void put_escaped(std::string &out, std::string_view text, bool quoted)
             out.push_back(static_cast<char>(0xC0 | byte >> 6));
             out.push_back(static_cast<char>(0x80 | (byte & 0x3F)));
         } else {
-            if (c == '\\' || (quoted && c == '"'))
+            if (marked.find(c) != marked.npos)
                 out.push_back('\\');
             out.push_back(c);
         }
@@ -38,16 +44,16 @@ static void put_escaped(std::string &out, std::string_view text, bool quoted)
 void dump_text(std::string &out, std::string_view text)
 {
     out.push_back('"');
-    put_escaped(out, text, true);
+    put_escaped(out, text, IN_QUOTES);
     out.push_back('"');
 }
 
 void dump_name(std::string &out, std::string_view name)
 {
-    put_escaped(out, name, false);
+    put_escaped(out, name, WITHOUT_QUOTES);
 }
 
-static void put_utf8(std::string &out, std::string_view text, bool quoted)
+static void put_utf8(std::string &out, std::string_view text, std::string_view marked)
 {
     constexpr uint32_t first_printable = 0xA0; // of the characters of several bytes
     while (!text.empty()) {
@@ -56,7 +62,7 @@ static void put_utf8(std::string &out, std::string_view text, bool quoted)
         const std::string_view next = text.substr(0, length == 0 ? 1 : length);
         text.remove_prefix(next.size());
         if (length == 1)
-            put_escaped(out, next, quoted);
+            put_escaped(out, next, marked);
         else if (code >= first_printable)
             out += next;
         else
@@ -70,13 +76,23 @@ static void put_utf8(std::string &out, std::string_view text, bool quoted)
 
 void dump_utf8(std::string &out, std::string_view text)
 {
-    put_utf8(out, text, false);
+    put_utf8(out, text, WITHOUT_QUOTES);
+}
+
+void dump_table(std::string &out, std::string_view schema, std::string_view table)
+{
+    std::string name;
+    if (!schema.empty())
+        fwu_source_name_put(name, schema);
+    name += schema.empty() ? "" : ".";
+    fwu_source_name_put(name, table);
+    put_utf8(out, name, NOTHING);
 }
 
 void dump_utf8_text(std::string &out, std::string_view text)
 {
     out.push_back('"');
-    put_utf8(out, text, true);
+    put_utf8(out, text, IN_QUOTES);
     out.push_back('"');
 }
 

@@ -32,6 +32,10 @@ void dump_name(std::string &out, std::string_view name);
 void dump_utf8(std::string &out, std::string_view text);
 void dump_utf8_text(std::string &out, std::string_view text);
 
+// Appends the name of a table of the source as the configuration takes it, in quotes where it has
+// to be; bytes that are no UTF-8 as \xNN.  The schema may be empty.
+void dump_table(std::string &out, std::string_view schema, std::string_view table);
+
 // Appends "2026-11-21 03:33:52.123456", in UTC, or so many characters of it.  False, and
 // nothing appended, for a time outside the years 1 to 9999.
 bool dump_time(std::string &out, int64_t second, int32_t micros, size_t length = FWU_TIME_SIZE);

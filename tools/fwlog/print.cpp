@@ -51,13 +51,6 @@ static bool put_layout(fwlog_printer &printer, const fwu_entry &entry)
     return true;
 }
 
-static void put_table(std::string &out, std::string_view schema, std::string_view table)
-{
-    dump_utf8(out, schema);
-    out += schema.empty() ? "" : ".";
-    dump_utf8(out, table);
-}
-
 // An item of the source's dataset by its name where the file's layout has it.
 static void put_item(fwlog_printer &printer, const fwu_layout *layout, int32_t item)
 {
@@ -78,7 +71,7 @@ static bool put_source(fwlog_printer &printer, const fwu_entry &entry)
     printer.out += "source ";
     put_dataset(printer.out, of.dbname, of.dsetname);
     printer.out += ": table ";
-    put_table(printer.out, source.schema, source.table);
+    dump_table(printer.out, source.schema, source.table);
     printer.out += ", " + std::to_string(source.columns.size()) + " columns";
     if (source.null_map >= 0) {
         printer.out += ", nulls in ";
@@ -115,7 +108,7 @@ static bool put_mark(fwlog_printer &printer, const fwu_entry &entry)
     }
     if (!mark.table.empty()) {
         printer.out += " table ";
-        put_table(printer.out, mark.schema, mark.table);
+        dump_table(printer.out, mark.schema, mark.table);
     }
     if (!mark.reason.empty()) {
         printer.out += ": ";

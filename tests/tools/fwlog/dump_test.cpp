@@ -103,12 +103,51 @@ TEST(FwlogDump, TextsOfSourcesAndMarksCannotForgeLines)
     here.add(1, salted_file(entries, 4));
     const run_result result = here.dump();
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_THAT(result.out, HasSubstr(" source S.O: table or\\x0Aders\\xFF, 2 columns\n"
+    EXPECT_THAT(result.out, HasSubstr(" source S.O: table U&\"or\\000Aders\\xFF\", 2 columns\n"
                                       "    a\\x1B\\\\ -> item 7\n"
                                       "    \\xC2\\x85\u00E9 t\\x0Ay, left out, key 2\n"));
     EXPECT_THAT(result.out, HasSubstr(" mark gap: lost\\x0A1-1.9 \u20AC\n"));
     EXPECT_THAT(result.out, HasSubstr(" mark gap\n"));
     EXPECT_THAT(result.out, HasSubstr(" mark truncate table s.t\n"));
+}
+
+// As --resume and the configuration take them.
+TEST(FwlogDump, NamesOfTablesAreQuotedWhereTheyHaveToBe)
+{
+    const struct {
+        const char *schema, *table, *text;
+    } rows[] = {
+        {"sales", "orders", "sales.orders"},
+        {"a.b", "c", "\"a.b\".c"},
+        {"a", "b.c", "a.\"b.c\""},
+        {"s", "say \"hi\"", "s.\"say \"\"hi\"\"\""},
+        {"s", "back\\slash", "s.back\\slash"},
+        {"s", "tab\there", "s.U&\"tab\\0009here\""},
+        {"s",
+         "gr\xC3\xB6\xC3\x9F"
+         "e",
+         "s.gr\u00F6\u00DFe"},
+        {"", "no schema", "\"no schema\""},
+    };
+    int32_t tag = 0;
+    std::vector<unsigned char> entries;
+    std::string expected;
+    for (const auto &row : rows) {
+        fwu_entry_put_mark(entries, ++tag,
+                           {.kind = FWU_MARK_GAP, .schema = row.schema, .table = row.table});
+        expected += std::string("mark gap table ") + row.text + "\n";
+    }
+    place here;
+    here.add(1, salted_file(entries, static_cast<uint32_t>(tag)));
+    const run_result result = here.dump();
+    EXPECT_EQ(result.status, 0) << result.err;
+    std::string marks;
+    for (size_t at = 0; (at = result.out.find("mark gap", at)) != result.out.npos;) {
+        const size_t end = result.out.find('\n', at) + 1;
+        marks += result.out.substr(at, end - at);
+        at = end;
+    }
+    EXPECT_EQ(marks, expected);
 }
 
 TEST(FwlogDump, WholeValuesStandBeforeTheirRecord)
