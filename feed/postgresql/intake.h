@@ -31,6 +31,10 @@
 #include <unordered_map>
 #include <vector>
 
+// A piece is logged so far below its high mark: behind all commits there, and with positions
+// behind it for gap marks.
+constexpr uint64_t PGI_BELOW_HIGH = 7;
+
 // A change that belongs behind the piece's rows.
 struct pgi_kept {
     std::string bytes; // of its message

@@ -180,7 +180,7 @@ static outcome log_all(logging &l)
     feed_transaction &tx = l.on.tx;
     const pgp_piece &piece = l.intake.piece;
     fwu_commit commit;
-    commit.lsn = piece.high - 7; // so that gap marks behind it have positions, too
+    commit.lsn = piece.high - PGI_BELOW_HIGH;
     commit.time_us = piece.time_us;
     feed_begin(tx, commit);
     tx.data.push_back("snapshot=" + fwu_lsn_text(piece.high));

@@ -103,8 +103,10 @@ static outcome look_before(pgi_intake &intake, pgs_server &server)
     intake.before.clear();
     for (int i = 0; i < PQntuples(rows.get()); i++) {
         uint32_t xid = 0;
-        if (pgs_number(xid, pgs_value(rows, i, 0)))
-            intake.before.push_back(xid);
+        if (!pgs_number(xid, pgs_value(rows, i, 0)))
+            return {OUTCOME_LOST, "the server gives \"" + std::string(pgs_value(rows, i, 0)) +
+                                      "\" as a transaction's number"};
+        intake.before.push_back(xid);
         standby = pgs_value(rows, i, 1) == "t";
     }
     intake.before_until_ms = standby ? 0 : fwu_monotonic_ms() + COMMIT_MS;
@@ -187,7 +189,7 @@ static outcome read_piece(pgi_intake &intake, const pgi_place &on)
     if (!done)
         return done;
     // Positions have to differ: nothing was written since the piece before.
-    const bool stands = intake.piece.high <= fwu_writer_last_lsn(on.tx.writer) + 1;
+    const bool stands = intake.piece.high <= fwu_writer_last_lsn(on.tx.writer) + PGI_BELOW_HIGH;
     if (intake.piece.parts.empty() || stands) {
         pgp_end(intake.piece, on.server);
         intake.piece = {};
