@@ -168,6 +168,19 @@ static uint64_t take_number(std::string_view &text)
     return number;
 }
 
+bool pgf_is_snapshot(std::string_view text)
+{
+    if (std::count(text.begin(), text.end(), ':') != 2)
+        return false;
+    const bool in_progress = text.back() != ':';
+    const uint64_t xmin = take_number(text);
+    const uint64_t xmax = take_number(text);
+    bool whole = xmin != 0 && xmin <= xmax;
+    while (in_progress && whole && !text.empty())
+        whole = take_number(text) != 0;
+    return whole;
+}
+
 bool pgf_has_transaction(std::string_view snapshot, uint32_t xid)
 {
     const uint64_t xmin = take_number(snapshot);

@@ -66,6 +66,9 @@ pgf_answer pgf_refresh(pgf_facts &facts, const std::vector<const pgo_relation *>
 // answer yet; a type that an answer lacks was dropped since.
 outcome pgf_need_types(pgf_facts &facts, const pgo_relation &table);
 
+// Whether a text is a snapshot as the server writes it: "xmin:xmax:xip,...".
+bool pgf_is_snapshot(std::string_view text);
+
 // Whether a snapshot has a transaction: it has ended in it.
 bool pgf_has_transaction(std::string_view snapshot, uint32_t xid);
 

@@ -160,9 +160,11 @@ static outcome take_snapshot(pgp_reading &r, uint32_t &missing)
         return done;
     pgp_piece &piece = r.piece;
     piece.snapshot = pgs_value(result, 0, 0);
-    if (!fwu_lsn_parse(piece.high, pgs_value(result, 0, 1)) ||
+    if (!pgf_is_snapshot(piece.snapshot) || !fwu_lsn_parse(piece.high, pgs_value(result, 0, 1)) ||
         !pgs_number(piece.time_us, pgs_value(result, 0, 2)))
-        return {OUTCOME_LOST, "the server gives no position and time of its log"};
+        return {OUTCOME_LOST, "the server gives no snapshot, position and time of its log: \"" +
+                                  piece.snapshot + "\", \"" + std::string(pgs_value(result, 0, 1)) +
+                                  "\", \"" + std::string(pgs_value(result, 0, 2)) + "\""};
     for (const uint32_t xid : r.passed)
         if (!pgf_has_transaction(piece.snapshot, xid))
             missing = xid;

@@ -141,7 +141,8 @@ static outcome take_table(pgp_table &table, const pgs_result &result, int row)
 {
     table.relation.schema = pgs_value(result, row, 2);
     table.relation.name = pgs_value(result, row, 3);
-    table.relation.identity = pgs_value(result, row, 5).front();
+    const std::string_view identity = pgs_value(result, row, 5);
+    table.relation.identity = identity.empty() ? '\0' : identity.front();
     table.filter = pgs_value(result, row, 6);
     if (!pgs_number(table.want, pgs_value(result, row, 0)))
         return not_read("a table's place", pgs_value(result, row, 0));

@@ -242,6 +242,35 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
     expect_log_equals_tables();
 }
 
+// Of the session that reads rows: the piece is given up and read again.
+TEST_F(BridgeSilenceTest, NonsenseBesideTheStreamLosesNothing)
+{
+    insert(1);
+    const std::string id = value("SELECT 'load.ledger'::regclass::oid");
+    const std::string length(1, static_cast<char>(id.size()));
+    const struct {
+        std::string request;
+        std::string from;
+        std::string to;
+    } rows[] = {
+        {"txid_current_snapshot(), pg_current", ":", ";"},
+        {"txid_current_snapshot(), pg_current", "0/", "0;"},
+        {"t.relreplident, t.filter", length + id, length + std::string(id.size(), 'z')},
+        {"a.attname, a.atttypid", std::string("\0\2", 2) + "20", std::string("\0\2", 2) + "-1"},
+        {"a.attname, a.atttypid", std::string("\0\2", 2) + "-1", std::string("\0\2", 2) + "1e"},
+    };
+    for (const auto &row : rows) {
+        proxy->change_behind(row.request, row.from, row.to);
+        const run_result result = run_bridge(by_proxy({"--create", "--snapshot", "--once"}));
+        EXPECT_TRUE(proxy->happened()) << row.request;
+        EXPECT_EQ(result.status, 0) << result.err;
+        expect_log_equals_tables();
+        sql("SELECT pg_drop_replication_slot(slot_name) FROM pg_replication_slots");
+        std::filesystem::remove_all(dir.file("log"));
+        std::filesystem::create_directory(dir.file("log"));
+    }
+}
+
 TEST_F(BridgeSilenceTest, WrongTimeouts)
 {
     for (const char *text : {"0", "-1", "3601", "1s", "99999999999999999999"}) {

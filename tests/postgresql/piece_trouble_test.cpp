@@ -1,5 +1,6 @@
 // What keeps a table's rows from being read, and what then becomes of the others.
 #include "feed/postgresql/connect.h"
+#include "tests/postgresql/pg_proxy.h"
 #include "tests/postgresql/piece_fixture.h"
 
 #include <algorithm>
@@ -440,4 +441,51 @@ TEST_F(PieceTroubleTest, ATextThatTheServerCannotConvertComesInConnectionsMadeAn
     piece_rows marked;
     EXPECT_EQ(read_direct(piece, marked), PGP_LAST);
     EXPECT_EQ(marked, piece_rows(300, {"\xED\xB3\xBE\xED\xB2\xA1"}));
+}
+
+// A value in an answer: its length in four bytes, then its text.
+static std::string answered(const std::string &text)
+{
+    return std::string(3, '\0') + static_cast<char>(text.size()) + text;
+}
+
+TEST_F(PieceTroubleTest, NonsenseInAnswersIsForLater)
+{
+    sql("CREATE TABLE t (id int PRIMARY KEY, words varchar(7)); INSERT INTO t VALUES (1, 'one')");
+    const std::string id = value("SELECT 't'::regclass::oid");
+    const std::string zs(id.size(), 'z');
+    const struct {
+        std::string request;
+        std::string from;
+        std::string to;
+        std::string later;
+    } rows[] = {
+        {"txid_current_snapshot()", ":", ";", "the server gives no snapshot, position and time"},
+        {"txid_current_snapshot()", "0/", "0;", "the server gives no snapshot, position and time"},
+        {"txid_current_snapshot()", answered("1234567890123456").substr(0, 4) + "1",
+         answered("1234567890123456").substr(0, 4) + "x",
+         "the server gives no snapshot, position and time"},
+        {"t.relreplident, t.filter", answered("0"), answered("x"),
+         "the server gives \"x\" as a table's place"},
+        {"t.relreplident, t.filter", answered(id), answered(zs),
+         "the server gives \"" + zs + "\" as a table's number"},
+        {"t.relreplident, t.filter", answered("8192"), answered("8-92"),
+         "the server gives \"8-92\" as a table's size"},
+        {"a.attname, a.atttypid", answered("23"), answered("-1"),
+         "the server gives \"-1\" as a column's type"},
+        {"a.attname, a.atttypid", answered("-1"), answered("1e"),
+         "the server gives \"23\" as a column's type"},
+    };
+    pg_proxy proxy(server->socket());
+    from.conninfo = proxy.conninfo(database);
+    for (const auto &row : rows) {
+        proxy.change_behind(row.request, row.from, row.to);
+        const pgp_piece nothing = read({want("t")});
+        EXPECT_TRUE(proxy.happened()) << row.request;
+        EXPECT_THAT(later, StartsWith(row.later));
+        EXPECT_TRUE(nothing.parts.empty()) << row.later;
+        pgp_piece piece = read({want("t")});
+        EXPECT_EQ(later, "");
+        EXPECT_EQ(rows_of(part(piece)), (piece_rows{{"1", "one"}}));
+    }
 }

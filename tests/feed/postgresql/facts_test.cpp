@@ -198,6 +198,16 @@ TEST(Facts, ASnapshotHasTheTransactionsThatHaveEndedInIt)
             << row.snapshot << " " << row.xid;
 }
 
+TEST(Facts, NothingElseIsASnapshot)
+{
+    for (const char *text : {"20:20:", "10:20:10,15", "4294967290:4294967301:4294967292"})
+        EXPECT_TRUE(pgf_is_snapshot(text)) << text;
+    for (const char *text : {"", ":", "::", "nonsense", "20:20",
+                             "20;20:", "x:20:", "20:x:", "0:20:", "21:20:", "10:20:1x", "10:20:,",
+                             "10:20:15,,16", "10:20:15:", "-1:20:"})
+        EXPECT_FALSE(pgf_is_snapshot(text)) << text;
+}
+
 TEST(Facts, AnAnswerThatLacksTheTransactionInHandIsAskedForAgain)
 {
     pgf_facts facts;
