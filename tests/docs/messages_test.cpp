@@ -54,6 +54,8 @@ static const struct {
     {"/acknowledged: cannot create the file of what was acknowledged",
      {"\"acknowledged\"", "\"cannot create the file of what was acknowledged\""}},
     {"its position on disk", {": its %s ", "\"position on disk\""}},
+    {"/aside: damaged", {"\"/aside\"", "%s: damaged: it says which tables are set aside"}},
+    {"is set aside from transaction", {"table %s is set aside from %s on", "\"transaction \""}},
     {"waits until others have ended their transactions: process",
      {"waits until others have ended their transactions: ", "'process '"}},
 };

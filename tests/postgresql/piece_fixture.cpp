@@ -1,3 +1,4 @@
+// Pieces read as the bridge reads them, until one comes, and their rows taken apart.
 #include "tests/postgresql/piece_fixture.h"
 
 #include "feed/postgresql/connect.h"

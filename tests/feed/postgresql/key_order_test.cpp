@@ -1,3 +1,5 @@
+// Values of keys of each type, from the least to the greatest as the server has them, and at random
+// beside a second comparison.
 #include "feed/postgresql/key_order.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+// What a piece of a table is without a server: where a row stands by its key, and the lines of
+// COPY taken apart.
 #include "feed/postgresql/piece.h"
 
 #include <gtest/gtest.h>
