@@ -172,6 +172,7 @@ static outcome take_snapshot(pgp_reading &r, uint32_t &missing)
 }
 
 // A transaction is sent a moment before others see it, with a synchronous standby long before.
+// Tables that are refused or gone have their place in the log like others.
 static outcome begin_behind_passed(pgp_reading &r, std::vector<size_t> &places)
 {
     const std::vector<size_t> wanted = places;
@@ -180,10 +181,9 @@ static outcome begin_behind_passed(pgp_reading &r, std::vector<size_t> &places)
         missing = 0;
         places = wanted;
         std::erase_if(places, [&](size_t place) { return r.ways[place] >= SETTLED; });
-        outcome done = places.empty() ? outcome() : begin(r, places);
-        if (!done || places.empty())
-            return done;
-        done = take_snapshot(r, missing);
+        outcome done = places.empty() ? run(r, "BEGIN") : begin(r, places);
+        if (done)
+            done = take_snapshot(r, missing);
         if (!done || missing == 0)
             return done;
         done = run(r, "ROLLBACK");
@@ -447,8 +447,12 @@ static void pass_high(const pgp_reading &r)
 
 static outcome end_piece(pgp_reading &r)
 {
-    if (r.piece.parts.empty())
-        return r.closed ? outcome() : run(r, "ROLLBACK");
+    if (r.piece.parts.empty()) {
+        outcome ended = r.closed ? outcome() : run(r, "ROLLBACK");
+        if (ended && !r.closed && !r.settled.empty())
+            pass_high(r);
+        return ended;
+    }
     outcome done = r.closed ? connect(r) : outcome();
     if (done)
         done = pgp_check_names(r.piece, r.server);
