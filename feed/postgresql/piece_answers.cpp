@@ -40,7 +40,9 @@ pgp_trouble pgp_trouble_of(const pgs_refusal &refusal)
 
 std::string pgp_reason(const pgs_refusal &refusal)
 {
-    return refusal.message + (refusal.detail.empty() ? "" : " (" + refusal.detail + ")");
+    const char *const remedy = pgs_find_remedy(refusal.state.c_str(), refusal.message.c_str());
+    return refusal.message + (refusal.detail.empty() ? "" : " (" + refusal.detail + ")") +
+           (remedy == nullptr ? "" : std::string("; ") + remedy);
 }
 
 // The characters that COPY writes with a backslash.

@@ -59,7 +59,7 @@ enum pgp_trouble {
 };
 pgp_trouble pgp_trouble_of(const pgs_refusal &refusal);
 
-// "permission denied for table orders"
+// "permission denied for table orders; give the role the right: ..."
 std::string pgp_reason(const pgs_refusal &refusal);
 
 // Takes a line of COPY's text format apart, in place.

@@ -47,6 +47,10 @@ static constexpr remedy_row remedies[] = {
      "let the tables' owner or a superuser run the command with --create once, or make a "
      "publication of some tables by hand"},
     {"42501", "replication", "give the role the right: ALTER ROLE ... REPLICATION (and LOGIN)"},
+    {"42501", "permission denied for schema",
+     "give the role the right: GRANT USAGE ON SCHEMA ... TO ..."},
+    {"42501", "permission denied for table", "give the role the right: GRANT SELECT ON ... TO ..."},
+    {"42501", "row-level security", "let the role see all rows: ALTER ROLE ... BYPASSRLS"},
     {"42501", nullptr,
      "give the role the right that is missing, or use --conninfo with another role"},
     {"28", "does not exist",

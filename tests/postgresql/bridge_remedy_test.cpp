@@ -270,3 +270,51 @@ TEST_F(BridgeRemedyTest, UpdatesThatTheServerRefuses)
     EXPECT_TRUE(logged("NOTE=\"new\""));
     expect_runs({});
 }
+
+TEST_F(BridgeRemedyTest, TableThatTheRoleMayNotRead)
+{
+    const std::string role = database + "_unread";
+    insert(1);
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; GRANT USAGE ON SCHEMA load TO " + role +
+        "; CREATE PUBLICATION " + database + " FOR ALL TABLES");
+    const words by_role = {"--conninfo", conninfo(role), "--create", "--snapshot"};
+    const run_result begun = catch_up(by_role);
+    EXPECT_EQ(begun.status, 0) << begun.err;
+    EXPECT_THAT(begun.err, HasSubstr("permission denied for table ledger; give the role the right: "
+                                     "GRANT SELECT ON ... TO ...; the others go on; mend that, "
+                                     "then fwlog postgresql --resume load.ledger\n"));
+    EXPECT_FALSE(logged("after ID=1 "));
+    sql("GRANT SELECT ON load.ledger TO " + role);
+    const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_TRUE(logged("after ID=1 "));
+    next = 2;
+    expect_runs(by_role);
+    sql("DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeRemedyTest, RowsThatAreHiddenFromTheRole)
+{
+    const std::string role = database + "_hidden";
+    insert(1);
+    insert(2);
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; GRANT USAGE ON SCHEMA load TO " + role +
+        "; GRANT SELECT ON load.ledger TO " + role + "; CREATE PUBLICATION " + database +
+        " FOR ALL TABLES; ALTER TABLE load.ledger ENABLE ROW LEVEL SECURITY;"
+        "CREATE POLICY upper_ids ON load.ledger USING (id > 1)");
+    const words by_role = {"--conninfo", conninfo(role), "--create", "--snapshot"};
+    const run_result begun = catch_up(by_role);
+    EXPECT_EQ(begun.status, 0) << begun.err;
+    EXPECT_THAT(begun.err, HasSubstr("query would be affected by row-level security policy for "
+                                     "table \"ledger\"; let the role see all rows: ALTER ROLE ... "
+                                     "BYPASSRLS; the others go on; "));
+    EXPECT_FALSE(logged("after ID=2 "));
+    sql("ALTER ROLE " + role + " BYPASSRLS");
+    const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_TRUE(logged("after ID=1 "));
+    EXPECT_TRUE(logged("after ID=2 "));
+    next = 3;
+    expect_runs(by_role);
+    sql("DROP OWNED BY " + role);
+}

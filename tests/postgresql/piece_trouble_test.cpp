@@ -1,5 +1,6 @@
 // What keeps a table's rows from being read, and what then becomes of the others.
 #include "feed/postgresql/connect.h"
+#include "fwutil/fwu_start.h"
 #include "tests/postgresql/pg_proxy.h"
 #include "tests/postgresql/piece_fixture.h"
 
@@ -71,14 +72,25 @@ TEST_F(PieceTroubleTest, TablesThatMayNotBeReadAreRefusedAndTheOthersRead)
     EXPECT_EQ(names(piece), (name_set{"a", "refused b", "refused c", "d", "gone e"}));
     for (const pgp_part &one : piece.parts) {
         if (one.relation.name == "b")
-            EXPECT_EQ(one.refused, "permission denied for table b");
+            EXPECT_EQ(one.refused, "permission denied for table b; give the role the right: GRANT "
+                                   "SELECT ON ... TO ...");
         else if (one.relation.name == "c")
             EXPECT_EQ(one.refused, "query would be affected by row-level security policy for table "
-                                   "\"c\"");
+                                   "\"c\"; let the role see all rows: ALTER ROLE ... BYPASSRLS");
         else
             EXPECT_EQ(one.rows, one.gone ? 0U : 1U);
     }
     EXPECT_EQ(later, "");
+    // That alone has its place in the log, too.
+    for (const char *name : {"b", "c", "e"}) {
+        const std::string before = value("SELECT pg_current_wal_insert_lsn()");
+        const pgp_piece alone = read({want(name)});
+        EXPECT_EQ(alone.parts.size(), 1U);
+        EXPECT_EQ(value("SELECT h >= '" + before +
+                        "' AND pg_current_wal_insert_lsn() > h FROM (SELECT '" +
+                        fwu_lsn_text(alone.high) + "'::pg_lsn AS h) AS piece"),
+                  "t");
+    }
     EXPECT_TRUE(reading_ends());
     EXPECT_EQ(names(read({want("b")})), (name_set{"refused b"}));
     EXPECT_TRUE(reading_ends());
@@ -385,7 +397,8 @@ TEST_F(PieceTroubleTest, ADirectPieceThatIsRefusedSaysWhy)
     sql("REVOKE SELECT ON a FROM nobody_special");
     piece_rows rows;
     EXPECT_EQ(read_direct(piece, rows), PGP_BROKEN);
-    EXPECT_EQ(piece.parts.at(0).refused, "permission denied for table a");
+    EXPECT_EQ(piece.parts.at(0).refused, "permission denied for table a; give the role the right: "
+                                         "GRANT SELECT ON ... TO ...");
     EXPECT_EQ(later, "");
     EXPECT_TRUE(reading_ends());
 }

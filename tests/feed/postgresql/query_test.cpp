@@ -29,7 +29,11 @@ TEST(Remedies, ArePutBehindWhatTheServerSays)
         {"42501", "must be owner of table a", "the tables' owner"},
         {"42501", "must be superuser or replication role to use replication slots",
          "ALTER ROLE ... REPLICATION"},
-        {"42501", "permission denied for table a", "give the role the right that is missing"},
+        {"42501", "permission denied for schema a", "GRANT USAGE ON SCHEMA ... TO ..."},
+        {"42501", "permission denied for table a", "GRANT SELECT ON ... TO ..."},
+        {"42501", "query would be affected by row-level security policy for table \"a\"",
+         "ALTER ROLE ... BYPASSRLS"},
+        {"42501", "permission denied for function a", "give the role the right that is missing"},
     };
     for (const auto &row : rows) {
         const char *const found = pgs_find_remedy(row.state, row.message);
