@@ -71,6 +71,17 @@ ALTER TABLE crm.leads_of_old RENAME TO "Leads";
 INSERT INTO crm."Leads" (source) SELECT 'new ' || n FROM generate_series(1, 5) n;
 INSERT INTO crm.leads ("Id", "Source") SELECT 100000 + n, 'old' FROM generate_series(1, 5) n;
 
+-- step: a layout that cannot be made: its record would be longer than the log takes
+DO $$ BEGIN
+    EXECUTE 'CREATE TABLE crm.bits (id serial PRIMARY KEY, note text, '
+        || (SELECT string_agg(format('b%s bit(32767)', n), ', ') FROM generate_series(1, 1500) n) || ')';
+END $$;
+COMMENT ON TABLE crm.bits IS 'work: none';
+
+-- step: and rows of it
+INSERT INTO crm.bits (note) SELECT work.any_text() FROM generate_series(1, 5);
+INSERT INTO crm.customers ("Name") VALUES ('beside it');
+
 -- step: an identity is taken away where old rows are needed whole
 ALTER TABLE crm.keyed REPLICA IDENTITY DEFAULT;
 
