@@ -108,6 +108,10 @@ static outcome look_at_log(pgk_report &report)
     report.kept.path = config.log_directory + "/source";
     if (outcome read = pgb_kept_read(report.kept, ""); !read)
         return read;
+    // Whatever the log ends with: all that the file says counts.
+    if (outcome opened = pga_open(report.relations.aside, config.log_directory, 0, UINT64_MAX);
+        !opened)
+        return opened;
     std::vector<fwu_log_file> files;
     fwu_file_header header;
     if (fwu_log_list(config.log_directory, files) != 0)

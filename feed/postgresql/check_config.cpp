@@ -198,7 +198,8 @@ std::string pgk_config(const pgk_report &report, const std::string &path)
         if (table.skipped || table.described)
             continue;
         if (table.fed == nullptr) {
-            out += "\n" + comment("# " + table.name + " cannot be taken: " + table.refused) + "\n";
+            out +=
+                "\n" + comment("# " + table.name + " will be set aside: " + table.refused) + "\n";
             continue;
         }
         put_columns(out, report, table);

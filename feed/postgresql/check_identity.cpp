@@ -1,7 +1,7 @@
 // Which old rows the server sends: of a partitioned table by the identities of all its
 // partitions and of all that stand between; and whether a snapshot may read the rows.
-#include "feed/policy.h"
 #include "feed/postgresql/check_report.h"
+#include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
 
 static bool is_true(const pgs_result &result, int row, int column)
@@ -60,25 +60,25 @@ outcome pgk_look_at_identities(pgk_report &report)
         {.kind = "identity",
          .text = "of these tables the server sends the keys of old rows only; their other items "
                  "are marked \"?\" (not known); for whole old rows"},
-        {.stops = true,
+        {.stops = !report.found.slot,
+         .aside = report.found.slot,
          .kind = "identity",
          .text = "of these tables the server sends the keys of old rows only, and without marks "
                  "(\"values error\", or a dataset without a null map) whole ones are needed"},
     };
+    if (report.found.slot)
+        kinds[2].text += "; a change without sets its table aside";
     // A start that makes the publication gives them one.
     if (!report.found.publication && report.options.create)
         kinds[0].text = "these tables have no usable identity, without which the server would "
                         "refuse their updates and deletes: --create gives them one";
-    const fwu_policy default_policy = report.relations.tables.default_policy;
     for (int i = 0; i < PQntuples(result.get()); i++) {
         const pgk_table *table = table_of(report, pgs_value(result, i, 0));
         if (table == nullptr)
             continue;
-        const bool marks =
-            table->fed == nullptr ||
-            (table->fed->dataset->null_map >= 0 &&
-             feed_policy_of(report.config, table->name, default_policy) != FWU_POLICY_ERROR);
-        const size_t kind = !is_true(result, i, 2) ? 0 : marks ? 1 : 2;
+        const bool whole =
+            pgb_needs_whole_rows(report.config, table->relation.schema, table->relation.name);
+        const size_t kind = !is_true(result, i, 2) ? 0 : whole ? 2 : 1;
         kinds[kind].sql.push_back("ALTER TABLE " + std::string(pgs_value(result, i, 1)) +
                                   " REPLICA IDENTITY FULL;");
     }
@@ -106,18 +106,20 @@ outcome pgk_look_at_reading(pgk_report &report)
                   {numbers.c_str()});
     if (!asked)
         return asked;
-    const bool reads = report.options.snapshot && !report.found.slot;
+    const bool reads = report.options.snapshot && !report.log_begun;
     const std::string role = pgs_name(report.found.role);
-    pgk_finding grants = {.stops = reads,
+    pgk_finding grants = {.aside = reads,
                           .kind = "right",
                           .text = "role " + report.found.role +
-                                  " may not read these tables, which --snapshot needs",
+                                  " may not read these tables: --snapshot and --resume set them "
+                                  "aside; grant it before, else later, and then --resume them",
                           .sql = {},
                           .lines = {}};
-    pgk_finding hidden = {.stops = reads,
+    pgk_finding hidden = {.aside = reads,
                           .kind = "right",
-                          .text = "row security hides rows of these tables from role " +
-                                  report.found.role + ", and --snapshot needs all:",
+                          .text = "row security hides rows from role " + report.found.role +
+                                  ", so that --snapshot and --resume set their tables aside; let "
+                                  "it see all before, else later, and then --resume them:",
                           .sql = {"ALTER ROLE " + role + " BYPASSRLS;"},
                           .lines = {}};
     std::string schema; // granted last

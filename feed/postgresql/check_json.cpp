@@ -133,6 +133,7 @@ static void put_finding(json_writer &json, const pgk_finding &finding)
 {
     json.open('{');
     json.truth("stops", finding.stops);
+    json.truth("aside", finding.aside);
     json.text("kind", finding.kind);
     json.text("text", finding.text);
     json.texts("sql", finding.sql);

@@ -71,7 +71,7 @@ static void put_table(std::string &out, const pgk_table &table)
         return;
     }
     if (table.fed == nullptr) {
-        out += ": cannot be taken: " + table.refused + "\n";
+        out += ": will be set aside: " + table.refused + "\n";
         return;
     }
     const fwu_layout &layout = table.fed->layout;
@@ -146,8 +146,13 @@ std::string pgk_text(const pgk_report &report)
     put_findings(out, report, false, "What to know:");
     const auto stops = std::count_if(report.findings.begin(), report.findings.end(),
                                      [](const pgk_finding &finding) { return finding.stops; });
-    out += stops == 0 ? "\nA run would start and take everything.\n"
-                      : "\nA run would not start, or not go on: " + plural(stops, "thing") +
-                            (stops == 1 ? " is" : " are") + " in its way.\n";
+    const bool aside = std::any_of(report.findings.begin(), report.findings.end(),
+                                   [](const pgk_finding &finding) { return finding.aside; });
+    if (stops != 0)
+        out += "\nA run would not start: " + plural(stops, "thing") +
+               (stops == 1 ? " is" : " are") + " in its way.\n";
+    else
+        out += aside ? "\nA run would start, with tables set aside.\n"
+                     : "\nA run would start and take everything.\n";
     return out;
 }

@@ -19,7 +19,8 @@
 
 // What is missing, or what whoever starts a run should know.
 struct pgk_finding {
-    bool stops = false;                  // a run would not start, or end at such a row
+    bool stops = false;                  // a run would not start
+    bool aside = false;                  // tables are or would be set aside, the others go on
     const char *kind = "";               // server setting right publication slot identity table
                                          // record values configuration
     std::string text = {};               // what is wrong, and what to do
@@ -72,7 +73,7 @@ struct pgk_table {
     bool partitioned = false;
     std::string filter;              // rows that are published; empty: all
     pgo_relation relation;           // with the columns that are published
-    const feed_table *fed = nullptr; // null: it cannot be taken
+    const feed_table *fed = nullptr; // null: it will be set aside
     std::string refused;             // then: why
     bool skipped = false;            // by the configuration
     bool described = false;          // its items are

@@ -4,6 +4,7 @@
 #include "feed/postgresql/check_report.h"
 #include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
+#include "feed/postgresql/standing.h"
 #include "feed/text.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -217,13 +218,21 @@ static outcome look_at_what_is_not_sent(pgk_report &report)
     return asked;
 }
 
+static void note_aside(pgk_report &report, const std::string &text)
+{
+    pgk_note(report, "table", text);
+    report.findings.back().aside = true;
+}
+
 static outcome look_at(pgk_report &report, pgk_table &table, std::vector<std::string> &notes)
 {
     pgb_relation *relation = nullptr;
+    const std::string resume = pgb_resume_command(table.name);
     outcome found = pgb_find(relation, report.relations, table.relation.id, notes);
     if (found.kind() == OUTCOME_BAD) {
         table.refused = found.text();
-        pgk_stop(report, "table", table.refused);
+        note_aside(report, "table " + table.name + " will be set aside: " + table.refused +
+                               "; mend that before a start, else later, and then " + resume);
         return {};
     }
     if (!found)
@@ -231,6 +240,10 @@ static outcome look_at(pgk_report &report, pgk_table &table, std::vector<std::st
     table.skipped = relation->table->dataset == nullptr;
     if (table.skipped)
         return {};
+    const pga_record *const record = pga_find(report.relations.aside, table.name);
+    if (record != nullptr && record->standing == PGA_ASIDE)
+        note_aside(report, "table " + table.name + " is set aside: " + record->reason +
+                               "; mend that, then " + resume);
     table.fed = relation->table;
     table.described = table.fed->own == nullptr;
     for (size_t i = 0; i < table.relation.columns.size(); i++)

@@ -118,15 +118,15 @@ static void find_policy(pgk_report &report)
     if (!any || report.config.policy != FWU_POLICY_UNSAID || fwu_writing_describes(report.config))
         return;
     pgk_note(report, "configuration",
-             "with a \"column\" line and without this one, once, values that do not fit end a run, "
-             "and whole old rows of all tables are needed");
+             "with a \"column\" line and without this one, once, values that do not fit set their "
+             "table aside, and whole old rows of all tables are needed");
     report.findings.back().lines.push_back("values mark");
 }
 
 static void find_values(pgk_report &report, const pgk_table &table, const pgk_column &column)
 {
     const pgk_scanned &scanned = column.scanned;
-    const bool stops = column.policy == FWU_POLICY_ERROR || scanned.nulls != 0;
+    const bool aside = column.policy == FWU_POLICY_ERROR || scanned.nulls != 0;
     const struct {
         int64_t rows;
         const char *marked;
@@ -141,20 +141,22 @@ static void find_values(pgk_report &report, const pgk_table &table, const pgk_co
     for (const auto &kind : kinds)
         if (kind.rows != 0)
             text +=
-                (text.empty() ? "" : ", ") + rows_of(kind.rows, stops ? kind.wrong : kind.marked);
+                (text.empty() ? "" : ", ") + rows_of(kind.rows, aside ? kind.wrong : kind.marked);
     if (text.empty())
         return;
     const fwu_item &item = item_of(table, column);
     const std::string name =
         fwu_source_name(table.relation.schema, table.relation.name, column.name);
     pgk_finding finding = {
-        .stops = stops,
+        .aside = aside,
         .kind = "values",
         .text = name + ": " + text + ", of " + rows_of(table.rows, "in all") + "; item " +
                 item.name + " is " + pgk_item_text(item),
     };
     if (scanned.longest > item.size)
         finding.text += ", the longest value has " + std::to_string(scanned.longest);
+    if (aside)
+        finding.text += "; such a row sets the table aside";
     if (column.width > item.size)
         suggest_width(report, table, column, finding);
     report.findings.push_back(std::move(finding));

@@ -5,6 +5,10 @@
 // Before version 13 a publication has partitions only, as tables of their own.
 #include "feed/postgresql/identity.h"
 
+#include "feed/policy.h"
+#include "feed/table.h"
+#include "fwutil/fwu_source_name.h"
+
 const char pgb_all_tables[] =
     "t AS (SELECT c.oid, n.nspname AS schema, c.relname AS name, c.relkind AS kind,"
     " c.relispartition AND v.roots AS is_part, c.relreplident = 'f' AND NOT u.unsent"
@@ -41,4 +45,15 @@ std::string pgb_identity_expression(const std::string &table)
 std::string pgb_identity_command(const std::string &name)
 {
     return "ALTER TABLE " + name + " REPLICA IDENTITY FULL";
+}
+
+bool pgb_needs_whole_rows(const fwu_config &config, const std::string &schema,
+                          const std::string &table)
+{
+    const std::string name = fwu_source_name(schema, table);
+    if (feed_is_skipped(config, name))
+        return false;
+    const fwu_dataset *said = feed_configured(config, schema, table);
+    return (said != nullptr && !said->layout.items.empty() && said->null_map < 0) ||
+           feed_policy_of(config, name, feed_server_policy(config)) == FWU_POLICY_ERROR;
 }

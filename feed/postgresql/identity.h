@@ -5,6 +5,8 @@
 #ifndef FEED_POSTGRESQL_IDENTITY_H
 #define FEED_POSTGRESQL_IDENTITY_H
 
+#include "fwutil/fwu_config.h"
+
 #include <string>
 
 // The tables that a publication of all tables has, as rows of "t": oid, schema, name, kind ('r',
@@ -26,5 +28,10 @@ std::string pgb_identity_expression(const std::string &table);
 
 // "ALTER TABLE sales.orders REPLICA IDENTITY FULL"; name is as SQL writes it.
 std::string pgb_identity_command(const std::string &name);
+
+// Whether a change of the table has to come with its whole old row: nothing marks what is not
+// known.
+bool pgb_needs_whole_rows(const fwu_config &config, const std::string &schema,
+                          const std::string &table);
 
 #endif

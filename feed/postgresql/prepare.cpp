@@ -3,7 +3,6 @@
 // before what comes in front of it was found right.
 #include "feed/postgresql/prepare.h"
 
-#include "feed/policy.h"
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/create.h"
 #include "feed/postgresql/identity.h"
@@ -133,17 +132,6 @@ static outcome check_system(const checks &on, pgb_found &found)
     return {};
 }
 
-// Whether a change of the table has to come with its whole old row.
-static bool needs_whole_rows(const checks &on, const std::string &schema, const std::string &table)
-{
-    const std::string name = fwu_source_name(schema, table);
-    if (feed_is_skipped(on.config, name))
-        return false;
-    const fwu_dataset *said = feed_configured(on.config, schema, table);
-    return (said != nullptr && !said->layout.items.empty() && said->null_map < 0) ||
-           feed_policy_of(on.config, name, feed_server_policy(on.config)) == FWU_POLICY_ERROR;
-}
-
 // Tables whose old rows the server would not send although they are needed, of the publication
 // or, before that is made, of all that it may have but those that will send them then.  They are
 // an error as long as nothing was logged, and a warning later.
@@ -173,8 +161,8 @@ static outcome check_identities(const checks &on, bool refuses, bool before_crea
         return asked;
     std::string text;
     for (int i = 0; i < PQntuples(result.get()); i++)
-        if (needs_whole_rows(on, std::string(pgs_value(result, i, 0)),
-                             std::string(pgs_value(result, i, 1))))
+        if (pgb_needs_whole_rows(on.config, std::string(pgs_value(result, i, 0)),
+                                 std::string(pgs_value(result, i, 1))))
             text += "\n  " + pgb_identity_command(std::string(pgs_value(result, i, 2))) + ";";
     if (text.empty())
         return {};

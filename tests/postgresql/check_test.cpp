@@ -55,8 +55,7 @@ TEST_F(BridgeCheckTest, WhatIsMissingIsMadeByWhatItPrints)
               "CREATE PUBLICATION \"" + database + "\" FOR ALL TABLES" + publication_with() + ";");
     EXPECT_THAT(missing.out,
                 HasSubstr("slot \"" + database + "\" is not there: start with --create\n"));
-    EXPECT_THAT(missing.out, HasSubstr("A run would not start, or not go on: 2 things are in its "
-                                       "way.\n"));
+    EXPECT_THAT(missing.out, HasSubstr("A run would not start: 2 things are in its way.\n"));
     paste(commands);
     // The application's own updates go on, those of tables that come later, too.
     sql("UPDATE unkeyed SET id = 2; CREATE TABLE later (id int); INSERT INTO later VALUES (1);"
@@ -123,8 +122,10 @@ TEST_F(BridgeCheckTest, RightsAreGrantedByWhatItPrints)
                           "--create --once, or run these, all and in this "
                           "order"));
     EXPECT_EQ(occurrences(missing.out, "public.unkeyed REPLICA IDENTITY FULL"), 1);
-    EXPECT_THAT(missing.out, HasSubstr("row security hides rows of these tables from role " + role +
-                                       ", and --snapshot needs all: public.hidden\n"));
+    EXPECT_THAT(missing.out,
+                HasSubstr("row security hides rows from role " + role +
+                          ", so that --snapshot and --resume set their tables aside; let it see "
+                          "all before, else later, and then --resume them: public.hidden\n"));
     const std::string quoted = "\"" + role + "\"";
     EXPECT_THAT(
         sql_of(missing.out),
@@ -174,9 +175,25 @@ TEST_F(BridgeCheckTest, IdentitiesOfParentsAndAllPartitions)
     EXPECT_EQ(strict.status, 1);
     EXPECT_THAT(strict.out, HasSubstr("or a dataset without a null map) whole ones are needed\n"
                                       "     ALTER TABLE load.keyed REPLICA IDENTITY FULL;\n"));
+    EXPECT_THAT(strict.out, HasSubstr("A run would not start: 1 thing is in its way.\n"));
+    EXPECT_EQ(catch_up({"--create"}).status, 1);
+    // Nothing but that table is concerned once the log has begun.
+    sql("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    const run_result begun = check({"--accept-gap"});
+    EXPECT_EQ(begun.status, 0) << begun.out << begun.err;
+    EXPECT_THAT(begun.out,
+                HasSubstr("whole ones are needed; a change without sets its table aside\n"));
+    EXPECT_THAT(begun.out, HasSubstr("A run would start, with tables set aside.\n"));
+    EXPECT_EQ(catch_up({"--accept-gap"}).status, 0);
+    sql("INSERT INTO load.keyed VALUES (1); UPDATE load.keyed SET note = 'x'");
+    const run_result run = catch_up();
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_THAT(run.err, HasSubstr("table load.keyed is set aside from transaction "));
     paste(sql_of(strict.out));
-    const run_result mended = check({"--create"});
+    EXPECT_EQ(catch_up({"--resume", "load.keyed"}).status, 0);
+    const run_result mended = check();
     EXPECT_EQ(mended.status, 0) << mended.out;
+    EXPECT_THAT(mended.out, HasSubstr("A run would start and take everything.\n"));
     EXPECT_THAT(sql_of(mended.out), IsEmpty());
 }
 
@@ -335,6 +352,90 @@ TEST_F(BridgeCheckTest, RecordsThatNoWidthShrinks)
                           "capture it as text\n"));
 }
 
+// More than the longest image, however short the texts beside it are.
+TEST_F(BridgeCheckTest, ATableWhoseLayoutCannotBeMade)
+{
+    std::string columns = "id int PRIMARY KEY";
+    std::string narrow;
+    for (int i = 0; i < 600; i++) {
+        columns += ", b" + std::to_string(i) + " bit(32767)";
+        narrow += "column public.bits.b" + std::to_string(i) + " width=10\n";
+    }
+    sql("CREATE TABLE bits (" + columns +
+        "); INSERT INTO bits VALUES (1);"
+        "CREATE TABLE plain (id int PRIMARY KEY); INSERT INTO plain VALUES (2)");
+    const std::string why = "table public.bits: the record image is longer than 16777216 bytes, ";
+    const run_result result = check({"--create", "--snapshot"});
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_THAT(result.out, HasSubstr("\npublic.bits: will be set aside: " + why));
+    EXPECT_THAT(result.out, HasSubstr(". table public.bits will be set aside: " + why));
+    EXPECT_THAT(result.out, HasSubstr("; mend that before a start, else later, and then fwlog "
+                                      "postgresql --resume public.bits\n"));
+    EXPECT_THAT(result.out, Not(HasSubstr("What stops a run:")));
+    EXPECT_THAT(result.out, HasSubstr("\nA run would start, with tables set aside.\n"));
+    const run_result json = check({"--create", "--snapshot", "--json"});
+    EXPECT_EQ(json.status, 0) << json.err;
+    EXPECT_THAT(json.out, HasSubstr("{\"starts\":true,"));
+    EXPECT_THAT(json.out, HasSubstr("{\"stops\":false,\"aside\":true,\"kind\":\"table\",\"text\":"
+                                    "\"table public.bits will be set aside: "));
+
+    const run_result run = catch_up({"--create", "--snapshot"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_THAT(run.err, HasSubstr("table public.bits is set aside from "));
+    EXPECT_THAT(run.err, HasSubstr(why));
+    EXPECT_TRUE(logged("after ID=2 "));
+    EXPECT_FALSE(logged("after ID=1 "));
+    configure("values mark\n" + narrow);
+    const run_result aside = check();
+    EXPECT_EQ(aside.status, 0) << aside.out << aside.err;
+    EXPECT_THAT(aside.out, HasSubstr(". table public.bits is set aside: " + why));
+    EXPECT_THAT(aside.out, HasSubstr("; mend that, then fwlog postgresql --resume public.bits\n"));
+    EXPECT_THAT(aside.out, HasSubstr("\nA run would start, with tables set aside.\n"));
+    const run_result resumed = catch_up({"--resume", "public.bits"});
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_TRUE(logged("after ID=1 "));
+    EXPECT_EQ(status_member("aside"), "[]");
+    EXPECT_THAT(check().out, HasSubstr("A run would start and take everything.\n"));
+}
+
+TEST_F(BridgeCheckTest, TablesThatASnapshotMayNotRead)
+{
+    const std::string role = database + "_reads";
+    sql("CREATE ROLE " + role +
+        " LOGIN REPLICATION; CREATE TABLE closed (id int PRIMARY KEY);"
+        "CREATE TABLE hidden (id int PRIMARY KEY); ALTER TABLE hidden ENABLE ROW LEVEL SECURITY;"
+        "GRANT SELECT ON hidden TO " +
+        role + "; CREATE PUBLICATION " + database + " FOR TABLE closed, hidden");
+    const run_result unread = check_as(role, {"--create"});
+    EXPECT_EQ(unread.status, 0) << unread.out << unread.err;
+    EXPECT_THAT(unread.out, HasSubstr("A run would start and take everything.\n"));
+    const run_result read = check_as(role, {"--create", "--snapshot"});
+    EXPECT_EQ(read.status, 0) << read.out << read.err;
+    EXPECT_THAT(read.out, HasSubstr("A run would start, with tables set aside.\n"));
+    for (const run_result &result : {unread, read}) {
+        EXPECT_THAT(result.out,
+                    HasSubstr("role " + role +
+                              " may not read these tables: --snapshot and --resume set them aside; "
+                              "grant it before, else later, and then --resume them\n     GRANT "
+                              "SELECT ON public.closed TO \"" +
+                              role + "\";\n"));
+        EXPECT_THAT(result.out, Not(HasSubstr("What stops a run:")));
+    }
+    const auto run = [&](std::vector<std::string> more) {
+        more.insert(more.end(), {"--conninfo", conninfo(role)});
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 0) << result.err;
+    };
+    run({"--create", "--snapshot"});
+    EXPECT_THAT(status_member("aside"), HasSubstr("public.closed"));
+    for (const std::string &command : sql_of(read.out))
+        if (command.find("SELECT ON") != command.npos || command.ends_with("BYPASSRLS;"))
+            sql(command);
+    run({"--resume", "all"});
+    EXPECT_EQ(status_member("aside"), "[]");
+    sql("DROP OWNED BY " + role);
+}
+
 TEST_F(BridgeCheckTest, PrintsOneJsonObject)
 {
     sql("CREATE TABLE plain (id int PRIMARY KEY, note text); CREATE TABLE skipped (id int)");
@@ -355,13 +456,14 @@ TEST_F(BridgeCheckTest, PrintsOneJsonObject)
                "    print(c['column'], c['item'], c['type'], c['size'], c['source_type'],"
                " c['width_chosen'])\n"
                "for f in check['findings']:\n"
-               "    print(f['stops'], f['kind'], f['sql'])\n");
+               "    print(f['stops'], f['aside'], f['kind'], f['sql'])\n");
     const run_result read = run_program({"/usr/bin/python3", "look.py"}, options);
-    EXPECT_EQ(read.out, "True False utf-8 mark\n"
-                        "public.plain PUBLIC PLAIN 0 True\n"
-                        "id ID I 4 integer False\n"
-                        "note NOTE X 1000 text True\n"
-                        "False identity ['ALTER TABLE public.plain REPLICA IDENTITY FULL;']\n")
+    EXPECT_EQ(read.out,
+              "True False utf-8 mark\n"
+              "public.plain PUBLIC PLAIN 0 True\n"
+              "id ID I 4 integer False\n"
+              "note NOTE X 1000 text True\n"
+              "False False identity ['ALTER TABLE public.plain REPLICA IDENTITY FULL;']\n")
         << read.err << result.out;
 }
 
