@@ -71,7 +71,7 @@ static void find_holders(pga_registry &registry)
 }
 
 outcome pga_open(pga_registry &registry, const std::string &directory, mode_t mode,
-                 uint64_t last_lsn)
+                 uint64_t last_lsn, bool replaces_damaged)
 {
     registry = {.path = directory + "/aside", .mode = mode, .version = registry.version + 1};
     std::string lines;
@@ -79,12 +79,21 @@ outcome pga_open(pga_registry &registry, const std::string &directory, mode_t mo
     if (read == FEED_WHOLE_FAILED)
         return outcome_failed("%s: cannot read which tables are set aside: %m",
                               registry.path.c_str());
-    if (read == FEED_WHOLE_DAMAGED || (read == FEED_WHOLE && !pga_take_lines(registry, lines)))
+    registry.damaged =
+        read == FEED_WHOLE_DAMAGED || (read == FEED_WHOLE && !pga_take_lines(registry, lines));
+    registry.anew = registry.damaged || read == FEED_WHOLE_NONE;
+    if (registry.damaged && !replaces_damaged)
         return outcome_failed(
-            "%s: damaged: it says which tables are set aside or being taken in; restore it from a "
-            "copy, or remove it: then all tables are followed from here on, and those with gap "
-            "marks in the log are to be taken in with --resume",
+            "%s: damaged: it says which tables are set aside or being taken in; go on with "
+            "--accept-gap, which leaves a gap mark for all tables in the log and follows them from "
+            "there on, and take those in with --resume that the log may lack rows of (a snapshot "
+            "that was not done is taken anew)",
             registry.path.c_str());
+    if (registry.damaged) { // what was read of it
+        registry.skipped.clear();
+        registry.ids.clear();
+        registry.tables.clear();
+    }
     find_holders(registry);
     pga_withdraw(registry, last_lsn);
     return {};
@@ -148,7 +157,7 @@ outcome pga_keep(pga_registry &registry, uint64_t durable_lsn)
     if (!feed_whole_write(registry.path, registry.mode, FIRST_LINE, pga_lines(registry)))
         return outcome_failed("%s: cannot keep which tables are set aside: %m",
                               registry.path.c_str());
-    registry.dirty = false;
+    registry.dirty = registry.anew = registry.damaged = false;
     return {};
 }
 

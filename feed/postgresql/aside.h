@@ -17,9 +17,10 @@
 #include <sys/types.h>
 
 // Reads the file in a log directory that a log ends in which has last_lsn as its last position.
-// OUTCOME_FAILED when it cannot be read or is damaged; what is not there is empty.
+// OUTCOME_FAILED when it cannot be read, or is damaged and not to be replaced; what is not there is
+// empty.
 outcome pga_open(pga_registry &registry, const std::string &directory, mode_t mode,
-                 uint64_t last_lsn);
+                 uint64_t last_lsn, bool replaces_damaged = false);
 
 // The newest record of a table, valid until the next change of any; null: it is followed.
 const pga_record *pga_find(const pga_registry &registry, const std::string &name);

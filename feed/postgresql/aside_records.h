@@ -63,6 +63,8 @@ struct pga_registry {
     std::map<std::string, uint32_t> holders = {};       // whose newest name it is
     uint64_t version = 1; // of any standing: what is found holds as long as it stays
     bool dirty = false;   // the file says something else
+    bool anew = false;    // there is no file yet, or a damaged one
+    bool damaged = false; // ... which is to be replaced
 };
 
 #endif

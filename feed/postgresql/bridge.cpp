@@ -148,6 +148,14 @@ static outcome accept_loss(bridge &b)
         text.c_str());
 }
 
+// Tables that were set aside, or taken in in part, are followed from here on.
+static outcome replace_standings(bridge &b)
+{
+    static const char why[] =
+        "file aside was damaged: tables that were set aside are followed again";
+    return b.relations.aside.damaged ? pgb_log_gaps(b.tx, b.relations, {}, why) : outcome();
+}
+
 // What the user and the configuration say.
 static outcome set_up(bridge &b)
 {
@@ -195,7 +203,8 @@ static outcome take_over(bridge &b)
     if (done)
         done = feed_names_open(b.relations.names, b.config.log_directory, kept.mode);
     if (done)
-        done = pga_open(b.relations.aside, b.config.log_directory, kept.mode, last.lsn);
+        done = pga_open(b.relations.aside, b.config.log_directory, kept.mode, last.lsn,
+                        b.options.accept_gap);
     b.requests.directory = b.config.log_directory;
     b.requests.mode = kept.mode;
     b.requests.publication = b.server.publication;
@@ -250,6 +259,8 @@ outcome pgb_run(const pgb_options &options)
         done = pgb_state_write(b.state); // before the server is asked, which may take long
     if (done)
         done = accept_loss(b);
+    if (done)
+        done = replace_standings(b);
     if (done)
         done = run(b);
     if (done && b.requests.refused)

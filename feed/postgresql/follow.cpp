@@ -434,14 +434,25 @@ static outcome start(const follow &f)
 }
 
 // What the tables hold is taken in beside the stream; file "aside" has all of them before anything
-// rests on that.
+// rests on that.  Where that is gone nobody knows how far it had come: it begins anew.
 static outcome begin_snapshot(const follow &f)
 {
     pgb_kept &kept = f.state.kept;
+    pga_registry &aside = f.relations.aside;
     const uint64_t last = fwu_writer_last_lsn(f.tx.writer);
-    if (kept.snapshot != "begun" || last != 0)
+    const bool again = kept.snapshot == "taking" && aside.anew;
+    aside.dirty = aside.dirty || aside.damaged;
+    if (!again && (kept.snapshot != "begun" || last != 0))
         return {};
-    pgi_want_all(f.relations, last);
+    if (again)
+        tell("warning: %s does not say how far the snapshot had come: it is taken anew, each table "
+             "behind a truncate mark",
+             aside.path.c_str());
+    // What it is taken in behind is on disk.
+    if (fwu_writer_sync(f.tx.writer) != 0)
+        return OUTCOME_FAILED;
+    pgi_want_all(f.relations, last, last != 0);
+    aside.dirty = true; // also without tables: the next run finds the file
     if (outcome done = pga_keep(f.relations.aside, fwu_writer_durable_lsn(f.tx.writer)); !done)
         return done;
     kept.snapshot = "taking";

@@ -82,7 +82,8 @@ struct pgi_place {
 void pgi_open(pgi_intake &intake);
 
 // All tables of the publication are to be taken in, behind last_lsn, the log's last position.
-void pgi_want_all(pgb_relations &relations, uint64_t last_lsn);
+// replaces: it may have rows of them.
+void pgi_want_all(pgb_relations &relations, uint64_t last_lsn, bool replaces);
 
 // Whether anything is left to take in.
 bool pgi_busy(pgi_intake &intake, const pga_registry &registry);

@@ -35,14 +35,14 @@ void pgi_open(pgi_intake &intake)
     intake.again_ms = 0;
 }
 
-void pgi_want_all(pgb_relations &relations, uint64_t last_lsn)
+void pgi_want_all(pgb_relations &relations, uint64_t last_lsn, bool replaces)
 {
     for (const auto &[id, table] : relations.facts.tables) {
         if (table.name.empty() ||
             feed_is_skipped(*relations.tables.config, fwu_source_name(table.schema, table.name)))
             continue;
         pga_put(relations.aside, table.schema, table.name,
-                {.standing = PGA_TAKING, .at = last_lsn, .why = "snapshot"});
+                {.standing = PGA_TAKING, .at = last_lsn, .replaces = replaces, .why = "snapshot"});
     }
 }
 

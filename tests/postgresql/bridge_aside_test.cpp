@@ -130,6 +130,27 @@ TEST_F(BridgeAsideTest, WhatTheFileSaysBeforeTheLogHasItDoesNotCount)
     EXPECT_EQ(history(), log);
 }
 
+TEST_F(BridgeAsideTest, WhereTheFileIsDamagedAllTablesHaveAGap)
+{
+    sql("INSERT INTO shop.\"odd one\" VALUES (1, 'x')");
+    spoil();
+    catch_up_well();
+    write_file(dir.file("log/aside"), "fwlog aside 1\n");
+    EXPECT_EQ(catch_up().status, 1);
+    catch_up_well({"--accept-gap"});
+    const std::string log = history();
+    EXPECT_THAT(log, testing::ContainsRegex("gap null: file aside was damaged: tables that were set "
+                                            "aside are followed again\n$"));
+    sql("ALTER TABLE shop.\"odd one\" REPLICA IDENTITY FULL;"
+        "INSERT INTO shop.\"odd one\" VALUES (2, 'x')");
+    catch_up_well();
+    EXPECT_EQ(history(), log + "c ODD-ONE-ODNCD 2\n");
+    catch_up_well({"--resume", "shop.\"odd one\""});
+    EXPECT_THAT(history().substr(log.size()),
+                testing::ContainsRegex("^c ODD-ONE-ODNCD 2\ntruncate ODD-ONE-ODNCD: .*\n"
+                                       "r ODD-ONE-ODNCD 1\nr ODD-ONE-ODNCD 2\n$"));
+}
+
 TEST_F(BridgeAsideTest, SkipTableTakenOutLeavesAMark)
 {
     sql("INSERT INTO shop.good VALUES (1)");

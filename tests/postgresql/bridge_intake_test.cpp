@@ -142,6 +142,48 @@ TEST_F(BridgeIntakeTest, ABridgeThatIsKilledGoesOnWhereItWas)
     ASSERT_NO_FATAL_FAILURE(finish());
 }
 
+TEST_F(BridgeIntakeTest, ASnapshotWhoseProgressIsLostIsTakenAnew)
+{
+    sql("CREATE TABLE load.held (id integer PRIMARY KEY);"
+        "ALTER TABLE load.held REPLICA IDENTITY FULL");
+    const std::string last = std::to_string(ROWS);
+    for (const bool damaged : {false, true}) {
+        SCOPED_TRACE(damaged ? "damaged" : "removed");
+        std::filesystem::remove_all(dir.file("log"));
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+        {
+            pg_client holder = connect();
+            holder.run("BEGIN; LOCK TABLE load.held"); // it stays to be taken in
+            start_bridge({"--snapshot"});
+            EXPECT_TRUE(poll_until([&] { return logged("after ID=" + last + " "); }))
+                << bridge.err();
+            bridge.end(SIGKILL);
+        }
+        std::vector<std::string> more;
+        if (damaged) {
+            write_file(dir.file("log/aside"), "fwlog aside 1\n");
+            const run_result refused = catch_up();
+            EXPECT_EQ(refused.status, 1);
+            EXPECT_THAT(refused.err, HasSubstr("log/aside: damaged: it says which tables are set "
+                                               "aside or being taken in; go on with --accept-gap"));
+            more = {"--accept-gap"};
+        } else {
+            std::filesystem::remove(dir.file("log/aside"));
+        }
+        const run_result anew = catch_up(more);
+        EXPECT_EQ(anew.status, 0) << anew.err;
+        EXPECT_THAT(anew.err, HasSubstr("log/aside does not say how far the snapshot had come: it "
+                                        "is taken anew, each table behind a truncate mark\n"));
+        EXPECT_TRUE(snapshot_is_done());
+        const std::string log = dump();
+        const std::string behind = log.substr(std::min(log.find(" truncate "), log.size()));
+        EXPECT_EQ(occurrences(behind, "after ID="), ROWS);
+        EXPECT_EQ(occurrences(behind, "after ID=" + last + " "), 1);
+        EXPECT_EQ(occurrences(log, "file aside was damaged"), damaged ? 1 : 0);
+        sql("SELECT pg_drop_replication_slot('" + database + "')");
+    }
+}
+
 TEST_F(BridgeIntakeTest, CommitsThatOthersDoNotSeeYet)
 {
     std::cout << "KESTRO_TEST_SEED=" << seed << "\n";
