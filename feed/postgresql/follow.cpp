@@ -8,6 +8,7 @@
 #include "feed/postgresql/encoding.h"
 #include "feed/postgresql/gap.h"
 #include "feed/postgresql/query.h"
+#include "feed/postgresql/renamed.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
 #include "util/report_signal.h"
@@ -44,6 +45,7 @@ struct follow {
     uint64_t acked_lsn = 0; // everything before it is acknowledged: what the server may be told
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
+    pgb_renamed renamed = {};              // that the last look at the catalogue has found
     std::string converted = {};            // a message whose texts the server does not convert
     int64_t heard_ms = fwu_monotonic_ms(); // when the server sent something
 };
@@ -160,6 +162,7 @@ static outcome keep_in_touch(follow &f)
         f.report_due_ms = now + REPORT_MS;
         pgs_server_lsn(f.server, f.state.server_lsn);
         pgb_watch_look(f.apply.watch, f.server);
+        pgb_look_renamed(f.renamed, f.server, f.relations, f.state.server_lsn);
         if (f.settings.verbose)
             pgb_state_print(f.state);
     }
@@ -189,6 +192,9 @@ static outcome stay_in_touch(follow &f)
 // read.
 static outcome pass(follow &f, uint64_t position)
 {
+    if (!f.apply.expects_last) // which has to be the log's last one until then
+        if (outcome done = pgb_take_renamed(f.renamed, f.tx, f.relations, position); !done)
+            return done;
     if (!pgi_busy(f.apply.intake, f.relations.aside) && f.server.sql == nullptr &&
         f.state.kept.snapshot != "taking")
         return {};
@@ -328,7 +334,8 @@ static bool is_done(const follow &f)
 {
     return stop_signal_get() != 0 ||
            (f.settings.once && f.state.logged_lsn >= f.settings.stop_at &&
-            !pgr_waits(*f.settings.requests) && !pgi_busy(f.apply.intake, f.relations.aside));
+            f.renamed.tables.empty() && !pgr_waits(*f.settings.requests) &&
+            !pgi_busy(f.apply.intake, f.relations.aside));
 }
 
 // Waits limit_ms at most for the server to send something, and receives it.
@@ -474,8 +481,10 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
         done = begin_snapshot(f);
     if (done)
         done = pgb_take_stock(tx, relations, state.server_lsn);
-    if (done)
+    if (done) {
+        pgb_look_renamed(f.renamed, server, relations, state.server_lsn);
         done = start(f);
+    }
     if (!done)
         return done;
     f.heard_ms = fwu_monotonic_ms();

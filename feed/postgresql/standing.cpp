@@ -174,14 +174,10 @@ static outcome take_remade(feed_transaction &tx, pgb_relations &relations, const
     return {};
 }
 
-outcome pgb_identify(feed_transaction &tx, pgb_relations &relations, pgb_relation &relation)
+outcome pgb_identify_as(feed_transaction &tx, pgb_relations &relations, const pgo_relation &told)
 {
-    if (relation.identified)
-        return {};
-    const pgo_relation &told = relation.told;
     const pga_identity found =
         pga_describe(relations.aside, told.id, told.schema, told.name, tx.commit.lsn);
-    relation.identified = true;
     switch (found.what) {
     case PGA_RENAMED:
         return take_renamed(tx, relations, told, found);
@@ -190,4 +186,12 @@ outcome pgb_identify(feed_transaction &tx, pgb_relations &relations, pgb_relatio
     default:
         return {};
     }
+}
+
+outcome pgb_identify(feed_transaction &tx, pgb_relations &relations, pgb_relation &relation)
+{
+    if (relation.identified)
+        return {};
+    relation.identified = true;
+    return pgb_identify_as(tx, relations, relation.told);
 }

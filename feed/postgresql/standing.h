@@ -20,6 +20,9 @@ pga_standing pgb_standing(pgb_relation &relation, pgb_relations &relations);
 // gets a gap mark; one that was dropped and made anew begins with a truncate mark.
 outcome pgb_identify(feed_transaction &tx, pgb_relations &relations, pgb_relation &relation);
 
+// The same for a table as it is told of.
+outcome pgb_identify_as(feed_transaction &tx, pgb_relations &relations, const pgo_relation &told);
+
 // Sets a table aside, in the transaction in hand, for this reason.
 outcome pgb_set_aside(feed_transaction &tx, pgb_relations &relations, const std::string &schema,
                       const std::string &table, const std::string &reason);
