@@ -68,8 +68,10 @@ static outcome cannot_ask(const std::string &path)
 static outcome leave_request(asking &a, const std::vector<const char *> &tables)
 {
     std::string text;
-    for (const char *table : tables)
-        text += std::string(table) + "\n";
+    for (const char *table : tables) {
+        const std::string name = pgr_table_name(table); // no line end is in it; empty: "all"
+        text += (name.empty() ? table : name) + "\n";
+    }
     std::string path = a.directory + "/" + PGR_PREFIX + "XXXXXX";
     a.fd = mkstemp(path.data());
     if (a.fd < 0)

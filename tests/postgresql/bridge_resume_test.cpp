@@ -132,6 +132,17 @@ TEST_F(BridgeResumeTest, ARunningBridgeTakesATableBack)
     ASSERT_NO_FATAL_FAILURE(expect_copy_equals_tables());
 }
 
+TEST_F(BridgeResumeTest, ANameWithALineEndIsOneName)
+{
+    sql("CREATE TABLE load.\"two\nlines\" (id integer PRIMARY KEY);"
+        "INSERT INTO load.\"two\nlines\" VALUES (1)");
+    ASSERT_NO_FATAL_FAILURE(begin_set_aside());
+    const run_result result = resume({"load.\"two\nlines\""});
+    EXPECT_EQ(result.status, 0) << result.err << bridge.err();
+    EXPECT_THAT(result.err,
+                HasSubstr("table load.U&\"two\\000Alines\" is followed; rows taken in: 1"));
+}
+
 TEST_F(BridgeResumeTest, AsTheMessageSaysIt)
 {
     ASSERT_NO_FATAL_FAILURE(begin_set_aside());
