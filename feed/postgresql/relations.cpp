@@ -7,10 +7,13 @@
 #include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/idle_lines.h"
 #include "feed/postgresql/query.h"
+#include "feed/postgresql/standing.h"
 #include "feed/source.h"
 #include "feed/text.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_source_name.h"
+
+#include <algorithm>
 
 // All tables get their datasets' names at once, in an order of their own: which one changes first
 // makes no difference to them.
@@ -53,6 +56,48 @@ static void set_columns(feed_row &row, const pgo_relation &told)
         row.columns[i].name = told.columns[i].name;
 }
 
+// Columns that a table has got since it was described before.
+static void note_added(pgb_relation &relation, const pgo_relation &told)
+{
+    if (relation.told.columns.empty() || relation.told.name != told.name)
+        return;
+    for (const pgo_column &column : told.columns)
+        if (std::none_of(relation.told.columns.begin(), relation.told.columns.end(),
+                         [&](const pgo_column &before) { return before.name == column.name; }))
+            relation.added.push_back(column.name);
+}
+
+// The rows that were there have a new column's default value on the server; the log does not tell
+// that of any.
+static void tell_added(pgb_relation &relation, const pgb_relations &relations,
+                       std::vector<std::string> &notes)
+{
+    const std::vector<std::string> added = std::move(relation.added);
+    relation.added.clear();
+    if (added.empty() || relations.facts.ask == nullptr)
+        return;
+    std::string list;
+    for (const std::string &column : added)
+        list += (list.empty() ? "" : ", ") + pgs_literal(column);
+    pgs_result rows;
+    if (!relations.facts.ask("SELECT a.attname FROM pg_attribute a WHERE a.attrelid = " +
+                                 std::to_string(relation.told.id) +
+                                 " AND (a.atthasdef OR a.atthasmissing OR a.attidentity <> '')"
+                                 " AND a.attname IN (" +
+                                 list + ") ORDER BY a.attnum",
+                             rows) ||
+        PQntuples(rows.get()) == 0)
+        return;
+    std::string columns;
+    for (int i = 0; i < PQntuples(rows.get()); i++)
+        columns += (i == 0 ? "" : ", ") + std::string(pgs_value(rows, i, 0));
+    const std::string name = fwu_source_name(relation.told.schema, relation.told.name);
+    notes.push_back("table " + name + " has a new column with a default (" + columns +
+                    "): the rows that were there have it on the server, and the log does not tell "
+                    "so; to have it there, " +
+                    pgb_resume_command(name));
+}
+
 void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 {
     pgb_relation &relation = relations.known[told.id];
@@ -61,6 +106,7 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
         return;
     if (relation.table != nullptr && relation.told.name != told.name)
         relations.tables.known.erase(relation.table->name); // renamed: its dataset is free
+    note_added(relation, told);
     relation.told = told;
     relation.table = nullptr;
     relation.identified = false;
@@ -226,6 +272,8 @@ outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
     }
     if (relation->stale && relation->table->dataset != nullptr)
         refresh(*relation, relations);
+    if (!relation->added.empty() && relation->table->dataset != nullptr)
+        tell_added(*relation, relations, notes);
     if (relation->news)
         describe(*relation, relations, notes);
     relation->news = false;

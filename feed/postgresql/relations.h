@@ -18,6 +18,7 @@
 struct pgb_relation {
     pgo_relation told;               // as the server describes it
     feed_table *table = nullptr;     // null: not looked up yet
+    std::vector<std::string> added;  // columns that it did not have before, as long as nobody asked
     std::vector<pgc_choice> choices; // of its columns, where they make its items
     bool stale = true;               // the catalogue may say something else of it by now
     bool urgent = false;             // ... and what is known does not fit
