@@ -334,7 +334,7 @@ static bool is_done(const follow &f)
 {
     return stop_signal_get() != 0 ||
            (f.settings.once && f.state.logged_lsn >= f.settings.stop_at &&
-            f.renamed.tables.empty() && !pgr_waits(*f.settings.requests) &&
+            !pgb_has_renamed(f.renamed) && !pgr_waits(*f.settings.requests) &&
             !pgi_busy(f.apply.intake, f.relations.aside));
 }
 

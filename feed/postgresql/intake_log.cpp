@@ -79,12 +79,18 @@ static outcome add_direct(logging &l, pgb_relation &relation)
     }
 }
 
-// The stream may not have described the table yet, or as it was before.
+static bool is_as_told(const pgo_relation &told, const pgo_relation &part)
+{
+    return told.schema == part.schema && told.name == part.name && told.columns == part.columns;
+}
+
+// The stream may not have described the table yet, or as it was before: of other columns, or by
+// another name.
 static outcome find_relation(pgb_relation *&relation, const logging &l, const pgp_part &part)
 {
     pgb_relations &relations = l.on.relations;
     const auto known = relations.known.find(part.relation.id);
-    if (known == relations.known.end() || known->second.told.columns != part.relation.columns)
+    if (known == relations.known.end() || !is_as_told(known->second.told, part.relation))
         pgb_describe(relations, part.relation);
     return pgb_find(relation, relations, part.relation.id, l.on.tx.work.notes);
 }

@@ -1,5 +1,6 @@
-// Tables that the catalogue has under another name than the log: a table that is renamed shows in
-// the stream with its next change only, which may never come.
+// Tables that the catalogue has under another name than the log, or as parts of another table: the
+// stream shows a table that is renamed with its next change only, which may never come, and does
+// not show at all that the rows of one belong to another by now.
 #ifndef FEED_POSTGRESQL_RENAMED_H
 #define FEED_POSTGRESQL_RENAMED_H
 
@@ -9,20 +10,31 @@
 #include "util/outcome.h"
 
 #include <cstdint>
+#include <string>
 #include <vector>
+
+// A table that was followed by itself and has become a partition of one that is.
+struct pgb_attached {
+    uint32_t id = 0;
+    std::string schema; // of the table that it is a part of
+    std::string table;
+};
 
 struct pgb_renamed {
     std::vector<pgo_relation> tables; // as the catalogue has them
-    uint64_t position = 0;            // of the server when it was asked
+    std::vector<pgb_attached> attached = {};
+    uint64_t position = 0; // of the server when it was asked
 };
+
+bool pgb_has_renamed(const pgb_renamed &renamed);
 
 // Looks over a connection of its own, position being the server's; finds nothing when it gets no
 // answer.
 void pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server,
                       const pgb_relations &relations, uint64_t position);
 
-// Takes them as pgb_identify would, in a transaction of its own, once everything before that
-// position has come.  No transaction is open.
+// Takes those renamed as pgb_identify would, in a transaction of its own, once everything before
+// that position has come; a table that got a part gets a gap mark.  No transaction is open.
 outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relations &relations,
                          uint64_t passed);
 

@@ -223,6 +223,46 @@ TEST_F(BridgeAsideTest, AcceptedGapsAreMarked)
     EXPECT_EQ(catch_up_well({"--accept-gap"}), "");
 }
 
+// The stream tells of it with the next change only, which may never come.
+TEST_F(BridgeAsideTest, ARenamedTableIsTakenInThoughNothingChangesInIt)
+{
+    sql("INSERT INTO shop.good VALUES (1, 'one'), (2, 'two')");
+    catch_up_well();
+    sql("ALTER TABLE shop.good RENAME TO better");
+    EXPECT_THAT(catch_up_well(), HasSubstr("table shop.good was renamed to shop.better by "));
+    EXPECT_THAT(history(), HasSubstr("gap GOOD: renamed to shop.better\n"
+                                     "gap BETTER: renamed from shop.good\n"
+                                     "r BETTER 1\nr BETTER 2\n"));
+    EXPECT_THAT(catch_up_well(), Not(HasSubstr("renamed")));
+    sql("INSERT INTO shop.better VALUES (3, 'three')");
+    EXPECT_THAT(catch_up_well(), Not(HasSubstr("renamed")));
+    EXPECT_EQ(occurrences(history(), "renamed to"), 1);
+    EXPECT_THAT(history(), HasSubstr("c BETTER 3\n"));
+}
+
+TEST_F(BridgeAsideTest, TablesThatChangeNamesAreTakenInWithoutAChange)
+{
+    sql("INSERT INTO shop.good VALUES (1, 'good'); INSERT INTO shop.\"odd one\" VALUES (2, 'odd')");
+    catch_up_well();
+    sql("BEGIN; ALTER TABLE shop.good RENAME TO x; ALTER TABLE shop.\"odd one\" RENAME TO good;"
+        "ALTER TABLE shop.x RENAME TO \"odd one\"; COMMIT");
+    catch_up_well();
+    const std::string lines = history();
+    EXPECT_THAT(lines, HasSubstr("truncate GOOD: TRUNCATE\nr GOOD 2\n"));
+    EXPECT_THAT(lines, HasSubstr("truncate ODD-ONE-ODNCD: TRUNCATE\nr ODD-ONE-ODNCD 1\n"));
+    EXPECT_THAT(catch_up_well(), Not(HasSubstr("renamed")));
+}
+
+TEST_F(BridgeAsideTest, ARunningBridgeSeesThatATableWasRenamed)
+{
+    sql("INSERT INTO shop.good VALUES (1, 'one')");
+    start_bridge();
+    ASSERT_TRUE(poll_until([&] { return status_member("changes") == "1"; })) << bridge.err();
+    sql("ALTER TABLE shop.good RENAME TO better");
+    EXPECT_TRUE(poll_until([&] { return history().find("r BETTER 1\n") != std::string::npos; }))
+        << bridge.err();
+}
+
 TEST_F(BridgeAsideTest, ARenamedTableLeavesAMarkUnderItsOldName)
 {
     sql("INSERT INTO shop.good VALUES (1)");
@@ -234,6 +274,41 @@ TEST_F(BridgeAsideTest, ARenamedTableLeavesAMarkUnderItsOldName)
     EXPECT_THAT(history(), HasSubstr("gap BETTER: renamed from shop.good\n"));
     catch_up_well();
     EXPECT_EQ(occurrences(history(), "renamed to"), 1);
+}
+
+TEST_F(BridgeAsideTest, ATableThatBecomesAPartitionLeavesMarks)
+{
+    sql("CREATE TABLE shop.days (id integer PRIMARY KEY, note varchar(9)) PARTITION BY RANGE (id);"
+        "CREATE TABLE shop.monday (LIKE shop.days INCLUDING ALL);"
+        "INSERT INTO shop.monday VALUES (1, 'one')");
+    catch_up_well();
+    sql("ALTER TABLE shop.days ATTACH PARTITION shop.monday FOR VALUES FROM (1) TO (10)");
+    EXPECT_THAT(catch_up_well(), HasSubstr("table shop.monday has become a part of shop.days: "));
+    EXPECT_THAT(history(), HasSubstr("gap MONDAY: is a part of shop.days\n"
+                                     "gap DAYS: the rows that shop.monday had before it became a "
+                                     "part are missing\n"));
+    EXPECT_THAT(catch_up_well(), Not(HasSubstr("become a part")));
+    catch_up_well({"--resume", "shop.days"});
+    EXPECT_THAT(history(), HasSubstr("r DAYS 1\n"));
+}
+
+// Rows that were there get the default value without a change.
+TEST_F(BridgeAsideTest, ANewColumnWithADefaultIsTold)
+{
+    start_bridge();
+    sql("INSERT INTO shop.good VALUES (1, 'one')");
+    ASSERT_TRUE(poll_until([&] { return status_member("changes") == "1"; })) << bridge.err();
+    sql("ALTER TABLE shop.good ADD plain integer; INSERT INTO shop.good VALUES (2, 'two')");
+    ASSERT_TRUE(poll_until([&] { return status_member("changes") == "2"; })) << bridge.err();
+    EXPECT_THAT(bridge.err(), Not(HasSubstr("new column")));
+    sql("ALTER TABLE shop.good ADD seven integer DEFAULT 7; INSERT INTO shop.good VALUES (3)");
+    EXPECT_TRUE(poll_until([&] { return history().find("c GOOD 3\n") != std::string::npos; }))
+        << bridge.err();
+    EXPECT_THAT(bridge.err(),
+                HasSubstr("warning: table shop.good has a new column with a default (seven): "));
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    catch_up_well({"--resume", "shop.good"});
+    EXPECT_THAT(fwlog({"dump"}).out, HasSubstr(" ID=1 NOTE=\"one\" PLAIN=0 SEVEN=7 "));
 }
 
 TEST_F(BridgeAsideTest, ATableMadeAnewBeginsWithATruncate)
