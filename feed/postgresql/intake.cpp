@@ -54,7 +54,8 @@ static void judge(pgi_intake &intake, uint32_t xid)
     intake.noted = false;
 }
 
-// What was passed over has to be in the piece that is read next.
+// What was passed over has to be in the piece that is read next; what was logged, too: a piece that
+// begins the table anew takes it away.
 static void note_passed(pgi_intake &intake)
 {
     if (intake.has_judged || intake.noted)
@@ -177,8 +178,7 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
         pgi_begin_anew(intake, tx, relations.aside, name);
         old = fresh = FATE_PASS;
     }
-    if (old != FATE_LOG || fresh != FATE_LOG)
-        note_passed(intake);
+    note_passed(intake);
     if (old == FATE_KEEP || fresh == FATE_KEEP)
         keep(intake, bytes, {.old = old == FATE_KEEP, .fresh = fresh == FATE_KEEP});
     now = {.old = old == FATE_LOG, .fresh = fresh == FATE_LOG};

@@ -50,8 +50,8 @@ struct pgi_intake {
     std::vector<pgi_kept> kept;
     size_t kept_bytes = 0;
 
-    // Transactions whose changes were passed over, or may have been, and that no snapshot was seen
-    // to have.
+    // Transactions whose changes of these tables have come, or may have, and that no snapshot was
+    // seen to have.
     std::vector<uint32_t> passed;
     std::vector<uint32_t> before; // likewise, of before the tables in names were taken in
     int64_t before_until_ms = 0;  // monotonic; then these have not committed; 0: no such time

@@ -181,6 +181,24 @@ static outcome log_kept(logging &l, const pgi_kept &kept)
     return done.kind() == OUTCOME_BAD ? set_aside(l, part, done.text()) : std::move(done);
 }
 
+// Nothing was logged, so that the log will not have a transaction of this position: what the piece
+// says of its tables holds from the log's last one on.
+static void stand_at_last(const logging &l)
+{
+    pga_registry &registry = l.on.relations.aside;
+    const uint64_t last = fwu_writer_last_lsn(l.on.tx.writer);
+    std::vector<std::pair<const pgp_want *, pga_record>> put;
+    for (const pgp_part &part : l.intake.piece.parts)
+        if (const pga_record *const record = pga_find(registry, name_of(l, part));
+            record != nullptr && record->at == l.on.tx.commit.lsn)
+            put.emplace_back(&want_of(l, part), *record);
+    pga_withdraw(registry, last);
+    for (auto &[want, record] : put) {
+        record.at = last;
+        pga_put(registry, want->schema, want->table, std::move(record));
+    }
+}
+
 static outcome log_all(logging &l)
 {
     feed_transaction &tx = l.on.tx;
@@ -198,6 +216,8 @@ static outcome log_all(logging &l)
     if (!done || l.broken)
         return done;
     const bool logs = tx.begun;
+    if (!logs)
+        stand_at_last(l);
     done = pgb_commit(tx, l.on.relations);
     if (done && logs)
         l.on.state.commit_us = commit.time_us;

@@ -171,6 +171,20 @@ std::string BridgeTest::status_member(const std::string &name) const
     return json_member(read_file(dir.file("log/postgresql.json")), name);
 }
 
+bool BridgeTest::snapshot_is_done() const
+{
+    return status_member("snapshot") == "done";
+}
+
+void BridgeTest::let_commits_wait(bool wait) const
+{
+    pg_client session = connect();
+    session.run("SET synchronous_commit = local");
+    session.run(wait ? "ALTER SYSTEM SET synchronous_standby_names = 'nobody'"
+                     : "ALTER SYSTEM RESET synchronous_standby_names");
+    session.run("SELECT pg_reload_conf()");
+}
+
 run_result BridgeTest::fwlog(const std::vector<std::string> &words) const
 {
     std::vector<std::string> argv = {bin + "fwlog"};

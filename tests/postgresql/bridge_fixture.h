@@ -60,6 +60,11 @@ class BridgeTest : public testing::Test {
     // Waits for a text in what the bridge has said.
     bool bridge_says(const std::string &text);
 
+    bool snapshot_is_done() const;
+
+    // Commits wait for a standby that is not there: the stream has them, others do not see them.
+    void let_commits_wait(bool wait) const;
+
     // A member of the bridge's status file; empty when it cannot be had.
     std::string status_member(const std::string &name) const;
 

@@ -1,8 +1,8 @@
 // Tables that are read while they are followed: rows that are made, changed, moved to other keys
 // and deleted meanwhile, by several clients, and whatever ends the bridge on the way.
 #include "tests/postgresql/bridge_fixture.h"
+#include "tests/postgresql/steps.h"
 
-#include <atomic>
 #include <iostream>
 #include <random>
 #include <thread>
@@ -15,51 +15,6 @@ constexpr int ROWS = 25'000;
 #else
 constexpr int ROWS = 70'000;
 #endif
-
-// A change of one row, or of none; b is a key that a row moves to.
-static const char step_sql[] =
-    "CREATE FUNCTION load.step(top bigint) RETURNS void LANGUAGE plpgsql AS $$ DECLARE"
-    " a bigint := floor(random() * top); b bigint := floor(random() * top);"
-    " what integer := floor(random() * 9);"
-    "BEGIN IF what < 2 THEN"
-    "  INSERT INTO load.ledger VALUES (a, 0, what, 'new', NULL) ON CONFLICT DO NOTHING;"
-    " ELSIF what < 3 THEN DELETE FROM load.ledger WHERE id = a;"
-    " ELSIF what < 6 THEN UPDATE load.ledger SET id = b, body = 'moved' WHERE id = a;"
-    " ELSE UPDATE load.ledger SET client = client + 1 WHERE id = a; END IF;"
-    "EXCEPTION WHEN unique_violation OR deadlock_detected THEN NULL; END $$";
-
-// Clients that change rows until they are stopped.
-class steps {
-  public:
-    steps(const std::string &conninfo, int clients)
-    {
-        for (int i = 0; i < clients; i++)
-            threads.emplace_back([this, conninfo] {
-                pg_client session(conninfo);
-                session.run("SET deadlock_timeout = '20ms'");
-                while (!stopped) {
-                    session.run("SELECT load.step(" + std::to_string(ROWS) +
-                                " + 100) FROM generate_series(0, (random() * 3)::integer)");
-                    usleep(500);
-                }
-            });
-    }
-    ~steps()
-    {
-        stop();
-    }
-    void stop()
-    {
-        stopped = true;
-        for (std::thread &thread : threads)
-            thread.join();
-        threads.clear();
-    }
-
-  private:
-    std::atomic<bool> stopped = false;
-    std::vector<std::thread> threads;
-};
 
 class BridgeIntakeTest : public LedgerTest {
   protected:
@@ -78,11 +33,6 @@ class BridgeIntakeTest : public LedgerTest {
             std::to_string(first) + ", " + std::to_string(last) + ") g");
     }
 
-    bool snapshot_is_done() const
-    {
-        return status_member("snapshot") == "done";
-    }
-
     void finish()
     {
         EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM) << bridge.err();
@@ -90,16 +40,6 @@ class BridgeIntakeTest : public LedgerTest {
         EXPECT_EQ(rest.status, 0) << rest.err;
         EXPECT_TRUE(snapshot_is_done());
         expect_log_equals_tables();
-    }
-
-    // Commits wait for a standby that is not there: the stream has them, others do not see them.
-    void let_commits_wait(bool wait) const
-    {
-        pg_client session = connect();
-        session.run("SET synchronous_commit = local");
-        session.run(wait ? "ALTER SYSTEM SET synchronous_standby_names = 'nobody'"
-                         : "ALTER SYSTEM RESET synchronous_standby_names");
-        session.run("SELECT pg_reload_conf()");
     }
 
     const char *given_seed = getenv("KESTRO_TEST_SEED");
@@ -110,7 +50,7 @@ class BridgeIntakeTest : public LedgerTest {
 
 TEST_F(BridgeIntakeTest, RowsThatChangeMeanwhileAreTakenOnce)
 {
-    steps clients(conninfo(), 3);
+    steps clients(conninfo(), 3, ROWS);
     start_bridge({"--create", "--snapshot", "-v"});
     ASSERT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
     EXPECT_THAT(bridge.err(), HasSubstr("load.ledger is taken in (snapshot): "));
@@ -124,7 +64,7 @@ TEST_F(BridgeIntakeTest, ABridgeThatIsKilledGoesOnWhereItWas)
 {
     std::cout << "KESTRO_TEST_SEED=" << seed << "\n";
     SCOPED_TRACE("seed " + std::to_string(seed));
-    steps clients(conninfo(), 2);
+    steps clients(conninfo(), 2, ROWS);
     int starts = 0;
     start_bridge({"--create", "--snapshot"});
     ASSERT_TRUE(poll_until([&] { return status_member("snapshot") == "taking"; })) << bridge.err();
@@ -189,7 +129,7 @@ TEST_F(BridgeIntakeTest, CommitsThatOthersDoNotSeeYet)
     std::cout << "KESTRO_TEST_SEED=" << seed << "\n";
     SCOPED_TRACE("seed " + std::to_string(seed));
     ASSERT_EQ(catch_up({"--create"}).status, 0);
-    steps clients(conninfo(), 4);
+    steps clients(conninfo(), 4, ROWS);
     start_bridge({"--snapshot"});
     bool wait = false;
     ASSERT_TRUE(poll_until([&] {
@@ -216,5 +156,24 @@ TEST_F(BridgeIntakeTest, ACommitBeforeTheStartThatOthersDoNotSeeIsWaitedFor)
     let_commits_wait(false);
     client.join();
     EXPECT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
+    ASSERT_NO_FATAL_FAILURE(finish());
+}
+
+TEST_F(BridgeIntakeTest, AServerThatCrashes)
+{
+    std::cout << "KESTRO_TEST_SEED=" << seed << "\n";
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    steps clients(conninfo(), 2, ROWS);
+    start_bridge({"--snapshot"});
+    for (int round = 0; round < 3; round++) {
+        ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; }))
+            << bridge.err();
+        usleep(static_cast<useconds_t>(random() % 200'000));
+        server->crash();
+        server->start();
+    }
+    EXPECT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
+    clients.stop();
     ASSERT_NO_FATAL_FAILURE(finish());
 }
