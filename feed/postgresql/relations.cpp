@@ -98,14 +98,27 @@ static void tell_added(pgb_relation &relation, const pgb_relations &relations,
                     pgb_resume_command(name));
 }
 
+// Another table has this name from here on, or none: relations may share what was known by it.
+static void forget_name(pgb_relations &relations, const std::string &name)
+{
+    if (!relations.tables.known.contains(name))
+        return;
+    for (auto &[id, other] : relations.known)
+        if (other.table != nullptr && other.table->name == name)
+            other.table = nullptr;
+}
+
 void pgb_describe(pgb_relations &relations, const pgo_relation &told)
 {
     pgb_relation &relation = relations.known[told.id];
     relation.stale = true;
     if (relation.told == told)
         return;
-    if (relation.table != nullptr && relation.told.name != told.name)
-        relations.tables.known.erase(relation.table->name); // renamed: its dataset is free
+    if (relation.table != nullptr && relation.told.name != told.name) {
+        const std::string name = relation.table->name;
+        forget_name(relations, name);
+        relations.tables.known.erase(name); // renamed: its dataset is free
+    }
     note_added(relation, told);
     relation.told = told;
     relation.table = nullptr;
@@ -131,16 +144,6 @@ static outcome need_types(pgb_relations &relations, pgo_relation told, const std
         return find_width(*relations.tables.config, name, column.name) != nullptr;
     });
     return pgf_need_types(relations.facts, told);
-}
-
-// Another table had this name before it was dropped or renamed.
-static void forget_name(pgb_relations &relations, const std::string &name)
-{
-    if (!relations.tables.known.contains(name))
-        return;
-    for (auto &[id, other] : relations.known)
-        if (other.table != nullptr && other.table->name == name)
-            other.table = nullptr;
 }
 
 // Looks the table up, or makes its dataset from what the server says.
