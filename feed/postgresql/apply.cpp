@@ -38,7 +38,7 @@ static outcome take_begin(pgb_apply &apply, feed_transaction &tx, pgb_relations 
             if (outcome done = pgb_diverged(apply, tx, relations); !done)
                 return done;
     }
-    outcome skipped = pgb_skip_begin(apply.skip, tx, relations, commit);
+    outcome skipped = pgb_skip_begin(apply.skips, tx, relations, commit);
     if (skipped)
         feed_begin(tx, commit);
     return skipped;

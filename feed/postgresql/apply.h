@@ -15,12 +15,12 @@
 
 // What is kept from message to message, and from one connection to the next.
 struct pgb_apply {
-    bool expects_last = false; // the server has to send the log's last transaction first
-    bool accepts_gap = false;  // ... or else the log gets a gap mark
-    bool session_told = false; // that a session message is too long
-    uint64_t end = 0;          // behind the last whole transaction
-    int64_t commit_us = 0;     // commit time of the transaction logged last, 0 for none
-    pgb_skip skip;             // a transaction that the user wants passed over
+    bool expects_last = false;   // the server has to send the log's last transaction first
+    bool accepts_gap = false;    // ... or else the log gets a gap mark
+    bool session_told = false;   // that a session message is too long
+    uint64_t end = 0;            // behind the last whole transaction
+    int64_t commit_us = 0;       // commit time of the transaction logged last, 0 for none
+    std::vector<pgb_skip> skips; // transactions that the user wants passed over
     pgo_message message;
     pgb_watch watch;
     pgi_intake intake; // of tables whose rows are read meanwhile

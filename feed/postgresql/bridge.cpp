@@ -176,7 +176,7 @@ static outcome set_up(bridge &b)
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
     b.apply.watch.config = &b.config;
     b.apply.accepts_gap = options.accept_gap;
-    b.apply.skip = {.lsn = options.skip_lsn, .tables = options.skip_tables};
+    b.apply.skips = options.skips;
     b.state.relations = &b.relations;
     b.state.slot = options.slot;
     b.state.publication = options.publication;
@@ -195,7 +195,7 @@ static outcome take_over(bridge &b)
     outcome done = pgb_kept_read(kept, b.state.path);
     const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
     b.state.commit_us = last.time_us;
-    pgb_skip_open(b.apply.skip, last.lsn);
+    pgb_skip_open(b.apply.skips, last.lsn);
     if (last.lsn != 0 && kept.snapshot == "begun")
         kept.snapshot = "done"; // cut short behind its commit
     b.relations.encoding = fwu_writer_encoding(b.tx.writer);
@@ -263,6 +263,8 @@ outcome pgb_run(const pgb_options &options)
         done = replace_standings(b);
     if (done)
         done = run(b);
+    if (done || done.kind() == OUTCOME_STOPPED)
+        pgb_skip_close(b.apply.skips);
     if (done && b.requests.refused)
         done = outcome_failed("not all tables were taken in that --resume names");
     if (fwu_writer_close(b.tx.writer) != 0)

@@ -5,10 +5,12 @@
 #include "feed/postgresql/follow.h"
 
 #include "feed/postgresql/ask.h"
+#include "feed/postgresql/connect.h"
 #include "feed/postgresql/encoding.h"
 #include "feed/postgresql/gap.h"
 #include "feed/postgresql/query.h"
 #include "feed/postgresql/renamed.h"
+#include "feed/postgresql/unsent.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
 #include "util/report_signal.h"
@@ -244,7 +246,7 @@ static outcome take_copy_data(follow &f, std::string_view bytes)
         // All that was committed before it has been sent.
         if (!f.tx.open) {
             f.apply.end = std::max(f.apply.end, end);
-            pgb_skip_pass(f.apply.skip, end);
+            pgb_skip_pass(f.apply.skips, end);
         }
         f.answer = f.answer || bytes[KEEPALIVE_SIZE - 1] != 0;
         return {};
@@ -267,42 +269,78 @@ static uint64_t position_in(std::string_view text)
     return position;
 }
 
+// What passes a transaction over.
+static std::string skip_remedy(uint64_t lsn)
+{
+    const std::string position = fwu_lsn_text(lsn);
+    return "if that cannot be mended on the server, pass the transaction over with "
+           "--skip-transaction " +
+           position + ", which leaves a gap mark for all tables in the log (" + position +
+           ",TABLE,... for those named)";
+}
+
+// The server has failed at a position in a transaction that it has not begun to send.  It is
+// passed over only if the server shows that no other one is.
+static outcome fail_unbegun(follow &f, const PGresult *result, uint64_t at)
+{
+    pgb_failure failure = {.state = pgs_error_field(result, PG_DIAG_SQLSTATE),
+                           .message = pgs_error_field(result, PG_DIAG_MESSAGE_PRIMARY),
+                           .at = at,
+                           .deadline_ms = fwu_monotonic_ms() + f.server.timeout_ms};
+    if (fwu_writer_sync(f.tx.writer) != 0)
+        return OUTCOME_FAILED;
+    note_progress(f);
+    outcome done = acknowledge(f);
+    if (done)
+        done = pgs_connect_sql(f.server);
+    if (done)
+        done = pgb_peek_begin(f.server, failure, f.acked_lsn);
+    for (pgb_skip &skip : f.apply.skips) {
+        bool commits = false;
+        if (done && !skip.met && skip.lsn >= at)
+            done = pgb_peek_commit(commits, f.server, failure, skip.lsn);
+        if (done && commits)
+            done = pgb_skip_unbegun(skip, f.tx, f.relations);
+        if (done && commits)
+            return lost(f, "the server has failed in the transaction that is skipped");
+    }
+    uint64_t lsn = 0;
+    if (done)
+        done = pgb_peek_find(lsn, f.server, failure);
+    f.server.sql.reset();
+    if (!done && done.kind() != OUTCOME_BAD)
+        return done;
+    const std::string where = "following the server, at " + fwu_lsn_text(at) +
+                              " in a transaction that it has not begun to send";
+    if (done)
+        return pgs_failed(f.server, f.connection, result,
+                          where + ", and that commits at " + fwu_lsn_text(lsn), skip_remedy(lsn));
+    return pgs_failed(f.server, f.connection, result, where,
+                      "where that commits was not found, so that nothing can be passed over: " +
+                          done.text());
+}
+
 // The server has ended the stream with an error, or the connection is gone.  An error is about
 // the transaction in hand, if there is one: a server of version 15 or later begins one with its
 // first change, and may fail before that.
 static outcome fail(follow &f, const PGresult *result)
 {
-    pgb_skip &skip = f.apply.skip;
     const fwu_commit &commit = f.tx.commit;
     if (!pgs_refused(f.connection, result) || pge_is_failure(f.server, result))
         return pgs_failed(f.server, f.connection, result, "following the server");
-    const char *const context = PQresultErrorField(result, PG_DIAG_CONTEXT);
-    const uint64_t at = context == nullptr ? 0 : position_in(context);
-    bool skipped = pgb_skip_holds(skip, f.tx);
-    if (!f.tx.open && at != 0)
-        if (outcome done = pgb_skip_unbegun(skip, f.tx, f.relations, at, skipped); !done)
-            return done;
-    if (skipped)
+    const uint64_t at = position_in(pgs_error_field(result, PG_DIAG_CONTEXT));
+    if (pgb_skip_holds(f.apply.skips, f.tx))
         return lost(f, "the server has failed in the transaction that is skipped");
     if (f.tx.open)
         return pgs_failed(f.server, f.connection, result,
                           "following the server, in transaction " + std::to_string(commit.xid) +
                               " of " + fwu_lsn_text(commit.lsn),
-                          "if that cannot be mended on the server, pass the transaction over with "
-                          "--skip-transaction " +
-                              fwu_lsn_text(commit.lsn) +
-                              ", which leaves a gap mark for all tables in the log (" +
-                              fwu_lsn_text(commit.lsn) + ",TABLE,... for those named)");
-    if (at == 0)
+                          skip_remedy(commit.lsn));
+    if (at == 0 ||
+        pgs_find_remedy(pgs_error_field(result, PG_DIAG_SQLSTATE).c_str(),
+                        pgs_error_field(result, PG_DIAG_MESSAGE_PRIMARY).c_str()) != nullptr)
         return pgs_failed(f.server, f.connection, result, "following the server");
-    return pgs_failed(f.server, f.connection, result,
-                      "following the server, at " + fwu_lsn_text(at) +
-                          " in a transaction that it has not begun to send",
-                      "if that cannot be mended on the server, find the position where the "
-                      "transaction with the change at " +
-                          fwu_lsn_text(at) +
-                          " commits (pg_waldump, or extension pg_walinspect), and pass it over "
-                          "with --skip-transaction and that position");
+    return fail_unbegun(f, result, at);
 }
 
 // Takes messages as long as there are some at hand.
@@ -490,6 +528,7 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
     f.heard_ms = fwu_monotonic_ms();
     server.sql.reset(); // an idle session would keep the server from shutting down
     pgi_open(apply.intake);
+    pgb_skip_tell_far(apply.skips, state.server_lsn);
     pgb_state_enter(state, "streaming");
     apply.end = fwu_writer_last_lsn(tx.writer);
     state.received_lsn = apply.end;

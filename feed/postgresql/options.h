@@ -7,6 +7,13 @@
 #include <string>
 #include <vector>
 
+// A transaction that is to be passed over.
+struct pgb_skip {
+    uint64_t lsn = 0;                     // position of its commit
+    std::vector<std::string> tables = {}; // by fwu_source_name, that get the gap mark; empty: all
+    bool met = false;                     // it came, or a later one, or the log is beyond it
+};
+
 struct pgb_options {
     const char *cfg = nullptr; // configuration file; null: the usual one
     const char *conninfo = ""; // empty: the environment's settings count
@@ -19,8 +26,7 @@ struct pgb_options {
     bool snapshot = false;        // take in what the tables hold, as long as nothing is logged
     bool truncate = false;        // cut texts that are too long for their item
     bool accept_gap = false;      // go on where the slot is although changes are missing
-    uint64_t skip_lsn = 0;        // commit of a transaction to be passed over; 0: none
-    std::vector<std::string> skip_tables = {}; // that its mark is for (fwu_source_name); empty: all
+    std::vector<pgb_skip> skips = {};
     bool once = false; // end when the log has what the server had at the start
     bool verbose = false;
     std::vector<const char *> resume = {}; // tables to be taken in, as pgr_table_name has them

@@ -228,7 +228,7 @@ static outcome await(pgs_server &server, PGconn *connection, const std::string &
     return done;
 }
 
-static std::string field_of(const PGresult *result, char field)
+std::string pgs_error_field(const PGresult *result, int field)
 {
     const char *const text = PQresultErrorField(result, field);
     return text == nullptr ? "" : pgs_one_line(text);
@@ -263,9 +263,9 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
             outcome failure;
             if (refused != nullptr && pgs_refused(connection, next.get(), only) &&
                 !pge_is_failure(server, next.get()))
-                *refused = {.state = field_of(next.get(), PG_DIAG_SQLSTATE),
-                            .message = field_of(next.get(), PG_DIAG_MESSAGE_PRIMARY),
-                            .detail = field_of(next.get(), PG_DIAG_MESSAGE_DETAIL)};
+                *refused = {.state = pgs_error_field(next.get(), PG_DIAG_SQLSTATE),
+                            .message = pgs_error_field(next.get(), PG_DIAG_MESSAGE_PRIMARY),
+                            .detail = pgs_error_field(next.get(), PG_DIAG_MESSAGE_DETAIL)};
             else
                 failure = pgs_failed(server, connection, next.get(), query);
             while (await(server, connection, query) &&

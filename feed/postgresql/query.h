@@ -72,6 +72,9 @@ bool pgs_refused(const PGconn *connection, const PGresult *result, const char *o
 // more time the next time, since it may have been busy with something huge.
 outcome pgs_silent(pgs_server &server, const std::string &doing);
 
+// A field of an error (PG_DIAG_...), in one line; empty when there is none.
+std::string pgs_error_field(const PGresult *result, int field);
+
 // What to do about an error with this SQLSTATE and message; null when that is not known.
 const char *pgs_find_remedy(const char *state, const char *message);
 

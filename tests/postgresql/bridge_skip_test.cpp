@@ -4,7 +4,6 @@
 #include "tests/postgresql/bridge_fixture.h"
 
 #include <regex>
-#include <unistd.h>
 
 using testing::AllOf;
 using testing::ContainsRegex;
@@ -216,51 +215,127 @@ TEST_F(BridgeSkipTest, ATransactionThatCouldBeSent)
     EXPECT_EQ(gaps().size(), 1U);
 }
 
-// A publication's row filter fails before the server has begun to send the transaction.
-TEST_F(BridgeSkipTest, AFailureBeforeTheBeginIsFoundByThePositionOfItsChange)
+// A publication's row filter fails before the server has begun to send the transaction, which is
+// told with its position all the same.  Only the one that is named is passed over.
+class BridgeUnbegunTest : public BridgeSkipTest {
+  protected:
+    void SetUp() override
+    {
+        BridgeSkipTest::SetUp();
+        if (server == nullptr)
+            return;
+        if (server_version() < 15)
+            GTEST_SKIP() << "row filters are there from version 15 on";
+        sql("CREATE TABLE load.others (id bigint PRIMARY KEY, word text);"
+            "CREATE PUBLICATION " +
+            database + " FOR TABLE load.ledger WHERE (100 / client > 0 OR id < 0), load.others");
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+    }
+
+    // Its filter fails for this one (client 0).
+    void commit_unbegun(int id) const
+    {
+        sql("INSERT INTO load.others VALUES (" + std::to_string(id) + ", 'with it')");
+        insert(id);
+        sql("INSERT INTO load.others VALUES (-" + std::to_string(id) + ", 'behind it')");
+    }
+
+    static std::string fails(const run_result &failed)
+    {
+        EXPECT_EQ(failed.status, 1) << failed.err;
+        EXPECT_THAT(failed.err,
+                    ContainsRegex("following the server, at [0-9A-F]+/[0-9A-F]+ in a transaction "
+                                  "that it has not begun to send, and that commits at "
+                                  "[0-9A-F]+/[0-9A-F]+: division by zero; if that cannot be "
+                                  "mended on the server, pass the transaction over with "));
+        return suggested(failed.err);
+    }
+};
+
+TEST_F(BridgeUnbegunTest, NothingButTheNamedTransactionIsPassedOver)
 {
-    if (value("SHOW server_version_num") < "150000")
-        GTEST_SKIP() << "row filters are there from version 15 on";
-    const std::string waldump = pg_server::programs() + "/pg_waldump";
-    if (access(waldump.c_str(), X_OK) != 0)
-        GTEST_SKIP() << "the server comes without pg_waldump, which has to be of its version";
-    sql("CREATE PUBLICATION " + database +
-        " FOR TABLE load.ledger WHERE (100 / client > 0 OR id < 0)");
-    ASSERT_EQ(catch_up({"--create"}).status, 0);
-    sql("INSERT INTO load.ledger VALUES (1, 1, 1, 'row', NULL)");
-    insert(2); // client 0
-    sql("INSERT INTO load.ledger VALUES (3, 1, 1, 'row', NULL)");
-    const run_result failed = catch_up();
-    EXPECT_EQ(failed.status, 1);
-    EXPECT_TRUE(has_row(1));
-    std::smatch found;
-    static const std::regex text("following the server, at ([0-9A-F]+/[0-9A-F]+) in a transaction "
-                                 "that it has not begun to send: division by zero; if that cannot "
-                                 "be mended on the server, find the position where the "
-                                 "transaction with the change at ([0-9A-F]+/[0-9A-F]+) commits");
-    ASSERT_TRUE(std::regex_search(failed.err, found, text)) << failed.err;
-    const std::string at = found.str(1);
-    EXPECT_EQ(found.str(2), at);
-
-    // The remedy: the change's transaction, and its commit.
-    const std::string wal = value("SHOW data_directory") + "/pg_wal";
-    const run_result change = run_program({waldump, "-p", wal, "-s", at, "-n", "1"});
-    ASSERT_EQ(change.status, 0) << change.err;
-    ASSERT_TRUE(std::regex_search(change.out, found, std::regex("tx: +([0-9]+)"))) << change.out;
-    const std::string xid = found.str(1);
-    const run_result commit = run_program({waldump, "-p", wal, "-s", at, "-x", xid});
-    ASSERT_TRUE(
-        std::regex_search(commit.out, found, std::regex("lsn: ([0-9A-F/]+),[^\n]*desc: COMMIT")))
-        << commit.out << commit.err;
-    const std::string lsn = found.str(1);
-    EXPECT_GT(number(lsn), number(at));
-
-    const run_result skipped = catch_up({"--skip-transaction", lsn + ",load.ledger"});
-    EXPECT_EQ(skipped.status, 0) << skipped.err;
-    EXPECT_THAT(skipped.err, ContainsRegex("the transaction of [0-9A-F]+/[0-9A-F]+ is skipped; "));
-    EXPECT_TRUE(has_row(3));
-    EXPECT_FALSE(has_row(2));
+    commit_unbegun(1);
+    commit_unbegun(2);
+    const std::string first = fails(catch_up());
+    const run_result other = catch_up({"--skip-transaction", first});
+    const std::string second = fails(other);
+    EXPECT_THAT(other.err, HasSubstr("the transaction of " + first + " is skipped; "));
+    EXPECT_GT(number(second), number(first));
+    EXPECT_TRUE(logged("after ID=-1 "));
     EXPECT_EQ(gaps().size(), 1U);
+    EXPECT_EQ(fails(catch_up()), second) << "again without the option";
+
+    commit_unbegun(3);
+    const std::string third = fails(catch_up({"--skip-transaction", second}));
+    commit_unbegun(4);
+    // One in front of it fails: nothing is passed over, and that one is told.
+    EXPECT_EQ(fails(catch_up({"--skip-transaction", fwu_lsn_text(number(third) + 8)})), third);
+    const run_result last = catch_up({"--skip-transaction", third + ",load.ledger,load.no"});
+    EXPECT_THAT(last.err, HasSubstr("the publication has no table load.no"));
+    const std::string fourth = fails(last);
+    const run_result done = catch_up({"--skip-transaction", third, "--skip-transaction", fourth});
+    EXPECT_EQ(done.status, 0) << done.err;
+    for (const int id : {1, 2, 3, 4}) {
+        EXPECT_TRUE(has_row(id)) << "of the other table";
+        EXPECT_TRUE(has_row(-id));
+    }
+    EXPECT_EQ(gaps().size(), 5U) << dump();
+}
+
+// Far in front of the one that is named: the server is not taken at its word.
+TEST_F(BridgeUnbegunTest, AFailureInFrontOfTheNamedTransaction)
+{
+    commit_unbegun(1);
+    sql("INSERT INTO load.others VALUES (50, 'between')");
+    const std::string beyond = value("SELECT pg_current_wal_insert_lsn()");
+    commit_unbegun(2);
+    const std::string first = fails(catch_up({"--skip-transaction", beyond}));
+    EXPECT_LT(number(first), number(beyond));
+    EXPECT_EQ(gaps().size(), 0U);
+    // Both, in any order, and nothing else.
+    const std::string second = fails(catch_up({"--skip-transaction", first}));
+    EXPECT_TRUE(has_row(50));
+    const run_result done = catch_up({"--skip-transaction", second, "--skip-transaction", first});
+    EXPECT_EQ(done.status, 0) << done.err;
+    EXPECT_TRUE(has_row(-2));
+    EXPECT_EQ(gaps().size(), 2U);
+}
+
+// Savepoints, exception blocks and prepared transactions commit as others do, wherever in the
+// server's log that is.
+TEST_F(BridgeUnbegunTest, AnyKindOfTransaction)
+{
+    const std::string row = "INSERT INTO load.ledger VALUES (1, 0, 1, 'row', NULL);";
+    int id = 100;
+    std::vector<std::string> kinds = {"BEGIN; SAVEPOINT a; " + row + " RELEASE a; COMMIT",
+                                      "DO $$ BEGIN " + row +
+                                          " EXCEPTION WHEN OTHERS THEN NULL; END $$"};
+    if (value("SHOW max_prepared_transactions") != "0")
+        kinds.push_back("BEGIN; " + row + " PREPARE TRANSACTION 'p'; COMMIT PREPARED 'p'");
+    for (const std::string &kind : kinds) {
+        sql("TRUNCATE load.ledger");
+        sql("SELECT pg_logical_emit_message(false, 'x', repeat('x', 8192 - " + std::to_string(id) +
+            "))");
+        sql(kind);
+        sql("INSERT INTO load.others VALUES (" + std::to_string(++id) + ", 'behind it')");
+        const run_result done = catch_up({"--skip-transaction", fails(catch_up())});
+        EXPECT_EQ(done.status, 0) << done.err;
+        EXPECT_TRUE(has_row(id));
+    }
+    EXPECT_EQ(gaps().size(), kinds.size());
+}
+
+TEST_F(BridgeSkipTest, APositionThatNeverCameIsTold)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    insert(1);
+    const run_result result = catch_up({"--skip-transaction", "FFFF/0"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err,
+                AllOf(HasSubstr("warning: --skip-transaction FFFF/0: the server's log goes up to "),
+                      HasSubstr("warning: --skip-transaction FFFF/0: the run has ended before that "
+                                "position came, nothing is skipped")));
+    EXPECT_TRUE(has_row(1));
 }
 
 TEST_F(BridgeSkipTest, WrongCommandLines)

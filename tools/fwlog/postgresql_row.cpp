@@ -50,7 +50,7 @@ static constexpr cli_kind SKIP = {
     .word = "LSN[,TABLE...]",
     .lacking = LACKING,
     .bad = "--skip-transaction takes the position of a commit (0/16B3748), and behind commas "
-           "tables (sales.orders)",
+           "tables (sales.orders), a name that holds a comma in double quotes (sales.\"a,b\")",
     .may_be_empty = false};
 
 // Takes what stands in front of the next comma outside of quotes, and the comma.
@@ -68,15 +68,15 @@ static std::string_view take_word(std::string_view &rest)
 static bool take_skip(const char *word)
 {
     std::string_view rest = word;
-    options.skip_tables.clear();
-    if (!fwu_lsn_parse(options.skip_lsn, take_word(rest)) || options.skip_lsn == 0 ||
+    pgb_skip &skip = options.skips.emplace_back();
+    if (!fwu_lsn_parse(skip.lsn, take_word(rest)) || skip.lsn == 0 ||
         std::string_view(word).ends_with(','))
         return false;
     while (!rest.empty()) {
         std::vector<std::string> parts;
         if (!fwu_source_name_parts(parts, take_word(rest)) || parts.size() != 2)
             return false;
-        options.skip_tables.push_back(fwu_source_name(parts[0], parts[1]));
+        skip.tables.push_back(fwu_source_name(parts[0], parts[1]));
     }
     return true;
 }
@@ -150,7 +150,8 @@ static const char help[] =
     "  --skip-transaction LSN[,TABLE...]\n"
     "                       pass over the transaction that commits at LSN, which the\n"
     "                       server cannot send; the log gets a gap mark for these\n"
-    "                       tables, else for all\n"
+    "                       tables (a name with a comma in double quotes: s.\"a,b\"), else\n"
+    "                       for all; may be given several times\n"
     "  --resume TABLE       take a table in that is set aside, or came later, with all that it\n"
     "                       holds; all: every one that is set aside; where fwlog postgresql\n"
     "                       runs already, it is asked to, and this command ends when it has\n"
