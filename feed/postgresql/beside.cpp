@@ -53,6 +53,13 @@ pgs_connection pgs_beside_connect(const pgs_server &server, const PGconn *beside
     if (connection == nullptr || PQstatus(connection.get()) == CONNECTION_BAD ||
         !connect(connection.get(), deadline_ms) || PQsetnonblocking(connection.get(), 1) != 0)
         return nullptr;
+    std::string settings;
+    for (const char *setting : pgs_settings(PQserverVersion(connection.get())))
+        settings += std::string("SET ") + setting + ";";
+    pgs_result set;
+    if (!pgs_beside_run(connection.get(), settings, deadline_ms, set) ||
+        PQresultStatus(set.get()) != PGRES_COMMAND_OK)
+        return nullptr;
     return connection;
 }
 

@@ -80,17 +80,12 @@ static outcome open_one(pgs_server &server, pgs_connection &connection, bool rep
         return pgs_lost(server, why);
     }
     PQsetNoticeReceiver(connection.get(), drop_notice, nullptr);
-    static constexpr const char *settings[] = {
-        "SET datestyle = ISO",       "SET intervalstyle = postgres",
-        "SET timezone = 'UTC'",      "SET extra_float_digits = 3",
-        "SET bytea_output = hex",    "SET search_path = pg_catalog",
-        "SET statement_timeout = 0", "SET row_security = off", // hidden rows are an error
-    };
     pgs_result result;
-    for (const char *setting : settings) {
-        if (outcome set = pgs_command(server, connection.get(), result, setting); !set)
+    for (const char *setting : pgs_settings(PQserverVersion(connection.get())))
+        if (outcome set =
+                pgs_command(server, connection.get(), result, std::string("SET ") + setting);
+            !set)
             return set;
-    }
     return set_encoding(server, connection.get());
 }
 

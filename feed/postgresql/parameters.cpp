@@ -68,3 +68,32 @@ void pgs_collect(pgs_parameters &parameters, const pgs_server &server)
                               server.any_bytes || server.texts != nullptr ? "SQL_ASCII" : "UTF8",
                               nullptr});
 }
+
+std::vector<const char *> pgs_settings(int version)
+{
+    static constexpr struct {
+        const char *setting;
+        int version = 0; // that has it first
+    } rows[] = {
+        {"statement_timeout = 0"},
+        {"lock_timeout = 0"},
+        {"idle_in_transaction_session_timeout = 0"},
+        {"idle_session_timeout = 0", 140000},
+        {"transaction_timeout = 0", 170000},
+        {"default_transaction_read_only = off"},
+        {"default_transaction_isolation = 'read committed'"},
+        {"default_transaction_deferrable = off"},
+        {"datestyle = ISO"},
+        {"intervalstyle = postgres"},
+        {"timezone = 'UTC'"},
+        {"extra_float_digits = 3"},
+        {"bytea_output = hex"},
+        {"search_path = pg_catalog"},
+        {"row_security = off"}, // hidden rows are an error
+    };
+    std::vector<const char *> settings;
+    for (const auto &row : rows)
+        if (version >= row.version)
+            settings.push_back(row.setting);
+    return settings;
+}

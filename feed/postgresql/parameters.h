@@ -15,4 +15,8 @@ struct pgs_parameters {
 };
 void pgs_collect(pgs_parameters &parameters, const pgs_server &server);
 
+// What every session begins with: values that look the same on every server, and none of the
+// limits that a database or a role sets for its users.  Terms of SET, for this version.
+std::vector<const char *> pgs_settings(int version);
+
 #endif

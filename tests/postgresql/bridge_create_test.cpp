@@ -57,6 +57,26 @@ TEST_F(BridgeCreateTest, TablesWithoutIdentityGetOneNowAndLater)
     EXPECT_THAT(dump(), HasSubstr("before A=2 NULL-MAP=\".\""));
 }
 
+// Limits that a database has for its users are none of the bridge's, on no connection.
+TEST_F(BridgeCreateTest, LimitsOfTheDatabaseDoNotCount)
+{
+    for (const char *limit :
+         {"statement_timeout = 15", "lock_timeout = 1", "idle_in_transaction_session_timeout = 1",
+          "default_transaction_isolation = 'serializable'", "default_transaction_read_only = on"})
+        sql("ALTER DATABASE \"" + database + "\" SET " + limit);
+    pg_client client = connect();
+    client.run("SET default_transaction_read_only = off; SET statement_timeout = 0");
+    client.run("CREATE TYPE shop.mood AS ENUM ('glad')");
+    const run_result made = catch_up({"--create", "--snapshot"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    // Its columns and its type are asked for beside the stream.
+    client.run("CREATE TABLE shop.later (id integer PRIMARY KEY, m shop.mood)");
+    client.run("INSERT INTO shop.later VALUES (7, 'glad')");
+    const run_result followed = catch_up();
+    EXPECT_EQ(followed.status, 0) << followed.err;
+    EXPECT_TRUE(logged("after ID=7 M=\"glad\"")) << dump();
+}
+
 TEST_F(BridgeCreateTest, TablesThatLoseTheirIdentityGetOne)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);
