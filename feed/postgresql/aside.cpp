@@ -228,3 +228,16 @@ void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
     registry.holders[name] = id;
     registry.dirty = true;
 }
+
+std::string pga_resume_command(const std::string &name)
+{
+    static const char plain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._";
+    std::string word = name;
+    if (name.find_first_not_of(plain) != name.npos) {
+        word = "'";
+        for (const char c : name)
+            word += c == '\'' ? "'\\''" : std::string(1, c);
+        word += "'";
+    }
+    return "fwlog postgresql --resume " + word;
+}

@@ -64,4 +64,7 @@ pga_identity pga_describe(pga_registry &registry, uint32_t id, const std::string
 void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
                const std::string &table, uint64_t at);
 
+// What takes a table back in, to be pasted into a shell.
+std::string pga_resume_command(const std::string &name);
+
 #endif

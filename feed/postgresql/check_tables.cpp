@@ -1,10 +1,10 @@
 // The tables as a run finds them, all at once: it is asked for their columns like a stream that
 // describes each of them, so that the datasets are the same.
+#include "feed/postgresql/aside.h"
 #include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/check_report.h"
 #include "feed/postgresql/identity.h"
 #include "feed/postgresql/query.h"
-#include "feed/postgresql/standing.h"
 #include "feed/text.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -227,7 +227,7 @@ static void note_aside(pgk_report &report, const std::string &text)
 static outcome look_at(pgk_report &report, pgk_table &table, std::vector<std::string> &notes)
 {
     pgb_relation *relation = nullptr;
-    const std::string resume = pgb_resume_command(table.name);
+    const std::string resume = pga_resume_command(table.name);
     outcome found = pgb_find(relation, report.relations, table.relation.id, notes);
     if (found.kind() == OUTCOME_BAD) {
         table.refused = found.text();

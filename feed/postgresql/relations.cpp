@@ -7,7 +7,6 @@
 #include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/idle_lines.h"
 #include "feed/postgresql/query.h"
-#include "feed/postgresql/standing.h"
 #include "feed/source.h"
 #include "feed/text.h"
 #include "fwutil/fwu_clock.h"
@@ -95,7 +94,7 @@ static void tell_added(pgb_relation &relation, const pgb_relations &relations,
     notes.push_back("table " + name + " has a new column with a default (" + columns +
                     "): the rows that were there have it on the server, and the log does not tell "
                     "so; to have it there, " +
-                    pgb_resume_command(name));
+                    pga_resume_command(name));
 }
 
 // Another table has this name from here on, or none: relations may share what was known by it.

@@ -90,7 +90,7 @@ static outcome take_attached(const pgb_attached &part, feed_transaction &tx,
     registry.dirty = true;
     tell("warning: table %s has become a part of %s: the rows that it had before are missing "
          "there, and the log has a gap mark; to have them there, %s",
-         leaf.c_str(), root.c_str(), pgb_resume_command(root).c_str());
+         leaf.c_str(), root.c_str(), pga_resume_command(root).c_str());
     return {};
 }
 

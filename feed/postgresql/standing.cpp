@@ -56,19 +56,6 @@ outcome pgb_commit(feed_transaction &tx, pgb_relations &relations)
     return kept ? feed_commit(tx) : std::move(kept);
 }
 
-std::string pgb_resume_command(const std::string &name)
-{
-    static const char plain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._";
-    std::string word = name;
-    if (name.find_first_not_of(plain) != name.npos) {
-        word = "'";
-        for (const char c : name)
-            word += c == '\'' ? "'\\''" : std::string(1, c);
-        word += "'";
-    }
-    return "fwlog postgresql --resume " + word;
-}
-
 static std::string from_text(const feed_transaction &tx)
 {
     const std::string lsn = fwu_lsn_text(tx.commit.lsn);
@@ -94,7 +81,7 @@ outcome pgb_set_aside(feed_transaction &tx, pgb_relations &relations, const std:
         return put;
     pga_put(relations.aside, schema, table, std::move(record));
     tell("warning: table %s is set aside from %s on: %s; the others go on; mend that, then %s",
-         name.c_str(), from_text(tx).c_str(), reason.c_str(), pgb_resume_command(name).c_str());
+         name.c_str(), from_text(tx).c_str(), reason.c_str(), pga_resume_command(name).c_str());
     return {};
 }
 

@@ -42,7 +42,4 @@ fwu_mark pgb_gap_of(const pgb_relations &relations, const std::string &schema,
 // Hands the transaction in hand to the log, standings first.
 outcome pgb_commit(feed_transaction &tx, pgb_relations &relations);
 
-// What takes a table back in, to be pasted into a shell.
-std::string pgb_resume_command(const std::string &name);
-
 #endif

@@ -139,8 +139,9 @@ TEST_F(BridgeAsideTest, WhereTheFileIsDamagedAllTablesHaveAGap)
     EXPECT_EQ(catch_up().status, 1);
     catch_up_well({"--accept-gap"});
     const std::string log = history();
-    EXPECT_THAT(log, testing::ContainsRegex("gap null: file aside was damaged: tables that were set "
-                                            "aside are followed again\n$"));
+    EXPECT_THAT(log,
+                testing::ContainsRegex("gap null: file aside was damaged: tables that were set "
+                                       "aside are followed again\n$"));
     sql("ALTER TABLE shop.\"odd one\" REPLICA IDENTITY FULL;"
         "INSERT INTO shop.\"odd one\" VALUES (2, 'x')");
     catch_up_well();
