@@ -56,6 +56,8 @@ static const struct {
     {"its position on disk", {": its %s ", "\"position on disk\""}},
     {"/aside: damaged", {"\"/aside\"", "%s: damaged: it says which tables are set aside"}},
     {"is set aside from transaction", {"table %s is set aside from %s on", "\"transaction \""}},
+    {"in a transaction that it has not begun to send, and that commits at",
+     {" in a transaction that it has not begun to send", "\", and that commits at \""}},
     {"waits until others have ended their transactions: process",
      {"waits until others have ended their transactions: ", "'process '"}},
 };
