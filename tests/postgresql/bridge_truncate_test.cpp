@@ -76,7 +76,7 @@ TEST_F(BridgeTruncateTest, EveryTableOfOneCommandHasItsMark)
     ASSERT_EQ(catch_up().status, 0);
     const std::string text = events();
     EXPECT_EQ(occurrences(text, "mark truncate"), 3) << text;
-    EXPECT_THAT(text, HasSubstr("table load.two words: TRUNCATE\n"));
+    EXPECT_THAT(text, HasSubstr("table load.\"two words\": TRUNCATE\n"));
     EXPECT_THAT(text, HasSubstr("mark truncate LOAD.NEVER-CHANGED table load.never_changed: "));
     EXPECT_THAT(text, HasSubstr("mark truncate LOAD.PART table load.part: TRUNCATE\n"));
 
