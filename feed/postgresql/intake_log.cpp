@@ -6,8 +6,6 @@
 #include "fwutil/fwu_source_name.h"
 #include "fwutil/fwu_start.h"
 
-#include <cinttypes>
-
 constexpr int DIRECT_WAIT_MS = 500; // for a row, before the stream is looked after
 
 struct logging {
@@ -16,6 +14,7 @@ struct logging {
     uint64_t rows = 0;
     bool broken = false; // the rows of a direct piece did not come to their end
     std::string later = {};
+    std::vector<std::string> ended = {}; // to be told once the log has the piece
 };
 
 static const pgp_want &want_of(const logging &l, const pgp_part &part)
@@ -115,8 +114,8 @@ static outcome log_rows(logging &l, pgp_part &part)
     if (part.ends) {
         l.on.relations.aside.taken[name_of(l, part)] = record.rows + l.rows - rows;
         if (l.on.verbose)
-            tell("%s is taken in (%s): %" PRIu64 " rows", name_of(l, part).c_str(),
-                 record.why.c_str(), record.rows + l.rows - rows);
+            l.ended.push_back(name_of(l, part) + " is taken in (" + record.why +
+                              "): " + std::to_string(record.rows + l.rows - rows) + " rows");
         put_standing(l, part, {});
         return {};
     }
@@ -219,6 +218,8 @@ static outcome log_all(logging &l)
     if (!logs)
         stand_at_last(l);
     done = pgb_commit(tx, l.on.relations);
+    for (size_t i = 0; done && i < l.ended.size(); i++)
+        tell("%s", l.ended[i].c_str());
     if (done && logs)
         l.on.state.commit_us = commit.time_us;
     return done;
