@@ -279,6 +279,8 @@ TEST_F(BridgeAsideTest, ARenamedTableLeavesAMarkUnderItsOldName)
 
 TEST_F(BridgeAsideTest, ATableThatBecomesAPartitionLeavesMarks)
 {
+    if (server_version() < 13)
+        return; // partitions are followed as tables of their own
     sql("CREATE TABLE shop.days (id integer PRIMARY KEY, note varchar(9)) PARTITION BY RANGE (id);"
         "CREATE TABLE shop.monday (LIKE shop.days INCLUDING ALL);"
         "INSERT INTO shop.monday VALUES (1, 'one')");

@@ -48,6 +48,17 @@ void PieceTest::use(const std::string &name, const std::string &options)
     from.publication = "feed";
 }
 
+std::string PieceTest::encoded(const std::string &encoding, const std::string &locale)
+{
+    return "TEMPLATE template0 ENCODING '" + encoding + "' LC_COLLATE '" + locale + "' LC_CTYPE '" +
+           locale + "'";
+}
+
+int PieceTest::version() const
+{
+    return client->version();
+}
+
 pg_client PieceTest::connect(const std::string &user) const
 {
     return pg_client(server->conninfo(database, user));
@@ -144,7 +155,7 @@ static std::string bytes_of(const std::string &hex)
 sent_stream PieceTest::stream() const
 {
     sent_stream sent;
-    const bool messages = std::stoi(value("SHOW server_version_num")) >= 140000;
+    const bool messages = version() >= 14;
     for (const auto &row :
          client->run("SELECT data FROM pg_logical_slot_get_binary_changes('" + database +
                      "', NULL, NULL, 'proto_version', '1', 'publication_names', 'feed'" +

@@ -36,9 +36,15 @@ class PieceTest : public testing::Test {
     // Goes to a new database of this name, made with these options.
     void use(const std::string &name, const std::string &options = "");
 
+    // Options of one whose texts are of an encoding and in the order of a locale.
+    static std::string encoded(const std::string &encoding, const std::string &locale);
+
     pg_client connect(const std::string &user = "postgres") const;
     void sql(const std::string &text) const;
     std::string value(const std::string &text) const;
+
+    // The server's main version.
+    int version() const;
 
     // A table of schema public.
     static pgp_want want(const std::string &table);

@@ -86,7 +86,8 @@ TEST_F(PieceLiveTest, TablesBeyondTheirNumberComeLater)
 
 class value_maker {
   public:
-    explicit value_maker(unsigned seed) : random(seed)
+    // Decimals may be infinite from version 14 of the server on.
+    value_maker(unsigned seed, bool infinite) : infinite_decimals(infinite), random(seed)
     {
     }
 
@@ -105,9 +106,9 @@ class value_maker {
 
     std::string decimal()
     {
-        static const char *const special[] = {"NaN", "Infinity", "-Infinity", "0", "-0.000"};
+        static const char *const special[] = {"NaN", "0", "-0.000", "Infinity", "-Infinity"};
         if (below(10) == 0)
-            return special[below(5)];
+            return special[below(infinite_decimals ? 5 : 3)];
         std::string text = below(2) == 0 ? "-" : "";
         for (int n = 1 + below(3); n > 0; n--)
             text += static_cast<char>('0' + below(10));
@@ -169,6 +170,7 @@ class value_maker {
         return text.ends_with("infinity") ? text : text.insert(era, time);
     }
 
+    bool infinite_decimals;
     std::mt19937 random;
 };
 
@@ -210,7 +212,7 @@ TEST_F(PieceLiveTest, PiecesHaveAllRowsInTheOrderOfTheServer)
 {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    value_maker make(seed);
+    value_maker make(seed, version() >= 14);
     sql("SET timezone = 'UTC'; CREATE DOMAIN number AS bigint; CREATE DOMAIN counted AS number"
         " CHECK (VALUE >= 0); CREATE DOMAIN worded AS text COLLATE \"C\"");
     constexpr int types = static_cast<int>(std::size(key_types));
@@ -306,6 +308,8 @@ TEST_F(PieceLiveTest, TablesAreDescribedAsTheStreamDescribesThem)
 
 TEST_F(PieceLiveTest, APartitionedTableThatIsPublishedAsOneIsDescribedAsOne)
 {
+    if (version() < 13)
+        return; // partitions are published as tables of their own
     sql("DROP PUBLICATION feed; CREATE TABLE root (a int, b int, PRIMARY KEY (a, b))"
         " PARTITION BY RANGE (a); CREATE TABLE leaf PARTITION OF root FOR VALUES FROM (0) TO (10);"
         "CREATE TABLE other (b int NOT NULL, a int NOT NULL);"
@@ -330,8 +334,8 @@ TEST_F(PieceLiveTest, APartitionedTableThatIsPublishedAsOneIsDescribedAsOne)
 
 TEST_F(PieceLiveTest, OnlyWhatIsPublishedIsRead)
 {
-    if (std::stoi(value("SHOW server_version_num")) < 150000)
-        GTEST_SKIP() << "publications of this server have no lists of columns";
+    if (version() < 15)
+        return; // publications have no lists of columns
     sql("DROP PUBLICATION feed; CREATE TABLE few (a int, b text, c int, d int,"
         " PRIMARY KEY (c)); INSERT INTO few SELECT n, 'b', 100 - n, n FROM generate_series(1, 9) "
         "n;"
@@ -403,9 +407,12 @@ TEST_F(PieceLiveTest, TheKeyIsWhatEveryOldRowHas)
          "CREATE TABLE v PARTITION OF u DEFAULT",
          {"23 23 a"}},
     };
-    sql("DROP PUBLICATION feed;"
-        "CREATE PUBLICATION feed FOR ALL TABLES WITH (publish_via_partition_root)");
+    const bool by_root = version() >= 13; // else partitions are tables of their own
+    if (by_root)
+        sql("ALTER PUBLICATION feed SET (publish_via_partition_root)");
     for (const auto &one : cases) {
+        if (!by_root && strstr(one.sql, "PARTITION") != nullptr)
+            continue;
         sql(one.sql);
         pgp_piece piece = read({want("t")});
         ASSERT_EQ(piece.parts.size(), 1U) << one.sql << later;
@@ -421,25 +428,25 @@ TEST_F(PieceLiveTest, TheKeyIsWhatEveryOldRowHas)
 TEST_F(PieceLiveTest, TextsOfTheDatabaseAreComparedWhereItsBytesAre)
 {
     static const struct {
-        const char *options;
+        std::string encoding;
+        std::string locale;
         bool compared;
     } cases[] = {
-        {"ENCODING 'UTF8' LOCALE 'C'", true},      {"ENCODING 'UTF8' LOCALE 'POSIX'", true},
-        {"ENCODING 'SQL_ASCII' LOCALE 'C'", true}, {"ENCODING 'LATIN1' LOCALE 'C'", true},
-        {"ENCODING 'LATIN2' LOCALE 'C'", false}, // its bytes are not those of UTF-8 in their order
-        {"ENCODING 'EUC_JP' LOCALE 'C'", false},   {"ENCODING 'UTF8' LOCALE 'C.UTF-8'", false},
+        {"UTF8", "C", true},    {"UTF8", "POSIX", true},    {"SQL_ASCII", "C", true},
+        {"LATIN1", "C", true},  {"LATIN2", "C", false}, // not in the order of their UTF-8
+        {"EUC_JP", "C", false}, {"UTF8", "C.UTF-8", false},
     };
     for (const auto &one : cases) {
-        use("piece_" + std::to_string(++databases),
-            std::string("TEMPLATE template0 ") + one.options);
+        use("piece_" + std::to_string(++databases), encoded(one.encoding, one.locale));
+        SCOPED_TRACE(one.encoding + " " + one.locale);
         sql("CREATE TABLE t (a varchar(9) PRIMARY KEY); INSERT INTO t VALUES ('b'), ('a'), ('B')");
         std::vector<pgp_piece> pieces = read_all("t", {.rows = 2});
-        EXPECT_EQ(!part(pieces[0]).key.empty(), one.compared) << one.options;
-        EXPECT_EQ(pieces.size(), one.compared ? 2U : 1U) << one.options;
+        EXPECT_EQ(!part(pieces[0]).key.empty(), one.compared);
+        EXPECT_EQ(pieces.size(), one.compared ? 2U : 1U);
         piece_rows rows = rows_of(part(pieces[0]));
         if (!one.compared)
             std::sort(rows.begin(), rows.end());
         rows.resize(2);
-        EXPECT_EQ(rows, (piece_rows{{"B"}, {"a"}})) << one.options;
+        EXPECT_EQ(rows, (piece_rows{{"B"}, {"a"}}));
     }
 }
