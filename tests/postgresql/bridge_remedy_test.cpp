@@ -1,60 +1,10 @@
-// What docs/postgresql.md says about the server's errors is carried out as it stands there, and the
-// feed runs afterwards.  Cases whose remedy needs more than a step are where the error is tested.
-#include "tests/postgresql/bridge_fixture.h"
-
-#include <regex>
+// What is in the way of a start, and its remedies.  Cases whose remedy needs more than a step are
+// where the error is tested.
+#include "tests/postgresql/remedy.h"
 
 using testing::HasSubstr;
 
-class BridgeRemedyTest : public LedgerTest {
-  protected:
-    using words = std::vector<std::string>;
-
-    // The first run, which ends with this error; what it said.
-    std::string refused(const words &more, const std::string &text) const
-    {
-        const run_result result = catch_up(more);
-        EXPECT_EQ(result.status, 1) << result.err;
-        EXPECT_THAT(result.err, HasSubstr(text));
-        return result.err;
-    }
-
-    // The feed runs: what is changed from now on comes to the log.
-    void expect_runs(const words &more) const
-    {
-        const run_result begun = catch_up(more);
-        EXPECT_EQ(begun.status, 0) << begun.err;
-        insert(next);
-        const run_result result = catch_up(more);
-        EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_TRUE(logged("after ID=" + std::to_string(next) + " "));
-        next++;
-    }
-
-    // The same on a server of its own, which has the table, too.
-    void expect_runs_on(const pg_server &own, words more) const
-    {
-        more.insert(more.end(), {"--conninfo", own.conninfo()});
-        const run_result begun = catch_up(more);
-        EXPECT_EQ(begun.status, 0) << begun.err;
-        pg_client(own.conninfo())
-            .run("INSERT INTO load.ledger VALUES (" + std::to_string(next) +
-                 ", 0, 1, 'row', NULL)");
-        const run_result result = catch_up(more);
-        EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_TRUE(logged("after ID=" + std::to_string(next) + " "));
-        next++;
-    }
-
-    static std::string found_in(const std::string &text, const char *pattern)
-    {
-        std::smatch found;
-        EXPECT_TRUE(std::regex_search(text, found, std::regex(pattern))) << text;
-        return found.size() > 1 ? found.str(1) : "";
-    }
-
-    mutable int next = 1;
-};
+class BridgeRemedyTest : public RemedyTest {};
 
 TEST_F(BridgeRemedyTest, CannotConnect)
 {
@@ -110,6 +60,19 @@ TEST_F(BridgeRemedyTest, WalLevel)
     expect_runs_on(own, {"--create"});
 }
 
+TEST_F(BridgeRemedyTest, PluginThatTheServerDoesNotLoad)
+{
+    if (value("SELECT count(*) FROM pg_settings WHERE name = 'output_plugin_libraries'") == "0")
+        return; // a server without that setting loads it
+    sql("ALTER SYSTEM SET output_plugin_libraries = 'test_decoding'");
+    sql("SELECT pg_reload_conf()");
+    refused({"--create"}, "add pgoutput to output_plugin_libraries in postgresql.conf, then "
+                          "SELECT pg_reload_conf()");
+    sql("ALTER SYSTEM SET output_plugin_libraries = 'test_decoding', 'pgoutput'");
+    sql("SELECT pg_reload_conf()");
+    expect_runs({"--create"});
+}
+
 TEST_F(BridgeRemedyTest, AllSlotsInUse)
 {
     pg_server own({"max_replication_slots = 1"});
@@ -134,6 +97,8 @@ TEST_F(BridgeRemedyTest, AllSlotsInUse)
 // More of the log is kept for the next time.
 TEST_F(BridgeRemedyTest, SlotThatTheServerHasGivenUp)
 {
+    if (server_version() < 13)
+        return; // it never does
     const pg_server own({"max_slot_wal_keep_size = 1MB", "min_wal_size = 32MB",
                          "max_wal_size = 32MB", "wal_keep_size = 0"});
     pg_client client(own.conninfo());
@@ -285,6 +250,28 @@ TEST_F(BridgeRemedyTest, TableThatTheRoleMayNotRead)
                                      "then fwlog postgresql --resume load.ledger\n"));
     EXPECT_FALSE(logged("after ID=1 "));
     sql("GRANT SELECT ON load.ledger TO " + role);
+    const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_TRUE(logged("after ID=1 "));
+    next = 2;
+    expect_runs(by_role);
+    sql("DROP OWNED BY " + role);
+}
+
+TEST_F(BridgeRemedyTest, SchemaThatTheRoleMayNotUse)
+{
+    const std::string role = database + "_outside";
+    insert(1);
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; GRANT SELECT ON load.ledger TO " + role +
+        "; CREATE PUBLICATION " + database + " FOR ALL TABLES");
+    const words by_role = {"--conninfo", conninfo(role), "--create", "--snapshot"};
+    const run_result begun = catch_up(by_role);
+    EXPECT_EQ(begun.status, 0) << begun.err;
+    EXPECT_THAT(begun.err, HasSubstr("permission denied for schema load; give the role the right: "
+                                     "GRANT USAGE ON SCHEMA ... TO ...; the others go on; mend "
+                                     "that, then fwlog postgresql --resume load.ledger\n"));
+    EXPECT_FALSE(logged("after ID=1 "));
+    sql("GRANT USAGE ON SCHEMA load TO " + role);
     const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
     EXPECT_EQ(resumed.status, 0) << resumed.err;
     EXPECT_TRUE(logged("after ID=1 "));

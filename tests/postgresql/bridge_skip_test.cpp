@@ -2,6 +2,7 @@
 // option that passes over it, which is carried out as it stands there; all others come.
 #include "fwutil/fwu_start.h"
 #include "tests/postgresql/bridge_fixture.h"
+#include "tests/postgresql/pg_proxy.h"
 
 #include <regex>
 
@@ -299,6 +300,26 @@ TEST_F(BridgeUnbegunTest, AFailureInFrontOfTheNamedTransaction)
     EXPECT_EQ(done.status, 0) << done.err;
     EXPECT_TRUE(has_row(-2));
     EXPECT_EQ(gaps().size(), 2U);
+}
+
+// The server says something else when it is asked again: the same command finds it later.
+TEST_F(BridgeUnbegunTest, ACommitThatIsNotFoundIsLookedForAgain)
+{
+    commit_unbegun(1);
+    pg_proxy proxy(server->socket());
+    proxy.change_behind("pg_logical_slot_peek_binary_changes", "division by zero",
+                        "division by nine");
+    const std::vector<std::string> by_proxy = {"--conninfo", proxy.conninfo(database)};
+    const run_result not_found = catch_up(by_proxy);
+    EXPECT_TRUE(proxy.happened());
+    EXPECT_EQ(not_found.status, 1) << not_found.err;
+    EXPECT_THAT(not_found.err,
+                HasSubstr(" in a transaction that it has not begun to send: division by zero; "
+                          "where that commits was not found, so that nothing can be passed over: "
+                          "the server says division by nine\n"));
+    const run_result done = catch_up({"--skip-transaction", fails(catch_up(by_proxy))});
+    EXPECT_EQ(done.status, 0) << done.err;
+    EXPECT_TRUE(has_row(-1));
 }
 
 // Savepoints, exception blocks and prepared transactions commit as others do, wherever in the

@@ -1,0 +1,169 @@
+// What comes up later, when there is a log that goes on, and its remedies.
+#include "tests/postgresql/remedy.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+class BridgeRemedyLaterTest : public RemedyTest {
+  protected:
+    // Another log directory, which begins anew: the slot of the one before is in its way.
+    void expect_another_log_runs() const
+    {
+        write_file(dir.file("fwutil.cfg"),
+                   std::string("log-directory another\nbyte-order little\n") + ledger_cfg);
+        const std::string told =
+            refused({"--create", "--snapshot"},
+                    "is there already, and the log directory knows nothing of it");
+        sql(found_in(told, "drop it \\((SELECT pg_drop_replication_slot\\('[^']*'\\))\\)"));
+        expect_runs({"--create", "--snapshot"});
+        expect_log_equals_tables();
+    }
+
+    // A table whose updates lack what they need, under the policy error.
+    void set_keyed_aside() const
+    {
+        configure(std::string("values error\n") + ledger_cfg);
+        ASSERT_EQ(catch_up({"--create"}).status, 0);
+        sql("CREATE TABLE load.keyed (id integer PRIMARY KEY, note varchar(9));"
+            "INSERT INTO load.keyed VALUES (1, 'one'); UPDATE load.keyed SET note = 'two'");
+        const run_result told = catch_up();
+        EXPECT_EQ(told.status, 0) << told.err;
+        EXPECT_THAT(told.err, HasSubstr("the change comes without the whole old row"));
+        EXPECT_THAT(told.err, HasSubstr("then fwlog postgresql --resume load.keyed\n"));
+    }
+
+    void expect_keyed_is_followed() const
+    {
+        const run_result resumed = catch_up({"--resume", "load.keyed"});
+        EXPECT_EQ(resumed.status, 0) << resumed.err;
+        EXPECT_TRUE(logged("after ID=1 NOTE=\"two\""));
+        sql("UPDATE load.keyed SET note = 'three'");
+        EXPECT_EQ(catch_up().status, 0);
+        EXPECT_TRUE(logged("NOTE=\"three\""));
+        EXPECT_EQ(status_member("aside"), "[]");
+        expect_runs({});
+    }
+};
+
+TEST_F(BridgeRemedyLaterTest, SlotThatIsLeftForAnotherOneIsDropped)
+{
+    expect_runs({"--create"});
+    const run_result gone_over = catch_up({"--slot", "newer", "--create", "--accept-gap"});
+    EXPECT_EQ(gone_over.status, 0) << gone_over.err;
+    EXPECT_THAT(gone_over.err, HasSubstr("the log follows slot \"" + database +
+                                         "\" no more, which stays on the server"));
+    sql(found_in(gone_over.err, "(SELECT pg_drop_replication_slot\\('[^']*'\\))"));
+    EXPECT_EQ(value("SELECT string_agg(slot_name, ' ') FROM pg_replication_slots"), "newer");
+    expect_runs({"--slot", "newer"});
+}
+
+TEST_F(BridgeRemedyLaterTest, SlotThatStandsBehindTheLogsEnd)
+{
+    expect_runs({"--create"});
+    sql("SELECT pg_drop_replication_slot('" + database + "')");
+    insert(500);
+    sql("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    refused({}, "slot \"" + database + "\" stands at ");
+    expect_another_log_runs();
+}
+
+TEST_F(BridgeRemedyLaterTest, ServerThatWasSetBack)
+{
+    expect_runs({"--create"});
+    server->stop();
+    server->save();
+    server->start();
+    for (int i = 0; i < 3; i++)
+        expect_runs({});
+    server->stop();
+    server->set_back();
+    server->start();
+    refused({}, ", the server only to ");
+    expect_another_log_runs();
+}
+
+TEST_F(BridgeRemedyLaterTest, SilentServerGetsMoreTime)
+{
+    expect_runs({"--create"});
+    start_bridge({"--timeout", "1"});
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    server->freeze();
+    EXPECT_TRUE(bridge_says("the server has been silent for 1 second (following the stream)"));
+    server->thaw();
+    bridge.end(SIGTERM);
+    start_bridge({"--timeout", "60"});
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    server->freeze();
+    usleep(3'000'000); // of which nothing is told
+    server->thaw();
+    insert(next);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(next));
+    EXPECT_THAT(bridge.err(), Not(HasSubstr("silent")));
+}
+
+TEST_F(BridgeRemedyLaterTest, WholeOldRowsFromNowOn)
+{
+    ASSERT_NO_FATAL_FAILURE(set_keyed_aside());
+    sql("ALTER TABLE load.keyed REPLICA IDENTITY FULL");
+    expect_keyed_is_followed();
+}
+
+TEST_F(BridgeRemedyLaterTest, MarksInsteadOfWholeOldRows)
+{
+    ASSERT_NO_FATAL_FAILURE(set_keyed_aside());
+    configure(std::string("values error\ntable load.keyed values=mark\n") + ledger_cfg);
+    expect_keyed_is_followed();
+}
+
+// A type's library that is not where the server looks for it: mended on the server, nothing is
+// to be passed over.
+TEST_F(BridgeRemedyLaterTest, WhatTheServerCannotSendIsMendedThere)
+{
+    const std::string library = value("SHOW data_directory") + "/pairs.so";
+    std::filesystem::copy_file(value("SELECT setting FROM pg_config WHERE name = 'PKGLIBDIR'") +
+                                   "/hstore.so",
+                               library, std::filesystem::copy_options::overwrite_existing);
+    sql("CREATE SCHEMA odd; CREATE TYPE odd.pairs; CREATE FUNCTION odd.take(cstring) RETURNS "
+        "odd.pairs AS '" +
+        library +
+        "', 'hstore_in' LANGUAGE C IMMUTABLE STRICT; CREATE FUNCTION odd.give(odd.pairs) RETURNS "
+        "cstring AS '" +
+        library +
+        "', 'hstore_out' LANGUAGE C IMMUTABLE STRICT;"
+        "CREATE TYPE odd.pairs (INPUT = odd.take, OUTPUT = odd.give, INTERNALLENGTH = VARIABLE);"
+        "CREATE TABLE load.kept (id bigint PRIMARY KEY, pairs odd.pairs);"
+        "ALTER TABLE load.kept REPLICA IDENTITY FULL");
+    expect_runs({"--create"});
+    sql("BEGIN; INSERT INTO load.kept VALUES (1, 'a=>1');"
+        "INSERT INTO load.ledger VALUES (500, 0, 1, 'with it', NULL); COMMIT");
+    std::filesystem::rename(library, library + ".away");
+    EXPECT_THAT(refused({}, "fwlog: following the server, in transaction "),
+                HasSubstr("could not access file \"" + library +
+                          "\": No such file or directory; if that cannot be mended on the server, "
+                          "pass the transaction over with --skip-transaction "));
+    EXPECT_FALSE(logged("after ID=500 "));
+    std::filesystem::rename(library + ".away", library);
+    expect_runs({});
+    EXPECT_TRUE(logged("after ID=500 "));
+    EXPECT_TRUE(logged("PAIRS=\"\\\"a\\\"=>\\\"1\\\"\""));
+}
+
+// Each start leaves a mark behind the one before, as far as there is place.
+TEST_F(BridgeRemedyLaterTest, NoPositionIsLeftForAGapMark)
+{
+    constexpr int PLACES = 7; // between two positions of the server
+    sql("CREATE TABLE load.other (id bigint PRIMARY KEY);"
+        "ALTER TABLE load.other REPLICA IDENTITY FULL");
+    expect_runs({"--create"});
+    const std::string none_left = "the log has no position left behind ";
+    for (int i = 0; i <= PLACES; i++) {
+        configure(std::string("skip-table load.other\n") + ledger_cfg);
+        EXPECT_EQ(catch_up().status, 0);
+        configure(ledger_cfg);
+        const run_result result = catch_up();
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(occurrences(result.err, none_left), i < PLACES ? 0 : 1) << result.err;
+    }
+    EXPECT_EQ(occurrences(dump(), "skip-table was taken out"), PLACES);
+    expect_runs({});
+}
