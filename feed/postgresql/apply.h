@@ -17,6 +17,7 @@
 struct pgb_apply {
     bool expects_last = false;   // the server has to send the log's last transaction first
     bool accepts_gap = false;    // ... or else the log gets a gap mark
+    bool unpublished = false;    // what comes next is of when there was no such publication
     bool session_told = false;   // that a session message is too long
     uint64_t end = 0;            // behind the last whole transaction
     int64_t commit_us = 0;       // commit time of the transaction logged last, 0 for none

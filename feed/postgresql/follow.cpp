@@ -10,6 +10,7 @@
 #include "feed/postgresql/gap.h"
 #include "feed/postgresql/query.h"
 #include "feed/postgresql/renamed.h"
+#include "feed/postgresql/unpublished.h"
 #include "feed/postgresql/unsent.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
@@ -328,6 +329,9 @@ static outcome fail(follow &f, const PGresult *result)
     const fwu_commit &commit = f.tx.commit;
     if (!pgs_refused(f.connection, result) || pge_is_failure(f.server, result))
         return pgs_failed(f.server, f.connection, result, "following the server");
+    f.apply.unpublished = pgb_is_unpublished(result);
+    if (f.apply.unpublished)
+        return pgb_fail_unpublished(f.apply, f.server);
     const uint64_t at = position_in(pgs_error_field(result, PG_DIAG_CONTEXT));
     if (pgb_skip_holds(f.apply.skips, f.tx))
         return lost(f, "the server has failed in the transaction that is skipped");
@@ -351,6 +355,8 @@ static outcome take_waiting(follow &f)
         char *bytes = nullptr;
         const int length = PQgetCopyData(f.connection, &bytes, 1);
         const pgs_memory owned(bytes);
+        if (f.apply.unpublished)
+            return pgb_fail_unpublished(f.apply, f.server);
         if (length == 0)
             return {};
         if (length < 0) {
@@ -519,7 +525,10 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
         done = begin_snapshot(f);
     if (done)
         done = pgb_take_stock(tx, relations, state.server_lsn);
+    if (done && apply.unpublished)
+        done = pgb_pass_unpublished(apply, server, tx, relations);
     if (done) {
+        pgb_watch_unpublished(apply, f.connection);
         pgb_look_renamed(f.renamed, server, relations, state.server_lsn);
         done = start(f);
     }

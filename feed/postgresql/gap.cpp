@@ -7,6 +7,7 @@
 #include "fwutil/fwu_source_name.h"
 #include "fwutil/fwu_start.h"
 
+#include <algorithm>
 #include <set>
 #include <vector>
 
@@ -27,19 +28,14 @@ outcome pgb_put_gaps(feed_transaction &tx, const pgb_relations &relations,
     return done;
 }
 
-outcome pgb_log_gaps(feed_transaction &tx, pgb_relations &relations,
-                     std::span<const std::string> tables, const std::string &reason)
+static const char *name_of(std::span<const std::string> tables)
 {
-    const uint64_t last = fwu_writer_last_lsn(tx.writer);
-    if (last == 0)
-        return {};
-    const uint64_t lsn = last + 1;
-    const char *const of = tables.empty() ? "all tables" : tables.front().c_str();
-    if (lsn % COMMIT_STEP == 0) {
-        tell("warning: the log has no position left behind %s for a gap mark for %s: %s",
-             fwu_lsn_text(last).c_str(), of, reason.c_str());
-        return {};
-    }
+    return tables.empty() ? "all tables" : tables.front().c_str();
+}
+
+static outcome log_at(feed_transaction &tx, pgb_relations &relations, uint64_t lsn,
+                      std::span<const std::string> tables, const std::string &reason)
+{
     feed_begin(tx, {.time_us = fwu_now_us(), .xid = 0, .lsn = lsn});
     outcome done = pgb_put_gaps(tx, relations, tables, reason);
     if (done)
@@ -50,8 +46,30 @@ outcome pgb_log_gaps(feed_transaction &tx, pgb_relations &relations,
     }
     if (fwu_writer_sync(tx.writer) != 0)
         return OUTCOME_FAILED;
-    tell("the log has a gap mark at %s for %s: %s", fwu_lsn_text(lsn).c_str(), of, reason.c_str());
+    tell("the log has a gap mark at %s for %s: %s", fwu_lsn_text(lsn).c_str(), name_of(tables),
+         reason.c_str());
     return {};
+}
+
+outcome pgb_log_gaps(feed_transaction &tx, pgb_relations &relations,
+                     std::span<const std::string> tables, const std::string &reason)
+{
+    const uint64_t last = fwu_writer_last_lsn(tx.writer);
+    if (last == 0)
+        return {};
+    if ((last + 1) % COMMIT_STEP != 0)
+        return log_at(tx, relations, last + 1, tables, reason);
+    tell("warning: the log has no position left behind %s for a gap mark for %s: %s",
+         fwu_lsn_text(last).c_str(), name_of(tables), reason.c_str());
+    return {};
+}
+
+outcome pgb_log_gap_up_to(feed_transaction &tx, pgb_relations &relations, uint64_t position,
+                          const std::string &reason)
+{
+    const uint64_t behind_commits = position - std::min(position, COMMIT_STEP - 1);
+    return log_at(tx, relations, std::max(fwu_writer_last_lsn(tx.writer) + 1, behind_commits), {},
+                  reason);
 }
 
 // Tables that were left out until now.

@@ -22,6 +22,11 @@ outcome pgb_put_gaps(feed_transaction &tx, const pgb_relations &relations,
 outcome pgb_log_gaps(feed_transaction &tx, pgb_relations &relations,
                      std::span<const std::string> tables, const std::string &reason);
 
+// The same for all tables, in front of a position up to which nothing is asked of the server any
+// more, behind all that commits there; a log that has nothing gets one, too.
+outcome pgb_log_gap_up_to(feed_transaction &tx, pgb_relations &relations, uint64_t position,
+                          const std::string &reason);
+
 // Takes what the catalogue has told of the tables, before the stream begins: which OID each has,
 // and which are left out with skip-table.  One that is not any more gets a gap mark.  server_lsn:
 // a position of the server before it was asked.

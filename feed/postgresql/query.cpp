@@ -60,8 +60,10 @@ static constexpr remedy_row remedies[] = {
     {"3D000", nullptr, "name an existing database in --conninfo (dbname=...)"},
     {"42704", "replication slot", "create it with --create, or name another with --slot"},
     {"42704", "publication",
-     "create it with --create, or name another with --publication; a publication that was made "
-     "later than the slot is unknown to the changes between"},
+     "the server cannot send what was changed while it did not exist: go on with "
+     "--create --accept-gap, which makes it where it is missing, leaves a gap mark for all tables "
+     "in the log and follows them from there on, then take those in with --resume that the log may "
+     "lack rows of; or name another with --publication"},
     {"", "can no longer get changes", SLOT_IS_LOST},
     {"", "can no longer access replication slot", SLOT_IS_LOST},
     {"", "cannot read from logical replication slot", SLOT_IS_LOST},

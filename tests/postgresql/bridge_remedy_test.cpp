@@ -173,6 +173,56 @@ TEST_F(BridgeRemedyTest, PublicationAndSlotThatAreNotThere)
     expect_runs({"--create"});
 }
 
+// What was changed while there was none cannot be sent, not even once it is there again.
+TEST_F(BridgeRemedyTest, PublicationThatWasMissingForAWhile)
+{
+    expect_runs({"--create"});
+    sql("DROP PUBLICATION " + database);
+    insert(700);
+    refused({}, "publication \"" + database + "\" is not there");
+    for (int again = 0; again < 2; again++)
+        EXPECT_THAT(refused({"--create"}, "following the server: publication \"" + database +
+                                              "\" did not exist when what comes next was changed"),
+                    HasSubstr("go on with --create --accept-gap, which "));
+    insert(701);
+    const run_result accepted = catch_up({"--create", "--accept-gap"});
+    EXPECT_EQ(accepted.status, 0) << accepted.err;
+    EXPECT_EQ(occurrences(accepted.err,
+                          " for all tables: publication \"" + database + "\" did not exist\n"),
+              1)
+        << accepted.err;
+    EXPECT_EQ(occurrences(dump(), "\" did not exist"), 1) << dump();
+    expect_runs({});
+    EXPECT_FALSE(logged("after ID=700 ") || logged("after ID=701 "));
+    const run_result resumed = catch_up({"--resume", "load.ledger"});
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_TRUE(logged("after ID=700 ") && logged("after ID=701 "));
+}
+
+// Also before anything is logged, and while it runs.
+TEST_F(BridgeRemedyTest, PublicationThatIsDroppedUnderARunningBridge)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    start_bridge({"--create", "--accept-gap"});
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    sql("DROP PUBLICATION " + database);
+    insert(801);
+    ASSERT_TRUE(bridge_says(" for all tables: publication ")) << bridge.err();
+    insert(1);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
+    insert(2);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(2));
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    EXPECT_FALSE(logged("after ID=801 "));
+    // A running one without the option ends with the error.
+    start_bridge();
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    sql("DROP PUBLICATION " + database);
+    insert(803);
+    EXPECT_EQ(bridge.wait(), 1);
+    EXPECT_THAT(bridge.err(), HasSubstr("did not exist when what comes next was changed"));
+}
+
 TEST_F(BridgeRemedyTest, LogOfAnotherDatabaseOrSlot)
 {
     expect_runs({"--create"});
