@@ -145,6 +145,7 @@ static outcome take_truncate(const pgo_message &message, feed_transaction &tx,
     outcome done;
     for (size_t i = 0; i < message.truncated.size() && done && !tx.skipping; i++) {
         const uint32_t id = message.truncated[i];
+        pga_forget_nodes(relations.aside, id, tx.commit.lsn);
         bool passes = false;
         done = meet(passes, tx, relations, id);
         if (done && !passes)

@@ -90,6 +90,8 @@ outcome pga_open(pga_registry &registry, const std::string &directory, mode_t mo
             "that was not done is taken anew)",
             registry.path.c_str());
     if (registry.damaged) { // what was read of it
+        registry.leaves.clear();
+        registry.leaves_xid = 0;
         registry.skipped.clear();
         registry.ids.clear();
         registry.tables.clear();
@@ -130,8 +132,11 @@ void pga_withdraw(pga_registry &registry, uint64_t last_lsn)
     bool renamed = false;
     for (auto &[id, names] : registry.ids)
         renamed = withdraw(names, last_lsn) || renamed;
+    for (auto &[id, leaves] : registry.leaves)
+        any = withdraw(leaves, last_lsn) || any;
     if (!any && !renamed)
         return;
+    std::erase_if(registry.leaves, [](const auto &leaf) { return leaf.second.empty(); });
     std::erase_if(registry.tables, [](const auto &table) { return table.second.records.empty(); });
     std::erase_if(registry.ids, [](const auto &id) { return id.second.empty(); });
     find_holders(registry);
@@ -154,6 +159,12 @@ outcome pga_keep(pga_registry &registry, uint64_t durable_lsn)
         registry.version++;
     for (auto &[id, names] : registry.ids)
         forget_old(names, durable_lsn);
+    for (auto &[id, leaves] : registry.leaves)
+        forget_old(leaves, durable_lsn);
+    std::erase_if(registry.leaves, [durable_lsn](const auto &leaf) {
+        return leaf.second.size() == 1 && leaf.second.back().gone &&
+               leaf.second.back().at <= durable_lsn;
+    });
     if (!feed_whole_write(registry.path, registry.mode, FIRST_LINE, pga_lines(registry)))
         return outcome_failed("%s: cannot keep which tables are set aside: %m",
                               registry.path.c_str());
@@ -227,6 +238,24 @@ void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
     registry.ids[id] = {{.schema = schema, .table = table, .guessed = at}};
     registry.holders[name] = id;
     registry.dirty = true;
+}
+
+void pga_put_leaf(pga_registry &registry, uint32_t id, pga_leaf leaf)
+{
+    put(registry.leaves[id], std::move(leaf));
+    registry.dirty = true;
+}
+
+void pga_forget_nodes(pga_registry &registry, uint32_t root, uint64_t at)
+{
+    for (auto &[id, leaves] : registry.leaves) {
+        pga_leaf leaf = leaves.back();
+        if (leaf.root != root || leaf.gone || leaf.node == 0)
+            continue;
+        leaf.node = 0;
+        leaf.at = at;
+        pga_put_leaf(registry, id, std::move(leaf));
+    }
 }
 
 std::string pga_resume_command(const std::string &name)

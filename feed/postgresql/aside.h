@@ -64,6 +64,12 @@ pga_identity pga_describe(pga_registry &registry, uint32_t id, const std::string
 void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
                const std::string &table, uint64_t at);
 
+// A partition of a table that is followed is now so; leaf.at as in pga_put.
+void pga_put_leaf(pga_registry &registry, uint32_t id, pga_leaf leaf);
+
+// All partitions of a table have new files, or will have, by the transaction of this position.
+void pga_forget_nodes(pga_registry &registry, uint32_t root, uint64_t at);
+
 // What takes a table back in, to be pasted into a shell.
 std::string pga_resume_command(const std::string &name);
 

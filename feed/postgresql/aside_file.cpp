@@ -3,6 +3,8 @@
 //
 //     skipped SCHEMA.TABLE
 //     id OID SCHEMA TABLE at=LSN guessed=LSN [lost]    several of an OID in their order
+//     leaves XID
+//     leaf OID ROOT SCHEMA TABLE node=NUMBER at=LSN [gone]    likewise
 //     table SCHEMA TABLE
 //     followed|aside|taking at=LSN ...    of the table named last, in their order
 #include "feed/postgresql/aside_file.h"
@@ -81,6 +83,13 @@ static std::string record_line(const pga_record &record)
     return line + "\n";
 }
 
+static std::string leaf_line(uint32_t id, const pga_leaf &leaf)
+{
+    return "leaf " + std::to_string(id) + " " + std::to_string(leaf.root) + " " +
+           word_of(leaf.schema) + " " + word_of(leaf.table) + " node=" + std::to_string(leaf.node) +
+           " at=" + fwu_lsn_text(leaf.at) + (leaf.gone ? " gone\n" : "\n");
+}
+
 std::string pga_lines(const pga_registry &registry)
 {
     std::string lines;
@@ -92,6 +101,11 @@ std::string pga_lines(const pga_registry &registry)
                      word_of(name.table) + " at=" + fwu_lsn_text(name.at) +
                      " guessed=" + fwu_lsn_text(name.guessed) + (name.lost ? " lost" : "") + "\n";
         }
+    if (registry.leaves_xid != 0)
+        lines += "leaves " + std::to_string(registry.leaves_xid) + "\n";
+    for (const auto &[id, leaves] : registry.leaves)
+        for (const pga_leaf &leaf : leaves)
+            lines += leaf_line(id, leaf);
     for (const auto &[name, table] : registry.tables) {
         lines += "table " + word_of(table.schema) + " " + word_of(table.table) + "\n";
         for (const pga_record &record : table.records)
@@ -180,6 +194,27 @@ static bool take_id(pga_registry &registry, const words &line)
     return true;
 }
 
+static bool take_leaf(pga_registry &registry, const words &line)
+{
+    uint32_t id = 0;
+    pga_leaf leaf;
+    constexpr std::string_view node = "node=";
+    if (line.size() < 7 || line.size() > 8 || !pgs_number(id, line[1]) ||
+        !pgs_number(leaf.root, line[2]) || !take_text(leaf.schema, line[3]) ||
+        !take_text(leaf.table, line[4]) || !line[5].starts_with(node) ||
+        !pgs_number(leaf.node, line[5].substr(node.size())) ||
+        !take_position(leaf.at, "at=", line[6]))
+        return false;
+    leaf.gone = line.size() == 8;
+    if (leaf.gone && line[7] != "gone")
+        return false;
+    std::vector<pga_leaf> &leaves = registry.leaves[id];
+    if (!leaves.empty() && leaves.back().at >= leaf.at)
+        return false;
+    leaves.push_back(std::move(leaf));
+    return true;
+}
+
 static pga_table *take_table(pga_registry &registry, const words &line)
 {
     pga_table table;
@@ -208,6 +243,10 @@ bool pga_take_lines(pga_registry &registry, std::string_view lines)
                    registry.skipped.insert(name).second;
         } else if (line[0] == "id") {
             good = take_id(registry, line);
+        } else if (line[0] == "leaves") {
+            good = line.size() == 2 && pgs_number(registry.leaves_xid, line[1]);
+        } else if (line[0] == "leaf") {
+            good = take_leaf(registry, line);
         } else if (line[0] == "table") {
             good = table == nullptr || !table->records.empty();
             table = good ? take_table(registry, line) : nullptr;

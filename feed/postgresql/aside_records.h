@@ -53,18 +53,33 @@ struct pga_name {
     bool operator==(const pga_name &) const = default;
 };
 
+// A partition with rows, of a partitioned table that is followed as one.
+struct pga_leaf {
+    std::string schema = {};
+    std::string table = {};
+    uint32_t root = 0; // OID of that table
+    uint32_t node =
+        0; // of the file with its rows; 0: not known, the next look at the catalogue says
+    uint64_t at = 0;
+    bool gone = false; // it is none any more
+    bool operator==(const pga_leaf &) const = default;
+};
+
 struct pga_registry {
     std::string path = {}; // of the file; empty: it is kept nowhere
     mode_t mode = 0600;
-    std::map<std::string, pga_table> tables = {};       // by fwu_source_name
-    std::map<std::string, uint64_t> taken = {};         // rows of those taken in since the start
-    std::set<std::string> skipped = {};                 // left out on purpose by a run before
-    std::map<uint32_t, std::vector<pga_name>> ids = {}; // by OID, oldest name first
-    std::map<std::string, uint32_t> holders = {};       // whose newest name it is
-    uint64_t version = 1; // of any standing: what is found holds as long as it stays
-    bool dirty = false;   // the file says something else
-    bool anew = false;    // there is no file yet, or a damaged one
-    bool damaged = false; // ... which is to be replaced
+    std::map<std::string, pga_table> tables = {};          // by fwu_source_name
+    std::map<std::string, uint64_t> taken = {};            // rows of those taken in since the start
+    std::set<std::string> skipped = {};                    // left out on purpose by a run before
+    std::map<uint32_t, std::vector<pga_name>> ids = {};    // by OID, oldest name first
+    std::map<std::string, uint32_t> holders = {};          // whose newest name it is
+    std::map<uint32_t, std::vector<pga_leaf>> leaves = {}; // by OID, oldest first
+    uint64_t leaves_xid = 0; // of the server when the catalogue was asked for these, and all older
+                             // transactions had ended; 0: never yet
+    uint64_t version = 1;    // of any standing: what is found holds as long as it stays
+    bool dirty = false;      // the file says something else
+    bool anew = false;       // there is no file yet, or a damaged one
+    bool damaged = false;    // ... which is to be replaced
 };
 
 #endif

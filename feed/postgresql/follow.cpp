@@ -48,6 +48,7 @@ struct follow {
     uint64_t acked_lsn = 0; // everything before it is acknowledged: what the server may be told
     int64_t feedback_due_ms = 0;
     int64_t report_due_ms = 0;
+    int64_t look_due_ms = fwu_monotonic_ms() + REPORT_MS; // at what the stream does not tell
     pgb_renamed renamed = {};              // that the last look at the catalogue has found
     std::string converted = {};            // a message whose texts the server does not convert
     int64_t heard_ms = fwu_monotonic_ms(); // when the server sent something
@@ -165,9 +166,13 @@ static outcome keep_in_touch(follow &f)
         f.report_due_ms = now + REPORT_MS;
         pgs_server_lsn(f.server, f.state.server_lsn);
         pgb_watch_look(f.apply.watch, f.server);
-        pgb_look_renamed(f.renamed, f.server, f.relations, f.state.server_lsn);
         if (f.settings.verbose)
             pgb_state_print(f.state);
+    }
+    if (now >= f.look_due_ms && !f.tx.open) {
+        f.look_due_ms = now + REPORT_MS;
+        if (outcome done = pgb_look_renamed(f.renamed, f.server, f.relations, f.tx.writer); !done)
+            return done;
     }
     if (f.state.logged_lsn > f.acked_lsn) {
         if (outcome done = acknowledge(f); !done)
@@ -529,9 +534,10 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
         done = pgb_pass_unpublished(apply, server, tx, relations);
     if (done) {
         pgb_watch_unpublished(apply, f.connection);
-        pgb_look_renamed(f.renamed, server, relations, state.server_lsn);
-        done = start(f);
+        done = pgb_look_renamed(f.renamed, server, relations, tx.writer);
     }
+    if (done)
+        done = start(f);
     if (!done)
         return done;
     f.heard_ms = fwu_monotonic_ms();

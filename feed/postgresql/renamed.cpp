@@ -30,40 +30,95 @@ static bool stands_alone(const pga_registry &registry, uint32_t id)
     return known != registry.ids.end() && !known->second.back().lost;
 }
 
-void pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server,
-                      const pgb_relations &relations, uint64_t position)
+// All in one snapshot, of which everything has been committed before the position: whoever gives
+// the rows of a table a new file waits for the server's disk before others see it.  Columns: what
+// it is of (0: a table that is published, 1: a part of one), the part's OID, schema and name, the
+// table's OID (0: it has no parts), the part's file, whether it was attached, and since when; the
+// position and the oldest transaction.
+static std::string look_query(const std::string &publication)
 {
-    // The tables published, and behind them the leaves of those that are partitioned.
-    pgs_result rows;
-    if (!pgs_ask_rows(server, server.replication.get(),
-                      "WITH t AS (SELECT c.oid, c.relkind, p.schemaname, p.tablename"
-                      " FROM pg_catalog.pg_publication_tables p"
-                      " JOIN pg_catalog.pg_namespace n ON n.nspname = p.schemaname"
-                      " JOIN pg_catalog.pg_class c ON c.relnamespace = n.oid"
-                      " AND c.relname = p.tablename WHERE p.pubname = " +
-                          pgs_literal(server.publication) +
-                          ") SELECT t.oid, t.schemaname, t.tablename, 0 AS part FROM t"
-                          " UNION ALL SELECT m.relid, t.schemaname, t.tablename, 1 FROM t"
-                          " CROSS JOIN LATERAL pg_catalog.pg_partition_tree(t.oid) m"
-                          " WHERE t.relkind = 'p' AND m.isleaf AND m.relid <> t.oid ORDER BY 4, 1",
-                      rows))
+    return "WITH t AS (SELECT c.oid, c.relkind, p.schemaname, p.tablename"
+           " FROM pg_catalog.pg_publication_tables p"
+           " JOIN pg_catalog.pg_namespace n ON n.nspname = p.schemaname"
+           " JOIN pg_catalog.pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
+           " WHERE p.pubname = " +
+           pgs_literal(publication) +
+           "), r AS (SELECT 0 AS part, t.oid, t.schemaname, t.tablename,"
+           " CASE WHEN t.relkind = 'p' THEN t.oid ELSE 0::oid END AS root, 0::oid AS node,"
+           " false AS attached, '0'::xid AS since FROM t UNION ALL SELECT 1, s.* FROM (" +
+           pgb_parts_query +
+           ") s) SELECT r.*, pg_catalog.pg_current_wal_flush_lsn(),"
+           " pg_catalog.txid_snapshot_xmin(pg_catalog.txid_current_snapshot())"
+           " FROM (SELECT) one LEFT JOIN r ON true ORDER BY 1, 2";
+}
+
+static void take_table(pgb_renamed &renamed, pgb_parts &found, const pga_registry &registry,
+                       pgo_relation table, bool has_parts)
+{
+    if (has_parts)
+        found.roots[table.id] = {.schema = table.schema, .table = table.name};
+    else
+        found.alone.insert(table.id);
+    if (has_other_name(registry, table))
+        renamed.tables.push_back(std::move(table));
+}
+
+static void take_part(pgb_renamed &renamed, pgb_parts &found, const pga_registry &registry,
+                      pgb_part part)
+{
+    const auto root = found.roots.find(part.leaf.root); // tables come first
+    if (root == found.roots.end())
         return;
-    renamed = {.tables = {}, .position = position};
+    if (stands_alone(registry, part.id))
+        renamed.attached.push_back(
+            {.id = part.id, .schema = root->second.schema, .table = root->second.table});
+    found.parts.push_back(std::move(part));
+}
+
+static void take_rows(pgb_renamed &renamed, pgb_parts &found, const pga_registry &registry,
+                      const pgs_result &rows)
+{
     for (int i = 0; i < PQntuples(rows.get()); i++) {
+        uint32_t id = 0;
+        uint32_t root = 0;
+        (void)fwu_lsn_parse(renamed.position, pgs_value(rows, i, 8));
+        (void)pgs_number(found.xid, pgs_value(rows, i, 9));
+        if (!pgs_number(id, pgs_value(rows, i, 1)) || !pgs_number(root, pgs_value(rows, i, 4)))
+            continue; // no table is published
         pgo_relation table;
-        table.schema = pgs_value(rows, i, 1);
-        table.name = pgs_value(rows, i, 2);
-        table.columns.emplace_back(); // what it has, its first piece says
-        if (!pgs_number(table.id, pgs_value(rows, i, 0)))
+        table.id = id;
+        table.schema = pgs_value(rows, i, 2);
+        table.name = pgs_value(rows, i, 3);
+        if (pgs_value(rows, i, 0) == "0") {
+            table.columns.emplace_back(); // what it has, its first piece says
+            take_table(renamed, found, registry, std::move(table), root != 0);
             continue;
-        if (pgs_value(rows, i, 3) == "0") {
-            if (has_other_name(relations.aside, table))
-                renamed.tables.push_back(std::move(table));
-        } else if (stands_alone(relations.aside, table.id)) {
-            renamed.attached.push_back(
-                {.id = table.id, .schema = table.schema, .table = table.name});
         }
+        pgb_part part = {.id = id,
+                         .leaf = {.schema = std::move(table.schema),
+                                  .table = std::move(table.name),
+                                  .root = root},
+                         .attached = pgs_value(rows, i, 6) == "t"};
+        (void)pgs_number(part.leaf.node, pgs_value(rows, i, 5)); // 0: a foreign table has none
+        (void)pgs_number(part.since, pgs_value(rows, i, 7));
+        take_part(renamed, found, registry, std::move(part));
     }
+}
+
+outcome pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server, pgb_relations &relations,
+                         const fwu_writer *writer)
+{
+    const auto ask = [&server](const std::string &query, pgs_result &rows) {
+        return pgs_ask_rows(server, server.replication.get(), query, rows);
+    };
+    pgs_result rows;
+    if (!ask(look_query(server.publication), rows))
+        return {};
+    pgb_parts found;
+    renamed = {};
+    take_rows(renamed, found, relations.aside, rows);
+    pgb_compare_parts(renamed.parts, relations.aside, found, fwu_writer_last_lsn(writer), ask);
+    return pga_keep(relations.aside, fwu_writer_durable_lsn(writer));
 }
 
 static outcome take_attached(const pgb_attached &part, feed_transaction &tx,
@@ -96,7 +151,7 @@ static outcome take_attached(const pgb_attached &part, feed_transaction &tx,
 
 bool pgb_has_renamed(const pgb_renamed &renamed)
 {
-    return !renamed.tables.empty() || !renamed.attached.empty();
+    return !renamed.tables.empty() || !renamed.attached.empty() || !renamed.parts.empty();
 }
 
 outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relations &relations,
@@ -112,7 +167,7 @@ outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relatio
     if (last == 0 || lsn % COMMIT_STEP == 0)
         return {}; // nothing is in the log; or no position is free, and the next look finds them
     feed_begin(tx, {.time_us = fwu_now_us(), .xid = 0, .lsn = lsn});
-    outcome done;
+    outcome done = pgb_take_parts(now.parts, tx, relations);
     for (const pgb_attached &part : now.attached)
         if (done && stands_alone(relations.aside, part.id))
             done = take_attached(part, tx, relations);

@@ -83,7 +83,7 @@ TEST_F(BridgeTruncateTest, EveryTableOfOneCommandHasItsMark)
                 HasSubstr(by_root ? "mark truncate LOAD.PART table load.part: TRUNCATE\n"
                                   : "mark truncate LOAD.PART-1 table load.part_1: TRUNCATE\n"));
 
-    // Of a single partition of a table that is followed as a whole the server tells nobody.
+    // Of a single partition of a table that is followed as a whole the stream does not tell.
     sql("INSERT INTO load.part VALUES (2); TRUNCATE load.part_1");
     ASSERT_EQ(catch_up().status, 0);
     EXPECT_EQ(occurrences(events(), "mark truncate"), by_root ? 3 : 4);

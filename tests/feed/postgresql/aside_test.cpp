@@ -66,6 +66,11 @@ TEST_F(Aside, FileSaysAllInWords)
     EXPECT_EQ(pga_describe(registry, 16385, "sales", "orders", 0x18).what, PGA_NEW);
     EXPECT_EQ(pga_describe(registry, 16386, "sales", "orders", 0x20).what, PGA_REMADE);
     pga_guess(registry, 16387, "sales", "lines", 0x50);
+    pga_put_leaf(registry, 16401,
+                 {.schema = "sales", .table = "p 1", .root = 16400, .node = 7, .at = 0x18});
+    pga_put_leaf(registry, 16401,
+                 {.schema = "sales", .table = "p 1", .root = 16400, .at = 0x20, .gone = true});
+    registry.leaves_xid = 0x100000005;
     keep(0);
     const std::string text = read_file(path);
     EXPECT_EQ(text.substr(0, text.rfind("checksum ")),
@@ -75,6 +80,9 @@ TEST_F(Aside, FileSaysAllInWords)
               "id 16385 sales orders at=0/20 guessed=0/0 lost\n"
               "id 16386 sales orders at=0/20 guessed=0/0\n"
               "id 16387 sales lines at=0/0 guessed=0/50\n"
+              "leaves 4294967301\n"
+              "leaf 16401 16400 sales p%201 node=7 at=0/18\n"
+              "leaf 16401 16400 sales p%201 node=0 at=0/20 gone\n"
               "table % %20\n"
               "taking at=0/30 since=0/20 since_us=5 reason=% replaces=1 why=resume rows=7 "
               "key=a%20b key=% reached=% reached=x=\xFF\n"
@@ -88,6 +96,8 @@ TEST_F(Aside, FileSaysAllInWords)
     open(UINT64_MAX);
     EXPECT_EQ(registry.skipped, kept.skipped);
     EXPECT_EQ(registry.ids, kept.ids);
+    EXPECT_EQ(registry.leaves, kept.leaves);
+    EXPECT_EQ(registry.leaves_xid, kept.leaves_xid);
     EXPECT_EQ(registry.holders, kept.holders);
     ASSERT_EQ(registry.tables.size(), 2U);
     for (const auto &[name, table] : kept.tables) {
@@ -95,6 +105,34 @@ TEST_F(Aside, FileSaysAllInWords)
         EXPECT_EQ(registry.tables[name].table, table.table);
         EXPECT_EQ(registry.tables[name].records, table.records);
     }
+}
+
+// What is known of partitions goes with the log's positions, too.
+TEST_F(Aside, PartitionsAreAsTheLogsEndSays)
+{
+    const pga_leaf known = {.schema = "s", .table = "p", .root = 20000, .node = 7, .at = 16};
+    pga_put_leaf(registry, 20001, known);
+    pga_put_leaf(registry, 20002, known);
+    pga_forget_nodes(registry, 20003, 24); // another table's
+    EXPECT_EQ(registry.leaves.at(20001).back(), known);
+    pga_forget_nodes(registry, 20000, 24);
+    EXPECT_EQ(registry.leaves.at(20001).back().node, 0U);
+    EXPECT_EQ(registry.leaves.at(20001).back().at, 24U);
+    pga_leaf gone = known;
+    gone.gone = true;
+    gone.at = 32;
+    pga_put_leaf(registry, 20002, gone);
+    keep(16);
+    open(16); // neither has come to the log
+    EXPECT_EQ(registry.leaves.at(20001), std::vector{known});
+    EXPECT_EQ(registry.leaves.at(20002), std::vector{known});
+    pga_put_leaf(registry, 20002, gone);
+    keep(32);
+    open(32);
+    EXPECT_EQ(registry.leaves.size(), 1U) << "nothing rests on what is gone for good";
+    pga_put_leaf(registry, 20004, gone);
+    pga_withdraw(registry, 16);
+    EXPECT_EQ(registry.leaves.size(), 1U);
 }
 
 TEST_F(Aside, NamesOfAnyBytesComeBackAsTheyWere)
