@@ -39,8 +39,10 @@ static outcome take_begin(pgb_apply &apply, feed_transaction &tx, pgb_relations 
                 return done;
     }
     outcome skipped = pgb_skip_begin(apply.skips, tx, relations, commit);
-    if (skipped)
+    if (skipped) {
         feed_begin(tx, commit);
+        pgb_skip_take(apply.skips, tx);
+    }
     return skipped;
 }
 
@@ -49,7 +51,10 @@ static outcome take_commit(pgb_apply &apply, feed_transaction &tx, pgb_relations
     if (!tx.open)
         return outcome_bad("a commit came outside a transaction");
     const bool logs = tx.begun;
-    if (outcome done = pgb_commit(tx, relations); !done)
+    outcome done = pgb_commit(tx, relations);
+    if (done)
+        done = pgb_skip_end(apply.skips, tx, relations);
+    if (!done)
         return done;
     if (logs)
         apply.commit_us = tx.commit.time_us;
@@ -119,8 +124,10 @@ static outcome take_change(pgb_apply &apply, feed_transaction &tx, pgb_relations
     if (!tx.open)
         return outcome_bad("a change came outside a transaction");
     pgb_note_change(relations, message.relation_id);
-    if (tx.skipping)
+    if (tx.skipping) {
+        pgb_skip_note(apply.skips, tx, relations, message.relation_id);
         return {};
+    }
     bool passes = false;
     outcome done = meet(passes, tx, relations, message.relation_id);
     return done && !passes ? log_change(apply, tx, relations, bytes) : std::move(done);
@@ -138,13 +145,17 @@ static outcome log_truncate(feed_transaction &tx, pgb_relations &relations, uint
     return feed_put_truncate(tx, *relation->table, told.schema, told.name);
 }
 
-static outcome take_truncate(const pgo_message &message, feed_transaction &tx,
-                             pgb_relations &relations)
+static outcome take_truncate(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
+    const pgo_message &message = apply.message;
     pgb_note_truncate(relations, message.truncated);
     outcome done;
-    for (size_t i = 0; i < message.truncated.size() && done && !tx.skipping; i++) {
+    for (size_t i = 0; i < message.truncated.size() && done; i++) {
         const uint32_t id = message.truncated[i];
+        if (tx.skipping) {
+            pgb_skip_note(apply.skips, tx, relations, id);
+            continue;
+        }
         pga_forget_nodes(relations.aside, id, tx.commit.lsn);
         bool passes = false;
         done = meet(passes, tx, relations, id);
@@ -179,7 +190,7 @@ static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relation
     case 'D':
         return take_change(apply, tx, relations, bytes);
     case 'T':
-        return take_truncate(apply.message, tx, relations);
+        return take_truncate(apply, tx, relations);
     default:
         return {};
     }

@@ -258,13 +258,30 @@ void pga_forget_nodes(pga_registry &registry, uint32_t root, uint64_t at)
     }
 }
 
+std::string pga_option_name(const std::string &name)
+{
+    std::vector<std::string> parts;
+    if (name.find(',') == name.npos || !fwu_source_name_parts(parts, name))
+        return name;
+    std::string word;
+    for (const std::string &part : parts) {
+        std::string text;
+        fwu_source_name_put(text, part);
+        if (text == part && part.find(',') != part.npos)
+            text = '"' + text + '"'; // nothing in it needs more
+        word += (word.empty() ? "" : ".") + text;
+    }
+    return word;
+}
+
 std::string pga_resume_command(const std::string &name)
 {
     static const char plain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._";
-    std::string word = name;
-    if (name.find_first_not_of(plain) != name.npos) {
+    const std::string bare = pga_option_name(name);
+    std::string word = bare;
+    if (bare.find_first_not_of(plain) != bare.npos) {
         word = "'";
-        for (const char c : name)
+        for (const char c : bare)
             word += c == '\'' ? "'\\''" : std::string(1, c);
         word += "'";
     }

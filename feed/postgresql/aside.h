@@ -70,6 +70,10 @@ void pga_put_leaf(pga_registry &registry, uint32_t id, pga_leaf leaf);
 // All partitions of a table have new files, or will have, by the transaction of this position.
 void pga_forget_nodes(pga_registry &registry, uint32_t root, uint64_t at);
 
+// A table's name as options take it, also behind a comma: as fwu_source_name has it, a part with a
+// comma in double quotes.
+std::string pga_option_name(const std::string &name);
+
 // What takes a table back in, to be pasted into a shell.
 std::string pga_resume_command(const std::string &name);
 

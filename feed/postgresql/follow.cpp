@@ -338,8 +338,11 @@ static outcome fail(follow &f, const PGresult *result)
     if (f.apply.unpublished)
         return pgb_fail_unpublished(f.apply, f.server);
     const uint64_t at = position_in(pgs_error_field(result, PG_DIAG_CONTEXT));
-    if (pgb_skip_holds(f.apply.skips, f.tx))
-        return lost(f, "the server has failed in the transaction that is skipped");
+    if (pgb_skip_holds(f.apply.skips, f.tx)) {
+        outcome done = pgb_skip_end(f.apply.skips, f.tx, f.relations);
+        return done ? lost(f, "the server has failed in the transaction that is skipped")
+                    : std::move(done);
+    }
     if (f.tx.open)
         return pgs_failed(f.server, f.connection, result,
                           "following the server, in transaction " + std::to_string(commit.xid) +

@@ -4,6 +4,7 @@
 #define FEED_POSTGRESQL_OPTIONS_H
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,8 @@ struct pgb_skip {
     uint64_t lsn = 0;                     // position of its commit
     std::vector<std::string> tables = {}; // by fwu_source_name, that get the gap mark; empty: all
     bool met = false;                     // it came, or a later one, or the log is beyond it
+    bool in_hand = false;                 // it comes, and its marks are written behind it
+    std::set<std::string> others = {};    // tables that it changes and that were not named
 };
 
 struct pgb_options {

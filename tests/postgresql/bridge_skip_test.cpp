@@ -140,6 +140,54 @@ TEST_F(BridgeSkipTest, TheGapIsOneOfTheTablesThatAreNamed)
                 AllOf(HasSubstr("\"dataset\":null"), HasSubstr("\"table\":\"load.gone\"")));
 }
 
+// As far as the server has sent its changes, or all of them where it can.
+TEST_F(BridgeSkipTest, TablesThatAreNotNamedHaveTheirMarkToo)
+{
+    sql("CREATE TABLE load.\"a,b\" (id integer PRIMARY KEY);"
+        "CREATE TABLE load.left_out (id integer PRIMARY KEY)");
+    configure(std::string(ledger_cfg) + "values mark\nskip-table load.left_out\n");
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("BEGIN; TRUNCATE load.\"a,b\"; INSERT INTO load.left_out VALUES (1);"
+        "INSERT INTO load.ledger VALUES (100, 0, 1, 'before', NULL);"
+        "INSERT INTO odd.words VALUES (1, '5'); COMMIT");
+    insert(2);
+    const std::string lsn = fail_at_it();
+    const run_result skipped =
+        catch_up({"--skip-transaction", lsn + ",odd.words,load.\"no,where\""});
+    EXPECT_EQ(skipped.status, 0) << skipped.err;
+    EXPECT_THAT(skipped.err,
+                AllOf(HasSubstr(" for the tables that were named, and for load.\"a,b\", which it "
+                                "changed, too, and for load.ledger, which it changed, too\n"),
+                      HasSubstr("the publication has no table load.\"no,where\", whose gap")));
+    EXPECT_TRUE(has_row(2));
+    EXPECT_FALSE(has_row(100));
+    ASSERT_EQ(gaps().size(), 4U) << dump();
+    for (const char *table : {"odd.words", "load.no,where", "load.a,b", "load.ledger"})
+        EXPECT_THAT(gaps(),
+                    testing::Contains(HasSubstr(std::string("\"table\":\"") + table + '"')));
+
+    // One that the server could send: it is the user's word.  A slot's twin tells its position.
+    const std::string log = dir.file("log");
+    std::filesystem::copy(log, dir.file("before"), std::filesystem::copy_options::recursive);
+    sql("SELECT pg_copy_logical_replication_slot('" + database + "', 'twin')");
+    sql("BEGIN; INSERT INTO load.ledger VALUES (3, 0, 1, 'row', NULL);"
+        "INSERT INTO load.\"a,b\" VALUES (3); COMMIT");
+    insert(4);
+    ASSERT_EQ(catch_up({"--slot", "twin", "--accept-gap"}).status, 0);
+    const std::string out = fwlog({"tail", "--json"}).out;
+    const std::string sent = json_member(out.substr(out.find("\"ID\":3")), "lsn");
+    std::filesystem::remove_all(log);
+    std::filesystem::rename(dir.file("before"), log);
+    const run_result result = catch_up({"--skip-transaction", sent + ",load.ledger"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err,
+                HasSubstr(" for the tables that were named, and for load.\"a,b\", which "
+                          "it changed, too\n"));
+    EXPECT_FALSE(has_row(3));
+    EXPECT_TRUE(has_row(4));
+    EXPECT_EQ(gaps().size(), 6U);
+}
+
 TEST_F(BridgeSkipTest, ARunThatGoesOnFollowsWithoutABreak)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);
