@@ -12,6 +12,10 @@
 
 constexpr size_t SESSION_LENGTH_MAX = 64 * 1024;
 
+// Changes that are gathered until the server is asked where their rows stand; a longer one is not.
+constexpr size_t GATHERED_MAX = 1000;
+constexpr size_t GATHERED_BYTES_MAX = 8 * 1024 * 1024;
+
 outcome pgb_diverged(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
     const fwu_commit &last = fwu_writer_last_commit(tx.writer);
@@ -100,6 +104,31 @@ static outcome meet(bool &passes, feed_transaction &tx, pgb_relations &relations
     return {};
 }
 
+// Changes wait only for those before them.
+static bool gather(pgi_intake &intake, std::string_view bytes)
+{
+    if (intake.gathered.size() >= GATHERED_MAX ||
+        bytes.size() > GATHERED_BYTES_MAX - intake.gathered_bytes)
+        return false;
+    intake.gathered.emplace_back(bytes);
+    intake.gathered_bytes += bytes.size();
+    return true;
+}
+
+// A change that is too long to be gathered.
+static outcome sort_alone(pgb_sides &now, pgb_apply &apply, feed_transaction &tx,
+                          pgb_relations &relations, pgb_relation &relation, std::string_view bytes)
+{
+    std::vector<pgi_sides> sides;
+    outcome done = pgi_ask(sides, apply.intake, tx, relations, {bytes});
+    if (!done)
+        return done;
+    apply.intake.sides = sides.data();
+    done = pgi_sort(now, apply.intake, tx, relations, relation, apply.message, bytes);
+    apply.intake.sides = nullptr;
+    return done;
+}
+
 static outcome log_change(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
                           std::string_view bytes)
 {
@@ -107,10 +136,16 @@ static outcome log_change(pgb_apply &apply, feed_transaction &tx, pgb_relations 
     pgb_relation *relation = nullptr;
     pgb_sides sides;
     outcome done = pgb_find(relation, relations, message.relation_id, tx.work.notes);
-    if (done && relation->table->dataset == nullptr)
+    if (done && relation->table->dataset == nullptr) {
         sides = {.old = false, .fresh = false};
-    else if (done && pgb_standing(*relation, relations) == PGA_TAKING)
+    } else if (done && apply.intake.sides == nullptr &&
+               pgi_has_to_ask(apply.intake, tx, relations, *relation)) {
+        if (gather(apply.intake, bytes))
+            return {};
+        done = sort_alone(sides, apply, tx, relations, *relation, bytes);
+    } else if (done && pgb_standing(*relation, relations) == PGA_TAKING) {
         done = pgi_sort(sides, apply.intake, tx, relations, *relation, message, bytes);
+    }
     if (done && (sides.old || sides.fresh))
         done = pgb_log_change(tx, relations, *relation, message, sides);
     feed_tell_notes(tx);
@@ -131,6 +166,25 @@ static outcome take_change(pgb_apply &apply, feed_transaction &tx, pgb_relations
     bool passes = false;
     outcome done = meet(passes, tx, relations, message.relation_id);
     return done && !passes ? log_change(apply, tx, relations, bytes) : std::move(done);
+}
+
+// The changes that were gathered, in their order.
+static outcome take_gathered(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
+{
+    pgi_intake &intake = apply.intake;
+    const std::vector<std::string> gathered = std::move(intake.gathered);
+    intake.gathered.clear();
+    intake.gathered_bytes = 0;
+    std::vector<pgi_sides> sides;
+    outcome done = pgi_ask(sides, intake, tx, relations, {gathered.begin(), gathered.end()});
+    for (size_t i = 0; done && i < gathered.size(); i++) {
+        intake.sides = &sides[i];
+        done = pgo_decode(apply.message, gathered[i]);
+        if (done)
+            done = take_change(apply, tx, relations, gathered[i]);
+    }
+    intake.sides = nullptr;
+    return done;
 }
 
 static outcome log_truncate(feed_transaction &tx, pgb_relations &relations, uint32_t id)
@@ -168,6 +222,14 @@ static outcome take_truncate(pgb_apply &apply, feed_transaction &tx, pgb_relatio
 static outcome take_message(pgb_apply &apply, feed_transaction &tx, pgb_relations &relations,
                             std::string_view bytes)
 {
+    const bool changes =
+        !bytes.empty() && std::string_view("IUD").find(bytes.front()) != std::string_view::npos;
+    if (!apply.intake.gathered.empty()) {
+        if (changes && gather(apply.intake, bytes))
+            return {};
+        if (outcome done = take_gathered(apply, tx, relations); !done)
+            return done;
+    }
     if (outcome decoded = pgo_decode(apply.message, bytes); !decoded)
         return decoded;
     switch (apply.message.kind) {

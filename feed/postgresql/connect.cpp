@@ -99,6 +99,11 @@ outcome pgs_connect_replication(pgs_server &server)
     return open_one(server, server.replication, true);
 }
 
+outcome pgs_connect_order(pgs_server &server)
+{
+    return open_one(server, server.order, false);
+}
+
 outcome pgs_connect(pgs_server &server)
 {
     outcome done = pgs_connect_sql(server);
@@ -110,5 +115,6 @@ outcome pgs_connect(pgs_server &server)
 void pgs_disconnect(pgs_server &server)
 {
     server.sql.reset();
+    server.order.reset();
     server.replication.reset();
 }

@@ -17,6 +17,9 @@ outcome pgs_connect(pgs_server &server);
 outcome pgs_connect_sql(pgs_server &server);
 outcome pgs_connect_replication(pgs_server &server);
 
+// A third one, beside a transaction of the first.
+outcome pgs_connect_order(pgs_server &server);
+
 void pgs_disconnect(pgs_server &server);
 
 #endif

@@ -546,6 +546,7 @@ outcome pgb_follow(pgs_server &server, pgb_state &state, feed_transaction &tx,
     f.heard_ms = fwu_monotonic_ms();
     server.sql.reset(); // an idle session would keep the server from shutting down
     pgi_open(apply.intake);
+    apply.intake.server = &server;
     pgb_skip_tell_far(apply.skips, state.server_lsn);
     pgb_state_enter(state, "streaming");
     apply.end = fwu_writer_last_lsn(tx.writer);

@@ -44,9 +44,9 @@ void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry
     });
 }
 
-// Looks whether the last snapshot has the transaction in hand.
-static void judge(pgi_intake &intake, uint32_t xid)
+void pgi_judge(pgi_intake &intake, const feed_transaction &tx)
 {
+    const auto xid = static_cast<uint32_t>(tx.commit.xid); // as the stream gave it
     if (intake.judged == xid)
         return;
     intake.judged = xid;
@@ -69,17 +69,27 @@ struct yardstick {
     const pgp_part *part = nullptr; // in hand; null: only what was reached counts
     const pga_record &record;
     pgp_order order = {};
+    pgi_sides told = {}; // by the server
 };
 
-// False: the row's key is not known.
+// Not of a table whose one piece has all of it.
+static bool rests_on_server(const yardstick &by)
+{
+    const bool has_all = by.part != nullptr && by.part->from.empty() && by.part->ends;
+    return !by.order.operands.empty() && !has_all;
+}
+
+// told: where the row stands as the server says.  False: the row's key is not known.
 static bool find_fate(fate &found, const pgi_intake &intake, const yardstick &by,
-                      const pgo_tuple &row)
+                      const pgo_tuple &row, pgp_side told)
 {
     std::vector<std::string_view> key;
     if (!pgp_key_of(key, by.order, row))
         return false;
-    const pgp_side side = by.part != nullptr ? pgp_side_of(*by.part, key)
-                                             : pgp_side_of(by.order, by.record.reached, key);
+    pgp_side side = by.part != nullptr ? pgp_side_of(*by.part, key)
+                                       : pgp_side_of(by.order, by.record.reached, key);
+    if (side == PGP_UNKNOWN) // the piece may have been dropped since it told
+        side = told == PGP_PIECE && by.part == nullptr ? PGP_LATER : told;
     switch (side) {
     case PGP_TAKEN:
         found = FATE_LOG;
@@ -118,12 +128,12 @@ static bool find_fates(fate &old, fate &fresh, const pgi_intake &intake, const y
                        const pgb_relations &relations, const pgb_relation &relation,
                        const pgo_message &message)
 {
-    if (message.kind != 'D' && !find_fate(fresh, intake, by, message.new_row))
+    if (message.kind != 'D' && !find_fate(fresh, intake, by, message.new_row, by.told.fresh))
         return false;
     if (message.kind == 'I')
         return true;
     if (message.old_row.kind != 0)
-        return find_fate(old, intake, by, message.old_row);
+        return find_fate(old, intake, by, message.old_row, by.told.old);
     old = fresh;
     return std::all_of(by.order.columns.begin(), by.order.columns.end(),
                        [&](size_t column) { return pgb_stays(relation, relations, column); });
@@ -137,8 +147,7 @@ static void keep(pgi_intake &intake, std::string_view bytes, pgb_sides sides)
         pgi_drop_piece(intake);
 }
 
-// The part in hand that has the table's range; null: none.
-static const pgp_part *find_part(const pgi_intake &intake, uint32_t id)
+const pgp_part *pgi_find_part(const pgi_intake &intake, uint32_t id)
 {
     const auto found = intake.part_of.find(id);
     return intake.in_hand && found != intake.part_of.end() ? &intake.piece.parts[found->second]
@@ -150,10 +159,12 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
                  std::string_view bytes)
 {
     now = {.old = false, .fresh = false};
-    judge(intake, static_cast<uint32_t>(tx.commit.xid)); // as the stream gave it
+    pgi_judge(intake, tx);
     const std::string &name = relation.table->name;
     const pga_record *const record = pga_find(relations.aside, name);
-    yardstick by = {.part = find_part(intake, relation.told.id), .record = *record};
+    yardstick by = {.part = pgi_find_part(intake, relation.told.id), .record = *record};
+    if (intake.sides != nullptr)
+        by.told = *intake.sides;
     const bool nothing_taken = by.part != nullptr ? by.part->from.empty() : record->reached.empty();
     fate old = FATE_PASS;
     fate fresh = FATE_PASS;
@@ -163,6 +174,8 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
         old = fresh = FATE_KEEP;
     } else if (!pgp_find_order(by.order, relation.told,
                                by.part != nullptr ? by.part->key : record->key)) {
+        pgi_begin_anew(intake, tx, relations.aside, name);
+    } else if (rests_on_server(by) && !by.told.asked) {
         pgi_begin_anew(intake, tx, relations.aside, name);
     } else {
         pgi_complete(message);

@@ -8,8 +8,9 @@
 // - of a row in the piece's range: passed over when the piece has its transaction, else kept, and
 //   logged behind the rows of the piece;
 // - of a row behind it: passed over, a later piece will have it.
-// A key that moves is a delete here and an insert there.  What was passed over has to be in the
-// snapshot of the piece that is read next, which is asked of it.  The piece is logged when the
+// Where the key's order is the server's own, it is asked where rows stand, for many changes at
+// once. A key that moves is a delete here and an insert there.  What was passed over has to be in
+// the snapshot of the piece that is read next, which is asked of it.  The piece is logged when the
 // stream has passed high, as one transaction of position high - 7, which is free: positions of the
 // server's commits are multiples of 8.  A table's standing says how far it has come, and goes with
 // that transaction.  Whatever ends a run before, the piece is read again.
@@ -25,6 +26,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -41,6 +43,13 @@ struct pgi_kept {
     pgb_sides sides;
 };
 
+// Where the rows of a change stand, as the server says.
+struct pgi_sides {
+    bool asked = false;
+    pgp_side old = PGP_UNKNOWN;
+    pgp_side fresh = PGP_UNKNOWN;
+};
+
 struct pgi_intake {
     // The piece in hand: read, and not logged yet.
     bool in_hand = false;
@@ -49,6 +58,14 @@ struct pgi_intake {
     std::unordered_map<uint32_t, size_t> part_of; // by OID: parts that count
     std::vector<pgi_kept> kept;
     size_t kept_bytes = 0;
+
+    // Where rows stand that the server orders.
+    pgs_server *server = nullptr;      // that is asked
+    std::vector<std::string> gathered; // changes of the transaction in hand that wait for that, and
+                                       // those that came behind them
+    size_t gathered_bytes = 0;
+    const pgi_sides *sides = nullptr; // of the change in hand; null: nobody has asked yet
+    std::map<std::string, int> anew;  // by name: how often it could not tell
 
     // Transactions whose changes of these tables have come, or may have, and that no snapshot was
     // seen to have.
@@ -94,6 +111,14 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
                  pgb_relations &relations, const pgb_relation &relation, pgo_message &message,
                  std::string_view bytes);
 
+// Whether the server has to be asked first where the rows of changes of a relation stand.
+bool pgi_has_to_ask(pgi_intake &intake, const feed_transaction &tx, pgb_relations &relations,
+                    pgb_relation &relation);
+
+// Asks it for changes, given as their messages' bytes; those that need no answer get none.
+outcome pgi_ask(std::vector<pgi_sides> &sides, pgi_intake &intake, const feed_transaction &tx,
+                pgb_relations &relations, const std::vector<std::string_view> &changes);
+
 // Whether a truncate of a table that is taken in says something of rows in the log.
 bool pgi_is_truncated(const pga_record &record);
 
@@ -115,6 +140,12 @@ void pgi_drop_piece(pgi_intake &intake);
 // Begins a table from its first row on.
 void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry &registry,
                     const std::string &name);
+
+// Looks whether the last snapshot has the transaction in hand.
+void pgi_judge(pgi_intake &intake, const feed_transaction &tx);
+
+// The part in hand that has a table's range; null: none.
+const pgp_part *pgi_find_part(const pgi_intake &intake, uint32_t id);
 
 // Takes values that an update did not send again from its old row, as far as that has them.
 void pgi_complete(pgo_message &message);

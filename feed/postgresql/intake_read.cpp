@@ -17,6 +17,8 @@
 #include <cinttypes>
 
 constexpr size_t TABLES_A_PIECE = 100;
+constexpr int ANEW_MAX =
+    3; // times that the server cannot compare keys; then they are not looked at
 constexpr int64_t COMMIT_MS = 2000; // from a commit in the log until others see it, without standby
 constexpr int64_t PAUSE_MIN_MS = 100; // between two attempts
 constexpr int64_t PAUSE_MAX_MS = 2000;
@@ -26,6 +28,9 @@ void pgi_open(pgi_intake &intake)
 {
     pgi_drop_piece(intake);
     intake.piece = {};
+    intake.gathered.clear();
+    intake.gathered_bytes = 0;
+    intake.sides = nullptr;
     intake.passed.clear();
     intake.before.clear();
     intake.seen.clear();
@@ -137,13 +142,14 @@ static std::vector<pgp_want> next_wants(const pgi_intake &intake, const pga_regi
         const pga_table &table = registry.tables.at(*name);
         const pga_record &record = *pga_find(registry, *name);
         const auto holder = registry.holders.find(*name);
-        wants.push_back({.schema = table.schema,
-                         .table = table.table,
-                         .key = record.key,
-                         .reached = record.reached,
-                         .id = holder == registry.holders.end() || record.reached.empty()
-                                   ? 0
-                                   : holder->second});
+        const auto anew = intake.anew.find(*name);
+        wants.push_back(
+            {.schema = table.schema,
+             .table = table.table,
+             .key = record.key,
+             .reached = record.reached,
+             .id = holder == registry.holders.end() || record.reached.empty() ? 0 : holder->second,
+             .whole = anew != intake.anew.end() && anew->second >= ANEW_MAX});
         if (++name == intake.names.end())
             name = intake.names.begin();
     }
@@ -204,6 +210,7 @@ static outcome read_piece(pgi_intake &intake, const pgi_place &on)
 static outcome finish(pgi_intake &intake, const pgi_place &on)
 {
     on.server.sql.reset();
+    on.server.order.reset();
     pgb_kept &kept = on.state.kept;
     if (kept.snapshot != "taking")
         return {};

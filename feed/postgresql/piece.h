@@ -8,6 +8,7 @@
 #define FEED_POSTGRESQL_PIECE_H
 
 #include "feed/postgresql/pgoutput.h"
+#include "feed/postgresql/query.h"
 #include "feed/postgresql/server.h"
 
 #include <cstddef>
@@ -23,12 +24,25 @@ struct pgp_want {
     std::vector<std::string> key = {}; // of the part before, as it is; empty: nothing was read yet
     std::vector<std::string> reached = {}; // values of the key in the last row that was read
     uint32_t id = 0;                       // OID of the table that was read; 0: none, or not known
+    bool whole = false;                    // directly, whatever its key is
 };
 
-// The columns of a key, by their places in a relation, and the types they are compared as.
+// How the server compares values of a key's column, as SQL.
+struct pgp_operand {
+    std::string type;     // of a value
+    std::string collate;  // " COLLATE ..."; empty: its type has no such thing
+    std::string less;     // "OPERATOR(pg_catalog.<)"
+    std::string at_least; // ">="
+    std::string greater;  // ">"
+    std::string version;  // of what this rests on there
+    bool operator==(const pgp_operand &) const = default;
+};
+
+// The columns of a key, by their places in a relation, and how they are ordered.
 struct pgp_order {
-    std::vector<size_t> columns;
-    std::vector<uint32_t> types;
+    std::vector<size_t> columns = {};
+    std::vector<uint32_t> types = {}; // that they are compared as here; 0: the server compares them
+    std::vector<pgp_operand> operands = {}; // ... in this way; empty: all are compared here
 };
 
 // A table's rows behind those read before, up to the last one in the piece, or all of them.
@@ -114,7 +128,7 @@ enum pgp_side {
     PGP_TAKEN,   // at or before the rows read before
     PGP_PIECE,   // in the part's range
     PGP_LATER,   // behind it
-    PGP_UNKNOWN, // a value of its key is none of its type
+    PGP_UNKNOWN, // a value of its key is none of its type, or the server has to be asked
 };
 pgp_side pgp_side_of(const pgp_part &part, const std::vector<std::string_view> &key);
 
@@ -122,5 +136,25 @@ pgp_side pgp_side_of(const pgp_part &part, const std::vector<std::string_view> &
 // PGP_LATER, or PGP_UNKNOWN.
 pgp_side pgp_side_of(const pgp_order &order, const std::vector<std::string> &reached,
                      const std::vector<std::string_view> &key);
+
+// Rows between two keys, of a table that the server orders.
+struct pgp_range {
+    pgp_order order;
+    std::vector<std::string> from; // behind this one; empty: from the first one on
+    std::vector<std::string> to;   // up to this one; empty: to the last one
+};
+
+// The range that a part's rows are of, or all behind what was reached.
+pgp_range pgp_range_of(const pgp_part &part);
+pgp_range pgp_range_behind(const pgp_order &order, const std::vector<std::string> &reached);
+
+// Whether the order of a key, as it is kept, is the server's.
+bool pgp_is_ordered_there(const std::vector<std::string> &key);
+
+// Asks where rows of these keys stand, over the connection server.order, which is made where it is
+// not, and once more when it is lost.  refusal says why the server compares them no more: a value
+// is none of its type by now, or the type is gone.
+outcome pgp_ask_sides(std::vector<pgp_side> &sides, pgs_server &server, const pgp_range &range,
+                      const std::vector<std::vector<std::string_view>> &keys, pgs_refusal &refusal);
 
 #endif

@@ -11,10 +11,15 @@ outcome pgp_ask(pgs_server &server, pgs_result &result, const std::string &query
                                           : std::move(done);
 }
 
-std::string pgp_literal(const pgs_server &server, const std::string &text)
+std::string pgp_literal(PGconn *connection, std::string_view text)
 {
-    const pgs_memory quoted(PQescapeLiteral(server.sql.get(), text.data(), text.size()));
+    const pgs_memory quoted(PQescapeLiteral(connection, text.data(), text.size()));
     return quoted == nullptr ? pgs_literal(text) : std::string(quoted.get());
+}
+
+std::string pgp_literal(const pgs_server &server, std::string_view text)
+{
+    return pgp_literal(server.sql.get(), text);
 }
 
 pgp_trouble pgp_trouble_of(const pgs_refusal &refusal)

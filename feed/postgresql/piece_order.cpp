@@ -1,5 +1,6 @@
 // What is kept of a key between the pieces names each column with its type and with the one that
-// it is compared as: a table that has another key by then, or a key of another type, is found out.
+// it is compared as here, or with how the server compares it: a table that has another key by
+// then, or a key of another type or another order, is found out.
 #include "feed/postgresql/piece.h"
 
 #include "feed/postgresql/key_order.h"
@@ -7,30 +8,66 @@
 
 #include <algorithm>
 
-std::string pgp_key_text(const pgo_column &column, uint32_t compared_as)
+// Members of an operand in their places behind a column's name; no name of the server's has NUL.
+static std::string pgp_operand::*const members[] = {
+    &pgp_operand::type,     &pgp_operand::collate, &pgp_operand::less,
+    &pgp_operand::at_least, &pgp_operand::greater, &pgp_operand::version,
+};
+
+std::string pgp_key_text(const pgo_column &column, uint32_t compared_as, const pgp_operand *operand)
 {
-    return std::to_string(column.type) + " " + std::to_string(compared_as) + " " + column.name;
+    std::string text =
+        std::to_string(column.type) + " " + std::to_string(compared_as) + " " + column.name;
+    for (std::string pgp_operand::*const member : members)
+        if (operand != nullptr)
+            text += '\0' + operand->*member;
+    return text;
 }
 
-// Cuts the number that a text begins with off it, and the blank behind it.
+bool pgp_is_ordered_there(const std::vector<std::string> &key)
+{
+    return !key.empty() && key.front().find('\0') != key.front().npos;
+}
+
+// Cuts what a text begins with off it, and the end of that: a text's end stands for NUL.
+static bool take(std::string_view &part, std::string_view &text, char end)
+{
+    const size_t at = text.find(end);
+    if (at == text.npos && end != '\0')
+        return false;
+    part = text.substr(0, at);
+    text.remove_prefix(at == text.npos ? text.size() : at + 1);
+    return true;
+}
+
 static bool take_number(uint32_t &number, std::string_view &text)
 {
-    const size_t end = text.find(' ');
-    if (end == text.npos || !pgs_number(number, text.substr(0, end)))
-        return false;
-    text.remove_prefix(end + 1);
-    return true;
+    std::string_view part;
+    return take(part, text, ' ') && pgs_number(number, part);
+}
+
+static pgp_operand take_operand(std::string_view text)
+{
+    pgp_operand operand;
+    for (std::string pgp_operand::*const member : members) {
+        std::string_view part;
+        (void)take(part, text, '\0'); // what is not there is empty
+        operand.*member = part;
+    }
+    return operand;
 }
 
 bool pgp_find_order(pgp_order &order, const pgo_relation &relation,
                     const std::vector<std::string> &key)
 {
     order = {};
+    const bool there = pgp_is_ordered_there(key);
     for (const std::string &entry : key) {
-        std::string_view name = entry;
+        std::string_view rest = entry;
+        std::string_view name;
         uint32_t type = 0;
         uint32_t compared_as = 0;
-        if (!take_number(type, name) || !take_number(compared_as, name))
+        if (!take_number(type, rest) || !take_number(compared_as, rest) || !take(name, rest, '\0'))
             return false;
         const auto found =
             std::find_if(relation.columns.begin(), relation.columns.end(),
@@ -39,6 +76,8 @@ bool pgp_find_order(pgp_order &order, const pgo_relation &relation,
             return false;
         order.columns.push_back(static_cast<size_t>(found - relation.columns.begin()));
         order.types.push_back(compared_as);
+        if (there)
+            order.operands.push_back(take_operand(rest));
     }
     return true;
 }

@@ -247,6 +247,10 @@ static bool take_last(pgp_part &part)
     std::vector<std::string_view> key;
     pgp_split(row, line.data(), line.size());
     const bool whole = pgp_key_of(key, part.order, row);
+    if (!part.order.operands.empty()) { // nobody knows it better
+        part.to.assign(key.begin(), key.end());
+        return whole;
+    }
     const bool behind =
         pgp_side_of(part.order, part.to.empty() ? part.from : part.to, key) == PGP_LATER;
     part.to.assign(key.begin(), key.end());
@@ -291,7 +295,12 @@ static outcome take_refusal(pgp_reading &r, pgp_part &&part, const pgs_refusal &
 {
     outcome done = run(r, "ROLLBACK TO rows");
     const pgp_trouble trouble = pgp_trouble_of(refusal);
-    if (trouble == PGP_REFUSED || trouble == PGP_GONE) {
+    const bool settled = trouble == PGP_REFUSED || trouble == PGP_GONE;
+    if (settled && !part.order.operands.empty()) { // it may be its order that is refused
+        read_otherwise(r, part.want, WHOLE);
+        return done;
+    }
+    if (settled) {
         settle(r, part.want, refusal);
         return done;
     }
@@ -512,6 +521,9 @@ outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_wan
                      .limits = limits,
                      .ways = std::vector<pgp_way>(wants.size(), BY_KEY),
                      .settled = {}};
+    for (size_t i = 0; i < wants.size(); i++)
+        if (wants[i].whole)
+            r.ways[i] = WHOLE;
     const bool converts = server.texts == nullptr;
     outcome done = read_piece(r);
     if (done.kind() == OUTCOME_LOST && converts != (server.texts == nullptr))

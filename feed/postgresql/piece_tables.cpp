@@ -5,6 +5,8 @@
 
 #include "feed/postgresql/key_order.h"
 
+#include <algorithm>
+
 constexpr int VERSION_WITH_COLUMN_LISTS = 150000;
 
 // Whether column "a" of table "t" is published.
@@ -50,37 +52,74 @@ static std::string tables_query()
            " ORDER BY t.place";
 }
 
+// "OPERATOR(pg_catalog.<)" of operator class "f", by its strategy.
+static std::string operator_column(int strategy, const char *name)
+{
+    return " max('OPERATOR(' || quote_ident(n.nspname) || '.' || p.oprname || ')')"
+           " FILTER (WHERE m.amopstrategy = " +
+           std::to_string(strategy) + ") AS " + name;
+}
+
 // Columns of tables "t": which identify old rows, as the stream says it, and of those of the key
 // their place, the type behind their domains, and whether their texts are compared by bytes that
-// are sent as they are.
+// are sent as they are.  Behind that, how the server compares them: in SQL that names the operators
+// and the collation of the key's index, or nulls where it cannot be asked for that, and what the
+// order rests on there.  Names of tables and the like (regclass) stand for others at another time.
 static std::string columns_query()
 {
     return std::string(
                ", d AS (SELECT getdatabaseencoding() IN ('UTF8', 'SQL_ASCII', 'LATIN1') AS sent,"
-               " CASE coalesce(to_jsonb(b) ->> 'datlocprovider', 'c') WHEN 'b' THEN true"
-               " WHEN 'c' THEN b.datcollate IN ('C', 'POSIX') END AS by_bytes"
-               " FROM pg_database b WHERE b.datname = current_database())"
+               " CASE coalesce(to_jsonb(b) ->> 'datlocprovider', 'c') WHEN 'b' THEN 'C'"
+               " WHEN 'c' THEN b.datcollate END AS locale,"
+               // This one goes by code points in C libraries that are known to.
+               " CASE WHEN getdatabaseencoding() = 'UTF8' AND (version() ~ '(deb|pgdg)1[2-9]'"
+               " OR EXISTS (SELECT FROM pg_collation c WHERE c.collprovider = 'c'"
+               " AND c.collcollate !~ '^(C|POSIX)($|[.])' AND"
+               " pg_collation_actual_version(c.oid) ~ '^2[.](3[5-9]|[4-9][0-9])($|[^0-9])'))"
+               " THEN ARRAY['C', 'POSIX', 'C.UTF-8', 'C.utf8'] ELSE ARRAY['C', 'POSIX'] END"
+               " AS bytes FROM pg_database b WHERE b.datname = current_database())"
                " SELECT t.place, a.attname, a.atttypid, a.atttypmod,"
                " c.relreplident = 'f' OR EXISTS (SELECT FROM pg_index i WHERE i.indrelid = t.oid"
                " AND i.indisvalid AND i.indisunique AND i.indimmediate AND i.indpred IS NULL"
                " AND CASE c.relreplident WHEN 'd' THEN i.indisprimary"
                " WHEN 'i' THEN i.indisreplident ELSE false END"
                " AND a.attnum = ANY ((i.indkey::int2[])[0:i.indnkeyatts - 1])),"
-               " coalesce(k.place, 0), CASE WHEN k.place IS NULL THEN 0 ELSE"
-               " (WITH RECURSIVE y AS (SELECT p.oid, p.typtype, p.typbasetype FROM pg_type p"
-               " WHERE p.oid = a.atttypid UNION ALL SELECT p.oid, p.typtype, p.typbasetype FROM y"
-               " JOIN pg_type p ON y.typtype = 'd' AND p.oid = y.typbasetype)"
-               " SELECT y.oid FROM y WHERE y.typtype <> 'd') END,"
-               " d.sent AND coalesce(CASE o.collprovider WHEN 'd' THEN d.by_bytes"
-               " WHEN 'b' THEN true WHEN 'c' THEN o.collcollate IN ('C', 'POSIX') END, false)"
+               " coalesce(k.place, 0), coalesce(y.oid, 0),"
+               " d.sent AND k.collation = a.attcollation AND coalesce(CASE o.collprovider"
+               " WHEN 'd' THEN d.locale = ANY (d.bytes) WHEN 'b' THEN true"
+               " WHEN 'c' THEN o.collcollate = ANY (d.bytes) END, false),"
+               " CASE WHEN y.may THEN y.name END,"
+               " CASE WHEN o.oid IS NOT NULL THEN ' COLLATE ' || quote_ident(n.nspname) || '.' ||"
+               " quote_ident(o.collname) ELSE '' END, x.less, x.at_least, x.greater,"
+               " concat(pg_collation_actual_version(o.oid), e.labels)"
                " FROM t CROSS JOIN d JOIN pg_class c ON c.oid = t.oid"
                " JOIN pg_attribute a ON a.attrelid = t.oid AND ") +
            published +
-           " LEFT JOIN LATERAL (SELECT n.place FROM pg_index i CROSS JOIN LATERAL"
+           " LEFT JOIN LATERAL (SELECT n.place, i.indcollation[n.place::int - 1] AS collation,"
+           " i.indclass[n.place::int - 1] AS class FROM pg_index i CROSS JOIN LATERAL"
            " unnest(i.indkey::int2[]) WITH ORDINALITY AS n (attnum, place)"
            " WHERE i.indexrelid = t.key AND n.place <= i.indnkeyatts AND n.attnum = a.attnum"
-           " LIMIT 1) k ON true LEFT JOIN pg_collation o ON o.oid = a.attcollation"
-           " ORDER BY t.place, a.attnum";
+           " LIMIT 1) k ON true LEFT JOIN pg_collation o ON o.oid = k.collation"
+           " LEFT JOIN pg_namespace n ON n.oid = o.collnamespace"
+           " LEFT JOIN LATERAL (WITH RECURSIVE y AS (SELECT p.oid, p.typtype, p.typbasetype,"
+           " p.typname, p.typnamespace FROM pg_type p WHERE p.oid = a.atttypid UNION ALL"
+           " SELECT p.oid, p.typtype, p.typbasetype, p.typname, p.typnamespace FROM y"
+           " JOIN pg_type p ON y.typtype = 'd' AND p.oid = y.typbasetype)"
+           " SELECT y.oid, format_type(y.oid, -1) AS name,"
+           " has_schema_privilege(y.typnamespace, 'USAGE') AND (y.typname !~ '^reg'"
+           " OR y.typnamespace <> 'pg_catalog'::regnamespace) AS may"
+           " FROM y WHERE y.typtype <> 'd') y ON k.place IS NOT NULL"
+           " LEFT JOIN LATERAL (SELECT" +
+           operator_column(1, "less") + "," + operator_column(4, "at_least") + "," +
+           operator_column(5, "greater") +
+           " FROM pg_opclass f JOIN pg_amop m ON m.amopfamily = f.opcfamily"
+           " AND m.amoplefttype = f.opcintype AND m.amoprighttype = f.opcintype"
+           " JOIN pg_operator p ON p.oid = m.amopopr JOIN pg_namespace n"
+           " ON n.oid = p.oprnamespace AND has_schema_privilege(n.oid, 'USAGE')"
+           " WHERE f.oid = k.class) x ON k.place IS NOT NULL"
+           " LEFT JOIN LATERAL (SELECT md5(string_agg(concat(l.enumlabel, '=', l.enumsortorder),"
+           " ' ' ORDER BY l.enumsortorder)) AS labels FROM pg_enum l WHERE l.enumtypid = y.oid) e"
+           " ON k.place IS NOT NULL ORDER BY t.place, a.attnum";
 }
 
 static std::string comma(const std::string &list)
@@ -162,6 +201,7 @@ struct key_column {
     size_t place = 0;
     uint32_t type = 0; // behind its domains
     bool by_bytes = false;
+    pgp_operand operand; // members are empty where the server cannot be asked
 };
 
 static outcome take_column(pgp_table &table, std::vector<key_column> &keys,
@@ -178,28 +218,44 @@ static outcome take_column(pgp_table &table, std::vector<key_column> &keys,
     if (!pgs_number(key.place, pgs_value(result, row, 5)) ||
         !pgs_number(key.type, pgs_value(result, row, 6)))
         return not_read("a column of a key", pgs_value(result, row, 5));
+    key.operand = {.type = std::string(pgs_value(result, row, 8)),
+                   .collate = std::string(pgs_value(result, row, 9)),
+                   .less = std::string(pgs_value(result, row, 10)),
+                   .at_least = std::string(pgs_value(result, row, 11)),
+                   .greater = std::string(pgs_value(result, row, 12)),
+                   .version = std::string(pgs_value(result, row, 13))};
     table.relation.columns.push_back(std::move(column));
-    keys.push_back(key);
+    keys.push_back(std::move(key));
     return {};
 }
 
-// The key, if all of it can be compared here.
+// Compared here if all of the key can be, else by the server.
 static void set_key(pgp_table &table, const std::vector<key_column> &keys)
 {
-    std::vector<std::string> entries;
-    pgp_order order;
+    std::vector<size_t> columns;
     for (size_t place = 1; place <= keys.size(); place++)
-        for (size_t i = 0; i < keys.size(); i++) {
-            if (keys[i].place != place)
-                continue;
-            if (!pgy_comparable(keys[i].type, keys[i].by_bytes))
-                return;
-            entries.push_back(pgp_key_text(table.relation.columns[i], keys[i].type));
-            order.columns.push_back(i);
-            order.types.push_back(keys[i].type);
+        for (size_t i = 0; i < keys.size(); i++)
+            if (keys[i].place == place)
+                columns.push_back(i);
+    const bool here = std::all_of(columns.begin(), columns.end(), [&](size_t i) {
+        return pgy_comparable(keys[i].type, keys[i].by_bytes);
+    });
+    for (const size_t i : columns) {
+        const pgp_operand &operand = keys[i].operand;
+        if (!here && (operand.type.empty() || operand.less.empty() || operand.at_least.empty() ||
+                      operand.greater.empty())) {
+            table.key.clear();
+            table.order = {};
+            return;
         }
-    table.key = std::move(entries);
-    table.order = std::move(order);
+        const uint32_t compared_as = here ? keys[i].type : 0;
+        table.key.push_back(
+            pgp_key_text(table.relation.columns[i], compared_as, here ? nullptr : &operand));
+        table.order.columns.push_back(i);
+        table.order.types.push_back(compared_as);
+        if (!here)
+            table.order.operands.push_back(operand);
+    }
 }
 
 static void set_rows(pgp_table &table)
@@ -237,34 +293,21 @@ outcome pgp_describe(std::vector<pgp_table> &tables, pgs_server &server,
     return done;
 }
 
-static std::string row_of(const std::vector<std::string> &values)
-{
-    std::string list;
-    for (const std::string &value : values)
-        list += comma(list) + value;
-    return values.size() == 1 ? list : "(" + list + ")";
-}
-
 std::string pgp_command(const pgp_table &table, pgs_server &server,
                         const std::vector<std::string> &behind, uint64_t limit)
 {
     std::vector<std::string> columns;
-    std::vector<std::string> values;
-    std::string order;
-    for (const size_t column : table.order.columns) {
+    columns.reserve(table.order.columns.size());
+    for (const size_t column : table.order.columns)
         columns.push_back(pgs_name(table.relation.columns[column].name));
-        order += comma(order) + columns.back();
-    }
-    values.reserve(behind.size());
-    for (const std::string &value : behind)
-        values.push_back(pgp_literal(server, value));
     std::string command = "COPY (" + table.rows;
     if (!table.filter.empty())
         command += " WHERE (" + table.filter + ")";
     if (!behind.empty())
-        command +=
-            (table.filter.empty() ? " WHERE " : " AND ") + row_of(columns) + " > " + row_of(values);
+        command += (table.filter.empty() ? " WHERE " : " AND ") +
+                   pgp_is_behind(table.order, server.sql.get(), columns, behind);
     if (limit != 0)
-        command += " ORDER BY " + order + " LIMIT " + std::to_string(limit);
+        command +=
+            " ORDER BY " + pgp_order_by(table.order, columns) + " LIMIT " + std::to_string(limit);
     return command + ") TO STDOUT";
 }

@@ -39,8 +39,17 @@ std::string pgp_sql_name(const pgp_want &want);
 
 // ---- keys
 
-// An entry of a key as it is kept.
-std::string pgp_key_text(const pgo_column &column, uint32_t compared_as);
+// An entry of a key as it is kept; operand: null where it is compared here.
+std::string pgp_key_text(const pgo_column &column, uint32_t compared_as,
+                         const pgp_operand *operand);
+
+// A row of these columns, as SQL has them, is behind one of these values.
+std::string pgp_is_behind(const pgp_order &order, PGconn *connection,
+                          const std::vector<std::string> &columns,
+                          const std::vector<std::string> &values);
+
+// What stands behind ORDER BY.
+std::string pgp_order_by(const pgp_order &order, const std::vector<std::string> &columns);
 
 // ---- answers
 
@@ -48,7 +57,8 @@ std::string pgp_key_text(const pgo_column &column, uint32_t compared_as);
 outcome pgp_ask(pgs_server &server, pgs_result &result, const std::string &query);
 
 // A value in SQL, whatever it holds and however the server reads texts.
-std::string pgp_literal(const pgs_server &server, const std::string &text);
+std::string pgp_literal(PGconn *connection, std::string_view text);
+std::string pgp_literal(const pgs_server &server, std::string_view text);
 
 // What a refusal means for the table that was read.
 enum pgp_trouble {

@@ -37,6 +37,7 @@ struct pgs_server {
     std::string slot;
     std::string publication;
     pgs_connection sql;           // for queries
+    pgs_connection order;         // for where keys stand that the server orders
     pgs_connection replication;   // for the stream
     pgs_memory row;               // of a COPY, that came last
     const char *remedy = nullptr; // after OUTCOME_LOST: what to do about it, if that is known

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <random>
+#include <regex>
 
 class PieceLiveTest : public PieceTest {};
 
@@ -389,10 +390,11 @@ TEST_F(PieceLiveTest, TheKeyIsWhatEveryOldRowHas)
          "ALTER TABLE t REPLICA IDENTITY USING INDEX i",
          {"23 23 b"}},
         {"CREATE TABLE t (a int PRIMARY KEY DEFERRABLE)", {}},
-        {"CREATE TABLE t (a double precision PRIMARY KEY)", {}},
-        {"CREATE TABLE t (a text PRIMARY KEY)", {}}, // as the locale has it
+        {"CREATE TABLE t (a double precision PRIMARY KEY)", {"701 0 a ..."}}, // the server's order
         {"CREATE TABLE t (a text COLLATE \"C\" PRIMARY KEY)", {"25 25 a"}},
-        {"CREATE TABLE t (a int, b text, PRIMARY KEY (a, b))", {}},
+        {"CREATE TABLE t (a int, b interval, PRIMARY KEY (a, b))", {"23 0 a ...", "1186 0 b ..."}},
+        {"CREATE TABLE t (a json)", {}},                 // has no order
+        {"CREATE TABLE t (a regclass PRIMARY KEY)", {}}, // whatever has the name then
         {"CREATE DOMAIN d AS varchar(9); CREATE TABLE t (a d COLLATE \"C\" PRIMARY KEY)",
          {"% 1043 a"}},
         {"CREATE TABLE t (a int, b int NOT NULL, PRIMARY KEY (a)) PARTITION BY RANGE (a);"
@@ -419,6 +421,9 @@ TEST_F(PieceLiveTest, TheKeyIsWhatEveryOldRowHas)
         std::vector<std::string> key = piece.parts[0].key;
         if (one.key == std::vector<std::string>{"% 1043 a"} && key.size() == 1)
             key[0].replace(0, key[0].find(' '), "%"); // a domain's number
+        for (std::string &entry : key)
+            if (const size_t end = entry.find('\0'); end != entry.npos)
+                entry.replace(end, entry.npos, " ...");
         EXPECT_EQ(key, one.key) << one.sql;
         EXPECT_TRUE(piece.parts[0].ends);
         sql("DROP TABLE t; DROP DOMAIN IF EXISTS d");
@@ -427,26 +432,28 @@ TEST_F(PieceLiveTest, TheKeyIsWhatEveryOldRowHas)
 
 TEST_F(PieceLiveTest, TextsOfTheDatabaseAreComparedWhereItsBytesAre)
 {
-    static const struct {
+    const struct {
         std::string encoding;
         std::string locale;
         bool compared;
     } cases[] = {
-        {"UTF8", "C", true},    {"UTF8", "POSIX", true},    {"SQL_ASCII", "C", true},
-        {"LATIN1", "C", true},  {"LATIN2", "C", false}, // not in the order of their UTF-8
-        {"EUC_JP", "C", false}, {"UTF8", "C.UTF-8", false},
+        {"UTF8", "C", true},
+        {"UTF8", "POSIX", true},
+        {"SQL_ASCII", "C", true},
+        {"LATIN1", "C", true},
+        {"LATIN2", "C", false}, // not in the order of their UTF-8
+        {"EUC_JP", "C", false},
+        // By code points where the C library is known to do so.
+        {"UTF8", "C.UTF-8",
+         std::regex_search(value("SELECT version()"), std::regex("(deb|pgdg)1[2-9]"))},
     };
     for (const auto &one : cases) {
         use("piece_" + std::to_string(++databases), encoded(one.encoding, one.locale));
         SCOPED_TRACE(one.encoding + " " + one.locale);
         sql("CREATE TABLE t (a varchar(9) PRIMARY KEY); INSERT INTO t VALUES ('b'), ('a'), ('B')");
         std::vector<pgp_piece> pieces = read_all("t", {.rows = 2});
-        EXPECT_EQ(!part(pieces[0]).key.empty(), one.compared);
-        EXPECT_EQ(pieces.size(), one.compared ? 2U : 1U);
-        piece_rows rows = rows_of(part(pieces[0]));
-        if (!one.compared)
-            std::sort(rows.begin(), rows.end());
-        rows.resize(2);
-        EXPECT_EQ(rows, (piece_rows{{"B"}, {"a"}}));
+        EXPECT_EQ(part(pieces[0]).order.operands.empty(), one.compared);
+        EXPECT_EQ(pieces.size(), 2U);
+        EXPECT_EQ(rows_of(part(pieces[0])), (piece_rows{{"B"}, {"a"}}));
     }
 }

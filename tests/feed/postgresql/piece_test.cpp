@@ -63,6 +63,57 @@ TEST(PieceOrder, AKeyThatTheTableHasNoMoreIsFoundOut)
     }
 }
 
+// Of an order that is the server's, an entry says how it compares values, too.
+TEST(PieceOrder, AnOrderOfTheServerIsKeptWhole)
+{
+    const auto entry = [](const std::string &begin, const texts &members) {
+        std::string text = begin;
+        for (const std::string &member : members)
+            text += '\0' + member;
+        return text;
+    };
+    const pgp_operand part = {.type = "numeric",
+                              .collate = "",
+                              .less = "OPERATOR(pg_catalog.<)",
+                              .at_least = "OPERATOR(pg_catalog.>=)",
+                              .greater = "OPERATOR(pg_catalog.>)",
+                              .version = ""};
+    const pgp_operand note = {.type = "text",
+                              .collate = " COLLATE pg_catalog.\"default\"",
+                              .less = "<",
+                              .at_least = ">=",
+                              .greater = ">",
+                              .version = "2.36"};
+    const texts key = {
+        entry("16500 0 part", {"numeric", "", "OPERATOR(pg_catalog.<)", "OPERATOR(pg_catalog.>=)",
+                               "OPERATOR(pg_catalog.>)", ""}),
+        entry("25 0 note", {"text", " COLLATE pg_catalog.\"default\"", "<", ">=", ">", "2.36"}),
+    };
+    pgp_order order;
+    ASSERT_TRUE(pgp_find_order(order, orders, key));
+    EXPECT_EQ(order.columns, (std::vector<size_t>{2, 0}));
+    EXPECT_EQ(order.types, (std::vector<uint32_t>{0, 0}));
+    EXPECT_EQ(order.operands, (std::vector<pgp_operand>{part, note}));
+    EXPECT_TRUE(pgp_is_ordered_there(key));
+    EXPECT_FALSE(pgp_is_ordered_there(orders_key));
+    EXPECT_FALSE(pgp_is_ordered_there({}));
+    ASSERT_TRUE(pgp_find_order(order, orders, {entry("25 0 note", {"text"})}));
+    EXPECT_EQ(order.operands.front().greater, "");
+}
+
+TEST(PieceOrder, AnOrderOfTheServerIsNotKnownHere)
+{
+    pgp_part part;
+    part.order = {.columns = {0}, .types = {0}, .operands = {pgp_operand()}};
+    part.to = {"b"};
+    EXPECT_EQ(pgp_side_of(part, {"a"}), PGP_UNKNOWN);
+    part.ends = true;
+    EXPECT_EQ(pgp_side_of(part, {"a"}), PGP_PIECE); // as any row
+    part.from = {"a"};
+    EXPECT_EQ(pgp_side_of(part, {"a"}), PGP_UNKNOWN);
+    EXPECT_EQ(pgp_side_of(part.order, {}, {"a"}), PGP_LATER);
+}
+
 static const pgo_tuple &tuple_of(pgo_tuple &row, const std::vector<pgo_value> &values)
 {
     row.kind = 'N';
