@@ -405,7 +405,7 @@ TEST_F(IntakeCasesTest, ManySmallTablesAndKills)
         bridge.end(SIGKILL);
         start_bridge();
     }
-    EXPECT_TRUE(poll_until([&] { return snapshot_is_done(); })) << bridge.err();
+    EXPECT_TRUE(poll_until([&] { return snapshot_is_done(); }, 300)) << bridge.err();
     stopped = true;
     writer.join();
     ASSERT_NO_FATAL_FAILURE(finish_copy());
