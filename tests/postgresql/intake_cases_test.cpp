@@ -63,6 +63,14 @@ class IntakeCasesTest : public BridgeTest {
         ASSERT_TRUE(poll_until([&] { return std::stoi(value(waiting)) > before; })) << text;
     }
 
+    // From now on a run goes on with it.
+    void begin_snapshot()
+    {
+        start_bridge({"--snapshot"});
+        EXPECT_TRUE(poll_until([&] { return status_member("snapshot") == "taking"; }))
+            << bridge.err();
+    }
+
     // The bridge waits with the first piece for a transaction that others do not see.
     void begin_waiting()
     {
@@ -321,7 +329,7 @@ TEST_F(IntakeCasesTest, TablesInTheOrderOfTheServerWhileTheyAreWrittenTo)
                 usleep(2000);
             }
         });
-    start_bridge({"--snapshot"});
+    begin_snapshot();
     int starts = 0;
     for (; starts < 6 && !snapshot_is_done(); starts++) {
         usleep(static_cast<useconds_t>(200'000 + random() % 500'000));
@@ -399,7 +407,7 @@ TEST_F(IntakeCasesTest, ManySmallTablesAndKills)
             usleep(1000);
         }
     });
-    start_bridge({"--snapshot"});
+    begin_snapshot();
     for (int i = 0; i < 6 && !snapshot_is_done(); i++) {
         usleep(static_cast<useconds_t>(random() % 500'000));
         bridge.end(SIGKILL);
