@@ -3,8 +3,8 @@
 #include "feed/names_log.h"
 
 #include "feed/text.h"
+#include "fwutil/fwu_layouts.h"
 #include "fwutil/fwu_log.h"
-#include "fwutil/fwu_log_end.h"
 #include "fwutil/fwu_source_name.h"
 
 #include <algorithm>
@@ -49,7 +49,7 @@ static void take_source(feed_names &names, const fwu_layout &layout, const fwu_s
 }
 
 // Takes the entries of the transaction that the cursor has found.
-static fwu_found take_transaction(feed_names &names, fwu_layout_map &layouts, fwu_cursor &cursor)
+static fwu_found take_transaction(feed_names &names, fwu_layouts &layouts, fwu_cursor &cursor)
 {
     fwu_entry entry;
     fwu_found found = FWU_FOUND;
@@ -59,11 +59,11 @@ static fwu_found take_transaction(feed_names &names, fwu_layout_map &layouts, fw
         std::string key;
         if (fwu_entry_layout(entry, layout)) {
             fwu_layout_key(key, layout.dbname, layout.dsetname);
-            layouts[key] = std::move(layout);
+            (void)fwu_layouts_put(layouts, key, std::move(layout)); // its source is next
         } else if (fwu_entry_source(entry, of)) {
             fwu_layout_key(key, of.dbname, of.dsetname);
-            if (const auto known = layouts.find(key); known != layouts.end())
-                take_source(names, known->second, of.source);
+            if (const fwu_layout *const known = fwu_layouts_find(layouts, key); known != nullptr)
+                take_source(names, *known, of.source);
         }
     }
     return found;
@@ -72,7 +72,7 @@ static fwu_found take_transaction(feed_names &names, fwu_layout_map &layouts, fw
 // Damage is the business of those who read the log: what stands behind it is in the next file.
 static fwu_found take_file(feed_names &names, fwu_cursor &cursor, const fwu_log_file &file)
 {
-    fwu_layout_map layouts; // those of one file
+    fwu_layouts layouts; // those of one file
     fwu_found found = fwu_log_open(cursor, file);
     while (found == FWU_FOUND && (found = fwu_cursor_next(cursor)) == FWU_FOUND)
         if (found = take_transaction(names, layouts, cursor); found == FWU_END)

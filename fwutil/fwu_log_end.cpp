@@ -11,13 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-void fwu_layout_key(std::string &key, const std::string &dbname, const std::string &dsetname)
-{
-    key = dbname;
-    key += '\0';
-    key += dsetname;
-}
-
 int fwu_log_end_mode(const std::string &directory, int log_mode, mode_t &mode)
 {
     struct stat st = {};

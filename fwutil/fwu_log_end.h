@@ -8,14 +8,12 @@
 
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_entry.h"
+#include "fwutil/fwu_layouts.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <sys/types.h>
-#include <unordered_map>
-
-using fwu_layout_map = std::unordered_map<std::string, fwu_layout>;
 
 struct fwu_log_end {
     std::string directory;
@@ -29,11 +27,11 @@ struct fwu_log_end {
     fwu_file_header header;
     fwu_identity identity; // of the log; none before its first file
     int fd = -1;
-    int64_t end = 0;        // offset behind its last transaction
-    int32_t last_tag = 0;   // tag of its last commit entry
-    bool torn = false;      // bytes behind end could not be cut off yet
-    bool new_name = false;  // the directory has not been synced since the file was made
-    fwu_layout_map layouts; // that stand in it
+    int64_t end = 0;       // offset behind its last transaction
+    int32_t last_tag = 0;  // tag of its last commit entry
+    bool torn = false;     // bytes behind end could not be cut off yet
+    bool new_name = false; // the directory has not been synced since the file was made
+    fwu_layouts layouts;   // that stand in it
 
     bool unsynced = false;    // a commit is not known to be on disk
     bool sync_failed = false; // what the system did not write it may have dropped
@@ -47,9 +45,6 @@ struct fwu_log_end {
     uint64_t synced_lsn = 0; // last commit that this process has brought to disk
     int32_t last_recnum = 0; // 0: no record in the log
 };
-
-// The key of a dataset in a map of layouts.
-void fwu_layout_key(std::string &key, const std::string &dbname, const std::string &dsetname);
 
 // Mode of the files in the log directory, by the configuration's log-mode or the
 // directory's own mode; 0 or -1 (reported).

@@ -22,19 +22,18 @@
 constexpr size_t COPY_SIZE = size_t{1} << 20;
 
 // Takes the layout or the source of one that an entry tells of.
-static void learn_layout(fwu_layout_map &layouts, const fwu_entry &entry)
+static void learn_layout(fwu_layouts &layouts, const fwu_entry &entry)
 {
     fwu_layout layout;
     fwu_layout_source of;
     std::string key;
     if (fwu_entry_layout(entry, layout)) {
         fwu_layout_key(key, layout.dbname, layout.dsetname);
-        layouts[key] = std::move(layout);
+        (void)fwu_layouts_put(layouts, key, std::move(layout)); // what is forgotten comes again
     } else if (fwu_entry_source(entry, of)) {
         fwu_layout_key(key, of.dbname, of.dsetname);
-        const auto known = layouts.find(key);
-        if (known != layouts.end())
-            known->second.source = std::make_shared<const fwu_source>(std::move(of.source));
+        if (fwu_layout *const known = fwu_layouts_find(layouts, key); known != nullptr)
+            known->source = std::make_shared<const fwu_source>(std::move(of.source));
     }
 }
 

@@ -43,9 +43,9 @@ struct fwu_writer {
     bool holds = false;     // it has records or marks
     int32_t recnum = 0;     // last one that it uses
     fwu_txn txn;
-    fwu_layout_map txn_layouts; // that it puts into the log
-    std::string key;            // scratch for the maps' keys
-    std::vector<bool> valued;   // scratch: the items whose whole value was given
+    fwu_layouts txn_layouts;  // that it puts into the log
+    std::string key;          // scratch for the maps' keys
+    std::vector<bool> valued; // scratch: the items whose whole value was given
 };
 
 // The directory, and the mode of the files that will be made in it.
@@ -123,7 +123,7 @@ int fwu_writer_begin(fwu_writer *writer, const fwu_session *session)
     w.next_file = w.log.file.generation == 0 || w.log.header.version == FWU_VERSION_PLAIN ||
                   w.log.end >= w.log_file_size;
     fwu_txn_begin(w.txn, w.next_file ? 1 : w.log.last_tag + 1);
-    w.txn_layouts.clear();
+    fwu_layouts_clear(w.txn_layouts);
     w.recnum = w.log.last_recnum;
     w.open = true;
     w.failed = false;
@@ -145,15 +145,14 @@ int fwu_writer_session(fwu_writer *writer, const fwu_session &session)
     return fwu_txn_added(w.txn, w.log.directory) != 0 ? refuse(w) : 0;
 }
 
-// Whether a map has the layout for the key.  One that is equal shares its source from then
+// Whether the layout is the one that is known.  One that is equal shares its source from then
 // on: the next record's comparison is one of pointers.
-static bool stands_there(fwu_layout_map &map, fwu_layout_map::iterator known,
-                         const fwu_layout &layout)
+static bool stands_there(fwu_layout *known, const fwu_layout &layout)
 {
-    if (known == map.end() || known->second != layout)
+    if (known == nullptr || *known != layout)
         return false;
-    if (known->second.source != layout.source)
-        known->second.source = layout.source;
+    if (known->source != layout.source)
+        known->source = layout.source;
     return true;
 }
 
@@ -162,10 +161,10 @@ static bool stands_there(fwu_layout_map &map, fwu_layout_map::iterator known,
 static int put_layout(fwu_writer &w, const fwu_layout &layout)
 {
     fwu_layout_key(w.key, layout.dbname, layout.dsetname);
-    const auto known = w.txn_layouts.find(w.key);
-    if (known != w.txn_layouts.end()
-            ? stands_there(w.txn_layouts, known, layout)
-            : !w.next_file && stands_there(w.log.layouts, w.log.layouts.find(w.key), layout))
+    fwu_layout *known = fwu_layouts_find(w.txn_layouts, w.key);
+    if (known == nullptr && !w.next_file)
+        known = fwu_layouts_find(w.log.layouts, w.key);
+    if (stands_there(known, layout))
         return 0;
     if (fwu_check_layout(layout) != 0)
         return -1;
@@ -177,7 +176,8 @@ static int put_layout(fwu_writer &w, const fwu_layout &layout)
         if (fwu_txn_added(w.txn, w.log.directory) != 0)
             return refuse(w);
     }
-    w.txn_layouts[w.key] = layout;
+    if (!fwu_layouts_put(w.txn_layouts, w.key, layout))
+        fwu_layouts_clear(w.log.layouts); // what it says of those that were forgotten is older
     return 0;
 }
 
@@ -362,7 +362,7 @@ static int begin_file(fwu_writer &w)
     w.log.last_tag = 0;
     w.log.torn = false;
     w.log.new_name = true;
-    w.log.layouts.clear();
+    fwu_layouts_clear(w.log.layouts);
     return 0;
 }
 
@@ -392,8 +392,8 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     if (!w.log.unsynced)
         w.unsynced_since = fwu_monotonic_ms();
     w.log.unsynced = true;
-    for (auto &[key, layout] : w.txn_layouts)
-        w.log.layouts[key] = std::move(layout);
+    for (auto &[key, layout] : w.txn_layouts.known)
+        (void)fwu_layouts_put(w.log.layouts, key, std::move(layout)); // forgotten for good
     return 0;
 }
 
@@ -416,7 +416,7 @@ void fwu_writer_rollback(fwu_writer *writer)
 {
     writer->open = false;
     fwu_txn_end(writer->txn);
-    writer->txn_layouts.clear();
+    fwu_layouts_clear(writer->txn_layouts);
 }
 
 int fwu_writer_sync(fwu_writer *writer)
