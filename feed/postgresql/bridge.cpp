@@ -67,7 +67,7 @@ static outcome follow(bridge &b)
 
 static outcome connect_and_follow(bridge &b)
 {
-    b.relations.known.clear(); // the server describes the tables anew
+    pgb_forget_all(b.relations);
     outcome done = pgs_connect(b.server);
     b.connected = b.connected || done;
     if (done)

@@ -144,6 +144,7 @@ static outcome set_up(pgk_report &report)
     report.relations.tables.config = &report.config;
     report.relations.tables.default_policy = feed_server_policy(report.config);
     report.relations.encoding = report.encoding;
+    report.relations.columns_max = SIZE_MAX; // the report is about all
     feed_names &names = report.relations.names;
     if (outcome read = feed_names_open(names, report.config.log_directory, names.mode); !read)
         return read;

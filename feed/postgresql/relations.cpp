@@ -46,13 +46,15 @@ outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
     return name_tables(relations);
 }
 
-static void set_columns(feed_row &row, const pgo_relation &told)
+static void set_columns(pgb_relation &relation)
 {
-    row.present = true;
-    row.count = told.columns.size();
-    row.columns.resize(row.count);
-    for (size_t i = 0; i < row.count; i++)
-        row.columns[i].name = told.columns[i].name;
+    for (feed_row *row : {&relation.fresh, &relation.old}) {
+        row->present = true;
+        row->count = relation.told.columns.size();
+        row->columns.resize(row->count);
+        for (size_t i = 0; i < row->count; i++)
+            row->columns[i].name = relation.told.columns[i].name;
+    }
 }
 
 // Columns that a table has got since it was described before.
@@ -97,6 +99,26 @@ static void tell_added(pgb_relation &relation, const pgb_relations &relations,
                     pga_resume_command(name));
 }
 
+// Whether the table was made of what the server says, and so can be made again.
+static bool is_own(const pgb_relation &relation)
+{
+    return relation.table != nullptr && relation.table->own != nullptr;
+}
+
+// What a table takes besides its columns is worth three of them.
+static size_t weight_of(const pgb_relation &relation)
+{
+    return relation.told.columns.size() + 3;
+}
+
+// The relation's table is to be looked up, or made, by the next look.
+static void let_go(pgb_relations &relations, pgb_relation &relation)
+{
+    if (is_own(relation))
+        relations.columns -= weight_of(relation);
+    relation.table = nullptr;
+}
+
 // Another table has this name from here on, or none: relations may share what was known by it.
 static void forget_name(pgb_relations &relations, const std::string &name)
 {
@@ -104,7 +126,7 @@ static void forget_name(pgb_relations &relations, const std::string &name)
         return;
     for (auto &[id, other] : relations.known)
         if (other.table != nullptr && other.table->name == name)
-            other.table = nullptr;
+            let_go(relations, other);
 }
 
 void pgb_describe(pgb_relations &relations, const pgo_relation &told)
@@ -119,12 +141,65 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
         relations.tables.known.erase(name); // renamed: its dataset is free
     }
     note_added(relation, told);
+    let_go(relations, relation);
     relation.told = told;
-    relation.table = nullptr;
     relation.identified = false;
     relation.aside_version = 0;
-    set_columns(relation.fresh, told);
-    set_columns(relation.old, told);
+    relation.marks_told.clear();
+    relation.key_told = false;
+    set_columns(relation);
+}
+
+void pgb_forget_all(pgb_relations &relations)
+{
+    relations.known.clear();
+    relations.columns = 0;
+    std::erase_if(relations.tables.known,
+                  [](const auto &table) { return table.second->own != nullptr; });
+}
+
+// What is told once of a table is remembered.
+static void forget_table(pgb_relations &relations, pgb_relation &relation)
+{
+    relation.marks_told = std::move(relation.table->marks_told);
+    relation.key_told = relation.table->key_told;
+    const std::string name = relation.table->name;
+    let_go(relations, relation);
+    relations.tables.known.erase(name); // no other relation has one that is its own
+    relation.choices = {};
+    relation.remedy_found = false;
+    for (feed_row *row : {&relation.fresh, &relation.old, &relation.partial, &relation.partial_old})
+        *row = {};
+}
+
+static void remember_table(pgb_relations &relations, pgb_relation &relation)
+{
+    if (!is_own(relation))
+        return;
+    relations.columns += weight_of(relation);
+    if (relation.marks_told.size() == relation.table->marks_told.size())
+        relation.table->marks_told = std::move(relation.marks_told);
+    relation.table->key_told = relation.key_told;
+    relation.marks_told = {};
+}
+
+// Makes room for a table.  Of those that the configuration describes there are few, and those that
+// are passed over take little.
+static void forget_idle(pgb_relations &relations, const pgb_relation &needed)
+{
+    if (relations.columns + weight_of(needed) <= relations.columns_max)
+        return;
+    std::vector<pgb_relation *> idle;
+    for (auto &[id, other] : relations.known)
+        if (is_own(other))
+            idle.push_back(&other);
+    std::sort(idle.begin(), idle.end(),
+              [](const pgb_relation *a, const pgb_relation *b) { return a->used < b->used; });
+    for (pgb_relation *other : idle) {
+        if (relations.columns <= relations.columns_max / 4 * 3) // not for each look again
+            return;
+        forget_table(relations, *other);
+    }
 }
 
 static const fwu_column *find_width(const fwu_config &config, const std::string &table,
@@ -205,6 +280,7 @@ static feed_type type_of(const feed_table &table, const pgb_relations &relations
 
 static void set_types(pgb_relation &relation, const pgb_relations &relations)
 {
+    set_columns(relation);
     for (feed_row *row : {&relation.fresh, &relation.old})
         for (size_t i = 0; i < row->count; i++)
             row->columns[i].type = type_of(*relation.table, relations, relation.told.columns[i]);
@@ -265,9 +341,12 @@ outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
     if (found == relations.known.end())
         return pgb_undescribed(id);
     relation = &found->second;
+    relation->used = ++relations.uses;
     if (relation->table == nullptr) {
+        forget_idle(relations, *relation);
         if (outcome looked = find_table(*relation, relations, notes); !looked)
             return looked;
+        remember_table(relations, *relation);
         set_types(*relation, relations);
         relation->news = relation->table->dataset != nullptr;
         relation->urgent = !pgf_knows(relations.facts, relation->told);

@@ -33,6 +33,9 @@ struct pgb_relation {
     bool identified = false;      // its OID and name are in the registry as they are described
     uint64_t aside_version = 0;   // of the registry when aside was looked up
     pga_table *aside = nullptr;   // its standing there; null: it is followed
+    uint64_t used = 0;            // when it was looked for last, by pgb_relations::uses
+    std::vector<uint8_t> marks_told = {}; // of its table, while that is forgotten
+    bool key_told = false;                // likewise
 };
 
 struct pgb_relations {
@@ -44,6 +47,9 @@ struct pgb_relations {
     fwu_encoding encoding = FWU_LATIN1; // of the log's texts
     bool idle_told = false;             // the configuration's lines about nothing
     pga_registry aside = {};            // where tables stand that are not just followed
+    size_t columns_max = 20'000;        // of tables that are kept; a column takes some 800 bytes
+    size_t columns = 0;                 // of those now, and three more for each table
+    uint64_t uses = 0;                  // looks for a table so far
 };
 
 // Asks over the sql connection for what is to be known of all tables of the publication, and
@@ -56,8 +62,12 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told);
 // OUTCOME_BAD: something came of a relation of this number, which was not described.
 outcome pgb_undescribed(uint32_t id);
 
+// A new connection, in which the server describes all tables anew.
+void pgb_forget_all(pgb_relations &relations);
+
 // The relation of this number, with its table.  OUTCOME_BAD when it was not described or
-// cannot become a dataset.
+// cannot become a dataset.  Tables that were not looked for for longest may be forgotten by that;
+// the next look for one makes it again.
 outcome pgb_find(pgb_relation *&relation, pgb_relations &relations, uint32_t id,
                  std::vector<std::string> &notes);
 

@@ -6,6 +6,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iostream>
+#include <random>
+#include <set>
 
 using testing::MatchesRegex;
 
@@ -498,6 +501,136 @@ TEST_F(Relations, ATableOfTheSameNameKeepsItsOwnSource)
     answer({{"c", "7", "0", ""}, {"c", "8", "0", ""}, {"k", "8", "1", "no"}});
     relations.facts.again_ms = 0;
     EXPECT_EQ(source_of(find(8)), "app.orders: no bigint #1; qty smallint");
+}
+
+// Tables of two columns, of which there is room for six.
+class IdleRelations : public Relations {
+  protected:
+    IdleRelations()
+    {
+        relations.columns_max = 30;
+    }
+
+    void describe_all(uint32_t count)
+    {
+        for (uint32_t id = 1; id <= count; id++)
+            describe(id, ("t" + std::to_string(id)).c_str(), {{"no", 23, -1}, {"done", 16, -1}});
+    }
+};
+
+TEST_F(IdleRelations, AreForgottenAndMadeAgain)
+{
+    describe_all(50);
+    for (uint32_t id = 1; id <= 50; id++) {
+        find(id);
+        find(1); // in use
+        EXPECT_LE(relations.columns, 30U);
+        EXPECT_LE(relations.tables.known.size(), 6U);
+    }
+    EXPECT_NE(relations.known[1].table, nullptr);
+    EXPECT_EQ(relations.known[2].table, nullptr);
+    EXPECT_NE(relations.known[50].table, nullptr);
+    EXPECT_EQ(items_of(find(2)), "T2: NO DONE NULL-MAP");
+    const feed_row &row = row_of(find(2), tuple('N', {{'t', "7"}, {'t', "t"}}));
+    EXPECT_EQ(row.columns[0].name, "no");
+    EXPECT_EQ(row.columns[0].value, "7");
+    EXPECT_EQ(row.columns[1].kind, FEED_TRUE);
+}
+
+TEST_F(IdleRelations, RememberWhatWasToldOfThem)
+{
+    config.columns = {{"app.t1", "qty", "", 0, true}}; // a key column that is not there
+    describe_all(50);
+    find(1).table->marks_told.assign(3, 5);
+    ASSERT_EQ(notes.size(), 1U);
+    for (uint32_t id = 2; id <= 50; id++)
+        find(id);
+    ASSERT_EQ(relations.known[1].table, nullptr);
+    EXPECT_EQ(find(1).table->marks_told, std::vector<uint8_t>(3, 5));
+    EXPECT_EQ(notes.size(), 1U);
+    describe(1, "t1", {{"no", 23, -1}});
+    EXPECT_EQ(find(1).table->marks_told, std::vector<uint8_t>(2, 0)) << "another layout";
+}
+
+TEST_F(IdleRelations, ATableThatNeedsAllRoomHasIt)
+{
+    describe_all(5);
+    for (uint32_t id = 1; id <= 5; id++)
+        find(id);
+    std::vector<pgo_column> columns;
+    for (int i = 0; i < 100; i++)
+        columns.push_back({"c" + std::to_string(i), 23, -1});
+    describe(9, "wide", columns);
+    EXPECT_EQ(find(9).table->dataset->layout.items.size(), 101U);
+    EXPECT_NE(find(1).table, nullptr);
+    EXPECT_EQ(relations.columns, 5U) << "the wide one is forgotten";
+    EXPECT_EQ(relations.tables.known.size(), 1U);
+}
+
+TEST_F(IdleRelations, ANewConnectionForgetsAllButWhatTheConfigurationDescribes)
+{
+    fwu_dataset dataset;
+    dataset.layout = {.dbname = "APP", .dsetname = "T1", .items = {{"NO", 'I', 4, 1, 0}}};
+    config.datasets.push_back(dataset);
+    describe_all(4);
+    for (uint32_t id = 1; id <= 4; id++)
+        find(id);
+    pgb_forget_all(relations);
+    EXPECT_EQ(relations.columns, 0U);
+    EXPECT_TRUE(relations.known.empty());
+    ASSERT_EQ(relations.tables.known.size(), 1U);
+    EXPECT_EQ(relations.tables.known.begin()->first, "app.t1");
+}
+
+// Whatever comes, it is as if nothing was forgotten.
+TEST_F(IdleRelations, NobodySeesThatTheyWereForgotten)
+{
+    const unsigned seed = std::random_device()();
+    std::cout << "seed " << seed << "\n";
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    pgb_relations all;
+    all.tables.config = &config;
+    all.columns_max = SIZE_MAX;
+    std::vector<std::string> all_notes;
+    std::set<uint32_t> described;
+    for (int step = 0; step < 4000; step++) {
+        const auto id = static_cast<uint32_t>(1 + random() % 20);
+        if (!described.contains(id) || random() % 10 == 0) {
+            pgo_relation told;
+            told.id = id;
+            told.schema = "app";
+            // Names change hands, and some have to be shortened, which is told.
+            told.name = (random() % 2 == 0 ? "t" : "a_name_of_seventeen") +
+                        std::to_string(random() % 3 == 0 ? random() % 20 : id);
+            for (uint32_t i = 0; i <= random() % 3; i++)
+                told.columns.push_back({"c" + std::to_string(i), i == 0 ? 23U : 16U, -1});
+            described.insert(id);
+            pgb_describe(relations, told);
+            pgb_describe(all, told);
+            continue;
+        }
+        pgb_relation *other = nullptr;
+        ASSERT_TRUE(pgb_find(other, all, id, all_notes));
+        pgb_relation &found = find(id);
+        ASSERT_EQ(items_of(found), items_of(*other));
+        ASSERT_EQ(source_of(found), source_of(*other));
+        const pgo_tuple values =
+            tuple('N', std::vector<pgo_value>(found.told.columns.size(), pgo_value{'t', "t"}));
+        const feed_row &row = row_of(found, values);
+        const feed_row &expected = row_of(*other, values);
+        ASSERT_EQ(row.count, expected.count);
+        for (size_t i = 0; i < row.count; i++) {
+            ASSERT_EQ(row.columns[i].name, expected.columns[i].name);
+            ASSERT_EQ(row.columns[i].kind, expected.columns[i].kind);
+        }
+        ASSERT_EQ(notes, all_notes);
+        size_t weight = 0;
+        for (const auto &[number, known] : relations.known)
+            weight += known.table == nullptr ? 0 : known.told.columns.size() + 3;
+        ASSERT_EQ(relations.columns, weight);
+        ASSERT_LE(weight, 30U);
+    }
 }
 
 // A name that is not written as the server's is would do nothing, and say nothing.
