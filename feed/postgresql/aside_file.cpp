@@ -77,6 +77,8 @@ static std::string record_line(const pga_record &record)
         line += std::string(" replaces=") + (record.replaces ? "1" : "0");
         line += " why=" + word_of(record.why);
         line += " rows=" + std::to_string(record.rows);
+        if (record.shape != 0)
+            line += " shape=" + std::to_string(record.shape);
         put_texts(line, "key", record.key);
         put_texts(line, "reached", record.reached);
     }
@@ -149,6 +151,8 @@ static bool take_member(pga_record &record, std::string_view word)
         return take_text(record.why, value);
     if (name == "rows")
         return pgs_number(record.rows, value);
+    if (name == "shape")
+        return pgs_number(record.shape, value);
     if (name == "key")
         return take_text(record.key.emplace_back(), value);
     return name == "reached" && take_text(record.reached.emplace_back(), value);

@@ -31,6 +31,7 @@ struct pga_record {
     std::string why = {};                  // "snapshot", "resume" or "renamed"
     std::vector<std::string> key = {};     // columns by which its rows are read
     std::vector<std::string> reached = {}; // their values in the last row taken; empty: none yet
+    uint32_t shape = 0;                    // pgo_shape of the table then; 0: not known
     uint64_t rows = 0;                     // taken so far
     bool operator==(const pga_record &) const = default;
 };

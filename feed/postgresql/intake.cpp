@@ -34,6 +34,7 @@ void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry
     record.replaces = record.replaces || !record.reached.empty();
     record.key.clear();
     record.reached.clear();
+    record.shape = 0;
     record.rows = 0;
     // It says less than what it replaces, so that it holds at once.
     record.at = std::max(record.at, fwu_writer_last_lsn(tx.writer));
@@ -154,6 +155,21 @@ const pgp_part *pgi_find_part(const pgi_intake &intake, uint32_t id)
                                                            : nullptr;
 }
 
+// Of the old rows that come now, the server sends another key than the rows are read by.
+static bool has_other_identity(const pgp_order &order, const pgb_relations &relations,
+                               const pgb_relation &relation)
+{
+    return !std::all_of(order.columns.begin(), order.columns.end(),
+                        [&](size_t column) { return pgb_is_brought(relation, relations, column); });
+}
+
+// What was taken has other columns than the changes that come now: values of theirs may be missing,
+// or be others.
+static bool has_other_columns(const pga_record &record, const pgb_relation &relation)
+{
+    return record.shape != 0 && record.shape != relation.shape;
+}
+
 outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
                  pgb_relations &relations, const pgb_relation &relation, pgo_message &message,
                  std::string_view bytes)
@@ -172,10 +188,11 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
         // No row of it is in the log, and a piece will have it, or has it.
     } else if (by.part != nullptr && by.part->key.empty()) {
         old = fresh = FATE_KEEP;
-    } else if (!pgp_find_order(by.order, relation.told,
-                               by.part != nullptr ? by.part->key : record->key)) {
-        pgi_begin_anew(intake, tx, relations.aside, name);
-    } else if (rests_on_server(by) && !by.told.asked) {
+    } else if (has_other_columns(*record, relation) ||
+               !pgp_find_order(by.order, relation.told,
+                               by.part != nullptr ? by.part->key : record->key) ||
+               has_other_identity(by.order, relations, relation) ||
+               (rests_on_server(by) && !by.told.asked)) {
         pgi_begin_anew(intake, tx, relations.aside, name);
     } else {
         pgi_complete(message);

@@ -122,8 +122,10 @@ static outcome log_rows(logging &l, pgp_part &part)
     pga_record next = record;
     next.replaces = false;
     next.key = part.key;
-    if (!part.to.empty())
+    if (!part.to.empty()) {
         next.reached = part.to;
+        next.shape = part.shape;
+    }
     next.rows += l.rows - rows;
     put_standing(l, part, std::move(next));
     return {};

@@ -149,6 +149,7 @@ static std::vector<pgp_want> next_wants(const pgi_intake &intake, const pga_regi
              .key = record.key,
              .reached = record.reached,
              .id = holder == registry.holders.end() || record.reached.empty() ? 0 : holder->second,
+             .shape = record.shape,
              .whole = anew != intake.anew.end() && anew->second >= ANEW_MAX});
         if (++name == intake.names.end())
             name = intake.names.begin();

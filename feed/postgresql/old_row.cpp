@@ -83,6 +83,17 @@ bool pgb_stays(const pgb_relation &relation, const pgb_relations &relations, siz
     return some;
 }
 
+bool pgb_is_brought(const pgb_relation &relation, const pgb_relations &relations, size_t column)
+{
+    const pgo_column &told = relation.told.columns[column];
+    if (relation.leaves.empty())
+        return told.identity;
+    return std::all_of(relation.leaves.begin(), relation.leaves.end(), [&](uint32_t id) {
+        const pgo_relation &leaf = relations.known.find(id)->second.told;
+        return keeps_all(leaf) || identifies(leaf, told.name);
+    });
+}
+
 outcome pgb_old_row(const feed_row *&row, pgb_relation &relation, const pgb_relations &relations,
                     const pgo_message &message)
 {

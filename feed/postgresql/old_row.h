@@ -24,6 +24,9 @@ outcome pgb_old_row(const feed_row *&row, pgb_relation &relation, const pgb_rela
 // identity that has not changed.
 bool pgb_stays(const pgb_relation &relation, const pgb_relations &relations, size_t column);
 
+// Whether old rows have a column, if any is sent: it is part of what identifies the rows.
+bool pgb_is_brought(const pgb_relation &relation, const pgb_relations &relations, size_t column);
+
 // Whether an old row lacks what must not be marked as not known.
 bool pgb_lacks_needed(const pgb_relation &relation, const feed_row &old);
 

@@ -2,12 +2,24 @@
 // says, is none.  Numbers are in network order, texts end with NUL.
 #include "feed/postgresql/pgoutput.h"
 
+#include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_time.h"
 
 #include <cstring>
 
 static constexpr int IDENTITY_FLAG = 1; // of a column
 static constexpr int64_t EPOCH_2000_US = 946'684'800 * FWU_US_PER_S;
+
+uint32_t pgo_shape(const pgo_relation &relation)
+{
+    uint32_t sum = 0;
+    for (const pgo_column &column : relation.columns) {
+        const std::string text =
+            std::to_string(column.type) + " " + std::to_string(column.modifier) + " " + column.name;
+        sum = fwu_crc32c(sum, text.c_str(), text.size() + 1);
+    }
+    return sum == 0 ? 1 : sum;
+}
 
 // Bytes to be read; good stays false once there were too few.
 struct input {

@@ -26,6 +26,9 @@ struct pgo_relation {
     bool operator==(const pgo_relation &) const = default;
 };
 
+// A checksum of the names and types of a table's columns, in their order; never 0.
+uint32_t pgo_shape(const pgo_relation &relation);
+
 struct pgo_value {
     char kind = 'n'; // n null, u unchanged and not sent, t text
     std::string_view text;

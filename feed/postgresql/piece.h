@@ -24,6 +24,7 @@ struct pgp_want {
     std::vector<std::string> key = {}; // of the part before, as it is; empty: nothing was read yet
     std::vector<std::string> reached = {}; // values of the key in the last row that was read
     uint32_t id = 0;                       // OID of the table that was read; 0: none, or not known
+    uint32_t shape = 0;                    // of the part before; 0: not known
     bool whole = false;                    // directly, whatever its key is
 };
 
@@ -55,8 +56,9 @@ struct pgp_part {
     std::vector<std::string> from; // the rows are behind this one; empty: from the first one on
     std::vector<std::string> to;   // the last row; empty: none came, or no key
     bool ends = false;             // with it, the table has been read to its end
+    uint32_t shape = 0;            // pgo_shape of relation
     bool anew = false;             // from the first row on, though something was read: that was of
-                                   // another table, or ordered by another key
+                                   // another table, or ordered by another key, or had other columns
     std::string lines;             // the rows, see pgp_next
     uint64_t rows = 0;
     int64_t estimate = -1; // rows of the whole table, as the server guesses; -1: it does not

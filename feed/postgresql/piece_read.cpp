@@ -265,12 +265,14 @@ static pgp_part make_part(const pgp_reading &r, pgp_table &table)
     part.want = table.want;
     part.estimate = table.estimate;
     part.relation = table.relation;
+    part.shape = pgo_shape(part.relation);
     if (by_key) {
         part.key = table.key;
         part.order = table.order;
     }
     const bool goes_on = want.key == part.key && want.reached.size() == part.key.size() &&
-                         (want.id == 0 || want.id == table.relation.id);
+                         (want.id == 0 || want.id == table.relation.id) &&
+                         (want.shape == 0 || want.shape == part.shape);
     part.anew = !want.reached.empty() && !goes_on;
     if (goes_on)
         part.from = want.reached;

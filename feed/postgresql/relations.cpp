@@ -143,6 +143,7 @@ void pgb_describe(pgb_relations &relations, const pgo_relation &told)
     note_added(relation, told);
     let_go(relations, relation);
     relation.told = told;
+    relation.shape = pgo_shape(told);
     relation.identified = false;
     relation.aside_version = 0;
     relation.marks_told.clear();

@@ -20,6 +20,7 @@ struct pgb_relation {
     feed_table *table = nullptr;     // null: not looked up yet
     std::vector<std::string> added;  // columns that it did not have before, as long as nobody asked
     std::vector<pgc_choice> choices; // of its columns, where they make its items
+    uint32_t shape = 0;              // pgo_shape of told
     bool stale = true;               // the catalogue may say something else of it by now
     bool urgent = false;             // ... and what is known does not fit
     bool news = false;               // what is known was not handed on to the table yet

@@ -59,6 +59,7 @@ TEST_F(Aside, FileSaysAllInWords)
     taking.replaces = true;
     taking.why = "resume";
     taking.rows = 7;
+    taking.shape = 4294967295;
     taking.key = {"a b", ""};
     taking.reached = {"", "x=\xFF"};
     pga_put(registry, "", " ", taking);
@@ -85,7 +86,7 @@ TEST_F(Aside, FileSaysAllInWords)
               "leaf 16401 16400 sales p%201 node=0 at=0/20 gone\n"
               "table % %20\n"
               "taking at=0/30 since=0/20 since_us=5 reason=% replaces=1 why=resume rows=7 "
-              "key=a%20b key=% reached=% reached=x=\xFF\n"
+              "shape=4294967295 key=a%20b key=% reached=% reached=x=\xFF\n"
               "followed at=0/40\n"
               "table sales orders\n"
               "aside at=1/2A since=1/2A since_us=5 reason=100%25%20odd%0a\n");

@@ -266,6 +266,31 @@ TEST_F(OldRow, NothingIsTakenForKnownThatIsNot)
     }
 }
 
+TEST_F(OldRow, ColumnsThatIdentifyRowsAreBrought)
+{
+    const auto brought = [&](uint32_t id) {
+        std::string names;
+        const pgb_relation &relation = relations.known[id];
+        for (size_t i = 0; i < relation.told.columns.size(); i++)
+            if (pgb_is_brought(relation, relations, i))
+                names += relation.told.columns[i].name;
+        return names;
+    };
+    describe(1, 'd', "Abc");
+    describe(2, 'f', "ABC");
+    describe(3, 'n', "abc");
+    EXPECT_EQ(brought(1), "a");
+    EXPECT_EQ(brought(2), "abc");
+    EXPECT_EQ(brought(3), "");
+    relations.known[1].leaves = {2};
+    EXPECT_EQ(brought(1), "abc") << "what the table itself keeps does not count";
+    describe(4, 'i', "cBA"); // in its own order
+    relations.known[1].leaves = {2, 4};
+    EXPECT_EQ(brought(1), "ab");
+    relations.known[1].leaves = {2, 4, 3};
+    EXPECT_EQ(brought(1), "");
+}
+
 TEST_F(OldRow, TellsTheCommandsThatTheCatalogueSays)
 {
     fwu_config config;

@@ -97,6 +97,32 @@ TEST(Pgoutput, RelationGivesColumnsWithTheirTypes)
     EXPECT_EQ(got.columns[1], (pgo_column{"net", 1700, 0x000B0006, false}));
 }
 
+// The CRC-32C of "23 -1 no" and "1043 24 note", a zero behind each.
+TEST(Pgoutput, ShapeIsOfNamesAndTypes)
+{
+    pgo_relation table = {.id = 7, .schema = "s", .name = "t", .columns = {}};
+    EXPECT_EQ(pgo_shape(table), 1U);
+    table.columns = {{"no", 23, -1, true}, {"note", 1043, 24, false}};
+    const uint32_t shape = pgo_shape(table);
+    EXPECT_EQ(shape, 588900243U);
+    pgo_relation other = table;
+    other.id = 8;
+    other.name = "u";
+    other.identity = 'd';
+    other.columns[1].identity = true;
+    EXPECT_EQ(pgo_shape(other), shape) << "of nothing else";
+    const auto differs = [&](const auto &change) {
+        other = table;
+        change(other.columns);
+        return pgo_shape(other) != shape;
+    };
+    EXPECT_TRUE(differs([](auto &columns) { columns[0].name = "nO"; }));
+    EXPECT_TRUE(differs([](auto &columns) { columns[0].type = 20; }));
+    EXPECT_TRUE(differs([](auto &columns) { columns[1].modifier = 25; }));
+    EXPECT_TRUE(differs([](auto &columns) { columns.pop_back(); }));
+    EXPECT_TRUE(differs([](auto &columns) { std::swap(columns[0], columns[1]); }));
+}
+
 TEST(Pgoutput, InsertGivesTextsAndNulls)
 {
     const pgo_message got = decoded(insert_bytes);
