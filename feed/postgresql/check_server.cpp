@@ -4,6 +4,7 @@
 #include "feed/postgresql/connect.h"
 #include "feed/postgresql/create.h"
 #include "feed/postgresql/identity.h"
+#include "feed/postgresql/published.h"
 #include "feed/postgresql/query.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -164,7 +165,7 @@ static outcome look_at_minimal_rights(pgk_report &report, const std::string &mis
                       " SELECT has_database_privilege(current_database(), 'CREATE'),"
                       " (SELECT string_agg(oid::regclass::text, ', ' ORDER BY oid) FROM t"
                       " WHERE NOT is_part AND " +
-                      pgb_identified_tables +
+                      pgb_identified_tables() +
                       " AND EXISTS (SELECT FROM pg_class c WHERE c.oid = t.oid"
                       " AND NOT pg_has_role(c.relowner, 'USAGE')))");
     if (!asked)
@@ -237,7 +238,8 @@ static outcome look_at_others(pgk_report &report, bool via_root)
                       kinds +
                       " AND c.relpersistence = 'p' AND c.oid >= 16384"
                       " AND (n.nspname, c.relname) NOT IN (SELECT schemaname, tablename"
-                      " FROM pg_publication_tables WHERE pubname = $1) ORDER BY 1, 2",
+                      " FROM " +
+                      pgb_published + " p WHERE pubname = $1) ORDER BY 1, 2",
                   {server.publication.c_str()});
     std::vector<std::string> sql;
     for (int i = 0; asked && i < PQntuples(result.get()); i++)
@@ -261,10 +263,12 @@ static outcome look_at_unidentified(pgk_report &report)
     outcome asked = pgs_query(
         server, server.sql.get(), result,
         std::string("WITH ") + pgb_all_tables +
-            ", r AS (SELECT oid FROM t WHERE NOT is_part AND NOT " + pgb_identified_tables +
+            ", r AS (SELECT oid FROM t WHERE NOT is_part AND NOT " + pgb_identified_tables() +
             ") SELECT DISTINCT l.oid::regclass::text, " + pgb_identity_expression("l") +
             " FROM r"
-            " LEFT JOIN LATERAL pg_partition_tree(r.oid) m ON true"
+            " LEFT JOIN LATERAL " +
+            pgb_partition_tree("r.oid") +
+            " m ON true"
             " JOIN t l ON l.oid = coalesce(m.relid, r.oid)"
             " WHERE NOT l.identified ORDER BY 1");
     std::vector<std::string> sql;
@@ -301,20 +305,18 @@ static outcome look_at_publication(pgk_report &report)
     pgs_server &server = report.server;
     pgs_result result;
     // Members of later versions are asked for by name.
-    outcome asked = pgs_query(
-        server, server.sql.get(), result,
-        "SELECT p.puballtables, p.pubinsert, p.pubupdate, p.pubdelete,"
-        " (to_jsonb(p) ->> 'pubviaroot')::bool, EXISTS (SELECT FROM pg_publication_tables t"
-        " JOIN pg_namespace n ON n.nspname = t.schemaname"
-        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
-        " WHERE t.pubname = p.pubname AND c.relispartition),"
-        " to_jsonb(p) ->> 'pubgencols' = 'n' AND EXISTS (SELECT FROM pg_publication_tables t"
-        " JOIN pg_namespace n ON n.nspname = t.schemaname"
-        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = t.tablename"
-        " JOIN pg_attribute a ON a.attrelid = c.oid AND a.attgenerated = 's'"
-        " WHERE t.pubname = p.pubname AND c.relreplident = 'f')"
-        " FROM pg_publication p WHERE p.pubname = $1",
-        {server.publication.c_str()});
+    outcome asked =
+        pgs_query(server, server.sql.get(), result,
+                  std::string("WITH t AS (SELECT c.* FROM ") + pgb_published +
+                      " p JOIN pg_class c ON c.oid = p.relid WHERE p.pubname = $1)"
+                      " SELECT p.puballtables, p.pubinsert, p.pubupdate, p.pubdelete,"
+                      " (to_jsonb(p) ->> 'pubviaroot')::bool,"
+                      " EXISTS (SELECT FROM t WHERE t.relispartition),"
+                      " to_jsonb(p) ->> 'pubgencols' = 'n' AND EXISTS (SELECT FROM t"
+                      " JOIN pg_attribute a ON a.attrelid = t.oid AND a.attgenerated = 's'"
+                      " WHERE t.relreplident = 'f')"
+                      " FROM pg_publication p WHERE p.pubname = $1",
+                  {server.publication.c_str()});
     if (!asked)
         return asked;
     pgk_server &found = report.found;

@@ -4,6 +4,7 @@
 #include "feed/postgresql/catalogue.h"
 #include "feed/postgresql/check_report.h"
 #include "feed/postgresql/identity.h"
+#include "feed/postgresql/published.h"
 #include "feed/postgresql/query.h"
 #include "feed/text.h"
 #include "fwutil/fwu_source_name.h"
@@ -16,13 +17,11 @@ constexpr int VERSION_WITH_GENERATED_COLUMNS = 180000; // where the publication 
 static std::string query_for(const pgk_report &report)
 {
     const int version = PQserverVersion(report.server.sql.get());
-    const std::string lists =
-        version >= VERSION_WITH_COLUMN_LISTS ? "p.attnames, p.rowfilter" : "NULL::name[], NULL";
-    const std::string published = "SELECT c.oid, " + lists +
-                                  " FROM pg_publication_tables p"
-                                  " JOIN pg_namespace n ON n.nspname = p.schemaname"
-                                  " JOIN pg_class c ON c.relnamespace = n.oid"
-                                  " AND c.relname = p.tablename WHERE p.pubname = $1";
+    const bool lists = version >= VERSION_WITH_COLUMN_LISTS;
+    const std::string published =
+        std::string("SELECT p.relid, ") + (lists ? pgb_published_names : "NULL::name[]") + ", " +
+        (lists ? pgb_published_filter : "NULL") + " FROM " + pgb_published + " p" +
+        (lists ? pgb_published_lists : "") + " WHERE p.pubname = $1";
     // Numbers below 16384 belong to the server's own.
     const std::string all =
         std::string("SELECT c.oid, NULL::name[], NULL FROM pg_class c"
@@ -33,7 +32,7 @@ static std::string query_for(const pgk_report &report)
     // That of --create=minimal.
     const std::string identified = std::string("WITH ") + pgb_all_tables +
                                    " SELECT oid, NULL::name[], NULL FROM t WHERE NOT is_part AND " +
-                                   pgb_identified_tables + " AND $1::text IS NOT NULL";
+                                   pgb_identified_tables() + " AND $1::text IS NOT NULL";
     const bool minimal = report.options.create && report.options.minimal;
     return "WITH t (id, columns, filter) AS (" +
            (report.found.publication ? published

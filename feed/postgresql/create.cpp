@@ -222,7 +222,7 @@ static outcome list_identified(pgs_server &server, std::string &list)
                              std::string("WITH ") + pgb_all_tables +
                                  " SELECT string_agg(oid::regclass::text, ', ' ORDER BY oid) FROM t"
                                  " WHERE NOT is_part AND " +
-                                 pgb_identified_tables);
+                                 pgb_identified_tables());
     if (done)
         list = pgs_value(rows, 0, 0);
     return done;

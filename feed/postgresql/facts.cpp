@@ -4,6 +4,7 @@
 // A transaction is also sent a moment before others see it, with a synchronous standby long before.
 #include "feed/postgresql/facts.h"
 
+#include "feed/postgresql/published.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -52,13 +53,11 @@ static const char query_tail[] =
 
 std::string pgf_query_published()
 {
-    return std::string("WITH RECURSIVE t AS (SELECT c.oid FROM pg_publication_tables p"
-                       " JOIN pg_namespace n ON n.nspname = p.schemaname"
-                       " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
-                       " WHERE p.pubname = $1),"
-                       " y AS (SELECT DISTINCT a.atttypid AS type, a.atttypmod AS modifier"
-                       " FROM t JOIN pg_attribute a ON a.attrelid = t.oid"
-                       " WHERE a.attnum > 0 AND NOT a.attisdropped)") +
+    return std::string("WITH RECURSIVE t AS (SELECT p.relid AS oid FROM ") + pgb_published +
+           " p WHERE p.pubname = $1),"
+           " y AS (SELECT DISTINCT a.atttypid AS type, a.atttypmod AS modifier"
+           " FROM t JOIN pg_attribute a ON a.attrelid = t.oid"
+           " WHERE a.attnum > 0 AND NOT a.attisdropped)" +
            query_tail;
 }
 

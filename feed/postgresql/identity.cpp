@@ -6,6 +6,7 @@
 #include "feed/postgresql/identity.h"
 
 #include "feed/policy.h"
+#include "feed/postgresql/published.h"
 #include "feed/table.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -25,15 +26,18 @@ const char pgb_all_tables[] =
     " WHERE (c.relkind = 'r' OR c.relkind = 'p' AND v.roots) AND c.relpersistence = 'p'"
     " AND c.oid >= 16384)";
 
-const char pgb_identified_tables[] =
-    "(CASE WHEN kind = 'r' THEN identified ELSE NOT EXISTS (SELECT FROM pg_partition_tree(oid) m"
-    " JOIN t l ON l.oid = m.relid WHERE NOT l.identified) END)";
+std::string pgb_identified_tables()
+{
+    return "(CASE WHEN kind = 'r' THEN identified ELSE NOT EXISTS (SELECT FROM " +
+           pgb_partition_tree("t.oid") +
+           " m JOIN t l ON l.oid = m.relid WHERE NOT l.identified) END)";
+}
 
-const char pgb_listed_tables[] =
-    "p AS (SELECT c.oid FROM pg_publication b JOIN pg_publication_tables q ON q.pubname = b.pubname"
-    " JOIN pg_namespace n ON n.nspname = q.schemaname"
-    " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = q.tablename"
-    " WHERE b.pubname = $1 AND NOT b.puballtables)";
+std::string pgb_listed_tables()
+{
+    return std::string("p AS (SELECT q.relid AS oid FROM pg_publication b JOIN ") + pgb_published +
+           " q ON q.publication = b.oid WHERE b.pubname = $1 AND NOT b.puballtables)";
+}
 
 std::string pgb_identity_expression(const std::string &table)
 {

@@ -17,11 +17,11 @@ extern const char pgb_all_tables[];
 
 // Which of them, no parts of others, a publication can have without a table being touched: a
 // condition on "t".
-extern const char pgb_identified_tables[];
+std::string pgb_identified_tables();
 
 // The members of publication $1's list of tables, as rows of "p": oid.  Empty for one of all
 // tables.
-extern const char pgb_listed_tables[];
+std::string pgb_listed_tables();
 
 // The command that gives a row of "t", here of this name, an identity, as an SQL expression.
 std::string pgb_identity_expression(const std::string &table);

@@ -4,6 +4,7 @@
 #include "feed/postgresql/piece_work.h"
 
 #include "feed/postgresql/key_order.h"
+#include "feed/postgresql/published.h"
 
 #include <algorithm>
 
@@ -143,17 +144,15 @@ static std::string named_tables(pgs_server &server, const std::vector<pgp_want> 
                   pgp_literal(server, wants[place].schema) + ", " +
                   pgp_literal(server, wants[place].table) + ")";
     // All that is published is looked at once.
-    return "WITH p AS MATERIALIZED (SELECT p.schemaname, p.tablename, " +
-           std::string(lists ? "p.rowfilter AS filter, p.attnames AS names"
-                             : "NULL AS filter, NULL::name[] AS names") +
-           " FROM pg_publication_tables p WHERE p.pubname = " +
-           pgp_literal(server, server.publication) +
-           "), t AS MATERIALIZED (SELECT v.place, c.oid, n.nspname AS schema, c.relname AS name,"
-           " c.relkind, c.relreplident, p.filter, p.names FROM (VALUES " +
-           values +
+    return "WITH p AS MATERIALIZED (SELECT * FROM " + std::string(pgb_published) +
+           " p WHERE p.pubname = " + pgp_literal(server, server.publication) +
+           "), t AS MATERIALIZED (SELECT v.place, c.oid, p.schemaname AS schema, c.relname AS name,"
+           " c.relkind, c.relreplident, " +
+           (lists ? pgb_published_filter : "NULL") + " AS filter, " +
+           (lists ? pgb_published_names : "NULL::name[]") + " AS names FROM (VALUES " + values +
            ") AS v (place, schema, name) JOIN p ON p.schemaname = v.schema::name"
-           " AND p.tablename = v.name::name JOIN pg_namespace n ON n.nspname = p.schemaname"
-           " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename) ";
+           " AND p.tablename = v.name::name JOIN pg_class c ON c.oid = p.relid" +
+           (lists ? pgb_published_lists : "") + ") ";
 }
 
 // "t": the tables that were found.

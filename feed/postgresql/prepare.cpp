@@ -6,6 +6,7 @@
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/create.h"
 #include "feed/postgresql/identity.h"
+#include "feed/postgresql/published.h"
 #include "feed/postgresql/query.h"
 #include "feed/table.h"
 #include "feed/text.h"
@@ -142,18 +143,18 @@ static outcome check_identities(const checks &on, bool refuses, bool before_crea
     const std::string of_all = "SELECT t.schema, t.name, t.oid FROM t WHERE NOT t.is_part AND "
                                "t.identified";
     const std::string of_publication =
-        "SELECT q.schemaname, q.tablename, c.oid FROM pg_publication b"
-        " JOIN pg_publication_tables q ON q.pubname = b.pubname"
-        " JOIN pg_namespace n ON n.nspname = q.schemaname"
-        " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = q.tablename"
-        " WHERE b.pubname = " +
-        pgs_literal(server.publication) + " AND (b.pubupdate OR b.pubdelete)";
+        std::string("SELECT q.schemaname, q.tablename, q.relid FROM pg_publication b JOIN ") +
+        pgb_published +
+        " q ON q.publication = b.oid WHERE b.pubname = " + pgs_literal(server.publication) +
+        " AND (b.pubupdate OR b.pubdelete)";
     outcome asked = pgs_query(
         server, server.sql.get(), result,
         std::string("WITH ") + pgb_all_tables + ", w (schema, name, oid) AS (" +
             (before_creation ? of_all : of_publication) +
             ") SELECT DISTINCT w.schema, w.name, l.oid::regclass::text FROM w"
-            " LEFT JOIN LATERAL pg_partition_tree(w.oid) m ON true"
+            " LEFT JOIN LATERAL " +
+            pgb_partition_tree("w.oid") +
+            " m ON true"
             " JOIN t l ON l.oid = coalesce(m.relid, w.oid) JOIN pg_class k ON k.oid = l.oid"
             " WHERE k.relreplident <> 'f'" +
             (before_creation ? " AND l.identified" : "") + " ORDER BY 1, 2, 3");

@@ -4,6 +4,7 @@
 #include "feed/postgresql/renamed.h"
 
 #include "feed/postgresql/ask.h"
+#include "feed/postgresql/published.h"
 #include "feed/postgresql/query.h"
 #include "feed/postgresql/standing.h"
 #include "fwutil/fwu_clock.h"
@@ -37,11 +38,8 @@ static bool stands_alone(const pga_registry &registry, uint32_t id)
 // position and the oldest transaction.
 static std::string look_query(const std::string &publication)
 {
-    return "WITH t AS (SELECT c.oid, c.relkind, p.schemaname, p.tablename"
-           " FROM pg_catalog.pg_publication_tables p"
-           " JOIN pg_catalog.pg_namespace n ON n.nspname = p.schemaname"
-           " JOIN pg_catalog.pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename"
-           " WHERE p.pubname = " +
+    return std::string("WITH t AS (SELECT c.oid, c.relkind, p.schemaname, p.tablename FROM ") +
+           pgb_published + " p JOIN pg_catalog.pg_class c ON c.oid = p.relid WHERE p.pubname = " +
            pgs_literal(publication) +
            "), r AS (SELECT 0 AS part, t.oid, t.schemaname, t.tablename,"
            " CASE WHEN t.relkind = 'p' THEN t.oid ELSE 0::oid END AS root, 0::oid AS node,"

@@ -2,32 +2,38 @@
 // table's rows are read.
 #include "feed/postgresql/resumable.h"
 
+#include "feed/postgresql/published.h"
 #include "feed/table.h"
 #include "fwutil/fwu_source_name.h"
 
 // A row for each table that there is: schema, name; the name as SQL writes it; whether it is
 // published; the published table it is a part of; whether parts of it are; whether it is in the
 // server's log; whether all tables are published; rows.
-static const char query_tail[] =
-    ", p AS MATERIALIZED (SELECT schemaname, tablename FROM pg_publication_tables"
-    " WHERE pubname = $1),"
-    " q AS MATERIALIZED (SELECT c.oid FROM p JOIN pg_namespace n ON n.nspname = p.schemaname"
-    " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = p.tablename)"
-    " SELECT w.schema, w.name, c.oid::regclass, c.oid IN (SELECT oid FROM q),"
-    " rn.nspname, rc.relname,"
-    " c.relkind = 'p' AND EXISTS (SELECT FROM pg_partition_tree(c.oid) m WHERE m.relid IN"
-    " (SELECT oid FROM q)), c.relkind IN ('r', 'p') AND c.relpersistence = 'p',"
-    " EXISTS (SELECT FROM pg_publication b WHERE b.pubname = $1 AND b.puballtables),"
-    " (SELECT CASE WHEN bool_and(l.reltuples > 0 OR pg_relation_size(l.oid) = 0)"
-    " THEN sum(greatest(l.reltuples, 0))::bigint ELSE -1 END"
-    " FROM (SELECT c.oid) AS o LEFT JOIN LATERAL pg_partition_tree(o.oid) m ON m.isleaf"
-    " JOIN pg_class l ON l.oid = coalesce(m.relid, o.oid))"
-    " FROM w JOIN pg_namespace n ON n.nspname = w.schema"
-    " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = w.name"
-    " LEFT JOIN LATERAL (SELECT a.relid FROM pg_partition_ancestors(c.oid) a (relid)"
-    " WHERE a.relid <> c.oid AND a.relid IN (SELECT oid FROM q) LIMIT 1) a ON true"
-    " LEFT JOIN pg_class rc ON rc.oid = a.relid"
-    " LEFT JOIN pg_namespace rn ON rn.oid = rc.relnamespace";
+static std::string query_tail()
+{
+    return std::string(", q AS MATERIALIZED (SELECT p.relid AS oid FROM ") + pgb_published +
+           " p WHERE p.pubname = $1)"
+           " SELECT w.schema, w.name, c.oid::regclass, c.oid IN (SELECT oid FROM q),"
+           " rn.nspname, rc.relname,"
+           " c.relkind = 'p' AND EXISTS (SELECT FROM " +
+           pgb_partition_tree("c.oid") +
+           " m WHERE m.relid IN"
+           " (SELECT oid FROM q)), c.relkind IN ('r', 'p') AND c.relpersistence = 'p',"
+           " EXISTS (SELECT FROM pg_publication b WHERE b.pubname = $1 AND b.puballtables),"
+           " (SELECT CASE WHEN bool_and(l.reltuples > 0 OR l.reltuples = 0 AND"
+           " current_setting('server_version_num')::integer >= 140000)" // 0 is "not known" before
+           " THEN sum(greatest(l.reltuples, 0))::bigint ELSE -1 END"
+           " FROM (SELECT c.oid) AS o LEFT JOIN LATERAL " +
+           pgb_partition_tree("o.oid") +
+           " m ON m.isleaf"
+           " JOIN pg_class l ON l.oid = coalesce(m.relid, o.oid))"
+           " FROM w JOIN pg_namespace n ON n.nspname = w.schema"
+           " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = w.name"
+           " LEFT JOIN LATERAL (SELECT a.relid FROM pg_partition_ancestors(c.oid) a (relid)"
+           " WHERE a.relid <> c.oid AND a.relid IN (SELECT oid FROM q) LIMIT 1) a ON true"
+           " LEFT JOIN pg_class rc ON rc.oid = a.relid"
+           " LEFT JOIN pg_namespace rn ON rn.oid = rc.relnamespace";
+}
 
 std::string pgr_query(std::span<const std::string> names, const std::string &publication)
 {
@@ -38,7 +44,7 @@ std::string pgr_query(std::span<const std::string> names, const std::string &pub
             values += (values.empty() ? "(" : ", (") + pgs_literal(parts[0]) + ", " +
                       pgs_literal(parts[1]) + ")";
     }
-    std::string tail = query_tail;
+    std::string tail = query_tail();
     for (size_t at; (at = tail.find("$1")) != tail.npos;)
         tail.replace(at, 2, pgs_literal(publication));
     return "WITH w (schema, name) AS (VALUES " + values + ")" + tail;

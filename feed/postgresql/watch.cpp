@@ -3,6 +3,7 @@
 
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/identity.h"
+#include "feed/postgresql/published.h"
 #include "feed/table.h"
 #include "fwutil/fwu_source_name.h"
 
@@ -12,7 +13,7 @@
 std::string pgb_watch_query()
 {
     const std::string command = "E'\\n  ' || " + pgb_identity_expression("l") + " || ';'";
-    return std::string("WITH ") + pgb_all_tables + ", " + pgb_listed_tables +
+    return std::string("WITH ") + pgb_all_tables + ", " + pgb_listed_tables() +
            ", b AS (SELECT puballtables, pubupdate OR pubdelete AS changes,"
            " coalesce(to_jsonb(q) ->> 'pubgencols', 's') <> 's' AS lacks_generated"
            " FROM pg_publication q WHERE pubname = $1)"
@@ -20,12 +21,14 @@ std::string pgb_watch_query()
            " THEN (SELECT " +
            command +
            " FROM (SELECT t.oid, t.unsent) l WHERE NOT t.identified) ELSE (SELECT string_agg(" +
-           command +
-           ", '' ORDER BY m.level, l.oid) FROM pg_partition_tree(t.oid) m JOIN t l"
+           command + ", '' ORDER BY m.level, l.oid) FROM " + pgb_partition_tree("t.oid") +
+           " m JOIN t l"
            " ON l.oid = m.relid WHERE NOT l.identified) END FROM t"
            " WHERE NOT is_part AND EXISTS (SELECT FROM b WHERE NOT puballtables)"
            " AND oid NOT IN (SELECT oid FROM p) AND NOT (kind = 'p' AND EXISTS (SELECT FROM"
-           " pg_partition_tree(t.oid) m WHERE m.relid IN (SELECT oid FROM p)))"
+           " " +
+           pgb_partition_tree("t.oid") +
+           " m WHERE m.relid IN (SELECT oid FROM p)))"
            " UNION ALL"
            " SELECT 'i', schema, name, oid::regclass, CASE WHEN identified"
            " THEN E'\\n  ALTER PUBLICATION ' || quote_ident($1) ||"

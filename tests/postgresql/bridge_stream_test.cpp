@@ -65,6 +65,30 @@ TEST_F(BridgeStreamTest, ASnapshotCutShortGoesOn)
     expect_log_equals_tables();
 }
 
+// Nor a part of one.
+TEST_F(BridgeStreamTest, ALockedTableHoldsNoOtherOneUp)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("CREATE TABLE load.locked (id integer PRIMARY KEY);"
+        "CREATE TABLE load.days (id integer PRIMARY KEY) PARTITION BY RANGE (id);"
+        "CREATE TABLE load.monday PARTITION OF load.days FOR VALUES FROM (0) TO (9)");
+    pg_client lock = connect();
+    lock.run("BEGIN; LOCK TABLE load.locked, load.monday IN ACCESS EXCLUSIVE MODE");
+    start_bridge({"--create", "--snapshot"});
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    insert(1, 1);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
+    background command;
+    command.start({KESTRO_BUILD_DIR "/bin/fwlog", "postgresql", "-cfg", "fwutil.cfg", "--resume",
+                   "load.locked", "--resume", "load.days", "--resume", "load.ledger"},
+                  options, dir.file("command"));
+    ASSERT_TRUE(poll_until([&] { return logged("truncate LOAD.LEDGER"); })) << bridge.err();
+    insert(2, 2);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(2));
+    lock.run("COMMIT");
+    EXPECT_EQ(command.wait(), 0) << command.err() << bridge.err();
+}
+
 TEST_F(BridgeStreamTest, WithoutSnapshotTheLogBeginsWithTheSlot)
 {
     insert(1, 3);
