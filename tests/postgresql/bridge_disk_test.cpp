@@ -2,6 +2,7 @@
 #include "tests/postgresql/bridge_fixture.h"
 
 using testing::HasSubstr;
+using testing::Not;
 
 class BridgeDiskTest : public BridgeTest {
   protected:
@@ -21,6 +22,17 @@ class BridgeDiskTest : public BridgeTest {
             "FROM generate_series(1, " +
             std::to_string(rows) + ") g");
     }
+
+    // A limit of the size of files instead of a disk: the signal for it is ignored, so that
+    // writes fail.
+    run_result run_without_room(const std::vector<std::string> &more) const
+    {
+        std::vector<std::string> argv = {
+            "sh", "-c", "trap '' XFSZ; ulimit -f 200; exec timeout 60 \"$@\"", "sh"};
+        for (const std::string &word : bridge_argv(more))
+            argv.push_back(word);
+        return run_program(argv, options);
+    }
 };
 
 TEST_F(BridgeDiskTest, AFullDiskStopsItAndTheNextRunGoesOn)
@@ -30,13 +42,7 @@ TEST_F(BridgeDiskTest, AFullDiskStopsItAndTheNextRunGoesOn)
     sql("DELETE FROM load.ledger");
     insert(2000);
     sql("UPDATE load.ledger SET client = 1");
-    // A limit of the size of files instead of a disk: the signal for it is ignored, so
-    // that writes fail.
-    std::vector<std::string> argv = {"sh", "-c",
-                                     "trap '' XFSZ; ulimit -f 200; exec timeout 60 \"$@\"", "sh"};
-    for (const std::string &word : bridge_argv({"--once"}))
-        argv.push_back(word);
-    const run_result full = run_program(argv, options);
+    const run_result full = run_without_room({"--once"});
     EXPECT_EQ(full.status, 1);
     EXPECT_THAT(full.err, HasSubstr("File too large"));
     EXPECT_EQ(fwlog({"verify"}).status, 0);
@@ -44,5 +50,19 @@ TEST_F(BridgeDiskTest, AFullDiskStopsItAndTheNextRunGoesOn)
     const run_result rest = catch_up();
     EXPECT_EQ(rest.status, 0) << rest.err;
     EXPECT_EQ(occurrences(dump(), " commit "), 4);
+    expect_log_equals_tables();
+}
+
+// What is told is in the log.
+TEST_F(BridgeDiskTest, ATableIsToldToBeTakenInOnceTheLogHasIt)
+{
+    insert(2000);
+    const run_result full = run_without_room({"--once", "--snapshot", "-v"});
+    EXPECT_EQ(full.status, 1);
+    EXPECT_THAT(full.err, HasSubstr("File too large"));
+    EXPECT_THAT(full.err, Not(HasSubstr("is taken in")));
+    const run_result rest = catch_up({"-v"});
+    EXPECT_EQ(rest.status, 0) << rest.err;
+    EXPECT_THAT(rest.err, HasSubstr("load.ledger is taken in (snapshot): 2000 rows\n"));
     expect_log_equals_tables();
 }
