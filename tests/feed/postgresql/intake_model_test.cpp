@@ -397,7 +397,7 @@ class IntakeModel : public testing::TestWithParam<unsigned> {
             const pga_record *const record = taking(table);
             if (record == nullptr || model.below(4) == 0)
                 continue;
-            pgp_part part = part_of(table, *record, static_cast<size_t>(1 + model.below(12)));
+            pgp_part part = part_of(table, *record, 1 + static_cast<size_t>(model.below(12)));
             intake.part_of[part.relation.id] = intake.piece.parts.size();
             intake.wants.push_back({.schema = "app", .table = tables[table].name});
             intake.piece.parts.push_back(std::move(part));
