@@ -272,8 +272,28 @@ TEST_F(IntakeCasesTest, WhatAPieceDoesNotSeeComesBehindItInTheOrderOfTheServer)
     EXPECT_GE(occurrences(dump(), "snapshot="), 2) << "in pieces";
 }
 
-// Statements that change thousands of rows, between those that change single ones and other
-// tables; truncates and moves to other keys with them.
+// More changes than are asked for at once, of which more may have to be kept than there is room
+// for, and one that is longer than all of them.
+TEST_F(IntakeCasesTest, ManyAndLongChangesInTheOrderOfTheServer)
+{
+    ASSERT_NO_FATAL_FAILURE(make_table("interval", "make_interval(mins => g)"));
+    sql("CREATE TABLE load.other (id integer PRIMARY KEY, n integer)");
+    ASSERT_NO_FATAL_FAILURE(hold_until_read(
+        "BEGIN; UPDATE load.t SET n = 3; INSERT INTO load.other VALUES (777, 1); UPDATE load.t SET"
+        " n = 4; INSERT INTO load.t VALUES ('30 s', 0, repeat('long', 2500000));"
+        "UPDATE load.t SET id = '-30 s' WHERE id = '30 s'; DELETE FROM load.t WHERE id = '-30 s';"
+        "UPDATE load.t SET n = 5 WHERE id < '5000 min'; COMMIT"));
+    const std::string end = value("SELECT pg_current_wal_lsn()");
+    EXPECT_TRUE(poll_until([&] {
+        return value("SELECT '" + status_member("received_lsn") + "'::pg_lsn >= '" + end + "'") ==
+               "t";
+    })) << bridge.err();
+    let_commits_wait(false);
+    ASSERT_NO_FATAL_FAILURE(finish_copy());
+}
+
+// Changes of single rows and of a range of them, between those of other tables, and moves to other
+// keys.
 static const char ordered_sql[] =
     "CREATE TYPE load.mood AS ENUM ('low', 'high', 'mid');"
     "CREATE TABLE load.words (mood load.mood, id text COLLATE %, n integer, body text,"
