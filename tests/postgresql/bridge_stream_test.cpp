@@ -72,6 +72,7 @@ TEST_F(BridgeStreamTest, ALockedTableHoldsNoOtherOneUp)
     sql("CREATE TABLE load.locked (id integer PRIMARY KEY);"
         "CREATE TABLE load.days (id integer PRIMARY KEY) PARTITION BY RANGE (id);"
         "CREATE TABLE load.monday PARTITION OF load.days FOR VALUES FROM (0) TO (9)");
+    const std::string days = server_version() < 13 ? "load.monday" : "load.days";
     pg_client lock = connect();
     lock.run("BEGIN; LOCK TABLE load.locked, load.monday IN ACCESS EXCLUSIVE MODE");
     start_bridge({"--create", "--snapshot"});
@@ -80,7 +81,7 @@ TEST_F(BridgeStreamTest, ALockedTableHoldsNoOtherOneUp)
     ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
     background command;
     command.start({KESTRO_BUILD_DIR "/bin/fwlog", "postgresql", "-cfg", "fwutil.cfg", "--resume",
-                   "load.locked", "--resume", "load.days", "--resume", "load.ledger"},
+                   "load.locked", "--resume", days, "--resume", "load.ledger"},
                   options, dir.file("command"));
     ASSERT_TRUE(poll_until([&] { return logged("truncate LOAD.LEDGER"); })) << bridge.err();
     insert(2, 2);
