@@ -1,5 +1,5 @@
-// Collecting a transaction.  The spill file has no name, so nothing is left
-// behind whatever happens to the writer.
+// Collecting a transaction: what has been spilled stands in front of what is in memory, and nothing
+// is changed that was spilled.
 #include "fwutil/fwu_txn.h"
 
 #include "fwutil/fwu_crc32c.h"
@@ -7,9 +7,7 @@
 #include "fwutil/fwu_file.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 constexpr size_t COPY_SIZE = 1024 * 1024;
 
@@ -21,8 +19,7 @@ void fwu_txn_begin(fwu_txn &txn, int32_t first_tag)
 
 void fwu_txn_end(fwu_txn &txn)
 {
-    if (txn.spill_fd >= 0)
-        close(txn.spill_fd);
+    fwu_spill_end(txn.spill);
     std::vector<unsigned char> entries = std::move(txn.entries);
     entries.clear();
     if (entries.capacity() > FWU_TXN_SPILL_SIZE)
@@ -33,18 +30,8 @@ void fwu_txn_end(fwu_txn &txn)
 
 static int spill(fwu_txn &txn, const std::string &directory)
 {
-    if (txn.spill_fd < 0) {
-        std::string name = directory + "/spill-XXXXXX";
-        txn.spill_fd = mkostemp(name.data(), 0);
-        if (txn.spill_fd < 0)
-            return fwu_error("%s: cannot create a spill file for a large transaction: %s",
-                             name.c_str(), strerror(errno));
-        (void)unlink(name.c_str()); // a name left behind does no harm
-    }
-    if (fwu_write_all(txn.spill_fd, txn.entries.data(), txn.entries.size(), txn.spilled) != 0)
-        return fwu_error("%s: cannot write to the spill file of a large transaction: %s",
-                         directory.c_str(), strerror(errno));
-    txn.spilled += static_cast<int64_t>(txn.entries.size());
+    if (fwu_spill_add(txn.spill, directory, txn.entries.data(), txn.entries.size()) != 0)
+        return -1;
     txn.entries.clear();
     txn.counted = 0;
     return 0;
@@ -67,19 +54,17 @@ int fwu_txn_added(fwu_txn &txn, const std::string &directory)
 
 int fwu_txn_write(fwu_txn &txn, int fd, const std::string &path, int64_t offset)
 {
-    std::vector<unsigned char> copy(txn.spilled > 0 ? COPY_SIZE : 0);
-    for (int64_t at = 0; at < txn.spilled;) {
-        const ssize_t n = pread(txn.spill_fd, copy.data(), copy.size(), at);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return fwu_error("%s: cannot read back the spill file of a large transaction: %s",
-                             path.c_str(), n < 0 ? strerror(errno) : "it has become shorter");
+    const int64_t spilled = txn.spill.size;
+    std::vector<unsigned char> copy(spilled > 0 ? COPY_SIZE : 0);
+    for (int64_t at = 0; at < spilled;) {
+        const ssize_t n = fwu_spill_read(txn.spill, at, copy.data(), copy.size(), path);
+        if (n < 0)
+            return -1;
         if (fwu_write_all(fd, copy.data(), static_cast<size_t>(n), offset + at) != 0)
             return fwu_error("%s: cannot write to the log file: %s", path.c_str(), strerror(errno));
         at += n;
     }
-    if (fwu_write_all(fd, txn.entries.data(), txn.entries.size(), offset + txn.spilled) != 0)
+    if (fwu_write_all(fd, txn.entries.data(), txn.entries.size(), offset + spilled) != 0)
         return fwu_error("%s: cannot write to the log file: %s", path.c_str(), strerror(errno));
     return 0;
 }

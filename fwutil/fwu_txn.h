@@ -4,6 +4,7 @@
 #define FWUTIL_FWU_TXN_H
 
 #include "fwutil/fwu_entry.h"
+#include "fwutil/fwu_spill.h"
 
 #include <cstdint>
 #include <string>
@@ -14,11 +15,10 @@ constexpr size_t FWU_TXN_SPILL_SIZE = 8 * 1024 * 1024; // bytes kept in memory
 struct fwu_txn {
     std::vector<unsigned char> entries; // behind what is spilled
     size_t counted = 0;                 // bytes of entries in count and chain already
-    int spill_fd = -1;                  // unlinked file; -1: nothing spilled
-    int64_t spilled = 0;                // bytes in it
-    uint32_t count = 0;                 // entries
-    uint32_t chain = 0;                 // CRC over their CRC words
-    int32_t tag = 0;                    // tag of the last entry
+    fwu_spill spill = {.of = "a large transaction"};
+    uint32_t count = 0; // entries
+    uint32_t chain = 0; // CRC over their CRC words
+    int32_t tag = 0;    // tag of the last entry
 };
 
 // Begins anew, the first entry gets first_tag.

@@ -377,12 +377,12 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     entry.entries = w.txn.count;
     entry.chain = w.txn.chain;
     fwu_entry_put_commit(w.txn.entries, w.txn.tag + 1, entry, w.log.header,
-                         w.log.end + w.txn.spilled + static_cast<int64_t>(w.txn.entries.size()));
+                         w.log.end + w.txn.spill.size + static_cast<int64_t>(w.txn.entries.size()));
     if (fwu_txn_write(w.txn, w.log.fd, w.log.file.path, w.log.end) != 0) {
         (void)fwu_log_end_cut_tail(w.log); // reported, and tried again before the next transaction
         return -1;
     }
-    w.log.end += w.txn.spilled + static_cast<int64_t>(w.txn.entries.size());
+    w.log.end += w.txn.spill.size + static_cast<int64_t>(w.txn.entries.size());
     w.log.last_tag = w.txn.tag + 1;
     w.log.last_recnum = w.recnum;
     w.log.last = commit;
