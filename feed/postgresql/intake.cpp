@@ -6,8 +6,6 @@
 
 #include <algorithm>
 
-constexpr size_t KEPT_MAX = 8 * 1024 * 1024; // bytes of changes kept beside a piece
-
 // What becomes of a side.
 enum fate {
     FATE_LOG,
@@ -19,8 +17,7 @@ void pgi_drop_piece(pgi_intake &intake)
 {
     intake.in_hand = false;
     intake.part_of.clear();
-    intake.kept.clear();
-    intake.kept_bytes = 0;
+    pgi_spool_end(intake.kept);
 }
 
 void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry &registry,
@@ -43,11 +40,18 @@ void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry
         const pgp_want &want = intake.wants[intake.piece.parts[part.second].want];
         return want.schema == table->schema && want.table == table->table;
     });
+    if (pgi_holds(intake, table->schema, table->table))
+        pgi_drop_held(intake);
 }
 
 void pgi_judge(pgi_intake &intake, const feed_transaction &tx)
 {
     const auto xid = static_cast<uint32_t>(tx.commit.xid); // as the stream gave it
+    pgi_held &held = intake.held;
+    if (pgi_holds(intake) && held.judged != xid) {
+        held.judged = xid;
+        held.has_judged = pgf_has_transaction(held.piece.snapshot, xid);
+    }
     if (intake.judged == xid)
         return;
     intake.judged = xid;
@@ -67,8 +71,9 @@ static void note_passed(pgi_intake &intake)
 
 // How the rows of a table are told apart.
 struct yardstick {
-    const pgp_part *part = nullptr; // in hand; null: only what was reached counts
+    const pgp_part *part = nullptr; // in hand, or held; null: only what was reached counts
     const pga_record &record;
+    bool has = false; // the part has the transaction in hand; null: what was seen last
     pgp_order order = {};
     pgi_sides told = {}; // by the server
 };
@@ -81,8 +86,7 @@ static bool rests_on_server(const yardstick &by)
 }
 
 // told: where the row stands as the server says.  False: the row's key is not known.
-static bool find_fate(fate &found, const pgi_intake &intake, const yardstick &by,
-                      const pgo_tuple &row, pgp_side told)
+static bool find_fate(fate &found, const yardstick &by, const pgo_tuple &row, pgp_side told)
 {
     std::vector<std::string_view> key;
     if (!pgp_key_of(key, by.order, row))
@@ -96,7 +100,7 @@ static bool find_fate(fate &found, const pgi_intake &intake, const yardstick &by
         found = FATE_LOG;
         return true;
     case PGP_PIECE:
-        found = intake.has_judged ? FATE_PASS : FATE_KEEP;
+        found = by.has ? FATE_PASS : FATE_KEEP;
         return true;
     case PGP_LATER:
         found = FATE_PASS;
@@ -125,34 +129,43 @@ static bool is_complete(const pgo_tuple &row)
 
 // Of an update that brought no old row the key is the same in it, where the key is part of what
 // identifies rows; else nobody knows.
-static bool find_fates(fate &old, fate &fresh, const pgi_intake &intake, const yardstick &by,
-                       const pgb_relations &relations, const pgb_relation &relation,
-                       const pgo_message &message)
+static bool find_fates(fate &old, fate &fresh, const yardstick &by, const pgb_relations &relations,
+                       const pgb_relation &relation, const pgo_message &message)
 {
-    if (message.kind != 'D' && !find_fate(fresh, intake, by, message.new_row, by.told.fresh))
+    if (message.kind != 'D' && !find_fate(fresh, by, message.new_row, by.told.fresh))
         return false;
     if (message.kind == 'I')
         return true;
     if (message.old_row.kind != 0)
-        return find_fate(old, intake, by, message.old_row, by.told.old);
+        return find_fate(old, by, message.old_row, by.told.old);
     old = fresh;
     return std::all_of(by.order.columns.begin(), by.order.columns.end(),
                        [&](size_t column) { return pgb_stays(relation, relations, column); });
 }
 
-static void keep(pgi_intake &intake, std::string_view bytes, pgb_sides sides)
+// What is too much beside a piece makes it be read again; a held table then has the stream wait.
+static outcome keep(pgi_intake &intake, const pgb_relations &relations, bool held,
+                    std::string_view bytes, pgb_sides sides)
 {
-    intake.kept.push_back({.bytes = std::string(bytes), .sides = sides});
-    intake.kept_bytes += bytes.size();
-    if (intake.kept_bytes > KEPT_MAX)
+    pgi_spool &kept = held ? intake.held.kept : intake.kept;
+    outcome done = pgi_spool_add(kept, relations.tables.config->log_directory, bytes, sides);
+    if (!held && pgi_spool_size(kept) > PGI_SPOOL_MAX)
         pgi_drop_piece(intake);
+    return done;
 }
 
 const pgp_part *pgi_find_part(const pgi_intake &intake, uint32_t id)
 {
+    if (intake.held.part_of.contains(id))
+        return &intake.held.piece.parts.front();
     const auto found = intake.part_of.find(id);
     return intake.in_hand && found != intake.part_of.end() ? &intake.piece.parts[found->second]
                                                            : nullptr;
+}
+
+bool pgi_has(const pgi_intake &intake, uint32_t id)
+{
+    return intake.held.part_of.contains(id) ? intake.held.has_judged : intake.has_judged;
 }
 
 // Of the old rows that come now, the server sends another key than the rows are read by.
@@ -178,13 +191,16 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
     pgi_judge(intake, tx);
     const std::string &name = relation.table->name;
     const pga_record *const record = pga_find(relations.aside, name);
-    yardstick by = {.part = pgi_find_part(intake, relation.told.id), .record = *record};
+    const bool held = intake.held.part_of.contains(relation.told.id);
+    yardstick by = {.part = pgi_find_part(intake, relation.told.id),
+                    .record = *record,
+                    .has = pgi_has(intake, relation.told.id)};
     if (intake.sides != nullptr)
         by.told = *intake.sides;
     const bool nothing_taken = by.part != nullptr ? by.part->from.empty() : record->reached.empty();
     fate old = FATE_PASS;
     fate fresh = FATE_PASS;
-    if (nothing_taken && (by.part == nullptr || intake.has_judged)) {
+    if (nothing_taken && (by.part == nullptr || by.has)) {
         // No row of it is in the log, and a piece will have it, or has it.
     } else if (by.part != nullptr && by.part->key.empty()) {
         old = fresh = FATE_KEEP;
@@ -196,7 +212,7 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
         pgi_begin_anew(intake, tx, relations.aside, name);
     } else {
         pgi_complete(message);
-        if (!find_fates(old, fresh, intake, by, relations, relation, message))
+        if (!find_fates(old, fresh, by, relations, relation, message))
             return outcome_bad(pgb_no_old_row_text(relation, relations));
     }
     if (message.kind == 'I')
@@ -209,10 +225,11 @@ outcome pgi_sort(pgb_sides &now, pgi_intake &intake, const feed_transaction &tx,
         old = fresh = FATE_PASS;
     }
     note_passed(intake);
-    if (old == FATE_KEEP || fresh == FATE_KEEP)
-        keep(intake, bytes, {.old = old == FATE_KEEP, .fresh = fresh == FATE_KEEP});
     now = {.old = old == FATE_LOG, .fresh = fresh == FATE_LOG};
-    return {};
+    if (old != FATE_KEEP && fresh != FATE_KEEP)
+        return {};
+    return keep(intake, relations, held, bytes,
+                {.old = old == FATE_KEEP, .fresh = fresh == FATE_KEEP});
 }
 
 bool pgi_is_truncated(const pga_record &record)

@@ -14,6 +14,11 @@
 // stream has passed high, as one transaction of position high - 7, which is free: positions of the
 // server's commits are multiples of 8.  A table's standing says how far it has come, and goes with
 // that transaction.  Whatever ends a run before, the piece is read again.
+//
+// A table whose rows have no order here, and are too many for a piece, is held: one snapshot of it
+// stays open, its rows are logged bit by bit between the changes of the others, in any order, and
+// all changes of it that the snapshot does not have are logged behind the last of them.  Whatever
+// ends that before begins the table anew.
 #ifndef FEED_POSTGRESQL_INTAKE_H
 #define FEED_POSTGRESQL_INTAKE_H
 
@@ -21,6 +26,7 @@
 #include "feed/postgresql/piece.h"
 #include "feed/postgresql/relations.h"
 #include "feed/postgresql/server.h"
+#include "feed/postgresql/spool.h"
 #include "feed/postgresql/state.h"
 #include "feed/transaction.h"
 
@@ -37,10 +43,21 @@
 // behind it for gap marks.
 constexpr uint64_t PGI_BELOW_HIGH = 7;
 
-// A change that belongs behind the piece's rows.
-struct pgi_kept {
-    std::string bytes; // of its message
-    pgb_sides sides;
+// The table that is held.
+struct pgi_held {
+    pgp_piece piece;                              // direct; without parts: none is
+    std::vector<pgp_want> wants;                  // the one table
+    std::unordered_map<uint32_t, size_t> part_of; // by OID: its part
+    pgi_spool kept;                               // changes that belong behind its rows
+    uint32_t judged = 0;                          // transaction looked for last, 0: none
+    bool has_judged = false;                      // ... which the snapshot has
+    pgp_came came = PGP_NOT_YET;                  // at the last look for rows
+    bool begun = false;                           // rows of it are in the log
+    int64_t again_ms = 0;                         // rows are not looked for before, monotonic
+    int64_t go_on_ms = 0;                         // nor is the server's log made to go on
+    int64_t begun_ms = 0;                         // when the snapshot was taken
+    int64_t logged_ms = 0;                        // ... and when rows were logged last, or begun_ms
+    std::set<std::string> waiting;                // tables that are to be held, too
 };
 
 // Where the rows of a change stand, as the server says.
@@ -56,8 +73,8 @@ struct pgi_intake {
     pgp_piece piece;
     std::vector<pgp_want> wants;                  // what it was asked for
     std::unordered_map<uint32_t, size_t> part_of; // by OID: parts that count
-    std::vector<pgi_kept> kept;
-    size_t kept_bytes = 0;
+    pgi_spool kept;                               // changes that belong behind its rows
+    pgi_held held;
 
     // Where rows stand that the server orders.
     pgs_server *server = nullptr;      // that is asked
@@ -137,15 +154,41 @@ outcome pgi_log_piece(pgi_intake &intake, const pgi_place &on);
 // Forgets the piece in hand; it will be read again.
 void pgi_drop_piece(pgi_intake &intake);
 
+// Holds the table of a direct piece that was read just now; what else the piece has stays.
+void pgi_hold(pgi_intake &intake);
+
+// Whether a table is held, and this one.
+bool pgi_holds(const pgi_intake &intake);
+bool pgi_holds(const pgi_intake &intake, const std::string &schema, const std::string &table);
+
+// Reads rows of the held table and logs them, when it is time for that.
+outcome pgi_pass_held(pgi_intake &intake, const pgi_place &on, uint64_t position);
+
+// Logs the rows of the held table that are at hand, behind position; waits: all that it has, which
+// the stream waits for.  False goes to whole when what was read of it does not count, and why to
+// later.
+outcome pgi_log_held(bool &whole, std::string &later, pgi_intake &intake, const pgi_place &on,
+                     uint64_t position, bool waits);
+
+// Forgets the held table; it begins anew.
+void pgi_drop_held(pgi_intake &intake);
+
+// What cannot be read now is tried again soon; that is told when it takes long.
+void pgi_wait_for(pgi_intake &intake, const pgi_place &on, int64_t since_ms,
+                  const std::string &why);
+
 // Begins a table from its first row on.
 void pgi_begin_anew(pgi_intake &intake, const feed_transaction &tx, pga_registry &registry,
                     const std::string &name);
 
-// Looks whether the last snapshot has the transaction in hand.
+// Looks whether the last snapshot has the transaction in hand, and that of the held table.
 void pgi_judge(pgi_intake &intake, const feed_transaction &tx);
 
-// The part in hand that has a table's range; null: none.
+// The part in hand, or held, that has a table's range; null: none.
 const pgp_part *pgi_find_part(const pgi_intake &intake, uint32_t id);
+
+// Whether its snapshot has the transaction that was looked for; where there is none, the last one.
+bool pgi_has(const pgi_intake &intake, uint32_t id);
 
 // Takes values that an update did not send again from its old row, as far as that has them.
 void pgi_complete(pgo_message &message);

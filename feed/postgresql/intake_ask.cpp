@@ -29,7 +29,7 @@ bool pgi_has_to_ask(pgi_intake &intake, const feed_transaction &tx, pgb_relation
     // All that the snapshot has stands in the rows of the piece, or comes later.
     if (part == nullptr || !part->from.empty())
         return !(part != nullptr ? part->from : record.reached).empty();
-    return !part->ends && !intake.has_judged;
+    return !part->ends && !pgi_has(intake, relation.told.id);
 }
 
 // False: its key has changed.
@@ -41,7 +41,7 @@ static bool begin_question(question &asked, const pgi_intake &intake, const pgb_
     if (!pgp_find_order(order, relation.told, part != nullptr ? part->key : record.key))
         return false;
     asked.range = pgp_range_behind(order, part != nullptr ? part->from : record.reached);
-    if (part != nullptr && !intake.has_judged)
+    if (part != nullptr && !pgi_has(intake, relation.told.id))
         asked.range = pgp_range_of(*part);
     return true;
 }

@@ -27,6 +27,7 @@ constexpr int64_t PAUSES = 5; // at least so many times as long as an attempt to
 void pgi_open(pgi_intake &intake)
 {
     pgi_drop_piece(intake);
+    pgi_drop_held(intake);
     intake.piece = {};
     intake.gathered.clear();
     intake.gathered_bytes = 0;
@@ -81,10 +82,14 @@ bool pgi_busy(pgi_intake &intake, const pga_registry &registry)
 
 int pgi_due_in(pgi_intake &intake, const pga_registry &registry)
 {
-    if (intake.in_hand || !pgi_busy(intake, registry))
+    const bool held = pgi_holds(intake);
+    if ((intake.in_hand && !held) || !pgi_busy(intake, registry))
         return -1;
-    return static_cast<int>(
-        std::clamp<int64_t>(intake.again_ms - fwu_monotonic_ms(), 0, PAUSE_MAX_MS));
+    int64_t due = intake.in_hand ? INT64_MAX : intake.again_ms;
+    if (held)
+        due = std::min(due, intake.held.came == PGP_NOT_YET ? intake.held.again_ms
+                                                            : intake.held.go_on_ms);
+    return static_cast<int>(std::clamp<int64_t>(due - fwu_monotonic_ms(), 0, PAUSE_MAX_MS));
 }
 
 // Which transactions may have come in the stream, and are not seen by others yet.
@@ -118,9 +123,7 @@ static outcome look_before(pgi_intake &intake, pgs_server &server)
     return asked;
 }
 
-// What cannot be read now is tried again soon; that is told when it takes long.
-static void wait_for(pgi_intake &intake, const pgi_place &on, int64_t since_ms,
-                     const std::string &why)
+void pgi_wait_for(pgi_intake &intake, const pgi_place &on, int64_t since_ms, const std::string &why)
 {
     const int64_t now = fwu_monotonic_ms();
     intake.again_ms = now + std::clamp(PAUSES * (now - since_ms), PAUSE_MIN_MS, PAUSE_MAX_MS);
@@ -143,14 +146,16 @@ static std::vector<pgp_want> next_wants(const pgi_intake &intake, const pga_regi
         const pga_record &record = *pga_find(registry, *name);
         const auto holder = registry.holders.find(*name);
         const auto anew = intake.anew.find(*name);
-        wants.push_back(
-            {.schema = table.schema,
-             .table = table.table,
-             .key = record.key,
-             .reached = record.reached,
-             .id = holder == registry.holders.end() || record.reached.empty() ? 0 : holder->second,
-             .shape = record.shape,
-             .whole = anew != intake.anew.end() && anew->second >= ANEW_MAX});
+        if (!pgi_holds(intake, table.schema, table.table) && !intake.held.waiting.contains(*name))
+            wants.push_back({.schema = table.schema,
+                             .table = table.table,
+                             .key = record.key,
+                             .reached = record.reached,
+                             .id = holder == registry.holders.end() || record.reached.empty()
+                                       ? 0
+                                       : holder->second,
+                             .shape = record.shape,
+                             .whole = anew != intake.anew.end() && anew->second >= ANEW_MAX});
         if (++name == intake.names.end())
             name = intake.names.begin();
     }
@@ -173,11 +178,18 @@ static void take_piece(pgi_intake &intake, const pgi_place &on)
         const std::string name = fwu_source_name(want.schema, want.table);
         if (pga_table *const table = pga_find_table(registry, name))
             table->estimate = part.estimate;
-        if (part.anew) // what was logged is no measure for what comes meanwhile
+        // What was logged is no measure for what comes meanwhile; a table that was held is begun
+        // anew though nothing was reached.
+        const bool counts = part.refused.empty() && !part.gone;
+        const pga_record *const record = pga_find(registry, name);
+        const bool was_held = record != nullptr && record->reached.empty() && record->rows != 0;
+        if (part.anew || (counts && was_held))
             pgi_begin_anew(intake, on.tx, registry, name);
-        if (part.refused.empty() && !part.gone)
+        if (counts)
             intake.part_of[part.relation.id] = i;
     }
+    if (intake.piece.direct)
+        pgi_hold(intake);
 }
 
 static outcome read_piece(pgi_intake &intake, const pgi_place &on)
@@ -189,18 +201,25 @@ static outcome read_piece(pgi_intake &intake, const pgi_place &on)
     passed.insert(passed.end(), intake.before.begin(), intake.before.end());
     std::string later;
     intake.wants = next_wants(intake, on.relations.aside);
+    if (intake.wants.empty()) { // all that is left waits for the table that is held
+        intake.again_ms = now + PAUSE_MIN_MS;
+        return {};
+    }
     const bool converts = on.server.texts == nullptr;
-    outcome done = pgp_read(intake.piece, on.server, intake.wants, passed, later);
+    outcome done = pgp_read(intake.piece, on.server, intake.wants, passed, later,
+                            {.direct = !pgi_holds(intake)});
     if (done && converts && on.server.texts != nullptr)
         return pgs_lost(on.server, later); // the stream's texts, too, are to come as they are
     if (!done)
         return done;
+    for (const size_t left : intake.piece.left)
+        intake.held.waiting.insert(
+            fwu_source_name(intake.wants[left].schema, intake.wants[left].table));
     // Positions have to differ: nothing was written since the piece before.
     const bool stands = intake.piece.high <= fwu_writer_last_lsn(on.tx.writer) + PGI_BELOW_HIGH;
     if (intake.piece.parts.empty() || stands) {
-        pgp_end(intake.piece, on.server);
         intake.piece = {};
-        wait_for(intake, on, now, later);
+        pgi_wait_for(intake, on, now, later);
         return {};
     }
     take_piece(intake, on);
@@ -223,12 +242,11 @@ static outcome finish(pgi_intake &intake, const pgi_place &on)
 
 outcome pgi_pass(pgi_intake &intake, const pgi_place &on, uint64_t position)
 {
-    if (!intake.in_hand && intake.piece.direct) { // dropped
-        pgp_end(intake.piece, on.server);
-        intake.piece = {};
-    }
     if (intake.in_hand && position >= intake.piece.high)
         if (outcome done = pgi_log_piece(intake, on); !done)
+            return done;
+    if (pgi_holds(intake))
+        if (outcome done = pgi_pass_held(intake, on, position); !done)
             return done;
     if (intake.in_hand || fwu_monotonic_ms() < intake.again_ms)
         return {};
@@ -243,7 +261,7 @@ outcome pgi_pass(pgi_intake &intake, const pgi_place &on, uint64_t position)
             on.server.sql.reset();
             intake.version = 0; // they have come all the same
             intake.names.clear();
-            wait_for(intake, on, now, looked.text());
+            pgi_wait_for(intake, on, now, looked.text());
             return {};
         }
         if (!looked)

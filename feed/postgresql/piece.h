@@ -71,12 +71,17 @@ struct pgp_piece {
     uint64_t high = 0;    // everything in the snapshot has committed before it
     int64_t time_us = 0;  // since 1970, by the server's clock
     std::vector<pgp_part> parts;
-    bool direct = false; // the rows of the one part that is neither refused nor gone are still to
-                         // come, by pgp_direct_row; its range is known already
-    std::string command = {}; // direct: gives the rows
-    bool sent = false;        // ... it was sent
-    bool copying = false;     // ... the rows come
-    int64_t heard_ms = 0;     // ... when something came last, monotonic
+    std::vector<size_t> left = {}; // of those wanted: could be read only directly, see pgp_limits
+
+    // Direct: the rows of the one part that is neither refused nor gone are still to come, by
+    // pgp_direct_rows; its range is known already.
+    bool direct = false;
+    pgs_connection reader = {}; // has the snapshot and the lock
+    std::string command = {};   // gives the rows
+    bool sent = false;          // it was sent
+    bool copying = false;       // the rows come
+    uint64_t at_hand = 0;       // so many are in the part's lines
+    int64_t heard_ms = 0;       // when something came last, monotonic
 };
 
 // Where a piece ends, so that the stream waits for it for a moment only.
@@ -85,6 +90,7 @@ struct pgp_limits {
     uint64_t bytes = 4U << 20; // of texts; a row more, where it is longer
     size_t tables = 500;
     int64_t time_ms = 2000; // no further table is begun after that
+    bool direct = true;     // a table that does not fit may be left to be read directly
 };
 
 // Reads the next rows of tables wanted, from the first one on as many of them as make a piece.
@@ -103,19 +109,24 @@ outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_wan
 bool pgp_next(pgo_tuple &row, std::string &lines, size_t &at);
 
 enum pgp_came {
-    PGP_ROW,
-    PGP_NOT_YET, // nothing within the time; the stream may want something meanwhile
-    PGP_LAST,    // all rows had come; parts have their count
+    PGP_NOT_YET, // there may be more, but nothing came in the time given
+    PGP_FULL,    // ... as much as makes a piece is at hand
+    PGP_LAST,    // all rows have come
     PGP_BROKEN,  // what came does not count: the part is refused or gone now, else later says why
 };
 
-// The next row of a direct piece, waited for wait_ms at most; valid until the next call.  Fails
-// like pgp_read.
-outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
-                       int wait_ms, std::string &later);
+// Puts the next rows of a direct piece behind what its part's lines hold, and waits wait_ms at most
+// for each.  Whoever takes them empties lines before the next call.  Behind the last one the table
+// stays locked until pgp_end.  Fails like pgp_read.
+outcome pgp_direct_rows(pgp_came &came, pgp_piece &piece, pgs_server &server, int wait_ms,
+                        std::string &later, const pgp_limits &limits = {});
 
-// Gives up a direct piece that did not come to its end; for others there is nothing to do.
-void pgp_end(pgp_piece &piece, pgs_server &server);
+// Ends the transaction of a direct piece, wherever it is; for others there is nothing to do.
+void pgp_end(pgp_piece &piece);
+
+// Makes the server's log go on a little, which the stream shows then.  Connects server.sql where
+// it is not; what may pass by itself is no failure.
+outcome pgp_go_on(pgs_server &server);
 
 // The columns of a part's key in a relation as the stream describes it.  False: it lacks one, or
 // has it in another type; the table has to be read anew.

@@ -5,8 +5,14 @@
 
 outcome pgp_ask(pgs_server &server, pgs_result &result, const std::string &query)
 {
+    return pgp_ask(server, server.sql.get(), result, query);
+}
+
+outcome pgp_ask(pgs_server &server, PGconn *connection, pgs_result &result,
+                const std::string &query)
+{
     pgs_refusal refusal;
-    outcome done = pgs_try(server, server.sql.get(), result, query, refusal);
+    outcome done = pgs_try(server, connection, result, query, refusal);
     return done && !refusal.state.empty() ? outcome(OUTCOME_LOST, pgp_reason(refusal))
                                           : std::move(done);
 }
@@ -110,7 +116,7 @@ bool pgp_next(pgo_tuple &row, std::string &lines, size_t &at)
     return true;
 }
 
-outcome pgp_check_names(const pgp_piece &piece, pgs_server &server)
+outcome pgp_check_names(const pgp_piece &piece, pgs_server &server, PGconn *connection)
 {
     std::string values;
     for (const pgp_part &part : piece.parts) {
@@ -124,7 +130,7 @@ outcome pgp_check_names(const pgp_piece &piece, pgs_server &server)
     pgs_result result;
     outcome done;
     if (!values.empty())
-        done = pgp_ask(server, result,
+        done = pgp_ask(server, connection, result,
                        "SELECT v.name FROM (VALUES " + values +
                            ") AS v (name, id) WHERE to_regclass(v.name)::oid IS DISTINCT FROM v.id"
                            " LIMIT 1");

@@ -1,10 +1,12 @@
-// A table that is read directly: its rows go from the server's COPY straight to where they belong,
-// and nobody holds them in memory.
+// A table that is read directly: its rows come bit by bit from one COPY of the server's, over a
+// connection that nobody else uses, in the snapshot that the piece was begun with.
 #include "feed/postgresql/ask.h"
 #include "feed/postgresql/piece_work.h"
 #include "fwutil/fwu_clock.h"
 
 #include <algorithm>
+
+constexpr int64_t AT_ONCE_MS = 100; // that rows are taken for, as long as they come
 
 static pgp_part *find_part(pgp_piece &piece)
 {
@@ -18,10 +20,10 @@ static outcome ask_for_rows(pgs_copied &copied, pgp_piece &piece, pgs_server &se
                             pgs_refusal &refusal, int wait_ms)
 {
     if (!piece.sent)
-        if (outcome sent = pgs_copy_send(server, piece.command); !sent)
+        if (outcome sent = pgs_copy_send(server, piece.reader.get(), piece.command); !sent)
             return sent;
     piece.sent = true;
-    return pgs_copy_begins(copied, server, refusal, wait_ms);
+    return pgs_copy_begins(copied, server, piece.reader.get(), refusal, wait_ms);
 }
 
 // Whether a server from which nothing has come is still there.
@@ -32,21 +34,14 @@ static outcome look_after(pgp_piece &piece, const pgs_server &server)
         return {};
     piece.heard_ms = now;
     std::string one;
-    if (pgs_ask(server, server.sql.get(), "SELECT 1", one))
+    if (pgs_ask(server, piece.reader.get(), "SELECT 1", one))
         return {};
     return {OUTCOME_LOST, "the server has been silent for too long"};
 }
 
-static outcome end_rows(pgp_piece &piece, pgs_server &server)
-{
-    pgs_result result;
-    outcome done = pgp_check_names(piece, server);
-    return done ? pgp_ask(server, result, "COMMIT") : std::move(done);
-}
-
-// Takes what came, if something did.
-static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
-                        pgs_refusal &refusal, int wait_ms)
+// Takes a row, if one came.
+static outcome take_row(pgp_came &came, pgp_piece &piece, pgs_server &server, pgs_refusal &refusal,
+                        int wait_ms)
 {
     pgs_copied copied = PGS_COPY_ROW;
     std::span<char> line;
@@ -57,23 +52,41 @@ static outcome take_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_se
         piece.copying = done && copied == PGS_COPY_ROW;
     }
     if (done && copied == PGS_COPY_ROW)
-        done = pgs_copy_row(copied, line, server, refusal, wait_ms);
+        done = pgs_copy_row(copied, line, server, piece.reader.get(), refusal, wait_ms);
     if (!done)
         return done;
     if (copied == PGS_COPY_WAITS)
         return look_after(piece, server);
     piece.heard_ms = fwu_monotonic_ms();
     if (copied == PGS_COPY_ROW) {
-        came = PGP_ROW;
-        find_part(piece)->rows++;
-        pgp_split(row, line.data(), line.size());
+        came = PGP_FULL;
+        pgp_part &part = *find_part(piece);
+        part.lines.append(line.data(), line.size());
+        part.rows++;
+        piece.at_hand++;
         return {};
     }
-    if (!refusal.state.empty())
-        return {};
-    done = end_rows(piece, server);
-    came = PGP_LAST;
-    piece.direct = !done;
+    if (refusal.state.empty()) {
+        came = PGP_LAST;
+        done = pgp_check_names(piece, server, piece.reader.get());
+    }
+    return done;
+}
+
+static outcome take_rows(pgp_came &came, pgp_piece &piece, pgs_server &server, pgs_refusal &refusal,
+                         int wait_ms, const pgp_limits &limits)
+{
+    const int64_t begun_ms = fwu_monotonic_ms();
+    const pgp_part &part = *find_part(piece);
+    outcome done;
+    do {
+        done = take_row(came, piece, server, refusal, wait_ms);
+        if (part.lines.size() >= limits.bytes || piece.at_hand >= limits.rows)
+            return done;
+        if (piece.heard_ms - begun_ms >= AT_ONCE_MS && came == PGP_FULL)
+            came = PGP_NOT_YET;
+    } while (done && came == PGP_FULL);
+    server.row.reset();
     return done;
 }
 
@@ -92,14 +105,16 @@ static void take_refusal(pgp_part &part, const pgs_refusal &refusal, std::string
     }
 }
 
-outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_server &server,
-                       int wait_ms, std::string &later)
+outcome pgp_direct_rows(pgp_came &came, pgp_piece &piece, pgs_server &server, int wait_ms,
+                        std::string &later, const pgp_limits &limits)
 {
     pgs_refusal refusal;
     if (!piece.sent)
         piece.heard_ms = fwu_monotonic_ms();
+    if (find_part(piece)->lines.empty())
+        piece.at_hand = 0;
     const bool converts = server.texts == nullptr;
-    if (outcome done = take_row(came, row, piece, server, refusal, wait_ms); !done) {
+    if (outcome done = take_rows(came, piece, server, refusal, wait_ms, limits); !done) {
         if (done.kind() != OUTCOME_LOST || converts != (server.texts == nullptr))
             return done;
         later = done.text();
@@ -109,13 +124,12 @@ outcome pgp_direct_row(pgp_came &came, pgo_tuple &row, pgp_piece &piece, pgs_ser
         take_refusal(*find_part(piece), refusal, later);
     }
     came = PGP_BROKEN;
-    pgp_end(piece, server);
+    pgp_end(piece);
     return {};
 }
 
-void pgp_end(pgp_piece &piece, pgs_server &server)
+void pgp_end(pgp_piece &piece)
 {
-    if (piece.direct)
-        server.sql.reset();
+    piece.reader.reset();
     piece.direct = false;
 }

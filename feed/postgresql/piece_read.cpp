@@ -1,5 +1,5 @@
 // A piece is read at one go, so that the stream waits for a moment only: what would take longer,
-// or would be held in memory, comes row by row instead (direct), while the stream waits.
+// or would be held in memory, is left open instead, to be read bit by bit (direct).
 // Tables are locked before the snapshot is taken: none is truncated, altered or dropped between.
 #include "feed/postgresql/piece.h"
 
@@ -26,6 +26,7 @@ enum pgp_way {
     WHOLE,  // directly: all
     SETTLED,
     LOCKED,
+    LEFT, // it would have to be read directly, which is not to be
 };
 
 struct pgp_reading {
@@ -210,12 +211,12 @@ static outcome copy(pgp_reading &r, const std::string &command, std::string &lin
 {
     pgs_copied copied = PGS_COPY_WAITS;
     const size_t before = lines.size();
-    outcome done = pgs_copy_send(r.server, command);
+    outcome done = pgs_copy_send(r.server, r.server.sql.get(), command);
     if (done)
-        done = pgs_copy_begins(copied, r.server, read.refusal);
+        done = pgs_copy_begins(copied, r.server, r.server.sql.get(), read.refusal);
     while (done && copied == PGS_COPY_ROW) {
         std::span<char> row;
-        done = pgs_copy_row(copied, row, r.server, read.refusal);
+        done = pgs_copy_row(copied, row, r.server, r.server.sql.get(), read.refusal);
         if (!done || copied != PGS_COPY_ROW)
             break;
         lines.append(row.data(), row.size());
@@ -279,12 +280,14 @@ static pgp_part make_part(const pgp_reading &r, pgp_table &table)
     return part;
 }
 
-// The table has to be read another way: now, if nothing has been read yet.
+// The table has to be read another way: now, if that may be and nothing has been read yet.
 static void read_otherwise(pgp_reading &r, size_t want, pgp_way way)
 {
-    r.ways[want] = way;
+    r.ways[want] = r.limits.direct ? way : LEFT;
     r.full = true;
     r.again = r.piece.parts.empty();
+    if (!r.limits.direct)
+        r.piece.left.push_back(want);
 }
 
 static void keep(pgp_reading &r, pgp_part &&part)
@@ -371,7 +374,7 @@ static outcome read_by_key(pgp_reading &r, pgp_part &&part, const pgp_table &tab
     return {};
 }
 
-// The rows come later, and the stream waits for them.
+// The rows come later.
 static outcome leave_open(pgp_reading &r, pgp_part &&part, const pgp_table &table)
 {
     r.piece.direct = r.full = true;
@@ -442,18 +445,34 @@ static std::vector<size_t> first_tables(const pgp_reading &r)
     return places;
 }
 
+static const char go_on[] =
+    "synchronous_commit = local; SELECT pg_catalog.pg_logical_emit_message(true, 'kestro', '')";
+
+outcome pgp_go_on(pgs_server &server)
+{
+    pgs_result result;
+    pgs_refusal refusal;
+    outcome done = server.sql == nullptr ? pgs_connect_sql(server) : outcome();
+    if (done)
+        done =
+            pgs_try(server, server.sql.get(), result, std::string("SET LOCAL ") + go_on, refusal);
+    if (done.kind() != OUTCOME_LOST)
+        return done;
+    server.sql.reset();
+    return {};
+}
+
 // Makes the server's log go on behind the piece, which the stream shows then: should that not
 // work, it goes on some time.
 static void pass_high(const pgp_reading &r)
 {
     pgs_result result;
     pgs_refusal refusal;
-    const std::string message =
-        "synchronous_commit = local; SELECT pg_catalog.pg_logical_emit_message(true, 'kestro', '')";
+    PGconn *const sql = r.server.sql.get();
     if (r.piece.direct)
-        (void)pgs_ask_rows(r.server, r.server.sql.get(), "SET " + message, result);
+        (void)pgs_ask_rows(r.server, sql, std::string("SET ") + go_on, result);
     else
-        (void)pgs_try(r.server, r.server.sql.get(), result, "SET LOCAL " + message, refusal);
+        (void)pgs_try(r.server, sql, result, std::string("SET LOCAL ") + go_on, refusal);
 }
 
 static outcome end_piece(pgp_reading &r)
@@ -466,11 +485,13 @@ static outcome end_piece(pgp_reading &r)
     }
     outcome done = r.closed ? connect(r) : outcome();
     if (done)
-        done = pgp_check_names(r.piece, r.server);
+        done = pgp_check_names(r.piece, r.server, r.server.sql.get());
     if (done && !r.closed && !r.piece.direct)
         done = run(r, "COMMIT");
     if (done)
         pass_high(r);
+    if (done && r.piece.direct)
+        r.piece.reader = std::move(r.server.sql);
     return done;
 }
 
@@ -523,9 +544,13 @@ outcome pgp_read(pgp_piece &piece, pgs_server &server, const std::vector<pgp_wan
                      .limits = limits,
                      .ways = std::vector<pgp_way>(wants.size(), BY_KEY),
                      .settled = {}};
-    for (size_t i = 0; i < wants.size(); i++)
-        if (wants[i].whole)
-            r.ways[i] = WHOLE;
+    for (size_t i = 0; i < wants.size(); i++) {
+        if (!wants[i].whole)
+            continue;
+        r.ways[i] = limits.direct ? WHOLE : LEFT;
+        if (!limits.direct)
+            piece.left.push_back(i);
+    }
     const bool converts = server.texts == nullptr;
     outcome done = read_piece(r);
     if (done.kind() == OUTCOME_LOST && converts != (server.texts == nullptr))

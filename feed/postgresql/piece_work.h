@@ -55,6 +55,8 @@ std::string pgp_order_by(const pgp_order &order, const std::vector<std::string> 
 
 // Runs a query that no table is to blame for: a refusal passes by itself, OUTCOME_LOST.
 outcome pgp_ask(pgs_server &server, pgs_result &result, const std::string &query);
+outcome pgp_ask(pgs_server &server, PGconn *connection, pgs_result &result,
+                const std::string &query);
 
 // A value in SQL, whatever it holds and however the server reads texts.
 std::string pgp_literal(PGconn *connection, std::string_view text);
@@ -76,6 +78,6 @@ std::string pgp_reason(const pgs_refusal &refusal);
 void pgp_split(pgo_tuple &tuple, char *line, size_t length);
 
 // Whether the tables still have the names that they were read by; OUTCOME_LOST: one does not.
-outcome pgp_check_names(const pgp_piece &piece, pgs_server &server);
+outcome pgp_check_names(const pgp_piece &piece, pgs_server &server, PGconn *connection);
 
 #endif

@@ -319,9 +319,9 @@ outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
 }
 
 // Receives something, or nothing in the time that the caller has.
-static outcome receive_some(pgs_server &server, wait_state &wait, int wait_ms, bool &came)
+static outcome receive_some(pgs_server &server, PGconn *connection, wait_state &wait, int wait_ms,
+                            bool &came)
 {
-    PGconn *const connection = server.sql.get();
     came = true;
     if (wait_ms < 0)
         return receive(server, connection, wait, "COPY");
@@ -341,24 +341,24 @@ static outcome receive_some(pgs_server &server, wait_state &wait, int wait_ms, b
     return {};
 }
 
-outcome pgs_copy_send(pgs_server &server, const std::string &command)
+outcome pgs_copy_send(pgs_server &server, PGconn *connection, const std::string &command)
 {
     std::string text;
     outcome done = pge_query(text, server, command);
-    if (done && PQsendQuery(server.sql.get(), text.c_str()) != 1)
-        done = pgs_failed(server, server.sql.get(), nullptr, "COPY");
+    if (done && PQsendQuery(connection, text.c_str()) != 1)
+        done = pgs_failed(server, connection, nullptr, "COPY");
     return done;
 }
 
-outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &refusal, int wait_ms)
+outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, PGconn *connection,
+                        pgs_refusal &refusal, int wait_ms)
 {
-    PGconn *const connection = server.sql.get();
     wait_state wait;
     refusal = {};
     copied = PGS_COPY_WAITS;
     while (PQisBusy(connection) != 0) {
         bool came = false;
-        if (outcome done = receive_some(server, wait, wait_ms, came); !done)
+        if (outcome done = receive_some(server, connection, wait, wait_ms, came); !done)
             return done;
         if (!came)
             return {};
@@ -378,9 +378,8 @@ static outcome convert_row(pgs_server &server, std::span<char> &row)
 }
 
 outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &server,
-                     pgs_refusal &refusal, int wait_ms)
+                     PGconn *connection, pgs_refusal &refusal, int wait_ms)
 {
-    PGconn *const connection = server.sql.get();
     wait_state wait;
     refusal = {};
     copied = PGS_COPY_WAITS;
@@ -394,7 +393,7 @@ outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &serve
         if (length != 0)
             break;
         bool came = false;
-        if (outcome done = receive_some(server, wait, wait_ms, came); !done)
+        if (outcome done = receive_some(server, connection, wait, wait_ms, came); !done)
             return done;
         if (!came)
             return {};

@@ -31,8 +31,7 @@ outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
                     const std::string &command);
 
-// A COPY ... TO STDOUT on the sql connection that the server may refuse, at its beginning or behind
-// any row.
+// A COPY ... TO STDOUT that the server may refuse, at its beginning or behind any row.
 enum pgs_copied {
     PGS_COPY_ROW,   // there is one; of pgs_copy_begins: they come now
     PGS_COPY_END,   // of the rows, or the server has refused
@@ -40,14 +39,14 @@ enum pgs_copied {
 };
 
 // Sends the command.
-outcome pgs_copy_send(pgs_server &server, const std::string &command);
+outcome pgs_copy_send(pgs_server &server, PGconn *connection, const std::string &command);
 
 // Its answer, and each of its rows, valid until the next call and free to be changed, waited for
 // wait_ms at most (negative: as long as for any answer).
-outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, pgs_refusal &refusal,
-                        int wait_ms = -1);
+outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, PGconn *connection,
+                        pgs_refusal &refusal, int wait_ms = -1);
 outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &server,
-                     pgs_refusal &refusal, int wait_ms = -1);
+                     PGconn *connection, pgs_refusal &refusal, int wait_ms = -1);
 
 // The sessions of the processes that a query gives (0: a prepared transaction), asked for over a
 // connection beside this one; empty when there are none, or when the server does not tell.

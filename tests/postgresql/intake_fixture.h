@@ -33,11 +33,13 @@ class IntakeTest : public BridgeTest {
     }
 
     // Rows of some 200 bytes, in two pieces or more.
-    void make_table(const std::string &key = "bigint PRIMARY KEY") const
+    void make_table(const std::string &key = "bigint PRIMARY KEY",
+                    const std::string &id = "g") const
     {
         sql("CREATE TABLE load.t (id " + key +
             ", n integer, body text); ALTER TABLE load.t REPLICA IDENTITY FULL;"
-            "INSERT INTO load.t SELECT g, 0, repeat('b', 180) FROM generate_series(1, 30000) g");
+            "INSERT INTO load.t SELECT " +
+            id + ", 0, repeat('b', 180) FROM generate_series(1, 30000) g; ANALYZE load.t");
         ASSERT_EQ(catch_up({"--create"}).status, 0);
     }
 
@@ -49,6 +51,14 @@ class IntakeTest : public BridgeTest {
         const int before = std::stoi(value(waiting));
         clients.emplace_back([this, text] { sql(text); });
         ASSERT_TRUE(poll_until([&] { return std::stoi(value(waiting)) > before; })) << text;
+    }
+
+    // From now on a run goes on with it.
+    void begin_snapshot()
+    {
+        start_bridge({"--snapshot"});
+        EXPECT_TRUE(poll_until([&] { return status_member("snapshot") == "taking"; }))
+            << bridge.err();
     }
 
     // The bridge waits with the first piece for a transaction that others do not see.

@@ -88,20 +88,21 @@ pgp_piece PieceTest::read(const std::vector<pgp_want> &wants, const pgp_limits &
     return piece;
 }
 
-pgp_came PieceTest::read_direct(pgp_piece &piece, piece_rows &rows)
+pgp_came PieceTest::read_direct(pgp_piece &piece, piece_rows &rows, const pgp_limits &limits)
 {
     pgp_came came = PGP_NOT_YET;
-    while (came == PGP_NOT_YET || came == PGP_ROW) {
-        pgo_tuple row;
-        const outcome done = pgp_direct_row(came, row, piece, from, 10, later);
+    while (came == PGP_NOT_YET || came == PGP_FULL) {
+        const outcome done = pgp_direct_rows(came, piece, from, 10, later, limits);
         EXPECT_TRUE(done) << done.text();
         if (!done)
             return PGP_BROKEN;
-        if (came != PGP_ROW)
+        if (came == PGP_BROKEN)
             continue;
-        rows.emplace_back();
-        for (size_t i = 0; i < row.count; i++)
-            rows.back().emplace_back(row.values[i].kind == 'n' ? "\\N" : row.values[i].text);
+        pgp_part &one = part(piece);
+        EXPECT_LE(piece.at_hand, limits.rows);
+        for (piece_row &row : rows_of(one))
+            rows.push_back(std::move(row));
+        one.lines.clear();
     }
     return came;
 }

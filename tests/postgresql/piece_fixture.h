@@ -56,7 +56,7 @@ class PieceTest : public testing::Test {
     std::vector<pgp_piece> read_all(const std::string &table, const pgp_limits &limits = {});
 
     // The rows of a direct piece, up to what it ends with.
-    pgp_came read_direct(pgp_piece &piece, piece_rows &rows);
+    pgp_came read_direct(pgp_piece &piece, piece_rows &rows, const pgp_limits &limits = {});
 
     // The part that has rows.
     static pgp_part &part(pgp_piece &piece);

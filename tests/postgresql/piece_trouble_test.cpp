@@ -241,7 +241,6 @@ TEST_F(PieceTroubleTest, ATableOfAnotherNameByThenIsNotTaken)
     EXPECT_EQ(read_direct(piece, rows), PGP_BROKEN);
     EXPECT_EQ(later, "another table has the name \"public\".\"a\" since a moment ago");
     EXPECT_FALSE(piece.direct);
-    EXPECT_EQ(from.sql, nullptr);
 }
 
 // ---- rows that are many or long
@@ -296,8 +295,10 @@ TEST_F(PieceTroubleTest, AWholeTableThatIsTooLargeComesDirectly)
     EXPECT_TRUE(is_reading());
     sql("INSERT INTO a VALUES ('later'); UPDATE a SET v = 'other' WHERE v LIKE '2%'");
     piece_rows rows;
-    EXPECT_EQ(read_direct(piece, rows), PGP_LAST);
+    EXPECT_EQ(read_direct(piece, rows, {.rows = 700}), PGP_LAST);
     EXPECT_EQ(part(piece).rows, 3000U);
+    EXPECT_TRUE(is_reading()); // the table is locked as long as it is not logged
+    pgp_end(piece);
     EXPECT_FALSE(piece.direct);
     EXPECT_TRUE(reading_ends());
     ASSERT_EQ(rows.size(), 3000U);
@@ -345,9 +346,9 @@ TEST_F(PieceTroubleTest, WhatTakesTooLongComesDirectly)
     pgp_piece piece = read({want("a")});
     EXPECT_EQ(names(piece), (name_set{"a"})) << later;
     ASSERT_TRUE(piece.direct);
-    pgp_end(piece, from);
+    pgp_end(piece);
     EXPECT_FALSE(piece.direct);
-    EXPECT_EQ(from.sql, nullptr);
+    EXPECT_EQ(from.sql, nullptr); // it was the piece's
     // The same behind what was reached.
     piece = read({a});
     EXPECT_EQ(names(piece), (name_set{"a"})) << later;
@@ -369,11 +370,11 @@ TEST_F(PieceTroubleTest, ADirectPieceThatBreaksIsForLater)
     for (const bool begun : {false, true}) {
         pgp_piece piece = read({want("a")}, limits);
         ASSERT_TRUE(piece.direct);
-        pgo_tuple row;
         pgp_came came = PGP_NOT_YET;
         while (begun && came == PGP_NOT_YET)
-            ASSERT_TRUE(pgp_direct_row(came, row, piece, from, 100, later));
-        EXPECT_EQ(came, begun ? PGP_ROW : PGP_NOT_YET);
+            ASSERT_TRUE(pgp_direct_rows(came, piece, from, 100, later, {.rows = 1}));
+        EXPECT_EQ(came, begun ? PGP_FULL : PGP_NOT_YET);
+        EXPECT_EQ(piece.at_hand, begun ? 1U : 0U);
         end_sessions();
         piece_rows rows;
         EXPECT_EQ(read_direct(piece, rows), PGP_BROKEN);
@@ -411,14 +412,22 @@ TEST_F(PieceTroubleTest, WhatIsGivenUpLeavesNoTransaction)
         " generate_series(1, 300); CREATE TABLE b (id int PRIMARY KEY)");
     pgp_piece piece = read({want("a")}, {.bytes = 10'000});
     ASSERT_TRUE(piece.direct);
-    pgp_end(piece, from);
+    pgp_end(piece);
     EXPECT_TRUE(reading_ends());
     // One that was forgotten is no hindrance either.
     piece = read({want("a")}, {.bytes = 10'000});
     ASSERT_TRUE(piece.direct);
     EXPECT_EQ(names(read({want("b")})), (name_set{"b"}));
+    // While one is read directly, another one is told to be left.
+    const pgp_piece other = read({want("b"), want("a")}, {.bytes = 10'000, .direct = false});
+    EXPECT_EQ(names(other), (name_set{"b"}));
+    const pgp_piece none = read({want("a")}, {.bytes = 10'000, .direct = false});
+    EXPECT_TRUE(none.parts.empty());
+    EXPECT_EQ(none.left, std::vector<size_t>{0});
+    EXPECT_TRUE(is_reading()); // the first one
+    EXPECT_NE(piece.reader, nullptr);
     piece = read({want("b")});
-    pgp_end(piece, from); // nothing to do
+    pgp_end(piece); // nothing to do
     EXPECT_NE(from.sql, nullptr);
 }
 
@@ -444,11 +453,10 @@ TEST_F(PieceTroubleTest, ATextThatTheServerCannotConvertComesInConnectionsMadeAn
     pgs_disconnect(from);
     piece = read({want("a")}, {.bytes = 8000});
     ASSERT_TRUE(piece.direct);
-    pgo_tuple row;
     pgp_came came = PGP_NOT_YET;
     outcome direct;
     while (direct && came == PGP_NOT_YET)
-        direct = pgp_direct_row(came, row, piece, from, 100, later);
+        direct = pgp_direct_rows(came, piece, from, 100, later);
     EXPECT_EQ(direct.kind(), OUTCOME_LOST);
     pgs_disconnect(from);
     piece = read({want("a")}, {.bytes = 8000});
