@@ -31,7 +31,7 @@ static constexpr int round_seconds = 1;
 static constexpr int timer_again_ms = 50;
 static volatile sig_atomic_t g_round_over = 0;
 
-enum read_format { FORMAT_LINES, FORMAT_RAW, FORMAT_HEX, FORMAT_JSON };
+enum read_format { FORMAT_LINES, FORMAT_RAW, FORMAT_HEX, FORMAT_JSON, FORMAT_FRAMED };
 
 struct read_options {
     const char *file = nullptr;
@@ -49,6 +49,7 @@ static constexpr cli_option rows[] = {
     {"--raw", FORMAT, cli_choice{&options.format, FORMAT_RAW}},
     {"--hex", FORMAT, cli_choice{&options.format, FORMAT_HEX}},
     {"--json", FORMAT, cli_choice{&options.format, FORMAT_JSON}},
+    {"--framed", FORMAT, cli_choice{&options.format, FORMAT_FRAMED}},
     {"--count", tmft_number("N", "not a number of records", 1), &options.count},
     {"--follow", CLI_FLAG, &options.follow},
     {"--wait", tmft_number("SECONDS", "not a number of seconds", 0), &options.wait},
@@ -110,8 +111,11 @@ static void put_record(read_state &state)
     case FORMAT_JSON:
         put_json(state.out, state.given + 1, data);
         break;
+    case FORMAT_FRAMED:
+        tmft_put_framed(state.out, data);
+        break;
     }
-    if (options.format != FORMAT_RAW)
+    if (options.format != FORMAT_RAW && options.format != FORMAT_FRAMED)
         state.out += '\n';
 }
 
@@ -349,8 +353,8 @@ static outcome run()
 }
 
 static const char help[] =
-    "Usage: tmf read [--raw | --hex | --json] [--count N] [--follow | --wait SECONDS]\n"
-    "           [--keep] [--shared] FILE\n"
+    "Usage: tmf read [--raw | --hex | --json | --framed] [--count N]\n"
+    "           [--follow | --wait SECONDS] [--keep] [--shared] FILE\n"
     "\n"
     "Takes records from the front of a message file and writes them to standard\n"
     "output, each followed by a newline.  Waits while a writer has the file open,\n"
@@ -363,6 +367,8 @@ static const char help[] =
     "  --hex            one line for each record, in hexadecimal\n"
     "  --json           one JSON object a line: number, length, data as \"hex\" and,\n"
     "                   when all of it is printable ASCII, as \"text\"\n"
+    "  --framed         the length of each record in front of it, 4 bytes, the most\n"
+    "                   significant one first; nothing behind it\n"
     "  --count N        end after N records\n"
     "  --follow         wait for records for ever\n"
     "  --wait SECONDS   end when no record comes for so long, writers or not; 0 takes\n"

@@ -29,6 +29,21 @@ outcome tmft_close(tmf_handle *h, const char *file, outcome so_far)
     return so_far ? std::move(failed) : std::move(so_far);
 }
 
+void tmft_put_framed(std::string &out, std::string_view record)
+{
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out += static_cast<char>(record.size() >> shift & 0xFF);
+    out += record;
+}
+
+uint32_t tmft_get_length(const char *bytes)
+{
+    uint32_t length = 0;
+    for (size_t i = 0; i < TMFT_LENGTH_SIZE; i++)
+        length = length << 8 | static_cast<unsigned char>(bytes[i]);
+    return length;
+}
+
 bool tmft_same_file(int fd, const char *file)
 {
     struct stat a;

@@ -9,6 +9,9 @@
 #include "util/cli.h"
 
 #include <climits>
+#include <cstdint>
+#include <string>
+#include <string_view>
 
 extern const cli_command tmf_info_row;
 extern const cli_command tmf_read_row;
@@ -40,6 +43,12 @@ outcome tmft_complain_code(const char *file, int code);
 // Closes the message file, also after a failure.  What so_far says, unless that was
 // nothing and closing failed.
 outcome tmft_close(tmf_handle *h, const char *file, outcome so_far);
+
+// A record of a framed stream has its length in front, in so many bytes, the most
+// significant one first.
+constexpr size_t TMFT_LENGTH_SIZE = 4;
+void tmft_put_framed(std::string &out, std::string_view record);
+uint32_t tmft_get_length(const char *bytes);
 
 // Whether the descriptor is the file itself, opened by somebody else.
 bool tmft_same_file(int fd, const char *file);

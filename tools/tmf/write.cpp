@@ -16,8 +16,9 @@
 
 struct write_options {
     const char *file = nullptr;
-    bool null = false; // records end with a NUL byte
-    int size = 0;      // of every record; 0: they have an end
+    bool null = false;   // records end with a NUL byte
+    int size = 0;        // of every record; 0: they have an end
+    bool framed = false; // the length of each record stands in front of it
     bool all_users = false;
     bool verbose = false;
 };
@@ -27,6 +28,7 @@ static constexpr cli_option rows[] = {
     {"--null", CLI_FLAG, &options.null},
     {"--size", tmft_number("N", "not a size of records (1 to 32761)", 1, TMF_MAX_DATA),
      &options.size},
+    {"--framed", CLI_FLAG, &options.framed},
     {"--all-users", CLI_FLAG, &options.all_users},
     {"-v", CLI_FLAG, &options.verbose},
     {"FILE", TMFT_ONE_FILE, &options.file},
@@ -38,6 +40,7 @@ static constexpr cli_option rows[] = {
 struct record_source {
     char mark;   // ends a record
     size_t size; // of every record; 0: mark ends them
+    bool framed; // each has its length in front instead
     std::vector<char> buffer = std::vector<char>(size_t{2} * (TMF_MAX_DATA + 1));
     size_t begin = 0;   // of the bytes not given yet
     size_t scanned = 0; // no mark before here
@@ -95,11 +98,49 @@ static const char *find_mark(record_source &source)
     return static_cast<const char *>(found);
 }
 
+static std::string longer_text()
+{
+    return "is longer than " + std::to_string(TMF_MAX_DATA) + " bytes";
+}
+
+static std::string part_text(size_t there, size_t whole)
+{
+    return "has " + std::to_string(there) + " of " + std::to_string(whole) + " bytes";
+}
+
+// next_record of a framed stream.
+static outcome next_framed(record_source &source, std::string_view &record)
+{
+    for (;;) {
+        const size_t there = source.end - source.begin;
+        const bool has_length = there >= TMFT_LENGTH_SIZE;
+        const size_t length = has_length ? tmft_get_length(source.buffer.data() + source.begin) : 0;
+        if (has_length && length == 0)
+            return outcome_bad("is empty");
+        if (length > TMF_MAX_DATA)
+            return outcome_bad(longer_text());
+        if (has_length && there - TMFT_LENGTH_SIZE >= length) {
+            source.begin += TMFT_LENGTH_SIZE;
+            return give(source, record, length, length);
+        }
+        if (source.at_end) {
+            if (there == 0)
+                return {};
+            return outcome_bad(has_length ? part_text(there - TMFT_LENGTH_SIZE, length)
+                                          : part_text(there, TMFT_LENGTH_SIZE) + " of its length");
+        }
+        if (outcome filled = fill(source); !filled)
+            return filled;
+    }
+}
+
 // Gives the next record, valid until the next call; an empty one at the end of the input.
 // OUTCOME_BAD says what is wrong with it.
 static outcome next_record(record_source &source, std::string_view &record)
 {
     record = {};
+    if (source.framed)
+        return next_framed(source, record);
     for (;;) {
         const char *const first = source.buffer.data() + source.begin;
         const size_t there = source.end - source.begin;
@@ -115,14 +156,13 @@ static outcome next_record(record_source &source, std::string_view &record)
                 return give(source, record, length, length + 1);
         }
         if (length > TMF_MAX_DATA)
-            return outcome_bad("is longer than " + std::to_string(TMF_MAX_DATA) + " bytes");
+            return outcome_bad(longer_text());
         if (source.at_end) {
             if (there == 0)
                 return {};
             if (source.size == 0)
                 return give(source, record, there, there);
-            return outcome_bad("has " + std::to_string(there) + " of " +
-                               std::to_string(source.size) + " bytes");
+            return outcome_bad(part_text(there, source.size));
         }
         if (outcome filled = fill(source); !filled)
             return filled;
@@ -159,7 +199,8 @@ static outcome append_failed(tmf_handle *h, int code, uint64_t &written)
 static outcome append_records(tmf_handle *h, uint64_t &written)
 {
     record_source source{.mark = options.null ? '\0' : '\n',
-                         .size = static_cast<size_t>(options.size)};
+                         .size = static_cast<size_t>(options.size),
+                         .framed = options.framed};
     for (;;) {
         if (stop_signal_get() != 0)
             return stopped(written);
@@ -197,6 +238,8 @@ static outcome run()
 {
     if (options.size != 0 && options.null)
         return cli_usage("contradicts --size", "--null");
+    if (options.framed && (options.size != 0 || options.null))
+        return cli_usage(options.null ? "contradicts --null" : "contradicts --size", "--framed");
     if (outcome done = check_file(options.file); !done)
         return done;
     stop_signal_install();
@@ -214,7 +257,7 @@ static outcome run()
 }
 
 static const char help[] =
-    "Usage: tmf write [--null | --size N] [--all-users] [-v] FILE\n"
+    "Usage: tmf write [--null | --size N | --framed] [--all-users] [-v] FILE\n"
     "\n"
     "Appends one record for each line of standard input, without its newline, to a\n"
     "message file, which is created when it does not exist.  A record has 1 to 32761\n"
@@ -222,6 +265,8 @@ static const char help[] =
     "\n"
     "  --null        records end with a NUL byte instead of a newline\n"
     "  --size N      records are N bytes each, nothing between them\n"
+    "  --framed      the length of each record stands in front of it, 4 bytes, the most\n"
+    "                significant one first, as tmf read --framed writes it\n"
     "  --all-users   a file that is created may be read and written by all users\n"
     "  -v            print the number of records written\n"
     "  --help        print this\n"

@@ -18,9 +18,11 @@ TEST_F(TmfTool, HelpGoesToStandardOutput)
     } table[] = {
         {{"--help"}, "Usage: tmf info [--json] FILE...\n"},
         {{"info", "--help"}, "Usage: tmf info [--json] FILE...\n"},
-        {{"read", "--help"}, "Usage: tmf read [--raw | --hex | --json] [--count N]"},
-        {{"read", path, "--help"}, "Usage: tmf read [--raw | --hex | --json] [--count N]"},
-        {{"write", "--help"}, "Usage: tmf write [--null | --size N] [--all-users] [-v] FILE\n"},
+        {{"read", "--help"}, "Usage: tmf read [--raw | --hex | --json | --framed] [--count N]\n"},
+        {{"read", path, "--help"},
+         "Usage: tmf read [--raw | --hex | --json | --framed] [--count N]\n"},
+        {{"write", "--help"},
+         "Usage: tmf write [--null | --size N | --framed] [--all-users] [-v] FILE\n"},
     };
     for (const auto &row : table) {
         const run_result result = tmf(row.words);
@@ -59,6 +61,7 @@ TEST_F(TmfTool, WrongCommandLinesEndWithStatus2AndTouchNothing)
         {{"read", path, "other"}, "more than one file: other"},
         {{"read", "--null", path}, "unknown option: --null"},
         {{"read", "--raw", "--hex", path}, "more than one format: --hex"},
+        {{"read", "--framed", "--json", path}, "more than one format: --json"},
         {{"read", path, "--count"}, "option lacks its number: --count"},
         {{"read", "--count", "0", path}, "not a number of records: 0"},
         {{"read", "--count", "3x", path}, "not a number of records: 3x"},
@@ -74,6 +77,8 @@ TEST_F(TmfTool, WrongCommandLinesEndWithStatus2AndTouchNothing)
         {{"write", "--size", "0", path}, "not a size of records (1 to 32761): 0"},
         {{"write", "--size", "32762", path}, "not a size of records (1 to 32761): 32762"},
         {{"write", "--size", "4", "--null", path}, "contradicts --size: --null"},
+        {{"write", "--framed", "--null", path}, "contradicts --null: --framed"},
+        {{"write", "--size", "4", "--framed", path}, "contradicts --size: --framed"},
         {{"write", "--raw", path}, "unknown option: --raw"},
     };
     for (const auto &row : table) {
