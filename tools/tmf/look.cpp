@@ -194,7 +194,7 @@ static ssize_t read_area(int fd, tmft_facts &facts)
     return got;
 }
 
-static outcome look_at(int fd, tmft_facts &facts)
+outcome tmft_look_at(int fd, tmft_facts &facts)
 {
     struct stat about;
     if (fstat(fd, &about) != 0)
@@ -230,7 +230,7 @@ outcome tmft_look(tmft_facts &facts, const char *path)
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
         return outcome_bad(strerror(errno));
-    outcome looked = look_at(fd, facts);
+    outcome looked = tmft_look_at(fd, facts);
     close(fd);
     return looked;
 }

@@ -50,4 +50,7 @@ int tmft_port(const tmf_common &common, int i);
 // Fills facts.  OUTCOME_BAD when the file cannot be read or is not a message file.
 outcome tmft_look(tmft_facts &facts, const char *path);
 
+// The same of an open file; its size also when it fails.
+outcome tmft_look_at(int fd, tmft_facts &facts);
+
 #endif

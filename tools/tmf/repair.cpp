@@ -34,11 +34,6 @@ static constexpr finding findings[] = {
     {TMF_FOUND_USERS, "the numbers of readers and writers are not those of their slots"},
 };
 
-static std::string records_text(int records)
-{
-    return std::to_string(records) + (records == 1 ? " record" : " records");
-}
-
 static void print_findings(const char *file, const tmf_check_result &found)
 {
     printf("%s\n", file);
@@ -49,9 +44,9 @@ static void print_findings(const char *file, const tmf_check_result &found)
     if ((found.found & TMF_FOUND_ZEROS) != 0)
         return;
     printf("    says     %s, up to %lld; the file has %lld bytes\n",
-           records_text(found.counted).c_str(), found.end, found.size);
-    printf("    has      %s, from %lld to %lld\n", records_text(found.records).c_str(), found.first,
-           found.sound);
+           tmft_records_text(found.counted).c_str(), found.end, found.size);
+    printf("    has      %s, from %lld to %lld\n", tmft_records_text(found.records).c_str(),
+           found.first, found.sound);
     const long long lost = found.end < found.size ? found.end : found.size;
     if (lost > found.sound)
         printf("    behind   %lld bytes that are no whole records, or stand behind a damaged one\n",
@@ -63,12 +58,12 @@ static outcome print_sound(const char *file, const tmf_check_result &found)
     if (found.size == 0)
         printf("%s: empty; who opens it next makes a message file of it\n", file);
     else
-        printf("%s: sound, %s from %lld to %lld\n", file, records_text(found.records).c_str(),
+        printf("%s: sound, %s from %lld to %lld\n", file, tmft_records_text(found.records).c_str(),
                found.first, found.end);
     if (found.uncounted != 0)
         printf("    behind   %s that the file does not count: a writer was killed before it\n"
                "             did, or their count did not come to the disk; they stay uncounted\n",
-               records_text(found.uncounted).c_str());
+               tmft_records_text(found.uncounted).c_str());
     return {};
 }
 
@@ -86,7 +81,7 @@ static outcome print_repaired(const char *file, const tmf_check_result &found, c
     if ((found.found & TMF_FOUND_ZEROS) != 0)
         printf("    repaired: it is empty; who opens it next makes a message file of it\n");
     else
-        printf("    repaired: it has %s\n", records_text(found.records).c_str());
+        printf("    repaired: it has %s\n", tmft_records_text(found.records).c_str());
     return {};
 }
 

@@ -4,6 +4,11 @@
 #include <sys/stat.h>
 #include <utility>
 
+std::string tmft_records_text(int64_t records)
+{
+    return std::to_string(records) + (records == 1 ? " record" : " records");
+}
+
 outcome tmft_complain(const char *file, const char *text)
 {
     return outcome_failed("%s: %s", file, text);

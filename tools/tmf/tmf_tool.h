@@ -17,6 +17,8 @@ extern const cli_command tmf_info_row;
 extern const cli_command tmf_read_row;
 extern const cli_command tmf_write_row;
 extern const cli_command tmf_repair_row;
+extern const cli_command tmf_verify_row;
+extern const cli_command tmf_salvage_row;
 
 extern const cli_program tmf_program;
 
@@ -33,6 +35,9 @@ constexpr cli_kind tmft_number(const char *word, const char *bad, uint64_t small
             .smallest = smallest,
             .largest = largest};
 }
+
+// "1 record", "2 records".
+std::string tmft_records_text(int64_t records);
 
 // Print "tmf: file: text".  The library's text is that of the handle's last
 // failure (null: of the last open), or of a code that no handle keeps.
