@@ -1,0 +1,394 @@
+"""Message files for Python: files that several processes share as queues of records.
+
+    import tmf
+
+    with tmf.Writer("orders") as writer:
+        writer.write(b"a record")
+
+    with tmf.Reader("orders") as reader:
+        for record in reader:
+            print(record)
+
+A module of the standard library's parts only, over libtmf.so.  Records are bytes, 1 to
+MAX_DATA long.  Failures are raised as Error, with the library's code and text.  What
+"shared", "exclusive" and "writers" mean, and the format, stands in docs/message-file.md.
+
+A handle belongs to the process and is used by one thread at a time; a file is opened once
+per process, and by nothing else while it is open.  While a call waits, other threads run,
+and Ctrl-C ends the wait.
+"""
+
+import collections
+import ctypes
+import enum
+import os
+import threading
+import time
+
+__all__ = ["Check", "Code", "Error", "Info", "MAX_DATA", "Reader", "Writer", "check"]
+
+MAX_DATA = 32761  # bytes of the longest record
+
+
+class Code(enum.IntEnum):
+    """What calls fail with; Error.code is one of these, or 1."""
+
+    ESIGNAL = -5282  # a signal ended the wait (TMF_READ_SIGNAL)
+    ENONAME = -5269  # tmf_fopen without a file name
+    ETIMEOUT = -5268  # the time of a limited wait is over
+    ECOPYMODE = -5266  # copy mode without read and exclusive
+    ETRUNCATE = -5265  # an emptied file could not be cut down
+    EPORTBUSY = -5264  # 15 UDP ports in a row are in use
+    EWRITER_PRESENT = -5263  # exclusive writing asked for beside a writer
+    EREADER_PRESENT = -5262  # exclusive reading asked for beside a reader
+    EWRITER_EXCLUSIVE = -5261  # a writer has the file exclusively
+    EREADER_EXCLUSIVE = -5260  # a reader has the file exclusively
+    EINFO = -5259  # unknown item of tmf_getinfo
+    ENONBLOCK = -5252  # system error on the waiting socket's mode
+    ERECEIVE = -5251  # system error while waiting for a wake-up
+    ESEND = -5250  # system error while waking a reader
+    EWRITE_WRITER_EOF = -5247  # a writer's slot could not be written whole
+    EWRITE_WRITER = -5246  # a writer's slot could not be written
+    ESEEK_WRITER = -5245  # a writer's slot is no place in the file
+    EWRITE_READER_EOF = -5243  # a reader's slot could not be written whole
+    EWRITE_READER = -5242  # a reader's slot could not be written
+    ESEEK_READER = -5241  # a reader's slot is no place in the file
+    EUNLOCK = -5239  # an unlock failed
+    ELOCK_TEST = -5238  # a lock could not be tested
+    ELOCK_NOWAIT = -5237  # a slot lock failed
+    ELOCK_WAIT = -5236  # the wait for a lock failed or was interrupted
+    EHANDLE = -5235  # no handle, or a descriptor that cannot seek
+    EINTERNAL = -5234  # bookkeeping that does not agree; out of memory
+    EMAXREADERS = -5233  # 16 readers are registered
+    EMAXWRITERS = -5232  # 1008 writers are registered
+    EWRITE_ACCESS = -5231  # a read on a writer's handle
+    EREAD_ACCESS = -5230  # a write on a reader's handle
+    EREAD_DATA_EOF = -5229  # a record is cut off or its length is wrong
+    EREAD_DATA = -5228  # a record could not be read
+    EWRITE_DATA_EOF = -5227  # a record could not be written whole: disk full
+    EWRITE_DATA = -5226  # a record could not be written
+    ESEEK_DATA_EOF = -5225  # a record's offset is outside the data area
+    ESEEK_DATA = -5224  # a record's offset is no place in a file (2 GiB)
+    EWRITE_COMMON_EOF = -5223  # the common area could not be written whole
+    EWRITE_COMMON = -5222  # the common area could not be written
+    EREAD_COMMON_EOF = -5221  # the file is shorter than the common area
+    EREAD_COMMON = -5220  # the common area could not be read
+    ESEEK_COMMON_EOF = -5219  # a seek to the common area went elsewhere
+    ESEEK_COMMON = -5218  # a seek to the common area failed
+    EBUFFER_SIZE = -5217  # a negative buffer length; no buffer
+    ERECORD_SIZE = -5216  # a record of less than 1 or too many bytes; no data
+    EFORMAT = -5215  # a record format other than 2
+    ESEEK_LOCKS_EOF = -5214  # new file: a seek to the lock area went elsewhere
+    ESEEK_LOCKS = -5213  # new file: a seek to the lock area failed
+    EWRITE_LOCKS_EOF = -5212  # new file: the lock area could not be written whole
+    EWRITE_LOCKS = -5211  # new file: the lock area could not be written
+    EINCOMPATIBLE = -5210  # an unknown byte order, or one that changed
+    ENOTMSG = -5209  # not a message file
+    EINIT_WRITE_EOF = -5208  # new file: the common area could not be written whole
+    EINIT_WRITE = -5207  # new file: the common area could not be written
+    EINIT_READ = -5206  # the first read of the common area failed
+    EOPEN = -5205  # the system refuses to open the file
+
+
+Info = collections.namedtuple("Info", "records readers writers end")
+Info.__doc__ = """A file as its user sees it: records in it, readers and writers registered, and the offset
+behind its last record."""
+
+Check = collections.namedtuple(
+    "Check", "damage records counted uncounted readers writers size first end sound other_order"
+)
+Check.__doc__ = """A file as check() finds it: "damage" has a text for each thing that is wrong, the oldest
+whole records are counted in "records" and end at "sound"; what the file itself says are
+"counted", "first" and "end"."""
+
+_MODE_READ = 1
+_MODE_EXCLUSIVE = 2
+_MODE_COPY = 4
+_MODE_ALL_USERS = 8
+_READ_KEEP = 1
+_READ_WAIT = 2
+_READ_LIMIT = 4
+_READ_SIGNAL = 8
+_INFO = (1, 2, 3, 5)  # the items of Info
+_ERRMSG_SIZE = 256
+_LONGEST = 65535  # bytes that a frame can state
+
+# Seconds of a wait in the library, after which everything is looked at again: the time, a
+# writer that has gone.
+_ROUND = 1
+
+_FOUND = (
+    (1, "zeros where its beginning should be"),
+    (2, "it ends before its records do"),
+    (4, "there is a hole in its records"),
+    (8, "what should be a record is none"),
+    (16, "the number of records is wrong"),
+    (32, "the place of its first or its next record is none"),
+    (64, "the numbers of readers and writers are not those of their slots"),
+)
+
+
+class _CheckResult(ctypes.Structure):
+    """tmf_check_result."""
+
+    _fields_ = [
+        (name, ctypes.c_int)
+        for name in "found other_order records counted uncounted readers writers aside changed".split()
+    ] + [(name, ctypes.c_longlong) for name in "size first end sound".split()]
+
+
+def _load():
+    """The library: LIBTMF names it, or it stands in the same installation, or where the
+    system looks for libraries."""
+    name = "libtmf.so.1"
+    named = os.environ.get("LIBTMF")
+    # PREFIX/lib/python3/dist-packages/tmf.py and PREFIX/lib/libtmf.so.1
+    beside = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", name)
+    if named:
+        library = ctypes.CDLL(named)
+    elif os.path.exists(beside):
+        library = ctypes.CDLL(beside)
+    else:
+        library = ctypes.CDLL(name)
+    handle, text, number = ctypes.c_void_p, ctypes.c_char_p, ctypes.c_int
+    for call, result, arguments in (
+        ("tmf_fopen", handle, [text, number]),
+        ("tmf_fclose", number, [handle]),
+        ("tmf_fwrite", number, [handle, text, number]),
+        ("tmf_fread", number, [handle, handle, number, number]),
+        ("tmf_freadx", number, [handle, handle, number, number, number]),
+        ("tmf_getinfo", number, None),
+        ("tmf_geterrno", number, [handle]),
+        ("tmf_geterrmsg", handle, [handle, text]),
+        ("tmf_strerror", text, [number]),
+        ("tmf_check", number, [text, ctypes.POINTER(_CheckResult)]),
+    ):
+        function = getattr(library, call)
+        function.restype = result
+        if arguments is not None:
+            function.argtypes = arguments
+    return library
+
+
+_lib = _load()
+
+# One thread at a time opens files: a failed open keeps its code where the next one does, too.
+_opening = threading.Lock()
+
+
+class Error(Exception):
+    """A call that failed: code (one of Code, or 1), text (the library's) and path."""
+
+    def __init__(self, code, text, path):
+        super().__init__(code, text, path)
+        self.code = Code(code) if code in Code._value2member_map_ else code
+        self.text = text
+        self.path = path
+
+    def __str__(self):
+        return "%s: %s (%d)" % (self.path, self.text, self.code)
+
+
+def _handle_error(code, handle, path):
+    """The Error of a call whose code the handle keeps, or of an open for no handle."""
+    buffer = ctypes.create_string_buffer(_ERRMSG_SIZE)
+    _lib.tmf_geterrmsg(handle, buffer)
+    return Error(code, buffer.value.decode("utf-8", "replace"), path)
+
+
+def _code_error(code, path):
+    """The Error of a code that no handle keeps."""
+    return Error(code, _lib.tmf_strerror(code).decode("utf-8", "replace"), path)
+
+
+class _File:
+    """What readers and writers share."""
+
+    def __init__(self, path, mode):
+        self.path = os.fspath(path)
+        self._handle = None
+        with _opening:
+            handle = _lib.tmf_fopen(os.fsencode(self.path), mode)
+            if not handle:
+                raise _handle_error(_lib.tmf_geterrno(None), None, self.path)
+        self._handle = handle
+
+    def _open_handle(self):
+        if self._handle is None:
+            raise ValueError("%s: the message file is closed" % self.path)
+        return self._handle
+
+    @property
+    def closed(self):
+        return self._handle is None
+
+    def close(self):
+        """Removes the registration and closes the file.  A second close does nothing."""
+        handle, self._handle = self._handle, None
+        if handle is not None:
+            code = _lib.tmf_fclose(handle)
+            if code != 0:
+                raise _code_error(code, self.path)
+
+    def __enter__(self):
+        self._open_handle()
+        return self
+
+    def __exit__(self, kind, value, trace):
+        self.close()
+
+    def __del__(self):
+        handle, self._handle = getattr(self, "_handle", None), None
+        if handle is not None:
+            _lib.tmf_fclose(handle)
+
+    def info(self):
+        """Info of the file at this moment.  Users that died are removed first."""
+        handle = self._open_handle()
+        values = [ctypes.c_int32() for _ in _INFO]
+        arguments = []
+        for item, value in zip(_INFO, values):
+            arguments += [ctypes.c_int(item), ctypes.byref(value)]
+        code = _lib.tmf_getinfo(ctypes.c_void_p(handle), *arguments, ctypes.c_int(0))
+        if code != 0:
+            raise _code_error(code, self.path)
+        return Info(*(value.value for value in values))
+
+
+class Writer(_File):
+    """Appends records to a file, which is created when it does not exist.
+
+    exclusive: no other writer, now or while it is open.  all_users: a file that is created
+    may be read and written by all users, else by its owner."""
+
+    def __init__(self, path, *, exclusive=False, all_users=False):
+        super().__init__(
+            path,
+            (_MODE_EXCLUSIVE if exclusive else 0) | (_MODE_ALL_USERS if all_users else 0),
+        )
+
+    def write(self, record):
+        """Appends one record (bytes, or what can be made of a buffer) and wakes waiting readers.
+
+        Behind an Error with Code.ESEND the record is in the file, a reader was not woken."""
+        data = bytes(memoryview(record))
+        code = _lib.tmf_fwrite(self._open_handle(), data, len(data))
+        if code != 0:
+            raise _handle_error(code, self._handle, self.path)
+
+
+class Reader(_File):
+    """Takes records from the front of a file, the oldest first.
+
+    As an iterator it waits while a writer has the file open, and ends when the file is
+    empty and no writer is left.
+
+    exclusive: no other reader, now or while it is open; records(remove="after") and peek() need it.
+    keep: shows all records that are there and removes none; never waits, and needs the file
+    alone.  create: a file that does not exist is made, else it is an error (FileNotFoundError)."""
+
+    def __init__(self, path, *, exclusive=False, keep=False, create=False):
+        if not create:
+            os.stat(path)
+        self.exclusive = exclusive or keep
+        self.keep = keep
+        self._buffer = ctypes.create_string_buffer(_LONGEST)
+        super().__init__(
+            path,
+            _MODE_READ
+            | (_MODE_EXCLUSIVE if self.exclusive else 0)
+            | (_MODE_COPY if keep else 0),
+        )
+
+    def read(self, *, timeout=0, follow=False):
+        """The oldest record, which is removed (with keep: the next one); None for none.
+
+        timeout: seconds to wait for a record, whether there are writers or not; None waits
+        while a writer has the file open.  follow: waits for ever."""
+        return self._next(0, timeout, follow)
+
+    def peek(self, *, timeout=0, follow=False):
+        """The oldest record, which stays in the file; as read() else.  Of a reader alone only,
+        since another one could take the record before this one removes it."""
+        self._need_alone("peek()")
+        return self._next(_READ_KEEP, timeout, follow)
+
+    def remove(self):
+        """Removes the oldest record, which peek() has given."""
+        self._need_alone("remove()")
+        handle = self._open_handle()
+        if self.info().records == 0:
+            raise ValueError("%s: there is no record to remove" % self.path)
+        code = _lib.tmf_fread(handle, None, 0, _READ_LIMIT | _READ_SIGNAL)
+        if code < 0:
+            raise _handle_error(code, handle, self.path)
+
+    def records(self, *, follow=False, timeout=None, remove="before"):
+        """Yields records.
+
+        follow, timeout: as read(); without them it waits while a writer has the file open.
+        remove: "before" takes a record from the file before it is yielded, so that no record
+        comes twice, and one in hand is lost with the program; "after" when the next one is asked for, so that
+        no record is lost, and one in hand comes again."""
+        if remove not in ("before", "after"):
+            raise ValueError('remove is "before" or "after"')
+        if remove == "before" or self.keep:
+            while (record := self.read(timeout=timeout, follow=follow)) is not None:
+                yield record
+            return
+        while (record := self.peek(timeout=timeout, follow=follow)) is not None:
+            yield record
+            self.remove()
+
+    def __iter__(self):
+        return self.records()
+
+    def _need_alone(self, what):
+        if self.keep or not self.exclusive:
+            raise ValueError("%s needs a reader with exclusive=True that is not keep=True" % what)
+
+    def _next(self, flags, timeout, follow):
+        handle = self._open_handle()
+        if self.keep:
+            return self._read_once(handle, flags)
+        end = None if timeout is None or follow else time.monotonic() + timeout
+        while True:
+            # A first read would wait for a writer that never comes.
+            found = self.info()
+            if found.records == 0:
+                if end is not None and time.monotonic() >= end:
+                    return None
+                if end is None and not follow and found.writers == 0:
+                    return None
+            wait = _READ_WAIT if follow or end is not None else 0
+            record = self._read_once(handle, flags | wait)
+            # Of a reader alone, 0 bytes of a record that is there are a record of no data.
+            if record is None and found.records > 0 and self.exclusive:
+                return b""
+            if record is not None:
+                return record
+
+    def _read_once(self, handle, flags):
+        got = _lib.tmf_freadx(handle, self._buffer, _LONGEST, flags, _ROUND)
+        if got < 0:
+            raise _handle_error(got, handle, self.path)
+        return ctypes.string_at(self._buffer, got) if got > 0 else None
+
+
+def check(path):
+    """Compares a file's records with the numbers at its beginning, without being one of its users.
+    Not of a file that this process has open.  The Check."""
+    result = _CheckResult()
+    with _opening:
+        code = _lib.tmf_check(os.fsencode(path), ctypes.byref(result))
+        if code != 0:
+            raise _handle_error(code, None, os.fspath(path))
+    return Check(
+        damage=tuple(text for bit, text in _FOUND if result.found & bit),
+        other_order=bool(result.other_order),
+        **{
+            name: getattr(result, name)
+            for name in Check._fields
+            if name not in ("damage", "other_order")
+        }
+    )

@@ -1,0 +1,373 @@
+"""The Python module tmf on files of its own, beside other processes."""
+
+import os
+import re
+import signal
+import stat
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+import tmf
+
+SOURCE = os.environ["KESTRO_SOURCE_DIR"]
+
+
+class Messages(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.path = os.path.join(self.folder, "queue")
+
+    def make(self, *records):
+        with tmf.Writer(self.path) as writer:
+            for record in records:
+                writer.write(record)
+
+    def program(self, text):
+        """Starts a Python program in which tmf, os and path are there; its standard output is a
+        pipe."""
+        program = subprocess.Popen(
+            [sys.executable, "-B", "-c", "import os, sys, tmf\npath = sys.argv[1]\n" + text, self.path],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
+        self.addCleanup(program.stdin.close)
+        self.addCleanup(program.stdout.close)
+        self.addCleanup(program.stderr.close)
+        self.addCleanup(program.wait)
+        self.addCleanup(program.kill)
+        return program
+
+    def other_user(self, opened):
+        """Another process that has opened the file; it ends when its standard input is closed."""
+        program = self.program("user = %s\nprint('open', flush=True)\nsys.stdin.read()\nuser.close()" % opened)
+        self.assertEqual(program.stdout.readline(), b"open\n")
+        return program
+
+    def assert_error(self, code, text, call, *arguments, **options):
+        with self.assertRaises(tmf.Error) as raised:
+            call(*arguments, **options)
+        self.assertEqual(raised.exception.code, code)
+        self.assertEqual(raised.exception.text, text)
+        self.assertEqual(raised.exception.path, self.path)
+        self.assertEqual(str(raised.exception), "%s: %s (%d)" % (self.path, text, code))
+        return raised.exception
+
+
+class WritingAndReading(Messages):
+    def test_records_come_in_their_order_and_are_taken(self):
+        self.make(b"one", b"two\n\0\xff", bytearray(b"three"), memoryview(b"four"))
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(reader.info(), tmf.Info(4, 1, 0, 4352 + 9 + 12 + 11 + 10))
+            self.assertEqual(list(reader), [b"one", b"two\n\0\xff", b"three", b"four"])
+            self.assertIsNone(reader.read())
+            self.assertEqual(reader.info().records, 0)
+
+    def test_longest_record_and_no_longer_or_empty_one(self):
+        longest = bytes(range(256)) * 127 + bytes(249)
+        self.assertEqual(len(longest), tmf.MAX_DATA)
+        self.make(longest)
+        with tmf.Writer(self.path) as writer:
+            for record in (longest + b"x", b""):
+                self.assert_error(
+                    tmf.Code.ERECORD_SIZE, "Invalid record size.", writer.write, record
+                )
+            with self.assertRaises(TypeError):
+                writer.write("text")
+            with self.assertRaises(TypeError):
+                writer.write(3)
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(list(reader), [longest])
+
+    def test_keep_shows_all_and_removes_none(self):
+        self.make(b"one", b"two")
+        for _ in range(2):
+            with tmf.Reader(self.path, keep=True) as reader:
+                self.assertEqual(reader.read(), b"one")
+                self.assertEqual(list(reader), [b"two"])
+                self.assertIsNone(reader.read())
+        with tmf.Reader(self.path, keep=True) as reader:
+            for call in (reader.peek, reader.remove):
+                with self.assertRaises(ValueError):
+                    call()
+
+    def test_peek_leaves_the_record_until_it_is_removed(self):
+        self.make(b"one", b"two")
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            self.assertEqual(reader.peek(), b"one")
+            self.assertEqual(reader.peek(), b"one")
+            reader.remove()
+            self.assertEqual(reader.read(), b"two")
+            self.assertIsNone(reader.peek())
+            with self.assertRaisesRegex(ValueError, "there is no record to remove"):
+                reader.remove()
+        with tmf.Reader(self.path) as reader:
+            for call in (reader.peek, reader.remove):
+                with self.assertRaisesRegex(ValueError, "needs a reader with exclusive=True"):
+                    call()
+
+    def test_record_that_was_not_done_with_comes_again(self):
+        self.make(b"one", b"two", b"three")
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            records = reader.records(remove="after")
+            self.assertEqual([next(records), next(records)], [b"one", b"two"])
+            records.close()
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            self.assertEqual(list(reader.records(remove="after")), [b"two", b"three"])
+            self.assertEqual(reader.info().records, 0)
+        with tmf.Reader(self.path) as reader:
+            with self.assertRaisesRegex(ValueError, '"before" or "after"'):
+                next(reader.records(remove="never"))
+            with self.assertRaisesRegex(ValueError, "exclusive=True"):
+                next(reader.records(remove="after"))
+
+    def test_records_are_taken_before_they_are_given(self):
+        self.make(b"one", b"two")
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(next(iter(reader)), b"one")
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(list(reader), [b"two"])
+
+    def test_path_like_and_bytes_that_are_no_text(self):
+        self.path = os.path.join(self.folder, os.fsdecode(b"\xff\xe4 name"))
+
+        class Path:
+            def __fspath__(path):
+                return self.path
+
+        with tmf.Writer(Path()) as writer:
+            writer.write(b"one")
+            self.assertEqual(writer.path, self.path)
+        with tmf.Reader(Path()) as reader:
+            self.assertEqual(list(reader), [b"one"])
+        self.assertTrue(os.path.exists(self.path))
+
+    def test_permissions_of_a_created_file(self):
+        mask = os.umask(0o022)
+        self.addCleanup(os.umask, mask)
+        for options, mode in (({}, 0o600), ({"all_users": True}, 0o666)):
+            tmf.Writer(self.path, **options).close()
+            self.assertEqual(stat.S_IMODE(os.stat(self.path).st_mode), mode)
+            os.remove(self.path)
+
+    def test_reader_creates_a_file_only_when_asked(self):
+        with self.assertRaises(FileNotFoundError):
+            tmf.Reader(self.path)
+        self.assertFalse(os.path.exists(self.path))
+        with tmf.Reader(self.path, create=True) as reader:
+            self.assertIsNone(reader.read())
+        self.assertTrue(os.path.exists(self.path))
+
+
+class Waiting(Messages):
+    def test_empty_file_without_a_writer_ends_at_once(self):
+        self.make()
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(list(reader), [])
+            self.assertIsNone(reader.read(timeout=None))
+
+    def test_iteration_waits_for_a_writer_and_ends_with_it(self):
+        writer = self.program(
+            "writer = tmf.Writer(path)\n"
+            "print('open', flush=True)\n"
+            "for line in sys.stdin.buffer:\n"
+            "    writer.write(line)\n"
+            "writer.close()"
+        )
+        self.assertEqual(writer.stdout.readline(), b"open\n")
+        with tmf.Reader(self.path) as reader:
+            records = iter(reader)
+            for line in (b"one\n", b"two\n"):
+                threading.Timer(0.05, self.send, (writer, line)).start()
+                self.assertEqual(next(records), line)
+            threading.Timer(0.05, writer.stdin.close).start()
+            self.assertEqual(list(records), [])
+
+    def wait_for_reader(self):
+        """Until the wait list of the file has a reader."""
+        for _ in range(6000):
+            with open(self.path, "rb") as file:
+                if file.read(125)[124:] == b"\1":
+                    return
+            time.sleep(0.01)
+        self.fail("no reader waits")
+
+    @staticmethod
+    def send(program, line):
+        program.stdin.write(line)
+        program.stdin.flush()
+
+    def test_follow_waits_without_a_writer(self):
+        self.make(b"one")
+        with tmf.Reader(self.path) as reader:
+            records = reader.records(follow=True)
+            self.assertEqual(next(records), b"one")
+            writer = self.program("sys.stdin.read()\ntmf.Writer(path).write(b'two')")
+            threading.Timer(0.05, writer.stdin.close).start()
+            self.assertEqual(next(records), b"two")
+
+    def test_timeout_ends_a_wait_beside_a_writer(self):
+        self.make()
+        self.other_user("tmf.Writer(path)")
+        with tmf.Reader(self.path) as reader:
+            self.assertIsNone(reader.read(timeout=0))
+            self.assertIsNone(reader.read(timeout=0.3))
+
+    def test_interrupt_ends_a_wait_and_the_file_stays_usable(self):
+        self.make()
+        program = self.program(
+            "reader = tmf.Reader(path)\n"
+            "try:\n"
+            "    reader.read(follow=True)\n"
+            "except KeyboardInterrupt:\n"
+            "    reader.close()\n"
+            "    print('interrupted', flush=True)"
+        )
+        self.wait_for_reader()
+        program.send_signal(signal.SIGINT)
+        self.assertEqual(program.stdout.readline(), b"interrupted\n")
+        self.assertEqual(program.wait(), 0)
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            self.assertEqual(reader.info().readers, 1)
+
+    def test_other_threads_run_while_one_waits(self):
+        self.make()
+        other = os.path.join(self.folder, "other")
+        got = []
+
+        def follow():
+            with tmf.Reader(self.path) as reader:
+                got.append(reader.read(follow=True))
+
+        thread = threading.Thread(target=follow)
+        thread.start()
+        with tmf.Writer(other) as writer:
+            for number in range(100):
+                writer.write(b"%d" % number)
+        with tmf.Reader(other) as reader:
+            self.assertEqual(len(list(reader)), 100)
+        program = self.program("tmf.Writer(path).write(b'end')")
+        self.assertEqual(program.wait(), 0)
+        thread.join()
+        self.assertEqual(got, [b"end"])
+
+
+class Failures(Messages):
+    def test_codes_are_those_of_the_header(self):
+        with open(os.path.join(SOURCE, "msgfile", "tmf.h")) as header:
+            text = header.read()
+        rows = re.findall(r"^ +TMF_(E\w+) = (-\d+),? +/\* (.*) \*/$", text, re.M)
+        given = {
+            name: int(code)
+            for name, code, meaning in rows
+            if "reserved" not in meaning and "not given" not in meaning
+        }
+        self.assertGreater(len(given), 50)
+        self.assertEqual({code.name: code.value for code in tmf.Code}, given)
+        self.assertIn("#define TMF_MAX_DATA %d " % tmf.MAX_DATA, text)
+
+    def test_open_has_the_systems_text(self):
+        self.path = os.path.join(self.folder, "none", "queue")
+        error = self.assert_error(
+            tmf.Code.EOPEN, "Error opening file: No such file or directory", tmf.Writer, self.path
+        )
+        self.assertIs(error.code, tmf.Code.EOPEN)
+
+    def test_no_message_file_is_left_as_it_is(self):
+        with open(self.path, "w") as file:
+            file.write("x" * 5000)
+        for opened in (tmf.Writer, tmf.Reader):
+            self.assert_error(tmf.Code.ENOTMSG, "File is not a message file.", opened, self.path)
+        with open(self.path) as file:
+            self.assertEqual(file.read(), "x" * 5000)
+
+    def test_exclusive_users_keep_others_out(self):
+        reader = self.other_user("tmf.Reader(path, exclusive=True, create=True)")
+        self.assert_error(
+            tmf.Code.EREADER_EXCLUSIVE,
+            "File already opened exclusively for read access.",
+            tmf.Reader,
+            self.path,
+        )
+        reader.stdin.close()
+        self.assertEqual(reader.wait(), 0)
+        tmf.Reader(self.path).close()
+        self.other_user("tmf.Writer(path)")
+        self.assert_error(
+            tmf.Code.EWRITER_PRESENT,
+            "Exclusively write access requested for file already open.",
+            tmf.Writer,
+            self.path,
+            exclusive=True,
+        )
+
+    def test_damaged_record_stays_in_the_file(self):
+        self.make(b"one", b"two")
+        with open(self.path, "r+b") as file:
+            file.seek(4352)
+            file.write(b"\x7f")
+        with tmf.Reader(self.path) as reader:
+            self.assert_error(tmf.Code.EREAD_DATA_EOF, "EOF reading data.", reader.read)
+            self.assertEqual(reader.info().records, 2)
+
+    def test_closed_file_is_told(self):
+        self.make(b"one")
+        writer, reader = tmf.Writer(self.path), tmf.Reader(self.path)
+        for user in (writer, reader):
+            self.assertFalse(user.closed)
+            user.close()
+            user.close()
+            self.assertTrue(user.closed)
+        for call in (
+            lambda: writer.write(b"two"),
+            writer.info,
+            writer.__enter__,
+            reader.read,
+            lambda: next(iter(reader)),
+        ):
+            with self.assertRaisesRegex(ValueError, "the message file is closed"):
+                call()
+
+    def test_registration_goes_with_the_object_and_with_a_failure(self):
+        writer = tmf.Writer(self.path)
+        del writer
+        with self.assertRaises(RuntimeError):
+            with tmf.Reader(self.path):
+                raise RuntimeError
+        with tmf.Writer(self.path) as writer:
+            self.assertEqual(writer.info()[1:3], (0, 1))
+
+
+class Checking(Messages):
+    def test_sound_and_damaged_files(self):
+        self.make(b"one", b"two")
+        sound = tmf.check(self.path)
+        self.assertEqual(
+            sound,
+            tmf.Check(
+                damage=(), records=2, counted=2, uncounted=0, readers=0, writers=0, size=4372,
+                first=4352, end=4370, sound=4370, other_order=False,
+            ),
+        )
+        with open(self.path, "r+b") as file:
+            file.truncate(4365)
+        cut = tmf.check(self.path)
+        self.assertEqual(
+            cut.damage, ("it ends before its records do", "the number of records is wrong")
+        )
+        self.assertEqual((cut.records, cut.sound), (1, 4361))
+
+    def test_file_that_is_none(self):
+        self.assert_error(
+            tmf.Code.EOPEN, "Error opening file: No such file or directory", tmf.check, self.path
+        )
+
+
+if __name__ == "__main__":
+    unittest.main()
