@@ -293,6 +293,7 @@ class Reader(_File):
         self.exclusive = exclusive or keep
         self.keep = keep
         self._buffer = ctypes.create_string_buffer(_LONGEST)
+        self._known = 0  # records that were in the file, less those taken since
         super().__init__(
             path,
             _MODE_READ
@@ -317,11 +318,12 @@ class Reader(_File):
         """Removes the oldest record, which peek() has given."""
         self._need_alone("remove()")
         handle = self._open_handle()
-        if self.info().records == 0:
+        if self._known == 0 and self._look().records == 0:
             raise ValueError("%s: there is no record to remove" % self.path)
         code = _lib.tmf_fread(handle, None, 0, _READ_LIMIT | _READ_SIGNAL)
         if code < 0:
             raise _handle_error(code, handle, self.path)
+        self._known -= 1
 
     def records(self, *, follow=False, timeout=None, remove="before"):
         """Yields records.
@@ -347,26 +349,38 @@ class Reader(_File):
         if self.keep or not self.exclusive:
             raise ValueError("%s needs a reader with exclusive=True that is not keep=True" % what)
 
+    def _look(self):
+        found = self.info()
+        self._known = max(found.records, 0)
+        return found
+
     def _next(self, flags, timeout, follow):
         handle = self._open_handle()
         if self.keep:
             return self._read_once(handle, flags)
         end = None if timeout is None or follow else time.monotonic() + timeout
+        wait = _READ_WAIT if follow or end is not None else 0
         while True:
             # A first read would wait for a writer that never comes.
-            found = self.info()
-            if found.records == 0:
-                if end is not None and time.monotonic() >= end:
-                    return None
-                if end is None and not follow and found.writers == 0:
-                    return None
-            wait = _READ_WAIT if follow or end is not None else 0
+            looked = self._known == 0
+            if looked:
+                found = self._look()
+                if self._known == 0:
+                    if end is not None and time.monotonic() >= end:
+                        return None
+                    if end is None and not follow and found.writers == 0:
+                        return None
             record = self._read_once(handle, flags | wait)
-            # Of a reader alone, 0 bytes of a record that is there are a record of no data.
-            if record is None and found.records > 0 and self.exclusive:
-                return b""
-            if record is not None:
-                return record
+            # Of a reader alone, 0 bytes of a record that is there are a record of no data, as
+            # other programs may write it.
+            if record is None and looked and self._known > 0 and self.exclusive:
+                record = b""
+            if record is None:
+                self._known = 0  # nothing came, or another reader was faster, or a repair
+                continue
+            if not flags & _READ_KEEP:
+                self._known = max(self._known - 1, 0)
+            return record
 
     def _read_once(self, handle, flags):
         got = _lib.tmf_freadx(handle, self._buffer, _LONGEST, flags, _ROUND)

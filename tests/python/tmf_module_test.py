@@ -127,6 +127,28 @@ class WritingAndReading(Messages):
             with self.assertRaisesRegex(ValueError, "exclusive=True"):
                 next(reader.records(remove="after"))
 
+    def test_record_of_no_data_is_one(self):
+        self.make(b"12345678901")  # 17 bytes, over which one of 6 and one of 11 are written
+        with open(self.path, "r+b") as file:
+            file.seek(4352)
+            file.write(b"\0\6\0\x11\0\6" b"\0\x0b\0\x11after\0\x0b")
+            file.seek(16)
+            file.write((2).to_bytes(4, sys.byteorder))
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            self.assertEqual(list(reader.records(remove="after")), [b"", b"after"])
+
+    def test_file_that_is_repaired_meanwhile_has_fewer_records(self):
+        self.make(b"one", b"two", b"three")
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            self.assertEqual(reader.read(), b"one")
+            repair = self.program(
+                "import ctypes\n"
+                "library = ctypes.CDLL(os.environ.get('LIBTMF'))\n"
+                "print(library.tmf_repair(os.fsencode(path), 4361, None, ctypes.create_string_buffer(256)))"
+            )
+            self.assertEqual(repair.communicate()[0], b"0\n")
+            self.assertIsNone(reader.read())
+
     def test_records_are_taken_before_they_are_given(self):
         self.make(b"one", b"two")
         with tmf.Reader(self.path) as reader:
