@@ -289,8 +289,8 @@ static const char help[] =
     "With --text and --framed OUT may be \"-\", standard output; what was lost goes to\n"
     "standard error then.\n"
     "\n"
-    "Exit status: 0 OUT has all whole records, and is on the disk; 1 error, and there is\n"
-    "no OUT; 2 wrong command line.\n";
+    "Exit status: 0 OUT has all whole records, and is on the disk; 1 error (a part of\n"
+    "OUT is removed); 2 wrong command line.\n";
 
 constinit const cli_command tmf_salvage_row = {
     .name = "salvage",

@@ -94,7 +94,8 @@ TEST_F(TmfTool, FailingStandardOutputIsAnError)
 {
     make();
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
-    for (const auto &words : {std::vector<std::string>{"--version"}, {"info", path}}) {
+    for (const auto &words :
+         {std::vector<std::string>{"--version"}, {"info", path}, {"verify", path}}) {
         EXPECT_EQ(finish(start_at(words, -1, full)), 1);
         EXPECT_EQ(errors(), "tmf: writing standard output: No space left on device\n");
     }
