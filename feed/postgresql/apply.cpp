@@ -1,4 +1,4 @@
-// What the server sends first may have to be the transaction that the log ends with: no
+// What the server sends first may have to be the last one of its own that the log has: no
 // other proof is there that its history is the one that the log has.
 #include "feed/postgresql/apply.h"
 
@@ -18,7 +18,7 @@ constexpr size_t GATHERED_BYTES_MAX = 8 * 1024 * 1024;
 
 outcome pgb_diverged(const pgb_apply &apply, feed_transaction &tx, pgb_relations &relations)
 {
-    const fwu_commit &last = fwu_writer_last_commit(tx.writer);
+    const fwu_commit &last = apply.sent;
     const std::string text = "the server does not have transaction " + std::to_string(last.xid) +
                              " of " + fwu_lsn_text(last.lsn) + ", the last one in the log";
     if (apply.accepts_gap)
@@ -35,9 +35,9 @@ static outcome take_begin(pgb_apply &apply, feed_transaction &tx, pgb_relations 
     commit.lsn = apply.message.lsn;
     commit.time_us = apply.message.time_us;
     commit.xid = apply.message.xid;
-    if (apply.expects_last) {
-        const fwu_commit &last = fwu_writer_last_commit(tx.writer);
-        apply.expects_last = false;
+    if (apply.expects_sent) {
+        const fwu_commit &last = apply.sent;
+        apply.expects_sent = false;
         if (commit.lsn != last.lsn || commit.xid != last.xid || commit.time_us != last.time_us)
             if (outcome done = pgb_diverged(apply, tx, relations); !done)
                 return done;

@@ -15,7 +15,8 @@
 
 // What is kept from message to message, and from one connection to the next.
 struct pgb_apply {
-    bool expects_last = false;   // the server has to send the log's last transaction first
+    fwu_commit sent;             // the last transaction of the server's that the log has
+    bool expects_sent = false;   // the server has to send it first
     bool accepts_gap = false;    // ... or else the log gets a gap mark
     bool unpublished = false;    // what comes next is of when there was no such publication
     bool session_told = false;   // that a session message is too long

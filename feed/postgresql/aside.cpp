@@ -92,6 +92,7 @@ outcome pga_open(pga_registry &registry, const std::string &directory, mode_t mo
     if (registry.damaged) { // what was read of it
         registry.leaves.clear();
         registry.leaves_xid = 0;
+        registry.sent = {};
         registry.skipped.clear();
         registry.ids.clear();
         registry.tables.clear();

@@ -4,6 +4,7 @@
 //     skipped SCHEMA.TABLE
 //     id OID SCHEMA TABLE at=LSN guessed=LSN [lost]    several of an OID in their order
 //     leaves XID
+//     sent LSN XID MICROSECONDS
 //     leaf OID ROOT SCHEMA TABLE node=NUMBER at=LSN [gone]    likewise
 //     table SCHEMA TABLE
 //     followed|aside|taking at=LSN ...    of the table named last, in their order
@@ -105,6 +106,10 @@ std::string pga_lines(const pga_registry &registry)
         }
     if (registry.leaves_xid != 0)
         lines += "leaves " + std::to_string(registry.leaves_xid) + "\n";
+    if (registry.sent.lsn != 0)
+        lines += "sent " + fwu_lsn_text(registry.sent.lsn) + " " +
+                 std::to_string(registry.sent.xid) + " " + std::to_string(registry.sent.time_us) +
+                 "\n";
     for (const auto &[id, leaves] : registry.leaves)
         for (const pga_leaf &leaf : leaves)
             lines += leaf_line(id, leaf);
@@ -249,6 +254,10 @@ bool pga_take_lines(pga_registry &registry, std::string_view lines)
             good = take_id(registry, line);
         } else if (line[0] == "leaves") {
             good = line.size() == 2 && pgs_number(registry.leaves_xid, line[1]);
+        } else if (line[0] == "sent") {
+            good = line.size() == 4 && fwu_lsn_parse(registry.sent.lsn, line[1]) &&
+                   pgs_number(registry.sent.xid, line[2]) &&
+                   pgs_number(registry.sent.time_us, line[3]);
         } else if (line[0] == "leaf") {
             good = take_leaf(registry, line);
         } else if (line[0] == "table") {

@@ -2,6 +2,8 @@
 #ifndef FEED_POSTGRESQL_ASIDE_RECORDS_H
 #define FEED_POSTGRESQL_ASIDE_RECORDS_H
 
+#include "fwutil/fwu_entry.h"
+
 #include <cstdint>
 #include <map>
 #include <set>
@@ -77,6 +79,8 @@ struct pga_registry {
     std::map<uint32_t, std::vector<pga_leaf>> leaves = {}; // by OID, oldest first
     uint64_t leaves_xid = 0; // of the server when the catalogue was asked for these, and all older
                              // transactions had ended; 0: never yet
+    fwu_commit sent = {};    // where the log ends with transactions of our own: the last one of the
+                             // server's in front of them, by position, xid and time; 0: not known
     uint64_t version = 1;    // of any standing: what is found holds as long as it stays
     bool dirty = false;      // the file says something else
     bool anew = false;       // there is no file yet, or a damaged one

@@ -12,6 +12,7 @@
 #include "feed/postgresql/prepare.h"
 #include "feed/postgresql/request.h"
 #include "feed/postgresql/resume.h"
+#include "feed/postgresql/standing.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_start.h"
@@ -39,6 +40,7 @@ struct bridge {
 static outcome prepare(bridge &b)
 {
     pgb_found found;
+    found.sent = pgb_last_sent(b.tx, b.relations);
     found.log_gap = [&b](const std::string &why) {
         return pgb_log_gaps(b.tx, b.relations, {}, why);
     };
@@ -48,7 +50,8 @@ static outcome prepare(bridge &b)
         b.stop_at = found.server_end;
     if (!done)
         return done;
-    b.apply.expects_last = found.expects_last;
+    b.apply.sent = found.sent;
+    b.apply.expects_sent = found.expects_sent;
     return done;
 }
 

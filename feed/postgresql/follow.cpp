@@ -200,7 +200,7 @@ static outcome stay_in_touch(follow &f)
 // read.
 static outcome pass(follow &f, uint64_t position)
 {
-    if (!f.apply.expects_last) // which has to be the log's last one until then
+    if (!f.apply.expects_sent) // which has to be the log's last one until then
         if (outcome done = pgb_take_renamed(f.renamed, f.tx, f.relations, position); !done)
             return done;
     if (!pgi_busy(f.apply.intake, f.relations.aside) && f.server.sql == nullptr &&
@@ -244,8 +244,8 @@ static outcome take_copy_data(follow &f, std::string_view bytes)
     if (bytes.size() == KEEPALIVE_SIZE && bytes[0] == 'k') {
         const uint64_t end = big_endian(bytes.data() + 1);
         state.server_lsn = std::max(state.server_lsn, end);
-        if (f.apply.expects_last && end > fwu_writer_last_lsn(f.tx.writer)) {
-            f.apply.expects_last = false;
+        if (f.apply.expects_sent && end > f.apply.sent.lsn) {
+            f.apply.expects_sent = false;
             if (outcome done = pgb_diverged(f.apply, f.tx, f.relations); !done)
                 return done;
         }
@@ -484,10 +484,11 @@ static outcome start(const follow &f)
 {
     pgs_server &server = f.server;
     pgs_result result;
+    const uint64_t from =
+        f.apply.expects_sent ? f.apply.sent.lsn : fwu_writer_last_lsn(f.tx.writer);
     return pgs_command(
         server, f.connection, result,
-        "START_REPLICATION SLOT " + pgs_name(server.slot) + " LOGICAL " +
-            fwu_lsn_text(fwu_writer_last_lsn(f.tx.writer)) +
+        "START_REPLICATION SLOT " + pgs_name(server.slot) + " LOGICAL " + fwu_lsn_text(from) +
             " (proto_version '1', publication_names " + pgs_literal(pgs_name(server.publication)) +
             (PQserverVersion(f.connection) >= VERSION_WITH_MESSAGES ? ", messages 'true')" : ")"));
 }

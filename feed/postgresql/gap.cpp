@@ -34,12 +34,13 @@ static const char *name_of(std::span<const std::string> tables)
 }
 
 static outcome log_at(feed_transaction &tx, pgb_relations &relations, uint64_t lsn,
-                      std::span<const std::string> tables, const std::string &reason)
+                      std::span<const std::string> tables, const std::string &reason,
+                      pgb_own own = PGB_OWN_BREAKS)
 {
     feed_begin(tx, {.time_us = fwu_now_us(), .xid = 0, .lsn = lsn});
     outcome done = pgb_put_gaps(tx, relations, tables, reason);
     if (done)
-        done = pgb_commit(tx, relations);
+        done = pgb_commit(tx, relations, own);
     if (!done) {
         feed_abandon(tx);
         return done;
@@ -52,13 +53,13 @@ static outcome log_at(feed_transaction &tx, pgb_relations &relations, uint64_t l
 }
 
 outcome pgb_log_gaps(feed_transaction &tx, pgb_relations &relations,
-                     std::span<const std::string> tables, const std::string &reason)
+                     std::span<const std::string> tables, const std::string &reason, pgb_own own)
 {
     const uint64_t last = fwu_writer_last_lsn(tx.writer);
     if (last == 0)
         return {};
     if ((last + 1) % COMMIT_STEP != 0)
-        return log_at(tx, relations, last + 1, tables, reason);
+        return log_at(tx, relations, last + 1, tables, reason, own);
     tell("warning: the log has no position left behind %s for a gap mark for %s: %s",
          fwu_lsn_text(last).c_str(), name_of(tables), reason.c_str());
     return {};
@@ -80,7 +81,8 @@ static outcome follow_skipped(feed_transaction &tx, pgb_relations &relations)
     for (const std::string &name : skipped) {
         if (feed_is_skipped(*relations.tables.config, name))
             continue;
-        if (outcome done = pgb_log_gaps(tx, relations, {&name, 1}, "skip-table was taken out");
+        if (outcome done =
+                pgb_log_gaps(tx, relations, {&name, 1}, "skip-table was taken out", PGB_OWN_JOINS);
             !done)
             return done;
         registry.skipped.erase(name);

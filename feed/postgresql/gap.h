@@ -4,6 +4,7 @@
 #define FEED_POSTGRESQL_GAP_H
 
 #include "feed/postgresql/relations.h"
+#include "feed/postgresql/standing.h"
 #include "feed/transaction.h"
 #include "util/outcome.h"
 
@@ -20,7 +21,8 @@ outcome pgb_put_gaps(feed_transaction &tx, const pgb_relations &relations,
 // when this returns: commits of the server have positions that are multiples of 8, so that none is
 // there.  A log that has nothing lacks nothing, and gets none.
 outcome pgb_log_gaps(feed_transaction &tx, pgb_relations &relations,
-                     std::span<const std::string> tables, const std::string &reason);
+                     std::span<const std::string> tables, const std::string &reason,
+                     pgb_own own = PGB_OWN_BREAKS);
 
 // The same for all tables, in front of a position up to which nothing is asked of the server any
 // more, behind all that commits there; a log that has nothing gets one, too.

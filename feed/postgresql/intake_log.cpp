@@ -259,7 +259,7 @@ static outcome log_all(logging &l)
     const bool logs = tx.begun;
     if (!logs)
         stand_at_last(l);
-    done = pgb_commit(tx, l.on.relations);
+    done = pgb_commit(tx, l.on.relations, PGB_OWN_JOINS);
     for (size_t i = 0; done && i < l.ended.size(); i++)
         tell("%s", l.ended[i].c_str());
     if (done && logs)

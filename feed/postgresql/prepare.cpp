@@ -281,8 +281,7 @@ static outcome check_position(const checks &on, pgb_found &found, uint64_t confi
                            ", the log goes up to " + fwu_lsn_text(known) + " only");
     kept.told_lsn = std::max(known, confirmed);
     kept.slot = on.server.slot;
-    // What is sent first must then be the last transaction that the log has.
-    found.expects_last = confirmed <= last.lsn && last.xid != 0;
+    found.expects_sent = confirmed <= found.sent.lsn && found.sent.xid != 0;
     return {};
 }
 
@@ -409,7 +408,7 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
     if (done)
         done = check_slot_and_leave(on, found);
     if (done && !gap.empty()) {
-        found.expects_last = false; // the log ends with something else
+        found.expects_sent = false; // the log ends with something else
         done = found.log_gap(gap);
     }
     if (done)

@@ -15,7 +15,9 @@
 
 struct pgb_found {
     uint64_t server_end = 0;   // of the server's log when it was asked; 0: it was not
-    bool expects_last = false; // the server has to send the log's last transaction first
+    fwu_commit sent = {};      // the last transaction of the server's that the log has, as far as
+                               // that is known
+    bool expects_sent = false; // the server has to send it first
     // Told, before what was found is kept, that changes are missing from here on, as --accept-gap
     // allows.
     std::function<outcome(const std::string &why)> log_gap = {};

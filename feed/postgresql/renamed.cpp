@@ -173,6 +173,6 @@ outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relatio
         if (done && has_other_name(relations.aside, table)) // the stream has not told it since
             done = pgb_identify_as(tx, relations, table);
     if (done)
-        done = pgb_commit(tx, relations);
+        done = pgb_commit(tx, relations, PGB_OWN_JOINS);
     return done;
 }

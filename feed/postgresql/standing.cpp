@@ -49,8 +49,28 @@ fwu_mark pgb_gap_of(const pgb_relations &relations, const std::string &schema,
     return mark_of(relations, FWU_MARK_GAP, schema, table, reason);
 }
 
-outcome pgb_commit(feed_transaction &tx, pgb_relations &relations)
+fwu_commit pgb_last_sent(const feed_transaction &tx, const pgb_relations &relations)
 {
+    const fwu_commit &last = fwu_writer_last_commit(tx.writer);
+    const fwu_commit &before = relations.aside.sent;
+    return last.xid != 0 || before.lsn >= last.lsn ? last : before;
+}
+
+// A transaction of our own shows nobody what the server had in front of it.
+static void note_sent(const feed_transaction &tx, pgb_relations &relations, pgb_own own)
+{
+    const fwu_commit sent = own == PGB_OWN_JOINS ? pgb_last_sent(tx, relations) : fwu_commit();
+    fwu_commit &known = relations.aside.sent;
+    if (sent.xid == 0 && known.lsn == 0)
+        return;
+    relations.aside.dirty = relations.aside.dirty || known.lsn != sent.lsn;
+    known = sent.xid == 0 ? fwu_commit() : sent;
+}
+
+outcome pgb_commit(feed_transaction &tx, pgb_relations &relations, pgb_own own)
+{
+    if (!tx.skipping && tx.commit.xid == 0)
+        note_sent(tx, relations, own);
     outcome kept =
         tx.skipping ? outcome() : pga_keep(relations.aside, fwu_writer_durable_lsn(tx.writer));
     return kept ? feed_commit(tx) : std::move(kept);

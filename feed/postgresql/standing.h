@@ -39,7 +39,16 @@ feed_dataset_name pgb_dataset_of(const pgb_relations &relations, const std::stri
 fwu_mark pgb_gap_of(const pgb_relations &relations, const std::string &schema,
                     const std::string &table, const std::string &reason);
 
+enum pgb_own {
+    PGB_OWN_BREAKS, // of our own: the server does not give what was in front of it
+    PGB_OWN_JOINS,  // ... the server still gives it when it is asked
+};
+
 // Hands the transaction in hand to the log, standings first.
-outcome pgb_commit(feed_transaction &tx, pgb_relations &relations);
+outcome pgb_commit(feed_transaction &tx, pgb_relations &relations, pgb_own own = PGB_OWN_BREAKS);
+
+// The last transaction of the server's that the log has, which the server still has to have; its
+// xid is 0 where that is not known.
+fwu_commit pgb_last_sent(const feed_transaction &tx, const pgb_relations &relations);
 
 #endif

@@ -57,6 +57,6 @@ outcome pgb_pass_unpublished(pgb_apply &apply, pgs_server &server, feed_transact
         return pgs_lost(server, "the server does not tell where its log ends");
     done = pgb_log_gap_up_to(tx, relations, now, text_of(server));
     apply.unpublished = !done;
-    apply.expects_last = false; // the log ends with something else
+    apply.expects_sent = false; // the log ends with something else
     return done;
 }

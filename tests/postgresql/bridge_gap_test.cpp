@@ -141,6 +141,48 @@ TEST_F(BridgeGapTest, ServerSetBackThatHasGrownPastTheLog)
     EXPECT_EQ(catch_up().status, 0) << "the gap is behind it";
 }
 
+// The log ends with a piece of its own, in front of which stands what the server lacks.
+TEST_F(BridgeGapTest, ServerSetBackBehindALogThatEndsWithItsOwn)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    save_server();
+    insert(2);
+    ASSERT_EQ(catch_up({"--resume", "load.ledger"}).status, 0);
+    ASSERT_EQ(catch_up({"--resume", "load.ledger"}).status, 0) << "two of its own";
+    EXPECT_THAT(read_file(dir.file("log/aside")), HasSubstr("\nsent "));
+    server->stop();
+    server->set_back();
+    server->start();
+    for (int id = 3; id < 30; id++)
+        insert(id);
+    sql("SELECT pg_switch_wal()");
+    insert(30);
+    expect_refused({"the server does not have transaction ", "the last one in the log"});
+    EXPECT_EQ(catch_up({"--accept-gap"}).status, 0);
+    EXPECT_EQ(catch_up().status, 0) << "the gap is behind it";
+    EXPECT_TRUE(logged("after ID=30 "));
+}
+
+// The same of a server that has all of it: a copy of the log goes on with the slot of before.
+TEST_F(BridgeGapTest, ALogThatEndsWithItsOwnGoesOn)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_with(1));
+    sql("SELECT pg_copy_logical_replication_slot('" + database + "', '" + database + "_kept')");
+    insert(2);
+    ASSERT_EQ(catch_up({"--resume", "load.ledger"}).status, 0);
+    drop_slot();
+    sql("SELECT pg_copy_logical_replication_slot('" + database + "_kept', '" + database +
+        "');"
+        "SELECT pg_drop_replication_slot('" +
+        database + "_kept')");
+    const std::string before = dump();
+    ASSERT_EQ(catch_up().status, 0);
+    EXPECT_EQ(dump(), before) << "what comes again";
+    insert(3);
+    ASSERT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=3 "));
+}
+
 TEST_F(BridgeGapTest, LastTransactionThatComesAgainIsNotLoggedAgain)
 {
     // Killed before the server was told of the commit.

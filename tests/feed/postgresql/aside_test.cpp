@@ -72,6 +72,7 @@ TEST_F(Aside, FileSaysAllInWords)
     pga_put_leaf(registry, 16401,
                  {.schema = "sales", .table = "p 1", .root = 16400, .at = 0x20, .gone = true});
     registry.leaves_xid = 0x100000005;
+    registry.sent = {.time_us = -5, .xid = 7, .lsn = 0x18};
     keep(0);
     const std::string text = read_file(path);
     EXPECT_EQ(text.substr(0, text.rfind("checksum ")),
@@ -82,6 +83,7 @@ TEST_F(Aside, FileSaysAllInWords)
               "id 16386 sales orders at=0/20 guessed=0/0\n"
               "id 16387 sales lines at=0/0 guessed=0/50\n"
               "leaves 4294967301\n"
+              "sent 0/18 7 -5\n"
               "leaf 16401 16400 sales p%201 node=7 at=0/18\n"
               "leaf 16401 16400 sales p%201 node=0 at=0/20 gone\n"
               "table % %20\n"
@@ -99,6 +101,9 @@ TEST_F(Aside, FileSaysAllInWords)
     EXPECT_EQ(registry.ids, kept.ids);
     EXPECT_EQ(registry.leaves, kept.leaves);
     EXPECT_EQ(registry.leaves_xid, kept.leaves_xid);
+    EXPECT_EQ(registry.sent.lsn, kept.sent.lsn);
+    EXPECT_EQ(registry.sent.xid, kept.sent.xid);
+    EXPECT_EQ(registry.sent.time_us, kept.sent.time_us);
     EXPECT_EQ(registry.holders, kept.holders);
     ASSERT_EQ(registry.tables.size(), 2U);
     for (const auto &[name, table] : kept.tables) {
