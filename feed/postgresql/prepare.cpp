@@ -336,34 +336,47 @@ static outcome check_slot_is_known(const checks &on)
                   "where it stands with --accept-gap");
 }
 
-static outcome check_slot(const checks &on, pgb_found &found)
+static outcome ask_slot(const checks &on, pgs_result &result)
 {
     pgs_server &server = on.server;
+    return pgs_query(server, server.sql.get(), result,
+                     "SELECT plugin, database, current_database(), confirmed_flush_lsn"
+                     " FROM pg_replication_slots WHERE slot_name = $1",
+                     {server.slot.c_str()});
+}
+
+// Before anything is made: whether it could be followed at all.
+static outcome check_slot_may_be_used(const checks &on)
+{
     if (outcome checked = check_slot_is_the_logs(on); !checked)
         return checked;
     pgs_result result;
-    outcome done = pgs_query(server, server.sql.get(), result,
-                             "SELECT plugin, database, current_database(), confirmed_flush_lsn"
-                             " FROM pg_replication_slots"
-                             " WHERE slot_name = $1",
-                             {server.slot.c_str()});
-    if (!done)
+    outcome done = ask_slot(on, result);
+    if (!done || PQntuples(result.get()) == 0)
         return done;
-    if (PQntuples(result.get()) == 0)
-        return slot_is_missing(on);
-    const std::string slot = "slot \"" + server.slot + "\"";
+    const std::string slot = "slot \"" + on.server.slot + "\"";
     if (pgs_value(result, 0, 0) != "pgoutput" || pgs_value(result, 0, 1) != pgs_value(result, 0, 2))
         return refuse(slot + " is one of plugin \"" + std::string(pgs_value(result, 0, 0)) +
                       "\" and database \"" + std::string(pgs_value(result, 0, 1)) +
                       "\", not of pgoutput and this database; name another with --slot");
-    if (outcome checked = check_slot_is_known(on); !checked)
-        return checked;
+    return check_slot_is_known(on);
+}
+
+static outcome check_slot(const checks &on, pgb_found &found)
+{
+    pgs_result result;
+    outcome done = ask_slot(on, result);
+    if (!done)
+        return done;
+    if (PQntuples(result.get()) == 0)
+        return slot_is_missing(on);
     if (on.last.lsn == 0 && on.options.snapshot && on.kept.snapshot == "none")
         on.kept.snapshot = "begun";
     uint64_t confirmed = 0;
     const std::string_view position = pgs_value(result, 0, 3); // none: it was never used
     if (!position.empty() && !fwu_lsn_parse(confirmed, position))
-        return refuse(slot + " stands at " + feed_quote(position) + ", which is no position");
+        return refuse("slot \"" + on.server.slot + "\" stands at " + feed_quote(position) +
+                      ", which is no position");
     done = check_position(on, found, confirmed);
     if (done)
         done = check_identities(on, false);
@@ -403,6 +416,8 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
     outcome done = check_role(server);
     if (done)
         done = check_system(on, found);
+    if (done)
+        done = check_slot_may_be_used(on);
     if (done)
         done = check_publication(on);
     if (done)
