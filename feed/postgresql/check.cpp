@@ -97,6 +97,24 @@ static outcome read_config(pgk_report &report)
     return {};
 }
 
+// The position of the log's last transaction.  What cannot be read a run says; as far as it can be,
+// it counts.
+static uint64_t last_position(const std::vector<fwu_log_file> &files)
+{
+    for (auto file = files.rbegin(); file != files.rend(); ++file) {
+        fwu_cursor cursor;
+        uint64_t last = 0;
+        if (fwu_cursor_try_open(cursor, *file) != 0)
+            return UINT64_MAX;
+        while (fwu_cursor_next(cursor) == FWU_FOUND)
+            last = cursor.commit.commit.lsn;
+        fwu_cursor_close(cursor);
+        if (last != 0)
+            return last;
+    }
+    return 0;
+}
+
 // What a log that is there says; its encoding stays.
 static outcome look_at_log(pgk_report &report)
 {
@@ -108,14 +126,14 @@ static outcome look_at_log(pgk_report &report)
     report.kept.path = config.log_directory + "/source";
     if (outcome read = pgb_kept_read(report.kept, ""); !read)
         return read;
-    // Whatever the log ends with: all that the file says counts.
-    if (outcome opened = pga_open(report.relations.aside, config.log_directory, 0, UINT64_MAX);
-        !opened)
-        return opened;
     std::vector<fwu_log_file> files;
     fwu_file_header header;
     if (fwu_log_list(config.log_directory, files) != 0)
         return OUTCOME_FAILED;
+    if (outcome opened =
+            pga_open(report.relations.aside, config.log_directory, 0, last_position(files));
+        !opened)
+        return opened;
     report.log_begun = !files.empty();
     if (files.empty() || fwu_log_header(files.back(), header) != FWU_FOUND)
         return {}; // a run says what is wrong with it

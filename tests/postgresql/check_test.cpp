@@ -480,6 +480,27 @@ TEST_F(BridgeCheckTest, WordsThatNeedIt)
     EXPECT_THAT(bad.err, HasSubstr("--scan-timeout takes 1 to 86400 seconds"));
 }
 
+// What goes with a transaction that the log does not have counts for nobody.
+TEST_F(BridgeCheckTest, StandingsThatTheLogHasNotReached)
+{
+    sql("CREATE SCHEMA shop; CREATE TABLE shop.odd (id int PRIMARY KEY, note varchar(9));"
+        "ALTER TABLE shop.odd REPLICA IDENTITY FULL");
+    configure("table shop.odd values=error\n");
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO shop.odd VALUES (1, 'one')");
+    ASSERT_EQ(catch_up().status, 0);
+    std::filesystem::copy(dir.file("log"), dir.file("before"),
+                          std::filesystem::copy_options::recursive);
+    sql("ALTER TABLE shop.odd REPLICA IDENTITY DEFAULT; UPDATE shop.odd SET note = 'y'");
+    ASSERT_EQ(catch_up().status, 0);
+    EXPECT_THAT(check({}).out, HasSubstr("table shop.odd is set aside: "));
+    std::filesystem::copy_file(dir.file("log/aside"), dir.file("before/aside"),
+                               std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::remove_all(dir.file("log"));
+    std::filesystem::rename(dir.file("before"), dir.file("log"));
+    EXPECT_THAT(check({}).out, Not(HasSubstr("shop.odd is set aside: ")));
+}
+
 TEST_F(BridgeCheckTest, SlotOfAnotherPlugin)
 {
     sql("SELECT pg_create_logical_replication_slot('" + database + "', 'test_decoding')");
