@@ -393,7 +393,10 @@ static bool is_done(const follow &f)
 // Waits limit_ms at most for the server to send something, and receives it.
 static outcome receive(follow &f, int limit_ms, bool &received)
 {
+    const int64_t begun_ms = fwu_monotonic_ms();
     const stop_wait waited = stop_signal_wait(PQsocket(f.connection), limit_ms);
+    const int64_t away_ms = pgs_away_ms(begun_ms, limit_ms);
+    f.heard_ms += away_ms;
     received = waited == STOP_READABLE;
     if (waited == STOP_ERROR)
         return outcome_failed("waiting for the server: %s", strerror(errno));
@@ -402,7 +405,13 @@ static outcome receive(follow &f, int limit_ms, bool &received)
     if (fwu_monotonic_ms() - f.heard_ms > f.server.patience_ms)
         return pgs_silent(f.server, "following the stream");
     // Encrypted connections may hold bytes that the socket does not show.
-    return PQconsumeInput(f.connection) == 1 ? outcome() : lost(f);
+    if (PQconsumeInput(f.connection) == 1)
+        return {};
+    if (away_ms == 0)
+        return lost(f);
+    return lost(f, ("this process did not run for " + std::to_string(away_ms / 1000) +
+                    " seconds, and the connection is gone")
+                       .c_str());
 }
 
 // Until something is due by the clock.

@@ -134,6 +134,13 @@ static std::string brief(const std::string &doing)
     return doing.size() <= longest ? doing : doing.substr(0, longest) + " ...";
 }
 
+int64_t pgs_away_ms(int64_t begun_ms, int64_t limit_ms)
+{
+    constexpr int64_t busy_ms = 2000; // a machine that has much to do lets nobody wait longer
+    const int64_t away = fwu_monotonic_ms() - begun_ms - limit_ms;
+    return away > busy_ms ? away : 0;
+}
+
 outcome pgs_silent(pgs_server &server, const std::string &doing)
 {
     std::string why =
@@ -201,6 +208,7 @@ static outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
         if (PQflush(connection) < 0)
             return pgs_failed(server, connection, nullptr, doing);
         const int64_t look = std::min(LOOK_MS, server.patience_ms / 4);
+        const int64_t begun_ms = fwu_monotonic_ms();
         switch (stop_signal_wait(PQsocket(connection), static_cast<int>(look))) {
         case STOP_READABLE:
             wait.heard_ms = fwu_monotonic_ms();
@@ -208,6 +216,7 @@ static outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
                 return {};
             return pgs_failed(server, connection, nullptr, doing);
         case STOP_TIMEOUT:
+            wait.heard_ms += pgs_away_ms(begun_ms, look);
             break;
         default:
             return OUTCOME_STOPPED;

@@ -67,6 +67,10 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
 // is its SQLSTATE.
 bool pgs_refused(const PGconn *connection, const PGresult *result, const char *only = nullptr);
 
+// How long this process did not run while it waited for limit_ms at most, having begun at begun_ms
+// (fwu_monotonic_ms): it was stopped, or the machine was.  The server was not silent meanwhile.
+int64_t pgs_away_ms(int64_t begun_ms, int64_t limit_ms);
+
 // The server was silent for too long while this was waited for: OUTCOME_LOST.  It gets
 // more time the next time, since it may have been busy with something huge.
 outcome pgs_silent(pgs_server &server, const std::string &doing);

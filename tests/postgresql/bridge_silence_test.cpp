@@ -330,3 +330,17 @@ TEST_F(BridgeSilenceTest, TheStateFileIsForItsOwnerOnly)
     const auto mode = std::filesystem::status(dir.file("log/postgresql.json")).permissions();
     EXPECT_EQ(static_cast<unsigned>(mode), 0600U);
 }
+
+// It was not the server that was silent.
+TEST_F(BridgeSilenceTest, ABridgeThatWasStoppedBlamesNobody)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    start_bridge({"--timeout", "1"});
+    ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; })) << bridge.err();
+    bridge.signal(SIGSTOP);
+    usleep(6'000'000); // far more than it would wait
+    bridge.signal(SIGCONT);
+    insert(7);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(7));
+    EXPECT_THAT(bridge.err(), Not(HasSubstr("silent")));
+}
