@@ -38,7 +38,7 @@ static bool take_result(PGconn *connection, int64_t deadline_ms, pgs_result &res
 }
 
 pgs_connection pgs_beside_connect(const pgs_server &server, const PGconn *beside,
-                                  int64_t deadline_ms)
+                                  int64_t deadline_ms, std::string *why)
 {
     const char *const address = PQhostaddr(beside);
     pgs_parameters parameters;
@@ -51,8 +51,11 @@ pgs_connection pgs_beside_connect(const pgs_server &server, const PGconn *beside
     pgs_connection connection(
         PQconnectStartParams(parameters.keys.data(), parameters.values.data(), 1));
     if (connection == nullptr || PQstatus(connection.get()) == CONNECTION_BAD ||
-        !connect(connection.get(), deadline_ms) || PQsetnonblocking(connection.get(), 1) != 0)
+        !connect(connection.get(), deadline_ms) || PQsetnonblocking(connection.get(), 1) != 0) {
+        if (why != nullptr && connection != nullptr)
+            *why = pgs_one_line(PQerrorMessage(connection.get()));
         return nullptr;
+    }
     std::string settings;
     for (const char *setting : pgs_settings(PQserverVersion(connection.get())))
         settings += std::string("SET ") + setting + ";";

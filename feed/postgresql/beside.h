@@ -10,9 +10,10 @@
 
 constexpr int64_t PGS_BESIDE_MS = 2000; // that a question may take
 
-// One to the host that another connection goes to; null when there is none in time.
+// One to the host that another connection goes to; null when there is none in time; why: what the
+// server has said to that.
 pgs_connection pgs_beside_connect(const pgs_server &server, const PGconn *beside,
-                                  int64_t deadline_ms);
+                                  int64_t deadline_ms, std::string *why = nullptr);
 
 // Gets the result of the last of several commands, which may be an error; false when time is up.
 bool pgs_beside_run(PGconn *connection, const std::string &query, int64_t deadline_ms,

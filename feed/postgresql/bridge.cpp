@@ -174,13 +174,15 @@ static outcome set_up(bridge &b)
     b.relations.tables.default_policy = feed_server_policy(b.config);
     b.relations.facts.ask = [&b](const std::string &query, pgs_result &rows) {
         return pgs_ask_rows(b.server, b.server.replication.get(),
-                            "SET search_path = pg_catalog; " + query, rows);
+                            "SET search_path = pg_catalog; " + query, rows,
+                            "what its tables and types are");
     };
     b.tx.work.settings = {.big_endian = b.config.big_endian, .truncate = options.truncate};
     b.apply.watch.config = &b.config;
     b.apply.accepts_gap = options.accept_gap;
     b.apply.skips = options.skips;
     b.state.relations = &b.relations;
+    b.state.untold = &b.server.untold;
     b.state.slot = options.slot;
     b.state.publication = options.publication;
     b.state.kept.path = b.config.log_directory + "/source";

@@ -5,6 +5,7 @@
 #define FEED_POSTGRESQL_QUERY_H
 
 #include "feed/postgresql/server.h"
+#include "feed/postgresql/server_error.h"
 
 #include <span>
 #include <string>
@@ -74,11 +75,5 @@ int64_t pgs_away_ms(int64_t begun_ms, int64_t limit_ms);
 // The server was silent for too long while this was waited for: OUTCOME_LOST.  It gets
 // more time the next time, since it may have been busy with something huge.
 outcome pgs_silent(pgs_server &server, const std::string &doing);
-
-// A field of an error (PG_DIAG_...), in one line; empty when there is none.
-std::string pgs_error_field(const PGresult *result, int field);
-
-// What to do about an error with this SQLSTATE and message; null when that is not known.
-const char *pgs_find_remedy(const char *state, const char *message);
 
 #endif

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <cstdint>
 #include <libpq-fe.h>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,7 +46,9 @@ struct pgs_server {
     std::shared_ptr<pge_texts> texts;  // what is known of its characters; null: the server converts
     mutable bool texts_failed = false; // it could not, on a connection beside these
     std::string row_text;              // the same, converted; else not used
-    bool any_bytes = false;            // the database has no encoding: texts are not always UTF-8
+    // What the server refuses to tell beside the stream: why, by what it is about.
+    mutable std::map<std::string, std::string> untold;
+    bool any_bytes = false;       // the database has no encoding: texts are not always UTF-8
     bool slot_in_use = false;     // after OUTCOME_LOST: it was that another process has the slot
     int64_t timeout_ms = 60'000;  // of silence after which the server is taken for gone
     int64_t patience_ms = 60'000; // the same, longer after each time

@@ -142,6 +142,16 @@ static std::string taking_text(const pgb_state &state)
     return out.empty() ? "[]" : out + "]";
 }
 
+static std::string untold_text(const pgb_state &state)
+{
+    std::string out = "[";
+    if (state.untold != nullptr)
+        for (const auto &[about, why] : *state.untold)
+            out += (out.size() == 1 ? "{\"what\":" : ",{\"what\":") + json_text(about) +
+                   ",\"answer\":" + json_text(why) + "}";
+    return out + "]";
+}
+
 static std::string text_of(const pgb_state &state)
 {
     std::string out = "{";
@@ -186,6 +196,7 @@ static std::string text_of(const pgb_state &state)
     put("reconnects", std::to_string(state.reconnects), false);
     put("aside", aside_text(state), false);
     put("taking", taking_text(state), false);
+    put("untold", untold_text(state), false);
     return out + "}\n";
 }
 

@@ -9,6 +9,7 @@
 #include "util/outcome.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <sys/types.h>
 
@@ -32,6 +33,7 @@ struct pgb_state {
     uint64_t changes = 0;
     feed_marked marked; // items of these changes that do not hold what the source has
     uint64_t reconnects = 0;
+    const std::map<std::string, std::string> *untold = nullptr; // of pgs_server; null: nothing is
     const pgb_relations *relations = nullptr; // whose standings are told; null: none are
 };
 

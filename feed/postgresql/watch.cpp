@@ -90,7 +90,7 @@ void pgb_watch_look(pgb_watch &watch, const pgs_server &server)
         query.replace(at, 2, pgs_literal(server.publication));
     pgs_result rows;
     if (!pgs_ask_rows(server, server.replication.get(), "SET search_path = pg_catalog; " + query,
-                      rows))
+                      rows, "which tables are not followed"))
         return;
     const std::string text = pgb_watch_text(watch, server.publication, rows);
     if (!text.empty())

@@ -223,6 +223,69 @@ TEST_F(BridgeRemedyTest, PublicationThatIsDroppedUnderARunningBridge)
     EXPECT_THAT(bridge.err(), HasSubstr("did not exist when what comes next was changed"));
 }
 
+// Nothing is made for a slot that cannot be followed.
+TEST_F(BridgeRemedyTest, SlotOfAnotherPluginOrDatabase)
+{
+    const auto nothing_was_made = [this] {
+        return value("SELECT (SELECT count(*) FROM pg_publication) + (SELECT count(*) FROM"
+                     " pg_event_trigger)") == "0";
+    };
+    sql("SELECT pg_create_logical_replication_slot('" + database + "', 'test_decoding')");
+    refused({"--create"}, "slot \"" + database + "\" is one of plugin \"test_decoding\" and ");
+    EXPECT_TRUE(nothing_was_made());
+    sql("SELECT pg_drop_replication_slot('" + database + "')");
+    pg_client(server->conninfo())
+        .run("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    refused({"--create"}, "is one of plugin \"pgoutput\" and database \"postgres\", not of "
+                          "pgoutput and this database; name another with --slot");
+    EXPECT_TRUE(nothing_was_made());
+    pg_client(server->conninfo()).run("SELECT pg_drop_replication_slot('" + database + "')");
+    // One of its own that the log directory knows nothing of.
+    sql("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
+    refused({"--create"}, "is there already, and the log directory knows nothing of it");
+    EXPECT_TRUE(nothing_was_made());
+    expect_runs({"--create", "--slot", database + "_2"});
+    pg_client(server->conninfo()).run("SELECT pg_drop_replication_slot('" + database + "')");
+}
+
+// What the bridge asks beside the stream and is refused is told once for each cause, and does not
+// stop the stream; the remedy brings it back.
+TEST_F(BridgeRemedyTest, QuestionsThatTheServerRefuses)
+{
+    const std::string role = database + "_asks";
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; GRANT USAGE ON SCHEMA load TO " + role +
+        "; GRANT SELECT ON load.ledger TO " + role + "; CREATE PUBLICATION " + database +
+        " FOR ALL TABLES");
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("REVOKE SELECT ON pg_catalog.pg_inherits FROM PUBLIC");
+    start_bridge({"--conninfo", conninfo(role)});
+    const std::string about = "warning: the server does not tell which tables have other names or "
+                              "parts: permission denied for table pg_inherits; give the role the "
+                              "right: GRANT SELECT ON ... TO ...; the stream goes on\n";
+    ASSERT_TRUE(bridge_says(about)) << bridge.err();
+    insert(1);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
+    const auto untold = [this](const char *text) {
+        return read_file(dir.file("log/postgresql.json")).find(text) != std::string::npos;
+    };
+    EXPECT_TRUE(poll_until([&] {
+        return untold("\"untold\":[{\"what\":\"which tables have other names or parts\","
+                      "\"answer\":\"permission denied for table pg_inherits\"}]");
+    })) << read_file(dir.file("log/postgresql.json"));
+    sql("GRANT SELECT ON pg_catalog.pg_inherits TO PUBLIC;"
+        "REVOKE SELECT ON pg_catalog.pg_publication_tables FROM PUBLIC");
+    EXPECT_TRUE(bridge_says("which tables have other names or parts: permission denied for view "
+                            "pg_publication_tables"))
+        << "another cause";
+    EXPECT_EQ(occurrences(bridge.err(), about), 1) << bridge.err();
+    sql("GRANT SELECT ON pg_catalog.pg_publication_tables TO PUBLIC");
+    EXPECT_TRUE(poll_until([&] { return untold("\"untold\":[]"); }));
+    EXPECT_EQ(occurrences(bridge.err(), "does not tell which tables have other names or parts"), 2)
+        << bridge.err();
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    sql("DROP OWNED BY " + role);
+}
+
 TEST_F(BridgeRemedyTest, LogOfAnotherDatabaseOrSlot)
 {
     expect_runs({"--create"});

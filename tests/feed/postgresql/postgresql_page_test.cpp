@@ -187,6 +187,8 @@ TEST(PostgresqlPage, MembersAreThoseOfTheStateFile)
     pga_put(relations.aside, "sales", "orders", {.standing = PGA_ASIDE});
     pga_put(relations.aside, "sales", "lines", {.standing = PGA_TAKING});
     state.relations = &relations;
+    const std::map<std::string, std::string> untold = {{"a", "b"}};
+    state.untold = &untold;
     ASSERT_TRUE(pgb_state_write(state));
     const std::string text = read_file(state.path);
     static const std::regex member("\"([a-z_]+)\":");

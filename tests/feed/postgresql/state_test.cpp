@@ -49,7 +49,7 @@ TEST(BridgeState, FileTellsPositionsAndLag)
                         "28\",\"lag_bytes\":16,"
                         "\"lag_seconds\":0.000,\"last_commit\":null,\"transactions\":3,"
                         "\"changes\":12,\"cut\":1,\"replaced\":2,\"left_out\":3,\"unknown\":4,"
-                        "\"reconnects\":1,\"aside\":[],\"taking\":[]}\n");
+                        "\"reconnects\":1,\"aside\":[],\"taking\":[],\"untold\":[]}\n");
 }
 
 // A configuration that describes nothing, and three tables of which one is just followed.
@@ -94,11 +94,15 @@ TEST_F(BridgeStateOfTables, ThoseSetAsideAndTakenInAreNamed)
     pga_put(relations.aside, "sales", "lines",
             {.standing = PGA_TAKING, .at = 0x20, .why = "resume", .rows = 3});
     pga_put(relations.aside, "sales", "followed", {.at = 0x20});
+    const std::map<std::string, std::string> untold = {{"one", "no \"right\""}, {"two", ""}};
+    state.untold = &untold;
     EXPECT_EQ(members(), "\"aside\":[{\"table\":\"sales.orders\",\"dataset\":\"SALES.ORDERS\","
                          "\"position\":\"0/18\",\"time\":\"2026-03-09T08:18:01.000000Z\","
                          "\"reason\":\"no\\u000aroom\",\"missed\":7}],"
                          "\"taking\":[{\"table\":\"sales.lines\",\"why\":\"resume\",\"rows\":3,"
-                         "\"estimate\":null}]}\n");
+                         "\"estimate\":null}],"
+                         "\"untold\":[{\"what\":\"one\",\"answer\":\"no \\\"right\\\"\"},"
+                         "{\"what\":\"two\",\"answer\":\"\"}]}\n");
     pga_find_table(relations.aside, "sales.lines")->estimate = 9;
     testing::internal::CaptureStderr();
     pgb_state_print(state);
