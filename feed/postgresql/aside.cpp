@@ -44,7 +44,7 @@ static void forget_old(std::vector<Record> &records, uint64_t durable_lsn)
 constexpr uint32_t LEFT_FIRST = 8192;
 constexpr uint32_t LEFT_END = 16384;
 
-static bool is_left(uint32_t id)
+bool pga_is_left(uint32_t id)
 {
     return id >= LEFT_FIRST && id < LEFT_END;
 }
@@ -66,7 +66,7 @@ static void find_holders(pga_registry &registry)
 {
     registry.holders.clear();
     for (const auto &[id, names] : registry.ids)
-        if (!names.back().lost && !is_left(id))
+        if (!names.back().lost && !pga_is_left(id))
             registry.holders[fwu_source_name(names.back().schema, names.back().table)] = id;
 }
 
@@ -177,10 +177,10 @@ static void leave_name(pga_registry &registry, const pga_name &name, uint64_t at
 {
     uint32_t id = LEFT_FIRST;
     for (auto found = registry.ids.find(id);
-         found != registry.ids.end() && !found->second.back().lost && is_left(id);
+         found != registry.ids.end() && !found->second.back().lost && pga_is_left(id);
          found = registry.ids.find(id))
         id++;
-    if (is_left(id)) // else so many were left that one more makes no difference
+    if (pga_is_left(id)) // else so many were left that one more makes no difference
         put(registry.ids[id], {.schema = name.schema, .table = name.table, .at = at});
 }
 
@@ -238,6 +238,20 @@ void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
         return;
     registry.ids[id] = {{.schema = schema, .table = table, .guessed = at}};
     registry.holders[name] = id;
+    registry.dirty = true;
+}
+
+void pga_forget(pga_registry &registry, uint32_t id, uint64_t at)
+{
+    const auto known = registry.ids.find(id);
+    if (known == registry.ids.end() || known->second.back().at > at)
+        return;
+    const pga_name name = known->second.back();
+    registry.ids.erase(known);
+    if (!name.lost) {
+        registry.holders.erase(fwu_source_name(name.schema, name.table));
+        leave_name(registry, name, at);
+    }
     registry.dirty = true;
 }
 

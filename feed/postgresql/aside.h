@@ -64,6 +64,13 @@ pga_identity pga_describe(pga_registry &registry, uint32_t id, const std::string
 void pga_guess(pga_registry &registry, uint32_t id, const std::string &schema,
                const std::string &table, uint64_t at);
 
+// Forgets a table that was dropped, and of which no change is to come any more; its name stays
+// known, since the log has rows of it.  at: a position that the log has for good.
+void pga_forget(pga_registry &registry, uint32_t id, uint64_t at);
+
+// Whether this is no OID, but stands for a name that was left.
+bool pga_is_left(uint32_t id);
+
 // A partition of a table that is followed is now so; leaf.at as in pga_put.
 void pga_put_leaf(pga_registry &registry, uint32_t id, pga_leaf leaf);
 

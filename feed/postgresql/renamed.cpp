@@ -12,6 +12,7 @@
 #include "fwutil/fwu_start.h"
 
 #include <algorithm>
+#include <set>
 
 constexpr uint64_t COMMIT_STEP = 8; // positions of the server's commits are multiples of it
 
@@ -103,6 +104,33 @@ static void take_rows(pgb_renamed &renamed, pgb_parts &found, const pga_registry
     }
 }
 
+// Tables that are known, and that neither the publication nor the database has.
+static void find_dropped(pgb_renamed &renamed, const pgs_server &server,
+                         const pga_registry &registry, const pgb_parts &found)
+{
+    std::set<uint32_t> missing;
+    for (const auto &[id, names] : registry.ids)
+        if (!pga_is_left(id) && !found.roots.contains(id) && !found.alone.contains(id))
+            missing.insert(id);
+    if (missing.empty())
+        return;
+    std::string ids;
+    for (const uint32_t id : missing)
+        ids += (ids.empty() ? "" : ",") + std::to_string(id);
+    pgs_result rows;
+    if (!pgs_ask_rows(server, server.replication.get(),
+                      "SELECT oid FROM pg_catalog.pg_class WHERE oid = ANY ('{" + ids +
+                          "}'::pg_catalog.oid[])",
+                      rows, "which tables are there"))
+        return;
+    for (int i = 0; i < PQntuples(rows.get()); i++) {
+        uint32_t id = 0;
+        if (pgs_number(id, pgs_value(rows, i, 0)))
+            missing.erase(id);
+    }
+    renamed.dropped.assign(missing.begin(), missing.end());
+}
+
 outcome pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server, pgb_relations &relations,
                          const fwu_writer *writer)
 {
@@ -110,12 +138,14 @@ outcome pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server, pgb_rel
         return pgs_ask_rows(server, server.replication.get(), query, rows);
     };
     pgs_result rows;
-    if (!ask(look_query(server.publication), rows))
+    if (!pgs_ask_rows(server, server.replication.get(), look_query(server.publication), rows,
+                      "which tables have other names or parts"))
         return {};
     pgb_parts found;
     renamed = {};
     take_rows(renamed, found, relations.aside, rows);
     pgb_compare_parts(renamed.parts, relations.aside, found, fwu_writer_last_lsn(writer), ask);
+    find_dropped(renamed, server, relations.aside, found);
     return pga_keep(relations.aside, fwu_writer_durable_lsn(writer));
 }
 
@@ -155,10 +185,14 @@ bool pgb_has_renamed(const pgb_renamed &renamed)
 outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relations &relations,
                          uint64_t passed)
 {
-    if (!pgb_has_renamed(renamed) || passed < renamed.position)
+    if (passed < renamed.position || (!pgb_has_renamed(renamed) && renamed.dropped.empty()))
         return {};
     const pgb_renamed now = std::move(renamed);
     renamed = {};
+    for (const uint32_t id : now.dropped) // none of their changes is to come
+        pga_forget(relations.aside, id, fwu_writer_durable_lsn(tx.writer));
+    if (!pgb_has_renamed(now))
+        return pga_keep(relations.aside, fwu_writer_durable_lsn(tx.writer));
     // Behind what was said of the old names, and before the next commit.
     const uint64_t last = fwu_writer_last_lsn(tx.writer);
     const uint64_t lsn = std::max(last + 1, now.position - std::min(now.position, COMMIT_STEP - 1));

@@ -25,7 +25,8 @@ struct pgb_renamed {
     std::vector<pgo_relation> tables; // as the catalogue has them
     std::vector<pgb_attached> attached = {};
     std::vector<pgb_part_change> parts = {};
-    uint64_t position = 0; // of the server when it was asked
+    std::vector<uint32_t> dropped = {}; // OIDs of tables that are there no more
+    uint64_t position = 0;              // of the server when it was asked
 };
 
 bool pgb_has_renamed(const pgb_renamed &renamed);

@@ -314,6 +314,26 @@ TEST_F(BridgeAsideTest, ANewColumnWithADefaultIsTold)
     EXPECT_THAT(fwlog({"dump"}).out, HasSubstr(" ID=1 NOTE=\"one\" PLAIN=0 SEVEN=7 "));
 }
 
+// The file does not grow with each table that was there once; its name is what counts.
+TEST_F(BridgeAsideTest, ADroppedTableIsForgottenButForItsName)
+{
+    sql("INSERT INTO shop.good VALUES (1)");
+    catch_up_well();
+    const std::string line = "id " + value("SELECT 'shop.good'::regclass::oid::text") + " shop ";
+    const auto file = [this] { return read_file(dir.file("log/aside")); };
+    EXPECT_THAT(file(), HasSubstr(line));
+    sql("DROP TABLE shop.good; INSERT INTO shop.\"odd one\" VALUES (1)");
+    catch_up_well(); // has come behind it
+    sql("INSERT INTO shop.\"odd one\" VALUES (2)");
+    catch_up_well();
+    EXPECT_THAT(file(), Not(HasSubstr(line)));
+    EXPECT_THAT(file(), HasSubstr(" shop good "));
+    sql("CREATE TABLE shop.good (id integer PRIMARY KEY, other integer);"
+        "INSERT INTO shop.good VALUES (2, 5)");
+    catch_up_well();
+    EXPECT_THAT(history(), HasSubstr("truncate GOOD: dropped and made anew\nc GOOD 2\n"));
+}
+
 TEST_F(BridgeAsideTest, ATableMadeAnewBeginsWithATruncate)
 {
     sql("INSERT INTO shop.good VALUES (1)");
