@@ -147,6 +147,7 @@ TEST_F(BridgeGapTest, ServerSetBackBehindALogThatEndsWithItsOwn)
     ASSERT_NO_FATAL_FAILURE(begin_with(1));
     save_server();
     insert(2);
+    ASSERT_EQ(catch_up().status, 0) << "before a piece has it";
     ASSERT_EQ(catch_up({"--resume", "load.ledger"}).status, 0);
     ASSERT_EQ(catch_up({"--resume", "load.ledger"}).status, 0) << "two of its own";
     EXPECT_THAT(read_file(dir.file("log/aside")), HasSubstr("\nsent "));
