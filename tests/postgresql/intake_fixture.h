@@ -33,13 +33,14 @@ class IntakeTest : public BridgeTest {
     }
 
     // Rows of some 200 bytes, in two pieces or more.
-    void make_table(const std::string &key = "bigint PRIMARY KEY",
-                    const std::string &id = "g") const
+    void make_table(const std::string &key = "bigint PRIMARY KEY", const std::string &id = "g",
+                    int rows = 30'000) const
     {
         sql("CREATE TABLE load.t (id " + key +
             ", n integer, body text); ALTER TABLE load.t REPLICA IDENTITY FULL;"
             "INSERT INTO load.t SELECT " +
-            id + ", 0, repeat('b', 180) FROM generate_series(1, 30000) g; ANALYZE load.t");
+            id + ", 0, repeat('b', 180) FROM generate_series(1, " + std::to_string(rows) +
+            ") g; ANALYZE load.t");
         ASSERT_EQ(catch_up({"--create"}).status, 0);
     }
 
