@@ -1,6 +1,8 @@
 """The Python module tmf on files of its own, beside other processes."""
 
+import collections
 import os
+import random
 import re
 import signal
 import stat
@@ -258,6 +260,89 @@ class Waiting(Messages):
         with tmf.Reader(self.path, exclusive=True) as reader:
             self.assertEqual(reader.info().readers, 1)
 
+    def test_signal_ends_the_wait_for_a_file_that_another_process_works_on(self):
+        self.make(b"one")
+        holder = self.program(
+            "import fcntl\n"
+            "file = open(path, 'r+b')\n"
+            "print('open', flush=True)\n"
+            "sys.stdin.readline()\n"
+            "fcntl.lockf(file, fcntl.LOCK_EX, 256, 0)\n"
+            "print('locked', flush=True)\n"
+            "sys.stdin.read()"
+        )
+        self.assertEqual(holder.stdout.readline(), b"open\n")
+        user = self.program(
+            "import signal\n"
+            "signal.signal(signal.SIGUSR1, lambda *_: None)\n"
+            "writer = tmf.Writer(path)\n"
+            "print('open', flush=True)\n"
+            "sys.stdin.readline()\n"
+            "try:\n"
+            "    writer.write(b'two')\n"
+            "except tmf.Error as error:\n"
+            "    print(error.code.name, flush=True)\n"
+            "sys.stdin.readline()\n"
+            "writer.write(b'two')\n"
+            "writer.close()"
+        )
+        self.assertEqual(user.stdout.readline(), b"open\n")
+        self.send(holder, b"lock\n")
+        self.assertEqual(holder.stdout.readline(), b"locked\n")
+        self.send(user, b"write\n")
+        self.wait_for_lock(user)
+        user.send_signal(signal.SIGUSR1)
+        self.assertEqual(user.stdout.readline(), b"ELOCK_WAIT\n")
+        holder.stdin.close()
+        self.assertEqual(holder.wait(), 0)
+        self.send(user, b"again\n")
+        self.assertEqual(user.wait(), 0)
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(list(reader), [b"one", b"two"])
+
+    def wait_for_lock(self, program):
+        """Until a process waits for a lock: the system's list has it behind "->"."""
+        for _ in range(6000):
+            with open("/proc/locks") as locks:
+                if any("->" in line and " %d " % program.pid in line for line in locks):
+                    return
+            time.sleep(0.01)
+        self.fail("the process does not wait for a lock")
+
+    def test_records_of_many_writers_come_once_to_many_readers(self):
+        self.make()
+        writers = [
+            self.program(
+                "with tmf.Writer(path) as writer:\n"
+                "    for number in range(200):\n"
+                "        writer.write(b'%d %%d' %% number)" % writer
+            )
+            for writer in range(3)
+        ]
+        readers = [
+            self.program(
+                "with tmf.Reader(path) as reader:\n"
+                "    for record in reader.records(timeout=60):\n"
+                "        print(record.decode(), flush=True)\n"
+                "        if record == b'end': break"
+            )
+            for _ in range(2)
+        ]
+        for writer in writers:
+            self.assertEqual(writer.wait(), 0)
+        with tmf.Writer(self.path) as writer:
+            for _ in readers:
+                writer.write(b"end")
+        got = [reader.communicate()[0].decode().splitlines() for reader in readers]
+        self.assertEqual(
+            sorted(got[0] + got[1]),
+            sorted(["%d %d" % (w, n) for w in range(3) for n in range(200)] + ["end"] * 2),
+        )
+        for lines in got:  # those of one writer are in its order
+            for writer in range(3):
+                own = [int(line.split()[1]) for line in lines if line.startswith("%d " % writer)]
+                self.assertEqual(own, sorted(own))
+
     def test_other_threads_run_while_one_waits(self):
         self.make()
         other = os.path.join(self.folder, "other")
@@ -278,6 +363,34 @@ class Waiting(Messages):
         self.assertEqual(program.wait(), 0)
         thread.join()
         self.assertEqual(got, [b"end"])
+
+
+class Model(Messages):
+    def test_random_calls_beside_a_deque(self):
+        seed = random.randrange(1 << 32)
+        choose = random.Random(seed)
+        model = collections.deque()
+        for _ in range(60):
+            with self.subTest(seed=seed), tmf.Writer(self.path) as writer:
+                for _ in range(choose.randrange(12)):
+                    record = choose.randbytes(1 + choose.randrange(choose.choice((30, 32761))))
+                    writer.write(record)
+                    model.append(record)
+            with self.subTest(seed=seed), tmf.Reader(self.path, keep=True) as reader:
+                self.assertEqual(list(reader), list(model))
+            with self.subTest(seed=seed), tmf.Reader(self.path, exclusive=True) as reader:
+                for _ in range(choose.randrange(12)):
+                    first = model[0] if model else None
+                    if choose.random() < 0.5:
+                        self.assertEqual(reader.peek(), first)
+                        if first is not None and choose.random() < 0.5:
+                            reader.remove()
+                            model.popleft()
+                    else:
+                        self.assertEqual(reader.read(), first)
+                        if model:
+                            model.popleft()
+                self.assertEqual(reader.info().records, len(model))
 
 
 class Failures(Messages):
