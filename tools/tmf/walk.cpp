@@ -1,7 +1,6 @@
 // Walking over frames.  A frame that is wrong is passed over to the next one that is whole and
-// that a second witness confirms, since bytes of data can look like a frame: the end marker of
-// the wrong one that stands right in front of it, the wrong one's own length, or the frame
-// behind it.
+// that a second witness confirms, since bytes of data can look like a frame: the wrong one's own
+// length, the end marker right in front of it, or the frame behind it.
 #include "tools/tmf/walk.h"
 
 #include "msgfile/tmf.h"
@@ -13,12 +12,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Bytes read at once; what a step looks at fits in often.
+// Bytes read at once; what a step looks at, and the frame in front of it, fit in often.
 static constexpr int64_t window_size = 1024 * 1024;
 
 // A step looks at a frame and the one behind it.
 static constexpr int64_t step_size = 2 * int64_t{TMF_MAX_FRAME} + TMF_END_MARK_SIZE;
-static_assert(step_size < window_size);
+static_assert(TMF_MAX_FRAME + step_size < window_size);
 
 // ---- bytes
 
@@ -33,8 +32,8 @@ static outcome view(tmft_walk &walk, int64_t at, std::string_view &bytes)
     const int64_t wanted = std::clamp<int64_t>(walk.size - at, 0, step_size);
     const auto held = static_cast<int64_t>(walk.held.size());
     if (at < walk.held_at || at + wanted > walk.held_at + held) {
-        // With the end marker in front of it.
-        walk.held_at = std::max<int64_t>(at - TMF_FRAME_TRAILER_SIZE, 0);
+        // With the frame in front of it.
+        walk.held_at = std::max<int64_t>(at - TMF_MAX_FRAME, 0);
         walk.held.resize(window_size);
         const ssize_t got = pread(walk.fd, walk.held.data(), walk.held.size(), walk.held_at);
         const int read_errno = errno;
@@ -108,6 +107,22 @@ static std::string wrong_frame(int64_t at, std::string_view bytes)
            std::to_string(at + length - TMF_FRAME_TRAILER_SIZE);
 }
 
+// Whether an end marker stands right in front of the walk's place, which has been viewed, that
+// leads back to the wrong frame, or to another one behind it, whose writer's number stands there.
+static bool marker_points_back(const tmft_walk &walk, int64_t wrong_at)
+{
+    const std::string_view held = walk.held;
+    const int64_t marker_at = walk.at - TMF_FRAME_TRAILER_SIZE;
+    if (marker_at < std::max(wrong_at, walk.held_at))
+        return false;
+    const int length = be16(held, static_cast<size_t>(marker_at - walk.held_at));
+    const int64_t start = walk.at - length;
+    if (!is_length(length) || start < std::max(wrong_at, walk.held_at))
+        return false;
+    const auto user_at = static_cast<size_t>(start - walk.held_at) + TMF_FRAME_USER_AT;
+    return start == wrong_at || is_user(be16(held, user_at));
+}
+
 // Goes on from a wrong frame to the next sure one, or to the end.
 static outcome resynchronise(tmft_walk &walk)
 {
@@ -130,13 +145,7 @@ static outcome resynchronise(tmft_walk &walk)
         const int length = sure_frame(bytes);
         if (length == 0 || walk.at + length > walk.end)
             continue;
-        const int64_t distance = walk.at - wrong_at;
-        const bool behind_marker =
-            distance > TMF_FRAME_SIZE && distance <= TMF_MAX_FRAME &&
-            walk.at - TMF_FRAME_TRAILER_SIZE >= walk.held_at &&
-            be16(walk.held, static_cast<size_t>(walk.at - TMF_FRAME_TRAILER_SIZE - walk.held_at)) ==
-                static_cast<int>(distance);
-        if (behind_marker ||
+        if (marker_points_back(walk, wrong_at) ||
             record_may_end(walk, walk.at + length, bytes.substr(static_cast<size_t>(length))))
             return {};
     }

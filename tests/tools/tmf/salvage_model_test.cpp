@@ -7,10 +7,12 @@
 struct model_record {
     std::string data;
     bool damaged = false;
+    bool in_front = false; // it is the length in front that is damaged, not the one behind
 };
 
 // A damaged record is passed over together with those behind it, up to one that is sound and
-// stands right behind the damaged one, in front of another sound one, or last.
+// stands right behind the damaged one, behind an end marker that is not damaged, in front of
+// another sound one, or last.
 static std::vector<std::string> model_salvage(const std::vector<model_record> &records)
 {
     std::vector<std::string> taken;
@@ -21,8 +23,8 @@ static std::vector<std::string> model_salvage(const std::vector<model_record> &r
         }
         const size_t wrong = i++;
         const auto found = [&] {
-            return !records[i].damaged &&
-                   (i == wrong + 1 || i + 1 == records.size() || !records[i + 1].damaged);
+            return !records[i].damaged && (i == wrong + 1 || records[i - 1].in_front ||
+                                           i + 1 == records.size() || !records[i + 1].damaged);
         };
         while (i < records.size() && !found())
             i++;
@@ -48,9 +50,11 @@ TEST_F(TmfSalvageModel, DamagedLengthsCostTheirRecordsAndNoOthersThanTheModels)
             record.damaged = random() % 4 == 0;
             std::string front = be16(static_cast<int>(length) + 6);
             std::string behind = front;
-            if (record.damaged) // lengths that none has
-                (random() % 2 == 0 ? front : behind) = be16(
-                    static_cast<int>(random() % 2 == 0 ? random() % 7 : 32768 + random() % 32768));
+            record.in_front = record.damaged && random() % 2 == 0;
+            if (record.damaged) { // a length that none has
+                const auto none = random() % 2 == 0 ? random() % 7 : 32768 + random() % 32768;
+                (record.in_front ? front : behind) = be16(static_cast<int>(none));
+            }
             data += front + be16(17) + record.data + behind;
         }
         std::string file = four_records().substr(0, 4352) + data + "\xff\xff";

@@ -21,7 +21,7 @@ class TmfSalvage : public DamagedFile {
         write_file(path, file);
         std::vector<std::string> words = {"salvage", path, out};
         words.insert(words.end(), options.begin(), options.end());
-        const run_result result = tmf(words);
+        run_result result = tmf(words);
         EXPECT_EQ(result.err, "");
         EXPECT_SAME_BYTES(bytes(), file);
         return result;

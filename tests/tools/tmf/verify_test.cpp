@@ -10,7 +10,7 @@ class TmfVerify : public DamagedFile {
         write_file(path, file);
         std::vector<std::string> words = {"verify", path};
         words.insert(words.end(), options.begin(), options.end());
-        const run_result result = tmf(words);
+        run_result result = tmf(words);
         EXPECT_EQ(result.err, "");
         EXPECT_SAME_BYTES(bytes(), file);
         return result;
