@@ -268,6 +268,8 @@ outcome pgb_run(const pgb_options &options)
         done = replace_standings(b);
     if (done)
         done = run(b);
+    if (done)
+        pgr_close(b.requests, b.relations, b.tx.writer, b.state.logged_lsn);
     if (done || done.kind() == OUTCOME_STOPPED)
         pgb_skip_close(b.apply.skips);
     if (done && b.requests.refused)

@@ -364,6 +364,13 @@ outcome pgr_look(pgr_requests &requests, pgb_relations &relations, const pgr_mom
     return {};
 }
 
+void pgr_close(pgr_requests &requests, pgb_relations &relations, fwu_writer *writer,
+               uint64_t logged_lsn)
+{
+    requests.look_ms = 0;
+    (void)pgr_look(requests, relations, {.writer = writer, .logged_lsn = logged_lsn}); // asks none
+}
+
 bool pgr_waits(const pgr_requests &requests)
 {
     const auto waits = [](const pgr_request &request) {

@@ -49,6 +49,10 @@ struct pgr_moment {
 // Looks and answers, where that is due.  OUTCOME_FAILED when what was asked for could not be kept.
 outcome pgr_look(pgr_requests &requests, pgb_relations &relations, const pgr_moment &moment);
 
+// Looks and answers a last time: the run ends well, and tables may have been set aside since.
+void pgr_close(pgr_requests &requests, pgb_relations &relations, fwu_writer *writer,
+               uint64_t logged_lsn);
+
 // Whether the command line names tables of which nothing was done yet.
 bool pgr_waits(const pgr_requests &requests);
 

@@ -180,6 +180,25 @@ TEST_F(BridgeResumeTest, WhatIsNotMendedIsSetAsideAgain)
     ASSERT_NO_FATAL_FAILURE(expect_copy_equals_tables());
 }
 
+// However soon the run ends behind that.
+TEST_F(BridgeResumeTest, WhatIsNotMendedEndsAStartWithAnErrorEachTime)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    insert(1);
+    set_aside(2);
+    EXPECT_EQ(catch_up().status, 0);
+    for (int round = 0; round < 5; round++) {
+        const run_result result = catch_up({"--resume", "load.ledger"});
+        EXPECT_EQ(result.status, 1) << result.err;
+        EXPECT_THAT(result.err,
+                    AllOf(HasSubstr("table load.ledger is set aside from "),
+                          HasSubstr("fwlog: not all tables were taken in that --resume names\n")));
+    }
+    mend(2);
+    EXPECT_EQ(catch_up({"--resume", "load.ledger"}).status, 0);
+    ASSERT_NO_FATAL_FAILURE(expect_copy_equals_tables());
+}
+
 TEST_F(BridgeResumeTest, AStartTakesTablesIn)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);
