@@ -240,10 +240,21 @@ static outcome finish(pgi_intake &intake, const pgi_place &on)
     return pgb_kept_write(kept, true);
 }
 
+// A mark of the bridge's own may have come to the piece's place, or behind it, since it was read:
+// then it is read again.
+static outcome end_piece(pgi_intake &intake, const pgi_place &on)
+{
+    if (intake.piece.high > fwu_writer_last_lsn(on.tx.writer) + PGI_BELOW_HIGH)
+        return pgi_log_piece(intake, on);
+    pgi_drop_piece(intake);
+    intake.piece = {};
+    return {};
+}
+
 outcome pgi_pass(pgi_intake &intake, const pgi_place &on, uint64_t position)
 {
     if (intake.in_hand && position >= intake.piece.high)
-        if (outcome done = pgi_log_piece(intake, on); !done)
+        if (outcome done = end_piece(intake, on); !done)
             return done;
     if (pgi_holds(intake))
         if (outcome done = pgi_pass_held(intake, on, position); !done)

@@ -98,6 +98,23 @@ class BridgePartsTest : public BridgeTest {
     }
 };
 
+// The mark's place in the log is the one that the piece was to have.
+TEST_F(BridgePartsTest, AMarkBesideATableThatIsTakenIn)
+{
+    ASSERT_NO_FATAL_FAILURE(begin(true));
+    for (int round = 1; round <= 4; round++) {
+        const std::string number = std::to_string(round);
+        sql("CREATE TABLE shop.large" + number +
+            " AS SELECT n AS id, repeat('x', 100) AS note FROM generate_series(1, 30000) n;"
+            "ALTER TABLE shop.large" +
+            number + " ADD PRIMARY KEY (id); INSERT INTO shop.days VALUES (" + number +
+            " + 90, 'new'); TRUNCATE shop.first");
+        catch_up_well({"--resume", "shop.large" + number});
+        EXPECT_EQ(occurrences(gaps(), "shop.days: "), round) << gaps();
+        EXPECT_EQ(occurrences(dump(), " insert SHOP.LARGE" + number + " "), 30000);
+    }
+}
+
 TEST_F(BridgePartsTest, APartitionThatIsDropped)
 {
     begin(true);
