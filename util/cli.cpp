@@ -226,6 +226,22 @@ static bool asks_help(int argc, char **argv)
     return false;
 }
 
+static bool asks_version(const char *word)
+{
+    return strcmp(word, "--version") == 0 || strcmp(word, "-version") == 0;
+}
+
+// argv[0] is the command's name.
+static outcome run(const cli_command &command, int argc, char **argv)
+{
+    if (asks_help(argc - 1, argv + 1)) {
+        fputs(command.help, stdout);
+        return {};
+    }
+    outcome done = cli_scan(command, argc, argv);
+    return done ? command.run() : std::move(done);
+}
+
 static outcome run(const cli_program &program, int argc, char **argv)
 {
     if (argc < 2) {
@@ -233,31 +249,41 @@ static outcome run(const cli_program &program, int argc, char **argv)
         return OUTCOME_USAGE;
     }
     for (const cli_command *command : program.commands) {
-        if (strcmp(argv[1], command->name) != 0)
-            continue;
-        if (asks_help(argc - 2, argv + 2)) {
-            fputs(command->help, stdout);
-            return {};
-        }
-        outcome done = cli_scan(*command, argc - 1, argv + 1);
-        return done ? command->run() : std::move(done);
+        if (strcmp(argv[1], command->name) == 0)
+            return run(*command, argc - 1, argv + 1);
     }
     if (asks_help(1, argv + 1)) {
         fputs(cli_help(program).c_str(), stdout);
         return {};
     }
-    if (strcmp(argv[1], "--version") == 0 || strcmp(argv[1], "-version") == 0) {
+    if (asks_version(argv[1])) {
         printf("%s %s\n", program.name, program.version);
         return {};
     }
     return cli_usage(argv[1][0] == '-' ? "unknown option" : "unknown subcommand", argv[1]);
 }
 
-int cli_main(const cli_program &program, int argc, char **argv)
+// Brings standard output to its end.
+static int end(const outcome &done)
 {
-    tell_as(program.name);
-    const int status = outcome_exit_status(run(program, argc, argv));
+    const int status = outcome_exit_status(done);
     if (fflush(stdout) == 0 && ferror(stdout) == 0)
         return status;
     return outcome_exit_status(cli_output_failed());
+}
+
+int cli_main(const cli_program &program, int argc, char **argv)
+{
+    tell_as(program.name);
+    return end(run(program, argc, argv));
+}
+
+int cli_main(const cli_command &command, const char *version, int argc, char **argv)
+{
+    tell_as(command.name);
+    if (argc == 2 && asks_version(argv[1])) {
+        printf("%s %s\n", command.name, version);
+        return end({});
+    }
+    return end(run(command, argc, argv));
 }

@@ -71,6 +71,9 @@ struct cli_program {
 // The exit status.
 int cli_main(const cli_program &program, int argc, char **argv);
 
+// The same for a program without subcommands, whose name is the command's.
+int cli_main(const cli_command &command, const char *version, int argc, char **argv);
+
 // Takes the words behind argv[0], the subcommand's name.
 outcome cli_scan(const cli_command &command, int argc, char **argv);
 
