@@ -36,7 +36,8 @@ struct change_dataset {
 // which then nothing is known.
 std::string change_table_name(std::string_view schema, std::string_view table);
 
-// The transaction that a change belongs to.
+// The transaction that a change belongs to.  Capture records do not tell of it: sequence 0, and
+// of the commit nothing but the second is known.
 struct change_transaction {
     fwu_commit commit;
     fwu_position position; // of its commit entry
@@ -61,14 +62,20 @@ struct change_row {
 struct change {
     change_op op = CHANGE_CREATE;
     const change_dataset *dataset = nullptr; // null: of a mark whose dataset has no layout
-    fwu_position position;
-    int32_t record = 0; // 0: it has no number, being a mark
-    uint64_t n = 0;     // its place among its transaction's changes, from 1
+    fwu_position position;                   // sequence 0: not known
+    int32_t record = 0; // 0: it has no number, being a mark, or that is not known
+    uint64_t n = 0;     // its place among its transaction's changes, from 1; 0: not known
     change_row before;
     change_row after;
     const fwu_mark *mark = nullptr;            // of CHANGE_TRUNCATE and CHANGE_GAP
     const fwu_session_view *session = nullptr; // null: not known
 };
+
+// Whether it is known where in a log something stands.
+inline bool change_has(const fwu_position &position)
+{
+    return position.sequence != 0;
+}
 
 // Where the value of a row's item is.
 enum change_place {

@@ -14,6 +14,8 @@ template <typename Number> static void put_number(std::string &out, Number value
 
 static void put_position(std::string &out, const fwu_position &position)
 {
+    if (!change_has(position))
+        return;
     put_number(out, position.generation);
     out.push_back('-');
     put_number(out, position.sequence);
@@ -85,22 +87,26 @@ static void put_transaction(std::string &out, const change &, const change_trans
 
 static void put_n(std::string &out, const change &next, const change_transaction &)
 {
-    put_number(out, next.n);
+    if (next.n != 0)
+        put_number(out, next.n);
 }
 
 static void put_xid(std::string &out, const change &, const change_transaction &transaction)
 {
-    put_number(out, transaction.commit.xid);
+    if (change_has(transaction.position))
+        put_number(out, transaction.commit.xid);
 }
 
 static void put_lsn(std::string &out, const change &, const change_transaction &transaction)
 {
-    out += fwu_lsn_text(transaction.commit.lsn);
+    if (change_has(transaction.position))
+        out += fwu_lsn_text(transaction.commit.lsn);
 }
 
 static void put_commit_us(std::string &out, const change &, const change_transaction &transaction)
 {
-    put_number(out, transaction.commit.time_us);
+    if (change_has(transaction.position))
+        put_number(out, transaction.commit.time_us);
 }
 
 static void put_time(std::string &out, const change &, const change_transaction &transaction)

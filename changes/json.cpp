@@ -38,7 +38,7 @@ struct change_json::parts {
     fwu_commit commit;
     fwu_position position;
     std::string commit_text;      // members of "source"
-    std::string transaction_text; // up to the value of "n"
+    std::string transaction_text; // up to the value of "n"; of one not known to the line's end
     std::string end_text;         // what stands behind the value of "last"
 
     int32_t generation = 0; // of the last position
@@ -252,6 +252,14 @@ static void set_transaction(change_json::parts &own, const change_transaction &t
         return;
     own.commit = transaction.commit;
     own.position = transaction.position;
+    own.end_text = R"(},"ts_ms":)";
+    put_number(own.end_text, milliseconds(own.commit.time_us));
+    own.end_text += "}\n";
+    if (!change_has(own.position)) {
+        own.commit_text = R"(,"xid":null,"lsn":null,"commit_us":null)";
+        own.transaction_text = R"(},"transaction":null)" + own.end_text.substr(1);
+        return;
+    }
     own.commit_text = R"(,"xid":)";
     put_number(own.commit_text, own.commit.xid);
     own.commit_text += R"(,"lsn":")" + fwu_lsn_text(own.commit.lsn) + R"(","commit_us":)";
@@ -259,9 +267,6 @@ static void set_transaction(change_json::parts &own, const change_transaction &t
     own.transaction_text = R"(},"transaction":{"id":")";
     put_position(own, own.transaction_text, own.position);
     own.transaction_text += R"(","n":)";
-    own.end_text = R"(},"ts_ms":)";
-    put_number(own.end_text, milliseconds(own.commit.time_us));
-    own.end_text += "}\n";
 }
 
 static void put_row(change_json::parts &own, std::string &out, const change &next,
@@ -315,9 +320,13 @@ void change_json_put(change_json &json, std::string &out, const change &next,
         out += made->source;
     else
         put_names(out, next.mark->dbname, next.mark->dsetname, table_of(next));
-    out += R"(,"position":")";
-    put_position(own, out, next.position);
-    out += R"(","record":)";
+    if (change_has(next.position)) {
+        out += R"(,"position":")";
+        put_position(own, out, next.position);
+        out += R"(","record":)";
+    } else {
+        out += R"(,"position":null,"record":)";
+    }
     if (next.record == 0)
         out += "null";
     else
@@ -325,6 +334,8 @@ void change_json_put(change_json &json, std::string &out, const change &next,
     out += own.commit_text;
     out += own.session_text;
     out += own.transaction_text;
+    if (!change_has(transaction.position))
+        return;
     put_number(out, next.n);
     out += R"(,"last":)";
     own.open = true;

@@ -22,7 +22,8 @@ struct change_json {
 
 // Appends the lines of a change: that of its dataset's layout where another one, or none, was
 // given last of this dataset, and its own without its end, behind that of the line before, whose
-// change is then not the last of its transaction.  The dataset has to live as long as json.
+// change is then not the last of its transaction.  Of a transaction that is not known the line is
+// whole.  The dataset has to live as long as json.
 void change_json_put(change_json &json, std::string &out, const change &next,
                      const change_transaction &transaction);
 

@@ -404,3 +404,19 @@ TEST(ChangesCsv, EveryCharacterComesBack)
         }
     }
 }
+
+TEST(ChangesCsv, WhatIsNotKnownOfATransactionIsEmpty)
+{
+    const change_dataset dataset = dataset_of("D", {{"A", 'X', 1}});
+    change_csv csv;
+    ASSERT_TRUE(change_csv_make(
+        csv, dataset, {.columns = {"_transaction", "_n", "_xid", "_lsn", "_commit_us", "_time"}}));
+    change next;
+    next.dataset = &dataset;
+    next.after.image = reinterpret_cast<const unsigned char *>("a");
+    change_transaction transaction;
+    transaction.commit.time_us = 1700000000000000;
+    std::string out;
+    change_csv_put(csv, out, next, transaction);
+    EXPECT_EQ(out, "c,,,,,,,2023-11-14 22:13:20.000000\r\n");
+}

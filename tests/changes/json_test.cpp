@@ -323,3 +323,30 @@ TEST(ChangesJson, AMarkStandsAmongItsTransactionsChanges)
     lines.commit();
     EXPECT_THAT(lines.taken(), HasSubstr("\"n\":3,\"last\":true}"));
 }
+
+// As capture records tell of it: its second is known, and no more.
+TEST(ChangesJson, ATransactionThatIsNotKnownIsNullAndItsLineWhole)
+{
+    const change_dataset dataset = orders();
+    const std::string image = "\1\0a .."s;
+    change next;
+    next.dataset = &dataset;
+    next.after.image = reinterpret_cast<const unsigned char *>(image.data());
+    change_transaction transaction;
+    transaction.commit.time_us = 1700000000000000;
+    change_json json;
+    std::string out;
+    change_json_put(json, out, next, transaction);
+    change_json_end(json, out, true); // there is no end to come
+    const std::string front = R"({"op":"c","before":null,"after":{"NO":1,"TAG":"a"},"source":{)" +
+                              NAMES + R"(,"position":null,"record":)";
+    const std::string behind =
+        R"(,"xid":null,"lsn":null,"commit_us":null,"program":null,"user":null,"login":null,)"
+        R"("pid":null},"transaction":null,"ts_ms":)";
+    EXPECT_EQ(out, SCHEMA + front + "null" + behind + "1700000000000}\n");
+    out.clear();
+    next.record = 7;
+    transaction.commit.time_us = 1700000001000000;
+    change_json_put(json, out, next, transaction);
+    EXPECT_EQ(out, front + "7" + behind + "1700000001000}\n");
+}

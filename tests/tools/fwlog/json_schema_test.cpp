@@ -107,6 +107,19 @@ TEST(FwlogJsonSchema, TakesEveryMarkAndSession)
     expect_kept(lines.taken());
 }
 
+// A change that a capture record tells of.
+static const std::string CAPTURED =
+    R"({"op":"c","before":null,"after":{"A":1},"source":{"database":"SALES","dataset":"D",)"
+    R"("table":null,"position":null,"record":null,"xid":null,"lsn":null,"commit_us":null,)"
+    R"("program":null,"user":null,"login":null,"pid":null},"transaction":null,"ts_ms":1000})";
+
+TEST(FwlogJsonSchema, TakesWhatACaptureRecordTells)
+{
+    std::string numbered = CAPTURED;
+    numbered.replace(numbered.find(R"("record":null)"), 13, R"("record":7)");
+    expect_kept(CAPTURED + "\n" + numbered + "\n");
+}
+
 TEST(FwlogJsonSchema, TakesTheLineOfThePage)
 {
     // docs/fwlog.md breaks it for readers.
@@ -202,6 +215,13 @@ TEST(FwlogJsonSchema, RefusesWhatIsNoSuchLine)
                                           {R"(,"last":true)", ""},
                                           {R"("last":true)", R"("last":true,"first":true)"},
                                       });
+    wrong += spoil(CAPTURED, {{R"("op":"c")", R"("op":"r")"},
+                              {R"("position":null)", R"("position":"1-25.4")"},
+                              {R"("xid":null)", R"("xid":7)"},
+                              {R"("lsn":null)", R"("lsn":"0/1")"},
+                              {R"("commit_us":null)", R"("commit_us":1)"},
+                              {R"("dataset":"D")", R"("dataset":null)"},
+                              {R"("transaction":null,)", ""}});
     wrong += spoil(mark, {
                              {R"("op":"t")", R"("op":"g")"},
                              {R"("truncate")", R"("gap")"},
