@@ -1,0 +1,160 @@
+// Message files, by the library's calls.  Records are kept, and read one behind the other, or each
+// is removed when its lines have been written: nobody else may read the file meanwhile.
+#include "msgfile/tmf.h"
+#include "tools/capread/capread.h"
+#include "util/stop_signal.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <utility>
+
+constexpr int ROUND_SECONDS = 1; // of a wait in the library, which a signal may come just before
+constexpr off_t SMALLEST = 256;  // a shorter file would be filled up when it is opened
+
+struct message_input {
+    capread_run &run;
+    tmf_handle *h = nullptr;
+    std::vector<char> buffer = {};
+    int64_t taken = 0; // records read, of a file that keeps them
+    int32_t there = 0; // records found, of one that does not, and not removed since
+};
+
+static outcome failed(const message_input &in, const char *text)
+{
+    return outcome_failed("%s: %s", in.run.file, text);
+}
+
+static outcome failed_call(const message_input &in)
+{
+    if (stop_signal_get() != 0)
+        return OUTCOME_STOPPED;
+    char text[TMF_ERRMSG_SIZE];
+    return failed(in, tmf_geterrmsg(in.h, text));
+}
+
+static outcome check_file(const message_input &in)
+{
+    struct stat about;
+    if (stat(in.run.file, &about) != 0)
+        return failed(in, strerror(errno));
+    if (!S_ISREG(about.st_mode) || about.st_size < SMALLEST)
+        return failed(in, tmf_strerror(TMF_ENOTMSG));
+    return {};
+}
+
+static outcome count_records(const message_input &in, int32_t &records)
+{
+    const int code = tmf_getinfo(in.h, TMF_INFO_RECORDS, &records, 0);
+    if (code == 0)
+        return {};
+    if (stop_signal_get() != 0)
+        return OUTCOME_STOPPED;
+    return failed(in, tmf_strerror(code));
+}
+
+// Puts the record in the buffer.
+static outcome put_record(message_input &in, int length)
+{
+    capread_run &run = in.run;
+    const std::string_view bytes(in.buffer.data(), static_cast<size_t>(length));
+    run.number++;
+    if (bytes.size() < run.record.header.length)
+        return capread_at(run, outcome_bad("it has " + std::to_string(length) +
+                                           " bytes, where these options have a header of " +
+                                           std::to_string(run.record.header.length)));
+    outcome done = rec_record_begin(run.record, bytes);
+    if (done)
+        done = rec_record_take(run.record, bytes);
+    return done ? capread_put(run) : capread_at(run, std::move(done));
+}
+
+// Goes on where there is no record; more: something may come.
+static outcome at_end(message_input &in, bool &more)
+{
+    int32_t records = 0;
+    if (outcome done = count_records(in, records); !done)
+        return done;
+    if (records > in.taken) {
+        const int got = tmf_fread(in.h, in.buffer.data(), static_cast<int>(in.buffer.size()), 0);
+        if (got < 0)
+            return failed_call(in);
+        in.taken++;
+        return put_record(in, got); // 0: of no data, which none is
+    }
+    more = in.run.follow;
+    if (!more)
+        return {};
+    outcome done = capread_flush(in.run.output);
+    return done ? capread_pause() : std::move(done);
+}
+
+static outcome keep_step(message_input &in, bool &more)
+{
+    const int got = tmf_fread(in.h, in.buffer.data(), static_cast<int>(in.buffer.size()), 0);
+    if (got < 0)
+        return failed_call(in);
+    if (got == 0)
+        return at_end(in, more);
+    in.taken++;
+    return put_record(in, got);
+}
+
+// What is written has to be removed: only a second signal keeps it from that.
+static outcome remove_record(message_input &in)
+{
+    const int flags = TMF_READ_LIMIT | TMF_READ_SIGNAL;
+    int code = tmf_fread(in.h, nullptr, 0, flags);
+    if (code < 0 && stop_signal_get() != 0)
+        code = tmf_fread(in.h, nullptr, 0, flags);
+    if (code >= 0)
+        return {};
+    char text[TMF_ERRMSG_SIZE];
+    return outcome_failed("%s: record %llu is written, but may still be in the file: %s",
+                          in.run.file, static_cast<unsigned long long>(in.run.number),
+                          tmf_geterrmsg(in.h, text));
+}
+
+static outcome remove_step(message_input &in, bool &more)
+{
+    if (in.there == 0) {
+        if (outcome done = count_records(in, in.there); !done)
+            return done;
+        more = in.there != 0 || in.run.follow;
+        if (!more)
+            return {};
+    }
+    const int flags = TMF_READ_KEEP | (in.there == 0 ? TMF_READ_WAIT : 0);
+    const int got = tmf_freadx(in.h, in.buffer.data(), static_cast<int>(in.buffer.size()), flags,
+                               ROUND_SECONDS);
+    if (got < 0)
+        return failed_call(in);
+    if (got == 0 && in.there == 0) // the round is over, or a signal came
+        return {};
+    if (in.there > 0)
+        in.there--;
+    outcome done = put_record(in, got);
+    if (done)
+        done = capread_flush(in.run.output);
+    return done ? remove_record(in) : std::move(done);
+}
+
+outcome capread_messages(capread_run &run)
+{
+    message_input in = {.run = run};
+    if (outcome done = check_file(in); !done)
+        return done;
+    const int mode = TMF_MODE_READ | TMF_MODE_EXCLUSIVE | (run.remove ? 0 : TMF_MODE_COPY);
+    in.h = tmf_fopen(run.file, mode);
+    if (in.h == nullptr)
+        return failed_call(in);
+    in.buffer.resize(TMF_MAX_DATA);
+    outcome done;
+    for (bool more = true; more && done;) {
+        done = run.remove ? remove_step(in, more) : keep_step(in, more);
+        if (done && stop_signal_get() != 0)
+            done = OUTCOME_STOPPED;
+    }
+    const int code = tmf_fclose(in.h);
+    return code == 0 || !done ? std::move(done) : failed(in, tmf_strerror(code));
+}
