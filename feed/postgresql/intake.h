@@ -98,7 +98,7 @@ struct pgi_intake {
     uint64_t version = 0;        // of the registry then
     int64_t again_ms = 0;        // nothing is read before this time, monotonic
     int64_t told_ms = 0;         // that it waits; 0: not yet
-    uint64_t turn = 0;           // of the tables, which comes first
+    std::string turn;            // name behind which the next piece begins, all round
     uint64_t rows = 0;           // logged since the start
 };
 

@@ -123,11 +123,17 @@ static outcome look_before(pgi_intake &intake, pgs_server &server)
     return asked;
 }
 
+static std::string name_of(const pgp_want &want)
+{
+    return fwu_source_name(want.schema, want.table);
+}
+
 void pgi_wait_for(pgi_intake &intake, const pgi_place &on, int64_t since_ms, const std::string &why)
 {
     const int64_t now = fwu_monotonic_ms();
     intake.again_ms = now + std::clamp(PAUSES * (now - since_ms), PAUSE_MIN_MS, PAUSE_MAX_MS);
-    intake.turn++;
+    if (!intake.wants.empty())
+        intake.turn = name_of(intake.wants.front());
     if (intake.told_ms == 0)
         intake.told_ms = now; // most waits are short
     if (why.empty() || now - intake.told_ms < on.server.timeout_ms)
@@ -139,8 +145,9 @@ void pgi_wait_for(pgi_intake &intake, const pgi_place &on, int64_t since_ms, con
 static std::vector<pgp_want> next_wants(const pgi_intake &intake, const pga_registry &registry)
 {
     std::vector<pgp_want> wants;
-    auto name = intake.names.begin();
-    std::advance(name, static_cast<ptrdiff_t>(intake.turn % intake.names.size()));
+    auto name = intake.names.upper_bound(intake.turn);
+    if (name == intake.names.end())
+        name = intake.names.begin();
     for (size_t n = std::min(intake.names.size(), TABLES_A_PIECE); n > 0; n--) {
         const pga_table &table = registry.tables.at(*name);
         const pga_record &record = *pga_find(registry, *name);
@@ -175,7 +182,7 @@ static void take_piece(pgi_intake &intake, const pgi_place &on)
     for (size_t i = 0; i < intake.piece.parts.size(); i++) {
         const pgp_part &part = intake.piece.parts[i];
         const pgp_want &want = intake.wants[part.want];
-        const std::string name = fwu_source_name(want.schema, want.table);
+        const std::string name = name_of(want);
         if (pga_table *const table = pga_find_table(registry, name))
             table->estimate = part.estimate;
         // What was logged is no measure for what comes meanwhile; a table that was held is begun
@@ -187,6 +194,8 @@ static void take_piece(pgi_intake &intake, const pgi_place &on)
             pgi_begin_anew(intake, on.tx, registry, name);
         if (counts)
             intake.part_of[part.relation.id] = i;
+        if (counts && !part.ends) // a table that does not come to its end holds up no other one
+            intake.turn = name;
     }
     if (intake.piece.direct)
         pgi_hold(intake);
@@ -213,8 +222,7 @@ static outcome read_piece(pgi_intake &intake, const pgi_place &on)
     if (!done)
         return done;
     for (const size_t left : intake.piece.left)
-        intake.held.waiting.insert(
-            fwu_source_name(intake.wants[left].schema, intake.wants[left].table));
+        intake.held.waiting.insert(name_of(intake.wants[left]));
     // Positions have to differ: nothing was written since the piece before.
     const bool stands = intake.piece.high <= fwu_writer_last_lsn(on.tx.writer) + PGI_BELOW_HIGH;
     if (intake.piece.parts.empty() || stands) {

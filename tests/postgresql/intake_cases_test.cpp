@@ -104,6 +104,23 @@ TEST_F(IntakeCasesTest, ATableThatIsTakenAgainWhileItIsWrittenTo)
     ASSERT_NO_FATAL_FAILURE(finish_copy());
 }
 
+// Rows of which three make a piece.
+TEST_F(IntakeCasesTest, ATableOfManyPiecesHoldsUpNoOtherOne)
+{
+    sql("CREATE TABLE load.job (id integer PRIMARY KEY, v text);"
+        "ALTER TABLE load.job ALTER v SET STORAGE EXTERNAL;"
+        "INSERT INTO load.job SELECT g, repeat('long', 2000000) FROM generate_series(1, 5) g;"
+        "CREATE TABLE load.small (id integer PRIMARY KEY);"
+        "INSERT INTO load.small SELECT generate_series(1, 100)");
+    const run_result all = catch_up({"--create", "--snapshot", "-v"});
+    ASSERT_EQ(all.status, 0) << all.err;
+    const size_t small = all.err.find("load.small is taken in (snapshot): 100 rows");
+    const size_t job = all.err.find("load.job is taken in (snapshot): 5 rows");
+    ASSERT_NE(small, std::string::npos) << all.err;
+    ASSERT_NE(job, std::string::npos) << all.err;
+    EXPECT_LT(small, job);
+}
+
 // ---- keys that the server orders
 
 TEST_F(IntakeCasesTest, WhatAPieceDoesNotSeeComesBehindItInTheOrderOfTheServer)
