@@ -8,6 +8,7 @@
 #include <climits>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 constexpr size_t WRITE_AFTER = 65536;
 constexpr int PATIENCE_MS = 1000; // behind a signal, with a reader that takes nothing
@@ -43,7 +44,9 @@ outcome capread_flush(capread_output &output)
 
 outcome capread_write(capread_output &output)
 {
-    return output.out.size() < WRITE_AFTER ? outcome() : capread_flush(output);
+    if (output.out.size() < WRITE_AFTER)
+        return {};
+    return capread_flush(output);
 }
 
 static bool is_wanted(const capread_output &output, const fwu_layout &layout)
@@ -74,12 +77,13 @@ static outcome make_csv(capread_run &run)
     if (output.csv->dataset == &dataset)
         return {};
     const std::string &name = rec_record_name(run.record);
-    return capread_at(run,
-                      outcome_bad(name == output.csv_name
-                                      ? name + " has another layout from here on, and CSV has one; "
-                                               "print JSON"
-                                      : "it is of " + name + ", and the CSV is of " +
-                                            output.csv_name + "; choose one with --dset"));
+    std::string told;
+    if (name == output.csv_name)
+        told = name + " has another layout from here on, and CSV has one; print JSON";
+    else
+        told = "it is of " + name + ", and the CSV is of " + output.csv_name +
+               "; choose one with --dset";
+    return capread_at(run, outcome_bad(std::move(told)));
 }
 
 static void tell_inexact(capread_run &run)
