@@ -121,6 +121,29 @@ TEST_F(IntakeCasesTest, ATableOfManyPiecesHoldsUpNoOtherOne)
     EXPECT_LT(small, job);
 }
 
+// The table comes to its end once its client pauses.
+TEST_F(IntakeCasesTest, ATableWhoseRowsMoveAheadHoldsUpNoOtherOne)
+{
+    sql("CREATE TABLE load.job (id integer PRIMARY KEY, v text);"
+        "ALTER TABLE load.job ALTER v SET STORAGE EXTERNAL;"
+        "INSERT INTO load.job SELECT g, repeat('long', 5000) FROM generate_series(1, 300) g;"
+        "CREATE TABLE load.small (id integer PRIMARY KEY);"
+        "INSERT INTO load.small SELECT generate_series(1, 100)");
+    std::atomic<bool> moves = true;
+    clients.emplace_back([&] {
+        pg_client client = connect();
+        while (moves) {
+            client.run("UPDATE load.job SET id = id + 300"
+                       " WHERE id < (SELECT min(id) FROM load.job) + 100");
+            usleep(5'000);
+        }
+    });
+    start_bridge({"--create", "--snapshot", "-v"});
+    EXPECT_TRUE(bridge_says("load.small is taken in (snapshot): 100 rows")) << bridge.err();
+    moves = false;
+    ASSERT_NO_FATAL_FAILURE(finish_copy());
+}
+
 // ---- keys that the server orders
 
 TEST_F(IntakeCasesTest, WhatAPieceDoesNotSeeComesBehindItInTheOrderOfTheServer)
