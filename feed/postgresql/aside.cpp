@@ -135,6 +135,9 @@ void pga_withdraw(pga_registry &registry, uint64_t last_lsn)
         renamed = withdraw(names, last_lsn) || renamed;
     for (auto &[id, leaves] : registry.leaves)
         any = withdraw(leaves, last_lsn) || any;
+    any = std::erase_if(registry.lacking,
+                        [last_lsn](const auto &lacked) { return lacked.second > last_lsn; }) != 0 ||
+          any;
     if (!any && !renamed)
         return;
     std::erase_if(registry.leaves, [](const auto &leaf) { return leaf.second.empty(); });

@@ -3,6 +3,7 @@
 //
 //     skipped SCHEMA.TABLE
 //     id OID SCHEMA TABLE at=LSN guessed=LSN [lost]    several of an OID in their order
+//     lacking OID at=LSN
 //     leaves XID
 //     sent LSN XID MICROSECONDS
 //     leaf OID ROOT SCHEMA TABLE node=NUMBER at=LSN [gone]    likewise
@@ -104,6 +105,8 @@ std::string pga_lines(const pga_registry &registry)
                      word_of(name.table) + " at=" + fwu_lsn_text(name.at) +
                      " guessed=" + fwu_lsn_text(name.guessed) + (name.lost ? " lost" : "") + "\n";
         }
+    for (const auto &[id, at] : registry.lacking)
+        lines += "lacking " + std::to_string(id) + " at=" + fwu_lsn_text(at) + "\n";
     if (registry.leaves_xid != 0)
         lines += "leaves " + std::to_string(registry.leaves_xid) + "\n";
     if (registry.sent.lsn != 0)
@@ -203,6 +206,14 @@ static bool take_id(pga_registry &registry, const words &line)
     return true;
 }
 
+static bool take_lacking(pga_registry &registry, const words &line)
+{
+    uint32_t id = 0;
+    uint64_t at = 0;
+    return line.size() == 3 && pgs_number(id, line[1]) && take_position(at, "at=", line[2]) &&
+           registry.lacking.emplace(id, at).second;
+}
+
 static bool take_leaf(pga_registry &registry, const words &line)
 {
     uint32_t id = 0;
@@ -252,6 +263,8 @@ bool pga_take_lines(pga_registry &registry, std::string_view lines)
                    registry.skipped.insert(name).second;
         } else if (line[0] == "id") {
             good = take_id(registry, line);
+        } else if (line[0] == "lacking") {
+            good = take_lacking(registry, line);
         } else if (line[0] == "leaves") {
             good = line.size() == 2 && pgs_number(registry.leaves_xid, line[1]);
         } else if (line[0] == "sent") {

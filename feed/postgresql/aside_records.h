@@ -77,6 +77,8 @@ struct pga_registry {
     std::map<uint32_t, std::vector<pga_name>> ids = {};    // by OID, oldest name first
     std::map<std::string, uint32_t> holders = {};          // whose newest name it is
     std::map<uint32_t, std::vector<pga_leaf>> leaves = {}; // by OID, oldest first
+    std::map<uint32_t, uint64_t> lacking = {}; // by OID: tables that the publication has
+                                               // no more, and where the log says so
     uint64_t leaves_xid = 0; // of the server when the catalogue was asked for these, and all older
                              // transactions had ended; 0: never yet
     fwu_commit sent = {};    // where the log ends with transactions of our own: the last one of the

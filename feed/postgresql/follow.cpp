@@ -201,7 +201,8 @@ static outcome stay_in_touch(follow &f)
 static outcome pass(follow &f, uint64_t position)
 {
     if (!f.apply.expects_sent) // which has to be the log's last one until then
-        if (outcome done = pgb_take_renamed(f.renamed, f.tx, f.relations, position); !done)
+        if (outcome done = pgb_take_renamed(f.renamed, f.server, f.tx, f.relations, position);
+            !done)
             return done;
     if (!pgi_busy(f.apply.intake, f.relations.aside) && f.server.sql == nullptr &&
         f.state.kept.snapshot != "taking")

@@ -28,6 +28,7 @@ struct pgb_part {
 struct pgb_parts {
     std::map<uint32_t, pga_name> roots; // tables that are followed as one, by OID
     std::set<uint32_t> alone;           // the other ones that are followed
+    std::set<uint32_t> below;           // parts of the former
     std::vector<pgb_part> parts;
     uint64_t xid = 0; // of the server; all older transactions had ended
 };

@@ -68,6 +68,7 @@ static void take_part(pgb_renamed &renamed, pgb_parts &found, const pga_registry
     const auto root = found.roots.find(part.leaf.root); // tables come first
     if (root == found.roots.end())
         return;
+    found.below.insert(part.id);
     if (stands_alone(registry, part.id))
         renamed.attached.push_back(
             {.id = part.id, .schema = root->second.schema, .table = root->second.table});
@@ -104,10 +105,12 @@ static void take_rows(pgb_renamed &renamed, pgb_parts &found, const pga_registry
     }
 }
 
-// Tables that are known, and that neither the publication nor the database has.
-static void find_dropped(pgb_renamed &renamed, const pgs_server &server,
-                         const pga_registry &registry, const pgb_parts &found)
+// Tables that are known, and that the publication, or even the database, does not have.  Without
+// the publication none is told of: the stream fails.
+static void find_missing(pgb_renamed &renamed, const pgs_server &server,
+                         const pgb_relations &relations, const pgb_parts &found)
 {
+    const pga_registry &registry = relations.aside;
     std::set<uint32_t> missing;
     for (const auto &[id, names] : registry.ids)
         if (!pga_is_left(id) && !found.roots.contains(id) && !found.alone.contains(id))
@@ -119,14 +122,21 @@ static void find_dropped(pgb_renamed &renamed, const pgs_server &server,
         ids += (ids.empty() ? "" : ",") + std::to_string(id);
     pgs_result rows;
     if (!pgs_ask_rows(server, server.replication.get(),
-                      "SELECT oid FROM pg_catalog.pg_class WHERE oid = ANY ('{" + ids +
+                      "SELECT oid, relpersistence = 'u', EXISTS (SELECT FROM"
+                      " pg_catalog.pg_publication WHERE pubname = " +
+                          pgs_literal(server.publication) +
+                          ") FROM pg_catalog.pg_class WHERE oid = ANY ('{" + ids +
                           "}'::pg_catalog.oid[])",
                       rows, "which tables are there"))
         return;
     for (int i = 0; i < PQntuples(rows.get()); i++) {
         uint32_t id = 0;
-        if (pgs_number(id, pgs_value(rows, i, 0)))
-            missing.erase(id);
+        if (!pgs_number(id, pgs_value(rows, i, 0)))
+            continue;
+        missing.erase(id);
+        if (pgs_value(rows, i, 2) == "t" && !found.below.contains(id) &&
+            pgb_is_lacked(relations, id))
+            renamed.lacked.push_back({.id = id, .unlogged = pgs_value(rows, i, 1) == "t"});
     }
     renamed.dropped.assign(missing.begin(), missing.end());
 }
@@ -145,7 +155,10 @@ outcome pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server, pgb_rel
     renamed = {};
     take_rows(renamed, found, relations.aside, rows);
     pgb_compare_parts(renamed.parts, relations.aside, found, fwu_writer_last_lsn(writer), ask);
-    find_dropped(renamed, server, relations.aside, found);
+    pgb_tell_returned(relations, [&found](uint32_t id) {
+        return found.roots.contains(id) || found.alone.contains(id) || found.below.contains(id);
+    });
+    find_missing(renamed, server, relations, found);
     return pga_keep(relations.aside, fwu_writer_durable_lsn(writer));
 }
 
@@ -179,11 +192,12 @@ static outcome take_attached(const pgb_attached &part, feed_transaction &tx,
 
 bool pgb_has_renamed(const pgb_renamed &renamed)
 {
-    return !renamed.tables.empty() || !renamed.attached.empty() || !renamed.parts.empty();
+    return !renamed.tables.empty() || !renamed.attached.empty() || !renamed.parts.empty() ||
+           !renamed.lacked.empty();
 }
 
-outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relations &relations,
-                         uint64_t passed)
+outcome pgb_take_renamed(pgb_renamed &renamed, const pgs_server &server, feed_transaction &tx,
+                         pgb_relations &relations, uint64_t passed)
 {
     if (passed < renamed.position || (!pgb_has_renamed(renamed) && renamed.dropped.empty()))
         return {};
@@ -206,6 +220,8 @@ outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relatio
     for (const pgo_relation &table : now.tables)
         if (done && has_other_name(relations.aside, table)) // the stream has not told it since
             done = pgb_identify_as(tx, relations, table);
+    if (done)
+        done = pgb_take_lacked(now.lacked, server, tx, relations);
     if (done)
         done = pgb_commit(tx, relations, PGB_OWN_JOINS);
     return done;

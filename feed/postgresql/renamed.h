@@ -1,9 +1,10 @@
 // Tables that the catalogue has under another name than the log, or with other parts: the stream
 // shows a table that is renamed with its next change only, which may never come, and does not show
-// at all that the rows of one belong to another by now.
+// at all that the rows of one belong to another by now, or that the publication has it no more.
 #ifndef FEED_POSTGRESQL_RENAMED_H
 #define FEED_POSTGRESQL_RENAMED_H
 
+#include "feed/postgresql/lacking.h"
 #include "feed/postgresql/parts.h"
 #include "feed/postgresql/relations.h"
 #include "feed/postgresql/server.h"
@@ -26,7 +27,8 @@ struct pgb_renamed {
     std::vector<pgb_attached> attached = {};
     std::vector<pgb_part_change> parts = {};
     std::vector<uint32_t> dropped = {}; // OIDs of tables that are there no more
-    uint64_t position = 0;              // of the server when it was asked
+    std::vector<pgb_lacked> lacked = {};
+    uint64_t position = 0; // of the server when it was asked
 };
 
 bool pgb_has_renamed(const pgb_renamed &renamed);
@@ -38,7 +40,7 @@ outcome pgb_look_renamed(pgb_renamed &renamed, const pgs_server &server, pgb_rel
 
 // Takes those renamed as pgb_identify would, in a transaction of its own, once everything before
 // that position has come; a table that got a part gets a gap mark.  No transaction is open.
-outcome pgb_take_renamed(pgb_renamed &renamed, feed_transaction &tx, pgb_relations &relations,
-                         uint64_t passed);
+outcome pgb_take_renamed(pgb_renamed &renamed, const pgs_server &server, feed_transaction &tx,
+                         pgb_relations &relations, uint64_t passed);
 
 #endif

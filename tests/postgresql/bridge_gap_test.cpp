@@ -2,7 +2,9 @@
 // as it is.
 #include "tests/postgresql/bridge_fixture.h"
 
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 
 class BridgeGapTest : public LedgerTest {
   protected:
@@ -373,4 +375,112 @@ TEST_F(BridgeGapTest, LagTellsWhatWaitsOnTheServer)
     const size_t begin = text.rfind(' ', at - 1) + 1;
     EXPECT_GT(atol(text.c_str() + begin), 1'000'000) << text;
     open.run("COMMIT");
+}
+
+// ---- tables that the publication has no more
+
+class BridgeLackingTest : public LedgerTest {
+  protected:
+    // The gap marks of the log, "TABLE: reason" each.
+    std::string gaps() const
+    {
+        std::istringstream in(fwlog({"dump", "--json"}).out);
+        std::string lines;
+        for (std::string line; std::getline(in, line);)
+            if (json_member(line, "op") == "g")
+                lines += json_member(line, "table") + ": " + json_member(line, "reason") + "\n";
+        return lines;
+    }
+
+    std::string catch_up_well(const std::vector<std::string> &more = {}) const
+    {
+        const run_result result = catch_up(more);
+        EXPECT_EQ(result.status, 0) << result.err;
+        return result.err;
+    }
+
+    // Taken out, told once, and back with what the warning says.
+    void expect_told(const std::string &out, const std::string &reason, const std::string &mends)
+    {
+        insert(1);
+        EXPECT_THAT(catch_up_well(), Not(HasSubstr("warning")));
+        sql(out);
+        insert(2);
+        EXPECT_THAT(catch_up_well(),
+                    EndsWith("fwlog: warning: table load.ledger is not followed any more: " +
+                             reason + ", and the log has a gap mark; to follow it again, " + mends +
+                             ", then fwlog postgresql --resume load.ledger\n"));
+        EXPECT_EQ(gaps(), "load.ledger: " + reason + "\n");
+        EXPECT_THAT(catch_up_well(), Not(HasSubstr("not followed any more"))) << "once";
+        EXPECT_EQ(gaps(), "load.ledger: " + reason + "\n");
+        EXPECT_EQ(catch_up({"--resume", "load.ledger"}).status, 1);
+        sql(mends);
+        insert(3);
+        EXPECT_EQ(catch_up_well(), "fwlog: warning: table load.ledger is followed again: what was "
+                                   "changed in between is missing; to have it right, fwlog "
+                                   "postgresql --resume load.ledger\n");
+        EXPECT_TRUE(logged("after ID=3 "));
+        EXPECT_FALSE(logged("after ID=2 "));
+        catch_up_well({"--resume", "load.ledger"});
+        EXPECT_TRUE(logged("after ID=2 "));
+        EXPECT_EQ(gaps(), "load.ledger: " + reason + "\n");
+    }
+};
+
+TEST_F(BridgeLackingTest, TakenOutOfThePublication)
+{
+    sql("CREATE TABLE load.other (id integer PRIMARY KEY);"
+        "ALTER TABLE load.other REPLICA IDENTITY FULL;"
+        "CREATE PUBLICATION " +
+        database + " FOR TABLE load.other, load.ledger");
+    catch_up_well({"--create"});
+    const std::string alter = "ALTER PUBLICATION \"" + database + "\" ";
+    expect_told(alter + "DROP TABLE load.ledger", "the publication lacks it",
+                alter + "ADD TABLE \"load\".\"ledger\"");
+    // Another time it is another gap.
+    sql(alter + "DROP TABLE load.ledger");
+    catch_up_well();
+    EXPECT_EQ(occurrences(gaps(), "the publication lacks it"), 2) << gaps();
+    // Nor is anything to be told of one that is dropped then.
+    sql("DROP TABLE load.ledger");
+    EXPECT_EQ(catch_up_well(), "");
+    EXPECT_EQ(catch_up_well(), "");
+}
+
+TEST_F(BridgeLackingTest, UnloggedByNow)
+{
+    catch_up_well({"--create"});
+    expect_told("ALTER TABLE load.ledger SET UNLOGGED", "it is unlogged",
+                "ALTER TABLE \"load\".\"ledger\" SET LOGGED");
+}
+
+TEST_F(BridgeLackingTest, ARunningBridgeSeesIt)
+{
+    ASSERT_NO_FATAL_FAILURE(begin_following());
+    insert(1);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
+    sql("ALTER TABLE load.ledger SET UNLOGGED");
+    ASSERT_TRUE(bridge_says("table load.ledger is not followed any more: it is unlogged"))
+        << bridge.err();
+    EXPECT_TRUE(poll_until([&] { return logged("it is unlogged"); }));
+    bridge.end(SIGKILL);
+    catch_up_well();
+    EXPECT_EQ(gaps(), "load.ledger: it is unlogged\n");
+}
+
+// What is left out or dropped needs none.
+TEST_F(BridgeLackingTest, WhatIsNoGapOfItsOwn)
+{
+    sql("CREATE TABLE load.other (id integer PRIMARY KEY);"
+        "ALTER TABLE load.other REPLICA IDENTITY FULL;"
+        "CREATE PUBLICATION " +
+        database + " FOR TABLE load.other, load.ledger");
+    catch_up_well({"--create"});
+    insert(1);
+    catch_up_well();
+    configure(std::string(ledger_cfg) + "skip-table load.ledger\n");
+    catch_up_well();
+    sql("ALTER PUBLICATION " + database + " DROP TABLE load.ledger; DROP TABLE load.other");
+    catch_up_well();
+    EXPECT_EQ(gaps(), "");
 }

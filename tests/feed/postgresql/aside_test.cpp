@@ -71,6 +71,7 @@ TEST_F(Aside, FileSaysAllInWords)
                  {.schema = "sales", .table = "p 1", .root = 16400, .node = 7, .at = 0x18});
     pga_put_leaf(registry, 16401,
                  {.schema = "sales", .table = "p 1", .root = 16400, .at = 0x20, .gone = true});
+    registry.lacking = {{16387, 0x18}};
     registry.leaves_xid = 0x100000005;
     registry.sent = {.time_us = -5, .xid = 7, .lsn = 0x18};
     keep(0);
@@ -82,6 +83,7 @@ TEST_F(Aside, FileSaysAllInWords)
               "id 16385 sales orders at=0/20 guessed=0/0 lost\n"
               "id 16386 sales orders at=0/20 guessed=0/0\n"
               "id 16387 sales lines at=0/0 guessed=0/50\n"
+              "lacking 16387 at=0/18\n"
               "leaves 4294967301\n"
               "sent 0/18 7 -5\n"
               "leaf 16401 16400 sales p%201 node=7 at=0/18\n"
@@ -100,6 +102,7 @@ TEST_F(Aside, FileSaysAllInWords)
     EXPECT_EQ(registry.skipped, kept.skipped);
     EXPECT_EQ(registry.ids, kept.ids);
     EXPECT_EQ(registry.leaves, kept.leaves);
+    EXPECT_EQ(registry.lacking, kept.lacking);
     EXPECT_EQ(registry.leaves_xid, kept.leaves_xid);
     EXPECT_EQ(registry.sent.lsn, kept.sent.lsn);
     EXPECT_EQ(registry.sent.xid, kept.sent.xid);
@@ -137,8 +140,10 @@ TEST_F(Aside, PartitionsAreAsTheLogsEndSays)
     open(32);
     EXPECT_EQ(registry.leaves.size(), 1U) << "nothing rests on what is gone for good";
     pga_put_leaf(registry, 20004, gone);
+    registry.lacking = {{20005, 16}, {20006, 17}};
     pga_withdraw(registry, 16);
     EXPECT_EQ(registry.leaves.size(), 1U);
+    EXPECT_EQ(registry.lacking, (std::map<uint32_t, uint64_t>{{20005, 16}}));
 }
 
 TEST_F(Aside, NamesOfAnyBytesComeBackAsTheyWere)
