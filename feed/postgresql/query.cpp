@@ -12,6 +12,7 @@
 
 constexpr int64_t LOOK_MS = 10'000; // between two looks at what holds an answer up
 constexpr int64_t PATIENCE_MAX_MS = 3'600'000;
+constexpr size_t QUERY_TOLD_MAX = 200; // what is longer says nothing to people
 
 static constexpr char SLOT_PLACE[] = "'...'"; // for its name, in a remedy
 
@@ -232,7 +233,8 @@ outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
         return done;
     const bool sent = PQsendQueryParams(connection, text.c_str(), static_cast<int>(words.size()),
                                         nullptr, words.data(), nullptr, nullptr, 0) == 1;
-    return finish(server, connection, sent, result, query);
+    return finish(server, connection, sent, result,
+                  query.size() > QUERY_TOLD_MAX ? "asking the server's catalogue" : query);
 }
 
 outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,

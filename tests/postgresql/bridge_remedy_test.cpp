@@ -3,6 +3,7 @@
 #include "tests/postgresql/remedy.h"
 
 using testing::HasSubstr;
+using testing::Not;
 
 class BridgeRemedyTest : public RemedyTest {};
 
@@ -285,6 +286,13 @@ TEST_F(BridgeRemedyTest, QuestionsThatTheServerRefuses)
     EXPECT_EQ(occurrences(bridge.err(), "does not tell which tables have other names or parts"), 2)
         << bridge.err();
     EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
+    // A connect needs it, and says so.
+    sql("REVOKE SELECT ON pg_catalog.pg_inherits FROM PUBLIC");
+    EXPECT_THAT(refused({"--conninfo", conninfo(role)}, "permission denied for table pg_inherits"),
+                Not(HasSubstr("WITH RECURSIVE")));
+    sql("GRANT SELECT ON pg_catalog.pg_inherits TO PUBLIC");
+    next = 3;
+    expect_runs({"--conninfo", conninfo(role)});
     sql("DROP OWNED BY " + role);
 }
 
