@@ -102,7 +102,7 @@ TEST_F(BridgeRefusalTest, NoSlot)
 TEST_F(BridgeRefusalTest, NoPublication)
 {
     sql("SELECT pg_create_logical_replication_slot('" + database + "', 'pgoutput')");
-    expect_refused({"--once"}, {"publication \"" + database + "\"", "--create"});
+    expect_refused({"--once", "--accept-gap"}, {"publication \"" + database + "\"", "--create"});
 }
 
 TEST_F(BridgeRefusalTest, SlotOfAnotherPlugin)
