@@ -12,12 +12,19 @@ struct sql_compared {
     bool trims = false; // it is without the blanks at its end
 };
 
+// What stands around a value that a column of the key is compared with.
+struct sql_around {
+    std::string before;
+    std::string behind;
+};
+
 struct sql_column {
     size_t item = 0;
     std::string name;      // in UTF-8
     std::string quoted;    // as it stands in statements
     std::string type;      // as the source writes it; empty: not known
     sql_compared compared; // unless it is part of the key
+    sql_around around;     // if it is
     bool boolean = false;  // its values are true and false
 };
 

@@ -83,6 +83,16 @@ static sql_compared compared_postgresql(const sql_column &column, const fwu_item
     return {text + " COLLATE \"C\"", trims};
 }
 
+// The "=" of composite types is one of all records, which a text in quotes would become: beside
+// its column it gets that one's type, whatever it is here.  Types that are not built in have a
+// schema; the server plans the value as a constant.
+static sql_around around_postgresql(const sql_column &column)
+{
+    if (column.type.find('.') == std::string::npos || column.type.starts_with("pg_catalog."))
+        return {};
+    return {"CASE WHEN false THEN " + column.quoted + " ELSE ", " END"};
+}
+
 static std::string number(int32_t value)
 {
     return std::to_string(value);
@@ -227,6 +237,11 @@ static void put_number_sqlite(std::string &out, const fwu_item &item, change_val
         put_number_postgresql(out, item, kind, text);
 }
 
+static sql_around around_sqlite(const sql_column & /*column*/)
+{
+    return {};
+}
+
 static sql_compared compared_sqlite(const sql_column &column, const fwu_item & /*item*/)
 {
     return {column.quoted};
@@ -278,6 +293,7 @@ static constexpr sql_dialect rows[] = {
         .put_text = put_text_postgresql,
         .put_number = put_number_postgresql,
         .compared = compared_postgresql,
+        .around = around_postgresql,
         .declared = declared_postgresql,
         .put_layout_change = put_layout_change_postgresql,
         .position_columns =
@@ -299,6 +315,7 @@ static constexpr sql_dialect rows[] = {
         .put_text = put_text_sqlite,
         .put_number = put_number_sqlite,
         .compared = compared_sqlite,
+        .around = around_sqlite,
         .declared = declared_sqlite,
         .put_layout_change = put_layout_change_sqlite,
         .position_columns =

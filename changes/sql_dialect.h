@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+struct sql_around;
 struct sql_column;
 struct sql_compared;
 
@@ -28,6 +29,8 @@ struct sql_dialect {
                        std::string_view text);
     // What has to be compared with a value, so that exactly the same is found.
     sql_compared (*compared)(const sql_column &column, const fwu_item &item);
+    // What a value has to have around it where a column of the key is compared with it.
+    sql_around (*around)(const sql_column &column);
     // The type that the column of a new table gets; it may be empty.
     std::string (*declared)(const sql_column &column, const fwu_item &item);
     // Appends a statement that changes a table's layout, given without ";".  condition: what

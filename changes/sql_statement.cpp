@@ -32,15 +32,17 @@ static bool put_value(statement &to, const sql_column &column, const change_row 
 }
 
 static bool put_comparison(statement &to, const sql_column &column, const change_row &row,
-                           const sql_compared &compared)
+                           const sql_compared &compared, const sql_around &around = {})
 {
     std::string_view ignored;
     if (change_place_of(ignored, *to.table.dataset, row, column.item) == CHANGE_NULL) {
         to.out += column.quoted + " IS NULL";
         return true;
     }
-    to.out += compared.text + " = ";
-    return put_value(to, column, row, compared.trims);
+    to.out += compared.text + " = " + around.before;
+    const bool put = put_value(to, column, row, compared.trims);
+    to.out += around.behind;
+    return put;
 }
 
 static bool nothing_known(statement &to)
@@ -110,7 +112,7 @@ static bool put_where(statement &to, const change_row &row, std::string_view con
     for (size_t i = 0; by_key && i < table.key.size(); i++) {
         const sql_column &column = table.columns[table.key[i]];
         to.out += i > 0 ? " AND " : "";
-        if (!put_comparison(to, column, row, {column.quoted}))
+        if (!put_comparison(to, column, row, {column.quoted}, column.around))
             return false;
     }
     if (!condition.empty())

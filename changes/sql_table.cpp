@@ -64,6 +64,7 @@ static void add_columns(sql_table &table)
         column.boolean = sql_type_is(column.type, "boolean bool") &&
                          column.type.ends_with("[]") == (item.count > 1);
         column.compared = table.dialect->compared(column, item);
+        column.around = table.dialect->around(column);
         table.columns.push_back(std::move(column));
     }
 }

@@ -493,3 +493,35 @@ TEST_F(SqlTargetTest, RowsWithoutKeyAreFoundByExactlyWhatTheyHave)
         EXPECT_EQ(value("SELECT count(*) FROM odd.t" + std::to_string(i)), "5") << rows[i].type;
     }
 }
+
+// The "=" of a composite type takes no text in quotes by itself.
+TEST_F(SqlTargetTest, RowsAreFoundByKeysOfAnyType)
+{
+    configure("");
+    sql("CREATE TYPE public.pair AS (n integer, s text); CREATE DOMAIN public.some_pair AS "
+        "public.pair; CREATE TYPE public.\"Mo.od\" AS ENUM ('sad', 'ok');"
+        "CREATE DOMAIN public.upto AS varchar(9); CREATE SCHEMA odd;"
+        "CREATE TABLE odd.t (k public.pair, d public.some_pair, e public.\"Mo.od\", u public.upto,"
+        " a public.pair[], v integer, PRIMARY KEY (k, d, e, u, a))");
+    const run_result created = catch_up({"--create"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    sql("INSERT INTO odd.t SELECT (g, 'a,\"\\ '' b')::public.pair, (g, NULL)::public.pair, 'ok', "
+        "'u', "
+        "ARRAY[(g, 'x')::public.pair], g FROM generate_series(1, 5) g;"
+        "UPDATE odd.t SET v = 7 WHERE v = 2; DELETE FROM odd.t WHERE v = 3;"
+        "UPDATE odd.t SET k = (40, '')::public.pair, e = 'sad' WHERE v = 4");
+    const run_result followed = catch_up();
+    ASSERT_EQ(followed.status, 0) << followed.err;
+    sql("DROP PUBLICATION " + database + "; ALTER SCHEMA odd RENAME TO source");
+    const auto all = [this](const std::string &schema) {
+        return value("SELECT string_agg(t::text, ' ' ORDER BY v, t::text) FROM " + schema + ".t t");
+    };
+    EXPECT_EQ(apply(once()).err, "");
+    EXPECT_EQ(all("odd"), all("source"));
+    EXPECT_EQ(value("SELECT string_agg(v::text, ' ' ORDER BY v) FROM odd.t"), "1 4 5 7");
+    // A table made by hand may have other types.
+    sql("DROP TABLE odd.t, ops_done; CREATE TABLE odd.t (k text, d text, e text, u text, a text, "
+        "v integer)");
+    EXPECT_EQ(apply(once()).err, "");
+    EXPECT_EQ(value("SELECT string_agg(v::text, ' ' ORDER BY v) FROM odd.t"), "1 4 5 7");
+}
