@@ -49,11 +49,30 @@ pgp_trouble pgp_trouble_of(const pgs_refusal &refusal)
     return PGP_REFUSED;
 }
 
-std::string pgp_reason(const pgs_refusal &refusal)
+static std::string reason(const pgs_refusal &refusal, const pgs_lacking &lacking)
 {
     const char *const remedy = pgs_find_remedy(refusal.state.c_str(), refusal.message.c_str());
     return refusal.message + (refusal.detail.empty() ? "" : " (" + refusal.detail + ")") +
-           (remedy == nullptr ? "" : std::string("; ") + remedy);
+           (remedy == nullptr ? "" : "; " + pgs_name_remedy(remedy, lacking));
+}
+
+std::string pgp_reason(const pgs_refusal &refusal)
+{
+    return reason(refusal, {});
+}
+
+std::string pgp_reason(const pgs_refusal &refusal, const PGconn *connection,
+                       const std::string &schema, const std::string &table)
+{
+    // It may be another table or schema that is refused, which a filter uses.
+    const std::string &message = refusal.message;
+    if (!message.ends_with(" " + table) && !message.ends_with(" " + schema) &&
+        !message.ends_with("\"" + table + "\""))
+        return reason(refusal, {});
+    const char *const role = PQuser(connection);
+    return reason(refusal, {.schema = pgs_name(schema),
+                            .table = pgs_name(schema) + "." + pgs_name(table),
+                            .role = role == nullptr ? "" : pgs_name(role)});
 }
 
 // The characters that COPY writes with a backslash.

@@ -91,14 +91,15 @@ static outcome take_rows(pgp_came &came, pgp_piece &piece, pgs_server &server, p
 }
 
 // The server has refused to give the rows, or the rest of them.
-static void take_refusal(pgp_part &part, const pgs_refusal &refusal, std::string &later)
+static void take_refusal(pgp_part &part, const PGconn *connection, const pgs_refusal &refusal,
+                         std::string &later)
 {
     switch (pgp_trouble_of(refusal)) {
     case PGP_GONE:
         part.gone = true;
         return;
     case PGP_REFUSED:
-        part.refused = pgp_reason(refusal);
+        part.refused = pgp_reason(refusal, connection, part.relation.schema, part.relation.name);
         return;
     default:
         later = pgp_reason(refusal);
@@ -121,7 +122,7 @@ outcome pgp_direct_rows(pgp_came &came, pgp_piece &piece, pgs_server &server, in
     } else if (refusal.state.empty()) {
         return {};
     } else {
-        take_refusal(*find_part(piece), refusal, later);
+        take_refusal(*find_part(piece), piece.reader.get(), refusal, later);
     }
     came = PGP_BROKEN;
     pgp_end(piece);

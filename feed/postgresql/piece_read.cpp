@@ -85,7 +85,8 @@ static void settle(pgp_reading &r, size_t want, const pgs_refusal &refusal)
     part.relation.name = r.wants[want].table;
     part.gone = pgp_trouble_of(refusal) == PGP_GONE;
     if (!part.gone)
-        part.refused = pgp_reason(refusal);
+        part.refused =
+            pgp_reason(refusal, r.server.sql.get(), part.relation.schema, part.relation.name);
     r.ways[want] = SETTLED;
     r.settled.push_back(std::move(part));
 }

@@ -74,6 +74,10 @@ pgp_trouble pgp_trouble_of(const pgs_refusal &refusal);
 // "permission denied for table orders; give the role the right: ..."
 std::string pgp_reason(const pgs_refusal &refusal);
 
+// The same of a table that the connection's role was to read: the remedy names both.
+std::string pgp_reason(const pgs_refusal &refusal, const PGconn *connection,
+                       const std::string &schema, const std::string &table);
+
 // Takes a line of COPY's text format apart, in place.
 void pgp_split(pgo_tuple &tuple, char *line, size_t length);
 

@@ -68,6 +68,23 @@ const char *pgs_find_remedy(const char *state, const char *message)
     return nullptr;
 }
 
+std::string pgs_name_remedy(std::string remedy, const pgs_lacking &lacking)
+{
+    const struct {
+        std::string_view before; // the place
+        const std::string &name;
+    } rows[] = {{"GRANT USAGE ON SCHEMA ", lacking.schema},
+                {"GRANT SELECT ON ", lacking.table},
+                {" TO ", lacking.role},
+                {"ALTER ROLE ", lacking.role}};
+    for (const auto &row : rows) {
+        const std::string place = std::string(row.before) + "...";
+        if (const size_t at = remedy.find(place); at != remedy.npos && !row.name.empty())
+            remedy.replace(at + row.before.size(), place.size() - row.before.size(), row.name);
+    }
+    return remedy;
+}
+
 std::string pgs_error_field(const PGresult *result, int field)
 {
     const char *const text = PQresultErrorField(result, field);

@@ -75,10 +75,11 @@ TEST_F(PieceTroubleTest, TablesThatMayNotBeReadAreRefusedAndTheOthersRead)
     for (const pgp_part &one : piece.parts) {
         if (one.relation.name == "b")
             EXPECT_EQ(one.refused, "permission denied for table b; give the role the right: GRANT "
-                                   "SELECT ON ... TO ...");
+                                   "SELECT ON \"public\".\"b\" TO \"nobody_special\"");
         else if (one.relation.name == "c")
-            EXPECT_EQ(one.refused, "query would be affected by row-level security policy for table "
-                                   "\"c\"; let the role see all rows: ALTER ROLE ... BYPASSRLS");
+            EXPECT_EQ(one.refused,
+                      "query would be affected by row-level security policy for table "
+                      "\"c\"; let the role see all rows: ALTER ROLE \"nobody_special\" BYPASSRLS");
         else
             EXPECT_EQ(one.rows, one.gone ? 0U : 1U);
     }
@@ -401,7 +402,7 @@ TEST_F(PieceTroubleTest, ADirectPieceThatIsRefusedSaysWhy)
     piece_rows rows;
     EXPECT_EQ(read_direct(piece, rows), PGP_BROKEN);
     EXPECT_EQ(piece.parts.at(0).refused, "permission denied for table a; give the role the right: "
-                                         "GRANT SELECT ON ... TO ...");
+                                         "GRANT SELECT ON \"public\".\"a\" TO \"nobody_special\"");
     EXPECT_EQ(later, "");
     EXPECT_TRUE(reading_ends());
 }
