@@ -41,8 +41,9 @@ static outcome prepare(bridge &b)
 {
     pgb_found found;
     found.sent = pgb_last_sent(b.tx, b.relations);
-    found.log_gap = [&b](const std::string &why) {
-        return pgb_log_gaps(b.tx, b.relations, {}, why);
+    found.log_gap = [&b](const std::string &why, uint64_t begin) {
+        return begin != 0 ? pgb_log_gap_up_to(b.tx, b.relations, begin, why)
+                          : pgb_log_gaps(b.tx, b.relations, {}, why);
     };
     outcome done = pgb_prepare(found, b.server, b.state, b.config, b.options,
                                fwu_writer_last_commit(b.tx.writer));
@@ -270,8 +271,7 @@ outcome pgb_run(const pgb_options &options)
         done = run(b);
     if (done)
         pgr_close(b.requests, b.relations, b.tx.writer, b.state.logged_lsn);
-    if (done || done.kind() == OUTCOME_STOPPED)
-        pgb_skip_close(b.apply.skips);
+    pgb_skip_close(b.apply.skips);
     if (done && b.requests.refused)
         done = outcome_failed("not all tables were taken in that --resume names");
     if (fwu_writer_close(b.tx.writer) != 0)

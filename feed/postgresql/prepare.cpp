@@ -266,6 +266,9 @@ static outcome check_position(const checks &on, pgb_found &found, uint64_t confi
 {
     pgb_kept &kept = on.kept;
     const fwu_commit &last = on.last;
+    if (last.lsn == 0 && kept.slot != on.server.slot)
+        accept_gap(on, "slot \"" + on.server.slot +
+                           "\" was there before the log, and what it gave to others is missing");
     if (last.lsn == 0 && kept.told_lsn == 0)
         kept.told_lsn = confirmed; // the log begins here
     const uint64_t known = std::max(last.lsn, kept.told_lsn);
@@ -424,7 +427,7 @@ outcome pgb_prepare(pgb_found &found, pgs_server &server, pgb_state &state,
         done = check_slot_and_leave(on, found);
     if (done && !gap.empty()) {
         found.expects_sent = false; // the log ends with something else
-        done = found.log_gap(gap);
+        done = found.log_gap(gap, last.lsn == 0 && kept.snapshot != "begun" ? kept.told_lsn : 0);
     }
     if (done)
         done = pgb_kept_write(kept, true);

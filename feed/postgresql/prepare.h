@@ -19,8 +19,9 @@ struct pgb_found {
                                // that is known
     bool expects_sent = false; // the server has to send it first
     // Told, before what was found is kept, that changes are missing from here on, as --accept-gap
-    // allows.
-    std::function<outcome(const std::string &why)> log_gap = {};
+    // allows.  begin: of a log that has nothing yet, where it begins; 0: it has something, or the
+    // tables are to come whole.
+    std::function<outcome(const std::string &why, uint64_t begin)> log_gap = {};
 };
 
 // Checks the server and what is to be followed, and makes slot and publication where that

@@ -91,12 +91,6 @@ outcome pgb_set_aside(feed_transaction &tx, pgb_relations &relations, const std:
                          .since = tx.commit.lsn,
                          .since_us = tx.commit.time_us,
                          .reason = reason};
-    // Changes may be missing for longer.
-    if (const pga_record *before = pga_find(relations.aside, name);
-        before != nullptr && before->standing == PGA_TAKING && before->since != 0) {
-        record.since = before->since;
-        record.since_us = before->since_us;
-    }
     if (outcome put = feed_put_mark(tx, pgb_gap_of(relations, schema, table, reason)); !put)
         return put;
     pga_put(relations.aside, schema, table, std::move(record));

@@ -407,6 +407,16 @@ TEST_F(BridgeSkipTest, APositionThatNeverCameIsTold)
     EXPECT_TRUE(has_row(1));
 }
 
+TEST_F(BridgeSkipTest, APositionThatARunDoesNotComeToBeforeAnErrorIsTold)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    commit_the_unsendable();
+    const run_result result = catch_up({"--skip-transaction", "FFFF/0"});
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("warning: --skip-transaction FFFF/0: the run has ended "
+                                      "before that position came, nothing is skipped"));
+}
+
 TEST_F(BridgeSkipTest, WrongCommandLines)
 {
     for (const char *word : {"", "x", "0/0", "0/1,", "0/1,,load.ledger", "0/1,ledger",
