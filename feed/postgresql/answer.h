@@ -28,6 +28,7 @@ struct pgr_table {
     uint64_t rows = 0;       // taken in so far
     int64_t estimate = -1;   // of all there are, as the server guesses; -1: it does not
     std::string reason = {}; // PGR_REFUSED: why; before the end: what is waited for, if anything
+    bool aside = false;      // it was set aside when it was asked for; not in the answer's text
     bool operator==(const pgr_table &) const = default;
 };
 

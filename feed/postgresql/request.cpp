@@ -296,6 +296,8 @@ static outcome decide(pgr_requests &requests, pgb_relations &relations, fwu_writ
         table.reason.clear();
         if (known != nullptr)
             table.estimate = known->estimate;
+        const pga_record *const record = pga_find(relations.aside, table.name);
+        table.aside = record != nullptr && record->standing == PGA_ASIDE;
         pgr_put(relations.aside, table.name, last_lsn);
     });
     return pga_keep(relations.aside, fwu_writer_durable_lsn(writer));
@@ -320,7 +322,8 @@ static void follow(pgr_requests &requests, const pgr_request &request, pgr_table
                                                  : logged)))
         table.state = PGR_FOLLOWED;
     else if (record->standing == PGA_ASIDE)
-        refuse(requests, request, table, "it was set aside again: " + record->reason);
+        refuse(requests, request, table,
+               (table.aside ? "it was set aside again: " : "it was set aside: ") + record->reason);
 }
 
 static void answer(const pgr_requests &requests, pgr_request &request)

@@ -3,12 +3,14 @@
 #include "feed/postgresql/resumable.h"
 
 #include "feed/postgresql/published.h"
+#include "feed/postgresql/server_error.h"
 #include "feed/table.h"
 #include "fwutil/fwu_source_name.h"
 
 // A row for each table that there is: schema, name; the name as SQL writes it; whether it is
 // published; the published table it is a part of; whether parts of it are; whether it is in the
-// server's log; whether all tables are published; rows.
+// server's log; whether all tables are published; rows; whether the role may not use its schema,
+// may not read it, and does not see all its rows; schema and role as SQL writes them.
 static std::string query_tail()
 {
     return std::string(", q AS MATERIALIZED (SELECT p.relid AS oid FROM ") + pgb_published +
@@ -26,7 +28,9 @@ static std::string query_tail()
            " FROM (SELECT c.oid) AS o LEFT JOIN LATERAL " +
            pgb_partition_tree("o.oid") +
            " m ON m.isleaf"
-           " JOIN pg_class l ON l.oid = coalesce(m.relid, o.oid))"
+           " JOIN pg_class l ON l.oid = coalesce(m.relid, o.oid)),"
+           " NOT has_schema_privilege(n.oid, 'USAGE'), NOT has_table_privilege(c.oid, 'SELECT'),"
+           " row_security_active(c.oid), quote_ident(n.nspname), quote_ident(current_user)"
            " FROM w JOIN pg_namespace n ON n.nspname = w.schema"
            " JOIN pg_class c ON c.relnamespace = n.oid AND c.relname = w.name"
            " LEFT JOIN LATERAL (SELECT a.relid FROM pg_partition_ancestors(c.oid) a (relid)"
@@ -50,6 +54,24 @@ std::string pgr_query(std::span<const std::string> names, const std::string &pub
     return "WITH w (schema, name) AS (VALUES " + values + ")" + tail;
 }
 
+// Why the role cannot read a table, as the server would say it when its rows are read.
+static std::string unreadable(const pgs_result &rows, int row)
+{
+    const std::string schema(pgs_value(rows, row, 0));
+    const std::string table(pgs_value(rows, row, 1));
+    const pgs_lacking lacking = {.schema = std::string(pgs_value(rows, row, 13)),
+                                 .table = std::string(pgs_value(rows, row, 2)),
+                                 .role = std::string(pgs_value(rows, row, 14))};
+    const std::string texts[] = {
+        "permission denied for schema " + schema, "permission denied for table " + table,
+        "query would be affected by row-level security policy for table \"" + table + "\""};
+    int column = 10;
+    for (const std::string &text : texts)
+        if (pgs_value(rows, row, column++) == "t")
+            return text + "; " + pgs_name_remedy(pgs_find_remedy("42501", text.c_str()), lacking);
+    return {};
+}
+
 std::map<std::string, pgr_found> pgr_take_rows(const pgs_result &rows)
 {
     std::map<std::string, pgr_found> found;
@@ -63,6 +85,7 @@ std::map<std::string, pgr_found> pgr_take_rows(const pgs_result &rows)
         table.logged = pgs_value(rows, i, 7) == "t";
         table.all = pgs_value(rows, i, 8) == "t";
         (void)pgs_number(table.estimate, pgs_value(rows, i, 9)); // stays -1
+        table.unreadable = unreadable(rows, i);
     }
     return found;
 }
@@ -81,7 +104,7 @@ std::string pgr_refusal(const std::string &name, const pgr_found *found,
                    ? ""
                    : "the database has no such table (capitals count)";
     if (found->published)
-        return {};
+        return found->unreadable;
     if (!found->root.empty())
         return "it is a part of " + found->root + ", which is followed as a whole: name that one";
     if (found->parts)

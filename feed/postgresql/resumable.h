@@ -20,6 +20,7 @@ struct pgr_found {
     bool logged = true;     // its changes are in the server's log
     bool all = false;       // the publication is one of all tables
     int64_t estimate = -1;  // rows, as the server guesses; -1: it does not
+    std::string unreadable; // why the role cannot read it; empty: it can
 };
 
 // The query for tables by their fwu_source_names, and its rows by them; one that is not there has

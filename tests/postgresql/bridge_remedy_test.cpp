@@ -368,16 +368,55 @@ TEST_F(BridgeRemedyTest, TableThatTheRoleMayNotRead)
     const words by_role = {"--conninfo", conninfo(role), "--create", "--snapshot"};
     const run_result begun = catch_up(by_role);
     EXPECT_EQ(begun.status, 0) << begun.err;
-    EXPECT_THAT(begun.err, HasSubstr("permission denied for table ledger; give the role the right: "
-                                     "GRANT SELECT ON ... TO ...; the others go on; mend that, "
-                                     "then fwlog postgresql --resume load.ledger\n"));
+    const std::string grant = "GRANT SELECT ON \"load\".\"ledger\" TO \"" + role + "\"";
+    EXPECT_THAT(begun.err,
+                HasSubstr("permission denied for table ledger; give the role the right: " + grant +
+                          "; the others go on; mend that, "
+                          "then fwlog postgresql --resume load.ledger\n"));
     EXPECT_FALSE(logged("after ID=1 "));
-    sql("GRANT SELECT ON load.ledger TO " + role);
+    sql(grant);
     const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
     EXPECT_EQ(resumed.status, 0) << resumed.err;
     EXPECT_TRUE(logged("after ID=1 "));
     next = 2;
     expect_runs(by_role);
+    sql("DROP OWNED BY " + role);
+}
+
+// What cannot be read costs a followed table nothing.
+TEST_F(BridgeRemedyTest, ResumingWhatTheRoleMayNotReadChangesNothing)
+{
+    const std::string role = database + "_no_more";
+    sql("CREATE ROLE " + role + " LOGIN REPLICATION; CREATE PUBLICATION " + database +
+        " FOR ALL TABLES");
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    const words resume = {"--conninfo", conninfo(role), "--resume", "load.ledger"};
+    int id = 0;
+    const std::pair<const char *, std::string> steps[] = {
+        {"permission denied for schema load; give the role the right: ",
+         "GRANT USAGE ON SCHEMA load TO " + role},
+        {"permission denied for table ledger; give the role the right: ",
+         "GRANT SELECT ON load.ledger TO " + role},
+        {"query would be affected by row-level security policy for table \"ledger\"; let the role "
+         "see all rows: ",
+         "ALTER ROLE " + role + " BYPASSRLS"}};
+    sql("ALTER TABLE load.ledger ENABLE ROW LEVEL SECURITY");
+    for (const auto &[why, command] : steps) {
+        insert(++id);
+        const run_result refused = catch_up(resume);
+        EXPECT_EQ(refused.status, 1) << refused.err;
+        EXPECT_THAT(refused.err, HasSubstr("warning: table load.ledger is not taken in: " +
+                                           (why + command) + "\n"));
+        EXPECT_THAT(refused.err, Not(HasSubstr("set aside")));
+        insert(++id);
+        EXPECT_EQ(catch_up().status, 0);
+        EXPECT_TRUE(logged("after ID=" + std::to_string(id) + " ")) << "followed";
+        EXPECT_THAT(dump(), Not(HasSubstr("truncate")));
+        sql(command);
+    }
+    const run_result resumed = catch_up(resume);
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_THAT(dump(), HasSubstr("truncate"));
     sql("DROP OWNED BY " + role);
 }
 
@@ -390,11 +429,13 @@ TEST_F(BridgeRemedyTest, SchemaThatTheRoleMayNotUse)
     const words by_role = {"--conninfo", conninfo(role), "--create", "--snapshot"};
     const run_result begun = catch_up(by_role);
     EXPECT_EQ(begun.status, 0) << begun.err;
-    EXPECT_THAT(begun.err, HasSubstr("permission denied for schema load; give the role the right: "
-                                     "GRANT USAGE ON SCHEMA ... TO ...; the others go on; mend "
-                                     "that, then fwlog postgresql --resume load.ledger\n"));
+    const std::string grant = "GRANT USAGE ON SCHEMA \"load\" TO \"" + role + "\"";
+    EXPECT_THAT(begun.err,
+                HasSubstr("permission denied for schema load; give the role the right: " + grant +
+                          "; the others go on; mend "
+                          "that, then fwlog postgresql --resume load.ledger\n"));
     EXPECT_FALSE(logged("after ID=1 "));
-    sql("GRANT USAGE ON SCHEMA load TO " + role);
+    sql(grant);
     const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
     EXPECT_EQ(resumed.status, 0) << resumed.err;
     EXPECT_TRUE(logged("after ID=1 "));
@@ -415,11 +456,12 @@ TEST_F(BridgeRemedyTest, RowsThatAreHiddenFromTheRole)
     const words by_role = {"--conninfo", conninfo(role), "--create", "--snapshot"};
     const run_result begun = catch_up(by_role);
     EXPECT_EQ(begun.status, 0) << begun.err;
+    const std::string command = "ALTER ROLE \"" + role + "\" BYPASSRLS";
     EXPECT_THAT(begun.err, HasSubstr("query would be affected by row-level security policy for "
-                                     "table \"ledger\"; let the role see all rows: ALTER ROLE ... "
-                                     "BYPASSRLS; the others go on; "));
+                                     "table \"ledger\"; let the role see all rows: " +
+                                     command + "; the others go on; "));
     EXPECT_FALSE(logged("after ID=2 "));
-    sql("ALTER ROLE " + role + " BYPASSRLS");
+    sql(command);
     const run_result resumed = catch_up({"--conninfo", conninfo(role), "--resume", "load.ledger"});
     EXPECT_EQ(resumed.status, 0) << resumed.err;
     EXPECT_TRUE(logged("after ID=1 "));
