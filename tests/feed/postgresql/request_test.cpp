@@ -347,6 +347,21 @@ TEST_F(Requests, WhatIsWrongWithATableIsSaid)
          {"app", "orders", "app.orders", "f", "", "", "f", "t", "f", "0"},
          "publication \"kestro\" does not have it: run ALTER PUBLICATION \"kestro\" ADD TABLE "
          "app.orders, then resume it"},
+        {"app.orders",
+         {"app", "orders", "app.orders", "t", "", "", "f", "t", "f", "0", "t", "t", "t", "app",
+          "\"Me\""},
+         "permission denied for schema app; give the role the right: GRANT USAGE ON SCHEMA app TO "
+         "\"Me\""},
+        {"app.orders",
+         {"app", "orders", "app.orders", "t", "", "", "f", "t", "f", "0", "f", "t", "t", "app",
+          "\"Me\""},
+         "permission denied for table orders; give the role the right: GRANT SELECT ON app.orders "
+         "TO \"Me\""},
+        {"app.orders",
+         {"app", "orders", "app.orders", "t", "", "", "f", "t", "f", "0", "f", "f", "t", "app",
+          "\"Me\""},
+         "query would be affected by row-level security policy for table \"orders\"; let the role "
+         "see all rows: ALTER ROLE \"Me\" BYPASSRLS"},
     };
     for (const auto &row : rows) {
         requests.open.clear();
