@@ -94,8 +94,6 @@ TEST_F(BridgeGapTest, SlotThatAnotherLogUses)
     const std::string marked = "for all tables: slot \"" + database +
                                "\" was there before the log, and what it gave to others is missing";
     EXPECT_THAT(other.err, HasSubstr(marked));
-    EXPECT_THAT(fwlog({"dump", "-cfg", "other/fwutil.cfg"}).out,
-                HasSubstr("what it gave to others"));
     const run_result again = catch_up({"-cfg", "other/fwutil.cfg", "--accept-gap"});
     EXPECT_EQ(again.status, 0) << again.err;
     EXPECT_THAT(again.err, Not(HasSubstr("gap mark"))) << "once";
