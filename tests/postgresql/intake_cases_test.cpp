@@ -167,7 +167,7 @@ TEST_F(IntakeCasesTest, WhatAPieceDoesNotSeeComesBehindItInTheOrderOfTheServer)
 // for, and one that is longer than all of them.
 TEST_F(IntakeCasesTest, ManyAndLongChangesInTheOrderOfTheServer)
 {
-    ASSERT_NO_FATAL_FAILURE(make_table("interval", "make_interval(mins => g)"));
+    ASSERT_NO_FATAL_FAILURE(make_table("interval PRIMARY KEY", "make_interval(mins => g)"));
     sql("CREATE TABLE load.other (id integer PRIMARY KEY, n integer)");
     ASSERT_NO_FATAL_FAILURE(hold_until_read(
         "BEGIN; UPDATE load.t SET n = 3; INSERT INTO load.other VALUES (777, 1); UPDATE load.t SET"
@@ -261,9 +261,11 @@ TEST_F(IntakeCasesTest, TablesInTheOrderOfTheServerWhileTheyAreWrittenTo)
 TEST_F(IntakeCasesTest, OthersAreFollowedWhileATableInTheOrderOfTheServerIsRead)
 {
     ASSERT_NO_FATAL_FAILURE(make_table("interval PRIMARY KEY", "make_interval(secs => g)"));
-    sql("CREATE TABLE load.other (id integer PRIMARY KEY, n integer)");
     ASSERT_NO_FATAL_FAILURE(hold_until_read("UPDATE load.t SET n = 1 WHERE id = '29999 s'"));
     EXPECT_TRUE(poll_until([&] { return logged(" insert "); })) << bridge.err();
+    pg_client session = connect();
+    session.run("SET synchronous_commit = local");
+    session.run("CREATE TABLE load.other (id integer PRIMARY KEY, n integer)");
     ASSERT_NO_FATAL_FAILURE(run_and_wait("INSERT INTO load.other VALUES (777, 1)"));
     EXPECT_TRUE(poll_until([&] { return logged("after ID=777 "); })) << bridge.err();
     EXPECT_FALSE(snapshot_is_done());
