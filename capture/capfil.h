@@ -27,6 +27,16 @@ struct capcfg {
     char **dsets;         // owned; patterns as typed
 };
 
+// What is told of a capture file while the run goes on.
+struct cap_told {
+    int64_t records;  // written
+    int64_t bytes;    // of these as they were made, header included, line ends and framing not
+    int64_t failures; // records that it selects and that were not written
+    int64_t seen;     // records when last_us was set
+    int64_t last_us;  // when the last one was written; 0: none
+    int32_t logtime;  // of the last one
+};
+
 // One capture file.
 struct capfil {
     char *name;               // owned; the next file's name after a rollover
@@ -53,6 +63,7 @@ struct capfil {
     uint64_t synced_sum;      // and their checksum there
     int32_t name_synced;      // 1: the file's name is on disk too
     const cap_format *format; // the output format that ascii_flags choose
+    cap_told *told;           // counts, or null: nobody asks
 };
 
 // The run.

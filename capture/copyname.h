@@ -3,10 +3,14 @@
 #ifndef CAPTURE_COPYNAME_H
 #define CAPTURE_COPYNAME_H
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 struct capinfo;
+
+// What a name stands for, whether it is there or not.
+std::filesystem::path resolved_name(const std::string &name);
 
 // Whether the files to be cut, by their names, can have their copies made without
 // taking the place of one of the others.  0, or the code of the error that names both.

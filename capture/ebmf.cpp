@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 
 int32_t fil_open_os_errno;
 
@@ -62,12 +63,14 @@ void ebmf_open_detail(const cap_format *format, char *detail)
     format->detail(nullptr, detail);
 }
 
-// Prints the detail and then, from the same buffer, the message.
-__attribute__((format(printf, 2, 0))) static int report(char *detail, const char *fmt, va_list args)
+// Prints the detail and then the message.  cause: known better than the detail says, or 0.
+__attribute__((format(printf, 3, 0))) static int report(const char *detail, int cause,
+                                                        const char *fmt, va_list args)
 {
+    char msg[EBMF_DETAIL_SIZE];
     fprintf(stderr, "CAPERR: %s\n", detail);
-    vsnprintf(detail, EBMF_DETAIL_SIZE, fmt, args);
-    return set_error(detail);
+    vsnprintf(msg, sizeof msg, fmt, args);
+    return set_error_because(msg, cause != 0 ? strerror(cause) : detail);
 }
 
 int set_error_mf(tmf_handle *tmfh, const char *fmt, ...)
@@ -76,7 +79,7 @@ int set_error_mf(tmf_handle *tmfh, const char *fmt, ...)
     tmf_geterrmsg(tmfh, buf);
     va_list args;
     va_start(args, fmt);
-    const int rc = report(buf, fmt, args);
+    const int rc = report(buf, 0, fmt, args);
     va_end(args);
     return rc;
 }
@@ -87,7 +90,7 @@ int set_error_emf(const ebmf *file, const char *fmt, ...)
     ebmf_detail(file, buf);
     va_list args;
     va_start(args, fmt);
-    const int rc = report(buf, fmt, args);
+    const int rc = report(buf, file != nullptr ? file->write_errno : 0, fmt, args);
     va_end(args);
     return rc;
 }
@@ -98,7 +101,7 @@ int set_error_detail(const char *detail, const char *fmt, ...)
     strmcpy(buf, detail, sizeof buf);
     va_list args;
     va_start(args, fmt);
-    const int rc = report(buf, fmt, args);
+    const int rc = report(buf, 0, fmt, args);
     va_end(args);
     return rc;
 }

@@ -15,6 +15,7 @@ struct ebmf {
     tmf_handle *tmfh;         // owned; message-file handle, null for a text file
     FILE *textfp;             // owned; stream of a text file; its buffer stays empty
     int32_t os_errno;         // error number shown for text files; nothing sets it
+    int32_t write_errno;      // of the last failed write of a text file; told beside it
     const cap_format *format; // that ascii_flags chose
 };
 

@@ -41,6 +41,9 @@ struct cap_format {
     int (*write)(ebmf *file, char *buffer, int32_t length);
     int (*getfnum)(const ebmf *file, int32_t *number);
     int (*close)(ebmf *file); // the handle itself is the caller's
+    // Goes on in the file of that name, behind what it holds; false: the open one stays, and
+    // detail tells of a failed open.  Null for a format whose files stay open.
+    bool (*reopen)(ebmf *file, const char *path);
     int (*end)(const ebmf *file, int32_t *end);
     int (*record_end)(const ebmf *file, int32_t *end);
     void (*detail)(const ebmf *file, char *detail); // a null file: the last failed open

@@ -201,6 +201,7 @@ const cap_format message_format = {
     .write = message_write,
     .getfnum = message_getfnum,
     .close = message_close,
+    .reopen = nullptr,
     .end = message_end,
     .record_end = message_record_end,
     .detail = message_detail,

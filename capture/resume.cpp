@@ -13,8 +13,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <sys/stat.h>
+#include <system_error>
 #include <vector>
 
 static int failed(const char *detail, const mark_line &line)
@@ -37,6 +39,32 @@ static int look_at(const mark_line &line, struct stat &st)
     return S_ISREG(st.st_mode) && (line.inode == 0 || line.inode == st.st_ino) ? 1 : 0;
 }
 
+// The same where a file of the format may have been moved while the run had it open: to
+// its name with a number or a date behind it ("NAME.1", "NAME-20260131"), which the line
+// has then.
+static int find(mark_line &line, struct stat &st)
+{
+    namespace fs = std::filesystem;
+    const int there = look_at(line, st);
+    if (there != 0 || line.inode == 0 || line.format->reopen == nullptr)
+        return there;
+    const fs::path path = line.path;
+    const std::string begin = path.filename();
+    std::error_code error; // a directory that cannot be looked through has no such file
+    for (fs::directory_iterator it(path.parent_path(), error), end; !error && it != end;
+         it.increment(error)) {
+        const std::string name = it->path().filename();
+        if (name.size() < begin.size() + 2 || name.compare(0, begin.size(), begin) != 0 ||
+            strchr(".-", name[begin.size()]) == nullptr ||
+            strchr("0123456789", name[begin.size() + 1]) == nullptr ||
+            lstat(it->path().c_str(), &st) != 0 || st.st_ino != line.inode || !S_ISREG(st.st_mode))
+            continue;
+        line.path = it->path();
+        return 1;
+    }
+    return 0;
+}
+
 int capture_resume(const char *mark)
 {
     mark_line line;
@@ -46,7 +74,7 @@ int capture_resume(const char *mark)
     char detail[EBMF_DETAIL_SIZE];
     bool good = true;
     while (mark_next(&mark, line, &good)) {
-        const int there = look_at(line, st);
+        const int there = find(line, st);
         if (there < 0)
             return there;
         if (there == 0)

@@ -77,6 +77,11 @@ int capture_sync_due(int when)
     }
 }
 
+bool capture_sync_asked()
+{
+    return g_sync.asked;
+}
+
 static int report_failure(const capfil *cf)
 {
     g_sync.failed = true;

@@ -16,6 +16,9 @@ void capture_sync_soon();
 // never.  Asking tells that the library forces its position itself.
 int capture_sync_due(int when);
 
+// Whether the library has asked.
+bool capture_sync_asked();
+
 // Brings what was written to disk.  Returns the mark of it, a line for each file:
 // its kind, inode (0: it is not there), end, the checksum of its tail, its path; valid
 // until the next call.  Null: failed (reported), now or before in this session.

@@ -40,6 +40,21 @@ static bool text_open(ebmf *file, const char *path, int)
     return false;
 }
 
+static bool text_reopen(ebmf *file, const char *path)
+{
+    const int fd = textfile_reopen(path, static_cast<uint32_t>(file->is_text));
+    FILE *next = fd < 0 ? nullptr : fdopen(fd, "w");
+    if (next == nullptr) {
+        fil_open_os_errno = errno;
+        if (fd >= 0)
+            (void)close(fd); // nothing was written to it
+        return false;
+    }
+    (void)fclose(file->textfp); // nothing is in its buffer, and its file has been synced
+    file->textfp = next;
+    return true;
+}
+
 // Takes back what a failed write left of its record, so that the next record begins a
 // line: unless somebody else's lines came between its pieces or stand behind it.  A
 // pipe or a device refuses, and has nothing to take back.
@@ -85,7 +100,10 @@ static int text_write(ebmf *file, char *buffer, int32_t length)
     buffer[length] = '\n';
     buffer[length + 1] = '\0';
     // Kept: the line is written up to its first NUL; only -dirty lets one in.
-    return write_whole(fileno(file->textfp), buffer, strlen(buffer)) ? 0 : 1;
+    if (write_whole(fileno(file->textfp), buffer, strlen(buffer)))
+        return 0;
+    file->write_errno = errno;
+    return 1;
 }
 
 static int text_getfnum(const ebmf *file, int32_t *number)
@@ -144,6 +162,7 @@ const cap_format text_format = {
     .write = text_write,
     .getfnum = text_getfnum,
     .close = text_close,
+    .reopen = text_reopen,
     .end = nullptr,
     .record_end = nullptr,
     .detail = text_detail,

@@ -229,3 +229,22 @@ int textfile_open(const char *path, uint32_t ascii_flags)
     close_quietly(fd);
     return -1;
 }
+
+int textfile_reopen(const char *path, uint32_t ascii_flags)
+{
+    struct stat st = {};
+    // Without a wait for the reader of a pipe that has taken the name.
+    const int fd =
+        open(path, O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return -1;
+    bool good = fstat(fd, &st) == 0;
+    if (good && !S_ISREG(st.st_mode)) {
+        errno = ENOTSUP;
+        good = false;
+    }
+    if (good && take_up(fd, path, ascii_flags))
+        return fd;
+    close_quietly(fd);
+    return -1;
+}

@@ -10,6 +10,10 @@
 // The descriptor, or -1 with errno.
 int textfile_open(const char *path, uint32_t ascii_flags);
 
+// The same for a run that goes on, whatever KESTRO_TEXT says: behind what the file of that
+// name holds, or in a new one.  Pipes, devices and directories are refused.
+int textfile_reopen(const char *path, uint32_t ascii_flags);
+
 // Moves what a regular file holds from offset at on into the file of that name and
 // ".cut", in the place of an older one, and both to disk.  why: what is told of it.
 // 0, or -1 with errno and the file as it was.

@@ -8,6 +8,7 @@
 #include "capture/format.h"
 #include "capture/header.h"
 #include "capture/rollover.h"
+#include "capture/shared.h"
 #include "capture/stats.h"
 #include "capture/sync.h"
 #include "driver/base/dump.h"
@@ -98,6 +99,20 @@ static record_images images_of(const log_record *record, const write_kind &kind)
     return images;
 }
 
+// Counts a record for those who ask; length -1: it was not written.
+static void count_told(const capfil *cf, const log_record *record, int32_t length)
+{
+    if (cf->told == nullptr)
+        return;
+    if (length < 0) {
+        cf->told->failures++;
+        return;
+    }
+    cf->told->records++;
+    cf->told->bytes += length;
+    cf->told->logtime = record->logtime;
+}
+
 static int capture_write(capinfo *ci, const log_record *record, const write_kind &kind)
 {
     const record_images images = images_of(record, kind);
@@ -111,6 +126,7 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
         taken++;
         if (check_record(cf, record, images) != 0) {
             failed++;
+            count_told(cf, record, -1);
             continue;
         }
         if ((g_flags & FLAG_DUMPRECS) != 0)
@@ -121,7 +137,9 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
         // Kept: each text file's conversion result replaces the one before it, and a
         // record that did not convert is written all the same.
         const int32_t length = cf->format->build(cf, images, ci->dsets, &conversion);
-        if (cap_write_buf(cf, length) != 0) {
+        const int rc = cap_write_buf(cf, length);
+        count_told(cf, record, rc == 0 ? length : -1);
+        if (rc != 0) {
             failed++;
             if (cf->format->longest != 0 && length > cf->format->longest && cf->fp != nullptr)
                 tell_too_long(cf, record, images, kind, length);
@@ -175,6 +193,7 @@ int cap_write_buf(capfil *cf, int32_t length)
 int cap_open_capture_file(capfil *cf)
 {
     const int mode = cap_open_mode(cf);
+    capture_warn_shared(cf);
     cf->fp = ebmf_fopen(cf->name, mode, cf->ascii_flags);
     if (cf->fp == nullptr)
         return cf->format->open_error(cf->name);

@@ -11,7 +11,7 @@ target_compile_options(kestro_build INTERFACE
 if(KESTRO_SANITIZE)
   target_compile_definitions(kestro_build INTERFACE KESTRO_SANITIZED)
   target_compile_options(kestro_build INTERFACE
-    -fsanitize=${KESTRO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g
+    -fsanitize=${KESTRO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
     # These checks of clang++ need the C++ runtime, which libtmf does without.
     $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-fno-sanitize=function,vptr>)
   target_link_options(kestro_build INTERFACE -fsanitize=${KESTRO_SANITIZE})

@@ -1,6 +1,7 @@
 // The program's entry.
 #include "capture/capinfo.h"
 #include "driver/base/globals.h"
+#include "driver/hangup.h"
 #include "driver/help.h"
 #include "driver/output.h"
 #include "driver/process.h"
@@ -30,6 +31,7 @@ static void pause_for_enter()
 
 int main(int argc, char **argv)
 {
+    hangup_install();
     fill_standard_files();
     if (argc <= 1) {
         printusage(argc == 1 ? argv[0] : "Kestro");

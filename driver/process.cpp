@@ -11,6 +11,7 @@
 #include "driver/base/log.h"
 #include "driver/help.h"
 #include "driver/options.h"
+#include "driver/run_state.h"
 #include "driver/session.h"
 #include "fwutil/fwutil.h"
 
@@ -79,10 +80,12 @@ int process(int argc, char **argv)
         show_capstats(g_ci);
     if (flag(FLAG_SHOWSKIP))
         show_skipped(g_ci);
+    run_state_closing();
     const int close_rc = capture_close(g_ci);
     g_ci = nullptr;
     if (rc == 0)
         rc = close_rc;
+    run_state_end(rc != 0);
 
     free_run_options(&run);
     return rc;

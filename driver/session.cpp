@@ -4,14 +4,18 @@
 
 #include "capture/capinfo.h"
 #include "capture/copyname.h"
+#include "capture/reopen.h"
 #include "capture/settings.h"
+#include "capture/shared.h"
 #include "capture/sync.h"
 #include "capture/write.h"
 #include "driver/base/dsetinfo.h"
 #include "driver/base/globals.h"
 #include "driver/base/log.h"
 #include "driver/base/logrec.h"
+#include "driver/hangup.h"
 #include "driver/output.h"
+#include "driver/run_state.h"
 #include "fwutil/fwutil.h"
 
 #include <cerrno>
@@ -28,19 +32,27 @@ static void go_to_background()
     // Kept: a failed fork ends the program like a parent, with status 0.
     if (fork() != 0)
         exit(0);
+    hangup_detach();
 }
 
 int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const char *statfile,
                 const char *startspec)
 {
     // Before the shell has its answer, the PID file and anything else.
-    int rc = read_capture_settings();
+    int rc = run_state_begin(ci, pidfile, cfgfile, statfile);
+    if (rc != 0)
+        return rc;
+    run_state_start();
+    rc = read_capture_settings();
     if (rc == 0)
         rc = capture_check_names(ci);
     if (rc != 0)
         return rc;
-    if ((g_flags & FLAG_BG) != 0)
+    capture_warn_twice(ci);
+    if ((g_flags & FLAG_BG) != 0) {
         go_to_background();
+        run_state_start();
+    }
     if (pidfile != nullptr) {
         rc = write_pidfile(pidfile);
         if (rc != 0)
@@ -60,8 +72,15 @@ int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const cha
     rc = Fwu_process(kestro_cb, cfgfile, statfile, startspec);
     const int synced = capture_sync_end(g_ci);
     if (rc != 0)
-        return set_error("Fwu_process() failed.");
+        return set_error(PROCESS_FAILED);
     return synced;
+}
+
+// Opens the text files anew when that was asked for.  1: done, 0: nothing to do, -1:
+// failed (reported).
+static int heed_hangup()
+{
+    return hangup_taken() ? capture_reopen(g_ci) : 0;
 }
 
 // What the forward-log library asks of a program that defines these.
@@ -84,6 +103,16 @@ extern "C" int Fwu_hook_resume(const char *mark)
 extern "C" int Fwu_hook_keep(const char *mark)
 {
     return capture_keep(mark);
+}
+
+extern "C" void Fwu_hook_look(int what, const char *text)
+{
+    run_state_look(what, text);
+}
+
+extern "C" int Fwu_hook_wait(void)
+{
+    return heed_hangup();
 }
 
 int write_pidfile(const char *path)
@@ -135,6 +164,11 @@ extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dset
                                recnum,   reclen, before_image, after_image};
     // The capture goes on without what is shown of it; the run's result tells.
     (void)output_check();
+    // A library that forces its position itself does so behind a record, and only then may
+    // the next one go into a new file.
+    const bool asked = capture_sync_asked();
+    if (!asked && heed_hangup() < 0)
+        return -1;
     // For every record: nothing says that a dataset's layout stays as it is.
     if (g_needsetinfo != 0)
         get_dsetinfo(g_ci->dsets);
@@ -142,6 +176,9 @@ extern "C" int kestro_cb(uint32_t reserved, const char *dbname, const char *dset
         show_sets(g_ci, &record);
     if (dispatch(&record) != 0 || capture_sync_record(g_ci) != 0)
         return -1;
+    if (asked && heed_hangup() < 0)
+        return -1;
+    run_state_record();
     count_one(g_nlogrecs);
     return 0;
 }

@@ -49,7 +49,7 @@ static int take_line(fwu_reader_config &config, fwu_writing_lines &lines, std::s
         return fwu_config_wrong(
             lines.at,
             "%s is not known here; a line begins with log-directory, log-file-size, "
-            "byte-order, text-encoding, sync, log-mode, values, truncate, default-width, "
+            "byte-order, text-encoding, sync, log-mode, log-keep, values, truncate, default-width, "
             "skip-table, table, column, database, dataset or item",
             w[0].c_str());
     if (quoted)

@@ -22,6 +22,16 @@ __attribute__((format(printf, 1, 2))) int fwu_error(const char *format, ...);
 // The text that fwu_error printed last; empty: it has printed nothing yet.
 const std::string &fwu_error_last();
 
+// While one lives, nothing is printed: it has the texts instead, without the program's name, and
+// whoever made it tells them in a way of its own.  One at a time.
+struct fwu_error_hold {
+    std::string text; // of several, with "; " between them
+    fwu_error_hold();
+    ~fwu_error_hold();
+    fwu_error_hold(const fwu_error_hold &) = delete;
+    fwu_error_hold &operator=(const fwu_error_hold &) = delete;
+};
+
 // Prints one line that is no error but that an operator has to see.
 __attribute__((format(printf, 1, 2))) void fwu_warn(const char *format, ...);
 

@@ -10,6 +10,7 @@
 #pragma weak Fwu_hook_sync
 #pragma weak Fwu_hook_resume
 #pragma weak Fwu_hook_keep
+#pragma weak Fwu_hook_wait
 
 constexpr int64_t FORCED_EVERY_MS = 60'000;
 constexpr int32_t CLOCK_EVERY = 16; // records; a run with longer pauses than 200 ms rests
@@ -67,4 +68,12 @@ int fwu_hook_keep(const char *mark)
         return 0;
     return fwu_error("the program could not bring to disk what a run that was killed has written; "
                      "the position on disk stays as it was");
+}
+
+int fwu_hook_wait()
+{
+    const int answer = Fwu_hook_wait == nullptr ? 0 : Fwu_hook_wait();
+    return answer >= 0 ? answer
+                       : fwu_error("the program failed while it waited for more records; the "
+                                   "position stays as it was");
 }

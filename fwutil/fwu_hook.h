@@ -36,4 +36,8 @@ int fwu_hook_resume(const char *mark);
 // written; an empty mark: everything.  0 or -1 (reported).
 int fwu_hook_keep(const char *mark);
 
+// Has the program look at its signals before a wait.  0; 1: the position is to be forced;
+// -1 (reported).
+int fwu_hook_wait();
+
 #endif

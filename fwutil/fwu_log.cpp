@@ -47,6 +47,17 @@ int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files)
     return 0;
 }
 
+void fwu_log_warn_begins_late(const std::string &directory)
+{
+    std::vector<fwu_log_file> files;
+    if (fwu_log_list(directory, files) != 0 || files.empty() ||
+        files.front().name == fwu_log_file_name(1, 1))
+        return;
+    fwu_warn("warning: %s: beginning with %s, the log's oldest file: older ones were removed, and "
+             "what they held is missing here",
+             directory.c_str(), files.front().name.c_str());
+}
+
 int fwu_log_damage(const fwu_log_file &file, const fwu_verdict &verdict)
 {
     if (verdict.gap)

@@ -17,6 +17,10 @@
 // passed over.
 int fwu_log_list(const std::string &directory, std::vector<fwu_log_file> &files);
 
+// Tells whoever begins with the log's oldest file, having no position of its own, that older ones
+// were removed, if they were.
+void fwu_log_warn_begins_late(const std::string &directory);
+
 // Opens a file that was listed before.  FWU_FOUND; FWU_GONE: old files may be removed
 // at any time, from the front; FWU_FAILED: reported, also that it is missing among
 // others.

@@ -44,6 +44,7 @@ struct fwu_log_end {
     fwu_commit last;         // commit of the last transaction; all 0: there is none
     uint64_t synced_lsn = 0; // last commit that this process has brought to disk
     int32_t last_recnum = 0; // 0: no record in the log
+    fwu_position recnum_at;  // that record's file; sequence 0: not known
 };
 
 // Mode of the files in the log directory, by the configuration's log-mode or the

@@ -13,6 +13,7 @@
 #include "fwutil/fwu_hook.h"
 #include "fwutil/fwu_layout_check.h"
 #include "fwutil/fwu_log.h"
+#include "fwutil/fwu_look.h"
 #include "fwutil/fwu_map.h"
 #include "fwutil/fwu_place.h"
 #include "fwutil/fwu_reader_config.h"
@@ -255,16 +256,30 @@ static outcome go_to_start(run &r)
     return result;
 }
 
+// The program's look at its signals and the wait, with none lost between them.
+static outcome ask_and_wait(run &r, fwu_wake &wake)
+{
+    const fwu_held_signals held;
+    const int asked = fwu_hook_wait();
+    if (asked < 0 || (asked > 0 && !r.forcing.never && force(r) != 0))
+        return FAILED;
+    wake = fwu_watch_wait(
+        r.watch, r.status.unsynced && !r.forcing.never ? SYNC_AFTER_MS : CHECK_AFTER_MS, held);
+    return wake == FWU_WAKE_STOP ? STOPPED : GO_ON;
+}
+
 static outcome wait_for_more(run &r)
 {
     if (!r.idle_noted)
         fwu_note("waiting for more records behind %s",
                  fwu_position_text(fwu_current_position()).c_str());
     r.idle_noted = true;
-    const fwu_wake wake = fwu_watch_wait(
-        r.watch, r.status.unsynced && !r.forcing.never ? SYNC_AFTER_MS : CHECK_AFTER_MS);
-    if (wake == FWU_WAKE_STOP)
-        return STOPPED;
+    fwu_look(FWU_LOOK_WAITING);
+    fwu_wake wake = FWU_WAKE_SIGNAL;
+    if (const outcome result = ask_and_wait(r, wake); result != GO_ON)
+        return result;
+    if (wake == FWU_WAKE_SIGNAL)
+        return GO_ON;
     const int64_t now_ms = fwu_monotonic_ms();
     if (wake != FWU_WAKE_DATA || now_ms - r.looked_ms >= CHECK_AFTER_MS) {
         r.looked_ms = now_ms;
@@ -284,6 +299,8 @@ static outcome wait_for_more(run &r)
 static outcome read_log(run &r)
 {
     outcome result = r.start.sequence != 0 ? go_to_start(r) : GO_ON;
+    if (result == GO_ON)
+        fwu_look(FWU_LOOK_OPEN);
     while (result == GO_ON) {
         if (fwu_stop != 0)
             return STOPPED;
@@ -394,6 +411,8 @@ static int prepare(run &r, const char *cfg, const char *status, const char *star
     const bool there = r.status.damaged || !r.status.overridden.fresh;
     if (start == nullptr ? take_place(r) != 0 : there && keep(r, r.status.overridden) != 0)
         return -1;
+    if (start == nullptr && !fwu_place_named(r.status.place))
+        fwu_log_warn_begins_late(r.log.directory);
     fwu_note("starting %s",
              r.start_text.empty() ? "with the oldest record" : ("at " + r.start_text).c_str());
     return 0;

@@ -48,10 +48,12 @@ static fwu_found learn(fwu_log_end &log, fwu_cursor &cursor, bool with_layouts)
     log.here.end = cursor.tx_end;
     log.here.commit = log.last;
     while ((found = fwu_cursor_entry(cursor, entry)) == FWU_FOUND) {
-        if (fwu_entry_change(entry, change))
+        if (fwu_entry_change(entry, change)) {
             log.last_recnum = change.recnum;
-        else if (with_layouts)
+            log.recnum_at = {cursor.file.generation, cursor.file.sequence, 0};
+        } else if (with_layouts) {
             learn_layout(log.layouts, entry);
+        }
     }
     return found;
 }
@@ -307,6 +309,7 @@ int fwu_recover(fwu_log_end &log)
          result == 0 && i > 0 && (log.last_recnum == 0 || (recnum_before == 0 && joined)); i--) {
         const fwu_ack here = log.here;
         const int32_t recnum = log.last_recnum;
+        const fwu_position recnum_at = log.recnum_at;
         const fwu_commit last = log.last;
         const fwu_found found = learn_file(log, older, files[i - 1], false);
         if (found == FWU_FAILED)
@@ -322,8 +325,10 @@ int fwu_recover(fwu_log_end &log)
             log.here = here;
             log.last = last;
         }
-        if (recnum != 0)
+        if (recnum != 0) {
             log.last_recnum = recnum;
+            log.recnum_at = recnum_at;
+        }
     }
     const char *gap = result == 0 ? fwu_recnum_gap(recnum_before, cursor.first_recnum) : nullptr;
     if (gap != nullptr)

@@ -97,6 +97,62 @@ static int take_log_mode(fwu_writing_lines &r, const fwu_words &w)
     return 0;
 }
 
+struct keep_unit {
+    char letter;
+    int64_t size; // in seconds or bytes
+    bool time;
+};
+static constexpr keep_unit KEEP_UNITS[] = {
+    {'h', 3600, true},
+    {'d', 86400, true},
+    {'w', 604800, true},
+    {'M', int64_t{1} << 20, false},
+    {'G', int64_t{1} << 30, false},
+    {'T', int64_t{1} << 40, false},
+};
+constexpr int64_t KEEP_MAX = 100'000; // of each unit
+
+// Takes "7d", "20G" or "acknowledged"; null, or what is wrong with the word.
+static const char *take_keep(fwu_keep &keep, const std::string &word)
+{
+    static const char again[] = "log-keep is given twice for a time, for a size, or for what is "
+                                "acknowledged";
+    if (word == "acknowledged") {
+        if (keep.acknowledged)
+            return again;
+        keep.acknowledged = true;
+        return nullptr;
+    }
+    for (const keep_unit &unit : KEEP_UNITS) {
+        if (word.empty() || word.back() != unit.letter)
+            continue;
+        int64_t &kept = unit.time ? keep.seconds : keep.bytes;
+        const int64_t count =
+            fwu_config_number(std::string_view(word).substr(0, word.size() - 1), KEEP_MAX);
+        if (count < 1)
+            break;
+        if (kept != 0)
+            return again;
+        kept = count * unit.size;
+        return nullptr;
+    }
+    return "log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or "
+           "several of them";
+}
+
+static int take_log_keep(fwu_writing_lines &r, const fwu_words &w)
+{
+    fwu_keep &keep = r.writing.keep;
+    const fwu_words none = {""};
+    for (size_t i = 1; i < std::max<size_t>(w.size(), 2); i++) {
+        const std::string &word = w.size() > 1 ? w[i] : none[0];
+        if (const char *wrong = take_keep(keep, word); wrong != nullptr)
+            return fwu_config_wrong(r.at, "%s", wrong);
+        keep.text += (keep.text.empty() ? "" : " ") + word;
+    }
+    return 0;
+}
+
 static int take_truncate(fwu_writing_lines &r, const fwu_words &w)
 {
     if (r.writing.truncate != FWU_TRUNCATE_UNSAID)
@@ -247,6 +303,7 @@ static constexpr statement_row STATEMENTS[] = {
     {"text-encoding", take_text_encoding},
     {"sync", take_sync},
     {"log-mode", take_log_mode},
+    {"log-keep", take_log_keep},
     {"values", fwu_writing_take_values},
     {"truncate", take_truncate},
     {"default-width", fwu_writing_take_default_width, true},

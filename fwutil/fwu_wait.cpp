@@ -1,5 +1,5 @@
-// inotify tells of changes in the log directory; both signals stay blocked except
-// inside ppoll, so that one coming just before the wait still ends it.
+// inotify tells of changes in the log directory; the signals that end a wait stay blocked
+// except inside ppoll, so that one coming just before the wait still ends it.
 #include "fwutil/fwu_wait.h"
 
 #include "fwutil/fwu_clock.h"
@@ -84,31 +84,42 @@ static fwu_wake take_events(const fwu_watch &watch)
     return wake;
 }
 
+fwu_held_signals::fwu_held_signals()
+{
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP})
+        sigaddset(&held, number);
+    (void)sigprocmask(SIG_BLOCK, &held, &before); // fails for no such way to change it only
+}
+
+fwu_held_signals::~fwu_held_signals()
+{
+    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds, const fwu_held_signals &held)
+{
+    if (fwu_stop != 0)
+        return FWU_WAKE_STOP;
+    fwu_wake wake = watch.fd < 0 ? FWU_WAKE_FILE : FWU_WAKE_TIMEOUT;
+    const int limit = watch.fd < 0 ? std::min(milliseconds, POLL_WITHOUT_WATCH_MS) : milliseconds;
+    const int64_t end = fwu_monotonic_ms() + limit;
+    pollfd row = {watch.fd, POLLIN, 0}; // a descriptor of -1 is passed over
+    int64_t left = limit;
+    do {
+        const timespec time = {left / 1000, left % 1000 * 1000000};
+        const int found = ppoll(&row, 1, &time, &held.before);
+        if (found > 0)
+            wake = take_events(watch);
+        else if (found < 0 && errno == EINTR)
+            wake = FWU_WAKE_SIGNAL;
+        left = end - fwu_monotonic_ms();
+    } while (wake == FWU_WAKE_TIMEOUT && fwu_stop == 0 && left > 0);
+    return fwu_stop != 0 ? FWU_WAKE_STOP : wake;
+}
+
 fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds)
 {
-    sigset_t both;
-    sigset_t before;
-    sigemptyset(&both);
-    sigaddset(&both, SIGTERM);
-    sigaddset(&both, SIGINT);
-    (void)sigprocmask(SIG_BLOCK, &both, &before);
-    fwu_wake wake = FWU_WAKE_STOP;
-    if (fwu_stop == 0) {
-        wake = watch.fd < 0 ? FWU_WAKE_FILE : FWU_WAKE_TIMEOUT;
-        const int limit =
-            watch.fd < 0 ? std::min(milliseconds, POLL_WITHOUT_WATCH_MS) : milliseconds;
-        const int64_t end = fwu_monotonic_ms() + limit;
-        pollfd row = {watch.fd, POLLIN, 0}; // a descriptor of -1 is passed over
-        int64_t left = limit;
-        do {
-            const timespec time = {left / 1000, left % 1000 * 1000000};
-            if (ppoll(&row, 1, &time, &before) > 0)
-                wake = take_events(watch);
-            left = end - fwu_monotonic_ms();
-        } while (wake == FWU_WAKE_TIMEOUT && fwu_stop == 0 && left > 0);
-        if (fwu_stop != 0)
-            wake = FWU_WAKE_STOP;
-    }
-    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
-    return wake;
+    return fwu_watch_wait(watch, milliseconds, fwu_held_signals());
 }

@@ -29,15 +29,31 @@ struct fwu_watch {
 void fwu_watch_open(fwu_watch &watch, const std::string &directory);
 void fwu_watch_close(fwu_watch &watch);
 
+// Holds SIGTERM, SIGINT and SIGHUP back as long as it lives, so that one that comes
+// behind a look at what their handlers note still ends the wait that follows.
+class fwu_held_signals {
+  public:
+    fwu_held_signals();
+    ~fwu_held_signals();
+    fwu_held_signals(const fwu_held_signals &) = delete;
+    fwu_held_signals &operator=(const fwu_held_signals &) = delete;
+    sigset_t before;
+};
+
 enum fwu_wake {
     FWU_WAKE_DATA,    // a log file has grown
     FWU_WAKE_FILE,    // a log file may have been added
     FWU_WAKE_TIMEOUT, // milliseconds are over
+    FWU_WAKE_SIGNAL,  // another signal was handled
     FWU_WAKE_STOP,    // fwu_stop is set
 };
 
 // Blocks until something happens to a log file, a signal comes or the time is
-// over.  Changes before the call that nobody waited for are reported at once.
+// over.  Changes before the call that nobody waited for are reported at once; the
+// signals that held holds back come through while it blocks.
+fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds, const fwu_held_signals &held);
+
+// The same for a caller that looks at no signals before.
 fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds);
 
 #endif

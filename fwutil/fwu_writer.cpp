@@ -14,6 +14,7 @@
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_recover.h"
+#include "fwutil/fwu_retention.h"
 #include "fwutil/fwu_txn.h"
 #include "fwutil/fwu_writer_check.h"
 
@@ -30,6 +31,7 @@
 
 struct fwu_writer {
     fwu_log_end log;
+    fwu_retention retention;
     int lock_fd = -1;
     int64_t log_file_size = 0;
     fwu_sync_mode sync = FWU_SYNC_COMMIT;
@@ -86,13 +88,27 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
     w->log.encoding = config.encoding.value_or(config.new_log_encoding);
     w->sync = config.sync;
     w->sync_interval_ms = config.sync_interval_ms;
+    w->retention.keep = config.keep;
     if (make_directory(*w, config.log_mode) == 0 && take_lock(*w) == 0 &&
         fwu_recover(w->log) == 0) {
+        fwu_writer_tend(w.get());
         *writer = w.release();
         return 0;
     }
     release(w.release());
     return -1;
+}
+
+void fwu_writer_configure(fwu_writer *writer, const fwu_config &config)
+{
+    writer->log_file_size = config.log_file_size;
+    writer->retention.keep = config.keep;
+    writer->retention.due_ms = 0;
+    // What counts as logged would go back.
+    if (writer->sync == FWU_SYNC_NONE || config.sync == FWU_SYNC_NONE)
+        return;
+    writer->sync = config.sync;
+    writer->sync_interval_ms = config.sync_interval_ms;
 }
 
 uint64_t fwu_writer_last_lsn(const fwu_writer *writer)
@@ -384,6 +400,8 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     }
     w.log.end += w.txn.spill.size + static_cast<int64_t>(w.txn.entries.size());
     w.log.last_tag = w.txn.tag + 1;
+    if (w.recnum != w.log.last_recnum)
+        w.log.recnum_at = {w.log.file.generation, w.log.file.sequence, 0};
     w.log.last_recnum = w.recnum;
     w.log.last = commit;
     w.log.here.position = {w.log.file.generation, w.log.file.sequence, w.log.last_tag};
@@ -394,6 +412,8 @@ static int append(fwu_writer &w, const fwu_commit &commit)
     w.log.unsynced = true;
     for (auto &[key, layout] : w.txn_layouts.known)
         (void)fwu_layouts_put(w.log.layouts, key, std::move(layout)); // forgotten for good
+    if (w.next_file)
+        fwu_retention_look(w.retention, w.log, true);
     return 0;
 }
 
@@ -461,6 +481,21 @@ uint64_t fwu_writer_logged_lsn(const fwu_writer *writer)
 uint64_t fwu_writer_durable_lsn(const fwu_writer *writer)
 {
     return writer->log.synced_lsn;
+}
+
+void fwu_writer_tend(fwu_writer *writer)
+{
+    fwu_retention_look(writer->retention, writer->log, false);
+}
+
+int fwu_writer_tend_in(const fwu_writer *writer)
+{
+    return fwu_retention_due_in(writer->retention);
+}
+
+const fwu_retained &fwu_writer_retained(const fwu_writer *writer)
+{
+    return writer->retention.found;
 }
 
 int fwu_writer_close(fwu_writer *writer)

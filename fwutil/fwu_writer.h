@@ -15,6 +15,7 @@
 #include <sys/types.h>
 
 struct fwu_writer; // opaque
+struct fwu_retained;
 
 // Opens the log of the configuration for appending and creates its directory
 // when that is missing.  One writer at a time: another one's lock is an error.
@@ -22,6 +23,11 @@ struct fwu_writer; // opaque
 // transaction and the cut is reported.  Byte order and encoding of a log stay what they
 // are: a configuration that says something else is an error.
 int fwu_writer_open(fwu_writer **writer, const fwu_config &config);
+
+// Takes from another configuration what may change while the log is open: the size of
+// the files that begin from here on, log-keep, and sync, unless it or the one so far is
+// FWU_SYNC_NONE.
+void fwu_writer_configure(fwu_writer *writer, const fwu_config &config);
 
 // Position of the last commit in the log; 0 when it holds none.
 uint64_t fwu_writer_last_lsn(const fwu_writer *writer);
@@ -96,6 +102,17 @@ uint64_t fwu_writer_logged_lsn(const fwu_writer *writer);
 // Position of the last commit that this writer has brought to disk, whatever sync says: no power
 // cut takes it.  0: none yet.
 uint64_t fwu_writer_durable_lsn(const fwu_writer *writer);
+
+// Looks after the age of the log, when it is time: removes old files that nothing keeps, and tells
+// when the disk gets full (fwutil/fwu_retention.h).  To be called now and then, also while nothing
+// is appended; a new log file has it done by itself.
+void fwu_writer_tend(fwu_writer *writer);
+
+// Milliseconds until fwu_writer_tend has something to do.
+int fwu_writer_tend_in(const fwu_writer *writer);
+
+// What it has found last.
+const fwu_retained &fwu_writer_retained(const fwu_writer *writer);
 
 // Syncs, releases the lock and frees the writer; null is allowed.  An open
 // transaction is forgotten.

@@ -35,6 +35,15 @@ enum fwu_at_truncate {
     FWU_TRUNCATE_MARK, // it goes on: the log's mark is enough
 };
 
+// What of the log is kept for whoever comes: a file goes when nothing here keeps it and all
+// registered readers have it behind them on disk.
+struct fwu_keep {
+    int64_t seconds = 0;       // since it was written; 0: not said
+    int64_t bytes = 0;         // of the files behind it; 0: not said
+    bool acknowledged = false; // everything, until a reader is registered
+    std::string text;          // as the configuration says it, "7d 20G"; empty: all is kept
+};
+
 // One dataset of the configuration.
 struct fwu_dataset {
     fwu_layout layout;
@@ -73,8 +82,9 @@ struct fwu_writing {
     std::optional<fwu_encoding> encoding;              // of the texts inside images; none: not said
     fwu_encoding new_log_encoding = FWU_LATIN1;        // of a new log where it is not said
     fwu_sync_mode sync = FWU_SYNC_COMMIT;
-    int64_t sync_interval_ms = 0;          // for FWU_SYNC_INTERVAL
-    int log_mode = -1;                     // of the log's files; -1: not given
+    int64_t sync_interval_ms = 0; // for FWU_SYNC_INTERVAL
+    int log_mode = -1;            // of the log's files; -1: not given
+    fwu_keep keep;
     fwu_policy policy = FWU_POLICY_UNSAID; // of all tables
     fwu_at_truncate truncate = FWU_TRUNCATE_UNSAID;
     bool has_database = false;            // there is a database line

@@ -73,10 +73,10 @@ const char *Fwu_get_session_entry(const char *key);
 int Fwu_get_session_elements(void);
 const char *Fwu_get_session_data(int index);
 
-// Four functions that a program may define, so that a position is never on disk
-// before what the callback wrote for it.  The library looks for them when it is
-// loaded; each may be left out.  They are called on the thread of Fwu_process and
-// call nothing of this library but the Fwu_Current... calls.
+// Functions that a program may define.  With the first four a position is never on disk
+// before what the callback wrote for it; the others tell it how reading goes.  The library looks
+// for them when it is loaded; each may be left out.  They are called on the thread of Fwu_process
+// and call nothing of this library but the Fwu_Current... calls.
 #if defined(__GNUC__)
 #define FWU_HOOK __attribute__((visibility("default")))
 #else
@@ -119,6 +119,24 @@ FWU_HOOK int Fwu_hook_resume(const char *mark);
 // Fwu_process returns nonzero, and the next start goes on behind the position that was
 // forced.
 FWU_HOOK int Fwu_hook_keep(const char *mark);
+
+// What Fwu_hook_look is told.
+#define FWU_LOOK_OPEN 0    // the log is open, and the place to begin at is found
+#define FWU_LOOK_WAITING 1 // the log has nothing more for now; at least once a second until it has
+#define FWU_LOOK_ERROR 2   // text is what the library has just reported as an error
+
+// Tells the program how reading goes, on the thread that called the library.  text is
+// null but for FWU_LOOK_ERROR, and valid until the function returns; an error may also
+// come outside Fwu_process.
+FWU_HOOK void Fwu_hook_look(int what, const char *text);
+
+// Called each time before reading waits for more records, which is once a second at
+// least.  SIGHUP is held back from this call to the wait, and a handled signal ends the
+// wait: what the program's handler has noted is found here at once.  0; 1: the position
+// is forced now, with a new text, also when nothing came since it was forced; negative:
+// something failed and has been reported, and Fwu_process returns nonzero with the position
+// as it was.
+FWU_HOOK int Fwu_hook_wait(void);
 
 #ifdef __cplusplus
 }

@@ -13,9 +13,9 @@ A module of the standard library's parts only, over libtmf.so.  Records are byte
 MAX_DATA long.  Failures are raised as Error, with the library's code and text.  What
 "shared", "exclusive" and "writers" mean, and the format, stands in docs/message-file.md.
 
-A handle belongs to the process and is used by one thread at a time; a file is opened once
-per process, and by nothing else while it is open.  While a call waits, other threads run,
-and Ctrl-C ends the wait.
+A handle belongs to the process that opened it, behind a fork, too, and is used by one thread
+at a time; a file is opened once per process, and by nothing else while it is open.  While a
+call waits, other threads run, and Ctrl-C ends the wait.
 """
 
 import collections
@@ -106,16 +106,18 @@ _MODE_EXCLUSIVE = 2
 _MODE_COPY = 4
 _MODE_ALL_USERS = 8
 _READ_KEEP = 1
-_READ_WAIT = 2
 _READ_LIMIT = 4
 _READ_SIGNAL = 8
 _INFO = (1, 2, 3, 5)  # the items of Info
 _ERRMSG_SIZE = 256
 _LONGEST = 65535  # bytes that a frame can state
 
-# Seconds of a wait in the library, after which everything is looked at again: the time, a
-# writer that has gone.
+# Seconds of a wait in the library, where another reader has taken what was there.
 _ROUND = 1
+
+# Seconds between two looks of a wait, which is not the library's, at first and later.
+_SHORTEST_PAUSE = 0.001
+_PAUSE = 0.02
 
 _FOUND = (
     (1, "zeros where its beginning should be"),
@@ -201,30 +203,49 @@ def _code_error(code, path):
     return Error(code, _lib.tmf_strerror(code).decode("utf-8", "replace"), path)
 
 
+def _name(path):
+    """A path as the library takes it, which would end it at a NUL byte."""
+    name = os.fsencode(path)
+    if b"\0" in name:
+        raise ValueError("%r: a file name has no NUL byte" % path)
+    return name
+
+
 class _File:
     """What readers and writers share."""
 
     def __init__(self, path, mode):
         self.path = os.fspath(path)
         self._handle = None
+        name = _name(self.path)
         with _opening:
-            handle = _lib.tmf_fopen(os.fsencode(self.path), mode)
+            handle = _lib.tmf_fopen(name, mode)
             if not handle:
                 raise _handle_error(_lib.tmf_geterrno(None), None, self.path)
         self._handle = handle
+        self._process = os.getpid()
 
     def _open_handle(self):
         if self._handle is None:
             raise ValueError("%s: the message file is closed" % self.path)
+        if self._process != os.getpid():
+            raise ValueError("%s: process %d has opened the message file" % (self.path, self._process))
         return self._handle
+
+    def _take_handle(self):
+        """The handle, for the last time.  None where it is closed, or another process's, whose
+        registration a close would remove."""
+        handle, self._handle = self._handle, None
+        return handle if handle is not None and self._process == os.getpid() else None
 
     @property
     def closed(self):
         return self._handle is None
 
     def close(self):
-        """Removes the registration and closes the file.  A second close does nothing."""
-        handle, self._handle = self._handle, None
+        """Removes the registration and closes the file.  A second close does nothing, nor does
+        one in a process that was forked from the one that opened it."""
+        handle = self._take_handle()
         if handle is not None:
             code = _lib.tmf_fclose(handle)
             if code != 0:
@@ -238,7 +259,8 @@ class _File:
         self.close()
 
     def __del__(self):
-        handle, self._handle = getattr(self, "_handle", None), None
+        # It has no handle when it could not be made.
+        handle = self._take_handle() if getattr(self, "_handle", None) is not None else None
         if handle is not None:
             _lib.tmf_fclose(handle)
 
@@ -284,8 +306,8 @@ class Reader(_File):
     empty and no writer is left.
 
     exclusive: no other reader, now or while it is open; records(remove="after") and peek() need it.
-    keep: shows all records that are there and removes none; never waits, and needs the file
-    alone.  create: a file that does not exist is made, else it is an error (FileNotFoundError)."""
+    keep: shows all records and removes none; waits with follow or timeout only, and needs the
+    file alone.  create: a file that does not exist is made, else it is an error (FileNotFoundError)."""
 
     def __init__(self, path, *, exclusive=False, keep=False, create=False):
         if not create:
@@ -293,7 +315,8 @@ class Reader(_File):
         self.exclusive = exclusive or keep
         self.keep = keep
         self._buffer = ctypes.create_string_buffer(_LONGEST)
-        self._known = 0  # records that were in the file, less those taken since
+        self._known = 0  # records that were in the file, less those read since
+        self._kept = 0  # records read of a file that keeps them
         super().__init__(
             path,
             _MODE_READ
@@ -305,7 +328,7 @@ class Reader(_File):
         """The oldest record, which is removed (with keep: the next one); None for none.
 
         timeout: seconds to wait for a record, whether there are writers or not; None waits
-        while a writer has the file open.  follow: waits for ever."""
+        while a writer has the file open (with keep: not at all).  follow: waits for ever."""
         return self._next(0, timeout, follow)
 
     def peek(self, *, timeout=0, follow=False):
@@ -328,7 +351,8 @@ class Reader(_File):
     def records(self, *, follow=False, timeout=None, remove="before"):
         """Yields records.
 
-        follow, timeout: as read(); without them it waits while a writer has the file open.
+        follow, timeout: as read(); without them it waits while a writer has the file open, and
+        with keep not at all.
         remove: "before" takes a record from the file before it is yielded, so that no record
         comes twice, and one in hand is lost with the program; "after" when the next one is asked for, so that
         no record is lost, and one in hand comes again."""
@@ -351,26 +375,33 @@ class Reader(_File):
 
     def _look(self):
         found = self.info()
-        self._known = max(found.records, 0)
+        self._known = max(found.records - self._kept, 0)
         return found
 
     def _next(self, flags, timeout, follow):
         handle = self._open_handle()
-        if self.keep:
-            return self._read_once(handle, flags)
+        if self.keep and timeout is None:
+            timeout = 0
         end = None if timeout is None or follow else time.monotonic() + timeout
-        wait = _READ_WAIT if follow or end is not None else 0
+        # No writer wakes a reader that keeps records.  And a wait of the library goes on, past its
+        # limit and past Ctrl-C, while wake-ups come, also those for a reader of another file that
+        # had this one's port before.
+        pause = _SHORTEST_PAUSE
         while True:
-            # A first read would wait for a writer that never comes.
             looked = self._known == 0
             if looked:
                 found = self._look()
                 if self._known == 0:
-                    if end is not None and time.monotonic() >= end:
+                    left = pause if end is None else end - time.monotonic()
+                    if not left > 0 or (end is None and not follow and found.writers == 0):
                         return None
-                    if end is None and not follow and found.writers == 0:
-                        return None
-            record = self._read_once(handle, flags | wait)
+                    time.sleep(min(left, pause))
+                    pause = min(2 * pause, _PAUSE)
+                    continue
+            record = self._read_once(handle, flags)
+            if record is None and self.keep:
+                self._look()
+                looked = True
             # Of a reader alone, 0 bytes of a record that is there are a record of no data, as
             # other programs may write it.
             if record is None and looked and self._known > 0 and self.exclusive:
@@ -380,6 +411,7 @@ class Reader(_File):
                 continue
             if not flags & _READ_KEEP:
                 self._known = max(self._known - 1, 0)
+            self._kept += 1 if self.keep else 0
             return record
 
     def _read_once(self, handle, flags):
@@ -393,8 +425,9 @@ def check(path):
     """Compares a file's records with the numbers at its beginning, without being one of its users.
     Not of a file that this process has open.  The Check."""
     result = _CheckResult()
+    name = _name(path)
     with _opening:
-        code = _lib.tmf_check(os.fsencode(path), ctypes.byref(result))
+        code = _lib.tmf_check(name, ctypes.byref(result))
         if code != 0:
             raise _handle_error(code, None, os.fspath(path))
     return Check(

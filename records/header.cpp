@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <ctime>
 
 static bool is_digits(std::string_view text)
@@ -58,8 +59,10 @@ static bool take_date(rec_header &header, std::string_view text)
     tm.tm_min = number_of(rest.substr(7, 2));
     tm.tm_sec = number_of(rest.substr(10, 2));
     tm.tm_isdst = -1;
-    if (tm.tm_mon < 0 || tm.tm_mon > 11 || tm.tm_mday < 1 || tm.tm_mday > 31 || tm.tm_hour > 23 ||
-        tm.tm_min > 59 || tm.tm_sec > 60)
+    const std::chrono::year_month_day day{std::chrono::year(tm.tm_year + 1900),
+                                          std::chrono::month(static_cast<unsigned>(tm.tm_mon + 1)),
+                                          std::chrono::day(static_cast<unsigned>(tm.tm_mday))};
+    if (!day.ok() || tm.tm_hour > 23 || tm.tm_min > 59 || tm.tm_sec > 60)
         return false;
     header.second = mktime(&tm);
     header.date = text;
@@ -182,6 +185,43 @@ bool rec_header_take(rec_header &header, std::string_view record, std::string &w
         }
     }
     return true;
+}
+
+static bool is_of_session(const rec_header_item &item)
+{
+    return item.info || item.kind == HDRKIND_PROG || item.kind == HDRKIND_SESSION ||
+           item.kind == HDRKIND_DBUSER || item.kind == HDRKIND_PID;
+}
+
+size_t rec_header_line_end(const rec_header &header, std::string_view line)
+{
+    for (size_t i = 0; i < header.n && header.items[i].offset < line.size(); i++) {
+        const rec_header_item &item = header.items[i];
+        const size_t found = line.substr(item.offset, item.size).find('\n');
+        if (found != line.npos && !is_of_session(item))
+            return item.offset + found;
+    }
+    return line.npos;
+}
+
+rec_header_names rec_header_tells(const rec_header &header)
+{
+    rec_header_names names;
+    std::string_view key = header.key;
+    for (size_t i = 0; i < header.n; i++) {
+        const rec_header_item &item = header.items[i];
+        const bool is_name = item.kind == HDRKIND_DBNAME || item.kind == HDRKIND_DBFGA ||
+                             item.kind == HDRKIND_DSETNAME;
+        if (item.info || !is_name)
+            continue;
+        const std::string_view field = key.substr(0, item.size);
+        key.remove_prefix(field.size());
+        if (item.kind == HDRKIND_DSETNAME)
+            names.dataset = without_blanks(field);
+        else if (item.kind == HDRKIND_DBNAME && field.ends_with(' '))
+            names.database = without_blanks(field);
+    }
+    return names;
 }
 
 static void put_padded(std::string &key, std::string_view name, size_t size)

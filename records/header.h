@@ -9,8 +9,15 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+
+// The names that a header tells; of the database none where it may be cut, or stands in parts.
+struct rec_header_names {
+    std::optional<std::string> database;
+    std::string dataset;
+};
 
 struct rec_header_item {
     hdrkind kind = HDRKIND_NONE;
@@ -39,6 +46,13 @@ void rec_header_make(rec_header &header, const rec_form &form);
 // Reads the header that a record begins with, which has at least its length.  False: it is not
 // such a header, and wrong says what stands where.
 bool rec_header_take(rec_header &header, std::string_view record, std::string &wrong);
+
+// Where a line ends, or ends too early, that has or should have a header in front; npos: not
+// within the header.  The session's texts may hold line ends.
+size_t rec_header_line_end(const rec_header &header, std::string_view line);
+
+// The names in the key of the header taken last.
+rec_header_names rec_header_tells(const rec_header &header);
 
 // What the header of a dataset's records has for its names: those fields that tell of them.
 std::string rec_header_key(const rec_header &header, const std::string &database,

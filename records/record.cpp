@@ -14,11 +14,25 @@ const std::string &rec_record_name(const rec_record &record)
     return record.dataset->name;
 }
 
+// Asks once for records of one dataset that follow each other.
+static bool is_wanted(rec_record &record)
+{
+    if (record.wants && record.asked != record.header.key) {
+        record.asked = record.header.key;
+        record.wanted = record.wants(rec_header_tells(record.header));
+    }
+    return record.wanted;
+}
+
 outcome rec_record_begin(rec_record &record, std::string_view head)
 {
     std::string wrong;
     if (!rec_header_take(record.header, head, wrong))
         return outcome_bad(wrong);
+    if (!is_wanted(record) && !record.layouts.form.dirty) {
+        record.dataset = nullptr;
+        return {};
+    }
     // Most records are of the dataset of the one before; the log may have another layout.
     if (outcome done = rec_layouts_find(record.layouts, record.header, record.dataset); !done)
         return done;

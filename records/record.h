@@ -7,6 +7,7 @@
 #include "records/layouts.h"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,7 +15,11 @@
 struct rec_record {
     rec_layouts layouts;
     rec_header header;
-    rec_dataset *dataset = nullptr; // of the record that was begun
+    // Whether records with such names are wanted, or may be; empty: all are.
+    std::function<bool(const rec_header_names &names)> wants;
+    std::string asked;              // key of the header that it was asked for last
+    bool wanted = true;             // what it said
+    rec_dataset *dataset = nullptr; // of the record that was begun; null: it is to be passed over
     size_t length = 0;              // of it, without a line end
     change made;                    // of the record taken last
     change_transaction transaction;
@@ -25,8 +30,9 @@ struct rec_record {
 // layouts are added behind it.
 void rec_record_open(rec_record &record, const rec_form &form);
 
-// Reads a header, of at least record.header.length bytes.  OUTCOME_BAD: it does not fit, or no
-// layout is known.
+// Reads a header, of at least record.header.length bytes.  A record that is not wanted needs no
+// layout, but where only the layout tells the length of a line.  OUTCOME_BAD: the header does not
+// fit, or no layout is known.
 outcome rec_record_begin(rec_record &record, std::string_view head);
 
 // Makes the change of the whole record that was begun; it is valid until the next call and as

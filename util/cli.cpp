@@ -196,7 +196,7 @@ std::string cli_help(const cli_program &program)
         text += (text.empty() ? "Usage: " : "       ") + synopsis(*command);
         width = std::max(width, strlen(command->name));
     }
-    text += "       " + name + " --help | --version\n\n" + program.about + "\n\n";
+    text += "       " + name + " -h | --help | --version\n\n" + program.about + "\n\n";
     for (const cli_command *command : program.commands)
         text += "  " + std::string(command->name) +
                 std::string(width + 2 - strlen(command->name), ' ') + command->summary + "\n";
@@ -220,8 +220,10 @@ outcome cli_output_failed()
 static bool asks_help(int argc, char **argv)
 {
     for (int i = 0; i < argc && strcmp(argv[i], "--") != 0; i++) {
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-help") == 0)
-            return true;
+        for (const char *word : {"--help", "-help", "-h"}) {
+            if (strcmp(argv[i], word) == 0)
+                return true;
+        }
     }
     return false;
 }
@@ -242,15 +244,17 @@ static outcome run(const cli_command &command, int argc, char **argv)
     return done ? command.run() : std::move(done);
 }
 
-static outcome run(const cli_program &program, int argc, char **argv)
+static outcome run(const cli_program &program, const cli_command *&chosen, int argc, char **argv)
 {
     if (argc < 2) {
         fputs(cli_help(program).c_str(), stderr);
         return OUTCOME_USAGE;
     }
     for (const cli_command *command : program.commands) {
-        if (strcmp(argv[1], command->name) == 0)
+        if (strcmp(argv[1], command->name) == 0) {
+            chosen = command;
             return run(*command, argc - 1, argv + 1);
+        }
     }
     if (asks_help(1, argv + 1)) {
         fputs(cli_help(program).c_str(), stdout);
@@ -263,19 +267,23 @@ static outcome run(const cli_program &program, int argc, char **argv)
     return cli_usage(argv[1][0] == '-' ? "unknown option" : "unknown subcommand", argv[1]);
 }
 
-// Brings standard output to its end.
-static int end(const outcome &done)
+// Brings standard output to its end.  chosen: the subcommand, or null.
+static int end(const cli_command *chosen, const outcome &done)
 {
-    const int status = outcome_exit_status(done);
+    const auto status_of =
+        chosen != nullptr && chosen->status != nullptr ? chosen->status : outcome_exit_status;
+    const int status = status_of(done);
     if (fflush(stdout) == 0 && ferror(stdout) == 0)
         return status;
-    return outcome_exit_status(cli_output_failed());
+    return status_of(cli_output_failed());
 }
 
 int cli_main(const cli_program &program, int argc, char **argv)
 {
     tell_as(program.name);
-    return end(run(program, argc, argv));
+    const cli_command *chosen = nullptr;
+    const outcome done = run(program, chosen, argc, argv);
+    return end(chosen, done);
 }
 
 int cli_main(const cli_command &command, const char *version, int argc, char **argv)
@@ -283,7 +291,7 @@ int cli_main(const cli_command &command, const char *version, int argc, char **a
     tell_as(command.name);
     if (argc == 2 && asks_version(argv[1])) {
         printf("%s %s\n", command.name, version);
-        return end({});
+        return end(nullptr, {});
     }
-    return end(run(command, argc, argv));
+    return end(&command, run(command, argc, argv));
 }

@@ -1,5 +1,5 @@
 // Command lines of programs with subcommands: subcommands, options and operands are rows,
-// and what all of them do alike is done here (--help, --version, complaints, exit status).
+// and what all of them do alike is done here (-h, --help, --version, complaints, exit status).
 //
 // Each subcommand has a file of its own with its row: where the words of its options go, what
 // it does, its help.  The program lists the rows.
@@ -58,6 +58,7 @@ struct cli_command {
     outcome (*run)();    // when the command line has been taken
     std::span<const cli_option> options;
     const char *help; // "Usage: ...", an empty line, what it does and takes
+    int (*status)(const outcome &done) = nullptr; // the exit status; null: outcome_exit_status
 };
 
 struct cli_program {

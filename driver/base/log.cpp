@@ -15,10 +15,19 @@
 constexpr size_t ERROR_SIZE = 1024;
 constexpr size_t LOG_SIZE = 256;
 
-int set_error(const char *msg)
+void (*g_error_told)(const char *msg, const char *detail) = nullptr;
+
+int set_error_because(const char *msg, const char *detail)
 {
     fprintf(stderr, "%s\n", msg);
+    if (g_error_told != nullptr)
+        g_error_told(msg, detail);
     return -1;
+}
+
+int set_error(const char *msg)
+{
+    return set_error_because(msg, nullptr);
 }
 
 int set_error_f(const char *fmt, ...)

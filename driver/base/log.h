@@ -9,6 +9,13 @@
 // Prints the message and a newline on standard error; returns -1.
 int set_error(const char *msg);
 
+// The same of one whose detail has been printed before it, for g_error_told.
+int set_error_because(const char *msg, const char *detail);
+
+// Called with each message behind its printing, and with its detail or null; null: nobody
+// asks.
+extern void (*g_error_told)(const char *msg, const char *detail);
+
 // The same for a formatted message ("%m" included), cut to 1,023 characters.
 int set_error_f(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 

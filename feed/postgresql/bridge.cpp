@@ -10,12 +10,16 @@
 #include "feed/postgresql/follow.h"
 #include "feed/postgresql/gap.h"
 #include "feed/postgresql/prepare.h"
+#include "feed/postgresql/reload.h"
 #include "feed/postgresql/request.h"
 #include "feed/postgresql/resume.h"
 #include "feed/postgresql/standing.h"
+#include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_retention.h"
 #include "fwutil/fwu_start.h"
+#include "util/notify.h"
 #include "util/report_signal.h"
 #include "util/stop_signal.h"
 
@@ -33,6 +37,7 @@ struct bridge {
     feed_transaction tx = {};
     pgb_apply apply = {};
     pgr_requests requests = {};
+    pgl_reload reload = {};
     bool connected = false; // the server was reached once
     uint64_t stop_at = 0;   // --once: position that the log has to reach; 0: not known yet
 };
@@ -65,7 +70,8 @@ static outcome follow(bridge &b)
                                           .verbose = b.options.verbose,
                                           .once = b.options.once,
                                           .stop_at = b.stop_at,
-                                          .requests = &b.requests};
+                                          .requests = &b.requests,
+                                          .reload = &b.reload};
     return pgb_follow(b.server, b.state, b.tx, b.relations, b.apply, settings);
 }
 
@@ -110,12 +116,17 @@ static bool try_again(bridge &b, losses &past, const std::string &why)
     feed_backoff_tell(past.backoff, why);
     pgb_state_enter(b.state, "waiting", why);
     b.state.reconnects++;
-    (void)pgb_state_write(b.state); // told
+    b.state.alive = true;
+    (void)pgb_state_tell(b.state); // told
     if (server.slot_in_use)
         past.slot_waited_ms += past.backoff.pause_ms;
     return feed_backoff_wait(past.backoff, [&b, &why] {
+        fwu_writer_tend(b.tx.writer);
+        pgl_look(b.reload, b.tx.writer);
         (void)pgr_look(b.requests, b.relations,
                        {.writer = b.tx.writer, .waits = "the server is not there: " + why});
+        b.state.alive = true;          // it is up to the server
+        (void)pgb_state_tell(b.state); // told
     });
 }
 
@@ -166,6 +177,7 @@ static outcome set_up(bridge &b)
     const pgb_options &options = b.options;
     if (fwu_config_read(b.config, options.cfg) != 0)
         return OUTCOME_FAILED;
+    pgl_open(b.reload, options.cfg, b.config.path);
     b.config.new_log_encoding = FWU_UTF8; // what a server's texts are, as a rule
     b.server.conninfo = options.conninfo;
     b.server.slot = options.slot;
@@ -197,6 +209,7 @@ static outcome set_up(bridge &b)
 static outcome take_over(bridge &b)
 {
     pgb_kept &kept = b.state.kept;
+    b.state.retained = &fwu_writer_retained(b.tx.writer);
     kept.mode = fwu_writer_file_mode(b.tx.writer);
     outcome done = pgb_kept_read(kept, b.state.path);
     const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
@@ -229,7 +242,7 @@ static void enter_last_phase(pgb_state &state, const outcome &done)
                         !done.text().empty()             ? done.text()
                         : !outcome_failed_last().empty() ? outcome_failed_last()
                                                          : fwu_error_last());
-    (void)pgb_state_write(state); // told
+    (void)pgb_state_tell(state); // told
 }
 
 // The log cannot be written: monitors are to know.
@@ -248,11 +261,12 @@ outcome pgb_run(const pgb_options &options)
 {
     if (options.check)
         return pgk_check(options);
+    report_signal_install();
     bridge b = {.options = options};
+    b.state.started_us = fwu_now_us();
     if (outcome said = set_up(b); !said)
         return said;
     stop_signal_install();
-    report_signal_install();
     signal(SIGPIPE, SIG_IGN); // a dead server is an error of the connection
     if (!options.resume.empty() && pgr_find_holder(b.config.log_directory).held)
         return pgr_resume(b.config.log_directory, b.state.path, options.resume);
@@ -269,11 +283,14 @@ outcome pgb_run(const pgb_options &options)
         done = replace_standings(b);
     if (done)
         done = run(b);
+    (void)notify_send("STOPPING=1"); // lost, it changes nothing
     if (done)
         pgr_close(b.requests, b.relations, b.tx.writer, b.state.logged_lsn);
     pgb_skip_close(b.apply.skips);
     if (done && b.requests.refused)
         done = outcome_failed("not all tables were taken in that --resume names");
+    const fwu_retained retained = fwu_writer_retained(b.tx.writer);
+    b.state.retained = &retained;
     if (fwu_writer_close(b.tx.writer) != 0)
         done = OUTCOME_FAILED;
     enter_last_phase(b.state, done);

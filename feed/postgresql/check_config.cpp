@@ -41,6 +41,8 @@ static void put_settings(std::string &out, const pgk_report &report, const std::
         snprintf(digits, sizeof digits, "%04o", static_cast<unsigned>(config.log_mode));
         out += std::string("log-mode ") + digits + "\n";
     }
+    if (!config.keep.text.empty())
+        out += "log-keep " + config.keep.text + "\n";
     if (config.sync == FWU_SYNC_INTERVAL)
         out += "sync interval " + std::to_string(config.sync_interval_ms) + "\n";
     else if (config.sync == FWU_SYNC_NONE)

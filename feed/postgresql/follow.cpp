@@ -135,7 +135,7 @@ static outcome acknowledge(follow &f)
     if (outcome written = pgb_kept_write(state.kept, f.settings.durable); !written)
         return written;
     f.acked_lsn = state.logged_lsn;
-    (void)pgb_state_write(state); // told, and tried again soon
+    (void)pgb_state_tell(state); // told, and tried again soon
     if (moves)
         f.server.patience_ms = f.server.timeout_ms; // it sends what it has
     return {};
@@ -149,6 +149,7 @@ static outcome keep_in_touch(follow &f)
         pgs_server_lsn(f.server, f.state.server_lsn);
         pgb_state_print(f.state);
     }
+    pgl_look(*f.settings.reload, f.tx.writer);
     const pgr_moment moment = {
         .writer = f.tx.writer, .logged_lsn = f.state.logged_lsn, .between = !f.tx.open};
     if (outcome looked = pgr_look(*f.settings.requests, f.relations, moment); !looked)
@@ -159,6 +160,7 @@ static outcome keep_in_touch(follow &f)
     if (f.answer && fwu_writer_settle_in(f.tx.writer) >= 0 && fwu_writer_sync(f.tx.writer) != 0)
         return OUTCOME_FAILED;
     note_progress(f);
+    fwu_writer_tend(f.tx.writer);
     pge_rest(f.server);
     if (f.server.texts_failed)
         return lost_texts(f);
@@ -178,7 +180,7 @@ static outcome keep_in_touch(follow &f)
         if (outcome done = acknowledge(f); !done)
             return done;
     } else if (now >= f.feedback_due_ms) {
-        (void)pgb_state_write(f.state); // told, and tried again soon
+        (void)pgb_state_tell(f.state); // told, and tried again soon
     } else {
         return send_feedback(f); // only since the server asks
     }
@@ -192,7 +194,8 @@ static outcome stay_in_touch(follow &f)
     if (fwu_monotonic_ms() < f.feedback_due_ms)
         return {};
     f.feedback_due_ms = fwu_monotonic_ms() + std::min(FEEDBACK_MS, f.server.timeout_ms / FEEDBACKS);
-    (void)pgb_state_write(f.state); // told, and tried again soon
+    f.state.alive = true;          // rows come
+    (void)pgb_state_tell(f.state); // told, and tried again soon
     return send_feedback(f);
 }
 
@@ -401,8 +404,10 @@ static outcome receive(follow &f, int limit_ms, bool &received)
     received = waited == STOP_READABLE;
     if (waited == STOP_ERROR)
         return outcome_failed("waiting for the server: %s", strerror(errno));
-    if (received)
+    if (received) {
         f.heard_ms = fwu_monotonic_ms();
+        f.state.alive = true;
+    }
     if (fwu_monotonic_ms() - f.heard_ms > f.server.patience_ms)
         return pgs_silent(f.server, "following the stream");
     // Encrypted connections may hold bytes that the socket does not show.

@@ -3,6 +3,7 @@
 #define FEED_POSTGRESQL_FOLLOW_H
 
 #include "feed/postgresql/apply.h"
+#include "feed/postgresql/reload.h"
 #include "feed/postgresql/request.h"
 #include "feed/postgresql/server.h"
 #include "feed/postgresql/state.h"
@@ -15,6 +16,7 @@ struct pgb_follow_settings {
     bool once = false;    // end when the log has reached stop_at, and has all tables' rows
     uint64_t stop_at = 0;
     pgr_requests *requests = nullptr; // to be looked at
+    pgl_reload *reload = nullptr;     // likewise
 };
 
 // Follows the stream until something ends it; all went well when that is a signal, or once.

@@ -50,7 +50,7 @@ outcome pgb_kept_read(pgb_kept &kept, const std::string &older)
 
 bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable)
 {
-    const std::string fresh = path + ".new";
+    const std::string fresh = path + PGB_FRESH;
     const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
     bool good = fd >= 0 && fchmod(fd, mode) == 0 && // whatever the umask says
                 write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());

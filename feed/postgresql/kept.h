@@ -31,7 +31,9 @@ outcome pgb_kept_read(pgb_kept &kept, const std::string &older);
 // call returns.  OUTCOME_FAILED when it could not be written.
 outcome pgb_kept_write(const pgb_kept &kept, bool durable);
 
-// The same for any text in the place of what a file holds; false with errno.
+// The same for any text in the place of what a file holds; false with errno.  Until it is whole it
+// stands beside it, under a name that ends so.
+constexpr char PGB_FRESH[] = ".new";
 bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable);
 
 #endif

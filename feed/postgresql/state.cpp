@@ -6,6 +6,8 @@
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 #include "util/json_text.h"
+#include "util/notify.h"
+#include "util/process_word.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,6 +23,7 @@ void pgb_state_enter(pgb_state &state, const char *phase)
     state.phase = phase;
     state.error.clear();
     state.error_us = 0;
+    state.error_lsn = 0;
 }
 
 void pgb_state_enter(pgb_state &state, const char *phase, const std::string &error)
@@ -28,6 +31,7 @@ void pgb_state_enter(pgb_state &state, const char *phase, const std::string &err
     state.phase = phase;
     state.error = error;
     state.error_us = fwu_now_us();
+    state.error_lsn = state.logged_lsn;
 }
 
 constexpr size_t LINES_MAX = 20; // for tables, in what is told
@@ -69,14 +73,16 @@ outcome pgb_state_check_path(const std::string &path, const std::string &log_dir
         return outcome_failed("%s: the log directory is no place for a status file but for its %s; "
                               "name one elsewhere with --status, or leave that out",
                               path.c_str(), PGB_STATE_FILE);
-    std::error_code failed;
-    const std::filesystem::file_type type = std::filesystem::status(named, failed).type();
-    if (type == std::filesystem::file_type::not_found ||
-        (type == std::filesystem::file_type::regular && is_state_file(path)))
-        return {};
-    return outcome_failed("%s: this is no status file, and would be replaced by one; name another "
-                          "with --status, or remove it",
-                          path.c_str());
+    for (const std::string &file : {path, path + PGB_FRESH}) {
+        std::error_code failed;
+        const std::filesystem::file_type type = std::filesystem::status(file, failed).type();
+        if (type != std::filesystem::file_type::not_found &&
+            (type != std::filesystem::file_type::regular || !is_state_file(file)))
+            return outcome_failed("%s: this is no status file, and would be replaced by one; name "
+                                  "another with --status, or remove it",
+                                  file.c_str());
+    }
+    return {};
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)
@@ -152,6 +158,31 @@ static std::string untold_text(const pgb_state &state)
     return out + "]";
 }
 
+// A string, or null for an empty one.
+static std::string text_or_null(const std::string &text)
+{
+    return text.empty() ? "null" : json_text(text);
+}
+
+static std::string retention_text(const pgb_state &state)
+{
+    if (state.retained == nullptr)
+        return "null";
+    const fwu_retained &found = *state.retained;
+    return "{\"keep\":" + text_or_null(found.keep) + ",\"files\":" + std::to_string(found.files) +
+           ",\"bytes\":" + std::to_string(found.bytes) +
+           ",\"readers\":" + std::to_string(found.readers) +
+           ",\"held_by\":" + text_or_null(found.held_by) +
+           ",\"held_at\":" + text_or_null(found.held_at) +
+           ",\"held_files\":" + std::to_string(found.held_files) +
+           ",\"held_bytes\":" + std::to_string(found.held_bytes) +
+           ",\"problem\":" + text_or_null(found.problem) +
+           ",\"removed_files\":" + std::to_string(found.removed_files) +
+           ",\"removed_bytes\":" + std::to_string(found.removed_bytes) +
+           ",\"free_bytes\":" + (found.room.known ? std::to_string(found.room.free) : "null") +
+           ",\"little_room\":" + (found.little_room ? "true}" : "false}");
+}
+
 static std::string text_of(const pgb_state &state)
 {
     std::string out = "{";
@@ -172,7 +203,12 @@ static std::string text_of(const pgb_state &state)
     put("state", state.phase, true);
     put("error", state.error.empty() ? "null" : json_text(state.error), false);
     put_time("error_time", state.error_us);
+    put("error_position", state.error_lsn == 0 ? "null" : '"' + fwu_lsn_text(state.error_lsn) + '"',
+        false);
     put("pid", std::to_string(getpid()), false);
+    put("process", process_word(getpid()), true);
+    put("version", KESTRO_VERSION, true);
+    put_time("started", state.started_us);
     put("updated", fwu_time_word(fwu_now_us()), true);
     put("slot", state.slot, true);
     put("publication", state.publication, true);
@@ -197,6 +233,7 @@ static std::string text_of(const pgb_state &state)
     put("aside", aside_text(state), false);
     put("taking", taking_text(state), false);
     put("untold", untold_text(state), false);
+    put("retention", retention_text(state), false);
     return out + "}\n";
 }
 
@@ -205,6 +242,23 @@ outcome pgb_state_write(const pgb_state &state)
     if (pgb_put_file(state.path, state.kept.mode, text_of(state), false))
         return {};
     return outcome_failed("%s: cannot write the state: %s", state.path.c_str(), strerror(errno));
+}
+
+outcome pgb_state_tell(pgb_state &state)
+{
+    std::string lines = "STATUS=" + notify_value(std::string(state.phase) + ": logged " +
+                                                 fwu_lsn_text(state.logged_lsn) +
+                                                 (state.error.empty() ? "" : "; " + state.error));
+    const bool ready = strcmp(state.phase, "streaming") == 0;
+    if (ready && !state.ready)
+        lines += "\nREADY=1";
+    if (state.alive)
+        lines += "\nWATCHDOG=1";
+    if (notify_send(lines)) { // else it comes again
+        state.ready = state.ready || ready;
+        state.alive = false;
+    }
+    return pgb_state_write(state);
 }
 
 void pgb_state_print(const pgb_state &state)

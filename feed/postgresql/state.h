@@ -6,6 +6,7 @@
 #include "feed/image_work.h"
 #include "feed/postgresql/kept.h"
 #include "feed/postgresql/relations.h"
+#include "fwutil/fwu_retention.h"
 #include "util/outcome.h"
 
 #include <cstdint>
@@ -20,6 +21,10 @@ struct pgb_state {
     const char *phase = "starting"; // streaming waiting stopped failed
     std::string error;              // failed: what ended it; waiting: what for; else empty
     int64_t error_us = 0;           // when that was
+    uint64_t error_lsn = 0;         // and how far the log was then
+    int64_t started_us = 0;
+    bool alive = false; // the server has answered, or was asked and is away, since that was told
+    bool ready = false; // a service manager knows that the stream flows
     std::string slot;
     std::string publication;
     std::string system;   // as the server said last; empty: not yet
@@ -34,6 +39,8 @@ struct pgb_state {
     feed_marked marked; // items of these changes that do not hold what the source has
     uint64_t reconnects = 0;
     const std::map<std::string, std::string> *untold = nullptr; // of pgs_server; null: nothing is
+    const fwu_retained *retained =
+        nullptr; // what becomes of the log's old files; null: not known yet
     const pgb_relations *relations = nullptr; // whose standings are told; null: none are
 };
 
@@ -50,6 +57,9 @@ outcome pgb_state_check_path(const std::string &path, const std::string &log_dir
 // Writes the file anew, under its name only once it is whole.  OUTCOME_FAILED when it could not
 // be written.
 outcome pgb_state_write(const pgb_state &state);
+
+// The same, and tells a service manager.
+outcome pgb_state_tell(pgb_state &state);
 
 // Bytes and seconds that the log is behind the server.
 uint64_t pgb_lag_bytes(const pgb_state &state);

@@ -19,13 +19,6 @@ class Resume : public core_state {
   protected:
     Resume()
     {
-        g_fwu.items = {{"NAME", 'X', 4}};
-        get_dsetinfo(g_ci->dsets);
-        record.dbname = "ORDERS";
-        record.dsetname = "CUST";
-        record.logtime = 1704067200;
-        record.reclen = 4;
-        record.after_image = "new!";
         capture_sync_begin();
     }
     ~Resume() override
@@ -86,7 +79,7 @@ class Resume : public core_state {
     const tempdir dir;
     const std::string text = dir.file("cap");
     const std::string message = dir.file("msg");
-    log_record record = {};
+    log_record record = customer();
     std::string told;
 };
 
@@ -177,6 +170,39 @@ TEST_F(Resume, AnotherFileOfThatNameAndOneThatIsGoneAreLeftAlone)
     EXPECT_EQ(0, resume(first));
     EXPECT_EQ(other, read_file(text));
     EXPECT_EQ("", told);
+}
+
+// As it is moved before its writer opens the name anew.
+TEST_F(Resume, ATextFileThatWasRotatedIsCutUnderItsNewName)
+{
+    for (const char *name : {".1", "-20240101", ".12.gz"}) {
+        SCOPED_TRACE(name);
+        add_file(text, text_options());
+        write();
+        const std::string first = mark();
+        write();
+        close_files();
+        std::filesystem::rename(text, text + name);
+        write_file(text, line_1); // what the next run begins with
+        EXPECT_EQ(0, resume(first));
+        EXPECT_EQ(line_0, read_file(text + name));
+        EXPECT_EQ(line_1, read_file(text + name + ".cut"));
+        EXPECT_EQ(line_1, read_file(text));
+        std::filesystem::remove(text);
+    }
+    // Another file of such a name, and a message file, are left alone.
+    add_file(text, text_options());
+    add_file(message);
+    write();
+    const std::string first = mark();
+    write();
+    close_files();
+    std::filesystem::copy(text, text + ".1", std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::remove(text);
+    std::filesystem::rename(message, message + ".1");
+    EXPECT_EQ(0, resume(first));
+    EXPECT_EQ("", told);
+    EXPECT_EQ(std::string(line_0) + line_1, read_file(text + ".1"));
 }
 
 TEST_F(Resume, AFileThatWasEmptiedLosesOnlyZeros)

@@ -62,13 +62,6 @@ class RolloverSteps : public core_state {
     {
         getinfo_left = -1;
         finfo_result = fclose_result = 0;
-        g_fwu.items = {{"NAME", 'X', 4}};
-        get_dsetinfo(g_ci->dsets);
-        record.dbname = "ORDERS";
-        record.dsetname = "CUST";
-        record.logtime = 1704067200;
-        record.reclen = 4;
-        record.after_image = "new!";
     }
     ~RolloverSteps() override
     {
@@ -109,7 +102,7 @@ class RolloverSteps : public core_state {
     }
 
     const tempdir dir;
-    log_record record = {};
+    log_record record = customer();
     captured printed;
 };
 

@@ -9,15 +9,18 @@
 //   data TEXT...                      a session data element
 //   position GENERATION SEQUENCE TAG
 //   result N                          of Fwu_process
+//   rotate FILE                       moved to FILE.1, and SIGHUP, before the record that follows
 //   record DB DSET TIME OPCODE RECNUM BEFORE AFTER    images in hex, or "-"
 #include "tests/support/fake_fwutil.h"
 #include "tests/support/run.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
+#include <utility>
 
 static void on_call(const std::string &call)
 {
@@ -50,6 +53,8 @@ static std::optional<std::string> image(const std::string &hex)
     return bytes;
 }
 
+static std::function<void()> g_first; // of the record that follows
+
 static void read_line(const std::string &line, std::vector<fake_item> &items)
 {
     std::istringstream words(line);
@@ -71,8 +76,16 @@ static void read_line(const std::string &line, std::vector<fake_item> &items)
         words >> g_fwu.generation >> g_fwu.sequence >> g_fwu.tag;
     } else if (what == "result") {
         words >> g_fwu.process_result;
+    } else if (what == "rotate") {
+        std::string file;
+        words >> file;
+        g_first = [file] {
+            std::filesystem::rename(file, file + ".1");
+            raise(SIGHUP);
+        };
     } else if (what == "record") {
         fake_record record;
+        record.first = std::exchange(g_first, nullptr);
         std::string before;
         std::string after;
         words >> record.dbname >> record.dsetname >> record.logtime >> record.opcode >>

@@ -263,6 +263,26 @@ TEST_F(CliSync, ALibraryThatDoesNotAskGetsItsRecordsOnDiskAllTheSame)
     EXPECT_EQ("", synced("off"));
 }
 
+// It has no moment of its own for it but the next record.
+TEST_F(CliSync, WithALibraryThatDoesNotAskFilesAreOpenedAnewBeforeTheNextRecord)
+{
+    std::string lines = "item T X 1 1 0\n";
+    for (int i = 0; i < 3; i++)
+        lines += std::string(i == 1 ? "rotate cap\n" : "") + "record D S 0 3 1 - 41\n";
+    script(lines);
+    for (const char *setting : {"idle", "record", "off"}) {
+        for (const char *name : {"cap", "cap.1"})
+            std::filesystem::remove(dir.file(name));
+        const std::string notes = synced(setting);
+        EXPECT_EQ(64U, read_file(dir.file("cap.1")).size());
+        EXPECT_EQ(128U, read_file(dir.file("cap")).size());
+        EXPECT_EQ(std::string(setting) == "off"
+                      ? ""
+                      : "cap 64\ndirectory\ncap.1 64\ncap 0\ndirectory\ncap 64\ncap 128\n",
+                  notes);
+    }
+}
+
 TEST_F(CliSync, WrongSettingsAreRefusedBeforeAnythingIsOpened)
 {
     const struct {

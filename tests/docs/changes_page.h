@@ -25,8 +25,8 @@ class changes_page {
   public:
     changes_page()
     {
-        for (const char *name :
-             {"fwutil.cfg", "orders-changes.jsonl", "order-sums.cob", "payments.py"})
+        for (const char *name : {"fwutil.cfg", "orders-changes.jsonl", "order-sums.cob",
+                                 "payments.py", "new-orders.sh", "new-orders.py", "new-orders.c"})
             std::filesystem::copy(KESTRO_SOURCE_DIR "/examples/orders/" + std::string(name),
                                   dir.file(name));
         setup.directory = dir.path();

@@ -76,7 +76,7 @@ static std::vector<std::string> bad_paths(const std::string &name, const std::st
 {
     static const std::regex path(
         "(^|[ `(\"\n])((driver|capture|ascii|msgfile|fwutil|feed|tools|util|"
-        "tests|bench|docs|examples|scripts|cmake)/[A-Za-z0-9_./-]*)");
+        "tests|bench|docs|examples|scripts|cmake|packaging)/[A-Za-z0-9_./-]*)");
     std::vector<std::string> bad;
     for (std::sregex_iterator at(page.begin(), page.end(), path), end; at != end; ++at) {
         std::string file = (*at)[2];

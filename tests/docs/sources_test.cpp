@@ -51,8 +51,9 @@ static bool opens_with_subject(const std::string &path, std::string text)
 TEST(Sources, EachOpensWithItsSubject)
 {
     size_t files = 0;
-    for (const char *folder : {"driver", "capture", "ascii", "msgfile", "fwutil", "feed", "tools",
-                               "util", "tests", "bench", "examples", "scripts", "cmake"}) {
+    for (const char *folder :
+         {"driver", "capture", "ascii", "msgfile", "fwutil", "feed", "tools", "util", "tests",
+          "bench", "examples", "scripts", "cmake", "packaging"}) {
         for (const auto &entry :
              fs::recursive_directory_iterator(fs::path(KESTRO_SOURCE_DIR) / folder)) {
             if (!entry.is_regular_file())

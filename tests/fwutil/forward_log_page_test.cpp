@@ -2,11 +2,13 @@
 // statements of the configuration, and the lines of a status file.
 #include "fwutil/fwu_config.h"
 #include "fwutil/fwu_entry.h"
+#include "fwutil/fwu_readers.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_status_text.h"
 
 #include "tests/support/golden.h"
 #include "tests/support/markdown.h"
+#include "tests/support/tempdir.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -228,8 +230,22 @@ TEST(ForwardLogPage, ExampleOfAConfigurationIsRead)
     EXPECT_EQ(config.datasets.back().key, std::vector<int>{0});
     EXPECT_EQ(config.skip_tables.size(), 1U);
     for (const char *statement :
-         {"log-file-size", "byte-order", "log-mode", "sync", "database", "item"})
+         {"log-file-size", "byte-order", "log-mode", "log-keep", "sync", "database", "item"})
         EXPECT_NE(block.find(std::string("\n") + statement + " "), std::string::npos) << statement;
+}
+
+TEST(ForwardLogPage, ExampleOfTheRegisterOfReadersIsOne)
+{
+    const tempdir dir;
+    const std::string example = md_find_block(page(), "fwutil readers 1");
+    const std::vector<std::string> listed = {"/var/lib/orders/audit.status",
+                                             "/var/lib/orders/orders.status"};
+    std::vector<std::string> paths;
+    write_file(dir.file("readers"), example);
+    ASSERT_EQ(fwu_readers_read(dir.path(), paths), FWU_FOUND);
+    EXPECT_EQ(paths, listed);
+    ASSERT_EQ(fwu_readers_write(dir.path(), listed), 0);
+    EXPECT_EQ(read_file(dir.file("readers")), example);
 }
 
 TEST(ForwardLogPage, ExampleOfTheFileOfNamesIsTheOneThatIsTested)

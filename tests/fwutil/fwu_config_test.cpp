@@ -106,6 +106,37 @@ TEST_F(ConfigTest, SyncIsForEveryCommitUnlessSaidOtherwise)
     }
 }
 
+TEST_F(ConfigTest, WhatOfTheLogIsKeptIsSaidInOneLineOrSeveral)
+{
+    const struct {
+        const char *text;
+        int64_t seconds;
+        int64_t bytes;
+        bool acknowledged;
+        const char *kept;
+    } rows[] = {
+        {"", 0, 0, false, ""},
+        {"log-keep 12h\n", 43'200, 0, false, "12h"},
+        {"log-keep 7d\n", 604'800, 0, false, "7d"},
+        {"log-keep 4w\n", 2'419'200, 0, false, "4w"},
+        {"log-keep 500M\n", 0, 524'288'000, false, "500M"},
+        {"log-keep 20G\n", 0, 21'474'836'480, false, "20G"},
+        {"log-keep 100000T\n", 0, 109'951'162'777'600'000, false, "100000T"},
+        {"log-keep acknowledged\n", 0, 0, true, "acknowledged"},
+        {"log-keep 1T 1w acknowledged\n", 604'800, 1'099'511'627'776, true, "1T 1w acknowledged"},
+        {"log-keep acknowledged\nlog-keep 1h\nlog-keep 1M\n", 3600, 1'048'576, true,
+         "acknowledged 1h 1M"},
+    };
+    for (const auto &row : rows) {
+        config = {};
+        ASSERT_EQ(read(std::string("log-directory l\n") + row.text), 0) << err;
+        EXPECT_EQ(config.keep.seconds, row.seconds) << row.text;
+        EXPECT_EQ(config.keep.bytes, row.bytes) << row.text;
+        EXPECT_EQ(config.keep.acknowledged, row.acknowledged) << row.text;
+        EXPECT_EQ(config.keep.text, row.kept);
+    }
+}
+
 TEST_F(ConfigTest, ColumnsOfTablesGetNamesAndWidths)
 {
     ASSERT_EQ(read("log-directory l\n"
@@ -332,7 +363,17 @@ static const config_row ERRORS[] = {
     {"log-directory \"a\"b\n", "1: text follows directly behind the closing quote"},
     {"log-directory a\"b\n", "1: a quote stands inside the word a\"b"},
     {"\nlog-directory a\x01\n", "2: the line holds a control character"},
-    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, text-encoding, sync, log-mode, values, truncate, default-width, skip-table, table, column, database, dataset or item"},
+    {LOGDIR "LOG-DIRECTORY x\n", "2: LOG-DIRECTORY is not known here; a line begins with log-directory, log-file-size, byte-order, text-encoding, sync, log-mode, log-keep, values, truncate, default-width, skip-table, table, column, database, dataset or item"},
+    {LOGDIR "log-keep\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep 7\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep d\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep 0d\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep -1d\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep 100001T\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep 7d 5K\n", "2: log-keep takes a time (12h, 7d, 4w), a size (500M, 20G, 1T), the word acknowledged, or several of them"},
+    {LOGDIR "log-keep 7d\nlog-keep 12h\n", "3: log-keep is given twice for a time, for a size, or for what is acknowledged"},
+    {LOGDIR "log-keep 1G 2M\n", "2: log-keep is given twice for a time, for a size, or for what is acknowledged"},
+    {LOGDIR "log-keep acknowledged acknowledged\n", "2: log-keep is given twice for a time, for a size, or for what is acknowledged"},
     {LOGDIR "log-file-size 4095\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 65G\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},
     {LOGDIR "log-file-size 99999999999999999999\n", "2: log-file-size takes a number of bytes from 4K to 64G, with K, M or G"},

@@ -30,3 +30,20 @@ TEST(Error, NotesAppearOnlyWhenVerbose)
               }),
               "fwutil: shown\n");
 }
+
+TEST(Error, WhatIsHeldIsNotPrintedAndNotTheLast)
+{
+    testing::internal::CaptureStderr();
+    fwu_error("one");
+    {
+        const fwu_error_hold hold;
+        errno = EIO;
+        EXPECT_EQ(fwu_error("two %d", 2), -1);
+        EXPECT_EQ(errno, EIO);
+        fwu_warn("three");
+        EXPECT_EQ(hold.text, "two 2; three");
+        EXPECT_EQ(fwu_error_last(), "one");
+    }
+    fwu_warn("four");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "fwutil: one\nfwutil: four\n");
+}

@@ -39,6 +39,18 @@ TEST_F(HookTest, TheLibraryFindsThoseOfTheProgram)
                           "record 4\ndue 1\nrecord 5\ndue 1\ndue 3\nsync\n");
 }
 
+TEST_F(HookTest, LooksTellThatTheLogIsOpenAndWhatWentWrong)
+{
+    two_files();
+    setenv("HOOK_PROGRAM_LOOK", "1", 1);
+    EXPECT_THAT(program(1).out, testing::StartsWith("due 0\nsync\nlook 0 []\nrecord 1\n"));
+    std::filesystem::remove(status);
+    const run_result failed = program(1, {"1", "0", "1", "1"}, "-");
+    unsetenv("HOOK_PROGRAM_LOOK");
+    EXPECT_EQ(failed.out, "due 0\nsync\nlook 2 [the program could not bring to disk what it has "
+                          "written; the position on disk stays as it was]\n");
+}
+
 TEST_F(HookTest, EachRecordIsForcedWhenTheProgramWantsIt)
 {
     two_files();
@@ -63,6 +75,33 @@ TEST_F(HookTest, ASyncThatFailsEndsTheRun)
     EXPECT_EQ(result.out, "due 0\nsync\n") << "nothing is delivered";
     EXPECT_EQ(result.err, "fwutil: the program could not bring to disk what it has written; the "
                           "position on disk stays as it was\n");
+}
+
+// A signal that comes before the wait ends it at once: else each would last a second.
+TEST_F(HookTest, BeforeAWaitTheProgramLooksAtItsSignals)
+{
+    two_files();
+    const std::string read = "due 0\nsync\nrecord 1\ndue 1\nrecord 2\ndue 1\nrecord 3\ndue 1\n"
+                             "record 4\ndue 1\nrecord 5\ndue 1\n";
+    const auto waiting = [this](const char *answers, const char *at_start = "1") {
+        std::filesystem::remove(status);
+        run_setup options;
+        options.env["HOOK_PROGRAM_WAIT"] = answers;
+        return run_program({HOOK_PROGRAMS "1", cfg, status, at_start, "0", "0", "1", "mark\n"},
+                           options);
+    };
+    // The position is forced where it is asked for, and forced already, too.
+    const run_result forced = waiting("0110");
+    EXPECT_EQ(forced.status, 0) << forced.err;
+    EXPECT_EQ(forced.out, read + "wait\nanswer 0\nhangup\nwait\nanswer 1\nsync\nhangup\n"
+                                 "wait\nanswer 1\nsync\nhangup\nwait\nanswer 0\n");
+    EXPECT_EQ(waiting("10", "-1").out, "due 0\nrecord 1\nrecord 2\nrecord 3\nrecord 4\nrecord 5\n"
+                                       "wait\nanswer 1\nhangup\nwait\nanswer 0\n")
+        << "a position that is never forced is not forced here";
+    const run_result failed = waiting("-0");
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.err, "fwutil: the program failed while it waited for more records; the "
+                          "position stays as it was\n");
 }
 
 TEST_F(HookTest, WithoutTheProgramsWordItIsOnceAMinute)

@@ -138,7 +138,7 @@ TEST(TmfContract, HeaderMarksTheCodesThatNoCallGives)
 
 static std::string manual()
 {
-    return read_file(KESTRO_SOURCE_DIR "/docs/tmf.3");
+    return read_file(KESTRO_SOURCE_DIR "/docs/man/tmf.3");
 }
 
 TEST(TmfContract, ManualPageNamesTheCodesThatCanCome)

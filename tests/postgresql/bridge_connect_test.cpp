@@ -3,25 +3,10 @@
 #include "tests/postgresql/bridge_fixture.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using testing::HasSubstr;
-
-// A port that nobody listens on.
-static int free_port()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), length), 0);
-    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length), 0);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 static const char openssl[] = "/usr/bin/openssl";
 
@@ -31,7 +16,7 @@ class BridgeConnectTest : public LedgerTest {
     {
         if (!pg_server::missing().empty() || access(openssl, X_OK) != 0)
             return;
-        port = free_port();
+        port = pg_server::free_port();
         server = std::make_unique<pg_server>(std::vector<std::string>{}, port);
         certificates = std::make_unique<tempdir>();
         make_certificate("ca", "the authority", "");

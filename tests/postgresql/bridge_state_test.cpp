@@ -44,6 +44,37 @@ TEST_F(BridgeStateTest, AWrongSlotNameHarmsNothing)
     EXPECT_TRUE(logged("after ID=2 "));
 }
 
+TEST_F(BridgeStateTest, OldLogFilesGoWhenTheirReaderHasThem)
+{
+    configure("log-file-size 4K\nlog-keep acknowledged\n");
+    ASSERT_NO_FATAL_FAILURE(begin_following());
+    for (int id = 1; id <= 60; id++)
+        insert(id);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(60));
+    EXPECT_TRUE(bridge_says("old log files stay: log-keep acknowledged, and no reader"));
+    const std::string first = dir.file("log/fw0001-00000001.log");
+    ASSERT_TRUE(std::filesystem::exists(dir.file("log/fw0001-00000003.log")));
+    const std::string status = dir.file("reader.status");
+    ASSERT_EQ(fwlog({"readers", "--add", status}).status, 0);
+    ASSERT_EQ(fwlog({"dump", "--json", "--state", status}).status, 0);
+    int id = 61;
+    EXPECT_TRUE(poll_until([&] {
+        insert(id++);
+        return !std::filesystem::exists(first);
+    }));
+    // What comes now is what the reader has not got.
+    const std::string state = dir.file("log/postgresql.json");
+    EXPECT_TRUE(poll_until([&] {
+        insert(id++);
+        const std::string text = read_file(state);
+        return text.find("\"retention\":{\"keep\":\"acknowledged\",\"files\":") != text.npos &&
+               text.find("\"readers\":1,\"held_by\":\"" + status + "\",\"held_at\":\"position ") !=
+                   text.npos &&
+               text.find("\"problem\":null,\"removed_files\":") != text.npos &&
+               text.find("\"removed_files\":0,") == text.npos;
+    })) << read_file(state);
+}
+
 TEST_F(BridgeStateTest, AWrongSlotNameHarmsNoLogThatIsEmptyYet)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);

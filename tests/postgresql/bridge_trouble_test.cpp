@@ -1,6 +1,7 @@
 // "fwlog postgresql" where it would be easy to stop for good or to lose changes without a
 // word: shutdowns of the server, kills and signals before the stream, odd tables and texts.
 #include "tests/postgresql/bridge_fixture.h"
+#include "tests/support/notified.h"
 
 using testing::HasSubstr;
 using testing::Not;
@@ -122,4 +123,49 @@ TEST_F(BridgeTroubleTest, AHugeSessionMessageDoesNotStopIt)
     const run_result result = catch_up();
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_TRUE(logged("after ID=2 "));
+}
+
+// ---- what a monitor is told
+
+TEST_F(BridgeTroubleTest, AMonitorTellsAServerThatIsGoneAndABridgeThatStandsStill)
+{
+    const auto health = [this] {
+        return run_program(
+            {KESTRO_BUILD_DIR "/bin/fwlog", "health", "--state", dir.file("log/postgresql.json")});
+    };
+    const auto comes = [&](int status, const std::string &text) {
+        run_result last;
+        EXPECT_TRUE(poll_until([&] {
+            last = health();
+            return last.status == status && last.out.find(text) != std::string::npos;
+        })) << last.out
+            << last.err;
+    };
+    const notified manager(dir.file("socket"));
+    setenv("NOTIFY_SOCKET", dir.file("socket").c_str(), 1);
+    setenv("WATCHDOG_USEC", "60000000", 1);
+    begin_following();
+    unsetenv("NOTIFY_SOCKET");
+    unsetenv("WATCHDOG_USEC");
+    insert(1);
+    ASSERT_NO_FATAL_FAILURE(wait_for_row(1));
+    comes(0, ": idle at ");
+    std::string heard;
+    EXPECT_TRUE(poll_until([&] {
+        heard += manager.next() + "\n";
+        return heard.find("READY=1") != std::string::npos &&
+               heard.find("WATCHDOG=1") != std::string::npos;
+    })) << heard;
+    bridge.signal(SIGSTOP);
+    comes(2, "was stopped (SIGCONT)");
+    bridge.signal(SIGCONT);
+    comes(0, ": idle at ");
+    server->stop();
+    comes(2, ": waiting at ");
+    server->start();
+    comes(0, ": idle at ");
+    bridge.end(SIGKILL);
+    comes(2, "is gone and has not said why");
+    EXPECT_EQ(catch_up().status, 0);
+    comes(1, ": stopped at ");
 }

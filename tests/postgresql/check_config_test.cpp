@@ -76,7 +76,8 @@ TEST_F(BridgeCheckTest, KeepsWhatTheConfigurationSays)
         "NULL, amount numeric(11,2), body varchar(60) NOT NULL, paid boolean);"
         "CREATE TABLE load.audit (a int, b int, note text, PRIMARY KEY (a, b));"
         "CREATE TABLE load.dull (id int PRIMARY KEY)");
-    configure(std::string("log-file-size 8192\nlog-mode 0640\nsync interval 250\n"
+    configure(std::string("log-file-size 8192\nlog-mode 0640\nlog-keep 1w\nlog-keep "
+                          "acknowledged\nsync interval 250\n"
                           "text-encoding iso-8859-1\nvalues error\ndefault-width 77\n"
                           "default-width \"character varying\" 66\nskip-table load.dull\n"
                           "table load.audit values=mark\n"
@@ -87,10 +88,11 @@ TEST_F(BridgeCheckTest, KeepsWhatTheConfigurationSays)
     const run_result written = check({"--create", "--write-config", "written.cfg"});
     const std::string text = read_file(dir.file("written.cfg"));
     for (const char *line :
-         {"log-file-size 8192\n", "byte-order little\n", "log-mode 0640\n", "sync interval 250\n",
-          "text-encoding iso-8859-1\n", "\nvalues error ", "default-width 77\n",
-          "default-width \"character varying\" 66\n", "skip-table load.dull\n",
-          "table load.audit values=mark\n", "column load.gone.x width=5\n",
+         {"log-file-size 8192\n", "byte-order little\n", "log-mode 0640\n",
+          "log-keep 1w acknowledged\n", "sync interval 250\n", "text-encoding iso-8859-1\n",
+          "\nvalues error ", "default-width 77\n", "default-width \"character varying\" 66\n",
+          "skip-table load.dull\n", "table load.audit values=mark\n",
+          "column load.gone.x width=5\n",
           "column load.audit.b item=B key   # I 4, integer: its type\n"
           "column load.audit.a item=A key   # I 4, integer: its type\n"
           "column load.audit.note item=REMARK width=77 values=mark   # X 77, text: ",

@@ -6,6 +6,7 @@
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 
+#include <arpa/inet.h>
 #include <csignal>
 #include <fcntl.h>
 #include <grp.h>
@@ -102,6 +103,20 @@ static pid_t start_as_server(const std::vector<std::string> &argv, const std::st
         _exit(126);
     execv(words[0], words.data());
     _exit(127);
+}
+
+int pg_server::free_port()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        throw std::runtime_error("no port of 127.0.0.1");
+    close(fd);
+    return ntohs(address.sin_port);
 }
 
 std::string pg_server::missing()

@@ -21,6 +21,9 @@ class pg_server {
     // Why no server can be had on this machine; empty when one can, or when one was chosen.
     static std::string missing();
 
+    // A port of 127.0.0.1 that nobody listens on at this moment.
+    static int free_port();
+
     // The directory of the server's programs: what KESTRO_POSTGRESQL names, else the newest
     // that is installed; empty when there is none.
     static std::string programs();

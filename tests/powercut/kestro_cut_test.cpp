@@ -30,6 +30,7 @@ struct capture_case {
     const char *sync; // KESTRO_SYNC; null: not set
     bool at_rest;
     bool killed_before = false; // the run whose power goes follows one that was killed
+    bool rotated = false;       // its file is moved away, and it is told so
 };
 
 static void PrintTo(const capture_case &c, std::ostream *out)
@@ -126,6 +127,27 @@ class CapturePowerCut : public ::testing::TestWithParam<capture_case> {
             files.push_back(disk.file("capture" + std::to_string(files.size())));
         argv.push_back(files.back());
         return argv;
+    }
+    static bool catches_hangups(pid_t pid)
+    {
+        const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+        const size_t at = status.find("SigCgt:");
+        return at != std::string::npos &&
+               (strtoull(status.c_str() + at + strlen("SigCgt:"), nullptr, 16) &
+                1ULL << (SIGHUP - 1)) != 0;
+    }
+    // Moves the file to another name, with the next free number, and asks for a new one.
+    void rotate(pid_t capture)
+    {
+        const std::string moved = files.back() + "." + std::to_string(files.size());
+        if (!std::filesystem::exists(files.back()))
+            return; // not begun yet
+        // Before it is as far as that, the signal ends a program.
+        if (!poll_until([&] { return catches_hangups(capture); }))
+            return;
+        std::filesystem::rename(files.back(), moved);
+        files.insert(files.end() - 1, moved);
+        kill(capture, SIGHUP);
     }
     void add_records(std::vector<std::string> &records, const std::string &file, bool resting) const
     {
@@ -237,6 +259,8 @@ TEST_P(CapturePowerCut, NextRunGoesOnBehindTheLastRecordOnTheDisk)
         for (auto times = 1 + random() % 10; times > 0; times--) {
             usleep(static_cast<useconds_t>(random() % 12000));
             disk.write_back_some(random);
+            if (c.rotated)
+                rotate(capture);
         }
         if (c.at_rest) {
             ASSERT_TRUE(poll_until([&] { return told->rests && captured_so_far() == told->made; }))
@@ -311,6 +335,9 @@ static const capture_case capture_cases[] = {
     {"AppendAfterAKill", TEXT_APPEND, nullptr, false, true},
     {"NewNamesAfterAKill", TEXT_NEW, nullptr, false, true},
     {"MessageFileAfterAKill", MESSAGE, nullptr, false, true},
+    {"AppendRotatedUnderLoad", TEXT_APPEND, nullptr, false, false, true},
+    {"AppendRotatedAtRest", TEXT_APPEND, nullptr, true, false, true},
+    {"AppendRotatedEachInterval", TEXT_APPEND, "interval 10", false, false, true},
     {"AppendNeverSynced", TEXT_APPEND, "off", false},
 };
 // clang-format on

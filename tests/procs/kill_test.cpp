@@ -168,6 +168,88 @@ TEST_F(KillTest, OldLogFilesAreRemovedBesideTheWriterAndItsReader)
     expect_all_captured();
 }
 
+// Appends until it is killed.
+static pid_t start_endless_writer(const tempdir &dir)
+{
+    const pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    fwu_config config;
+    fwu_writer *writer = nullptr;
+    if (fwu_config_read(config, dir.file("fwutil.cfg").c_str()) != 0 ||
+        fwu_writer_open(&writer, config) != 0)
+        _exit(1);
+    for (auto next = static_cast<int>(fwu_writer_last_lsn(writer)) + 1;; next += 5)
+        if (!append_transaction(writer, next, 5))
+            _exit(1);
+}
+
+// The writer removes what its reader has behind it, and either of them is killed at any moment.
+TEST(RetentionKillTest, ARegisteredReaderGetsEveryRecordWhoeverIsKilled)
+{
+    const tempdir dir;
+    run_setup options;
+    options.directory = dir.path();
+    options.env = {{"KESTRO_SYNC", "interval 5"}, {"KESTRO_TEXT", "append"}};
+    unsigned seed = std::random_device{}();
+    std::mt19937 random(seed);
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    write_file(dir.file("fwutil.cfg"),
+               "log-directory log\nlog-file-size 16K\nsync none\nlog-keep acknowledged\n");
+    std::filesystem::create_directory(dir.file("log"));
+    ASSERT_EQ(run_program({fwlog, "readers", "--add", "fwutil.status"}, options).status, 0);
+    const std::vector<std::string> capture = {kestro, "-ascii", "-recnum", "cap.txt"};
+    pid_t writer = start_endless_writer(dir);
+    pid_t reader = -1;
+    const std::string captured = dir.file("cap.txt");
+    for (int round = 0; round < ROUNDS / 2; round++) {
+        if (reader < 0)
+            reader = start_program(capture, options, "", dir.file("err"));
+        std::error_code none_yet;
+        const auto before = std::filesystem::file_size(captured, none_yet);
+        ASSERT_TRUE(poll_until([&] {
+            std::error_code code;
+            const auto size = std::filesystem::file_size(captured, code);
+            return !code && (none_yet || size > before);
+        })) << read_file(dir.file("err"));
+        usleep(static_cast<useconds_t>(random() % 20000));
+        pid_t &killed = round % 2 == 0 ? writer : reader;
+        kill(killed, SIGKILL);
+        ASSERT_EQ(wait_program(killed), 128 + SIGKILL);
+        if (round % 2 == 0)
+            writer = start_endless_writer(dir);
+        else
+            reader = -1;
+    }
+    // Until something was removed: the reader has to come along.
+    if (reader < 0)
+        reader = start_program(capture, options, "", dir.file("err"));
+    EXPECT_TRUE(
+        poll_until([&] { return !std::filesystem::exists(dir.file("log/fw0001-00000001.log")); }));
+    for (const pid_t pid : {writer, reader}) {
+        kill(pid, SIGKILL);
+        ASSERT_EQ(wait_program(pid), 128 + SIGKILL);
+    }
+    const run_result last =
+        run_program({kestro, "-synconly", "-ascii", "-recnum", "cap.txt"}, options);
+    ASSERT_EQ(last.status, 0) << last.err;
+    EXPECT_EQ(run_program({fwlog, "verify"}, options).status, 0);
+    int newest = 0;
+    int repeated = 0;
+    for (const int number : record_numbers(captured)) {
+        if (number == newest) { // in hand at a kill
+            repeated++;
+            continue;
+        }
+        ASSERT_EQ(number, newest + 1);
+        newest = number;
+    }
+    EXPECT_LE(repeated, ROUNDS);
+    const std::string shown =
+        run_program({kestro, "-stat", "fwutil.status", "-showstat"}, options).out;
+    EXPECT_NE(shown.find("Behind: 0 records, 0 bytes\n"), std::string::npos) << shown;
+}
+
 // Record numbers in a message file with -recnum; all of them stay in it.
 static std::vector<int> message_numbers(const std::string &path)
 {

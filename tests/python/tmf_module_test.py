@@ -34,7 +34,7 @@ class Messages(unittest.TestCase):
         """Starts a Python program in which tmf, os and path are there; its standard output is a
         pipe."""
         program = subprocess.Popen(
-            [sys.executable, "-B", "-c", "import os, sys, tmf\npath = sys.argv[1]\n" + text, self.path],
+            [sys.executable, "-B", "-c", "import os, sys, time, tmf\npath = sys.argv[1]\n" + text, self.path],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -136,6 +136,9 @@ class WritingAndReading(Messages):
             file.write(b"\0\6\0\x11\0\6" b"\0\x0b\0\x11after\0\x0b")
             file.seek(16)
             file.write((2).to_bytes(4, sys.byteorder))
+        for _ in range(2):
+            with tmf.Reader(self.path, keep=True) as reader:
+                self.assertEqual(list(reader), [b"", b"after"])
         with tmf.Reader(self.path, exclusive=True) as reader:
             self.assertEqual(list(reader.records(remove="after")), [b"", b"after"])
 
@@ -213,15 +216,6 @@ class Waiting(Messages):
             threading.Timer(0.05, writer.stdin.close).start()
             self.assertEqual(list(records), [])
 
-    def wait_for_reader(self):
-        """Until the wait list of the file has a reader."""
-        for _ in range(6000):
-            with open(self.path, "rb") as file:
-                if file.read(125)[124:] == b"\1":
-                    return
-            time.sleep(0.01)
-        self.fail("no reader waits")
-
     @staticmethod
     def send(program, line):
         program.stdin.write(line)
@@ -236,6 +230,45 @@ class Waiting(Messages):
             threading.Timer(0.05, writer.stdin.close).start()
             self.assertEqual(next(records), b"two")
 
+    def test_kept_records_are_followed(self):
+        self.make(b"one")
+        with tmf.Reader(self.path, keep=True) as reader:
+            records = reader.records(follow=True)
+            self.assertEqual(next(records), b"one")
+            writer = self.program("for line in sys.stdin.buffer:\n    tmf.Writer(path).write(line)")
+            for line in (b"two\n", b"three\n"):
+                threading.Timer(0.05, self.send, (writer, line)).start()
+                self.assertEqual(next(records), line)
+            threading.Timer(0.05, self.send, (writer, b"four\n")).start()
+            self.assertEqual(reader.read(timeout=300), b"four\n")
+            self.assertIsNone(reader.read(timeout=0.05))
+            self.assertEqual(list(reader), [])
+            self.assertEqual(reader.info().records, 4)
+
+    def wake_another_reader(self, pause):
+        """Makes a file and a writer that wakes the next reader of another file, too."""
+        # A limited wait of the library leaves the reader's port in the wait list, where the next
+        # reader has it.
+        self.make()
+        with tmf.Reader(self.path) as reader:
+            wait = 2
+            self.assertEqual(tmf._lib.tmf_freadx(reader._handle, reader._buffer, 1, wait, 1), 0)
+        writer = self.program(
+            "writer = tmf.Writer(path)\n"
+            "writer.write(b'wake up')\n"
+            "print('written', flush=True)\n"
+            "while True:\n"
+            "    tmf._lib.tmf_fwrite(writer._handle, b'wake up', 7)\n"
+            f"    {pause}"
+        )
+        self.assertEqual(writer.stdout.readline(), b"written\n")
+
+    def test_timeout_ends_a_wait_beside_a_writer_of_another_file(self):
+        self.wake_another_reader("time.sleep(0.01)")
+        other = self.path + ".other"
+        with tmf.Reader(other, create=True) as reader:
+            self.assertIsNone(reader.read(timeout=1.5))
+
     def test_timeout_ends_a_wait_beside_a_writer(self):
         self.make()
         self.other_user("tmf.Writer(path)")
@@ -244,16 +277,20 @@ class Waiting(Messages):
             self.assertIsNone(reader.read(timeout=0.3))
 
     def test_interrupt_ends_a_wait_and_the_file_stays_usable(self):
+        self.wake_another_reader("pass")
+        self.path += ".other"
         self.make()
         program = self.program(
             "reader = tmf.Reader(path)\n"
             "try:\n"
+            "    print('open', flush=True)\n"
             "    reader.read(follow=True)\n"
             "except KeyboardInterrupt:\n"
             "    reader.close()\n"
             "    print('interrupted', flush=True)"
         )
-        self.wait_for_reader()
+        self.assertEqual(program.stdout.readline(), b"open\n")
+        time.sleep(0.3)  # it waits by then, as a rule
         program.send_signal(signal.SIGINT)
         self.assertEqual(program.stdout.readline(), b"interrupted\n")
         self.assertEqual(program.wait(), 0)
@@ -468,6 +505,41 @@ class Failures(Messages):
         ):
             with self.assertRaisesRegex(ValueError, "the message file is closed"):
                 call()
+
+    def test_forked_process_does_not_close_the_file_of_the_other(self):
+        self.make(b"one", b"two")
+        program = self.program(
+            "with tmf.Reader(path, exclusive=True) as reader:\n"
+            "    left = tmf.Reader(path + '.left', create=True)\n"
+            "    records = reader.records(remove='after')\n"
+            "    print(next(records))\n"
+            "    sys.stdout.flush()\n"
+            "    parent = os.getpid()\n"
+            "    if os.fork() == 0:\n"
+            "        for call in (reader.info, reader.read, lambda: next(records)):\n"
+            "            try:\n"
+            "                call()\n"
+            "            except ValueError as error:\n"
+            "                print(str(error) == '%s: process %d has opened the message file' % (path, parent))\n"
+            "        sys.exit()\n"  # by way of the with block and of all objects
+            "    print(os.wait()[1])\n"
+            "    print(reader.info().readers, left.info().readers)\n"
+            "    print(next(records))"
+        )
+        out, err = program.communicate()
+        self.assertEqual(
+            (out.decode().split("\n"), err),
+            (["b'one'", "True", "True", "True", "0", "1 1", "b'two'", ""], b""),
+        )
+        with tmf.Reader(self.path) as reader:
+            self.assertEqual(list(reader), [b"two"])
+
+    def test_name_with_a_nul_byte_is_refused(self):
+        for call in (tmf.Writer, tmf.check, lambda path: tmf.Reader(path, create=True)):
+            for path in (self.path + "\0x", os.fsencode(self.path) + b"\0x"):
+                with self.assertRaisesRegex(ValueError, "a file name has no NUL byte"):
+                    call(path)
+        self.assertEqual(os.listdir(self.folder), [])
 
     def test_registration_goes_with_the_object_and_with_a_failure(self):
         writer = tmf.Writer(self.path)

@@ -85,6 +85,27 @@ TEST_F(RecHeader, OperationsAndShortYears)
     }
 }
 
+TEST_F(RecHeader, DaysThatTheCalendarHas)
+{
+    const struct {
+        const char *day;
+        bool is;
+    } rows[] = {{"20260228", true},  {"20260229", false}, {"20240229", true},  {"20240230", false},
+                {"20260231", false}, {"20000229", true},  {"21000229", false}, {"20260430", true},
+                {"20260431", false}, {"20261231", true},  {"20261232", false}, {"20261200", false},
+                {"20261301", false}, {"20260001", false}};
+    for (const auto &row : rows) {
+        const std::string date = row.day + std::string("22:08:36");
+        EXPECT_EQ(take({.yyyy = true}, "000009" + NAMES + date + "IP"),
+                  row.is ? ""
+                         : "at offset 46 stands \"" + date +
+                               "\", where these options have the time, YYYYMMDDhh:mm:ss");
+    }
+    EXPECT_EQ(take({}, "000009" + NAMES + "26023122:08:36IP"),
+              "at offset 46 stands \"26023122:08:36\", where these options have the time, "
+              "YYMMDDhh:mm:ss");
+}
+
 TEST_F(RecHeader, BlankSessionItemsAreNotKnown)
 {
     std::string record = LONG;
@@ -123,6 +144,37 @@ TEST_F(RecHeader, InfoStandsInThePlaceOfAnItem)
     EXPECT_EQ(take(form, LONG), "");
     EXPECT_STREQ(session(4), "(none)");
     EXPECT_EQ(header.key, NAMES);
+}
+
+TEST_F(RecHeader, LineEndsOfTheSessionsTextsAreNone)
+{
+    rec_header_make(header, {.exthdr = true, .yyyy = true, .recnum = true});
+    for (size_t at = 0; at < LONG.size(); at++) {
+        std::string line = LONG;
+        line[at] = '\n';
+        const bool of_session = at >= 64 && at < 126;
+        EXPECT_EQ(rec_header_line_end(header, line), of_session ? line.npos : at);
+        EXPECT_EQ(rec_header_line_end(header, line.substr(0, at)), line.npos);
+    }
+    EXPECT_EQ(rec_header_line_end(header, LONG + "\n"), LONG.npos);
+    rec_header_make(header, {.info = HDRKIND_DBNAME});
+    EXPECT_EQ(rec_header_line_end(header, "000000in\nfo"), LONG.npos);
+    EXPECT_EQ(rec_header_line_end(header, "0\n0000in\nfo"), 1U);
+}
+
+TEST_F(RecHeader, NamesThatAreTold)
+{
+    const auto tells = [this](const rec_form &form, const std::string &names) {
+        EXPECT_EQ(take(form, "000009" + names + "26112022:08:36IP"), "");
+        const rec_header_names told = rec_header_tells(header);
+        return told.database.value_or("(none)") + ":" + told.dataset;
+    };
+    EXPECT_EQ(tells({}, NAMES), "DEPOT:ITEMS");
+    EXPECT_EQ(tells({}, std::string(23, 'D') + " " + std::string(16, 'I')),
+              std::string(23, 'D') + ":" + std::string(16, 'I'));
+    EXPECT_EQ(tells({}, std::string(24, 'D') + padded("ITEMS", 16)), "(none):ITEMS");
+    EXPECT_EQ(tells({.fga = true}, NAMES), "(none):ITEMS");
+    EXPECT_EQ(tells({.info = HDRKIND_DBNAME}, NAMES), "(none):ITEMS");
 }
 
 TEST_F(RecHeader, KeysAreTheFieldsOfNames)

@@ -5,7 +5,9 @@
 
 #include "capture/capinfo.h"
 #include "capture/write.h"
+#include "driver/base/dsetinfo.h"
 #include "driver/base/globals.h"
+#include "driver/base/logrec.h"
 #include "tests/support/captured.h"
 #include "tests/support/fake_fwutil.h"
 
@@ -34,6 +36,20 @@ class core_state : public testing::Test {
     {
         setenv("TZ", zone, 1);
         tzset();
+    }
+
+    // An insert into a dataset of one item of four characters, which the library knows.
+    static log_record customer()
+    {
+        g_fwu.items = {{"NAME", 'X', 4}};
+        get_dsetinfo(g_ci->dsets);
+        log_record record = {};
+        record.dbname = "ORDERS";
+        record.dsetname = "CUST";
+        record.logtime = 1704067200;
+        record.reclen = 4;
+        record.after_image = "new!";
+        return record;
     }
 
     // Adds a capture file with these options and returns it.

@@ -43,6 +43,8 @@ int Fwu_process(fwu_callback callback, const char *cfg, const char *status, cons
 {
     note("process cfg=" + shown(cfg) + " stat=" + shown(status) + " start=" + shown(start));
     for (const fake_record &record : g_fwu.records) {
+        if (record.first)
+            record.first();
         if (record.items)
             g_fwu.items = *record.items;
         const auto before = exact_copy(record.before);

@@ -6,6 +6,7 @@
 #define TESTS_SUPPORT_FAKE_FWUTIL_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -29,6 +30,7 @@ struct fake_record {
     std::optional<std::string> after;
     std::optional<int32_t> reclen;               // default: the length of the image given
     std::optional<std::vector<fake_item>> items; // from this record on
+    std::function<void()> first;                 // done before it is delivered
 };
 
 struct fake_fwutil {

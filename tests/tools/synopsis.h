@@ -1,12 +1,16 @@
-// Compares the rows of a program's subcommands with their help and with the synopses in docs/.
+// Compares the rows of a program's subcommands with their help, with the synopses in docs/ and
+// with the manual pages.
 #ifndef TESTS_TOOLS_SYNOPSIS_H
 #define TESTS_TOOLS_SYNOPSIS_H
 
+#include "tests/support/man_page.h"
 #include "tests/support/markdown.h"
 #include "util/cli.h"
 
 #include <gtest/gtest.h>
 
+#include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -102,6 +106,51 @@ inline void expect_described(const cli_command &command)
         EXPECT_TRUE(row.name[0] != '-' || has_line(described, written(row)))
             << command.name << " does not describe " << written(row);
     }
+}
+
+// The statuses that a help explains: "0", "1", "128 + n".
+inline std::set<std::string> help_statuses(const cli_command &command)
+{
+    const std::string help = command.help;
+    const std::string text = one_line(help.substr(help.find("Exit status: ")));
+    static const std::regex status(R"([:;] (\d+( \+ n| \+ signal number)?) )");
+    std::set<std::string> found;
+    for (std::sregex_iterator at(text.begin(), text.end(), status), end; at != end; ++at)
+        found.insert(std::regex_replace(at->str(1), std::regex("signal number"), "n"));
+    return found;
+}
+
+// The manual page has the synopsis, the options and the statuses of the help.
+inline void expect_in_manual(const cli_command &command, const std::string &name)
+{
+    static const std::regex choice(R"( ?\| ?)");
+    const std::string page = man_page(name + ".1");
+    EXPECT_EQ(man_synopsis(page), std::regex_replace(help_synopsis(command), choice, "|"));
+    const bool brief = std::string(command.help).find("(also -h)") != std::string::npos;
+    std::set<std::string> rows = {brief ? "-h, --help" : "--help"};
+    for (const cli_option &row : command.options) {
+        if (row.name[0] == '-')
+            rows.insert(std::regex_replace(written(row), choice, "|"));
+    }
+    EXPECT_EQ(man_items(page, "Fl"), rows) << name;
+    EXPECT_EQ(man_items(man_section(page, "EXIT STATUS"), ""), help_statuses(command)) << name;
+}
+
+// The manual page of a program has its subcommands and what it takes itself.
+inline void expect_in_manual(const cli_program &program)
+{
+    const std::string page = man_page(std::string(program.name) + ".1");
+    std::set<std::string> commands;
+    for (const cli_command *command : program.commands) {
+        const std::string name = std::string(program.name) + "-" + command->name;
+        commands.insert("Xr " + name + " 1");
+        expect_in_manual(*command, name);
+    }
+    EXPECT_EQ(man_items(page, "Xr"), commands);
+    const std::string help = cli_help(program);
+    for (const std::string &option : man_options(page))
+        EXPECT_NE(help.find(" " + option), std::string::npos) << program.name << ": " << option;
+    EXPECT_GE(man_options(page).size(), 2U);
 }
 
 inline void expect_told(const cli_program &program, const cli_command &command,

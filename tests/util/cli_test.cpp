@@ -208,7 +208,7 @@ TEST(Cli, HelpOfTheProgramIsMadeOfItsRows)
     EXPECT_EQ(cli_help(tool), "Usage: tool words [WORD...]\n"
                               "       tool options [-cfg FILE]\n"
                               "           [-f]\n"
-                              "       tool --help | --version\n"
+                              "       tool -h | --help | --version\n"
                               "\n"
                               "Takes all sorts.\n"
                               "\n"

@@ -155,12 +155,23 @@ static void open_output(capread_output &output)
     output.patterns = options.patterns;
 }
 
+// What the patterns cannot take needs no layout.
+static void choose_datasets(capread_run &run)
+{
+    if (!options.patterns.empty())
+        run.record.wants = [&output = run.output](const rec_header_names &names) {
+            return capread_wants(output, names);
+        };
+}
+
 // What is written would be read again.
 static bool is_output(const char *file)
 {
     struct stat a;
     struct stat b;
-    return fstat(STDOUT_FILENO, &a) == 0 && stat(file, &b) == 0 && S_ISREG(b.st_mode) &&
+    const bool is_input = options.form.text && strcmp(file, "-") == 0;
+    return fstat(STDOUT_FILENO, &a) == 0 &&
+           (is_input ? fstat(STDIN_FILENO, &b) : stat(file, &b)) == 0 && S_ISREG(b.st_mode) &&
            a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
@@ -178,6 +189,7 @@ static outcome run()
     if (outcome done = open_layouts(run.record.layouts); !done)
         return done;
     open_output(run.output);
+    choose_datasets(run);
     stop_signal_install();
     outcome done = options.form.text ? capread_text(run) : capread_messages(run);
     // Behind a failure, too, the lines before it are written.
@@ -223,7 +235,7 @@ static const char help[] =
     "  --numbers text|json  of JSON: integers and decimals as strings, or as numbers\n"
     "  --follow         go on with what comes, until a signal\n"
     "  --remove         remove each record of a message file when its line is written\n"
-    "  --help           print this\n"
+    "  --help           print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error, a record that does not fit, a torn last line; 2 wrong\n"
     "command line; 128 + n stopped by signal n, behind a whole line (or, with a reader that\n"

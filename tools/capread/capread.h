@@ -43,6 +43,9 @@ outcome capread_text(capread_run &run);
 // OUTCOME_BAD with the file and the record in hand in front.
 outcome capread_at(const capread_run &run, outcome done);
 
+// Whether the patterns take records with such names, or may take them.
+bool capread_wants(const capread_output &output, const rec_header_names &names);
+
 // Adds the change of the record that was taken last.
 outcome capread_put(capread_run &run);
 

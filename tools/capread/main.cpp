@@ -7,7 +7,9 @@
 int main(int argc, char **argv)
 {
     fill_standard_files();
-    // A closed pipe is an error of a write, told like others: the record stays in the file.
+    // A closed pipe and a file size limit are errors of a write, told like others: the record
+    // stays in the file.
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     return cli_main(capread_row, KESTRO_VERSION, argc, argv);
 }

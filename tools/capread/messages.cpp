@@ -1,7 +1,9 @@
 // Message files, by the library's calls.  Records are kept, and read one behind the other, or each
-// is removed when its lines have been written: nobody else may read the file meanwhile.
+// is removed when its lines have been written: nobody else may read the file meanwhile.  Kept ones
+// cannot be waited for in the library, which waits only where it has no first record to give.
 #include "msgfile/tmf.h"
 #include "tools/capread/capread.h"
+#include "util/round_timer.h"
 #include "util/stop_signal.h"
 
 #include <cerrno>
@@ -9,8 +11,12 @@
 #include <sys/stat.h>
 #include <utility>
 
-constexpr int ROUND_SECONDS = 1; // of a wait in the library, which a signal may come just before
-constexpr off_t SMALLEST = 256;  // a shorter file would be filled up when it is opened
+// Of a wait in the library, which a signal may come just before.  A timer ends it, too: the library
+// charges no time for wake-ups, and those of another file come whose wait list has this port yet.
+constexpr int ROUND_SECONDS = 1;
+
+constexpr int USUAL_LENGTH = 2048; // of a record; the library reads as much as it is asked for
+constexpr off_t SMALLEST = 256;    // a shorter file would be filled up when it is opened
 
 struct message_input {
     capread_run &run;
@@ -18,6 +24,7 @@ struct message_input {
     std::vector<char> buffer = {};
     int64_t taken = 0; // records read, of a file that keeps them
     int32_t there = 0; // records found, of one that does not, and not removed since
+    int usual = USUAL_LENGTH;
 };
 
 static outcome failed(const message_input &in, const char *text)
@@ -64,6 +71,8 @@ static outcome put_record(message_input &in, int length)
                                            " bytes, where these options have a header of " +
                                            std::to_string(run.record.header.length)));
     outcome done = rec_record_begin(run.record, bytes);
+    if (done && run.record.dataset == nullptr)
+        return done;
     if (done)
         done = rec_record_take(run.record, bytes);
     return done ? capread_put(run) : capread_at(run, std::move(done));
@@ -115,6 +124,29 @@ static outcome remove_record(message_input &in)
                           tmf_geterrmsg(in.h, text));
 }
 
+// Reads the first record and leaves it there.  One that may be longer than what was asked for is
+// read once more, whole, and those behind it like that at once.
+static int peek(message_input &in, int flags)
+{
+    int got = tmf_freadx(in.h, in.buffer.data(), in.usual, flags, ROUND_SECONDS);
+    if (got == in.usual && in.usual < TMF_MAX_DATA) {
+        in.usual = TMF_MAX_DATA;
+        got = tmf_freadx(in.h, in.buffer.data(), in.usual, flags, ROUND_SECONDS);
+    }
+    return got;
+}
+
+// Waits a round for a first record.  0: there is none yet.
+static int wait_and_peek(message_input &in)
+{
+    round_timer_start(ROUND_SECONDS);
+    const int got = peek(in, TMF_READ_KEEP | TMF_READ_WAIT);
+    round_timer_stop();
+    // The wait for the file's lock is reported so, of an empty file as an internal error.
+    const bool over = round_timer_over() && (got == TMF_ELOCK_WAIT || got == TMF_EINTERNAL);
+    return over ? 0 : got;
+}
+
 static outcome remove_step(message_input &in, bool &more)
 {
     if (in.there == 0) {
@@ -124,9 +156,7 @@ static outcome remove_step(message_input &in, bool &more)
         if (!more)
             return {};
     }
-    const int flags = TMF_READ_KEEP | (in.there == 0 ? TMF_READ_WAIT : 0);
-    const int got = tmf_freadx(in.h, in.buffer.data(), static_cast<int>(in.buffer.size()), flags,
-                               ROUND_SECONDS);
+    const int got = in.there == 0 ? wait_and_peek(in) : peek(in, TMF_READ_KEEP);
     if (got < 0)
         return failed_call(in);
     if (got == 0 && in.there == 0) // the round is over, or a signal came
@@ -149,6 +179,7 @@ outcome capread_messages(capread_run &run)
     if (in.h == nullptr)
         return failed_call(in);
     in.buffer.resize(TMF_MAX_DATA);
+    round_timer_install();
     outcome done;
     for (bool more = true; more && done;) {
         done = run.remove ? remove_step(in, more) : keep_step(in, more);

@@ -49,14 +49,16 @@ outcome capread_write(capread_output &output)
     return capread_flush(output);
 }
 
-static bool is_wanted(const capread_output &output, const fwu_layout &layout)
+// Without a database the pattern's part of the dataset decides.
+bool capread_wants(const capread_output &output, const rec_header_names &names)
 {
-    if (output.patterns.empty())
-        return true;
-    const std::string subject = layout.dbname + ":" + layout.dsetname;
-    return std::any_of(output.patterns.begin(), output.patterns.end(),
-                       [&subject](const std::string &pattern) {
-                           return patmatches(pattern.c_str(), subject.c_str()) != 0;
+    const bool whole = names.database.has_value();
+    const std::string subject = whole ? *names.database + ":" + names.dataset : names.dataset;
+    return output.patterns.empty() ||
+           std::any_of(output.patterns.begin(), output.patterns.end(),
+                       [&subject, whole](const std::string &pattern) {
+                           const size_t from = whole ? 0 : pattern.rfind(':') + 1;
+                           return patmatches(pattern.c_str() + from, subject.c_str()) != 0;
                        });
 }
 
@@ -102,7 +104,8 @@ outcome capread_put(capread_run &run)
 {
     capread_output &output = run.output;
     const rec_record &record = run.record;
-    if (!is_wanted(output, record.made.dataset->layout))
+    const fwu_layout &layout = record.made.dataset->layout;
+    if (!capread_wants(output, {layout.dbname, layout.dsetname}))
         return {};
     tell_inexact(run);
     if (!output.csv_wanted) {

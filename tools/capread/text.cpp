@@ -1,5 +1,6 @@
 // Text capture files.  A record is as long as its header and its layout say, with a line end
-// behind it: texts of a -dirty file may hold line ends.
+// behind it: texts of a -dirty file may hold line ends.  A file that is followed may be moved away
+// or emptied meanwhile, as log files are.
 #include "tools/capread/capread.h"
 #include "util/stop_signal.h"
 
@@ -11,6 +12,7 @@
 #include <utility>
 
 constexpr size_t FIRST_SIZE = size_t{256} * 1024;
+constexpr size_t LONGEST_LINE = size_t{4} * 1024 * 1024; // more than two rows of any layout have
 
 struct text_input {
     capread_run &run;
@@ -21,6 +23,8 @@ struct text_input {
     size_t end = 0;      // of the bytes read
     uint64_t offset = 0; // in the file, of the record in hand
     bool ended = false;
+    bool leaving = false; // another file has the name by now: this one is read to its end
+    bool anew = false;    // what waits is the beginning of a file
 };
 
 static outcome failed(const text_input &in)
@@ -40,6 +44,58 @@ static std::string_view waiting(const text_input &in)
     return {in.buffer.data() + in.begin, in.end - in.begin};
 }
 
+static void begin_anew(text_input &in)
+{
+    in.begin = in.end = 0;
+    in.offset = 0;
+    in.run.number = 0;
+    in.leaving = false;
+    in.anew = true;
+}
+
+static bool is_stdin(const capread_run &run)
+{
+    return strcmp(run.file, "-") == 0;
+}
+
+// Whether another file has the name, and something in it.  The writer has left this one then: a
+// file that is only made (logrotate does it) may come before its last lines.
+static bool is_replaced(const text_input &in, const struct stat &about)
+{
+    struct stat named;
+    return !is_stdin(in.run) && stat(in.run.file, &named) == 0 && S_ISREG(named.st_mode) &&
+           named.st_size > 0 && (named.st_dev != about.st_dev || named.st_ino != about.st_ino);
+}
+
+// Goes on with the file of the name.
+static outcome change_file(text_input &in)
+{
+    const int fd = open(in.run.file, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return failed(in);
+    if (!waiting(in).empty())
+        tell("%s: the file that had this name ends within a line, behind %zu bytes; going on with "
+             "the one that has it now",
+             in.run.file, waiting(in).size());
+    (void)close(in.fd); // nothing was written to it
+    in.fd = fd;
+    begin_anew(in);
+    return {};
+}
+
+static outcome become_shorter(text_input &in, off_t size)
+{
+    if (!in.run.follow)
+        return outcome_failed("%s: it has become shorter, %lld bytes", in.run.file,
+                              static_cast<long long>(size));
+    tell("%s: it has become shorter, %lld bytes: going on with its beginning", in.run.file,
+         static_cast<long long>(size));
+    if (lseek(in.fd, 0, SEEK_SET) != 0)
+        return failed(in);
+    begin_anew(in);
+    return {};
+}
+
 // Nothing more is in the file.
 static outcome at_end(text_input &in)
 {
@@ -47,11 +103,15 @@ static outcome at_end(text_input &in)
     if (fstat(in.fd, &about) != 0)
         return failed(in);
     if (in.regular && static_cast<uint64_t>(about.st_size) < in.offset + waiting(in).size())
-        return outcome_failed("%s: it has become shorter, %lld bytes", in.run.file,
-                              static_cast<long long>(about.st_size));
+        return become_shorter(in, about.st_size);
     in.ended = !in.run.follow || !in.regular;
     if (in.ended)
         return {};
+    if (in.leaving)
+        return change_file(in);
+    in.leaving = is_replaced(in, about);
+    if (in.leaving)
+        return {}; // what came before it was looked for
     outcome done = capread_flush(in.run.output);
     return done ? capread_pause() : std::move(done);
 }
@@ -79,19 +139,24 @@ static outcome fill(text_input &in)
     return got == 0 ? at_end(in) : outcome();
 }
 
-// Where a line ends too early that has so many bytes, of a file whose lines hold no line ends;
+// Where a line ends too early that has so many bytes, of a file whose columns hold no line ends;
 // npos: it does not.
 static size_t early_end(const text_input &in, size_t length)
 {
-    return in.run.record.layouts.form.dirty ? std::string_view::npos
-                                            : waiting(in).substr(0, length).find('\n');
+    const std::string_view line = waiting(in).substr(0, length);
+    if (in.run.record.layouts.form.dirty || line.find('\n') == line.npos)
+        return line.npos;
+    const rec_header &header = in.run.record.header;
+    const size_t found = rec_header_line_end(header, line);
+    return found != line.npos ? found : line.find('\n', header.length);
 }
 
-// Reads until so many bytes of a line, and some behind them, wait, or it is known to be shorter.
+// Reads until so many bytes of a line, and some behind them, wait, or it is known to be shorter,
+// or another file begins.
 static outcome need(text_input &in, size_t length, size_t behind)
 {
     outcome done;
-    while (done && !in.ended && waiting(in).size() < length + behind &&
+    while (done && !in.ended && !in.anew && waiting(in).size() < length + behind &&
            early_end(in, length) == std::string_view::npos)
         done = fill(in);
     return done;
@@ -111,12 +176,35 @@ static outcome torn(const text_input &in)
                                " bytes; the records before it are whole"));
 }
 
+// Passes over a record up to its line's end: its columns hold none.
+static outcome pass_line(text_input &in)
+{
+    size_t found = std::string_view::npos;
+    for (size_t from = in.run.record.header.length;;) {
+        found = waiting(in).find('\n', from);
+        if (found != std::string_view::npos)
+            break;
+        from = waiting(in).size();
+        if (in.ended)
+            return torn(in);
+        if (from > LONGEST_LINE)
+            return bad(
+                in, outcome_bad("the line does not end within " + std::to_string(from) + " bytes"));
+        if (outcome done = fill(in); !done || in.anew)
+            return done;
+    }
+    in.begin += found + 1;
+    in.offset += found + 1;
+    return {};
+}
+
 static outcome step(text_input &in, bool &more)
 {
     rec_record &record = in.run.record;
     const size_t head = record.header.length;
     in.run.number++;
-    if (outcome done = need(in, head, 0); !done)
+    in.anew = false;
+    if (outcome done = need(in, head, 0); !done || in.anew)
         return done;
     more = !waiting(in).empty();
     if (!more)
@@ -127,8 +215,10 @@ static outcome step(text_input &in, bool &more)
         return torn(in);
     if (outcome done = rec_record_begin(record, waiting(in)); !done)
         return bad(in, std::move(done));
+    if (record.dataset == nullptr)
+        return pass_line(in);
     const size_t length = record.length;
-    if (outcome done = need(in, length, 1); !done)
+    if (outcome done = need(in, length, 1); !done || in.anew)
         return done;
     const std::string wanted =
         "one of " + rec_record_name(record) + " has " + std::to_string(length);
@@ -148,8 +238,9 @@ static outcome step(text_input &in, bool &more)
 static outcome open_file(text_input &in)
 {
     struct stat about;
-    in.fd =
-        strcmp(in.run.file, "-") == 0 ? dup(STDIN_FILENO) : open(in.run.file, O_RDONLY | O_CLOEXEC);
+    in.fd = is_stdin(in.run) ? dup(STDIN_FILENO) : open(in.run.file, O_RDONLY | O_CLOEXEC);
+    if (in.fd < 0 && stop_signal_get() != 0) // while a pipe had no writer
+        return OUTCOME_STOPPED;
     if (in.fd < 0 || fstat(in.fd, &about) != 0)
         return failed(in);
     in.regular = S_ISREG(about.st_mode);

@@ -12,6 +12,7 @@
 #include "fwutil/fwu_error.h"
 #include "tools/fwlog/dump_value.h"
 #include "tools/fwlog/following.h"
+#include "tools/fwlog/log_directory.h"
 #include "tools/fwlog/selection.h"
 
 #include <algorithm>
@@ -100,13 +101,9 @@ outcome fwlog_consumer_open(fwlog_consumer &c, const char *cfg)
     fwu_config config;
     if (fwu_config_read(config, cfg) != 0)
         return OUTCOME_FAILED;
-    char *const real = realpath(config.log_directory.c_str(), nullptr);
-    if (real == nullptr)
-        return outcome_failed("%s: cannot find the log directory: %s; create it, or correct "
-                              "log-directory in %s",
-                              config.log_directory.c_str(), strerror(errno), config.path.c_str());
-    const std::string directory = real;
-    free(real);
+    std::string directory;
+    if (outcome found = fwlog_log_directory(config, directory); !found)
+        return found;
     const bool given = fwlog_selected.after.sequence != 0 || fwlog_selected.from.sequence != 0;
     if (fwu_status_open(c.state, fwlog_state.file, directory, given) != 0)
         return OUTCOME_FAILED;

@@ -114,7 +114,7 @@ static const char help[] =
     "  --dir DIR         write a file there for each dataset and layout,\n"
     "                    DATABASE.DATASET.csv, DATABASE.DATASET.2.csv and so on\n"
     "  --force           replace files that are there\n"
-    "  --help            print this\n"
+    "  --help            print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error or damage, a second layout without --dir; 2 wrong command\n"
     "line; 128 + n stopped by signal n, behind a whole transaction (or, with a reader that\n"

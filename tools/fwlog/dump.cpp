@@ -57,6 +57,15 @@ static int visit(fwlog_printer &printer, const fwu_walk_item &item)
     return ferror(stdout) != 0 ? 1 : 0;
 }
 
+// Whether the range begins before the log's oldest file.
+static bool begins_before(const std::string &directory)
+{
+    std::vector<fwu_log_file> files;
+    return !fwlog_position_given(fwlog_selected.from) ||
+           (fwu_log_list(directory, files) == 0 && !files.empty() &&
+            fwlog_position_compare(files.front(), 0, fwlog_selected.from) > 0);
+}
+
 static outcome run_text()
 {
     fwlog_printer printer;
@@ -64,6 +73,8 @@ static outcome run_text()
     fwu_reader_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
+    if (begins_before(config.log_directory))
+        fwu_log_warn_begins_late(config.log_directory);
     const int walked = fwu_log_walk(config.log_directory, [&printer](const fwu_walk_item &item) {
         return visit(printer, item);
     });
@@ -101,7 +112,7 @@ static const char help[] =
     "                       that\n"
     "  --ack                keep instead how far they were dealt with: read such positions\n"
     "                       from standard input, one a line\n"
-    "  --help               print this\n"
+    "  --help               print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error or damage, or changes were not acknowledged; 2 wrong\n"
     "command line.\n";

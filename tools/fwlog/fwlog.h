@@ -18,6 +18,8 @@ extern const cli_command fwlog_verify_row;
 extern const cli_command fwlog_info_row;
 extern const cli_command fwlog_repair_row;
 extern const cli_command fwlog_prune_row;
+extern const cli_command fwlog_readers_row;
+extern const cli_command fwlog_health_row;
 
 extern const cli_program fwlog_program;
 

@@ -1,14 +1,19 @@
 // fwlog info: files, positions, times and counts of a log.
 #include "fwutil/fwu_ack.h"
-#include "fwutil/fwu_reader_config.h"
+#include "fwutil/fwu_config.h"
+#include "fwutil/fwu_error.h"
+#include "fwutil/fwu_readers.h"
 #include "fwutil/fwu_start.h"
 #include "tools/fwlog/dump_value.h"
 #include "tools/fwlog/fwlog.h"
+#include "tools/fwlog/info_dset.h"
+#include "tools/fwlog/selection.h"
 #include "tools/fwlog/survey.h"
 #include "util/json_text.h"
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 struct info_options {
@@ -20,6 +25,7 @@ static info_options options;
 static constexpr cli_option rows[] = {
     {"-cfg", CLI_FILE, &options.cfg},
     {"--json", CLI_FLAG, &options.json},
+    {"--dset", FWLOG_PATTERN, info_take_dset},
 };
 
 struct log_totals {
@@ -35,6 +41,56 @@ struct log_totals {
     bool have_ack = false;
     fwu_ack ack;
 };
+
+// What keeps old files: the configuration's log-keep, and the reader that keeps most of those that
+// are registered.
+struct log_kept {
+    std::string keep;
+    size_t readers = 0;
+    fwu_reader most;  // path empty: there is none
+    size_t files = 0; // that it keeps
+};
+
+static bool find_kept(log_kept &kept, const fwu_config &config)
+{
+    kept.keep = config.keep.text;
+    std::vector<fwu_log_file> files;
+    std::vector<fwu_reader> readers;
+    char *real = realpath(config.log_directory.c_str(), nullptr);
+    const std::string directory = real != nullptr ? real : config.log_directory;
+    free(real);
+    if (fwu_log_list(directory, files) != 0 ||
+        fwu_readers_needs(directory, files, readers, false) == FWU_FAILED)
+        return false;
+    kept.readers = readers.size();
+    for (fwu_reader &reader : readers) {
+        const size_t count = files.size() - fwu_need_free(reader.need, files);
+        if (!kept.most.path.empty() && count <= kept.files)
+            continue;
+        kept.files = count;
+        kept.most = std::move(reader);
+    }
+    return true;
+}
+
+static void print_kept(const log_kept &kept)
+{
+    if (!kept.keep.empty())
+        printf("log-keep          %s\n", kept.keep.c_str());
+    if (kept.readers > 0)
+        printf("readers           %zu; %zu files stay for %s (%s)\n", kept.readers, kept.files,
+               kept.most.path.c_str(), fwu_need_text(kept.most.need).c_str());
+}
+
+static void print_json_kept(const log_kept &kept)
+{
+    const bool any = kept.readers > 0;
+    printf(",\"retention\":{\"keep\":%s,\"readers\":%zu,\"held_by\":%s,\"held_at\":%s,"
+           "\"held_files\":%zu}}\n",
+           kept.keep.empty() ? "null" : json_text(kept.keep).c_str(), kept.readers,
+           any ? json_text(kept.most.path).c_str() : "null",
+           any ? json_text(fwu_need_text(kept.most.need)).c_str() : "null", kept.files);
+}
 
 static std::string time_text(int64_t us)
 {
@@ -107,15 +163,6 @@ static void print_log(const log_totals &totals)
                fwu_lsn_text(totals.ack.commit.lsn).c_str());
 }
 
-static std::string shown_name(const std::string &database, const std::string &dataset)
-{
-    std::string text;
-    dump_name(text, database);
-    text += ".";
-    dump_name(text, dataset);
-    return text;
-}
-
 static void print_totals(const log_totals &totals)
 {
     printf("%" PRIu64 " files, %" PRId64 " bytes, %" PRIu64 " transactions\n", totals.files,
@@ -130,9 +177,7 @@ static void print_totals(const log_totals &totals)
     if (!totals.datasets.empty())
         printf("%-33s %10s %10s %10s\n", "dataset", "inserts", "updates", "deletes");
     for (const auto &[name, counts] : totals.datasets)
-        printf("%-33s %10" PRIu64 " %10" PRIu64 " %10" PRIu64 "\n",
-               shown_name(name.first, name.second).c_str(), counts.inserts, counts.updates,
-               counts.deletes);
+        puts(info_dataset_line(name.first, name.second, counts).c_str());
 }
 
 static void print_json_file(const survey_file &facts, bool first)
@@ -165,22 +210,40 @@ static void print_json_totals(const log_totals &totals)
     printf(",\"datasets\":[");
     const char *separator = "";
     for (const auto &[name, counts] : totals.datasets) {
-        printf("%s{\"database\":%s,\"dataset\":%s,\"inserts\":%" PRIu64 ",\"updates\":%" PRIu64
-               ",\"deletes\":%" PRIu64 "}",
-               separator, json_text(name.first).c_str(), json_text(name.second).c_str(),
-               counts.inserts, counts.updates, counts.deletes);
+        printf("%s%s", separator, info_dataset_json(name.first, name.second, counts).c_str());
         separator = ",";
     }
     printf("],\"marks\":{\"truncate\":%" PRIu64 ",\"gap\":%" PRIu64
-           "},\"whole_values\":{\"count\":%" PRIu64 ",\"bytes\":%" PRIu64 "}}\n",
+           "},\"whole_values\":{\"count\":%" PRIu64 ",\"bytes\":%" PRIu64 "}",
            totals.truncates, totals.gaps, totals.values, totals.value_bytes);
+}
+
+// What the patterns take, and nothing else.
+static outcome tell_dsets(const std::string &directory)
+{
+    log_totals totals;
+    bool sound = true;
+    outcome surveyed = fwlog_survey(directory, [&](const survey_file &facts) {
+        sound = sound && facts.damage.empty();
+        add(totals, facts);
+    });
+    if (!surveyed)
+        return surveyed;
+    if (!sound)
+        fwu_error("%s: the log is damaged, and what stands behind the damage is not counted; "
+                  "fwlog verify tells where",
+                  directory.c_str());
+    const bool all = info_print_dsets(totals.datasets, options.json);
+    return fwlog_told(sound && all);
 }
 
 static outcome run()
 {
-    fwu_reader_config config;
+    fwu_config config;
     if (fwu_config_read(config, options.cfg) != 0)
         return OUTCOME_FAILED;
+    if (info_has_dsets())
+        return tell_dsets(config.log_directory);
     log_totals totals;
     bool sound = true;
     if (options.json)
@@ -193,12 +256,15 @@ static outcome run()
     const fwu_found acked = fwu_ack_read(config.log_directory, totals.ack);
     totals.have_ack = acked == FWU_FOUND;
     sound = sound && acked != FWU_FAILED;
+    log_kept kept;
+    sound = find_kept(kept, config) && sound;
     options.json ? print_json_totals(totals) : print_totals(totals);
+    options.json ? print_json_kept(kept) : print_kept(kept);
     return surveyed ? fwlog_told(sound) : std::move(surveyed);
 }
 
 static const char help[] =
-    "Usage: fwlog info [-cfg FILE] [--json]\n"
+    "Usage: fwlog info [-cfg FILE] [--json] [--dset PATTERN ...]\n"
     "\n"
     "Tells of each file of the forward log its size, its transactions with the times of\n"
     "the first and the last commit, and the position of the last one in the log and in\n"
@@ -208,9 +274,14 @@ static const char help[] =
     "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
     "               fwutil.cfg), which names the log directory\n"
     "  --json       one JSON object\n"
-    "  --help       print this\n"
+    "  --dset PATTERN\n"
+    "               tells instead which datasets and how many records Kestro's -dset\n"
+    "               PATTERN takes, and for one that takes nothing what was probably\n"
+    "               meant; may be given several times\n"
+    "  --help       print this (also -h)\n"
     "\n"
-    "Exit status: 0 done; 1 damage, or the log could not be read; 2 wrong command line.\n";
+    "Exit status: 0 done; 1 damage, a pattern that takes nothing, or the log could not be\n"
+    "read; 2 wrong command line.\n";
 
 constinit const cli_command fwlog_info_row = {
     .name = "info",

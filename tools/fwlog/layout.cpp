@@ -275,7 +275,7 @@ static const char help[] =
     "  -asciirev        the same, numbers of the other byte order\n"
     "  -bwfmt           numbers without leading zeros and plus signs\n"
     "  -dirty           changes no position\n"
-    "  --help           print this\n"
+    "  --help           print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error or damage, no such dataset; 2 wrong command line.\n";
 

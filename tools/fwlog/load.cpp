@@ -10,6 +10,7 @@
 #include "util/line_reader.h"
 #include "util/stop_signal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -153,7 +154,12 @@ static outcome load(const fwlog_load_options &options, int fd, const char *name)
     bool on_disk = true;
     reader.before_wait = [&] {
         on_disk = on_disk && fwu_writer_settle(stream.tx.writer, false) == 0;
-        return on_disk ? fwu_writer_settle_in(stream.tx.writer) : -1;
+        if (!on_disk)
+            return -1;
+        fwu_writer_tend(stream.tx.writer);
+        const int settle_in = fwu_writer_settle_in(stream.tx.writer);
+        const int tend_in = fwu_writer_tend_in(stream.tx.writer);
+        return settle_in < 0 ? tend_in : std::min(settle_in, tend_in);
     };
     struct stat about = {};
     load_progress progress;

@@ -28,7 +28,7 @@ static const char help[] =
     "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
     "               fwutil.cfg): log directory, datasets and their items\n"
     "  --truncate   cut texts that are too long for their item and go on\n"
-    "  --help       print this\n"
+    "  --help       print this (also -h)\n"
     "\n"
     "Exit status: 0 all loaded; 1 error (whole transactions before it are in the\n"
     "log); 2 wrong command line; 128 + signal number when SIGINT or SIGTERM ended\n"

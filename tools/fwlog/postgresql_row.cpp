@@ -169,7 +169,7 @@ static const char help[] =
     "                       for each query that reads a table (default 60)\n"
     "  --json               with --check: print one JSON object\n"
     "  --write-config FILE  with --check: write it as a configuration, to be edited\n"
-    "  --help               print this\n"
+    "  --help               print this (also -h)\n"
     "\n"
     "Exit status: 0 done (--once, --resume), or nothing is in a start's way (--check);\n"
     "1 error (whole transactions before it are in the log), a table that is not taken in\n"

@@ -1,11 +1,12 @@
 // fwlog prune: removes old log files.  They go oldest first, so that whatever ends
-// it leaves a log without a gap, and none goes that a given status file still needs.
-#include "fwutil/fwu_boot.h"
+// it leaves a log without a gap, and none goes that a registered reader or a given status file
+// still needs.
+#include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_log.h"
-#include "fwutil/fwu_place.h"
 #include "fwutil/fwu_reader_config.h"
-#include "fwutil/fwu_status.h"
+#include "fwutil/fwu_readers.h"
+#include "fwutil/fwu_removal.h"
 #include "tools/fwlog/fwlog.h"
 #include "tools/fwlog/position.h"
 #include "tools/fwlog/survey.h"
@@ -17,8 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <utility>
 
 struct prune_options {
     const char *cfg = nullptr;
@@ -43,11 +43,6 @@ static constexpr cli_option rows[] = {
     {"-cfg", CLI_FILE, &options.cfg},          {"--keep", FILE_COUNT, &options.keep},
     {"--before", FWLOG_POSITION, take_before}, {"--status", CLI_FILE, &options.statuses},
     {"--dry-run", CLI_FLAG, &options.dry_run}, {"--json", CLI_FLAG, &options.json},
-};
-
-struct prune_totals {
-    uint64_t files = 0;
-    int64_t bytes = 0;
 };
 
 // The newest file that holds a transaction: a writer that starts finds there where
@@ -106,61 +101,69 @@ static outcome count_old(const std::vector<fwu_log_file> &files, size_t &count)
     return {};
 }
 
-// The place behind which the run of a status file may have to go on, and what it is.
-// What the callback wrote for the last record of all may not be on disk: behind a power
-// cut the run goes on behind the one before which everything is.
-static const fwu_place &needed_place(const fwu_status_text &text, const char *&which)
+// What to do about a reader that forbids it.
+struct reader_remedy {
+    std::string path;
+    bool registered = false;
+};
+
+static std::string when_over(const reader_remedy &reader)
 {
-    const bool live = text.version == 1 || (text.have_live && text.synced.boot == FWU_BOOT_ANY);
-    which = live ? "position" : "position on disk";
-    return live ? text.live : text.on_disk;
+    return reader.registered ? "take it off the register when its run is over (fwlog readers "
+                               "--remove " +
+                                   reader.path + ")"
+                             : "leave out its --status";
 }
 
 // Whether the run of a status file can do without the oldest files.
-static outcome check_status(const char *path, const std::string &directory,
-                            const std::vector<fwu_log_file> &files, size_t count)
+static outcome check_status(const reader_remedy &reader, const fwu_need &need, size_t free,
+                            size_t count)
 {
-    fwu_status_text text;
-    if (fwu_status_read(path, text) != 0)
+    const char *const path = reader.path.c_str();
+    const std::string over = when_over(reader);
+    const std::string position = fwu_position_text(need.place.position);
+    switch (need.kind) {
+    case FWU_NEED_UNKNOWN:
+        tell("%s", need.why.c_str());
         return outcome_failed(
             "%s: what its run still needs is not known; nothing removed; mend the "
-            "status file, or leave out its --status when the run is over",
-            path);
-    const char *which = nullptr;
-    const fwu_place &place = needed_place(text, which);
-    if (!fwu_place_named(place))
-        return outcome_failed(
-            "%s: the status file names no record yet%s, so its run begins with the "
-            "log's oldest file; nothing removed; prune when it has captured "
-            "something, or leave out its --status",
-            path, fwu_place_named(text.live) ? " that is known to be on disk" : "");
-    if (text.log_directory != directory)
-        return outcome_failed("%s: the status file belongs to the log in %s, not to the one in %s; "
-                              "nothing removed; name the right configuration, or leave out its "
-                              "--status",
-                              path, text.log_directory.c_str(), directory.c_str());
-    const std::string position = fwu_position_text(place.position);
-    const std::string what = std::string(path) + ": " + which + " " + position;
-    if (fwu_place_check(directory, place, what) != 0)
-        return outcome_failed(
-            "%s: its run cannot go on; nothing removed; mend that, or leave out its "
-            "--status",
-            path);
-    fwu_position file = place.position;
-    const fwu_log_file *needed = fwu_start_look(files, file);
-    // One that came after the log was listed is behind all that may go.
-    if (needed == nullptr || needed >= files.data() + count)
-        return {};
-    return outcome_failed("%s: its %s %s needs %s and the files behind it; nothing removed; "
-                          "prune with --before %d-%d, or when its run has gone on",
-                          path, which, position.c_str(), needed->name.c_str(), needed->generation,
-                          needed->sequence);
+            "status file, or %s%s",
+            path, over.c_str(), reader.registered ? "" : " when the run is over");
+    case FWU_NEED_NO_PLACE:
+        return outcome_failed("%s: the status file names no record yet%s, so its run begins with "
+                              "the log's oldest file; nothing removed; prune when it has captured "
+                              "something, or %s",
+                              path, need.has_live ? " that is known to be on disk" : "",
+                              over.c_str());
+    case FWU_NEED_FOREIGN:
+        return outcome_failed("%s; nothing removed; name the right configuration, or %s",
+                              need.why.c_str(), over.c_str());
+    case FWU_NEED_LOST:
+        tell("%s", need.why.c_str());
+        return outcome_failed("%s: its run cannot go on; nothing removed; mend that, or %s", path,
+                              over.c_str());
+    default:
+        if (count <= free)
+            return {};
+        return outcome_failed("%s: its %s %s needs %s and the files behind it; nothing removed; "
+                              "prune with --before %d-%d, or when its run has gone on",
+                              path, need.which, position.c_str(), need.file.name.c_str(),
+                              need.file.generation, need.file.sequence);
+    }
 }
 
+// All that forbid it are told.
 static outcome check_statuses(const std::string &directory, const std::vector<fwu_log_file> &files,
                               size_t count)
 {
-    if (options.statuses.empty())
+    std::vector<std::string> paths;
+    if (fwu_readers_read(directory, paths) == FWU_FAILED)
+        return outcome_failed(
+            "what the registered readers still need is not known; nothing removed");
+    const size_t registered = count > 0 ? paths.size() : 0; // nothing goes: nobody objects
+    paths.resize(registered);
+    paths.insert(paths.end(), options.statuses.begin(), options.statuses.end());
+    if (paths.empty())
         return {};
     char *real = realpath(directory.c_str(), nullptr);
     if (real == nullptr)
@@ -169,8 +172,10 @@ static outcome check_statuses(const std::string &directory, const std::vector<fw
     const std::string absolute = real;
     free(real);
     outcome result;
-    for (const char *path : options.statuses) { // all of them are told
-        if (outcome done = check_status(path, absolute, files, count); !done)
+    for (size_t i = 0; i < paths.size(); i++) {
+        const fwu_need need = fwu_need_of(paths[i], absolute, files);
+        const reader_remedy reader = {.path = paths[i], .registered = i < registered};
+        if (outcome done = check_status(reader, need, fwu_need_free(need, files), count); !done)
             result = std::move(done);
     }
     return result;
@@ -186,45 +191,37 @@ static void print_removed(const fwu_log_file &file, int64_t size, bool first)
                file.name.c_str(), size);
 }
 
-// Removes the oldest files, in their order; one that is gone already was taken by
-// another prune.
-static outcome remove_files(const std::vector<fwu_log_file> &files, size_t count,
-                            prune_totals &totals, size_t &at)
-{
-    for (at = 0; at < count; at++) {
-        const fwu_log_file &file = files[at];
-        struct stat about = {};
-        int failed = stat(file.path.c_str(), &about);
-        if (failed == 0 && !options.dry_run)
-            failed = unlink(file.path.c_str());
-        if (failed != 0 && errno == ENOENT)
-            continue;
-        if (failed != 0)
-            return outcome_failed(
-                "%s: cannot remove the log file: %s; it and the newer ones are left",
-                file.path.c_str(), strerror(errno));
-        print_removed(file, about.st_size, totals.files == 0);
-        totals.files++;
-        totals.bytes += about.st_size;
-    }
-    return {};
-}
+// A file that is gone, and its size.
+using removed_file = std::pair<fwu_log_file, int64_t>;
 
+// early: were removed before.
 static outcome prune(const std::string &directory, const std::vector<fwu_log_file> &files,
-                     size_t count)
+                     size_t count, const std::vector<removed_file> &early)
 {
-    prune_totals totals;
-    size_t gone = 0;
+    fwu_removal totals;
+    bool first = true;
+    const auto print = [&first](const fwu_log_file &file, int64_t size) {
+        print_removed(file, size, first);
+        first = false;
+    };
     if (options.json)
         printf("{\"directory\":%s,\"dry_run\":%s,\"removed\":[", json_text(directory).c_str(),
                options.dry_run ? "true" : "false");
-    outcome result = remove_files(files, count, totals, gone);
-    if (totals.files > 0 && !options.dry_run && fwu_path_sync(directory) != 0)
+    int64_t early_bytes = 0;
+    for (const auto &[file, size] : early) {
+        print(file, size);
+        early_bytes += size;
+    }
+    outcome result =
+        fwlog_told(fwu_remove_oldest(files, count, options.dry_run, totals, print) == 0);
+    if (totals.files + early.size() > 0 && !options.dry_run && fwu_path_sync(directory) != 0)
         result = outcome_failed("%s: cannot bring the log directory to disk: %s; after a power cut "
                                 "removed files may be there again",
                                 directory.c_str(), strerror(errno));
-    const size_t left = files.size() - gone;
-    const std::string oldest = left > 0 ? files[gone].name : "";
+    totals.files += early.size();
+    totals.bytes += early_bytes;
+    const size_t left = files.size() - totals.gone;
+    const std::string oldest = left > 0 ? files[totals.gone].name : "";
     if (options.json)
         printf("],\"files\":%" PRIu64 ",\"bytes\":%" PRId64 ",\"left\":%zu,\"oldest\":%s}\n",
                totals.files, totals.bytes, left, left > 0 ? json_text(oldest).c_str() : "null");
@@ -235,6 +232,28 @@ static outcome prune(const std::string &directory, const std::vector<fwu_log_fil
     return result;
 }
 
+// What there is, and how much of it is to go.
+static outcome look(const std::string &directory, std::vector<fwu_log_file> &files, size_t &count)
+{
+    files.clear();
+    if (fwu_log_list(directory, files) != 0)
+        return OUTCOME_FAILED;
+    if (outcome done = count_old(files, count); !done)
+        return done;
+    return check_statuses(directory, files, count);
+}
+
+// full: there is no room for the lock file, which is not told.
+static outcome take_lock(fwu_readers_lock &lock, const std::string &directory, bool &full)
+{
+    const fwu_error_hold hold;
+    const fwu_found found = fwu_readers_take_lock(lock, directory, true);
+    full = found == FWU_FAILED && (errno == ENOSPC || errno == EDQUOT);
+    if (found == FWU_FOUND || full)
+        return found == FWU_FOUND ? outcome() : outcome_bad(hold.text);
+    return outcome_failed("%s", hold.text.c_str());
+}
+
 static outcome run()
 {
     if (options.keep == 0 && !fwlog_position_given(options.before))
@@ -243,14 +262,32 @@ static outcome run()
         return cli_usage("give only one of --keep and --before", "prune");
     fwu_reader_config config;
     std::vector<fwu_log_file> files;
-    if (fwu_config_read(config, options.cfg) != 0 || fwu_log_list(config.log_directory, files) != 0)
-        return OUTCOME_FAILED;
+    std::vector<removed_file> early;
     size_t count = 0;
-    if (outcome done = count_old(files, count); !done)
+    bool full = false;
+    fwu_readers_lock lock; // who registers meanwhile finds the log as it is before, or behind
+    if (fwu_config_read(config, options.cfg) != 0)
+        return OUTCOME_FAILED;
+    const std::string &directory = config.log_directory;
+    outcome locked = options.dry_run ? outcome() : take_lock(lock, directory, full);
+    if (!locked && !full)
+        return locked;
+    if (outcome done = look(directory, files, count); !done)
         return done;
-    if (outcome done = check_statuses(config.log_directory, files, count); !done)
-        return done;
-    return prune(config.log_directory, files, count);
+    if (!locked && count > 0) {
+        // Without room nobody can have the lock; one file that goes makes some.
+        fwu_removal removal;
+        if (fwu_remove_oldest(files, 1, false, removal,
+                              [&early](const fwu_log_file &file, int64_t size) {
+                                  early.emplace_back(file, size);
+                              }) != 0)
+            return OUTCOME_FAILED;
+        if (outcome done = take_lock(lock, directory, full); !done)
+            return full ? outcome_failed("%s", done.text().c_str()) : std::move(done);
+        if (outcome done = look(directory, files, count); !done)
+            return done;
+    }
+    return prune(directory, files, count, early);
 }
 
 static const char help[] =
@@ -259,6 +296,7 @@ static const char help[] =
     "\n"
     "Removes the oldest files of the forward log, oldest first, also beside a writer\n"
     "and readers.  The newest file and the one with the last transaction always stay.\n"
+    "Nothing is removed if a registered reader (fwlog readers) needs one of the files.\n"
     "\n"
     "  -cfg FILE          configuration file (else the one named by FWUTIL_CFG, else\n"
     "                     fwutil.cfg), which names the log directory\n"
@@ -269,7 +307,7 @@ static const char help[] =
     "                     the files; may be repeated\n"
     "  --dry-run          only say what would be removed\n"
     "  --json             one JSON object\n"
-    "  --help             print this\n"
+    "  --help             print this (also -h)\n"
     "\n"
     "Exit status: 0 done, also when nothing was old enough; 1 error, or a status file\n"
     "forbids it; 2 wrong command line.\n";

@@ -164,7 +164,7 @@ static const char help[] =
     "  --accept-loss  also cut off what was acknowledged, which its source does not send\n"
     "                 again; better restore the log from a copy\n"
     "  --json         one JSON object\n"
-    "  --help         print this\n"
+    "  --help         print this (also -h)\n"
     "\n"
     "Exit status: 0 sound, repaired, or (--dry-run) to be repaired; 1 error, or refused\n"
     "without --accept-loss; 2 wrong command line.\n";

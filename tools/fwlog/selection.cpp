@@ -63,6 +63,8 @@ outcome fwlog_open_selected(change_reader &reader, const char *cfg)
     fwu_config config;
     if (fwu_config_read(config, cfg) != 0)
         return OUTCOME_FAILED;
+    if (selected.after.sequence == 0 && selected.from.sequence == 0)
+        fwu_log_warn_begins_late(config.log_directory);
     return fwlog_told(
         change_open(reader, config, {selected.after, selected.from, selected.to, fwlog_selects}) ==
         0);

@@ -333,7 +333,7 @@ static const char help[] =
     "                       repeated\n"
     "  --drop-columns       where columns are gone and others are new, none is the same\n"
     "  --keep-tables        change no table where a dataset gets a new layout\n"
-    "  --help               print this\n"
+    "  --help               print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error or damage; 2 wrong command line; 128 + signal number\n"
     "when SIGINT or SIGTERM ended it behind a whole transaction.\n";

@@ -237,7 +237,7 @@ static const char help[] =
     "                       and begin behind that; with the oldest when it is new\n"
     "  --ack                keep instead how far they were dealt with: read such positions\n"
     "                       from standard input, one a line\n"
-    "  --help               print this\n"
+    "  --help               print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error or damage, or changes were not acknowledged; 2 wrong\n"
     "command line; 128 + signal number when SIGINT or SIGTERM ended it behind a whole\n"

@@ -123,7 +123,7 @@ static const char help[] =
     "  -cfg FILE    configuration file (else the one named by FWUTIL_CFG, else\n"
     "               fwutil.cfg), which names the log directory\n"
     "  --json       one JSON object a line for each file\n"
-    "  --help       print this\n"
+    "  --help       print this (also -h)\n"
     "\n"
     "Exit status: 0 sound (a transaction being written at the end is); 1 damage, a\n"
     "missing file, or the log could not be read; 2 wrong command line.\n";

@@ -272,7 +272,7 @@ static const char help[] =
     "holds its lock.  Nothing is registered, locked or changed.\n"
     "\n"
     "  --json   one JSON object a line for each file\n"
-    "  --help   print this\n"
+    "  --help   print this (also -h)\n"
     "\n"
     "Exit status: 0 all shown; 1 a file could not be read, is not a message file or\n"
     "is damaged; 2 wrong command line.\n";

@@ -4,32 +4,29 @@
 #include "msgfile/tmf_layout.h"
 #include "tools/tmf/tmf_tool.h"
 #include "util/json_text.h"
+#include "util/round_timer.h"
 #include "util/stop_signal.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <vector>
 
 // Seconds of a wait in the library, after which everything is looked at again:
 // the time, a signal that came just before the wait, a writer that has gone
 // before the first record.
-static constexpr int round_seconds = 1;
-
+//
 // The library charges no time for wake-ups, and those of other files come, too: a
 // file may keep a port in its wait list that is another file's reader's by now.
-// So a timer ends the round; it goes on, since it may come between two waits.
-static constexpr int timer_again_ms = 50;
-static volatile sig_atomic_t g_round_over = 0;
+// So a timer ends the round.
+static constexpr int round_seconds = 1;
 
 enum read_format { FORMAT_LINES, FORMAT_RAW, FORMAT_HEX, FORMAT_JSON, FORMAT_FRAMED };
 
@@ -145,32 +142,6 @@ static outcome write_out(const read_state &state)
 
 // ---- waiting
 
-extern "C" {
-static void note_round_over(int /*number*/)
-{
-    g_round_over = 1;
-}
-}
-
-static void install_timer()
-{
-    struct sigaction action = {};
-    action.sa_handler = note_round_over; // and no SA_RESTART: it ends a wait
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGALRM, &action, nullptr);
-}
-
-static void set_timer(bool on)
-{
-    itimerval timer = {};
-    if (on) {
-        g_round_over = 0;
-        timer.it_value.tv_sec = round_seconds;
-        timer.it_interval.tv_usec = timer_again_ms * 1000;
-    }
-    setitimer(ITIMER_REAL, &timer, nullptr);
-}
-
 // Whether a failure comes from a signal that ended a wait for the file's lock,
 // which a read of an empty file reports as an internal error.
 static bool interrupted(int code)
@@ -233,15 +204,15 @@ static read_found next_record(read_state &state)
         flags |= TMF_READ_WAIT;
     const bool waits = state.known == 0;
     if (waits)
-        set_timer(true);
+        round_timer_start(round_seconds);
     const int got = tmf_freadx(state.h, state.record.data(), static_cast<int>(state.record.size()),
                                flags, round_seconds);
     if (waits)
-        set_timer(false);
+        round_timer_stop();
     if (got < 0) {
         if (caused_by_stop(got))
             return READ_STOPPED;
-        if (waits && g_round_over != 0 && interrupted(got))
+        if (waits && round_timer_over() && interrupted(got))
             return READ_NOTHING_YET;
         (void)tmft_complain_handle(options.file, state.h); // the result says it
         return READ_FAILED;
@@ -335,7 +306,7 @@ static outcome run()
     if (outcome done = check_file(file); !done)
         return done;
     stop_signal_install();
-    install_timer();
+    round_timer_install();
     int mode = TMF_MODE_READ;
     if (!options.shared)
         mode |= TMF_MODE_EXCLUSIVE;
@@ -376,7 +347,7 @@ static const char help[] =
     "  --keep           show all records and remove none; never waits\n"
     "  --shared         read beside other readers; removes a record before it is\n"
     "                   written, so that a failing output loses it\n"
-    "  --help           print this\n"
+    "  --help           print this (also -h)\n"
     "\n"
     "Exit status: 0 done; 1 error; 2 wrong command line; 128 + signal number when\n"
     "SIGINT or SIGTERM ended it after a whole record.\n";

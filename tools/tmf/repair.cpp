@@ -140,7 +140,7 @@ static const char help[] =
     "\n"
     "  --dry-run    only says what is wrong; changes nothing\n"
     "  --keep NAME  copies the file to NAME, which must not be there\n"
-    "  --help       print this\n"
+    "  --help       print this (also -h)\n"
     "\n"
     "Exit status: 0 the file is sound, or is now; 1 error, or with --dry-run a damaged\n"
     "file; 2 wrong command line.\n";

@@ -97,7 +97,11 @@ static outcome open_sink(salvage_sink &sink)
     close(sink.fd);
     sink.fd = -1;
     sink.h = tmf_fopen(options.out, TMF_MODE_EXCLUSIVE);
-    return sink.h != nullptr ? outcome() : tmft_complain_handle(options.out, nullptr);
+    if (sink.h != nullptr)
+        return {};
+    outcome failed = tmft_complain_handle(options.out, nullptr);
+    (void)unlink(options.out); // what failed is told
+    return failed;
 }
 
 // Has a file, and its name, on the disk, since the damaged one may be removed now.
@@ -284,7 +288,7 @@ static const char help[] =
     "  --text     OUT gets each record followed by a newline, as from tmf read\n"
     "  --framed   OUT gets each record with its length in front, as from tmf read\n"
     "             --framed\n"
-    "  --help     print this\n"
+    "  --help     print this (also -h)\n"
     "\n"
     "With --text and --framed OUT may be \"-\", standard output; what was lost goes to\n"
     "standard error then.\n"

@@ -234,7 +234,7 @@ static const char help[] =
     "brings its records into another one.\n"
     "\n"
     "  --json   one JSON object\n"
-    "  --help   print this\n"
+    "  --help   print this (also -h)\n"
     "\n"
     "Exit status: 0 the file is sound; 1 it is not, could not be read, or is not a\n"
     "message file; 2 wrong command line.\n";

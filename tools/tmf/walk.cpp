@@ -123,6 +123,28 @@ static bool marker_points_back(const tmft_walk &walk, int64_t wrong_at)
     return start == wrong_at || is_user(be16(held, user_at));
 }
 
+// The first hole at or behind an offset; the file's size for none, or where the system does not
+// tell.
+static int64_t hole_behind(tmft_walk &walk, int64_t at)
+{
+    if (walk.hole < at) {
+        const off_t hole = lseek(walk.fd, at, SEEK_HOLE);
+        walk.hole = hole < 0 ? walk.size : int64_t{hole};
+    }
+    return walk.hole;
+}
+
+// Goes to the last byte of the hole that the walk is in, if it is in one.  Before that byte no
+// frame begins: its length would be 0.
+static void pass_hole(tmft_walk &walk)
+{
+    if (hole_behind(walk, walk.at) != walk.at)
+        return;
+    const off_t data = lseek(walk.fd, walk.at, SEEK_DATA);
+    if (data >= 0 || errno == ENXIO) // nothing but the hole
+        walk.at = std::max((data < 0 ? walk.size : int64_t{data}) - 1, walk.at);
+}
+
 // Goes on from a wrong frame to the next sure one, or to the end.
 static outcome resynchronise(tmft_walk &walk)
 {
@@ -140,6 +162,7 @@ static outcome resynchronise(tmft_walk &walk)
         }
     }
     for (walk.at = wrong_at + 1; walk.at < walk.end; walk.at++) {
+        pass_hole(walk);
         if (outcome seen = view(walk, walk.at, bytes); !seen)
             return seen;
         const int length = sure_frame(bytes);
@@ -151,17 +174,6 @@ static outcome resynchronise(tmft_walk &walk)
     }
     walk.at = walk.end;
     return {};
-}
-
-// The first hole at or behind an offset; the file's size for none, or where the system does not
-// tell.
-static int64_t hole_behind(tmft_walk &walk, int64_t at)
-{
-    if (walk.hole < at) {
-        const off_t hole = lseek(walk.fd, at, SEEK_HOLE);
-        walk.hole = hole < 0 ? walk.size : int64_t{hole};
-    }
-    return walk.hole;
 }
 
 outcome tmft_next_piece(tmft_walk &walk, tmft_piece &piece)

@@ -269,7 +269,7 @@ static const char help[] =
     "                significant one first, as tmf read --framed writes it\n"
     "  --all-users   a file that is created may be read and written by all users\n"
     "  -v            print the number of records written\n"
-    "  --help        print this\n"
+    "  --help        print this (also -h)\n"
     "\n"
     "Exit status: 0 all written; 1 error (the records before it are in the file);\n"
     "2 wrong command line; 128 + signal number when SIGINT or SIGTERM ended it after\n"

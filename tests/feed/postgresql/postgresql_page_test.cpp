@@ -189,6 +189,8 @@ TEST(PostgresqlPage, MembersAreThoseOfTheStateFile)
     state.relations = &relations;
     const std::map<std::string, std::string> untold = {{"a", "b"}};
     state.untold = &untold;
+    const fwu_retained retained;
+    state.retained = &retained;
     ASSERT_TRUE(pgb_state_write(state));
     const std::string text = read_file(state.path);
     static const std::regex member("\"([a-z_]+)\":");

@@ -1,6 +1,8 @@
 // The JSON file that tells how far the bridge is.
 #include "feed/postgresql/state.h"
+#include "tests/support/notified.h"
 #include "tests/support/tempdir.h"
+#include "util/process_word.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -20,6 +22,7 @@ TEST(BridgeState, FileTellsPositionsAndLag)
     pgb_state state;
     state.path = dir.file("state.json");
     state.phase = "streaming";
+    state.started_us = 1'773'044'281'000'000;
     state.slot = "kestro";
     state.publication = "pub \"x\"";
     state.kept.system = "7710567567421338994";
@@ -39,8 +42,10 @@ TEST(BridgeState, FileTellsPositionsAndLag)
     const size_t time = text.find("\"updated\":\"") + 11;
     ASSERT_LT(time + 27, text.size());
     text.replace(time, 27, "NOW");
-    EXPECT_EQ(text, "{\"state\":\"streaming\",\"error\":null,\"error_time\":null,\"pid\":" +
-                        std::to_string(getpid()) +
+    EXPECT_EQ(text, "{\"state\":\"streaming\",\"error\":null,\"error_time\":null,"
+                    "\"error_position\":null,\"pid\":" +
+                        std::to_string(getpid()) + ",\"process\":\"" + process_word(getpid()) +
+                        "\",\"version\":\"2.21\",\"started\":\"2026-03-09T08:18:01.000000Z\""
                         ",\"updated\":\"NOW\",\"slot\":\"kestro\",\"publication\":\"pub "
                         "\\\"x\\\"\",\"system_identifier\":\"7710567567421338994\","
                         "\"database\":\"shop\",\"timeline\":\"3\",\"snapshot\":\"done\",\"server_"
@@ -49,7 +54,34 @@ TEST(BridgeState, FileTellsPositionsAndLag)
                         "28\",\"lag_bytes\":16,"
                         "\"lag_seconds\":0.000,\"last_commit\":null,\"transactions\":3,"
                         "\"changes\":12,\"cut\":1,\"replaced\":2,\"left_out\":3,\"unknown\":4,"
-                        "\"reconnects\":1,\"aside\":[],\"taking\":[],\"untold\":[]}\n");
+                        "\"reconnects\":1,\"aside\":[],\"taking\":[],\"untold\":[],"
+                        "\"retention\":null}\n");
+}
+
+TEST(BridgeState, AServiceManagerHearsOfTheStreamAndOfAnswers)
+{
+    const tempdir dir;
+    const notified manager(dir.file("socket"));
+    setenv("NOTIFY_SOCKET", dir.file("socket").c_str(), 1);
+    pgb_state state;
+    state.path = dir.file("state.json");
+    ASSERT_TRUE(pgb_state_tell(state));
+    EXPECT_EQ(manager.next(), "STATUS=starting: logged 0/0");
+    state.logged_lsn = 0x28;
+    pgb_state_enter(state, "waiting", "no\nserver");
+    state.alive = true;
+    ASSERT_TRUE(pgb_state_tell(state));
+    EXPECT_EQ(manager.next(), "STATUS=waiting: logged 0/28; no server\nWATCHDOG=1");
+    EXPECT_NE(text_of(state.path).find("\"error_position\":\"0/28\""), std::string::npos);
+    pgb_state_enter(state, "streaming");
+    ASSERT_TRUE(pgb_state_tell(state));
+    EXPECT_EQ(manager.next(), "STATUS=streaming: logged 0/28\nREADY=1");
+    ASSERT_TRUE(pgb_state_tell(state));
+    EXPECT_EQ(manager.next(), "STATUS=streaming: logged 0/28") << "nobody has answered";
+    unsetenv("NOTIFY_SOCKET");
+    state.alive = true;
+    ASSERT_TRUE(pgb_state_tell(state));
+    EXPECT_EQ(manager.next(), "");
 }
 
 // A configuration that describes nothing, and three tables of which one is just followed.
@@ -102,7 +134,7 @@ TEST_F(BridgeStateOfTables, ThoseSetAsideAndTakenInAreNamed)
                          "\"taking\":[{\"table\":\"sales.lines\",\"why\":\"resume\",\"rows\":3,"
                          "\"estimate\":null}],"
                          "\"untold\":[{\"what\":\"one\",\"answer\":\"no \\\"right\\\"\"},"
-                         "{\"what\":\"two\",\"answer\":\"\"}]}\n");
+                         "{\"what\":\"two\",\"answer\":\"\"}],\"retention\":null}\n");
     pga_find_table(relations.aside, "sales.lines")->estimate = 9;
     testing::internal::CaptureStderr();
     pgb_state_print(state);
@@ -151,7 +183,8 @@ TEST(BridgeState, WhatIsWrongStandsThereUntilItIsOver)
     pgb_state_enter(state, "streaming");
     ASSERT_TRUE(pgb_state_write(state));
     EXPECT_EQ(text_of(state.path)
-                  .find("{\"state\":\"streaming\",\"error\":null,\"error_time\":null,\"pid\":"),
+                  .find("{\"state\":\"streaming\",\"error\":null,\"error_time\":null,\"error_"
+                        "position\":null,"),
               0U);
 }
 
@@ -189,6 +222,9 @@ TEST(BridgeState, OnlyAStatusFileIsReplaced)
     put("status", "{\"state\":\"stopped\"}\n");
     put("short", "{\"stat");
     put("text", "my only copy\n");
+    put("copied", "{\"state\":\"stopped\"}");
+    put("copied.new", "my only copy\n");
+    put("killed.new", "");
     const std::string log = "the log directory is no place for a status file but for its";
     const std::string other = "this is no status file, and would be replaced by one";
     const struct {
@@ -204,7 +240,9 @@ TEST(BridgeState, OnlyAStatusFileIsReplaced)
         {"log/postgresql.json", ""},
         {"link/postgresql.json", ""},
         {"beside/../log/postgresql.json", ""},
+        {"killed", ""},
         {"short", other},
+        {"copied", ".new: " + other},
         {"text", other},
         {"beside", other},
         {"log", log},

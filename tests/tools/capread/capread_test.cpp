@@ -3,6 +3,8 @@
 #include "tests/support/schema_check.h"
 #include "tests/tools/capread/capread_fixture.h"
 
+#include <algorithm>
+
 static const std::vector<std::string> ALL = {"-exthdr", "-yyyy", "-recnum"};
 
 static std::vector<std::string> with(std::vector<std::string> words,
@@ -228,6 +230,33 @@ TEST_F(Capread, RefusesWhatDoesNotFit)
                           "of 64\n");
 }
 
+TEST_F(Capread, LineEndsInTheSessionsTexts)
+{
+    for (uint64_t n = 1; n <= 2; n++) {
+        fwu_session session;
+        session.pname = "/opt/till\n-initial";
+        session.user = "\nKAS\n";
+        session.login = "a\nb";
+        session.pid = "12";
+        session.info = "\n\ninfo";
+        log.begin(&session);
+        log.change(FWU_OP_INSERT, capread_layout(), "", capread_image(n, "Jo  "));
+        log.commit();
+    }
+    const std::vector<std::string> info = {"-exthdr", "-info", "dbname"};
+    for (const std::vector<std::string> &form : {ALL, info}) {
+        kestro(with(form, {"m" + std::to_string(runs)}));
+        const std::string message = "m" + std::to_string(runs - 1);
+        const std::string wanted = lines(with(form, {"-cfg", "fwutil.cfg", message}));
+        EXPECT_THAT(wanted, HasSubstr(R"("user":"\u000aKAS\u000a","login":"a\u000ab","pid":12)"));
+        const std::string text = "t" + std::to_string(runs);
+        kestro(with(form, {"-ascii", text}));
+        const run_result result = capread(with(form, {"-cfg", "fwutil.cfg", "-ascii", text}));
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(without_layouts(result.out), wanted);
+    }
+}
+
 TEST_F(Capread, TornLastLineIsTold)
 {
     insert(1);
@@ -278,6 +307,25 @@ TEST_F(Capread, KeepsWhatCannotBeWritten)
     EXPECT_EQ(records("m"), 3);
 }
 
+TEST_F(Capread, KeepsWhatIsBeyondTheFileSizeLimit)
+{
+    for (uint64_t n = 1; n <= 20; n++)
+        insert(n);
+    kestro({"m"});
+    const std::string all = capread({"-cfg", "fwutil.cfg", "m"}).out;
+    const run_result result = run_program({"/bin/sh", "-c",
+                                           "ulimit -f 4; " KESTRO_BUILD_DIR
+                                           "/bin/capread -cfg fwutil.cfg --remove m > out"},
+                                          setup());
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "capread: writing standard output: File too large\n");
+    const std::string out = read_file(file("out"));
+    EXPECT_EQ(out, all.substr(0, out.size()));
+    const auto whole = std::count(out.begin(), out.end(), '\n') - 1; // but for the layout
+    EXPECT_GT(whole, 0);
+    EXPECT_EQ(records("m"), 20 - whole);
+}
+
 TEST_F(Capread, RefusedRecordIsNotRemoved)
 {
     insert(1);
@@ -299,10 +347,87 @@ TEST_F(Capread, ChosenDatasets)
     EXPECT_EQ(lines({"-cfg", "fwutil.cfg", "--dset", "sales:nix", "m"}), "");
 }
 
+// The layout file has one of two datasets.
+TEST_F(Capread, DatasetsThatAreNotChosenNeedNoLayout)
+{
+    insert(1);
+    make_layouts();
+    add(FWU_OP_UPDATE, capread_image(2, "A\nn "), capread_image(3, "Ann "), "OTHER");
+    add(FWU_OP_DELETE, capread_image(3, "Ann "), "", "OTHER");
+    insert(4);
+    const std::string wanted = capread_line("c", "null", capread_values(1, "\"Jo\"")) +
+                               capread_line("c", "null", capread_values(4, "\"Jo\""));
+    kestro({"m"});
+    kestro({"-fga", "f"});
+    kestro({"-ascii", "t"});
+    kestro({"-ascii", "-dirty", "d"});
+    const auto layouts = [](const std::vector<std::string> &words) {
+        return with({"--layout", "layouts.json"}, words);
+    };
+    for (const char *pattern : {"sales:orders", "orders", "@:ord@"}) {
+        EXPECT_EQ(lines(layouts({"--dset", pattern, "m"})), wanted);
+        EXPECT_EQ(lines(layouts({"--dset", pattern, "-fga", "f"})), wanted);
+        EXPECT_EQ(without_layouts(capread(layouts({"--dset", pattern, "-ascii", "t"})).out),
+                  wanted);
+    }
+    EXPECT_EQ(lines(layouts({"--dset", "shop:other", "m"})), "");
+    const std::string lacks = "layouts.json has no layout of \"" + std::string("SALES") +
+                              std::string(19, ' ') + "OTHER" + std::string(11, ' ') + "\"\n";
+    const auto refused = [&](const std::vector<std::string> &words) {
+        const run_result result = capread(layouts(words));
+        EXPECT_EQ(result.status, 1);
+        return result.err;
+    };
+    EXPECT_EQ(refused({"m"}), "capread: m: record 2: " + lacks);
+    EXPECT_EQ(refused({"--dset", "sales:other", "m"}), "capread: m: record 2: " + lacks);
+    // The header may have a part of the database's name.
+    EXPECT_EQ(refused({"--dset", "shop:other", "-fga", "f"}), "capread: f: record 2: " + lacks);
+    // Only the layout tells where a line ends that may hold line ends.
+    EXPECT_THAT(refused({"--dset", "orders", "-ascii", "-dirty", "d"}), HasSubstr(lacks));
+
+    const std::string text = read_file(file("t"));
+    const size_t last = text.rfind('\n', text.rfind('\n', text.size() - 2) - 1) + 1;
+    write_file(file("x"), text.substr(0, last + 70));
+    EXPECT_THAT(refused({"--dset", "orders", "-ascii", "x"}),
+                HasSubstr("capread: x: record 3: at byte " + std::to_string(last) +
+                          ": the file ends within the line, behind 70 bytes; "));
+    write_file(file("x"), text.substr(last, 70) + std::string(8 * 1024 * 1024, 'x'));
+    EXPECT_THAT(refused({"--dset", "orders", "-ascii", "x"}),
+                testing::MatchesRegex("capread: x: record 1: at byte 0: the line does not end "
+                                      "within [0-9]+ bytes\n"));
+}
+
 TEST_F(Capread, NumbersAsText)
 {
     insert(1);
     kestro({"m"});
     EXPECT_EQ(lines({"-cfg", "fwutil.cfg", "--numbers", "text", "m"}),
               capread_line("c", "null", R"({"NO":"1","NAME":"Jo","NET":["12.3","-4.5"]})"));
+}
+
+// A record is asked for in a usual length first.
+TEST_F(Capread, RemovesLongRecordsWhole)
+{
+    std::string wanted;
+    int number = 0;
+    for (const int length : {10, 2048 - 63, 2048 - 62, 2048 - 61, 30000, 10}) {
+        fwu_layout layout = capread_layout("LONG" + std::to_string(++number));
+        layout.items = {{"TEXT", 'X', length, 1, 0}};
+        const std::string text = std::string(static_cast<size_t>(length) - 1, 'x') + "y";
+        log.begin();
+        log.change(FWU_OP_INSERT, layout, "", text);
+        log.commit();
+        wanted += text + "\n";
+    }
+    kestro({"m"});
+    const run_result result = capread({"-cfg", "fwutil.cfg", "--remove", "m"});
+    EXPECT_EQ(result.err, "");
+    std::string found;
+    std::istringstream in(without_layouts(result.out));
+    for (std::string line; std::getline(in, line);) {
+        const size_t at = line.find("\"TEXT\":\"") + 8;
+        found += line.substr(at, line.find('"', at) - at) + "\n";
+    }
+    EXPECT_EQ(found, wanted);
+    EXPECT_EQ(records("m"), 0);
 }

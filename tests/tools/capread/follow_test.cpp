@@ -1,6 +1,9 @@
 // Following: what comes later is printed when it comes, until a signal, behind a whole line.
 #include "tests/tools/capread/capread_fixture.h"
 
+#include <sys/stat.h>
+#include <sys/wait.h>
+
 class CapreadFollow : public Capread {
   protected:
     void start(std::vector<std::string> words)
@@ -56,6 +59,18 @@ TEST_F(CapreadFollow, MessagesThatAreKept)
     EXPECT_EQ(read_file(file("err")), "");
 }
 
+TEST_F(CapreadFollow, SignalEndsTheWaitForAPipesWriter)
+{
+    insert(1);
+    ASSERT_EQ(mkfifo(file("pipe").c_str(), 0600), 0);
+    start({"-ascii", "pipe"});
+    const std::string state = "/proc/" + std::to_string(pid) + "/status";
+    EXPECT_TRUE(
+        poll_until([&] { return read_file(state).find("State:\tS") != std::string::npos; }));
+    EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(read_file(file("err")), "");
+}
+
 TEST_F(CapreadFollow, MessagesThatAreRemoved)
 {
     insert(1);
@@ -67,6 +82,34 @@ TEST_F(CapreadFollow, MessagesThatAreRemoved)
     EXPECT_EQ(stop(SIGINT), 128 + SIGINT);
     EXPECT_EQ(records("m"), 0);
     EXPECT_EQ(read_file(file("err")), "");
+}
+
+// The port in the wait list of another file, which a writer floods, that a wait left there which
+// was broken off.
+TEST_F(CapreadFollow, SignalEndsTheWaitBesideAnotherFilesWriter)
+{
+    insert(1);
+    kestro({"m"});
+    write_file(file("other"), read_file(file("m")));
+    ASSERT_EQ(capread({"-cfg", "fwutil.cfg", "--remove", "other"}).status, 0);
+    start({"--remove", "other"});
+    const auto waits = [this](const char *name) { return (read_file(file(name))[124] & 1) != 0; };
+    EXPECT_TRUE(poll_until([&] { return waits("other"); }));
+    EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
+
+    const pid_t writer = start_program({"/bin/sh", "-c",
+                                        "ulimit -f 65536; exec " KESTRO_BUILD_DIR
+                                        "/bin/tmf write --size 1 other < /dev/zero"},
+                                       setup(), file("writer-out"), file("writer-err"));
+    EXPECT_TRUE(poll_until([&] { return read_file(file("other")).size() > 100000; }));
+    start({"--remove", "m"});
+    EXPECT_TRUE(comes(line(1)));
+    EXPECT_TRUE(poll_until([&] { return waits("m"); }));
+    EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(read_file(file("err")), "");
+    EXPECT_EQ(waitpid(writer, nullptr, WNOHANG), 0); // it wrote all the time
+    kill(writer, SIGTERM);
+    EXPECT_EQ(wait_program(writer), 128 + SIGTERM);
 }
 
 TEST_F(CapreadFollow, TextWhoseLastLineIsTorn)
@@ -88,15 +131,92 @@ TEST_F(CapreadFollow, TextWhoseLastLineIsTorn)
     EXPECT_EQ(read_file(file("err")), "");
 }
 
-TEST_F(CapreadFollow, TextThatBecomesShorter)
+TEST_F(CapreadFollow, TextThatIsEmptiedAndBegunAnew)
+{
+    insert(1);
+    insert(2);
+    kestro({"-ascii", "-dirty", "t"});
+    const std::string text = read_file(file("t"));
+    start({"-ascii", "-dirty", "t"});
+    EXPECT_TRUE(comes(line(1) + line(2)));
+    append("t", text.substr(0, 30));
+    std::filesystem::resize_file(file("t"), 10);
+    EXPECT_TRUE(poll_until([&] { return !read_file(file("err")).empty(); }));
+    std::filesystem::resize_file(file("t"), 0);
+    append("t", text.substr(text.size() / 2));
+    EXPECT_TRUE(comes(line(1) + line(2) + line(2)));
+    EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
+    EXPECT_THAT(
+        read_file(file("err")),
+        testing::StartsWith("capread: t: it has become shorter, 10 bytes: going on with its "
+                            "beginning\n"));
+}
+
+// As logrotate does it: the writer goes on in the file that was moved until it opens the name anew.
+TEST_F(CapreadFollow, TextThatIsMovedAwayAndMadeAnew)
+{
+    insert(1);
+    insert(2);
+    kestro({"-ascii", "-dirty", "t"});
+    const std::string text = read_file(file("t"));
+    const size_t half = text.size() / 2;
+    start({"-ascii", "-dirty", "t"});
+    std::string wanted = line(1) + line(2);
+    EXPECT_TRUE(comes(wanted));
+    for (int turn = 0; turn < 3; turn++) {
+        std::filesystem::rename(file("t"), file("moved"));
+        append("moved", text.substr(0, half));
+        EXPECT_TRUE(comes(wanted += line(1)));
+        write_file(file("t"), "");
+        append("moved", text.substr(half));
+        EXPECT_TRUE(comes(wanted += line(2)));
+        append("moved", text); // of which this reader may not know yet when the name is there
+        append("t", text.substr(half));
+        EXPECT_TRUE(comes(wanted += line(1) + line(2) + line(2)));
+    }
+    EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
+    EXPECT_EQ(read_file(file("err")), "");
+}
+
+TEST_F(CapreadFollow, TextThatIsMovedAwayWithATornLine)
 {
     insert(1);
     kestro({"-ascii", "-dirty", "t"});
+    const std::string text = read_file(file("t"));
     start({"-ascii", "-dirty", "t"});
     EXPECT_TRUE(comes(line(1)));
-    std::filesystem::resize_file(file("t"), 10);
-    const int status = wait_program(pid);
+    append("t", text.substr(0, text.size() - 5));
+    std::filesystem::rename(file("t"), file("moved"));
+    write_file(file("t"), text);
+    EXPECT_TRUE(comes(line(1) + line(1)));
+    append("t", "no record\n" + text);
+    EXPECT_EQ(wait_program(pid), 1);
     pid = -1;
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(read_file(file("err")), "capread: t: it has become shorter, 10 bytes\n");
+    EXPECT_EQ(read_file(file("err")),
+              "capread: t: the file that had this name ends within a line, behind " +
+                  std::to_string(text.size() - 5) +
+                  " bytes; going on with the one that has it now\n"
+                  "capread: t: record 2: at byte " +
+                  std::to_string(text.size()) +
+                  ": at offset 0 stands \"no rec\", where these options have the record's number, "
+                  "six digits\n");
+}
+
+// Without --follow.  The pipe holds less than what is read at once, so that most of the file is
+// still to be read when it is emptied.
+TEST_F(CapreadFollow, TextThatBecomesShorterWhileItIsRead)
+{
+    insert(1);
+    kestro({"-ascii", "-dirty", "t"});
+    const std::string text = read_file(file("t"));
+    std::string all;
+    for (int i = 0; i < 10000; i++)
+        all += text;
+    write_file(file("t"), all);
+    const run_result result =
+        run_program({"sh", "-c",
+                     KESTRO_BUILD_DIR "/bin/capread -cfg fwutil.cfg -ascii -dirty t | "
+                                      "{ head -c 1 > first; : > t; cat > rest; }"},
+                    setup());
+    EXPECT_EQ(result.err, "capread: t: it has become shorter, 0 bytes\n");
 }

@@ -11,6 +11,7 @@ TEST(CapreadOptions, RowsHelpAndDocsTellTheSame)
     for (const cli_option &row : capread_row.options)
         EXPECT_NE(synopsis.find(written(row)), std::string::npos) << written(row);
     expect_described(capread_row);
+    expect_in_manual(capread_row, "capread");
 }
 
 TEST_F(Capread, HelpAndVersion)
@@ -61,9 +62,13 @@ TEST_F(Capread, DoesNotReadWhatItWrites)
     insert(1);
     kestro({"-ascii", "t"});
     const std::string before = read_file(file("t"));
-    const run_result result = run_program(
-        {"/bin/sh", "-c", KESTRO_BUILD_DIR "/bin/capread -cfg fwutil.cfg -ascii t >> t"}, setup());
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "capread: t: is standard output, too\n");
-    EXPECT_EQ(read_file(file("t")), before);
+    for (const std::string input : {"t", "-"}) {
+        const run_result result = run_program(
+            {"/bin/sh", "-c",
+             KESTRO_BUILD_DIR "/bin/capread -cfg fwutil.cfg -ascii " + input + " < t >> t"},
+            setup());
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "capread: " + input + ": is standard output, too\n");
+        EXPECT_EQ(read_file(file("t")), before);
+    }
 }

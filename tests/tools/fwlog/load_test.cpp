@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -105,6 +106,65 @@ TEST(FwlogLoad, RecordedStreamLoadsWithTheCountsOfItsRecording)
         tables++;
     }
     EXPECT_EQ(tables, 8U);
+}
+
+// So many transactions from a number on.
+static std::string transactions(int first, int count)
+{
+    std::string text;
+    for (int n = first; n < first + count; n++) {
+        char lsn[16];
+        (void)snprintf(lsn, sizeof lsn, "0/%X", n);
+        text += transaction(n, lsn, "note");
+    }
+    return text;
+}
+
+TEST(FwlogLoad, OldFilesThatARegisteredConsumerHasDealtWithAreRemoved)
+{
+    place here(small_cfg + "log-file-size 4K\nlog-keep acknowledged\n");
+    const auto run = [&here](std::vector<std::string> words) {
+        words.insert(words.begin(), program);
+        words.insert(words.end(), {"-cfg", "fwutil.cfg"});
+        run_setup options;
+        options.directory = here.dir.path();
+        return run_program(words, options);
+    };
+    const std::string first = here.dir.file("log/fw0001-00000001.log");
+    const run_result alone = here.load(transactions(1, 100));
+    EXPECT_EQ(alone.status, 0);
+    EXPECT_THAT(alone.err, HasSubstr("fwlog: warning: old log files stay: log-keep acknowledged, "
+                                     "and no reader is registered"));
+    ASSERT_TRUE(std::filesystem::exists(here.dir.file("log/fw0001-00000004.log")));
+    ASSERT_EQ(run({"readers", "--add", "consumer.status"}).status, 0);
+    EXPECT_THAT(here.load(transactions(101, 1)).err,
+                HasSubstr("consumer.status: the registered reader has no status file yet\n"));
+    EXPECT_TRUE(std::filesystem::exists(first));
+    const run_result read = run({"dump", "--json", "--state", "consumer.status"});
+    ASSERT_EQ(read.status, 0) << read.err;
+    EXPECT_EQ(read.err, "");
+    EXPECT_EQ(here.load(transactions(102, 1)).err, "");
+    EXPECT_FALSE(std::filesystem::exists(first));
+    // Who comes now is told.
+    const std::string told = "fwlog: warning: log: beginning with fw0001-0";
+    for (const std::vector<std::string> &words : {std::vector<std::string>{"dump"},
+                                                  {"dump", "--json"},
+                                                  {"dump", "--json", "--state", "new.status"},
+                                                  {"csv"},
+                                                  {"sql", "--dialect", "sqlite"}}) {
+        const run_result late = run(words);
+        EXPECT_EQ(late.status, 0);
+        EXPECT_THAT(late.err, HasSubstr(told)) << words[0];
+        EXPECT_THAT(late.err,
+                    HasSubstr(", the log's oldest file: older ones were removed, and what "
+                              "they held is missing here\n"));
+    }
+    for (const std::vector<std::string> &words :
+         {std::vector<std::string>{"dump", "--json", "--state", "consumer.status"},
+          {"dump", "--json", "--state", "new.status"},
+          {"tail"},
+          {"tail", "--json"}})
+        EXPECT_EQ(run(words).err, "") << words[0];
 }
 
 TEST(FwlogLoad, ColumnsWithoutItemAreToldOncePerTable)

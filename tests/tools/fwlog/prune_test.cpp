@@ -1,99 +1,21 @@
 // fwlog prune on small logs: one transaction of three inserts in each file.
 #include "fwutil/fwu_crc32c.h"
-#include "fwutil/fwu_log.h"
-#include "fwutil/fwu_status_text.h"
-#include "tests/procs/growing_log.h"
 #include "tests/support/log_header.h"
+#include "tests/tools/fwlog/pruned_log.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 using testing::HasSubstr;
+using testing::Not;
 
-static const std::string program = KESTRO_BUILD_DIR "/bin/fwlog";
-static const std::string kestro = KESTRO_BUILD_DIR "/bin/Kestro";
-
-class FwlogPruneTest : public testing::Test {
+class FwlogPruneTest : public PrunedLogTest {
   protected:
-    FwlogPruneTest()
-    {
-        write_config(dir, "64M");
-    }
-    // Each file has 480 bytes: its header of 64, a layout of 96, three inserts of 88
-    // and a commit of 56.
-    void make(int files)
-    {
-        fwu_config config;
-        fwu_writer *writer = nullptr;
-        ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
-        config.log_file_size = 1;
-        ASSERT_EQ(fwu_writer_open(&writer, config), 0);
-        for (int n = 0; n < files; n++)
-            ASSERT_TRUE(append_transaction(writer, 1 + 3 * n, 3));
-        ASSERT_EQ(fwu_writer_close(writer), 0);
-    }
-    run_result run(const std::vector<std::string> &words)
-    {
-        run_setup options;
-        options.directory = dir.path();
-        return run_program(words, options);
-    }
     run_result prune(std::vector<std::string> words)
     {
         words.insert(words.begin(), {program, "prune"});
         return run(words);
     }
-    std::string file(int n, int generation = 1) const
-    {
-        return dir.file("log/" + fwu_log_file_name(generation, n));
-    }
-    // The numbers of the files that there are, as "2-1 2-2 ".
-    std::string left() const
-    {
-        std::vector<fwu_log_file> files;
-        EXPECT_EQ(fwu_log_list(dir.file("log"), files), 0);
-        std::string text;
-        for (const fwu_log_file &f : files)
-            text += std::to_string(f.generation) + "-" + std::to_string(f.sequence) + " ";
-        return text;
-    }
-    // The place of a record in the log; of a file that there is not, one that could be.
-    fwu_place place_of(const fwu_position &position) const
-    {
-        fwu_place place;
-        if (position.sequence == 0)
-            return place;
-        place = {position, 1700000000000000, true, 1, {}};
-        fwu_cursor cursor;
-        const fwu_log_file file = {position.generation, position.sequence, "",
-                                   this->file(position.sequence, position.generation)};
-        if (fwu_cursor_try_open(cursor, file) == 0 && fwu_cursor_next(cursor) == FWU_FOUND) {
-            place.lsn = cursor.commit.commit.lsn;
-            place.identity = cursor.header.identity;
-        }
-        fwu_cursor_close(cursor);
-        return place;
-    }
-    // A status file of this log, or of another one, whose position is on disk, or that
-    // of a run which never forces it.
-    void status(const std::string &name, const fwu_position &position,
-                const std::string &directory = "", const std::string &boot = "1")
-    {
-        two_places(name, position, position, directory, boot);
-    }
-    void two_places(const std::string &name, const fwu_position &live, const fwu_position &synced,
-                    const std::string &directory = "", const std::string &boot = "1")
-    {
-        write_file(dir.file(name),
-                   fwu_status_put(directory.empty() ? real(dir.file("log")) : directory,
-                                  place_of(live), fwu_synced_put({place_of(synced), boot, ""})));
-    }
-    static std::string real(const std::string &path)
-    {
-        return std::filesystem::canonical(path).string();
-    }
-    tempdir dir;
 };
 
 TEST_F(FwlogPruneTest, KeepsTheNewestFiles)
@@ -369,6 +291,60 @@ TEST_F(FwlogPruneTest, ASyncThatFailsIsTold)
                           "after a power cut removed files may be there again\n");
 }
 
+// Where not even a lock file can be made.
+TEST_F(FwlogPruneTest, AFullFileSystemGetsRoom)
+{
+    make(4);
+    std::filesystem::rename(dir.file("log"), dir.file("made"));
+    std::filesystem::create_directory(dir.file("log"));
+    const auto sh = [this](const std::string &script) { return run({"sh", "-c", script}); };
+    const run_result probe = sh("unshare -Urm mount -t tmpfs none log");
+    if (probe.status != 0)
+        GTEST_SKIP() << "no file system of one's own is to be had here: " << probe.err;
+    const auto prune_full = [&](const std::string &words) {
+        return sh("unshare -Urm sh -c 'mount -t tmpfs -o nr_inodes=64 none log && cp made/* log; "
+                  "n=0; while true >log/fill$n; do n=$((n+1)); done; " +
+                  program + " prune " + words + "; echo status $?; ls log | grep -v fill' 2>err");
+    };
+    const run_result result = prune_full("--keep 2");
+    EXPECT_EQ(result.out, "removed fw0001-00000001.log, 480 bytes\n"
+                          "removed fw0001-00000002.log, 480 bytes\n"
+                          "2 files removed, 960 bytes; 2 files left, the oldest is "
+                          "fw0001-00000003.log\n"
+                          "status 0\nacknowledged\nfw0001-00000003.log\nfw0001-00000004.log\n"
+                          "readers.lock\nwriter.lock\n");
+    EXPECT_THAT(read_file(dir.file("err")), Not(HasSubstr("fwlog:")));
+    EXPECT_THAT(prune_full("--keep 3 --json").out,
+                HasSubstr("\"removed\":[{\"file\":\"fw0001-00000001.log\",\"size\":480}],"
+                          "\"files\":1,\"bytes\":480,\"left\":3,"));
+    EXPECT_THAT(prune_full("--keep 4").out, HasSubstr("0 files removed, 0 bytes; 4 files left"));
+    EXPECT_THAT(prune_full("--keep 1 --status none").out, HasSubstr("status 1\nacknowledged\n"
+                                                                    "fw0001-00000001.log\n"));
+}
+
+// A last position that a power cut could take back behind what is gone keeps everything.
+TEST_F(FwlogPruneTest, ALastPositionIsBroughtToDiskFirst)
+{
+    make(3);
+    status("any.status", {1, 3, 2}, "", "any");
+    status("synced.status", {1, 3, 2});
+    run_setup options;
+    options.directory = dir.path();
+    options.env = {{"LD_PRELOAD", FAILING_FSYNC},
+                   {"FAILING_FSYNC", "file"},
+                   {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    const auto prune_for = [&](const std::string &name) {
+        return run_program({program, "prune", "--keep", "1", "--status", name}, options);
+    };
+    const run_result result = prune_for("any.status");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("fwlog: any.status: cannot bring the status file to disk: "
+                                      "Input/output error\n"));
+    EXPECT_EQ(left(), "1-1 1-2 1-3 ");
+    EXPECT_EQ(prune_for("synced.status").status, 0);
+    EXPECT_EQ(left(), "1-3 ");
+}
+
 TEST_F(FwlogPruneTest, APrunedLogIsSoundAndReadFromItsOldestFile)
 {
     make(4);
@@ -380,8 +356,28 @@ TEST_F(FwlogPruneTest, APrunedLogIsSoundAndReadFromItsOldestFile)
     const run_result info = run({program, "info"});
     EXPECT_EQ(info.status, 0);
     EXPECT_THAT(info.out, HasSubstr("2 files, 960 bytes, 2 transactions\n"));
-    EXPECT_THAT(run({kestro, "-synconly", "-ascii", "cap.txt"}).out,
-                HasSubstr("6 records written to capture file cap.txt\n"));
+    const run_result late = run({kestro, "-synconly", "-ascii", "cap.txt"});
+    EXPECT_THAT(late.out, HasSubstr("6 records written to capture file cap.txt\n"));
+    EXPECT_EQ(late.err,
+              "fwutil: warning: " + real(dir.file("log")) +
+                  ": beginning with fw0001-00000003.log, the log's oldest file: older ones "
+                  "were removed, and what they held is missing here\n");
+    EXPECT_EQ(run({kestro, "-synconly", "-ascii", "cap.txt"}).err, "") << "it has a position now";
+    EXPECT_EQ(run({kestro, "-start", "1-3.0", "-synconly", "-ascii", "cap.txt"}).err, "")
+        << "as it was told to";
+}
+
+TEST_F(FwlogPruneTest, ARangeThatBeginsInFrontOfTheOldestFileIsTold)
+{
+    make(4);
+    ASSERT_EQ(prune({"--keep", "2"}).status, 0);
+    const std::string told = "fwlog: warning: log: beginning with fw0001-00000003.log, the log's "
+                             "oldest file: older ones were removed, and what they held is missing "
+                             "here\n";
+    for (const char *from : {"1-1", "2", "1-2.4"})
+        EXPECT_EQ(run({program, "dump", "--from", from}).err, told) << from;
+    for (const char *from : {"1-3", "1-3.4", "4"})
+        EXPECT_EQ(run({program, "dump", "--from", from}).err, "") << from;
 }
 
 TEST_F(FwlogPruneTest, ARunThatNeedsARemovedFileSaysWhereTheLogBegins)

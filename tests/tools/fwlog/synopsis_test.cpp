@@ -8,3 +8,8 @@ TEST(FwlogSynopsis, RowsHelpAndDocsTellTheSame)
         expect_told(fwlog_program, *command,
                     command == &fwlog_postgresql_row ? "docs/postgresql.md" : "docs/fwlog.md");
 }
+
+TEST(FwlogSynopsis, ManualPagesTellTheSame)
+{
+    expect_in_manual(fwlog_program);
+}

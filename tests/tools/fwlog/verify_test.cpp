@@ -297,10 +297,12 @@ TEST_F(FwlogVerifyTest, InfoTellsPositionsTimesAndDatasets)
         HasSubstr("\nTESTDB.COUNTER                             6          0          0\n"));
     const std::string json = run({"info", "--json"}).out;
     EXPECT_THAT(json, HasSubstr("\"last_tag\":9,\"first_commit_us\":1700000000000000,"));
-    EXPECT_THAT(json, HasSubstr("\"datasets\":[{\"database\":\"TESTDB\",\"dataset\":\"COUNTER\","
-                                "\"inserts\":6,\"updates\":0,\"deletes\":0}],"
-                                "\"marks\":{\"truncate\":0,\"gap\":0},"
-                                "\"whole_values\":{\"count\":0,\"bytes\":0}}\n"));
+    EXPECT_THAT(json,
+                HasSubstr("\"datasets\":[{\"database\":\"TESTDB\",\"dataset\":\"COUNTER\","
+                          "\"inserts\":6,\"updates\":0,\"deletes\":0}],"
+                          "\"marks\":{\"truncate\":0,\"gap\":0},"
+                          "\"whole_values\":{\"count\":0,\"bytes\":0},\"retention\":{\"keep\":null,"
+                          "\"readers\":0,\"held_by\":null,\"held_at\":null,\"held_files\":0}}\n"));
     EXPECT_THAT(json, HasSubstr(",\"damage\":null,\"text_encoding\":\"iso-8859-1\"}]"));
     EXPECT_EQ(result.out.find("\nmarks "), std::string::npos);
     EXPECT_EQ(result.out.find("whole values"), std::string::npos);
@@ -329,7 +331,7 @@ TEST_F(FwlogVerifyTest, WholeValuesAndTheEncodingAreTold)
     EXPECT_THAT(out, HasSubstr("\nwhole values      1, 8 bytes\n"));
     const std::string json = run({"info", "--json"}).out;
     EXPECT_THAT(json, HasSubstr(",\"damage\":null,\"text_encoding\":\"utf-8\"}]"));
-    EXPECT_THAT(json, HasSubstr(",\"whole_values\":{\"count\":1,\"bytes\":8}}\n"));
+    EXPECT_THAT(json, HasSubstr(",\"whole_values\":{\"count\":1,\"bytes\":8},\"retention\":"));
 }
 
 // Of a value in pieces whose record follows, and of one whose record does not: the checksums

@@ -86,3 +86,36 @@ TEST_F(TmfTool, FramedStreamsOfAnyBytesComeBackAsTheyWere)
     EXPECT_SAME_BYTES(tmf({"read", "--framed", "--keep", path}).out, stream);
     EXPECT_SAME_BYTES(tmf({"read", "--framed", path}).out, stream);
 }
+
+// Streams that nobody wrote: the records in front of the first bad frame are in the file, all as
+// a naive reader cuts them, and the file is sound.
+TEST_F(TmfTool, FramedStreamsThatNobodyWrote)
+{
+    std::mt19937 random(20261122);
+    const auto below = [&random](unsigned end) { return static_cast<unsigned>(random() % end); };
+    for (int turn = 0; turn < 40; turn++) {
+        SCOPED_TRACE(turn);
+        std::string stream;
+        for (unsigned n = below(6); n > 0; n--) {
+            const unsigned length = below(8) == 0 ? below(65536) : below(40);
+            stream += {'\0', static_cast<char>(below(5) == 0 ? below(256) : 0),
+                       static_cast<char>(length >> 8), static_cast<char>(length)};
+            for (unsigned i = length; i > 0; i--)
+                stream += static_cast<char>(random());
+        }
+        stream.resize(stream.size() - (stream.empty() ? 0 : below(3)));
+        std::string whole; // as long as frames are
+        while (stream.size() - whole.size() >= 4) {
+            size_t length = 0;
+            for (size_t i = 0; i < 4; i++)
+                length = length << 8 | static_cast<unsigned char>(stream[whole.size() + i]);
+            if (length < 1 || length > TMF_MAX_DATA || stream.size() - whole.size() < 4 + length)
+                break;
+            whole += stream.substr(whole.size(), 4 + length);
+        }
+        std::filesystem::remove(path);
+        EXPECT_EQ(tmf({"write", "--framed", path}, stream).status, whole == stream ? 0 : 1);
+        EXPECT_EQ(tmf({"verify", path}).status, 0);
+        EXPECT_SAME_BYTES(tmf({"read", "--framed", path}).out, whole);
+    }
+}

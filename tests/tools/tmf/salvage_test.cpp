@@ -205,6 +205,9 @@ TEST_F(TmfSalvage, OutputThatFailsLeavesNone)
     EXPECT_EQ(finish(start_at({"salvage", path, out}, -1, -1, "err", 8192)), 1);
     EXPECT_EQ(errors(), "tmf: " + out + ": EOF writing data.\n");
     EXPECT_FALSE(std::filesystem::exists(out));
+    EXPECT_EQ(finish(start_at({"salvage", path, out}, -1, -1, "err", 255)), 1);
+    EXPECT_EQ(errors(), "tmf: " + out + ": EOF initially writing common area.\n");
+    EXPECT_FALSE(std::filesystem::exists(out));
     EXPECT_EQ(finish(start_at({"salvage", "--text", path, out}, -1, -1, "err", 8192)), 1);
     EXPECT_EQ(errors(), "tmf: " + out + ": File too large\n");
     EXPECT_FALSE(std::filesystem::exists(out));

@@ -7,3 +7,8 @@ TEST(TmfSynopsis, RowsHelpAndDocsTellTheSame)
     for (const cli_command *command : tmf_program.commands)
         expect_told(tmf_program, *command, "docs/tmf-tool.md");
 }
+
+TEST(TmfSynopsis, ManualPagesTellTheSame)
+{
+    expect_in_manual(tmf_program);
+}

@@ -162,6 +162,42 @@ TEST_F(TmfVerify, HoleInARecordIsTold)
                                  "    2 disagreements; 1 record from 4352 to 24367\n");
 }
 
+// Behind a hole of nearly 2 GiB, up to 0x7FFFF000, one record begins with the hole's last byte, and
+// another one stands behind it.
+TEST_F(TmfVerify, RecordsBehindALargeHoleAreFound)
+{
+    const std::string data("\x0b\x00\x12third\x00\x0b\x00\x07\x00\x12"
+                           "4\x00\x07",
+                           17);
+    constexpr int32_t hole_end = 0x7FFFF000;
+    std::string file = four_records();
+    put_number(file, 44, hole_end + 17);
+    write_file(path, file);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(::pwrite(fd, data.data(), data.size(), hole_end), ssize_t{17});
+    ASSERT_EQ(lseek(fd, 8192, SEEK_DATA), hole_end) << "no file system with holes";
+    run_result result = tmf({"verify", path});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out,
+              path + "\n"
+                     "    4412 to 2147479551: the length of the record is 65535, which none has\n"
+                     "    2147479551 to 2147479562: a hole in the record, at 2147479551, which "
+                     "never came to the disk\n"
+                     "    16: 4 records are counted, 5 are there\n"
+                     "    3 disagreements; 5 records from 4352 to 2147479569\n");
+    EXPECT_EQ(tmf({"salvage", "--text", path, "-"}).out, tmf({"read", "--keep", path}).out + "4\n");
+    // Nothing but the hole behind the first records.
+    ASSERT_EQ(ftruncate(fd, hole_end), 0);
+    ::close(fd);
+    result = tmf({"verify", path});
+    EXPECT_EQ(result.out,
+              path + "\n"
+                     "    44: the records end at 2147479569, behind the end of the file, "
+                     "2147479552\n"
+                     "    4412 to 2147479552: the length of the record is 65535, which none has\n"
+                     "    2 disagreements; 4 records from 4352 to 2147479552\n");
+}
+
 TEST_F(TmfVerify, RecordsThatAreNotCountedAreNoDisagreement)
 {
     std::string file = four_records();
