@@ -242,9 +242,10 @@ TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
  * that another process's wake-up ended.  No other reader is woken.
  * Returns the number of bytes put into buf; 0 when there is no record and no
  * reason to wait: end of file (also after a record was taken with len 0).  Or a code.
- * When the lock itself failed, the call goes by the common area as it was read last:
- * it may end with TMF_EINTERNAL instead of the lock's code, still wait and return a
- * record, or, in copy mode, pass over one record, which its code then stands for.
+ * When the lock failed, or the read of the common area behind it, the call goes by that
+ * area as it was read last: it may end with TMF_EINTERNAL instead of that code, still
+ * wait and return a record, or, in copy mode, pass over one record, which its code then
+ * stands for.
  * Codes: TMF_EWRITE_ACCESS, TMF_EBUFFER_SIZE, TMF_ETIMEOUT, TMF_ESIGNAL;
  * TMF_EREAD_DATA, TMF_EREAD_DATA_EOF, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF (the record
  * stays in the file); TMF_ETRUNCATE (it is removed, and in buf); TMF_EPORTBUSY,

@@ -50,9 +50,14 @@ int tmf_write_common(tmf_handle *h)
                                            .elsewhere = TMF_ESEEK_COMMON_EOF,
                                            .failed = TMF_EWRITE_COMMON,
                                            .cut = TMF_EWRITE_COMMON_EOF};
-    const ssize_t written = tmf_write_at(h, 0, h->common, TMF_COMMON_SIZE, TMF_COMMON_SIZE, codes);
+    const ssize_t written = h->file->write(h->fd, 0, h->common, TMF_COMMON_SIZE, codes);
+    const bool cut = written >= 0 && written < TMF_COMMON_SIZE;
+    // A part of it is put right: numbers of users without their slots would stay so, since
+    // no purge finds a user that has no slot.
+    if (cut && written > 0)
+        (void)h->file->write(h->fd, 0, h->common, TMF_COMMON_SIZE, codes);
     tmfc_set_dirty(h->common, 0);
-    return tmf_code_of(written);
+    return cut ? codes.cut : tmf_code_of(written);
 }
 
 int tmf_reset(tmf_handle *h)
@@ -114,6 +119,12 @@ static int read_first(tmf_handle *h)
     // The lock has just positioned the descriptor at 0.
     const ssize_t got = read(h->fd, &h->common_copy, TMF_COMMON_SIZE);
     if (got < 0)
+        return TMF_EINIT_READ;
+    // A file may be as short as that.  Where the system has given but a part, what the
+    // rest says of the users must not be taken for empty.
+    if (got > 0 && got < TMF_COMMON_SIZE &&
+        read(h->fd, reinterpret_cast<char *>(&h->common_copy) + got,
+             static_cast<size_t>(TMF_COMMON_SIZE - got)) < 0)
         return TMF_EINIT_READ;
     h->common = &h->common_copy;
     if (got == 0) {

@@ -23,11 +23,17 @@ static constexpr size_t copy_piece = 64 * 1024;
 
 // ---- the copy
 
-// Whether the name is that of the open file.
-static bool names_file(const struct stat &file, const char *name)
+// Whether the name is that of another file than the open one, or of none; else false with
+// errno set.
+static bool names_another(const struct stat &file, const char *name)
 {
     struct stat about;
-    return stat(name, &about) == 0 && about.st_dev == file.st_dev && about.st_ino == file.st_ino;
+    if (stat(name, &about) != 0)
+        return errno == ENOENT;
+    const bool same = about.st_dev == file.st_dev && about.st_ino == file.st_ino;
+    if (same)
+        errno = EEXIST;
+    return !same;
 }
 
 // Copies the bytes from at to end.  0, or -1 with errno set.
@@ -98,10 +104,8 @@ static int make_copy(int fd, const char *part, const char *aside)
     struct stat about;
     if (fstat(fd, &about) != 0)
         return -1;
-    if (names_file(about, part) || names_file(about, aside)) {
-        errno = EEXIST;
+    if (!names_another(about, part) || !names_another(about, aside))
         return -1;
-    }
     (void)unlink(part); // left by a call that was killed
     const int copy = open(part, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (copy < 0)

@@ -30,13 +30,19 @@ static const unsigned char *bytes_at(window *w, long long at, int32_t n, int *co
     if (at + n > w->size)
         return nullptr;
     if (at < w->at || at + n > w->at + w->held) {
-        const ssize_t got = pread(w->fd, w->bytes, window_size, at);
         w->at = at;
-        w->held = std::max<ssize_t>(got, 0);
-        if (got < 0)
-            *code = TMF_EREAD_DATA;
-        if (got < n)
-            return nullptr;
+        w->held = 0;
+        // The system may give less than there is: that is no end of the file, behind
+        // which a repair would take sound records for torn ones.
+        while (w->held < n) {
+            const ssize_t got = pread(w->fd, w->bytes + w->held,
+                                      static_cast<size_t>(window_size - w->held), at + w->held);
+            if (got < 0)
+                *code = TMF_EREAD_DATA;
+            if (got <= 0)
+                return nullptr;
+            w->held += got;
+        }
     }
     return w->bytes + (at - w->at);
 }
