@@ -27,11 +27,11 @@ class BridgeHeldTest : public IntakeTest {
         // Nothing is logged before the stream is behind the snapshot.
         ASSERT_NO_FATAL_FAILURE(begin_waiting());
         const pid_t held = sender();
-        kill(held, SIGSTOP);
+        pg_stop_at_rest(held);
         see_first();
         const bool read = poll_until([&] { return (stopped = reader()) != 0; });
         if (read)
-            kill(stopped, SIGSTOP);
+            pg_stop_at_rest(stopped);
         let_commits_wait(false);
         kill(held, SIGCONT);
         ASSERT_TRUE(read) << bridge.err();

@@ -47,7 +47,7 @@ class IntakeChangeTest : public IntakeTest {
         ASSERT_EQ(catch_up({"--create"}).status, 0);
         ASSERT_NO_FATAL_FAILURE(begin_waiting());
         const pid_t held = sender();
-        kill(held, SIGSTOP);
+        pg_stop_at_rest(held);
         sql("SET synchronous_commit = local; SELECT pg_logical_emit_message(true, 'high', '')");
         see_first();
         const bool read = poll_until([&] { return reader_has_run("''kestro''"); });

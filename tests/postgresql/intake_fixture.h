@@ -115,7 +115,7 @@ class IntakeTest : public BridgeTest {
     {
         ASSERT_NO_FATAL_FAILURE(begin_waiting());
         const pid_t held = sender();
-        kill(held, SIGSTOP);
+        pg_stop_at_rest(held);
         run_and_wait(unseen);
         see_first();
         const bool read = poll_until([&] { return reader_has_run("''kestro''") || reader() != 0; });

@@ -14,6 +14,7 @@
 #include <pwd.h>
 #include <stdexcept>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -314,6 +315,30 @@ void pg_server::freeze() const
 void pg_server::thaw() const
 {
     signal_all(pid, SIGCONT);
+}
+
+// Of a process that is stopped in a system call, the kernel tells the number of the call.
+static bool stands_in_wait(pid_t process)
+{
+    const std::string proc = "/proc/" + std::to_string(process);
+    if (!poll_until(
+            [&] { return read_file(proc + "/status").find("(stopped)") != std::string::npos; }))
+        return false;
+    const std::string call = read_file(proc + "/syscall"); // empty: not to be seen here
+    return call.empty() || atol(call.c_str()) == SYS_epoll_wait;
+}
+
+void pg_stop_at_rest(pid_t process)
+{
+    const bool stopped = poll_until([&] {
+        kill(process, SIGSTOP);
+        if (stands_in_wait(process))
+            return true;
+        kill(process, SIGCONT);
+        return false;
+    });
+    if (!stopped)
+        throw std::runtime_error("process " + std::to_string(process) + " does not come to rest");
 }
 
 std::string pg_server::log() const

@@ -81,4 +81,8 @@ class pg_server {
     pid_t pid = -1;
 };
 
+// Stops one of a server's processes where it waits for its client or for work.  Stopped anywhere
+// else it could hold a lock for a moment that all others need.
+void pg_stop_at_rest(pid_t process);
+
 #endif
