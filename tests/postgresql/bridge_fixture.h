@@ -8,6 +8,7 @@
 #include "tests/postgresql/background.h"
 #include "tests/postgresql/pg_client.h"
 #include "tests/postgresql/pg_server.h"
+#include "tests/postgresql/stuck_report.h"
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 
@@ -93,6 +94,7 @@ class BridgeTest : public testing::Test {
     background bridge;
     std::string database; // also the slot's and the publication's name
     static std::unique_ptr<pg_server> server;
+    const stuck_report stuck{600};
 };
 
 // The same with table load.ledger and its dataset.
