@@ -1,0 +1,136 @@
+// remedies.txt says which test carries out what a page says to do: each row of the pages has its
+// line, each line its row, and each test that a line names is there.
+#include "tests/remedies/remedy_fixture.h"
+
+#include <filesystem>
+#include <regex>
+#include <set>
+
+namespace fs = std::filesystem;
+
+static const char *const pages[] = {
+    "docs/capread.md",    "docs/forward-log.md", "docs/fwlog.md",   "docs/message-file.md",
+    "docs/operations.md", "docs/postgresql.md",  "docs/tmf-tool.md"};
+
+// A page, and the first message, or the codes, of one of its rows.
+using row = std::pair<std::string, std::string>;
+
+static std::multiset<row> rows_of_pages()
+{
+    std::multiset<row> rows;
+    for (const char *page : pages) {
+        const std::string text = md_page(page);
+        for (const char *head : {"message", "detail", "code"}) {
+            if (text.find("| " + std::string(head) + " |") == std::string::npos)
+                continue;
+            for (const md_table &table : md_find_tables(text, head)) {
+                for (const auto &cells : table.rows) {
+                    const std::vector<std::string> messages = md_code(cells[0]);
+                    rows.emplace(page, messages.empty() ? cells[0] : messages[0]);
+                }
+            }
+        }
+    }
+    return rows;
+}
+
+struct line {
+    row of;
+    std::string by; // tests, or why there is none
+};
+
+static std::vector<line> inventory()
+{
+    static const std::string BETWEEN = " | ";
+    std::vector<line> lines;
+    std::istringstream in(read_file(KESTRO_SOURCE_DIR "/tests/remedies/remedies.txt"));
+    for (std::string text; std::getline(in, text);) {
+        if (text.empty() || text[0] == '#')
+            continue;
+        const size_t first = text.find(BETWEEN);
+        const size_t last = text.rfind(BETWEEN);
+        if (first == std::string::npos || first == last)
+            throw std::runtime_error("not of three parts: " + text);
+        lines.push_back({{text.substr(0, first),
+                          text.substr(first + BETWEEN.size(), last - first - BETWEEN.size())},
+                         text.substr(last + BETWEEN.size())});
+    }
+    return lines;
+}
+
+static std::set<std::string> tests()
+{
+    static const std::regex test(R"(\nTEST(?:_F|_P)?\((\w+),\s+(\w+)\))");
+    std::set<std::string> names;
+    for (const auto &entry : fs::recursive_directory_iterator(KESTRO_SOURCE_DIR "/tests")) {
+        if (entry.path().extension() != ".cpp")
+            continue;
+        const std::string text = read_file(entry.path().string());
+        for (std::sregex_iterator at(text.begin(), text.end(), test), end; at != end; ++at)
+            names.insert(at->str(1) + "." + at->str(2));
+    }
+    return names;
+}
+
+static bool begins_with(const std::string &text, const char *beginning)
+{
+    return text.rfind(beginning, 0) == 0;
+}
+
+TEST(RemedyInventory, EachRowHasItsLineAndEachLineItsRow)
+{
+    std::multiset<row> lines;
+    for (const line &one : inventory())
+        lines.insert(one.of);
+    EXPECT_GE(lines.size(), 200U);
+    const std::multiset<row> rows = rows_of_pages();
+    std::vector<row> differ;
+    std::set_symmetric_difference(lines.begin(), lines.end(), rows.begin(), rows.end(),
+                                  std::back_inserter(differ));
+    EXPECT_THAT(differ, testing::ElementsAre());
+}
+
+TEST(RemedyInventory, EachTestThatALineNamesIsThere)
+{
+    static const std::regex name(R"(\b[A-Z]\w+\.[A-Z]\w+)");
+    const std::set<std::string> there = tests();
+    EXPECT_GE(there.size(), 2000U);
+    for (const line &one : inventory()) {
+        size_t named = 0;
+        for (std::sregex_iterator at(one.by.begin(), one.by.end(), name), end; at != end; ++at) {
+            EXPECT_EQ(there.count(at->str()), 1U) << one.of.second << ": " << at->str();
+            named++;
+        }
+        const bool excused =
+            begins_with(one.by, "no remedy: ") || begins_with(one.by, "by people: ");
+        EXPECT_TRUE(excused || named > 0) << one.of.second;
+    }
+}
+
+// What docs/reliability.md counts, by how the third part begins.
+TEST(RemedyInventory, NumbersAreThoseThatThePageGives)
+{
+    const std::pair<const char *, const char *> kinds[] = {
+        {"no remedy: ", "rows that say that nothing is to be done"},
+        {"by people: ", "rows whose remedy is the work of people"},
+        {"message only: ", "rows of which a test has the message only"},
+    };
+    const std::string page = md_section(md_page("docs/reliability.md"), "Messages and remedies");
+    const auto expect_row = [&page](const char *what, size_t number) {
+        EXPECT_NE(page.find("| " + std::string(what) + " | " + std::to_string(number) + " |"),
+                  std::string::npos)
+            << what << ": " << number;
+    };
+    const std::vector<line> lines = inventory();
+    size_t done = lines.size();
+    for (const auto &[beginning, what] : kinds) {
+        const auto number = static_cast<size_t>(
+            std::count_if(lines.begin(), lines.end(), [beginning = beginning](const line &one) {
+                return begins_with(one.by, beginning);
+            }));
+        expect_row(what, number);
+        done -= number;
+    }
+    expect_row("rows of the tables that say what to do", lines.size());
+    expect_row("rows with a remedy that a test carries out", done);
+}
