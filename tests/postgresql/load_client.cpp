@@ -23,7 +23,7 @@ const char audit_cfg[] = "dataset AUDIT\n"
 constexpr int64_t IDS_PER_CLIENT = 1'000'000'000;
 constexpr int64_t LARGE = 3000;
 
-struct load_client {
+struct load_work {
     int number = 0;
     int large = 0;
     int64_t next = 0; // id of the next row
@@ -80,7 +80,7 @@ struct load_client {
                "; DELETE FROM load.ledger" + range + " AND id % 100 <> 0;";
     }
 
-    std::string transaction()
+    load_transaction transaction()
     {
         std::string sql = "BEGIN; SELECT pg_logical_emit_message(true, 'session', 'user=L" +
                           std::to_string(number) + "');";
@@ -90,11 +90,36 @@ struct load_client {
         else
             for (int64_t n = 1 + below(8); n > 0; n--)
                 sql += change();
-        return sql + (below(20) == 0 ? "ROLLBACK" : "COMMIT");
+        return {sql, below(20) == 0 ? "ROLLBACK" : "COMMIT"};
     }
 };
 
-static int work_on(load_client &client, const std::string &conninfo, int stop)
+static load_work made_work(int number, unsigned seed, int large)
+{
+    load_work work;
+    work.number = number;
+    work.large = large;
+    work.next = IDS_PER_CLIENT * number;
+    work.random.seed(seed);
+    return work;
+}
+
+load_work *load_work_new(int number, unsigned seed, int large)
+{
+    return new load_work(made_work(number, seed, large));
+}
+
+void load_work_free(load_work *work)
+{
+    delete work;
+}
+
+load_transaction load_work_next(load_work &work)
+{
+    return work.transaction();
+}
+
+static int work_on(load_work &client, const std::string &conninfo, int stop)
 {
     std::unique_ptr<pg_client> session;
     char byte = 0;
@@ -102,7 +127,8 @@ static int work_on(load_client &client, const std::string &conninfo, int stop)
         try {
             if (session == nullptr)
                 session = std::make_unique<pg_client>(conninfo);
-            session->run(client.transaction());
+            const load_transaction made = client.transaction();
+            session->run(made.work + made.end);
         } catch (const pg_error &) {
             session.reset(); // the server is gone: whether it committed, its tables tell
         }
@@ -120,11 +146,7 @@ load_clients::load_clients(const std::string &conninfo, int n, unsigned seed, in
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             close(stop_pipe[1]);
-            load_client client;
-            client.number = i;
-            client.large = large;
-            client.next = IDS_PER_CLIENT * i;
-            client.random.seed(seed + static_cast<unsigned>(i));
+            load_work client = made_work(i, seed + static_cast<unsigned>(i), large);
             _exit(work_on(client, conninfo, stop_pipe[0]));
         }
         pids.push_back(pid);

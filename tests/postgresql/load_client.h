@@ -27,6 +27,18 @@ class load_clients {
     int stop_pipe[2] = {-1, -1};
 };
 
+// One client's transactions: what a transaction does, "BEGIN" in front, and how it ends, "COMMIT"
+// or "ROLLBACK".
+struct load_work;
+struct load_transaction {
+    std::string work;
+    std::string end;
+};
+// number: the client's, by which its rows differ from all others'.
+load_work *load_work_new(int number, unsigned seed, int large);
+void load_work_free(load_work *work);
+load_transaction load_work_next(load_work &work);
+
 // Table load.audit, which the processes need beside load.ledger, and its dataset.
 extern const char audit_sql[];
 extern const char audit_cfg[];
