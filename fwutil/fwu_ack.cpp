@@ -101,7 +101,7 @@ fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack, bool quiet)
     if (fd < 0 && errno == ENOENT)
         return FWU_END;
     const bool other = fd >= 0 && fstat(fd, &about) == 0 && !S_ISREG(about.st_mode);
-    const ssize_t n = other ? 0 : fd < 0 ? -1 : pread(fd, bytes, sizeof bytes, 0);
+    const ssize_t n = other ? 0 : fd < 0 ? -1 : fwu_read_all(fd, bytes, sizeof bytes, 0);
     if (n < 0 && !quiet)
         (void)fwu_file_error(path, "cannot read what was acknowledged");
     if (fd >= 0)

@@ -10,6 +10,7 @@
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_time.h"
 
 #include <algorithm>
@@ -312,7 +313,7 @@ static fwu_found scan(fwu_cursor &c)
 static fwu_found scanned_still_there(const fwu_cursor &c, bool &there)
 {
     unsigned char now[FWU_ENTRY_HEADER_SIZE];
-    const ssize_t n = pread(c.fd, now, sizeof now, c.scan_last_at);
+    const ssize_t n = fwu_read_all(c.fd, now, sizeof now, c.scan_last_at);
     if (n < 0)
         return read_error(c);
     there = n == static_cast<ssize_t>(sizeof now) && memcmp(now, c.scan_last, sizeof now) == 0;

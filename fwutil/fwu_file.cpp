@@ -49,6 +49,23 @@ int fwu_write_all(int fd, const void *data, size_t length, int64_t offset)
     return 0;
 }
 
+ssize_t fwu_read_all(int fd, void *data, size_t length, int64_t offset)
+{
+    size_t held = 0;
+    while (held < length) {
+        const ssize_t n = pread(fd, static_cast<unsigned char *>(data) + held, length - held,
+                                offset + static_cast<int64_t>(held));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        held += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(held);
+}
+
 std::string fwu_directory_of(const std::string &path)
 {
     const size_t slash = path.rfind('/');

@@ -18,6 +18,10 @@ int fwu_file_open(const std::string &path, int flags, mode_t mode);
 // Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
 int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
 
+// Reads the bytes at offset, going on after a part of them; as many as the file has, or -1 with
+// errno.
+ssize_t fwu_read_all(int fd, void *data, size_t length, int64_t offset);
+
 // Whether the file holds zeros only: a system that went down before it wrote it.
 bool fwu_file_all_zero(const std::string &path);
 

@@ -9,6 +9,7 @@
 #include "fwutil/fwu_boot.h"
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_status_file.h"
 
 #include <cerrno>
@@ -207,6 +208,9 @@ static int check_name(fwu_status &status)
         return -1;
     if (fwu_status_file_named(status.path, status.fd))
         return 0;
+    if (errno != 0 && errno != ENOENT && errno != ENOTDIR)
+        return fwu_error("%s: cannot read the status file: %s", status.path.c_str(),
+                         strerror(errno));
     status.lost = true;
     return fwu_error("%s: the status file was removed or replaced while in use; the position is "
                      "%s, give it as start position%s",
@@ -224,11 +228,7 @@ int fwu_status_look(fwu_status &status)
     if (check_name(status) != 0)
         return -1;
     std::string bytes(head_size(status), '\0');
-    ssize_t n = 0;
-    do
-        n = pread(status.fd, bytes.data(), bytes.size(), 0);
-    while (n < 0 && errno == EINTR);
-    if (n < 0)
+    if (fwu_read_all(status.fd, bytes.data(), bytes.size(), 0) < 0)
         return fwu_error("%s: cannot read the status file: %s", status.path.c_str(),
                          strerror(errno));
     const std::string pointer =

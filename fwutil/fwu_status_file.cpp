@@ -27,10 +27,8 @@ int fwu_status_file_read(const std::string &path, int fd, std::string &bytes)
     size_t length = 0;
     bytes.resize(READ_SIZE);
     while (length < SIZE_MAX_READ) {
-        const ssize_t n =
-            pread(fd, bytes.data() + length, bytes.size() - length, static_cast<off_t>(length));
-        if (n < 0 && errno == EINTR)
-            continue;
+        const ssize_t n = fwu_read_all(fd, bytes.data() + length, bytes.size() - length,
+                                       static_cast<int64_t>(length));
         if (n < 0)
             return fwu_error("%s: cannot read the status file: %s", path.c_str(), strerror(errno));
         length += static_cast<size_t>(n);
@@ -62,6 +60,7 @@ bool fwu_status_file_named(const std::string &path, int fd)
 {
     struct stat named = {};
     struct stat held = {};
+    errno = 0;
     return stat(path.c_str(), &named) == 0 && fstat(fd, &held) == 0 &&
            named.st_dev == held.st_dev && named.st_ino == held.st_ino;
 }

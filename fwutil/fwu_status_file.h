@@ -22,7 +22,8 @@ int fwu_status_file_write(const std::string &path, int fd, const std::string &by
 int fwu_status_file_cut(const std::string &path, int fd, size_t size);
 int fwu_status_file_force(const std::string &path, int fd);
 
-// Whether the descriptor's file still has that name.
+// Whether the descriptor's file still has that name; where it has not, errno is 0 or why the
+// name leads nowhere.
 bool fwu_status_file_named(const std::string &path, int fd);
 
 #endif
