@@ -63,9 +63,9 @@ int fwu_log_damage(const fwu_log_file &file, const fwu_verdict &verdict)
     if (verdict.gap)
         return fwu_error("%s: damaged at offset %lld: %s; restore the file before it from a copy, "
                          "cut the log back to what is whole (fwlog repair), or go on without what "
-                         "is missing with this one as start position (%d-%d.0)",
+                         "is missing with this one as start position (%d-%d.0)%s",
                          file.path.c_str(), static_cast<long long>(verdict.at), verdict.reason,
-                         file.generation, file.sequence);
+                         file.generation, file.sequence, FWU_KEEP_FIRST);
     return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, cut the "
                      "log back to what is whole (fwlog repair), or leave the rest of the file out "
                      "with the next one as start position (%d-%d.0)%s",

@@ -152,7 +152,9 @@ TEST_F(WholeTest, RecordsMissingBeforeAFileAreDamage)
                                    "; restore the file before it from a copy, cut the log back to "
                                    "what is whole (fwlog repair), or go on without what is missing "
                                    "with this one as start position (" +
-                                   start + ")\n";
+                                   start +
+                                   "); a start may empty the program's text files: keep them "
+                                   "aside first\n";
         EXPECT_THAT(read.err, HasSubstr(behind + remedy));
         if (row.sequence == 3) {
             EXPECT_THAT(written_again, HasSubstr(behind + remedy));
