@@ -167,3 +167,70 @@ TEST_F(BridgeRemedyLaterTest, NoPositionIsLeftForAGapMark)
     EXPECT_EQ(occurrences(dump(), "skip-table was taken out"), PLACES);
     expect_runs({});
 }
+
+// What --resume refuses, and the same --resume once that is mended.
+TEST_F(BridgeRemedyLaterTest, WhatWasNotTakenInIsTakenInOnceItIsMended)
+{
+    const std::string leave_out = "skip-table load.left_out\n";
+    configure(leave_out);
+    sql("CREATE TABLE load.left_out (a integer PRIMARY KEY); INSERT INTO load.left_out VALUES (71);"
+        "CREATE UNLOGGED TABLE load.quick (a integer PRIMARY KEY);"
+        "INSERT INTO load.quick VALUES (72);"
+        "CREATE TABLE load.parts (a integer PRIMARY KEY) PARTITION BY RANGE (a);"
+        "CREATE TABLE load.part_1 PARTITION OF load.parts FOR VALUES FROM (0) TO (100);"
+        "INSERT INTO load.parts VALUES (73)");
+    expect_runs({"--create"});
+
+    const std::string left_out = refused({"--resume", "load.left_out"}, "table load.left_out is "
+                                                                        "not taken in: the "
+                                                                        "configuration leaves it "
+                                                                        "out: take ");
+    EXPECT_EQ(found_in(left_out, "take \"(skip-table [^\"]*)\" out of ") + "\n", leave_out);
+    configure();
+    EXPECT_EQ(catch_up({"--resume", "load.left_out"}).status, 0);
+    EXPECT_TRUE(logged("after A=71"));
+
+    (void)refused({"--resume", "Load.ledger"}, "the database has no such table (capitals count)");
+    EXPECT_EQ(catch_up({"--resume", "load.ledger"}).status, 0);
+
+    (void)refused({"--resume", "load.quick"}, "the server's log does not have it");
+    sql("ALTER TABLE load.quick SET LOGGED");
+    EXPECT_EQ(catch_up({"--resume", "load.quick"}).status, 0);
+    EXPECT_TRUE(logged("after A=72"));
+
+    if (server_version() >= 13) {
+        const std::string told = refused({"--resume", "load.part_1"}, "name that one");
+        EXPECT_EQ(
+            catch_up({"--resume", found_in(told, "it is a part of ([a-z.]*), which is")}).status,
+            0);
+        EXPECT_TRUE(logged("after A=73"));
+    }
+    expect_runs({});
+    EXPECT_EQ(status_member("aside"), "[]");
+}
+
+TEST_F(BridgeRemedyLaterTest, ADamagedFileOfNamesIsRestoredOrRemoved)
+{
+    sql("CREATE TABLE load.undescribed (a integer PRIMARY KEY);"
+        "ALTER TABLE load.undescribed REPLICA IDENTITY FULL");
+    expect_runs({"--create"});
+    sql("INSERT INTO load.undescribed VALUES (71)");
+    EXPECT_EQ(catch_up().status, 0);
+    const std::string names = dir.file("log/names");
+    const std::string sound = read_file(names);
+    ASSERT_NE(sound, "");
+    for (const bool restored : {true, false}) {
+        write_file(names, "?" + sound);
+        sql("INSERT INTO load.undescribed VALUES (" + std::string(restored ? "72" : "73") + ")");
+        (void)refused({}, "/names: damaged: it says which dataset each table has; restore it from "
+                          "a copy, or remove it: ");
+        if (restored)
+            write_file(names, sound);
+        else
+            ASSERT_TRUE(std::filesystem::remove(names));
+        expect_runs({});
+        EXPECT_TRUE(logged(restored ? "after A=72" : "after A=73"));
+        EXPECT_THAT(read_file(names), HasSubstr("\ntable load.undescribed LOAD UNDESCRIBED\n"))
+            << "the table has the dataset that it had";
+    }
+}

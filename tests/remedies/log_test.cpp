@@ -58,7 +58,9 @@ TEST_F(LogRemedy, ADamagedFileIsRestoredOrLeftOutByTheMessagesPosition)
     expect_good("KESTRO_TEXT=append Kestro -synconly -ascii cap -start " + start);
     std::vector<int> got = numbers("cap");
     EXPECT_EQ(got.back(), RECORDS);
-    EXPECT_LT(got.size(), whole.size()) << "the rest of that file is left out";
+    const std::string behind = sh("fwlog dump --json --from 1-3 | grep -c '\"op\":\"c\"'").out;
+    EXPECT_EQ(std::to_string(got.size() - before.size()) + "\n", behind)
+        << "the rest of that file is left out, and no other";
     EXPECT_EQ(std::vector<int>(got.begin(), got.begin() + static_cast<long>(before.size())),
               before);
     append(100);
@@ -83,7 +85,9 @@ TEST_F(LogRemedy, AMissingFileIsRestoredOrPassedOver)
     const std::vector<int> before = numbers("cap");
     expect_good("KESTRO_TEXT=append Kestro -synconly -stat second.status -ascii second -start " +
                 advised(err, "start position "));
+    const std::string behind = sh("fwlog dump --json --from 1-3 | grep -c '\"op\":\"c\"'").out;
     EXPECT_EQ(numbers("second").back(), RECORDS);
+    EXPECT_EQ(std::to_string(numbers("second").size()) + "\n", behind);
     write_file(file, sound);
     expect_good("KESTRO_TEXT=append Kestro -synconly -ascii cap");
     EXPECT_EQ(numbers("cap"), whole);
