@@ -5,6 +5,7 @@
 #include "ascii/ascii_flags.h"
 #include "ascii/put_ascii.h"
 #include "driver/base/dsetinfo.h"
+#include "tests/ascii/ascii_model.h"
 #include "tests/support/captured.h"
 
 #include <cstdlib>
@@ -12,12 +13,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-struct item {
-    char type;
-    int32_t size;
-    int32_t count = 1;
-};
 
 // A record buffer as a capture file has it: bufsize bytes and two to spare.
 struct record_buffer {
