@@ -16,3 +16,11 @@ if(KESTRO_SANITIZE)
     $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-fno-sanitize=function,vptr>)
   target_link_options(kestro_build INTERFACE -fsanitize=${KESTRO_SANITIZE})
 endif()
+
+# What the fuzzers run tells them which branches it took.
+if(KESTRO_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "KESTRO_FUZZ needs clang++: cmake --preset fuzz")
+  endif()
+  target_compile_options(kestro_build INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -59,6 +59,8 @@ TEST(Sources, EachOpensWithItsSubject)
             if (!entry.is_regular_file())
                 continue;
             const std::string path = entry.path().string();
+            if (path.find("/tests/fuzz/corpus/") != path.npos)
+                continue; // bytes that nobody wrote
             files++;
             EXPECT_TRUE(opens_with_subject(path, read_file(path))) << path;
         }
