@@ -59,7 +59,8 @@ int fwu_cursor_open(fwu_cursor &cursor, const fwu_log_file &file)
 
 int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file)
 {
-    const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    // A pipe that has the name is not waited for: reading it fails.
+    const int fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return -1;
     fwu_cursor_close(cursor);

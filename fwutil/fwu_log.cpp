@@ -130,7 +130,8 @@ fwu_found fwu_log_open(fwu_cursor &cursor, const fwu_log_file &file)
 fwu_found fwu_log_header(const fwu_log_file &file, fwu_file_header &header)
 {
     unsigned char bytes[FWU_FILE_HEADER_SIZE];
-    const int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    // As in fwu_cursor_try_open.
+    const int fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const ssize_t n = fd < 0 ? -1 : fwu_read_all(fd, bytes, sizeof bytes, 0);
     if (n < 0)
         fwu_error("%s: cannot read the log file: %s", file.path.c_str(), strerror(errno));

@@ -92,7 +92,8 @@ int fwu_lost_add(fwu_lost &lost, const fwu_log_file &file, int64_t offset)
         return -1;
     scan s;
     struct stat about = {};
-    s.fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+    // As in fwu_cursor_try_open.
+    s.fd = open(file.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     int result = 0;
     if (s.fd < 0 || fstat(s.fd, &about) != 0)
         result = fwu_file_error(file.path, "cannot open the log file");

@@ -29,7 +29,8 @@ static int damaged(const std::string &path)
 
 int fwu_status_read(const std::string &path, fwu_status_text &text)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // A pipe that has the name is not waited for: reading it fails.
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return fwu_error("%s: cannot open the status file: %s", path.c_str(), strerror(errno));
     std::string bytes;
