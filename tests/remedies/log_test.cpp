@@ -235,6 +235,22 @@ TEST_F(LogRemedy, ARegistrationIsCorrectedByThePathsThatAreShown)
     EXPECT_EQ(sh("fwlog health --state fwutil.status").status, 0);
 }
 
+TEST_F(LogRemedy, AStatusFileIsGivenWithItsLogAndAPlainName)
+{
+    EXPECT_EQ(md_remedy(PAGE, "STATUS: the status file belongs to the log in DIR"),
+              "name the configuration of that log");
+    ASSERT_EQ(sh("mkdir second && cp fwutil.cfg second && cp -r log second/log").status, 0);
+    expect_good("Kestro -synconly -cfg second/fwutil.cfg -stat second.status -ascii cap");
+    expect_error("fwlog prune --keep 1 --status second.status",
+                 "the status file belongs to the log in ");
+    EXPECT_EQ(sh("fwlog prune -cfg second/fwutil.cfg --keep 1 --status second.status").status, 0);
+    EXPECT_EQ(md_remedy(PAGE, "STATUS: a status file with a control character in its path"),
+              "give it another name");
+    expect_error("fwlog readers --add \"$(printf 'a\\nb')\"",
+                 "a status file with a control character in its path cannot be registered");
+    EXPECT_EQ(sh("fwlog readers --add b").status, 0);
+}
+
 TEST_F(LogRemedy, AStateFileOfAnotherProgramGetsAnotherName)
 {
     EXPECT_THAT(md_remedy(PAGE, "FILE: it is the status file of a program that keeps more"),

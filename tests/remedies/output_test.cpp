@@ -99,3 +99,62 @@ TEST_F(CaptureFileRemedy, ALayoutIsTakenFromTheLog)
     EXPECT_EQ(sh("capread -cfg fwutil.cfg -ascii -yyyy text").status, 1);
     EXPECT_EQ(printed("--layout layouts.json -ascii -yyyy text"), 100U);
 }
+
+// Datasets of other items: one record of each layout, in the same order.
+static void log_records(const tempdir &dir,
+                        const std::vector<std::pair<fwu_layout, std::string>> &all)
+{
+    fwu_config config;
+    ASSERT_EQ(fwu_config_read(config, dir.file("fwutil.cfg").c_str()), 0);
+    fwu_writer *writer = nullptr;
+    ASSERT_EQ(fwu_writer_open(&writer, config), 0);
+    ASSERT_EQ(fwu_writer_begin(writer, nullptr), 0);
+    for (const auto &[layout, image] : all)
+        EXPECT_EQ(fwu_writer_record(writer, FWU_OP_INSERT, layout, 1700000000,
+                                    static_cast<int>(image.size()), nullptr, image.data()),
+                  0);
+    fwu_commit commit;
+    commit.time_us = 1700000000LL * 1000000;
+    commit.lsn = 1000000;
+    EXPECT_EQ(fwu_writer_commit(writer, commit), 0);
+    fwu_writer_close(writer);
+}
+
+TEST_F(CaptureFileRemedy, NumbersAreReadAndCapturedAsTheMessagesSay)
+{
+    log_records(dir, {{{"TESTDB", "PACKED", {{"NET", 'P', 2}}, {}}, std::string("\x12\x3c")}});
+    expect_good("Kestro -synconly -ascii -dset testdb:packed packed");
+    EXPECT_THAT(md_remedy(PAGE, "item I: \"...\" is not a packed decimal number of -bwfmt"),
+                HasSubstr("give the options of the capture, `-bwfmt` only if it had that"));
+    expect_error("capread -cfg fwutil.cfg -ascii -bwfmt packed",
+                 "is not a packed decimal number of -bwfmt");
+    EXPECT_EQ(printed("-cfg fwutil.cfg -ascii packed"), 1U);
+}
+
+TEST_F(CaptureFileRemedy, FloatsAreCapturedAsTheMessageSays)
+{
+    EXPECT_EQ(md_remedy(PAGE, "does not tell little-endian floating-point numbers"),
+              "capture as it says");
+    log_records(dir, {{{"TESTDB", "RATES", {{"RATE", 'E', 4}}, {}}, std::string("\0\0\0\x3f", 4)}});
+    expect_good("Kestro -synconly -asciirev -dset testdb:rates reversed");
+    const std::string err = expect_error("capread -cfg fwutil.cfg -asciirev reversed",
+                                         "-endian floating-point numbers; capture with ");
+    const size_t at = err.find("capture with ") + 13;
+    const std::string option = err.substr(at, err.find_first_of(" \n", at) - at);
+    expect_good("Kestro -synconly -start 1 " + option + " -dset testdb:rates plain");
+    EXPECT_EQ(sh("capread -cfg fwutil.cfg " + option + " plain | grep -c '\"RATE\":0.5'").out,
+              "1\n");
+}
+
+TEST_F(CaptureFileRemedy, OneOfTwoDatabasesIsGivenByItsLayout)
+{
+    const std::string cell = md_remedy(PAGE, "these headers do not tell them apart");
+    EXPECT_THAT(cell, HasSubstr("give `--layout` with one of them"));
+    const std::vector<fwu_item> items = {{"A", 'X', 2}};
+    log_records(dir, {{{"ONEDB", "SAME", items, {}}, "ab"}, {{"TWODB", "SAME", items, {}}, "cd"}});
+    expect_good("Kestro -synconly -info DBNAME -dset onedb:same same");
+    expect_error("capread -cfg fwutil.cfg -info DBNAME same",
+                 "these headers do not tell them apart");
+    EXPECT_EQ(sh("fwlog layout --json -info DBNAME --dset onedb:same >one.json").status, 0);
+    EXPECT_EQ(printed("--layout one.json -info DBNAME same"), 1U);
+}
