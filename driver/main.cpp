@@ -26,7 +26,7 @@ static void pause_for_enter()
     printf("Press ENTER to continue...");
     fflush(stdout);
     char line[256];
-    (void)fgets(line, sizeof line, stdin); // whatever comes, or nothing, is as good
+    (void)!fgets(line, sizeof line, stdin); // whatever comes, or nothing, is as good
 }
 
 int main(int argc, char **argv)

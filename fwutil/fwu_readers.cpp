@@ -107,7 +107,7 @@ static int open_beside(const std::string &directory, const std::string &path, in
                                  0600 | (about.st_mode & 0666));
     if (fd >= 0 && geteuid() == 0 && fstat(fd, &made) == 0 && S_ISREG(made.st_mode) &&
         made.st_uid == 0 && made.st_nlink == 1 && made.st_size == 0)
-        (void)fchown(fd, about.st_uid, about.st_gid); // a file system without owners is no reason
+        (void)!fchown(fd, about.st_uid, about.st_gid); // a file system without owners is no reason
     return fd;
 }
 
