@@ -56,7 +56,7 @@ bool feed_whole_write(const std::string &path, mode_t mode, std::string_view fir
     text += lines;
     text += last_line(text);
     const std::string fresh = path + ".new";
-    const int fd = fwu_file_open(fresh, O_WRONLY | O_TRUNC, mode);
+    const int fd = fwu_file_anew(fresh, O_WRONLY, mode);
     const bool written = fd >= 0 && fwu_write_all(fd, text.data(), text.size(), 0) == 0 &&
                          fsync(fd) == 0 && rename(fresh.c_str(), path.c_str()) == 0;
     const int code = errno;

@@ -137,7 +137,7 @@ int fwu_ack_create(const std::string &directory, fwu_ack &ack, mode_t mode)
     ack.number++;
     const std::string line = line_of(ack);
     const std::string text = FIRST_LINE + line + line;
-    const int fd = fwu_file_open(temporary, O_RDWR | O_TRUNC, mode);
+    const int fd = fwu_file_anew(temporary, O_RDWR, mode);
     const bool written = fd >= 0 && fwu_write_all(fd, text.data(), text.size(), 0) == 0 &&
                          fsync(fd) == 0 && rename(temporary.c_str(), path.c_str()) == 0;
     int result = 0;
@@ -156,7 +156,7 @@ int fwu_ack_write(const std::string &directory, fwu_ack &ack)
     fwu_ack next = ack;
     next.number++;
     const std::string line = line_of(next);
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     const auto at = static_cast<int64_t>(FIRST_SIZE + next.number % LINES * LINE_SIZE);
     const bool written =
         fd >= 0 && fwu_write_all(fd, line.data(), line.size(), at) == 0 && fdatasync(fd) == 0;

@@ -24,7 +24,18 @@ int fwu_file_open(const std::string &path, int flags, mode_t mode)
     int fd = open(path.c_str(), flags | O_CLOEXEC);
     if (fd >= 0 || errno != ENOENT)
         return fd;
-    fd = open(path.c_str(), flags | O_CREAT | O_CLOEXEC, mode);
+    // A link that leads nowhere yet would have it made elsewhere.
+    fd = open(path.c_str(), flags | O_CREAT | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (fd >= 0)
+        (void)fchmod(fd, mode); // a file system without modes is no reason to stop
+    return fd;
+}
+
+int fwu_file_anew(const std::string &path, int flags, mode_t mode)
+{
+    if (unlink(path.c_str()) != 0 && errno != ENOENT)
+        return -1;
+    const int fd = open(path.c_str(), flags | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (fd >= 0)
         (void)fchmod(fd, mode); // a file system without modes is no reason to stop
     return fd;
@@ -108,7 +119,7 @@ int fwu_file_copy(const std::string &from, int64_t offset, int64_t end, const st
 {
     std::vector<unsigned char> bytes(COPY_SIZE);
     const int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
-    const int out = in < 0 ? -1 : fwu_file_open(to, O_WRONLY | O_TRUNC, mode);
+    const int out = in < 0 ? -1 : fwu_file_anew(to, O_WRONLY, mode);
     bool good = out >= 0;
     int64_t at = offset;
     for (ssize_t n = 1; good && n > 0 && at < end; at += n) {

@@ -15,6 +15,10 @@ int fwu_file_error(const std::string &path, const char *what);
 // mode.  A descriptor, or -1 with errno.
 int fwu_file_open(const std::string &path, int flags, mode_t mode);
 
+// Makes a file that is going to be renamed.  What has its name, of a run that was killed or put
+// there by somebody else, is taken away, not written to.  A descriptor, or -1 with errno.
+int fwu_file_anew(const std::string &path, int flags, mode_t mode);
+
 // Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
 int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
 

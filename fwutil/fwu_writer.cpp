@@ -353,7 +353,7 @@ static int begin_file(fwu_writer &w)
     const std::string temporary = w.log.directory + "/new-log-file";
     if (w.log.fd >= 0 && fwu_log_end_sync(w.log) != 0)
         return -1;
-    const int fd = fwu_file_open(temporary, O_RDWR | O_TRUNC, w.log.file_mode);
+    const int fd = fwu_file_anew(temporary, O_RDWR, w.log.file_mode);
     if (fd < 0)
         return fwu_file_error(temporary, "cannot create a log file");
     fwu_file_header header;

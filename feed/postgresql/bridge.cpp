@@ -212,6 +212,8 @@ static outcome take_over(bridge &b)
     b.state.retained = &fwu_writer_retained(b.tx.writer);
     kept.mode = fwu_writer_file_mode(b.tx.writer);
     outcome done = pgb_kept_read(kept, b.state.path);
+    if (done)
+        done = pgb_state_take(b.state);
     const fwu_commit &last = fwu_writer_last_commit(b.tx.writer);
     b.state.commit_us = last.time_us;
     pgb_skip_open(b.apply.skips, last.lsn);
@@ -252,8 +254,10 @@ static outcome fail_to_open(bridge &b)
     pgb_kept &kept = b.state.kept;
     const pgr_holder holder = pgr_find_holder(b.config.log_directory);
     kept.mode = holder.mode;
-    if (holder.known && !holder.held && pgb_kept_read(kept, b.state.path))
+    if (holder.known && !holder.held && pgb_kept_read(kept, b.state.path) &&
+        pgb_state_take(b.state))
         enter_last_phase(b.state, failed);
+    pgb_state_release(b.state);
     return OUTCOME_FAILED;
 }
 
@@ -294,6 +298,7 @@ outcome pgb_run(const pgb_options &options)
     if (fwu_writer_close(b.tx.writer) != 0)
         done = OUTCOME_FAILED;
     enter_last_phase(b.state, done);
+    pgb_state_release(b.state);
     if (options.verbose)
         pgb_state_print(b.state);
     return done;

@@ -13,8 +13,10 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 // A state file that is nothing but that has this member.
 static const char for_monitors[] = "\"error_time\":";
@@ -48,20 +50,23 @@ outcome pgb_kept_read(pgb_kept &kept, const std::string &older)
     return read_file(kept, older) ? pgb_kept_write(kept, true) : outcome();
 }
 
-bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable)
+bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable,
+                  int *held)
 {
     const std::string fresh = path + PGB_FRESH;
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    bool good = fd >= 0 && fchmod(fd, mode) == 0 && // whatever the umask says
-                write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    good = good && (!durable || fsync(fd) == 0);
+    int fd = fwu_file_anew(fresh, O_WRONLY, mode);
+    if (fd >= 0 && held != nullptr)
+        (void)flock(fd, LOCK_EX | LOCK_NB); // without it all is well, too
+    bool good = fd >= 0 && fwu_write_all(fd, text.data(), text.size(), 0) == 0 &&
+                (!durable || fsync(fd) == 0) && rename(fresh.c_str(), path.c_str()) == 0;
     const int code = errno;
+    if (good && held != nullptr)
+        std::swap(*held, fd);
     if (fd >= 0)
         close(fd);
     if (!good)
         errno = code;
-    return good && rename(fresh.c_str(), path.c_str()) == 0 &&
-           (!durable || fwu_path_sync(fwu_directory_of(path)) == 0);
+    return good && (!durable || fwu_path_sync(fwu_directory_of(path)) == 0);
 }
 
 outcome pgb_kept_write(const pgb_kept &kept, bool durable)

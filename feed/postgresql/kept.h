@@ -32,8 +32,10 @@ outcome pgb_kept_read(pgb_kept &kept, const std::string &older);
 outcome pgb_kept_write(const pgb_kept &kept, bool durable);
 
 // The same for any text in the place of what a file holds; false with errno.  Until it is whole it
-// stands beside it, under a name that ends so.
+// stands beside it, under a name that ends so.  held: the descriptor that has the file before
+// locked (flock), or -1, is closed, and becomes that of the new one, locked before it has its name.
 constexpr char PGB_FRESH[] = ".new";
-bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable);
+bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable,
+                  int *held = nullptr);
 
 #endif

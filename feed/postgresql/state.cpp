@@ -14,8 +14,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sys/file.h>
 #include <unistd.h>
 
 void pgb_state_enter(pgb_state &state, const char *phase)
@@ -237,9 +239,31 @@ static std::string text_of(const pgb_state &state)
     return out + "}\n";
 }
 
-outcome pgb_state_write(const pgb_state &state)
+outcome pgb_state_take(pgb_state &state)
 {
-    if (pgb_put_file(state.path, state.kept.mode, text_of(state), false))
+    pgb_state_release(state);
+    state.held = open(state.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (state.held < 0 || flock(state.held, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)
+        return {}; // not there, or nothing is locked on that file system
+    pgb_state_release(state);
+    outcome taken = outcome_failed("%s: it is the status file of another bridge that has not "
+                                   "ended; name another with --status",
+                                   state.path.c_str());
+    state.path.clear();
+    return taken;
+}
+
+void pgb_state_release(pgb_state &state)
+{
+    if (state.held >= 0)
+        (void)close(state.held); // nothing is left to write
+    state.held = -1;
+}
+
+outcome pgb_state_write(pgb_state &state)
+{
+    if (state.path.empty() ||
+        pgb_put_file(state.path, state.kept.mode, text_of(state), false, &state.held))
         return {};
     return outcome_failed("%s: cannot write the state: %s", state.path.c_str(), strerror(errno));
 }

@@ -17,7 +17,8 @@
 constexpr char PGB_STATE_FILE[] = "postgresql.json"; // in the log directory
 
 struct pgb_state {
-    std::string path;               // of the JSON file
+    std::string path;               // of the JSON file; empty: it is another bridge's
+    int held = -1;                  // owned; the file that stands there, locked as this bridge's
     const char *phase = "starting"; // streaming waiting stopped failed
     std::string error;              // failed: what ended it; waiting: what for; else empty
     int64_t error_us = 0;           // when that was
@@ -54,9 +55,14 @@ void pgb_state_enter(pgb_state &state, const char *phase, const std::string &err
 // name, and nothing that is there and no such file.  OUTCOME_FAILED when it may not.
 outcome pgb_state_check_path(const std::string &path, const std::string &log_directory);
 
+// Takes the file that a run before has left.  OUTCOME_FAILED when another bridge writes it: this
+// one will not.
+outcome pgb_state_take(pgb_state &state);
+void pgb_state_release(pgb_state &state);
+
 // Writes the file anew, under its name only once it is whole.  OUTCOME_FAILED when it could not
 // be written.
-outcome pgb_state_write(const pgb_state &state);
+outcome pgb_state_write(pgb_state &state);
 
 // The same, and tells a service manager.
 outcome pgb_state_tell(pgb_state &state);

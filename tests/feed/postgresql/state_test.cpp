@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static std::string text_of(const std::string &path)
@@ -106,7 +108,7 @@ class BridgeStateOfTables : public testing::Test {
                  .reason = "no\nroom"});
     }
 
-    std::string members() const
+    std::string members()
     {
         EXPECT_TRUE(pgb_state_write(state));
         const std::string text = text_of(state.path);
@@ -288,4 +290,67 @@ TEST(BridgeState, LagIsNoneWhenTheLogHasEverything)
     state.server_lsn = 200;
     EXPECT_EQ(pgb_lag_bytes(state), 100U);
     EXPECT_GT(pgb_lag_seconds(state), 1'000'000'000) << "since 1970";
+}
+
+// What others put there under the name of the file in the making is taken away, not written to.
+TEST(BridgeState, NothingIsWrittenThroughWhatOthersPutThere)
+{
+    const tempdir dir;
+    const std::string victim = dir.file("victim");
+    write_file(victim, "precious\n");
+    pgb_state state;
+    state.path = dir.file("state.json");
+    state.phase = "streaming";
+    const std::function<void()> plant[] = {
+        [&] { std::filesystem::create_symlink(victim, state.path + ".new"); },
+        [&] { std::filesystem::create_symlink(victim + "-made", state.path + ".new"); },
+        [&] { std::filesystem::create_hard_link(victim, state.path + ".new"); },
+        [&] { EXPECT_EQ(mkfifo((state.path + ".new").c_str(), 0666), 0); },
+        [&] {
+            std::filesystem::remove(state.path);
+            std::filesystem::create_symlink(victim, state.path);
+        },
+    };
+    for (const auto &put : plant) {
+        put();
+        EXPECT_TRUE(pgb_state_write(state));
+        EXPECT_EQ(read_file(victim), "precious\n");
+        EXPECT_FALSE(std::filesystem::exists(victim + "-made"));
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(state.path)));
+        EXPECT_TRUE(text_of(state.path).starts_with("{\"state\":\"streaming\""));
+        EXPECT_FALSE(std::filesystem::exists(state.path + ".new"));
+    }
+    pgb_state_release(state);
+}
+
+TEST(BridgeState, TwoBridgesDoNotTakeTurnsInOneFile)
+{
+    const tempdir dir;
+    pgb_state first;
+    pgb_state second;
+    first.path = second.path = dir.file("state.json");
+    first.slot = "one";
+    second.slot = "two";
+    EXPECT_TRUE(pgb_state_take(first)) << "there is none yet";
+    for (int i = 0; i < 2; i++) // the file of a start, the one that took its place
+        EXPECT_TRUE(pgb_state_write(first));
+    tell_as("fwlog");
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(pgb_state_take(second));
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("state.json: it is the status file of another bridge that has not ended"),
+              std::string::npos)
+        << said;
+    EXPECT_TRUE(pgb_state_write(second)) << "which does not say how it ended there";
+    EXPECT_NE(text_of(first.path).find("\"slot\":\"one\""), std::string::npos);
+    second.path = dir.file("other.json");
+    EXPECT_TRUE(pgb_state_take(second)) << "as it was told to";
+    EXPECT_TRUE(pgb_state_write(second));
+    EXPECT_NE(text_of(second.path).find("\"slot\":\"two\""), std::string::npos);
+    pgb_state_release(first);
+    second.path = first.path;
+    EXPECT_TRUE(pgb_state_take(second)) << "the first one has ended";
+    EXPECT_TRUE(pgb_state_write(second));
+    EXPECT_NE(text_of(first.path).find("\"slot\":\"two\""), std::string::npos);
+    pgb_state_release(second);
 }
