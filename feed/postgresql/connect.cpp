@@ -77,7 +77,7 @@ static outcome open_one(pgs_server &server, pgs_connection &connection, bool rep
     if (PQstatus(connection.get()) != CONNECTION_OK || PQsetnonblocking(connection.get(), 1) != 0) {
         const std::string why = pgs_one_line(PQerrorMessage(connection.get()));
         server.remedy = find_connection_remedy(why.c_str());
-        return pgs_lost(server, why);
+        return pgs_lost(server, pgs_without_secrets(server, why));
     }
     PQsetNoticeReceiver(connection.get(), drop_notice, nullptr);
     pgs_result result;

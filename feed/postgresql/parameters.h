@@ -15,6 +15,10 @@ struct pgs_parameters {
 };
 void pgs_collect(pgs_parameters &parameters, const pgs_server &server);
 
+// What libpq says of a connection that cannot be made, without the passwords of the connection
+// string and of what is around it.
+std::string pgs_without_secrets(const pgs_server &server, const std::string &why);
+
 // What every session begins with: values that look the same on every server, and none of the
 // limits that a database or a role sets for its users.  Terms of SET, for this version.
 std::vector<const char *> pgs_settings(int version);

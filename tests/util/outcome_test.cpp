@@ -74,3 +74,29 @@ TEST_F(Outcome, AStopEndsWithTheNumberOfItsSignal)
     raise(SIGTERM);
     EXPECT_EQ(outcome_exit_status(OUTCOME_STOPPED), 128 + SIGTERM);
 }
+
+TEST_F(Outcome, WhatIsToldMovesNoCursor)
+{
+    const struct {
+        const char *text;
+        const char *shown;
+    } rows[] = {
+        {"a\tb, two\nlines", "a\tb, two\nlines"},
+        {"table \x1b[2J\x1b]0;x\x07", "table \\x1b[2J\\x1b]0;x\\x07"},
+        {"\r\b\x7f\x01", "\\x0d\\x08\\x7f\\x01"},
+        {"\xC3\xA9\xC2\xA0\xF0\x9F\x90\x98", "\xC3\xA9\xC2\xA0\xF0\x9F\x90\x98"}, // as they are
+        {"\xC2\x9B"
+         "2J \xC2\x85",
+         "\\u009b2J \\u0085"},
+        {"cut \xC2", "cut \xC2"},
+        {"%s%n", "%s%n"},
+    };
+    for (const auto &row : rows) {
+        testing::internal::CaptureStderr();
+        const outcome failed = outcome_failed("%s", row.text);
+        tell("%s", row.text);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "prog: " + std::string(row.shown) + "\nprog: " + row.shown + "\n");
+        EXPECT_EQ(outcome_failed_last(), row.text) << "state files have it as it is";
+    }
+}
