@@ -1,4 +1,5 @@
-// What a case that does not end tells: the processes below it, where they wait, and nothing before its time.
+// What a case that does not end tells: the processes below it, where they wait, and nothing before
+// its time.
 #include "tests/postgresql/stuck_report.h"
 
 #include "tests/support/run.h"
