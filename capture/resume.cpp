@@ -74,6 +74,7 @@ int capture_resume(const char *mark)
     char detail[EBMF_DETAIL_SIZE];
     bool good = true;
     while (mark_next(&mark, line, &good)) {
+        const std::string name = line.path;
         const int there = find(line, st);
         if (there < 0)
             return there;
@@ -81,6 +82,18 @@ int capture_resume(const char *mark)
             continue;
         lines.push_back(line);
         files.push_back(line.path);
+        if (line.path == name)
+            continue;
+        // Its file had the name when the position was brought to disk: the one that has it now was
+        // begun behind that, by a run that found the name free at its first record.
+        const mark_line begun = {line.format, 0, 0, 0, name};
+        const int rc = look_at(begun, st);
+        if (rc < 0)
+            return rc;
+        if (rc > 0) {
+            lines.push_back(begun);
+            files.push_back(name);
+        }
     }
     if (!good)
         return set_error_f("The status file's mark of the capture files cannot be read: %s", mark);

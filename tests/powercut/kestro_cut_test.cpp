@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -136,12 +137,29 @@ class CapturePowerCut : public ::testing::TestWithParam<capture_case> {
                (strtoull(status.c_str() + at + strlen("SigCgt:"), nullptr, 16) &
                 1ULL << (SIGHUP - 1)) != 0;
     }
+    // Whether the position on disk names the file that has the name.  A file whose first record was
+    // written this moment, and which is moved before that is brought to disk, would not be found.
+    bool is_on_disk(const std::string &file) const
+    {
+        const std::string status = read_file(disk.file("fwutil.status"));
+        static const std::string words = "synced at ";
+        const size_t one = status.find(words);
+        const size_t other = status.find(words, one + 1);
+        struct stat about = {};
+        if (one == std::string::npos || other == std::string::npos ||
+            stat(file.c_str(), &about) != 0)
+            return false;
+        const size_t at = strtoul(status.c_str() + one + words.size(), nullptr, 10);
+        const size_t inode = status.find(" " + std::to_string(about.st_ino) + " ", at);
+        return at == strtoul(status.c_str() + other + words.size(), nullptr, 10) &&
+               inode != std::string::npos && inode < status.find(file, at);
+    }
     // Moves the file to another name, with the next free number, and asks for a new one.
     void rotate(pid_t capture)
     {
         const std::string moved = files.back() + "." + std::to_string(files.size());
-        if (!std::filesystem::exists(files.back()))
-            return; // not begun yet
+        if (!is_on_disk(files.back()))
+            return; // perhaps not begun yet
         // Before it is as far as that, the signal ends a program.
         if (!poll_until([&] { return catches_hangups(capture); }))
             return;
@@ -184,6 +202,20 @@ class CapturePowerCut : public ::testing::TestWithParam<capture_case> {
                 return "behind " + std::to_string(newest) + " stands " + std::to_string(numbers[i]);
         }
         return newest == last ? "" : "the last one is " + std::to_string(newest);
+    }
+    // What each file has, for whoever looks for the reason of a fault.
+    std::string files_in_words() const
+    {
+        std::string words;
+        for (const std::string &file : files) {
+            std::vector<std::string> records;
+            add_records(records, file, false);
+            const std::vector<uint32_t> numbers = numbers_of(records);
+            if (!numbers.empty())
+                words += file.substr(file.rfind('/') + 1) + ": " + std::to_string(numbers.front()) +
+                         " to " + std::to_string(numbers.back()) + "\n";
+        }
+        return words + std::to_string(known.size()) + " of them before this boot\n";
     }
     static size_t different_in(const std::vector<uint32_t> &numbers)
     {
@@ -288,6 +320,7 @@ TEST_P(CapturePowerCut, NextRunGoesOnBehindTheLastRecordOnTheDisk)
         ASSERT_EQ(fwu_writer_close(next), 0);
         ASSERT_GE(last, c.at_rest ? made : 0);
         told->made = last;
+        const std::string status = read_file(disk.file("fwutil.status"));
         const run_result rest = run_program(arguments(true), setup());
         if (!is_off()) {
             ASSERT_EQ(rest.status, 0) << rest.out << rest.err;
@@ -301,7 +334,8 @@ TEST_P(CapturePowerCut, NextRunGoesOnBehindTheLastRecordOnTheDisk)
         missing += last - std::min<size_t>(last, different_in(numbers));
         repeated += numbers.size() - different_in(numbers);
         if (!is_off()) {
-            EXPECT_EQ(fault_in(numbers, last), "") << rest.out << rest.err;
+            EXPECT_EQ(fault_in(numbers, last), "")
+                << status << rest.out << rest.err << files_in_words();
         }
         ASSERT_FALSE(HasFailure());
         known = numbers;
