@@ -56,7 +56,7 @@ static const place_row PLACES[] = {
      "fwlog: " READ_LOG, "fwlog: " READ_LOG, "fwlog: " READ_LOG, nullptr},
     {"log/writer.lock", {"fwlog", "repair", "-cfg", "fwutil.cfg"},
      "fwlog: X: cannot open the writer's lock file: %\n", "fwlog: X: cannot open the writer's lock file: %\n",
-     "", nullptr},
+     "", "fwlog: X: cannot open the writer's lock file: Too many levels of symbolic links\n"}, // nothing is made elsewhere
     {"log/readers", {"fwlog", "prune", "-cfg", "fwutil.cfg", "--keep", "1"},
      "fwlog: X: cannot read the register of readers: %\nfwlog: what the registered readers still need is not known; nothing removed\n",
      "fwlog: X: cannot read the register of readers: %\nfwlog: what the registered readers still need is not known; nothing removed\n",
