@@ -109,8 +109,10 @@ static bool tail_checksum(int fd, int64_t end, uint64_t *checksum)
 static int find_end(capfil *cf, mark_line &line)
 {
     int32_t end = 0;
-    if (message_end(cf->fp, &end) != 0)
-        return set_error_emf(cf->fp, "Error bringing capture file to disk: %s", cf->name);
+    const int code = message_end(cf->fp, &end);
+    if (code != 0) // which the handle does not keep
+        return set_error_detail(tmf_strerror(code), "Error bringing capture file to disk: %s",
+                                cf->name);
     if (!tail_checksum(cf->fnum, end, &line.checksum))
         return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
                                 cf->name);

@@ -100,6 +100,9 @@ int cap_rollover(capfil *cf)
         return set_error_detail(detail, "Error opening capture file %s for rollover.", cf->name);
     }
     rc = ebmf_getfnum(cf->fp, &cf->fnum);
+    if (rc != 0) // of a message file; its handle does not keep the code
+        (void)set_error_detail(tmf_strerror(rc), "Error opening capture file %s for rollover.",
+                               cf->name); // rc goes up
     logmsg(LOG_NOTICE, "Rolled over to capture file %s", cf->name);
     return rc;
 }

@@ -198,6 +198,9 @@ int cap_open_capture_file(capfil *cf)
     if (cf->fp == nullptr)
         return cf->format->open_error(cf->name);
     const int rc = ebmf_getfnum(cf->fp, &cf->fnum);
+    if (rc != 0) // of a message file; its handle does not keep the code
+        (void)set_error_detail(tmf_strerror(rc), "Error opening message capture file: %s",
+                               cf->name); // rc goes up
     capture_sync_soon();
     if (mode == TMF_MODE_ALL_USERS)
         logmsg(LOG_VERBOSE, "Opened capture file %s in shr mode, #%d", cf->name, cf->fnum);

@@ -32,7 +32,8 @@ static bool ends_with(const std::string &text, const std::string &end)
            text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-// Whether a regular file is empty or begins like one of ours, whole or not.
+// Whether a regular file is empty or begins like one of ours, whole or not; errno is 0 where it
+// could be read.
 static bool is_ours(const std::string &path)
 {
     char found[sizeof prometheus_begins] = {};
@@ -40,7 +41,9 @@ static bool is_ours(const std::string &path)
     if (fd < 0)
         return false;
     const ssize_t n = read(fd, found, sizeof found - 1);
+    const int read_errno = n < 0 ? errno : 0;
     (void)close(fd); // only read
+    errno = read_errno;
     const auto begins = [&](const char *text) {
         return n >= 0 && strncmp(found, text, std::min(static_cast<size_t>(n), strlen(text))) == 0;
     };
@@ -86,7 +89,10 @@ static int check_name(const std::string &path, const std::vector<std::string> &o
     }
     if (there && !S_ISREG(st.st_mode))
         return set_error_f("KESTRO_STATUS: %s is no regular file: name another one", path.c_str());
-    if (there && !is_ours(path))
+    const bool ours = !there || is_ours(path);
+    if (!ours && errno != 0)
+        return set_error_f("KESTRO_STATUS: %s cannot be read: %s", path.c_str(), strerror(errno));
+    if (!ours)
         return set_error_f("KESTRO_STATUS: %s is no status file of a run, and would be replaced by "
                            "one: name another file, or remove it",
                            path.c_str());
@@ -124,9 +130,13 @@ int run_state_file_open(const std::string &path, const std::vector<std::string> 
     const std::string directory = whole.substr(0, whole.rfind('/') + 1);
     g_file = {whole, whole + ".new", ends_with(path, ".prom"), false, -1};
     struct stat st = {};
-    if (directory.size() == whole.size() ||
-        (stat(whole.c_str(), &st) == 0 ? S_ISDIR(st.st_mode)
-                                       : lstat(whole.c_str(), &st) == 0)) // leads nowhere
+    const int stat_errno = stat(whole.c_str(), &st) == 0 ? 0 : errno;
+    const bool leads_nowhere = stat_errno != 0 && lstat(whole.c_str(), &st) == 0;
+    if (leads_nowhere && stat_errno != ENOENT && stat_errno != ELOOP)
+        return set_error_f("KESTRO_STATUS: %s cannot be read: %s", path.c_str(),
+                           strerror(stat_errno));
+    if (directory.size() == whole.size() || leads_nowhere ||
+        (stat_errno == 0 && S_ISDIR(st.st_mode)))
         return set_error_f("KESTRO_STATUS: %s is no regular file: name another one", path.c_str());
     if (is_log_name(whole.c_str() + directory.size()) || holds_a_log(directory))
         return set_error_f("KESTRO_STATUS: %s: a log directory is no place for the status file of "

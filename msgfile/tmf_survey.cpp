@@ -124,7 +124,9 @@ static void survey_records(window *w, int keep_end, tmf_survey *survey, int *cod
         r.first = common.data_start;
     }
     if (limit > w->size) {
-        r.found |= TMF_FOUND_CUT;
+        // Without a record nothing is missing: its maker was killed before the slots were there.
+        if (r.end != common.data_start)
+            r.found |= TMF_FOUND_CUT;
         limit = w->size;
     }
     const long long hole = hole_behind(w, std::max<long long>(r.first, keep_end));

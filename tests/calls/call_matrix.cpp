@@ -75,7 +75,10 @@ void expect_survives_blows(const matrix_operation &operation)
                      struck.call().text() + ": " + struck.what.text());
         const traced_run run = operation.run(struck.number, struck.what);
         ASSERT_TRUE(run.was_struck) << "the calls differ from those of the undisturbed run";
-        EXPECT_EQ(run.calls[struck.number - 1].text(), struck.call().text());
+        // Lengths may differ: a state file has times and process ids.
+        const traced_call &reached = run.calls[struck.number - 1];
+        EXPECT_TRUE(reached.row == struck.call().row && reached.file == struck.call().file)
+            << reached.text();
         EXPECT_EQ(run.status == 128 + SIGKILL, struck.what.kills()) << run.status;
         operation.look(struck, run);
     }

@@ -107,6 +107,20 @@ TEST_F(MessageRepairCalls, AFileWhoseBeginningIsLostIsKnown)
              }});
 }
 
+TEST_F(MessageRepairCalls, AFileWhoseMakerWasKilledBeforeItsSlotsIsSound)
+{
+    world.renew(EMPTY_FILE);
+    const std::string cut = read_file(world.path).substr(0, 256);
+    write_file(world.path, cut);
+    tmf_check_result result;
+    EXPECT_EQ(tmf_check(world.path.c_str(), &result), 0);
+    EXPECT_EQ(result.found, 0);
+    EXPECT_EQ(tmf_repair(world.path.c_str(), 0, nullptr, &result), 0);
+    EXPECT_EQ(read_file(world.path), cut);
+    EXPECT_EQ(world.append_as_next_user(20).code, 0);
+    EXPECT_EQ(world.all_records(), lengths{20});
+}
+
 TEST_F(MessageRepairCalls, ARepairLeavesASoundFileAlone)
 {
     expect_survives_blows(
