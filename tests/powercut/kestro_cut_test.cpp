@@ -137,9 +137,15 @@ class CapturePowerCut : public ::testing::TestWithParam<capture_case> {
                (strtoull(status.c_str() + at + strlen("SigCgt:"), nullptr, 16) &
                 1ULL << (SIGHUP - 1)) != 0;
     }
-    // Whether the position on disk names the file that has the name.  A file whose first record was
-    // written this moment, and which is moved before that is brought to disk, would not be found.
-    bool is_on_disk(const std::string &file) const
+    // Whether it is at rest: neither runs, nor waits for the disk.
+    static bool waits_for_more(pid_t pid)
+    {
+        return read_file("/proc/" + std::to_string(pid) + "/status").find("State:\tS") !=
+               std::string::npos;
+    }
+    // What the status file says about a file: the line of the position on disk that both pointers
+    // lead to, up to the file's name; empty: nothing.
+    std::string line_on_disk(const std::string &file) const
     {
         const std::string status = read_file(disk.file("fwutil.status"));
         static const std::string words = "synced at ";
@@ -148,11 +154,20 @@ class CapturePowerCut : public ::testing::TestWithParam<capture_case> {
         struct stat about = {};
         if (one == std::string::npos || other == std::string::npos ||
             stat(file.c_str(), &about) != 0)
-            return false;
+            return "";
         const size_t at = strtoul(status.c_str() + one + words.size(), nullptr, 10);
         const size_t inode = status.find(" " + std::to_string(about.st_ino) + " ", at);
-        return at == strtoul(status.c_str() + other + words.size(), nullptr, 10) &&
-               inode != std::string::npos && inode < status.find(file, at);
+        const size_t name = std::min(status.find(file, inode), status.size());
+        if (at != strtoul(status.c_str() + other + words.size(), nullptr, 10) ||
+            inode == std::string::npos)
+            return "";
+        return status.substr(inode, name - inode);
+    }
+    // Whether the position on disk names the file that has the name.  A file whose first record was
+    // written this moment, and which is moved before that is brought to disk, would not be found.
+    bool is_on_disk(const std::string &file) const
+    {
+        return !line_on_disk(file).empty();
     }
     // Moves the file to another name, with the next free number, and asks for a new one.
     void rotate(pid_t capture)
@@ -235,15 +250,15 @@ class CapturePowerCut : public ::testing::TestWithParam<capture_case> {
             good++;
         return good;
     }
-    // Whether the status file says where the newest file ends, as once it is on disk.
+    // Whether the position on disk has the end of the newest file, and so all that is before it.
     bool status_has_the_end() const
     {
         const std::string file = read_file(files.back());
         uint32_t end = static_cast<uint32_t>(file.size());
         if (!is_text())
             memcpy(&end, file.data() + 44, sizeof end);
-        const std::string status = read_file(disk.file("fwutil.status"));
-        return status.find(" " + std::to_string(end) + " ") != std::string::npos;
+        return line_on_disk(files.back()).find(" " + std::to_string(end) + " ") !=
+               std::string::npos;
     }
     void begin_anew()
     {
@@ -299,6 +314,7 @@ TEST_P(CapturePowerCut, NextRunGoesOnBehindTheLastRecordOnTheDisk)
                 << read_file(disk.file("err")) << captured_so_far() << " of " << told->made;
             ASSERT_TRUE(poll_until([&] { return status_has_the_end(); }));
             usleep(200000); // what it says goes to disk with the position
+            ASSERT_TRUE(poll_until([&] { return waits_for_more(capture); }));
         }
         const size_t there = captured_so_far();
         const uint32_t made = told->made;
