@@ -72,6 +72,8 @@ class IntakeTest : public BridgeTest {
         bridge.start(argv, options, dir.file("bridge"));
         ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; }))
             << bridge.err();
+        // Before that it may stand inside a transaction, and begins with no piece there.
+        ASSERT_TRUE(poll_until([&] { return sender_has_sent_all(); })) << bridge.err();
         ASSERT_TRUE(poll_until([&] { return reader_has_run("ROLLBACK"); })) << bridge.err();
     }
 
@@ -107,6 +109,15 @@ class IntakeTest : public BridgeTest {
         return static_cast<pid_t>(
             std::stol(value("SELECT max(active_pid) FROM pg_replication_slots WHERE slot_name = '" +
                             database + "'")));
+    }
+
+    bool sender_has_sent_all() const
+    {
+        return value("SELECT count(*) FROM pg_stat_replication r JOIN pg_replication_slots s"
+                     " ON s.active_pid = r.pid JOIN pg_stat_activity a ON a.pid = r.pid"
+                     " WHERE s.slot_name = current_database()"
+                     " AND r.sent_lsn >= pg_current_wal_flush_lsn()"
+                     " AND lower(a.wait_event) = 'walsenderwaitforwal'") == "1";
     }
 
     // A piece is read while the stream is held back: what was committed before, and the piece
