@@ -34,7 +34,7 @@ static int take_line(fwu_reader_config &config, fwu_writing_lines &lines, std::s
     fwu_words w;
     bool quoted = false;
     for (const char c : line)
-        if ((c >= 0 && c < ' ' && c != '\t' && c != '\r') || c == 127)
+        if ((static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r') || c == 127)
             return fwu_config_wrong(lines.at, "the line holds a control character");
     const int split = fwu_writing_has_names(fwu_config_first(line))
                           ? fwu_config_split_names(lines.at, line, w)

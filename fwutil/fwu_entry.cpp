@@ -313,7 +313,7 @@ uint64_t fwu_entry_change_length(const fwu_change &change)
 unsigned char *fwu_entry_add(std::vector<unsigned char> &out, uint64_t length)
 {
     const size_t at = out.size();
-    out.resize(at + fwu_entry_padded(length));
+    out.resize(at + fwu_entry_padded(static_cast<size_t>(length))); // FWU_ENTRY_MAX at most
     return out.data() + at;
 }
 
@@ -326,7 +326,7 @@ void fwu_entry_seal(unsigned char *entry, uint64_t length, fwu_kind kind, int32_
     put_le32(entry + 8, static_cast<uint32_t>(tag));
     put_le32(entry + FWU_ENTRY_CRC_AT, header_crc(entry, file, offset));
     put_le32(entry + FWU_ENTRY_CRC_AT + 4,
-             payload_crc(entry, length - FWU_ENTRY_HEADER_SIZE, file, offset));
+             payload_crc(entry, static_cast<size_t>(length) - FWU_ENTRY_HEADER_SIZE, file, offset));
 }
 
 void fwu_entry_put_layout(std::vector<unsigned char> &out, int32_t tag, const fwu_layout &layout)

@@ -57,7 +57,7 @@ std::string fwu_reader_path(const std::string &path)
         return found;
     }
     for (const char c : found)
-        if ((c >= 0 && c < ' ') || c == 127) {
+        if (static_cast<unsigned char>(c) < ' ' || c == 127) {
             fwu_error("%s: a status file with a control character in its path cannot be registered",
                       path.c_str());
             return "";

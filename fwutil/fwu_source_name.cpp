@@ -7,7 +7,7 @@
 
 static bool is_control(char c)
 {
-    return (c >= 0 && c < ' ') || c == 127;
+    return static_cast<unsigned char>(c) < ' ' || c == 127;
 }
 
 static bool needs_quotes(char c)

@@ -1,11 +1,13 @@
 // Times as text and back.  Digits are put one by one: a time is written for each
-// transaction that is read, and for each row of some tables.
+// transaction that is read, and for each row of some tables.  The language's calendar is
+// taken, not the system's, whose seconds end in 2038 where words have 32 bits.
 #include "fwutil/fwu_time.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 
+constexpr int64_t DAY = 86400;
 constexpr int64_t YEAR_0 = -62167219200;
 constexpr int64_t YEAR_9999_END = 253402300799;
 
@@ -19,16 +21,17 @@ bool fwu_time_put(char *p, int64_t second, int32_t micros)
 {
     if (second < YEAR_0 || second > YEAR_9999_END)
         return false;
-    const time_t when = second;
-    struct tm tm = {};
-    (void)gmtime_r(&when, &tm); // in range
+    using namespace std::chrono;
+    const int64_t day = second / DAY - (second % DAY < 0 ? 1 : 0);
+    const year_month_day date{sys_days{days{static_cast<int>(day)}}};
+    const auto rest = static_cast<int>(second - day * DAY);
     memcpy(p, "0000-00-00 00:00:00.000000", FWU_TIME_SIZE);
-    put_digits(p, tm.tm_year + 1900, 4);
-    put_digits(p + 5, tm.tm_mon + 1, 2);
-    put_digits(p + 8, tm.tm_mday, 2);
-    put_digits(p + 11, tm.tm_hour, 2);
-    put_digits(p + 14, tm.tm_min, 2);
-    put_digits(p + 17, tm.tm_sec, 2);
+    put_digits(p, static_cast<int>(date.year()), 4);
+    put_digits(p + 5, static_cast<int>(static_cast<unsigned>(date.month())), 2);
+    put_digits(p + 8, static_cast<int>(static_cast<unsigned>(date.day())), 2);
+    put_digits(p + 11, rest / 3600, 2);
+    put_digits(p + 14, rest / 60 % 60, 2);
+    put_digits(p + 17, rest % 60, 2);
     put_digits(p + FWU_TIME_MICROS_AT, micros, 6);
     return true;
 }
@@ -63,12 +66,12 @@ static int get_digits(std::string_view text, size_t at, size_t digits)
 
 int64_t fwu_time_get(std::string_view text)
 {
-    struct tm tm = {};
-    tm.tm_year = get_digits(text, 0, 4) - 1900;
-    tm.tm_mon = get_digits(text, 5, 2) - 1;
-    tm.tm_mday = get_digits(text, 8, 2);
-    tm.tm_hour = get_digits(text, 11, 2);
-    tm.tm_min = get_digits(text, 14, 2);
-    tm.tm_sec = get_digits(text, 17, 2);
-    return timegm(&tm) * FWU_US_PER_S + get_digits(text, FWU_TIME_MICROS_AT, 6);
+    using namespace std::chrono;
+    const year_month month =
+        year{get_digits(text, 0, 4)} / January + months{get_digits(text, 5, 2) - 1};
+    const int64_t days =
+        (sys_days{month / 1}.time_since_epoch()).count() + get_digits(text, 8, 2) - 1;
+    const int64_t second = days * DAY + get_digits(text, 11, 2) * 3600 +
+                           get_digits(text, 14, 2) * 60 + get_digits(text, 17, 2);
+    return second * FWU_US_PER_S + get_digits(text, FWU_TIME_MICROS_AT, 6);
 }

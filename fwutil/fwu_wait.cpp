@@ -108,7 +108,8 @@ fwu_wake fwu_watch_wait(fwu_watch &watch, int milliseconds, const fwu_held_signa
     pollfd row = {watch.fd, POLLIN, 0}; // a descriptor of -1 is passed over
     int64_t left = limit;
     do {
-        const timespec time = {left / 1000, left % 1000 * 1000000};
+        const timespec time = {static_cast<time_t>(left / 1000),
+                               static_cast<long>(left % 1000 * 1000000)};
         const int found = ppoll(&row, 1, &time, &held.before);
         if (found > 0)
             wake = take_events(watch);

@@ -25,7 +25,7 @@ std::string missing_for(peer kind)
     case peer::python_big:
         return python.empty() ? "no Python 3 (Debian package python3)" : "";
     case peer::library32:
-        return worker32.empty() ? "no 32-bit compiler (g++-multilib)" : "";
+        return worker32.empty() ? "no 32-bit compiler (g++-12-multilib)" : "";
     case peer::s390x:
         return worker_s390x.empty() ? "no s390x (g++-s390x-linux-gnu, qemu-user)" : "";
     case peer::library:
