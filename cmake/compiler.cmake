@@ -19,11 +19,11 @@ include(CheckCXXCompilerFlag)
 foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
   string(MAKE_C_IDENTIFIER "KESTRO_HAVE${flag}" known)
   check_cxx_compiler_flag(${flag} ${known})
-  if(${known} AND NOT KESTRO_SANITIZE)
+  if(${known} AND NOT KESTRO_SANITIZE AND NOT KESTRO_COVERAGE)
     target_compile_options(kestro_build INTERFACE $<${product}:${flag}>)
   endif()
 endforeach()
-if(NOT KESTRO_SANITIZE)
+if(NOT KESTRO_SANITIZE AND NOT KESTRO_COVERAGE)
   if(NOT "${CMAKE_CXX_FLAGS}" MATCHES "_FORTIFY_SOURCE")
     # It needs optimisation.
     target_compile_options(kestro_build INTERFACE
@@ -43,6 +43,14 @@ if(KESTRO_SANITIZE)
     # These checks of clang++ need the C++ runtime, which libtmf does without.
     $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-fno-sanitize=function,vptr>)
   target_link_options(kestro_build INTERFACE -fsanitize=${KESTRO_SANITIZE})
+endif()
+
+# Which lines and branches of the product were run is counted; in tests it is not.  Lines stay as
+# they are written, so nothing is optimised; programs with threads lose no count.
+if(KESTRO_COVERAGE)
+  target_compile_options(kestro_build INTERFACE
+    $<${product}:-O0$<SEMICOLON>--coverage$<SEMICOLON>-fprofile-update=atomic>)
+  target_link_options(kestro_build INTERFACE --coverage)
 endif()
 
 # What the fuzzers run tells them which branches it took.
