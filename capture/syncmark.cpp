@@ -2,6 +2,7 @@
 #include "capture/syncmark.h"
 
 #include "capture/capfil.h"
+#include "capture/ebmf.h"
 #include "capture/format.h"
 #include "driver/base/log.h"
 
@@ -48,10 +49,21 @@ static std::string unescaped(std::string text)
     return text;
 }
 
+// Whether a failed look at a name says that no file of the run is there.
+static bool says_none(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == EACCES || error == ELOOP ||
+           error == ENAMETOOLONG;
+}
+
 int mark_add(std::string &mark, capfil *cf, bool none_open)
 {
     struct stat st = {};
     const bool there = (cf->fp != nullptr ? fstat(cf->fnum, &st) : stat(cf->name, &st)) == 0;
+    // Taken for one that is not there, its records before the mark would be cut off with the rest.
+    if (!there && (cf->fp != nullptr || !says_none(errno)))
+        return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
+                                cf->name);
     if (there && !S_ISREG(st.st_mode))
         return 0;
     mark_line line;
