@@ -250,7 +250,9 @@ TEST_F(RolloverSteps, FileNumberThatCannotBeAskedFailsTheRecord)
     const capfil *cf = file_of(9, false);
     getinfo_left = 0;
     EXPECT_EQ(-1, write());
-    EXPECT_EQ("", printed.err);
+    EXPECT_EQ("CAPERR: Error reading common area.\nError opening message capture file: " +
+                  dir.file("cap.dat") + "\n",
+              printed.err);
     EXPECT_EQ(0, cf->nwritten);
     EXPECT_EQ(0, write());
     EXPECT_EQ(1, records("cap.dat"));
