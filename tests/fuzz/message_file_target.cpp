@@ -53,14 +53,17 @@ static uint32_t number_at(std::string_view bytes, size_t at, size_t size, bool r
 static walk walk_over(std::string_view bytes)
 {
     walk found;
-    if (bytes.size() < static_cast<size_t>(TMF_DATA_START) || bytes.substr(4, 4) != "TM01")
+    if (bytes.size() < static_cast<size_t>(TMF_COMMON_SIZE) || bytes.substr(4, 4) != "TM01")
         return found;
     const uint32_t mark = number_at(bytes, 0, 2, false);
     const bool reversed = mark == 0xFFFE;
     const size_t first = number_at(bytes, 36, 4, reversed);
     const size_t end = number_at(bytes, 44, 4, reversed);
     if ((mark != 0xFEFF && !reversed) || number_at(bytes, 28, 4, reversed) != 4352 ||
-        number_at(bytes, 74, 2, reversed) != 2 || first < 4352 || first > end || end > bytes.size())
+        number_at(bytes, 74, 2, reversed) != 2 || first < 4352 || first > end)
+        return found;
+    // Without a record it may end before where the first one comes.
+    if (end > bytes.size() && end != 4352)
         return found;
     for (size_t at = first; at < end;) {
         if (end - at < 7)
