@@ -111,7 +111,7 @@ TEST_F(FileModes, OfEachFileUnderEachUmask)
 TEST_F(FileModes, OfALogForAGroup)
 {
     write_file(dir.file("fwutil.cfg"), "log-directory log\nlog-mode 0640\n");
-    for (const mode_t mask : {0, 0777}) {
+    for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
         fs::remove_all(dir.file("log"));
         const mode_t before = umask(mask);
         write_log();
