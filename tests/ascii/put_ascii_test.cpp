@@ -200,6 +200,27 @@ TEST(PutAscii, UnsupportedElementTakesTheWidthBeforeIt)
         << "its place stays blank, the item behind is not met";
 }
 
+TEST(PutAscii, ItemsOfNoSizeHaveNoDigits)
+{
+    record_buffer buffer(64, "HD");
+    const conversion result = convert_into(
+        buffer, ASCII_ON,
+        {{'X', 3}, {'P', 0}, {'P', 0, 3}, {'X', 0}, {'X', 0, 2}, {'Z', 0}, {'X', 2}}, "abcde");
+    EXPECT_EQ("", result.err);
+    EXPECT_EQ(0, result.rc);
+    EXPECT_EQ("HDabc*de", buffer.text()) << "a sign's column without a number";
+}
+
+TEST(PutAscii, ColumnsThatNoBufferCanHoldAreRefused)
+{
+    record_buffer buffer(64, "HD");
+    const conversion result =
+        convert_into(buffer, ASCII_ON, {{'X', 1}, {'X', 1, 2147483647}}, "ab");
+    EXPECT_EQ("ASCII mode record too long.\n", result.err);
+    EXPECT_EQ(-1, result.rc);
+    EXPECT_EQ(64, buffer.bufsize);
+}
+
 TEST(PutAscii, SecondImageGoesBehindTheFirst)
 {
     record_buffer buffer(64, "HD");
