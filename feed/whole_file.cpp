@@ -19,14 +19,14 @@ static std::string last_line(std::string_view text)
     return line;
 }
 
-// The file's bytes; 0, or -1 with errno.
-static int read_all(std::string &text, const std::string &path)
+int feed_file_read(std::string &text, const std::string &path)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); // who knows what it is
     if (fd < 0)
         return -1;
     char buffer[16384];
     ssize_t n = 0;
+    text.clear();
     while ((n = read(fd, buffer, sizeof buffer)) > 0)
         text.append(buffer, static_cast<size_t>(n));
     const int code = errno;
@@ -38,7 +38,7 @@ static int read_all(std::string &text, const std::string &path)
 feed_whole feed_whole_read(std::string &lines, const std::string &path, std::string_view first)
 {
     std::string text;
-    if (read_all(text, path) != 0)
+    if (feed_file_read(text, path) != 0)
         return errno == ENOENT ? FEED_WHOLE_NONE : FEED_WHOLE_FAILED;
     const std::string_view all = text;
     const size_t last = all.rfind(LAST_WORD);

@@ -14,6 +14,9 @@ enum feed_whole {
     FEED_WHOLE_FAILED,  // with errno
 };
 
+// A file's bytes as they are; 0, or -1 with errno.
+int feed_file_read(std::string &text, const std::string &path);
+
 // Reads the lines between the first and the last one.  first ends with a line end.
 feed_whole feed_whole_read(std::string &lines, const std::string &path, std::string_view first);
 

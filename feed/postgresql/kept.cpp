@@ -3,6 +3,7 @@
 #include "feed/postgresql/kept.h"
 
 #include "feed/postgresql/server.h"
+#include "feed/whole_file.h"
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_start.h"
 #include "util/json_text.h"
@@ -11,8 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,13 +20,9 @@
 // A state file that is nothing but that has this member.
 static const char for_monitors[] = "\"error_time\":";
 
-// False when there is no such file, or one that is not whole.
-static bool read_file(pgb_kept &kept, const std::string &path)
+// False for a file that is not whole.
+static bool take(pgb_kept &kept, const std::string &json)
 {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    const std::string json = text.str();
     if (json.empty() || json.back() != '\n' || json.find(for_monitors) != json.npos)
         return false;
     kept.system = json_text_member(json, "system_identifier");
@@ -41,13 +36,28 @@ static bool read_file(pgb_kept &kept, const std::string &path)
     return true;
 }
 
+// What is there and cannot be read may say anything: a run that took it for nothing would go on
+// from where the slot stands, or have it dropped.
+static outcome unreadable(const std::string &path)
+{
+    return outcome_failed("%s: cannot read what the log belongs to: %s", path.c_str(),
+                          strerror(errno));
+}
+
 outcome pgb_kept_read(pgb_kept &kept, const std::string &older)
 {
-    if (access(kept.path.c_str(), F_OK) == 0) {
-        (void)read_file(kept, kept.path); // else nothing is known
+    std::string text;
+    if (feed_file_read(text, kept.path) == 0) {
+        (void)take(kept, text); // else nothing is known
         return {};
     }
-    return read_file(kept, older) ? pgb_kept_write(kept, true) : outcome();
+    if (errno != ENOENT)
+        return unreadable(kept.path);
+    if (older.empty())
+        return {};
+    if (feed_file_read(text, older) != 0)
+        return errno == ENOENT ? outcome() : unreadable(older);
+    return take(kept, text) ? pgb_kept_write(kept, true) : outcome();
 }
 
 bool pgb_put_file(const std::string &path, mode_t mode, const std::string &text, bool durable,

@@ -24,7 +24,7 @@ struct pgb_kept {
 
 // Reads what a run before left, at path, else at older, where logs had it before they had a file
 // for it; that is then written to path as it is.  What is not there, or damaged, leaves kept as
-// it is.
+// it is; OUTCOME_FAILED for what cannot be read.
 outcome pgb_kept_read(pgb_kept &kept, const std::string &older);
 
 // Writes the file anew, under its name only once it is whole.  durable: it is on disk when the

@@ -136,6 +136,14 @@ static void tell_held_up(const pgs_server &server, wait_state &wait, const std::
     pgs_tell_held_up(doing, sessions);
 }
 
+// A wait that neither the server nor the time has ended.
+static outcome wait_ended(stop_wait waited)
+{
+    if (waited == STOP_ERROR)
+        return outcome_failed("waiting for the server: %s", strerror(errno));
+    return OUTCOME_STOPPED;
+}
+
 // Receives something of the answer to what was sent.  A signal to stop ends the wait.
 static outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
                        const std::string &doing)
@@ -145,7 +153,8 @@ static outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
             return pgs_failed(server, connection, nullptr, doing);
         const int64_t look = std::min(LOOK_MS, server.patience_ms / 4);
         const int64_t begun_ms = fwu_monotonic_ms();
-        switch (stop_signal_wait(PQsocket(connection), static_cast<int>(look))) {
+        const stop_wait waited = stop_signal_wait(PQsocket(connection), static_cast<int>(look));
+        switch (waited) {
         case STOP_READABLE:
             wait.heard_ms = fwu_monotonic_ms();
             if (PQconsumeInput(connection) == 1)
@@ -155,7 +164,7 @@ static outcome receive(pgs_server &server, PGconn *connection, wait_state &wait,
             wait.heard_ms += pgs_away_ms(begun_ms, look);
             break;
         default:
-            return OUTCOME_STOPPED;
+            return wait_ended(waited);
         }
         const std::string sessions = held_up_by(server, connection);
         if (!sessions.empty())
@@ -267,14 +276,15 @@ static outcome receive_some(pgs_server &server, PGconn *connection, wait_state &
         return receive(server, connection, wait, "COPY");
     if (PQflush(connection) < 0)
         return pgs_failed(server, connection, nullptr, "COPY");
-    switch (stop_signal_wait(PQsocket(connection), wait_ms)) {
+    const stop_wait waited = stop_signal_wait(PQsocket(connection), wait_ms);
+    switch (waited) {
     case STOP_READABLE:
         break;
     case STOP_TIMEOUT:
         came = false;
         return {};
     default:
-        return OUTCOME_STOPPED;
+        return wait_ended(waited);
     }
     if (PQconsumeInput(connection) != 1)
         return pgs_failed(server, connection, nullptr, "COPY");

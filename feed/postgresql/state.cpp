@@ -2,6 +2,7 @@
 #include "feed/postgresql/state.h"
 
 #include "feed/postgresql/standing.h"
+#include "feed/whole_file.h"
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
@@ -16,9 +17,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <sys/file.h>
 #include <unistd.h>
+#include <utility>
 
 void pgb_state_enter(pgb_state &state, const char *phase)
 {
@@ -55,12 +56,24 @@ static bool is_inside(const std::filesystem::path &path, const std::filesystem::
            directory.end();
 }
 
-static bool is_state_file(const std::string &path)
+// Whether a regular file is empty or begins like one of ours.
+static outcome check_file(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    std::string found(sizeof file_begins - 1, '\0');
-    file.read(found.data(), static_cast<std::streamsize>(found.size()));
-    return file.gcount() == 0 ? file.eof() : found == file_begins;
+    std::error_code failed;
+    const auto type = std::filesystem::status(path, failed).type();
+    if (type == std::filesystem::file_type::not_found)
+        return {};
+    const bool regular = type == std::filesystem::file_type::regular;
+    std::string text;
+    if (regular && feed_file_read(text, path) != 0)
+        failed.assign(errno, std::generic_category());
+    if (failed)
+        return outcome_failed("%s: cannot be read: %s", path.c_str(), failed.message().c_str());
+    if (regular && (text.empty() || text.starts_with(file_begins)))
+        return {};
+    return outcome_failed("%s: this is no status file, and would be replaced by one; name another "
+                          "with --status, or remove it",
+                          path.c_str());
 }
 
 outcome pgb_state_check_path(const std::string &path, const std::string &log_directory)
@@ -75,16 +88,8 @@ outcome pgb_state_check_path(const std::string &path, const std::string &log_dir
         return outcome_failed("%s: the log directory is no place for a status file but for its %s; "
                               "name one elsewhere with --status, or leave that out",
                               path.c_str(), PGB_STATE_FILE);
-    for (const std::string &file : {path, path + PGB_FRESH}) {
-        std::error_code failed;
-        const std::filesystem::file_type type = std::filesystem::status(file, failed).type();
-        if (type != std::filesystem::file_type::not_found &&
-            (type != std::filesystem::file_type::regular || !is_state_file(file)))
-            return outcome_failed("%s: this is no status file, and would be replaced by one; name "
-                                  "another with --status, or remove it",
-                                  file.c_str());
-    }
-    return {};
+    outcome good = check_file(path);
+    return good ? check_file(path + PGB_FRESH) : std::move(good);
 }
 
 uint64_t pgb_lag_bytes(const pgb_state &state)

@@ -9,15 +9,11 @@
 #include <gtest/gtest.h>
 #include <iostream>
 
-// Enough that each operation meets errors, halves and kills, and all operations together
-// take some seconds.
-constexpr size_t FEW_BLOWS = 12;
-
-static size_t most_blows()
+static size_t most_blows(size_t few)
 {
     const char *word = getenv("KESTRO_SYSTEM_CALLS");
     if (word == nullptr)
-        return FEW_BLOWS;
+        return few;
     return std::string(word) == "all" ? SIZE_MAX : strtoul(word, nullptr, 10);
 }
 
@@ -69,14 +65,19 @@ void expect_survives_blows(const matrix_operation &operation)
     const traced_run undisturbed = operation.run(0, {});
     ASSERT_FALSE(undisturbed.calls.empty());
     const std::vector<struck_call> all = all_blows(undisturbed);
-    const std::vector<struck_call> dealt = chosen(all, most_blows());
+    const std::vector<struck_call> dealt = chosen(all, most_blows(operation.few));
+    size_t missed = 0;
     for (const struck_call &struck : dealt) {
         SCOPED_TRACE(operation.name + ", call " + std::to_string(struck.number) + ", " +
                      struck.call().text() + ": " + struck.what.text());
         const traced_run run = operation.run(struck.number, struck.what);
-        ASSERT_TRUE(run.was_struck) << "the calls differ from those of the undisturbed run";
+        if (run.struck == 0 && operation.wanders) {
+            missed++;
+            continue;
+        }
+        ASSERT_NE(run.struck, 0U) << "the calls differ from those of the undisturbed run";
         // Lengths may differ: a state file has times and process ids.
-        const traced_call &reached = run.calls[struck.number - 1];
+        const traced_call &reached = run.calls[run.struck - 1];
         EXPECT_TRUE(reached.row == struck.call().row && reached.file == struck.call().file)
             << reached.text();
         EXPECT_EQ(run.status == 128 + SIGKILL, struck.what.kills()) << run.status;
@@ -84,7 +85,9 @@ void expect_survives_blows(const matrix_operation &operation)
     }
     const std::string line = operation.name + ": " + std::to_string(undisturbed.calls.size()) +
                              " system calls, " + std::to_string(dealt.size()) + " of " +
-                             std::to_string(all.size()) + " blows";
+                             std::to_string(all.size()) + " blows" +
+                             (missed == 0 ? "" : ", " + std::to_string(missed) + " not reached");
+    EXPECT_LE(missed, 1 + dealt.size() / 10);
     std::cout << line << "\n";
     if (!done_file().empty() && !testing::Test::HasFailure())
         std::ofstream(done_file(), std::ios::app) << line << "\n";

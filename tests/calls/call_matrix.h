@@ -35,6 +35,9 @@ struct matrix_operation {
     std::function<traced_run(size_t number, blow what)> run;
     // Looks at what the run has left; failures are told with EXPECT.
     std::function<void(const struck_call &struck, const traced_run &run)> look;
+    // The calls are not quite the same each time: a blow may not be reached.
+    bool wanders = false;
+    size_t few = 12; // blows where not all are asked for
 };
 
 // Runs the operation undisturbed and then with the blows, and prints how many calls and

@@ -67,8 +67,8 @@ static constexpr call_row rows[] = {
     {SYS_getsockname, "getsockname", OF_FILE, 0, -1, -1, -1, GIVES_BUFFERS},
     {SYS_getsockopt, "getsockopt", OF_FILE,   0, -1, -1, -1, GIVES_BUFFERS},
     {SYS_setsockopt, "setsockopt", OF_FILE,   0, -1, -1, -1, GIVES_BUFFERS},
-    {SYS_sendto,     "sendto",     OF_FILE,   0, -1,  2, -1, GIVES_IO | GIVES_EINTR | GIVES_BUFFERS | GIVES_ACCESS},
-    {SYS_recvfrom,   "recvfrom",   OF_FILE,   0, -1,  2, -1, GIVES_IO | GIVES_EINTR | GIVES_HALF},
+    {SYS_sendto,     "sendto",     OF_FILE,   0, -1,  2, -1, GIVES_IO | GIVES_EINTR | GIVES_BUFFERS | GIVES_ACCESS | GIVES_RESET | GIVES_HALF},
+    {SYS_recvfrom,   "recvfrom",   OF_FILE,   0, -1,  2, -1, GIVES_IO | GIVES_EINTR | GIVES_RESET | GIVES_HALF},
     {SYS_sendmsg,    "sendmsg",    OF_FILE,   0, -1, -1, -1, GIVES_IO | GIVES_EINTR | GIVES_BUFFERS},
     {SYS_recvmsg,    "recvmsg",    OF_FILE,   0, -1, -1, -1, GIVES_IO | GIVES_EINTR},
     {SYS_poll,       "poll",       OF_ANY,    0, -1, -1, -1, GIVES_EINTR | GIVES_MEMORY},
@@ -91,9 +91,10 @@ std::vector<blow> blows_of(const call_row &row)
     static constexpr struct {
         unsigned bit;
         int os_errno;
-    } errors[] = {{GIVES_IO, EIO},        {GIVES_EINTR, EINTR},   {GIVES_SPACE, ENOSPC},
-                  {GIVES_SPACE, EDQUOT},  {GIVES_FILES, EMFILE},  {GIVES_LOCKS, ENOLCK},
-                  {GIVES_MEMORY, ENOMEM}, {GIVES_ACCESS, EACCES}, {GIVES_BUFFERS, ENOBUFS}};
+    } errors[] = {{GIVES_IO, EIO},          {GIVES_EINTR, EINTR},   {GIVES_SPACE, ENOSPC},
+                  {GIVES_SPACE, EDQUOT},    {GIVES_FILES, EMFILE},  {GIVES_LOCKS, ENOLCK},
+                  {GIVES_MEMORY, ENOMEM},   {GIVES_ACCESS, EACCES}, {GIVES_BUFFERS, ENOBUFS},
+                  {GIVES_RESET, ECONNRESET}};
     std::vector<blow> blows = {{BLOW_KILL_BEFORE, 0}, {BLOW_KILL_AFTER, 0}};
     for (const auto &error : errors)
         if ((row.gives & error.bit) != 0)

@@ -9,7 +9,8 @@
 // What befalls one call.
 enum blow_kind {
     BLOW_NONE,
-    BLOW_FAIL,        // the call is not made, and gives an error; a close is made
+    BLOW_FAIL,        // the call is not made, and gives an error; a close is made, and an
+                      // interrupted connect
     BLOW_HALF,        // half of the bytes are read or written, and their number given
     BLOW_KILL_BEFORE, // the process is killed, and the call not made
     BLOW_KILL_AFTER,  // the call is made, and the process killed
@@ -37,6 +38,7 @@ enum : unsigned {
     GIVES_ACCESS = 64,   // EACCES
     GIVES_BUFFERS = 128, // ENOBUFS
     GIVES_HALF = 256,    // half of the bytes
+    GIVES_RESET = 512,   // ECONNRESET
 };
 
 // Which calls of a row count.

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -51,10 +52,22 @@ std::vector<blow> traced_call::blows() const
     const bool opens = row->number == SYS_open || row->number == SYS_openat;
     std::erase_if(all, [&](const blow &b) {
         return (opens && !makes && (b.os_errno == ENOSPC || b.os_errno == EDQUOT)) ||
-               (b.kind == BLOW_HALF && moved < 2) ||
+               (b.kind == BLOW_HALF && (moved < 2 || (is("sendto") && !stream))) ||
+               (b.os_errno == ECONNRESET && !stream) ||
+               (is("sendto") && stream && b.kind == BLOW_FAIL && b.os_errno != EINTR &&
+                b.os_errno != ECONNRESET) || // a stream is sent to or lost
                (lock_type < 0 && row->number == SYS_fcntl && b.os_errno == ENOLCK);
     });
     return all;
+}
+
+call_place traced_run::place_of(size_t number) const
+{
+    const traced_call &call = calls[number - 1];
+    call_place place = {call.row, call.file, 0};
+    for (size_t i = 0; i < number; i++)
+        place.nth += calls[i].row == call.row && calls[i].file == call.file;
+    return place;
 }
 
 // ---- what the process has
@@ -108,6 +121,44 @@ static int64_t bytes_there(pid_t pid, int fd, int64_t at, int64_t asked)
     if (stat(link.c_str(), &about) != 0 || !S_ISREG(about.st_mode))
         return asked;
     return std::clamp<int64_t>(about.st_size - at, 0, asked);
+}
+
+// A descriptor for the process's own socket; below 0 where there is none to be had.
+static int socket_of(pid_t pid, int fd)
+{
+    const auto process = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    const auto own = static_cast<int>(syscall(SYS_pidfd_getfd, process, fd, 0));
+    close(process);
+    return own;
+}
+
+static bool is_stream(pid_t pid, int fd)
+{
+    const int own = socket_of(pid, fd);
+    int type = 0;
+    socklen_t length = sizeof(type);
+    const bool stream = own >= 0 && getsockopt(own, SOL_SOCKET, SO_TYPE, &type, &length) == 0 &&
+                        type == SOCK_STREAM;
+    close(own);
+    return stream;
+}
+
+// Bytes that have come and were not read.
+static int64_t bytes_come(pid_t pid, int fd)
+{
+    const int own = socket_of(pid, fd);
+    int bytes = 0;
+    if (own < 0 || ioctl(own, FIONREAD, &bytes) != 0)
+        bytes = 0;
+    close(own);
+    return bytes;
+}
+
+static void lose_connection(pid_t pid, int fd)
+{
+    const int own = socket_of(pid, fd);
+    (void)shutdown(own, SHUT_RDWR); // it may be lost already
+    close(own);
 }
 
 static int64_t position_of(pid_t pid, int fd)
@@ -197,6 +248,7 @@ static bool describe(pid_t pid, const std::string &directory, const call_row &ro
         call->moved = bytes_there(pid, fd, call->offset, call->length);
     if (row.number == SYS_fcntl)
         describe_lock(pid, args, call);
+    call->stream = call->file == "socket" && is_stream(pid, fd);
     return true;
 }
 
@@ -257,6 +309,7 @@ class tracer {
     const traced_setup &setup_;
     bool counting_;
     bool striking_ = false; // the process is inside the call that the blow falls on
+    size_t alike_ = 0;      // calls of the kind and file of the place
     pid_t pid_ = 0;
     traced_run run_;
 
@@ -331,13 +384,28 @@ class tracer {
             setup_.before_call(call);
         if (number == SYS_poll && setup_.time_is_over)
             set_argument(pid_, 2, 0);
-        if (run_.calls.size() == setup_.struck)
-            strike(call);
+        if (run_.calls.size() == setup_.struck || is_the_place(call))
+            strike(call, first);
     }
 
-    void strike(const traced_call &call)
+    bool is_the_place(const traced_call &call)
     {
-        run_.was_struck = true;
+        const call_place &place = setup_.place;
+        return call.row == place.row && call.file == place.file && ++alike_ == place.nth;
+    }
+
+    // Half of what there is to be read or written; of nothing, nothing is taken away.
+    void halve(const traced_call &call, int fd) const
+    {
+        const bool takes = call.stream && call.is("recvfrom");
+        const int64_t there = takes ? std::min(bytes_come(pid_, fd), call.moved) : call.moved;
+        if (there > 1)
+            set_argument(pid_, call.row->length, static_cast<unsigned long long>(there / 2));
+    }
+
+    void strike(const traced_call &call, int fd)
+    {
+        run_.struck = run_.calls.size();
         striking_ = true;
         switch (setup_.what.kind) {
         case BLOW_KILL_BEFORE:
@@ -345,11 +413,15 @@ class tracer {
             kill(pid_, SIGKILL);
             break;
         case BLOW_FAIL:
-            if (!call.is("close")) // which frees the descriptor, whatever it gives
+            if (setup_.what.os_errno == ECONNRESET)
+                lose_connection(pid_, fd);
+            // A close frees the descriptor, whatever it gives, and a connect that a signal
+            // interrupts goes on.
+            if (!call.is("close") && !(call.is("connect") && setup_.what.os_errno == EINTR))
                 leave_out(pid_);
             break;
         case BLOW_HALF:
-            set_argument(pid_, call.row->length, static_cast<unsigned long long>(call.moved / 2));
+            halve(call, fd);
             break;
         default:
             break;

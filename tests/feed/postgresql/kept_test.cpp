@@ -106,6 +106,18 @@ TEST_F(Kept, AnyByteMayBeDamaged)
         }
 }
 
+TEST_F(Kept, AFileThatCannotBeReadIsNotOneThatTellsNothing)
+{
+    std::filesystem::create_directory(dir.file("source"));
+    pgb_kept kept;
+    kept.path = dir.file("source");
+    tell_as("fwlog");
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(pgb_kept_read(kept, dir.file("postgresql.json")));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "fwlog: " + kept.path + ": cannot read what the log belongs to: Is a directory\n");
+}
+
 TEST_F(Kept, LogsWithoutTheFileHaveItInTheirState)
 {
     std::ofstream(dir.file("postgresql.json"))

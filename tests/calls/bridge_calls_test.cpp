@@ -1,0 +1,237 @@
+// "fwlog postgresql" at a live server, with each of its system calls failing, doing half, and
+// being the last one of its process, and then run again: each transaction that the server has
+// committed is in the log, once and in order; the log is sound, and the slot free; what went
+// wrong was told.
+#include "tests/calls/program_calls.h"
+#include "tests/postgresql/bridge_fixture.h"
+
+class BridgeCalls : public BridgeTest {
+  protected:
+    program_world world;
+    std::vector<std::string> words; // of the run that is struck, and of the one behind it
+    bool makes_slot = false;        // the run does, or it goes on in one
+    std::string expected;           // what the log has in the end
+    bool takes_anew = false;        // the run takes a table's rows, however often it is asked to
+    traced_run undisturbed;
+
+    void SetUp() override
+    {
+        BridgeTest::SetUp();
+        if (server == nullptr)
+            return;
+        options.directory = world.path();
+        options.unset = {"NOTIFY_SOCKET"};
+        sql("CREATE SCHEMA shop;"
+            "CREATE TABLE shop.good (id integer PRIMARY KEY, note varchar(9));"
+            "CREATE TABLE shop.odd (id integer PRIMARY KEY, note varchar(9));"
+            "ALTER TABLE shop.good REPLICA IDENTITY FULL;"
+            "ALTER TABLE shop.odd REPLICA IDENTITY FULL;"
+            "INSERT INTO shop.good VALUES (1, 'first'), (2, 'second')");
+        configure_world("");
+    }
+    void configure_world(const std::string &text) const
+    {
+        write_file(world.file("fwutil.cfg"), "log-directory log\n" + text);
+    }
+    void make_log(const std::vector<std::string> &more = {}) const
+    {
+        std::vector<std::string> all = {"--once", "--create"};
+        all.insert(all.end(), more.begin(), more.end());
+        const run_result made = run_program(bridge_argv(all), options);
+        ASSERT_EQ(made.status, 0) << made.err;
+    }
+
+    // ---- the server as it was before the run
+
+    std::string kept_slot() const
+    {
+        return database + "_kept";
+    }
+    void free_slot(pg_client &client, const std::string &slot) const
+    {
+        const std::string which = "FROM pg_replication_slots WHERE slot_name = '" + slot + "'";
+        client.run("SELECT pg_terminate_backend(active_pid) " + which +
+                   " AND active_pid IS NOT NULL");
+        ASSERT_TRUE(poll_until(
+            [&] { return client.value("SELECT count(*) " + which + " AND active") == "0"; }));
+    }
+    void keep()
+    {
+        world.keep();
+        if (!makes_slot)
+            sql("SELECT pg_copy_logical_replication_slot('" + database + "', '" + kept_slot() +
+                "')");
+    }
+    void renew() const
+    {
+        world.renew();
+        pg_client client = connect();
+        const std::string which = " FROM pg_replication_slots WHERE slot_name = '" + database + "'";
+        free_slot(client, database);
+        client.run("SELECT pg_drop_replication_slot(slot_name)" + which);
+        if (makes_slot)
+            client.run("DROP PUBLICATION IF EXISTS " + database);
+        else
+            client.run("SELECT pg_copy_logical_replication_slot('" + kept_slot() + "', '" +
+                       database + "')");
+    }
+
+    // ---- what the log has
+
+    // A line for each entry: what changed, and in which transaction of the server.
+    std::string history() const
+    {
+        const run_result result = fwlog({"dump", "--json"});
+        EXPECT_EQ(result.status, 0) << result.err;
+        std::string lines;
+        std::istringstream in(result.out);
+        for (std::string line; std::getline(in, line);) {
+            const std::string op = json_member(line, "op");
+            const size_t values = line.find("\"before\"");
+            if (op.empty() || values == line.npos) // what a dataset is
+                continue;
+            // Why there is a gap may be told in other words where a question was not answered.
+            const size_t end = std::min(line.find(",\"gap\""), line.find(",\"source\""));
+            lines +=
+                op + " " + json_member(line, "dataset") + " " + line.substr(values, end - values);
+            const std::string transaction = json_member(line, "xid");
+            if (transaction != "0") // else rows of a table, as they are now
+                lines += " " + transaction + " " + json_member(line, "lsn");
+            lines += "\n";
+        }
+        return lines;
+    }
+
+    // ---- runs
+
+    traced_run run(size_t number, blow what)
+    {
+        renew();
+        const traced_run made =
+            run_traced({.directory = world.path(),
+                        .body = [&]() -> int { world.become(bridge_argv(words), options); },
+                        .place = number == 0 ? call_place() : undisturbed.place_of(number),
+                        .what = what});
+        if (number == 0)
+            undisturbed = made;
+        return made;
+    }
+    // The library of the server has its own words for a connection that is gone.
+    bool told_as_lost(const blow &what) const
+    {
+        return what.os_errno == ECONNRESET &&
+               world.err().find("server closed the connection") != std::string::npos;
+    }
+    void look(const struck_call &struck, const traced_run &traced) const
+    {
+        if (traced.status == 0 || !told_as_lost(struck.what))
+            expect_told(struck, traced, world);
+        if (traced.status == 0) {
+            EXPECT_EQ(history(), expected) << world.err();
+        }
+        const run_result next = run_bridge(words);
+        EXPECT_EQ(next.status, 0) << next.err;
+        const std::string rows = takes_anew ? expected.substr(expected.find("\nt ") + 1) : "";
+        EXPECT_THAT(history(), testing::AnyOf(expected, expected + rows))
+            << world.err() << next.err;
+        EXPECT_EQ(fwlog({"verify"}).status, 0);
+        pg_client client = connect();
+        EXPECT_TRUE(poll_until([&] {
+            return client.value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" +
+                                database + "' AND NOT active") == "1";
+        })) << "the slot stays taken";
+    }
+    void strike(const std::string &name)
+    {
+        keep();
+        if (can_trace()) {
+            EXPECT_EQ(run(0, {}).status, 0) << world.out() << world.err();
+            expected = history();
+        }
+        expect_survives_blows(
+            {.name = "fwlog postgresql " + name,
+             .run = [this](size_t number, blow what) { return run(number, what); },
+             .look = [this](const struck_call &s, const traced_run &r) { look(s, r); },
+             .wanders = true,
+             .few = 3});
+    }
+};
+
+// The first call of a kind, and with a name on that file, in the undisturbed run.
+static size_t find_call(const traced_run &run, const char *name, const std::string &file)
+{
+    for (size_t i = 0; i < run.calls.size(); i++)
+        if (run.calls[i].is(name) && run.calls[i].file == file)
+            return i + 1;
+    ADD_FAILURE() << "no " << name << " " << file;
+    return 1;
+}
+
+TEST_F(BridgeCalls, WhatTheLogBelongsToIsNotForgottenWhereItCannotBeRead)
+{
+    if (!can_trace())
+        GTEST_SKIP() << "processes cannot be traced here";
+    make_log({"--status", "state.json"});
+    words = {"--once", "--status", "state.json"};
+    keep();
+    ASSERT_EQ(run(0, {}).status, 0) << world.err();
+    for (const auto &[name, file, told] :
+         {std::tuple("openat", "log/source", "log/source: cannot read what the log belongs to: "),
+          std::tuple("read", "log/source", "log/source: cannot read what the log belongs to: "),
+          std::tuple("openat", "state.json", "state.json: cannot be read: "),
+          std::tuple("ppoll", "", "waiting for the server: ")}) {
+        EXPECT_EQ(run(find_call(undisturbed, name, file), {BLOW_FAIL, EIO}).status, 1);
+        EXPECT_EQ(world.err(), std::string("fwlog: ") + told + "Input/output error\n");
+        EXPECT_EQ(run_bridge(words).status, 0);
+    }
+}
+
+TEST_F(BridgeCalls, GoesOn)
+{
+    make_log();
+    sql("INSERT INTO shop.good VALUES (3, 'third')");
+    sql("BEGIN; UPDATE shop.good SET note = 'other' WHERE id = 1; INSERT INTO shop.odd VALUES (1);"
+        "COMMIT");
+    sql("DELETE FROM shop.good WHERE id = 2");
+    words = {"--once"};
+    strike("GoesOn");
+}
+
+TEST_F(BridgeCalls, BeginsWithASnapshot)
+{
+    makes_slot = true;
+    words = {"--once", "--create", "--snapshot"};
+    strike("BeginsWithASnapshot");
+}
+
+TEST_F(BridgeCalls, SetsATableAside)
+{
+    configure_world("table shop.odd values=error\n");
+    make_log();
+    sql("INSERT INTO shop.odd VALUES (1, 'x')");
+    sql("ALTER TABLE shop.odd REPLICA IDENTITY DEFAULT; UPDATE shop.odd SET note = 'y'");
+    sql("INSERT INTO shop.good VALUES (3, 'third'); INSERT INTO shop.odd VALUES (2, 'z')");
+    words = {"--once"};
+    strike("SetsATableAside");
+}
+
+TEST_F(BridgeCalls, TakesATableBackIn)
+{
+    configure_world("table shop.odd values=error\n");
+    make_log();
+    sql("INSERT INTO shop.odd VALUES (1, 'x')");
+    sql("ALTER TABLE shop.odd REPLICA IDENTITY DEFAULT; UPDATE shop.odd SET note = 'y'");
+    ASSERT_EQ(catch_up().status, 0);
+    sql("ALTER TABLE shop.odd REPLICA IDENTITY FULL; INSERT INTO shop.good VALUES (3, 'third')");
+    words = {"--once", "--resume", "shop.odd"};
+    takes_anew = true; // behind a truncate mark
+    strike("TakesATableBackIn");
+}
+
+TEST_F(BridgeCalls, TellsItsStateElsewhere)
+{
+    make_log({"--status", "state.json"});
+    sql("INSERT INTO shop.good VALUES (3, 'third')");
+    words = {"--once", "--status", "state.json"};
+    strike("TellsItsStateElsewhere");
+}
