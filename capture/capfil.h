@@ -62,6 +62,7 @@ struct capfil {
     int32_t synced_end;       // of a message file: where its records ended then
     uint64_t synced_sum;      // and their checksum there
     int32_t name_synced;      // 1: the file's name is on disk too
+    int32_t absence_synced;   // 1: that no file has the name is on disk
     const cap_format *format; // the output format that ascii_flags choose
     cap_told *told;           // counts, or null: nobody asks
 };

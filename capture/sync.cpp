@@ -106,6 +106,21 @@ static bool sync_directory(const std::string &path)
     return synced;
 }
 
+// Brings to disk that no file has a name any more.  A file that was moved away would have its name
+// back behind a power cut, and be taken for one that was begun behind the mark.
+static int sync_absence(capfil *cf)
+{
+    if (cf->absence_synced != 0)
+        return 0;
+    const bool synced = sync_directory(mark_path(cf->name));
+    if (!synced && errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG)
+        return report_failure(cf);
+    if (!synced)
+        sync(); // its directory is gone, too
+    cf->absence_synced = 1;
+    return 0;
+}
+
 int capture_sync_file(capfil *cf)
 {
     struct stat st = {};
@@ -133,8 +148,13 @@ const char *capture_sync(capinfo *ci)
                                        [](const capfil *cf) { return cf->fp == nullptr; });
     for (int i = 0; i < ci->ncf; i++) {
         capfil *cf = ci->capfiles[i];
+        bool absent = false;
         // The end first: what it covers is on disk behind the call that follows.
-        if (mark_add(mark, cf, none_open) != 0)
+        if (mark_add(mark, cf, none_open, absent) != 0)
+            return nullptr;
+        if (!absent)
+            cf->absence_synced = 0;
+        else if (sync_absence(cf) != 0)
             return nullptr;
         if (cf->fp == nullptr || cf->nsynced == cf->nwritten)
             continue;

@@ -56,7 +56,7 @@ static bool says_none(int error)
            error == ENAMETOOLONG;
 }
 
-int mark_add(std::string &mark, capfil *cf, bool none_open)
+int mark_add(std::string &mark, capfil *cf, bool none_open, bool &absent)
 {
     struct stat st = {};
     const bool there = (cf->fp != nullptr ? fstat(cf->fnum, &st) : stat(cf->name, &st)) == 0;
@@ -64,6 +64,7 @@ int mark_add(std::string &mark, capfil *cf, bool none_open)
     if (!there && (cf->fp != nullptr || !says_none(errno)))
         return set_error_detail(strerror(errno), "Error bringing capture file to disk: %s",
                                 cf->name);
+    absent = !there;
     if (there && !S_ISREG(st.st_mode))
         return 0;
     mark_line line;

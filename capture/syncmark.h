@@ -27,8 +27,9 @@ struct mark_line {
 std::string mark_path(const char *name);
 
 // Appends the line of a capture file, open or not; none for a pipe or a device.
-// none_open: no capture file is open.  0, or the code of the message.
-int mark_add(std::string &mark, capfil *cf, bool none_open);
+// none_open: no capture file is open.  absent: whether no file has the name.  0, or the code of the
+// message.
+int mark_add(std::string &mark, capfil *cf, bool none_open, bool &absent);
 
 // Takes the next line from *text on, which moves behind it.  False at the end and,
 // with *good false, for a line that is none.

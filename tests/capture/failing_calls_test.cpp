@@ -242,6 +242,44 @@ TEST_F(FailingCalls, AMarkIsWholeOrNone)
     EXPECT_GT(blows, 5);
 }
 
+// A file that was moved away would have its name back behind a power cut, and be taken for one
+// that was begun behind a mark that says that none is there.
+TEST_F(FailingCalls, ThatNoFileHasANameIsOnDiskOrNoMarkSaysSo)
+{
+    const struct {
+        const char *before; // of each letter a mark: one when the file is there (f), or gone (g)
+        int directories;    // brought to disk by the next one, when it is gone
+    } cases[] = {{"", 1}, {"f", 1}, {"g", 0}, {"gg", 0}, {"gf", 1}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.before);
+        const auto prepare = [&] {
+            begin_anew();
+            clear();
+            add_file(text, text_options());
+            for (const char *letter = c.before; *letter != '\0'; letter++) {
+                fs::remove(text);
+                if (*letter == 'f')
+                    write_file(text, "a\n");
+                ASSERT_NE(nullptr, capture_sync(g_ci));
+            }
+            fs::remove(text);
+        };
+        bool marked = false;
+        const auto sync = [&] {
+            told = capture([&] { marked = capture_sync(g_ci) != nullptr; }).err;
+        };
+        int directories = 0;
+        strike_each(prepare, sync, [&](const blow_told &blow) {
+            EXPECT_EQ(blow.fatal(), !marked);
+            EXPECT_EQ(blow.fatal(), told.find("Error bringing capture file to disk: " + text) !=
+                                        std::string::npos)
+                << told;
+            directories += blow.call == "fsync" ? 1 : 0;
+        });
+        EXPECT_EQ(c.directories, directories);
+    }
+}
+
 // Files that no run has open, as a start finds them.
 TEST_F(FailingCalls, WhatWasWrittenBeforeIsBroughtToDiskOrToldOf)
 {

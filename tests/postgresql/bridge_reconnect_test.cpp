@@ -56,7 +56,9 @@ TEST_F(BridgeReconnectTest, TheLastConnectionCostsNoMoreThanTheFirst)
     }
     ASSERT_EQ(costs.size(), 3U);
     EXPECT_EQ(costs[2].descriptors, costs[1].descriptors);
+#ifndef KESTRO_SANITIZED // such a build keeps what was freed
     EXPECT_LE(costs[2].kib, costs[1].kib + 1024);
+#endif
     EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM) << bridge.err();
     expect_log_equals_tables();
     EXPECT_EQ(value("SELECT count(*) FROM load.ledger"), std::to_string(2 * times));
