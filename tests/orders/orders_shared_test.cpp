@@ -9,7 +9,8 @@
 #include <unistd.h>
 
 // Takes records until no writer is left and puts them into a file, each behind its
-// length in five digits.  Returns the exit status of the reader's process.
+// length in five digits.  A reader that the others left no record waits for its first one without
+// end: it looks whether PATH.over is there.  Returns the exit status of the reader's process.
 static int read_all_records(const std::string &path, const std::string &taken)
 {
     tmf_handle *reader = tmf_fopen(path.c_str(), TMF_MODE_READ);
@@ -18,7 +19,16 @@ static int read_all_records(const std::string &path, const std::string &taken)
         return 1;
     std::string buffer(TMF_MAX_DATA, '\0');
     int n = 0;
-    while ((n = tmf_fread(reader, buffer.data(), TMF_MAX_DATA, 0)) > 0) {
+    const auto take = [&] {
+        const bool over = access((path + ".over").c_str(), F_OK) == 0;
+        n = tmf_freadx(reader, buffer.data(), TMF_MAX_DATA, TMF_READ_LIMIT, 2);
+        if (n == TMF_ETIMEOUT && over)
+            n = 0;
+        return n > 0 || n == TMF_ETIMEOUT;
+    };
+    while (take()) {
+        if (n == TMF_ETIMEOUT)
+            continue;
         fprintf(to, "%05d", n);
         fwrite(buffer.data(), 1, static_cast<size_t>(n), to);
     }
@@ -69,6 +79,7 @@ TEST_F(OrdersTest, TwoWritersAndTwoReadersShareAMessageFile)
     for (const pid_t writer : writers)
         EXPECT_EQ(wait_program(writer), 0);
     EXPECT_EQ(tmf_fclose(open_end), 0);
+    write_file(path + ".over", "");
     for (const pid_t reader : readers) {
         int status = -1;
         EXPECT_EQ(waitpid(reader, &status, 0), reader);
