@@ -5,6 +5,7 @@
 #include "feed/postgresql/kept.h"
 #include "feed/postgresql/resumable.h"
 #include "fwutil/fwu_clock.h"
+#include "fwutil/fwu_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -90,7 +91,7 @@ static int read_lines(std::vector<std::string> &lines, int fd)
     if (about.st_size > REQUEST_MAX)
         return EFBIG;
     std::string text(static_cast<size_t>(about.st_size), '\0');
-    const ssize_t length = pread(fd, text.data(), text.size(), 0);
+    const ssize_t length = fwu_read_all(fd, text.data(), text.size(), 0);
     if (length < 0)
         return errno;
     text.resize(static_cast<size_t>(length));

@@ -105,10 +105,11 @@ static blow_told run_struck(int number, blow_kind kind, const std::function<void
 }
 
 int strike_each(const std::function<void()> &prepare, const std::function<void()> &operation,
-                const std::function<void(const blow_told &)> &look)
+                const std::function<void(const blow_told &)> &look,
+                const std::vector<blow_kind> &kinds)
 {
     int blows = 0;
-    for (const blow_kind kind : {BLOW_ERROR, BLOW_INTERRUPT, BLOW_HALF}) {
+    for (const blow_kind kind : kinds) {
         for (int number = 1;; number++) {
             prepare();
             const blow_told told = run_struck(number, kind, operation);

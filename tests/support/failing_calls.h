@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 // How the call fails: with EIO; with EINTR, for those that are made again then; or, a read or a
 // write, with half of its bytes.
@@ -23,6 +24,7 @@ struct blow_told {
 // For each kind of blow and each call of the operation: prepare(), operation() with the blow,
 // look().  Ends with a run in which no call is left to be struck.  Returns the number of blows.
 int strike_each(const std::function<void()> &prepare, const std::function<void()> &operation,
-                const std::function<void(const blow_told &)> &look);
+                const std::function<void(const blow_told &)> &look,
+                const std::vector<blow_kind> &kinds = {BLOW_ERROR, BLOW_INTERRUPT, BLOW_HALF});
 
 #endif

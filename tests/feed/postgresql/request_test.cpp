@@ -2,6 +2,7 @@
 #include "feed/postgresql/request.h"
 #include "feed/postgresql/resumable.h"
 #include "feed/table.h"
+#include "tests/support/failing_calls.h"
 #include "tests/support/run.h"
 #include "tests/support/tempdir.h"
 
@@ -213,6 +214,31 @@ TEST_F(Requests, ATableThatIsSetAsideIsTakenInBehindTheLogsEnd)
     pga_registry kept;
     ASSERT_TRUE(pga_open(kept, config.log_directory, 0600, 1000));
     EXPECT_EQ(*pga_find(kept, "app.orders"), wanted) << "on disk";
+}
+
+// What the system gives in part is read on: no table is left out.
+TEST_F(Requests, ARequestThatIsReadInPartHasAllItsTables)
+{
+    int n = 0;
+    std::string name;
+    const auto prepare = [&] {
+        name = "resume-" + std::to_string(100000 + ++n);
+        ask(name, "app.orders\napp.customers\n");
+        requests.look_ms = 0;
+    };
+    const auto look_once = [&] {
+        (void)pgr_look(requests, relations, {.writer = writer, .between = true, .waits = ""});
+    };
+    int halves = 0;
+    const auto see = [&](const blow_told &blow) {
+        EXPECT_THAT(answer_of(name), HasSubstr("\"app.orders\""));
+        EXPECT_THAT(answer_of(name), HasSubstr("\"app.customers\""));
+        halves += blow.call == "pread64" ? 1 : 0;
+        go_away(name);
+        look();
+    };
+    strike_each(prepare, look_once, see, {BLOW_HALF});
+    EXPECT_GT(halves, 0);
 }
 
 TEST_F(Requests, AnswersFollowWhatBecomesOfATable)
