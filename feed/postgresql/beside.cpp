@@ -3,6 +3,7 @@
 #include "feed/postgresql/beside.h"
 
 #include "feed/postgresql/parameters.h"
+#include "feed/postgresql/server_error.h"
 #include "fwutil/fwu_clock.h"
 
 #include <poll.h>
@@ -79,7 +80,7 @@ bool pgs_beside_run(PGconn *connection, const std::string &query, int64_t deadli
     pgs_result next;
     do {
         answer = std::move(next);
-        if (!take_result(connection, deadline_ms, next))
+        if (!take_result(connection, deadline_ms, next) || pgs_begins_copy(next.get()))
             return false;
     } while (next != nullptr);
     return true;

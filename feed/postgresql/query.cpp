@@ -209,6 +209,10 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
         case PGRES_COPY_BOTH:
             result = std::move(next);
             return {};
+        case PGRES_COPY_IN:
+            return pgs_lost(server,
+                            "the server's answer holds no result, it wants to be sent rows; "
+                            "is it a PostgreSQL server?");
         default: {
             outcome failure;
             if (refused != nullptr && pgs_refused(connection, next.get(), only) &&
@@ -218,7 +222,7 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
                             .detail = pgs_error_field(next.get(), PG_DIAG_MESSAGE_DETAIL)};
             else
                 failure = pgs_failed(server, connection, next.get(), query);
-            while (await(server, connection, query) &&
+            while (!pgs_begins_copy(next.get()) && await(server, connection, query) &&
                    (next.reset(PQgetResult(connection)), next != nullptr)) {
             }
             return failure;

@@ -90,3 +90,9 @@ std::string pgs_error_field(const PGresult *result, int field)
     const char *const text = PQresultErrorField(result, field);
     return text == nullptr ? "" : pgs_one_line(text);
 }
+
+bool pgs_begins_copy(const PGresult *result)
+{
+    const ExecStatusType status = PQresultStatus(result);
+    return status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH;
+}

@@ -22,4 +22,8 @@ struct pgs_lacking {
 // A remedy with these names in the places that it leaves for them.
 std::string pgs_name_remedy(std::string remedy, const pgs_lacking &lacking);
 
+// Whether a result is the beginning of a copy, which libpq gives again and again until rows were
+// sent or taken: no answer to anything but COPY.
+bool pgs_begins_copy(const PGresult *result);
+
 #endif

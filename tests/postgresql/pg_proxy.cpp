@@ -2,6 +2,7 @@
 #include "tests/postgresql/pg_proxy.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
 #include <poll.h>
@@ -43,6 +44,7 @@ void pg_proxy::silence_at(const std::string &text, size_t bytes)
     const std::lock_guard lock(guard);
     trigger = text;
     silent = true;
+    answers = false;
     bytes_left = bytes;
     done = false;
 }
@@ -53,9 +55,29 @@ void pg_proxy::change_behind(const std::string &text, const std::string &from,
     const std::lock_guard lock(guard);
     trigger = text;
     silent = false;
+    answers = false;
     replaced = from;
     replacement = to;
     done = false;
+}
+
+void pg_proxy::answer_with(const std::string &text, const std::string &bytes, behind what)
+{
+    const std::lock_guard lock(guard);
+    trigger = text;
+    silent = true;
+    answers = true;
+    bytes_left = 0;
+    replacement = bytes;
+    then = what;
+    poured_bytes = 0;
+    done = false;
+}
+
+size_t pg_proxy::poured() const
+{
+    const std::lock_guard lock(guard);
+    return poured_bytes;
 }
 
 bool pg_proxy::happened() const
@@ -92,6 +114,12 @@ bool pg_proxy::take_request(pair &both)
         both.chosen = true;
         both.bytes = bytes_left;
         done = silent;
+        if (answers) {
+            if (then == behind::the_same_for_ever)
+                both.flood = replacement;
+            return send_all(both.server, bytes) && send_all(both.client, replacement) &&
+                   then != behind::end_of_connection;
+        }
     }
     return !bytes.empty() && send_all(both.server, bytes);
 }
@@ -113,6 +141,19 @@ bool pg_proxy::take_answer(pair &both)
     return !bytes.empty() && send_all(both.client, bytes);
 }
 
+// As much as the client takes now.
+bool pg_proxy::pour(pair &both)
+{
+    const ssize_t n = send(both.client, both.flood.data() + both.flood_at,
+                           both.flood.size() - both.flood_at, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0)
+        return errno == EAGAIN;
+    both.flood_at = (both.flood_at + static_cast<size_t>(n)) % both.flood.size();
+    const std::lock_guard lock(guard);
+    poured_bytes += static_cast<size_t>(n);
+    return true;
+}
+
 static int connect_to(const std::string &path)
 {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -131,14 +172,18 @@ void pg_proxy::serve()
         std::vector<pollfd> wanted = {{wake[0], POLLIN, 0}, {listener, POLLIN, 0}};
         for (const pair &both : pairs) {
             const bool mute = both.chosen && silent && both.bytes == 0;
-            wanted.push_back({both.client, POLLIN, 0});
+            const bool pours = !both.flood.empty();
+            wanted.push_back(
+                {both.client, static_cast<short>(pours ? POLLIN | POLLOUT : POLLIN), 0});
             wanted.push_back({mute ? -1 : both.server, POLLIN, 0});
         }
         if (poll(wanted.data(), wanted.size(), -1) < 0 || wanted[0].revents != 0)
             return;
         size_t i = 2;
         for (auto at = pairs.begin(); at != pairs.end(); i += 2) {
-            const bool good = (wanted[i].revents == 0 || take_request(*at)) &&
+            const bool can_pour = (wanted[i].revents & POLLOUT) != 0;
+            const bool good = ((wanted[i].revents & ~POLLOUT) == 0 || take_request(*at)) &&
+                              (!can_pour || pour(*at)) &&
                               (wanted[i + 1].revents == 0 || take_answer(*at));
             if (good) {
                 ++at;

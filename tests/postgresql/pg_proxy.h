@@ -1,5 +1,5 @@
-// A port in front of a PostgreSQL server that passes everything on, and falls silent or
-// changes an answer where a test asks for it.
+// A port in front of a PostgreSQL server that passes everything on, and falls silent, changes an
+// answer or gives one of its own where a test asks for it.
 #ifndef TESTS_POSTGRESQL_PG_PROXY_H
 #define TESTS_POSTGRESQL_PG_PROXY_H
 
@@ -25,6 +25,14 @@ class pg_proxy {
     // many.
     void change_behind(const std::string &text, const std::string &from, const std::string &to);
 
+    // The next client that sends the text gets these bytes and nothing of the server, which has the
+    // request.
+    enum class behind { silence, end_of_connection, the_same_for_ever };
+    void answer_with(const std::string &text, const std::string &bytes, behind then);
+
+    // Bytes that the_same_for_ever has come to.
+    size_t poured() const;
+
     // Whether what was asked for last has happened.
     bool happened() const;
 
@@ -36,12 +44,15 @@ class pg_proxy {
         int client = -1;
         int server = -1;
         bool chosen = false;
-        size_t bytes = 0; // still to be passed on to the client chosen
+        size_t bytes = 0;  // still to be passed on to the client chosen
+        std::string flood; // what it is given for ever
+        size_t flood_at = 0;
     };
 
     void serve();
     bool take_request(pair &both);
     bool take_answer(pair &both);
+    bool pour(pair &both);
 
     std::string path;
     int listener = -1;
@@ -53,6 +64,9 @@ class pg_proxy {
     std::string trigger;      // empty: nothing is asked for
     bool silent = false;
     size_t bytes_left = 0;
+    bool answers = false; // itself, with replacement
+    behind then = behind::silence;
+    size_t poured_bytes = 0;
     std::string replaced;
     std::string replacement;
     bool done = false;
