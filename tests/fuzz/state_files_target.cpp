@@ -136,6 +136,28 @@ static void kept(std::string_view text)
             fuzz_equal(second.*member, first.*member, "what the log belongs to");
 }
 
+// What a record of that standing says; other members of its line are dropped.
+static bool says_the_same(const pga_record &a, const pga_record &b)
+{
+    if (a.standing != b.standing || a.at != b.at || a.standing == PGA_FOLLOWED)
+        return a.standing == b.standing && a.at == b.at;
+    if (a.since != b.since || a.since_us != b.since_us || a.reason != b.reason)
+        return false;
+    return a.standing == PGA_ASIDE || a == b;
+}
+
+static bool say_the_same(const pga_registry &a, const pga_registry &b)
+{
+    return std::equal(a.tables.begin(), a.tables.end(), b.tables.begin(), b.tables.end(),
+                      [](const auto &one, const auto &other) {
+                          const std::vector<pga_record> &records = one.second.records;
+                          const std::vector<pga_record> &others = other.second.records;
+                          return one.first == other.first &&
+                                 std::equal(records.begin(), records.end(), others.begin(),
+                                            others.end(), says_the_same);
+                      });
+}
+
 static void aside(std::string_view text, bool raw)
 {
     pga_registry registry;
@@ -144,7 +166,7 @@ static void aside(std::string_view text, bool raw)
         pga_registry copy;
         fuzz_expect(pga_take_lines(copy, lines), "standings written again are none");
         fuzz_equal(pga_lines(copy), lines, "standings written again are others");
-        fuzz_equal(copy.tables.size(), registry.tables.size(), "tables");
+        fuzz_expect(say_the_same(copy, registry), "tables stand elsewhere");
         fuzz_expect(copy.ids == registry.ids && copy.leaves == registry.leaves, "numbers");
     }
     const std::string first = "fwlog aside 1\n";
