@@ -243,7 +243,7 @@ int fwu_status_look(fwu_status &status)
                {status.line.text, sizeof status.line.text}) &&
         stands(prefix + fwu_status_pointer_at(status.pointer_number), pointer) &&
         lseek(status.fd, 0, SEEK_END) >=
-            static_cast<off_t>(status.pointer.at + status.pointer.length))
+            static_cast<off_t>(status.pointer.at) + static_cast<off_t>(status.pointer.length))
         return 0;
     return cut_or_changed(status);
 }
