@@ -78,7 +78,12 @@ static int check_name(const std::string &path, const std::vector<std::string> &o
 {
     struct stat st = {};
     struct stat other_st = {};
-    const bool there = stat(path.c_str(), &st) == 0;
+    const int stat_errno = stat(path.c_str(), &st) == 0 ? 0 : errno;
+    const bool there = stat_errno == 0;
+    if (stat_errno != 0 && stat_errno != ENOENT && stat_errno != ELOOP &&
+        lstat(path.c_str(), &st) == 0) // somebody's, for all that is known
+        return set_error_f("KESTRO_STATUS: %s cannot be read: %s", path.c_str(),
+                           strerror(stat_errno));
     for (const std::string &other : others) {
         if (resolved_name(other) == resolved_name(path) ||
             (there && stat(other.c_str(), &other_st) == 0 && st.st_dev == other_st.st_dev &&
@@ -131,10 +136,8 @@ int run_state_file_open(const std::string &path, const std::vector<std::string> 
     g_file = {whole, whole + ".new", ends_with(path, ".prom"), false, -1};
     struct stat st = {};
     const int stat_errno = stat(whole.c_str(), &st) == 0 ? 0 : errno;
-    const bool leads_nowhere = stat_errno != 0 && lstat(whole.c_str(), &st) == 0;
-    if (leads_nowhere && stat_errno != ENOENT && stat_errno != ELOOP)
-        return set_error_f("KESTRO_STATUS: %s cannot be read: %s", path.c_str(),
-                           strerror(stat_errno));
+    const bool leads_nowhere =
+        (stat_errno == ENOENT || stat_errno == ELOOP) && lstat(whole.c_str(), &st) == 0;
     if (directory.size() == whole.size() || leads_nowhere ||
         (stat_errno == 0 && S_ISDIR(st.st_mode)))
         return set_error_f("KESTRO_STATUS: %s is no regular file: name another one", path.c_str());
