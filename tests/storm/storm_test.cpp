@@ -367,6 +367,12 @@ class StormTest : public BridgeTest {
     // A program may end by itself with an error; none may crash.
     void expect_no_crash()
     {
+        // A sanitizer's last words; it ends a program with status 1.
+        for (const storm_actor &actor : scene.actors)
+            for (const auto &[line, times] : actor.told)
+                EXPECT_TRUE(line.find("ABORTING") == std::string::npos &&
+                            line.find("Sanitizer") == std::string::npos)
+                    << actor.name << ": " << line;
         for (const storm_actor &actor : scene.actors)
             for (const auto &[status, times] : actor.endings) {
                 events["starts again"] += times;
