@@ -34,7 +34,7 @@ void stop_signal_note(int number)
     g_stop_signal = number;
 }
 
-stop_wait stop_signal_wait(int fd, int limit_ms)
+stop_wait stop_signal_wait(int fd, int limit_ms, bool to_write)
 {
     sigset_t both;
     sigset_t before;
@@ -43,7 +43,8 @@ stop_wait stop_signal_wait(int fd, int limit_ms)
     sigaddset(&both, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &both, &before);
 
-    struct pollfd wanted = {.fd = fd, .events = POLLIN, .revents = 0};
+    const short events = to_write ? POLLOUT : POLLIN;
+    struct pollfd wanted = {.fd = fd, .events = events, .revents = 0};
     int found = 0;
     int code = 0;
     do {

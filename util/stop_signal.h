@@ -16,7 +16,7 @@ enum stop_wait { STOP_READABLE, STOP_ASKED, STOP_TIMEOUT, STOP_ERROR };
 
 // Waits until fd can be read, limit_ms at most (negative: without limit).  Once a
 // signal has come it does not wait any more: STOP_ASKED unless there is something
-// to read at this moment.  STOP_ERROR: errno.
-stop_wait stop_signal_wait(int fd, int limit_ms);
+// to read at this moment.  STOP_ERROR: errno.  to_write: until it can be written.
+stop_wait stop_signal_wait(int fd, int limit_ms, bool to_write = false);
 
 #endif

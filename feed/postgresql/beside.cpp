@@ -2,7 +2,7 @@
 // answer.
 #include "feed/postgresql/beside.h"
 
-#include "feed/postgresql/parameters.h"
+#include "feed/postgresql/dial.h"
 #include "feed/postgresql/server_error.h"
 #include "fwutil/fwu_clock.h"
 
@@ -18,6 +18,7 @@ static bool wait_for(const PGconn *connection, short events, int64_t deadline_ms
 
 static bool connect(PGconn *connection, int64_t deadline_ms)
 {
+    pgs_drop_notices(connection);
     PostgresPollingStatusType status = PGRES_POLLING_WRITING;
     while (status == PGRES_POLLING_READING || status == PGRES_POLLING_WRITING) {
         const short events = status == PGRES_POLLING_READING ? POLLIN : POLLOUT;

@@ -2,6 +2,7 @@
 // it never could.
 #include "feed/postgresql/connect.h"
 
+#include "feed/postgresql/dial.h"
 #include "feed/postgresql/encoding.h"
 #include "feed/postgresql/parameters.h"
 #include "feed/postgresql/query.h"
@@ -28,9 +29,8 @@ static const char *find_connection_remedy(const char *message)
     return nullptr;
 }
 
-// The connection is made as a whole: libpq goes on to the next host of several when one
-// does not answer, and connect_timeout bounds each.
-static pgs_connection open_connection(const pgs_server &server, bool replication)
+static outcome open_connection(pgs_connection &connection, const pgs_server &server,
+                               bool replication, std::string &why)
 {
     pgs_parameters parameters;
     pgs_collect(parameters, server);
@@ -38,12 +38,11 @@ static pgs_connection open_connection(const pgs_server &server, bool replication
         parameters.keys.insert(parameters.keys.end() - 1, "replication");
         parameters.values.insert(parameters.values.end() - 1, "database");
     }
-    return pgs_connection(PQconnectdbParams(parameters.keys.data(), parameters.values.data(), 1));
-}
-
-// Notices ("NOTICE: ...") would only disturb.
-static void drop_notice(void *, const PGresult *)
-{
+    why.clear();
+    outcome done = pgs_dial(connection, parameters, why);
+    if (!done)
+        connection.reset();
+    return done;
 }
 
 // A database without an encoding holds any bytes, of which the server would make UTF-8 only
@@ -64,22 +63,25 @@ static outcome set_encoding(pgs_server &server, PGconn *connection)
 
 static outcome open_one(pgs_server &server, pgs_connection &connection, bool replication)
 {
-    connection = open_connection(server, replication);
+    std::string why;
+    outcome done = open_connection(connection, server, replication, why);
     server.remedy = nullptr;
     // Of this encoding it converts nothing, and takes no connection that wants UTF-8.
-    const bool refused = PQstatus(connection.get()) != CONNECTION_OK && server.texts == nullptr &&
-                         strstr(PQerrorMessage(connection.get()), "MULE_INTERNAL") != nullptr;
+    const bool refused = done && PQstatus(connection.get()) != CONNECTION_OK &&
+                         server.texts == nullptr && why.find("MULE_INTERNAL") != why.npos;
     if (refused) {
         pge_begin(server);
-        connection = open_connection(server, replication);
+        done = open_connection(connection, server, replication, why);
     }
+    if (!done)
+        return done;
     // Sending never waits: what is not sent goes along with what is sent next.
     if (PQstatus(connection.get()) != CONNECTION_OK || PQsetnonblocking(connection.get(), 1) != 0) {
-        const std::string why = pgs_one_line(PQerrorMessage(connection.get()));
+        connection.reset();
+        why = pgs_one_line(why.c_str());
         server.remedy = find_connection_remedy(why.c_str());
         return pgs_lost(server, pgs_without_secrets(server, why));
     }
-    PQsetNoticeReceiver(connection.get(), drop_notice, nullptr);
     pgs_result result;
     for (const char *setting : pgs_settings(PQserverVersion(connection.get())))
         if (outcome set =
