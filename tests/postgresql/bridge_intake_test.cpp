@@ -150,7 +150,7 @@ TEST_F(BridgeIntakeTest, ACommitBeforeTheStartThatOthersDoNotSeeIsWaitedFor)
     ASSERT_TRUE(poll_until([&] {
         return value("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'") == "1";
     }));
-    start_bridge({"--snapshot", "--timeout", "1"});
+    start_bridge({"--snapshot", "--timeout", "5"});
     EXPECT_TRUE(bridge_says("taking in tables waits: ")) << bridge.err();
     EXPECT_EQ(occurrences(dump(), " insert "), 0) << bridge.err();
     let_commits_wait(false);
