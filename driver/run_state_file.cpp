@@ -105,12 +105,17 @@ static int check_name(const std::string &path, const std::vector<std::string> &o
 }
 
 // Takes the file that a run before has left.  Each run has a lock on the one that it made
-// last, so that two that were given the same name do not take turns in it.
+// last, so that two that were given the same name do not take turns in it: a file that may be
+// another run's, and cannot be asked, is left alone.
 static int take(const std::string &path)
 {
     g_file.held = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (g_file.held < 0 || flock(g_file.held, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)
-        return 0;             // not there, or nothing is locked on that file system
+    if (g_file.held < 0)
+        return errno == ENOENT ? 0
+                               : set_error_f("KESTRO_STATUS: %s cannot be read: %s", path.c_str(),
+                                             strerror(errno));
+    if (flock(g_file.held, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK)
+        return 0;             // or nothing is locked on that file system
     (void)close(g_file.held); // another one's
     g_file.held = -1;
     return set_error_f("KESTRO_STATUS: %s is the file of another run that has not ended: name "

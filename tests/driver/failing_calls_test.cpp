@@ -7,8 +7,11 @@
 #include "tests/support/tempdir.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 using testing::HasSubstr;
 
@@ -119,6 +122,30 @@ TEST_F(FailingStatusFile, ItIsTakenOrRefused)
             EXPECT_EQ(text, read_file(path));
             EXPECT_EQ(0, open_file()) << err;
         });
+}
+
+// Two runs that write one file would both be shown by it, by turns.
+TEST_F(FailingStatusFile, AnotherRunsFileIsRefusedWhateverFails)
+{
+    const std::string text = run_state_json(state_named("running"));
+    write_file(path, text);
+    const int other = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, flock(other, LOCK_EX | LOCK_NB));
+    int rc = 0;
+    const int blows = strike_each(
+        run_state_file_release, [&] { rc = open_file(); },
+        [&](const blow_told &blow) {
+            EXPECT_NE(0, rc);
+            const bool asked = err.ends_with(" has not ended: name another file\n");
+            EXPECT_TRUE(asked ||
+                        (blow.fatal() && err.ends_with(" cannot be read: Input/output error\n")))
+                << err;
+            EXPECT_EQ(text, read_file(path));
+        },
+        {BLOW_ERROR, BLOW_HALF});
+    EXPECT_GE(blows, 5);
+    EXPECT_EQ(0, ::close(other));
+    EXPECT_EQ(0, open_file()) << err;
 }
 
 TEST_F(FailingStatusFile, SomebodyElsesFileIsRefusedWhateverFails)
