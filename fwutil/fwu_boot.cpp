@@ -1,7 +1,8 @@
 // The system makes a random name at each start.
 #include "fwutil/fwu_boot.h"
 
-#include <cerrno>
+#include "fwutil/fwu_file.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,10 +14,7 @@ std::string fwu_boot()
     const int fd = open(fwu_boot_path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return std::string(FWU_BOOT_UNKNOWN);
-    ssize_t n = 0;
-    do
-        n = read(fd, text, sizeof text);
-    while (n < 0 && errno == EINTR);
+    const ssize_t n = fwu_read_some(fd, text, sizeof text);
     close(fd);
     std::string_view name(text, n > 0 ? static_cast<size_t>(n) : 0);
     name = name.substr(0, name.find('\n'));

@@ -3,6 +3,7 @@
 #include "fwutil/fwu_config.h"
 
 #include "fwutil/fwu_error.h"
+#include "fwutil/fwu_file.h"
 #include "fwutil/fwu_statements.h"
 
 #include <algorithm>
@@ -68,7 +69,7 @@ static int read_text(const std::string &path, std::string &text)
                          path.c_str(), strerror(errno));
     char buffer[16384];
     ssize_t n = 0;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0 && text.size() <= CONFIG_MAX)
+    while ((n = fwu_read_some(fd, buffer, sizeof buffer)) > 0 && text.size() <= CONFIG_MAX)
         text.append(buffer, static_cast<size_t>(n));
     const int read_errno = errno;
     close(fd);

@@ -60,6 +60,15 @@ int fwu_write_all(int fd, const void *data, size_t length, int64_t offset)
     return 0;
 }
 
+ssize_t fwu_read_some(int fd, void *data, size_t length)
+{
+    ssize_t n = 0;
+    do
+        n = read(fd, data, length);
+    while (n < 0 && errno == EINTR);
+    return n;
+}
+
 ssize_t fwu_read_all(int fd, void *data, size_t length, int64_t offset)
 {
     size_t held = 0;
@@ -106,7 +115,7 @@ bool fwu_file_all_zero(const std::string &path)
     std::vector<char> bytes(COPY_SIZE);
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     ssize_t n = fd < 0 ? -1 : 0;
-    while (fd >= 0 && (n = read(fd, bytes.data(), bytes.size())) > 0)
+    while (fd >= 0 && (n = fwu_read_some(fd, bytes.data(), bytes.size())) > 0)
         if (std::any_of(bytes.begin(), bytes.begin() + n, [](char c) { return c != 0; }))
             break;
     if (fd >= 0)
@@ -124,7 +133,7 @@ int fwu_file_copy(const std::string &from, int64_t offset, int64_t end, const st
     int64_t at = offset;
     for (ssize_t n = 1; good && n > 0 && at < end; at += n) {
         const auto wanted = static_cast<size_t>(std::min(end - at, int64_t{COPY_SIZE}));
-        n = pread(in, bytes.data(), wanted, at);
+        n = fwu_read_all(in, bytes.data(), wanted, at);
         good = n >= 0 && fwu_write_all(out, bytes.data(), static_cast<size_t>(n), at - offset) == 0;
     }
     good = good && fsync(out) == 0;

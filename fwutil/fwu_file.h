@@ -22,6 +22,9 @@ int fwu_file_anew(const std::string &path, int flags, mode_t mode);
 // Writes all bytes at offset, going on after partial writes; 0, or -1 with errno.
 int fwu_write_all(int fd, const void *data, size_t length, int64_t offset);
 
+// Reads what comes next, up to length bytes; 0 at the end, or -1 with errno.
+ssize_t fwu_read_some(int fd, void *data, size_t length);
+
 // Reads the bytes at offset, going on after a part of them; as many as the file has, or -1 with
 // errno.
 ssize_t fwu_read_all(int fd, void *data, size_t length, int64_t offset);

@@ -121,7 +121,8 @@ fwu_found fwu_readers_read(const std::string &directory, std::vector<std::string
     std::string text;
     char bytes[16384];
     ssize_t n = fd < 0 ? -1 : 0;
-    while (fd >= 0 && text.size() <= SIZE_MAX_READ && (n = read(fd, bytes, sizeof bytes)) > 0)
+    while (fd >= 0 && text.size() <= SIZE_MAX_READ &&
+           (n = fwu_read_some(fd, bytes, sizeof bytes)) > 0)
         text.append(bytes, static_cast<size_t>(n));
     if (n < 0)
         (void)fwu_file_error(path, "cannot read the register of readers");

@@ -201,13 +201,13 @@ static int write_again(fwu_log_end &log)
 {
     const std::string mark = log.directory + "/" + FWU_SYNC_FAILED;
     if (access(mark.c_str(), F_OK) != 0)
-        return 0;
+        return errno == ENOENT ? 0 : fwu_file_error(mark, "cannot tell whether the file is there");
     fwu_warn("%s: an earlier run could not bring it to disk: written again", log.file.path.c_str());
     std::vector<unsigned char> bytes(COPY_SIZE);
     for (int64_t at = 0; at < log.end;) {
         const auto wanted =
             static_cast<size_t>(std::min(log.end - at, static_cast<int64_t>(bytes.size())));
-        const ssize_t n = pread(log.fd, bytes.data(), wanted, at);
+        const ssize_t n = fwu_read_all(log.fd, bytes.data(), wanted, at);
         if (n <= 0)
             return fwu_file_error(log.file.path, "cannot read the log file");
         if (fwu_write_all(log.fd, bytes.data(), static_cast<size_t>(n), at) != 0)

@@ -126,14 +126,17 @@ static int size_of(const fwu_log_file &file, int64_t &size)
     return 0;
 }
 
-// The first of name, name.2, name.3, ... that the directory does not have.
-static std::string free_name(const std::string &directory, const std::string &name)
+// The first of name, name.2, name.3, ... that the directory does not have: what an earlier repair
+// has kept is not replaced.
+static int free_name(const std::string &directory, const std::string &name, std::string &found)
 {
-    std::string found = name;
+    found = name;
     struct stat about = {};
     for (int n = 2; lstat((directory + "/" + found).c_str(), &about) == 0; n++)
         found = name + "." + std::to_string(n);
-    return found;
+    return errno == ENOENT
+               ? 0
+               : fwu_file_error(directory + "/" + found, "cannot tell whether the file is there");
 }
 
 // Plans to take away what stands at and behind an offset of a file.
@@ -149,7 +152,8 @@ static int take_away(fwu_repair &repair, const fwu_log_file &file, int64_t offse
     std::string name = "cut-" + file.name;
     if (offset > 0)
         name += "-from-" + std::to_string(offset);
-    kept.name = free_name(repair.directory, name);
+    if (free_name(repair.directory, name, kept.name) != 0)
+        return -1;
     if (kept.bytes > 0 || offset == 0)
         repair.kept.push_back(kept);
     return 0;

@@ -46,7 +46,11 @@ static bool list_log(const fwu_retention &r, look &l)
         return false;
     for (const fwu_log_file &file : l.files) {
         struct stat about = {};
-        (void)stat(file.path.c_str(), &about); // one that is gone is of no size, and goes first
+        // One that is gone is of no size, and goes first.
+        if (stat(file.path.c_str(), &about) != 0 && errno != ENOENT) {
+            (void)fwu_file_error(file.path, "cannot get the log file's size");
+            return false;
+        }
         l.sizes.push_back(about.st_size);
         l.written.push_back(about.st_mtim.tv_sec);
     }

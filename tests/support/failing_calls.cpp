@@ -21,8 +21,10 @@ static strike_plan plan;
 // interrupted.
 static bool struck(const char *name, bool moves, bool waits)
 {
-    if (!plan.watching || !plan.told.call.empty())
+    if (!plan.watching)
         return false;
+    if (!plan.told.call.empty())
+        return plan.told.kind == BLOW_GONE;
     if (plan.told.kind == BLOW_HALF ? !moves : plan.told.kind == BLOW_INTERRUPT && !waits)
         return false;
     if (--plan.left > 0)
@@ -35,6 +37,14 @@ static int give_error()
 {
     errno = plan.told.kind == BLOW_INTERRUPT ? EINTR : EIO;
     return -1;
+}
+
+bool strike_call(const char *name)
+{
+    if (!struck(name, false, false))
+        return false;
+    (void)give_error();
+    return true;
 }
 
 // How many of the bytes move.

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-// How the call fails: with EIO; with EINTR, for those that are made again then; or, a read or a
-// write, with half of its bytes.
-enum blow_kind { BLOW_ERROR, BLOW_INTERRUPT, BLOW_HALF };
+// How the call fails: with EIO; with EINTR, for those that are made again then; a read or a
+// write, with half of its bytes; or with EIO like all that come behind it, on a disk that is gone.
+enum blow_kind { BLOW_ERROR, BLOW_INTERRUPT, BLOW_HALF, BLOW_GONE };
 
 struct blow_told {
     std::string call; // which one it was; "": all went through
@@ -26,5 +26,9 @@ struct blow_told {
 int strike_each(const std::function<void()> &prepare, const std::function<void()> &operation,
                 const std::function<void(const blow_told &)> &look,
                 const std::vector<blow_kind> &kinds = {BLOW_ERROR, BLOW_INTERRUPT, BLOW_HALF});
+
+// For functions of a test that the linker leads further calls to: whether this one is struck,
+// with errno set.
+bool strike_call(const char *name);
 
 #endif
