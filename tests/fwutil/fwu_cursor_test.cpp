@@ -370,6 +370,19 @@ TEST_F(FollowedFile, ATailThatIsReplacedAtAnyPointIsReadAsItIsNow)
     }
 }
 
+TEST_F(FollowedFile, WhatIsWrongWithATailIsSaidOfTheTailThatIsThere)
+{
+    std::string wrong = one.substr(0, one.size() - 56); // no commit entry
+    wrong[60] ^= 1;                                     // in the first record's payload
+    rewrite(wrong);
+    ASSERT_EQ(fwu_cursor_next(cursor), FWU_END);
+    EXPECT_STREQ(cursor.verdict.reason, "the checksum of the entry's payload is wrong");
+    rewrite(other.substr(0, 20)); // nothing wrong but that it ends in the first entry
+    ASSERT_EQ(fwu_cursor_next(cursor), FWU_END);
+    EXPECT_EQ(cursor.verdict.reason, nullptr);
+    EXPECT_EQ(cursor.verdict.at, static_cast<int64_t>(before.size()));
+}
+
 TEST_F(FollowedFile, BecomingShorterThanWhatWasReadIsAnError)
 {
     write_file(file(1), before.substr(0, 100));
