@@ -281,14 +281,21 @@ outcome pgp_describe(std::vector<pgp_table> &tables, pgs_server &server,
     if (done)
         done = pgp_ask(server, columns, known_tables(server, found) + columns_query());
     int row = 0;
-    for (pgp_table &table : tables) {
+    for (int i = 0; i < count; i++) {
+        pgp_table &table = tables[static_cast<size_t>(i)];
         std::vector<key_column> keys;
         const std::string place = std::to_string(table.want);
         for (; done && row < PQntuples(columns.get()) && pgs_value(columns, row, 0) == place; row++)
             done = take_column(table, keys, columns, row);
+        // Else its rows would have nothing in them, and none would be taken.
+        const std::string_view names = pgs_value(found, i, 7);
+        if (done && keys.empty() && !names.empty() && names != "{}")
+            done = not_read("the columns of a table that has some", "");
         set_key(table, keys);
         set_rows(table);
     }
+    if (done && row < PQntuples(columns.get()))
+        return not_read("a column's table", pgs_value(columns, row, 0));
     return done;
 }
 

@@ -118,6 +118,13 @@ void pgs_tell_held_up(const std::string &doing, const std::string &sessions)
          sessions.c_str());
 }
 
+// What was asked for, in the message that tells its failure.
+static std::string told(const std::string &query)
+{
+    const bool asks = query.starts_with("SELECT ") || query.starts_with("WITH ");
+    return query.size() > QUERY_TOLD_MAX && asks ? "asking the server's catalogue" : query;
+}
+
 // How long an answer is waited for.
 struct wait_state {
     int64_t heard_ms = fwu_monotonic_ms(); // the server sent something, or is held up
@@ -246,8 +253,7 @@ outcome pgs_query(pgs_server &server, PGconn *connection, pgs_result &result,
         return done;
     const bool sent = PQsendQueryParams(connection, text.c_str(), static_cast<int>(words.size()),
                                         nullptr, words.data(), nullptr, nullptr, 0) == 1;
-    return finish(server, connection, sent, result,
-                  query.size() > QUERY_TOLD_MAX ? "asking the server's catalogue" : query);
+    return finish(server, connection, sent, result, told(query));
 }
 
 outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
@@ -258,7 +264,7 @@ outcome pgs_try(pgs_server &server, PGconn *connection, pgs_result &result,
     if (outcome done = pge_query(text, server, query); !done)
         return done;
     const bool sent = PQsendQuery(connection, text.c_str()) == 1;
-    return finish(server, connection, sent, result, query, &refusal, state);
+    return finish(server, connection, sent, result, told(query), &refusal, state);
 }
 
 outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
@@ -268,7 +274,7 @@ outcome pgs_command(pgs_server &server, PGconn *connection, pgs_result &result,
     if (outcome done = pge_query(text, server, command); !done)
         return done;
     const bool sent = PQsendQuery(connection, text.c_str()) == 1;
-    return finish(server, connection, sent, result, command);
+    return finish(server, connection, sent, result, told(command));
 }
 
 // Receives something, or nothing in the time that the caller has.

@@ -41,65 +41,21 @@ class BridgeCalls : public BridgeTest {
         ASSERT_EQ(made.status, 0) << made.err;
     }
 
-    // ---- the server as it was before the run
-
-    std::string kept_slot() const
-    {
-        return database + "_kept";
-    }
-    void free_slot(pg_client &client, const std::string &slot) const
-    {
-        const std::string which = "FROM pg_replication_slots WHERE slot_name = '" + slot + "'";
-        client.run("SELECT pg_terminate_backend(active_pid) " + which +
-                   " AND active_pid IS NOT NULL");
-        ASSERT_TRUE(poll_until(
-            [&] { return client.value("SELECT count(*) " + which + " AND active") == "0"; }));
-    }
     void keep()
     {
         world.keep();
         if (!makes_slot)
-            sql("SELECT pg_copy_logical_replication_slot('" + database + "', '" + kept_slot() +
-                "')");
+            keep_slot();
     }
     void renew() const
     {
         world.renew();
-        pg_client client = connect();
-        const std::string which = " FROM pg_replication_slots WHERE slot_name = '" + database + "'";
-        free_slot(client, database);
-        client.run("SELECT pg_drop_replication_slot(slot_name)" + which);
-        if (makes_slot)
-            client.run("DROP PUBLICATION IF EXISTS " + database);
-        else
-            client.run("SELECT pg_copy_logical_replication_slot('" + kept_slot() + "', '" +
-                       database + "')");
-    }
-
-    // ---- what the log has
-
-    // A line for each entry: what changed, and in which transaction of the server.
-    std::string history() const
-    {
-        const run_result result = fwlog({"dump", "--json"});
-        EXPECT_EQ(result.status, 0) << result.err;
-        std::string lines;
-        std::istringstream in(result.out);
-        for (std::string line; std::getline(in, line);) {
-            const std::string op = json_member(line, "op");
-            const size_t values = line.find("\"before\"");
-            if (op.empty() || values == line.npos) // what a dataset is
-                continue;
-            // Why there is a gap may be told in other words where a question was not answered.
-            const size_t end = std::min(line.find(",\"gap\""), line.find(",\"source\""));
-            lines +=
-                op + " " + json_member(line, "dataset") + " " + line.substr(values, end - values);
-            const std::string transaction = json_member(line, "xid");
-            if (transaction != "0") // else rows of a table, as they are now
-                lines += " " + transaction + " " + json_member(line, "lsn");
-            lines += "\n";
+        if (makes_slot) {
+            drop_slot();
+            sql("DROP PUBLICATION IF EXISTS " + database);
+        } else {
+            bring_slot_back();
         }
-        return lines;
     }
 
     // ---- runs

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <sstream>
 
 using testing::IsEmpty;
 
@@ -185,6 +186,27 @@ void BridgeTest::let_commits_wait(bool wait) const
     session.run("SELECT pg_reload_conf()");
 }
 
+void BridgeTest::keep_slot() const
+{
+    sql("SELECT pg_copy_logical_replication_slot('" + database + "', '" + database + "_kept')");
+}
+
+void BridgeTest::drop_slot() const
+{
+    pg_client client = connect();
+    const std::string which = " FROM pg_replication_slots WHERE slot_name = '" + database + "'";
+    client.run("SELECT pg_terminate_backend(active_pid)" + which + " AND active_pid IS NOT NULL");
+    ASSERT_TRUE(
+        poll_until([&] { return client.value("SELECT count(*)" + which + " AND active") == "0"; }));
+    client.run("SELECT pg_drop_replication_slot(slot_name)" + which);
+}
+
+void BridgeTest::bring_slot_back() const
+{
+    ASSERT_NO_FATAL_FAILURE(drop_slot());
+    sql("SELECT pg_copy_logical_replication_slot('" + database + "_kept', '" + database + "')");
+}
+
 run_result BridgeTest::fwlog(const std::vector<std::string> &words) const
 {
     std::vector<std::string> argv = {bin + "fwlog"};
@@ -198,6 +220,28 @@ std::string BridgeTest::dump() const
     const run_result result = fwlog({"dump"});
     EXPECT_EQ(result.status, 0) << result.err;
     return result.out;
+}
+
+std::string BridgeTest::history() const
+{
+    const run_result result = fwlog({"dump", "--json"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    std::string lines;
+    std::istringstream in(result.out);
+    for (std::string line; std::getline(in, line);) {
+        const std::string op = json_member(line, "op");
+        const size_t values = line.find("\"before\"");
+        if (op.empty() || values == line.npos) // what a dataset is
+            continue;
+        // Why there is a gap may be told in other words where a question was not answered.
+        const size_t end = std::min(line.find(",\"gap\""), line.find(",\"source\""));
+        lines += op + " " + json_member(line, "dataset") + " " + line.substr(values, end - values);
+        const std::string transaction = json_member(line, "xid");
+        if (transaction != "0") // else rows of a table, as they are now
+            lines += " " + transaction + " " + json_member(line, "lsn");
+        lines += "\n";
+    }
+    return lines;
 }
 
 bool BridgeTest::logged(const std::string &text) const

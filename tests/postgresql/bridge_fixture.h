@@ -69,12 +69,23 @@ class BridgeTest : public testing::Test {
     // A member of the bridge's status file; empty when it cannot be had.
     std::string status_member(const std::string &name) const;
 
+    // ---- the slot
+
+    // Where it stands now is where bring_slot_back() puts it, whoever has it.
+    void keep_slot() const;
+    void bring_slot_back() const;
+    void drop_slot() const;
+
     // ---- the log
 
     run_result fwlog(const std::vector<std::string> &words) const;
 
     // "fwlog dump" without what differs from run to run.
     std::string dump() const;
+
+    // A line for each entry of the log: what changed, and in which transaction of the server, if in
+    // one.
+    std::string history() const;
 
     // Whether the log holds a text, as the dump shows it.
     bool logged(const std::string &text) const;

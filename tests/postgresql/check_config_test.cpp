@@ -149,3 +149,39 @@ TEST_F(BridgeCheckTest, WithoutConfigurationItWritesOne)
         sql(command);
     EXPECT_EQ(catch_up({"--create"}).status, 0);
 }
+
+TEST_F(BridgeCheckTest, ALogOfAnotherEncodingThanTheConfiguration)
+{
+    sql("CREATE TABLE plain (id int PRIMARY KEY)");
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO plain VALUES (1)");
+    ASSERT_EQ(catch_up().status, 0);
+    configure("text-encoding utf-8\n");
+    EXPECT_EQ(check().status, 0);
+    configure("text-encoding iso-8859-1\n");
+    const run_result other = check();
+    EXPECT_EQ(other.status, 1);
+    EXPECT_THAT(other.out, HasSubstr("text-encoding is iso-8859-1, the log in log has utf-8: take "
+                                     "the line out, or begin a new log directory\n"));
+    EXPECT_EQ(catch_up().status, 1);
+    configure();
+    EXPECT_EQ(check().status, 0);
+    EXPECT_EQ(catch_up().status, 0);
+}
+
+// What stands in the way of reading the log is told, and is not taken for a log that has nothing.
+TEST_F(BridgeCheckTest, ALogThatCannotBeRead)
+{
+    ASSERT_EQ(catch_up({"--create"}).status, 0);
+    const std::string log = dir.file("log");
+    const std::string aside = log + "/aside";
+    write_file(aside, "no standing\n");
+    const run_result damaged = check();
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_THAT(damaged.err, HasSubstr("log/aside: damaged: "));
+    std::filesystem::remove_all(log);
+    write_file(log, "");
+    const run_result file = check();
+    EXPECT_EQ(file.status, 1);
+    EXPECT_THAT(file.err, HasSubstr("Not a directory"));
+}

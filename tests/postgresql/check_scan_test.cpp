@@ -182,3 +182,25 @@ TEST_F(BridgeCheckTest, AColumnThatHasALineGetsNoSecondOne)
     configure("values mark\ncolumn public.held.note item=REMARK width=5000\n");
     EXPECT_THAT(check({"--create", "--scan"}).out, Not(HasSubstr("would be cut")));
 }
+
+// What a run would do of a timestamp whose item has no room for all its fractions.
+TEST_F(BridgeCheckTest, ScanCountsFractionsThatHaveNoPlace)
+{
+    sql("CREATE SCHEMA load; CREATE TABLE load.held (id int PRIMARY KEY, at timestamp, whole "
+        "timestamp); ALTER TABLE load.held REPLICA IDENTITY FULL;"
+        "INSERT INTO load.held VALUES (1, '2026-03-09 10:11:12.123', '2026-03-09'),"
+        " (2, '2026-03-09 10:11:12.1234', '2026-03-09 10:11:12.5'), (3, NULL, NULL)");
+    configure("values mark\ndatabase LOAD\ndataset HELD\nitem ID I 4\nitem AT X 23\n"
+              "item WHOLE X 19\nitem NULL-MAP X 3 null-map\n");
+    const run_result scanned = check({"--create", "--scan"});
+    EXPECT_EQ(scanned.status, 0) << scanned.out << scanned.err;
+    for (const char *text :
+         {"load.held.at: 1 row would be left out, of 3 rows in all; item AT is X "
+          "23\n",
+          "load.held.whole: 1 row would be left out, of 3 rows in all; item "
+          "WHOLE is X 19\n"})
+        EXPECT_THAT(scanned.out, HasSubstr(text));
+    // A run finds the same.
+    ASSERT_EQ(catch_up({"--create", "--snapshot"}).status, 0);
+    EXPECT_EQ(status_member("left_out"), "2");
+}

@@ -218,6 +218,25 @@ TEST_F(BridgeCheckTest, APublicationOfAllTablesWithNothingForLaterOnes)
     EXPECT_THAT(check({"--create"}).out, Not(HasSubstr("also later ones")));
 }
 
+TEST_F(BridgeCheckTest, APublicationThatGivesEachPartitionAsATable)
+{
+    if (server_version() < 13)
+        GTEST_SKIP() << "this server's publications have no choice";
+    sql("CREATE TABLE whole (id int PRIMARY KEY) PARTITION BY RANGE (id);"
+        "CREATE TABLE part PARTITION OF whole FOR VALUES FROM (1) TO (9);"
+        "CREATE PUBLICATION " +
+        database + " FOR TABLE whole");
+    const run_result each = check({"--create"});
+    EXPECT_EQ(each.status, 0) << each.out << each.err;
+    EXPECT_THAT(each.out, HasSubstr("gives each partition as a table of its own; with this they "
+                                    "come as their parent's rows\n"));
+    EXPECT_THAT(each.out, HasSubstr("\npublic.part"));
+    paste(sql_of(each.out));
+    const run_result whole = check({"--create"});
+    EXPECT_THAT(whole.out, HasSubstr("\npublic.whole"));
+    EXPECT_THAT(whole.out, Not(HasSubstr("gives each partition")));
+}
+
 TEST_F(BridgeCheckTest, TablesThatThePublicationDoesNotHave)
 {
     if (server_version() < 13)
