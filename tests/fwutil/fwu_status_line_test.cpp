@@ -142,6 +142,68 @@ TEST_F(StatusLineTest, EachByteChangedOrCutOffIsNoLine)
     }
 }
 
+static std::string crc_text(uint32_t crc)
+{
+    char text[9];
+    (void)snprintf(text, sizeof text, "%08x", crc);
+    return text;
+}
+
+// Nor where the checksum is good, or there is none: whoever wrote that is no run of ours.
+TEST_F(StatusLineTest, AWrongByteUnderAGoodChecksumIsNoLine)
+{
+    fwu_place place;
+    fwu_pointer pointer;
+    fwu_place unknown = place_of(7);
+    unknown.full = false;
+    for (const fwu_place &written : {place_of(340), fwu_place(), unknown}) {
+        const std::string whole = fwu_place_line(written);
+        for (size_t i = 0; i < whole.size(); i++) {
+            std::string bytes = whole;
+            bytes[i] = 'x';
+            EXPECT_FALSE(fwu_place_line_get(bytes, place)) << bytes;
+        }
+    }
+    const size_t crc_at = FWU_POINTER_SIZE - 9;
+    const std::string where = std::string(POINTERS_340).substr(0, FWU_POINTER_SIZE);
+    for (size_t i = 0; i < crc_at; i++) {
+        std::string bytes = where;
+        bytes[i] = bytes[i] == 'x' ? 'y' : 'x';
+        const size_t covered = crc_at - (sizeof " crc " - 1);
+        bytes.replace(crc_at, 8, crc_text(fwu_crc32c(prefix_crc, bytes.data(), covered)));
+        EXPECT_FALSE(fwu_pointer_line_get(bytes, prefix_crc, pointer)) << bytes;
+    }
+}
+
+TEST_F(StatusLineTest, AWrongByteOfVersion1UnderAGoodChecksumIsNoLine)
+{
+    const uint32_t crc = fwu_crc32c(0, PREFIX_1, sizeof PREFIX_1 - 1);
+    const size_t crc_at = OLD_1.size() - 9;
+    fwu_place place;
+    ASSERT_TRUE(fwu_status_line_get_1(OLD_1, crc, place));
+    for (size_t i = 0; i < crc_at; i++) {
+        std::string bytes = OLD_1;
+        bytes[i] = 'x';
+        const size_t covered = crc_at - (sizeof " crc " - 1);
+        bytes.replace(crc_at, 8, crc_text(fwu_crc32c(crc, bytes.data(), covered)));
+        EXPECT_FALSE(fwu_status_line_get_1(bytes, crc, place)) << bytes;
+    }
+}
+
+TEST_F(StatusLineTest, PositionsThatNoLogHasAreRefused)
+{
+    const std::string whole = fwu_place_line(place_of(340));
+    fwu_place place;
+    const auto with = [&whole](const std::string &position) {
+        std::string bytes = whole;
+        return bytes.replace(sizeof "position " - 1, position.size(), position);
+    };
+    EXPECT_TRUE(fwu_place_line_get(with("0001-00000025.2147483647"), place));
+    for (const char *position :
+         {"0001-00000025.2147483648", "0000-00000025.0000000340", "0001-00000000.0000000340"})
+        EXPECT_FALSE(fwu_place_line_get(with(position), place)) << position;
+}
+
 TEST_F(StatusLineTest, TagsCountUpDigitByDigit)
 {
     const auto tag_after = [this](int32_t sequence, int32_t tag) {
