@@ -76,7 +76,8 @@ class BridgeStatements : public IntakeTest {
         std::filesystem::copy(dir.file("kept"), dir.file("log"));
         if (makes_slot) {
             drop_slot();
-            sql("DROP PUBLICATION IF EXISTS " + database);
+            sql("DROP PUBLICATION IF EXISTS " + database +
+                "; DROP SCHEMA IF EXISTS kestro CASCADE");
         } else {
             bring_slot_back();
         }
