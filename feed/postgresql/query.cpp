@@ -203,6 +203,9 @@ static outcome finish(pgs_server &server, PGconn *connection, bool sent, pgs_res
         if (outcome waited = await(server, connection, query); !waited)
             return waited;
         pgs_result next(PQgetResult(connection));
+        if (next == nullptr && result == nullptr) // not the same as one without rows
+            return pgs_lost(server,
+                            "the server's answer holds no result; is it a PostgreSQL server?");
         if (next == nullptr)
             return {};
         switch (PQresultStatus(next.get())) {
@@ -326,6 +329,10 @@ outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, PGconn *connecti
     pgs_result result;
     outcome done = finish(server, connection, true, result, "COPY", &refusal);
     copied = PQresultStatus(result.get()) == PGRES_COPY_OUT ? PGS_COPY_ROW : PGS_COPY_END;
+    if (done && copied == PGS_COPY_END &&
+        refusal.state.empty()) // an empty table begins a copy, too
+        return pgs_lost(server,
+                        "the server's answer to COPY begins none; is it a PostgreSQL server?");
     return done;
 }
 

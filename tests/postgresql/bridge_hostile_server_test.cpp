@@ -184,11 +184,24 @@ TEST_F(BridgeHostileServerTest, CopiesInPlaceOfAnAnswer)
                    pg_proxy::behind::silence);
 }
 
-// A table of which nothing is said is not an empty one.
+// A table of which nothing is said is not an empty one, though the server goes on as if it had
+// answered.
 TEST_F(BridgeHostileServerTest, LeavesOutTheRows)
 {
-    for (const std::string &given : {ready, message('C', "COPY 0\0"s) + ready})
-        expect_no_harm("COPY (SELECT", given, pg_proxy::behind::silence);
+    const std::string in_transaction = message('Z', "T");
+    for (const std::string &given : {in_transaction, message('C', "COPY 0\0"s) + in_transaction,
+                                     message('I', "") + in_transaction})
+        expect_no_harm("COPY (SELECT", given, pg_proxy::behind::the_server);
+}
+
+// No result is not one without rows.
+TEST_F(BridgeHostileServerTest, AnswersWithNothingAndGoesOn)
+{
+    for (const char *const request :
+         {"SET datestyle", "pg_is_in_recovery()", "FROM pg_publication WHERE",
+          "FROM pg_replication_slots", "txid_current_snapshot(), pg_current",
+          "t.relreplident, t.filter", "a.attname, a.atttypid"})
+        expect_no_harm(request, ready, pg_proxy::behind::the_server);
 }
 
 // It is not silence, so no limit of time ends it; a signal does, and memory that is not there.

@@ -25,9 +25,10 @@ class pg_proxy {
     // many.
     void change_behind(const std::string &text, const std::string &from, const std::string &to);
 
-    // The next client that sends the text gets these bytes and nothing of the server, which has the
-    // request.
-    enum class behind { silence, end_of_connection, the_same_for_ever };
+    // The next client that sends the text gets these bytes and nothing of the server's answer; it
+    // has the request.  All that is behind it, as well; but for the_server, which goes on with what
+    // it is asked next.
+    enum class behind { silence, end_of_connection, the_same_for_ever, the_server };
     void answer_with(const std::string &text, const std::string &bytes, behind then);
 
     // Bytes that the_same_for_ever has come to.
@@ -47,6 +48,7 @@ class pg_proxy {
         size_t bytes = 0;  // still to be passed on to the client chosen
         std::string flood; // what it is given for ever
         size_t flood_at = 0;
+        std::string left_out; // the end of what the server has answered, while it is left out
     };
 
     void serve();
