@@ -31,6 +31,15 @@ int fwu_file_open(const std::string &path, int flags, mode_t mode)
     return fd;
 }
 
+mode_t fwu_file_lock_mode(mode_t mode)
+{
+    mode_t kept = mode & S_IRWXU;
+    for (const mode_t whose : {mode_t{S_IRWXG}, mode_t{S_IRWXO}})
+        if ((mode & whose & (S_IWGRP | S_IWOTH)) != 0)
+            kept |= mode & whose;
+    return kept;
+}
+
 int fwu_file_anew(const std::string &path, int flags, mode_t mode)
 {
     if (unlink(path.c_str()) != 0 && errno != ENOENT)

@@ -15,6 +15,10 @@ int fwu_file_error(const std::string &path, const char *what);
 // mode.  A descriptor, or -1 with errno.
 int fwu_file_open(const std::string &path, int flags, mode_t mode);
 
+// Of files with this mode, that of one which is there to be locked: who may read a file may hold it
+// locked, so that it is for those only who may write.
+mode_t fwu_file_lock_mode(mode_t mode);
+
 // Makes a file that is going to be renamed.  What has its name, of a run that was killed or put
 // there by somebody else, is taken away, not written to.  A descriptor, or -1 with errno.
 int fwu_file_anew(const std::string &path, int flags, mode_t mode);

@@ -36,7 +36,7 @@ static int lock_error(const std::string &path, int fd)
 int fwu_log_end_lock(const std::string &directory, mode_t mode)
 {
     const std::string path = directory + "/writer.lock";
-    const int fd = fwu_file_open(path, O_RDWR, mode);
+    const int fd = fwu_file_open(path, O_RDWR, fwu_file_lock_mode(mode));
     if (fd < 0)
         return fwu_file_error(path, "cannot open the writer's lock file");
     struct flock lock = {};

@@ -97,14 +97,16 @@ static bool parse(std::string_view text, std::vector<std::string> &paths)
 // to whom the directory belongs to.  Who that is must not lead the superuser elsewhere: no link is
 // followed, and only an empty file without another name is given away.  A descriptor, or -1 with
 // errno.
-static int open_beside(const std::string &directory, const std::string &path, int flags)
+static int open_beside(const std::string &directory, const std::string &path, int flags,
+                       bool to_lock = false)
 {
     struct stat about = {};
     struct stat made = {};
     if (stat(directory.c_str(), &about) != 0)
         return -1;
+    const mode_t mode = 0600 | (about.st_mode & 0666);
     const int fd = fwu_file_open(path, flags | O_NOFOLLOW | O_NONBLOCK, // who knows what it is
-                                 0600 | (about.st_mode & 0666));
+                                 to_lock ? fwu_file_lock_mode(mode) : mode);
     if (fd >= 0 && geteuid() == 0 && fstat(fd, &made) == 0 && S_ISREG(made.st_mode) &&
         made.st_uid == 0 && made.st_nlink == 1 && made.st_size == 0)
         (void)!fchown(fd, about.st_uid, about.st_gid); // a file system without owners is no reason
@@ -167,7 +169,7 @@ fwu_readers_lock::~fwu_readers_lock()
 fwu_found fwu_readers_take_lock(fwu_readers_lock &held, const std::string &directory, bool wait)
 {
     const std::string path = directory + "/" + FWU_READERS_NAME + ".lock";
-    held.fd = open_beside(directory, path, O_RDWR);
+    held.fd = open_beside(directory, path, O_RDWR, true);
     if (held.fd < 0) {
         (void)fwu_file_error(path, "cannot open the lock file of the register of readers");
         return FWU_FAILED;

@@ -3,8 +3,10 @@
 #include "tests/cli/cli_fixture.h"
 #include "tests/procs/growing_log.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
@@ -107,19 +109,79 @@ TEST_F(FileModes, OfEachFileUnderEachUmask)
     }
 }
 
-// log-mode opens the log to a group, and nothing else of it to anybody.
+// But for what is made anew each time.
+TEST_F(FileModes, WhatSomebodyHasSetStays)
+{
+    const std::string run = "Kestro -synconly -pidfile pid msg -ascii text";
+    setup.env["KESTRO_TEXT"] = "append";
+    write_log();
+    EXPECT_EQ(shell(run).status, 0);
+    const std::vector<std::string> names = {"log/fw0001-00000001.log",
+                                            "log/writer.lock",
+                                            "log/acknowledged",
+                                            "msg",
+                                            "text",
+                                            "pid",
+                                            "fwutil.status"};
+    for (const std::string &name : names)
+        ASSERT_EQ(chmod(dir.file(name).c_str(), 0641), 0) << name;
+    ASSERT_EQ(chmod(dir.file("run.json").c_str(), 0641), 0);
+    write_log();
+    const run_result again = shell("umask 022; " + run);
+    EXPECT_THAT(again.out, HasSubstr("3 records written to capture file text"));
+    for (const std::string &name : names)
+        EXPECT_EQ(mode(name), "0641") << name;
+    EXPECT_EQ(mode("run.json"), "0644");
+}
+
+// log-mode opens the log to a group, and nothing else of it to anybody.  Who may read a file may
+// hold it locked: files for that are for those who may write.
 TEST_F(FileModes, OfALogForAGroup)
 {
-    write_file(dir.file("fwutil.cfg"), "log-directory log\nlog-mode 0640\n");
-    for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
-        fs::remove_all(dir.file("log"));
-        const mode_t before = umask(mask);
-        write_log();
-        umask(before);
-        EXPECT_EQ(mode("log"), "0750");
-        for (const char *name : {"fw0001-00000001.log", "writer.lock", "acknowledged"})
-            EXPECT_EQ(mode(std::string("log/") + name), "0640") << name;
+    const struct {
+        const char *log_mode;
+        const char *locks;
+        const char *directory;
+    } rows[] = {
+        {"0640", "0600", "0750"}, {"0660", "0660", "0770"}, {"0664", "0660", "0775"},
+        {"0666", "0666", "0777"}, {"0604", "0600", "0705"}, {"0606", "0606", "0707"},
+    };
+    for (const auto &row : rows) {
+        write_file(dir.file("fwutil.cfg"),
+                   "log-directory log\nlog-mode " + std::string(row.log_mode) + "\n");
+        for (const mode_t mask : {mode_t{0}, mode_t{0777}}) {
+            fs::remove_all(dir.file("log"));
+            const mode_t before = umask(mask);
+            write_log();
+            umask(before);
+            EXPECT_EQ(shell("fwlog readers --add " + dir.file("no.status")).status, 0);
+            EXPECT_EQ(mode("log"), row.directory) << row.log_mode;
+            for (const char *name : {"fw0001-00000001.log", "acknowledged", "readers"})
+                EXPECT_EQ(mode(std::string("log/") + name), row.log_mode) << name;
+            for (const char *name : {"writer.lock", "readers.lock"})
+                EXPECT_EQ(mode(std::string("log/") + name), row.locks) << name << row.log_mode;
+        }
     }
+}
+
+// Whoever may read a file that a run locks can hold the run up; it is named, and nothing is lost.
+TEST_F(FileModes, AReaderThatLocksIsNamed)
+{
+    write_log();
+    EXPECT_EQ(shell("Kestro -synconly -ascii first").status, 0);
+    const int fd = open(dir.file("fwutil.status").c_str(), O_RDONLY | O_CLOEXEC);
+    struct flock shared = {};
+    shared.l_type = F_RDLCK;
+    shared.l_whence = SEEK_SET;
+    ASSERT_EQ(fcntl(fd, F_SETLK, &shared), 0);
+    const run_result refused = shell("Kestro -synconly -ascii second");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr("the status file is in use by process " +
+                                       std::to_string(getpid()) + "; "));
+    EXPECT_FALSE(fs::exists(dir.file("second")));
+    close(fd);
+    EXPECT_EQ(shell("Kestro -synconly -start 1 -ascii second").status, 0);
+    EXPECT_EQ(read_file(dir.file("second")), read_file(dir.file("first")));
 }
 
 // What stands under the names of files in the making is taken away; what it leads to stays as it

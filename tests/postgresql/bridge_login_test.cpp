@@ -215,12 +215,19 @@ TEST_F(BridgeLogin, ASignalEndsTheWait)
     login_port filled(0);
     filled.fill();
     for (const login_port *port : {&silent, &filled}) {
+        const std::vector<std::string> words = argv(port->number(), "connect_timeout=0");
+        options.env["PGPASSWORD"] = "S3cr3t";
         background bridge;
-        bridge.start(argv(port->number(), "connect_timeout=0"), options, dir.file("bridge"));
+        bridge.start(words, options, dir.file("bridge"));
         ASSERT_TRUE(poll_until([&] {
             return read_file(dir.file("log/postgresql.json")).find("\"starting\"") !=
                    std::string::npos;
         })) << bridge.err();
+        // What everybody sees of it is the command, and nothing else.
+        std::string shown;
+        for (const std::string &word : words)
+            shown += word + '\0';
+        EXPECT_EQ(read_file("/proc/" + std::to_string(bridge.pid) + "/cmdline"), shown);
         EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM);
         EXPECT_EQ(bridge.err(), "");
         EXPECT_THAT(read_file(dir.file("log/postgresql.json")), HasSubstr("\"stopped\""));
