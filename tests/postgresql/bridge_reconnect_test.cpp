@@ -1,7 +1,9 @@
 // "fwlog postgresql" whose connections are ended again and again: each change is in the log once,
 // and the last connection costs no more than the first ones.  scripts/long/reconnects has a
-// thousand.
+// thousand.  And one that is not let in for a while.
 #include "tests/postgresql/bridge_fixture.h"
+
+using testing::HasSubstr;
 
 struct bridge_cost {
     int64_t descriptors;
@@ -63,4 +65,32 @@ TEST_F(BridgeReconnectTest, TheLastConnectionCostsNoMoreThanTheFirst)
     expect_log_equals_tables();
     EXPECT_EQ(value("SELECT count(*) FROM load.ledger"), std::to_string(2 * times));
     EXPECT_EQ(fwlog({"verify"}).status, 0);
+}
+
+TEST_F(BridgeReconnectTest, AServerThatLetsNobodyInIsAskedLessAndLessAndToldOnce)
+{
+    begin_following();
+    for (const int row : {1, 2}) {
+        ASSERT_TRUE(poll_until([&] { return status_member("state") == "streaming"; }))
+            << bridge.err();
+        const std::string told_so_far = bridge.err();
+        const int so_far = atoi(status_member("reconnects").c_str());
+        pg_client elsewhere(server->conninfo());
+        elsewhere.run("ALTER DATABASE " + database + " ALLOW_CONNECTIONS false");
+        elsewhere.run("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '" +
+                      database + "'");
+        ASSERT_TRUE(
+            poll_until([&] { return atoi(status_member("reconnects").c_str()) >= so_far + 5; }));
+        // The lost connection, the refusal, and another one where the server is still busy with
+        // the first.
+        const std::string told = bridge.err().substr(told_so_far.size());
+        EXPECT_THAT(told, HasSubstr("not currently accepting connections; trying again\n"));
+        EXPECT_GE(occurrences(told, "; trying again\n"), 2) << told;
+        EXPECT_LE(occurrences(told, "; trying again\n"), 3) << told;
+        elsewhere.run("ALTER DATABASE " + database + " ALLOW_CONNECTIONS true");
+        insert(row);
+        ASSERT_NO_FATAL_FAILURE(wait_for_row(row));
+    }
+    EXPECT_EQ(bridge.end(SIGTERM), 128 + SIGTERM) << bridge.err();
+    expect_log_equals_tables();
 }

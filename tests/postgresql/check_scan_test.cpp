@@ -40,6 +40,20 @@ TEST_F(BridgeCheckTest, ScanCountsWhatDoesNotFit)
     EXPECT_THAT(wider.out, HasSubstr("public.held.price: 1 row would be left out"));
 }
 
+// A quarter more for each would be 11256 and 9000 bytes, for which a record has no room.
+TEST_F(BridgeCheckTest, ScanGivesNoMoreRoomThanARecordHas)
+{
+    sql("CREATE TABLE held (note text, more text, id int PRIMARY KEY);"
+        "INSERT INTO held VALUES (repeat('x', 9000), repeat('y', 7200), 1)");
+    configure("default-width 1000\n");
+    const run_result result = check({"--create", "--scan", "--write-config", "written.cfg"});
+    EXPECT_THAT(result.out, HasSubstr("     column public.held.note width=9000\n"));
+    EXPECT_THAT(result.out, HasSubstr("     column public.held.more width=7200\n"));
+    const run_result wider = check({"--create", "--scan", "-cfg", "written.cfg"});
+    EXPECT_EQ(wider.status, 0) << wider.out << wider.err;
+    EXPECT_THAT(wider.out, Not(HasSubstr("would be cut")));
+}
+
 TEST_F(BridgeCheckTest, ScanOfTheOldEncodingCountsCharacters)
 {
     sql("CREATE TABLE held (id int PRIMARY KEY, code varchar(5));"
