@@ -131,7 +131,7 @@ static void add_lines(std::string &why, const std::string &message)
     }
 }
 
-enum attempt { ATTEMPT_ENDED, ATTEMPT_TIMED_OUT, ATTEMPT_STOPPED };
+enum attempt { ATTEMPT_ENDED, ATTEMPT_TIMED_OUT, ATTEMPT_STOPPED, ATTEMPT_FAILED };
 
 struct dialling {
     PGconn *connection;
@@ -141,7 +141,7 @@ struct dialling {
     size_t received = 0;
 };
 
-// Waits until libpq can go on.  STOP_TIMEOUT: the host has had its time.
+// Waits until libpq can go on.  STOP_TIMEOUT: the host has had its time.  STOP_ERROR: errno.
 static stop_wait wait_for(dialling &d, bool to_write)
 {
     if (const std::string now = peer(d.connection); now != d.host) {
@@ -154,12 +154,12 @@ static stop_wait wait_for(dialling &d, bool to_write)
     const stop_wait waited =
         left == 0 ? STOP_TIMEOUT : stop_signal_wait(PQsocket(d.connection), left, to_write);
     int waiting = 0;
-    if (ioctl(PQsocket(d.connection), FIONREAD, &waiting) == 0)
+    if (waited != STOP_ERROR && ioctl(PQsocket(d.connection), FIONREAD, &waiting) == 0)
         d.received += static_cast<size_t>(waiting);
     return waited;
 }
 
-// Why the connection is not made goes to why.
+// Why the connection is not made goes to why.  ATTEMPT_FAILED: errno.
 static attempt finish(PGconn *connection, std::string &why)
 {
     dialling d = {.connection = connection, .limit_ms = limit_of(connection)};
@@ -168,6 +168,8 @@ static attempt finish(PGconn *connection, std::string &why)
         const stop_wait waited = wait_for(d, status == PGRES_POLLING_WRITING);
         if (waited == STOP_ASKED)
             return ATTEMPT_STOPPED;
+        if (waited == STOP_ERROR)
+            return ATTEMPT_FAILED;
         if (d.received > ANSWER_MAX) {
             why += d.host + "the server never stops to send\n";
             return ATTEMPT_ENDED;
@@ -201,6 +203,8 @@ outcome pgs_dial(pgs_connection &connection, const pgs_parameters &parameters, s
         const attempt ended = finish(connection.get(), why);
         if (ended == ATTEMPT_STOPPED)
             return OUTCOME_STOPPED;
+        if (ended == ATTEMPT_FAILED)
+            return pgs_wait_failed();
         if (ended == ATTEMPT_ENDED)
             return {};
         if (!leave_out(left, connection.get())) {

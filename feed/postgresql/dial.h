@@ -10,8 +10,8 @@
 void pgs_drop_notices(PGconn *connection);
 
 // Goes from one host to the next, each for connect_timeout at most.  A signal to stop ends it:
-// OUTCOME_STOPPED.  Else the connection is there, good or bad, and why says what went wrong with a
-// bad one, in libpq's lines.
+// OUTCOME_STOPPED; so does a wait that fails: OUTCOME_FAILED.  Else the connection is there, good
+// or bad, and why says what went wrong with a bad one, in libpq's lines.
 outcome pgs_dial(pgs_connection &connection, const pgs_parameters &parameters, std::string &why);
 
 #endif

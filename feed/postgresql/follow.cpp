@@ -18,8 +18,6 @@
 #include "util/stop_signal.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <poll.h>
 
 constexpr int VERSION_WITH_MESSAGES = 140000;
@@ -403,7 +401,7 @@ static outcome receive(follow &f, int limit_ms, bool &received)
     f.heard_ms += away_ms;
     received = waited == STOP_READABLE;
     if (waited == STOP_ERROR)
-        return outcome_failed("waiting for the server: %s", strerror(errno));
+        return pgs_wait_failed();
     if (received) {
         f.heard_ms = fwu_monotonic_ms();
         f.state.alive = true;

@@ -146,9 +146,7 @@ static void tell_held_up(const pgs_server &server, wait_state &wait, const std::
 // A wait that neither the server nor the time has ended.
 static outcome wait_ended(stop_wait waited)
 {
-    if (waited == STOP_ERROR)
-        return outcome_failed("waiting for the server: %s", strerror(errno));
-    return OUTCOME_STOPPED;
+    return waited == STOP_ERROR ? pgs_wait_failed() : OUTCOME_STOPPED;
 }
 
 // Receives something of the answer to what was sent.  A signal to stop ends the wait.

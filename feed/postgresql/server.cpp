@@ -1,10 +1,18 @@
 // What all that talks to the server needs of its answers.
 #include "feed/postgresql/server.h"
 
+#include <cerrno>
+#include <cstring>
+
 outcome pgs_lost(pgs_server &server, std::string why)
 {
     server.slot_in_use = false;
     return {OUTCOME_LOST, std::move(why)};
+}
+
+outcome pgs_wait_failed()
+{
+    return outcome_failed("waiting for the server: %s", strerror(errno));
 }
 
 std::string_view pgs_value(const pgs_result &result, int row, int column)

@@ -57,6 +57,9 @@ struct pgs_server {
 // OUTCOME_LOST for this reason, which is not that somebody else has the slot.
 outcome pgs_lost(pgs_server &server, std::string why);
 
+// The system could not wait for the server: errno.
+outcome pgs_wait_failed();
+
 // A value of a result; nulls are empty.
 std::string_view pgs_value(const pgs_result &result, int row, int column);
 
