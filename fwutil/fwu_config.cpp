@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <poll.h>
 #include <unistd.h>
 
 constexpr size_t CONFIG_MAX = 16 * 1024 * 1024;
@@ -60,16 +61,32 @@ static int take_line(fwu_reader_config &config, fwu_writing_lines &lines, std::s
     return fwu_writing_take(lines, w);
 }
 
+// What comes next.  Of a pipe that is waited for here, where a signal ends it: opened or read by
+// calls that wait, it would hold up a program that goes on behind a signal.
+static ssize_t read_next(int fd, char *buffer, size_t size, bool first)
+{
+    for (bool waited = false;; waited = true) {
+        const ssize_t n = fwu_read_some(fd, buffer, size);
+        const bool nobody_yet = n == 0 && first && !waited; // or an empty file
+        if (!nobody_yet && (n >= 0 || errno != EAGAIN))
+            return n;
+        struct pollfd wanted = {.fd = fd, .events = POLLIN, .revents = 0};
+        if (poll(&wanted, 1, -1) < 0)
+            return -1;
+    }
+}
+
 static int read_text(const std::string &path, std::string &text)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return fwu_error("%s: cannot open the configuration file: %s; name it with the cfg "
                          "argument or in FWUTIL_CFG",
                          path.c_str(), strerror(errno));
     char buffer[16384];
     ssize_t n = 0;
-    while ((n = fwu_read_some(fd, buffer, sizeof buffer)) > 0 && text.size() <= CONFIG_MAX)
+    while ((n = read_next(fd, buffer, sizeof buffer, text.empty())) > 0 &&
+           text.size() <= CONFIG_MAX)
         text.append(buffer, static_cast<size_t>(n));
     const int read_errno = errno;
     close(fd);

@@ -6,9 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -183,4 +187,78 @@ TEST_F(LongPath, IsToldAndCostsNothing)
         }
     }
     expect_all_captured();
+}
+
+// A pipe may stand for the configuration: its words are waited for.
+class ConfigurationInAPipe : public small_run, public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        make_log();
+        ASSERT_EQ(mkfifo(dir.file("cfg").c_str(), 0600), 0);
+    }
+    int open_to_write() const
+    {
+        return open(dir.file("cfg").c_str(), O_RDWR | O_CLOEXEC); // waits for no reader
+    }
+    // Started, and asleep for want of words.
+    pid_t start_waiting() const
+    {
+        const pid_t run = start_program(
+            {KESTRO_BUILD_DIR "/bin/Kestro", "-synconly", "-cfg", "cfg", "-stat", "s", "out"}, here,
+            dir.file("told"), dir.file("err"));
+        EXPECT_TRUE(poll_until([&] { return has_it_open(run) && sleeps(run); }));
+        return run;
+    }
+    static bool sleeps(pid_t run)
+    {
+        return read_file("/proc/" + std::to_string(run) + "/status").find("State:\tS") !=
+               std::string::npos;
+    }
+    bool has_it_open(pid_t run) const
+    {
+        std::error_code gone;
+        for (const auto &entry :
+             fs::directory_iterator("/proc/" + std::to_string(run) + "/fd", gone))
+            if (fs::read_symlink(entry, gone) == dir.file("cfg"))
+                return true;
+        return false;
+    }
+};
+
+TEST_F(ConfigurationInAPipe, IsWaitedForUntilASignalComes)
+{
+    for (const bool a_silent_writer : {false, true}) {
+        SCOPED_TRACE(a_silent_writer);
+        const int writer = a_silent_writer ? open_to_write() : -1;
+        const pid_t run = start_waiting();
+        kill(run, SIGTERM);
+        EXPECT_EQ(wait_program(run), 1);
+        EXPECT_EQ(
+            read_file(dir.file("err")),
+            "fwutil: cfg: cannot read the configuration file: Interrupted system call\n" FAILED);
+        if (writer >= 0)
+            close(writer);
+    }
+    expect_all_captured();
+}
+
+TEST_F(ConfigurationInAPipe, MayComeInPieces)
+{
+    const std::string text = read_file(dir.file("fwutil.cfg"));
+    const pid_t run = start_waiting();
+    const int writer = open_to_write();
+    ASSERT_GE(writer, 0);
+    for (const std::string &piece : {text.substr(0, 5), text.substr(5)}) {
+        ASSERT_EQ(write(writer, piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
+        EXPECT_TRUE(poll_until([&] {
+            int left = 1;
+            return ioctl(writer, FIONREAD, &left) == 0 && left == 0 && sleeps(run);
+        }));
+    }
+    close(writer);
+    EXPECT_EQ(wait_program(run), 0) << read_file(dir.file("err"));
+    EXPECT_THAT(
+        read_file(dir.file("told")),
+        testing::HasSubstr(std::to_string(RECORDS) + " records written to capture file out\n"));
 }

@@ -31,6 +31,25 @@ TEST_F(TmfVerify, SoundFileIsSaidToBeSound)
     EXPECT_EQ(tmf({"verify", path}).out, path + ": sound, 0 records from 4352 to 4352\n");
 }
 
+// Its maker was killed before the slots were there, or while they were written.
+TEST_F(TmfVerify, FileWithoutAllOfItsSlotsAndARecordIsSound)
+{
+    for (const size_t length : {256U, 257U, 1000U, 4351U}) {
+        SCOPED_TRACE(length);
+        std::filesystem::remove(path);
+        make();
+        std::filesystem::resize_file(path, length);
+        const run_result looked = tmf({"verify", path});
+        EXPECT_EQ(looked.status, 0);
+        EXPECT_EQ(looked.out, path + ": sound, 0 records from 4352 to 4352\n");
+        const run_result info = tmf({"info", path});
+        EXPECT_EQ(info.status, 0);
+        EXPECT_EQ(info.out.find("damage"), std::string::npos) << info.out;
+        make({"one"});
+        EXPECT_EQ(tmf({"verify", path}).out, path + ": sound, 1 record from 4352 to 4361\n");
+    }
+}
+
 TEST_F(TmfVerify, FileOfTheOtherByteOrderIsVerifiedToo)
 {
     std::string file = four_records();
