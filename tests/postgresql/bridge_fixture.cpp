@@ -4,6 +4,7 @@
 #include "msgfile/tmf.h"
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <sstream>
 
@@ -184,6 +185,28 @@ void BridgeTest::let_commits_wait(bool wait) const
     session.run(wait ? "ALTER SYSTEM SET synchronous_standby_names = 'nobody'"
                      : "ALTER SYSTEM RESET synchronous_standby_names");
     session.run("SELECT pg_reload_conf()");
+}
+
+std::thread BridgeTest::run_until_it_waits(const std::string &text) const
+{
+    const std::string waiting =
+        "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'";
+    const int before = std::stoi(value(waiting));
+    for (;;) {
+        const auto done = std::make_shared<std::atomic<bool>>(false);
+        std::thread client([this, text, done] {
+            sql(text);
+            *done = true;
+        });
+        bool waits = false;
+        EXPECT_TRUE(poll_until([&] {
+            waits = std::stoi(value(waiting)) > before;
+            return waits || *done;
+        })) << text;
+        if (waits || !*done)
+            return client;
+        client.join();
+    }
 }
 
 void BridgeTest::keep_slot() const

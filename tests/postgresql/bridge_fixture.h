@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
+#include <thread>
 
 class BridgeTest : public testing::Test {
   protected:
@@ -65,6 +66,10 @@ class BridgeTest : public testing::Test {
 
     // Commits wait for a standby that is not there: the stream has them, others do not see them.
     void let_commits_wait(bool wait) const;
+
+    // The thread of a session whose commit waits like that.  It is run again when it did not: the
+    // server takes its time to begin with it.
+    std::thread run_until_it_waits(const std::string &text) const;
 
     // A member of the bridge's status file; empty when it cannot be had.
     std::string status_member(const std::string &name) const;

@@ -146,10 +146,7 @@ TEST_F(BridgeIntakeTest, ACommitBeforeTheStartThatOthersDoNotSeeIsWaitedFor)
 {
     ASSERT_EQ(catch_up({"--create"}).status, 0);
     let_commits_wait(true);
-    std::thread client([this] { sql("UPDATE load.ledger SET body = 'late' WHERE id = 7"); });
-    ASSERT_TRUE(poll_until([&] {
-        return value("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'") == "1";
-    }));
+    std::thread client = run_until_it_waits("UPDATE load.ledger SET body = 'late' WHERE id = 7");
     start_bridge({"--snapshot", "--timeout", "5"});
     EXPECT_TRUE(bridge_says("taking in tables waits: ")) << bridge.err();
     EXPECT_EQ(occurrences(dump(), " insert "), 0) << bridge.err();

@@ -47,11 +47,8 @@ class IntakeTest : public BridgeTest {
     // A session whose commit waits for a standby.
     void run_and_wait(const std::string &text)
     {
-        const std::string waiting =
-            "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'";
-        const int before = std::stoi(value(waiting));
-        clients.emplace_back([this, text] { sql(text); });
-        ASSERT_TRUE(poll_until([&] { return std::stoi(value(waiting)) > before; })) << text;
+        clients.push_back(run_until_it_waits(text));
+        ASSERT_FALSE(HasFailure()) << text;
     }
 
     // From now on a run goes on with it.
