@@ -8,38 +8,14 @@
 #include "util/stop_signal.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-constexpr int64_t LEAST_S = 2;         // libpq takes less for two seconds
 constexpr size_t ANSWER_MAX = 1 << 20; // bytes seen waiting: far more than a login has
-
-struct options_free {
-    void operator()(PQconninfoOption *options) const
-    {
-        PQconninfoFree(options);
-    }
-};
-
-// A setting as the connection has it, from wherever.
-static std::string setting(PGconn *connection, const char *key)
-{
-    const std::unique_ptr<PQconninfoOption, options_free> options(PQconninfo(connection));
-    for (const PQconninfoOption *row = options.get(); row != nullptr && row->keyword != nullptr;
-         row++)
-        if (strcmp(row->keyword, key) == 0 && row->val != nullptr)
-            return row->val;
-    return "";
-}
-
-// For one host; negative: for ever.
-static int64_t limit_of(PGconn *connection)
-{
-    const int64_t seconds = atoi(setting(connection, "connect_timeout").c_str());
-    return seconds > 0 ? std::max(seconds, LEAST_S) * 1000 : -1;
-}
 
 static void drop_notice(void *, const PGresult *)
 {
@@ -55,6 +31,12 @@ static std::string text_of(const char *text)
     return text == nullptr ? "" : text;
 }
 
+// A setting as the connection has it, from wherever.
+static std::string setting(PGconn *connection, const char *key)
+{
+    return text_of(pgs_find_option(pgs_options(PQconninfo(connection)), key));
+}
+
 // Whom a connection is being made to, as libpq says it.
 static std::string peer(const PGconn *connection)
 {
@@ -65,6 +47,29 @@ static std::string peer(const PGconn *connection)
         return "connection to server on socket \"" + host + "/.s.PGSQL." + port + "\" failed: ";
     return "connection to server at \"" + host + "\"" +
            (address == host ? "" : " (" + address + ")") + ", port " + port + " failed: ";
+}
+
+// connect_timeout, which libpq's own call looks at, its steps do not; negative: for ever.  False:
+// it is no number, said in libpq's words.
+static bool take_limit(PGconn *connection, int64_t &limit_ms, std::string &why)
+{
+    const pgs_options options(PQconninfo(connection));
+    const char *const text = pgs_find_option(options, "connect_timeout");
+    limit_ms = -1;
+    if (text == nullptr)
+        return true;
+    char *end = nullptr;
+    errno = 0;
+    const int64_t seconds = strtoll(text, &end, 10);
+    const bool number = end != text && errno == 0 && seconds == static_cast<int>(seconds);
+    if (!number || end[strspn(end, " \t\n\v\f\r")] != '\0') {
+        why += peer(connection) + "invalid integer value \"" + text +
+               "\" for connection option \"connect_timeout\"\n";
+        return false;
+    }
+    if (seconds > 0)
+        limit_ms = std::max(seconds, PGS_CONNECT_MIN_S) * 1000;
+    return true;
 }
 
 static std::vector<std::string> split(const std::string &list)
@@ -135,7 +140,7 @@ enum attempt { ATTEMPT_ENDED, ATTEMPT_TIMED_OUT, ATTEMPT_STOPPED, ATTEMPT_FAILED
 
 struct dialling {
     PGconn *connection;
-    int64_t limit_ms; // for one host; negative: for ever
+    int64_t limit_ms = -1; // for one host; negative: for ever
     int64_t begun_ms = fwu_monotonic_ms();
     std::string host = peer(connection);
     size_t received = 0;
@@ -150,7 +155,8 @@ static stop_wait wait_for(dialling &d, bool to_write)
     }
     int left = -1;
     if (d.limit_ms >= 0)
-        left = static_cast<int>(std::max<int64_t>(d.begun_ms + d.limit_ms - fwu_monotonic_ms(), 0));
+        left = static_cast<int>(std::clamp<int64_t>(d.begun_ms + d.limit_ms - fwu_monotonic_ms(), 0,
+                                                    std::numeric_limits<int>::max()));
     const stop_wait waited =
         left == 0 ? STOP_TIMEOUT : stop_signal_wait(PQsocket(d.connection), left, to_write);
     int waiting = 0;
@@ -162,7 +168,9 @@ static stop_wait wait_for(dialling &d, bool to_write)
 // Why the connection is not made goes to why.  ATTEMPT_FAILED: errno.
 static attempt finish(PGconn *connection, std::string &why)
 {
-    dialling d = {.connection = connection, .limit_ms = limit_of(connection)};
+    dialling d = {.connection = connection};
+    if (!take_limit(connection, d.limit_ms, why))
+        return ATTEMPT_ENDED;
     PostgresPollingStatusType status = PGRES_POLLING_WRITING;
     while (status == PGRES_POLLING_READING || status == PGRES_POLLING_WRITING) {
         const stop_wait waited = wait_for(d, status == PGRES_POLLING_WRITING);

@@ -5,8 +5,23 @@
 
 #include "feed/postgresql/server.h"
 
+#include <memory>
 #include <string>
 #include <vector>
+
+struct pgs_options_free {
+    void operator()(PQconninfoOption *options) const
+    {
+        PQconninfoFree(options);
+    }
+};
+// The settings that libpq knows; null: none could be had.
+using pgs_options = std::unique_ptr<PQconninfoOption, pgs_options_free>;
+
+// A setting's value; null: it has none.
+const char *pgs_find_option(const pgs_options &options, const char *key);
+
+constexpr int64_t PGS_CONNECT_MIN_S = 2; // libpq takes less for two seconds
 
 struct pgs_parameters {
     std::vector<const char *> keys; // both end with null

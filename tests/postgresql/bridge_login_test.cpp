@@ -196,6 +196,31 @@ TEST_F(BridgeLogin, AServerThatSendsAByteNowAndThen)
     EXPECT_THAT(result.err, HasSubstr("failed: timeout expired; "));
 }
 
+TEST_F(BridgeLogin, ATimeThatIsNoNumberIsRefused)
+{
+    login_port silent;
+    for (const std::string value : {"abc", "5x", "", "2147483648", "99999999999999999999"})
+        EXPECT_THAT(
+            run_program(argv(silent.number(), "connect_timeout='" + value + "'"), options).err,
+            testing::StartsWith(
+                "fwlog: cannot connect: connection to server at \"127.0.0.1\", port " +
+                silent.number() + " failed: invalid integer value \"" + value +
+                "\" for connection option \"connect_timeout\"; "))
+            << value;
+}
+
+// 4,294,968 seconds are 704 ms more than 32 bits hold.
+TEST_F(BridgeLogin, ALongTimeIsOne)
+{
+    login_port port;
+    port.send(welcome, message('E', "SFATAL\0C28000\0Mno entry\0\0"s), 1, 40);
+    for (const char *value : {"4294968", "2147483647", " 60 "}) {
+        const run_result result = run_program(
+            argv(port.number(), "connect_timeout='" + std::string(value) + "'"), options);
+        EXPECT_THAT(result.err, HasSubstr("FATAL:  no entry; ")) << value;
+    }
+}
+
 TEST_F(BridgeLogin, NoticesAreNotShown)
 {
     login_port port;
