@@ -303,13 +303,14 @@ TMF_API const char *tmf_strerror(int code);
 TMF_API void tmf_clearerr(tmf_handle *h);
 
 /* What tmf_check finds wrong: bits of tmf_check_result.found. */
-#define TMF_FOUND_ZEROS 1  /* zeros instead of the beginning: it never came to the disk */
-#define TMF_FOUND_CUT 2    /* the file ends before its records do */
-#define TMF_FOUND_HOLE 4   /* a record's bytes never came to the disk */
-#define TMF_FOUND_FRAME 8  /* what should be a record is none, or its two lengths differ */
-#define TMF_FOUND_COUNT 16 /* the number of records is wrong */
-#define TMF_FOUND_PLACE 32 /* the place of the first or the next record is none */
-#define TMF_FOUND_USERS 64 /* the numbers of readers and writers are not those of the slots */
+#define TMF_FOUND_ZEROS 1   /* zeros instead of the beginning: it never came to the disk */
+#define TMF_FOUND_CUT 2     /* the file ends before its records do */
+#define TMF_FOUND_HOLE 4    /* a record's bytes never came to the disk */
+#define TMF_FOUND_FRAME 8   /* what should be a record is none, or its two lengths differ */
+#define TMF_FOUND_COUNT 16  /* the number of records is wrong */
+#define TMF_FOUND_PLACE 32  /* the place of the first or the next record is none */
+#define TMF_FOUND_USERS 64  /* the numbers of readers and writers are not those of the slots */
+#define TMF_FOUND_FIXED 128 /* a number that every message file has alike is another one */
 
 /* What became of the copy: tmf_check_result.aside. */
 #define TMF_ASIDE_NONE 0   /* none was needed, or none asked for */
@@ -345,12 +346,15 @@ typedef struct tmf_check_result {
  * Returns 0, damaged or not, or a code, which is kept where that of a failed open is.
  * Codes: TMF_ENONAME, TMF_EOPEN, TMF_EHANDLE, TMF_ELOCK_WAIT, TMF_EUNLOCK,
  * TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT, TMF_EREAD_COMMON,
- * TMF_EREAD_COMMON_EOF (not even a whole common area), TMF_ESEEK_DATA_EOF (the data
- * area begins where none can), TMF_EREAD_DATA, TMF_EINTERNAL (out of memory). */
+ * TMF_EREAD_COMMON_EOF (not even a whole common area), TMF_EREAD_DATA, TMF_EINTERNAL
+ * (out of memory). */
 TMF_API int tmf_check(const char *path, tmf_check_result *result);
 
-/* Cuts a file back to its last whole record.  Readers, writers, wait list and stamp stay
- * as they are, and the users may have it open: they wait for the length of the call.
+/* Cuts a file back to its last whole record, and puts the numbers at its beginning
+ * right.  Readers, writers, wait list and stamp stay as they are, and the users may have
+ * it open: they wait for the length of the call.  Those that opened it while numbers by
+ * which slots are found were wrong (TMF_FOUND_FIXED) have their slot elsewhere; they are
+ * taken for dead, and have to open it again.
  * keep_end: offset behind the last record to keep; 0 for all.  Up to it the caller
  * answers for the bytes, so that holes there are zeros that somebody wrote.  At or
  * before the oldest record: the file is emptied.

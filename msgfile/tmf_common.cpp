@@ -45,6 +45,16 @@ int tmfc_recheck(const tmf_common *common)
     return common->byte_order_mark == TMF_BYTE_ORDER_MARK ? 0 : TMF_EINCOMPATIBLE;
 }
 
+bool tmfc_mend_fixed_numbers(tmf_common *common)
+{
+    bool mended = false;
+    for (const tmf_fixed_number &number : TMF_FIXED_NUMBERS) {
+        mended = mended || number.in(*common) != number.value;
+        number.put_right(*common);
+    }
+    return mended;
+}
+
 void tmfc_reverse_common_byte_order(tmf_common *common)
 {
     unsigned char *bytes = reinterpret_cast<unsigned char *>(common);

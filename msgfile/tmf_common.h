@@ -16,6 +16,10 @@ int tmfc_check(tmf_common *common);
 // area does behind an open; otherwise TMF_ENOTMSG or TMF_EINCOMPATIBLE.
 int tmfc_recheck(const tmf_common *common);
 
+// Puts the numbers right that every file has alike, in an area in this host's order.
+// False when they were.
+bool tmfc_mend_fixed_numbers(tmf_common *common);
+
 // Turns all host-order words around and sets the dirty flag.
 void tmfc_reverse_common_byte_order(tmf_common *common);
 

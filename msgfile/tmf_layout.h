@@ -200,6 +200,48 @@ constexpr bool tmf_host_words_are_whole()
 }
 static_assert(tmf_host_words_are_whole());
 
+// The numbers that every message file has alike, in file order.
+struct tmf_fixed_number {
+    const char *name;
+    uint16_t at;
+    int32_t value;
+    int32_t tmf_common::*wide;   // null for one of 16 bits
+    int16_t tmf_common::*narrow; // null for one of 32 bits
+
+    constexpr int32_t in(const tmf_common &common) const
+    {
+        return wide != nullptr ? common.*wide : common.*narrow;
+    }
+    constexpr void put_right(tmf_common &common) const
+    {
+        if (wide != nullptr)
+            common.*wide = value;
+        else
+            common.*narrow = static_cast<int16_t>(value);
+    }
+};
+#define TMF_FIXED_32(field, value)                                              \
+    {                                                                           \
+#field, offsetof(tmf_common, field), value, &tmf_common::field, nullptr \
+    }
+#define TMF_FIXED_16(field, value)                                              \
+    {                                                                           \
+#field, offsetof(tmf_common, field), value, nullptr, &tmf_common::field \
+    }
+constexpr tmf_fixed_number TMF_FIXED_NUMBERS[] = {
+    TMF_FIXED_32(common_size, TMF_COMMON_SIZE),
+    TMF_FIXED_32(lock_area_size, TMF_LOCK_AREA_SIZE),
+    TMF_FIXED_32(data_start, TMF_DATA_START),
+    TMF_FIXED_32(lock_area_offset, TMF_LOCK_AREA_OFFSET),
+    TMF_FIXED_16(max_readers, TMF_MAX_READERS),
+    TMF_FIXED_16(max_writers, TMF_MAX_WRITERS),
+    TMF_FIXED_16(format_version, TMF_FORMAT_VERSION),
+    TMF_FIXED_16(writer_slot_size, TMF_SLOT_SIZE),
+    TMF_FIXED_16(reader_slot_size, TMF_SLOT_SIZE),
+};
+#undef TMF_FIXED_32
+#undef TMF_FIXED_16
+
 // The record frame.
 constexpr int32_t TMF_FRAME_LENGTH_AT = 0;
 constexpr int32_t TMF_FRAME_USER_AT = 2;

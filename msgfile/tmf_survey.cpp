@@ -212,10 +212,11 @@ static int survey_window(window *w, int keep_end, tmf_survey *survey)
         code = TMF_EREAD_COMMON_EOF;
     if (code == 0 && common.format_version != TMF_FORMAT_VERSION)
         code = TMF_EFORMAT;
-    if (code == 0 && common.data_start != TMF_DATA_START)
-        code = TMF_ESEEK_DATA_EOF;
     if (code != 0)
         return code;
+    // Before records and slots are looked for by them.
+    if (tmfc_mend_fixed_numbers(&common))
+        r.found |= TMF_FOUND_FIXED;
     survey_records(w, keep_end, survey, &code);
     survey_users(survey);
     return code;

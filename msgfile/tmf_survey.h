@@ -8,8 +8,10 @@
 
 struct tmf_survey {
     tmf_check_result result;
-    tmf_common common; // in this host's order; not of a file with TMF_FOUND_ZEROS, or an empty one
-    uint16_t flags;    // as they stand in the file, in its order
+    // In this host's order, with the numbers right that every file has alike; not of a file
+    // with TMF_FOUND_ZEROS, or an empty one.
+    tmf_common common;
+    uint16_t flags; // as they stand in the file, in its order
 };
 
 // Looks at the file of fd, whose records are kept up to keep_end (0: all), so that

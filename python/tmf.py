@@ -127,6 +127,7 @@ _FOUND = (
     (16, "the number of records is wrong"),
     (32, "the place of its first or its next record is none"),
     (64, "the numbers of readers and writers are not those of their slots"),
+    (128, "a number that every message file has alike is another one"),
 )
 
 

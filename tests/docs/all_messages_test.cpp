@@ -67,6 +67,10 @@ TEST(AllMessages, EachOfTheSourcesHasARowAndEachRowIsOfTheSources)
     EXPECT_GE(rows, 1000U) << "fewer were not read";
     EXPECT_NE(page.find("\nThere are " + std::to_string(rows) + " of them"), std::string::npos)
         << "there are " << rows;
+    const std::string grouped = std::to_string(rows / 1000) + "," + std::to_string(rows).substr(1);
+    EXPECT_NE(md_page("docs/reliability.md").find("their libraries, " + grouped + " of them."),
+              std::string::npos)
+        << "there are " << grouped;
 }
 
 TEST(AllMessages, WhatIsPassedOverByNameIsThere)

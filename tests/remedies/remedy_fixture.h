@@ -30,6 +30,16 @@ inline std::string md_remedy(const std::string &page, const std::string &message
     throw std::runtime_error(page + " has no row of \"" + message + '"');
 }
 
+// The last cell of the row of a code of the message-file library.
+inline std::string md_code_remedy(int code)
+{
+    for (const auto &row : md_find_table(md_page("docs/message-file.md"), "code").rows) {
+        if ((row[0] + ",").find(std::to_string(code) + ",") != std::string::npos)
+            return row.back();
+    }
+    throw std::runtime_error("no row of " + std::to_string(code));
+}
+
 // The piece of code of a remedy that begins so: "`tmf repair FILE`" by "tmf repair", with FILE
 // replaced by the file that it is about.
 inline std::string md_command(const std::string &remedy, const std::string &begins,

@@ -26,6 +26,7 @@ struct finding {
 
 static constexpr finding findings[] = {
     {TMF_FOUND_ZEROS, "zeros where its beginning should be, which never came to the disk"},
+    {TMF_FOUND_FIXED, "a number that every message file has alike is another one"},
     {TMF_FOUND_PLACE, "the place of its first or its next record is none"},
     {TMF_FOUND_CUT, "it ends before its records do"},
     {TMF_FOUND_HOLE, "there is a hole in its records, which never came to the disk"},

@@ -55,35 +55,14 @@ static void disagree(verify_state &state, int64_t at, const std::string &text, i
     }
 }
 
-// Numbers that every file of the format has.
-struct fixed_number {
-    int at;
-    const char *name;
-    int64_t (*value)(const tmf_common &common);
-    int64_t expected;
-};
-#define FIXED(field, expected)                                                       \
-    {                                                                                \
-        offsetof(tmf_common, field), #field,                                         \
-            [](const tmf_common &common) { return int64_t{common.field}; }, expected \
-    }
-static constexpr fixed_number fixed_numbers[] = {
-    FIXED(data_start, TMF_DATA_START),         FIXED(lock_area_offset, TMF_LOCK_AREA_OFFSET),
-    FIXED(max_readers, TMF_MAX_READERS),       FIXED(max_writers, TMF_MAX_WRITERS),
-    FIXED(format_version, TMF_FORMAT_VERSION), FIXED(writer_slot_size, TMF_SLOT_SIZE),
-    FIXED(reader_slot_size, TMF_SLOT_SIZE),
-};
-#undef FIXED
-
 static void check_area(verify_state &state)
 {
     const tmf_common &common = state.facts.common;
-    for (const fixed_number &row : fixed_numbers) {
-        const int64_t value = row.value(common);
-        if (value != row.expected)
-            disagree(state, row.at,
-                     std::string(row.name) + " is " + std::to_string(value) + ", and is " +
-                         std::to_string(row.expected) + " in every message file");
+    for (const tmf_fixed_number &number : TMF_FIXED_NUMBERS) {
+        if (number.in(common) != number.value)
+            disagree(state, number.at,
+                     std::string(number.name) + " is " + std::to_string(number.in(common)) +
+                         ", and is " + std::to_string(number.value) + " in every message file");
     }
     const int64_t size = state.facts.size;
     const int64_t end = tmft_stated_end(state.facts);
