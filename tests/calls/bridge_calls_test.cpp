@@ -8,11 +8,11 @@
 class BridgeCalls : public BridgeTest {
   protected:
     program_world world;
-    std::vector<std::string> words; // of the run that is struck, and of the one behind it
-    bool makes_slot = false;        // the run does, or it goes on in one
-    std::string expected;           // what the log has in the end
-    bool takes_anew = false;        // the run takes a table's rows, however often it is asked to
-    traced_run undisturbed;
+    std::vector<std::string> words;   // of the run that is struck, and of the one behind it
+    bool makes_slot = false;          // the run does, or it goes on in one
+    std::string expected;             // what the log has in the end
+    bool takes_anew = false;          // the run takes a table's rows, however often it is asked to
+    std::optional<pg_client> session; // for what is asked at each blow
 
     void SetUp() override
     {
@@ -43,34 +43,31 @@ class BridgeCalls : public BridgeTest {
 
     void keep()
     {
+        session.emplace(conninfo());
         world.keep();
         if (!makes_slot)
             keep_slot();
     }
-    void renew() const
+    void renew()
     {
         world.renew();
         if (makes_slot) {
-            drop_slot();
-            sql("DROP PUBLICATION IF EXISTS " + database);
+            drop_slot(*session);
+            session->run("DROP PUBLICATION IF EXISTS " + database);
         } else {
-            bring_slot_back();
+            bring_slot_back(*session);
         }
     }
 
     // ---- runs
 
-    traced_run run(size_t number, blow what)
+    traced_run run(const call_place &place, blow what)
     {
         renew();
-        const traced_run made =
-            run_traced({.directory = world.path(),
-                        .body = [&]() -> int { world.become(bridge_argv(words), options); },
-                        .place = number == 0 ? call_place() : undisturbed.place_of(number),
-                        .what = what});
-        if (number == 0)
-            undisturbed = made;
-        return made;
+        return run_traced({.directory = world.path(),
+                           .body = [&]() -> int { world.become(bridge_argv(words), options); },
+                           .place = place,
+                           .what = what});
     }
     // The library of the server has its own words for a connection that is gone.
     bool told_as_lost(const blow &what) const
@@ -78,7 +75,7 @@ class BridgeCalls : public BridgeTest {
         return what.os_errno == ECONNRESET &&
                world.err().find("server closed the connection") != std::string::npos;
     }
-    void look(const struck_call &struck, const traced_run &traced) const
+    void look(const struck_call &struck, const traced_run &traced)
     {
         if (traced.status == 0 || !told_as_lost(struck.what))
             expect_told(struck, traced, world);
@@ -91,36 +88,35 @@ class BridgeCalls : public BridgeTest {
         EXPECT_THAT(history(), testing::AnyOf(expected, expected + rows))
             << world.err() << next.err;
         EXPECT_EQ(fwlog({"verify"}).status, 0);
-        pg_client client = connect();
         EXPECT_TRUE(poll_until([&] {
-            return client.value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" +
-                                database + "' AND NOT active") == "1";
+            return session->value("SELECT count(*) FROM pg_replication_slots WHERE slot_name = '" +
+                                  database + "' AND NOT active") == "1";
         })) << "the slot stays taken";
     }
     void strike(const std::string &name)
     {
         keep();
         if (can_trace()) {
-            EXPECT_EQ(run(0, {}).status, 0) << world.out() << world.err();
+            EXPECT_EQ(run({}, {}).status, 0) << world.out() << world.err();
             expected = history();
         }
         expect_survives_blows(
             {.name = "fwlog postgresql " + name,
-             .run = [this](size_t number, blow what) { return run(number, what); },
+             .run = [this](size_t, blow) { return run({}, {}); },
              .look = [this](const struck_call &s, const traced_run &r) { look(s, r); },
-             .wanders = true,
+             .run_at = [this](const call_place &place, blow what) { return run(place, what); },
              .few = 3});
     }
 };
 
 // The first call of a kind, and with a name on that file, in the undisturbed run.
-static size_t find_call(const traced_run &run, const char *name, const std::string &file)
+static call_place find_call(const traced_run &run, const char *name, const std::string &file)
 {
-    for (size_t i = 0; i < run.calls.size(); i++)
-        if (run.calls[i].is(name) && run.calls[i].file == file)
-            return i + 1;
+    for (const traced_call &call : run.calls)
+        if (call.is(name) && call.file == file)
+            return {call.row, call.file, 1};
     ADD_FAILURE() << "no " << name << " " << file;
-    return 1;
+    return {};
 }
 
 TEST_F(BridgeCalls, WhatTheLogBelongsToIsNotForgottenWhereItCannotBeRead)
@@ -130,7 +126,8 @@ TEST_F(BridgeCalls, WhatTheLogBelongsToIsNotForgottenWhereItCannotBeRead)
     make_log({"--status", "state.json"});
     words = {"--once", "--status", "state.json"};
     keep();
-    ASSERT_EQ(run(0, {}).status, 0) << world.err();
+    const traced_run undisturbed = run({}, {});
+    ASSERT_EQ(undisturbed.status, 0) << world.err();
     for (const auto &[name, file, told] :
          {std::tuple("openat", "log/source", "log/source: cannot read what the log belongs to: "),
           std::tuple("read", "log/source", "log/source: cannot read what the log belongs to: "),

@@ -1,8 +1,8 @@
 // An operation with everything befalling each of its system calls in turn.
 //
 // KESTRO_SYSTEM_CALLS is how many blows an operation gets at most, "all" for every one; by
-// default a few, spread over its calls.  KESTRO_SYSTEM_CALLS_DONE names a file in which
-// operations that came through are kept, a line each, and which are not done again.
+// default a few, spread over its calls.  KESTRO_SYSTEM_CALLS_DONE names a file in which what
+// came through is kept, and which is not dealt again (tests/support/blow_list.h).
 #ifndef TESTS_CALLS_CALL_MATRIX_H
 #define TESTS_CALLS_CALL_MATRIX_H
 
@@ -16,6 +16,7 @@ struct struck_call {
     const traced_run &undisturbed;
     size_t number;
     blow what;
+    call_place place; // which of its kind it is
 
     const traced_call &call() const
     {
@@ -35,8 +36,9 @@ struct matrix_operation {
     std::function<traced_run(size_t number, blow what)> run;
     // Looks at what the run has left; failures are told with EXPECT.
     std::function<void(const struck_call &struck, const traced_run &run)> look;
-    // The calls are not quite the same each time: a blow may not be reached.
-    bool wanders = false;
+    // Where the calls are not quite the same each time: the run with the blow at a place among the
+    // calls of its kind, which may not be reached.
+    std::function<traced_run(const call_place &place, blow what)> run_at = nullptr;
     size_t few = 12; // blows where not all are asked for
 };
 

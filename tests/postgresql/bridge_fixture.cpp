@@ -214,9 +214,8 @@ void BridgeTest::keep_slot() const
     sql("SELECT pg_copy_logical_replication_slot('" + database + "', '" + database + "_kept')");
 }
 
-void BridgeTest::drop_slot() const
+void BridgeTest::drop_slot(pg_client &client) const
 {
-    pg_client client = connect();
     const std::string which = " FROM pg_replication_slots WHERE slot_name = '" + database + "'";
     client.run("SELECT pg_terminate_backend(active_pid)" + which + " AND active_pid IS NOT NULL");
     ASSERT_TRUE(
@@ -224,10 +223,23 @@ void BridgeTest::drop_slot() const
     client.run("SELECT pg_drop_replication_slot(slot_name)" + which);
 }
 
+void BridgeTest::drop_slot() const
+{
+    pg_client client = connect();
+    drop_slot(client);
+}
+
+void BridgeTest::bring_slot_back(pg_client &client) const
+{
+    ASSERT_NO_FATAL_FAILURE(drop_slot(client));
+    client.run("SELECT pg_copy_logical_replication_slot('" + database + "_kept', '" + database +
+               "')");
+}
+
 void BridgeTest::bring_slot_back() const
 {
-    ASSERT_NO_FATAL_FAILURE(drop_slot());
-    sql("SELECT pg_copy_logical_replication_slot('" + database + "_kept', '" + database + "')");
+    pg_client client = connect();
+    bring_slot_back(client);
 }
 
 run_result BridgeTest::fwlog(const std::vector<std::string> &words) const

@@ -79,7 +79,9 @@ class BridgeTest : public testing::Test {
     // Where it stands now is where bring_slot_back() puts it, whoever has it.
     void keep_slot() const;
     void bring_slot_back() const;
+    void bring_slot_back(pg_client &client) const;
     void drop_slot() const;
+    void drop_slot(pg_client &client) const;
 
     // ---- the log
 

@@ -2,6 +2,7 @@
 // fails, fails in the server, too, so that its transaction is what the client takes it for.
 #include "tests/postgresql/pg_striker.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <netinet/in.h>
@@ -96,11 +97,15 @@ static bool receive(int fd, std::string &bytes)
     return n > 0;
 }
 
-// Without what differs from run to run: numbers, positions of the server's log, names of snapshots.
+// On one line, without what differs from run to run: numbers, positions of the server's log, names
+// of snapshots.
 static std::string without_numbers(const std::string &text)
 {
     static const std::regex number("[0-9A-F]+/[0-9A-F]+|\\b[0-9A-F]+(-[0-9A-F]+)+\\b|\\b[0-9]+\\b");
-    return std::regex_replace(text, number, "#");
+    std::string line = std::regex_replace(text, number, "#");
+    std::replace_if(
+        line.begin(), line.end(), [](unsigned char c) { return c < ' '; }, ' ');
+    return line;
 }
 
 // A description of rows, or a row, with less in it.
