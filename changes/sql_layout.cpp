@@ -164,7 +164,8 @@ static outcome take_type(std::vector<std::string> &statements, const sql_table &
                            (before.empty() ? "of no type" : before) + " and is " +
                            (now.empty() ? "of no type" : now) +
                            " from here on, which no statement can change: make the table anew by "
-                           "hand, then go on with --keep-tables");
+                           "hand, then go on behind the transaction before with --after and "
+                           "--keep-tables");
     std::string ignored;
     if (outcome done = declare(ignored, to, new_column); !done)
         return done;
@@ -178,8 +179,8 @@ outcome sql_alter_table(std::vector<std::string> &statements, const sql_table &f
 {
     if (from.name != to.name)
         return outcome_bad(from.origin + " is " + to.origin +
-                           " from here on: rename the table by hand, then go on with "
-                           "--keep-tables");
+                           " from here on: rename the table by hand, then go on behind the "
+                           "transaction before with --after and --keep-tables");
     const std::string alter = "ALTER TABLE " + to.name;
     difference found = compare(from, to);
     take_renames(statements, found, alter, options);
@@ -200,7 +201,8 @@ outcome sql_alter_table(std::vector<std::string> &statements, const sql_table &f
         if (in_key && !to.dialect->alters_types)
             return outcome_bad(to.origin + " has lost column " + column->name +
                                ", a part of its key, which no statement can drop: make the table "
-                               "anew by hand, then go on with --keep-tables");
+                               "anew by hand, then go on behind the transaction before with "
+                               "--after and --keep-tables");
         statements.push_back(alter + " DROP COLUMN " + column->quoted);
     }
     for (const auto &[before, now] : found.kept)

@@ -259,7 +259,8 @@ TEST(SqlLayout, ATypeChangesWhereTheDatabaseCan)
     EXPECT_EQ(changed(sql_for("sqlite"), before, wider), "");
     EXPECT_EQ(changed(sql_for("sqlite"), before, text),
               "! sales.t column v was INTEGER and is TEXT from here on, which no statement can "
-              "change: make the table anew by hand, then go on with --keep-tables");
+              "change: make the table anew by hand, then go on behind the transaction before with "
+              "--after and --keep-tables");
     EXPECT_EQ(
         changed(sql_for("postgresql"), before, dataset_with({no, {"v", "int; x", type('I', 4)}})),
         "! sales.t column v has a type that is none: int; x; make the table by hand and "
@@ -274,13 +275,14 @@ TEST(SqlLayout, WhatNoStatementCanDoIsTold)
     const change_dataset before = dataset_with({no, note}, 1);
     EXPECT_EQ(changed(sql_for("sqlite"), before, dataset_with({note})),
               "! sales.t has lost column no, a part of its key, which no statement can drop: make "
-              "the table anew by hand, then go on with --keep-tables");
+              "the table anew by hand, then go on behind the transaction before with --after and "
+              "--keep-tables");
     EXPECT_EQ(changed(sql_for("postgresql"), before, dataset_with({note})),
               "ALTER TABLE \"sales\".\"t\" DROP COLUMN \"no\";\n");
     const change_dataset bare = dataset_with({{"NO", "", type('I', 4)}});
     EXPECT_EQ(changed(sql_for("postgresql"), bare, before),
-              "! SALES.T is sales.t from here on: rename the table by hand, then go on with "
-              "--keep-tables");
+              "! SALES.T is sales.t from here on: rename the table by hand, then go on behind the "
+              "transaction before with --after and --keep-tables");
 }
 
 TEST(SqlLayout, TheChangeStandsInFrontOfTheFirstRowOfTheNewLayout)

@@ -91,6 +91,23 @@ TEST_F(CaptureFileRemedy, OptionsAreThoseOfTheCapture)
     EXPECT_EQ(printed("-cfg fwutil.cfg -yyyy msg"), 100U);
 }
 
+TEST_F(CaptureFileRemedy, ALineWithoutItsEndIsCapturedAnew)
+{
+    EXPECT_THAT(md_remedy(PAGE, "the line does not end within N bytes"),
+                HasSubstr("capture it anew from the log, under a new name and with a new status "
+                          "file (`-stat`)"));
+    const std::string whole = read_file(dir.file("text"));
+    const size_t line = whole.find('\n') + 1;
+    write_file(dir.file("text"), whole.substr(0, 50 * line) + whole.substr(0, line - 1) +
+                                     std::string(8 * 1024 * 1024, 'x'));
+    expect_error("capread -cfg fwutil.cfg -ascii -yyyy --dset testdb:other text",
+                 "record 51: at byte " + std::to_string(50 * line) +
+                     ": the line does not end within ");
+    expect_good("Kestro -synconly -stat anew.status -ascii -yyyy anew");
+    EXPECT_EQ(read_file(dir.file("anew")), whole);
+    EXPECT_EQ(printed("-cfg fwutil.cfg -ascii -yyyy anew"), 100U);
+}
+
 TEST_F(CaptureFileRemedy, ALayoutIsTakenFromTheLog)
 {
     EXPECT_THAT(md_remedy(PAGE, "has no layout of"), HasSubstr("give `--layout`"));

@@ -419,3 +419,25 @@ TEST(FwlogCsv, UnknownColumnIsAFailureWithTheDatasetsName)
                                         "no column B; about changes there are _op, "));
     EXPECT_EQ(refused.out, "");
 }
+
+TEST(FwlogCsv, OfMoreColumnsThanALineCanHaveThoseAreNamedThatAreWanted)
+{
+    written_log log;
+    const fwu_layout wide{.dbname = "SALES",
+                          .dsetname = "WIDE",
+                          .items = {{.name = "NO", .type = 'X', .size = 2},
+                                    {.name = "LIST", .type = 'X', .size = 1, .count = 1'000'000}}};
+    const std::string list(1'000'000, 'l');
+    for (const char *no : {"01", "02"}) {
+        log.begin();
+        log.insert(wide, no + list);
+        log.commit();
+    }
+    const run_result refused = run_csv(log.cfg, {});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_THAT(refused.err, HasSubstr("SALES.WIDE in its layout of 1-1.1 has more than 1000000 "
+                                       "columns; name those that are wanted"));
+    EXPECT_EQ(csv_of(log.cfg, {"--columns", "NO,LIST[1000000]"}),
+              "_op,_position,NO,LIST[1000000]\r\nc,1-1.2,01,l\r\nc,1-1.4,02,l\r\n");
+}
