@@ -241,6 +241,15 @@ TEST_F(ValueRemedy, StreamsThatAreCutOrLackAMember)
          whole.substr(0, whole.rfind("{\"action\":\"B\"")) +
              R"({"action":"B","timestamp":"2026-11-20 22:08:38+00","lsn":"0/3"})"
              "\n"},
+        {"member \"xid\" is missing", "set the plugin's option",
+         "(set the plugin's option include-timestamp)",
+         whole.substr(0, whole.rfind("{\"action\":\"B\"")) + R"({"action":"B","xid":3,"lsn":"0/3"})"
+                                                             "\n"},
+        {"member \"xid\" is missing", "set the plugin's option",
+         "(set the plugin's option include-lsn)",
+         whole.substr(0, whole.rfind("{\"action\":\"C\"")) +
+             R"({"action":"C","xid":3,"timestamp":"2026-11-20 22:08:38+00"})"
+             "\n"},
         {"... has a JSON object as its value", "is this its stream?",
          "has a JSON object as its value",
          stream(t, column("jsonb", "{}")).substr(0, whole.find("{\"action\":\"B\",\"xid\":3")) +

@@ -271,3 +271,50 @@ TEST_F(FwlogSqlByHand, ATableWithoutAnythingThatTellsRowsApart)
     expect_goes_on({"--create-tables", "--position-table", "done", "--key", "T=ROWID"});
     EXPECT_EQ(rows("ROWID", "SHOP_T"), "2");
 }
+
+TEST_F(FwlogSqlByHand, AColumnThatIsGoneAndANewOneAreWhatOneSays)
+{
+    expect_row("T has columns no more (C) and new ones (C): --rename C=C says that one has become "
+               "the other, --drop-columns that none has");
+    const auto with = [this](const std::string &column) {
+        return layout_of("T", "T", {NO, V}, {no, {.name = column, .type = "integer"}});
+    };
+    add(with("old"), le(1, 4) + le(7, 4));
+    add(with("new"), le(2, 4) + le(8, 4));
+    const std::string said = "shop.T has columns no more (old) and new ones (new): --rename "
+                             "old=new says that one has become the other, --drop-columns that "
+                             "none has";
+    const std::pair<std::vector<std::string>, const char *> rows_of[] = {
+        {{"--rename", "old=new"}, "1:7 2:8"}, {{"--drop-columns"}, "1: 2:8"}};
+    for (const auto &[options, expected] : rows_of) {
+        SCOPED_TRACE(options[0]);
+        std::filesystem::remove(target.path);
+        expect_stop(made, said);
+        EXPECT_EQ(rows("no", "shop_T"), "1");
+        std::vector<std::string> words = made;
+        words.insert(words.end(), {"--after", target.value("SELECT position FROM done")});
+        words.insert(words.end(), options.begin(), options.end());
+        expect_goes_on(words);
+        EXPECT_EQ(rows("no || ':' || ifnull(new, '')", "shop_T"), expected);
+    }
+}
+
+TEST_F(FwlogSqlByHand, ATruncateEmptiesTheTableOrIsPassedOver)
+{
+    expect_row("... --truncate apply empties the table, --truncate skip leaves it as it is");
+    const fwu_layout layout = layout_of("T", "T", {NO}, {no});
+    add(layout, le(1, 4));
+    log.begin();
+    log.mark({.kind = FWU_MARK_TRUNCATE, .dbname = "SHOP", .dsetname = "T"});
+    log.commit();
+    add(layout, le(2, 4));
+    for (const char *word : {"apply", "skip"}) {
+        SCOPED_TRACE(word);
+        std::filesystem::remove(target.path);
+        expect_stop(made, "--truncate apply empties the table, --truncate skip leaves it as it is");
+        EXPECT_EQ(rows("no", "shop_T"), "1");
+        expect_goes_on({"--create-tables", "--position-table", "done", "--truncate", word,
+                        "--after", target.value("SELECT position FROM done")});
+        EXPECT_EQ(rows("no", "shop_T"), word == std::string("apply") ? "2" : "1 2");
+    }
+}
