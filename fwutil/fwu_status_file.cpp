@@ -137,18 +137,31 @@ static std::string target_of(std::string path)
     return path;
 }
 
-// Opens or makes the file that has no name of its own yet.  What a dead run left is
-// taken up; what somebody else put there, and may lead elsewhere, is not written to.
-static int open_unfinished(const std::string &unfinished, const std::string &path)
+// Whether a file is one that a run of this user may have left.
+static bool is_own(const struct stat &st)
 {
+    return S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_uid == geteuid();
+}
+
+// Opens or makes the file that has no name of its own yet.  What a dead run left is
+// taken up; what somebody else put there, and may lead elsewhere or stay theirs, is not
+// written to.  1: it has changed meanwhile; look again.
+static int open_unfinished(const std::string &unfinished, const std::string &path, int &fd)
+{
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     struct stat st = {};
-    if (lstat(unfinished.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) &&
-        (!S_ISREG(st.st_mode) || st.st_nlink != 1))
-        (void)unlink(unfinished.c_str()); // else opening it says why not
-    const int fd =
-        open(unfinished.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-    const bool in_the_way = errno == EISDIR || errno == ELOOP;
-    return fd >= 0 ? fd : cannot_open(in_the_way ? unfinished : path);
+    if (lstat(unfinished.c_str(), &st) == 0 && !S_ISDIR(st.st_mode) && !is_own(st) &&
+        unlink(unfinished.c_str()) != 0 && errno != ENOENT)
+        return cannot_open(unfinished);
+    fd = open(unfinished.c_str(), flags | O_CREAT | O_EXCL, 0666);
+    if (fd >= 0)
+        return 0;
+    if (errno != EEXIST)
+        return cannot_open(path);
+    fd = open(unfinished.c_str(), flags);
+    if (fd < 0)
+        return errno == ENOENT ? 1 : cannot_open(unfinished);
+    return fstat(fd, &st) == 0 && is_own(st) ? 0 : 1;
 }
 
 // 1: somebody else has made it; look again.
@@ -156,16 +169,16 @@ static int create(const std::string &name, const std::function<int(int)> &fill, 
 {
     const std::string path = target_of(name);
     const std::string unfinished = path + ".new";
-    fd = open_unfinished(unfinished, path);
-    if (fd < 0)
-        return -1;
+    const int opened = open_unfinished(unfinished, path, fd);
+    if (opened != 0)
+        return opened;
     struct stat st = {};
     if (lock_file(path, fd) != 0)
         return -1;
     if (!fwu_status_file_named(unfinished, fd) || lstat(path.c_str(), &st) == 0)
         return 1;
     if (make(path, unfinished, fd, fill) == 0)
-        return 0;
+        return fwu_status_file_named(path, fd) ? 0 : 1;
     (void)unlink(unfinished.c_str()); // best effort: the next run takes it
     return -1;
 }

@@ -223,6 +223,34 @@ TEST_F(FileModes, NothingIsWrittenThroughWhatOthersPutThere)
     }
 }
 
+// What may not be taken away, since the directory is everybody's, is not written to either.
+TEST_F(FileModes, AnothersUnfinishedStatusFileStopsTheRunAndStaysAsItIs)
+{
+    const std::vector<std::string> nobody = {
+        "setpriv",   "--reuid", "65534", "--regid", "65534",    "--clear-groups", "Kestro",
+        "-synconly", "-cfg",    "c",     "-stat",   "shared/s", "-ascii",         "shared/text"};
+    write_log();
+    write_file(dir.file("c"), "log-directory log\nlog-mode 0644\n");
+    ASSERT_EQ(shell("chmod 711 . && chmod -R a+rX log c && mkdir shared && chmod 1777 shared && "
+                    "echo theirs >shared/s.new && chmod 666 shared/s.new")
+                  .status,
+              0);
+    if (geteuid() != 0 || run_program({"setpriv", "--reuid", "65534", "--regid", "65534",
+                                       "--clear-groups", "Kestro", "-version"},
+                                      setup)
+                                  .status != 0)
+        GTEST_SKIP() << "no other user reaches the program";
+    const run_result refused = run_program(nobody, setup);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr("fwutil: shared/s.new: cannot open the status file: "
+                                       "Operation not permitted\n"));
+    EXPECT_EQ(read_file(dir.file("shared/s.new")), "theirs\n");
+    EXPECT_FALSE(fs::exists(dir.file("shared/s")));
+    fs::remove(dir.file("shared/s.new"));
+    EXPECT_EQ(run_program(nobody, setup).status, 0);
+    EXPECT_NE(read_file(dir.file("shared/text")), "");
+}
+
 // A file that is not a queue, for all that its name says, is left as it is.
 TEST_F(FileModes, MessageFilesAreMadeOfNothingElse)
 {

@@ -313,6 +313,30 @@ TEST_F(StatusTest, NothingIsWrittenThroughWhatHasTheNameOfAnUnfinishedFile)
     EXPECT_EQ(err, "fwutil: " + unfinished + ": cannot open the status file: Is a directory\n");
 }
 
+// Who made it keeps it: else the positions would stand in a file that another user may change.
+TEST_F(StatusTest, AnUnfinishedFileOfAnotherUserIsNeitherWrittenToNorTakenUp)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "a file of another user takes the superuser";
+    const std::string unfinished = status + ".new";
+    write_file(unfinished, "theirs");
+    ASSERT_EQ(chmod(unfinished.c_str(), 0666), 0);
+    ASSERT_EQ(chown(unfinished.c_str(), 65534, 65534), 0);
+    const int theirs = ::open(unfinished.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(open(), 0) << err;
+    fwu_status_close(held);
+    struct stat about = {};
+    ASSERT_EQ(stat(status.c_str(), &about), 0);
+    EXPECT_EQ(about.st_uid, geteuid());
+    EXPECT_EQ(about.st_nlink, 1U);
+    EXPECT_EQ(read_file(status), WITHOUT_POSITION);
+    char bytes[16] = {};
+    EXPECT_EQ(pread(theirs, bytes, sizeof bytes, 0), 6);
+    EXPECT_STREQ(bytes, "theirs");
+    close(theirs);
+    EXPECT_FALSE(std::filesystem::exists(unfinished));
+}
+
 TEST_F(StatusTest, ATornLineIsToldAndTheWholeOneBesideItTaken)
 {
     std::string bytes = golden("status.txt");
