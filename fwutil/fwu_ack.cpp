@@ -24,6 +24,8 @@ constexpr size_t LINE_SIZE = 172;
 constexpr size_t LINES = 2;
 constexpr size_t FILE_SIZE = FIRST_SIZE + LINES * LINE_SIZE;
 
+constexpr uint64_t NUMBERS = 10'000'000'000; // what ten digits hold
+
 static std::string path_of(const std::string &directory)
 {
     return directory + "/" + FWU_ACK_NAME;
@@ -37,7 +39,7 @@ static std::string line_of(const fwu_ack &ack)
         line, sizeof line,
         "%010" PRIu64 " position %04" PRId32 "-%08" PRId32 ".%010" PRId32 " end %016" PRId64
         " lsn %016" PRIX64 " time %+020" PRId64 " log %-32s lost %-3s crc ",
-        ack.number % 10000000000U, ack.position.generation, ack.position.sequence, ack.position.tag,
+        ack.number % NUMBERS, ack.position.generation, ack.position.sequence, ack.position.tag,
         ack.end, ack.commit.lsn, ack.commit.time_us, fwu_identity_text(ack.identity).c_str(),
         ack.lost ? "yes" : "no");
     std::string text(line, static_cast<size_t>(length));
@@ -66,6 +68,13 @@ static bool parse(fwu_ack &ack, const std::string &line)
         return false;
     ack = found;
     return true;
+}
+
+// Whether a line was written behind another one; numbers go round.
+static bool is_newer(const fwu_ack &line, const fwu_ack &other)
+{
+    const uint64_t ahead = (line.number + NUMBERS - other.number) % NUMBERS;
+    return ahead != 0 && ahead < NUMBERS / 2;
 }
 
 int fwu_ack_missing(const std::string &directory, const fwu_ack &ack, const fwu_position &end,
@@ -115,7 +124,7 @@ fwu_found fwu_ack_read(const std::string &directory, fwu_ack &ack, bool quiet)
         fwu_ack line;
         if (at + LINE_SIZE > text.size() || !parse(line, text.substr(at, LINE_SIZE)))
             continue;
-        if (!good || line.number > ack.number)
+        if (!good || is_newer(line, ack))
             ack = line;
         good = true;
     }

@@ -11,6 +11,7 @@
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
+#include "fwutil/fwu_file_number.h"
 #include "fwutil/fwu_time.h"
 
 #include <algorithm>
@@ -20,6 +21,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+static_assert(FWU_FILES_OF_GENERATION == FWU_SEQUENCE_MAX);
 
 constexpr size_t WINDOW_SIZE = 1024 * 1024;
 constexpr size_t NAME_LENGTH = sizeof "fw0001-00000025.log" - 1;
@@ -66,8 +69,9 @@ int fwu_cursor_try_open(fwu_cursor &cursor, const fwu_log_file &file)
     fwu_cursor_close(cursor);
     const bool goes_on = cursor.header_read && cursor.file.name < file.name;
     const fwu_file_header before = goes_on ? cursor.header : fwu_file_header();
-    const bool next = goes_on && cursor.file.generation == file.generation &&
-                      cursor.file.sequence + 1 == file.sequence && cursor.size == cursor.tx_end;
+    const bool next =
+        goes_on && cursor.size == cursor.tx_end &&
+        fwu_file_number_of(file) == fwu_file_number_behind(fwu_file_number_of(cursor.file));
     const int32_t last = cursor.last_recnum != 0 ? cursor.last_recnum : cursor.recnum_before;
     std::vector<unsigned char> window = std::move(cursor.window);
     if (window.size() < WINDOW_SIZE)
@@ -191,11 +195,17 @@ static fwu_found read_file_header(fwu_cursor &c)
     return FWU_FOUND;
 }
 
+// No entry has the tag behind the largest.
+static int32_t tag_behind(int32_t tag)
+{
+    return tag < INT32_MAX ? tag + 1 : 0;
+}
+
 static void begin_scan(fwu_cursor &c)
 {
     c.keep_at = c.tx_end;
     c.scan_at = c.tx_end;
-    c.scan_tag = c.tx_last_tag + 1;
+    c.scan_tag = tag_behind(c.tx_last_tag);
     c.scan_entries = 0;
     c.scan_chain = 0;
     c.scan_first_recnum = 0;
@@ -285,7 +295,7 @@ static fwu_found scan(fwu_cursor &c)
             if (!check_commit(c, entry) || !take_recnums(c))
                 return FWU_DAMAGED;
             c.tx_start = c.tx_end;
-            c.tx_first_tag = c.tx_last_tag + 1;
+            c.tx_first_tag = tag_behind(c.tx_last_tag);
             c.tx_end = end;
             c.tx_last_tag = c.scan_tag;
             c.tx_in_window = c.scan_in_window && c.window_at <= c.tx_start;
@@ -305,7 +315,7 @@ static fwu_found scan(fwu_cursor &c)
         memcpy(c.scan_last, header, FWU_ENTRY_HEADER_SIZE);
         c.scan_last_at = c.scan_at;
         c.scan_entries++;
-        c.scan_tag++;
+        c.scan_tag = tag_behind(c.scan_tag);
         c.scan_at = end;
     }
 }
@@ -478,7 +488,7 @@ fwu_found fwu_cursor_entry(fwu_cursor &c, fwu_entry &entry)
                 return found == FWU_END ? FWU_DAMAGED : found;
         }
         c.read_at += static_cast<int64_t>(fwu_entry_padded(entry.length));
-        c.read_tag++;
+        c.read_tag = tag_behind(c.read_tag);
     } while (!fwu_entry_known(entry));
     return FWU_FOUND;
 }

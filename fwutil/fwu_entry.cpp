@@ -129,7 +129,7 @@ const char *fwu_entry_header_get(fwu_entry &entry, const unsigned char *in, int3
         return "reserved bytes of the entry's header are not zero";
     if (!fwu_entry_known(entry) && entry.flags != FWU_ENTRY_OPTIONAL)
         return FWU_UNKNOWN_KIND;
-    if (entry.tag != expected_tag)
+    if (entry.tag != expected_tag || expected_tag < 1)
         return "the entry's tag does not follow the one before it";
     return nullptr;
 }

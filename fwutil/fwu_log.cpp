@@ -6,6 +6,7 @@
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
+#include "fwutil/fwu_file_number.h"
 #include "fwutil/fwu_wait.h"
 
 #include <algorithm>
@@ -66,11 +67,12 @@ int fwu_log_damage(const fwu_log_file &file, const fwu_verdict &verdict)
                          "is missing with this one as start position (%d-%d.0)%s",
                          file.path.c_str(), static_cast<long long>(verdict.at), verdict.reason,
                          file.generation, file.sequence, FWU_KEEP_FIRST);
+    const fwu_file_number behind = fwu_file_number_behind(fwu_file_number_of(file));
     return fwu_error("%s: damaged at offset %lld: %s; restore the file from a copy, cut the "
                      "log back to what is whole (fwlog repair), or leave the rest of the file out "
                      "with the next one as start position (%d-%d.0)%s",
                      file.path.c_str(), static_cast<long long>(verdict.at), verdict.reason,
-                     file.generation, file.sequence + 1, FWU_KEEP_FIRST);
+                     behind.generation, behind.sequence, FWU_KEEP_FIRST);
 }
 
 int fwu_log_damage(const fwu_cursor &cursor)

@@ -8,6 +8,7 @@
 
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
+#include "fwutil/fwu_file_number.h"
 #include "fwutil/fwu_log.h"
 
 #include <algorithm>
@@ -266,7 +267,7 @@ static int read_last(fwu_log_end &log, fwu_cursor &cursor, const std::vector<fwu
 // Whether a file comes right behind another one.
 static bool follows(const fwu_log_file &file, const fwu_log_file &before)
 {
-    return file.generation == before.generation && file.sequence == before.sequence + 1;
+    return fwu_file_number_of(file) == fwu_file_number_behind(fwu_file_number_of(before));
 }
 
 // The file before the last one must be there.

@@ -13,6 +13,7 @@
 #include "fwutil/fwu_clock.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
+#include "fwutil/fwu_file_number.h"
 #include "fwutil/fwu_recover.h"
 #include "fwutil/fwu_retention.h"
 #include "fwutil/fwu_txn.h"
@@ -342,12 +343,12 @@ mode_t fwu_writer_file_mode(const fwu_writer *writer)
 // one's header is, before it gets its name, so that nobody sees less of it.
 static int begin_file(fwu_writer &w)
 {
+    const fwu_file_number number = fwu_file_number_behind(fwu_file_number_of(w.log.file));
     fwu_log_file file;
-    file.generation = w.log.file.generation == 0 ? 1 : w.log.file.generation;
-    file.sequence = w.log.file.sequence + 1;
-    if (file.sequence > FWU_SEQUENCE_MAX)
-        return fwu_error("%s: the log has used all its %d file numbers", w.log.directory.c_str(),
-                         FWU_SEQUENCE_MAX);
+    file.generation = std::max(number.generation, 1);
+    file.sequence = number.sequence;
+    if (file.generation > FWU_GENERATION_MAX)
+        return fwu_error("%s: the log has used all its file numbers", w.log.directory.c_str());
     file.name = fwu_log_file_name(file.generation, file.sequence);
     file.path = w.log.directory + "/" + file.name;
     const std::string temporary = w.log.directory + "/new-log-file";
