@@ -206,7 +206,8 @@ std::string cli_help(const cli_program &program)
 
 outcome cli_usage(const char *text, const char *word)
 {
-    tell("%s: %s\nTry \"%s --help\".", text, word, told_as());
+    tell("%s: %s", text, word);
+    (void)fprintf(stderr, "Try \"%s --help\".\n", told_as()); // as tell
     return OUTCOME_USAGE;
 }
 

@@ -39,7 +39,8 @@ const char *told_as()
 }
 
 // As a terminal shows it and does nothing else: names of tables and other texts of clients may hold
-// what would move its cursor or write under another line.  Line ends are ours, too.
+// what would move its cursor or look like another line.  Line ends that are ours have two blanks
+// behind them, so that no other one begins a line.
 static std::string shown(const std::string &text)
 {
     std::string out;
@@ -47,7 +48,8 @@ static std::string shown(const std::string &text)
         const auto c = static_cast<unsigned char>(text[i]);
         const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
         const bool two = c == 0xC2 && next >= 0x80 && next < 0xA0; // U+0080 to U+009F in UTF-8
-        if ((c >= 0x20 && c != 0x7F && !two) || c == '\n' || c == '\t') {
+        const bool ours = c == '\n' && text.compare(i + 1, 2, "  ") == 0;
+        if ((c >= 0x20 && c != 0x7F && !two) || ours || c == '\t') {
             out += text[i];
             continue;
         }

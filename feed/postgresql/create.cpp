@@ -70,7 +70,10 @@ static const struct {
 
 void pgb_tell_statement(const std::string &statement)
 {
-    tell("%s;", statement.c_str());
+    std::string text = statement;
+    for (size_t at = 0; (at = text.find('\n', at)) != text.npos; at++)
+        text.insert(at + 1, "  "); // lines of one message
+    tell("%s;", text.c_str());
 }
 
 static outcome run(pgs_server &server, const std::string &statement)

@@ -180,7 +180,7 @@ std::string pgb_no_old_row_text(const pgb_relation &relation, const pgb_relation
     std::string text = table.name + ": the change comes without the whole old row";
     text += commands.empty() ? ", since it was made before the table got REPLICA IDENTITY FULL, "
                                "which mends it; else "
-                             : "; let the server send it:" + commands + "\nor ";
+                             : "; let the server send it:" + commands + "\n  or ";
     if (table.dataset != nullptr && table.dataset->null_map >= 0) {
         const std::string remedy = feed_mark_remedy(table);
         text += "mark what is not known";

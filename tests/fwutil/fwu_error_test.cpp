@@ -19,6 +19,16 @@ TEST(Error, CarriesTheProgramsNameAndLeavesErrnoAlone)
               "fwutil: x: 5\nfwlog: cut\n");
 }
 
+TEST(Error, AMessageIsALineWhateverItTellsOf)
+{
+    EXPECT_EQ(stderr_of([] {
+                  (void)fwu_error("%s: no", "a\nfwutil: b\x1b[2J\x7f\r\tc\xC3\xA9\xC2\x9B\xC2\xA0");
+              }),
+              "fwutil: a\\x0afwutil: b\\x1b[2J\\x7f\\x0d\tc\xC3\xA9\\u009b\xC2\xA0: no\n");
+    EXPECT_EQ(fwu_error_last(), "a\nfwutil: b\x1b[2J\x7f\r\tc\xC3\xA9\xC2\x9B\xC2\xA0: no")
+        << "as it is, for the program";
+}
+
 TEST(Error, NotesAppearOnlyWhenVerbose)
 {
     EXPECT_EQ(stderr_of([] {

@@ -81,7 +81,8 @@ TEST_F(Outcome, WhatIsToldMovesNoCursor)
         const char *text;
         const char *shown;
     } rows[] = {
-        {"a\tb, two\nlines", "a\tb, two\nlines"},
+        {"a\tb, two\n  lines", "a\tb, two\n  lines"},
+        {"two\nlines\n and\nfwlog: more\n", "two\\x0alines\\x0a and\\x0afwlog: more\\x0a"},
         {"table \x1b[2J\x1b]0;x\x07", "table \\x1b[2J\\x1b]0;x\\x07"},
         {"\r\b\x7f\x01", "\\x0d\\x08\\x7f\\x01"},
         {"\xC3\xA9\xC2\xA0\xF0\x9F\x90\x98", "\xC3\xA9\xC2\xA0\xF0\x9F\x90\x98"}, // as they are

@@ -302,7 +302,7 @@ TEST_F(OldRow, TellsTheCommandsThatTheCatalogueSays)
     EXPECT_EQ(pgb_no_old_row_text(relation, relations),
               "app.t1: the change comes without the whole old row; let the server send it:\n"
               "  ALTER TABLE \"app\".\"t1\" REPLICA IDENTITY FULL;\n"
-              "or leave the table out with the line skip-table app.t1");
+              "  or leave the table out with the line skip-table app.t1");
     relations.facts.ask = [](const std::string &query, pgs_result &rows) {
         EXPECT_THAT(query, HasSubstr("pg_partition_tree('1')"));
         rows = facts_rows({{"app.t1", "", "", ""}, {"app.\"t 2\"", "", "", ""}});
