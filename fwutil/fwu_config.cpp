@@ -5,6 +5,7 @@
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
 #include "fwutil/fwu_statements.h"
+#include "fwutil/fwu_wait.h"
 
 #include <algorithm>
 #include <bit>
@@ -70,8 +71,10 @@ static ssize_t read_next(int fd, char *buffer, size_t size, bool first)
         const bool nobody_yet = n == 0 && first && !waited; // or an empty file
         if (!nobody_yet && (n >= 0 || errno != EAGAIN))
             return n;
+        const fwu_held_signals held; // none comes between the look and the wait
         struct pollfd wanted = {.fd = fd, .events = POLLIN, .revents = 0};
-        if (poll(&wanted, 1, -1) < 0)
+        errno = EINTR;
+        if (fwu_stop != 0 || ppoll(&wanted, 1, nullptr, &held.before) < 0)
             return -1;
     }
 }
@@ -90,6 +93,8 @@ static int read_text(const std::string &path, std::string &text)
         text.append(buffer, static_cast<size_t>(n));
     const int read_errno = errno;
     close(fd);
+    if (n < 0 && read_errno == EINTR && fwu_stop != 0)
+        return FWU_STOPPED;
     if (n < 0)
         return fwu_error("%s: cannot read the configuration file: %s", path.c_str(),
                          strerror(read_errno));
@@ -106,8 +111,8 @@ int fwu_config_read(fwu_config &config, const char *path)
     config.path = path != nullptr && *path != '\0' ? path : "fwutil.cfg";
     config.big_endian = std::endian::native == std::endian::big;
     std::string text;
-    if (read_text(config.path, text) != 0)
-        return -1;
+    if (const int result = read_text(config.path, text); result != 0)
+        return result;
     fwu_writing_lines lines{.writing = config, .at = {config.path}};
     for (size_t at = 0; at < text.size();) {
         const size_t end = std::min(text.find('\n', at), text.size());

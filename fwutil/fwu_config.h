@@ -9,8 +9,8 @@
 struct fwu_config : fwu_reader_config, fwu_writing {};
 
 // Reads the file at path, or, when path is null, the one named by the
-// environment variable FWUTIL_CFG, else "fwutil.cfg".  Returns 0; or -1 after
-// reporting an error with file and line on standard error.
+// environment variable FWUTIL_CFG, else "fwutil.cfg".  Returns 0; -1 after
+// reporting an error with file and line on standard error; or FWU_STOPPED.
 int fwu_config_read(fwu_config &config, const char *path);
 
 #endif

@@ -387,11 +387,12 @@ static int take_place(run &r)
     return fwu_hook_resume(found.synced.mark.c_str());
 }
 
+// 0, -1 or FWU_STOPPED.
 static int prepare(run &r, const char *cfg, const char *status, const char *start)
 {
     fwu_reader_config config;
-    if (fwu_config_read(config, cfg) != 0)
-        return -1;
+    if (const int result = fwu_config_read(config, cfg); result != 0)
+        return result;
     fwu_note("configuration %s", config.path.c_str());
     r.cfg = config.path;
     r.stops_at_truncate = config.stops_at_truncate;
@@ -445,9 +446,13 @@ int fwu_process_run(fwu_callback callback, const char *cfg, const char *status, 
     r.sync_only = sync_only;
     fwu_current_reset(fwu_position());
     outcome result = FAILED;
-    if (prepare(r, cfg, status, start) == 0) {
+    const int prepared = prepare(r, cfg, status, start);
+    if (prepared == 0) {
         fwu_current_reset(r.start);
         result = run_log(r);
+    } else if (prepared == FWU_STOPPED) {
+        fwu_note("stopped: signal");
+        result = STOPPED;
     }
     fwu_watch_close(r.watch);
     fwu_cursor_close(r.log.cursor);

@@ -43,11 +43,10 @@ std::string fwu_reader_path(const std::string &path)
     if (real == nullptr && errno == ENOENT) { // its directory is there, or it is wrong
         const size_t slash = path.rfind('/');
         const std::string name = path.substr(slash == path.npos ? 0 : slash + 1);
-        if (!name.empty() && name != "." && name != ".." &&
-            (real = realpath(fwu_directory_of(path).c_str(), nullptr)) != nullptr)
-            found = std::string(strcmp(real, "/") == 0 ? "" : real) + "/" + name;
-        else
+        if (name.empty() || name == "." || name == "..")
             errno = ENOENT;
+        else if ((real = realpath(fwu_directory_of(path).c_str(), nullptr)) != nullptr)
+            found = std::string(strcmp(real, "/") == 0 ? "" : real) + "/" + name;
     } else if (real != nullptr) {
         found = real;
     }

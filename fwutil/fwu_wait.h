@@ -7,6 +7,7 @@
 
 // The one of the two signals that came last while fwu_signals is in force; 0: none.
 extern volatile sig_atomic_t fwu_stop;
+constexpr int FWU_STOPPED = 1; // what a call gives that it has ended
 
 // Handles the signals as long as it lives; the handlers before are then put back.
 class fwu_signals {
