@@ -85,6 +85,20 @@ TEST_F(TmfFrame, BufferLengthsAroundARecordsOwnGiveWhatFits)
     }
 }
 
+// At 0 it would say that none was read yet, and below that nothing.
+TEST_F(TmfFrame, NumberOfRecordsReadStaysAtTheLargest)
+{
+    for (const int mode : {1, 7}) { // taken, and copied
+        make({"one", "two", "three"});
+        const opened_file reader(path, mode);
+        reader->records_read = INT_MAX - 1;
+        for (const char *data : {"one", "two", "three"}) {
+            EXPECT_EQ(read_record(reader, 10), whole(data));
+            EXPECT_EQ(reader->records_read, INT_MAX);
+        }
+    }
+}
+
 // The caller's word for its room is no measure of what is read and allocated.
 TEST_F(TmfFrame, RecordBufferGrowsWithSomeRoomToSpareAndNoFurtherThanARecord)
 {

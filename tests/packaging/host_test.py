@@ -58,7 +58,8 @@ class Host(unittest.TestCase):
     def test_services_ask_for_no_more_rights_than_they_need(self):
         for unit in ("kestro@", "fwlog-postgresql@"):
             lines = (self.units / f"{unit}.service").read_text().splitlines()
-            for line in ("User=kestro", "UMask=0027", "NoNewPrivileges=yes",
+            for line in ("User=kestro", "UMask=0027", "StateDirectory=kestro/%i",
+                         "StateDirectoryMode=0750", "NoNewPrivileges=yes",
                          "CapabilityBoundingSet=", "ProtectSystem=strict", "ProtectHome=yes",
                          "PrivateTmp=yes", "PrivateDevices=yes", "ProtectProc=invisible",
                          "RestrictNamespaces=yes", "RestrictSUIDSGID=yes",
@@ -93,7 +94,12 @@ class Host(unittest.TestCase):
             self.assertEqual((result.returncode, result.stderr.count("rror")), (0, 0),
                              result.stderr)
         self.assertRegex((root / "etc/passwd").read_text(), r"(?m)^kestro:.*:/var/lib/kestro:")
-        self.assertTrue((root / "etc/kestro").is_dir())
+        folder = root / "etc/kestro"
+        self.assertTrue(folder.is_dir())
+        self.assertEqual(folder.stat().st_mode & 0o7777, 0o750)
+        group = re.search(r"(?m)^kestro:[^:]*:(\d+):", (root / "etc/group").read_text())
+        if os.geteuid() == 0:
+            self.assertEqual((folder.stat().st_uid, folder.stat().st_gid), (0, int(group[1])))
 
     @unittest.skipUnless(tool("logrotate"), "logrotate is not installed")
     def test_logrotate_reads_its_snippet(self):
