@@ -61,11 +61,12 @@ std::string feed_wider_remedy(const feed_table &table, const fwu_item &item,
         return "no item is longer than " + std::to_string(FWU_TEXT_SIZE_MAX) + " bytes";
     const std::string words = column_words(table, column.name);
     const std::string option = "width=" + (width == 0 ? "N" : std::to_string(width));
-    if (const fwu_column *said = find_line(table, column.name); said != nullptr)
-        return (said->width == 0 ? "add " + option
-                                 : "change width=" + std::to_string(said->width) + " to " +
-                                       (width == 0 ? "a greater one" : option)) +
-               in_line(table, words);
+    if (const fwu_column *said = find_line(table, column.name); said != nullptr) {
+        if (said->width == 0)
+            return "add " + option + in_line(table, words);
+        const std::string change = "change width=" + std::to_string(said->width) + " to ";
+        return change + (width == 0 ? "a greater one" : option) + in_line(table, words);
+    }
     // The first line about a column ends the marks that are the default without one.
     const bool marks =
         table.config->policy == FWU_POLICY_UNSAID && !fwu_writing_describes(*table.config);
@@ -84,11 +85,11 @@ std::string feed_value_remedy(const feed_table &table, const fwu_item &item,
 std::string feed_null_map_remedy(const feed_table &table)
 {
     const fwu_dataset &dataset = *table.dataset;
-    return dataset.null_map >= 0
-               ? ""
-               : "give dataset " + dataset.layout.dbname + "." + dataset.layout.dsetname + " in " +
-                     table.config->path + " an item with the word null-map, X " +
-                     std::to_string(dataset.layout.items.size()) + ", which marks need";
+    if (dataset.null_map >= 0)
+        return "";
+    return "give dataset " + dataset.layout.dbname + "." + dataset.layout.dsetname + " in " +
+           table.config->path + " an item with the word null-map, X " +
+           std::to_string(dataset.layout.items.size()) + ", which marks need";
 }
 
 std::string feed_mark_remedy(const feed_table &table, const std::string &column)
@@ -118,6 +119,7 @@ std::string feed_mark_remedy(const feed_table &table)
     const bool is_said = std::any_of(rules.begin(), rules.end(), [&](const fwu_table_rule &rule) {
         return rule.table == table.name;
     });
-    return is_said ? "change values=error to values=mark" + in_line(table, words)
-                   : words + " values=mark";
+    if (is_said)
+        return "change values=error to values=mark" + in_line(table, words);
+    return words + " values=mark";
 }

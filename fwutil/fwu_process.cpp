@@ -142,11 +142,15 @@ static outcome deliver_change(run &r, const fwu_entry &entry)
 // "SALES.ORDERS (table sales.orders)", as far as known.
 static std::string marked_name(const fwu_mark &mark)
 {
-    const std::string table =
-        mark.table.empty() ? "" : "table " + fwu_source_name(mark.schema, mark.table);
+    std::string table;
+    if (!mark.table.empty())
+        table = "table " + fwu_source_name(mark.schema, mark.table);
     if (mark.dsetname.empty())
         return table.empty() ? "a table" : table;
-    return mark.dbname + "." + mark.dsetname + (table.empty() ? "" : " (" + table + ")");
+    std::string name = mark.dbname + "." + mark.dsetname;
+    if (!table.empty())
+        name += " (" + table + ")";
+    return name;
 }
 
 // A start position that names a truncate is its answer, which the status file keeps at once: the

@@ -29,6 +29,10 @@
 constexpr int SLOT_WAIT_MS = 60'000; // for a receiver that the server has not given up yet
 
 struct bridge {
+    explicit bridge(const pgb_options &given) : options(given)
+    {
+    }
+
     const pgb_options &options;
     fwu_config config = {};
     pgs_server server = {};
@@ -168,7 +172,9 @@ static outcome replace_standings(bridge &b)
 {
     static const char why[] =
         "file aside was damaged: tables that were set aside are followed again";
-    return b.relations.aside.damaged ? pgb_log_gaps(b.tx, b.relations, {}, why) : outcome();
+    if (!b.relations.aside.damaged)
+        return {};
+    return pgb_log_gaps(b.tx, b.relations, {}, why);
 }
 
 // What the user and the configuration say.
@@ -199,10 +205,11 @@ static outcome set_up(bridge &b)
     b.state.slot = options.slot;
     b.state.publication = options.publication;
     b.state.kept.path = b.config.log_directory + "/source";
-    b.state.path =
-        options.status != nullptr ? options.status : b.config.log_directory + "/" + PGB_STATE_FILE;
-    return options.status == nullptr ? outcome()
-                                     : pgb_state_check_path(b.state.path, b.config.log_directory);
+    b.state.path = b.config.log_directory + "/" + PGB_STATE_FILE;
+    if (options.status == nullptr)
+        return {};
+    b.state.path = options.status;
+    return pgb_state_check_path(b.state.path, b.config.log_directory);
 }
 
 // What the log and the run before say.
@@ -266,7 +273,7 @@ outcome pgb_run(const pgb_options &options)
     if (options.check)
         return pgk_check(options);
     report_signal_install();
-    bridge b = {.options = options};
+    bridge b(options);
     b.state.started_us = fwu_now_us();
     if (outcome said = set_up(b); !said)
         return said;

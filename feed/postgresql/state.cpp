@@ -119,40 +119,70 @@ static void for_each(const pgb_state &state, pga_standing standing, const Use &u
 
 static std::string time_or_null(int64_t time_us)
 {
-    return time_us == 0 ? "null" : '"' + fwu_time_word(time_us) + '"';
+    if (time_us == 0)
+        return "null";
+    return '"' + fwu_time_word(time_us) + '"';
+}
+
+static std::string position_or_null(uint64_t lsn)
+{
+    if (lsn == 0)
+        return "null";
+    return '"' + fwu_lsn_text(lsn) + '"';
+}
+
+// A number, or null for one that is not known.
+static std::string number_or_null(int64_t number)
+{
+    if (number < 0)
+        return "null";
+    return std::to_string(number);
+}
+
+// A string, or null for an empty one.
+static std::string text_or_null(const std::string &text)
+{
+    if (text.empty())
+        return "null";
+    return json_text(text);
+}
+
+// DATABASE.DATASET, or null for a table that has none.
+static std::string dataset_or_null(const feed_dataset_name &dataset)
+{
+    if (dataset.dsetname.empty())
+        return "null";
+    return json_text(dataset.dbname + "." + dataset.dsetname);
 }
 
 static std::string aside_text(const pgb_state &state)
 {
-    std::string out;
+    std::string out = "[";
     for_each(state, PGA_ASIDE,
              [&](const std::string &name, const pga_table &table, const pga_record &record) {
                  const feed_dataset_name dataset =
                      pgb_dataset_of(*state.relations, table.schema, table.table);
-                 out += (out.empty() ? "[" : ",") + std::string("{\"table\":") + json_text(name) +
-                        ",\"dataset\":" +
-                        (dataset.dsetname.empty()
-                             ? "null"
-                             : json_text(dataset.dbname + "." + dataset.dsetname)) +
-                        ",\"position\":\"" + fwu_lsn_text(record.since) +
+                 out += (out.size() == 1 ? "{\"table\":" : ",{\"table\":") + json_text(name) +
+                        ",\"dataset\":" + dataset_or_null(dataset) + ",\"position\":\"" +
+                        fwu_lsn_text(record.since) +
                         "\",\"time\":" + time_or_null(record.since_us) +
                         ",\"reason\":" + json_text(record.reason) +
                         ",\"missed\":" + std::to_string(table.missed) + "}";
              });
-    return out.empty() ? "[]" : out + "]";
+    return out + "]";
 }
 
 static std::string taking_text(const pgb_state &state)
 {
-    std::string out;
+    std::string out = "[";
     for_each(state, PGA_TAKING,
              [&](const std::string &name, const pga_table &table, const pga_record &record) {
-                 out += (out.empty() ? "[" : ",") + std::string("{\"table\":") + json_text(name) +
+                 out += (out.size() == 1 ? "{\"table\":" : ",{\"table\":") + json_text(name) +
                         ",\"why\":" + json_text(record.why) +
-                        ",\"rows\":" + std::to_string(record.rows) + ",\"estimate\":" +
-                        (table.estimate < 0 ? "null" : std::to_string(table.estimate)) + "}";
+                        ",\"rows\":" + std::to_string(record.rows) +
+                        ",\"estimate\":" + number_or_null(table.estimate) + "}";
              });
-    return out.empty() ? "[]" : out + "]";
+    return out + "]";
 }
 
 static std::string untold_text(const pgb_state &state)
@@ -163,12 +193,6 @@ static std::string untold_text(const pgb_state &state)
             out += (out.size() == 1 ? "{\"what\":" : ",{\"what\":") + json_text(about) +
                    ",\"answer\":" + json_text(why) + "}";
     return out + "]";
-}
-
-// A string, or null for an empty one.
-static std::string text_or_null(const std::string &text)
-{
-    return text.empty() ? "null" : json_text(text);
 }
 
 static std::string retention_text(const pgb_state &state)
@@ -186,7 +210,7 @@ static std::string retention_text(const pgb_state &state)
            ",\"problem\":" + text_or_null(found.problem) +
            ",\"removed_files\":" + std::to_string(found.removed_files) +
            ",\"removed_bytes\":" + std::to_string(found.removed_bytes) +
-           ",\"free_bytes\":" + (found.room.known ? std::to_string(found.room.free) : "null") +
+           ",\"free_bytes\":" + number_or_null(found.room.known ? found.room.free : -1) +
            ",\"little_room\":" + (found.little_room ? "true}" : "false}");
 }
 
@@ -208,10 +232,9 @@ static std::string text_of(const pgb_state &state)
         put(name, time_or_null(time_us), false);
     };
     put("state", state.phase, true);
-    put("error", state.error.empty() ? "null" : json_text(state.error), false);
+    put("error", text_or_null(state.error), false);
     put_time("error_time", state.error_us);
-    put("error_position", state.error_lsn == 0 ? "null" : '"' + fwu_lsn_text(state.error_lsn) + '"',
-        false);
+    put("error_position", position_or_null(state.error_lsn), false);
     put("pid", std::to_string(getpid()), false);
     put("process", process_word(getpid()), true);
     put("version", KESTRO_VERSION, true);
@@ -275,9 +298,10 @@ outcome pgb_state_write(pgb_state &state)
 
 outcome pgb_state_tell(pgb_state &state)
 {
-    std::string lines = "STATUS=" + notify_value(std::string(state.phase) + ": logged " +
-                                                 fwu_lsn_text(state.logged_lsn) +
-                                                 (state.error.empty() ? "" : "; " + state.error));
+    std::string what = std::string(state.phase) + ": logged " + fwu_lsn_text(state.logged_lsn);
+    if (!state.error.empty())
+        what += "; " + state.error;
+    std::string lines = "STATUS=" + notify_value(what);
     const bool ready = strcmp(state.phase, "streaming") == 0;
     if (ready && !state.ready)
         lines += "\nREADY=1";
