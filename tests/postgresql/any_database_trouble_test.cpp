@@ -100,7 +100,7 @@ class AnyDatabaseTroubleTest : public AnyDatabase {
 
     // Takes the steps one after the other, each until it is done.  The name of one that cannot be
     // done, and why; empty: all are.
-    std::string take_steps() const
+    std::string take_steps(std::atomic<int> &taken) const
     {
         std::istringstream file(
             read_file(KESTRO_SOURCE_DIR "/tests/postgresql/any_database_trouble.sql"));
@@ -113,10 +113,11 @@ class AnyDatabaseTroubleTest : public AnyDatabase {
         }
         for (size_t i = 0; i < steps.size(); i++) {
             if (steps[i].starts_with("-- step: once all is taken in:") &&
-                !poll_until([&] { return status_member("taking") == "[]"; }))
+                !poll_until([&] { return status_member("taking") == "[]"; }, 300))
                 return "tables are still being taken in\n" + steps[i];
             if (std::string why = take_step(std::to_string(i), steps[i]); !why.empty())
                 return why + "\n" + steps[i];
+            taken++;
             usleep(BETWEEN_STEPS);
         }
         return steps.size() < 10 ? "no steps" : "";
@@ -159,19 +160,25 @@ class AnyDatabaseTroubleTest : public AnyDatabase {
         }
     }
 
-    // All steps are taken while sessions work and processes are killed.
+    // All steps are taken while sessions work and processes are killed: less and less often while
+    // no step ends, since on a slow machine what is killed may not get that far.
     void live_through_the_steps()
     {
         std::atomic<bool> done = false;
+        std::atomic<int> taken = 0;
         std::string failed;
         std::thread steps([&] {
-            failed = take_steps();
+            failed = take_steps(taken);
             done = true;
         });
+        int seen = 0;
+        useconds_t pause = BETWEEN_KILLS;
         while (!done) {
             ensure_running();
             ensure_working();
-            usleep(BETWEEN_KILLS + static_cast<useconds_t>(random() % BETWEEN_KILLS));
+            pause = seen == taken ? pause + pause / 8 : BETWEEN_KILLS;
+            seen = taken;
+            usleep(pause + static_cast<useconds_t>(random() % BETWEEN_KILLS));
             kill_some(static_cast<unsigned>(1 + random() % 7));
         }
         steps.join();
