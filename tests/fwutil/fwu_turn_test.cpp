@@ -175,9 +175,7 @@ TEST_F(TurnTest, NoEntryStandsBehindTheLargestTag)
         built.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
         built.commit();
         EXPECT_EQ(built.tag, INT_MAX);
-        built.tag = more == 0 ? -1 : INT_MIN; // of an entry: 0, and what comes by adding 1
-        if (more != 0)
-            built.tag--;
+        built.tag = more == 0 ? -1 : INT_MAX; // the next one's: 0, and what comes by adding 1
         std::filesystem::create_directory(log);
         built.change(FWU_OP_INSERT, nullptr, NEW_IMAGE);
         built.commit();

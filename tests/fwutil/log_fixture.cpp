@@ -58,20 +58,26 @@ static std::string image(int32_t number, char letter)
     return bytes;
 }
 
+// The time of the record of a number, which may be any.
+static int32_t logtime(int32_t number)
+{
+    return static_cast<int32_t>(1000 + static_cast<uint32_t>(number));
+}
+
 seen log_test::insert(int32_t number) const
 {
-    return {"SALES", "ORDERS", 1000 + number, FWU_OP_INSERT, 0, "", image(number, 'i')};
+    return {"SALES", "ORDERS", logtime(number), FWU_OP_INSERT, 0, "", image(number, 'i')};
 }
 
 seen log_test::update(int32_t number) const
 {
-    return {"SALES", "ORDERS",           1000 + number,     FWU_OP_UPDATE,
+    return {"SALES", "ORDERS",           logtime(number),   FWU_OP_UPDATE,
             0,       image(number, 'i'), image(number, 'u')};
 }
 
 seen log_test::erase(int32_t number) const
 {
-    return {"SALES", "ORDERS", 1000 + number, FWU_OP_DELETE, 0, image(number, 'u'), ""};
+    return {"SALES", "ORDERS", logtime(number), FWU_OP_DELETE, 0, image(number, 'u'), ""};
 }
 
 int log_test::put(const seen &c, size_t dataset)

@@ -35,7 +35,7 @@ struct log_file {
         orders.items.push_back({.name = "NO", .type = 'I', .size = 2});
         orders.items.push_back({.name = "NET", .type = 'P', .size = 2, .item_aux = 1});
         orders.items.push_back({.name = "TAG", .type = 'X', .size = 2, .count = 2});
-        fwu_entry_put_layout(bytes, ++tag, orders);
+        fwu_entry_put_layout(bytes, next_tag(), orders);
         added();
     }
 
@@ -45,7 +45,7 @@ struct log_file {
         session.user = "J\xFCrg";
         session.info = "";
         session.data = {"xid=7"};
-        fwu_entry_put_session(bytes, ++tag, session);
+        fwu_entry_put_session(bytes, next_tag(), session);
         added();
     }
 
@@ -60,13 +60,13 @@ struct log_file {
                                 .reclen = 8,
                                 .before = reinterpret_cast<const unsigned char *>(before),
                                 .after = reinterpret_cast<const unsigned char *>(after)};
-        fwu_entry_put_change(bytes, ++tag, change);
+        fwu_entry_put_change(bytes, next_tag(), change);
         added();
     }
 
     void commit()
     {
-        fwu_entry_put_commit(bytes, ++tag,
+        fwu_entry_put_commit(bytes, next_tag(),
                              {.commit = {.time_us = 86'461'000'250, .xid = 7, .lsn = 0x1A0000002B},
                               .entries = entries,
                               .chain = chain},
@@ -86,13 +86,20 @@ struct log_file {
 
     void value(const fwu_value_piece &piece)
     {
-        fwu_entry_put_value(bytes, ++tag, piece);
+        fwu_entry_put_value(bytes, next_tag(), piece);
         added();
     }
 
     fwu_file_header header;
     std::vector<unsigned char> bytes;
     int32_t tag = 0;
+
+    // The largest is followed by what comes of adding 1 in 32 bits.
+    int32_t next_tag()
+    {
+        tag = static_cast<int32_t>(static_cast<uint32_t>(tag) + 1);
+        return tag;
+    }
     uint32_t entries = 0;
     uint32_t chain = 0;
     size_t counted = FWU_FILE_HEADER_SIZE;
