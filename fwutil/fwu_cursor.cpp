@@ -11,7 +11,6 @@
 #include "fwutil/fwu_crc32c.h"
 #include "fwutil/fwu_error.h"
 #include "fwutil/fwu_file.h"
-#include "fwutil/fwu_file_number.h"
 #include "fwutil/fwu_time.h"
 
 #include <algorithm>
@@ -21,8 +20,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-static_assert(FWU_FILES_OF_GENERATION == FWU_SEQUENCE_MAX);
 
 constexpr size_t WINDOW_SIZE = 1024 * 1024;
 constexpr size_t NAME_LENGTH = sizeof "fw0001-00000025.log" - 1;

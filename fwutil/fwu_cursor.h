@@ -5,6 +5,7 @@
 #define FWUTIL_FWU_CURSOR_H
 
 #include "fwutil/fwu_entry.h"
+#include "fwutil/fwu_file_number.h"
 
 #include <cstdint>
 #include <string>
@@ -16,9 +17,6 @@ struct fwu_log_file {
     std::string name; // "fw0001-00000025.log"
     std::string path; // directory and name
 };
-
-constexpr int32_t FWU_GENERATION_MAX = 9999;
-constexpr int32_t FWU_SEQUENCE_MAX = 99999999;
 
 std::string fwu_log_file_name(int32_t generation, int32_t sequence);
 bool fwu_log_file_parse(const char *name, int32_t &generation, int32_t &sequence);

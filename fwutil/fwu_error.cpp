@@ -4,6 +4,7 @@
 
 #include "fwutil/fwu_look.h"
 #include "fwutil/fwutil.h"
+#include "util/shown.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -36,26 +37,6 @@ void fwu_set_verbose(int on)
     verbose = on;
 }
 
-// A message is a line, and moves no cursor, whatever the names in it hold.
-static std::string shown(const std::string &text)
-{
-    std::string out;
-    for (size_t i = 0; i < text.size(); i++) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-        const bool two = c == 0xC2 && next >= 0x80 && next < 0xA0; // U+0080 to U+009F in UTF-8
-        if ((c >= 0x20 && c != 0x7F && !two) || c == '\t') {
-            out += text[i];
-            continue;
-        }
-        char code[8];
-        (void)snprintf(code, sizeof code, two ? "\\u%04x" : "\\x%02x", two ? next : c); // fits
-        out += code;
-        i += two ? 1 : 0;
-    }
-    return out;
-}
-
 __attribute__((format(printf, 1, 0))) static std::string report(const char *format, va_list args)
 {
     const int saved_errno = errno;
@@ -70,7 +51,7 @@ __attribute__((format(printf, 1, 0))) static std::string report(const char *form
         errno = saved_errno;
         return text;
     }
-    const std::string line = std::string(program) + ": " + shown(text) + "\n";
+    const std::string line = std::string(program) + ": " + shown_text(text, false) + "\n";
     (void)fwrite(line.data(), 1, line.size(), stderr); // nobody is left to tell
     (void)fflush(stderr);
     errno = saved_errno;

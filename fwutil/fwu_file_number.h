@@ -4,7 +4,8 @@
 
 #include <cstdint>
 
-constexpr int32_t FWU_FILES_OF_GENERATION = 99999999;
+constexpr int32_t FWU_GENERATION_MAX = 9999;
+constexpr int32_t FWU_SEQUENCE_MAX = 99999999; // in each generation
 
 struct fwu_file_number {
     int32_t generation = 0;
@@ -22,7 +23,7 @@ template <typename T> fwu_file_number fwu_file_number_of(const T &file)
 // generation stands the next one's first.
 inline fwu_file_number fwu_file_number_behind(const fwu_file_number &before)
 {
-    if (before.sequence == FWU_FILES_OF_GENERATION)
+    if (before.sequence == FWU_SEQUENCE_MAX)
         return {before.generation + 1, 1};
     return {before.generation, before.sequence + 1};
 }

@@ -65,6 +65,19 @@ class FwlogSqlByHand : public testing::Test {
         EXPECT_THAT(stopped.err, HasSubstr(text));
         EXPECT_EQ(target.run(stopped.out).err, "");
     }
+    // The message of the stop names the position of the change; its commit is the entry behind it.
+    std::string commit_behind_stop(const std::vector<std::string> &more)
+    {
+        const std::string err = sql(more).err;
+        const size_t at = err.find("position ");
+        if (at == err.npos) {
+            ADD_FAILURE() << err;
+            return "";
+        }
+        const std::string change = err.substr(at + 9, err.find(':', at) - at - 9);
+        const size_t dot = change.find('.');
+        return change.substr(0, dot + 1) + std::to_string(std::stoi(change.substr(dot + 1)) + 1);
+    }
     void expect_goes_on(const std::vector<std::string> &more)
     {
         const run_result run = sql(more);
@@ -177,15 +190,7 @@ TEST_F(FwlogSqlByHand, ARowOfWhichNothingIsKnown)
     expect_stop(plain, said);
     EXPECT_EQ(rows("no", "shop_T"), "1 2");
     EXPECT_EQ(target.run("DELETE FROM shop_T WHERE no = 1").err, "");
-    // The message names the position of the change; its commit is the entry behind it.
-    const std::string err = sql(plain).err;
-    const size_t at = err.find("position ");
-    ASSERT_NE(at, std::string::npos) << err;
-    const std::string change = err.substr(at + 9, err.find(':', at) - at - 9);
-    const size_t dot = change.find('.');
-    const std::string behind =
-        change.substr(0, dot + 1) + std::to_string(std::stoi(change.substr(dot + 1)) + 1);
-    expect_goes_on({"--create-tables", "--after", behind});
+    expect_goes_on({"--create-tables", "--after", commit_behind_stop(plain)});
     EXPECT_EQ(rows("no", "shop_T"), "2 3");
     EXPECT_EQ(rows("no", "shop_N"), "9");
     std::filesystem::remove(target.path);
@@ -208,13 +213,7 @@ TEST_F(FwlogSqlByHand, ATruncateOfATableThatIsNotSaid)
                        "then go on behind this transaction with --after");
     EXPECT_EQ(rows("no", "shop_T"), "1");
     EXPECT_EQ(target.run("DELETE FROM shop_T").err, "");
-    const std::string err = sql(apply).err;
-    const size_t at = err.find("position ");
-    ASSERT_NE(at, std::string::npos) << err;
-    const std::string mark = err.substr(at + 9, err.find(':', at) - at - 9);
-    const size_t dot = mark.find('.');
-    expect_goes_on({"--create-tables", "--after",
-                    mark.substr(0, dot + 1) + std::to_string(std::stoi(mark.substr(dot + 1)) + 1)});
+    expect_goes_on({"--create-tables", "--after", commit_behind_stop(apply)});
     EXPECT_EQ(rows("no", "shop_T"), "2");
 }
 
