@@ -117,9 +117,11 @@ TEST_F(FwlogSqliteTest, TextsCutAnywhereAndRepeatedGiveTheTablesOnce)
     for (int round = 0; round < 25; round++) {
         const sqlite copy(log.dir.file("copy" + std::to_string(round) + ".db"));
         const bool bail = round % 2 == 0;
+        EXPECT_EQ(copy.run("SELECT 1").err, ""); // a text cut to nothing makes no file
         std::string text = whole;
         for (int cut = 0; cut < 4; cut++) {
-            (void)copy.run(text.substr(0, random() % text.size()), bail);
+            const size_t left = round < 2 && cut == 0 ? 0 : random() % text.size();
+            (void)copy.run(text.substr(0, left), bail);
             // A client with -bail begins where the database is, others anywhere before.
             const bool there =
                 copy.value("SELECT count(*) FROM sqlite_master WHERE name = 'done'") == "1";
