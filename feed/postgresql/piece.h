@@ -80,6 +80,7 @@ struct pgp_piece {
     std::string command = {};   // gives the rows
     bool sent = false;          // it was sent
     bool copying = false;       // the rows come
+    uint64_t given = 0;         // so many have come
     uint64_t at_hand = 0;       // so many are in the part's lines
     int64_t heard_ms = 0;       // when something came last, monotonic
 };

@@ -52,7 +52,8 @@ static outcome take_row(pgp_came &came, pgp_piece &piece, pgs_server &server, pg
         piece.copying = done && copied == PGS_COPY_ROW;
     }
     if (done && copied == PGS_COPY_ROW)
-        done = pgs_copy_row(copied, line, server, piece.reader.get(), refusal, wait_ms);
+        done =
+            pgs_copy_row(copied, line, piece.given, server, piece.reader.get(), refusal, wait_ms);
     if (!done)
         return done;
     if (copied == PGS_COPY_WAITS)

@@ -211,13 +211,14 @@ static outcome copy(pgp_reading &r, const std::string &command, std::string &lin
                     pgp_read_rows &read)
 {
     pgs_copied copied = PGS_COPY_WAITS;
+    uint64_t given = 0;
     const size_t before = lines.size();
     outcome done = pgs_copy_send(r.server, r.server.sql.get(), command);
     if (done)
         done = pgs_copy_begins(copied, r.server, r.server.sql.get(), read.refusal);
     while (done && copied == PGS_COPY_ROW) {
         std::span<char> row;
-        done = pgs_copy_row(copied, row, r.server, r.server.sql.get(), read.refusal);
+        done = pgs_copy_row(copied, row, given, r.server, r.server.sql.get(), read.refusal);
         if (!done || copied != PGS_COPY_ROW)
             break;
         lines.append(row.data(), row.size());

@@ -212,14 +212,17 @@ static outcome create_slot(const checks &on)
     kept.slot = server.slot;
     kept.snapshot = snapshot ? "begun" : "none";
     done = pgb_kept_write(kept, true);
-    state.kept = kept; // the slot may be there even when no answer comes
+    state.kept = kept;
+    bool perhaps = false; // the slot is there, even when no answer comes
     if (done) {
         const std::string command = "CREATE_REPLICATION_SLOT " + pgs_name(server.slot) +
                                     " LOGICAL pgoutput NOEXPORT_SNAPSHOT";
         pgb_tell_statement(command);
+        server.refused = false;
         done = pgs_command(server, server.replication.get(), result, command);
+        perhaps = !server.refused;
     }
-    if (done.kind() == OUTCOME_FAILED) {
+    if (done.kind() == OUTCOME_FAILED && !perhaps) {
         state.kept = before;
         (void)pgb_kept_write(before, true); // told
     }

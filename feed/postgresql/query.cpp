@@ -41,6 +41,7 @@ outcome pgs_failed(pgs_server &server, PGconn *connection, const PGresult *resul
     const std::string message =
         pgs_one_line(primary != nullptr ? primary : PQerrorMessage(connection));
     server.slot_in_use = strcmp(state, "55006") == 0;
+    server.refused = pgs_refused(connection, result);
     if (server.slot_in_use || passes(connection, state))
         return {OUTCOME_LOST, message};
     if (pge_is_failure(server, result)) {
@@ -342,7 +343,7 @@ static outcome convert_row(pgs_server &server, std::span<char> &row)
     return done;
 }
 
-outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &server,
+outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, uint64_t &rows, pgs_server &server,
                      PGconn *connection, pgs_refusal &refusal, int wait_ms)
 {
     wait_state wait;
@@ -364,12 +365,20 @@ outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &serve
             return {};
     }
     copied = length > 0 ? PGS_COPY_ROW : PGS_COPY_END;
-    if (length > 0)
+    if (length > 0) {
+        rows++;
         return server.texts == nullptr ? outcome() : convert_row(server, row);
+    }
     pgs_result result;
     outcome done;
     if (length == -1)
         done = finish(server, connection, true, result, "COPY", &refusal);
-    const bool whole = PQresultStatus(result.get()) == PGRES_COMMAND_OK || !refusal.state.empty();
-    return done && !whole ? pgs_failed(server, connection, nullptr, "COPY") : std::move(done);
+    const bool ended = PQresultStatus(result.get()) == PGRES_COMMAND_OK;
+    if (done && !ended && refusal.state.empty())
+        return pgs_failed(server, connection, nullptr, "COPY");
+    const char *const sent = ended ? PQcmdTuples(result.get()) : "";
+    if (done && *sent != '\0' && std::to_string(rows) != sent)
+        return pgs_lost(server, "the server says that its COPY gave " + pgs_one_line(sent) +
+                                    " rows, of which " + std::to_string(rows) + " came");
+    return done;
 }

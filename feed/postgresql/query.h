@@ -43,10 +43,11 @@ enum pgs_copied {
 outcome pgs_copy_send(pgs_server &server, PGconn *connection, const std::string &command);
 
 // Its answer, and each of its rows, valid until the next call and free to be changed, waited for
-// wait_ms at most (negative: as long as for any answer).
+// wait_ms at most (negative: as long as for any answer).  rows: those given, 0 before the first;
+// the server has to have sent as many.
 outcome pgs_copy_begins(pgs_copied &copied, pgs_server &server, PGconn *connection,
                         pgs_refusal &refusal, int wait_ms = -1);
-outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, pgs_server &server,
+outcome pgs_copy_row(pgs_copied &copied, std::span<char> &row, uint64_t &rows, pgs_server &server,
                      PGconn *connection, pgs_refusal &refusal, int wait_ms = -1);
 
 // The sessions of the processes that a query gives (0: a prepared transaction), asked for over a

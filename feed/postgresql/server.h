@@ -50,6 +50,7 @@ struct pgs_server {
     mutable std::map<std::string, std::string> untold;
     bool any_bytes = false;       // the database has no encoding: texts are not always UTF-8
     bool slot_in_use = false;     // after OUTCOME_LOST: it was that another process has the slot
+    bool refused = false;         // after OUTCOME_FAILED: the server has said so itself
     int64_t timeout_ms = 60'000;  // of silence after which the server is taken for gone
     int64_t patience_ms = 60'000; // the same, longer after each time
 };

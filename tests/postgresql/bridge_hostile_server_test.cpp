@@ -189,8 +189,10 @@ TEST_F(BridgeHostileServerTest, CopiesInPlaceOfAnAnswer)
 TEST_F(BridgeHostileServerTest, LeavesOutTheRows)
 {
     const std::string in_transaction = message('Z', "T");
-    for (const std::string &given : {in_transaction, message('C', "COPY 0\0"s) + in_transaction,
-                                     message('I', "") + in_transaction})
+    const std::string no_row = message('H', "\0\0\1\0\0"s) + message('c', "");
+    for (const std::string &given :
+         {in_transaction, message('C', "COPY 0\0"s) + in_transaction,
+          message('I', "") + in_transaction, no_row + message('C', "COPY 3\0"s) + in_transaction})
         expect_no_harm("COPY (SELECT", given, pg_proxy::behind::the_server);
 }
 

@@ -3,6 +3,7 @@
 #include "tests/postgresql/check_fixture.h"
 
 #include <filesystem>
+#include <sys/stat.h>
 
 using testing::HasSubstr;
 
@@ -121,6 +122,15 @@ TEST_F(BridgeCheckTest, NoFileIsOverwritten)
     EXPECT_THAT(result.err, HasSubstr("mine.cfg: there is a file of this name already: name "
                                       "another one with --write-config\n"));
     EXPECT_EQ(read_file(dir.file("mine.cfg")), "mine");
+    std::filesystem::create_symlink("elsewhere.cfg", dir.file("link.cfg"));
+    EXPECT_EQ(check({"--create", "--write-config", "link.cfg"}).status, 1);
+    EXPECT_FALSE(std::filesystem::exists(dir.file("elsewhere.cfg")));
+    const mode_t before = umask(027);
+    EXPECT_EQ(check({"--create", "--write-config", "new.cfg"}).status, 0);
+    umask(before);
+    struct stat about = {};
+    ASSERT_EQ(stat(dir.file("new.cfg").c_str(), &about), 0);
+    EXPECT_EQ(about.st_mode & 07777, 0640U);
     const run_result nowhere = check({"--create", "--write-config", "no/such/folder.cfg"});
     EXPECT_EQ(nowhere.status, 1);
     EXPECT_THAT(nowhere.err, HasSubstr("no/such/folder.cfg: cannot make the configuration file: "
