@@ -72,6 +72,11 @@ TEST_F(BridgeIdentityTest, AChangeMadeBeforeTheCommandIsToldSo)
                           "mark what is not known with the line table shop.keyed values=mark, or "
                           "leave the table out with the line skip-table shop.keyed; the others go "
                           "on"));
+    catch_up_well({"--resume", "shop.keyed"});
+    sql("INSERT INTO shop.keyed VALUES (2, 6)");
+    sql("DELETE FROM shop.keyed");
+    catch_up_well();
+    EXPECT_THAT(dump(), HasSubstr("before ID=2 QTY=6 "));
 }
 
 TEST_F(BridgeIdentityTest, TheCommandsAreThoseOfTheTableAndAllItsPartitions)
@@ -133,6 +138,11 @@ TEST_F(BridgeIdentityTest, APartitionsKeysAreMarkedAndWholeRowsAreNot)
     EXPECT_EQ(commands_in(marked.err, "for such values, run"),
               "ALTER TABLE shop.parts_2 REPLICA IDENTITY FULL;\n");
     EXPECT_EQ(occurrences(dump(), "before ID=11 QTY=0 NOTE=\"\" NULL-MAP=\".??\""), 2);
+    sql(commands_in(marked.err, "for such values, run"));
+    sql("INSERT INTO shop.parts VALUES (12, 7, 'three')");
+    sql("DELETE FROM shop.parts");
+    catch_up_well();
+    EXPECT_THAT(dump(), HasSubstr("before ID=12 QTY=7 NOTE=\"three\" NULL-MAP=\"...\""));
 }
 
 TEST_F(BridgeIdentityTest, ARemedyIsALineThatTheConfigurationTakes)

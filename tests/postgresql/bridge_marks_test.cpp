@@ -2,6 +2,8 @@
 // whole values beside the records, what is told.
 #include "tests/postgresql/bridge_fixture.h"
 
+#include <regex>
+
 using testing::HasSubstr;
 using testing::Not;
 
@@ -96,6 +98,48 @@ TEST_F(BridgeMarksTest, ErrorSetsTheTableAsideWhereTheConfigurationWantsIt)
     sql("INSERT INTO shop.notes VALUES (3, 'as long as that', 'NaN', NULL)");
     EXPECT_THAT(catch_up_well({"--truncate"}), Not(HasSubstr("marked")));
     EXPECT_TRUE(logged("NOTE=\"as long a\" PRICE=\"NaN\" AT=\"\" NULL-MAP=\"...N\""));
+}
+
+// The lines that are told, as they stand there; the values that they are about come whole then.
+TEST_F(BridgeMarksTest, LinesThatGiveRoomAreTakenAsTheyAreTold)
+{
+    const auto told = [](const std::string &text, const char *pattern) {
+        std::smatch found;
+        EXPECT_TRUE(std::regex_search(text, found, std::regex(pattern))) << text;
+        return found.str(found.size() - 1);
+    };
+    catch_up_well({"--create"});
+    sql("INSERT INTO shop.notes VALUES (1, 'x', 'NaN', NULL)");
+    const std::string put = catch_up_well();
+    const std::string line = told(put, "put the line \"(column shop.notes.price width=[0-9]+)\" "
+                                       "into the configuration, and \"values mark\" with it");
+    configure(line + "\nvalues mark\n");
+    sql("INSERT INTO shop.notes VALUES (2, 'x', 'NaN', NULL)");
+    EXPECT_THAT(catch_up_well(), Not(HasSubstr("marked")));
+    EXPECT_TRUE(logged("ID=2 NOTE=\"x\" PRICE=\"NaN\" AT=\"\" NULL-MAP=\"...N\""));
+
+    // A greater width in the line that is there.
+    configure(line + "\ncolumn shop.notes.note width=9\nvalues error\n");
+    sql("INSERT INTO shop.notes VALUES (3, 'longer than that', 1, NULL)");
+    const std::string change = catch_up_well();
+    EXPECT_THAT(change, HasSubstr("table shop.notes is set aside"));
+    const std::string wider =
+        told(change, "change width=9 to (width=[0-9]+) in the line of "
+                     "fwutil.cfg that begins with \"column shop.notes.note\"");
+    configure(line + "\ncolumn shop.notes.note " + wider + "\nvalues error\n");
+    catch_up_well({"--resume", "shop.notes"});
+    EXPECT_TRUE(logged("ID=3 NOTE=\"longer than that\""));
+
+    // Marks where the line says otherwise.
+    configure("column shop.notes.note width=9 values=error\nvalues mark\n");
+    sql("INSERT INTO shop.notes VALUES (4, 'longer than that', 1, NULL)");
+    EXPECT_THAT(catch_up_well(), HasSubstr("change values=error to values=mark in the line of "
+                                           "fwutil.cfg that begins with \"column "
+                                           "shop.notes.note\""));
+    configure("column shop.notes.note width=9 values=mark\nvalues mark\n");
+    catch_up_well({"--resume", "shop.notes"});
+    EXPECT_TRUE(logged("ID=4 NOTE=\"longer th\""));
+    EXPECT_EQ(status_member("aside"), "[]");
 }
 
 TEST_F(BridgeMarksTest, Iso8859LogReplacesCharacters)

@@ -116,6 +116,12 @@ TEST_F(BridgeRemedyTest, SlotThatTheServerHasGivenUp)
     const std::string drop =
         found_in(refused(create, "the server has removed what the slot needs"),
                  "drop the slot \\((SELECT pg_drop_replication_slot\\('[^']*'\\))\\)");
+    const run_result checked = run_bridge({"--check", "--conninfo", own.conninfo()});
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(found_in(checked.out, "is lost, the server has removed what it needs: drop it, and "
+                                    "begin a new log directory with --create --snapshot\n +"
+                                    "(SELECT [^;]*);"),
+              drop);
     client.run(drop);
     client.run("ALTER SYSTEM SET max_slot_wal_keep_size = '1GB'");
     client.run("SELECT pg_reload_conf()");

@@ -291,6 +291,9 @@ TEST_F(BridgeResumeTest, WhatIsWrongIsSaid)
         sql("ALTER PUBLICATION " + database + " ADD TABLE load.singles");
         EXPECT_THAT(resume({"load.singles"}).err,
                     HasSubstr("its partitions are followed, each for itself: name those\n"));
+        sql("INSERT INTO load.singles VALUES (7)");
+        EXPECT_EQ(resume({"load.single_1"}).status, 0);
+        EXPECT_TRUE(logged("after A=7"));
     }
     sql("DROP PUBLICATION " + database + "; CREATE PUBLICATION " + database + " FOR ALL TABLES" +
         publication_with());

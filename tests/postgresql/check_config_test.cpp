@@ -131,6 +131,7 @@ TEST_F(BridgeCheckTest, NoFileIsOverwritten)
     struct stat about = {};
     ASSERT_EQ(stat(dir.file("new.cfg").c_str(), &about), 0);
     EXPECT_EQ(about.st_mode & 07777, 0640U);
+    EXPECT_EQ(catch_up({"--create", "-cfg", "new.cfg"}).status, 0);
     const run_result nowhere = check({"--create", "--write-config", "no/such/folder.cfg"});
     EXPECT_EQ(nowhere.status, 1);
     EXPECT_THAT(nowhere.err, HasSubstr("no/such/folder.cfg: cannot make the configuration file: "
@@ -177,6 +178,12 @@ TEST_F(BridgeCheckTest, ALogOfAnotherEncodingThanTheConfiguration)
     configure();
     EXPECT_EQ(check().status, 0);
     EXPECT_EQ(catch_up().status, 0);
+    // A new log directory, with a slot of its own.
+    write_file(dir.file("fwutil.cfg"), "log-directory latin\ntext-encoding iso-8859-1\n");
+    const std::vector<std::string> anew = {"--create", "--snapshot", "--slot", database + "_2"};
+    EXPECT_EQ(check(anew).status, 0);
+    EXPECT_EQ(catch_up(anew).status, 0);
+    EXPECT_TRUE(logged("after ID=1 "));
 }
 
 // What stands in the way of reading the log is told, and is not taken for a log that has nothing.

@@ -195,6 +195,8 @@ TEST_F(BridgeCheckTest, AColumnThatHasALineGetsNoSecondOne)
     EXPECT_THAT(scanned.out, Not(HasSubstr("     column public.held.note width")));
     configure("values mark\ncolumn public.held.note item=REMARK width=5000\n");
     EXPECT_THAT(check({"--create", "--scan"}).out, Not(HasSubstr("would be cut")));
+    EXPECT_EQ(catch_up({"--create", "--snapshot"}).status, 0);
+    EXPECT_TRUE(logged("REMARK=\"" + std::string(4000, 'x') + "\""));
 }
 
 // What a run would do of a timestamp whose item has no room for all its fractions.

@@ -235,6 +235,10 @@ TEST_F(BridgeCheckTest, APublicationThatGivesEachPartitionAsATable)
     const run_result whole = check({"--create"});
     EXPECT_THAT(whole.out, HasSubstr("\npublic.whole"));
     EXPECT_THAT(whole.out, Not(HasSubstr("gives each partition")));
+    EXPECT_EQ(catch_up({"--create"}).status, 0);
+    sql("INSERT INTO whole VALUES (3)");
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_THAT(dump(), HasSubstr(" insert PUBLIC.WHOLE "));
 }
 
 TEST_F(BridgeCheckTest, TablesThatThePublicationDoesNotHave)
@@ -278,6 +282,10 @@ TEST_F(BridgeCheckTest, MinimalCreationLeavesTablesOut)
     const run_result mended = check({"--create=minimal"});
     EXPECT_THAT(mended.out, HasSubstr("\n  tables      3\n"));
     EXPECT_THAT(mended.out, Not(HasSubstr("leaves them out")));
+    EXPECT_EQ(catch_up({"--create=minimal"}).status, 0);
+    sql("INSERT INTO unkeyed VALUES (3); INSERT INTO parent VALUES (1); DELETE FROM parent");
+    EXPECT_EQ(catch_up().status, 0);
+    EXPECT_TRUE(logged("after ID=3 ") && logged("before ID=1 "));
 }
 
 TEST_F(BridgeCheckTest, MinimalCreationNeedsTheRightsToThePublication)
@@ -585,4 +593,8 @@ TEST(CheckServer, SettingsAreSetByWhatItPrints)
     server.start();
     const run_result mended = check();
     EXPECT_EQ(mended.status, 0) << mended.out << mended.err;
+    const run_result run = run_program({KESTRO_BUILD_DIR "/bin/fwlog", "postgresql", "--create",
+                                        "--once", "--conninfo", server.conninfo()},
+                                       options);
+    EXPECT_EQ(run.status, 0) << run.err;
 }
