@@ -456,6 +456,37 @@ TEST_F(StatusTest, AStatusThatCannotBeWrittenStopsTheRun)
     EXPECT_EQ(outcome.records, written_from(1, 1));
 }
 
+// Neither the log nor that it is not there can be brought to disk.
+TEST_F(StatusTest, APositionThatIsPerhapsAheadOfTheDiskIsLeftForTheOneThatIsTold)
+{
+    const system_calls_guard guard;
+    open_writer();
+    add({insert(1), insert(2)});
+    close_writer();
+    for (const char *position : {"that of the oldest record", "1-1.3"}) {
+        const size_t before = position[0] == '1' ? 2 : 0;
+        on_record = [](const seen &) {
+            calls.fail_fdatasync = true;
+            calls.fail_pwrite = true;
+            return 0;
+        };
+        const run_outcome failed = run();
+        EXPECT_EQ(failed.result, -1);
+        EXPECT_THAT(failed.err, HasSubstr(": what the status file says may be ahead of what is on "
+                                          "disk; give " +
+                                          std::string(position) + " as start position; "));
+        calls = system_calls();
+        on_record = nullptr;
+        const run_outcome again = run(before == 0 ? "1-1.0" : position);
+        EXPECT_EQ(again.result, 0) << again.err;
+        EXPECT_EQ(again.records, written_from(before + 1));
+        EXPECT_TRUE(run().records.empty());
+        open_writer();
+        add({insert(3), insert(4)});
+        close_writer();
+    }
+}
+
 TEST_F(StatusTest, AFileThatCannotBeCutOrSyncedStopsTheRun)
 {
     const system_calls_guard guard;

@@ -370,6 +370,29 @@ TEST_F(BridgeUnbegunTest, ACommitThatIsNotFoundIsLookedForAgain)
     EXPECT_TRUE(has_row(-1));
 }
 
+// Somebody else has the slot for a while: 55006 instead of 22012. The pauses before the fifth
+// attempt are a second and a half, those before the sixth three.
+TEST_F(BridgeUnbegunTest, ACommitThatTakesTooLongToBeFoundGetsMoreTime)
+{
+    commit_unbegun(1);
+    pg_proxy proxy(server->socket());
+    const auto run_through = [&](const char *seconds, int refusals) {
+        proxy.change_behind("pg_logical_slot_peek_binary_changes", "22012", "55006", refusals);
+        return catch_up({"--conninfo", proxy.conninfo(database), "--timeout", seconds});
+    };
+    const run_result not_found = run_through("2", 1000);
+    EXPECT_EQ(not_found.status, 1) << not_found.err;
+    EXPECT_THAT(not_found.err, HasSubstr("where that commits was not found, so that nothing can be "
+                                         "passed over: it takes too long; give it more time with "
+                                         "--timeout\n"));
+    const std::string lsn = fails(run_through("120", 5));
+    EXPECT_TRUE(proxy.happened());
+    const run_result done = catch_up({"--skip-transaction", lsn});
+    EXPECT_EQ(done.status, 0) << done.err;
+    EXPECT_TRUE(has_row(1));
+    EXPECT_TRUE(has_row(-1));
+}
+
 // Savepoints, exception blocks and prepared transactions commit as others do, wherever in the
 // server's log that is.
 TEST_F(BridgeUnbegunTest, AnyKindOfTransaction)

@@ -51,7 +51,7 @@ void pg_proxy::silence_at(const std::string &text, size_t bytes)
 }
 
 void pg_proxy::change_behind(const std::string &text, const std::string &from,
-                             const std::string &to)
+                             const std::string &to, int times)
 {
     const std::lock_guard lock(guard);
     trigger = text;
@@ -59,6 +59,7 @@ void pg_proxy::change_behind(const std::string &text, const std::string &from,
     answers = false;
     replaced = from;
     replacement = to;
+    changes_left = times;
     done = false;
 }
 
@@ -143,9 +144,10 @@ bool pg_proxy::take_answer(pair &both)
         both.bytes -= bytes.size();
         return bytes.empty() || send_all(both.client, bytes);
     }
-    const size_t found = both.chosen && !done ? bytes.find(replaced) : std::string::npos;
+    const size_t found = both.chosen && changes_left > 0 ? bytes.find(replaced) : std::string::npos;
     if (found != std::string::npos) {
         bytes.replace(found, replaced.size(), replacement);
+        changes_left--;
         done = true;
     }
     return !bytes.empty() && send_all(both.client, bytes);

@@ -22,8 +22,9 @@ class pg_proxy {
     void silence_at(const std::string &text, size_t bytes = 0);
 
     // In what the next client that sends the text gets behind it, bytes become others, as
-    // many.
-    void change_behind(const std::string &text, const std::string &from, const std::string &to);
+    // many; so often, and once in what comes at a time.
+    void change_behind(const std::string &text, const std::string &from, const std::string &to,
+                       int times = 1);
 
     // The next client that sends the text gets these bytes and nothing of the server's answer; it
     // has the request.  All that is behind it, as well; but for the_server, which goes on with what
@@ -71,6 +72,7 @@ class pg_proxy {
     size_t poured_bytes = 0;
     std::string replaced;
     std::string replacement;
+    int changes_left = 0;
     bool done = false;
 
     std::thread thread; // last: it begins when all else is there
