@@ -1,6 +1,9 @@
 // What comes up later, when there is a log that goes on, and its remedies.
 #include "tests/postgresql/remedy.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 using testing::HasSubstr;
 using testing::Not;
 
@@ -233,4 +236,53 @@ TEST_F(BridgeRemedyLaterTest, ADamagedFileOfNamesIsRestoredOrRemoved)
         EXPECT_THAT(read_file(names), HasSubstr("\ntable load.undescribed LOAD UNDESCRIBED\n"))
             << "the table has the dataset that it had";
     }
+}
+
+// Root obeys rights as others do without two of its capabilities; its next run is one that may
+// connect to the server's socket.
+TEST_F(BridgeRemedyLaterTest, FilesOfTheLogThatMayNotBeReadGetTheirRights)
+{
+    sql("CREATE TABLE load.undescribed (a integer PRIMARY KEY);"
+        "ALTER TABLE load.undescribed REPLICA IDENTITY FULL");
+    expect_runs({"--create"});
+    sql("INSERT INTO load.undescribed VALUES (71)");
+    EXPECT_EQ(catch_up().status, 0);
+    words argv = bridge_argv({"--once"});
+    if (geteuid() == 0) {
+        const words obeying = {"setpriv", "--bounding-set=-dac_override,-dac_read_search"};
+        if (run_program({obeying[0], obeying[1], "true"}, options).status != 0)
+            GTEST_SKIP() << "this process obeys no rights";
+        argv.insert(argv.begin(), obeying.begin(), obeying.end());
+    }
+    int id = 71;
+    for (const auto &[name, what] :
+         {std::pair("log/names", "cannot read the names of datasets and items"),
+          std::pair("log/source", "cannot read what the log belongs to"),
+          std::pair("log/aside", "cannot read which tables are set aside")}) {
+        SCOPED_TRACE(name);
+        sql("INSERT INTO load.undescribed VALUES (" + std::to_string(++id) + ")");
+        const std::string file = dir.file(name);
+        const std::string before = read_file(file);
+        ASSERT_EQ(chmod(file.c_str(), 0), 0);
+        const run_result refused = run_program(argv, options);
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_THAT(refused.err,
+                    HasSubstr(std::string(name) + ": " + what + ": Permission denied\n"));
+        ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+        EXPECT_EQ(read_file(file), before);
+        const run_result again = catch_up();
+        EXPECT_EQ(again.status, 0) << again.err;
+        EXPECT_EQ(occurrences(dump(), "after A=" + std::to_string(id)), 1);
+    }
+    // Nothing can be made in it.
+    sql("INSERT INTO load.undescribed VALUES (" + std::to_string(++id) + ")");
+    ASSERT_EQ(chmod(dir.file("log").c_str(), 0555), 0);
+    const run_result refused = run_program(argv, options);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err,
+                HasSubstr("log/postgresql.json: cannot write the state: Permission denied\n"));
+    ASSERT_EQ(chmod(dir.file("log").c_str(), 0755), 0);
+    next = 2;
+    expect_runs({});
+    EXPECT_TRUE(logged("after A=" + std::to_string(id)));
 }
