@@ -11,6 +11,7 @@
 
 struct cap_format;
 struct ebmf;
+struct selection;
 struct slist;
 
 // Bytes of a fresh record buffer behind the header.
@@ -69,10 +70,11 @@ struct capfil {
 
 // The run.
 struct capinfo {
-    int32_t ncf;       // number of capture files
-    capfil **capfiles; // owned; in command-line order
-    slist *skipstats;  // owned; counts of records no file took, or null
-    dsetinfo *dsets;   // owned; item layout of the current record's dataset
+    int32_t ncf;         // number of capture files
+    capfil **capfiles;   // owned; in command-line order
+    slist *skipstats;    // owned; counts of records no file took, or null
+    dsetinfo *dsets;     // owned; item layout of the current record's dataset
+    selection *selected; // owned; which files take which dataset, null before the first record
 };
 
 #endif

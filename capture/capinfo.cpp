@@ -5,6 +5,7 @@
 #include "capture/format.h"
 #include "capture/header.h"
 #include "capture/rollover.h"
+#include "capture/selection.h"
 #include "capture/slist.h"
 #include "capture/stats.h"
 #include "driver/base/globals.h"
@@ -118,5 +119,6 @@ void free_ci(capinfo *ci)
     if (ci->skipstats != nullptr)
         slist_free(ci->skipstats, free_dbsl);
     free_dsetinfo(ci->dsets);
+    free_selection(ci->selected);
     free(ci);
 }

@@ -104,9 +104,8 @@ int patmatches(const char *pattern, const char *subject)
     }
 }
 
-int find_dset(const capfil *cf, const char *dbname, const char *dsetname)
+size_t put_dset_subject(char *subject, const char *dbname, const char *dsetname)
 {
-    char subject[PAT_DBNAME_MAX + 1 + PAT_DSETNAME_MAX + 1];
     char *out = subject;
     const size_t dblen = dbname == nullptr ? 0 : strnlen(dbname, PAT_DBNAME_MAX);
     if (dblen != 0)
@@ -116,8 +115,15 @@ int find_dset(const capfil *cf, const char *dbname, const char *dsetname)
     const size_t setlen = dsetname == nullptr ? 0 : strnlen(dsetname, PAT_DSETNAME_MAX);
     if (setlen != 0)
         memcpy(out, dsetname, setlen);
-    out[setlen] = '\0';
+    out += setlen;
+    *out = '\0';
+    return static_cast<size_t>(out - subject);
+}
 
+int find_dset(const capfil *cf, const char *dbname, const char *dsetname)
+{
+    char subject[PAT_SUBJECT_SIZE];
+    put_dset_subject(subject, dbname, dsetname);
     for (int i = 0; i < cf->npats; i++) {
         if (patmatches(cf->pats[i], subject) != 0)
             return 1;

@@ -13,8 +13,10 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
 
 static bool is_text(const capfil *cf)
 {
@@ -29,30 +31,40 @@ static const char *consequence()
                  "KESTRO_TEXT=append to have the records mixed";
 }
 
-static bool are_one_file(const capfil *a, const capfil *b)
+// What two names of one file have alike; empty for what is no regular file.
+static std::string identity(const capfil *cf)
 {
-    struct stat first = {};
-    struct stat second = {};
-    if (stat(a->name, &first) == 0 && stat(b->name, &second) == 0)
-        return S_ISREG(first.st_mode) && first.st_dev == second.st_dev &&
-               first.st_ino == second.st_ino;
-    return resolved_name(a->name) == resolved_name(b->name);
+    struct stat st = {};
+    if (stat(cf->name, &st) != 0)
+        return resolved_name(cf->name);
+    return S_ISREG(st.st_mode) ? std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) : "";
 }
+
+// The first capture files of one identity.
+struct first_files {
+    const capfil *any = nullptr;
+    const capfil *text = nullptr;
+};
 
 void capture_warn_twice(const capinfo *ci)
 {
     if (g_capture_settings.text == TEXT_NEW)
         return;
+    std::unordered_map<std::string, first_files> before;
     for (int i = 0; i < ci_get_ncf(ci); i++) {
-        for (int j = 0; j < i; j++) {
-            const capfil *a = ci->capfiles[j];
-            const capfil *b = ci->capfiles[i];
-            if ((is_text(a) || is_text(b)) && are_one_file(a, b)) {
-                fprintf(stderr, "Warning: capture files %s and %s are one text file: %s\n", a->name,
-                        b->name, consequence());
-                break; // one of its others is enough
-            }
-        }
+        const capfil *cf = ci->capfiles[i];
+        const std::string same = identity(cf);
+        if (same.empty())
+            continue;
+        first_files &first = before[same];
+        // One of its others is enough.
+        if (const capfil *other = is_text(cf) ? first.any : first.text; other != nullptr)
+            fprintf(stderr, "Warning: capture files %s and %s are one text file: %s\n", other->name,
+                    cf->name, consequence());
+        if (first.any == nullptr)
+            first.any = cf;
+        if (first.text == nullptr && is_text(cf))
+            first.text = cf;
     }
 }
 
@@ -88,12 +100,12 @@ void capture_warn_shared(const capfil *cf)
 {
     struct stat st = {};
     if (!is_text(cf) || g_capture_settings.text == TEXT_NEW || stat(cf->name, &st) != 0 ||
-        !S_ISREG(st.st_mode) || is_ours(st))
+        !S_ISREG(st.st_mode))
         return;
     const int fd = open(cf->name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0)
         return; // nothing can be told of it
-    if (has_writer(fd))
+    if (has_writer(fd) && !is_ours(st))
         fprintf(stderr, "Warning: another process has text capture file %s open for writing: %s\n",
                 cf->name, consequence());
     (void)close(fd); // nothing was written to it

@@ -17,15 +17,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-std::string mark_path(const char *name)
+// What the name of a file that is not there stands for from here on.
+static std::string path_of_absent(const char *name)
 {
     char path[PATH_MAX];
-    if (realpath(name, path) != nullptr)
-        return path;
-    // Not there: what the name stands for from here on.
     if (name[0] == '/' || getcwd(path, sizeof path) == nullptr)
         return name;
     return std::string(path) + "/" + name;
+}
+
+std::string mark_path(const char *name)
+{
+    char path[PATH_MAX];
+    return realpath(name, path) != nullptr ? path : path_of_absent(name);
 }
 
 static std::string escaped(const std::string &path)
@@ -77,7 +81,8 @@ int mark_add(std::string &mark, capfil *cf, bool none_open, bool &absent)
     char numbers[100];
     snprintf(numbers, sizeof numbers, "file %s %" PRIu64 " %" PRId64 " %016" PRIx64 " ",
              cf->format->name, line.inode, line.end, line.checksum);
-    mark += numbers + escaped(mark_path(cf->name)) + "\n";
+    // Of many files most are not there at the beginning, when each new one makes another mark.
+    mark += numbers + escaped(absent ? path_of_absent(cf->name) : mark_path(cf->name)) + "\n";
     return 0;
 }
 

@@ -3,11 +3,11 @@
 #include "capture/write.h"
 
 #include "capture/capinfo.h"
-#include "capture/dsetpat.h"
 #include "capture/ebmf.h"
 #include "capture/format.h"
 #include "capture/header.h"
 #include "capture/rollover.h"
+#include "capture/selection.h"
 #include "capture/shared.h"
 #include "capture/stats.h"
 #include "capture/sync.h"
@@ -118,12 +118,8 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
     const record_images images = images_of(record, kind);
     int conversion = 0;
     int failed = 0;
-    int taken = 0;
-    for (int i = 0; i < ci->ncf; i++) {
-        capfil *cf = ci->capfiles[i];
-        if (dset_qualifies(cf, record) == 0)
-            continue;
-        taken++;
+    const std::span<capfil *const> taking = select_files(ci, record);
+    for (capfil *const cf : taking) {
         if (check_record(cf, record, images) != 0) {
             failed++;
             count_told(cf, record, -1);
@@ -147,7 +143,7 @@ static int capture_write(capinfo *ci, const log_record *record, const write_kind
             add_capstat(cf->stats, record, kind.stat);
         }
     }
-    if (taken == 0 && ci->skipstats != nullptr)
+    if (taking.empty() && ci->skipstats != nullptr)
         add_capstat(ci->skipstats, record, kind.stat);
     if (conversion != 0)
         return conversion;
