@@ -106,11 +106,12 @@ static outcome check_system(const checks &on, pgb_found &found)
     uint64_t number = 0;
     uint32_t timeline = 0;
     if (!pgs_number(number, system) || !fwu_lsn_parse(now, pgs_value(result, 0, 2)) ||
-        !pgs_number(timeline, pgs_value(result, 0, 1)))
-        return refuse("the server's answer to IDENTIFY_SYSTEM holds no system identifier, timeline "
-                      "and position: " +
+        !pgs_number(timeline, pgs_value(result, 0, 1)) || database.empty())
+        return refuse("the server's answer to IDENTIFY_SYSTEM holds no system identifier, "
+                      "timeline, position and database: " +
                       feed_quote(system) + ", " + feed_quote(pgs_value(result, 0, 1)) + ", " +
-                      feed_quote(pgs_value(result, 0, 2)) + "; is it a PostgreSQL server?");
+                      feed_quote(pgs_value(result, 0, 2)) + ", " + feed_quote(database) +
+                      "; is it a PostgreSQL server?");
     on.state.system = system;
     on.state.database = database;
     const bool log_begun = on.last.lsn != 0 || kept.told_lsn != 0 || kept.snapshot != "none";

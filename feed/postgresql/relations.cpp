@@ -38,7 +38,13 @@ outcome pgb_get_facts(pgs_server &server, pgb_relations &relations)
                               {server.publication.c_str()});
     if (!asked)
         return asked;
+    relations.facts.snapshot.clear();
     pgf_take(relations.facts, rows);
+    // Else what is left of it would say that there are no tables.
+    if (!pgf_is_snapshot(relations.facts.snapshot))
+        return pgs_lost(server,
+                        "the server's answer about the published tables holds no snapshot: " +
+                            feed_quote(relations.facts.snapshot) + "; is it a PostgreSQL server?");
     if (!relations.idle_told)
         for (const std::string &note : pgb_idle_lines(*relations.tables.config, relations.facts))
             tell("warning: %s", note.c_str());

@@ -222,8 +222,8 @@ TEST_F(BridgeSilenceTest, NonsenseInsteadOfNumbersIsAnErrorWithAText)
          std::string("\0\0\0\1"
                      "x",
                      5),
-         "the server's answer to IDENTIFY_SYSTEM holds no system identifier, timeline and "
-         "position: "},
+         "the server's answer to IDENTIFY_SYSTEM holds no system identifier, timeline, "
+         "position and database: "},
         {"CREATE_REPLICATION_SLOT", "0/", "0;",
          "the server's answer to CREATE_REPLICATION_SLOT holds no position: \"0;"},
         {"CREATE_REPLICATION_SLOT", "0/", "9/",

@@ -374,6 +374,46 @@ TEST_F(BridgeStatements, ColumnsOfNoTableAreNotTaken)
     EXPECT_GT(found, 0);
 }
 
+// Taken for an answer, it would be a database without tables.
+TEST_F(BridgeStatements, AnAnswerAboutThePublishedTablesThatHoldsNothingIsAskedForAgain)
+{
+    words = {"--once", "--create", "--snapshot"};
+    makes_slot = true;
+    keep();
+    (void)run({}, HARM_NONE);
+    expected = history();
+    int found = 0;
+    for (const pg_place &place : striker->places())
+        if (place.text.starts_with("WITH RECURSIVE t AS (SELECT p.relid")) {
+            found++;
+            for (const pg_harm harm :
+                 {HARM_NO_ROWS, HARM_FEWER_COLUMNS, HARM_NULLS, HARM_NONSENSE}) {
+                const run_result result = run(place, harm);
+                EXPECT_TRUE(striker->happened());
+                EXPECT_EQ(result.status, 0) << result.err;
+                EXPECT_THAT(result.err, testing::HasSubstr(
+                                            "fwlog: the server's answer about the published tables "
+                                            "holds no snapshot: "));
+                EXPECT_EQ(lines(history()), lines(expected)) << result.err;
+            }
+        }
+    EXPECT_GT(found, 0);
+}
+
+// The log would belong to a database without a name.
+TEST_F(BridgeStatements, AServerThatTellsNoDatabaseIsRefused)
+{
+    words = {"--once", "--create", "--snapshot"};
+    makes_slot = true;
+    keep();
+    const run_result result = run({.text = "IDENTIFY_SYSTEM", .number = 1}, HARM_FEWER_COLUMNS);
+    EXPECT_TRUE(striker->happened());
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, testing::HasSubstr(", \"\"; is it a PostgreSQL server?\n"));
+    const run_result next = run_bridge(words);
+    EXPECT_EQ(next.status, 0) << next.err;
+}
+
 TEST_F(BridgeStatements, AFailureDoesNotShowAQueryOfThousandsOfCharacters)
 {
     words = {"--check"};
