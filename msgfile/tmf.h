@@ -342,7 +342,7 @@ typedef struct tmf_check_result {
  * but for holes: where the length in front of it and the one behind it are right it
  * counts as whole.  An empty file is a sound one.
  * path: not null, not empty.  result: receives what was found; all zeros on failure but
- * for size.
+ * for size.  Null is allowed.
  * Returns 0, damaged or not, or a code, which is kept where that of a failed open is.
  * Codes: TMF_ENONAME, TMF_EOPEN, TMF_EHANDLE, TMF_ELOCK_WAIT, TMF_EUNLOCK,
  * TMF_ENOTMSG, TMF_EINCOMPATIBLE, TMF_EFORMAT, TMF_EREAD_COMMON,
@@ -364,7 +364,7 @@ TMF_API int tmf_check(const char *path, tmf_check_result *result);
  * Killed at any place, the call leaves the file as it was, or repaired and whole; a
  * copy under that name is whole.  A part of one may be left as aside with ".part".
  * A file with nothing wrong and nothing to cut is left alone, and no copy is made.
- * result: what was found before the repair, changed and aside.
+ * result: what was found before the repair, changed and aside.  Null is allowed.
  * Returns 0 or a code, kept as that of tmf_check is.
  * Codes: those of tmf_check, TMF_EOPEN (with the system's text) for the copy, too, with
  * aside TMF_ASIDE_FAILED; TMF_EWRITE_COMMON, TMF_EWRITE_COMMON_EOF, TMF_ETRUNCATE,

@@ -204,6 +204,9 @@ static int repair_file(int fd, const char *aside, tmf_survey *survey)
 static int on_locked_file(const char *path, int keep_end, const char *aside, bool repair,
                           tmf_check_result *result)
 {
+    tmf_check_result unwanted;
+    if (result == nullptr)
+        result = &unwanted;
     *result = tmf_check_result{};
     if (path == nullptr || *path == '\0' || (aside != nullptr && *aside == '\0'))
         return TMF_ENONAME;
@@ -215,6 +218,9 @@ static int on_locked_file(const char *path, int keep_end, const char *aside, boo
         return tmf_os_error(nullptr, TMF_EOPEN, errno);
     tmf_survey survey = {};
     int code = tmf_wait_common(fd, tmf_seeking_row);
+    struct stat about = {};
+    if (code == TMF_EHANDLE && fstat(fd, &about) == 0 && !S_ISREG(about.st_mode))
+        code = TMF_ENOTMSG; // a pipe has no places to lock
     if (code == 0) {
         code = tmf_survey_file(fd, keep_end, &survey);
         if (code == 0 && repair)

@@ -180,8 +180,20 @@ TEST_F(TmfRepair, WhatIsNoFileGivesItsCode)
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(tmf_check(dir.file("").c_str(), &result), TMF_EOPEN);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_EQ(tmf_check(path.c_str(), &result), TMF_EHANDLE);
+    EXPECT_EQ(tmf_check(path.c_str(), &result), TMF_ENOTMSG);
     EXPECT_EQ(tmf_check("/dev/null", &result), TMF_ENOTMSG);
+}
+
+TEST_F(TmfRepair, WhatNobodyWantsToKnowIsNotTold)
+{
+    EXPECT_EQ(tmf_check(nullptr, nullptr), TMF_ENONAME);
+    write_file(path, golden_file + "x");
+    EXPECT_EQ(tmf_check(path.c_str(), nullptr), 0);
+    write_file(path, golden_file.substr(0, golden_file.size() - 3));
+    EXPECT_EQ(tmf_repair(path.c_str(), 0, nullptr, nullptr), 0);
+    tmf_check_result result;
+    EXPECT_EQ(tmf_check(path.c_str(), &result), 0);
+    EXPECT_EQ(result.found, 0);
 }
 
 // A copy that would take the file's own place, or that cannot be had.

@@ -46,15 +46,17 @@ static std::string shown(const fwu_layout &layout)
     return name;
 }
 
+// What is replaced is taken away, not written to: it may be a link, another name of a file, a pipe.
 static outcome open_file(const csv_files &files, csv_file &file)
 {
-    const int how = files.replace ? O_TRUNC : O_EXCL;
-    file.fd = open(file.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, 0666);
+    const char *const path = file.path.c_str();
+    if (!files.replace || unlink(path) == 0 || errno == ENOENT)
+        file.fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_EXCL, 0666);
     if (file.fd >= 0)
         return {};
     if (errno == EEXIST)
-        return outcome_failed("%s: there is such a file; --force replaces it", file.path.c_str());
-    return outcome_failed("%s: cannot create the file: %s", file.path.c_str(), strerror(errno));
+        return outcome_failed("%s: there is such a file; --force replaces it", path);
+    return outcome_failed("%s: cannot create the file: %s", path, strerror(errno));
 }
 
 static outcome write_failed(const csv_file &file)

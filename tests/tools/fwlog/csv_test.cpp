@@ -4,9 +4,12 @@
 #include "tests/tools/fwlog/built_log.h"
 
 #include <filesystem>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace std::string_literals;
 using testing::ElementsAre;
@@ -201,6 +204,42 @@ TEST(FwlogCsv, FileThatIsThereIsNotReplacedUnasked)
     EXPECT_THAT(read_file(name), StartsWith("something"));
     csv_of(log.cfg, {"--dir", out.path(), "--force"});
     EXPECT_EQ(read_file(name), "_op,_position,A\r\nc,1-1.2,abc\r\n");
+}
+
+TEST(FwlogCsv, WhatIsReplacedIsNotWrittenTo)
+{
+    written_log log;
+    log.begin();
+    log.insert(ORDERS, "abc");
+    log.commit();
+    const tempdir out;
+    const std::string name = out.file("SALES.ORDERS.csv");
+    const std::string other = out.file("other");
+    const struct {
+        const char *what;
+        std::function<bool()> make;
+    } rows[] = {
+        {"a link", [&] { return symlink("other", name.c_str()) == 0; }},
+        {"a link that leads nowhere", [&] { return symlink("none", name.c_str()) == 0; }},
+        {"another name", [&] { return link(other.c_str(), name.c_str()) == 0; }},
+        {"a pipe", [&] { return mkfifo(name.c_str(), 0600) == 0; }},
+    };
+    write_file(other, "somebody's");
+    for (const auto &row : rows) {
+        std::filesystem::remove(name);
+        ASSERT_TRUE(row.make()) << row.what;
+        csv_of(log.cfg, {"--dir", out.path(), "--force"});
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(name)))
+            << row.what;
+        EXPECT_EQ(read_file(name), "_op,_position,A\r\nc,1-1.2,abc\r\n") << row.what;
+        EXPECT_EQ(read_file(other), "somebody's") << row.what;
+        EXPECT_FALSE(std::filesystem::exists(out.file("none"))) << row.what;
+    }
+    std::filesystem::remove(name);
+    std::filesystem::create_directory(name);
+    const run_result refused = run_csv(log.cfg, {"--dir", out.path(), "--force"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "fwlog: " + name + ": cannot create the file: Is a directory\n");
 }
 
 TEST(FwlogCsv, MissingDirectoryIsAFailure)
