@@ -3,7 +3,6 @@
 #include "tests/postgresql/bridge_fixture.h"
 
 using testing::HasSubstr;
-using testing::Not;
 
 class BridgeIdentityTest : public BridgeTest {
   protected:
