@@ -88,6 +88,7 @@ static bench_measure run_kestro(const std::string &kestro, const std::string &di
             (void)setrlimit(RLIMIT_NOFILE, &limit); // too few are an error of Kestro's
         }
         std::vector<char *> argv;
+        argv.reserve(words.size() + 1);
         for (const std::string &word : words)
             argv.push_back(const_cast<char *>(word.c_str())); // execv changes none
         argv.push_back(nullptr);
