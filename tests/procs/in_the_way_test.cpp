@@ -69,7 +69,7 @@ static const place_row PLACES[] = {
     {"m", {"tmf", "info", "m"}, "tmf: X: %\n", "tmf: X: File is not a message file.\n",
      "tmf: X: File is not a message file.\n", nullptr},
     {"m", {"tmf", "repair", "m"}, "tmf: X: Error opening file: %\n", "tmf: X: Error opening file: %\n",
-     "tmf: X: Internal error: Bad handle.\n", nullptr},
+     "tmf: X: File is not a message file.\n", nullptr},
     {"m", {"tmf", "verify", "m"}, "tmf: X: %\n", "tmf: X: File is not a message file.\n",
      "tmf: X: File is not a message file.\n", nullptr},
     {"c", {"capread", "-cfg", "fwutil.cfg", "-ascii", "c"}, "capread: X: %\n", "capread: X: %\n", nullptr, nullptr},
