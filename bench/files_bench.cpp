@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -31,12 +30,7 @@ static std::string digits(int number, int width)
 // A log of inserts into the datasets SALES:S-000, SALES:S-001, ... in turn, five to a transaction.
 static void make_log(const std::string &directory, int changes, int datasets)
 {
-    std::ofstream(directory + "/fwutil.cfg") << "log-directory log\n";
-    fwu_config config;
-    fwu_writer *writer = nullptr;
-    if (fwu_config_read(config, (directory + "/fwutil.cfg").c_str()) != 0 ||
-        fwu_writer_open(&writer, config) != 0)
-        bench_fail("cannot make the log");
+    fwu_writer *const writer = bench_open_log(directory);
     fwu_session session;
     fwu_layout layout;
     layout.dbname = "SALES";

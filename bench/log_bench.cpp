@@ -57,8 +57,7 @@ static void make_image(char *image, int n)
     put(".......", 7);
 }
 
-// A log of inserts and updates in turn, five to a transaction.
-void bench_make_log(const std::string &directory, int changes)
+fwu_writer *bench_open_log(const std::string &directory)
 {
     std::ofstream(directory + "/fwutil.cfg") << "log-directory log\n";
     fwu_config config;
@@ -66,6 +65,12 @@ void bench_make_log(const std::string &directory, int changes)
     if (fwu_config_read(config, (directory + "/fwutil.cfg").c_str()) != 0 ||
         fwu_writer_open(&writer, config) != 0)
         bench_fail("cannot make the log");
+    return writer;
+}
+
+void bench_make_log(const std::string &directory, int changes)
+{
+    fwu_writer *const writer = bench_open_log(directory);
     const fwu_layout layout = order_lines();
     const auto length = static_cast<int32_t>(fwu_layout_image_length(layout));
     fwu_session session;

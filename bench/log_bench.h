@@ -10,8 +10,12 @@
 // Prints what went wrong and ends the program.
 [[noreturn]] void bench_fail(const char *what);
 
-// Makes a log of inserts and updates of an order line in turn, five to a transaction, with
-// its configuration fwutil.cfg in the directory.
+struct fwu_writer;
+
+// Opens a new log for writing, with its configuration fwutil.cfg in the directory.
+fwu_writer *bench_open_log(const std::string &directory);
+
+// Makes a log of inserts and updates of an order line in turn, five to a transaction.
 void bench_make_log(const std::string &directory, int changes);
 
 struct bench_measure {

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static std::string safe_name(const std::string &name)
@@ -46,12 +47,30 @@ static std::string shown(const fwu_layout &layout)
     return name;
 }
 
-// What is replaced is taken away, not written to: it may be a link, another name of a file, a pipe.
+// Empties a file that is nothing but one, which keeps its mode.  What else has the name, a link,
+// another name of a file, a pipe, is somebody's: it is taken away, not written to.  A descriptor of
+// an empty file, or -1 with errno.
+static int replace_file(const char *path)
+{
+    const int fd = open(path, O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0 && errno != ENOENT && errno != ELOOP && errno != ENXIO)
+        return -1;
+    struct stat about = {};
+    if (fd >= 0 && fstat(fd, &about) == 0 && S_ISREG(about.st_mode) && about.st_nlink == 1 &&
+        ftruncate(fd, 0) == 0)
+        return fd;
+    if (fd >= 0)
+        (void)close(fd); // nothing was written to it
+    if (unlink(path) != 0 && errno != ENOENT)
+        return -1;
+    return open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_EXCL, 0666);
+}
+
 static outcome open_file(const csv_files &files, csv_file &file)
 {
     const char *const path = file.path.c_str();
-    if (!files.replace || unlink(path) == 0 || errno == ENOENT)
-        file.fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_EXCL, 0666);
+    file.fd = files.replace ? replace_file(path)
+                            : open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_EXCL, 0666);
     if (file.fd >= 0)
         return {};
     if (errno == EEXIST)

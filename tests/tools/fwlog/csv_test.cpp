@@ -3,6 +3,7 @@
 #include "tests/support/run.h"
 #include "tests/tools/fwlog/built_log.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <gmock/gmock.h>
@@ -198,15 +199,20 @@ TEST(FwlogCsv, FileThatIsThereIsNotReplacedUnasked)
     const tempdir out;
     const std::string name = out.file("SALES.ORDERS.csv");
     write_file(name, "something that is longer than what replaces it, and somebody's");
+    std::filesystem::permissions(name, std::filesystem::perms::owner_read |
+                                           std::filesystem::perms::owner_write);
     const run_result refused = run_csv(log.cfg, {"--dir", out.path()});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(refused.err, "fwlog: " + name + ": there is such a file; --force replaces it\n");
     EXPECT_THAT(read_file(name), StartsWith("something"));
     csv_of(log.cfg, {"--dir", out.path(), "--force"});
     EXPECT_EQ(read_file(name), "_op,_position,A\r\nc,1-1.2,abc\r\n");
+    struct stat about = {};
+    ASSERT_EQ(stat(name.c_str(), &about), 0);
+    EXPECT_EQ(about.st_mode & 07777, 0600U) << "rows that nobody else was to read";
 }
 
-TEST(FwlogCsv, WhatIsReplacedIsNotWrittenTo)
+TEST(FwlogCsv, WhatIsNoPlainFileIsReplacedAndNotWrittenTo)
 {
     written_log log;
     log.begin();
@@ -215,6 +221,7 @@ TEST(FwlogCsv, WhatIsReplacedIsNotWrittenTo)
     const tempdir out;
     const std::string name = out.file("SALES.ORDERS.csv");
     const std::string other = out.file("other");
+    int reader = -1;
     const struct {
         const char *what;
         std::function<bool()> make;
@@ -223,6 +230,11 @@ TEST(FwlogCsv, WhatIsReplacedIsNotWrittenTo)
         {"a link that leads nowhere", [&] { return symlink("none", name.c_str()) == 0; }},
         {"another name", [&] { return link(other.c_str(), name.c_str()) == 0; }},
         {"a pipe", [&] { return mkfifo(name.c_str(), 0600) == 0; }},
+        {"a pipe that is read",
+         [&] {
+             return mkfifo(name.c_str(), 0600) == 0 &&
+                    (reader = open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) >= 0;
+         }},
     };
     write_file(other, "somebody's");
     for (const auto &row : rows) {
@@ -235,6 +247,9 @@ TEST(FwlogCsv, WhatIsReplacedIsNotWrittenTo)
         EXPECT_EQ(read_file(other), "somebody's") << row.what;
         EXPECT_FALSE(std::filesystem::exists(out.file("none"))) << row.what;
     }
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, 1), 0);
+    close(reader);
     std::filesystem::remove(name);
     std::filesystem::create_directory(name);
     const run_result refused = run_csv(log.cfg, {"--dir", out.path(), "--force"});
