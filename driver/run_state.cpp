@@ -7,6 +7,7 @@
 #include "driver/base/globals.h"
 #include "driver/base/log.h"
 #include "driver/base/logrec.h"
+#include "driver/own_files.h"
 #include "fwutil/fwutil.h"
 #include "util/notify.h"
 #include "util/process_word.h"
@@ -140,11 +141,8 @@ int run_state_begin(capinfo *ci, const char *pidfile, const char *cfgfile, const
     g_error_told = nullptr;
     if ((path == nullptr || *path == '\0') && !notify_wanted())
         return 0;
-    const char *fwutil_cfg = getenv("FWUTIL_CFG");
-    if (cfgfile == nullptr)
-        cfgfile = fwutil_cfg != nullptr && *fwutil_cfg != '\0' ? fwutil_cfg : "fwutil.cfg";
-    if (statfile == nullptr)
-        statfile = "fwutil.status";
+    cfgfile = own_config_file(cfgfile);
+    statfile = own_status_file(statfile);
     std::vector<std::string> others = {cfgfile, statfile};
     if (pidfile != nullptr)
         others.emplace_back(pidfile);

@@ -2,13 +2,13 @@
 // but a file of its own kind is ever replaced by it.
 #include "capture/copyname.h"
 #include "driver/base/log.h"
+#include "driver/own_files.h"
 #include "driver/run_state.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -48,29 +48,6 @@ static bool is_ours(const std::string &path)
         return n >= 0 && strncmp(found, text, std::min(static_cast<size_t>(n), strlen(text))) == 0;
     };
     return begins(json_begins) || begins(prometheus_begins);
-}
-
-// "fw0001-00000025.log": the name of a forward log's file.
-static bool is_log_name(const char *name)
-{
-    static const char form[] = "fw####-########.";
-    for (const char *at = form; *at != '\0'; at++, name++) {
-        if (*at == '#' ? *name < '0' || *name > '9' : *name != *at)
-            return false;
-    }
-    return true;
-}
-
-static bool holds_a_log(const std::string &directory)
-{
-    DIR *dir = opendir(directory.c_str());
-    bool found = false;
-    if (dir == nullptr)
-        return false;
-    while (const dirent *row = readdir(dir)) // one thread
-        found = found || is_log_name(row->d_name) || strcmp(row->d_name, "writer.lock") == 0;
-    (void)closedir(dir); // only read
-    return found;
 }
 
 // One of the two names that the file has.
@@ -146,7 +123,7 @@ int run_state_file_open(const std::string &path, const std::vector<std::string> 
     if (directory.size() == whole.size() || leads_nowhere ||
         (stat_errno == 0 && S_ISDIR(st.st_mode)))
         return set_error_f("KESTRO_STATUS: %s is no regular file: name another one", path.c_str());
-    if (is_log_name(whole.c_str() + directory.size()) || holds_a_log(directory))
+    if (is_log_file_name(whole.c_str() + directory.size()) || holds_a_log(directory))
         return set_error_f("KESTRO_STATUS: %s: a log directory is no place for the status file of "
                            "a run: name one elsewhere",
                            path.c_str());

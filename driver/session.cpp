@@ -15,6 +15,7 @@
 #include "driver/base/logrec.h"
 #include "driver/hangup.h"
 #include "driver/output.h"
+#include "driver/own_files.h"
 #include "driver/run_state.h"
 #include "fwutil/fwutil.h"
 
@@ -39,7 +40,9 @@ int processfile(capinfo *ci, const char *pidfile, const char *cfgfile, const cha
                 const char *startspec)
 {
     // Before the shell has its answer, the PID file and anything else.
-    int rc = run_state_begin(ci, pidfile, cfgfile, statfile);
+    int rc = own_files_check(ci, pidfile, cfgfile, statfile);
+    if (rc == 0)
+        rc = run_state_begin(ci, pidfile, cfgfile, statfile);
     if (rc != 0)
         return rc;
     run_state_start();

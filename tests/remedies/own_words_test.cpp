@@ -68,6 +68,69 @@ TEST_F(OwnWordsRemedy, AStatusFileOfARunIsNamedElsewhere)
     EXPECT_EQ(numbers("cap"), from_to(1, RECORDS));
 }
 
+TEST_F(OwnWordsRemedy, AFileThatTheRunOrTheLogHasAlreadyIsNamedElsewhere)
+{
+    ASSERT_EQ(sh("echo waits | tmf write mm && ln fwutil.cfg hard && "
+                 "ln -s log/acknowledged soft && ln -s s.real s")
+                  .status,
+              0);
+    const char *const run = "cannot be the ..., being the ... of this run";
+    const char *const log = "cannot be the ..., being a file of the forward log";
+    const char *const mail = "cannot be the ..., being a message file";
+    const char *const capture = " cannot be the capture file, being ";
+    const char *const pid = " cannot be the PID file, being ";
+    const char *const status = " cannot be the status file, being ";
+    const char *const config_end = "the configuration file of this run: name another file\n";
+    const char *const status_end = "the status file of this run: name another file\n";
+    const char *const pid_end = "the PID file of this run: name another file\n";
+    const char *const log_end = "a file of the forward log: name another file\n";
+    const char *const mail_end =
+        "a message file: name another file, or remove it with its records\n";
+    const struct {
+        const char *row;
+        const char *before; // the name
+        const char *name;
+        const char *behind;
+        const char *as;
+        const char *being;
+    } rows[] = {
+        {run, "-ascii ", "fwutil.cfg", "", capture, config_end},
+        {run, "", "fwutil.cfg", "", capture, config_end},
+        {run, "-ascii ", "./hard", "", capture, config_end},
+        {run, "-stat s -ascii ", "s", "", capture, status_end},
+        {run, "-stat s -ascii o -ascii ", "s.real", "", capture, status_end},
+        {run, "-pidfile o -ascii ", "o", "", capture, pid_end},
+        {run, "-pidfile ", "fwutil.cfg", " -ascii o", pid, config_end},
+        {run, "-pidfile ", "fwutil.status", " -ascii o", pid, status_end},
+        {run, "-stat ", "fwutil.cfg", " -ascii o", status, config_end},
+        {log, "-ascii ", "log/fw0001-00000001.log", "", capture, log_end},
+        {log, "", "log/../log/fw0001-00000002.log", "", capture, log_end},
+        {log, "-pidfile ", "log/writer.lock", " -ascii o", pid, log_end},
+        {log, "-stat ", "log/names", " -ascii o", status, log_end},
+        {log, "-ascii ", "soft", "", capture, log_end},
+        {mail, "-ascii ", "mm", "", capture, mail_end},
+        {mail, "-pidfile ", "mm", " -ascii o", pid, mail_end},
+    };
+    const char *const look = "cksum fwutil.cfg mm log/*; ls -A . log";
+    const std::string before = sh(look).out;
+    for (const auto &row : rows) {
+        expect_own_words(row.row);
+        const std::string said = std::string(row.name) + row.as + row.being;
+        EXPECT_EQ(expect_error(
+                      std::string("Kestro -synconly ") + row.before + row.name + row.behind, said),
+                  said);
+        EXPECT_EQ(sh(look).out, before) << said;
+    }
+    // Another name; an empty name beside; what has no beginning to lose.
+    expect_good(
+        "Kestro -synconly -pidfile o.pid -stat s -ascii o -ascii log/mine -ascii mm.txt mm");
+    for (const char *name : {"o", "log/mine", "mm.txt"})
+        EXPECT_EQ(numbers(name), from_to(1, RECORDS)) << name;
+    expect_good(
+        "rm mm; Kestro -synconly -stat again -ascii mm -pidfile /dev/null -ascii /dev/null");
+    EXPECT_EQ(numbers("mm"), from_to(1, RECORDS));
+}
+
 TEST_F(OwnWordsRemedy, AStatusFileOfARunThatIsAnotherOnesIsNamedElsewhere)
 {
     expect_own_words("KESTRO_STATUS: ... is the file of another run that has not ended");
