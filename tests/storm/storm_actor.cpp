@@ -38,11 +38,21 @@ static void set_limit(const storm_actor &actor, rlim_t bytes)
     (void)prlimit(actor.process.pid, RLIMIT_FSIZE, &limit, nullptr); // it may have ended by now
 }
 
+bool storm_runs(storm_actor &actor)
+{
+    const bool was = actor.process.pid > 0;
+    if (actor.process.running())
+        return true;
+    if (was)
+        note_end(actor);
+    return false;
+}
+
 void storm_tend(storm_actor &actor, std::mt19937 &random)
 {
     const auto now = storm_clock::now();
     const bool was = actor.process.pid > 0;
-    if (actor.process.running()) {
+    if (storm_runs(actor)) {
         if (actor.stopped && now >= actor.goes_on) {
             actor.process.signal(SIGCONT);
             actor.stopped = false;
@@ -53,10 +63,8 @@ void storm_tend(storm_actor &actor, std::mt19937 &random)
         }
         return;
     }
-    if (was) {
-        note_end(actor);
+    if (was)
         actor.starts_again = now + std::chrono::milliseconds(random() % 400);
-    }
     if (now < actor.starts_again)
         return;
     actor.runs++;
@@ -65,8 +73,8 @@ void storm_tend(storm_actor &actor, std::mt19937 &random)
 
 int storm_end(storm_actor &actor, int signal)
 {
-    if (!actor.process.running())
-        return actor.process.status;
+    if (!storm_runs(actor))
+        return 0;
     if (actor.stopped && signal != SIGKILL)
         actor.process.signal(SIGCONT);
     actor.process.end(signal);

@@ -44,7 +44,10 @@ struct storm_actor {
 // Starts it when it is not there and its time has come; notes how it ended.
 void storm_tend(storm_actor &actor, std::mt19937 &random);
 
-// Ends it and waits until it is gone; the status.
+// Whether it is there; notes how it ended.
+bool storm_runs(storm_actor &actor);
+
+// Ends it and waits until it is gone; the status, 0 when it was not there.
 int storm_end(storm_actor &actor, int signal);
 
 void storm_stop(storm_actor &actor, std::chrono::milliseconds time);
