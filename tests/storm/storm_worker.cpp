@@ -20,9 +20,11 @@
 
 static volatile sig_atomic_t stopped;
 
+// Comes again each second: the first may come just before a call begins to wait.
 static void stop(int)
 {
     stopped = 1;
+    alarm(1);
 }
 
 static void pause_some(std::mt19937 &random, unsigned most_us)
@@ -158,6 +160,7 @@ int main(int argc, char **argv)
     struct sigaction action = {};
     action.sa_handler = stop;
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGALRM, &action, nullptr);
     signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error that the library gives
     const std::string what = argc > 4 ? argv[1] : "";
     if (what == "write" && argc == 5)
