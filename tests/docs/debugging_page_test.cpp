@@ -88,8 +88,9 @@ TEST_F(DebuggingPage, WhatARunTells)
     run("Kestro -cfg fwutil.cfg -stat fwutil.status -verbose");
     run("Kestro -cfg fwutil.cfg -stat fwutil.status -showstat");
     // As the page has it, from one position on beside the other status file.
-    EXPECT_THAT(shell("Kestro -cfg fwutil.cfg -start 1-1.10826 -synconly -stat other -ascii other"),
-                HasSubstr("\n8 records written to capture file other\n"));
+    EXPECT_THAT(
+        shell("Kestro -cfg fwutil.cfg -start 1-1.10826 -synconly -stat other.status -ascii other"),
+        HasSubstr("\n8 records written to capture file other\n"));
     run("Kestro -cfg fwutil.cfg -stat fwutil.status -showstat");
 }
 
