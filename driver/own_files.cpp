@@ -68,10 +68,10 @@ static bool is_beside_log_name(const char *name)
 namespace {
 // A file of the run, as far as it can be named before it is opened.
 struct own_file {
-    own_file(const char *what, const char *given)
+    own_file(const char *what, const std::string &given)
         : kind(what), name(given), path(resolved_name(given).string())
     {
-        there = stat(given, &st) == 0;
+        there = stat(given.c_str(), &st) == 0;
     }
     // A pipe or a device has room for several; a directory is refused by who opens it.
     bool may_be_shared() const
@@ -85,7 +85,7 @@ struct own_file {
     }
 
     const char *kind;
-    const char *name;
+    std::string name;
     std::string path;
     bool there = false;
     struct stat st = {};
@@ -99,15 +99,15 @@ static int check_log(const own_file &file)
     if ((is_log_file_name(name) || is_beside_log_name(name)) &&
         holds_a_log(file.path.substr(0, directory)))
         return set_error_f(
-            "%s cannot be the %s, being a file of the forward log: name another file", file.name,
-            file.kind);
+            "%s cannot be the %s, being a file of the forward log: name another file",
+            file.name.c_str(), file.kind);
     return 0;
 }
 
 static int check_message_file(const own_file &file)
 {
     char begin[MESSAGE_FILE_MAGIC_AT + sizeof MESSAGE_FILE_MAGIC - 1] = {};
-    const int fd = open(file.name, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = open(file.name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return 0; // whoever opens it for writing tells
     const bool is_one = read(fd, begin, sizeof begin) == ssize_t{sizeof begin} &&
@@ -117,34 +117,42 @@ static int check_message_file(const own_file &file)
     if (is_one)
         return set_error_f("%s cannot be the %s, being a message file: name another file, or "
                            "remove it with its records",
-                           file.name, file.kind);
+                           file.name.c_str(), file.kind);
     return 0;
+}
+
+// emptied: when it is opened, whatever is in it.
+static int check(const own_file &file, const std::vector<own_file> &others, bool emptied)
+{
+    if (file.may_be_shared())
+        return 0;
+    for (const own_file &other : others)
+        if (file.is(other))
+            return set_error_f("%s cannot be the %s, being the %s of this run: name another file",
+                               file.name.c_str(), file.kind, other.kind);
+    const int rc = check_log(file);
+    return rc == 0 && emptied && file.there ? check_message_file(file) : rc;
 }
 
 int own_files_check(const capinfo *ci, const char *pidfile, const char *cfgfile,
                     const char *statfile)
 {
-    // Those that come last have their names by right.
-    std::vector<own_file> files = {{"configuration file", own_config_file(cfgfile)},
-                                   {"status file", own_status_file(statfile)}};
-    if (pidfile != nullptr)
-        files.emplace_back("PID file", pidfile);
-    const size_t named = files.size();
-    for (size_t i = 1; i < named + static_cast<size_t>(ci_get_ncf(ci)); i++) {
-        const capfil *cf = i < named ? nullptr : ci->capfiles[i - named];
-        const own_file file = cf == nullptr ? files[i] : own_file("capture file", cf->name);
-        if (file.may_be_shared())
-            continue;
-        for (size_t j = 0; j < std::min(i, named); j++)
-            if (file.is(files[j]))
-                return set_error_f(
-                    "%s cannot be the %s, being the %s of this run: name another file", file.name,
-                    file.kind, files[j].kind);
-        int rc = check_log(file);
-        if (rc == 0 && file.there && (cf == nullptr ? pidfile == file.name : !cf->format->limited))
-            rc = check_message_file(file);
-        if (rc != 0)
-            return rc;
+    std::vector<own_file> files = {{"configuration file", own_config_file(cfgfile)}};
+    files.emplace_back("status file", own_status_file(statfile));
+    int rc = check(files.back(), {files.front()}, false);
+    if (rc == 0 && pidfile != nullptr) {
+        const own_file pid("PID file", pidfile);
+        rc = check(pid, files, true);
+        files.push_back(pid);
     }
-    return 0;
+    for (int i = 0; rc == 0 && i < ci_get_ncf(ci); i++) {
+        const capfil *cf = ci->capfiles[i];
+        const bool is_text = cf->format == &text_format;
+        rc = check({"capture file", cf->name}, files, is_text);
+        for (const char *end : {".cut", ".cut.part"})
+            if (rc == 0 && is_text)
+                rc = check({"copy of what is cut off a capture file", std::string(cf->name) + end},
+                           files, true);
+    }
+    return rc;
 }

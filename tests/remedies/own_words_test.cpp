@@ -80,6 +80,7 @@ TEST_F(OwnWordsRemedy, AFileThatTheRunOrTheLogHasAlreadyIsNamedElsewhere)
     const char *const capture = " cannot be the capture file, being ";
     const char *const pid = " cannot be the PID file, being ";
     const char *const status = " cannot be the status file, being ";
+    const char *const copy = " cannot be the copy of what is cut off a capture file, being ";
     const char *const config_end = "the configuration file of this run: name another file\n";
     const char *const status_end = "the status file of this run: name another file\n";
     const char *const pid_end = "the PID file of this run: name another file\n";
@@ -103,6 +104,8 @@ TEST_F(OwnWordsRemedy, AFileThatTheRunOrTheLogHasAlreadyIsNamedElsewhere)
         {run, "-pidfile ", "fwutil.cfg", " -ascii o", pid, config_end},
         {run, "-pidfile ", "fwutil.status", " -ascii o", pid, status_end},
         {run, "-stat ", "fwutil.cfg", " -ascii o", status, config_end},
+        {run, "-stat ", "o.cut", " -ascii o", copy, status_end},
+        {run, "-pidfile ", "o.cut.part", " -ascii o", copy, pid_end},
         {log, "-ascii ", "log/fw0001-00000001.log", "", capture, log_end},
         {log, "", "log/../log/fw0001-00000002.log", "", capture, log_end},
         {log, "-pidfile ", "log/writer.lock", " -ascii o", pid, log_end},
