@@ -156,6 +156,7 @@ int tmf_ensure_common(tmf_handle *h)
     h->copy_offset = h->common->read_offset;
     h->copy_count = 0;
     h->last_record_end = 0;
+    h->usual_frame = TMF_FIRST_BUFFER;
     return 0;
 }
 

@@ -48,6 +48,7 @@ struct tmf_handle {
     int record_overhead;    // bytes of a record's frame
     unsigned char *record_buffer; // owned; one framed record; only grows
     int record_buffer_size;       // its bytes
+    int usual_frame;              // bytes that a read of a record asks for at first
     int records_read;             // by this handle; stays at INT_MAX once there
     int32_t copy_offset;          // copy mode: offset of the next record
     int copy_count;               // copy mode: records read

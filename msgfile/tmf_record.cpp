@@ -90,6 +90,24 @@ static constexpr tmf_io_codes read_codes = {.no_place = TMF_ESEEK_DATA,
                                             .failed = TMF_EREAD_DATA,
                                             .cut = TMF_EREAD_DATA_EOF};
 
+// Reads the beginning of the record at offset at into the record buffer, wanted bytes of it or all
+// that it has: as much as the record before took, since a read costs by what it moves, and the rest
+// when that was too little.  The bytes read, or a code.
+static ssize_t read_frame(const tmf_handle *h, int32_t at, int wanted)
+{
+    unsigned char *const frame = h->record_buffer;
+    // At the end of the offsets the rest would have none of its own.
+    const int first = at > INT_MAX - wanted ? wanted : std::min(wanted, h->usual_frame);
+    const ssize_t got =
+        tmf_read_at(h, at, frame, static_cast<size_t>(first), TMF_FRAME_SIZE, read_codes);
+    const int needed = std::min<int>(get_be16(frame + TMF_FRAME_LENGTH_AT), wanted);
+    if (got < first || needed <= first)
+        return got;
+    const ssize_t rest = tmf_read_at(h, at + first, frame + first,
+                                     static_cast<size_t>(needed - first), 0, read_codes);
+    return rest < 0 ? rest : first + rest;
+}
+
 // Reads the record at offset at into buf of len bytes.
 static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_view *record)
 {
@@ -102,8 +120,7 @@ static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_
         code = check_place(h, at);
     if (code != 0)
         return code;
-    const ssize_t got = tmf_read_at(h, at, h->record_buffer, static_cast<size_t>(wanted),
-                                    TMF_FRAME_SIZE, read_codes);
+    const ssize_t got = read_frame(h, at, wanted);
     if (got < 0)
         return static_cast<int>(got);
     record->length = get_be16(h->record_buffer + TMF_FRAME_LENGTH_AT);
@@ -117,6 +134,7 @@ static int read_record_at(tmf_handle *h, int32_t at, void *buf, int len, record_
         return TMF_EREAD_DATA_EOF;
     if (record->copied > 0)
         memcpy(buf, h->record_buffer + TMF_FRAME_DATA_AT, static_cast<size_t>(record->copied));
+    h->usual_frame = std::max(record->length, TMF_FIRST_BUFFER);
     h->file = &tmf_positioned_row;
     return 0;
 }

@@ -149,7 +149,9 @@ TEST_F(TmfCopy, FailedReadStaysAtItsRecord)
         {"read", [] { fail_call(CALL_PREAD, EIO, 1); }, TMF_EREAD_DATA},
         {"read of five bytes", [] { answer_call(CALL_PREAD, 5, 1); }, TMF_EREAD_DATA_EOF},
         {"read of nothing", [] { answer_call(CALL_PREAD, 0, 1); }, TMF_EREAD_DATA_EOF},
-        {"read short of the data", [] { answer_call(CALL_PREAD, 2003, 1); }, TMF_EREAD_DATA_EOF},
+        {"read short of the data", [] { answer_call(CALL_PREAD, 1003, 1); }, TMF_EREAD_DATA_EOF},
+        {"read of the rest", [] { fail_call(CALL_PREAD, EIO, 2); }, TMF_EREAD_DATA},
+        {"read of a byte less", [] { answer_call(CALL_PREAD, 979, 2); }, TMF_EREAD_DATA_EOF},
     };
     for (const auto &row : rows) {
         row.plan();
