@@ -25,6 +25,7 @@ static constexpr char usage[] =
     "both           a writer and a reader at once\n"
     "latency        from the writer's call to the return of a reader that waited\n"
     "buffer         takes with a buffer of 32,761 bytes, which no record fills\n"
+    "batch ...      the same in batches of 64: one call, or one transaction, for all\n"
     "\n"
     "library        the message-file library\n"
     "literal        its file work, ten system calls an operation\n"
@@ -37,6 +38,7 @@ static constexpr char usage[] =
 
 static constexpr int sizes[] = {100, 1000, 8000};
 static constexpr int long_buffer = 32761;
+static constexpr int batch = 64; // records of a call
 
 struct bench_options {
     int records = 20000;
@@ -138,6 +140,24 @@ static plan plan_buffer(const queue_load &fitting)
     return p;
 }
 
+// Batches, beside the library's own calls for one record.
+static plan plan_batches(const char *what, queue_load load,
+                         double (*measure)(const queue_kind &, const queue_load &))
+{
+    load.records = std::max(load.records / batch, 1) * batch;
+    queue_load batches = load;
+    batches.batch = batch;
+    plan p = {{what, load.size, load.records, {}}, {}};
+    for (const queue_kind *kind : compared_kinds())
+        if (kind->append_batch != nullptr)
+            add_task(p, kind->name, [=](figure &f) {
+                f.values.push_back(load.records / measure(*kind, batches));
+            });
+    add_task(p, "library, one by one",
+             [=](figure &f) { f.values.push_back(load.records / measure(library_queue, load)); });
+    return p;
+}
+
 static std::vector<plan> make_plans(const bench_options &options)
 {
     const auto load_of = [&](int size) {
@@ -150,6 +170,10 @@ static std::vector<plan> make_plans(const bench_options &options)
         plans.push_back(plan_rates("take", load_of(size), measure_own_take));
     for (const int size : sizes)
         plans.push_back(plan_rates("both", load_of(size), measure_both));
+    for (const int size : sizes)
+        plans.push_back(plan_batches("batch append", load_of(size), measure_append));
+    for (const int size : sizes)
+        plans.push_back(plan_batches("batch take", load_of(size), measure_own_take));
     for (const int size : sizes)
         plans.push_back(plan_latency(size, std::clamp(options.records / 100, 20, 500)));
     for (const int size : sizes)

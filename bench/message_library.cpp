@@ -3,6 +3,8 @@
 #include "bench/message_run.h"
 #include "msgfile/tmf.h"
 
+#include <vector>
+
 [[noreturn]] static void fail_with_text(tmf_handle *h)
 {
     char text[TMF_ERRMSG_SIZE];
@@ -33,6 +35,28 @@ static int library_take(void *queue, void *buf, int size)
     return taken;
 }
 
+static void library_append_batch(void *queue, const void *records, int size, int count)
+{
+    auto *h = static_cast<tmf_handle *>(queue);
+    static std::vector<tmf_item> items;
+    items.clear();
+    for (int i = 0; i < count; i++)
+        items.push_back({static_cast<const char *>(records) + i * size, size});
+    if (tmf_fwrite_many(h, items.data(), count) != 0)
+        fail_with_text(h);
+}
+
+static int library_take_batch(void *queue, void *buf, int size, int count)
+{
+    auto *h = static_cast<tmf_handle *>(queue);
+    static std::vector<tmf_item> items;
+    items.resize(static_cast<size_t>(count));
+    const int taken = tmf_fread_many(h, items.data(), count, buf, size * count, 0);
+    if (taken < 0)
+        fail_with_text(h);
+    return taken;
+}
+
 static void library_close(void *queue)
 {
     if (tmf_fclose(static_cast<tmf_handle *>(queue)) != 0)
@@ -43,4 +67,6 @@ const queue_kind library_queue = {.name = "library",
                                   .open = library_open,
                                   .append = library_append,
                                   .take = library_take,
-                                  .close = library_close};
+                                  .close = library_close,
+                                  .append_batch = library_append_batch,
+                                  .take_batch = library_take_batch};

@@ -1,4 +1,4 @@
-// LMDB used as a queue: integer keys, one write transaction for each record.
+// LMDB used as a queue: integer keys, one write transaction for each record or batch.
 // Written through the mapped file without syncs, a committed record outlives its
 // process, as in a message file.
 #include "bench/message_queue.h"
@@ -55,19 +55,28 @@ static void *lmdb_open(const char *path, bool /*reader*/)
     return state;
 }
 
-static void lmdb_append(void *queue, const void *record, int size)
+static void lmdb_append_batch(void *queue, const void *records, int size, int count)
 {
     auto *state = static_cast<lmdb_state *>(queue);
     MDB_txn *txn = nullptr;
     must(mdb_txn_begin(state->env, nullptr, 0, &txn));
-    MDB_val key = {sizeof(state->next), &state->next};
-    MDB_val data = {static_cast<size_t>(size), const_cast<void *>(record)};
-    must(mdb_put(txn, state->dbi, &key, &data, MDB_APPEND));
+    for (int i = 0; i < count; i++) {
+        MDB_val key = {sizeof(state->next), &state->next};
+        const char *record = static_cast<const char *>(records) + i * size;
+        MDB_val data = {static_cast<size_t>(size), const_cast<char *>(record)};
+        must(mdb_put(txn, state->dbi, &key, &data, MDB_APPEND));
+        state->next++;
+    }
     must(mdb_txn_commit(txn));
-    state->next++;
 }
 
-static int lmdb_take(void *queue, void *buf, int size)
+static void lmdb_append(void *queue, const void *record, int size)
+{
+    lmdb_append_batch(queue, record, size, 1);
+}
+
+// Takes up to count records of size bytes at most.  Their number, and the bytes of the last.
+static int take_records(void *queue, void *buf, int size, int count, int *copied)
 {
     auto *state = static_cast<lmdb_state *>(queue);
     MDB_txn *txn = nullptr;
@@ -76,18 +85,33 @@ static int lmdb_take(void *queue, void *buf, int size)
     must(mdb_cursor_open(txn, state->dbi, &cursor));
     MDB_val key;
     MDB_val data;
-    const int code = mdb_cursor_get(cursor, &key, &data, MDB_FIRST);
-    int copied = 0;
-    if (code == MDB_SUCCESS) {
-        copied = std::min(size, static_cast<int>(data.mv_size));
-        memcpy(buf, data.mv_data, static_cast<size_t>(copied));
+    int taken = 0;
+    int code = mdb_cursor_get(cursor, &key, &data, MDB_FIRST);
+    while (code == MDB_SUCCESS) {
+        *copied = std::min(size, static_cast<int>(data.mv_size));
+        memcpy(static_cast<char *>(buf) + taken * size, data.mv_data, static_cast<size_t>(*copied));
         must(mdb_cursor_del(cursor, 0));
-    } else if (code != MDB_NOTFOUND) {
-        must(code);
+        if (++taken == count)
+            break;
+        code = mdb_cursor_get(cursor, &key, &data, MDB_NEXT); // the one behind the removed
     }
+    if (code != MDB_NOTFOUND)
+        must(code);
     mdb_cursor_close(cursor);
     must(mdb_txn_commit(txn));
-    return copied;
+    return taken;
+}
+
+static int lmdb_take_batch(void *queue, void *buf, int size, int count)
+{
+    int copied = 0;
+    return take_records(queue, buf, size, count, &copied);
+}
+
+static int lmdb_take(void *queue, void *buf, int size)
+{
+    int copied = 0;
+    return take_records(queue, buf, size, 1, &copied) == 0 ? 0 : copied;
 }
 
 static void lmdb_close(void *queue)
@@ -101,4 +125,6 @@ const queue_kind lmdb_queue = {.name = "LMDB",
                                .open = lmdb_open,
                                .append = lmdb_append,
                                .take = lmdb_take,
-                               .close = lmdb_close};
+                               .close = lmdb_close,
+                               .append_batch = lmdb_append_batch,
+                               .take_batch = lmdb_take_batch};

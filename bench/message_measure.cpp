@@ -81,6 +81,30 @@ static void append_many(const queue_kind &kind, void *queue, int64_t first, int 
     }
 }
 
+static void append_batches(const queue_kind &kind, void *queue, const queue_load &load)
+{
+    const auto size = static_cast<size_t>(load.size);
+    std::vector<unsigned char> records(size * static_cast<size_t>(load.batch), 'r');
+    for (int64_t number = 0; number < load.records;) {
+        for (size_t at = 0; at < records.size(); at += size, number++)
+            memcpy(records.data() + at, &number, sizeof(number));
+        kind.append_batch(queue, records.data(), load.size, load.batch);
+    }
+}
+
+static void take_batches(const queue_kind &kind, void *queue, const queue_load &load)
+{
+    const auto size = static_cast<size_t>(load.size);
+    std::vector<unsigned char> records(size * static_cast<size_t>(load.batch));
+    for (int64_t number = 0; number < load.records;) {
+        if (kind.take_batch(queue, records.data(), load.size, load.batch) != load.batch)
+            run_fail("a record was lost");
+        for (size_t at = 0; at < records.size(); at += size, number++)
+            if (memcmp(records.data() + at, &number, sizeof(number)) != 0)
+                run_fail("a record was changed");
+    }
+}
+
 // Waits for a record where the kind itself does not.
 static int take_next(const queue_kind &kind, void *queue, std::vector<unsigned char> &buf)
 {
@@ -126,7 +150,10 @@ double measure_append(const queue_kind &kind, const queue_load &load)
     run_start([&] {
         void *queue = kind.open(path.c_str(), false);
         shared->begin = now();
-        append_many(kind, queue, 0, load.records, load.size);
+        if (load.batch > 1)
+            append_batches(kind, queue, load);
+        else
+            append_many(kind, queue, 0, load.records, load.size);
         shared->end = now();
         kind.close(queue);
     });
@@ -148,7 +175,10 @@ double measure_take(const queue_kind &kind, const queue_kind &filler, const queu
     run_start([&] {
         void *queue = kind.open(path.c_str(), true);
         shared->begin = now();
-        take_many(kind, queue, 0, load);
+        if (load.batch > 1)
+            take_batches(kind, queue, load);
+        else
+            take_many(kind, queue, 0, load);
         shared->end = now();
         take_many(kind, queue, load.records, {1, load.size, load.buffer});
         kind.close(queue);

@@ -15,8 +15,9 @@ constexpr int MAX_BACKLOG = 256 << 20;
 
 struct queue_load {
     int records;
-    int size;   // of a record in bytes
-    int buffer; // of the reader in bytes, at least size
+    int size;      // of a record in bytes
+    int buffer;    // of the reader in bytes, at least size
+    int batch = 1; // records of a call; records is a multiple of it
 };
 
 // Seconds for the load, from the first call to the return of the last.

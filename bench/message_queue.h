@@ -18,6 +18,11 @@ struct queue_kind {
     int (*take)(void *queue, void *buf, int size);
 
     void (*close)(void *queue);
+
+    // The same for count records of size bytes, one behind the other, as one; null where a
+    // kind is not measured so.  take_batch gives the number of records taken.
+    void (*append_batch)(void *queue, const void *records, int size, int count) = nullptr;
+    int (*take_batch)(void *queue, void *buf, int size, int count) = nullptr;
 };
 
 // The message-file library; take waits for a record while there is a writer.

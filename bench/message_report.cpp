@@ -29,6 +29,10 @@ static const char *title(const std::string &what)
         return "append, records/s";
     if (what == "take")
         return "destructive read, records/s";
+    if (what == "batch append")
+        return "append in batches of 64, records/s";
+    if (what == "batch take")
+        return "destructive read in batches of 64, records/s";
     if (what == "both")
         return "writer and reader at once, records/s";
     if (what == "latency")

@@ -64,9 +64,9 @@
  * shared library's soname, libtmf.so.1, and changes when programs have to be compiled
  * again; the second grows with what is added. */
 #define TMF_VERSION_MAJOR 1
-#define TMF_VERSION_MINOR 0
+#define TMF_VERSION_MINOR 1
 #define TMF_VERSION (TMF_VERSION_MAJOR * 1000 + TMF_VERSION_MINOR)
-#define TMF_VERSION_TEXT "1.0"
+#define TMF_VERSION_TEXT "1.1"
 
 #ifdef __cplusplus
 extern "C" {
@@ -74,6 +74,12 @@ extern "C" {
 
 /* An open message file. */
 typedef struct tmf_handle tmf_handle;
+
+/* A record of a call for many of them. */
+typedef struct {
+    const void *data; /* its bytes */
+    int length;       /* their number */
+} tmf_item;
 
 /* Mode bits of tmf_fopen.  0 opens as a writer. */
 #define TMF_MODE_READ 1      /* open as a reader */
@@ -121,7 +127,7 @@ enum {
     TMF_ENONAME = -5269,            /* tmf_fopen without a file name */
     TMF_ETIMEOUT = -5268,           /* the time of a limited wait is over */
     TMF_EPLATFORM = -5267,          /* reserved */
-    TMF_ECOPYMODE = -5266,          /* copy mode without read and exclusive */
+    TMF_ECOPYMODE = -5266,          /* copy mode, or removing, without exclusive read */
     TMF_ETRUNCATE = -5265,          /* an emptied file could not be cut down */
     TMF_EPORTBUSY = -5264,          /* 15 UDP ports in a row are in use */
     TMF_EWRITER_PRESENT = -5263,    /* exclusive writing asked for beside a writer */
@@ -230,6 +236,17 @@ TMF_API int tmf_fclose(tmf_handle *h);
  * repeat the call); those of the bracket. */
 TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
 
+/* Appends count records under one lock, with one write of their data, and wakes all
+ * waiting readers once: all records, one behind the other in the order of items, or,
+ * behind a code, none.  A process that is killed has appended all or none.
+ * items: the data of each and its length, 1 to TMF_MAX_DATA; may be null when count is 0.
+ * count: 0 or more; with 0 nothing is done.  The handle keeps memory for the longest call
+ * that it has made.
+ * Returns 0 or a code.
+ * Codes: those of tmf_fwrite (TMF_ERECORD_SIZE for a count below 0 or no items, too;
+ * TMF_ESEEK_DATA: no record begins behind 2 GiB; TMF_ESEND: all records are in the file). */
+TMF_API int tmf_fwrite_many(tmf_handle *h, const tmf_item *items, int count);
+
 /* Takes the first record, or reads it and leaves it (TMF_READ_KEEP).  In copy
  * mode reads the records one after the other, removing none and never waiting.
  * buf: receives the data; may be null when len is 0.  len: its size, 0 or more.
@@ -253,6 +270,34 @@ TMF_API int tmf_fwrite(tmf_handle *h, const void *buf, int len);
  * TMF_ESEEK_WRITER (looking for dead users); TMF_EINTERNAL (out of memory); those of
  * the bracket (behind a failed write of the common area the record may be removed). */
 TMF_API int tmf_fread(tmf_handle *h, void *buf, int len, int flags);
+
+/* Takes up to count records under one lock, or reads them and leaves them (TMF_READ_KEEP).
+ * Waits for the first one as tmf_fread does, and takes with it those that are there and
+ * fit whole into what is left of buf.  In copy mode reads the next ones.  A process that
+ * is killed has taken all that the call would have given, or none.
+ * items: receives where the data of each lies in buf, one behind the other, and how many
+ * bytes; null and 0 for those that did not come.  count: their number, 0 or more; with 0
+ * nothing is done.  buf: receives the data; may be null when len is 0.  len: its size, 0
+ * or more: the first record's data beyond it is lost with the record, as by tmf_fread.
+ * Returns the number of records; 0 when there is none, as tmf_fread does.  Or a code.
+ * A record behind the first that cannot be read ends what is taken; its code is that of
+ * the next call.
+ * Codes: those of tmf_fread (TMF_EBUFFER_SIZE for a count below 0 or no items, too;
+ * TMF_ETRUNCATE: they are removed, and in buf). */
+TMF_API int tmf_fread_many(tmf_handle *h, tmf_item *items, int count, void *buf, int len,
+                           int flags);
+
+/* Removes the first count records, all of them or, behind a code, none: those that were
+ * read with TMF_READ_KEEP, once what they say is done, so that a reader that is killed
+ * gets them again.  h: a reader opened with TMF_MODE_EXCLUSIVE, since another reader
+ * could have taken them, and not in copy mode.  count: 0 or more; with 0 nothing is done.
+ * Returns 0 or a code.
+ * Codes: TMF_EWRITE_ACCESS, TMF_ECOPYMODE (not opened exclusively, or in copy mode),
+ * TMF_EBUFFER_SIZE (a count below 0), TMF_EREAD_DATA_EOF (there are not so many, or one
+ * is damaged), TMF_EREAD_DATA, TMF_ESEEK_DATA, TMF_ESEEK_DATA_EOF, TMF_EINTERNAL (out of
+ * memory); TMF_ETRUNCATE (they are removed); those of the bracket (behind a failed write
+ * of the common area they may be removed). */
+TMF_API int tmf_fremove(tmf_handle *h, int count);
 
 /* As tmf_fread with TMF_READ_LIMIT and TMF_READ_SIGNAL, and a limit of
  * timeout_seconds (below 1: 4); the end of the time and a signal return 0, but

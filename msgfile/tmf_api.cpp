@@ -5,6 +5,7 @@
 #include "msgfile/tmf.h"
 
 #include "msgfile/tmf_area.h"
+#include "msgfile/tmf_batch.h"
 #include "msgfile/tmf_common.h"
 #include "msgfile/tmf_error.h"
 #include "msgfile/tmf_net.h"
@@ -51,47 +52,78 @@ int tmf_fclose(tmf_handle *h)
     return tmf_close_file(h);
 }
 
-int tmf_fwrite(tmf_handle *h, const void *buf, int len)
+static int append(tmf_handle *h, const tmf_item *items, int count)
+{
+    int code = tmf_get_common(h);
+    if (code == 0)
+        code = tmf_write_records(h, items, count);
+    // Readers are woken before the lock is given up.
+    if (code == 0)
+        code = tmf_signal_readers(h, TMF_SIGNAL_WRITE);
+    const int release_code = tmf_release_common(h);
+    return code != 0 ? code : release_code;
+}
+
+static bool is_record(const tmf_handle *h, const tmf_item &item)
+{
+    return item.data != nullptr && item.length >= 1 && item.length <= h->max_record_len;
+}
+
+int tmf_fwrite_many(tmf_handle *h, const tmf_item *items, int count)
 {
     if (h == nullptr)
         return no_handle();
     int code = 0;
-    if (h->is_reader != 0) {
+    if (h->is_reader != 0)
         code = TMF_EREAD_ACCESS;
-    } else if (len < 1 || len > h->max_record_len || buf == nullptr) {
+    else if (count < 0 || (items == nullptr && count > 0))
         code = TMF_ERECORD_SIZE;
-    } else {
-        code = tmf_get_common(h);
-        if (code == 0)
-            code = tmf_write_record(h, buf, len);
-        // Readers are woken before the lock is given up.
-        if (code == 0)
-            code = tmf_signal_readers(h, TMF_SIGNAL_WRITE);
-        const int release_code = tmf_release_common(h);
-        if (code == 0)
-            code = release_code;
-    }
+    for (int i = 0; code == 0 && i < count; i++)
+        if (!is_record(h, items[i]))
+            code = TMF_ERECORD_SIZE;
+    if (code == 0 && count > 0)
+        code = append(h, items, count);
     if (code != 0)
         tmf_set_error(h, code);
     return code;
 }
 
-// Takes the record, having waited for it where that is called for, and gives the
-// bytes copied.  code is the result of locking the area before and of the whole
-// call behind it: a wait puts its own result in the place of the lock's.
-static int next_record(tmf_handle *h, void *buf, int len, int flags, int timeout, int *code)
+int tmf_fwrite(tmf_handle *h, const void *buf, int len)
+{
+    const tmf_item item = {buf, len};
+    return tmf_fwrite_many(h, &item, 1);
+}
+
+// What a read is to give: up to count records in buf of len bytes, one without items.
+struct wish {
+    void *buf;
+    int len;
+    tmf_item *items;
+    int count;
+};
+
+static int take(tmf_handle *h, const wish &wished, int flags)
+{
+    if (wished.items != nullptr)
+        return tmf_read_records(h, wished.items, wished.count, wished.buf, wished.len, flags);
+    return h->copy_mode != 0 ? tmf_read_record_copy(h, wished.buf, wished.len)
+                             : tmf_read_record(h, wished.buf, wished.len, flags);
+}
+
+// Takes what is wished, having waited for it where that is called for, and gives the bytes or
+// records that came.  code is the result of locking the area before and of the whole call behind
+// it: a wait puts its own result in the place of the lock's.
+static int next_record(tmf_handle *h, const wish &wished, int flags, int timeout, int *code)
 {
     int result = 0;
-    if (h->copy_mode != 0) {
-        result = tmf_read_record_copy(h, buf, len);
-    } else {
+    if (h->copy_mode == 0) {
         if (h->records_read == 0)
             flags |= TMF_READ_WAIT;
         if (tmfc_need_to_wait(h->common, flags))
             *code = tmf_fread_wait(h, flags, timeout);
-        if (*code == 0)
-            result = tmf_read_record(h, buf, len, flags);
     }
+    if (h->copy_mode != 0 || *code == 0)
+        result = take(h, wished, flags);
     if (result >= 0)
         return result;
     *code = result;
@@ -105,42 +137,77 @@ static bool is_foreign(int code)
     return code == TMF_ENOTMSG || code == TMF_EINCOMPATIBLE;
 }
 
-static int tmf_fread_record(tmf_handle *h, void *buf, int len, int flags, int timeout)
+static int read_wished(tmf_handle *h, const wish &wished, int flags, int timeout)
 {
     int code = 0;
-    int copied = 0;
+    int result = 0;
     if (h->is_reader == 0) {
         code = TMF_EWRITE_ACCESS;
-    } else if (len < 0 || (buf == nullptr && len > 0)) {
+    } else if (wished.len < 0 || wished.count < 0 || (wished.buf == nullptr && wished.len > 0)) {
         code = TMF_EBUFFER_SIZE;
-    } else {
-        // Kept: a common area that cannot be had does not end the call at once;
-        // what follows works on the copy read last.
+    } else if (wished.count > 0) {
+        // Kept: a common area that cannot be had does not end the read of one record at
+        // once; what follows works on the copy read last.
         code = tmf_get_common(h);
-        if (!is_foreign(code))
-            copied = next_record(h, buf, len, flags, timeout, &code);
+        if (code == 0 || (wished.items == nullptr && !is_foreign(code)))
+            result = next_record(h, wished, flags, timeout, &code);
         const int release_code = tmf_release_common(h);
         if (code == 0)
             code = release_code;
     }
     if (code == 0)
-        return copied;
+        return result;
     tmf_set_error(h, code);
     return code;
 }
 
 int tmf_fread(tmf_handle *h, void *buf, int len, int flags)
 {
-    return h == nullptr ? no_handle() : tmf_fread_record(h, buf, len, flags, fread_timeout);
+    return h == nullptr ? no_handle()
+                        : read_wished(h, {buf, len, nullptr, 1}, flags, fread_timeout);
+}
+
+int tmf_fread_many(tmf_handle *h, tmf_item *items, int count, void *buf, int len, int flags)
+{
+    if (h == nullptr)
+        return no_handle();
+    const int wanted = items == nullptr && count > 0 ? -1 : count;
+    for (int i = 0; i < wanted; i++)
+        items[i] = {};
+    return read_wished(h, {buf, len, items, wanted}, flags, fread_timeout);
 }
 
 int tmf_freadx(tmf_handle *h, void *buf, int len, int flags, int timeout_seconds)
 {
     if (h == nullptr)
         return no_handle();
-    const int result =
-        tmf_fread_record(h, buf, len, flags | TMF_READ_LIMIT | TMF_READ_SIGNAL, timeout_seconds);
+    const int result = read_wished(h, {buf, len, nullptr, 1},
+                                   flags | TMF_READ_LIMIT | TMF_READ_SIGNAL, timeout_seconds);
     return result == TMF_ETIMEOUT || result == TMF_ESIGNAL ? 0 : result;
+}
+
+int tmf_fremove(tmf_handle *h, int count)
+{
+    if (h == nullptr)
+        return no_handle();
+    int code = 0;
+    if (h->is_reader == 0)
+        code = TMF_EWRITE_ACCESS;
+    else if (h->exclusive == 0 || h->copy_mode != 0)
+        code = TMF_ECOPYMODE;
+    else if (count < 0)
+        code = TMF_EBUFFER_SIZE;
+    if (code == 0 && count > 0) {
+        code = tmf_get_common(h);
+        if (code == 0)
+            code = tmf_remove_records(h, count);
+        const int release_code = tmf_release_common(h);
+        if (code == 0)
+            code = release_code;
+    }
+    if (code != 0)
+        tmf_set_error(h, code);
+    return code;
 }
 
 // The value of an item; false for an unknown one.

@@ -157,6 +157,7 @@ int tmf_ensure_common(tmf_handle *h)
     h->copy_count = 0;
     h->last_record_end = 0;
     h->usual_frame = TMF_FIRST_BUFFER;
+    h->usual_record = TMF_FIRST_BUFFER;
     return 0;
 }
 

@@ -33,6 +33,7 @@ struct tmf_handle {
     char net_error_text[TMF_ATTACHED_TEXT]; // "#%d on %s" of the last network error, or empty
     int is_reader;                          // nonzero: opened with TMF_MODE_READ
     int copy_mode;                          // nonzero: opened with TMF_MODE_COPY
+    int exclusive;                          // nonzero: opened with TMF_MODE_EXCLUSIVE
     char *path;                             // owned
     void *aux_buffer;                       // owned; null
     int record_pids;        // 1: the own slot holds the process id, dead users' slots are cleared
@@ -49,6 +50,7 @@ struct tmf_handle {
     unsigned char *record_buffer; // owned; one framed record; only grows
     int record_buffer_size;       // its bytes
     int usual_frame;              // bytes that a read of a record asks for at first
+    int usual_record;             // bytes of a record with its frame, in the last batch
     int records_read;             // by this handle; stays at INT_MAX once there
     int32_t copy_offset;          // copy mode: offset of the next record
     int copy_count;               // copy mode: records read

@@ -29,6 +29,7 @@ tmf_handle *tmf_new(int fd, const char *path, int mode)
     h->file = &tmf_seeking_row;
     h->is_reader = mode & TMF_MODE_READ;
     h->copy_mode = mode & TMF_MODE_COPY;
+    h->exclusive = mode & TMF_MODE_EXCLUSIVE;
     h->record_pids = 1;
     h->user_id = TMF_NO_USER;
     return h;

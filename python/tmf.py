@@ -36,7 +36,7 @@ class Code(enum.IntEnum):
     ESIGNAL = -5282  # a signal ended the wait (TMF_READ_SIGNAL)
     ENONAME = -5269  # tmf_fopen without a file name
     ETIMEOUT = -5268  # the time of a limited wait is over
-    ECOPYMODE = -5266  # copy mode without read and exclusive
+    ECOPYMODE = -5266  # copy mode, or removing, without exclusive read
     ETRUNCATE = -5265  # an emptied file could not be cut down
     EPORTBUSY = -5264  # 15 UDP ports in a row are in use
     EWRITER_PRESENT = -5263  # exclusive writing asked for beside a writer

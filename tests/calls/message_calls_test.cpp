@@ -9,10 +9,23 @@
 #include <regex>
 
 // What a process is about to do with the file.
-enum call_made { OPEN, WRITE, READ, READ_KEEP, READ_BY_TIME, GETINFO, CLOSE };
+enum call_made {
+    OPEN,
+    WRITE,
+    WRITE_MANY,
+    READ,
+    READ_KEEP,
+    READ_BY_TIME,
+    READ_MANY,
+    READ_MANY_KEEP,
+    REMOVE,
+    GETINFO,
+    CLOSE
+};
 
-static constexpr const char *call_names[] = {"tmf_fopen",  "tmf_fwrite",  "tmf_fread", "tmf_fread",
-                                             "tmf_freadx", "tmf_getinfo", "tmf_fclose"};
+static constexpr const char *call_names[] = {
+    "tmf_fopen",      "tmf_fwrite",     "tmf_fwrite_many", "tmf_fread",   "tmf_fread", "tmf_freadx",
+    "tmf_fread_many", "tmf_fread_many", "tmf_fremove",     "tmf_getinfo", "tmf_fclose"};
 
 struct message_case {
     const char *name;
@@ -34,10 +47,11 @@ static void PrintTo(const message_case &c, std::ostream *out)
 }
 
 constexpr int WRITTEN = 3000; // by the call
-constexpr int PROVING = 11;   // before it
-constexpr int FED = 55;       // by another process
-constexpr int NEXT = 44;      // by the same handle, behind the call
-constexpr int EXTRA = 77;     // by the next user
+constexpr int MANY[] = {500, 1, 2500};
+constexpr int PROVING = 11; // before it
+constexpr int FED = 55;     // by another process
+constexpr int NEXT = 44;    // by the same handle, behind the call
+constexpr int EXTRA = 77;   // by the next user
 
 // What the process of a run puts down, in memory that the test has, too.
 struct run_notes {
@@ -78,6 +92,14 @@ class MessageCalls : public ::testing::TestWithParam<message_case> {
         switch (call) {
         case WRITE:
             return append_code(h, WRITTEN);
+        case WRITE_MANY:
+            return append_many(h, {std::begin(MANY), std::end(MANY)});
+        case READ_MANY:
+            return take_many(h, 2, 0, sound);
+        case READ_MANY_KEEP:
+            return take_many(h, 2, TMF_READ_KEEP, sound);
+        case REMOVE:
+            return tmf_fremove(h, 2);
         case READ:
             return take(h, 0, sound);
         case READ_KEEP:
@@ -177,13 +199,18 @@ class MessageCalls : public ::testing::TestWithParam<message_case> {
         EXPECT_EQ(notes->text, right_text(result, struck));
     }
 
+    static bool takes()
+    {
+        const call_made call = GetParam().call;
+        return call == READ || call == READ_BY_TIME || call == READ_MANY;
+    }
     // Whether the call may not have been made, and whether it may have.
     bool may_be_unmade() const
     {
         if (!notes->returned)
             return true;
         const int code = notes->code;
-        if (GetParam().call == READ || GetParam().call == READ_BY_TIME)
+        if (takes() || GetParam().call == REMOVE)
             return code < 0 && code != TMF_EUNLOCK && code != TMF_ETRUNCATE;
         return code != 0 && code != TMF_EUNLOCK && code != TMF_ESEND;
     }
@@ -194,8 +221,7 @@ class MessageCalls : public ::testing::TestWithParam<message_case> {
                                               TMF_EWRITE_COMMON_EOF, TMF_ESEEK_COMMON};
         if (!notes->returned || perhaps.contains(notes->code))
             return true;
-        const bool reads = GetParam().call == READ || GetParam().call == READ_BY_TIME;
-        return reads ? notes->code > 0 : notes->code == 0;
+        return takes() ? notes->code > 0 : notes->code == 0;
     }
 
     // The records that may be there, the next user's not counted.
@@ -272,6 +298,11 @@ static const message_case cases[] = {
     {.name = "LaterOne", .call = WRITE, .file = THREE_RECORDS, .proven = true, .before = {10, 300, 20, PROVING}, .after = {10, 300, 20, PROVING, WRITTEN}},
     {.name = "WakesAReader", .call = WRITE, .file = EMPTY_FILE, .waited = true, .before = {}, .after = {WRITTEN}},
     {.name = "BesideAWriter", .call = WRITE, .file = THREE_RECORDS, .proven = true, .beside = true, .before = {10, 300, 20, PROVING}, .after = {10, 300, 20, PROVING, WRITTEN}},
+    {.name = "FirstOfTheHandle", .call = WRITE_MANY, .file = THREE_RECORDS, .before = {10, 300, 20}, .after = {10, 300, 20, MANY[0], MANY[1], MANY[2]}},
+    {.name = "IntoAnEmptyFile", .call = WRITE_MANY, .file = EMPTY_FILE, .before = {}, .after = {MANY[0], MANY[1], MANY[2]}},
+    {.name = "LaterOne", .call = WRITE_MANY, .file = THREE_RECORDS, .proven = true, .before = {10, 300, 20, PROVING}, .after = {10, 300, 20, PROVING, MANY[0], MANY[1], MANY[2]}},
+    {.name = "WakesAReader", .call = WRITE_MANY, .file = EMPTY_FILE, .waited = true, .before = {}, .after = {MANY[0], MANY[1], MANY[2]}},
+    {.name = "BesideAWriter", .call = WRITE_MANY, .file = THREE_RECORDS, .proven = true, .beside = true, .before = {10, 300, 20, PROVING}, .after = {10, 300, 20, PROVING, MANY[0], MANY[1], MANY[2]}},
 
     {.name = "FirstOfTheHandle", .call = READ, .file = THREE_RECORDS, .mode = 1, .before = {10, 300, 20}, .after = {300, 20}, .got = 10},
     {.name = "LaterOne", .call = READ, .file = THREE_RECORDS, .mode = 1, .proven = true, .before = {300, 20}, .after = {20}, .got = 300},
@@ -281,6 +312,14 @@ static const message_case cases[] = {
     {.name = "CopyMode", .call = READ, .file = THREE_RECORDS, .mode = 7, .before = {10, 300, 20}, .after = {10, 300, 20}, .got = 10},
     {.name = "WaitsForARecord", .call = READ, .file = EMPTY_FILE, .mode = 1, .fed = true, .before = {}, .after = {}, .got = FED},
     {.name = "EndOfFile", .call = READ, .file = ONE_RECORD, .mode = 1, .proven = true, .before = {}, .after = {}},
+    {.name = "TwoOfThem", .call = READ_MANY, .file = THREE_RECORDS, .mode = 1, .before = {10, 300, 20}, .after = {20}, .got = 2},
+    {.name = "LaterOnes", .call = READ_MANY, .file = THREE_RECORDS, .mode = 1, .proven = true, .before = {300, 20}, .after = {}, .got = 2},
+    {.name = "LastOfALongFile", .call = READ_MANY, .file = LONG_FILE, .mode = 1, .before = {10}, .after = {}, .got = 1},
+    {.name = "CopyMode", .call = READ_MANY, .file = THREE_RECORDS, .mode = 7, .before = {10, 300, 20}, .after = {10, 300, 20}, .got = 2},
+    {.name = "WaitsForRecords", .call = READ_MANY, .file = EMPTY_FILE, .mode = 1, .fed = true, .before = {}, .after = {}, .got = 1},
+    {.name = "Kept", .call = READ_MANY_KEEP, .file = THREE_RECORDS, .mode = 1, .before = {10, 300, 20}, .after = {10, 300, 20}, .got = 2},
+    {.name = "TwoOfThem", .call = REMOVE, .file = THREE_RECORDS, .mode = 3, .before = {10, 300, 20}, .after = {20}},
+    {.name = "TheLast", .call = REMOVE, .file = THREE_RECORDS, .mode = 3, .proven = true, .before = {300, 20}, .after = {}},
     {.name = "ARecordIsThere", .call = READ_BY_TIME, .file = THREE_RECORDS, .mode = 1, .before = {10, 300, 20}, .after = {300, 20}, .got = 10},
     {.name = "TimeIsOver", .call = READ_BY_TIME, .file = EMPTY_FILE, .mode = 1, .before = {}, .after = {}},
     {.name = "TimeIsOverBesideAWriter", .call = READ_BY_TIME, .file = EMPTY_FILE, .mode = 1, .beside = true, .before = {}, .after = {}},

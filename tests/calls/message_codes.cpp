@@ -25,6 +25,11 @@ static bool is_read(const std::string &name)
     return name == "tmf_fread" || name == "tmf_freadx";
 }
 
+static bool is_write(const std::string &name)
+{
+    return name == "tmf_fwrite" || name == "tmf_fwrite_many";
+}
+
 static codes of_lock(const traced_call &call)
 {
     const bool slot = is_slot(call);
@@ -112,7 +117,7 @@ static codes of_network(const std::string &name, const struck_call &struck)
     const traced_call &call = struck.call();
     if (name == "tmf_fclose")
         return {0};
-    if (name == "tmf_fwrite")
+    if (is_write(name))
         return {TMF_ESEND};
     if (struck.what.kind == BLOW_HALF)
         return {0};

@@ -42,6 +42,32 @@ int take(tmf_handle *h, int flags, bool *sound)
     return length;
 }
 
+int append_many(tmf_handle *h, const lengths &records)
+{
+    std::vector<std::string> data;
+    for (const int length : records)
+        data.push_back(data_of(length));
+    std::vector<tmf_item> items;
+    for (const std::string &one : data)
+        items.push_back({one.data(), static_cast<int>(one.size())});
+    return tmf_fwrite_many(h, items.data(), static_cast<int>(items.size()));
+}
+
+int take_many(tmf_handle *h, int count, int flags, bool *sound)
+{
+    std::string buffer(ROOM, '\0');
+    std::vector<tmf_item> items(static_cast<size_t>(count));
+    const int taken = tmf_fread_many(h, items.data(), count, buffer.data(), ROOM, flags);
+    *sound = true;
+    for (int i = 0; i < taken; i++) {
+        const tmf_item &item = items[static_cast<size_t>(i)];
+        *sound = *sound &&
+                 is_sound({static_cast<const char *>(item.data), static_cast<size_t>(item.length)},
+                          item.length);
+    }
+    return taken;
+}
+
 int take_by_time(tmf_handle *h, bool *sound)
 {
     std::string buffer(ROOM, '\0');

@@ -32,8 +32,11 @@ std::string data_of(int length);
 // Verbs of a handle.
 int append_code(tmf_handle *h, int length);
 bool append(tmf_handle *h, int length);
+int append_many(tmf_handle *h, const lengths &records);
 // The length of the record read, 0 or a code; sound: whether it is what was written.
 int take(tmf_handle *h, int flags, bool *sound = nullptr);
+// Their number, 0 or a code.
+int take_many(tmf_handle *h, int count, int flags, bool *sound);
 int take_by_time(tmf_handle *h, bool *sound);
 
 struct message_facts {

@@ -35,7 +35,7 @@ proctype writer(byte me)
                 tmf_write_common();
                 data[c.end - 1] = number;
 #else
-                // tmf_write_record
+                // tmf_write_records
                 atomic {
                     data[c.end] = number;
                     d_step { c.records++; c.end++; dirty = true; wrote = number }
@@ -161,7 +161,7 @@ proctype reader(byte me)
         lives--;
         {
             tmf_fopen(c.readers, reader_lock[slot]);
-        next_call: // tmf_fread_record
+        next_call: // tmf_fread
             atomic {
                 tmf_get_common();
                 if
@@ -228,7 +228,7 @@ proctype reader(byte me)
                     assert(took != 0); // what the area counts is there
                     passed[me] = 0;
                     has_read = true;
-                    c.first++; // tmf_delete_record
+                    c.first++; // tmf_delete_records
                     c.records--;
                     dirty = true
                 };

@@ -221,6 +221,25 @@ static int read_long(tmf_handle *&h)
     return tmf_fread(h, data, sizeof(data), TMF_READ_LIMIT | TMF_READ_SIGNAL);
 }
 
+static int write_batch(tmf_handle *&h)
+{
+    static const char data[3000] = {};
+    const tmf_item items[] = {{data, sizeof(data)}, {data, 1}};
+    return tmf_fwrite_many(h, items, 2);
+}
+
+static int read_batch(tmf_handle *&h)
+{
+    static char data[3000];
+    tmf_item items[2];
+    return tmf_fread_many(h, items, 2, data, sizeof(data), TMF_READ_LIMIT | TMF_READ_SIGNAL);
+}
+
+static int remove_one(tmf_handle *&h)
+{
+    return tmf_fremove(h, 1);
+}
+
 static int read_by_time(tmf_handle *&h)
 {
     static char data[3000];
@@ -246,7 +265,10 @@ static std::vector<call_under_test> calls_under_test()
             calls.push_back(handle_call("tmf_getinfo", mode, proven, true, ask));
         }
         calls.push_back(handle_call("tmf_fwrite", 0, proven, true, write_long));
+        calls.push_back(handle_call("tmf_fwrite_many", 0, proven, true, write_batch));
         for (const bool records : {false, true}) {
+            calls.push_back(handle_call("tmf_fread_many", 1, proven, records, read_batch));
+            calls.push_back(handle_call("tmf_fremove", 3, proven, records, remove_one));
             calls.push_back(handle_call("tmf_fread", 1, proven, records, read_long));
             calls.push_back(handle_call("tmf_freadx", 1, proven, records, read_by_time));
         }
@@ -270,13 +292,24 @@ static void wrong_arguments(const std::string &path, std::map<std::string, std::
     codes["tmf_fwrite"].insert(tmf_fwrite(writer, "", 0));
     codes["tmf_fread"].insert(tmf_fread(writer, nullptr, 0, 0));
     codes["tmf_freadx"].insert(tmf_freadx(writer, nullptr, 0, 0, 0));
+    codes["tmf_fread_many"].insert(tmf_fread_many(writer, nullptr, 0, nullptr, 0, 0));
+    codes["tmf_fremove"].insert(tmf_fremove(writer, 0));
+    codes["tmf_fwrite_many"].insert(tmf_fwrite_many(writer, nullptr, 1));
     codes["tmf_getinfo"].insert(tmf_getinfo(writer, -1));
     tmf_fclose(writer);
     tmf_handle *reader = tmf_fopen(path.c_str(), TMF_MODE_READ);
     codes["tmf_fwrite"].insert(tmf_fwrite(reader, "x", 1));
     codes["tmf_fread"].insert(tmf_fread(reader, nullptr, -1, 0));
     codes["tmf_freadx"].insert(tmf_freadx(reader, nullptr, -1, 0, 0));
+    codes["tmf_fwrite_many"].insert(tmf_fwrite_many(reader, nullptr, 0));
+    codes["tmf_fread_many"].insert(tmf_fread_many(reader, nullptr, 1, nullptr, 0, 0));
+    codes["tmf_fremove"].insert(tmf_fremove(reader, 0));
     tmf_fclose(reader);
+    for (const int mode : {3, 7}) {
+        reader = tmf_fopen(path.c_str(), mode);
+        codes["tmf_fremove"].insert(tmf_fremove(reader, -1));
+        tmf_fclose(reader);
+    }
 }
 
 static void other_users(const std::string &path, std::map<std::string, std::set<int>> &codes)
@@ -292,6 +325,25 @@ static void other_users(const std::string &path, std::map<std::string, std::set<
         const lock_holder slots(path, 256, 4096); // of nobody who is registered
         codes["tmf_fopen"].insert(open_elsewhere(path, mode));
     }
+}
+
+// The calls for many records want memory for the records.
+static void no_memory(const std::string &path, std::map<std::string, std::set<int>> &codes)
+{
+    write_file(path, "");
+    const std::string data(5000, 'd');
+    tmf_handle *writer = tmf_fopen(path.c_str(), 0);
+    if (tmf_fwrite(writer, data.data(), 5000) + tmf_fwrite(writer, data.data(), 5000) != 0)
+        throw std::runtime_error("cannot write two records");
+    tmf_fclose(writer);
+    tmf_handle *reader = tmf_fopen(path.c_str(), TMF_MODE_READ | TMF_MODE_EXCLUSIVE);
+    std::string buf(5000, '\0');
+    tmf_item item;
+    fail_call(CALL_MALLOC, ENOMEM, 0, -1);
+    codes["tmf_fread_many"].insert(tmf_fread_many(reader, &item, 1, buf.data(), 5000, 0));
+    codes["tmf_fremove"].insert(tmf_fremove(reader, 2));
+    quiet();
+    tmf_fclose(reader);
 }
 
 std::map<std::string, std::set<int>> provoked_codes(const std::string &path)
@@ -319,6 +371,7 @@ std::map<std::string, std::set<int>> provoked_codes(const std::string &path)
         }
     }
     wrong_arguments(path, codes);
+    no_memory(path, codes);
     other_users(path, codes);
     return codes;
 }

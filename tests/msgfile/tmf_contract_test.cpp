@@ -106,6 +106,9 @@ static contract of_header()
             add(names, bracket);
         if (list.find("those of tmf_check") != std::string::npos)
             add(names, said.at("tmf_check"));
+        for (const char *other : {"tmf_fwrite", "tmf_fread"})
+            if (list.find(std::string("those of ") + other + " (") != std::string::npos)
+                add(names, said.at(other));
         if (list.find("those of tmf_fread but these two") != std::string::npos) {
             add(names, said.at("tmf_fread"));
             names.erase("TMF_ETIMEOUT");
@@ -181,12 +184,15 @@ TEST(TmfContract, PageNamesTheCodesThatCanCome)
     const std::map<std::string, code_names> calls = {
         {"open", {"tmf_fopen"}},
         {"close", {"tmf_fclose"}},
-        {"write", {"tmf_fwrite"}},
-        {"read", {"tmf_fread", "tmf_freadx"}},
+        {"write", {"tmf_fwrite", "tmf_fwrite_many"}},
+        {"read", {"tmf_fread", "tmf_freadx", "tmf_fread_many"}},
+        {"remove", {"tmf_fremove"}},
         {"info", {"tmf_getinfo"}},
         {"check", {"tmf_check"}},
         {"repair", {"tmf_repair"}},
-        {"every", {"tmf_fclose", "tmf_fwrite", "tmf_fread", "tmf_freadx", "tmf_getinfo"}}};
+        {"every",
+         {"tmf_fclose", "tmf_fwrite", "tmf_fwrite_many", "tmf_fread", "tmf_freadx",
+          "tmf_fread_many", "tmf_fremove", "tmf_getinfo"}}};
     const md_table table =
         md_find_table(md_section(md_page("docs/message-file.md"), "Errors"), "code");
     ASSERT_EQ(table.heads.at(2), "calls");

@@ -22,11 +22,11 @@ TEST(TmfLibrary, ExportsTheCallsOfItsHeaderAndNothingElse)
         names.insert(name);
         EXPECT_EQ(type, "T") << name;
     }
-    EXPECT_EQ(names, (std::multiset<std::string>{"tmf_check", "tmf_clearerr", "tmf_fclose",
-                                                 "tmf_fctl", "tmf_fflush", "tmf_finfo", "tmf_fopen",
-                                                 "tmf_fread", "tmf_freadx", "tmf_fwrite",
-                                                 "tmf_geterrmsg", "tmf_geterrno", "tmf_getinfo",
-                                                 "tmf_repair", "tmf_strerror"}));
+    EXPECT_EQ(names, (std::multiset<std::string>{
+                         "tmf_check", "tmf_clearerr", "tmf_fclose", "tmf_fctl", "tmf_fflush",
+                         "tmf_finfo", "tmf_fopen", "tmf_fread", "tmf_fread_many", "tmf_freadx",
+                         "tmf_fremove", "tmf_fwrite", "tmf_fwrite_many", "tmf_geterrmsg",
+                         "tmf_geterrno", "tmf_getinfo", "tmf_repair", "tmf_strerror"}));
 }
 
 // The name to link with leads to the library of this version, which programs ask for

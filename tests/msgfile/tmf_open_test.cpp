@@ -107,13 +107,14 @@ TEST_F(TmfOpen, HandleHoldsWhatTheModeAsksFor)
     EXPECT_EQ(h->fd, fd);
     EXPECT_NE(h->is_reader, 0);
     EXPECT_NE(h->copy_mode, 0);
+    EXPECT_NE(h->exclusive, 0);
     EXPECT_EQ(h->record_pids, 1);
     EXPECT_EQ(h->user_id, -1);
     EXPECT_EQ(h->common, nullptr);
     EXPECT_EQ(h->record_buffer, nullptr);
     EXPECT_EQ(h->file, &tmf_seeking_row);
     h->file = nullptr;
-    h->is_reader = h->copy_mode = h->record_pids = h->user_id = 0;
+    h->is_reader = h->copy_mode = h->exclusive = h->record_pids = h->user_id = 0;
     h->fd = 0;
     free(h->path);
     h->path = nullptr;

@@ -110,7 +110,7 @@ TEST_F(Installed, ManifestRemovesAllFiles)
 TEST_F(Installed, LibrariesHaveTheirNames)
 {
     EXPECT_EQ(fs::read_symlink(prefix + LIB + "/libtmf.so"), "libtmf.so.1");
-    EXPECT_EQ(fs::read_symlink(prefix + LIB + "/libtmf.so.1"), "libtmf.so.1.0");
+    EXPECT_EQ(fs::read_symlink(prefix + LIB + "/libtmf.so.1"), "libtmf.so.1.1");
     NEED_PROGRAM("readelf", "binutils");
     EXPECT_THAT(run_program({"/usr/bin/env", "readelf", "-d", prefix + LIB + "/libtmf.so"}).out,
                 HasSubstr("[libtmf.so.1]"));
@@ -149,13 +149,13 @@ TEST_F(Installed, NewerVersionIsNotFoundByCMake)
     const run_result configured = run_program({CMAKE_PROGRAM, "-S", dir.path(), "-B",
                                                dir.file("build"), "-DCMAKE_PREFIX_PATH=" + prefix});
     EXPECT_NE(configured.status, 0);
-    EXPECT_THAT(configured.err, HasSubstr("tmfConfig.cmake, version: 1.0"));
+    EXPECT_THAT(configured.err, HasSubstr("tmfConfig.cmake, version: 1.1"));
 }
 
 TEST_F(Installed, FoundByPkgConfig)
 {
     NEED_PROGRAM("pkg-config", "pkgconf");
-    expect_shell("pkg-config --modversion tmf", "1.0\n");
+    expect_shell("pkg-config --modversion tmf", "1.1\n");
     const std::string run = " && LD_LIBRARY_PATH=\"$LIB\" ./queue q";
     const std::string eval = "eval "; // the blank in the prefix is written "\\ "
     expect_shell(eval +

@@ -104,6 +104,63 @@ TEST_F(MessageWake, RecordWakesAllWaitingReadersAndOneTakesIt)
     expect_sound({});
 }
 
+// Each of the readers takes one of the batch's records, though it is told of them only once.
+TEST_F(MessageWake, BatchWakesAllWaitingReadersAndNoneSleepsWhileARecordIsThere)
+{
+    std::vector<std::unique_ptr<user_process>> readers;
+    for (int i = 0; i < 4; i++) {
+        readers.push_back(std::make_unique<user_process>(
+            i < 2 ? std::vector<deed>{opens(path, 1), reads(0), closes()}
+                  : std::vector<deed>{opens(path, 1), reads_batch(1, 0), closes()}));
+        ASSERT_EQ(readers.back()->run(), 0);
+        readers.back()->begin();
+    }
+    ASSERT_TRUE(come_to_wait({0, 1, 2, 3}));
+    user_process writer({opens(path, 0), writes_batch({"1", "1", "1", "1"}), closes()});
+    ASSERT_EQ(writer.run(), 0);
+    ASSERT_EQ(writer.run(), 0);
+    for (const auto &reader : readers)
+        EXPECT_EQ(reader->result(), 1);
+    EXPECT_EQ(look(path).common.record_count, 0);
+    EXPECT_EQ(writer.run(), 0);
+    for (const auto &reader : readers)
+        EXPECT_EQ(reader->run(), 0);
+    expect_sound({});
+}
+
+// One that takes them all leaves the others waiting, for the next ones.
+TEST_F(MessageWake, BatchTakenByOneReaderLeavesTheOthersWaiting)
+{
+    std::vector<std::unique_ptr<user_process>> readers;
+    for (int i = 0; i < 3; i++) {
+        readers.push_back(std::make_unique<user_process>(
+            std::vector<deed>{opens(path, 1), reads_batch(9, 0), closes()}));
+        ASSERT_EQ(readers.back()->run(), 0);
+        readers.back()->begin();
+    }
+    ASSERT_TRUE(come_to_wait({0, 1, 2}));
+    user_process writer({opens(path, 0), writes_batch({"1", "22", "333"}),
+                         writes_batch({"4444", "55555"}), writes("666666"), closes()});
+    ASSERT_EQ(writer.run(), 0);
+    const auto ended = [&] {
+        return std::count_if(readers.begin(), readers.end(),
+                             [](const auto &reader) { return reader->has_ended(); });
+    };
+    for (int n = 1; n <= 3; n++) {
+        ASSERT_EQ(writer.run(), 0);
+        ASSERT_TRUE(poll_until([&] { return ended() == n; }));
+    }
+    std::vector<int> counts(readers.size());
+    std::transform(readers.begin(), readers.end(), counts.begin(),
+                   [](const auto &reader) { return reader->result(); });
+    std::sort(counts.begin(), counts.end());
+    EXPECT_EQ(counts, (std::vector{1, 2, 3}));
+    EXPECT_EQ(writer.run(), 0);
+    for (const auto &reader : readers)
+        EXPECT_EQ(reader->run(), 0);
+    expect_sound({});
+}
+
 TEST_F(MessageWake, CloseOfTheLastWriterEndsTheWaitOfReadersThatHaveRead)
 {
     append({"1", "22"});

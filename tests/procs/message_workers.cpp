@@ -43,6 +43,27 @@ deed reads(int flags)
     };
 }
 
+deed writes_batch(const std::vector<std::string> &records)
+{
+    return [records](tmf_handle *&h) {
+        std::vector<tmf_item> items;
+        items.reserve(records.size());
+        for (const std::string &data : records)
+            items.push_back({data.data(), static_cast<int>(data.size())});
+        return tmf_fwrite_many(h, items.data(), static_cast<int>(items.size()));
+    };
+}
+
+deed reads_batch(int count, int flags)
+{
+    return [count, flags](tmf_handle *&h) {
+        std::vector<tmf_item> items(static_cast<size_t>(count));
+        std::vector<char> buffer(TMF_MAX_DATA);
+        return tmf_fread_many(h, items.data(), count, buffer.data(),
+                              static_cast<int>(buffer.size()), flags);
+    };
+}
+
 deed closes()
 {
     return [](tmf_handle *&h) { return tmf_fclose(h); };

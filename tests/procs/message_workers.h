@@ -22,6 +22,8 @@ using deed = std::function<int(tmf_handle *&)>;
 deed opens(const std::string &path, int mode); // the code when it fails
 deed writes(const std::string &data);
 deed reads(int flags); // the length of the record read
+deed writes_batch(const std::vector<std::string> &records);
+deed reads_batch(int count, int flags); // the number of records read
 deed closes();
 
 // What a step gives that does not end within a minute, and one that kills its
