@@ -159,6 +159,51 @@ static void told(tmf_handle *h, int code)
 
 static constexpr int most_reads = 100;
 
+// Records in copy mode, count by count (0: one by one), up to an end or a code.
+static int copies_of(tmf_handle *h, int count, records_of &copies)
+{
+    std::vector<char> room(TMF_MAX_DATA);
+    std::vector<tmf_item> items(static_cast<size_t>(count));
+    int got = 1;
+    while (copies.size() < most_reads && got > 0) {
+        if (count == 0) {
+            got = tmf_fread(h, room.data(), TMF_MAX_DATA, 0);
+            if (got > 0)
+                copies.emplace_back(room.data(), static_cast<size_t>(got));
+            continue;
+        }
+        got = tmf_fread_many(h, items.data(), count, room.data(), TMF_MAX_DATA, 0);
+        for (int i = 0; i < got; i++)
+            copies.emplace_back(static_cast<const char *>(items[static_cast<size_t>(i)].data),
+                                static_cast<size_t>(items[static_cast<size_t>(i)].length));
+    }
+    return std::min(got, 0);
+}
+
+// What calls for many records give is what calls for one give, up to the first record of no data,
+// which these cannot tell from the end.
+static void compare_batches(const std::string &path, int count)
+{
+    records_of singles;
+    records_of batches;
+    int codes[2] = {};
+    for (const bool many : {false, true}) {
+        tmf_handle *const h =
+            tmf_fopen(path.c_str(), TMF_MODE_READ | TMF_MODE_EXCLUSIVE | TMF_MODE_COPY);
+        if (h == nullptr)
+            return;
+        codes[many] = copies_of(h, many ? count : 0, many ? batches : singles);
+        (void)tmf_fclose(h);
+    }
+    const auto empty = std::find(batches.begin(), batches.end(), "");
+    const bool all = empty == batches.end() && singles.size() < most_reads;
+    batches.erase(empty, batches.end());
+    batches.resize(std::min<size_t>(batches.size(), most_reads));
+    fuzz_expect(singles == batches, "records read many at once are other ones");
+    if (all)
+        fuzz_equal(codes[0], codes[1], "records read many at once end with another code");
+}
+
 // Copy mode: each record once, nothing removed.
 static void read_copies(const std::string &path, const walk &model)
 {
@@ -309,6 +354,7 @@ static void run(std::string_view input)
         read(path, found.sound() ? model : walk());
     }
     fuzz_put(path, bytes);
+    compare_batches(path, 1 + static_cast<int>(bytes.size() % 9));
     append_record(path, found);
 }
 

@@ -114,6 +114,44 @@ class WritingAndReading(Messages):
                 with self.assertRaisesRegex(ValueError, "needs a reader with exclusive=True"):
                     call()
 
+    def test_many_at_once(self):
+        records = [b"record %d" % number for number in range(1000)] + [b"x" * tmf.MAX_DATA] * 9
+        with tmf.Writer(self.path) as writer:
+            writer.write_many(records)
+            writer.write_many([])
+            writer.write_many(iter([bytearray(b"last")]))
+            self.assert_error(
+                tmf.Code.ERECORD_SIZE, "Invalid record size.", writer.write_many, [b"one", b""]
+            )
+            with self.assertRaises(TypeError):
+                writer.write_many([b"one", "text"])
+            self.assertEqual(writer.info().records, len(records) + 1)
+        with tmf.Reader(self.path, keep=True) as reader:
+            self.assertEqual(reader.read_many(3), records[:3])
+            self.assertEqual(reader.read(), records[3])
+            shown = []
+            while some := reader.read_many(500):
+                shown += some
+            self.assertEqual(shown, records[4:] + [b"last"])
+        with tmf.Reader(self.path, exclusive=True) as reader:
+            self.assertEqual(reader.peek_many(2), records[:2])
+            reader.remove(2)
+            self.assertEqual(reader.peek_many(10000)[0], records[2])
+            reader.remove()
+            self.assertEqual(reader.read_many(10), records[3:13])
+            with self.assertRaisesRegex(ValueError, "there are not 998 records to remove"):
+                reader.remove(998)
+            self.assertEqual(reader.read(), records[13])
+            reader.remove(996)
+            self.assertEqual(reader.read_many(2), [])
+            for call in (reader.read_many, reader.peek_many, reader.remove):
+                with self.assertRaisesRegex(ValueError, "1 or more"):
+                    call(0)
+        with tmf.Reader(self.path) as reader:
+            for call in (reader.peek_many, reader.remove):
+                with self.assertRaisesRegex(ValueError, "exclusive=True"):
+                    call(1)
+
     def test_record_that_was_not_done_with_comes_again(self):
         self.make(b"one", b"two", b"three")
         with tmf.Reader(self.path, exclusive=True) as reader:
@@ -409,16 +447,31 @@ class Model(Messages):
         model = collections.deque()
         for _ in range(60):
             with self.subTest(seed=seed), tmf.Writer(self.path) as writer:
-                for _ in range(choose.randrange(12)):
-                    record = choose.randbytes(1 + choose.randrange(choose.choice((30, 32761))))
-                    writer.write(record)
-                    model.append(record)
+                for _ in range(choose.randrange(6)):
+                    records = [
+                        choose.randbytes(1 + choose.randrange(choose.choice((30, 32761))))
+                        for _ in range(choose.randrange(4))
+                    ]
+                    if len(records) == 1:
+                        writer.write(records[0])
+                    else:
+                        writer.write_many(records)
+                    model += records
             with self.subTest(seed=seed), tmf.Reader(self.path, keep=True) as reader:
                 self.assertEqual(list(reader), list(model))
             with self.subTest(seed=seed), tmf.Reader(self.path, exclusive=True) as reader:
                 for _ in range(choose.randrange(12)):
                     first = model[0] if model else None
-                    if choose.random() < 0.5:
+                    if choose.random() < 0.3:
+                        count = 1 + choose.randrange(6)
+                        some = reader.peek_many(count)
+                        self.assertEqual(some, list(model)[:count])
+                        if some:
+                            count = 1 + choose.randrange(len(some))
+                            reader.remove(count)
+                            for _ in range(count):
+                                model.popleft()
+                    elif choose.random() < 0.5:
                         self.assertEqual(reader.peek(), first)
                         if first is not None and choose.random() < 0.5:
                             reader.remove()

@@ -1,11 +1,13 @@
-// Message files, by the library's calls.  Records are kept, and read one behind the other, or each
-// is removed when its lines have been written: nobody else may read the file meanwhile.  Kept ones
-// cannot be waited for in the library, which waits only where it has no first record to give.
+// Message files, by the library's calls.  Records are kept, and read many at once, or each is
+// removed when its lines have been written, so that no more than one can come twice: nobody else
+// may read the file meanwhile.  Kept ones cannot be waited for in the library, which waits only
+// where it has no first record to give.
 #include "msgfile/tmf.h"
 #include "tools/capread/capread.h"
 #include "util/round_timer.h"
 #include "util/stop_signal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
@@ -16,14 +18,18 @@
 constexpr int ROUND_SECONDS = 1;
 
 constexpr int USUAL_LENGTH = 2048; // of a record; the library reads as much as it is asked for
+constexpr int BATCH = 256;         // kept records of a call
+constexpr int BATCH_ROOM = 131072; // and their data
 constexpr off_t SMALLEST = 256;    // a shorter file would be filled up when it is opened
 
 struct message_input {
     capread_run &run;
     tmf_handle *h = nullptr;
     std::vector<char> buffer = {};
-    int64_t taken = 0; // records read, of a file that keeps them
-    int32_t there = 0; // records found, of one that does not, and not removed since
+    std::vector<tmf_item> batch = {}; // kept records in the buffer
+    size_t next = 0;                  // the first of them that was not put yet
+    int64_t taken = 0;                // records read, of a file that keeps them
+    int32_t there = 0;                // records found, of one that does not, and not removed since
     int usual = USUAL_LENGTH;
 };
 
@@ -60,14 +66,12 @@ static outcome count_records(const message_input &in, int32_t &records)
     return failed(in, tmf_strerror(code));
 }
 
-// Puts the record in the buffer.
-static outcome put_record(message_input &in, int length)
+static outcome put_record(const message_input &in, std::string_view bytes)
 {
     capread_run &run = in.run;
-    const std::string_view bytes(in.buffer.data(), static_cast<size_t>(length));
     run.number++;
     if (bytes.size() < run.record.header.length)
-        return capread_at(run, outcome_bad("it has " + std::to_string(length) +
+        return capread_at(run, outcome_bad("it has " + std::to_string(bytes.size()) +
                                            " bytes, where these options have a header of " +
                                            std::to_string(run.record.header.length)));
     outcome done = rec_record_begin(run.record, bytes);
@@ -84,13 +88,8 @@ static outcome at_end(message_input &in, bool &more)
     int32_t records = 0;
     if (outcome done = count_records(in, records); !done)
         return done;
-    if (records > in.taken) {
-        const int got = tmf_fread(in.h, in.buffer.data(), static_cast<int>(in.buffer.size()), 0);
-        if (got < 0)
-            return failed_call(in);
-        in.taken++;
-        return put_record(in, got); // 0: of no data, which none is
-    }
+    if (records > in.taken) // come meanwhile
+        return {};
     more = in.run.follow;
     if (!more)
         return {};
@@ -100,13 +99,21 @@ static outcome at_end(message_input &in, bool &more)
 
 static outcome keep_step(message_input &in, bool &more)
 {
-    const int got = tmf_fread(in.h, in.buffer.data(), static_cast<int>(in.buffer.size()), 0);
-    if (got < 0)
-        return failed_call(in);
-    if (got == 0)
-        return at_end(in, more);
-    in.taken++;
-    return put_record(in, got);
+    if (in.next == in.batch.size()) {
+        in.batch.resize(BATCH);
+        const int got = tmf_fread_many(in.h, in.batch.data(), BATCH, in.buffer.data(),
+                                       static_cast<int>(in.buffer.size()), 0);
+        in.next = 0;
+        in.batch.resize(static_cast<size_t>(std::max(got, 0)));
+        if (got < 0)
+            return failed_call(in);
+        if (got == 0)
+            return at_end(in, more);
+        in.taken += got;
+    }
+    const tmf_item &record = in.batch[in.next++];
+    return put_record(in,
+                      {static_cast<const char *>(record.data), static_cast<size_t>(record.length)});
 }
 
 // What is written has to be removed: only a second signal keeps it from that.
@@ -163,7 +170,7 @@ static outcome remove_step(message_input &in, bool &more)
         return {};
     if (in.there > 0)
         in.there--;
-    outcome done = put_record(in, got);
+    outcome done = put_record(in, {in.buffer.data(), static_cast<size_t>(got)});
     if (done)
         done = capread_flush(in.run.output);
     return done ? remove_record(in) : std::move(done);
@@ -178,7 +185,7 @@ outcome capread_messages(capread_run &run)
     in.h = tmf_fopen(run.file, mode);
     if (in.h == nullptr)
         return failed_call(in);
-    in.buffer.resize(TMF_MAX_DATA);
+    in.buffer.resize(run.remove ? TMF_MAX_DATA : BATCH_ROOM);
     round_timer_install();
     outcome done;
     for (bool more = true; more && done;) {

@@ -1,6 +1,8 @@
 // tmf read: records from the front of a message file to standard output.  A
 // record is read without removing it, written, and only then removed, which is
-// safe because no other reader may have the file open.
+// safe because no other reader may have the file open.  Those that stay in the file
+// are read many at once; others are not, since a read that is killed may give no
+// more than one twice, or beside other readers lose no more than one.
 #include "msgfile/tmf_layout.h"
 #include "tools/tmf/tmf_tool.h"
 #include "util/json_text.h"
@@ -27,6 +29,10 @@
 // file may keep a port in its wait list that is another file's reader's by now.
 // So a timer ends the round.
 static constexpr int round_seconds = 1;
+
+// Records that are read at once where they stay in the file, and room for their data.
+static constexpr int batch_records = 256;
+static constexpr size_t batch_room = 131072;
 
 enum read_format { FORMAT_LINES, FORMAT_RAW, FORMAT_HEX, FORMAT_JSON, FORMAT_FRAMED };
 
@@ -57,8 +63,10 @@ static constexpr cli_option rows[] = {
 
 struct read_state {
     tmf_handle *h = nullptr;
-    std::vector<char> record;                   // room for the longest that a file can state
-    size_t length = 0;                          // of the record in hand
+    std::vector<char> buffer;                   // room for the longest that a file can state
+    std::vector<tmf_item> batch;                // kept records in the buffer
+    size_t next = 0;                            // the first of them that is not in hand yet
+    std::string_view record;                    // in hand
     int64_t given = 0;                          // records written
     int64_t known = 0;                          // records found in the file and not read since
     int32_t writers = 0;                        // registered at that time
@@ -95,7 +103,7 @@ static void put_json(std::string &out, int64_t number, std::string_view data)
 
 static void put_record(read_state &state)
 {
-    const std::string_view data(state.record.data(), state.length);
+    const std::string_view data = state.record;
     state.out.clear();
     switch (static_cast<read_format>(options.format)) {
     case FORMAT_LINES:
@@ -188,8 +196,42 @@ static bool wait_goes_on(const read_state &state)
     return options.follow || state.writers > 0;
 }
 
+// What a read of a record or of many that failed comes to.
+static read_found failed_read(const read_state &state, int code)
+{
+    if (caused_by_stop(code))
+        return READ_STOPPED;
+    (void)tmft_complain_handle(options.file, state.h); // the result says it
+    return READ_FAILED;
+}
+
+// Takes the next of the records that stay in the file, of which there are some.
+static read_found next_kept(read_state &state)
+{
+    if (state.next == state.batch.size()) {
+        state.batch.resize(batch_records);
+        const int got =
+            tmf_fread_many(state.h, state.batch.data(), batch_records, state.buffer.data(),
+                           static_cast<int>(state.buffer.size()), 0);
+        state.next = 0;
+        state.batch.resize(static_cast<size_t>(std::max(got, 0)));
+        if (got < 0)
+            return failed_read(state, got);
+        if (got == 0) { // a repair has cut them off
+            state.known = 0;
+            return READ_NOTHING_YET;
+        }
+    }
+    const tmf_item &record = state.batch[state.next++];
+    state.record = {static_cast<const char *>(record.data), static_cast<size_t>(record.length)};
+    state.known = std::max<int64_t>(state.known - 1, 0);
+    return READ_RECORD;
+}
+
 static read_found next_record(read_state &state)
 {
+    if (options.keep && state.next < state.batch.size())
+        return next_kept(state);
     if (state.known == 0) {
         const read_found seen = look(state);
         if (seen == READ_NOTHING_YET && !wait_goes_on(state))
@@ -197,25 +239,22 @@ static read_found next_record(read_state &state)
         if (seen != READ_RECORD && seen != READ_NOTHING_YET)
             return seen;
     }
-    int flags = 0;
-    if (!options.keep && !options.shared)
-        flags |= TMF_READ_KEEP;
+    if (options.keep)
+        return next_kept(state);
+    int flags = options.shared ? 0 : TMF_READ_KEEP;
     if (options.follow || options.wait >= 0)
         flags |= TMF_READ_WAIT;
     const bool waits = state.known == 0;
     if (waits)
         round_timer_start(round_seconds);
-    const int got = tmf_freadx(state.h, state.record.data(), static_cast<int>(state.record.size()),
+    const int got = tmf_freadx(state.h, state.buffer.data(), static_cast<int>(state.buffer.size()),
                                flags, round_seconds);
     if (waits)
         round_timer_stop();
     if (got < 0) {
-        if (caused_by_stop(got))
-            return READ_STOPPED;
-        if (waits && round_timer_over() && interrupted(got))
+        if (waits && !caused_by_stop(got) && round_timer_over() && interrupted(got))
             return READ_NOTHING_YET;
-        (void)tmft_complain_handle(options.file, state.h); // the result says it
-        return READ_FAILED;
+        return failed_read(state, got);
     }
     // Nothing was there, or another reader was faster.  To a reader alone, 0 bytes
     // of a record that is there are a record of no data.
@@ -225,7 +264,7 @@ static read_found next_record(read_state &state)
     }
     if (state.known != 0)
         state.known--;
-    state.length = static_cast<size_t>(got);
+    state.record = {state.buffer.data(), static_cast<size_t>(got)};
     return READ_RECORD;
 }
 
@@ -319,7 +358,7 @@ static outcome run()
             return OUTCOME_STOPPED;
         return tmft_complain_handle(file, nullptr);
     }
-    state.record.resize(TMF_MAX_LENGTH);
+    state.buffer.resize(options.keep ? batch_room : TMF_MAX_LENGTH);
     return tmft_close(state.h, file, give_records(state));
 }
 

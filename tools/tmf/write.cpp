@@ -1,5 +1,6 @@
-// tmf write: records from standard input to the end of a message file.  One that is refused
-// ends it; those before it are in the file, and the message has its number.
+// tmf write: records from standard input to the end of a message file, those that one read of
+// the input has brought in one call.  One that is refused ends it; those before it are in the file,
+// and the message has its number.
 #include "tools/tmf/tmf_tool.h"
 #include "util/stop_signal.h"
 
@@ -46,6 +47,7 @@ struct record_source {
     size_t scanned = 0; // no mark before here
     size_t end = 0;     // of the bytes read
     bool at_end = false;
+    bool held = false; // nothing more is read: records given before are still needed
 };
 
 static outcome reading_failed()
@@ -129,13 +131,15 @@ static outcome next_framed(record_source &source, std::string_view &record)
             return outcome_bad(has_length ? part_text(there - TMFT_LENGTH_SIZE, length)
                                           : part_text(there, TMFT_LENGTH_SIZE) + " of its length");
         }
+        if (source.held)
+            return {};
         if (outcome filled = fill(source); !filled)
             return filled;
     }
 }
 
-// Gives the next record, valid until the next call; an empty one at the end of the input.
-// OUTCOME_BAD says what is wrong with it.
+// Gives the next record, valid until more is read; an empty one at the end of the input, or of
+// what is there of a source that is held.  OUTCOME_BAD says what is wrong with it.
 static outcome next_record(record_source &source, std::string_view &record)
 {
     record = {};
@@ -164,6 +168,8 @@ static outcome next_record(record_source &source, std::string_view &record)
                 return give(source, record, there, there);
             return outcome_bad(part_text(there, source.size));
         }
+        if (source.held)
+            return {};
         if (outcome filled = fill(source); !filled)
             return filled;
     }
@@ -195,28 +201,70 @@ static outcome append_failed(tmf_handle *h, int code, uint64_t &written)
     return tmft_complain(options.file, told.c_str());
 }
 
+// Gives the next record and those behind it that are there; none at the end of the input.  What
+// ended them comes with them.
+static outcome next_records(record_source &source, std::vector<tmf_item> &records)
+{
+    records.clear();
+    source.held = false;
+    for (;;) {
+        std::string_view record;
+        outcome found = next_record(source, record);
+        if (!found || record.empty())
+            return found;
+        records.push_back({record.data(), static_cast<int>(record.size())});
+        source.held = true;
+    }
+}
+
+// Whether nothing was appended for want of room, so that a few of the records may still fit.
+static bool may_fit_in_part(int code)
+{
+    return code == TMF_EWRITE_DATA || code == TMF_EWRITE_DATA_EOF || code == TMF_ESEEK_DATA ||
+           code == TMF_EINTERNAL;
+}
+
+static outcome append_batch(tmf_handle *h, const std::vector<tmf_item> &records, uint64_t &written)
+{
+    const int count = static_cast<int>(records.size());
+    const int code = tmf_fwrite_many(h, records.data(), count);
+    if (code == TMF_ESEND) // all are in the file, and the last one is told of
+        written += records.size() - 1;
+    if (code != 0 && (count == 1 || !may_fit_in_part(code)))
+        return append_failed(h, code, written);
+    if (code == 0) {
+        written += records.size();
+        return {};
+    }
+    for (const tmf_item &record : records) {
+        if (const int failed = tmf_fwrite(h, record.data, record.length); failed != 0)
+            return append_failed(h, failed, written);
+        written++;
+    }
+    return {};
+}
+
 // Appends records until the input ends.
 static outcome append_records(tmf_handle *h, uint64_t &written)
 {
     record_source source{.mark = options.null ? '\0' : '\n',
                          .size = static_cast<size_t>(options.size),
                          .framed = options.framed};
+    std::vector<tmf_item> records;
     for (;;) {
         if (stop_signal_get() != 0)
             return stopped(written);
-        std::string_view record;
-        outcome found = next_record(source, record);
+        outcome found = next_records(source, records);
+        if (!records.empty())
+            if (outcome done = append_batch(h, records, written); !done)
+                return done;
         if (found.kind() == OUTCOME_STOPPED)
             return stopped(written);
         if (found.kind() == OUTCOME_BAD)
             return outcome_failed("standard input: record %" PRIu64 " %s", written + 1,
                                   found.text().c_str());
-        if (!found || record.empty())
+        if (!found || records.empty())
             return found;
-        const int failed = tmf_fwrite(h, record.data(), static_cast<int>(record.size()));
-        if (failed != 0)
-            return append_failed(h, failed, written);
-        written++;
     }
 }
 
