@@ -44,9 +44,14 @@ TEST_F(CodeRemedy, OpensThatOthersOrArgumentsForbid)
     EXPECT_EQ(md_code_remedy(TMF_ENONAME), "name a file");
     EXPECT_EQ(opened("", 0), TMF_ENONAME);
     EXPECT_EQ(written(path, "one"), 0);
-    EXPECT_EQ(md_code_remedy(TMF_ECOPYMODE), "open with 7");
+    EXPECT_EQ(md_code_remedy(TMF_ECOPYMODE), "open with 7; to remove, with 3");
     EXPECT_EQ(opened(path, TMF_MODE_COPY), TMF_ECOPYMODE);
     EXPECT_EQ(opened(path, 7), 0);
+    for (const int mode : {1, 7, 3}) {
+        tmf_handle *h = tmf_fopen(path.c_str(), mode);
+        EXPECT_EQ(tmf_fremove(h, 0), mode == 3 ? 0 : TMF_ECOPYMODE) << mode;
+        EXPECT_EQ(tmf_fclose(h), 0);
+    }
     for (const int mode : {0, TMF_MODE_READ}) {
         const int present = mode == 0 ? TMF_EWRITER_PRESENT : TMF_EREADER_PRESENT;
         const int exclusive = mode == 0 ? TMF_EWRITER_EXCLUSIVE : TMF_EREADER_EXCLUSIVE;
