@@ -4,7 +4,6 @@
 #define FEED_WAL2JSON_LINE_H
 
 #include "feed/row.h"
-#include "util/outcome.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -25,12 +24,8 @@ struct w2j_line {
     bool transactional = false;    // M
     std::string prefix;            // M
     std::string content;           // M
-    std::deque<std::string> texts; // the first used ones hold the values of the rows
+    std::deque<std::string> texts; // the first used ones hold values of the rows
     size_t used = 0;
 };
-
-// Reads one line.  OUTCOME_BAD: not JSON, not UTF-8, a member that is missing, given
-// twice or of the wrong type.
-outcome w2j_parse(w2j_line &line, std::string_view text);
 
 #endif

@@ -5,6 +5,7 @@
 #include "feed/stamp.h"
 #include "feed/text.h"
 #include "feed/wal2json/columns.h"
+#include "feed/wal2json/parse.h"
 #include "fwutil/fwu_start.h"
 #include "fwutil/fwu_time.h"
 

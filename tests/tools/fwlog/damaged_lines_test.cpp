@@ -1,7 +1,7 @@
 // Lines of the recorded stream with bytes changed, taken out and doubled: each
 // is either refused with a reason or gives an image of the right length.
 #include "feed/image.h"
-#include "feed/wal2json/line.h"
+#include "feed/wal2json/parse.h"
 #include "fwutil/fwu_config.h"
 #include "tests/support/tempdir.h"
 

@@ -1,6 +1,6 @@
 // Lines of a change stream: what a line gives, and each way in which one can be
 // wrong.
-#include "feed/wal2json/line.h"
+#include "feed/wal2json/parse.h"
 
 #include <gtest/gtest.h>
 
