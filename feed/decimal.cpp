@@ -128,7 +128,8 @@ feed_number_result feed_put_integer(std::string_view text, bool is_signed, bool 
         return fit == FEED_NUMBER_DIGITS ? FEED_NUMBER_RANGE : fit;
 
     uint64_t value = 0;
-    for (int64_t power = UINT64_DIGITS - 1; power >= 0; power--) {
+    for (int64_t power = std::min(number.point - number.first, UINT64_DIGITS) - 1; power >= 0;
+         power--) {
         const unsigned digit = digit_of_power(number, power);
         if (value > (UINT64_MAX - digit) / 10)
             return FEED_NUMBER_RANGE;
