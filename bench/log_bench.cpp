@@ -115,7 +115,10 @@ bench_measure bench_run(const std::function<void()> &body)
     struct rusage usage = {};
     if (wait4(pid, &status, 0, &usage) != pid || status != 0)
         bench_fail("a run failed");
-    return {bench_since(begin), usage.ru_maxrss};
+    const auto seconds = [](const struct timeval &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return {bench_since(begin), seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss};
 }
 
 double bench_median(std::vector<double> values)

@@ -20,6 +20,7 @@ void bench_make_log(const std::string &directory, int changes);
 
 struct bench_measure {
     double seconds = 0;
+    double cpu_seconds = 0; // of them at work
     long peak_kib = 0;
 };
 

@@ -8,8 +8,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <string_view>
+
+// The memory of feed/wal2json/swift, which is kept from line to line.
+struct w2j_swift;
+struct w2j_swift_free {
+    void operator()(w2j_swift *swift) const;
+};
+using w2j_swift_memory = std::unique_ptr<w2j_swift, w2j_swift_free>;
 
 struct w2j_line {
     char action = 0; // B I U D C M T
@@ -26,6 +34,7 @@ struct w2j_line {
     std::string content;           // M
     std::deque<std::string> texts; // the first used ones hold values of the rows
     size_t used = 0;
+    w2j_swift_memory swift; // holds the others
 };
 
 #endif

@@ -1,7 +1,10 @@
-// The parser calls back for every piece of the line.
+// Two parsers tell the pieces of a line.  The swift one (feed/wal2json/swift) takes the lines that
+// are as they should be; all others, above all every one that is refused, the other one, which is
+// there in every build: what is wrong with a line, and where, has one origin.
 #include "feed/wal2json/parse.h"
 
 #include "feed/wal2json/pieces.h"
+#include "feed/wal2json/swift.h"
 
 #include <charconv>
 #include <cstring>
@@ -95,7 +98,7 @@ struct handler {
     }
 };
 
-outcome w2j_parse(w2j_line &line, std::string_view text)
+outcome w2j_parse_plain(w2j_line &line, std::string_view text)
 {
     // The parser takes a NUL byte for the end of its input.
     if (const void *nul = memchr(text.data(), 0, text.size()))
@@ -107,4 +110,10 @@ outcome w2j_parse(w2j_line &line, std::string_view text)
     if (!wide_json::sax_parse(text.data(), text.data() + text.size(), &calls))
         return std::move(pieces.done);
     return pieces.check();
+}
+
+outcome w2j_parse(w2j_line &line, std::string_view text)
+{
+    w2j_pieces pieces(line);
+    return w2j_swift_tell(line.swift, pieces, text) ? pieces.check() : w2j_parse_plain(line, text);
 }

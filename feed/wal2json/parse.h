@@ -11,4 +11,7 @@
 // twice or of the wrong type.
 outcome w2j_parse(w2j_line &line, std::string_view text);
 
+// The same without the swift parser.
+outcome w2j_parse_plain(w2j_line &line, std::string_view text);
+
 #endif

@@ -2,8 +2,10 @@
 // sound and has as many changes as were counted, and a line that is refused is refused again.
 //
 // An input is a byte of flags, and the lines.
+#include "feed/wal2json/parse.h"
 #include "feed/wal2json/stream.h"
 #include "fwutil/fwu_log.h"
+#include "tests/feed/wal2json/line_shown.h"
 #include "tests/fuzz/target.h"
 #include "tests/fuzz/work.h"
 #include "tools/fwlog/fwlog.h"
@@ -28,15 +30,21 @@ static const char config_lines[] = "log-directory loaded\n"
                                    "item H X 1\n"
                                    "item NULL-MAP X 8 null-map\n";
 
-static void parse(std::string_view text)
+static void parse(w2j_line &line, std::string_view text)
 {
     const std::unique_ptr<char[]> exact(new char[text.size()]);
     text.copy(exact.get(), text.size());
-    w2j_line line;
     const outcome once = w2j_parse(line, {exact.get(), text.size()});
     const char action = line.action;
     const outcome twice = w2j_parse(line, text);
     fuzz_equal(once.text(), twice.text(), "w2j_parse twice");
+    w2j_line plain;
+    const outcome by_plain = w2j_parse_plain(plain, text);
+    w2j_line fresh;
+    fresh.swift = std::move(line.swift); // whose memory has had the lines before
+    const outcome by_both = w2j_parse(fresh, text);
+    fuzz_equal(shown_line(fresh, by_both), shown_line(plain, by_plain), "both parsers");
+    line.swift = std::move(fresh.swift);
     if (!once) {
         fuzz_expect(once.kind() == OUTCOME_BAD && !once.text().empty(), "refused without a text");
         return;
@@ -106,10 +114,11 @@ static void run(std::string_view input)
 {
     fuzz_bytes in = {input};
     const int flags = in.byte();
+    w2j_line one;
     for (std::string_view lines = in.rest; !lines.empty();) {
         const std::string_view line = lines.substr(0, lines.find('\n'));
         lines.remove_prefix(std::min(line.size() + 1, lines.size()));
-        parse(line);
+        parse(one, line);
     }
     load(in.rest, flags);
 }
