@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +19,16 @@ int fwu_log_end_mode(const std::string &directory, int log_mode, mode_t &mode)
         return fwu_file_error(directory, "cannot open the log directory");
     mode = log_mode >= 0 ? static_cast<mode_t>(log_mode) : 0600 | (st.st_mode & 0666);
     return 0;
+}
+
+int fwu_log_end_directory(fwu_log_end &log, int log_mode)
+{
+    const auto mode = static_cast<mode_t>(log_mode >= 0 ? log_mode : 0600);
+    if (mkdir(log.directory.c_str(), 0700) == 0)
+        (void)chmod(log.directory.c_str(), mode | (mode & 0444) >> 2); // who reads may enter
+    else if (errno != EEXIST)
+        return fwu_file_error(log.directory, "cannot create the log directory");
+    return fwu_log_end_mode(log.directory, log_mode, log.file_mode);
 }
 
 static int lock_error(const std::string &path, int fd)
@@ -80,6 +91,69 @@ int fwu_log_end_put_header(fwu_log_end &log, int fd, const fwu_log_file &file,
     if (fwu_write_all(fd, bytes, sizeof bytes, 0) != 0)
         return fwu_file_error(file.path, "cannot create the log file");
     return 0;
+}
+
+static int put_given_header(int fd, const fwu_log_file &file, const fwu_file_header &header)
+{
+    unsigned char bytes[FWU_FILE_HEADER_SIZE];
+    fwu_file_header_put(bytes, header);
+    if (fwu_write_all(fd, bytes, sizeof bytes, 0) != 0)
+        return fwu_file_error(file.path, "cannot create the log file");
+    return 0;
+}
+
+int fwu_log_end_begin_file(fwu_log_end &log, const fwu_file_number &number,
+                           const fwu_file_header *given)
+{
+    fwu_log_file file;
+    file.generation = number.generation;
+    file.sequence = number.sequence;
+    if (file.generation > FWU_GENERATION_MAX)
+        return fwu_error("%s: the log has used all its file numbers", log.directory.c_str());
+    file.name = fwu_log_file_name(file.generation, file.sequence);
+    file.path = log.directory + "/" + file.name;
+    const std::string temporary = log.directory + "/new-log-file";
+    if (log.fd >= 0 && fwu_log_end_sync(log) != 0)
+        return -1;
+    const int fd = fwu_file_anew(temporary, O_RDWR, log.file_mode);
+    if (fd < 0)
+        return fwu_file_error(temporary, "cannot create a log file");
+    fwu_file_header header = given == nullptr ? fwu_file_header() : *given;
+    int result = given == nullptr ? fwu_log_end_put_header(log, fd, file, header)
+                                  : put_given_header(fd, file, header);
+    if (result == 0 && fdatasync(fd) != 0)
+        result = fwu_file_error(file.path, "cannot bring the log file to disk");
+    if (result == 0 && (!log.have_ack || log.synced.position != log.acked.position))
+        result = fwu_log_end_keep(log);
+    if (result == 0 && rename(temporary.c_str(), file.path.c_str()) != 0)
+        result = fwu_file_error(file.path, "cannot create the log file");
+    if (result != 0) {
+        close(fd);
+        (void)unlink(temporary.c_str()); // the next attempt would truncate it
+        return result;
+    }
+    if (log.fd >= 0)
+        close(log.fd);
+    log.fd = fd;
+    log.file = file;
+    log.header = header;
+    log.end = FWU_FILE_HEADER_SIZE;
+    log.last_tag = 0;
+    log.torn = false;
+    log.new_name = true;
+    fwu_layouts_clear(log.layouts);
+    return 0;
+}
+
+void fwu_log_end_advance(fwu_log_end &log, int64_t bytes, int32_t tag, const fwu_commit &commit)
+{
+    log.end += bytes;
+    log.last_tag = tag;
+    log.last = commit;
+    log.here.position = {log.file.generation, log.file.sequence, log.last_tag};
+    log.here.end = log.end;
+    log.here.commit = commit;
+    log.unsynced = true;
 }
 
 // Nothing counts as logged any more, neither here nor in the next run before the

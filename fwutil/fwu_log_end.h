@@ -8,6 +8,7 @@
 
 #include "fwutil/fwu_ack.h"
 #include "fwutil/fwu_entry.h"
+#include "fwutil/fwu_file_number.h"
 #include "fwutil/fwu_layouts.h"
 
 #include <cstdint>
@@ -51,6 +52,10 @@ struct fwu_log_end {
 // directory's own mode; 0 or -1 (reported).
 int fwu_log_end_mode(const std::string &directory, int log_mode, mode_t &mode);
 
+// Makes the log directory where it is missing, and finds the mode of the files in it.
+// 0 or -1 (reported).
+int fwu_log_end_directory(fwu_log_end &log, int log_mode);
+
 // Takes the writer's lock, which closing the descriptor releases.  The descriptor, or
 // -1 (reported, with the process that has it).
 int fwu_log_end_lock(const std::string &directory, mode_t mode);
@@ -61,6 +66,17 @@ int fwu_log_end_cut_tail(fwu_log_end &log);
 // Writes a log file's header, which it makes; 0, or -1 (reported).
 int fwu_log_end_put_header(fwu_log_end &log, int fd, const fwu_log_file &file,
                            fwu_file_header &header);
+
+// Makes the file of this number, behind the last one, with the header that is given or one of its
+// own.  Whatever is said of syncing, the last one is on disk before, so that a power cut leaves no
+// hole in front of good files; and the new one's header is, before it gets its name, so that
+// nobody sees less of it.  0 or -1 (reported).
+int fwu_log_end_begin_file(fwu_log_end &log, const fwu_file_number &number,
+                           const fwu_file_header *given = nullptr);
+
+// Notes a transaction that was written behind the end: so many bytes, the last of them its
+// commit entry with this tag.
+void fwu_log_end_advance(fwu_log_end &log, int64_t bytes, int32_t tag, const fwu_commit &commit);
 
 // Brings the log to disk.  0 or -1 (reported): once that has failed it fails for good,
 // in the next run too, before that has written the file again.

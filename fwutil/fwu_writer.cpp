@@ -51,17 +51,6 @@ struct fwu_writer {
     std::vector<bool> valued; // scratch: the items whose whole value was given
 };
 
-// The directory, and the mode of the files that will be made in it.
-static int make_directory(fwu_writer &w, int log_mode)
-{
-    const auto mode = static_cast<mode_t>(log_mode >= 0 ? log_mode : 0600);
-    if (mkdir(w.log.directory.c_str(), 0700) == 0)
-        (void)chmod(w.log.directory.c_str(), mode | (mode & 0444) >> 2); // who reads may enter
-    else if (errno != EEXIST)
-        return fwu_file_error(w.log.directory, "cannot create the log directory");
-    return fwu_log_end_mode(w.log.directory, log_mode, w.log.file_mode);
-}
-
 static int take_lock(fwu_writer &w)
 {
     w.lock_fd = fwu_log_end_lock(w.log.directory, w.log.file_mode);
@@ -90,7 +79,7 @@ int fwu_writer_open(fwu_writer **writer, const fwu_config &config)
     w->sync = config.sync;
     w->sync_interval_ms = config.sync_interval_ms;
     w->retention.keep = config.keep;
-    if (make_directory(*w, config.log_mode) == 0 && take_lock(*w) == 0 &&
+    if (fwu_log_end_directory(w->log, config.log_mode) == 0 && take_lock(*w) == 0 &&
         fwu_recover(w->log) == 0) {
         fwu_writer_tend(w.get());
         *writer = w.release();
@@ -338,49 +327,12 @@ mode_t fwu_writer_file_mode(const fwu_writer *writer)
     return writer->log.file_mode;
 }
 
-// Makes the file behind the last one.  Whatever sync says, the last one is on disk
-// before, so that a power cut leaves no hole in front of good files; and the new
-// one's header is, before it gets its name, so that nobody sees less of it.
+// Makes the file behind the last one.
 static int begin_file(fwu_writer &w)
 {
-    const fwu_file_number number = fwu_file_number_behind(fwu_file_number_of(w.log.file));
-    fwu_log_file file;
-    file.generation = std::max(number.generation, 1);
-    file.sequence = number.sequence;
-    if (file.generation > FWU_GENERATION_MAX)
-        return fwu_error("%s: the log has used all its file numbers", w.log.directory.c_str());
-    file.name = fwu_log_file_name(file.generation, file.sequence);
-    file.path = w.log.directory + "/" + file.name;
-    const std::string temporary = w.log.directory + "/new-log-file";
-    if (w.log.fd >= 0 && fwu_log_end_sync(w.log) != 0)
-        return -1;
-    const int fd = fwu_file_anew(temporary, O_RDWR, w.log.file_mode);
-    if (fd < 0)
-        return fwu_file_error(temporary, "cannot create a log file");
-    fwu_file_header header;
-    int result = fwu_log_end_put_header(w.log, fd, file, header);
-    if (result == 0 && fdatasync(fd) != 0)
-        result = fwu_file_error(file.path, "cannot bring the log file to disk");
-    if (result == 0 && (!w.log.have_ack || w.log.synced.position != w.log.acked.position))
-        result = fwu_log_end_keep(w.log);
-    if (result == 0 && rename(temporary.c_str(), file.path.c_str()) != 0)
-        result = fwu_file_error(file.path, "cannot create the log file");
-    if (result != 0) {
-        close(fd);
-        (void)unlink(temporary.c_str()); // the next attempt would truncate it
-        return result;
-    }
-    if (w.log.fd >= 0)
-        close(w.log.fd);
-    w.log.fd = fd;
-    w.log.file = file;
-    w.log.header = header;
-    w.log.end = FWU_FILE_HEADER_SIZE;
-    w.log.last_tag = 0;
-    w.log.torn = false;
-    w.log.new_name = true;
-    fwu_layouts_clear(w.log.layouts);
-    return 0;
+    fwu_file_number number = fwu_file_number_behind(fwu_file_number_of(w.log.file));
+    number.generation = std::max(number.generation, 1);
+    return fwu_log_end_begin_file(w.log, number);
 }
 
 static int append(fwu_writer &w, const fwu_commit &commit)
@@ -399,18 +351,13 @@ static int append(fwu_writer &w, const fwu_commit &commit)
         (void)fwu_log_end_cut_tail(w.log); // reported, and tried again before the next transaction
         return -1;
     }
-    w.log.end += w.txn.spill.size + static_cast<int64_t>(w.txn.entries.size());
-    w.log.last_tag = w.txn.tag + 1;
     if (w.recnum != w.log.last_recnum)
         w.log.recnum_at = {w.log.file.generation, w.log.file.sequence, 0};
     w.log.last_recnum = w.recnum;
-    w.log.last = commit;
-    w.log.here.position = {w.log.file.generation, w.log.file.sequence, w.log.last_tag};
-    w.log.here.end = w.log.end;
-    w.log.here.commit = commit;
     if (!w.log.unsynced)
         w.unsynced_since = fwu_monotonic_ms();
-    w.log.unsynced = true;
+    fwu_log_end_advance(w.log, w.txn.spill.size + static_cast<int64_t>(w.txn.entries.size()),
+                        w.txn.tag + 1, commit);
     for (auto &[key, layout] : w.txn_layouts.known)
         (void)fwu_layouts_put(w.log.layouts, key, std::move(layout)); // forgotten for good
     if (w.next_file)

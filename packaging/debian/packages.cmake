@@ -29,7 +29,8 @@ Kestro follows a database's forward log and appends every insert, update and
 delete of the datasets selected as a fixed-width record to capture files.
 
 fwlog fills a forward log from a PostgreSQL server and prints changes as JSON,
-CSV and SQL; capread prints capture files as data, tmf shows message files.")
+CSV and SQL; capread prints capture files as data, tmf shows message files,
+capship brings forward logs to other hosts.")
 
 set(CPACK_DEBIAN_LIBTMF_PACKAGE_NAME libtmf${tmf_major})
 set(CPACK_DEBIAN_LIBTMF_PACKAGE_SECTION libs)

@@ -27,6 +27,8 @@ static const struct {
     {"util/", "The other subcommands of fwlog"},
     {"records/", "capread"},
     {"tools/capread/", "capread"},
+    {"ship/", "capship"},
+    {"tools/capship/", "capship"},
     {"tools/tmf/", "tmf"},
 };
 

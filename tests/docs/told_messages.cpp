@@ -7,7 +7,7 @@
 #include <set>
 
 static const std::vector<std::string> FOLDERS = {"driver", "capture", "ascii",   "fwutil", "util",
-                                                 "feed",   "changes", "records", "tools"};
+                                                 "feed",   "changes", "records", "ship",   "tools"};
 
 // Reports, dumps, the log of a run, questions to the server, comparisons.
 static const std::set<std::string> other_calls = {
@@ -72,6 +72,7 @@ static const std::set<std::string> other_texts = {
     "log 0123456789abcdef0123456789abcdef",
     "1 synced at 00000600 length 00000123 text 1a2b3c4d crc 5e6f7a8b",
     // what programs are for
+    "Brings forward logs to other hosts, through a stream of a NATS server.",
     "Shows, reads, writes and mends message files.",
     "Writes forward logs from PostgreSQL, and tells about them.",
     // parts of statements

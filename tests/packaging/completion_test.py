@@ -42,8 +42,12 @@ def subcommands(program):
     return re.findall(r"^  ([a-z]+) +[a-z]", help_of(program), re.M)
 
 
+def built(program):
+    return [program] if os.path.exists(BIN + program) else []
+
+
 def commands():
-    return [("capread",)] + [(program, word) for program in ("fwlog", "tmf")
+    return [("capread",)] + [(program, word) for program in ("fwlog", "tmf", *built("capship"))
                              for word in subcommands(program)]
 
 
@@ -51,7 +55,7 @@ class Completion(unittest.TestCase):
     def test_subcommands(self):
         self.assertGreaterEqual(set(subcommands("fwlog")), {"load", "postgresql", "info"})
         self.assertGreaterEqual(set(subcommands("tmf")), {"info", "read", "write"})
-        for program in ("fwlog", "tmf"):
+        for program in ("fwlog", "tmf", *built("capship")):
             self.assertEqual(sorted(completed(program, "")),
                              sorted(["-h", "--help", "--version", *subcommands(program)]))
         self.assertEqual(completed("tmf", "re"), ["read", "repair"])

@@ -14,7 +14,11 @@ using testing::HasSubstr;
 using testing::Not;
 
 static const std::string BUILD = KESTRO_BUILD_DIR;
-static const char *const PROGRAMS[] = {"/bin/Kestro", "/bin/fwlog", "/bin/capread", "/bin/tmf"};
+static const char *const PROGRAMS[] = {"/bin/Kestro", "/bin/fwlog", "/bin/capread",
+#ifdef KESTRO_HAS_SHIP
+                                       "/bin/capship",
+#endif
+                                       "/bin/tmf"};
 static const char *const LIBRARIES[] = {"/lib/libtmf.so", "/lib/libfwutil.so"};
 
 class Hardening : public testing::Test {

@@ -184,7 +184,7 @@ TEST_F(Installed, BashFindsTheCompletion)
         GTEST_SKIP() << "bash-completion is missing: Debian package bash-completion";
     fs::create_directory_symlink(prefix + "/share",
                                  dir.file("share")); // its loader splits at blanks
-    for (const char *program : {"Kestro", "fwlog", "capread", "tmf"}) {
+    for (const char *program : {"Kestro", "fwlog", "capread", "capship", "tmf"}) {
         expect_shell(std::string("BASH_COMPLETION_USER_DIR=$PWD/share/bash-completion bash -c '"
                                  ". /usr/share/bash-completion/bash_completion;"
                                  "_completion_loader ") +
