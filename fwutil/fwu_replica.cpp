@@ -123,9 +123,9 @@ int fwu_replica_begin_file(fwu_replica *replica, const fwu_file_header &header)
 
 static int wrong(const fwu_replica &r, const char *what)
 {
+    const int64_t offset = r.log.end + collected(r);
     return fwu_error("%s: what would come at offset %lld is no part of a log: %s",
-                     r.log.file.path.c_str(), static_cast<long long>(r.log.end + collected(r)),
-                     what);
+                     r.log.file.path.c_str(), static_cast<long long>(offset), what);
 }
 
 // Writes the transaction, whose commit entry stands behind the others.

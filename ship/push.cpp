@@ -71,11 +71,12 @@ static outcome begin(push_run &run, ship_server &server)
                            std::to_string(stream.last) +
                            ", is not there any more: it does not tell where to go on; push into a "
                            "new stream");
+    const uint64_t next = stream.last + 1;
     if (stream.last < run.acknowledged)
         tell(
             "stream %s: the server has lost messages %llu to %llu, which it had acknowledged; they "
             "are pushed again from the log",
-            options.stream, static_cast<unsigned long long>(stream.last + 1),
+            options.stream, static_cast<unsigned long long>(next),
             static_cast<unsigned long long>(run.acknowledged));
     run.acknowledged = stream.last;
     run.expected = stream.last;
