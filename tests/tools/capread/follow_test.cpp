@@ -1,8 +1,10 @@
 // Following: what comes later is printed when it comes, until a signal, behind a whole line.
+#include "msgfile/tmf.h"
+#include "tests/msgfile/other_process.h"
 #include "tests/tools/capread/capread_fixture.h"
 
+#include <filesystem>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 class CapreadFollow : public Capread {
   protected:
@@ -97,19 +99,24 @@ TEST_F(CapreadFollow, SignalEndsTheWaitBesideAnotherFilesWriter)
     EXPECT_TRUE(poll_until([&] { return waits("other"); }));
     EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
 
-    const pid_t writer = start_program({"/bin/sh", "-c",
-                                        "ulimit -f 65536; exec " KESTRO_BUILD_DIR
-                                        "/bin/tmf write --size 1 other < /dev/zero"},
-                                       setup(), file("writer-out"), file("writer-err"));
-    EXPECT_TRUE(poll_until([&] { return read_file(file("other")).size() > 100000; }));
+    const std::string other = file("other");
+    other_process writer({[&] {
+        tmf_handle *h = tmf_fopen(other.c_str(), 0);
+        while (tmf_fwrite(h, "x", 1) == 0) { // a wake-up each
+        }
+        return 1;
+    }});
+    writer.start();
+    const auto written = [&] { return std::filesystem::file_size(other); };
+    EXPECT_TRUE(poll_until([&] { return written() > 100000; }));
     start({"--remove", "m"});
     EXPECT_TRUE(comes(line(1)));
     EXPECT_TRUE(poll_until([&] { return waits("m"); }));
     EXPECT_EQ(stop(SIGTERM), 128 + SIGTERM);
     EXPECT_EQ(read_file(file("err")), "");
-    EXPECT_EQ(waitpid(writer, nullptr, WNOHANG), 0); // it wrote all the time
-    kill(writer, SIGTERM);
-    EXPECT_EQ(wait_program(writer), 128 + SIGTERM);
+    const auto before = written();
+    EXPECT_TRUE(poll_until([&] { return written() > before; })) << "it wrote all the time";
+    writer.kill();
 }
 
 TEST_F(CapreadFollow, TextWhoseLastLineIsTorn)
