@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <sys/stat.h>
+#include <unistd.h>
 
 class CapreadFollow : public Capread {
   protected:
@@ -102,13 +103,13 @@ TEST_F(CapreadFollow, SignalEndsTheWaitBesideAnotherFilesWriter)
     const std::string other = file("other");
     other_process writer({[&] {
         tmf_handle *h = tmf_fopen(other.c_str(), 0);
-        while (tmf_fwrite(h, "x", 1) == 0) { // a wake-up each
-        }
+        while (tmf_fwrite(h, "x", 1) == 0) // a wake-up each
+            usleep(50); // and the reader sleeps in between, so that a signal finds it
         return 1;
     }});
     writer.start();
     const auto written = [&] { return std::filesystem::file_size(other); };
-    EXPECT_TRUE(poll_until([&] { return written() > 100000; }));
+    EXPECT_TRUE(poll_until([&] { return written() > 5000; }));
     start({"--remove", "m"});
     EXPECT_TRUE(comes(line(1)));
     EXPECT_TRUE(poll_until([&] { return waits("m"); }));
