@@ -147,7 +147,9 @@ static void tell_held_up(const pgs_server &server, wait_state &wait, const std::
 // A wait that neither the server nor the time has ended.
 static outcome wait_ended(stop_wait waited)
 {
-    return waited == STOP_ERROR ? pgs_wait_failed() : OUTCOME_STOPPED;
+    if (waited == STOP_ERROR)
+        return pgs_wait_failed();
+    return OUTCOME_STOPPED;
 }
 
 // Receives something of the answer to what was sent.  A signal to stop ends the wait.
